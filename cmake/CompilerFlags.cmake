@@ -1,0 +1,12 @@
+# Flags that every target of this project is built with, and the sanitizers that a preset may ask for.
+add_library(projectFlags INTERFACE)
+target_compile_features(projectFlags INTERFACE cxx_std_20)
+target_compile_options(projectFlags INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wold-style-cast
+                                              -Werror -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+set(TW_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
+if(TW_SANITIZE)
+  target_compile_options(projectFlags INTERFACE -fsanitize=${TW_SANITIZE} -fno-omit-frame-pointer
+                                                -fno-sanitize-recover=all)
+  target_link_options(projectFlags INTERFACE -fsanitize=${TW_SANITIZE})
+endif()

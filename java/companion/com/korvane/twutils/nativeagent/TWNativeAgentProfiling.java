@@ -1,0 +1,124 @@
+package com.korvane.twutils.nativeagent;
+
+/**
+ * Drives the native agent from inside the profiled program.
+ *
+ * <p>The natives bind from the library that the JVM was started with ({@code
+ * -agentpath:.../libjavanativeagent.so}); this class loads nothing by itself. Without the agent
+ * every native throws {@link UnsatisfiedLinkError}. A native whose profiler was not chosen with
+ * {@code features=} does nothing and returns 0.
+ *
+ * <p>Control calls are to be issued one at a time.
+ */
+public final class TWNativeAgentProfiling {
+  private TWNativeAgentProfiling() {}
+
+  /**
+   * Opens a lock profiling session: sets its limits and forgets what an earlier one gathered.
+   *
+   * @param sessionId reported as "sessionid" (its low 32 bits)
+   * @param sessionName reported as "sessionname"
+   * @param durationSeconds length of the session; each whole minute is one slot of the lock graphs
+   * @param topLockCount how many locks the detail session follows; negative for all
+   * @param maxLockCount how many distinct locks are recorded
+   * @param maxThreadPerLockCount how many threads are recorded for each lock
+   * @param maxThreadCount how many owner threads are recorded
+   * @param maxStackTraceCount how many cut stack traces (100 frames) write the stack file at once
+   * @param maxStackTraceCountPerThread logged with the session
+   * @param stackFilePath the file that stack traces are appended to
+   * @return 1 when the session was configured, else 0
+   */
+  public static native int startMutexLockProfilingSession(
+      long sessionId,
+      String sessionName,
+      long durationSeconds,
+      int topLockCount,
+      int maxLockCount,
+      int maxThreadPerLockCount,
+      int maxThreadCount,
+      int maxStackTraceCount,
+      int maxStackTraceCountPerThread,
+      String stackFilePath);
+
+  /** Starts counting contended entries for every lock. */
+  public static native int startMutexLockSummarySession(long sessionId);
+
+  /** Ranks the locks seen so far and records threads, owners, waits and stacks from here on. */
+  public static native int startMutexLockDetailSession(long sessionId);
+
+  /** Ends the summary phase. */
+  public static native int stopMutexLockSummarySession(long sessionId);
+
+  /** Ends the detail phase. */
+  public static native int stopMutexLockDetailSession(long sessionId);
+
+  /**
+   * Closes the lock profiling session and writes its report.
+   *
+   * @return 1 when the report was written, else 0
+   */
+  public static native int stopMutexLockProfilingSession(long sessionId, String reportPath);
+
+  /**
+   * Opens a memory session.
+   *
+   * @param excludeClasses a text; a class whose dotted name occurs in it is left out
+   * @param excludePackages a text; a class whose package occurs in it is left out
+   * @param includeClasses a text; a class whose dotted name occurs in it is reported first
+   * @param includePackages a text; a class whose package occurs in it is reported first
+   * @return 1 when the session was configured, else 0
+   */
+  public static native int startMemoryLeaksProfileSession(
+      boolean memoryLeakEnable,
+      long duration,
+      int sessionId,
+      String sessionName,
+      int topNClassCount,
+      String excludeClasses,
+      String excludePackages,
+      String includeClasses,
+      String includePackages);
+
+  /**
+   * Closes the memory session, scans the heap for tagged objects and writes the report.
+   *
+   * @return 1 when the report was written, else 0
+   */
+  public static native int stopMemoryLeaksProfileSession(long sessionId, String reportPath);
+
+  /** Runs a full garbage collection. */
+  public static native void forceGarbageCollection();
+
+  /** Marks an object as one to follow, with the current garbage-collection generation. */
+  public static native void setObjectTag(Object object);
+
+  /** Placeholder entry point; always 0. */
+  public static native int getExtendedMatricesFromNative(String text);
+
+  /**
+   * Switches exception capture on or off.
+   *
+   * @param captureRate records for each exception class within 60 seconds; 0 or less for no limit
+   * @param stackTraceDepth frames to walk, 100 at most
+   * @param blackList exception class names that are never recorded, separated by commas and
+   *     enclosed in one character on each side, as in {@code "[a.b.C,d.E]"}
+   * @return 1 when the settings were taken, else 0
+   */
+  public static native int enableCaptureVariableinException(
+      boolean enable,
+      boolean classVariables,
+      boolean methodArguments,
+      boolean localVariables,
+      boolean threadLocals,
+      int captureRate,
+      int stackTraceDepth,
+      String blackList);
+
+  /** Called by the agent with each captured exception, on the thread that threw it. */
+  public static void onExceptionOccured(String record, Object exception) {}
+
+  /** Called by the agent for the text of an object. */
+  public static String getobjectValue(Object object) {
+    return String.valueOf(object);
+  }
+}
