@@ -1,0 +1,34 @@
+// A file written from front to back. Errors are kept, the first one wins, and close() tells it.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace support {
+
+class fileWriter {
+ public:
+  enum class mode { truncate, append };
+
+  // Opens or creates the file; the group and others cannot write a file created here.
+  fileWriter(const std::string& path, mode how);
+  ~fileWriter();
+  fileWriter(const fileWriter&) = delete;
+  fileWriter& operator=(const fileWriter&) = delete;
+
+  // Appends; buffered. Does nothing after an error.
+  void write(std::string_view text);
+
+  // Writes out what is buffered and closes. The system's reason for the first failure since
+  // opening, or an empty text when everything was written.
+  std::string close();
+
+ private:
+  void flush(std::string_view bytes);
+
+  int descriptor_;
+  int error_ = 0;  // errno of the first failure
+  std::string buffer_;
+};
+
+}  // namespace support

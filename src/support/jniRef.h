@@ -1,0 +1,104 @@
+// Owners of JNI references, frames, characters and pending exceptions.
+#pragma once
+
+#include <jni.h>
+
+#include <string>
+#include <utility>
+
+namespace support {
+
+// A local reference, deleted with its owner.
+template <typename T = jobject>
+class localRef {
+ public:
+  localRef() = default;
+  localRef(JNIEnv* jni, T ref) : jni_(jni), ref_(ref) {}
+  ~localRef() { reset(); }
+  localRef(localRef&& other) noexcept
+      : jni_(other.jni_), ref_(std::exchange(other.ref_, nullptr)) {}
+  localRef& operator=(localRef&& other) noexcept {
+    std::swap(jni_, other.jni_);
+    std::swap(ref_, other.ref_);
+    return *this;
+  }
+
+  T get() const { return ref_; }
+  explicit operator bool() const { return ref_ != nullptr; }
+
+ private:
+  void reset() {
+    if (ref_ != nullptr) jni_->DeleteLocalRef(ref_);
+    ref_ = nullptr;
+  }
+
+  JNIEnv* jni_ = nullptr;
+  T ref_ = nullptr;
+};
+
+// A local frame: every local reference made while it stands is freed with it. `capacity` is how
+// many references the caller expects; a VM that cannot provide them leaves the frame out, and the
+// references go to the frame around it.
+class localFrame {
+ public:
+  localFrame(JNIEnv* jni, jint capacity) : jni_(jni), pushed_(jni->PushLocalFrame(capacity) == 0) {
+    if (!pushed_) jni->ExceptionClear();
+  }
+  ~localFrame() {
+    if (pushed_) jni_->PopLocalFrame(nullptr);
+  }
+  localFrame(const localFrame&) = delete;
+  localFrame& operator=(const localFrame&) = delete;
+
+ private:
+  JNIEnv* jni_;
+  bool pushed_;
+};
+
+// Puts a pending Java exception aside while the agent makes calls that are not allowed with one,
+// clears whatever those calls left behind, and raises the exception again at the end.
+class pendingExceptionGuard {
+ public:
+  explicit pendingExceptionGuard(JNIEnv* jni) : jni_(jni), saved_(jni, jni->ExceptionOccurred()) {
+    if (saved_) jni_->ExceptionClear();
+  }
+  ~pendingExceptionGuard() {
+    clear();
+    if (saved_) jni_->Throw(saved_.get());
+  }
+  pendingExceptionGuard(const pendingExceptionGuard&) = delete;
+  pendingExceptionGuard& operator=(const pendingExceptionGuard&) = delete;
+
+  // Clears an exception that a call of the agent has raised; true when there was one.
+  bool clear() {
+    if (jni_->ExceptionCheck() == JNI_FALSE) return false;
+    jni_->ExceptionClear();
+    return true;
+  }
+
+ private:
+  JNIEnv* jni_;
+  localRef<jthrowable> saved_;
+};
+
+// The modified UTF-8 text of a Java string; empty for null and when the VM has no memory for it
+// (the OutOfMemoryError is then cleared).
+inline std::string textOf(JNIEnv* jni, jstring string) {
+  if (string == nullptr) return {};
+  const char* chars = jni->GetStringUTFChars(string, nullptr);
+  if (chars == nullptr) {
+    jni->ExceptionClear();
+    return {};
+  }
+  std::string text;
+  try {
+    text = chars;
+  } catch (...) {
+    jni->ReleaseStringUTFChars(string, chars);
+    throw;
+  }
+  jni->ReleaseStringUTFChars(string, chars);
+  return text;
+}
+
+}  // namespace support

@@ -1,0 +1,121 @@
+#include "support/jsonWriter.h"
+
+#include <array>
+#include <charconv>
+
+namespace support {
+
+jsonWriter& jsonWriter::beginObject() {
+  open('{', false);
+  return *this;
+}
+
+jsonWriter& jsonWriter::endObject() {
+  close('}');
+  return *this;
+}
+
+jsonWriter& jsonWriter::beginArray() {
+  open('[', true);
+  return *this;
+}
+
+jsonWriter& jsonWriter::endArray() {
+  close(']');
+  return *this;
+}
+
+jsonWriter& jsonWriter::key(std::string_view name) {
+  separate();
+  quote(name);
+  text_ += ": ";
+  afterKey_ = true;
+  return *this;
+}
+
+jsonWriter& jsonWriter::string(std::string_view text) {
+  separate();
+  quote(text);
+  return *this;
+}
+
+jsonWriter& jsonWriter::number(std::int32_t value) {
+  separate();
+  std::array<char, 12> digits;
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+  text_.append(digits.data(), end);
+  return *this;
+}
+
+void jsonWriter::open(char bracket, bool onOneLine) {
+  separate();
+  text_ += bracket;
+  levels_.push_back({false, onOneLine || (!levels_.empty() && levels_.back().onOneLine)});
+}
+
+void jsonWriter::close(char bracket) {
+  const level closed = levels_.back();
+  levels_.pop_back();
+  if (closed.hasValues && !closed.onOneLine) lineBreak();
+  text_ += bracket;
+}
+
+void jsonWriter::separate() {
+  if (afterKey_) {
+    afterKey_ = false;
+    return;
+  }
+  if (levels_.empty()) return;
+  level& current = levels_.back();
+  if (current.hasValues) text_ += current.onOneLine ? ", " : ",";
+  current.hasValues = true;
+  if (!current.onOneLine) lineBreak();
+}
+
+void jsonWriter::lineBreak() {
+  text_ += '\n';
+  text_.append(levels_.size(), ' ');
+}
+
+void jsonWriter::quote(std::string_view text) {
+  text_ += '"';
+  appendEscaped(text_, text);
+  text_ += '"';
+}
+
+void appendEscaped(std::string& out, std::string_view text) {
+  constexpr std::string_view kHexDigits = "0123456789abcdef";
+  constexpr unsigned char kDelete = 127;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte == 0) return;
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        continue;
+      case '\\':
+        out += "\\\\";
+        continue;
+      case '\n':
+        out += "\\n";
+        continue;
+      case '\r':
+        out += "\\r";
+        continue;
+      case '\t':
+        out += "\\t";
+        continue;
+      default:
+        break;
+    }
+    if (byte >= ' ' && byte != kDelete) {
+      out += c;
+      continue;
+    }
+    out += "\\u00";
+    out += kHexDigits[byte >> 4U];
+    out += kHexDigits[byte & 0xFU];
+  }
+}
+
+}  // namespace support

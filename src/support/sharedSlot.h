@@ -1,0 +1,67 @@
+// A place that publishes one shared object to many readers.
+//
+// Event handlers take a reference on what they work on, so a control call or the unloading of the
+// agent can take it away at any moment without waiting for them: the last one out destroys it. A
+// plain shared_ptr in one place would make every event of every thread write to one cache line;
+// here each reader uses the cell that its thread hashes to, and each cell counts its references
+// apart from the others.
+#pragma once
+
+#include <pthread.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+namespace support {
+
+template <typename T>
+class sharedSlot {
+ public:
+  // A reference on the published object, or none. Waits only for another thread's copy of a
+  // pointer. Any thread.
+  std::shared_ptr<T> load() const {
+    const cell& mine = cells_[cellOfThisThread()];
+    const std::lock_guard<std::mutex> guard(mine.mutex);
+    return mine.value;
+  }
+
+  // Publishes `value` (or nothing, for null) to all readers; not atomic over readers of different
+  // threads. Calls from several threads are to be serialised by the caller.
+  void store(const std::shared_ptr<T>& value) {
+    for (cell& each : cells_) {
+      std::shared_ptr<T> next = withOwnCount(value);
+      const std::lock_guard<std::mutex> guard(each.mutex);
+      each.value.swap(next);
+    }  // what was published is dropped here, after the cell's mutex
+  }
+
+ private:
+  static constexpr std::size_t kCells = 32;
+  static constexpr std::size_t kCacheLine = 64;
+
+  struct alignas(kCacheLine) cell {
+    mutable std::mutex mutex;
+    std::shared_ptr<T> value;
+  };
+
+  static std::size_t cellOfThisThread() {
+    constexpr std::uint64_t kGoldenRatio = 0x9E3779B97F4A7C15U;
+    return static_cast<std::size_t>((pthread_self() * kGoldenRatio) >> 59U);
+  }
+
+  // A pointer to the same object whose reference count is another one.
+  static std::shared_ptr<T> withOwnCount(const std::shared_ptr<T>& value) {
+    if (!value) return nullptr;
+    auto holder = std::make_shared<std::shared_ptr<T>>(value);
+    T* object = value.get();
+    return std::shared_ptr<T>(std::move(holder), object);
+  }
+
+  std::array<cell, kCells> cells_;
+};
+
+}  // namespace support
