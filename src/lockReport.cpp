@@ -1,0 +1,133 @@
+#include "lockReport.h"
+
+#include <utility>
+
+namespace agent {
+
+namespace {
+
+constexpr std::int64_t kNanosPerSecond = 1000000000;
+
+// Every number of the report is the low 32 bits of its value, signed.
+template <typename Number>
+std::int32_t cut(Number value) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(value));
+}
+
+std::int32_t seconds(std::uint64_t nanos) {
+  return cut(static_cast<std::int64_t>(nanos) / kNanosPerSecond);
+}
+
+void mergeStackTraces(stackTraceBeans& into, const stackTraceBeans& from) {
+  for (const auto& [hash, bean] : from) {
+    const auto [merged, isNew] = into.try_emplace(hash, bean);
+    if (isNew) continue;
+    merged->second.count += bean.count;
+    merged->second.hashcode = hash;
+  }
+}
+
+void writeStackTraces(support::jsonWriter& json, const stackTraceBeans& beans) {
+  json.key("stacktracebean").beginObject();
+  for (const auto& [hash, bean] : beans) {
+    json.key(std::to_string(hash)).beginObject();
+    json.member("count", cut(bean.count));
+    json.member("hashcode", std::to_string(bean.hashcode));
+    json.endObject();
+  }
+  json.endObject();
+}
+
+void writeThread(support::jsonWriter& json, const std::string& name, threadBean& thread) {
+  stackTraceBeans stackTraces;
+  {
+    const support::lockGuard guard(thread.stackMutex);
+    stackTraces = thread.stacktracebean;
+  }
+  json.key(name).beginObject();
+  json.member("name", name);
+  json.member("count", cut(thread.count.load()));
+  json.member("totalBlockTime", seconds(thread.totalBlockTime.load()));
+  json.member("totalWaitTime", seconds(thread.totalWaitTime.load()));
+  writeStackTraces(json, stackTraces);
+  json.endObject();
+}
+
+// "graph": exactly `size` numbers; slots beyond those that are counted are 0.
+void writeGraph(support::jsonWriter& json, lockBean& lock, std::int32_t size) {
+  lockBean::minuteGraph slots{};
+  {
+    const support::lockGuard guard(lock.mutex);
+    if (lock.graph) slots = *lock.graph;
+  }
+  json.key("graph").beginArray();
+  for (std::int32_t i = 0; i < size; ++i) {
+    const auto slot = static_cast<std::size_t>(i);
+    json.number(slot < slots.size() ? cut(slots[slot]) : 0);
+  }
+  json.endArray();
+}
+
+}  // namespace
+
+blockingThreadBeans mergeBlockingThreads(const topLockBeans& topLocks) {
+  blockingThreadBeans merged;
+  for (const auto& [lockName, top] : topLocks) {
+    const support::lockGuard guard(top->mutex);
+    for (const auto& [ownerName, owner] : top->blockingThreads) {
+      const auto [known, isNew] = merged.try_emplace(ownerName, owner);
+      if (isNew) continue;
+      known->second.blockCount += owner.blockCount;
+      known->second.blockingCount += owner.blockingCount;
+      known->second.totalBlockingTime += owner.totalBlockingTime;
+      mergeStackTraces(known->second.stacktracebean, owner.stacktracebean);
+    }
+  }
+  return merged;
+}
+
+void writeSession(support::jsonWriter& json, const LockSessionConfig& config) {
+  json.member("sessionname", config.sessionName);
+  json.member("sessionid", cut(config.sessionId));
+}
+
+std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t graphSize) {
+  std::map<std::string_view, threadBean*> threads;
+  {
+    const support::lockGuard guard(lock.mutex);
+    for (auto& [name, thread] : lock.threadbean) threads.emplace(name, &thread);
+  }
+  json.key(lock.lockName).beginObject();
+  json.member("id", lock.name());
+  json.member("count", cut(lock.count.load()));
+  writeGraph(json, lock, graphSize);
+  json.member("totalBlockTime", seconds(lock.totalBlockTime.load()));
+  json.member("totalWaitTime", seconds(lock.totalWaitTime.load()));
+  json.key("threadbean").beginObject();
+  for (const auto& [name, thread] : threads) writeThread(json, std::string(name), *thread);
+  json.endObject();
+  json.endObject();
+  return threads.size();
+}
+
+void writeStackHashes(support::jsonWriter& json, const lockStore& store) {
+  json.key("stacktracemap").beginObject();
+  for (const std::uint64_t hash : store.stackHashes()) json.member(std::to_string(hash), "");
+  json.endObject();
+}
+
+void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& owners) {
+  json.key("blockingThreads").beginObject();
+  for (const auto& [name, owner] : owners) {
+    json.key(name).beginObject();
+    json.member("name", name);
+    json.member("blockingCount", cut(owner.blockingCount));
+    json.member("blockCount", cut(owner.blockCount));
+    json.member("totalBlockingTime", seconds(owner.totalBlockingTime));
+    writeStackTraces(json, owner.stacktracebean);
+    json.endObject();
+  }
+  json.endObject();
+}
+
+}  // namespace agent

@@ -1,0 +1,788 @@
+#include "mutexlockprofiler.h"
+
+#include <array>
+#include <chrono>
+#include <optional>
+#include <utility>
+
+#include "boundary.h"
+#include "lockReport.h"
+#include "profilerRegistry.h"
+#include "support/fileWriter.h"
+#include "support/jniRef.h"
+#include "support/jvmtiPtr.h"
+#include "support/jvmtiRecords.h"
+#include "support/text.h"
+#include "twAprLib.h"
+
+namespace agent {
+
+namespace {
+
+constexpr const char* kSetProfileData = "mutexLockProfiler::setProfileData";
+constexpr const char* kSortData = "mutexLockProfiler::sortData";
+constexpr const char* kDumpJson = "mutexLockProfiler::dumpJsonObjectFromMapDS";
+constexpr const char* kDumpStack = "mutexLockProfiler::dumpStackInFile";
+constexpr const char* kUpdateStackTrace = "mutexLockProfiler::updateStackTrace";
+constexpr const char* kVMInit = "mutexLockProfiler::VMInit";
+
+constexpr const char* kNoProfiler = "Unable to get mutex profiler";
+
+constexpr jint kMaxFrames = 100;
+constexpr std::int64_t kNanosPerMinute = 60000000000;
+constexpr std::uint32_t kLastMinuteSlot = 300;
+
+// The locks ranked since the last report; of the process, not of a profiler.
+struct reportQueueOfProcess {
+  support::mutex mutex;
+  mutexLockProfiler::rankedLocks locks GUARDED_BY(mutex);
+};
+
+reportQueueOfProcess& reportQueue() {
+  static reportQueueOfProcess& queue = *new reportQueueOfProcess;
+  return queue;
+}
+
+// The start of the block or wait that an event ends, left by an earlier event of the thread.
+std::optional<std::int64_t> startOf(jvmtiEnv* jvmti, jthread thread) {
+  void* stored = nullptr;
+  if (jvmti->GetThreadLocalStorage(thread, &stored) != JVMTI_ERROR_NONE || stored == nullptr) {
+    return std::nullopt;
+  }
+  return static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stored));
+}
+
+void storeStart(jvmtiEnv* jvmti, jthread thread, std::int64_t time) {
+  jvmti->SetThreadLocalStorage(thread, reinterpret_cast<void*>(static_cast<std::intptr_t>(time)));
+}
+
+// The time from `start` to `end`; 0 when one of them is not known.
+std::uint64_t elapsed(std::int64_t start, std::int64_t end) {
+  return start > 0 && end > start ? static_cast<std::uint64_t>(end - start) : 0;
+}
+
+// One line for each frame, "at a.b.C.m()" and a line feed. A frame that the VM cannot name adds
+// nothing.
+std::string textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, const jvmtiFrameInfo* frames, jint count) {
+  constexpr std::size_t kUsualLine = 80;
+  std::string text;
+  text.reserve(static_cast<std::size_t>(count) * kUsualLine);
+  for (jint i = 0; i < count; ++i) {
+    const jmethodID method = frames[i].method;
+    support::jvmtiText name(jvmti);
+    name.fill([&](char** out) { return jvmti->GetMethodName(method, out, nullptr, nullptr); });
+    jclass declaring = nullptr;
+    if (!name || jvmti->GetMethodDeclaringClass(method, &declaring) != JVMTI_ERROR_NONE) continue;
+    const support::localRef<jclass> cls(jni, declaring);
+    support::jvmtiText signature(jvmti);
+    signature.fill([&](char** out) { return jvmti->GetClassSignature(declaring, out, nullptr); });
+    if (!signature) continue;
+    text += "at ";
+    support::appendDottedClass(text, signature.view());
+    text += '.';
+    text += name.view();
+    text += "()\n";
+  }
+  return text;
+}
+
+// A turn in asking the VM about a monitor. It waits a bounded time: a debugger may have suspended
+// the thread whose turn it is, and then everybody goes on without one.
+class usageTurn {
+ public:
+  explicit usageTurn(std::timed_mutex& mutex)
+      : lock_(mutex, std::chrono::system_clock::now() + kPatience) {}
+
+ private:
+  static constexpr std::chrono::seconds kPatience{1};
+  std::unique_lock<std::timed_mutex> lock_;
+};
+
+std::string describe(const LockSessionConfig& config) {
+  std::string text = "*********Session Details :\n\t\tSession Id : ";
+  text += std::to_string(config.sessionId);
+  text += "\n\t\tSession Name : " + config.sessionName;
+  text += "\n\t\tDuration : " + std::to_string(config.duration);
+  text += "\n\t\tMax Locks Count  : " + std::to_string(config.maxLockCount.value());
+  text += "\n\t\tTop Lock count to capture : " + std::to_string(config.topLockCount);
+  text += "\n\t\tMax Thread Per Lock Count : " + std::to_string(config.maxThreadPerLockCount);
+  text += "\n\t\tMax Thread Count : " + std::to_string(config.maxThreadCount);
+  text += "\n\t\tMax StackTrace Count : " + std::to_string(config.maxStackTraceCount.value());
+  text += "\n\t\tMax StackTrace Count Per Thread : " +
+          std::to_string(config.maxStackTraceCountPerThread);
+  text += "\n\t\tSize of graph array : " + std::to_string(config.graphSize);
+  return text;
+}
+
+void logUnwritable(const char* function, const char* what, const std::string& path,
+                   const std::string& reason) {
+  TW_LOG(kLogError, kSeverityError, function, "Unable to write %s '%s'. Error = '%s'", what,
+         path.c_str(), reason.c_str());
+}
+
+}  // namespace
+
+// What a handler says in the log; null texts are not said.
+struct mutexLockProfiler::handlerTexts {
+  const char* function;
+  const char* objectIsNull;
+  const char* noGetClass;
+  const char* noGetName;
+  const char* classIsEmpty;
+  const char* threadIsNull;
+  const char* exception;
+  bool saysWhoAndWhat = true;  // thread and lock of every event, at Debug
+
+  void error(const char* message) const {
+    if (message != nullptr) TW_LOG(kLogError, kSeverityError, function, "%s", message);
+  }
+};
+
+// One event, and what its handler works on.
+struct mutexLockProfiler::monitorEvent {
+  jvmtiEnv* jvmti;
+  JNIEnv* jni;
+  jthread thread;
+  jobject object;
+  const handlerTexts& texts;
+  std::int32_t state;
+  std::uint32_t epoch;
+  std::shared_ptr<lockStore> store;
+  support::threadName threadName;  // read only where it is used
+  jlong time = 0;                  // 0 when the VM gave none
+
+  bool detail() const { return state == kLockDetail; }
+};
+
+// The lock of an event: its record, or what it would be recorded under.
+struct mutexLockProfiler::namedMonitor {
+  lockBean* bean = nullptr;
+  std::shared_ptr<const support::javaClass> cls;  // known at least when there is no record
+  jint hash = 0;
+
+  std::string name() const { return bean ? bean->lockName : lockNameOf(cls->name(), hash); }
+};
+
+mutexLockProfiler::mutexLockProfiler() : profiler(kLockStopped) {
+  store_.store(std::make_shared<lockStore>(nullptr));
+}
+
+void mutexLockProfiler::setState(std::int32_t state) {
+  epoch_.fetch_add(1);
+  profiler::setState(state);
+  epoch_.fetch_add(1);
+}
+
+void mutexLockProfiler::setEventCallbacks() {
+  const std::shared_ptr<profilerRegistry> registry = getRegistry();
+  if (registry->environment() == nullptr) return;
+  registry->callbacks.VMInit = VMInit;
+  registry->callbacks.MonitorWait = MonitorWait;
+  registry->callbacks.MonitorWaited = MonitorWaited;
+  registry->callbacks.MonitorContendedEnter = MonitorContendedEnter;
+  registry->callbacks.MonitorContendedEntered = MonitorContendedEntered;
+  setState(kLockProfiling);
+}
+
+void mutexLockProfiler::release() {
+  store_.store(std::make_shared<lockStore>(nullptr));
+}
+
+void mutexLockProfiler::addCapabilities() {
+  const std::shared_ptr<profilerRegistry> registry = getRegistry();
+  if (registry->environment() == nullptr) return;
+  registry->capabilities.can_get_owned_monitor_info = 1;
+  registry->capabilities.can_get_current_contended_monitor = 1;
+  registry->capabilities.can_get_monitor_info = 1;
+  registry->capabilities.can_generate_monitor_events = 1;
+}
+
+std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> settings) {
+  constexpr const char* kException = "Exception occured in mutexlockprofiler : setProfileData";
+  return contained(kSetProfileData, kException, 0, [&] {
+    if (!getMutexProfiler()) return 0;
+    auto* const given = dynamic_cast<LockSessionConfig*>(settings.get());
+    if (given == nullptr) return 0;
+    settings.release();
+    const auto next = std::make_shared<lockStore>(std::unique_ptr<LockSessionConfig>(given));
+    store_.store(next);
+    epoch_.fetch_add(1);
+    if (twAprLib::level() < kLogTrace) return 1;
+    TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", describe(*next->config).c_str());
+    return 1;
+  });
+}
+
+void mutexLockProfiler::setProfilerEventMode(bool enable) {
+  const std::shared_ptr<profilerRegistry> registry = getRegistry();
+  jvmtiEnv* const jvmti = registry->environment();
+  if (state() != kLockProfiling || jvmti == nullptr) return;
+  for (const jvmtiEvent event :
+       {JVMTI_EVENT_VM_INIT, JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED,
+        JVMTI_EVENT_MONITOR_CONTENDED_ENTER, JVMTI_EVENT_MONITOR_CONTENDED_ENTERED}) {
+    jvmti->SetEventNotificationMode(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, nullptr);
+  }
+}
+
+// --- Ranking ---------------------------------------------------------------------------------
+
+void mutexLockProfiler::sortData() {
+  constexpr const char* kException = "Exception occured in mutexlockprofiler : sortData";
+  contained(kSortData, kException, [&] {
+    if (!getMutexProfiler()) {
+      TW_LOG(kLogError, kSeverityError, kSortData, "%s", kNoProfiler);
+      return;
+    }
+    const std::shared_ptr<lockStore> current = store();
+    const std::vector<lockBean*> locks = current->locksByName();
+    TW_LOG(kLogDebug, kSeverityDebug, kSortData, "In sort data size of Lock Map is :%zu",
+           locks.size());
+    if (locks.empty()) {
+      TW_LOG(kLogError, kSeverityError, kSortData, "No lock object found");
+    }
+    select(current, locks);
+    TW_LOG(kLogDebug, kSeverityDebug, kSortData, "Going to reset count");
+    for (lockBean* const lock : locks) {
+      lock->count.store(0);
+      lock->totalBlockTime.store(0);
+    }
+  });
+}
+
+// Keeps the locks with the longest block times; at the cut, the one met first stays.
+void mutexLockProfiler::select(const std::shared_ptr<lockStore>& store,
+                               const std::vector<lockBean*>& locks) {
+  const auto most = static_cast<std::uint32_t>(store->config ? store->config->topLockCount : 0);
+  rankedLocks selectionHeap;
+  for (lockBean* const lock : locks) {
+    const auto blockTime = static_cast<std::int64_t>(lock->totalBlockTime.load());
+    if (selectionHeap.size() >= most) {
+      if (most == 0 || blockTime <= selectionHeap.top().blockTime) continue;
+      selectionHeap.pop();
+    }
+    selectionHeap.push({lock->lockName, blockTime, store, lock});
+  }
+
+  for (; !selectionHeap.empty(); selectionHeap.pop()) {
+    {
+      const support::lockGuard guard(reportQueue().mutex);
+      reportQueue().locks.push(selectionHeap.top());
+    }
+    const support::lockGuard guard(topLockMutex_);
+    std::shared_ptr<topLockBean>& top = topLockMap_[selectionHeap.top().lockName];
+    if (top) {
+      top->clear();
+    } else {
+      top = std::make_shared<topLockBean>();
+    }
+    topLockVersion_.fetch_add(1);
+  }
+  epoch_.fetch_add(1);
+}
+
+void mutexLockProfiler::clearTopLocks() {
+  const support::lockGuard guard(topLockMutex_);
+  topLockMap_.clear();
+  topLockVersion_.fetch_add(1);
+}
+
+std::shared_ptr<topLockBean> mutexLockProfiler::findTopLock(std::string_view lockName) {
+  const support::lockGuard guard(topLockMutex_);
+  const auto found = topLockMap_.find(lockName);
+  return found == topLockMap_.end() ? nullptr : found->second;
+}
+
+mutexLockProfiler::rankedLocks mutexLockProfiler::takeReportQueue() {
+  rankedLocks taken;
+  const support::lockGuard guard(reportQueue().mutex);
+  taken.swap(reportQueue().locks);
+  return taken;
+}
+
+// --- Reports ---------------------------------------------------------------------------------
+
+std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) {
+  constexpr const char* kException =
+      "Exception occured in  mutexprofiler : dumpJsonObjectFromMapDS";
+  return contained(kDumpJson, kException, 0, [&] {
+    const std::shared_ptr<lockStore> current = store();
+    if (!getMutexProfiler()) return 0;
+    if (!current->config) {
+      TW_LOG(kLogError, kSeverityError, kDumpJson,
+             "No lock report written: no lock profiling session was started");
+      return 0;
+    }
+    dumpStackInFile(*current);
+
+    const std::string reportPath = support::textOf(jni, path);
+    TW_LOG(kLogTrace, kSeverityTrace, kDumpJson, "File Path to dump json : %s", reportPath.c_str());
+    if (reportPath.empty()) {
+      TW_LOG(kLogError, kSeverityError, kDumpJson,
+             "No lock report written: the report path is null or empty");
+      return 0;
+    }
+    support::fileWriter file(support::fileSystemPath(reportPath),
+                             support::fileWriter::mode::truncate);
+
+    support::jsonWriter json;
+    json.beginObject();
+    writeSession(json, *current->config);
+
+    json.key("lockmap").beginObject();
+    rankedLocks ranked = takeReportQueue();
+    if (ranked.empty()) {
+      TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+             "Agent was not able to find any lockBean data to report genuinely as no problem "
+             "occurred");
+    }
+    for (; !ranked.empty(); ranked.pop()) {
+      const rankedLock& each = ranked.top();
+      // A lock of an earlier session is not reported any more.
+      if (each.store.lock() != current || !each.bean->hasThreads()) continue;
+      if (writeLock(json, *each.bean, current->config->graphSize) == 0) {
+        TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+               "Agent was not able to find any threadBean data for %s to report genuinely as no "
+               "problem occurred",
+               each.lockName.c_str());
+      }
+    }
+    json.endObject();
+
+    writeStackHashes(json, *current);
+
+    topLockBeans topLocks;
+    {
+      const support::lockGuard guard(topLockMutex_);
+      topLocks = topLockMap_;
+    }
+    const blockingThreadBeans owners = mergeBlockingThreads(topLocks);
+    if (owners.empty()) {
+      TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+             "Agent was not able to find any blocking thread data to report genuinely as no "
+             "problem occurred");
+    }
+    writeBlockingThreads(json, owners);
+    json.endObject();
+
+    file.write(json.text());
+    const std::string reason = file.close();
+    if (!reason.empty()) logUnwritable(kDumpJson, "lock report", reportPath, reason);
+    clearTopLocks();
+    return 1;
+  });
+}
+
+void mutexLockProfiler::dumpStackInFile(lockStore& store) {
+  if (!store.config) return;
+  const support::lockGuard guard(store.stackMapMutex);
+  if (store.stacktracemap.empty()) return;
+  const std::string& path = store.config->stackFilePath;
+  support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::append);
+  TW_LOG(kLogDebug, kSeverityDebug, kDumpStack, "StackMap size is : %zu",
+         store.stacktracemap.size());
+  if (store.stacktracemap.empty()) {
+    TW_LOG(kLogWarn, kSeverityWarn, kDumpStack,
+           "Agent was not able to find any stackMap data to report genuinely as no problem "
+           "occurred");
+  }
+  for (const auto& [hash, text] : store.stacktracemap) {
+    file.write(std::to_string(hash));
+    file.write("=[");
+    file.write(text);
+    file.write("]\n");
+  }
+  store.stacktracemap.clear();
+  // Only the low half of the graphs' origin goes.
+  constexpr std::int64_t kHighHalf = ~std::int64_t{0xFFFFFFFF};
+  startTime_.fetch_and(kHighHalf);
+  const std::string reason = file.close();
+  if (!reason.empty()) logUnwritable(kDumpStack, "stack trace file", path, reason);
+}
+
+// --- Events ----------------------------------------------------------------------------------
+
+void JNICALL mutexLockProfiler::VMInit(jvmtiEnv* /*jvmti*/, JNIEnv* /*jni*/, jthread /*thread*/) {
+  contained(kVMInit, "Exception occured in mutexprofiler : VMInit", [] {
+    const std::shared_ptr<mutexLockProfiler> self = getMutexProfiler();
+    if (!self) {
+      TW_LOG(kLogError, kSeverityError, kVMInit, "%s", kNoProfiler);
+    } else if (self->state() == kLockStopped) {
+      TW_LOG(kLogError, kSeverityError, kVMInit, "profiler is already stopped");
+    }
+  });
+}
+
+template <typename Handle>
+void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEnv* jni,
+                               jthread thread, jobject object, Handle&& handleEvent) {
+  contained(texts.function, texts.exception, [&] {
+    const std::shared_ptr<mutexLockProfiler> self = getMutexProfiler();
+    if (!self || !self->enabled()) return;
+    const std::uint32_t epoch = self->epoch_.load();  // before the state that it belongs to
+    const std::int32_t state = self->state();
+    if (state == kLockStopped) return;
+    monitorEvent event{jvmti,  jni,           thread,
+                       object, texts,         state,
+                       epoch,  self->store(), support::threadName(jvmti, jni)};
+    if (jvmti->GetTime(&event.time) != JVMTI_ERROR_NONE) event.time = 0;
+    handleEvent(*self, event);
+  });
+}
+
+void JNICALL mutexLockProfiler::MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                                      jobject object) {
+  static constexpr handlerTexts kTexts = {
+      "mutexLockProfiler::MonitorContendedEnter",
+      "monitor object is NULL",
+      "Unable to get method id of class object",
+      "Unable to get method id for java/lang/string",
+      "object class is empty",
+      "object thread is NULL",
+      "Exception occured in mutexprofiler : MonitorContendedEnter"};
+  handle(kTexts, jvmti, jni, thread, object,
+         [](mutexLockProfiler& self, monitorEvent& event) { self.contendedEnter(event); });
+}
+
+void JNICALL mutexLockProfiler::MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni,
+                                                        jthread thread, jobject object) {
+  static constexpr handlerTexts kTexts = {
+      "mutexLockProfiler::MonitorContendedEntered",
+      "monitor entered object is NULL",
+      "entered method is not found",
+      "entered mid for java/lang/string not found",
+      "enter class is empty",
+      "entered thread is NULL",
+      "Exception occured in  mutexprofiler : MonitorContendedEntered"};
+  handle(kTexts, jvmti, jni, thread, object,
+         [](mutexLockProfiler& self, monitorEvent& event) { self.contendedEntered(event); });
+}
+
+void JNICALL mutexLockProfiler::MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                            jobject object, jlong /*timeout*/) {
+  static constexpr handlerTexts kTexts = {"mutexLockProfiler::MonitorWait",
+                                          "wait object is NULL",
+                                          "wait method is is empty",
+                                          "wait mid for java/lang/string is empty",
+                                          "wait class is empty",
+                                          "wait thread is NULL",
+                                          "Exception occured in  mutexprofiler : MonitorWait"};
+  handle(kTexts, jvmti, jni, thread, object,
+         [](mutexLockProfiler& self, monitorEvent& event) { self.wait(event); });
+}
+
+void JNICALL mutexLockProfiler::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                              jobject object, jboolean /*timedOut*/) {
+  static constexpr handlerTexts kTexts = {"mutexLockProfiler::MonitorWaited",
+                                          nullptr,
+                                          nullptr,
+                                          nullptr,
+                                          nullptr,
+                                          "waited thread is NULL",
+                                          "Exception occured in  mutexprofiler : MonitorWaited",
+                                          false};
+  handle(kTexts, jvmti, jni, thread, object,
+         [](mutexLockProfiler& self, monitorEvent& event) { self.waited(event); });
+}
+
+void mutexLockProfiler::contendedEnter(monitorEvent& event) {
+  storeStart(event.jvmti, event.thread, event.time);
+  std::int64_t origin = startTime_.load();
+  if (origin < 1 && event.time > 0) startTime_.compare_exchange_strong(origin, event.time);
+
+  namedMonitor monitor;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (monitor.bean == nullptr) {
+    bool made = false;
+    monitor.bean = makeLock(event, monitor, made);
+    if (made) return;
+  }
+  if (!event.detail()) {
+    if (monitor.bean == nullptr) return;
+    monitor.bean->count.fetch_add(1, std::memory_order_relaxed);
+    monitor.bean->setName();
+    return;
+  }
+
+  const std::string_view threadName = event.threadName.view();
+  threadBean* const thread = monitor.bean == nullptr
+                                 ? nullptr
+                                 : monitor.bean->countEntry(threadName, minuteSlot(event.time));
+  const std::shared_ptr<topLockBean> top = topLockOf(monitor);
+  if (top) {
+    if (monitor.bean != nullptr) top->waiters.enter(event.epoch);
+    lookUpOwner(event, *top);
+  }
+  updateStackTrace(event, thread, top.get());
+}
+
+void mutexLockProfiler::contendedEntered(monitorEvent& event) {
+  // A waiter whose end was not understood here must not count as waiting for ever.
+  struct missedEvent {
+    std::atomic<std::uint32_t>& epoch;
+    bool missed = true;
+    ~missedEvent() {
+      if (missed) epoch.fetch_add(1);
+    }
+  } guard{epoch_};
+
+  const std::optional<std::int64_t> start = startOf(event.jvmti, event.thread);
+  namedMonitor monitor;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (monitor.bean == nullptr) {
+    guard.missed = false;
+    return;
+  }
+  const std::shared_ptr<topLockBean> top = event.detail() ? topLockOf(monitor) : nullptr;
+  const bool hasKnownWaiters = top && top->waiters.leave(event.epoch) > 0;
+  guard.missed = false;
+
+  monitor.bean->setName();
+  if (start) {
+    const std::uint64_t blocked = elapsed(*start, event.time);
+    monitor.bean->totalBlockTime.fetch_add(blocked, std::memory_order_relaxed);
+    threadBean* const thread =
+        event.detail() ? monitor.bean->findThread(event.threadName.view()) : nullptr;
+    if (thread != nullptr) {
+      thread->totalBlockTime.fetch_add(blocked, std::memory_order_relaxed);
+      thread->lastEnterTime.store(*start, std::memory_order_relaxed);
+    }
+  }
+  if (!top) return;
+  closeOwnersPeriod(event, *top);
+  openOwnPeriod(event, *top, hasKnownWaiters);
+}
+
+void mutexLockProfiler::wait(monitorEvent& event) {
+  storeStart(event.jvmti, event.thread, event.time);
+  namedMonitor monitor;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (monitor.bean == nullptr) {
+    bool made = false;
+    makeLock(event, monitor, made);
+  }
+  TW_LOG(kLogDebug, kSeverityDebug, event.texts.function, "wait start time%lld",
+         static_cast<long long>(event.time));
+}
+
+void mutexLockProfiler::waited(monitorEvent& event) {
+  const std::optional<std::int64_t> start = startOf(event.jvmti, event.thread);
+  namedMonitor monitor;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (!event.detail() || monitor.bean == nullptr) return;
+  threadBean* const thread = monitor.bean->threadForWait(event.threadName.view());
+  if (!start) return;
+  const std::uint64_t waited = elapsed(*start, event.time);
+  monitor.bean->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
+  if (thread == nullptr) return;
+  thread->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
+  thread->lastWaitTime.store(*start, std::memory_order_relaxed);
+}
+
+// Finds the lock of the event, or the class name and hash it would be recorded under. False, after
+// saying so, when the VM does not tell them.
+bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) {
+  if (event.object == nullptr) {
+    event.texts.error(event.texts.objectIsNull);
+    return false;
+  }
+  const support::localRef<jclass> cls(event.jni, event.jni->GetObjectClass(event.object));
+  if (!cls) {
+    event.texts.error(event.texts.noGetClass);
+    return false;
+  }
+  if (event.jvmti->GetObjectHashCode(event.object, &monitor.hash) != JVMTI_ERROR_NONE) {
+    return false;
+  }
+  monitor.bean = event.store->findLock(event.jni, cls.get(), monitor.hash);
+  if (monitor.bean != nullptr) return true;
+
+  support::classNameResult named = classes_.of(event.jvmti, event.jni, event.object, cls.get());
+  switch (named.failure) {
+    case support::classNameFailure::none:
+      break;
+    case support::classNameFailure::noGetClass:
+      event.texts.error(event.texts.noGetClass);
+      return false;
+    case support::classNameFailure::noGetName:
+      event.texts.error(event.texts.noGetName);
+      return false;
+    case support::classNameFailure::empty:
+      event.texts.error(event.texts.classIsEmpty);
+      return false;
+  }
+  monitor.cls = std::move(named.found);
+  monitor.bean = event.store->findLock(*monitor.cls, monitor.hash);
+  return true;
+}
+
+// Reads the thread's name where it is used: in detail sessions and for Debug lines.
+bool mutexLockProfiler::nameThread(monitorEvent& event, const namedMonitor& monitor) {
+  if (event.thread == nullptr) {
+    event.texts.error(event.texts.threadIsNull);
+    return false;
+  }
+  const bool debug = event.texts.saysWhoAndWhat && twAprLib::level() >= kLogDebug;
+  if (event.detail() || debug) event.threadName.read(event.thread);
+  if (debug) {
+    TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
+           "Current Thread is : %s , Curent lock name : %s",
+           std::string(event.threadName.view()).c_str(), monitor.name().c_str());
+  }
+  return true;
+}
+
+// Records a lock met for the first time, budget permitting; none are made in a detail session. When
+// another event has made it meanwhile, `made` is false and that record is given.
+lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& monitor,
+                                      bool& made) {
+  lockStore& store = *event.store;
+  if (!store.config) return nullptr;
+  if (event.detail()) {
+    store.config->maxLockCount.take();
+    return nullptr;
+  }
+  const lockStore::recordedLock recorded = store.recordLock(monitor.cls, monitor.hash);
+  made = recorded.made;
+  if (made) {
+    TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
+           "Going to create lockbean obj,Max Locks Count is :  %d and top n mutex lock is : %d",
+           store.config->maxLockCount.value(), store.config->topLockCount);
+    // An error word at the debug threshold, as operators know it.
+    TW_LOG(kLogDebug, kSeverityError, event.texts.function, "add new object %s",
+           recorded.bean->lockName.c_str());
+  }
+  return recorded.bean;
+}
+
+// The whole minutes since the first contended entry; 0 for what lies outside the graph.
+std::size_t mutexLockProfiler::minuteSlot(std::int64_t time) const {
+  const auto slot = static_cast<std::uint32_t>((time - startTime_.load()) / kNanosPerMinute);
+  return slot > kLastMinuteSlot ? 0 : slot;
+}
+
+// A lock remembers what the table of selected locks said of it, until the table changes.
+std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& monitor) {
+  if (monitor.bean == nullptr) return findTopLock(monitor.name());
+  lockBean& lock = *monitor.bean;
+  const std::uint64_t version = topLockVersion_.load();
+  {
+    const support::lockGuard guard(lock.mutex);
+    if (lock.topVersion == version) return lock.top;
+  }
+  std::shared_ptr<topLockBean> top = findTopLock(lock.lockName);
+  const support::lockGuard guard(lock.mutex);
+  lock.top = top;
+  lock.topVersion = version;
+  return top;
+}
+
+// Asks who owns the monitor that the event's thread waits for, and counts that owner.
+void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
+  {
+    const support::lockGuard guard(top.mutex);
+    top.ownerSeen = true;
+  }
+  support::threadName owner(event.jvmti, event.jni);
+  {
+    support::monitorUsage usage(event.jvmti, event.jni);
+    {
+      const usageTurn turn(usageMutex_);
+      usage.read(event.object);
+    }
+    if (usage.owner() == nullptr) {
+      event.texts.error("monitor usage owner not found");
+      return;
+    }
+    owner.read(usage.owner());
+  }
+  const std::string ownerName(owner.view());
+  TW_LOG(kLogDebug, kSeverityDebug, event.texts.function, "Monitor owner name :  %s",
+         ownerName.c_str());
+
+  const support::lockGuard guard(top.mutex);
+  top.ownerName = ownerName;
+  const auto found = top.blockingThreads.find(ownerName);
+  if (found != top.blockingThreads.end()) {
+    ++found->second.blockingCount;
+  } else if (event.store->config && event.store->config->maxThreadCountCopy.take()) {
+    top.blockingThreads.try_emplace(ownerName);
+  }
+}
+
+// The owner last seen has let the monitor go: charges it with the period it held up others.
+void mutexLockProfiler::closeOwnersPeriod(const monitorEvent& event, topLockBean& top) {
+  std::string ownerName;
+  {
+    const support::lockGuard guard(top.mutex);
+    if (top.ownerName.empty() || !top.ownerSeen) return;
+    const auto owner = top.blockingThreads.find(top.ownerName);
+    if (owner == top.blockingThreads.end()) return;
+    owner->second.totalBlockingTime += elapsed(owner->second.blockStartTime, event.time);
+    owner->second.blockStartTime = 0;
+    if (twAprLib::level() < kLogDebug) return;
+    ownerName = top.ownerName;
+  }
+  TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
+         "Current blocking thread : %s ,flag is : %d", ownerName.c_str(), 1);
+}
+
+// The event's thread owns the monitor now. If it is a known owner and others wait, a period in
+// which it holds them up begins. The VM is asked for waiters only when the events told of none.
+void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters) {
+  const std::string_view self = event.threadName.view();
+  const auto open = [&](blockingThreadBean& own) {
+    ++own.blockCount;
+    own.blockStartTime = event.time;
+  };
+  {
+    const support::lockGuard guard(top.mutex);
+    const auto own = top.blockingThreads.find(self);
+    if (own == top.blockingThreads.end()) return;
+    if (hasKnownWaiters) {
+      open(own->second);
+      return;
+    }
+  }
+  support::monitorUsage usage(event.jvmti, event.jni);
+  {
+    const usageTurn turn(usageMutex_);
+    usage.read(event.object);
+  }
+  if (usage.waiterCount() <= 0) return;
+  const support::lockGuard guard(top.mutex);
+  const auto own = top.blockingThreads.find(self);
+  if (own != top.blockingThreads.end()) open(own->second);
+}
+
+// Names the stack of the event's thread by its hash, keeps the text of a new one, and counts the
+// sighting for the thread on this lock and for the thread as an owner of it.
+void mutexLockProfiler::updateStackTrace(const monitorEvent& event, threadBean* thread,
+                                         topLockBean* top) {
+  std::array<jvmtiFrameInfo, kMaxFrames> frames;
+  jint count = 0;
+  if (event.jvmti->GetStackTrace(event.thread, 0, kMaxFrames, frames.data(), &count) !=
+      JVMTI_ERROR_NONE) {
+    count = 0;
+  }
+  const std::string text = textOfFrames(event.jvmti, event.jni, frames.data(), count);
+  const std::uint64_t hash = support::fnv1a64(text);
+
+  lockStore& store = *event.store;
+  if (!store.knowsStackTrace(hash) && store.addStackTrace(hash, text)) {
+    TW_LOG(kLogDebug, kSeverityDebug, kUpdateStackTrace, "Hashcode for current stackTrace : %llu",
+           static_cast<unsigned long long>(hash));
+    const bool inBudget = store.config && store.config->maxStackTraceCount.take();
+    if (inBudget && count + 1 > kMaxFrames) dumpStackInFile(store);
+  }
+  if (thread != nullptr) {
+    const support::lockGuard guard(thread->stackMutex);
+    countStackTrace(thread->stacktracebean, hash);
+  }
+  if (top != nullptr) {
+    const support::lockGuard guard(top->mutex);
+    const auto own = top->blockingThreads.find(event.threadName.view());
+    if (own != top->blockingThreads.end()) countStackTrace(own->second.stacktracebean, hash);
+  }
+}
+
+}  // namespace agent

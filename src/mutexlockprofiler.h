@@ -1,0 +1,128 @@
+// The lock profiler: monitor events are counted by lock, thread, owner, minute and stack trace.
+//
+// Handlers run on the application's threads, many at once, and for MonitorContendedEntered even
+// while the monitor is held. Control operations come from the native methods, one at a time; events
+// may go on meanwhile. A session's data is in a lockStore that setProfileData replaces as a whole;
+// handlers hold a share of the one they began with.
+#pragma once
+
+#include <jvmti.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <queue>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lockStore.h"
+#include "profiler.h"
+#include "support/annotations.h"
+#include "support/javaClasses.h"
+#include "support/sharedSlot.h"
+
+namespace agent {
+
+class mutexLockProfiler : public profiler {
+ public:
+  mutexLockProfiler();
+
+  void setEventCallbacks() override;
+  void release() override;
+  void addCapabilities() override;
+  // Takes a LockSessionConfig and starts with an empty store.
+  std::int32_t setProfileData(std::unique_ptr<sessionSettings> settings) override;
+  // Acts in state kLockProfiling only.
+  void setProfilerEventMode(bool enable) override;
+  void sortData() override;
+  std::int32_t dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) override;
+
+  // Every change of the state also ends what is known about waiting threads.
+  void setState(std::int32_t state);
+
+  // Event handlers, as JVMTI calls them.
+  static void JNICALL VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
+  static void JNICALL MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                            jobject object);
+  static void JNICALL MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                              jobject object);
+  static void JNICALL MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object,
+                                  jlong timeout);
+  static void JNICALL MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object,
+                                    jboolean timedOut);
+
+  // Appends the stack traces met since the last time to the session's stack file.
+  void dumpStackInFile(lockStore& store);
+
+  // The store of the session; never null.
+  std::shared_ptr<lockStore> store() const { return store_.load(); }
+  // The record of a lock that the last ranking selected, or none.
+  std::shared_ptr<topLockBean> findTopLock(std::string_view lockName) EXCLUDES(topLockMutex_);
+  // Origin of the minute graphs; below 1 until the first contended entry.
+  std::int64_t startTime() const { return startTime_.load(); }
+  void setStartTime(std::int64_t nanos) { startTime_.store(nanos); }
+  std::size_t classNameCount() const { return classes_.size(); }
+
+  // What sortData hands to the report: a lock of one store, and its block time when it was ranked.
+  struct rankedLock {
+    std::string lockName;
+    std::int64_t blockTime = 0;
+    std::weak_ptr<lockStore> store;
+    lockBean* bean = nullptr;  // valid while `store` is
+  };
+  struct longerBlocked {
+    bool operator()(const rankedLock& a, const rankedLock& b) const {
+      return a.blockTime > b.blockTime;
+    }
+  };
+  // The shortest block time is on top.
+  using rankedLocks = std::priority_queue<rankedLock, std::vector<rankedLock>, longerBlocked>;
+  // Takes the locks ranked since the last report.
+  static rankedLocks takeReportQueue();
+
+ private:
+  struct handlerTexts;
+  struct monitorEvent;
+  struct namedMonitor;
+
+  template <typename Handle>
+  static void handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                     jobject object, Handle&& handleEvent);
+
+  void contendedEnter(monitorEvent& event);
+  void contendedEntered(monitorEvent& event);
+  void wait(monitorEvent& event);
+  void waited(monitorEvent& event);
+
+  bool nameMonitor(monitorEvent& event, namedMonitor& monitor);
+  bool nameThread(monitorEvent& event, const namedMonitor& monitor);
+  lockBean* makeLock(monitorEvent& event, const namedMonitor& monitor, bool& made);
+  std::size_t minuteSlot(std::int64_t time) const;
+  std::shared_ptr<topLockBean> topLockOf(const namedMonitor& monitor);
+  void lookUpOwner(monitorEvent& event, topLockBean& top);
+  void closeOwnersPeriod(const monitorEvent& event, topLockBean& top);
+  void openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters);
+  void updateStackTrace(const monitorEvent& event, threadBean* thread, topLockBean* top);
+
+  void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
+  void clearTopLocks() EXCLUDES(topLockMutex_);
+
+  support::sharedSlot<lockStore> store_;
+  std::atomic<std::int64_t> startTime_{0};
+  // See waiterTally: moves on whenever events may have been missed.
+  std::atomic<std::uint32_t> epoch_{0};
+
+  support::mutex topLockMutex_;
+  topLockBeans topLockMap_ GUARDED_BY(topLockMutex_);
+  std::atomic<std::uint64_t> topLockVersion_{1};  // of topLockMap_
+
+  support::javaClasses classes_;
+
+  // Held around one GetObjectMonitorUsage call and nothing else: a safepoint gets dearer with every
+  // thread that queues for one.
+  std::timed_mutex usageMutex_;
+};
+
+}  // namespace agent

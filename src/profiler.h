@@ -1,0 +1,78 @@
+// The base of all profilers: what the registry and the control interface ask of each.
+#pragma once
+
+#include <jvmti.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace agent {
+
+// Registry keys.
+inline constexpr std::int32_t kMutexLockProfiler = 0;
+inline constexpr std::int32_t kMemoryProfiler = 1;
+inline constexpr std::int32_t kExceptionProfiler = 2;
+
+// Values of profiler::state.
+inline constexpr std::int32_t kLockStopped = 1;
+inline constexpr std::int32_t kLockProfiling = 2;
+inline constexpr std::int32_t kLockSummary = 3;
+inline constexpr std::int32_t kLockDetail = 4;
+inline constexpr std::int32_t kMemoryRunning = 5;
+inline constexpr std::int32_t kMemoryStopped = 6;
+inline constexpr std::int32_t kExceptionRunning = 7;
+inline constexpr std::int32_t kExceptionStopped = 8;
+
+// A session's settings: built by a native method, owned by the profiler it is handed to.
+struct sessionSettings {
+  sessionSettings() = default;
+  virtual ~sessionSettings() = default;
+  sessionSettings(const sessionSettings&) = delete;
+  sessionSettings& operator=(const sessionSettings&) = delete;
+};
+
+// Operations are called by Agent_OnLoad, Agent_OnUnload and the native methods, one at a time; the
+// two flags are also read by event handlers, on any thread.
+class profiler {
+ public:
+  explicit profiler(std::int32_t initialState) : state_(initialState) {}
+  virtual ~profiler() = default;
+  profiler(const profiler&) = delete;
+  profiler& operator=(const profiler&) = delete;
+
+  // Writes this profiler's handlers into the registry's callback table.
+  virtual void setEventCallbacks() {}
+  // Drops session data before destruction.
+  virtual void release() {}
+  // ORs this profiler's capabilities into the registry's set.
+  virtual void addCapabilities() {}
+  // Takes a session's settings; 1 when they were taken, else 0.
+  virtual std::int32_t setProfileData(std::unique_ptr<sessionSettings> /*settings*/) { return 0; }
+  // Enables or disables this profiler's events for all threads.
+  virtual void setProfilerEventMode(bool /*enable*/) {}
+  // Ranks what was gathered so far.
+  virtual void sortData() {}
+  // Writes the session's report to the file that `path` names; 1 when it was written, else 0.
+  virtual std::int32_t dumpJsonObjectFromMapDS(JNIEnv* /*jni*/, jstring /*path*/) { return 0; }
+  // Scans the heap and writes the report; the report's status.
+  virtual std::int32_t scanJavaHeap(JNIEnv* /*jni*/, jstring /*path*/) { return 0; }
+
+  std::int32_t state() const { return state_.load(std::memory_order_acquire); }
+  void setState(std::int32_t state) { state_.store(state, std::memory_order_release); }
+
+  // Set while this profiler's handlers are to be installed.
+  bool enabled() const { return enabled_.load(std::memory_order_acquire); }
+  void setEnabled(bool enabled) { enabled_.store(enabled, std::memory_order_release); }
+
+  // Object capture settings; set by Agent_OnLoad only.
+  std::int32_t captureObjType = 3;
+  std::int32_t captureObjDepth = 1;
+  std::int32_t captureSTDepth = 3;
+
+ private:
+  std::atomic<std::int32_t> state_;
+  std::atomic<bool> enabled_{false};
+};
+
+}  // namespace agent

@@ -1,0 +1,136 @@
+#include "profilerRegistry.h"
+
+#include <utility>
+
+#include "exceptionprofiler.h"
+#include "memoryprofiler.h"
+#include "mutexlockprofiler.h"
+#include "support/sharedSlot.h"
+
+namespace agent {
+
+namespace {
+
+// What event handlers and control calls of any thread may still look up while the process ends:
+// made on first use and never destroyed.
+struct processState {
+  support::mutex mutex;
+  std::shared_ptr<profilerRegistry> registry GUARDED_BY(mutex);
+
+  support::sharedSlot<mutexLockProfiler> lock;
+  support::sharedSlot<memoryProfiler> memory;
+  support::sharedSlot<exceptionProfiler> exception;
+};
+
+processState& process() {
+  static processState& state = *new processState;
+  return state;
+}
+
+void publish(std::int32_t kind, const std::shared_ptr<profiler>& made) {
+  switch (kind) {
+    case kMutexLockProfiler:
+      process().lock.store(std::dynamic_pointer_cast<mutexLockProfiler>(made));
+      break;
+    case kMemoryProfiler:
+      process().memory.store(std::dynamic_pointer_cast<memoryProfiler>(made));
+      break;
+    case kExceptionProfiler:
+      process().exception.store(std::dynamic_pointer_cast<exceptionProfiler>(made));
+      break;
+    default:
+      break;
+  }
+}
+
+std::shared_ptr<profiler> make(std::int32_t kind) {
+  switch (kind) {
+    case kMutexLockProfiler:
+      return std::make_shared<mutexLockProfiler>();
+    case kMemoryProfiler:
+      return std::make_shared<memoryProfiler>();
+    case kExceptionProfiler:
+      return std::make_shared<exceptionProfiler>();
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+bool profilerRegistry::createProfiler(std::int32_t kind) {
+  std::shared_ptr<profiler> made = make(kind);
+  if (!made) return false;
+  made->addCapabilities();
+  const support::lockGuard guard(mutex_);
+  publish(kind, made);
+  profilers_[kind].swap(made);
+  return false;
+}
+
+void profilerRegistry::switchProfiler(std::int32_t kind, bool enable) {
+  const support::lockGuard oneSwitch(switchMutex_);
+  if (const std::shared_ptr<profiler> switched = find(kind)) switched->setEnabled(enable);
+
+  std::map<std::int32_t, std::shared_ptr<profiler>> all;
+  {
+    const support::lockGuard guard(mutex_);
+    all = profilers_;
+  }
+  callbacks = {};
+  for (const auto& [eachKind, each] : all) {
+    if (each->enabled()) each->setEventCallbacks();
+  }
+  if (jvmtiEnv* const jvmti = environment()) {
+    jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));
+  }
+}
+
+void profilerRegistry::removeProfiler(std::int32_t kind) {
+  std::shared_ptr<profiler> removed = find(kind);
+  if (!removed) return;
+  removed->release();
+  const support::lockGuard guard(mutex_);
+  publish(kind, nullptr);
+  profilers_.erase(kind);
+}
+
+std::shared_ptr<profiler> profilerRegistry::find(std::int32_t kind) const {
+  const support::lockGuard guard(mutex_);
+  const auto found = profilers_.find(kind);
+  return found == profilers_.end() ? nullptr : found->second;
+}
+
+bool profilerRegistry::empty() const {
+  const support::lockGuard guard(mutex_);
+  return profilers_.empty();
+}
+
+std::shared_ptr<profilerRegistry> getRegistry() {
+  const support::lockGuard guard(process().mutex);
+  if (!process().registry) process().registry = std::make_shared<profilerRegistry>();
+  return process().registry;
+}
+
+std::shared_ptr<profilerRegistry> findRegistry() {
+  const support::lockGuard guard(process().mutex);
+  return process().registry;
+}
+
+void freeRegistry() {
+  std::shared_ptr<profilerRegistry> freed;
+  const support::lockGuard guard(process().mutex);
+  freed.swap(process().registry);
+}
+
+std::shared_ptr<mutexLockProfiler> getMutexProfiler() {
+  return process().lock.load();
+}
+std::shared_ptr<memoryProfiler> getMemoryProfiler() {
+  return process().memory.load();
+}
+std::shared_ptr<exceptionProfiler> getExceptionProfiler() {
+  return process().exception.load();
+}
+
+}  // namespace agent
