@@ -126,24 +126,24 @@ lockStore::lockStore(std::unique_ptr<LockSessionConfig> settings)
 
 lockBean* lockStore::findLock(JNIEnv* jni, jclass cls, jint hash) const {
   lockEntry* const found =
-      lockmap_.find(keyOf(hash), [&](const lockEntry& each) { return each.cls->is(jni, cls); });
+      lockmap_.find(keyOf(hash), [&](const lockEntry& each) { return each.cls->cls.is(jni, cls); });
   return found == nullptr ? nullptr : &found->bean;
 }
 
-lockBean* lockStore::findLock(const support::javaClass& cls, jint hash) const {
+lockBean* lockStore::findLock(const support::namedClass& cls, jint hash) const {
   lockEntry* const found = lockmap_.find(
-      keyOf(hash), [&](const lockEntry& each) { return each.cls->name() == cls.name(); });
+      keyOf(hash), [&](const lockEntry& each) { return each.cls->value == cls.value; });
   return found == nullptr ? nullptr : &found->bean;
 }
 
-lockStore::recordedLock lockStore::recordLock(const std::shared_ptr<const support::javaClass>& cls,
+lockStore::recordedLock lockStore::recordLock(const std::shared_ptr<const support::namedClass>& cls,
                                               jint hash) {
   if (config->maxLockCount.value() < 1) {  // spent: count down without a lock
     config->maxLockCount.take();
     return {};
   }
   using node = support::insertOnlyMap<lockEntry>::node;
-  auto entry = std::make_unique<node>(keyOf(hash), cls, lockNameOf(cls->name(), hash),
+  auto entry = std::make_unique<node>(keyOf(hash), cls, lockNameOf(cls->value, hash),
                                       config->maxThreadPerLockCount);
   const support::lockGuard guard(lockMapMutex);
   if (lockBean* const present = findLock(*cls, hash)) return {present, false};

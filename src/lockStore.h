@@ -181,11 +181,11 @@ struct lockBean {
 
 // A lock in the lock map, with the class that its events are recognised by.
 struct lockEntry {
-  lockEntry(std::shared_ptr<const support::javaClass> monitorClass, std::string lockName,
+  lockEntry(std::shared_ptr<const support::namedClass> monitorClass, std::string lockName,
             std::int32_t threadSlots)
       : cls(std::move(monitorClass)), bean(std::move(lockName), threadSlots) {}
 
-  const std::shared_ptr<const support::javaClass> cls;
+  const std::shared_ptr<const support::namedClass> cls;
   lockBean bean;
 };
 
@@ -203,14 +203,14 @@ class lockStore {
   lockBean* findLock(JNIEnv* jni, jclass cls, jint hash) const;
   // The same for a class whose name is known: also finds a lock that another class of that name
   // has made.
-  lockBean* findLock(const support::javaClass& cls, jint hash) const;
+  lockBean* findLock(const support::namedClass& cls, jint hash) const;
 
   struct recordedLock {
     lockBean* bean = nullptr;  // none when the budget is spent
     bool made = false;         // false when another event has just made it
   };
   // Takes from maxLockCount and makes the lock, unless it is there by now. Needs settings.
-  recordedLock recordLock(const std::shared_ptr<const support::javaClass>& cls, jint hash)
+  recordedLock recordLock(const std::shared_ptr<const support::namedClass>& cls, jint hash)
       EXCLUDES(lockMapMutex);
 
   // All locks in ascending order of their names (byte comparison).

@@ -157,10 +157,10 @@ struct mutexLockProfiler::monitorEvent {
 // The lock of an event: its record, or what it would be recorded under.
 struct mutexLockProfiler::namedMonitor {
   lockBean* bean = nullptr;
-  std::shared_ptr<const support::javaClass> cls;  // known at least when there is no record
+  std::shared_ptr<const support::namedClass> cls;  // known at least when there is no record
   jint hash = 0;
 
-  std::string name() const { return bean ? bean->lockName : lockNameOf(cls->name(), hash); }
+  std::string name() const { return bean ? bean->lockName : lockNameOf(cls->value, hash); }
 };
 
 mutexLockProfiler::mutexLockProfiler() : profiler(kLockStopped) {
