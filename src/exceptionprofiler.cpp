@@ -1,8 +1,135 @@
 #include "exceptionprofiler.h"
 
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "boundary.h"
+#include "exceptionRecord.h"
+#include "objectCapture.h"
 #include "profilerRegistry.h"
+#include "support/jniRef.h"
+#include "support/jvmtiPtr.h"
+#include "support/jvmtiRecords.h"
+#include "support/jvmtiStatus.h"
+#include "support/text.h"
+#include "support/vmTurn.h"
+#include "twAprLib.h"
 
 namespace agent {
+
+namespace {
+
+constexpr const char* kSetProfileData = "exceptionProfiler::setProfileData";
+constexpr const char* kCheck = "exceptionProfiler::check";
+constexpr const char* kCallback = "exceptionProfiler::ExceptionCallback";
+
+constexpr const char* kCallbackClass = "com/korvane/twutils/nativeagent/TWNativeAgentProfiling";
+
+constexpr jint kMaxFrames = 100;
+constexpr std::int64_t kWindowSeconds = 60;
+constexpr std::int32_t kNeverExpanded = 5;  // a level at or below every captureObjDepth
+constexpr jlocation kNoLocation = -1;
+
+constexpr jint kStatic = 0x0008;  // ACC_STATIC
+constexpr jint kNative = 0x0100;  // ACC_NATIVE
+
+// Whose exceptions are never recorded, by the class that throws them.
+constexpr std::array<std::string_view, 5> kIgnoredThrowers = {
+    "com.korvane.tw", "com.korvane.koragent", "com.korvane.commons", "sun.", "java.lang.class"};
+// Whose frames are written without arguments and locals.
+constexpr std::array<std::string_view, 4> kFramesWithoutValues = {
+    "com.korvane.tw", "sun.", "com.korvane.commons", "com.sun."};
+
+template <typename Prefixes>
+bool startsWithOneOf(std::string_view name, const Prefixes& prefixes) {
+  return std::any_of(prefixes.begin(), prefixes.end(), [&](std::string_view prefix) {
+    return support::startsWithIgnoringCase(name, prefix);
+  });
+}
+
+// Set while the handler runs on a thread: what the Java code that it calls throws is not recorded.
+thread_local bool handlerRuns = false;
+
+class handlerScope {
+ public:
+  handlerScope() { handlerRuns = true; }
+  ~handlerScope() { handlerRuns = false; }
+  handlerScope(const handlerScope&) = delete;
+  handlerScope& operator=(const handlerScope&) = delete;
+};
+
+// The VM has no value in that slot now: the variable is not written, all else is.
+bool hasNoValue(jvmtiError error) {
+  return error == JVMTI_ERROR_INVALID_SLOT || error == JVMTI_ERROR_TYPE_MISMATCH ||
+         error == JVMTI_ERROR_OPAQUE_FRAME;
+}
+
+bool holds(const jvmtiLocalVariableEntry& variable, jlocation location) {
+  return variable.length <= 0 || (location >= variable.start_location &&
+                                  location < variable.start_location + variable.length);
+}
+
+std::string describe(const ExceptionCaptureSettings& settings) {
+  std::string text =
+      "********Enabling Exception Capture feature : \n\t\tClass variales capturing status : ";
+  text += std::to_string(static_cast<int>(settings.captureClassVariables));
+  text += "\n\t\tMethod arguments capturing Status :";
+  text += std::to_string(static_cast<int>(settings.captureMethodArguments));
+  text += "\n\t\tLocal variable capturing status :";
+  text += std::to_string(static_cast<int>(settings.captureLocalVariables));
+  text += "\n\t\tThread Local capturing status :";
+  text += std::to_string(static_cast<int>(settings.captureThreadLocals));
+  text += "\n\t\tException capturing Rate:" + std::to_string(settings.captureRate);
+  text += "\n\t\tStackTrace depth:" + std::to_string(settings.stackTraceDepth);
+  return text;
+}
+
+void say(const char* message) {
+  TW_LOG(kLogDebug, kSeverityError, kCallback, "%s", message);
+}
+
+}  // namespace
+
+// --- Settings --------------------------------------------------------------------------------
+
+ExceptionCaptureSettings::~ExceptionCaptureSettings() {
+  void* jni = nullptr;
+  if (callbackClass == nullptr || vm_->GetEnv(&jni, JNI_VERSION_1_8) != JNI_OK) return;
+  static_cast<JNIEnv*>(jni)->DeleteGlobalRef(callbackClass);
+}
+
+void ExceptionCaptureSettings::findCallback(JNIEnv* jni) {
+  const support::pendingExceptionGuard exceptions(jni);
+  if (jni->GetJavaVM(&vm_) != JNI_OK) return;
+  const support::localRef<jclass> found(jni, jni->FindClass(kCallbackClass));
+  if (!found) return;
+  getObjectValueMethod = jni->GetStaticMethodID(found.get(), "getobjectValue",
+                                                "(Ljava/lang/Object;)Ljava/lang/String;");
+  if (getObjectValueMethod == nullptr) jni->ExceptionClear();
+  onExceptionOccuredMethod = jni->GetStaticMethodID(found.get(), "onExceptionOccured",
+                                                    "(Ljava/lang/String;Ljava/lang/Object;)V");
+  if (onExceptionOccuredMethod == nullptr) jni->ExceptionClear();
+  callbackClass = static_cast<jclass>(jni->NewGlobalRef(found.get()));
+}
+
+std::vector<std::string> parseBlackList(std::string_view text) {
+  if (text.empty()) throw std::out_of_range("invalid string position");
+  std::string names = support::lowerCase(text);
+  names.pop_back();
+  if (!names.empty()) names.erase(0, 1);
+  std::vector<std::string> list;
+  support::forEachPiece(names, ',', [&](std::string_view name) { list.emplace_back(name); });
+  return list;
+}
+
+void exceptionProfiler::setEventCallbacks() {
+  const std::shared_ptr<profilerRegistry> registry = getRegistry();
+  if (registry->environment() == nullptr) return;
+  registry->callbacks.Exception = ExceptionCallback;
+}
 
 void exceptionProfiler::addCapabilities() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
@@ -20,6 +147,416 @@ void exceptionProfiler::setProfilerEventMode(bool enable) {
   for (const jvmtiEvent event : {JVMTI_EVENT_VM_INIT, JVMTI_EVENT_EXCEPTION}) {
     jvmti->SetEventNotificationMode(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, nullptr);
   }
+}
+
+std::int32_t exceptionProfiler::setProfileData(std::unique_ptr<sessionSettings> settings) {
+  constexpr const char* kException = "Exception occured in  exceptionprofiler : setProfileData";
+  return contained(kSetProfileData, kException, 0, [&] {
+    auto* const given = dynamic_cast<ExceptionCaptureSettings*>(settings.get());
+    if (given == nullptr) {
+      TW_LOG(kLogError, kSeverityError, kSetProfileData, "Unable to get Exception profiler");
+      return 0;
+    }
+    settings.release();
+    const std::shared_ptr<ExceptionCaptureSettings> taken(given);
+    settings_.store(taken);
+    if (taken->enabled) {
+      TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", describe(*taken).c_str());
+    }
+    return 1;
+  });
+}
+
+// --- The filter ------------------------------------------------------------------------------
+
+bool exceptionProfiler::check(JNIEnv* jni, jvmtiEnv* jvmti, jvmtiError code) {
+  if (code == JVMTI_ERROR_NONE) return false;
+  const std::string name = support::errorName(jvmti, code);
+  jni->ExceptionDescribe();
+  jni->ExceptionClear();
+  TW_LOG(kLogDebug, kSeverityError, kCheck, "Error name is %s and error code is %d", name.c_str(),
+         static_cast<int>(code));
+  return true;
+}
+
+// What the handler needs to know of a class.
+struct exceptionProfiler::classInfo {
+  explicit classInfo(std::string_view classSignature) : signature(classSignature) {
+    support::appendDottedClass(name, signature);
+    lowerCaseName = support::lowerCase(name);
+    ignoredAsThrower = startsWithOneOf(name, kIgnoredThrowers);
+    framesWithoutValues = startsWithOneOf(name, kFramesWithoutValues);
+  }
+
+  std::string signature;
+  std::string name;
+  std::string lowerCaseName;
+  bool ignoredAsThrower = false;
+  bool framesWithoutValues = false;
+};
+
+// One thrown exception, and what its handler works on.
+struct exceptionProfiler::throwEvent {
+  jvmtiEnv* jvmti;
+  JNIEnv* jni;
+  jthread thread;
+  jmethodID method;
+  jobject exception;
+  std::shared_ptr<ExceptionCaptureSettings> settings;
+  objectCapture capture;
+
+  bool failed(jvmtiError error) const { return check(jni, jvmti, error); }
+};
+
+exceptionProfiler::classPtr exceptionProfiler::infoOf(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls,
+                                                      jvmtiError& error) {
+  error = JVMTI_ERROR_NONE;
+  const jint key = classes_.keyOf(jvmti, cls);
+  if (classPtr kept = classes_.find(jni, key, cls)) return kept;
+  support::jvmtiText signature(jvmti);
+  error = signature.fill([&](char** out) { return jvmti->GetClassSignature(cls, out, nullptr); });
+  if (!signature) return nullptr;
+  return classes_.keep(jni, key, cls, signature.view());
+}
+
+bool exceptionProfiler::takeRate(const std::string& className, std::int32_t rate, std::time_t now) {
+  const support::lockGuard guard(rateMutex_);
+  const auto [entry, isNew] = rates_.try_emplace(className, ExceptionRateEntry{1, now});
+  if (isNew) return true;
+  ExceptionRateEntry& known = entry->second;
+  if (known.count != rate) {
+    known.count = static_cast<std::int32_t>(static_cast<std::uint32_t>(known.count) + 1);
+    return true;
+  }
+  if (now - known.windowStart <= kWindowSeconds) return false;
+  known = {1, now};
+  return true;
+}
+
+void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                                  jmethodID method, jlocation /*location*/,
+                                                  jobject exception, jmethodID /*catchMethod*/,
+                                                  jlocation /*catchLocation*/) {
+  if (handlerRuns) return;
+  const handlerScope scope;
+  contained(kCallback, "Exception occured in exceptionprofiler : ExceptionCallback", [&] {
+    const std::shared_ptr<exceptionProfiler> self = getExceptionProfiler();
+    if (!self) return say("Unable to get Exception profiler");
+    std::shared_ptr<ExceptionCaptureSettings> settings = self->settings_.load();
+    if (!settings || !settings->enabled) return say("Exception is not enabled");
+    if (exception == nullptr) return say("exception object is NULL");
+    if (self->state() == kExceptionStopped) return say("Exception profiler stage is stopped");
+    throwEvent event{jvmti,
+                     jni,
+                     thread,
+                     method,
+                     exception,
+                     std::move(settings),
+                     objectCapture(jvmti, jni, thread, self->captureObjDepth)};
+    self->exceptionThrown(event);
+  });
+}
+
+void exceptionProfiler::exceptionThrown(throwEvent& event) {
+  jvmtiError error = JVMTI_ERROR_NONE;
+  const support::localRef<jclass> exceptionClass(event.jni,
+                                                 event.jni->GetObjectClass(event.exception));
+  if (!exceptionClass) return;
+  const classPtr exceptionInfo = infoOf(event.jvmti, event.jni, exceptionClass.get(), error);
+  if (event.failed(error) || !exceptionInfo) return;
+
+  if (event.method != nullptr) {
+    jclass declaring = nullptr;
+    if (event.failed(event.jvmti->GetMethodDeclaringClass(event.method, &declaring))) return;
+    const support::localRef<jclass> throwerClass(event.jni, declaring);
+    const classPtr thrower = infoOf(event.jvmti, event.jni, declaring, error);
+    if (event.failed(error)) return;
+    if (thrower && thrower->value.ignoredAsThrower) {
+      TW_LOG(kLogDebug, kSeverityError, kCallback, "Default exception class %s  %s",
+             thrower->value.name.c_str(), exceptionInfo->value.signature.c_str());
+      return;
+    }
+  }
+
+  const std::string& className = exceptionInfo->value.lowerCaseName;
+  if (className.empty()) return say("exception class is empty");
+  if (!takeRate(className, event.settings->captureRate, std::time(nullptr))) {
+    return say("exception ratecount exceed");
+  }
+  const std::vector<std::string>& blackList = event.settings->blackList;
+  if (std::find(blackList.begin(), blackList.end(), className) != blackList.end()) {
+    TW_LOG(kLogDebug, kSeverityError, kCallback, "exception class %s found in black list",
+           className.c_str());
+    return;
+  }
+  std::string text;
+  if (record(event, text)) deliver(event, text);
+}
+
+// --- The record ------------------------------------------------------------------------------
+
+// Walks the stack; false when the VM refuses something that a record cannot do without.
+bool exceptionProfiler::record(throwEvent& event, std::string& text) {
+  std::array<jvmtiFrameInfo, kMaxFrames> frames;
+  jint count = 0;
+  const jint depth = std::min(event.settings->stackTraceDepth, kMaxFrames);
+  if (event.failed(event.jvmti->GetStackTrace(event.thread, 0, depth, frames.data(), &count))) {
+    return false;
+  }
+  for (jint i = 0; i < count; ++i) {
+    if (appendFrame(event, frames[static_cast<std::size_t>(i)], i, text) == outcome::failed) {
+      return false;
+    }
+  }
+  return true;
+}
+
+exceptionProfiler::outcome exceptionProfiler::appendFrame(throwEvent& event,
+                                                          const jvmtiFrameInfo& frame, jint index,
+                                                          std::string& text) {
+  jclass declaringRef = nullptr;
+  jvmtiError error = event.jvmti->GetMethodDeclaringClass(frame.method, &declaringRef);
+  if (event.failed(error)) {
+    say("unable to get desclaring class ");
+    return outcome::failed;
+  }
+  const support::localRef<jclass> declaring(event.jni, declaringRef);
+  const classPtr info = infoOf(event.jvmti, event.jni, declaringRef, error);
+  if (event.failed(error)) return outcome::failed;
+  if (!info || info->value.name.empty()) return outcome::leftOut;
+
+  std::string header;
+  const outcome named = appendHeader(event, frame, declaringRef, info->value, header);
+  if (named != outcome::written) return named;
+
+  const ExceptionCaptureSettings& settings = *event.settings;
+  std::string classVariables;
+  std::string arguments;
+  std::string locals;
+  std::string threadLocals;
+  if (index == 0 && settings.captureClassVariables &&
+      appendThis(event, frame.method, classVariables) == outcome::failed) {
+    return outcome::failed;
+  }
+  if (!info->value.framesWithoutValues &&
+      (settings.captureMethodArguments || settings.captureLocalVariables) &&
+      appendVariables(event, frame, index, arguments, locals) == outcome::failed) {
+    return outcome::failed;
+  }
+  if (index == 0 && settings.captureThreadLocals) {
+    threadLocals = event.capture.getThreadLocalVars(startingDepth(kCaptureThreadLocals, index));
+  }
+  text += header;
+  text += classVariables;
+  text += record::kEndClassVariables;
+  text += arguments;
+  text += record::kEndArguments;
+  text += locals;
+  text += record::kEndLocals;
+  text += threadLocals;
+  text += record::kEndFrame;
+  return outcome::written;
+}
+
+// class.method(source:line) and the end of the header.
+exceptionProfiler::outcome exceptionProfiler::appendHeader(throwEvent& event,
+                                                           const jvmtiFrameInfo& frame,
+                                                           jclass declaring, const classInfo& info,
+                                                           std::string& text) {
+  jvmtiEnv* const jvmti = event.jvmti;
+  support::jvmtiText method(jvmti);
+  const jvmtiError error = method.fill(
+      [&](char** out) { return jvmti->GetMethodName(frame.method, out, nullptr, nullptr); });
+  if (event.failed(error)) return outcome::failed;
+  if (method.view().empty()) return outcome::leftOut;
+  text = info.name;
+  text += '.';
+  text += method.view();
+  TW_LOG(kLogDebug, kSeverityError, kCallback, "FQM :- %s()", text.c_str());
+
+  support::jvmtiText source(jvmti);
+  source.fill([&](char** out) { return jvmti->GetSourceFileName(declaring, out); });
+  jint lines = 0;
+  support::jvmtiPtr<jvmtiLineNumberEntry> table(jvmti);
+  if (frame.location != kNoLocation) {
+    table.fill([&](jvmtiLineNumberEntry** out) {
+      return jvmti->GetLineNumberTable(frame.method, &lines, out);
+    });
+  }
+  text += '(';
+  text += source ? source.view() : "NA";
+  text += ':';
+  text += std::to_string(table ? lineOf(frame.location, table.get(), lines) : -1);
+  text += ')';
+  text += record::kEndHeader;
+  return outcome::written;
+}
+
+jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count) {
+  if (location == kNoLocation || count <= 0) return -1;
+  if (count == 1) return table[0].line_number;
+  for (jint k = 1; k < count; ++k) {
+    if (table[k].start_location > location && table[k - 1].start_location <= location) {
+      return table[k - 1].line_number;
+    }
+  }
+  return -1;
+}
+
+// The fields of the top frame's `this`; nothing for static and native methods.
+exceptionProfiler::outcome exceptionProfiler::appendThis(throwEvent& event, jmethodID method,
+                                                         std::string& text) {
+  jint modifiers = 0;
+  if (event.failed(event.jvmti->GetMethodModifiers(method, &modifiers))) return outcome::failed;
+  if ((modifiers & (kStatic | kNative)) != 0) return outcome::leftOut;
+  jobject self = nullptr;
+  const jvmtiError error =
+      readSlot([&] { return event.jvmti->GetLocalObject(event.thread, 0, 0, &self); });
+  if (hasNoValue(error)) return outcome::leftOut;
+  if (event.failed(error)) return outcome::failed;
+  const support::localRef<> reference(event.jni, self);
+  if (!reference) return outcome::leftOut;
+  text = event.capture.fieldsOf(self, "this", startingDepth(kCaptureThis, 0), kCaptureThis);
+  record::dropLastSeparator(text);
+  return outcome::written;
+}
+
+exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
+                                                              const jvmtiFrameInfo& frame,
+                                                              jint index, std::string& arguments,
+                                                              std::string& locals) {
+  jvmtiEnv* const jvmti = event.jvmti;
+  support::localVariables variables(jvmti);
+  const jvmtiError error = variables.read(frame.method);
+  if (error == JVMTI_ERROR_ABSENT_INFORMATION || error == JVMTI_ERROR_NATIVE_METHOD) {
+    return outcome::leftOut;
+  }
+  if (event.failed(error)) return outcome::failed;
+
+  const ExceptionCaptureSettings& settings = *event.settings;
+  jint argumentSlots = 0;
+  jint slots = 0;
+  if (jvmti->GetArgumentsSize(frame.method, &argumentSlots) != JVMTI_ERROR_NONE) {
+    argumentSlots = 0;
+  }
+  if (settings.captureLocalVariables &&
+      jvmti->GetMaxLocals(frame.method, &slots) != JVMTI_ERROR_NONE) {
+    slots = 0;
+  }
+  // Both ends are inclusive, so that the last slot is one that no variable has.
+  jint first = 0;
+  jint last = 0;
+  if (settings.captureLocalVariables) {
+    first = settings.captureMethodArguments ? 0 : argumentSlots;
+    last = slots;
+  } else if (argumentSlots > 0) {
+    last = argumentSlots - 1;
+  }
+  for (const jvmtiLocalVariableEntry& variable : variables) {
+    if (variable.slot < first || variable.slot > last || !holds(variable, frame.location) ||
+        variable.name == nullptr || variable.signature == nullptr ||
+        std::string_view(variable.name) == "this") {
+      continue;
+    }
+    const bool isArgument = variable.slot < argumentSlots;
+    if (isArgument ? !settings.captureMethodArguments : !settings.captureLocalVariables) continue;
+    if (appendVariable(event, variable, index, isArgument ? arguments : locals) ==
+        outcome::failed) {
+      return outcome::failed;
+    }
+  }
+  return outcome::written;
+}
+
+template <typename Call>
+jvmtiError exceptionProfiler::readSlot(Call&& call) {
+  const support::vmTurn turn(localsMutex_);
+  return std::forward<Call>(call)();
+}
+
+exceptionProfiler::outcome exceptionProfiler::appendVariable(
+    throwEvent& event, const jvmtiLocalVariableEntry& variable, jint index, std::string& section) {
+  using record::typeCode;
+  jvmtiEnv* const jvmti = event.jvmti;
+  const jthread thread = event.thread;
+  const jint slot = variable.slot;
+  const typeCode code = record::codeOf(variable.signature);
+
+  // Reads the slot as `Value` and, if there is a value, writes it.
+  const auto readAndWrite = [&](auto value, auto read, auto write) {
+    const jvmtiError error = readSlot([&] { return (jvmti->*read)(thread, index, slot, &value); });
+    if (hasNoValue(error)) return outcome::leftOut;
+    if (event.failed(error)) return outcome::failed;
+    write(value);
+    return outcome::written;
+  };
+  switch (code) {
+    case typeCode::boolean:
+    case typeCode::character:
+    case typeCode::byte:
+    case typeCode::shortInt:
+    case typeCode::integer:
+      return readAndWrite(jint{0}, &jvmtiEnv::GetLocalInt, [&](jint value) {
+        record::appendNumber(section, variable.name, code, value);
+      });
+    case typeCode::longInt:
+      return readAndWrite(jlong{0}, &jvmtiEnv::GetLocalLong, [&](jlong value) {
+        record::appendNumber(section, variable.name, code, value);
+      });
+    case typeCode::singleFloat:
+      return readAndWrite(jfloat{0}, &jvmtiEnv::GetLocalFloat, [&](jfloat value) {
+        record::appendFloat(section, variable.name, code, static_cast<double>(value));
+      });
+    case typeCode::doubleFloat:
+      return readAndWrite(jdouble{0}, &jvmtiEnv::GetLocalDouble, [&](jdouble value) {
+        record::appendFloat(section, variable.name, code, value);
+      });
+    case typeCode::string:
+    case typeCode::stringBuilder:
+    case typeCode::object:
+      break;
+  }
+  return readAndWrite(jobject{nullptr}, &jvmtiEnv::GetLocalObject, [&](jobject value) {
+    const support::localRef<> reference(event.jni, value);
+    std::optional<std::string> text;
+    if (code == typeCode::string) text = event.capture.shortText(static_cast<jstring>(value));
+    if (value != nullptr && code == typeCode::stringBuilder) {
+      text = event.capture.shortTextOfBuilder(value);
+    }
+    if (text) {
+      record::appendEntry(section, variable.name, code, *text);
+    } else if (value == nullptr || code != typeCode::object) {
+      record::appendNullObject(section, variable.name);
+    } else {
+      record::appendObject(
+          section, variable.name,
+          event.capture.fieldsOf(value, variable.name, startingDepth(kCaptureVariables, index),
+                                 kCaptureVariables));
+    }
+  });
+}
+
+std::int32_t exceptionProfiler::startingDepth(std::int32_t mode, jint frameIndex) const {
+  const bool expanded = (captureObjType & mode) != 0 && frameIndex < captureSTDepth;
+  return expanded ? 0 : kNeverExpanded;
+}
+
+void exceptionProfiler::deliver(throwEvent& event, std::string& text) {
+  if (text.empty()) return;
+  record::dropLastSeparator(text);
+  JNIEnv* const jni = event.jni;
+  const ExceptionCaptureSettings& settings = *event.settings;
+  if (settings.callbackClass == nullptr || settings.onExceptionOccuredMethod == nullptr) {
+    return say("exception id  not found");
+  }
+  const support::localRef<jstring> string(jni, jni->NewStringUTF(text.c_str()));
+  if (string) {
+    TW_LOG(kLogDebug, kSeverityDebug, kCallback, "Going to Dump 38 Record for -> %s\n\n\n",
+           text.c_str());
+    jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionOccuredMethod,
+                              string.get(), event.exception);
+  }
+  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
 }
 
 }  // namespace agent

@@ -11,6 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 #include "boundary.h"
 #include "exceptionprofiler.h"
@@ -273,6 +274,20 @@ void trace(const char* function, const char* message, jlong sessionId,
                   static_cast<long long>(sessionId));
 }
 
+// The names in a black list; says on standard error what is wrong with one that is refused.
+std::vector<std::string> blackListIn(const std::string& text) {
+  try {
+    return parseBlackList(text);
+  } catch (const std::exception& error) {
+    twAprLib::print(stderr,
+                    "javanativeagent: enableCaptureVariableinException: argument 'blackList' is "
+                    "'%s': expected class names separated by commas within one character on each "
+                    "side, as in '[a.B,c.D]' (%s)\n",
+                    text.c_str(), error.what());
+    throw;
+  }
+}
+
 // One step of a lock session: the event switch, then the new state.
 void stepLockSession(bool events, std::int32_t state, bool rank = false) {
   const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
@@ -424,4 +439,31 @@ JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jcl
     jni->ReleaseStringUTFChars(text, chars);
   }
   return 0;
+}
+
+// An empty black list throws out of here, as the text conversions of the start-up do.
+JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
+    JNIEnv* jni, jclass /*cls*/, jboolean enable, jboolean classVariables, jboolean methodArguments,
+    jboolean localVariables, jboolean threadLocals, jint captureRate, jint stackTraceDepth,
+    jstring blackList) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(enableCaptureVariableinException);
+  std::vector<std::string> names;
+  if (const auto text = support::tryTextOf(jni, blackList)) names = blackListIn(*text);
+  return native(kFunction, [&] {
+    auto settings = std::make_unique<ExceptionCaptureSettings>();
+    settings->enabled = enable == JNI_TRUE;
+    settings->captureClassVariables = classVariables == JNI_TRUE;
+    settings->captureMethodArguments = methodArguments == JNI_TRUE;
+    settings->captureLocalVariables = localVariables == JNI_TRUE;
+    settings->captureThreadLocals = threadLocals == JNI_TRUE;
+    settings->captureRate = captureRate;
+    settings->stackTraceDepth = stackTraceDepth;
+    settings->blackList = std::move(names);
+    settings->findCallback(jni);
+    getRegistry()->switchProfiler(kExceptionProfiler, settings->enabled);
+    const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
+    if (!exceptions) return 0;
+    exceptions->setProfilerEventMode(settings->enabled);
+    return exceptions->setProfileData(std::move(settings));
+  });
 }

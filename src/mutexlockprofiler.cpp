@@ -1,7 +1,6 @@
 #include "mutexlockprofiler.h"
 
 #include <array>
-#include <chrono>
 #include <optional>
 #include <utility>
 
@@ -13,6 +12,7 @@
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/text.h"
+#include "support/vmTurn.h"
 #include "twAprLib.h"
 
 namespace agent {
@@ -85,18 +85,6 @@ std::string textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, const jvmtiFrameInfo* fra
   }
   return text;
 }
-
-// A turn in asking the VM about a monitor. It waits a bounded time: a debugger may have suspended
-// the thread whose turn it is, and then everybody goes on without one.
-class usageTurn {
- public:
-  explicit usageTurn(std::timed_mutex& mutex)
-      : lock_(mutex, std::chrono::system_clock::now() + kPatience) {}
-
- private:
-  static constexpr std::chrono::seconds kPatience{1};
-  std::unique_lock<std::timed_mutex> lock_;
-};
 
 std::string describe(const LockSessionConfig& config) {
   std::string text = "*********Session Details :\n\t\tSession Id : ";
@@ -686,7 +674,7 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
   {
     support::monitorUsage usage(event.jvmti, event.jni);
     {
-      const usageTurn turn(usageMutex_);
+      const support::vmTurn turn(usageMutex_);
       usage.read(event.object);
     }
     if (usage.owner() == nullptr) {
@@ -745,7 +733,7 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
   }
   support::monitorUsage usage(event.jvmti, event.jni);
   {
-    const usageTurn turn(usageMutex_);
+    const support::vmTurn turn(usageMutex_);
     usage.read(event.object);
   }
   if (usage.waiterCount() <= 0) return;

@@ -120,8 +120,7 @@ class mutexLockProfiler : public profiler {
 
   support::javaClasses classes_;
 
-  // Held around one GetObjectMonitorUsage call and nothing else: a safepoint gets dearer with every
-  // thread that queues for one.
+  // Around GetObjectMonitorUsage, see vmTurn.
   std::timed_mutex usageMutex_;
 };
 

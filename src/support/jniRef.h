@@ -3,6 +3,7 @@
 
 #include <jni.h>
 
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -81,24 +82,28 @@ class pendingExceptionGuard {
   localRef<jthrowable> saved_;
 };
 
-// The modified UTF-8 text of a Java string; empty for null and when the VM has no memory for it
-// (the OutOfMemoryError is then cleared).
-inline std::string textOf(JNIEnv* jni, jstring string) {
-  if (string == nullptr) return {};
-  const char* chars = jni->GetStringUTFChars(string, nullptr);
+// The modified UTF-8 text of a Java string; none for null and when the VM has no memory for it (the
+// OutOfMemoryError is then cleared).
+inline std::optional<std::string> tryTextOf(JNIEnv* jni, jstring string) {
+  if (string == nullptr) return std::nullopt;
+  const char* const chars = jni->GetStringUTFChars(string, nullptr);
   if (chars == nullptr) {
     jni->ExceptionClear();
-    return {};
+    return std::nullopt;
   }
-  std::string text;
   try {
-    text = chars;
+    std::string text(chars);
+    jni->ReleaseStringUTFChars(string, chars);
+    return text;
   } catch (...) {
     jni->ReleaseStringUTFChars(string, chars);
     throw;
   }
-  jni->ReleaseStringUTFChars(string, chars);
-  return text;
+}
+
+// The same, with an empty text for none.
+inline std::string textOf(JNIEnv* jni, jstring string) {
+  return tryTextOf(jni, string).value_or(std::string());
 }
 
 }  // namespace support

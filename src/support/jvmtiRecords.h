@@ -63,4 +63,37 @@ class monitorUsage {
   jint waiterCount_ = 0;
 };
 
+// The variable table of a method; empty until read.
+class localVariables {
+ public:
+  explicit localVariables(jvmtiEnv* jvmti) : jvmti_(jvmti), table_(jvmti) {}
+  ~localVariables() {
+    for (jint i = 0; i < count_; ++i) {
+      const jvmtiLocalVariableEntry& each = table_[i];
+      for (char* const text : {each.name, each.signature, each.generic_signature}) {
+        if (text != nullptr) jvmti_->Deallocate(reinterpret_cast<unsigned char*>(text));
+      }
+    }
+  }
+  localVariables(const localVariables&) = delete;
+  localVariables& operator=(const localVariables&) = delete;
+
+  jvmtiError read(jmethodID method) {
+    jint count = 0;
+    const jvmtiError error = table_.fill([&](jvmtiLocalVariableEntry** out) {
+      return jvmti_->GetLocalVariableTable(method, &count, out);
+    });
+    if (error == JVMTI_ERROR_NONE) count_ = count;
+    return error;
+  }
+
+  const jvmtiLocalVariableEntry* begin() const { return table_.get(); }
+  const jvmtiLocalVariableEntry* end() const { return table_.get() + count_; }
+
+ private:
+  jvmtiEnv* jvmti_;
+  jvmtiPtr<jvmtiLocalVariableEntry> table_;
+  jint count_ = 0;
+};
+
 }  // namespace support
