@@ -383,10 +383,10 @@ JNIEXPORT jint JNICALL TW_NATIVE(startMemoryLeaksProfileSession)(
     settings->sessionId = sessionId;
     settings->sessionName = support::textOf(jni, sessionName);
     settings->topNClassCount = topNClassCount;
-    settings->excludeClasses = support::textOf(jni, excludeClasses);
-    settings->excludePackages = support::textOf(jni, excludePackages);
-    settings->includeClasses = support::textOf(jni, includeClasses);
-    settings->includePackages = support::textOf(jni, includePackages);
+    settings->filters.excludeClasses = support::textOf(jni, excludeClasses);
+    settings->filters.excludePackages = support::textOf(jni, excludePackages);
+    settings->filters.includeClasses = support::textOf(jni, includeClasses);
+    settings->filters.includePackages = support::textOf(jni, includePackages);
     getRegistry()->switchProfiler(kMemoryProfiler, true);
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     if (!memory) return 0;

@@ -1,10 +1,14 @@
 #include "memoryprofiler.h"
 
-#include <limits>
+#include <utility>
 
 #include "boundary.h"
 #include "mutexlockprofiler.h"
 #include "profilerRegistry.h"
+#include "support/fileWriter.h"
+#include "support/jniRef.h"
+#include "support/jsonWriter.h"
+#include "support/text.h"
 
 namespace agent {
 
@@ -13,6 +17,11 @@ namespace {
 constexpr const char* kSetProfileData = "memoryProfiler::setProfileData";
 constexpr const char* kSetProfilerEventMode = "memoryProfiler::setProfilerEventMode";
 constexpr const char* kGcFinish = "memoryProfiler::gc_finish";
+constexpr const char* kScanJavaHeap = "memoryProfiler::scanJavaHeap";
+constexpr const char* kDumpJson = "memoryProfiler::dumpJsonObjectFromMapDS";
+
+constexpr const char* kReportName = "memoryLeak";  // whatever the session is called
+constexpr std::int32_t kNoSessionId = 1;
 
 std::string describe(const MemorySessionConfig& config) {
   return "*************Enabling Memory Leak Profiler features:Memory Leak Enable:" +
@@ -20,6 +29,22 @@ std::string describe(const MemorySessionConfig& config) {
          "|Session ID :" + std::to_string(config.sessionId) +
          "|SessionName :" + config.sessionName +
          "|Number of top N Class :" + std::to_string(config.topNClassCount);
+}
+
+void writeClass(support::jsonWriter& json, const rankedClass& ranked) {
+  json.key(ranked.name).beginObject();
+  json.key("gcsurvived").beginArray();
+  for (const auto& [generation, survived] : ranked.record.gcSurvived) {
+    json.beginObject();
+    json.member("GCCounter", static_cast<std::int32_t>(generation));
+    json.member("count", static_cast<std::int32_t>(survived.count));
+    json.member("size", std::to_string(survived.size));
+    json.endObject();
+  }
+  json.endArray();
+  json.member("totalCount", static_cast<std::int32_t>(ranked.record.totalCount));
+  json.member("totalSize", std::to_string(ranked.record.totalSize));
+  json.endObject();
 }
 
 }  // namespace
@@ -80,12 +105,99 @@ void memoryProfiler::setObjectTag(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) 
   if (generation != 0) {
     jlong old = 0;
     // A tag of 32 bits is a generation. What lies beyond is taken for a global reference.
-    constexpr jlong kLargestGeneration = std::numeric_limits<std::uint32_t>::max();
-    if (jvmti->GetTag(object, &old) == JVMTI_ERROR_NONE && (old > kLargestGeneration || old < 0)) {
+    if (jvmti->GetTag(object, &old) == JVMTI_ERROR_NONE && !isGeneration(old)) {
       jni->DeleteGlobalRef(reinterpret_cast<jobject>(static_cast<std::intptr_t>(old)));
     }
   }
-  jvmti->SetTag(object, static_cast<std::int32_t>(generation));
+  jvmti->SetTag(object, tagOf(generation));
+}
+
+std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
+  constexpr const char* kException = "Exception occured in memoryprofiler : scanJavaHeap";
+  return contained(kScanJavaHeap, kException, 0, [&] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!getMemoryProfiler() || jvmti == nullptr) return 0;
+    const MemorySessionConfig* const config = config_.load();
+    const classFilters filters = config == nullptr ? classFilters() : config->filters;
+    const auto most = static_cast<std::uint32_t>(config == nullptr ? 0 : config->topNClassCount);
+
+    const taggedObjects tagged = countTaggedObjects(jvmti);
+    if (tagged.count == 0) {
+      TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,
+             "Agent was not able to find any heap data to report genuinely as no problem "
+             "occurred");
+    }
+    TW_LOG(kLogTrace, kSeverityTrace, kScanJavaHeap, "*jvmti status: %d",
+           static_cast<int>(tagged.status));
+    const std::uint32_t current = gcCounter();
+    if (current == 0) {
+      TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,
+             "Agent was not able to find any gccount to report genuinely as no problem occurred");
+    }
+
+    // The current generation has survived nothing yet.
+    classRecords records;
+    if (tagged.complete) {
+      for (const std::uint32_t generation : tagged.generations) {
+        if (generation < 1 || generation >= current) continue;
+        addGeneration(jvmti, jni, generation, filters, records);
+      }
+    } else {
+      for (std::uint32_t generation = 1; generation < current; ++generation) {
+        if (!addGeneration(jvmti, jni, generation, filters, records)) break;
+      }
+    }
+    {
+      classQueue chosen = selectClasses(std::move(records), filters, most);
+      const support::lockGuard guard(queueMutex_);
+      classQueue_.swap(chosen);
+    }
+    return dumpJsonObjectFromMapDS(jni, path);
+  });
+}
+
+std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) {
+  constexpr const char* kException =
+      "Exception occured in memoryprofiler : dumpJsonObjectFromMapDS";
+  return contained(kDumpJson, kException, 0, [&] {
+    // Taken whether or not it can be written: nothing of it turns up in the next report.
+    classQueue chosen;
+    {
+      const support::lockGuard guard(queueMutex_);
+      chosen.swap(classQueue_);
+    }
+    if (!getMemoryProfiler()) return 0;
+    const std::string reportPath = support::textOf(jni, path);
+    if (reportPath.empty()) {
+      TW_LOG(kLogError, kSeverityError, kDumpJson,
+             "No memory report written: the report path is null or empty");
+      return 0;
+    }
+    support::fileWriter file(support::fileSystemPath(reportPath),
+                             support::fileWriter::mode::truncate);
+
+    const MemorySessionConfig* const config = config_.load();
+    support::jsonWriter json;
+    json.beginObject();
+    json.member("sessionname", kReportName);
+    json.member("sessionid", config == nullptr ? kNoSessionId : config->sessionId);
+    json.key("topNMemoryleakClass").beginObject();
+    if (chosen.empty()) {
+      TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+             "Agent was not able to find any tagged data for memory to report genuinely as no "
+             "problem occurred");
+    }
+    for (; !chosen.empty(); chosen.pop()) writeClass(json, chosen.top());
+    json.endObject();
+    json.endObject();
+
+    file.write(json.text());
+    const std::string reason = file.close();
+    if (reason.empty()) return 1;
+    TW_LOG(kLogError, kSeverityError, kDumpJson, "Unable to write memory report '%s'. Error = '%s'",
+           reportPath.c_str(), reason.c_str());
+    return 0;
+  });
 }
 
 }  // namespace agent

@@ -1,6 +1,9 @@
 // The memory leak profiler: objects are tagged on request with the garbage-collection generation
 // they were tagged in.
 //
+// When a session is stopped, the objects that still carry a tag are counted by class and
+// generation.
+//
 // gc_finish runs on the VM's threads, setObjectTag on any Java thread; the rest are control calls.
 #pragma once
 
@@ -12,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "heapScan.h"
 #include "profiler.h"
 #include "support/annotations.h"
 
@@ -24,11 +28,7 @@ struct MemorySessionConfig : sessionSettings {
   std::int32_t sessionId = 0;
   std::string sessionName;
   std::int32_t topNClassCount = 0;
-  // Free texts; a class or package matches one when its dotted name occurs anywhere in it.
-  std::string excludeClasses;
-  std::string excludePackages;
-  std::string includeClasses;
-  std::string includePackages;
+  classFilters filters;
 };
 
 class memoryProfiler : public profiler {
@@ -40,6 +40,11 @@ class memoryProfiler : public profiler {
   // Takes a MemorySessionConfig; gcCounter goes on.
   std::int32_t setProfileData(std::unique_ptr<sessionSettings> settings) override;
   void setProfilerEventMode(bool enable) override;
+  // Collects the objects that carry a tag of an earlier generation, chooses the classes to report
+  // and writes the report.
+  std::int32_t scanJavaHeap(JNIEnv* jni, jstring path) override;
+  // Writes the report of the classes that the last scan has chosen; 0 when it cannot be written.
+  std::int32_t dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) override;
 
   // Counts a finished collection. Makes no JNI or JVMTI call: the VM allows none here.
   static void JNICALL gc_finish(jvmtiEnv* jvmti);
@@ -57,6 +62,8 @@ class memoryProfiler : public profiler {
   support::mutex settingsMutex_;
   // Settings of earlier sessions stay: a handler may still be reading them.
   std::vector<std::unique_ptr<MemorySessionConfig>> settings_ GUARDED_BY(settingsMutex_);
+  support::mutex queueMutex_;
+  classQueue classQueue_ GUARDED_BY(queueMutex_);  // what the last scan has chosen
 };
 
 }  // namespace agent

@@ -1,0 +1,195 @@
+#include "heapScan.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+
+#include "support/jniRef.h"
+#include "support/jvmtiPtr.h"
+#include "support/text.h"
+
+namespace agent {
+
+namespace {
+
+// The package of a dotted class name; none without a dot.
+std::optional<std::string_view> packageOf(std::string_view className) {
+  const std::size_t dot = className.rfind('.');
+  if (dot == std::string_view::npos) return std::nullopt;
+  return className.substr(0, dot);
+}
+
+bool occursIn(const std::string& text, std::string_view name) {
+  return text.find(name) != std::string::npos;
+}
+
+bool matches(const std::string& classes, const std::string& packages, std::string_view name) {
+  const std::optional<std::string_view> package = packageOf(name);
+  return occursIn(classes, name) || (package && occursIn(packages, *package));
+}
+
+// Called by the VM for each tagged object, with the world stopped: no call into the VM.
+jint JNICALL countObject(jlong /*classTag*/, jlong /*size*/, jlong* tag, jint /*length*/,
+                         void* userData) {
+  auto& met = *static_cast<taggedObjects*>(userData);
+  ++met.count;
+  if (!isGeneration(*tag) || generationOf(*tag) == met.lastGeneration) return JVMTI_VISIT_OBJECTS;
+  try {
+    met.lastGeneration = generationOf(*tag);
+    met.generations.insert(met.lastGeneration);
+  } catch (...) {
+    met.complete = false;
+  }
+  return JVMTI_VISIT_OBJECTS;
+}
+
+// The classes met in one query, with the record that their objects are added to. Names are read
+// once for each class, not for each object.
+class classesOfQuery {
+ public:
+  classesOfQuery(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters, classRecords& records)
+      : jvmti_(jvmti), jni_(jni), filters_(filters), records_(records) {}
+
+  // The record for objects of the class; none when it is left out.
+  classRecord* recordOf(support::localRef<jclass> cls) {
+    if (last_ != nullptr && is(*last_, cls.get())) return last_->record;
+    jint hash = 0;
+    jvmti_->GetObjectHashCode(cls.get(), &hash);
+    const auto [begin, end] = byHash_.equal_range(hash);
+    for (auto each = begin; each != end; ++each) {
+      if (!is(each->second, cls.get())) continue;
+      last_ = &each->second;
+      return last_->record;
+    }
+    classRecord* const record = makeRecord(cls.get());
+    last_ = &byHash_.emplace(hash, known{std::move(cls), record})->second;
+    return record;
+  }
+
+ private:
+  struct known {
+    support::localRef<jclass> cls;
+    classRecord* record;
+  };
+
+  bool is(const known& one, jclass cls) const {
+    return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
+  }
+
+  classRecord* makeRecord(jclass cls) {
+    support::jvmtiText signature(jvmti_);
+    signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls, out, nullptr); });
+    if (!signature) return nullptr;
+    const std::string name = classNameOf(signature.view());
+    return filters_.excludes(name) ? nullptr : &records_[name];
+  }
+
+  jvmtiEnv* jvmti_;
+  JNIEnv* jni_;
+  const classFilters& filters_;
+  classRecords& records_;
+  std::unordered_multimap<jint, known> byHash_;
+  known* last_ = nullptr;
+};
+
+}  // namespace
+
+bool classFilters::excludes(std::string_view className) const {
+  return matches(excludeClasses, excludePackages, className);
+}
+
+bool classFilters::includes(std::string_view className) const {
+  return matches(includeClasses, includePackages, className);
+}
+
+jlong tagOf(std::uint32_t generation) {
+  return static_cast<std::int32_t>(generation);
+}
+
+bool isGeneration(jlong tag) {
+  return tag >= std::numeric_limits<std::int32_t>::min() &&
+         tag <= std::numeric_limits<std::uint32_t>::max();
+}
+
+std::uint32_t generationOf(jlong tag) {
+  return static_cast<std::uint32_t>(tag);
+}
+
+std::string classNameOf(std::string_view signature) {
+  std::string name;
+  if (signature.starts_with('[')) {
+    name = signature;
+    std::replace(name.begin(), name.end(), '/', '.');
+  } else {
+    support::appendDottedClass(name, signature);
+  }
+  return name;
+}
+
+taggedObjects countTaggedObjects(jvmtiEnv* jvmti) {
+  taggedObjects met;
+  met.complete = true;
+  jvmtiHeapCallbacks callbacks{};
+  callbacks.heap_iteration_callback = countObject;
+  met.status = jvmti->IterateThroughHeap(JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &callbacks, &met);
+  if (met.status != JVMTI_ERROR_NONE) met.complete = false;
+  return met;
+}
+
+bool addGeneration(jvmtiEnv* jvmti, JNIEnv* jni, std::uint32_t generation,
+                   const classFilters& filters, classRecords& records) {
+  constexpr jint kExpectedReferences = 1024;
+  const support::localFrame frame(jni, kExpectedReferences);
+  const jlong tag = tagOf(generation);
+  jint count = 0;
+  support::jvmtiPtr<jobject> objects(jvmti);
+  const jvmtiError error = objects.fill(
+      [&](jobject** out) { return jvmti->GetObjectsWithTags(1, &tag, &count, out, nullptr); });
+  if (error != JVMTI_ERROR_NONE) return false;
+
+  classesOfQuery classes(jvmti, jni, filters, records);
+  for (jint i = 0; i < count; ++i) {
+    const support::localRef<> object(jni, objects[i]);
+    support::localRef<jclass> cls(jni, jni->GetObjectClass(object.get()));
+    if (!cls) continue;
+    classRecord* const record = classes.recordOf(std::move(cls));
+    if (record == nullptr) continue;
+    jlong size = 0;
+    if (jvmti->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
+    const auto bytes = static_cast<std::uint64_t>(size);
+    ++record->totalCount;
+    record->totalSize += bytes;
+    generationRecord& survived = record->gcSurvived[generation];
+    ++survived.count;
+    survived.size += bytes;
+  }
+  return true;
+}
+
+classQueue selectClasses(classRecords records, const classFilters& filters, std::uint32_t most) {
+  classQueue queue;
+  const auto canBeTaken = [](const auto& entry) {
+    return entry.second.totalSize != 0 && packageOf(entry.first);
+  };
+  const auto take = [&](auto& entry) { queue.push({entry.first, std::move(entry.second)}); };
+  for (auto& entry : records) {
+    if (queue.size() >= most) return queue;
+    if (canBeTaken(entry) && filters.includes(entry.first)) take(entry);
+  }
+  if (queue.size() >= most) return queue;
+  for (auto& entry : records) {
+    if (!canBeTaken(entry) || filters.includes(entry.first)) continue;
+    if (queue.size() < most) {
+      take(entry);
+    } else if (entry.second.totalSize > queue.top().record.totalSize) {
+      queue.pop();
+      take(entry);
+    }
+  }
+  return queue;
+}
+
+}  // namespace agent

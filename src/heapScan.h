@@ -1,0 +1,88 @@
+// Counting the objects that carry a tag, by class and by garbage-collection generation, and
+// choosing the classes to report.
+//
+// A scan runs on the thread that stops a memory session. It stops the world in pieces: one walk
+// over the heap, then one query for each generation that the walk has met.
+#pragma once
+
+#include <jvmti.h>
+
+#include <cstdint>
+#include <map>
+#include <queue>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace agent {
+
+// The objects of one class that were tagged in one generation.
+struct generationRecord {
+  std::uint64_t size = 0;  // bytes
+  std::uint32_t count = 0;
+};
+
+// The tagged objects of one class.
+struct classRecord {
+  std::uint32_t totalCount = 0;
+  std::uint64_t totalSize = 0;                           // bytes
+  std::map<std::uint32_t, generationRecord> gcSurvived;  // by generation
+};
+
+using classRecords = std::map<std::string, classRecord>;
+
+// A class chosen for the report; ordered by size, the smallest on top of the queue.
+struct rankedClass {
+  std::string name;
+  classRecord record;
+};
+struct largerClass {
+  bool operator()(const rankedClass& a, const rankedClass& b) const {
+    return a.record.totalSize > b.record.totalSize;
+  }
+};
+using classQueue = std::priority_queue<rankedClass, std::vector<rankedClass>, largerClass>;
+
+// Free texts; a class or package matches one when its dotted name occurs anywhere in it.
+struct classFilters {
+  std::string excludeClasses;
+  std::string excludePackages;
+  std::string includeClasses;
+  std::string includePackages;
+
+  bool excludes(std::string_view className) const;
+  bool includes(std::string_view className) const;
+};
+
+// The tag of objects of a generation, and the generation of a tag of 32 bits.
+jlong tagOf(std::uint32_t generation);
+bool isGeneration(jlong tag);
+std::uint32_t generationOf(jlong tag);
+
+// The dotted name of a class by its signature: "Ljava/lang/String;" gives "java.lang.String", an
+// array keeps all of its signature, as in "[Ljava.lang.String;".
+std::string classNameOf(std::string_view signature);
+
+// What one walk over the heap has met.
+struct taggedObjects {
+  std::uint64_t count = 0;
+  std::set<std::uint32_t> generations;
+  std::uint32_t lastGeneration = 0;  // of those met; 0 until there is one
+  // Whether `generations` is all of them: not when the walk failed.
+  bool complete = false;
+  jvmtiError status = JVMTI_ERROR_NONE;
+};
+taggedObjects countTaggedObjects(jvmtiEnv* jvmti);
+
+// Adds the objects tagged in `generation` to the records of their classes; those that the filters
+// exclude are left out. False when the VM refuses.
+bool addGeneration(jvmtiEnv* jvmti, JNIEnv* jni, std::uint32_t generation,
+                   const classFilters& filters, classRecords& records);
+
+// Takes up to `most` classes from `records`, in ascending order of their names: first those that
+// the filters include, then, while there is room, the others, of which a larger one displaces the
+// smallest taken. A class of size 0 or without a package is never taken.
+classQueue selectClasses(classRecords records, const classFilters& filters, std::uint32_t most);
+
+}  // namespace agent
