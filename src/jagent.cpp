@@ -29,6 +29,8 @@ namespace {
 
 constexpr const char* kOnLoad = "Agent_OnLoad";
 
+constexpr jint kToolInterfaceVersion = 0x30010000;  // JVMTI 1.0, which every VM since gives
+
 constexpr std::string_view kLogLevelKey = "logLevel";
 constexpr std::string_view kHomeKey = "twHome";
 constexpr std::string_view kObjectDepthKey = "captureObjDepth";
@@ -148,7 +150,7 @@ int daysIn(int month, int year) {
 jint load(JavaVM* vm, const char* options) {
   twAprLib::print("Starting Java Native Agent \n");
   void* environment = nullptr;
-  vm->GetEnv(&environment, JVMTI_VERSION_1_1);
+  vm->GetEnv(&environment, kToolInterfaceVersion);
   if (environment == nullptr) return 0;
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
   const std::shared_ptr<profilerRegistry> registry = getRegistry();

@@ -136,6 +136,10 @@ lockBean* lockStore::findLock(const support::namedClass& cls, jint hash) const {
   return found == nullptr ? nullptr : &found->bean;
 }
 
+bool lockStore::refuses(jint hash) const {
+  return (!config || config->maxLockCount.value() < 1) && lockmap_.find(keyOf(hash)) == nullptr;
+}
+
 lockStore::recordedLock lockStore::recordLock(const std::shared_ptr<const support::namedClass>& cls,
                                               jint hash) {
   if (config->maxLockCount.value() < 1) {  // spent: count down without a lock
@@ -147,8 +151,9 @@ lockStore::recordedLock lockStore::recordLock(const std::shared_ptr<const suppor
                                       config->maxThreadPerLockCount);
   const support::lockGuard guard(lockMapMutex);
   if (lockBean* const present = findLock(*cls, hash)) return {present, false};
-  if (!config->maxLockCount.take()) return {};
-  return {&lockmap_.insert(std::move(entry)).bean, true};
+  const std::int32_t left = config->maxLockCount.takeAndTell();
+  if (left < 0) return {};
+  return {&lockmap_.insert(std::move(entry)).bean, true, left};
 }
 
 std::vector<lockBean*> lockStore::locksByName() const {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "profiler.h"
+#include "stackTraces.h"
 #include "support/annotations.h"
 #include "support/insertOnlyMap.h"
 #include "support/javaClasses.h"
@@ -32,10 +33,12 @@ class countdown {
   explicit countdown(std::int32_t value) : value_(value) {}
 
   // Takes one; whether there was one to take.
-  bool take() {
+  bool take() { return takeAndTell() >= 0; }
+  // Takes one and gives what it left; negative when there was none to take.
+  std::int32_t takeAndTell() {
     constexpr std::int32_t kLowest = INT32_MIN / 2;
-    if (value_.load(std::memory_order_relaxed) < kLowest) return false;
-    return value_.fetch_sub(1, std::memory_order_relaxed) >= 1;
+    if (value_.load(std::memory_order_relaxed) < kLowest) return kLowest;
+    return value_.fetch_sub(1, std::memory_order_relaxed) - 1;
   }
   std::int32_t value() const { return value_.load(std::memory_order_relaxed); }
 
@@ -205,9 +208,14 @@ class lockStore {
   // has made.
   lockBean* findLock(const support::namedClass& cls, jint hash) const;
 
+  // Whether a lock of that hash is not in the map and cannot be recorded any more, whatever its
+  // class. No lock is taken.
+  bool refuses(jint hash) const;
+
   struct recordedLock {
     lockBean* bean = nullptr;  // none when the budget is spent
     bool made = false;         // false when another event has just made it
+    std::int32_t budgetLeft = 0;
   };
   // Takes from maxLockCount and makes the lock, unless it is there by now. Needs settings.
   recordedLock recordLock(const std::shared_ptr<const support::namedClass>& cls, jint hash)
@@ -224,6 +232,8 @@ class lockStore {
   std::vector<std::uint64_t> stackHashes() const;
 
   const std::unique_ptr<LockSessionConfig> config;
+
+  knownStackTraces stackTraces;
 
   support::mutex lockMapMutex;   // guards insertion of locks
   support::mutex stackMapMutex;  // guards insertion of stack hashes, and the texts

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <optional>
+#include <source_location>
 #include <utility>
 
 #include "boundary.h"
@@ -61,31 +62,6 @@ std::uint64_t elapsed(std::int64_t start, std::int64_t end) {
   return start > 0 && end > start ? static_cast<std::uint64_t>(end - start) : 0;
 }
 
-// One line for each frame, "at a.b.C.m()" and a line feed. A frame that the VM cannot name adds
-// nothing.
-std::string textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, const jvmtiFrameInfo* frames, jint count) {
-  constexpr std::size_t kUsualLine = 80;
-  std::string text;
-  text.reserve(static_cast<std::size_t>(count) * kUsualLine);
-  for (jint i = 0; i < count; ++i) {
-    const jmethodID method = frames[i].method;
-    support::jvmtiText name(jvmti);
-    name.fill([&](char** out) { return jvmti->GetMethodName(method, out, nullptr, nullptr); });
-    jclass declaring = nullptr;
-    if (!name || jvmti->GetMethodDeclaringClass(method, &declaring) != JVMTI_ERROR_NONE) continue;
-    const support::localRef<jclass> cls(jni, declaring);
-    support::jvmtiText signature(jvmti);
-    signature.fill([&](char** out) { return jvmti->GetClassSignature(declaring, out, nullptr); });
-    if (!signature) continue;
-    text += "at ";
-    support::appendDottedClass(text, signature.view());
-    text += '.';
-    text += name.view();
-    text += "()\n";
-  }
-  return text;
-}
-
 std::string describe(const LockSessionConfig& config) {
   std::string text = "*********Session Details :\n\t\tSession Id : ";
   text += std::to_string(config.sessionId);
@@ -103,9 +79,12 @@ std::string describe(const LockSessionConfig& config) {
 }
 
 void logUnwritable(const char* function, const char* what, const std::string& path,
-                   const std::string& reason) {
-  TW_LOG(kLogError, kSeverityError, function, "Unable to write %s '%s'. Error = '%s'", what,
-         path.c_str(), reason.c_str());
+                   const std::string& reason,
+                   std::source_location where = std::source_location::current()) {
+  if (twAprLib::level() < kLogError) return;
+  twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file_name(),
+                  static_cast<int>(where.line()), function, "Unable to write %s '%s'. Error = '%s'",
+                  what, path.c_str(), reason.c_str());
 }
 
 }  // namespace
@@ -121,8 +100,11 @@ struct mutexLockProfiler::handlerTexts {
   const char* exception;
   bool saysWhoAndWhat = true;  // thread and lock of every event, at Debug
 
-  void error(const char* message) const {
-    if (message != nullptr) TW_LOG(kLogError, kSeverityError, function, "%s", message);
+  void error(const char* message,
+             std::source_location where = std::source_location::current()) const {
+    if (message == nullptr || twAprLib::level() < kLogError) return;
+    twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file_name(),
+                    static_cast<int>(where.line()), function, "%s", message);
   }
 };
 
@@ -136,16 +118,28 @@ struct mutexLockProfiler::monitorEvent {
   std::int32_t state;
   std::uint32_t epoch;
   std::shared_ptr<lockStore> store;
-  support::threadName threadName;  // read only where it is used
-  jlong time = 0;                  // 0 when the VM gave none
+  support::threadName name;
+  bool nameIsRead = false;
+  jlong time = 0;  // 0 when the VM gave none
 
   bool detail() const { return state == kLockDetail; }
+  bool saysWhoAndWhat() const { return texts.saysWhoAndWhat && twAprLib::level() >= kLogDebug; }
+  void readTime() {
+    if (jvmti->GetTime(&time) != JVMTI_ERROR_NONE) time = 0;
+  }
+  // The name of the event's thread; asked for when it is used first.
+  const support::threadName& threadName() {
+    if (!nameIsRead) name.read(thread);
+    nameIsRead = true;
+    return name;
+  }
 };
 
 // The lock of an event: its record, or what it would be recorded under.
 struct mutexLockProfiler::namedMonitor {
   lockBean* bean = nullptr;
-  std::shared_ptr<const support::namedClass> cls;  // known at least when there is no record
+  // Its class, where a record may yet be made or looked up by name.
+  std::shared_ptr<const support::namedClass> cls;
   jint hash = 0;
 
   std::string name() const { return bean ? bean->lockName : lockNameOf(cls->value, hash); }
@@ -193,10 +187,12 @@ std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> 
     if (given == nullptr) return 0;
     settings.release();
     const auto next = std::make_shared<lockStore>(std::unique_ptr<LockSessionConfig>(given));
+    // Described before events take from its countdowns.
+    const std::string details =
+        twAprLib::level() >= kLogTrace ? describe(*next->config) : std::string();
     store_.store(next);
     epoch_.fetch_add(1);
-    if (twAprLib::level() < kLogTrace) return 1;
-    TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", describe(*next->config).c_str());
+    TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", details.c_str());
     return 1;
   });
 }
@@ -362,28 +358,32 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
 
 void mutexLockProfiler::dumpStackInFile(lockStore& store) {
   if (!store.config) return;
-  const support::lockGuard guard(store.stackMapMutex);
-  if (store.stacktracemap.empty()) return;
   const std::string& path = store.config->stackFilePath;
-  support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::append);
-  TW_LOG(kLogDebug, kSeverityDebug, kDumpStack, "StackMap size is : %zu",
-         store.stacktracemap.size());
-  if (store.stacktracemap.empty()) {
+  std::size_t written = 0;
+  std::string reason;
+  {
+    const support::lockGuard guard(store.stackMapMutex);
+    if (store.stacktracemap.empty()) return;
+    support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::append);
+    written = store.stacktracemap.size();
+    for (const auto& [hash, text] : store.stacktracemap) {
+      file.write(std::to_string(hash));
+      file.write("=[");
+      file.write(text);
+      file.write("]\n");
+    }
+    store.stacktracemap.clear();
+    // Only the low half of the graphs' origin goes.
+    constexpr std::int64_t kHighHalf = ~std::int64_t{0xFFFFFFFF};
+    startTime_.fetch_and(kHighHalf);
+    reason = file.close();
+  }
+  TW_LOG(kLogDebug, kSeverityDebug, kDumpStack, "StackMap size is : %zu", written);
+  if (written == 0) {
     TW_LOG(kLogWarn, kSeverityWarn, kDumpStack,
            "Agent was not able to find any stackMap data to report genuinely as no problem "
            "occurred");
   }
-  for (const auto& [hash, text] : store.stacktracemap) {
-    file.write(std::to_string(hash));
-    file.write("=[");
-    file.write(text);
-    file.write("]\n");
-  }
-  store.stacktracemap.clear();
-  // Only the low half of the graphs' origin goes.
-  constexpr std::int64_t kHighHalf = ~std::int64_t{0xFFFFFFFF};
-  startTime_.fetch_and(kHighHalf);
-  const std::string reason = file.close();
   if (!reason.empty()) logUnwritable(kDumpStack, "stack trace file", path, reason);
 }
 
@@ -412,7 +412,6 @@ void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEn
     monitorEvent event{jvmti,  jni,           thread,
                        object, texts,         state,
                        epoch,  self->store(), support::threadName(jvmti, jni)};
-    if (jvmti->GetTime(&event.time) != JVMTI_ERROR_NONE) event.time = 0;
     handleEvent(*self, event);
   });
 }
@@ -473,6 +472,7 @@ void JNICALL mutexLockProfiler::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthr
 }
 
 void mutexLockProfiler::contendedEnter(monitorEvent& event) {
+  event.readTime();
   storeStart(event.jvmti, event.thread, event.time);
   std::int64_t origin = startTime_.load();
   if (origin < 1 && event.time > 0) startTime_.compare_exchange_strong(origin, event.time);
@@ -491,10 +491,10 @@ void mutexLockProfiler::contendedEnter(monitorEvent& event) {
     return;
   }
 
-  const std::string_view threadName = event.threadName.view();
-  threadBean* const thread = monitor.bean == nullptr
-                                 ? nullptr
-                                 : monitor.bean->countEntry(threadName, minuteSlot(event.time));
+  threadBean* thread = nullptr;
+  if (monitor.bean != nullptr) {
+    thread = monitor.bean->countEntry(event.threadName().view(), minuteSlot(event.time));
+  }
   const std::shared_ptr<topLockBean> top = topLockOf(monitor);
   if (top) {
     if (monitor.bean != nullptr) top->waiters.enter(event.epoch);
@@ -513,6 +513,7 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
     }
   } guard{epoch_};
 
+  event.readTime();
   const std::optional<std::int64_t> start = startOf(event.jvmti, event.thread);
   namedMonitor monitor;
   if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
@@ -529,7 +530,7 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
     const std::uint64_t blocked = elapsed(*start, event.time);
     monitor.bean->totalBlockTime.fetch_add(blocked, std::memory_order_relaxed);
     threadBean* const thread =
-        event.detail() ? monitor.bean->findThread(event.threadName.view()) : nullptr;
+        event.detail() ? monitor.bean->findThread(event.threadName().view()) : nullptr;
     if (thread != nullptr) {
       thread->totalBlockTime.fetch_add(blocked, std::memory_order_relaxed);
       thread->lastEnterTime.store(*start, std::memory_order_relaxed);
@@ -541,6 +542,7 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
 }
 
 void mutexLockProfiler::wait(monitorEvent& event) {
+  event.readTime();
   storeStart(event.jvmti, event.thread, event.time);
   namedMonitor monitor;
   if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
@@ -553,11 +555,18 @@ void mutexLockProfiler::wait(monitorEvent& event) {
 }
 
 void mutexLockProfiler::waited(monitorEvent& event) {
+  if (!event.detail()) {  // waits are measured in detail sessions only
+    if (event.object != nullptr && event.thread == nullptr) {
+      event.texts.error(event.texts.threadIsNull);
+    }
+    return;
+  }
+  event.readTime();
   const std::optional<std::int64_t> start = startOf(event.jvmti, event.thread);
   namedMonitor monitor;
   if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
-  if (!event.detail() || monitor.bean == nullptr) return;
-  threadBean* const thread = monitor.bean->threadForWait(event.threadName.view());
+  if (monitor.bean == nullptr) return;
+  threadBean* const thread = monitor.bean->threadForWait(event.threadName().view());
   if (!start) return;
   const std::uint64_t waited = elapsed(*start, event.time);
   monitor.bean->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
@@ -578,12 +587,16 @@ bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) 
     event.texts.error(event.texts.noGetClass);
     return false;
   }
-  if (event.jvmti->GetObjectHashCode(event.object, &monitor.hash) != JVMTI_ERROR_NONE) {
-    return false;
+  const bool hashed =
+      event.jvmti->GetObjectHashCode(event.object, &monitor.hash) == JVMTI_ERROR_NONE;
+  if (hashed) {
+    monitor.bean = event.store->findLock(event.jni, cls.get(), monitor.hash);
+    if (monitor.bean != nullptr) return true;
+    // Beyond the budget, what a lock would be called matters only to those who read of it.
+    if (!event.detail() && !event.saysWhoAndWhat() && event.store->refuses(monitor.hash)) {
+      return true;
+    }
   }
-  monitor.bean = event.store->findLock(event.jni, cls.get(), monitor.hash);
-  if (monitor.bean != nullptr) return true;
-
   support::classNameResult named = classes_.of(event.jvmti, event.jni, event.object, cls.get());
   switch (named.failure) {
     case support::classNameFailure::none:
@@ -599,22 +612,21 @@ bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) 
       return false;
   }
   monitor.cls = std::move(named.found);
+  if (!hashed) return false;
   monitor.bean = event.store->findLock(*monitor.cls, monitor.hash);
   return true;
 }
 
-// Reads the thread's name where it is used: in detail sessions and for Debug lines.
+// Whether the event has a thread; at Debug, says which thread and lock it is about.
 bool mutexLockProfiler::nameThread(monitorEvent& event, const namedMonitor& monitor) {
   if (event.thread == nullptr) {
     event.texts.error(event.texts.threadIsNull);
     return false;
   }
-  const bool debug = event.texts.saysWhoAndWhat && twAprLib::level() >= kLogDebug;
-  if (event.detail() || debug) event.threadName.read(event.thread);
-  if (debug) {
+  if (event.saysWhoAndWhat()) {
     TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
-           "Current Thread is : %s , Curent lock name : %s",
-           std::string(event.threadName.view()).c_str(), monitor.name().c_str());
+           "Current Thread is : %s , Curent lock name : %s", event.threadName().c_str(),
+           monitor.name().c_str());
   }
   return true;
 }
@@ -625,7 +637,7 @@ lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& m
                                       bool& made) {
   lockStore& store = *event.store;
   if (!store.config) return nullptr;
-  if (event.detail()) {
+  if (event.detail() || !monitor.cls) {
     store.config->maxLockCount.take();
     return nullptr;
   }
@@ -634,7 +646,7 @@ lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& m
   if (made) {
     TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
            "Going to create lockbean obj,Max Locks Count is :  %d and top n mutex lock is : %d",
-           store.config->maxLockCount.value(), store.config->topLockCount);
+           recorded.budgetLeft, store.config->topLockCount);
     // An error word at the debug threshold, as operators know it.
     TW_LOG(kLogDebug, kSeverityError, event.texts.function, "add new object %s",
            recorded.bean->lockName.c_str());
@@ -683,17 +695,16 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     }
     owner.read(usage.owner());
   }
-  const std::string ownerName(owner.view());
   TW_LOG(kLogDebug, kSeverityDebug, event.texts.function, "Monitor owner name :  %s",
-         ownerName.c_str());
+         owner.c_str());
 
   const support::lockGuard guard(top.mutex);
-  top.ownerName = ownerName;
-  const auto found = top.blockingThreads.find(ownerName);
+  top.ownerName = owner.view();
+  const auto found = top.blockingThreads.find(owner.view());
   if (found != top.blockingThreads.end()) {
     ++found->second.blockingCount;
   } else if (event.store->config && event.store->config->maxThreadCountCopy.take()) {
-    top.blockingThreads.try_emplace(ownerName);
+    top.blockingThreads.try_emplace(std::string(owner.view()));
   }
 }
 
@@ -717,7 +728,7 @@ void mutexLockProfiler::closeOwnersPeriod(const monitorEvent& event, topLockBean
 // The event's thread owns the monitor now. If it is a known owner and others wait, a period in
 // which it holds them up begins. The VM is asked for waiters only when the events told of none.
 void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters) {
-  const std::string_view self = event.threadName.view();
+  const std::string_view self = event.threadName().view();
   const auto open = [&](blockingThreadBean& own) {
     ++own.blockCount;
     own.blockStartTime = event.time;
@@ -742,9 +753,26 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
   if (own != top.blockingThreads.end()) open(own->second);
 }
 
-// Names the stack of the event's thread by its hash, keeps the text of a new one, and counts the
-// sighting for the thread on this lock and for the thread as an owner of it.
-void mutexLockProfiler::updateStackTrace(const monitorEvent& event, threadBean* thread,
+// The hash of a trace's text; the text of a new trace is kept.
+std::uint64_t mutexLockProfiler::hashOf(const monitorEvent& event, stackFrames frames) {
+  lockStore& store = *event.store;
+  if (const auto known = store.stackTraces.find(event.jni, frames)) return *known;
+
+  stackText trace = textOfFrames(event.jvmti, event.jni, stackClasses_, frames);
+  const std::uint64_t hash = support::fnv1a64(trace.text);
+  if (!store.knowsStackTrace(hash) && store.addStackTrace(hash, trace.text)) {
+    TW_LOG(kLogDebug, kSeverityDebug, kUpdateStackTrace, "Hashcode for current stackTrace : %llu",
+           static_cast<unsigned long long>(hash));
+    const bool inBudget = store.config && store.config->maxStackTraceCount.take();
+    if (inBudget && frames.size() + 1 > kMaxFrames) dumpStackInFile(store);
+  }
+  if (trace.classes) store.stackTraces.remember(frames, hash, *std::move(trace.classes));
+  return hash;
+}
+
+// Names the stack of the event's thread by its hash, and counts the sighting for the thread on this
+// lock and for the thread as an owner of it.
+void mutexLockProfiler::updateStackTrace(monitorEvent& event, threadBean* thread,
                                          topLockBean* top) {
   std::array<jvmtiFrameInfo, kMaxFrames> frames;
   jint count = 0;
@@ -752,23 +780,16 @@ void mutexLockProfiler::updateStackTrace(const monitorEvent& event, threadBean* 
       JVMTI_ERROR_NONE) {
     count = 0;
   }
-  const std::string text = textOfFrames(event.jvmti, event.jni, frames.data(), count);
-  const std::uint64_t hash = support::fnv1a64(text);
-
-  lockStore& store = *event.store;
-  if (!store.knowsStackTrace(hash) && store.addStackTrace(hash, text)) {
-    TW_LOG(kLogDebug, kSeverityDebug, kUpdateStackTrace, "Hashcode for current stackTrace : %llu",
-           static_cast<unsigned long long>(hash));
-    const bool inBudget = store.config && store.config->maxStackTraceCount.take();
-    if (inBudget && count + 1 > kMaxFrames) dumpStackInFile(store);
-  }
+  const std::uint64_t hash =
+      hashOf(event, stackFrames(frames.data(), static_cast<std::size_t>(count)));
   if (thread != nullptr) {
     const support::lockGuard guard(thread->stackMutex);
     countStackTrace(thread->stacktracebean, hash);
   }
   if (top != nullptr) {
+    const std::string_view threadName = event.threadName().view();
     const support::lockGuard guard(top->mutex);
-    const auto own = top->blockingThreads.find(event.threadName.view());
+    const auto own = top->blockingThreads.find(threadName);
     if (own != top->blockingThreads.end()) countStackTrace(own->second.stacktracebean, hash);
   }
 }

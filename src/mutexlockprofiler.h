@@ -19,6 +19,7 @@
 
 #include "lockStore.h"
 #include "profiler.h"
+#include "stackTraces.h"
 #include "support/annotations.h"
 #include "support/javaClasses.h"
 #include "support/sharedSlot.h"
@@ -104,7 +105,8 @@ class mutexLockProfiler : public profiler {
   void lookUpOwner(monitorEvent& event, topLockBean& top);
   void closeOwnersPeriod(const monitorEvent& event, topLockBean& top);
   void openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters);
-  void updateStackTrace(const monitorEvent& event, threadBean* thread, topLockBean* top);
+  std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);
+  void updateStackTrace(monitorEvent& event, threadBean* thread, topLockBean* top);
 
   void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
   void clearTopLocks() EXCLUDES(topLockMutex_);
@@ -118,7 +120,8 @@ class mutexLockProfiler : public profiler {
   topLockBeans topLockMap_ GUARDED_BY(topLockMutex_);
   std::atomic<std::uint64_t> topLockVersion_{1};  // of topLockMap_
 
-  support::javaClasses classes_;
+  support::javaClasses classes_;  // of monitors
+  heldClasses stackClasses_;      // of methods on stacks
 
   // Around GetObjectMonitorUsage, see vmTurn.
   std::timed_mutex usageMutex_;

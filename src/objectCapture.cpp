@@ -44,7 +44,8 @@ struct objectCapture::field {
   const char* name;
   const char* signature;
   bool isStatic;
-  jfieldID id = nullptr;
+  bool isInitialized;  // the class
+  jfieldID id;
 
   // Calls the JNI function for static fields or the one for instance fields.
   template <typename Value>
@@ -63,6 +64,9 @@ std::string objectCapture::GetObjectFieldsValue(jobject object, jclass cls,
   const jvmtiError error =
       fields.fill([&](jfieldID** out) { return jvmti_->GetClassFields(cls, &count, out); });
   if (exceptionProfiler::check(jni_, jvmti_, error)) return text;
+  jint status = 0;
+  const bool isInitialized = jvmti_->GetClassStatus(cls, &status) == JVMTI_ERROR_NONE &&
+                             (status & JVMTI_CLASS_STATUS_INITIALIZED) != 0;
   for (jint i = 0; i < count; ++i) {
     support::jvmtiText name(jvmti_);
     support::jvmtiText signature(jvmti_);
@@ -76,7 +80,9 @@ std::string objectCapture::GetObjectFieldsValue(jobject object, jclass cls,
     const jvmtiError modifiersError = jvmti_->GetFieldModifiers(cls, fields[i], &modifiers);
     if (exceptionProfiler::check(jni_, jvmti_, modifiersError)) return text;
     if (!name || !signature) continue;
-    const field each{jni_, object, cls, name.get(), signature.get(), (modifiers & kStatic) != 0};
+    const field each{jni_,          object,          cls,
+                     name.get(),    signature.get(), (modifiers & kStatic) != 0,
+                     isInitialized, fields[i]};
     if (!appendField(text, each, depth, mode)) return text;
   }
   return text;
@@ -100,8 +106,12 @@ bool objectCapture::appendField(std::string& out, field each, std::int32_t depth
     record::appendNullField(out, each.name);
     return true;
   }
-  each.id = each.isStatic ? jni_->GetStaticFieldID(each.cls, each.name, each.signature)
-                          : jni_->GetFieldID(each.cls, each.name, each.signature);
+  // Asking for a field by name initialises the class, and would wait here while another thread runs
+  // its initialiser. Until it is initialised, the ID that JVMTI gave serves.
+  if (each.isInitialized) {
+    each.id = each.isStatic ? jni_->GetStaticFieldID(each.cls, each.name, each.signature)
+                            : jni_->GetFieldID(each.cls, each.name, each.signature);
+  }
   if (each.id == nullptr) {
     jni_->ExceptionClear();
     sayNoFieldId(each, code);
@@ -186,7 +196,7 @@ void objectCapture::sayNoFieldId(const field& each, record::typeCode code) {
   support::threadName name(jvmti_, jni_);
   name.read(thread_);
   TW_LOG(kLogError, kSeverityDebug, kFieldsFunction, "return fid name : %s ,thread  : %s",
-         each.name, std::string(name.view()).c_str());
+         each.name, name.c_str());
 }
 
 bool objectCapture::isArray(jclass cls) {

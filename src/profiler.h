@@ -59,7 +59,6 @@ class profiler {
   virtual std::int32_t scanJavaHeap(JNIEnv* /*jni*/, jstring /*path*/) { return 0; }
 
   std::int32_t state() const { return state_.load(std::memory_order_acquire); }
-  void setState(std::int32_t state) { state_.store(state, std::memory_order_release); }
 
   // Set while this profiler's handlers are to be installed.
   bool enabled() const { return enabled_.load(std::memory_order_acquire); }
@@ -69,6 +68,9 @@ class profiler {
   std::int32_t captureObjType = 3;
   std::int32_t captureObjDepth = 1;
   std::int32_t captureSTDepth = 3;
+
+ protected:
+  void setState(std::int32_t state) { state_.store(state, std::memory_order_release); }
 
  private:
   std::atomic<std::int32_t> state_;

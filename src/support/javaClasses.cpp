@@ -18,21 +18,21 @@ classNameResult javaClasses::of(jvmtiEnv* jvmti, JNIEnv* jni, jobject object, jc
 classNameFailure javaClasses::readName(JNIEnv* jni, jobject object, jclass cls, std::string& name) {
   pendingExceptionGuard exceptions(jni);
   jmethodID getClass = getClass_.load(std::memory_order_relaxed);
-  if (getClass == nullptr) {
-    getClass = jni->GetMethodID(cls, "getClass", "()Ljava/lang/Class;");
+  jmethodID getName = getName_.load(std::memory_order_relaxed);
+  if (getClass == nullptr || getName == nullptr) {
+    // java.lang.Class is asked for both, since GetMethodID initialises the class it is asked with:
+    // with the monitor's class, the event would wait for the thread that runs its initialiser.
+    const localRef<jclass> classOfClass(jni, jni->GetObjectClass(cls));
+    if (!classOfClass) return classNameFailure::noGetClass;
+    getClass = jni->GetMethodID(classOfClass.get(), "getClass", "()Ljava/lang/Class;");
     if (getClass == nullptr) return classNameFailure::noGetClass;
     getClass_.store(getClass, std::memory_order_relaxed);
-  }
-  const localRef<> classObject(jni, jni->CallObjectMethod(object, getClass));
-  if (exceptions.clear() || !classObject) return classNameFailure::empty;
-
-  jmethodID getName = getName_.load(std::memory_order_relaxed);
-  if (getName == nullptr) {
-    const localRef<jclass> classOfClass(jni, jni->GetObjectClass(classObject.get()));
     getName = jni->GetMethodID(classOfClass.get(), "getName", "()Ljava/lang/String;");
     if (getName == nullptr) return classNameFailure::noGetName;
     getName_.store(getName, std::memory_order_relaxed);
   }
+  const localRef<> classObject(jni, jni->CallObjectMethod(object, getClass));
+  if (exceptions.clear() || !classObject) return classNameFailure::empty;
   const localRef<jstring> string(
       jni, static_cast<jstring>(jni->CallObjectMethod(classObject.get(), getName)));
   if (exceptions.clear()) return classNameFailure::empty;

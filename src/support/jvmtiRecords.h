@@ -25,6 +25,7 @@ class threadName {
 
   // Valid as long as this object.
   std::string_view view() const { return name_.view(); }
+  const char* c_str() const { return name_ ? name_.get() : ""; }
 
  private:
   jvmtiEnv* jvmti_;

@@ -53,12 +53,18 @@ class sharedSlot {
     return static_cast<std::size_t>((pthread_self() * kGoldenRatio) >> 59U);
   }
 
+  // The alignment keeps the counts of different cells on different cache lines.
+  struct alignas(kCacheLine) holder {
+    std::shared_ptr<T> value;
+  };
+
   // A pointer to the same object whose reference count is another one.
   static std::shared_ptr<T> withOwnCount(const std::shared_ptr<T>& value) {
     if (!value) return nullptr;
-    auto holder = std::make_shared<std::shared_ptr<T>>(value);
+    auto counted = std::make_shared<holder>();
+    counted->value = value;
     T* object = value.get();
-    return std::shared_ptr<T>(std::move(holder), object);
+    return std::shared_ptr<T>(std::move(counted), object);
   }
 
   std::array<cell, kCells> cells_;
