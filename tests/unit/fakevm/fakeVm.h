@@ -1,0 +1,6 @@
+// The fake VM for unit tests; virtualMachine.h tells how it is used.
+#pragma once
+
+#include "objectModel.h"
+#include "virtualMachine.h"
+#include "vmTest.h"
