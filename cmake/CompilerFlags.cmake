@@ -4,6 +4,10 @@ target_compile_features(projectFlags INTERFACE cxx_std_20)
 target_compile_options(projectFlags INTERFACE -Wall -Wextra -Wshadow -Wconversion -Wold-style-cast
                                               -Werror -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(projectFlags INTERFACE -Wthread-safety)
+endif()
+
 set(TW_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize takes them")
 if(TW_SANITIZE)
   target_compile_options(projectFlags INTERFACE -fsanitize=${TW_SANITIZE} -fno-omit-frame-pointer

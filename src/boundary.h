@@ -1,9 +1,9 @@
 // Where the VM calls the agent: nothing is ever thrown back into the VM.
 #pragma once
 
-#include <source_location>
 #include <utility>
 
+#include "support/sourcePlace.h"
 #include "twAprLib.h"
 
 namespace agent {
@@ -12,13 +12,13 @@ namespace agent {
 // error of `function`, and `onFailure` is returned.
 template <typename Result, typename Body>
 Result contained(const char* function, const char* message, Result onFailure, Body&& body,
-                 std::source_location where = std::source_location::current()) noexcept {
+                 support::sourcePlace where = support::sourcePlace::current()) noexcept {
   try {
     return std::forward<Body>(body)();
   } catch (...) {
     if (twAprLib::level() >= kLogError) {
-      twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file_name(),
-                      static_cast<int>(where.line()), function, "%s", message);
+      twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, function,
+                      "%s", message);
     }
     return onFailure;
   }
@@ -27,7 +27,7 @@ Result contained(const char* function, const char* message, Result onFailure, Bo
 // The same for a body without a result.
 template <typename Body>
 void contained(const char* function, const char* message, Body&& body,
-               std::source_location where = std::source_location::current()) noexcept {
+               support::sourcePlace where = support::sourcePlace::current()) noexcept {
   contained(
       function, message, 0,
       [&] {

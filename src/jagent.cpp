@@ -20,6 +20,7 @@
 #include "profilerRegistry.h"
 #include "support/jniRef.h"
 #include "support/jvmtiStatus.h"
+#include "support/sourcePlace.h"
 #include "support/text.h"
 #include "twAprLib.h"
 
@@ -263,17 +264,16 @@ namespace {
 // A native method ends with a result and without a Java exception, whatever happens in it.
 template <typename Body>
 jint native(const char* function, Body&& body,
-            std::source_location where = std::source_location::current()) {
+            support::sourcePlace where = support::sourcePlace::current()) {
   return contained(function, "Exception occured in jagent : native method", jint{0},
                    std::forward<Body>(body), where);
 }
 
 void trace(const char* function, const char* message, jlong sessionId,
-           std::source_location where = std::source_location::current()) {
+           support::sourcePlace where = support::sourcePlace::current()) {
   if (twAprLib::level() < kLogTrace) return;
-  twAprLib::write(nullptr, 0, kLogModule, kSeverityTrace, where.file_name(),
-                  static_cast<int>(where.line()), function, "%s%lld", message,
-                  static_cast<long long>(sessionId));
+  twAprLib::write(nullptr, 0, kLogModule, kSeverityTrace, where.file, where.line, function,
+                  "%s%lld", message, static_cast<long long>(sessionId));
 }
 
 // The names in a black list; says on standard error what is wrong with one that is refused.

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <optional>
-#include <source_location>
 #include <utility>
 
 #include "boundary.h"
@@ -12,6 +11,7 @@
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
+#include "support/sourcePlace.h"
 #include "support/text.h"
 #include "support/vmTurn.h"
 #include "twAprLib.h"
@@ -80,11 +80,10 @@ std::string describe(const LockSessionConfig& config) {
 
 void logUnwritable(const char* function, const char* what, const std::string& path,
                    const std::string& reason,
-                   std::source_location where = std::source_location::current()) {
+                   support::sourcePlace where = support::sourcePlace::current()) {
   if (twAprLib::level() < kLogError) return;
-  twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file_name(),
-                  static_cast<int>(where.line()), function, "Unable to write %s '%s'. Error = '%s'",
-                  what, path.c_str(), reason.c_str());
+  twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, function,
+                  "Unable to write %s '%s'. Error = '%s'", what, path.c_str(), reason.c_str());
 }
 
 }  // namespace
@@ -101,10 +100,10 @@ struct mutexLockProfiler::handlerTexts {
   bool saysWhoAndWhat = true;  // thread and lock of every event, at Debug
 
   void error(const char* message,
-             std::source_location where = std::source_location::current()) const {
+             support::sourcePlace where = support::sourcePlace::current()) const {
     if (message == nullptr || twAprLib::level() < kLogError) return;
-    twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file_name(),
-                    static_cast<int>(where.line()), function, "%s", message);
+    twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, function, "%s",
+                    message);
   }
 };
 
