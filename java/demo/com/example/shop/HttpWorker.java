@@ -43,9 +43,11 @@ final class HttpWorker implements Runnable {
   }
 
   private void checkOut(Cart cart) throws InterruptedException {
-    Order order = cart.checkOut(shop.checkouts.incrementAndGet(), shop.inventory);
-    if (order != null) {
+    Order order = cart.checkOut();
+    if (order.pieces() > 0) {
+      shop.inventory.reserve(order);
       shop.orders.put(order);
+      shop.checkouts.incrementAndGet();
     }
   }
 }

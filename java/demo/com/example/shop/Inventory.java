@@ -14,23 +14,19 @@ final class Inventory {
     Arrays.fill(stock, FULL_SHELF);
   }
 
-  int items() {
-    return stock.length;
-  }
-
   synchronized int available(int item) {
     Storage.call(200);
     return stock[item];
   }
 
-  synchronized void reserve(int[] pieces) {
+  synchronized void reserve(Order order) {
     for (int item = 0; item < stock.length; item++) {
-      if (stock[item] < pieces[item]) {
+      if (stock[item] < order.piecesOfItem[item]) {
         stock[item] += FULL_SHELF;
       }
-      stock[item] -= pieces[item];
-      reserved += pieces[item];
+      stock[item] -= order.piecesOfItem[item];
     }
+    reserved += order.pieces();
     Storage.call(2000);
   }
 

@@ -4,12 +4,10 @@ package com.example.shop;
 final class Ledger {
   private long orders;
   private long pieces;
-  private long cents;
 
   synchronized void append(Order order) {
     orders++;
-    pieces += order.pieces;
-    cents += order.cents;
+    pieces += order.pieces();
     Storage.call(3000);
   }
 
@@ -19,9 +17,5 @@ final class Ledger {
 
   synchronized long pieces() {
     return pieces;
-  }
-
-  synchronized long cents() {
-    return cents;
   }
 }

@@ -1,16 +1,20 @@
 package com.example.shop;
 
+import java.util.stream.IntStream;
+
 /** One checked-out cart. */
 final class Order {
-  final long number;
   final int customer;
-  final int pieces;
+  final int[] piecesOfItem;
   final long cents;
 
-  Order(long number, int customer, int pieces, long cents) {
-    this.number = number;
+  Order(int customer, int[] piecesOfItem, long cents) {
     this.customer = customer;
-    this.pieces = pieces;
+    this.piecesOfItem = piecesOfItem;
     this.cents = cents;
+  }
+
+  int pieces() {
+    return IntStream.of(piecesOfItem).sum();
   }
 }

@@ -21,6 +21,6 @@ final class OrderPacker implements Runnable {
   }
 
   private void pack(Order order) {
-    Storage.call(500 + 100L * order.pieces);
+    Storage.call(500 + 100L * order.pieces());
   }
 }

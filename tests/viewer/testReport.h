@@ -1,0 +1,43 @@
+// Small reports and stack files for the viewer's tests, and what they must give.
+#pragma once
+
+#include <string>
+
+namespace viewer {
+
+// Two locks in the order of the agent: the lesser one first.
+inline const std::string kReport = R"({
+  "sessionname": "checkout", "sessionid": 42,
+  "lockmap": {
+    "a.Cart@7": {
+      "id": "a.Cart@7", "count": 3, "graph": [], "totalBlockTime": 1, "totalWaitTime": 0,
+      "threadbean": {
+        "worker-1": {"name": "worker-1", "count": 3, "totalBlockTime": 1, "totalWaitTime": 0,
+                     "stacktracebean": {"11": {"count": 3, "hashcode": "11"}}}}},
+    "a.Stock@9": {
+      "id": "a.Stock@9", "count": 12, "graph": [5, 7], "totalBlockTime": 3, "totalWaitTime": 2,
+      "threadbean": {
+        "worker-1": {"name": "worker-1", "count": 4, "totalBlockTime": 1, "totalWaitTime": 2,
+                     "stacktracebean": {"11": {"count": 1, "hashcode": "0"},
+                                        "22": {"count": 3, "hashcode": "22"}}},
+        "worker-2": {"name": "worker-2", "count": 8, "totalBlockTime": 2, "totalWaitTime": 0,
+                     "stacktracebean": {"11": {"count": 5, "hashcode": "11"},
+                                        "22": {"count": 2, "hashcode": "22"}}}}}},
+  "stacktracemap": {"11": "", "22": ""},
+  "blockingThreads": {
+    "worker-1": {"name": "worker-1", "blockingCount": 9, "blockCount": 4, "totalBlockingTime": 1,
+                 "stacktracebean": {}},
+    "worker-2": {"name": "worker-2", "blockingCount": 3, "blockCount": 2, "totalBlockingTime": 5,
+                 "stacktracebean": {"22": {"count": 1, "hashcode": "0"}}}}
+})";
+
+inline const std::string kStacks =
+    "11=[at a.Stock.take(),at a.Worker.run()]\n"
+    "22=[at a.Stock.put(),at a.Worker.run()]\n";
+
+// `text` with the first `from` replaced by `to`; the test that asks for another text is wrong.
+inline std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  return text.replace(text.find(from), from.size(), to);
+}
+
+}  // namespace viewer

@@ -1,0 +1,77 @@
+#include "utf8.h"
+
+#include <gtest/gtest.h>
+
+namespace viewer {
+namespace {
+
+const std::string kBad = "\xEF\xBF\xBD";
+
+TEST(toUtf8, passesUtf8Unchanged) {
+  const std::string text = "a\tZ\x7F \u00e9 \u20ac \U0001F600 \U0010FFFF";
+  EXPECT_EQ(toUtf8(text), text);
+  EXPECT_EQ(toUtf8(""), "");
+}
+
+TEST(toUtf8, joinsSurrogatePairs) {
+  EXPECT_EQ(toUtf8("x\xED\xA0\xBD\xED\xB8\x80y"), "x\U0001F600y");
+  EXPECT_EQ(toUtf8("\xED\xAF\xBF\xED\xBF\xBF"), "\U0010FFFF");
+}
+
+TEST(toUtf8, replacesHalvesOfPairs) {
+  EXPECT_EQ(toUtf8("\xED\xA0\xBD"), kBad);
+  EXPECT_EQ(toUtf8("\xED\xA0\xBDx"), kBad + "x");
+  EXPECT_EQ(toUtf8("\xED\xB8\x80\xED\xA0\xBD"), kBad + kBad);
+}
+
+TEST(toUtf8, replacesBytesOfNoCharacter) {
+  EXPECT_EQ(toUtf8("\x80"), kBad);
+  EXPECT_EQ(toUtf8("\xFFx"), kBad + "x");
+  EXPECT_EQ(toUtf8("\xC3"), kBad);
+  EXPECT_EQ(toUtf8("\xE2\x82"), kBad + kBad);
+  EXPECT_EQ(toUtf8("\xC3x"), kBad + "x");
+  EXPECT_EQ(toUtf8("\xF4\x90\x80\x80"), kBad + kBad + kBad + kBad);
+}
+
+TEST(toUtf8, replacesOverlongFormsAndSoTheNulOfTheVm) {
+  EXPECT_EQ(toUtf8("\xC0\x80"), kBad + kBad);
+  EXPECT_EQ(toUtf8("\xE0\x81\x81"), kBad + kBad + kBad);
+}
+
+TEST(printable, replacesControlCharactersOnly) {
+  EXPECT_EQ(printable("a\tb\n\x1B[2J\x7F"), "a" + kBad + "b" + kBad + kBad + "[2J" + kBad);
+  EXPECT_EQ(printable("\xC2\x9B\u00a0\u20ac"), kBad + "\u00a0\u20ac");
+}
+
+TEST(displayColumns, countsWideAndCombiningCharacters) {
+  EXPECT_EQ(displayColumns(""), 0U);
+  EXPECT_EQ(displayColumns("abc"), 3U);
+  EXPECT_EQ(displayColumns("\u00e9\u20ac"), 2U);
+  EXPECT_EQ(displayColumns("e\u0301"), 1U);
+  EXPECT_EQ(displayColumns("\u5e97\U0001F600"), 4U);
+}
+
+TEST(cutting, leavesWhatFits) {
+  EXPECT_EQ(cutEnd("abcde", 5), "abcde");
+  EXPECT_EQ(cutStart("abcde", 5), "abcde");
+}
+
+TEST(cutting, marksWhereTextIsGone) {
+  EXPECT_EQ(cutEnd("abcdefgh", 6), "abc...");
+  EXPECT_EQ(cutStart("abcdefgh", 6), "...fgh");
+}
+
+TEST(cutting, neverSplitsACharacterNorExceedsTheColumns) {
+  EXPECT_EQ(cutEnd("\u5e97\u5e97\u5e97\u5e97", 6), "\u5e97...");
+  EXPECT_EQ(cutStart("\u5e97\u5e97\u5e97\u5e97", 6), "...\u5e97");
+}
+
+TEST(cutting, goesDownToNothing) {
+  EXPECT_EQ(cutEnd("abcdefgh", 3), "...");
+  EXPECT_EQ(cutEnd("abcdefgh", 2), "..");
+  EXPECT_EQ(cutStart("abcdefgh", 1), ".");
+  EXPECT_EQ(cutStart("abcdefgh", 0), "");
+}
+
+}  // namespace
+}  // namespace viewer

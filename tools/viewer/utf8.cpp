@@ -1,0 +1,178 @@
+#include "utf8.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace viewer {
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+constexpr std::string_view kReplacementText = "\xEF\xBF\xBD";
+constexpr std::string_view kEllipsis = "...";
+
+struct character {
+  char32_t code;
+  std::size_t bytes;
+};
+
+using codeRange = std::pair<char32_t, char32_t>;
+
+constexpr std::array<codeRange, 3> kNoColumn = {
+    {{0x0300, 0x036F}, {0x200B, 0x200F}, {0xFE00, 0xFE0F}}};
+
+constexpr std::array<codeRange, 11> kTwoColumns = {{{0x1100, 0x115F},
+                                                    {0x2E80, 0x303E},
+                                                    {0x3041, 0xA4CF},
+                                                    {0xAC00, 0xD7A3},
+                                                    {0xF900, 0xFAFF},
+                                                    {0xFE30, 0xFE6F},
+                                                    {0xFF00, 0xFF60},
+                                                    {0xFFE0, 0xFFE6},
+                                                    {0x1F300, 0x1F64F},
+                                                    {0x1F900, 0x1F9FF},
+                                                    {0x20000, 0x3FFFD}}};
+
+template <std::size_t n>
+bool within(const std::array<codeRange, n>& ranges, char32_t code) {
+  return std::any_of(ranges.begin(), ranges.end(), [code](const codeRange& range) {
+    return range.first <= code && code <= range.second;
+  });
+}
+
+unsigned byteAt(std::string_view text, std::size_t index) {
+  return static_cast<unsigned char>(text[index]);
+}
+
+// The character at the front of a text that is not empty; halves of surrogate pairs are taken as
+// characters of their own. A byte that begins no character is taken alone, as U+FFFD.
+character front(std::string_view text) {
+  constexpr std::array<char32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
+  const unsigned lead = byteAt(text, 0);
+  if (lead < 0x80) {
+    return {lead, 1};
+  }
+  const std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : 2;
+  if (lead < 0xC0 || lead > 0xF7 || text.size() < length) {
+    return {kReplacement, 1};
+  }
+  char32_t code = lead & (0x7FU >> length);
+  for (std::size_t i = 1; i < length; i++) {
+    if ((byteAt(text, i) & 0xC0) != 0x80) {
+      return {kReplacement, 1};
+    }
+    code = code << 6 | (byteAt(text, i) & 0x3F);
+  }
+  return code < kSmallest[length] || code > 0x10FFFF ? character{kReplacement, 1}
+                                                     : character{code, length};
+}
+
+bool isHighSurrogate(char32_t code) {
+  return code >= 0xD800 && code <= 0xDBFF;
+}
+bool isLowSurrogate(char32_t code) {
+  return code >= 0xDC00 && code <= 0xDFFF;
+}
+
+// As front(), with a surrogate pair taken as the one character that it stands for.
+character frontOfModified(std::string_view text) {
+  const character first = front(text);
+  if (isHighSurrogate(first.code) && text.size() > first.bytes) {
+    const character second = front(text.substr(first.bytes));
+    if (isLowSurrogate(second.code)) {
+      return {0x10000 + ((first.code - 0xD800) << 10 | (second.code - 0xDC00)),
+              first.bytes + second.bytes};
+    }
+  }
+  const bool half = isHighSurrogate(first.code) || isLowSurrogate(first.code);
+  return half ? character{kReplacement, first.bytes} : first;
+}
+
+std::string fourBytes(char32_t code) {
+  const auto tail = [code](int shift) { return static_cast<char>(0x80 | (code >> shift & 0x3F)); };
+  return {static_cast<char>(0xF0 | code >> 18), tail(12), tail(6), tail(0)};
+}
+
+bool isControl(char32_t code) {
+  return code < 0x20 || (code >= 0x7F && code < 0xA0);
+}
+
+std::size_t columnsOf(char32_t code) {
+  return within(kNoColumn, code) ? 0 : within(kTwoColumns, code) ? 2 : 1;
+}
+
+// How many bytes at the front of the text fit into `columns`.
+std::size_t bytesWithin(std::string_view utf8, std::size_t columns) {
+  std::size_t bytes = 0;
+  while (bytes < utf8.size()) {
+    const character next = front(utf8.substr(bytes));
+    if (columnsOf(next.code) > columns) {
+      break;
+    }
+    columns -= columnsOf(next.code);
+    bytes += next.bytes;
+  }
+  return bytes;
+}
+
+}  // namespace
+
+std::string toUtf8(std::string_view modified) {
+  std::string result;
+  result.reserve(modified.size());
+  while (!modified.empty()) {
+    const character next = frontOfModified(modified);
+    if (next.bytes == 6) {
+      result += fourBytes(next.code);
+    } else if (next.code == kReplacement) {
+      result += kReplacementText;
+    } else {
+      result += modified.substr(0, next.bytes);
+    }
+    modified.remove_prefix(next.bytes);
+  }
+  return result;
+}
+
+std::string printable(std::string_view utf8) {
+  std::string result;
+  result.reserve(utf8.size());
+  while (!utf8.empty()) {
+    const character next = front(utf8);
+    result += isControl(next.code) ? kReplacementText : utf8.substr(0, next.bytes);
+    utf8.remove_prefix(next.bytes);
+  }
+  return result;
+}
+
+std::size_t displayColumns(std::string_view utf8) {
+  std::size_t columns = 0;
+  while (!utf8.empty()) {
+    const character next = front(utf8);
+    columns += columnsOf(next.code);
+    utf8.remove_prefix(next.bytes);
+  }
+  return columns;
+}
+
+std::string cutEnd(std::string_view utf8, std::size_t columns) {
+  if (displayColumns(utf8) <= columns) {
+    return std::string(utf8);
+  }
+  const std::string_view mark = kEllipsis.substr(0, columns);
+  return std::string(utf8.substr(0, bytesWithin(utf8, columns - mark.size()))).append(mark);
+}
+
+std::string cutStart(std::string_view utf8, std::size_t columns) {
+  const std::size_t whole = displayColumns(utf8);
+  if (whole <= columns) {
+    return std::string(utf8);
+  }
+  const std::string_view mark = kEllipsis.substr(0, columns);
+  while (displayColumns(utf8) > columns - mark.size()) {
+    utf8.remove_prefix(front(utf8).bytes);
+  }
+  return std::string(mark).append(utf8);
+}
+
+}  // namespace viewer

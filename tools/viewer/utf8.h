@@ -1,0 +1,26 @@
+// Text from the VM as a terminal shows it. Plain functions without state, callable on any thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace viewer {
+
+// The VM's modified UTF-8 as UTF-8: surrogate pairs become one character, and every byte that
+// belongs to no character becomes U+FFFD. UTF-8 passes unchanged.
+std::string toUtf8(std::string_view modified);
+
+// UTF-8 text with U+FFFD in place of each control character, so that a name can neither break a
+// line nor steer the terminal.
+std::string printable(std::string_view utf8);
+
+// How many terminal columns printable UTF-8 text fills.
+std::size_t displayColumns(std::string_view utf8);
+
+// The text cut to at most `columns`, with "..." in place of its end or its start where it was
+// longer.
+std::string cutEnd(std::string_view utf8, std::size_t columns);
+std::string cutStart(std::string_view utf8, std::size_t columns);
+
+}  // namespace viewer
