@@ -19,6 +19,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ownerLookup.h"
 #include "profiler.h"
 #include "stackTraces.h"
 #include "support/annotations.h"
@@ -131,6 +132,8 @@ struct topLockBean {
   std::string ownerName GUARDED_BY(mutex);
   blockingThreadBeans blockingThreads GUARDED_BY(mutex);
   bool ownerSeen GUARDED_BY(mutex) = false;
+  // The newest look for the monitor's owner; none before the first.
+  std::shared_ptr<ownerLookup> lookup GUARDED_BY(mutex);
 };
 
 // Selected locks by lock name.

@@ -675,36 +675,63 @@ std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& mo
   return top;
 }
 
-// Asks who owns the monitor that the event's thread waits for, and counts that owner.
+// Finds out who owns the monitor that the event's thread waits for, and counts that owner.
 void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
+  std::shared_ptr<ownerLookup> lookup;
+  bool looks = false;
   {
     const support::lockGuard guard(top.mutex);
     top.ownerSeen = true;
+    looks = !top.lookup || !top.lookup->join();
+    if (looks) top.lookup = std::make_shared<ownerLookup>();
+    lookup = top.lookup;
   }
-  support::threadName owner(event.jvmti, event.jni);
-  {
-    support::monitorUsage usage(event.jvmti, event.jni);
-    {
-      const support::vmTurn turn(usageMutex_);
-      usage.read(event.object);
-    }
-    if (usage.owner() == nullptr) {
-      event.texts.error("monitor usage owner not found");
-      return;
-    }
-    owner.read(usage.owner());
+  std::optional<foundOwner> found;
+  if (!looks) found = lookup->wait();
+  if (!found) found = askForOwner(event, looks ? lookup.get() : nullptr);
+  if (!found->isNamed) {
+    event.texts.error("monitor usage owner not found");
+    return;
   }
   TW_LOG(kLogDebug, kSeverityDebug, event.texts.function, "Monitor owner name :  %s",
-         owner.c_str());
+         found->name.c_str());
 
   const support::lockGuard guard(top.mutex);
-  top.ownerName = owner.view();
-  const auto found = top.blockingThreads.find(owner.view());
-  if (found != top.blockingThreads.end()) {
-    ++found->second.blockingCount;
+  top.ownerName = found->name;
+  const auto owner = top.blockingThreads.find(found->name);
+  if (owner != top.blockingThreads.end()) {
+    ++owner->second.blockingCount;
   } else if (event.store->config && event.store->config->maxThreadCountCopy.take()) {
-    top.blockingThreads.try_emplace(std::string(owner.view()));
+    top.blockingThreads.try_emplace(found->name);
   }
+}
+
+// Asks the VM for the owner; what is found is told to those who wait for `lookup`, if it is given.
+foundOwner mutexLockProfiler::askForOwner(monitorEvent& event, ownerLookup* lookup) {
+  struct announcement {
+    ownerLookup* lookup;
+    std::optional<foundOwner> found;
+    ~announcement() {
+      if (lookup == nullptr) return;
+      lookup->begin();
+      lookup->publish(std::move(found));
+    }
+  } announced{lookup, std::nullopt};
+
+  foundOwner found;
+  support::monitorUsage usage(event.jvmti, event.jni);
+  {
+    const support::vmTurn turn(usageMutex_);
+    if (lookup != nullptr) lookup->begin();
+    usage.read(event.object);
+  }
+  if (usage.owner() != nullptr) {
+    support::threadName owner(event.jvmti, event.jni);
+    owner.read(usage.owner());
+    found = {true, std::string(owner.view())};
+  }
+  announced.found = found;
+  return found;
 }
 
 // The owner last seen has let the monitor go: charges it with the period it held up others.

@@ -103,6 +103,7 @@ class mutexLockProfiler : public profiler {
   std::size_t minuteSlot(std::int64_t time) const;
   std::shared_ptr<topLockBean> topLockOf(const namedMonitor& monitor);
   void lookUpOwner(monitorEvent& event, topLockBean& top);
+  foundOwner askForOwner(monitorEvent& event, ownerLookup* lookup);
   void closeOwnersPeriod(const monitorEvent& event, topLockBean& top);
   void openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters);
   std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);

@@ -9,14 +9,15 @@ namespace support {
 classNameResult javaClasses::of(jvmtiEnv* jvmti, JNIEnv* jni, jobject object, jclass cls) {
   const jint key = classes_.keyOf(jvmti, cls);
   if (auto kept = classes_.find(jni, key, cls)) return {std::move(kept), classNameFailure::none};
+  pendingExceptionGuard exceptions(jni);
   std::string name;
-  const classNameFailure failure = readName(jni, object, cls, name);
+  const classNameFailure failure = readName(jni, exceptions, object, cls, name);
   if (failure != classNameFailure::none) return {nullptr, failure};
   return {classes_.keep(jni, key, cls, std::move(name)), classNameFailure::none};
 }
 
-classNameFailure javaClasses::readName(JNIEnv* jni, jobject object, jclass cls, std::string& name) {
-  pendingExceptionGuard exceptions(jni);
+classNameFailure javaClasses::readName(JNIEnv* jni, pendingExceptionGuard& exceptions,
+                                       jobject object, jclass cls, std::string& name) {
   jmethodID getClass = getClass_.load(std::memory_order_relaxed);
   jmethodID getName = getName_.load(std::memory_order_relaxed);
   if (getClass == nullptr || getName == nullptr) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "support/classCache.h"
+#include "support/jniRef.h"
 
 namespace support {
 
@@ -31,13 +32,15 @@ struct classNameResult {
 // The classes met so far. Any thread.
 class javaClasses {
  public:
-  // The class `cls` of `object`. A Java exception raised on the way is cleared.
+  // The class `cls` of `object`. A Java exception raised on the way is cleared, one that was
+  // pending before stays pending.
   classNameResult of(jvmtiEnv* jvmti, JNIEnv* jni, jobject object, jclass cls);
 
   std::size_t size() const { return classes_.size(); }
 
  private:
-  classNameFailure readName(JNIEnv* jni, jobject object, jclass cls, std::string& name);
+  classNameFailure readName(JNIEnv* jni, pendingExceptionGuard& exceptions, jobject object,
+                            jclass cls, std::string& name);
 
   classCache<std::string> classes_;
   // IDs of methods of java.lang.Object and java.lang.Class, which are never unloaded.

@@ -1,0 +1,108 @@
+// Looks for a monitor's owner that several events share.
+#include <atomic>
+#include <deque>
+#include <latch>
+#include <thread>
+
+#include "agentTest.h"
+#include "ownerLookup.h"
+
+namespace test {
+
+namespace {
+
+class sharedLooks : public agentTest {
+ protected:
+  void SetUp() override {
+    load();
+    lock = vm.makeObject("com.example.Inventory");
+    vm.setOwner(lock, vm.makeThread("holder"));
+    beginDetail({lock});
+    vm.resetCalls();
+  }
+
+  // How many events hold the newest look, or wait for it.
+  long usersOfNewestLook() {
+    const auto top = locks()->findTopLock(nameOf(lock));
+    const support::lockGuard guard(top->mutex);
+    return top->lookup ? top->lookup.use_count() - 1 : 0;
+  }
+
+  std::uint32_t blockingCount(const std::string& owner) {
+    const auto top = locks()->findTopLock(nameOf(lock));
+    const support::lockGuard guard(top->mutex);
+    const auto found = top->blockingThreads.find(owner);
+    return found == top->blockingThreads.end() ? 0 : found->second.blockingCount;
+  }
+
+  fake::object* lock = nullptr;
+};
+
+}  // namespace
+
+TEST_F(sharedLooks, eventsThatComeBeforeALookHasBegunShareIt) {
+  constexpr int kLater = 5;
+  std::latch firstAsks(1);
+  std::latch goOn(1);
+  std::atomic<int> asked{0};
+  vm.on("GetObjectMonitorUsage", [&] {
+    if (asked.fetch_add(1) != 0) return;
+    firstAsks.count_down();
+    goOn.wait();
+  });
+  fake::attachedThread first(vm, "first",
+                             [&](JNIEnv*) { vm.contendedEnter(vm.currentThread(), lock); });
+  firstAsks.wait();
+
+  std::deque<fake::attachedThread> later;
+  for (int i = 0; i < kLater; ++i) {
+    later.emplace_back(vm, "later " + std::to_string(i),
+                       [&](JNIEnv*) { vm.contendedEnter(vm.currentThread(), lock); });
+  }
+  // All of them have come while the first look was under way, which they cannot use.
+  while (usersOfNewestLook() < kLater) std::this_thread::yield();
+  goOn.count_down();
+  first.join();
+  later.clear();
+
+  EXPECT_EQ(vm.calls("GetObjectMonitorUsage"), 2U);
+  EXPECT_EQ(blockingCount("holder"), 1U + kLater);
+}
+
+TEST_F(sharedLooks, anEventAfterALookAsksAnew) {
+  vm.contendedEnter(vm.makeThread("a"), lock);
+  vm.setOwner(lock, vm.makeThread("another holder"));
+  vm.contendedEnter(vm.makeThread("b"), lock);
+  EXPECT_EQ(vm.calls("GetObjectMonitorUsage"), 2U);
+  EXPECT_EQ(blockingCount("holder"), 1U);
+  EXPECT_EQ(blockingCount("another holder"), 1U);
+}
+
+TEST(ownerLookup, isJoinedUntilItBegins) {
+  agent::ownerLookup lookup;
+  EXPECT_TRUE(lookup.join());
+  lookup.begin();
+  EXPECT_FALSE(lookup.join());
+}
+
+TEST(ownerLookup, tellsThoseWhoWait) {
+  agent::ownerLookup lookup;
+  std::thread looking([&] {
+    lookup.begin();
+    lookup.publish(agent::foundOwner{true, "holder"});
+  });
+  const std::optional<agent::foundOwner> found = lookup.wait();
+  looking.join();
+  ASSERT_TRUE(found.has_value());
+  EXPECT_TRUE(found->isNamed);
+  EXPECT_EQ(found->name, "holder");
+}
+
+TEST(ownerLookup, tellsThatItCameToNoResult) {
+  agent::ownerLookup lookup;
+  lookup.begin();
+  lookup.publish(std::nullopt);
+  EXPECT_FALSE(lookup.wait().has_value());
+}
+
+}  // namespace test
