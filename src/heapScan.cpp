@@ -53,7 +53,7 @@ class classesOfQuery {
   classesOfQuery(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters, classRecords& records)
       : jvmti_(jvmti), jni_(jni), filters_(filters), records_(records) {}
 
-  // The record for objects of the class; none when it is left out.
+  // The record for objects of the class; none when it is left out or cannot be named.
   classRecord* recordOf(support::localRef<jclass> cls) {
     if (last_ != nullptr && is(*last_, cls.get())) return last_->record;
     jint hash = 0;
@@ -64,7 +64,9 @@ class classesOfQuery {
       last_ = &each->second;
       return last_->record;
     }
-    classRecord* const record = makeRecord(cls.get());
+    const std::optional<std::string> name = nameOf(cls.get());
+    if (!name) return nullptr;  // asked for again with the next object
+    classRecord* const record = filters_.excludes(*name) ? nullptr : &records_[*name];
     last_ = &byHash_.emplace(hash, known{std::move(cls), record})->second;
     return record;
   }
@@ -79,12 +81,11 @@ class classesOfQuery {
     return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
   }
 
-  classRecord* makeRecord(jclass cls) {
+  std::optional<std::string> nameOf(jclass cls) const {
     support::jvmtiText signature(jvmti_);
     signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls, out, nullptr); });
-    if (!signature) return nullptr;
-    const std::string name = classNameOf(signature.view());
-    return filters_.excludes(name) ? nullptr : &records_[name];
+    if (!signature) return std::nullopt;
+    return classNameOf(signature.view());
   }
 
   jvmtiEnv* jvmti_;
@@ -141,14 +142,18 @@ taggedObjects countTaggedObjects(jvmtiEnv* jvmti) {
 
 bool addGeneration(jvmtiEnv* jvmti, JNIEnv* jni, std::uint32_t generation,
                    const classFilters& filters, classRecords& records) {
-  constexpr jint kExpectedReferences = 1024;
-  const support::localFrame frame(jni, kExpectedReferences);
+  constexpr jint kFrame = 16;
+  constexpr jint kMore = 128;  // larger than kFrame: a smaller request may be ignored
+  const support::localFrame frame(jni, kFrame);
   const jlong tag = tagOf(generation);
   jint count = 0;
   support::jvmtiPtr<jobject> objects(jvmti);
   const jvmtiError error = objects.fill(
       [&](jobject** out) { return jvmti->GetObjectsWithTags(1, &tag, &count, out, nullptr); });
   if (error != JVMTI_ERROR_NONE) return false;
+  // The answer alone may hold more references than the frame was made for. Classes take the places
+  // of objects that are counted.
+  if (jni->EnsureLocalCapacity(kMore) != JNI_OK) jni->ExceptionClear();
 
   classesOfQuery classes(jvmti, jni, filters, records);
   for (jint i = 0; i < count; ++i) {

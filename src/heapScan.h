@@ -26,8 +26,8 @@ struct generationRecord {
 // The tagged objects of one class.
 struct classRecord {
   std::uint32_t totalCount = 0;
-  std::uint64_t totalSize = 0;                           // bytes
-  std::map<std::uint32_t, generationRecord> gcSurvived;  // by generation
+  std::uint64_t totalSize = 0;                             // bytes
+  std::map<std::uint32_t, generationRecord> gcSurvived{};  // by generation
 };
 
 using classRecords = std::map<std::string, classRecord>;
@@ -46,10 +46,10 @@ using classQueue = std::priority_queue<rankedClass, std::vector<rankedClass>, la
 
 // Free texts; a class or package matches one when its dotted name occurs anywhere in it.
 struct classFilters {
-  std::string excludeClasses;
-  std::string excludePackages;
-  std::string includeClasses;
-  std::string includePackages;
+  std::string excludeClasses{};
+  std::string excludePackages{};
+  std::string includeClasses{};
+  std::string includePackages{};
 
   bool excludes(std::string_view className) const;
   bool includes(std::string_view className) const;

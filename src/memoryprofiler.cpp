@@ -49,6 +49,18 @@ void writeClass(support::jsonWriter& json, const rankedClass& ranked) {
 
 }  // namespace
 
+std::string memoryReportOf(std::int32_t sessionId, classQueue chosen) {
+  support::jsonWriter json;
+  json.beginObject();
+  json.member("sessionname", kReportName);
+  json.member("sessionid", sessionId);
+  json.key("topNMemoryleakClass").beginObject();
+  for (; !chosen.empty(); chosen.pop()) writeClass(json, chosen.top());
+  json.endObject();
+  json.endObject();
+  return json.text();
+}
+
 void memoryProfiler::setEventCallbacks() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   if (registry->environment() == nullptr) return;
@@ -176,22 +188,14 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
     support::fileWriter file(support::fileSystemPath(reportPath),
                              support::fileWriter::mode::truncate);
 
-    const MemorySessionConfig* const config = config_.load();
-    support::jsonWriter json;
-    json.beginObject();
-    json.member("sessionname", kReportName);
-    json.member("sessionid", config == nullptr ? kNoSessionId : config->sessionId);
-    json.key("topNMemoryleakClass").beginObject();
     if (chosen.empty()) {
       TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
              "Agent was not able to find any tagged data for memory to report genuinely as no "
              "problem occurred");
     }
-    for (; !chosen.empty(); chosen.pop()) writeClass(json, chosen.top());
-    json.endObject();
-    json.endObject();
-
-    file.write(json.text());
+    const MemorySessionConfig* const config = config_.load();
+    file.write(
+        memoryReportOf(config == nullptr ? kNoSessionId : config->sessionId, std::move(chosen)));
     const std::string reason = file.close();
     if (reason.empty()) return 1;
     TW_LOG(kLogError, kSeverityError, kDumpJson, "Unable to write memory report '%s'. Error = '%s'",

@@ -31,6 +31,9 @@ struct MemorySessionConfig : sessionSettings {
   classFilters filters;
 };
 
+// The JSON text of a report of these classes, in the order in which the queue yields them.
+std::string memoryReportOf(std::int32_t sessionId, classQueue chosen);
+
 class memoryProfiler : public profiler {
  public:
   memoryProfiler() : profiler(kMemoryStopped) {}

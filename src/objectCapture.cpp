@@ -228,6 +228,7 @@ std::optional<std::string> objectCapture::shortText(jstring string) {
 
 localRef<jstring> objectCapture::callToString(jobject object) {
   const localRef<jclass> cls(jni_, jni_->GetObjectClass(object));
+  if (!cls) return {};
   const jmethodID toString = jni_->GetMethodID(cls.get(), "toString", "()Ljava/lang/String;");
   if (toString == nullptr) {
     clearException();

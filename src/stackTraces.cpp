@@ -59,7 +59,12 @@ stackText textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, stackFra
     } else if (result.classes) {
       const jint key = heldClasses::keyOf(jvmti, cls.get());
       heldClasses::entryPtr entry = held.find(jni, key, cls.get());
-      holdOnce(*result.classes, entry ? std::move(entry) : held.keep(jni, key, cls.get()));
+      if (!entry) entry = held.keep(jni, key, cls.get());
+      if (entry->cls.held()) {
+        holdOnce(*result.classes, std::move(entry));
+      } else {
+        result.classes.reset();
+      }
     }
   }
   return result;

@@ -33,7 +33,7 @@ struct stackText {
   // One line for each frame, "at a.b.C.m()" and a line feed. A frame that the VM cannot name adds
   // nothing.
   std::string text;
-  // The classes of its methods; none when a frame could not be named.
+  // The classes of its methods; none when a frame could not be named or its class not held.
   std::optional<std::vector<heldClasses::entryPtr>> classes;
 };
 stackText textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, stackFrames frames);

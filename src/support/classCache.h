@@ -35,6 +35,8 @@ class weakClass {
   weakClass(const weakClass&) = delete;
   weakClass& operator=(const weakClass&) = delete;
 
+  // False when there was no memory for a reference.
+  bool held() const { return reference_ != nullptr; }
   bool is(JNIEnv* jni, jclass cls) const {
     return reference_ != nullptr && jni->IsSameObject(reference_, cls) != JNI_FALSE;
   }
