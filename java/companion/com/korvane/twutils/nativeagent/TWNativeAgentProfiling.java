@@ -11,6 +11,8 @@ package com.korvane.twutils.nativeagent;
  * <p>Control calls are to be issued one at a time.
  */
 public final class TWNativeAgentProfiling {
+  private static volatile ExceptionSink exceptionSink;
+
   private TWNativeAgentProfiling() {}
 
   /**
@@ -98,6 +100,8 @@ public final class TWNativeAgentProfiling {
   /**
    * Switches exception capture on or off.
    *
+   * <p>What is captured goes to the sink of {@link #setExceptionSink}.
+   *
    * @param captureRate records for each exception class within 60 seconds; 0 or less for no limit
    * @param stackTraceDepth frames to walk, 100 at most
    * @param blackList exception class names that are never recorded, separated by commas and
@@ -114,8 +118,21 @@ public final class TWNativeAgentProfiling {
       int stackTraceDepth,
       String blackList);
 
-  /** Called by the agent with each captured exception, on the thread that threw it. */
-  public static void onExceptionOccured(String record, Object exception) {}
+  /** Hands captured exceptions to {@code sink} from now on; null for nobody, as at the start. */
+  public static void setExceptionSink(ExceptionSink sink) {
+    exceptionSink = sink;
+  }
+
+  /**
+   * Called by the agent with each captured exception, on the thread that threw it. The agent drops
+   * what the sink throws.
+   */
+  public static void onExceptionOccured(String record, Object exception) {
+    ExceptionSink sink = exceptionSink;
+    if (sink != null) {
+      sink.onException(record, exception);
+    }
+  }
 
   /** Called by the agent for the text of an object. */
   public static String getobjectValue(Object object) {
