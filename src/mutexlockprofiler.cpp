@@ -687,7 +687,13 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     lookup = top.lookup;
   }
   std::optional<foundOwner> found;
-  if (!looks) found = lookup->wait();
+  if (!looks) {
+    found = lookup->wait();
+    if (!found) {  // nobody else is to wait for it
+      const support::lockGuard guard(top.mutex);
+      if (top.lookup == lookup) top.lookup = nullptr;
+    }
+  }
   if (!found) found = askForOwner(event, looks ? lookup.get() : nullptr);
   if (!found->isNamed) {
     event.texts.error("monitor usage owner not found");

@@ -39,7 +39,7 @@ class localRef {
 
 // A local frame: every local reference made while it stands is freed with it. `capacity` is how
 // many references the caller expects; a VM that cannot provide them leaves the frame out, and the
-// references go to the frame around it.
+// references go to the frame around it: whoever sees pushed() false deletes them one by one.
 class localFrame {
  public:
   localFrame(JNIEnv* jni, jint capacity) : jni_(jni), pushed_(jni->PushLocalFrame(capacity) == 0) {
@@ -48,6 +48,7 @@ class localFrame {
   ~localFrame() {
     if (pushed_) jni_->PopLocalFrame(nullptr);
   }
+  bool pushed() const { return pushed_; }
   localFrame(const localFrame&) = delete;
   localFrame& operator=(const localFrame&) = delete;
 

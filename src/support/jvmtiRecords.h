@@ -37,7 +37,19 @@ class threadName {
 class monitorUsage {
  public:
   monitorUsage(jvmtiEnv* jvmti, JNIEnv* jni)
-      : jvmti_(jvmti), frame_(jni, kExpectedThreads), waiters_(jvmti), notifyWaiters_(jvmti) {}
+      : jvmti_(jvmti),
+        jni_(jni),
+        frame_(jni, kExpectedThreads),
+        waiters_(jvmti),
+        notifyWaiters_(jvmti) {}
+  ~monitorUsage() {
+    if (frame_.pushed()) return;
+    if (owner_ != nullptr) jni_->DeleteLocalRef(owner_);
+    for (jint i = 0; i < waiterCount_; ++i) deleteAt(waiters_, i);
+    for (jint i = 0; i < notifyWaiterCount_; ++i) deleteAt(notifyWaiters_, i);
+  }
+  monitorUsage(const monitorUsage&) = delete;
+  monitorUsage& operator=(const monitorUsage&) = delete;
 
   // Asks the VM, which takes a global safepoint.
   void read(jobject monitor) {
@@ -47,6 +59,7 @@ class monitorUsage {
     notifyWaiters_.adopt(usage.notify_waiters);
     owner_ = usage.owner;
     waiterCount_ = usage.waiter_count;
+    notifyWaiterCount_ = usage.notify_waiter_count;
   }
 
   // Null when no thread owns it, or none that the VM names.
@@ -56,12 +69,18 @@ class monitorUsage {
  private:
   static constexpr jint kExpectedThreads = 1024;
 
+  void deleteAt(jvmtiPtr<jthread>& threads, jint index) {
+    if (threads && threads[index] != nullptr) jni_->DeleteLocalRef(threads[index]);
+  }
+
   jvmtiEnv* jvmti_;
+  JNIEnv* jni_;
   localFrame frame_;  // the references to owner and waiters
   jvmtiPtr<jthread> waiters_;
   jvmtiPtr<jthread> notifyWaiters_;
   jthread owner_ = nullptr;
   jint waiterCount_ = 0;
+  jint notifyWaiterCount_ = 0;
 };
 
 // The variable table of a method; empty until read.
