@@ -239,22 +239,29 @@ void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, 
                                                   jlocation /*catchLocation*/) {
   if (handlerRuns) return;
   const handlerScope scope;
-  contained(kCallback, "Exception occured in exceptionprofiler : ExceptionCallback", [&] {
-    const std::shared_ptr<exceptionProfiler> self = getExceptionProfiler();
-    if (!self) return say("Unable to get Exception profiler");
-    std::shared_ptr<ExceptionCaptureSettings> settings = self->settings_.load();
-    if (!settings || !settings->enabled) return say("Exception is not enabled");
-    if (exception == nullptr) return say("exception object is NULL");
-    if (self->state() == kExceptionStopped) return say("Exception profiler stage is stopped");
-    throwEvent event{jvmti,
-                     jni,
-                     thread,
-                     method,
-                     exception,
-                     std::move(settings),
-                     objectCapture(jvmti, jni, thread, self->captureObjDepth)};
-    self->exceptionThrown(event);
-  });
+  try {
+    exceptionOccurred(jvmti, jni, thread, method, exception);
+  } catch (...) {
+    say("Exception occured in exceptionprofiler : ExceptionCallback");
+  }
+}
+
+void exceptionProfiler::exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                          jmethodID method, jobject exception) {
+  const std::shared_ptr<exceptionProfiler> self = getExceptionProfiler();
+  if (!self) return say("Unable to get Exception profiler");
+  std::shared_ptr<ExceptionCaptureSettings> settings = self->settings_.load();
+  if (!settings || !settings->enabled) return say("Exception is not enabled");
+  if (exception == nullptr) return say("exception object is NULL");
+  if (self->state() == kExceptionStopped) return say("Exception profiler stage is stopped");
+  throwEvent event{jvmti,
+                   jni,
+                   thread,
+                   method,
+                   exception,
+                   std::move(settings),
+                   objectCapture(jvmti, jni, thread, self->captureObjDepth)};
+  self->exceptionThrown(event);
 }
 
 void exceptionProfiler::exceptionThrown(throwEvent& event) {

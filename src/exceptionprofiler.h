@@ -93,6 +93,8 @@ class exceptionProfiler : public profiler {
   using classPtr = std::shared_ptr<const support::classCache<classInfo>::entry>;
   enum class outcome { written, leftOut, failed };
 
+  static void exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method,
+                                jobject exception);
   void exceptionThrown(throwEvent& event);
   bool record(throwEvent& event, std::string& text);
   outcome appendFrame(throwEvent& event, const jvmtiFrameInfo& frame, jint index,
