@@ -5,12 +5,14 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <latch>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -788,6 +790,34 @@ TEST_F(fakeVmTest, methodsHaveTables) {
   EXPECT_EQ(jvmti->GetMaxLocals(park->id, &count), JVMTI_ERROR_NATIVE_METHOD);
 }
 
+TEST_F(fakeVmTest, methodsTellOfTheirModifiers) {
+  const auto modifiersOf = [&](fake::methodOptions options) {
+    jint modifiers = 0;
+    const fake::method* code = vm.makeMethod("com.example.Shop", "buy", "()V", std::move(options));
+    EXPECT_EQ(jvmti->GetMethodModifiers(code->id, &modifiers), JVMTI_ERROR_NONE);
+    return modifiers;
+  };
+  EXPECT_EQ(modifiersOf({}), 0x0001);
+  EXPECT_EQ(modifiersOf({.isStatic = true}), 0x0009);
+  EXPECT_EQ(modifiersOf({.isNative = true}), 0x0101);
+}
+
+TEST_F(fakeVmTest, classesTellOfTheirStatus) {
+  const auto statusOf = [&](fake::javaClass* type) {
+    jint status = 0;
+    EXPECT_EQ(jvmti->GetClassStatus(vm.ref(type), &status), JVMTI_ERROR_NONE);
+    return status;
+  };
+  auto* shop = vm.makeClass("com.example.Shop");
+  EXPECT_NE(statusOf(shop) & JVMTI_CLASS_STATUS_INITIALIZED, 0);
+  shop->initialized = false;
+  EXPECT_EQ(statusOf(shop), JVMTI_CLASS_STATUS_VERIFIED | JVMTI_CLASS_STATUS_PREPARED);
+  EXPECT_EQ(statusOf(vm.makeClass("[I")), JVMTI_CLASS_STATUS_ARRAY);
+  jint status = 0;
+  EXPECT_EQ(jvmti->GetClassStatus(static_cast<jclass>(vm.ref(vm.makeObject(shop))), &status),
+            JVMTI_ERROR_INVALID_CLASS);
+}
+
 TEST_F(fakeVmTest, classesTellOfTheirFields) {
   auto* shop = vm.makeClass("com.example.Shop");
   shop->sourceFile = "Shop.java";
@@ -962,6 +992,21 @@ TEST_F(fakeVmTest, stringsAreModifiedUtf8) {
     jni->DeleteLocalRef(text);
   }
   EXPECT_EQ(jni->NewStringUTF(nullptr), nullptr);
+}
+
+TEST_F(fakeVmTest, partsOfStringsAreCopied) {
+  jstring text = vm.ref(vm.makeString("a\xC3\xA9\xE2\x82\xAC\xC0\x80z"));
+  std::array<char, 16> part{};
+  jni->GetStringUTFRegion(text, 1, 3, part.data());
+  EXPECT_STREQ(part.data(), "\xC3\xA9\xE2\x82\xAC\xC0\x80");
+  jni->GetStringUTFRegion(text, 5, 0, part.data());
+  EXPECT_STREQ(part.data(), "");
+  for (const auto& [start, length] : {std::pair{-1, 1}, {0, -1}, {3, 3}, {6, 0}}) {
+    jni->GetStringUTFRegion(text, start, length, part.data());
+    ASSERT_NE(vm.pendingException(), nullptr) << start << ", " << length;
+    EXPECT_EQ(vm.pendingException()->type->name, "java.lang.StringIndexOutOfBoundsException");
+    vm.clearException();
+  }
 }
 
 TEST_F(fakeVmTest, arraysHaveElements) {

@@ -546,6 +546,22 @@ jsize JNICALL getStringLength(JNIEnv* jni, jstring reference) {
   });
 }
 
+void JNICALL getStringUtfRegion(JNIEnv* jni, jstring reference, jsize start, jsize length,
+                                char* buffer) {
+  constexpr functionId id = FAKE_JNI(GetStringUTFRegion);
+  performVoid(jni, id, {.target = reference, .number = length}, [&](machine& vm, threadEnv& env) {
+    const javaString* found = needString(vm, env, id, reference);
+    if (found == nullptr) return;
+    if (start < 0 || length < 0 || start > utf16Length(found->text) - length) {
+      vm.raise(env, vm.makeThrowable("java.lang.StringIndexOutOfBoundsException"));
+      return;
+    }
+    const std::string_view part = utf16Part(found->text, start, length);
+    std::memcpy(buffer, part.data(), part.size());
+    buffer[part.size()] = '\0';
+  });
+}
+
 jsize JNICALL getArrayLength(JNIEnv* jni, jarray reference) {
   constexpr functionId id = FAKE_JNI(GetArrayLength);
   return perform(jni, id, {.target = reference}, jsize{0}, [&](machine& vm, threadEnv& env) {
@@ -642,6 +658,7 @@ JNINativeInterface_ makeTable() {
   table.ReleaseStringUTFChars = releaseStringUtfChars;
   table.GetStringUTFLength = getStringUtfLength;
   table.GetStringLength = getStringLength;
+  table.GetStringUTFRegion = getStringUtfRegion;
   table.GetArrayLength = getArrayLength;
   table.GetObjectArrayElement = getObjectArrayElement;
   return table;

@@ -390,6 +390,20 @@ jvmtiError JNICALL getMethodDeclaringClass(jvmtiEnv* jvmti, jmethodID code, jcla
   });
 }
 
+jvmtiError JNICALL getMethodModifiers(jvmtiEnv* jvmti, jmethodID code, jint* result) {
+  constexpr functionId id = FAKE_JVMTI(GetMethodModifiers);
+  return perform(jvmti, id, {.code = code}, [&](machine& vm, threadEnv*) {
+    if (result == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    const method* asked = vm.needMethod(id, code);
+    if (asked == nullptr) return JVMTI_ERROR_INVALID_METHODID;
+    constexpr jint isPublic = 0x0001;
+    constexpr jint isStatic = 0x0008;
+    constexpr jint isNative = 0x0100;
+    *result = isPublic | (asked->isStatic ? isStatic : 0) | (asked->isNative ? isNative : 0);
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 // For what native methods do not have: `read` gives the answer for the others.
 template <typename Read>
 jvmtiError aboutCode(jvmtiEnv* jvmti, functionId id, jmethodID code, bool hasRoom, Read read) {
@@ -473,6 +487,22 @@ jvmtiError JNICALL getClassSignature(jvmtiEnv* jvmti, jclass type, char** signat
       *signature = asked->signature ? copyText(vm, env, id, *asked->signature) : nullptr;
     }
     if (generic != nullptr) *generic = nullptr;
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+jvmtiError JNICALL getClassStatus(jvmtiEnv* jvmti, jclass type, jint* status) {
+  constexpr functionId id = FAKE_JVMTI(GetClassStatus);
+  return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
+    if (status == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    const javaClass* asked = givenClass(vm, *env, id, type);
+    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    if (asked->name.starts_with('[')) {
+      *status = JVMTI_CLASS_STATUS_ARRAY;
+    } else {
+      *status = JVMTI_CLASS_STATUS_VERIFIED | JVMTI_CLASS_STATUS_PREPARED |
+                (asked->initialized ? JVMTI_CLASS_STATUS_INITIALIZED : 0);
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -607,6 +637,18 @@ std::vector<object*> liveObjects(machine& vm) {
   return live;
 }
 
+jvmtiError JNICALL getLoadedClasses(jvmtiEnv* jvmti, jint* count, jclass** classes) {
+  constexpr functionId id = FAKE_JVMTI(GetLoadedClasses);
+  return perform(jvmti, id, {}, [&](machine& vm, threadEnv* env) {
+    if (count == nullptr || classes == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    std::vector<object*> found = liveObjects(vm);
+    std::erase_if(found, [](const object* one) { return one->kind != objectKind::javaClass; });
+    *count = static_cast<jint>(found.size());
+    *classes = reinterpret_cast<jclass*>(copyReferences(vm, *env, id, found));
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 jvmtiError JNICALL getObjectsWithTags(jvmtiEnv* jvmti, jint tagCount, const jlong* tags,
                                       jint* count, jobject** objects, jlong** tagsOfObjects) {
   constexpr functionId id = FAKE_JVMTI(GetObjectsWithTags);
@@ -704,11 +746,13 @@ jvmtiInterface_1 makeTable() {
   table.GetLocalObject = getLocalObject;
   table.GetMethodName = getMethodName;
   table.GetMethodDeclaringClass = getMethodDeclaringClass;
+  table.GetMethodModifiers = getMethodModifiers;
   table.GetMaxLocals = getMaxLocals;
   table.GetArgumentsSize = getArgumentsSize;
   table.GetLineNumberTable = getLineNumberTable;
   table.GetLocalVariableTable = getLocalVariableTable;
   table.GetClassSignature = getClassSignature;
+  table.GetClassStatus = getClassStatus;
   table.GetSourceFileName = getSourceFileName;
   table.GetClassFields = getClassFields;
   table.GetFieldName = getFieldName;
@@ -718,6 +762,7 @@ jvmtiInterface_1 makeTable() {
   table.GetObjectMonitorUsage = getObjectMonitorUsage;
   table.GetTag = getTag;
   table.SetTag = setTag;
+  table.GetLoadedClasses = getLoadedClasses;
   table.GetObjectsWithTags = getObjectsWithTags;
   table.IterateThroughHeap = iterateThroughHeap;
   table.ForceGarbageCollection = forceGarbageCollection;

@@ -28,6 +28,15 @@ std::size_t sequenceLength(std::string_view text, std::size_t at) {
   return 0;
 }
 
+// Where the UTF-16 unit with this number begins, or the end of the text.
+std::size_t unitStart(std::string_view text, jsize number) {
+  std::size_t at = 0;
+  for (; number > 0 && at < text.size(); --number) {
+    at += std::max<std::size_t>(1, sequenceLength(text, at));
+  }
+  return at;
+}
+
 }  // namespace
 
 value zeroOf(char type) {
@@ -100,6 +109,11 @@ jsize utf16Length(std::string_view text) {
   return static_cast<jsize>(std::count_if(text.begin(), text.end(), [](char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
   }));
+}
+
+std::string_view utf16Part(std::string_view text, jsize start, jsize length) {
+  const std::size_t from = unitStart(text, start);
+  return text.substr(from, unitStart(text.substr(from), length));
 }
 
 }  // namespace fake

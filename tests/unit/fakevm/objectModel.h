@@ -141,6 +141,7 @@ struct javaClass : object {
   std::optional<std::string> signature;  // "Lcom/example/Lock;"; without one the VM gives null
   javaClass* const super;
   std::optional<std::string> sourceFile{};  // without one: ABSENT_INFORMATION
+  std::atomic<bool> initialized{true};      // as GetClassStatus tells it
 
   // Grown by the virtualMachine, which guards both.
   std::vector<std::unique_ptr<method>> methods{};
@@ -208,5 +209,7 @@ std::string signatureOf(std::string_view className);
 bool isModifiedUtf8(std::string_view text);
 // The number of UTF-16 units of well-formed modified UTF-8.
 jsize utf16Length(std::string_view text);
+// Its `length` units from unit `start` on, as modified UTF-8.
+std::string_view utf16Part(std::string_view text, jsize start, jsize length);
 
 }  // namespace fake
