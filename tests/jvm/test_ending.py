@@ -1,0 +1,19 @@
+"""The VM ends while 16 daemon threads contend: with the right exit code, in time, every time."""
+
+import pytest
+
+REPETITIONS = 5
+
+
+@pytest.mark.parametrize("phase", ["summary", "detail"])
+@pytest.mark.parametrize("way, exit_code", [("exit", 7), ("halt", 9), ("return", 0)])
+def test_end_under_contention(jvm, phase, way, exit_code):
+    for _ in range(REPETITIONS):
+        run = jvm.run("Ending", phase, way, "stacks.txt", exit_code=exit_code, limit=60)
+        assert run.out.endswith("ending\n")
+
+
+@pytest.mark.parametrize("way, exit_code", [("exit", 7), ("halt", 9), ("return", 0)])
+def test_end_under_contention_with_every_line_logged(jvm, way, exit_code):
+    options = "logLevel=4,twHome={home}"
+    jvm.run("Ending", "detail", way, "stacks.txt", exit_code=exit_code, options=options, limit=60)

@@ -1,0 +1,61 @@
+"""Control calls and collections while threads contend."""
+
+import pytest
+
+from harness import HOME
+
+FILES = ("report.json", "stacks.txt")
+
+
+@pytest.mark.parametrize("vm", [(), ("-Xcheck:jni",)], ids=["plain", "checked"])
+def test_control_calls_in_any_order(jvm, vm):
+    run = jvm.run("AnyOrder", *FILES, options=f"logLevel=1,twHome={HOME}", vm=vm)
+    others = ("summary", "detail", "stopSummary", "stopDetail")
+    assert run.facts["unstarted.stop"] == "[0]"
+    assert run.facts["unstarted.report"] == "false"
+    assert run.facts["started.start"] == run.facts["started.stop"] == "[1]"
+    for when in ("unstarted", "started"):
+        assert [run.facts[f"{when}.{call}"] for call in others] == ["[0]"] * 4
+    assert run.report().root["sessionname"] == "any order"
+
+
+def test_a_report_without_a_session_is_an_error(jvm):
+    run = jvm.run("AnyOrder", *FILES, options=f"logLevel=1,twHome={HOME}")
+    errors = [r for r in run.log() if r.severity == "Error"]
+    assert any("dumpJsonObjectFromMapDS" in r.function + r.message for r in errors)
+
+
+def test_200_sessions_under_contention(jvm):
+    run = jvm.run("ManySessions", 200, ".", "stacks.txt")
+    assert run.facts["ones"] == "400"
+    names = {
+        run.facts["lock.0"]: {"crowd-0", "crowd-2"},
+        run.facts["lock.1"]: {"crowd-1", "crowd-3"},
+    }
+    for i in range(1, 201):
+        report = run.report(f"{i}.json")
+        assert (report.root["sessionid"], report.root["sessionname"]) == (i, f"session {i}")
+        for lock, threads in names.items():
+            counts = report.thread_counts(lock)
+            assert set(counts) == threads
+            assert min(counts.values()) >= 1
+            # Each thread may be in the middle of one entry while the report is written.
+            assert sum(counts.values()) <= report.locks[lock]["count"] + len(threads)
+    # An owner that has just let go is nobody that an entry could be charged to.
+    assert set(run.messages("Error")) <= {"monitor usage owner not found"}
+
+
+@pytest.mark.parametrize("collector", [None, "Serial", "Parallel", "G1", "Z"])
+def test_loaders_are_dropped_during_a_session(jvm, collector):
+    vm = [f"-XX:+Use{collector}GC"] if collector else ["-Xcheck:jni"]
+    if not jvm.supports(*vm):
+        pytest.skip(f"this Java has no {collector} collector")
+    run = jvm.run("DroppedLoaders", *FILES, vm=vm)
+    assert run.facts["stop"] == "1"
+    report = run.report()
+    for i in range(5):
+        guest = run.facts[f"guest.{i}"]
+        assert guest.startswith("DroppedLoaders$Guest@")
+        assert report.locks[guest]["count"] == 2
+        assert report.thread_counts(guest) == {"one": 1, "two": 1}
+    assert report.owner_counts()["owner"] == 10
