@@ -192,7 +192,8 @@ public final class ExceptionRecordTest {
   }
 
   private static void separatorsAtTheEdgesOfTexts() {
-    for (String text : new String[] {"%", "!", "%2", "!%2", "pen%", "pen!", "pen%4", "%%%", "!!%"}) {
+    String[] texts = {"%", "!", "%2", "!%2", "pen%", "pen!", "pen%4", "%%%", "!!%"};
+    for (String text : texts) {
       String record = kHead + "%42t%3A7%3A" + text + "%2C%43%44";
       same("text", text, certain(record).frames().get(0).arguments().get(0).text());
     }
@@ -243,6 +244,7 @@ public final class ExceptionRecordTest {
     same("unreadable", ValueType.UNREADABLE, arguments.get(0).type());
     same("unreadable", "junk", arguments.get(0).text());
     same("unreadable", "x%3A11%3A1", arguments.get(1).text());
+    same("no number", "unreadable: y%3A4%3Aseven", arguments.get(2));
 
     record = ExceptionRecord.parse(kHead + "%42%43x%3A4%3A1%2C%7C" + kHead + "%42%43%44");
     reason(record, "the locals do not end");
@@ -334,9 +336,9 @@ public final class ExceptionRecordTest {
   private static void hostileTexts(Random random, long seed, int rounds) {
     String[] pieces = {
         "%3A", "%2C", "!%23", "!%23%2C", "%40%41", "%42", "%43", "%44", "%7C", "%", "!", "%2", "",
-        "NULL", "10", "7", "8", "4", "-1", "3.5", "0", "name", "a.B.c(D.java:1)", "a.B.c(", ")", ":",
-        "t%3A7%3A", "n%3A10%3ANULL", "!%23o%3A10%3A", "i%3A4%3A3", "\u0000", "\ud800", "\u00e9",
-        "ThreadLocals1", "99999999999999999999", kHead,
+        "NULL", "10", "7", "8", "4", "-1", "3.5", "0", "name", "a.B.c(D.java:1)", "a.B.c(", ")",
+        ":", "t%3A7%3A", "n%3A10%3ANULL", "!%23o%3A10%3A", "i%3A4%3A3", "c%3A1%3A", "d%3A6%3A",
+        "\u0000", "\ud800", "\u00e9", "ThreadLocals1", "99999999999999999999", kHead,
     };
     for (int round = 0; round < rounds; round++) {
       StringBuilder text = new StringBuilder(random.nextBoolean() ? kHead : "");

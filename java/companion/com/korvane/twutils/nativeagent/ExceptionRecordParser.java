@@ -69,7 +69,7 @@ final class ExceptionRecordParser {
 
   private final String text;
   private final List<ExceptionRecord.Doubt> doubts = new ArrayList<>();
-  // Searching the end of a text in this section, at this depth, once reached the end of the record.
+  // Whether the search for the end of a text, in this section at this depth, has found none.
   private final boolean[][] isEndless = new boolean[Section.kAll.length][kMaxDepth + 1];
 
   // All marks of the record and where they begin.
@@ -288,7 +288,7 @@ final class ExceptionRecordParser {
     return new ExceptionRecord.Frame("", head, "NA", -1, sections);
   }
 
-  /** Takes class.method(source:line) apart. Method names hold no dot; all else may hold all else. */
+  /** Takes class.method(source:line) apart. Method names hold no dot; the rest may hold all. */
   private ExceptionRecord.Frame frameOf(
       int start, String head, List<List<CapturedValue>> sections) {
     int colon = head.lastIndexOf(':');
@@ -316,7 +316,7 @@ final class ExceptionRecordParser {
         sections);
   }
 
-  /** Reads up to the end of the section, or at a depth above 0 up to and with that of the object. */
+  /** Reads up to the end of the section, or at a depth above 0 up to and with the object's. */
   private void readEntries(Section section, int depth, List<CapturedValue> entries) {
     while (!endsHere(section, depth)) {
       entries.add(

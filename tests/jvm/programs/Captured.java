@@ -1,0 +1,82 @@
+import com.korvane.twutils.nativeagent.CapturedValue;
+import com.korvane.twutils.nativeagent.ExceptionRecord;
+import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Queue;
+import java.util.concurrent.ConcurrentLinkedQueue;
+
+/** What the agent delivered, in order, and the facts that are told of it. */
+final class Captured {
+  private static final int kFrames = 4; // of each record that are told
+  private static final Queue<Captured> kAll = new ConcurrentLinkedQueue<>();
+
+  final String text;
+  final Throwable exception;
+  final Thread thread = Thread.currentThread();
+
+  private Captured(String text, Object exception) {
+    this.text = text;
+    this.exception = (Throwable) exception;
+  }
+
+  /** Captures everything, without a limit, from now on. */
+  static int everything() {
+    return everything(30);
+  }
+
+  static int everything(int frames) {
+    TWNativeAgentProfiling.setExceptionSink((text, e) -> kAll.add(new Captured(text, e)));
+    return enable(true, 0, frames, "[]");
+  }
+
+  static int nothing() {
+    return enable(false, 0, 0, "[]");
+  }
+
+  static int enable(boolean enable, int rate, int frames, String blackList) {
+    return TWNativeAgentProfiling.enableCaptureVariableinException(
+        enable, true, true, true, true, rate, frames, blackList);
+  }
+
+  /** What was delivered since it was last asked for. */
+  static List<Captured> take() {
+    List<Captured> taken = new ArrayList<>();
+    for (Captured each = kAll.poll(); each != null; each = kAll.poll()) {
+      taken.add(each);
+    }
+    return taken;
+  }
+
+  /** Facts {@code key.n} of the frames, and {@code key.n.section.name} of their values. */
+  void tell(String key) {
+    ExceptionRecord record = ExceptionRecord.parse(text);
+    Facts.put(key + ".exception", exception.getClass().getName());
+    Facts.put(key + ".frames", record.frames().size());
+    Facts.put(key + ".doubts", record.doubts());
+    for (int n = 0; n < Math.min(kFrames, record.frames().size()); n++) {
+      ExceptionRecord.Frame frame = record.frames().get(n);
+      String place = key + "." + n;
+      Facts.put(place, frame);
+      tell(place + ".this", frame.classVariables());
+      tell(place + ".arguments", frame.arguments());
+      tell(place + ".locals", frame.locals());
+    }
+  }
+
+  /** Facts {@code key.thread} of the thread locals. */
+  void tellThreadLocals(String key) {
+    tell(key + ".thread", ExceptionRecord.parse(text).frames().get(0).threadLocals());
+  }
+
+  private static void tell(String key, List<CapturedValue> values) {
+    for (int i = 0; i < values.size(); i++) {
+      CapturedValue value = values.get(i);
+      String line = value.toString();
+      int start = value.name().length() + ": ".length();
+      String name = value.name().isEmpty() ? "#" + i : value.name();
+      Facts.put(key + "." + name, value.name().isEmpty() ? line : line.substring(start));
+      tell(key + "." + name, value.fields());
+    }
+  }
+}

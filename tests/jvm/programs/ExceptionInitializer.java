@@ -1,0 +1,54 @@
+import java.util.List;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.atomic.AtomicReference;
+
+/** An instance is captured while another thread still runs the static initialiser of its class. */
+public final class ExceptionInitializer {
+  private static final CountDownLatch kMayEnd = new CountDownLatch(1);
+  private static final AtomicReference<Slow> kInstance = new AtomicReference<>();
+
+  private ExceptionInitializer() {}
+
+  static final class Slow {
+    static int before = 4;
+
+    static {
+      kInstance.set(new Slow("early"));
+      Await.latch(kMayEnd);
+    }
+
+    static int after = 5;
+
+    final String name;
+
+    Slow(String name) {
+      this.name = name;
+    }
+  }
+
+  public static void main(String[] args) throws InterruptedException {
+    Captured.everything();
+    Thread initializer = new Thread(() -> Throwers.use(new Slow("late")));
+    initializer.start();
+    Await.that("an instance", () -> kInstance.get() != null);
+    capture("during");
+    kMayEnd.countDown();
+    initializer.join();
+    capture("behind");
+  }
+
+  private static void capture(String key) {
+    Captured.take();
+    try {
+      fail(kInstance.get());
+    } catch (IllegalStateException e) {
+      List<Captured> delivered = Captured.take();
+      Facts.put(key, delivered.size());
+      delivered.get(0).tell(key + ".0");
+    }
+  }
+
+  private static void fail(Object slow) {
+    throw new IllegalStateException("with " + (slow == null));
+  }
+}
