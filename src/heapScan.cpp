@@ -1,6 +1,7 @@
 #include "heapScan.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -46,8 +47,7 @@ jint JNICALL countObject(jlong /*classTag*/, jlong /*size*/, jlong* tag, jint /*
   return JVMTI_VISIT_OBJECTS;
 }
 
-// The classes met in one query, with the record that their objects are added to. Names are read
-// once for each class, not for each object.
+// The classes met in one query. What the VM tells of a class is read once, not for each object.
 class classesOfQuery {
  public:
   classesOfQuery(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters, classRecords& records)
@@ -55,20 +55,19 @@ class classesOfQuery {
 
   // The record for objects of the class; none when it is left out or cannot be named.
   classRecord* recordOf(support::localRef<jclass> cls) {
-    if (last_ != nullptr && is(*last_, cls.get())) return last_->record;
+    for (const known* each : recent_) {
+      if (each != nullptr && is(*each, cls.get())) return each->record;
+    }
     jint hash = 0;
     jvmti_->GetObjectHashCode(cls.get(), &hash);
     const auto [begin, end] = byHash_.equal_range(hash);
     for (auto each = begin; each != end; ++each) {
-      if (!is(each->second, cls.get())) continue;
-      last_ = &each->second;
-      return last_->record;
+      if (is(each->second, cls.get())) return remember(each->second);
     }
     const std::optional<std::string> name = nameOf(cls.get());
     if (!name) return nullptr;  // asked for again with the next object
     classRecord* const record = filters_.excludes(*name) ? nullptr : &records_[*name];
-    last_ = &byHash_.emplace(hash, known{std::move(cls), record})->second;
-    return record;
+    return remember(byHash_.emplace(hash, known{std::move(cls), record})->second);
   }
 
  private:
@@ -79,6 +78,12 @@ class classesOfQuery {
 
   bool is(const known& one, jclass cls) const {
     return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
+  }
+
+  classRecord* remember(const known& one) {
+    recent_[next_] = &one;
+    next_ = (next_ + 1) % recent_.size();
+    return one.record;
   }
 
   std::optional<std::string> nameOf(jclass cls) const {
@@ -93,7 +98,9 @@ class classesOfQuery {
   const classFilters& filters_;
   classRecords& records_;
   std::unordered_multimap<jint, known> byHash_;
-  known* last_ = nullptr;
+  // Comparing with a few classes costs less than a hash code.
+  std::array<const known*, 8> recent_{};
+  std::size_t next_ = 0;
 };
 
 }  // namespace
