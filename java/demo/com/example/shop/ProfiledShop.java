@@ -1,19 +1,24 @@
 package com.example.shop;
 
+import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.startMemoryLeaksProfileSession;
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.startMutexLockDetailSession;
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.startMutexLockProfilingSession;
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.startMutexLockSummarySession;
+import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.stopMemoryLeaksProfileSession;
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.stopMutexLockDetailSession;
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.stopMutexLockProfilingSession;
 
+import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
 import java.nio.file.Path;
 import java.nio.file.Paths;
 
 /**
- * Runs the shop and takes it through one lock profiling session.
+ * Runs the shop and takes it through one lock profiling session, captures one exception, and
+ * follows the shop's sessions and orders from one garbage collection to the next.
  *
  * <p>Usage: {@code ProfiledShop FOLDER [SUMMARY_SECONDS [DETAIL_SECONDS]]}, in a JVM that was
- * started with the agent. Writes {@code lock-report.json} and {@code lock-stacks.txt} in FOLDER.
+ * started with the agent and all of its features. Writes {@code lock-report.json}, {@code
+ * lock-stacks.txt} and {@code memory-report.json} in FOLDER, and prints the record of the exception.
  */
 public final class ProfiledShop {
   private static final long SESSION = 1;
@@ -23,15 +28,19 @@ public final class ProfiledShop {
   private static final int MAX_OWNERS = 100;
   private static final int MAX_STACKS = 1000;
   private static final int MAX_STACKS_PER_THREAD = 100;
+  private static final int TOP_CLASSES = 10;
+  private static final int SECONDS_BETWEEN_COLLECTIONS = 4;
 
   private final Shop shop;
   private final Path report;
   private final Path stacks;
+  private final Path memoryReport;
 
   private ProfiledShop(Shop shop, Path folder) {
     this.shop = shop;
     report = folder.resolve("lock-report.json");
     stacks = folder.resolve("lock-stacks.txt");
+    memoryReport = folder.resolve("memory-report.json");
   }
 
   public static void main(String[] args) throws InterruptedException {
@@ -52,9 +61,14 @@ public final class ProfiledShop {
 
   private static void run(Path folder, int summarySeconds, int detailSeconds)
       throws InterruptedException {
-    Shop shop = new Shop();
+    Shop shop = new Shop(TWNativeAgentProfiling::setObjectTag);
     try {
-      new ProfiledShop(shop, folder).profile(summarySeconds, detailSeconds);
+      ProfiledShop profiled = new ProfiledShop(shop, folder);
+      profiled.startMemorySession(summarySeconds + detailSeconds);
+      profiled.profileLocks(summarySeconds, detailSeconds);
+      System.out.println("A customer's payment is refused; what the agent captured of it:");
+      System.out.println(FailedPayments.captureOne());
+      profiled.stopMemorySession();
     } finally {
       shop.close();
     }
@@ -66,7 +80,23 @@ public final class ProfiledShop {
     }
   }
 
-  private void profile(int summarySeconds, int detailSeconds) throws InterruptedException {
+  private void startMemorySession(int seconds) {
+    expectOne(
+        "startMemoryLeaksProfileSession",
+        startMemoryLeaksProfileSession(
+            true, seconds, (int) SESSION, "shop under load", TOP_CLASSES, "", "", "", ""));
+    System.gc(); // what is tagged before the first collection is not followed
+  }
+
+  private void stopMemorySession() {
+    System.gc();
+    expectOne(
+        "stopMemoryLeaksProfileSession",
+        stopMemoryLeaksProfileSession((int) SESSION, memoryReport.toString()));
+    System.out.println("Memory report written");
+  }
+
+  private void profileLocks(int summarySeconds, int detailSeconds) throws InterruptedException {
     System.out.println("Lock profiling session " + SESSION + " starts");
     expectOne(
         "startMutexLockProfilingSession",
@@ -97,12 +127,15 @@ public final class ProfiledShop {
     expectOne(
         "stopMutexLockProfilingSession",
         stopMutexLockProfilingSession(SESSION, report.toString()));
-    System.out.println("Report written");
+    System.out.println("Lock report written");
   }
 
   private void runFor(int seconds) throws InterruptedException {
     for (int second = 1; second <= seconds; second++) {
       Thread.sleep(1000);
+      if (second % SECONDS_BETWEEN_COLLECTIONS == 0) {
+        System.gc(); // the next generation of what is followed begins
+      }
       if (second % 4 == 0 || second == seconds) {
         System.out.printf(
             "  %2d s: %d requests served, %d checkouts%n",
