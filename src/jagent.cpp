@@ -9,6 +9,7 @@
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -246,7 +247,12 @@ using namespace agent;
 
 // A malformed option throws out of here: the VM then ends with the exception's text.
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* /*reserved*/) {
-  return load(vm, options);
+  try {
+    return load(vm, options);
+  } catch (const std::bad_alloc&) {
+    twAprLib::print(stderr, "javanativeagent: no memory to start with\n");
+    return JNI_ERR;
+  }
 }
 
 JNIEXPORT void JNICALL Agent_OnUnload(JavaVM* /*vm*/) {
@@ -276,18 +282,13 @@ void trace(const char* function, const char* message, jlong sessionId,
                   "%s%lld", message, static_cast<long long>(sessionId));
 }
 
-// The names in a black list; says on standard error what is wrong with one that is refused.
-std::vector<std::string> blackListIn(const std::string& text) {
-  try {
-    return parseBlackList(text);
-  } catch (const std::exception& error) {
-    twAprLib::print(stderr,
-                    "javanativeagent: enableCaptureVariableinException: argument 'blackList' is "
-                    "'%s': expected class names separated by commas within one character on each "
-                    "side, as in '[a.B,c.D]' (%s)\n",
-                    text.c_str(), error.what());
-    throw;
-  }
+// Says on standard error what is wrong with a black list that is refused.
+void refuseBlackList(const std::string& text, const std::exception& error) {
+  twAprLib::print(stderr,
+                  "javanativeagent: enableCaptureVariableinException: argument 'blackList' is "
+                  "'%s': expected class names separated by commas within one character on each "
+                  "side, as in '[a.B,c.D]' (%s)\n",
+                  text.c_str(), error.what());
 }
 
 // One step of a lock session: the event switch, then the new state.
@@ -449,10 +450,18 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     jboolean localVariables, jboolean threadLocals, jint captureRate, jint stackTraceDepth,
     jstring blackList) {
   constexpr const char* kFunction = TW_NATIVE_NAME(enableCaptureVariableinException);
-  std::vector<std::string> names;
-  if (const auto text = support::tryTextOf(jni, blackList)) names = blackListIn(*text);
-  return native(kFunction, [&] {
+  std::exception_ptr refused;  // thrown on: what the black list is refused with is not contained
+  const jint result = native(kFunction, [&] {
     auto settings = std::make_unique<ExceptionCaptureSettings>();
+    if (const auto text = support::tryTextOf(jni, blackList)) {
+      try {
+        settings->blackList = parseBlackList(*text);
+      } catch (const std::out_of_range& error) {
+        refuseBlackList(*text, error);
+        refused = std::current_exception();
+        return 0;
+      }
+    }
     settings->enabled = enable == JNI_TRUE;
     settings->captureClassVariables = classVariables == JNI_TRUE;
     settings->captureMethodArguments = methodArguments == JNI_TRUE;
@@ -460,7 +469,6 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     settings->captureThreadLocals = threadLocals == JNI_TRUE;
     settings->captureRate = captureRate;
     settings->stackTraceDepth = stackTraceDepth;
-    settings->blackList = std::move(names);
     settings->findCallback(jni);
     getRegistry()->switchProfiler(kExceptionProfiler, settings->enabled);
     const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
@@ -468,4 +476,6 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     exceptions->setProfilerEventMode(settings->enabled);
     return exceptions->setProfileData(std::move(settings));
   });
+  if (refused) std::rethrow_exception(refused);
+  return result;
 }

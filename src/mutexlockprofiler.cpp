@@ -252,12 +252,9 @@ void mutexLockProfiler::select(const std::shared_ptr<lockStore>& store,
       reportQueue().locks.push(selectionHeap.top());
     }
     const support::lockGuard guard(topLockMutex_);
-    std::shared_ptr<topLockBean>& top = topLockMap_[selectionHeap.top().lockName];
-    if (top) {
-      top->clear();
-    } else {
-      top = std::make_shared<topLockBean>();
-    }
+    const auto [top, isNew] =
+        topLockMap_.try_emplace(selectionHeap.top().lockName, std::make_shared<topLockBean>());
+    if (!isNew) top->second->clear();
     topLockVersion_.fetch_add(1);
   }
   epoch_.fetch_add(1);

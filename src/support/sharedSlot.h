@@ -29,15 +29,17 @@ class sharedSlot {
     return mine.value;
   }
 
-  // Publishes `value` (or nothing, for null) to all readers; not atomic over readers of different
-  // threads. Calls from several threads are to be serialised by the caller.
+  // Publishes `value` (or nothing, for null) to all readers, or throws std::bad_alloc and leaves
+  // what is published; not atomic over readers of different threads. Calls from several threads are
+  // to be serialised by the caller.
   void store(const std::shared_ptr<T>& value) {
-    for (cell& each : cells_) {
-      std::shared_ptr<T> next = withOwnCount(value);
-      const std::lock_guard<std::mutex> guard(each.mutex);
-      each.value.swap(next);
-    }  // what was published is dropped here, after the cell's mutex
-  }
+    std::array<std::shared_ptr<T>, kCells> next;
+    for (std::shared_ptr<T>& each : next) each = withOwnCount(value);
+    for (std::size_t i = 0; i < kCells; ++i) {
+      const std::lock_guard<std::mutex> guard(cells_[i].mutex);
+      cells_[i].value.swap(next[i]);
+    }
+  }  // what was published is dropped here, outside the mutexes
 
  private:
   static constexpr std::size_t kCells = 32;

@@ -8,6 +8,7 @@ namespace {
 
 template <typename Body>
 jint perform(JavaVM* javaVm, functionId id, jint number, jint failed, Body body) {
+  const agentCode scope(false);
   machine& vm = machine::of(javaVm);
   threadEnv* env = vm.currentOrNull();
   vm.count(env, id);

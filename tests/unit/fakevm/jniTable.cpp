@@ -15,6 +15,7 @@ namespace {
 template <typename Result, typename Body>
 Result perform(JNIEnv* jni, functionId id, const rawArguments& arguments, Result failed,
                Body body) {
+  const agentCode scope(false);
   threadEnv& env = machine::of(jni);
   machine& vm = env.owner;
   if (vm.currentOrNull() != &env) {

@@ -13,6 +13,7 @@ namespace {
 // environment is null only for functions that any thread may call.
 template <typename Body>
 jvmtiError perform(jvmtiEnv* jvmti, functionId id, const rawArguments& arguments, Body body) {
+  const agentCode scope(false);
   machine& vm = machine::of(jvmti);
   threadEnv* env = vm.currentOrNull();
   vm.count(env, id);

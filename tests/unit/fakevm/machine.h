@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "agentCode.h"
 #include "blockTracker.h"
 #include "functions.h"
 #include "handles.h"
@@ -209,13 +210,21 @@ class machine {
     }
     finish(env, what, before);
   }
+  // The callback as the entry of the agent's code.
+  template <typename... Parameters>
+  static auto agentEntry(void(JNICALL* callback)(Parameters...)) {
+    return [callback](Parameters... arguments) {
+      const agentCode scope(true);
+      callback(arguments...);
+    };
+  }
   // Runs the callback of `event`, if it is to be delivered.
   template <typename Callback, typename Action>
   bool deliver(jvmtiEvent event, const char* name, javaThread* as, delivery how, Action action) {
     auto callback = reinterpret_cast<Callback>(callbackOf(event));
     if (callback == nullptr || (how == delivery::ifEnabled && !enabled(event).load())) return false;
     threadEnv& env = current(name);
-    enter(env, name, as, [&] { action(callback, env); });
+    enter(env, name, as, [&] { action(agentEntry(callback), env); });
     return true;
   }
 
