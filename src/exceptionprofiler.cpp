@@ -15,7 +15,6 @@
 #include "support/jvmtiRecords.h"
 #include "support/jvmtiStatus.h"
 #include "support/text.h"
-#include "support/vmTurn.h"
 #include "twAprLib.h"
 
 namespace agent {
@@ -29,6 +28,7 @@ constexpr const char* kCallback = "exceptionProfiler::ExceptionCallback";
 constexpr const char* kCallbackClass = "com/korvane/twutils/nativeagent/TWNativeAgentProfiling";
 
 constexpr jint kMaxFrames = 100;
+constexpr jint kReferences = 64;  // local ones that a record has at once, at most
 constexpr std::int64_t kWindowSeconds = 60;
 constexpr std::int32_t kNeverExpanded = 5;  // a level at or below every captureObjDepth
 constexpr jlocation kNoLocation = -1;
@@ -159,7 +159,10 @@ std::int32_t exceptionProfiler::setProfileData(std::unique_ptr<sessionSettings> 
     }
     settings.release();
     const std::shared_ptr<ExceptionCaptureSettings> taken(given);
-    settings_.store(taken);
+    {
+      const support::lockGuard guard(settingsMutex_);
+      settings_.store(taken);
+    }
     if (taken->enabled) {
       TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", describe(*taken).c_str());
     }
@@ -306,6 +309,7 @@ void exceptionProfiler::exceptionThrown(throwEvent& event) {
 bool exceptionProfiler::record(throwEvent& event, std::string& text) {
   std::array<jvmtiFrameInfo, kMaxFrames> frames;
   jint count = 0;
+  const support::localFrame references(event.jni, kReferences);
   const jint depth = std::min(event.settings->stackTraceDepth, kMaxFrames);
   if (event.failed(event.jvmti->GetStackTrace(event.thread, 0, depth, frames.data(), &count))) {
     return false;
@@ -313,6 +317,12 @@ bool exceptionProfiler::record(throwEvent& event, std::string& text) {
   for (jint i = 0; i < count; ++i) {
     if (appendFrame(event, frames[static_cast<std::size_t>(i)], i, text) == outcome::failed) {
       return false;
+    }
+    if (text.size() > objectCapture::kLongestText) {
+      TW_LOG(kLogError, kSeverityError, kCallback,
+             "The record of an exception ends after %d frames and %zu bytes",
+             static_cast<int>(i + 1), text.size());
+      break;
     }
   }
   return true;
@@ -433,19 +443,19 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
                                                               jint index, std::string& arguments,
                                                               std::string& locals) {
   jvmtiEnv* const jvmti = event.jvmti;
-  support::localVariables variables(jvmti);
-  const jvmtiError error = variables.read(frame.method);
-  if (error == JVMTI_ERROR_ABSENT_INFORMATION || error == JVMTI_ERROR_NATIVE_METHOD) {
-    return outcome::leftOut;
-  }
-  if (event.failed(error)) return outcome::failed;
-
   const ExceptionCaptureSettings& settings = *event.settings;
   jint argumentSlots = 0;
   jint slots = 0;
   if (jvmti->GetArgumentsSize(frame.method, &argumentSlots) != JVMTI_ERROR_NONE) {
     argumentSlots = 0;
   }
+  if (argumentSlots == 0 && !settings.captureLocalVariables) return outcome::leftOut;
+  support::localVariables variables(jvmti);
+  const jvmtiError error = variables.read(frame.method);
+  if (error == JVMTI_ERROR_ABSENT_INFORMATION || error == JVMTI_ERROR_NATIVE_METHOD) {
+    return outcome::leftOut;
+  }
+  if (event.failed(error)) return outcome::failed;
   if (settings.captureLocalVariables &&
       jvmti->GetMaxLocals(frame.method, &slots) != JVMTI_ERROR_NONE) {
     slots = 0;
@@ -456,7 +466,7 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
   if (settings.captureLocalVariables) {
     first = settings.captureMethodArguments ? 0 : argumentSlots;
     last = slots;
-  } else if (argumentSlots > 0) {
+  } else {
     last = argumentSlots - 1;
   }
   for (const jvmtiLocalVariableEntry& variable : variables) {
@@ -477,7 +487,7 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
 
 template <typename Call>
 jvmtiError exceptionProfiler::readSlot(Call&& call) {
-  const support::vmTurn turn(localsMutex_);
+  const support::vmTurn turn(localTurns_);
   return std::forward<Call>(call)();
 }
 
@@ -523,24 +533,48 @@ exceptionProfiler::outcome exceptionProfiler::appendVariable(
     case typeCode::object:
       break;
   }
-  return readAndWrite(jobject{nullptr}, &jvmtiEnv::GetLocalObject, [&](jobject value) {
-    const support::localRef<> reference(event.jni, value);
-    std::optional<std::string> text;
-    if (code == typeCode::string) text = event.capture.shortText(static_cast<jstring>(value));
-    if (value != nullptr && code == typeCode::stringBuilder) {
-      text = event.capture.shortTextOfBuilder(value);
-    }
-    if (text) {
-      record::appendEntry(section, variable.name, code, *text);
-    } else if (value == nullptr || code != typeCode::object) {
-      record::appendNullObject(section, variable.name);
-    } else {
-      record::appendObject(
-          section, variable.name,
-          event.capture.fieldsOf(value, variable.name, startingDepth(kCaptureVariables, index),
-                                 kCaptureVariables));
-    }
-  });
+  outcome result = outcome::written;
+  const outcome read =
+      readAndWrite(jobject{nullptr}, &jvmtiEnv::GetLocalObject, [&](jobject value) {
+        const support::localRef<> reference(event.jni, value);
+        result = appendObjectVariable(event, variable, value, index, section);
+      });
+  return read == outcome::written ? result : read;
+}
+
+exceptionProfiler::outcome exceptionProfiler::appendObjectVariable(
+    throwEvent& event, const jvmtiLocalVariableEntry& variable, jobject value, jint index,
+    std::string& section) {
+  using record::typeCode;
+  const typeCode code = record::codeOf(variable.signature);
+  if (value == nullptr) {
+    record::appendNullObject(section, variable.name);
+    return outcome::written;
+  }
+  if (code == typeCode::object) {
+    record::appendObject(
+        section, variable.name,
+        event.capture.fieldsOf(value, variable.name, startingDepth(kCaptureVariables, index),
+                               kCaptureVariables));
+    return outcome::written;
+  }
+  // The VM takes a variable table at its word, whatever the slot holds: a table that lies, as
+  // rewritten classes have them, would hand any object to the functions for strings.
+  jvmtiError error = JVMTI_ERROR_NONE;
+  const support::localRef<jclass> cls(event.jni, event.jni->GetObjectClass(value));
+  const classPtr info = infoOf(event.jvmti, event.jni, cls.get(), error);
+  if (event.failed(error)) return outcome::failed;
+  if (!info || info->value.signature != variable.signature) return outcome::leftOut;
+
+  const std::optional<std::string> text = code == typeCode::string
+                                              ? event.capture.shortText(static_cast<jstring>(value))
+                                              : event.capture.shortTextOfBuilder(value);
+  if (text) {
+    record::appendEntry(section, variable.name, code, *text);
+  } else {
+    record::appendNullObject(section, variable.name);
+  }
+  return outcome::written;
 }
 
 std::int32_t exceptionProfiler::startingDepth(std::int32_t mode, jint frameIndex) const {

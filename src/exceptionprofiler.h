@@ -11,7 +11,6 @@
 #include <ctime>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,6 +19,7 @@
 #include "support/annotations.h"
 #include "support/classCache.h"
 #include "support/sharedSlot.h"
+#include "support/vmTurn.h"
 
 namespace agent {
 
@@ -106,6 +106,8 @@ class exceptionProfiler : public profiler {
                           std::string& arguments, std::string& locals);
   outcome appendVariable(throwEvent& event, const jvmtiLocalVariableEntry& variable, jint index,
                          std::string& section);
+  outcome appendObjectVariable(throwEvent& event, const jvmtiLocalVariableEntry& variable,
+                               jobject value, jint index, std::string& section);
   void deliver(throwEvent& event, std::string& text);
 
   // What is known of the class; none when the VM does not give its signature.
@@ -116,11 +118,12 @@ class exceptionProfiler : public profiler {
   template <typename Call>
   jvmtiError readSlot(Call&& call);
 
+  support::mutex settingsMutex_;  // around publishing settings
   support::sharedSlot<ExceptionCaptureSettings> settings_;
   support::mutex rateMutex_;
   std::map<std::string, ExceptionRateEntry> rates_ GUARDED_BY(rateMutex_);
   support::classCache<classInfo> classes_;
-  std::timed_mutex localsMutex_;  // around GetLocal calls, see vmTurn
+  support::vmTurns localTurns_;  // for GetLocal calls
 };
 
 }  // namespace agent

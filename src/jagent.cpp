@@ -19,6 +19,7 @@
 #include "memoryprofiler.h"
 #include "mutexlockprofiler.h"
 #include "profilerRegistry.h"
+#include "support/annotations.h"
 #include "support/jniRef.h"
 #include "support/jvmtiStatus.h"
 #include "support/sourcePlace.h"
@@ -470,6 +471,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     settings->captureRate = captureRate;
     settings->stackTraceDepth = stackTraceDepth;
     settings->findCallback(jni);
+    // Calls that meet would leave the events of the one with the settings of the other.
+    static support::mutex& oneCall = *new support::mutex;
+    const support::lockGuard guard(oneCall);
     getRegistry()->switchProfiler(kExceptionProfiler, settings->enabled);
     const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
     if (!exceptions) return 0;

@@ -13,7 +13,6 @@
 #include "support/jvmtiRecords.h"
 #include "support/sourcePlace.h"
 #include "support/text.h"
-#include "support/vmTurn.h"
 #include "twAprLib.h"
 
 namespace agent {
@@ -724,7 +723,7 @@ foundOwner mutexLockProfiler::askForOwner(monitorEvent& event, ownerLookup* look
   foundOwner found;
   support::monitorUsage usage(event.jvmti, event.jni);
   {
-    const support::vmTurn turn(usageMutex_);
+    const support::vmTurn turn(usageTurns_);
     if (lookup != nullptr) lookup->begin();
     usage.read(event.object);
   }
@@ -773,7 +772,7 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
   }
   support::monitorUsage usage(event.jvmti, event.jni);
   {
-    const support::vmTurn turn(usageMutex_);
+    const support::vmTurn turn(usageTurns_);
     usage.read(event.object);
   }
   if (usage.waiterCount() <= 0) return;

@@ -23,6 +23,7 @@
 #include "support/annotations.h"
 #include "support/javaClasses.h"
 #include "support/sharedSlot.h"
+#include "support/vmTurn.h"
 
 namespace agent {
 
@@ -124,8 +125,7 @@ class mutexLockProfiler : public profiler {
   support::javaClasses classes_;  // of monitors
   heldClasses stackClasses_;      // of methods on stacks
 
-  // Around GetObjectMonitorUsage, see vmTurn.
-  std::timed_mutex usageMutex_;
+  support::vmTurns usageTurns_;  // for GetObjectMonitorUsage
 };
 
 }  // namespace agent

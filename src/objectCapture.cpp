@@ -25,13 +25,28 @@ constexpr jsize kShortCharacters = 256;  // of a text that is cut
 
 using support::localRef;
 
-// Drops a high surrogate at the end of modified UTF-8: its other half was cut off.
-void dropHalfPair(std::string& text) {
+// Whether modified UTF-8 ends with a surrogate whose second byte lies in the range.
+bool endsWithSurrogate(const std::string& text, unsigned char first, unsigned char last) {
   constexpr std::size_t kBytes = 3;
-  if (text.size() < kBytes) return;
-  const auto first = static_cast<unsigned char>(text[text.size() - kBytes]);
+  if (text.size() < kBytes) return false;
+  const auto lead = static_cast<unsigned char>(text[text.size() - kBytes]);
   const auto second = static_cast<unsigned char>(text[text.size() - kBytes + 1]);
-  if (first == 0xED && second >= 0xA0 && second <= 0xAF) text.resize(text.size() - kBytes);
+  return lead == 0xED && second >= first && second <= last;
+}
+
+void dropLastCharacter(std::string& text) {
+  const auto isContinuation = [](char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
+  };
+  while (!text.empty() && isContinuation(text.back())) text.pop_back();
+  if (!text.empty()) text.pop_back();
+}
+
+// Drops the last character of modified UTF-8, and both halves of a pair.
+void dropLastWhole(std::string& text) {
+  const bool isSecondHalf = endsWithSurrogate(text, 0xB0, 0xBF);
+  dropLastCharacter(text);
+  if (isSecondHalf && endsWithSurrogate(text, 0xA0, 0xAF)) dropLastCharacter(text);
 }
 
 }  // namespace
@@ -64,10 +79,8 @@ std::string objectCapture::GetObjectFieldsValue(jobject object, jclass cls,
   const jvmtiError error =
       fields.fill([&](jfieldID** out) { return jvmti_->GetClassFields(cls, &count, out); });
   if (exceptionProfiler::check(jni_, jvmti_, error)) return text;
-  jint status = 0;
-  const bool isInitialized = jvmti_->GetClassStatus(cls, &status) == JVMTI_ERROR_NONE &&
-                             (status & JVMTI_CLASS_STATUS_INITIALIZED) != 0;
-  for (jint i = 0; i < count; ++i) {
+  const bool hasInitialized = isInitialized(cls);
+  for (jint i = 0; i < count && text.size() <= kLongestText; ++i) {
     support::jvmtiText name(jvmti_);
     support::jvmtiText signature(jvmti_);
     char* signatureWritten = nullptr;
@@ -80,9 +93,9 @@ std::string objectCapture::GetObjectFieldsValue(jobject object, jclass cls,
     const jvmtiError modifiersError = jvmti_->GetFieldModifiers(cls, fields[i], &modifiers);
     if (exceptionProfiler::check(jni_, jvmti_, modifiersError)) return text;
     if (!name || !signature) continue;
-    const field each{jni_,          object,          cls,
-                     name.get(),    signature.get(), (modifiers & kStatic) != 0,
-                     isInitialized, fields[i]};
+    const field each{jni_,           object,          cls,
+                     name.get(),     signature.get(), (modifiers & kStatic) != 0,
+                     hasInitialized, fields[i]};
     if (!appendField(text, each, depth, mode)) return text;
   }
   return text;
@@ -199,6 +212,12 @@ void objectCapture::sayNoFieldId(const field& each, record::typeCode code) {
          each.name, name.c_str());
 }
 
+bool objectCapture::isInitialized(jclass cls) {
+  jint status = 0;
+  return jvmti_->GetClassStatus(cls, &status) == JVMTI_ERROR_NONE &&
+         (status & JVMTI_CLASS_STATUS_INITIALIZED) != 0;
+}
+
 bool objectCapture::isArray(jclass cls) {
   support::jvmtiText signature(jvmti_);
   const jvmtiError error =
@@ -216,13 +235,13 @@ std::string objectCapture::lengthOf(jobject array) {
 std::optional<std::string> objectCapture::shortText(jstring string) {
   if (string == nullptr) return std::nullopt;
   const jsize length = jni_->GetStringLength(string);
-  const jsize taken = std::min(length, kShortCharacters);
+  const jsize taken = std::min(length, kShortCharacters + 1);
   constexpr std::size_t kBytesOfCharacter = 3;
-  std::array<char, kShortCharacters * kBytesOfCharacter + 1> bytes{};
+  std::array<char, (kShortCharacters + 1) * kBytesOfCharacter + 1> bytes{};
   jni_->GetStringUTFRegion(string, 0, taken, bytes.data());
   if (clearException()) return std::nullopt;
   std::string text(bytes.data());
-  if (length > taken) dropHalfPair(text);
+  if (taken > kShortCharacters) dropLastWhole(text);
   return text;
 }
 
@@ -263,6 +282,13 @@ void objectCapture::appendThreadLocals(std::string& out, std::int32_t depth) {
   if (thread_ == nullptr) return error("Unable to get Exception thread");
   localRef<jclass> threadClass(jni_, jni_->GetObjectClass(thread_));
   if (!threadClass) return error("Unable to get Exception thread class");
+  // Asking a class for a field initialises it, and would wait here for a running initialiser of the
+  // thread's class. Until that is done, the class that declares the field is asked.
+  if (!isInitialized(threadClass.get())) {
+    threadClass = localRef<jclass>(jni_, jni_->FindClass("java/lang/Thread"));
+    clearException();
+    if (!threadClass) return error("Unable to get field id for thread class");
+  }
   const jfieldID mapField =
       jni_->GetFieldID(threadClass.get(), "threadLocals", "Ljava/lang/ThreadLocal$ThreadLocalMap;");
   if (mapField == nullptr) {
@@ -285,7 +311,7 @@ void objectCapture::appendThreadLocals(std::string& out, std::int32_t depth) {
   if (!table) return error("Unable to get entry array");
 
   const jsize length = jni_->GetArrayLength(table.get());
-  for (jsize i = 0; i < length; ++i) {
+  for (jsize i = 0; i < length && out.size() <= kLongestText; ++i) {
     const localRef<> entry(jni_, jni_->GetObjectArrayElement(table.get(), i));
     if (clearException() || !entry) continue;
     const std::string name = "ThreadLocals" + std::to_string(i);

@@ -28,6 +28,10 @@ class objectCapture {
   objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::int32_t maxDepth)
       : jvmti_(jvmti), jni_(jni), thread_(thread), maxDepth_(maxDepth) {}
 
+  // The bytes after which no further field is written, and no further frame of a record: objects of
+  // hostile size, or many of them, must not take the memory of the process.
+  static constexpr std::size_t kLongestText = std::size_t{64} << 20U;
+
   // One entry for each declared field of `cls`, the class of `object`; the length alone for an
   // array. `depth` is the current nesting level, `mode` the caller's bit of captureObjType.
   std::string GetObjectFieldsValue(jobject object, jclass cls, std::string_view name,
@@ -55,6 +59,7 @@ class objectCapture {
                     std::int32_t mode);
   void sayNoFieldId(const field& each, record::typeCode code);
   void appendThreadLocals(std::string& out, std::int32_t depth);
+  bool isInitialized(jclass cls);
   bool isArray(jclass cls);
   std::string lengthOf(jobject array);
   // The object's toString; none when it throws.

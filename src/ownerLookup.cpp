@@ -3,6 +3,8 @@
 #include <chrono>
 #include <utility>
 
+#include "support/vmTurn.h"
+
 namespace agent {
 
 void ownerLookup::publish(std::optional<foundOwner> found) {
@@ -15,11 +17,12 @@ void ownerLookup::publish(std::optional<foundOwner> found) {
 }
 
 std::optional<foundOwner> ownerLookup::wait() {
-  constexpr std::chrono::seconds kPatience{10};
+  constexpr std::chrono::seconds kPatience{1};
   std::unique_lock guard(mutex_);
-  // The system clock, since ThreadSanitizer does not see waits on the steady one.
-  done_.wait_until(guard, std::chrono::system_clock::now() + kPatience,
-                   [this] { return published_; });
+  if (!done_.wait_until(guard, support::patienceClock::now() + kPatience,
+                        [this] { return published_; })) {
+    begun_.store(true);  // nobody else is to wait for it
+  }
   return found_;
 }
 

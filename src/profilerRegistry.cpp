@@ -14,9 +14,8 @@ namespace {
 // What event handlers and control calls of any thread may still look up while the process ends:
 // made on first use and never destroyed.
 struct processState {
-  support::mutex mutex;
-  std::shared_ptr<profilerRegistry> registry GUARDED_BY(mutex);
-
+  support::mutex mutex;  // around making the registry and giving it up
+  support::sharedSlot<profilerRegistry> registry;
   support::sharedSlot<mutexLockProfiler> lock;
   support::sharedSlot<memoryProfiler> memory;
   support::sharedSlot<exceptionProfiler> exception;
@@ -107,20 +106,21 @@ bool profilerRegistry::empty() const {
 }
 
 std::shared_ptr<profilerRegistry> getRegistry() {
+  if (std::shared_ptr<profilerRegistry> known = findRegistry()) return known;
   const support::lockGuard guard(process().mutex);
-  if (!process().registry) process().registry = std::make_shared<profilerRegistry>();
-  return process().registry;
+  if (std::shared_ptr<profilerRegistry> known = findRegistry()) return known;
+  auto made = std::make_shared<profilerRegistry>();
+  process().registry.store(made);
+  return made;
 }
 
 std::shared_ptr<profilerRegistry> findRegistry() {
-  const support::lockGuard guard(process().mutex);
-  return process().registry;
+  return process().registry.load();
 }
 
 void freeRegistry() {
-  std::shared_ptr<profilerRegistry> freed;
   const support::lockGuard guard(process().mutex);
-  freed.swap(process().registry);
+  process().registry.store(nullptr);
 }
 
 std::shared_ptr<mutexLockProfiler> getMutexProfiler() {

@@ -2,23 +2,54 @@
 // queues for it inside the VM.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <mutex>
 
 namespace support {
 
+// The clock of waits that must end. ThreadSanitizer does not see waits on the steady one.
+#if defined(__SANITIZE_THREAD__)
+using patienceClock = std::chrono::system_clock;
+#else
+using patienceClock = std::chrono::steady_clock;
+#endif
+
+// Where threads take turns.
+class vmTurns {
+  friend class vmTurn;
+  std::timed_mutex mutex_;
+  // The thread whose turn it is keeps it for too long: nobody waits until it gives it back.
+  std::atomic<bool> isStuck_{false};
+};
+
 // Held around one such call and nothing else: together with no other lock, and across no call into
 // Java. The wait is bounded: a debugger may have suspended the thread whose turn it is, and then
-// everybody goes on without one.
+// everybody goes on without one, all but the first without waiting.
 class vmTurn {
  public:
-  // The system clock, since ThreadSanitizer does not see waits on the steady one.
-  explicit vmTurn(std::timed_mutex& mutex)
-      : lock_(mutex, std::chrono::system_clock::now() + kPatience) {}
+  explicit vmTurn(vmTurns& turns) : turns_(turns), lock_(turns.mutex_, std::defer_lock) {
+    if (turns.isStuck_.load()) {
+      isMine_ = lock_.try_lock();
+    } else {
+      isMine_ = lock_.try_lock_until(patienceClock::now() + kPatience);
+      if (!isMine_) turns.isStuck_.store(true);
+    }
+  }
+  ~vmTurn() {
+    if (isMine_) turns_.isStuck_.store(false);
+  }
+  vmTurn(const vmTurn&) = delete;
+  vmTurn& operator=(const vmTurn&) = delete;
+
+  // Whether this thread has the turn, or goes on without.
+  bool isMine() const { return isMine_; }
 
  private:
-  static constexpr std::chrono::seconds kPatience{10};
+  static constexpr std::chrono::seconds kPatience{1};
+  vmTurns& turns_;
   std::unique_lock<std::timed_mutex> lock_;
+  bool isMine_ = false;
 };
 
 }  // namespace support

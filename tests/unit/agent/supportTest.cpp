@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <latch>
@@ -651,21 +652,56 @@ TEST_F(jvmtiRecords, aMethodWithoutAVariableTableHasNone) {
   EXPECT_EQ(variables.begin(), variables.end());
 }
 
-TEST(vmTurn, isOneThreadsAtATime) {
-  std::timed_mutex mutex;
-  const auto isFree = [&] {
-    bool free = false;
-    std::thread([&] {
-      free = mutex.try_lock();
-      if (free) mutex.unlock();
-    }).join();
-    return free;
-  };
-  {
-    const support::vmTurn turn(mutex);
-    EXPECT_FALSE(isFree());
+class vmTurn : public ::testing::Test {
+ protected:
+  // Whether another thread gets its turn now.
+  bool otherGetsIt() {
+    bool gotten = false;
+    std::thread([&] { gotten = support::vmTurn(turns_).isMine(); }).join();
+    return gotten;
   }
-  EXPECT_TRUE(isFree());
+
+  support::vmTurns turns_;
+};
+
+TEST_F(vmTurn, isOneThreadsAtATime) {
+  {
+    const support::vmTurn turn(turns_);
+    EXPECT_TRUE(turn.isMine());
+    EXPECT_FALSE(otherGetsIt());
+  }
+  EXPECT_TRUE(otherGetsIt());
+}
+
+// As when a debugger has suspended the thread whose turn it is.
+TEST_F(vmTurn, onlyTheFirstWaitsForAThreadThatKeepsIt) {
+  std::optional<support::vmTurn> kept(std::in_place, turns_);
+  EXPECT_FALSE(otherGetsIt());
+  const auto before = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) EXPECT_FALSE(otherGetsIt());
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5))
+      << "each of them waited";
+  kept.reset();
+  EXPECT_TRUE(otherGetsIt());
+}
+
+TEST_F(vmTurn, onceGivenBackItIsWaitedForAgain) {
+  {
+    const support::vmTurn kept(turns_);
+    EXPECT_FALSE(otherGetsIt());
+  }
+  std::optional<support::vmTurn> mine(std::in_place, turns_);
+  std::latch asked(1);
+  bool gotten = false;
+  std::thread other([&] {
+    asked.count_down();
+    gotten = support::vmTurn(turns_).isMine();
+  });
+  asked.wait();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  mine.reset();
+  other.join();
+  EXPECT_TRUE(gotten) << "it did not wait";
 }
 
 // --- Owners of references --------------------------------------------------------------------
