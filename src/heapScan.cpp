@@ -1,11 +1,9 @@
 #include "heapScan.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <memory>
 #include <optional>
-#include <unordered_map>
 #include <utility>
 
 #include "support/jniRef.h"
@@ -15,6 +13,10 @@
 namespace agent {
 
 namespace {
+
+// The frame asks for less than what is ensured in it later: a smaller request may be ignored.
+constexpr jint kReferences = 16;
+constexpr jint kMoreReferences = 128;
 
 // The package of a dotted class name; none without a dot.
 std::optional<std::string_view> packageOf(std::string_view className) {
@@ -46,62 +48,6 @@ jint JNICALL countObject(jlong /*classTag*/, jlong /*size*/, jlong* tag, jint /*
   }
   return JVMTI_VISIT_OBJECTS;
 }
-
-// The classes met in one query. What the VM tells of a class is read once, not for each object.
-class classesOfQuery {
- public:
-  classesOfQuery(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters, classRecords& records)
-      : jvmti_(jvmti), jni_(jni), filters_(filters), records_(records) {}
-
-  // The record for objects of the class; none when it is left out or cannot be named.
-  classRecord* recordOf(support::localRef<jclass> cls) {
-    for (const known* each : recent_) {
-      if (each != nullptr && is(*each, cls.get())) return each->record;
-    }
-    jint hash = 0;
-    jvmti_->GetObjectHashCode(cls.get(), &hash);
-    const auto [begin, end] = byHash_.equal_range(hash);
-    for (auto each = begin; each != end; ++each) {
-      if (is(each->second, cls.get())) return remember(each->second);
-    }
-    const std::optional<std::string> name = nameOf(cls.get());
-    if (!name) return nullptr;  // asked for again with the next object
-    classRecord* const record = filters_.excludes(*name) ? nullptr : &records_[*name];
-    return remember(byHash_.emplace(hash, known{std::move(cls), record})->second);
-  }
-
- private:
-  struct known {
-    support::localRef<jclass> cls;
-    classRecord* record;
-  };
-
-  bool is(const known& one, jclass cls) const {
-    return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
-  }
-
-  classRecord* remember(const known& one) {
-    recent_[next_] = &one;
-    next_ = (next_ + 1) % recent_.size();
-    return one.record;
-  }
-
-  std::optional<std::string> nameOf(jclass cls) const {
-    support::jvmtiText signature(jvmti_);
-    signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls, out, nullptr); });
-    if (!signature) return std::nullopt;
-    return classNameOf(signature.view());
-  }
-
-  jvmtiEnv* jvmti_;
-  JNIEnv* jni_;
-  const classFilters& filters_;
-  classRecords& records_;
-  std::unordered_multimap<jint, known> byHash_;
-  // Comparing with a few classes costs less than a hash code.
-  std::array<const known*, 8> recent_{};
-  std::size_t next_ = 0;
-};
 
 }  // namespace
 
@@ -147,38 +93,73 @@ taggedObjects countTaggedObjects(jvmtiEnv* jvmti) {
   return met;
 }
 
-bool addGeneration(jvmtiEnv* jvmti, JNIEnv* jni, std::uint32_t generation,
-                   const classFilters& filters, classRecords& records) {
-  constexpr jint kFrame = 16;
-  constexpr jint kMore = 128;  // larger than kFrame: a smaller request may be ignored
-  const support::localFrame frame(jni, kFrame);
+generationScan::generationScan(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters,
+                               classRecords& records)
+    : jvmti_(jvmti), jni_(jni), filters_(filters), records_(records), frame_(jni, kReferences) {}
+
+jvmtiError generationScan::add(std::uint32_t generation) {
   const jlong tag = tagOf(generation);
   jint count = 0;
-  support::jvmtiPtr<jobject> objects(jvmti);
+  support::jvmtiPtr<jobject> objects(jvmti_);
   const jvmtiError error = objects.fill(
-      [&](jobject** out) { return jvmti->GetObjectsWithTags(1, &tag, &count, out, nullptr); });
-  if (error != JVMTI_ERROR_NONE) return false;
+      [&](jobject** out) { return jvmti_->GetObjectsWithTags(1, &tag, &count, out, nullptr); });
+  if (error != JVMTI_ERROR_NONE) return error;
   // The answer alone may hold more references than the frame was made for. Classes take the places
   // of objects that are counted.
-  if (jni->EnsureLocalCapacity(kMore) != JNI_OK) jni->ExceptionClear();
+  if (jni_->EnsureLocalCapacity(kMoreReferences) != JNI_OK) jni_->ExceptionClear();
 
-  classesOfQuery classes(jvmti, jni, filters, records);
   for (jint i = 0; i < count; ++i) {
-    const support::localRef<> object(jni, objects[i]);
-    support::localRef<jclass> cls(jni, jni->GetObjectClass(object.get()));
+    const support::localRef<> object(jni_, objects[i]);
+    support::localRef<jclass> cls(jni_, jni_->GetObjectClass(object.get()));
     if (!cls) continue;
-    classRecord* const record = classes.recordOf(std::move(cls));
-    if (record == nullptr) continue;
+    metClass* const met = find(std::move(cls));
+    if (met == nullptr || met->record == nullptr) continue;
     jlong size = 0;
-    if (jvmti->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
+    if (jvmti_->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
     const auto bytes = static_cast<std::uint64_t>(size);
-    ++record->totalCount;
-    record->totalSize += bytes;
-    generationRecord& survived = record->gcSurvived[generation];
+    ++met->record->totalCount;
+    met->record->totalSize += bytes;
+    generationRecord& survived = met->survivedOf(generation);
     ++survived.count;
     survived.size += bytes;
   }
-  return true;
+  return JVMTI_ERROR_NONE;
+}
+
+generationRecord& generationScan::metClass::survivedOf(std::uint32_t generation) {
+  if (last == nullptr || lastGeneration != generation) {
+    last = &record->gcSurvived[generation];
+    lastGeneration = generation;
+  }
+  return *last;
+}
+
+generationScan::metClass* generationScan::find(support::localRef<jclass> cls) {
+  for (metClass* each : recent_) {
+    if (each != nullptr && is(*each, cls.get())) return each;
+  }
+  jint hash = 0;
+  jvmti_->GetObjectHashCode(cls.get(), &hash);
+  const auto [begin, end] = byHash_.equal_range(hash);
+  for (auto each = begin; each != end; ++each) {
+    if (is(each->second, cls.get())) return remember(each->second);
+  }
+  support::jvmtiText signature(jvmti_);
+  signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
+  if (!signature) return nullptr;  // asked for again with the next object
+  const std::string name = classNameOf(signature.view());
+  classRecord* const record = filters_.excludes(name) ? nullptr : &records_[name];
+  return remember(byHash_.emplace(hash, metClass{std::move(cls), record})->second);
+}
+
+bool generationScan::is(const metClass& one, jclass cls) const {
+  return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
+}
+
+generationScan::metClass* generationScan::remember(metClass& one) {
+  recent_[next_] = &one;
+  next_ = (next_ + 1) % recent_.size();
+  return &one;
 }
 
 classQueue selectClasses(classRecords records, const classFilters& filters, std::uint32_t most) {

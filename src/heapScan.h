@@ -7,13 +7,18 @@
 
 #include <jvmti.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <queue>
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
+
+#include "support/jniRef.h"
 
 namespace agent {
 
@@ -75,10 +80,41 @@ struct taggedObjects {
 };
 taggedObjects countTaggedObjects(jvmtiEnv* jvmti);
 
-// Adds the objects tagged in `generation` to the records of their classes; those that the filters
-// exclude are left out. False when the VM refuses.
-bool addGeneration(jvmtiEnv* jvmti, JNIEnv* jni, std::uint32_t generation,
-                   const classFilters& filters, classRecords& records);
+// Adds the objects of one generation after another to the records of their classes; those that the
+// filters exclude are left out. What the VM tells of a class is read once for all of them. Belongs
+// to one thread, within one native method; `filters` and `records` outlive it.
+class generationScan {
+ public:
+  generationScan(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters, classRecords& records);
+
+  // The error is that of GetObjectsWithTags; nothing was added then.
+  jvmtiError add(std::uint32_t generation);
+
+ private:
+  struct metClass {
+    support::localRef<jclass> cls;
+    classRecord* record;  // none when the class is left out
+    std::uint32_t lastGeneration = 0;
+    generationRecord* last = nullptr;  // of lastGeneration
+
+    generationRecord& survivedOf(std::uint32_t generation);
+  };
+
+  // The class; none when it cannot be named.
+  metClass* find(support::localRef<jclass> cls);
+  bool is(const metClass& one, jclass cls) const;
+  metClass* remember(metClass& one);
+
+  jvmtiEnv* jvmti_;
+  JNIEnv* jni_;
+  const classFilters& filters_;
+  classRecords& records_;
+  support::localFrame frame_;
+  std::unordered_multimap<jint, metClass> byHash_;
+  // Comparing with a few classes costs less than a hash code.
+  std::array<metClass*, 8> recent_{};
+  std::size_t next_ = 0;
+};
 
 // Takes up to `most` classes from `records`, in ascending order of their names: first those that
 // the filters include, then, while there is room, the others, of which a larger one displaces the

@@ -8,6 +8,7 @@
 #include "support/fileWriter.h"
 #include "support/jniRef.h"
 #include "support/jsonWriter.h"
+#include "support/jvmtiStatus.h"
 #include "support/text.h"
 
 namespace agent {
@@ -149,14 +150,24 @@ std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
 
     // The current generation has survived nothing yet.
     classRecords records;
-    if (tagged.complete) {
-      for (const std::uint32_t generation : tagged.generations) {
-        if (generation < 1 || generation >= current) continue;
-        addGeneration(jvmti, jni, generation, filters, records);
-      }
-    } else {
-      for (std::uint32_t generation = 1; generation < current; ++generation) {
-        if (!addGeneration(jvmti, jni, generation, filters, records)) break;
+    {
+      generationScan scan(jvmti, jni, filters, records);
+      const auto add = [&](std::uint32_t generation) {
+        const jvmtiError error = scan.add(generation);
+        if (error == JVMTI_ERROR_NONE) return true;
+        TW_LOG(kLogError, kSeverityError, kScanJavaHeap,
+               "The objects of generation %u are not in the report: %s", generation,
+               support::errorName(jvmti, error).c_str());
+        return false;
+      };
+      if (tagged.complete) {
+        for (const std::uint32_t generation : tagged.generations) {
+          if (generation >= 1 && generation < current) add(generation);
+        }
+      } else {
+        // A VM that refuses is not asked for each of what may be billions.
+        std::uint32_t generation = 1;
+        while (generation < current && add(generation)) ++generation;
       }
     }
     {

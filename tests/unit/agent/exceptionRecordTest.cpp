@@ -694,6 +694,27 @@ TEST_F(exceptionRecord, theRecordIsLoggedBeforeItIsDelivered) {
   EXPECT_THAT(seen, EndsWith("|Debug|Going to Dump 38 Record for -> " + record + "\n\n\n"));
 }
 
+// A VM believes what a class's variable table says; classes that tools have rewritten may lie.
+TEST_F(exceptionRecord, aVariableThatIsNotWhatItsTableSaysIsLeftOut) {
+  begin({.methodArguments = true, .localVariables = true});
+  fake::object* const impostor = objectWith("com.example.Impostor", {{"x", "I", jint{1}}});
+  EXPECT_EQ(recordOf({frameOf("a.A.m",
+                              {{"s", "Ljava/lang/String;", impostor},
+                               {"b", "Ljava/lang/StringBuilder;", impostor}},
+                              {{"o", "Lcom/example/Other;", impostor},
+                               {"t", "Ljava/lang/String;", vm.makeString("true")}})}),
+            "a.A.m(A.java:42)%40%41%42%43" + objectEntry("o", entry("x", 4, "1")) +
+                entry("t", 7, "true") + "%44");
+  EXPECT_EQ(vm.calls("CallObjectMethod"), 0U) << "toString of who knows what";
+}
+
+TEST_F(exceptionRecord, withArgumentsAloneAMethodWithoutAnyIsNotAskedForVariables) {
+  begin({.methodArguments = true});
+  EXPECT_EQ(recordOf({frameOf("a.A.m", {}, {{"y", "I", jint{1}}})}),
+            "a.A.m(A.java:42)%40%41%42%43%44");
+  EXPECT_EQ(vm.calls("GetLocalVariableTable"), 0U);
+}
+
 TEST_F(exceptionRecord, eachExceptionIsDeliveredByItself) {
   begin();
   EXPECT_THAT(recordOf({frameOf("a.A.m")}, "x.One"), StartsWith("a.A.m("));

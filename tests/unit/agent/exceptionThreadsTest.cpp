@@ -1,4 +1,5 @@
 // Exception capture on many threads at once.
+#include <array>
 #include <atomic>
 #include <latch>
 #include <memory>
@@ -60,6 +61,24 @@ TEST_F(exceptionThreads, everyThreadsExceptionsAreDelivered) {
   }).clear();
   EXPECT_EQ(deliveries().size(), 50U * kThreads);
   EXPECT_THAT(records(), Each(kArguments));
+}
+
+TEST_F(exceptionThreads, afterControlCallsThatMeetAllThreadsHaveTheSameSettings) {
+  begin({.methodArguments = true});
+  makeFrameAndException();
+  for (int round = 0; round < 20; ++round) {
+    {
+      const std::array controllers{
+          start([&](fake::javaThread*) { enable({.methodArguments = true}); }),
+          start([&](fake::javaThread*) { enable({.localVariables = true}); })};
+    }
+    const std::size_t before = records().size();
+    startAll([&](fake::javaThread* java) { throwOn(java); }).clear();
+    std::vector<std::string> since = records();
+    since.erase(since.begin(), since.begin() + static_cast<std::ptrdiff_t>(before));
+    ASSERT_EQ(since.size(), static_cast<std::size_t>(kThreads));
+    EXPECT_THAT(since, Each(since.front()));
+  }
 }
 
 TEST_F(exceptionThreads, settingsMayChangeWhileOthersThrow) {

@@ -272,7 +272,8 @@ class heapScan : public memoryTest {
   // One generation, added to `records` as a native method would.
   bool add(std::uint32_t generation, const classFilters& filters = {}) {
     return vm.native([&](JNIEnv* jni) {
-      return agent::addGeneration(vm.jvmti(), jni, generation, filters, records);
+      return agent::generationScan(vm.jvmti(), jni, filters, records).add(generation) ==
+             JVMTI_ERROR_NONE;
     });
   }
 
@@ -453,6 +454,25 @@ TEST_F(heapScan, manyClassesAreToldApart) {
     EXPECT_EQ(record.totalCount, 5U) << name;
     EXPECT_EQ(record.totalSize, 40U) << name;
   }
+}
+
+TEST_F(heapScan, theNameOfAClassIsReadOnceForAllGenerations) {
+  for (jlong generation : {1, 2, 3}) withTag("p.A", generation, 10);
+  const classFilters none;
+  vm.native([&](JNIEnv* jni) {
+    agent::generationScan scan(vm.jvmti(), jni, none, records);
+    for (std::uint32_t generation : {1U, 2U, 3U}) scan.add(generation);
+  });
+  EXPECT_EQ(vm.calls("GetClassSignature"), 1U);
+  EXPECT_EQ(records["p.A"].totalSize, 30U);
+  EXPECT_EQ(records["p.A"].gcSurvived.size(), 3U);
+}
+
+TEST_F(heapScan, aRefusedGenerationAddsNothing) {
+  withTag("p.A", 1);
+  vm.fail("GetObjectsWithTags");
+  EXPECT_FALSE(add(1));
+  EXPECT_THAT(records, IsEmpty());
 }
 
 TEST_F(heapScan, excludedObjectsAreNotMeasured) {

@@ -174,9 +174,11 @@ TEST_F(memoryFaults, aVmThatRefusesEverythingIsNotAskedForEveryGeneration) {
 
 TEST_F(memoryFaults, aRefusedGenerationIsMissingTheOthersAreReported) {
   beginScene();
-  vm.fail("GetObjectsWithTags", {.times = 1});
+  vm.fail("GetObjectsWithTags", {.error = JVMTI_ERROR_OUT_OF_MEMORY, .times = 1});
   EXPECT_EQ(stop(), 1);
   EXPECT_THAT(survivors("p.A"), ElementsAre("2:1:16"));
+  EXPECT_THAT(errors(), ElementsAre("The objects of generation 1 are not in the report: "
+                                    "JVMTI_ERROR_OUT_OF_MEMORY"));
 }
 
 TEST_F(memoryFaults, anObjectWhoseClassCannotBeHadIsLeftOut) {

@@ -67,6 +67,20 @@ TEST_F(threadLocals, emptySlotsAreSkippedAndIndexesAreThoseOfTheTable) {
                 objectEntry("ThreadLocals4", objectEntry("value", entry("items", 4, "2"))));
 }
 
+// Asking a class for a field waits for its initialiser, and that may wait for this very thread.
+TEST_F(threadLocals, aThreadWhoseClassIsBeingInitialisedIsNotAskedForTheField) {
+  begin(kThreadLocals, "captureObjType=4");
+  setEntries({entryWith(cart())});
+  fake::javaClass* const thread = vm.classNamed("java.lang.Thread");
+  thread->initialized = false;
+  vm.on("GetFieldID", [&](const fake::call& made) {
+    EXPECT_TRUE(made.name != "threadLocals" || thread->initialized) << "this would wait";
+  });
+  vm.on("FindClass", [&] { thread->initialized = true; });  // as the VM's own class always is
+  EXPECT_EQ(section() + "%2C",
+            objectEntry("ThreadLocals0", objectEntry("value", entry("items", 4, "2"))));
+}
+
 TEST_F(threadLocals, theSectionLosesItsLastThreeCharacters) {
   begin(kThreadLocals);
   setEntries({entryWith(nullptr)});

@@ -419,6 +419,14 @@ TEST_P(faultInjection, eachAllocationFails) {
       if (HasFailure()) return;
     } while (allocations.made >= number);
   }
+  const std::map<std::string, std::string> said = {
+      {"enableCapture", "Exception occured in  exceptionprofiler : setProfileData"},
+      {"exception", "Exception occured in exceptionprofiler : ExceptionCallback"},
+      {"startMemory", "Exception occured in  memoryprofiler : setProfileData"},
+      {"stopMemory", "Exception occured in memoryprofiler : scanJavaHeap"}};
+  if (const auto text = said.find(GetParam()); text != said.end()) {
+    EXPECT_THAT(messages("Error"), ::testing::Contains(text->second));
+  }
   RecordProperty("faults", static_cast<int>(tried_));
   std::printf("%u faults injected into the allocations of %s\n", tried_, GetParam());
 }
