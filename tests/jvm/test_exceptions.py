@@ -93,6 +93,7 @@ THROWN = {
     "noDebug": "IllegalStateException 1",
     "oddNames": "IllegalStateException 1",
     "hostileNames": "IllegalStateException 1",
+    "mislabelled": "IllegalStateException 1",
     "numbers": "IllegalArgumentException 1",
     "texts": "IllegalStateException 1",
     "objects": "IllegalStateException 1",
@@ -405,6 +406,12 @@ def test_thread_locals(corpus):
 
 def test_what_a_sink_throws_is_not_captured(corpus):
     assert corpus.facts["nestedSink.caught"] == "10"
+    assert corpus.facts["throwingSink.given"] == corpus.facts["overflowingSink.given"] == "1"
+
+
+def test_a_variable_table_that_lies_is_not_believed(corpus):
+    fail = frame_of(corpus, "mislabelled.0", "Mislabelled.fail")
+    assert set(fail.locals) == {"sum"}
 
 
 @CHECKED
@@ -469,6 +476,14 @@ def test_class_whose_initializer_is_running(jvm, vm):
     assert values["slow.name"] == 'String = "early"'
     assert (values["slow.before"], values["slow.after"]) == ("int = 4", "int = 0")
     assert top(run, "behind.0").arguments["slow.after"] == "int = 5"
+    assert run.facts["thread"] == "1"
+
+
+@CHECKED
+def test_classes_that_throw_are_unloaded(jvm, vm):
+    run = jvm.run("ExceptionUnloading", options=VALUES, vm=vm)
+    assert run.facts["failure"] == "null"
+    assert run.fact("delivered") == run.fact("thrown") == 600
 
 
 @CHECKED

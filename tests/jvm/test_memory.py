@@ -151,6 +151,11 @@ def test_tagging_at_any_time(jvm, vm):
     assert sum("none/second.json" in e and "No such file" in e for e in errors) == 1
 
 
+def test_filters_choose_the_classes(jvm):
+    memory = jvm.run("Filters").report("report.json").root["topNMemoryleakClass"]
+    assert set(memory) == {"java.lang.Object", "java.io.ByteArrayOutputStream"}
+
+
 def test_warnings_of_an_empty_session(jvm):
     run = jvm.run("TaggingAnytime", "a", "none/b", "c", "d", options=f"logLevel=1,twHome={HOME}")
     warnings = run.messages("warn")

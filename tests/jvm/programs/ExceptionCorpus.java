@@ -256,6 +256,9 @@ public final class ExceptionCorpus {
             .with("fieldName", "!%23%2C")
             .with("variableName", "%43%44")
             .with("otherName", "%3A7%3A")));
+    situation("mislabelled", () ->
+        run(new ClassImage(Mislabelled.class)
+            .with("LMislabelled$Label;", "Ljava/lang/String;")));
   }
 
   private static Object run(ClassImage image) throws ReflectiveOperationException {
@@ -292,12 +295,19 @@ public final class ExceptionCorpus {
   }
 
   private static void ofCallbacks() {
+    AtomicInteger given = new AtomicInteger();
     TWNativeAgentProfiling.setExceptionSink((text, e) -> {
+      given.incrementAndGet();
       throw new IllegalStateException("sink");
     });
     situation("throwingSink", () -> Throwers.divide(3, 0));
-    TWNativeAgentProfiling.setExceptionSink((text, e) -> Throwers.endless(0));
+    Facts.put("throwingSink.given", given.getAndSet(0));
+    TWNativeAgentProfiling.setExceptionSink((text, e) -> {
+      given.incrementAndGet();
+      Throwers.endless(0);
+    });
     situation("overflowingSink", () -> Throwers.divide(3, 0));
+    Facts.put("overflowingSink.given", given);
     Captured.everything();
     AtomicInteger caught = new AtomicInteger();
     TWNativeAgentProfiling.setExceptionSink((text, e) -> {

@@ -35,6 +35,36 @@ public final class ExceptionInitializer {
     kMayEnd.countDown();
     initializer.join();
     capture("behind");
+    Captured.take();
+    int caught = Early.caught;
+    Facts.put("thread", caught == 1 ? Captured.take().size() : -1);
+  }
+
+  /** Its initialiser waits for an instance that throws. */
+  static final class Early extends Thread {
+    static int caught;
+
+    static {
+      Early early = new Early();
+      early.start();
+      try {
+        early.join();
+      } catch (InterruptedException e) {
+        throw new AssertionError(e);
+      }
+      caught = early.own;
+    }
+
+    int own;
+
+    @Override
+    public void run() {
+      try {
+        fail(null);
+      } catch (IllegalStateException e) {
+        own++;
+      }
+    }
   }
 
   private static void capture(String key) {
