@@ -3,6 +3,9 @@
 
 #include <string>
 
+#include "lockReport.h"
+#include "stackTable.h"
+
 namespace viewer {
 
 // Two locks in the order of the agent: the lesser one first.
@@ -34,6 +37,27 @@ inline const std::string kReport = R"({
 inline const std::string kStacks =
     "11=[at a.Stock.take(),at a.Worker.run()]\n"
     "22=[at a.Stock.put(),at a.Worker.run()]\n";
+
+inline lockReport parsedReport(const std::string& text = kReport) {
+  return readLockReport(bytesOfText(text), "r.json");
+}
+
+inline stackTable parsedStacks(const std::string& text = kStacks) {
+  stackTable stacks;
+  readStackFile(bytesOfText(text), "s.txt", stacks);
+  return stacks;
+}
+
+// What `read` says is wrong with its input.
+template <typename action>
+std::string problemOf(action read) {
+  try {
+    read();
+  } catch (const inputError& e) {
+    return e.what();
+  }
+  return "no problem";
+}
 
 // `text` with the first `from` replaced by `to`; the test that asks for another text is wrong.
 inline std::string replaced(std::string text, const std::string& from, const std::string& to) {

@@ -17,7 +17,7 @@ TEST(textTable, alignsItsColumns) {
   textTable table = threeColumns();
   table.addRow({"a.B@1", "7", "main"});
   table.addRow({"c.D@22", "12345678", "t"});
-  EXPECT_EQ(table.render(100),
+  EXPECT_EQ(table.render({.width = 100}),
             "Lock     Entries  Thread\n"
             "------  --------  ------\n"
             "a.B@1          7  main\n"
@@ -28,7 +28,7 @@ TEST(textTable, alignsWideCharactersByWhatTheyFill) {
   textTable table({{"A"}, {"B"}});
   table.addRow({"\u5e97\u00e9", "x"});
   table.addRow({"abc", "y"});
-  EXPECT_EQ(table.render(100),
+  EXPECT_EQ(table.render({.width = 100}),
             "A    B\n"
             "---  -\n"
             "\u5e97\u00e9  x\n"
@@ -38,17 +38,18 @@ TEST(textTable, alignsWideCharactersByWhatTheyFill) {
 TEST(textTable, indentsEachLine) {
   textTable table({{"A"}});
   table.addRow({"b"});
-  EXPECT_EQ(table.render(100, 3), "   A\n   -\n   b\n");
+  EXPECT_EQ(table.render({.width = 100}, 3), "   A\n   -\n   b\n");
 }
 
 TEST(textTable, withoutRowsShowsItsHeading) {
-  EXPECT_EQ(threeColumns().render(100), "Lock  Entries  Thread\n----  -------  ------\n");
+  EXPECT_EQ(threeColumns().render({.width = 100}),
+            "Lock  Entries  Thread\n----  -------  ------\n");
 }
 
 TEST(textTable, shortensTheWidestColumnFirst) {
   textTable table = threeColumns();
   table.addRow({"com.example.Inventory@1", "7", "http-worker-1"});
-  EXPECT_EQ(table.render(40),
+  EXPECT_EQ(table.render({.width = 40}),
             "Lock              Entries  Thread\n"
             "----------------  -------  -------------\n"
             "...e.Inventory@1        7  http-worker-1\n");
@@ -57,14 +58,14 @@ TEST(textTable, shortensTheWidestColumnFirst) {
 TEST(textTable, fitsExactlyAndShortensOneColumnTooNarrow) {
   textTable table({{"Lock", align::left, shorten::start}});
   table.addRow({"com.example.Cart"});
-  EXPECT_EQ(table.render(16), "Lock\n----------------\ncom.example.Cart\n");
-  EXPECT_EQ(table.render(15), "Lock\n---------------\n...example.Cart\n");
+  EXPECT_EQ(table.render({.width = 16}), "Lock\n----------------\ncom.example.Cart\n");
+  EXPECT_EQ(table.render({.width = 15}), "Lock\n---------------\n...example.Cart\n");
 }
 
 TEST(textTable, neverShortensNumbersNorBelowReadability) {
   textTable table = threeColumns();
   table.addRow({"com.example.Inventory@1", "4294967295", "http-worker-100"});
-  EXPECT_EQ(table.render(1),
+  EXPECT_EQ(table.render({.width = 1}),
             "Lock             Entries  Thread\n"
             "------------  ----------  ------------\n"
             "...ventory@1  4294967295  http-work...\n");
@@ -73,7 +74,7 @@ TEST(textTable, neverShortensNumbersNorBelowReadability) {
 TEST(textTable, letsNoCellBreakALine) {
   textTable table({{"A"}});
   table.addRow({"a\nb"});
-  EXPECT_EQ(table.render(100), "A\n---\na\uFFFDb\n");
+  EXPECT_EQ(table.render({.width = 100}), "A\n---\na\uFFFDb\n");
 }
 
 TEST(textTable, refusesARowOfAnotherLength) {

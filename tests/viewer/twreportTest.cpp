@@ -59,14 +59,11 @@ TEST(twreport, obeysItsOptions) {
 }
 
 TEST(twreport, saysWhatIsWrongWithAnInput) {
-  const outcome swapped = twreport(DATA_FOLDER "/lock-stacks.txt");
-  EXPECT_EQ(swapped.exitCode, 1);
-  EXPECT_THAT(swapped.output,
-              StartsWith("twreport: " DATA_FOLDER "/lock-stacks.txt: expected a JSON document: "));
   const outcome missing = twreport(DATA_FOLDER "/lock-report.json /nowhere/stacks.txt");
   EXPECT_EQ(missing.exitCode, 1);
-  EXPECT_EQ(missing.output,
-            "twreport: /nowhere/stacks.txt: cannot be read: No such file or directory\n");
+  EXPECT_THAT(missing.output,
+              HasSubstr("twreport: /nowhere/stacks.txt: cannot be read: No such file"));
+  EXPECT_THAT(missing.output, HasSubstr("Lock session 1")) << "what can be read is shown";
 }
 
 TEST(twreport, failsWhenItsOutputIsLost) {
@@ -78,7 +75,7 @@ TEST(twreport, failsWhenItsOutputIsLost) {
 
 TEST(twreport, refusesWrongArguments) {
   EXPECT_NE(twreport("").exitCode, 0);
-  EXPECT_NE(twreport(kSample + " third").exitCode, 0);
+  EXPECT_NE(twreport(kSample + " --by weight").exitCode, 0);
   for (const char* top : {"0", "-1", "x", "1.5", ""}) {
     const outcome result = twreport(kSample + " --top '" + top + "'");
     EXPECT_NE(result.exitCode, 0) << top;

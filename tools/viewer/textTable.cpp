@@ -25,15 +25,17 @@ void textTable::addRow(std::vector<std::string> cells) {
   rows_.push_back(std::move(cells));
 }
 
-std::string textTable::render(std::size_t width, std::size_t indent) const {
-  const std::vector<std::size_t> widths = fittedWidths(width - std::min(width, indent));
+std::string textTable::render(const look& terminal, std::size_t indent) const {
+  const std::vector<std::size_t> widths =
+      fittedWidths(terminal.width - std::min(terminal.width, indent));
   std::vector<std::string> headings;
   std::vector<std::string> rules;
   for (std::size_t i = 0; i < columns_.size(); i++) {
     headings.push_back(columns_[i].heading);
     rules.emplace_back(widths[i], '-');
   }
-  std::string result = line(headings, widths, indent) + line(rules, widths, indent);
+  std::string result =
+      terminal.strong(line(headings, widths, indent)) + terminal.faint(line(rules, widths, indent));
   for (const auto& row : rows_) {
     result += line(row, widths, indent);
   }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "look.h"
+
 namespace viewer {
 
 enum class align { left, right };
@@ -26,9 +28,9 @@ class textTable {
   void addRow(std::vector<std::string> cells);
 
   // The heading, a line below it and the rows, each indented by `indent` blanks and ended by a line
-  // feed. No line is longer than `width` columns as long as the columns that may be shortened
-  // can give way.
-  std::string render(std::size_t width, std::size_t indent = 0) const;
+  // feed. No line is longer than the width of the terminal as long as the columns that may be
+  // shortened can give way.
+  std::string render(const look& terminal, std::size_t indent = 0) const;
 
  private:
   std::vector<std::size_t> fittedWidths(std::size_t width) const;

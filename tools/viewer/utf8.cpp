@@ -117,20 +117,35 @@ std::size_t bytesWithin(std::string_view utf8, std::size_t columns) {
 
 }  // namespace
 
-std::string toUtf8(std::string_view modified) {
-  std::string result;
-  result.reserve(modified.size());
+std::size_t appendUtf8(std::string_view modified, bool isLast, std::string& utf8) {
+  constexpr std::size_t kLongest = 6;  // bytes of a character: a surrogate pair
+  const std::size_t whole = modified.size();
   while (!modified.empty()) {
+    const auto ascii = static_cast<std::size_t>(
+        std::find_if(modified.begin(), modified.end(), [](char c) { return (c & 0x80) != 0; }) -
+        modified.begin());
+    utf8 += modified.substr(0, ascii);
+    modified.remove_prefix(ascii);
+    if (modified.empty() || (!isLast && modified.size() < kLongest)) {
+      break;
+    }
     const character next = frontOfModified(modified);
-    if (next.bytes == 6) {
-      result += fourBytes(next.code);
+    if (next.bytes == kLongest) {
+      utf8 += fourBytes(next.code);
     } else if (next.code == kReplacement) {
-      result += kReplacementText;
+      utf8 += kReplacementText;
     } else {
-      result += modified.substr(0, next.bytes);
+      utf8 += modified.substr(0, next.bytes);
     }
     modified.remove_prefix(next.bytes);
   }
+  return whole - modified.size();
+}
+
+std::string toUtf8(std::string_view modified) {
+  std::string result;
+  result.reserve(modified.size());
+  appendUtf8(modified, true, result);
   return result;
 }
 
@@ -164,13 +179,15 @@ std::string cutEnd(std::string_view utf8, std::size_t columns) {
 }
 
 std::string cutStart(std::string_view utf8, std::size_t columns) {
-  const std::size_t whole = displayColumns(utf8);
-  if (whole <= columns) {
+  std::size_t left = displayColumns(utf8);
+  if (left <= columns) {
     return std::string(utf8);
   }
   const std::string_view mark = kEllipsis.substr(0, columns);
-  while (displayColumns(utf8) > columns - mark.size()) {
-    utf8.remove_prefix(front(utf8).bytes);
+  while (left > columns - mark.size()) {
+    const character next = front(utf8);
+    left -= columnsOf(next.code);
+    utf8.remove_prefix(next.bytes);
   }
   return std::string(mark).append(utf8);
 }

@@ -11,6 +11,11 @@ namespace viewer {
 // belongs to no character becomes U+FFFD. UTF-8 passes unchanged.
 std::string toUtf8(std::string_view modified);
 
+// As toUtf8() for a text that comes in pieces: appends the characters of a piece and gives how many
+// of its bytes that took. The bytes that are left, unless it is the last piece, begin a character
+// that the next piece may end: they go before it.
+std::size_t appendUtf8(std::string_view modified, bool isLast, std::string& utf8);
+
 // UTF-8 text with U+FFFD in place of each control character, so that a name can neither break a
 // line nor steer the terminal.
 std::string printable(std::string_view utf8);

@@ -1,0 +1,154 @@
+#include "lockTables.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "testReport.h"
+
+namespace viewer {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+lockReport report() {
+  return parsedReport();
+}
+stackTable stacks() {
+  return parsedStacks();
+}
+
+TEST(lockTablesOf, beginWithTheSession) {
+  EXPECT_EQ(sessionLine(report()),
+            "Lock session 42 \"checkout\": 2 locks, 4 s blocked, 2 s waited, 2 distinct stacks\n");
+}
+
+TEST(lockTablesOf, rankLocksByBlockedTime) {
+  EXPECT_EQ(topLocks(report(), {}, {}),
+            "Top locks (2)\n"
+            "#  Lock       Entries  Blocked s  Waited s  Share  Top thread  By minute\n"
+            "-  ---------  -------  ---------  --------  -----  ----------  ---------\n"
+            "1  a.Stock@9       12          3         2   75 %  worker-2    +#\n"
+            "2  a.Cart@7         3          1         0   25 %  worker-1\n");
+}
+
+TEST(lockTablesOf, giveNoShareOfNothing) {
+  lockReport idle = report();
+  idle.locks.erase(idle.locks.begin());
+  idle.locks[0].blockedSeconds = 0;
+  EXPECT_THAT(topLocks(idle, {}, {}), HasSubstr("0      -"));
+}
+
+TEST(lockTablesOf, sayHowManyLocksAreShown) {
+  const std::string table = topLocks(report(), {.rows = 1}, {});
+  EXPECT_THAT(table, HasSubstr("Top locks (1 of 2)\n"));
+  EXPECT_THAT(table, Not(HasSubstr("a.Cart@7")));
+  EXPECT_THAT(lockDetails(report(), stacks(), {.rows = 1}, {}), Not(HasSubstr("a.Cart@7")));
+}
+
+TEST(lockTablesOf, showThreadsAndTheMostFrequentStackOfALock) {
+  EXPECT_EQ(lockDetails(report(), stacks(), {.rows = 1}, {}),
+            "1. a.Stock@9\n"
+            "   Thread    Entries  Blocked s  Waited s  Stacks\n"
+            "   --------  -------  ---------  --------  ------\n"
+            "   worker-2        8          2         0       2\n"
+            "   worker-1        4          1         2       2\n"
+            "   Most frequent stack (6 of 11 entries, 2 distinct):\n"
+            "     at a.Stock.take\n"
+            "     at a.Worker.run\n");
+}
+
+TEST(lockTablesOf, limitThreadsAndFrames) {
+  const std::string details =
+      lockDetails(report(), stacks(), {.rows = 1, .threads = 1, .frames = 1}, {});
+  EXPECT_THAT(details, Not(HasSubstr("worker-1")));
+  EXPECT_THAT(details, HasSubstr("   ... 1 more\n"));
+  EXPECT_THAT(details, HasSubstr("     at a.Stock.take\n     ... 1 more\n"));
+}
+
+TEST(lockTablesOf, showAHashWhoseTextIsMissing) {
+  EXPECT_THAT(lockDetails(report(), {}, {.rows = 1}, {}),
+              HasSubstr("     hash 11, not in a stack file that was given\n"));
+}
+
+TEST(lockTablesOf, showALockWithoutStacks) {
+  lockReport waitedOnly = report();
+  waitedOnly.locks.erase(waitedOnly.locks.begin());
+  waitedOnly.locks[0].threads[0].stacks.clear();
+  EXPECT_THAT(lockDetails(waitedOnly, {}, {}, {}), Not(HasSubstr("stack (")));
+}
+
+TEST(lockTablesOf, rankBlockersByBlockingTime) {
+  EXPECT_EQ(blockers(report(), 9, {}),
+            "Blockers (2)\n"
+            "Owner thread  Found owning  Blocking periods  Blocking s\n"
+            "------------  ------------  ----------------  ----------\n"
+            "worker-2                 3                 2           5\n"
+            "worker-1                 9                 4           1\n");
+  EXPECT_THAT(blockers(report(), 1, {}), HasSubstr("Blockers (1 of 2)\n"));
+}
+
+TEST(lockTablesOf, sayWhenThereIsNothing) {
+  EXPECT_EQ(lockTables({}, {}, ranking::lock, {}, {}),
+            "Lock session 0 \"\": 0 locks, 0 s blocked, 0 s waited, 0 distinct stacks\n"
+            "\n"
+            "No lock is in the report: nothing was contended, or no detail session was run.\n"
+            "\n"
+            "No blocking thread is in the report.\n");
+}
+
+TEST(lockTablesOf, keepWithinTheTerminal) {
+  lockReport wide = report();
+  wide.locks[0].name = "com.example." + std::string(200, 'x') + ".Stock@9";
+  wide.locks[0].threads[0].name = std::string(200, 'w');
+  stackTable deep;
+  for (std::uint64_t hash : {11U, 22U}) {
+    deep.add(hash, {"com.example." + std::string(200, 'y') + ".take"});
+  }
+  const look narrow = {.width = 80};
+  const std::string text =
+      topLocks(wide, {.rows = 1}, narrow) + lockDetails(wide, deep, {.rows = 1}, narrow);
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    const bool heading = line.starts_with("1. ");  // names the lock in full
+    EXPECT_TRUE(heading || line.size() <= 80) << line;
+  }
+}
+
+TEST(lockTablesOf, showNoGraphOfASingleMinute) {
+  lockReport brief = report();
+  brief.locks[0].entriesPerMinute = {12};
+  EXPECT_THAT(topLocks(brief, {}, {}), Not(HasSubstr("By minute")));
+}
+
+TEST(lockTablesOf, rankThreads) {
+  EXPECT_EQ(topThreads(report(), {}, {}),
+            "Top threads (2)\n"
+            "#  Thread    Locks  Entries  Blocked s  Waited s  Found owning  Blocking s\n"
+            "-  --------  -----  -------  ---------  --------  ------------  ----------\n"
+            "1  worker-1      2        7          2         2             9           1\n"
+            "2  worker-2      1        8          2         0             3           5\n");
+}
+
+TEST(lockTablesOf, rankSites) {
+  EXPECT_EQ(topSites(report(), stacks(), {}, {}),
+            "Top sites (2)\n"
+            "#  Method        Entries  Share  Stacks  Locks  First lock\n"
+            "-  ------------  -------  -----  ------  -----  ----------\n"
+            "1  a.Stock.take        9   64 %       1      2  a.Stock@9\n"
+            "2  a.Stock.put         5   36 %       1      1  a.Stock@9\n");
+  EXPECT_THAT(topSites(report(), {}, {}, {}), HasSubstr("(not in a stack file)       14"));
+}
+
+TEST(lockTablesOf, showWhatTheyAreAskedFor) {
+  const auto by = [](ranking what) { return lockTables(report(), stacks(), what, {}, {}); };
+  EXPECT_THAT(by(ranking::thread), HasSubstr("Top threads"));
+  EXPECT_THAT(by(ranking::site), HasSubstr("Top sites"));
+  EXPECT_THAT(by(ranking::blocker), Not(HasSubstr("Top locks")));
+  EXPECT_THAT(by(ranking::lock), HasSubstr("Blockers"));
+}
+
+}  // namespace
+}  // namespace viewer

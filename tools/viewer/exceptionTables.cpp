@@ -1,0 +1,125 @@
+#include "exceptionTables.h"
+
+#include <fmt/format.h>
+
+#include "tableParts.h"
+#include "textTable.h"
+#include "utf8.h"
+
+namespace viewer {
+namespace {
+
+constexpr std::size_t kStep = 2;
+
+bool isText(const capturedValue& one) {
+  return one.type == "String" || one.type == "StringBuilder";
+}
+
+std::string shownValue(const capturedValue& one) {
+  if (one.fields) {
+    return "";
+  }
+  if (!one.value) {
+    return " = null";
+  }
+  if (isText(one)) {
+    return fmt::format(" = \"{}\"", printable(*one.value));
+  }
+  if (one.type == "boolean" && (*one.value == "0" || *one.value == "1")) {
+    return *one.value == "0" ? " = false" : " = true";
+  }
+  return " = " + printable(*one.value);
+}
+
+void appendValues(std::string& tree, const std::vector<capturedValue>& values, std::size_t indent) {
+  for (const capturedValue& one : values) {
+    tree += fmt::format("{:{}}{}: {}{}\n", "", indent, printable(one.name), printable(one.type),
+                        shownValue(one));
+    if (one.fields) {
+      appendValues(tree, *one.fields, indent + kStep);
+    }
+  }
+}
+
+void appendSection(std::string& tree, const char* name, const std::vector<capturedValue>& values,
+                   const look& terminal) {
+  if (!values.empty()) {
+    tree += terminal.faint(fmt::format("{:{}}{}\n", "", 2 * kStep, name));
+    appendValues(tree, values, 3 * kStep);
+  }
+}
+
+std::string caughtText(const std::optional<bool>& caught) {
+  return !caught ? "" : *caught ? ", caught" : ", not caught";
+}
+
+// "-" where the agent did not know of any.
+std::string groupCaught(const exceptionGroup& group) {
+  return group.caught + group.uncaught == 0 ? "-" : std::to_string(group.caught);
+}
+
+// "2026-11-21 14:35:15" of "2026-11-21T14:35:15.123Z", and any other text as it is.
+std::string shortTime(const std::string& time) {
+  constexpr std::size_t kDate = 10;
+  constexpr std::size_t kSeconds = 19;
+  if (time.size() < kSeconds || time[kDate] != 'T') {
+    return time;
+  }
+  return time.substr(0, kDate) + ' ' + time.substr(kDate + 1, kSeconds - kDate - 1);
+}
+
+}  // namespace
+
+std::string exceptionLine(const exceptionLog& log) {
+  std::string line = fmt::format("Exceptions: {} records", log.size());
+  if (log.recorded() && log.dropped()) {
+    line +=
+        fmt::format(", {} written and {} dropped by the program", *log.recorded(), *log.dropped());
+  }
+  return line + '\n';
+}
+
+std::string topExceptions(const exceptionLog& log, std::size_t rows, const look& terminal) {
+  const std::vector<exceptionGroup> groups = log.groups();
+  if (groups.empty()) {
+    return "No exception was recorded.\n";
+  }
+  textTable table({{"Count", align::right},
+                   {"Caught", align::right},
+                   {"Exception", align::left, shorten::start},
+                   {"Thrown in", align::left, shorten::start},
+                   {"First", align::left, shorten::end},
+                   {"Last", align::left, shorten::end},
+                   {"Record", align::right}});
+  for (const exceptionGroup& group : first(groups, rows)) {
+    table.addRow({std::to_string(group.records.size()), groupCaught(group), group.className,
+                  group.site.value_or("(no frames)"), shortTime(group.first), shortTime(group.last),
+                  std::to_string(group.records.front() + 1)});
+  }
+  return title("Exceptions by class and site", groups.size(), rows, terminal) +
+         table.render(terminal);
+}
+
+std::string recordTree(const exceptionLog& log, std::size_t number, const look& terminal) {
+  const exceptionRecord record = log.record(number - 1);
+  std::string tree = terminal.strong(
+      fmt::format("Record {} of {}: {}\n", number, log.size(), printable(record.className)));
+  if (record.message) {
+    tree += fmt::format("{:{}}message: {}\n", "", kStep, printable(*record.message));
+  }
+  tree += fmt::format("{:{}}{}, thread \"{}\"{}\n", "", kStep, printable(record.time),
+                      printable(record.thread), caughtText(record.caught));
+  for (const exceptionFrame& frame : record.frames) {
+    tree += terminal.strong(fmt::format("{:{}}at {}\n", "", kStep, printable(placeOf(frame))));
+    appendSection(tree, "arguments", frame.arguments, terminal);
+    appendSection(tree, "locals", frame.locals, terminal);
+    appendSection(tree, "fields of this", frame.fields, terminal);
+    appendSection(tree, "thread locals", frame.threadLocals, terminal);
+  }
+  for (const std::string& reason : record.ambiguous) {
+    tree += fmt::format("{:{}}in doubt: {}\n", "", kStep, printable(reason));
+  }
+  return tree;
+}
+
+}  // namespace viewer

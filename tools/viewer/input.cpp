@@ -1,0 +1,90 @@
+#include "input.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "utf8.h"
+
+namespace viewer {
+namespace {
+
+constexpr std::size_t kBlock = 256 * 1024;
+
+class inputFile {
+ public:
+  // Opened without blocking, for a pipe that nobody writes to would hold the viewer up for ever.
+  explicit inputFile(const std::filesystem::path& file)
+      : name_(toUtf8(file.string())),
+        descriptor_(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    struct stat status {};
+    if (descriptor_ < 0 || fstat(descriptor_, &status) != 0) {
+      fail();
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+      close(descriptor_);
+      throw inputError(fmt::format("{}: expected a file, found a pipe or device", name_));
+    }
+  }
+  ~inputFile() { close(descriptor_); }
+  inputFile(const inputFile&) = delete;
+  inputFile& operator=(const inputFile&) = delete;
+
+  std::string_view block() {
+    ssize_t size = 0;
+    do {
+      size = read(descriptor_, buffer_.data(), buffer_.size());
+    } while (size < 0 && errno == EINTR);
+    if (size < 0) {
+      fail();
+    }
+    return {buffer_.data(), static_cast<std::size_t>(size)};
+  }
+
+ private:
+  [[noreturn]] void fail() const {
+    throw inputError(
+        fmt::format("{}: cannot be read: {}", name_, std::generic_category().message(errno)));
+  }
+
+  std::string name_;
+  int descriptor_;
+  std::vector<char> buffer_ = std::vector<char>(kBlock);
+};
+
+}  // namespace
+
+byteSource bytesOfText(std::string_view text) {
+  return [text]() mutable { return std::exchange(text, std::string_view()); };
+}
+
+byteSource bytesOfFile(const std::filesystem::path& file) {
+  return [opened = std::make_shared<inputFile>(file)] { return opened->block(); };
+}
+
+bool lineReader::next(std::string& line) {
+  line.clear();
+  for (bool any = false;; any = true) {
+    if (rest_.empty() && (rest_ = bytes_()).empty()) {
+      number_ += any ? 1 : 0;
+      return any;
+    }
+    const std::size_t end = rest_.find('\n');
+    line += rest_.substr(0, end);
+    if (end != rest_.npos) {
+      rest_.remove_prefix(end + 1);
+      number_++;
+      return true;
+    }
+    rest_ = {};
+  }
+}
+
+}  // namespace viewer

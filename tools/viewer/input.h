@@ -1,0 +1,45 @@
+// The bytes that the readers take. One thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace viewer {
+
+// An input that cannot be read: its text names the file, the place and what was expected there. It
+// may hold anything that the input holds: printable() it before it goes to a terminal.
+class inputError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Gives the next bytes of a text, empty at its end; a view lives until the next call.
+using byteSource = std::function<std::string_view()>;
+
+// The text must outlive the source.
+byteSource bytesOfText(std::string_view text);
+
+// Throws inputError with the system's reason, here and at each call.
+byteSource bytesOfFile(const std::filesystem::path& file);
+
+class lineReader {
+ public:
+  explicit lineReader(byteSource bytes) : bytes_(std::move(bytes)) {}
+
+  // The next line without its line feed into `line`; false at the end. A line is as long as it is.
+  bool next(std::string& line);
+
+  // Of the line that was read last, from 1.
+  std::size_t number() const { return number_; }
+
+ private:
+  byteSource bytes_;
+  std::string_view rest_;  // of the last piece
+  std::size_t number_ = 0;
+};
+
+}  // namespace viewer

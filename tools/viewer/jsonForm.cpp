@@ -1,0 +1,259 @@
+#include "jsonForm.h"
+
+#include <unordered_map>
+
+#include "jsonWriter.h"
+#include "sites.h"
+
+namespace viewer {
+namespace {
+
+constexpr int kVersion = 1;
+
+// Calls `write` for each element, between the brackets of an array.
+template <typename range, typename action>
+void writeArray(jsonWriter& json, std::string_view name, const range& elements, action write) {
+  json.key(name).beginArray();
+  for (const auto& element : elements) {
+    write(element);
+  }
+  json.endArray();
+}
+
+template <typename range>
+void writeValues(jsonWriter& json, std::string_view name, const range& elements) {
+  writeArray(json, name, elements, [&](const auto& element) { json.value(element); });
+}
+
+void writeRun(jsonWriter& json, const std::optional<runInfo>& run) {
+  json.key("run");
+  if (!run) {
+    json.null();
+    return;
+  }
+  json.beginObject();
+  json.member("pid", run->pid).member("started", run->started).member("java", run->java);
+  json.member("vm", run->vm).member("command", run->command);
+  json.key("options").beginObject();
+  for (const auto& [name, value] : run->options) {
+    json.member(name, value);
+  }
+  json.endObject().endObject();
+}
+
+// The stacks and methods that a report refers to, numbered from 0 as they turn up.
+template <typename key>
+class numbering {
+ public:
+  std::size_t of(const key& one) {
+    const auto [found, isNew] = numbers_.emplace(one, all_.size());
+    if (isNew) {
+      all_.push_back(one);
+    }
+    return found->second;
+  }
+  const std::vector<key>& all() const { return all_; }
+
+ private:
+  std::unordered_map<key, std::size_t> numbers_;
+  std::vector<key> all_;
+};
+
+class lockSessionWriter {
+ public:
+  lockSessionWriter(jsonWriter& json, const lockReport& report, const stackTable& stacks)
+      : json_(json), report_(report), stacks_(stacks) {}
+
+  void write() {
+    const std::vector<threadSum> threads = threadsOf(report_);
+    json_.beginObject();
+    json_.member("source", report_.source).member("name", report_.sessionName);
+    json_.member("id", report_.sessionId);
+    writeTotals(threads.size());
+    writeArray(json_, "locks", report_.locks, [&](const lockEntry& one) { writeLock(one); });
+    writeArray(json_, "threads", threads, [&](const threadSum& one) { writeThreadSum(one); });
+    writeArray(json_, "sites", sitesOf(report_, stacks_),
+               [&](const siteSum& one) { writeSite(one); });
+    writeArray(json_, "blockers", report_.blockers,
+               [&](const blockerEntry& one) { writeBlocker(one); });
+    writeArray(json_, "stacks", hashes_.all(), [&](std::uint64_t hash) { writeStack(hash); });
+    writeArray(json_, "frames", frames_.all(),
+               [&](frameId frame) { json_.value(stacks_.method(frame)); });
+    json_.endObject();
+  }
+
+ private:
+  template <typename type>
+  void writeTimes(const type& one) {
+    json_.member("entries", one.entries).member("blockedSeconds", one.blockedSeconds);
+    json_.member("waitedSeconds", one.waitedSeconds);
+  }
+
+  void writeTotals(std::size_t threads) {
+    json_.key("totals").beginObject().member("locks", report_.locks.size());
+    writeTimes(totalsOf(report_));
+    json_.member("threads", threads).endObject();
+  }
+
+  void writeStackUses(const std::vector<stackUse>& uses) {
+    writeArray(json_, "stacks", uses, [&](const stackUse& use) {
+      json_.beginArray().value(hashes_.of(use.hash)).value(use.count).endArray();
+    });
+  }
+
+  void writeLock(const lockEntry& lock) {
+    json_.beginObject().member("name", lock.name).member("class", classOf(lock.name));
+    json_.member("identity", identityOf(lock.name));
+    writeTimes(lock);
+    writeValues(json_, "graph", lock.entriesPerMinute);
+    writeArray(json_, "threads", lock.threads, [&](const threadEntry& thread) {
+      json_.beginObject().member("name", thread.name);
+      writeTimes(thread);
+      writeStackUses(thread.stacks);
+      json_.endObject();
+    });
+    json_.endObject();
+  }
+
+  void writeOwner(const blockerEntry& owner) {
+    json_.member("timesOwner", owner.timesOwner).member("blockingPeriods", owner.blockingPeriods);
+    json_.member("blockingSeconds", owner.blockingSeconds);
+  }
+
+  void writeThreadSum(const threadSum& sum) {
+    json_.beginObject().member("name", sum.name).member("locks", sum.locks);
+    writeTimes(sum);
+    writeOwner(sum.asOwner);
+    json_.endObject();
+  }
+
+  void writeSite(const siteSum& site) {
+    json_.beginObject().member("method", site.method).member("entries", site.entries);
+    json_.member("stacks", site.stacks);
+    writeValues(json_, "locks", site.locks);
+    json_.endObject();
+  }
+
+  void writeBlocker(const blockerEntry& blocker) {
+    json_.beginObject().member("name", blocker.name);
+    writeOwner(blocker);
+    writeStackUses(blocker.stacks);
+    json_.endObject();
+  }
+
+  void writeStack(std::uint64_t hash) {
+    json_.beginObject().member("hash", std::to_string(hash));
+    const std::vector<frameId>* frames = stacks_.find(hash);
+    if (frames == nullptr) {
+      json_.key("frames").null();
+    } else {
+      writeArray(json_, "frames", *frames, [&](frameId one) { json_.value(frames_.of(one)); });
+    }
+    json_.endObject();
+  }
+
+  jsonWriter& json_;
+  const lockReport& report_;
+  const stackTable& stacks_;
+  numbering<std::uint64_t> hashes_;
+  numbering<frameId> frames_;
+};
+
+void writeValue(jsonWriter& json, const capturedValue& one) {
+  json.beginObject().member("name", one.name).member("type", one.type);
+  if (one.fields) {
+    writeArray(json, "fields", *one.fields,
+               [&](const capturedValue& field) { writeValue(json, field); });
+  } else {
+    json.member("value", one.value);
+  }
+  json.endObject();
+}
+
+void writeRecord(jsonWriter& json, const exceptionRecord& one) {
+  const auto writeSection = [&](std::string_view name, const std::vector<capturedValue>& values) {
+    writeArray(json, name, values, [&](const capturedValue& value) { writeValue(json, value); });
+  };
+  json.beginObject().member("time", one.time).member("thread", one.thread);
+  json.member("class", one.className).member("message", one.message).member("caught", one.caught);
+  writeArray(json, "frames", one.frames, [&](const exceptionFrame& frame) {
+    json.beginObject().member("method", frame.method).member("file", frame.file);
+    json.member("line", frame.line);
+    writeSection("fields", frame.fields);
+    writeSection("arguments", frame.arguments);
+    writeSection("locals", frame.locals);
+    writeSection("threadLocals", frame.threadLocals);
+    json.endObject();
+  });
+  writeValues(json, "ambiguous", one.ambiguous);
+  json.member("raw", one.raw).endObject();
+}
+
+void writeExceptions(jsonWriter& json, const std::optional<exceptionLog>& log) {
+  json.key("exceptions");
+  if (!log) {
+    json.null();
+    return;
+  }
+  json.beginObject();
+  writeValues(json, "sources", log->sources());
+  json.member("recorded", log->recorded()).member("dropped", log->dropped());
+  writeArray(json, "groups", log->groups(), [&](const exceptionGroup& group) {
+    json.beginObject().member("class", group.className).member("site", group.site);
+    json.member("count", group.records.size()).member("caught", group.caught);
+    json.member("uncaught", group.uncaught);
+    json.member("first", group.first).member("last", group.last);
+    writeValues(json, "records", group.records);
+    json.endObject();
+  });
+  json.key("records").beginArray();
+  for (std::size_t i = 0; i < log->size(); i++) {
+    writeRecord(json, log->record(i));
+  }
+  json.endArray().endObject();
+}
+
+void writeMemory(jsonWriter& json, const memoryReport& report) {
+  std::uint64_t objects = 0;
+  std::uint64_t bytes = 0;
+  for (const classEntry& one : report.classes) {
+    objects += one.objects;
+    bytes += one.bytes;
+  }
+  json.beginObject().member("source", report.source).member("name", report.sessionName);
+  json.member("id", report.sessionId).key("totals").beginObject();
+  json.member("classes", report.classes.size()).member("objects", objects);
+  json.member("bytes", std::to_string(bytes)).endObject();
+  writeValues(json, "generations", generationsOf(report));
+  writeArray(json, "classes", report.classes, [&](const classEntry& one) {
+    json.beginObject().member("name", one.name).member("objects", one.objects);
+    json.member("bytes", std::to_string(one.bytes));
+    writeArray(json, "generations", one.generations, [&](const generationEntry& generation) {
+      json.beginObject().member("generation", generation.generation);
+      json.member("objects", generation.objects);
+      json.member("bytes", std::to_string(generation.bytes)).endObject();
+    });
+    json.endObject();
+  });
+  json.endObject();
+}
+
+}  // namespace
+
+void writeJson(const profile& all, std::ostream& out) {
+  jsonWriter json(out);
+  json.beginObject().member("version", kVersion);
+  writeValues(json, "inputs", all.inputs);
+  writeRun(json, all.run);
+  writeArray(json, "locks", all.lockReports, [&](const lockReport& report) {
+    lockSessionWriter(json, report, all.stacks).write();
+  });
+  writeExceptions(json, all.exceptions);
+  writeArray(json, "memory", all.memoryReports,
+             [&](const memoryReport& report) { writeMemory(json, report); });
+  writeValues(json, "problems", all.problems);
+  json.endObject();
+  out << '\n';
+}
+
+}  // namespace viewer

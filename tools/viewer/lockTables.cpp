@@ -1,0 +1,222 @@
+#include "lockTables.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <span>
+
+#include "sites.h"
+#include "tableParts.h"
+#include "textTable.h"
+#include "utf8.h"
+
+namespace viewer {
+namespace {
+
+constexpr std::size_t kIndent = 3;
+constexpr std::size_t kGraphColumns = 30;
+
+// The stacks of all threads of a lock, each with how often it was seen.
+std::map<std::uint64_t, std::uint64_t> stacksOf(const lockEntry& lock) {
+  std::map<std::uint64_t, std::uint64_t> counts;
+  for (const threadEntry& thread : lock.threads) {
+    for (const stackUse& use : thread.stacks) {
+      counts[use.hash] += use.count;
+    }
+  }
+  return counts;
+}
+
+std::string framesOf(std::uint64_t hash, const stackTable& stacks, const tableLimits& limits,
+                     const look& terminal) {
+  const std::string indent(kIndent + 2, ' ');
+  const std::vector<frameId>* frames = stacks.find(hash);
+  if (frames == nullptr) {
+    return fmt::format("{}hash {}, not in a stack file that was given\n", indent, hash);
+  }
+  const std::size_t room = terminal.width - std::min(terminal.width, indent.size() + 3);
+  std::string result;
+  for (frameId frame : first(*frames, limits.frames)) {
+    result += fmt::format("{}at {}\n", indent, cutStart(printable(stacks.method(frame)), room));
+  }
+  return result + moreLine(frames->size(), limits.frames, indent.size());
+}
+
+std::string mostFrequentStack(const lockEntry& lock, const stackTable& stacks,
+                              const tableLimits& limits, const look& terminal) {
+  const auto counts = stacksOf(lock);
+  if (counts.empty()) {
+    return "";
+  }
+  const auto top = std::max_element(
+      counts.begin(), counts.end(),
+      [](const auto& left, const auto& right) { return left.second < right.second; });
+  std::uint64_t seen = 0;
+  for (const auto& [hash, count] : counts) {
+    seen += count;
+  }
+  return fmt::format("{:{}}Most frequent stack ({} of {} entries, {} distinct):\n", "", kIndent,
+                     top->second, seen, counts.size()) +
+         framesOf(top->first, stacks, limits, terminal);
+}
+
+std::string threadTable(const lockEntry& lock, const tableLimits& limits, const look& terminal) {
+  textTable table({{"Thread", align::left, shorten::end},
+                   {"Entries", align::right},
+                   {"Blocked s", align::right},
+                   {"Waited s", align::right},
+                   {"Stacks", align::right}});
+  for (const threadEntry& thread : first(lock.threads, limits.threads)) {
+    table.addRow({thread.name, std::to_string(thread.entries),
+                  std::to_string(thread.blockedSeconds), std::to_string(thread.waitedSeconds),
+                  std::to_string(thread.stacks.size())});
+  }
+  return table.render(terminal, kIndent) + moreLine(lock.threads.size(), limits.threads, kIndent);
+}
+
+std::string graphOf(const lockEntry& lock, const look& terminal) {
+  return terminal.sparkline({lock.entriesPerMinute.begin(), lock.entriesPerMinute.end()},
+                            kGraphColumns);
+}
+
+}  // namespace
+
+std::string sessionLine(const lockReport& report) {
+  const lockTotals totals = totalsOf(report);
+  return fmt::format(
+      "Lock session {} \"{}\": {} locks, {} s blocked, {} s waited, {} distinct stacks\n",
+      report.sessionId, printable(report.sessionName), report.locks.size(), totals.blockedSeconds,
+      totals.waitedSeconds, report.distinctStacks);
+}
+
+std::string topLocks(const lockReport& report, const tableLimits& limits, const look& terminal) {
+  if (report.locks.empty()) {
+    return "No lock is in the report: nothing was contended, or no detail session was run.\n";
+  }
+  const bool hasGraph =
+      std::any_of(report.locks.begin(), report.locks.end(),
+                  [](const lockEntry& lock) { return lock.entriesPerMinute.size() > 1; });
+  std::vector<column> columns = {{"#", align::right},
+                                 {"Lock", align::left, shorten::start},
+                                 {"Entries", align::right},
+                                 {"Blocked s", align::right},
+                                 {"Waited s", align::right},
+                                 {"Share", align::right},
+                                 {"Top thread", align::left, shorten::end}};
+  if (hasGraph) {
+    columns.push_back({"By minute"});
+  }
+  textTable table(std::move(columns));
+  const std::uint64_t allBlocked = totalsOf(report).blockedSeconds;
+  std::size_t rank = 1;
+  for (const lockEntry& lock : first(report.locks, limits.rows)) {
+    std::vector<std::string> row = {std::to_string(rank++),
+                                    lock.name,
+                                    std::to_string(lock.entries),
+                                    std::to_string(lock.blockedSeconds),
+                                    std::to_string(lock.waitedSeconds),
+                                    percentage(lock.blockedSeconds, allBlocked),
+                                    lock.threads.empty() ? "" : lock.threads.front().name};
+    if (hasGraph) {
+      row.push_back(graphOf(lock, terminal));
+    }
+    table.addRow(std::move(row));
+  }
+  return title("Top locks", report.locks.size(), limits.rows, terminal) + table.render(terminal);
+}
+
+std::string lockDetails(const lockReport& report, const stackTable& stacks,
+                        const tableLimits& limits, const look& terminal) {
+  std::string result;
+  std::size_t rank = 1;
+  for (const lockEntry& lock : first(report.locks, limits.rows)) {
+    result += rank == 1 ? "" : "\n";
+    result += terminal.strong(fmt::format("{}. {}\n", rank, printable(lock.name)));
+    result += threadTable(lock, limits, terminal);
+    result += mostFrequentStack(lock, stacks, limits, terminal);
+    rank++;
+  }
+  return result;
+}
+
+std::string topThreads(const lockReport& report, const tableLimits& limits, const look& terminal) {
+  textTable table({{"#", align::right},
+                   {"Thread", align::left, shorten::end},
+                   {"Locks", align::right},
+                   {"Entries", align::right},
+                   {"Blocked s", align::right},
+                   {"Waited s", align::right},
+                   {"Found owning", align::right},
+                   {"Blocking s", align::right}});
+  const std::vector<threadSum> threads = threadsOf(report);
+  std::size_t rank = 1;
+  for (const threadSum& thread : first(threads, limits.rows)) {
+    table.addRow({std::to_string(rank++), thread.name, std::to_string(thread.locks),
+                  std::to_string(thread.entries), std::to_string(thread.blockedSeconds),
+                  std::to_string(thread.waitedSeconds), std::to_string(thread.asOwner.timesOwner),
+                  std::to_string(thread.asOwner.blockingSeconds)});
+  }
+  return title("Top threads", threads.size(), limits.rows, terminal) + table.render(terminal);
+}
+
+std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
+                     const look& terminal) {
+  textTable table({{"#", align::right},
+                   {"Method", align::left, shorten::start},
+                   {"Entries", align::right},
+                   {"Share", align::right},
+                   {"Stacks", align::right},
+                   {"Locks", align::right},
+                   {"First lock", align::left, shorten::start}});
+  const std::vector<siteSum> sites = sitesOf(report, stacks);
+  std::uint64_t all = 0;
+  for (const siteSum& site : sites) {
+    all += site.entries;
+  }
+  std::size_t rank = 1;
+  for (const siteSum& site : first(sites, limits.rows)) {
+    table.addRow({std::to_string(rank++), site.method.value_or("(not in a stack file)"),
+                  std::to_string(site.entries), percentage(site.entries, all),
+                  std::to_string(site.stacks), std::to_string(site.locks.size()),
+                  report.locks[site.locks.front()].name});
+  }
+  return title("Top sites", sites.size(), limits.rows, terminal) + table.render(terminal);
+}
+
+std::string blockers(const lockReport& report, std::size_t rows, const look& terminal) {
+  if (report.blockers.empty()) {
+    return "No blocking thread is in the report.\n";
+  }
+  textTable table({{"Owner thread", align::left, shorten::end},
+                   {"Found owning", align::right},
+                   {"Blocking periods", align::right},
+                   {"Blocking s", align::right}});
+  for (const blockerEntry& blocker : first(report.blockers, rows)) {
+    table.addRow({blocker.name, std::to_string(blocker.timesOwner),
+                  std::to_string(blocker.blockingPeriods),
+                  std::to_string(blocker.blockingSeconds)});
+  }
+  return title("Blockers", report.blockers.size(), rows, terminal) + table.render(terminal);
+}
+
+std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
+                       const tableLimits& limits, const look& terminal) {
+  const std::string head = sessionLine(report) + '\n';
+  switch (by) {
+    case ranking::thread:
+      return head + topThreads(report, limits, terminal);
+    case ranking::site:
+      return head + topSites(report, stacks, limits, terminal);
+    case ranking::blocker:
+      return head + blockers(report, limits.rows, terminal);
+    case ranking::lock:
+      break;
+  }
+  const std::string details =
+      report.locks.empty() ? "" : '\n' + lockDetails(report, stacks, limits, terminal);
+  return head + topLocks(report, limits, terminal) + details + '\n' +
+         blockers(report, limits.threads, terminal);
+}
+
+}  // namespace viewer

@@ -1,0 +1,48 @@
+// The tables of a lock report as text. Plain functions without state, callable on any thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "lockReport.h"
+#include "look.h"
+#include "stackTable.h"
+
+namespace viewer {
+
+struct tableLimits {
+  std::size_t rows = 5;      // of each ranking
+  std::size_t threads = 12;  // of each lock, and blockers
+  std::size_t frames = 6;    // of each stack
+};
+
+// The session and the sums over its locks, in one line.
+std::string sessionLine(const lockReport& report);
+
+// The locks by blocked time, then waited time, then contended entries, the largest first; with
+// their entries by minute when the session had more than one.
+std::string topLocks(const lockReport& report, const tableLimits& limits, const look& terminal);
+
+// For each of the same locks its threads and the stack that was seen most often on it. A hash that
+// `stacks` does not know is shown as it is.
+std::string lockDetails(const lockReport& report, const stackTable& stacks,
+                        const tableLimits& limits, const look& terminal);
+
+// The threads over all locks, by blocked time.
+std::string topThreads(const lockReport& report, const tableLimits& limits, const look& terminal);
+
+// The methods in which threads came to contended locks, by entries.
+std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
+                     const look& terminal);
+
+// At most `rows` threads that owned locks while others came to wait, by blocking time.
+std::string blockers(const lockReport& report, std::size_t rows, const look& terminal);
+
+// What the report is ranked by.
+enum class ranking { lock, thread, site, blocker };
+
+// The session line and the ranking; that of locks has their details and the blockers too.
+std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
+                       const tableLimits& limits, const look& terminal);
+
+}  // namespace viewer

@@ -1,0 +1,312 @@
+#include "profile.h"
+
+#include <fmt/format.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <cstring>
+#include <system_error>
+
+#include "jsonReader.h"
+#include "utf8.h"
+
+namespace viewer {
+
+template <>
+const shape& shapeOf<std::map<std::string, std::string>>();
+
+namespace {
+
+namespace fs = std::filesystem;
+
+enum class kind { unknown, empty, lockReport, stackFile, exceptionLog, memoryReport, run };
+
+// The members that tell documents apart.
+const std::map<std::string, kind, std::less<>>& tellingMembers() {
+  static const std::map<std::string, kind, std::less<>> members = {
+      {"lockmap", kind::lockReport},
+      {"stacktracemap", kind::lockReport},
+      {"blockingThreads", kind::lockReport},
+      {"topNMemoryleakClass", kind::memoryReport},
+      {"thread", kind::exceptionLog},
+      {"class", kind::exceptionLog},
+      {"frames", kind::exceptionLog},
+      {"recorded", kind::exceptionLog},
+      {"dropped", kind::exceptionLog},
+      {"pid", kind::run},
+      {"java", kind::run},
+      {"command", kind::run}};
+  return members;
+}
+
+// As it is shown: a name in a file system may be any bytes.
+std::string nameOf(const fs::path& file) {
+  return toUtf8(file.string());
+}
+
+// Throws inputError when the file cannot be read, or ends or goes wrong before its kind is clear.
+kind kindOf(const fs::path& file) {
+  constexpr std::size_t kLongestHash = 20;
+  const byteSource bytes = bytesOfFile(file);
+  const std::string_view start = bytes();
+  if (start.empty()) {
+    return kind::empty;
+  }
+  const std::size_t first = start.find_first_not_of(" \t\r\n");
+  if (first == start.npos || start[first] != '{') {
+    return isStackLine(start.substr(0, kLongestHash + 2)) ? kind::stackFile : kind::unknown;
+  }
+  const std::string member =
+      firstMember(bytesOfFile(file), nameOf(file),
+                  [](std::string_view name) { return tellingMembers().contains(name); });
+  return member.empty() ? kind::unknown : tellingMembers().find(member)->second;
+}
+
+// Whatever type an option has, it is shown as a text.
+const shape& optionShape() {
+  static const shape result = {
+      .expected = "a string, number or boolean",
+      .nullable = true,
+      .text = [](void* target, std::string& value) { *static_cast<std::string*>(target) = value; },
+      .number =
+          [](void* target, std::int64_t value) {
+            *static_cast<std::string*>(target) = std::to_string(value);
+          },
+      .boolean = [](void* target,
+                    bool value) { *static_cast<std::string*>(target) = value ? "true" : "false"; },
+      .least = std::numeric_limits<std::int64_t>::min(),
+      .most = std::numeric_limits<std::int64_t>::max()};
+  return result;
+}
+
+place addedOption(void* target, std::string& name) {
+  auto& options = *static_cast<std::map<std::string, std::string>*>(target);
+  return {&optionShape(), &options[name]};
+}
+
+const shape& runShape() {
+  static const shape result = {.expected = "an object",
+                               .members = {{"pid", at<&runInfo::pid>, false},
+                                           {"started", at<&runInfo::started>, false},
+                                           {"java", at<&runInfo::java>, false},
+                                           {"vm", at<&runInfo::vm>, false},
+                                           {"command", at<&runInfo::command>, false},
+                                           {"options", at<&runInfo::options>, false}}};
+  return result;
+}
+
+void readRun(profile& all, const fs::path& file) {
+  if (all.run) {
+    throw inputError(
+        fmt::format("{}: expected the files of one run, found those of a second one; twreport diff "
+                    "compares two",
+                    nameOf(file)));
+  }
+  runInfo run;
+  readJson(bytesOfFile(file), nameOf(file), {&runShape(), &run});
+  all.run = std::move(run);
+}
+
+void readFile(profile& all, const fs::path& file, kind what) {
+  const std::string name = nameOf(file);
+  all.inputs.push_back(name);
+  switch (what) {
+    case kind::lockReport:
+      all.lockReports.push_back(readLockReport(bytesOfFile(file), name));
+      break;
+    case kind::stackFile:
+      readStackFile(bytesOfFile(file), name, all.stacks);
+      break;
+    case kind::exceptionLog:
+      if (!all.exceptions) {
+        all.exceptions.emplace();
+      }
+      all.exceptions->add(bytesOfFile(file), name, all.problems);
+      break;
+    case kind::memoryReport:
+      all.memoryReports.push_back(readMemoryReport(bytesOfFile(file), name));
+      break;
+    case kind::run:
+      readRun(all, file);
+      break;
+    case kind::empty:
+      throw inputError(name + ": expected a report, found an empty file");
+    case kind::unknown:
+      throw inputError(name +
+                       ": expected a lock report, stack file, memory report, exception file or "
+                       "run.json, found none of them");
+  }
+}
+
+// Runs `read`, telling what goes wrong in the profile's problems.
+template <typename action>
+void noting(profile& all, action read) {
+  try {
+    read();
+  } catch (const inputError& e) {
+    all.problems.push_back(e.what());
+  } catch (const fs::filesystem_error& e) {
+    all.problems.push_back(
+        fmt::format("{}: cannot be read: {}", nameOf(e.path1()), e.code().message()));
+  }
+}
+
+// The entries of a folder that `wanted` accepts, numbers in names in their order.
+template <typename predicate>
+std::vector<fs::path> listed(const fs::path& folder, predicate wanted) {
+  std::vector<fs::path> result;
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    if (wanted(entry)) {
+      result.push_back(entry.path());
+    }
+  }
+  std::sort(result.begin(), result.end(), [](const fs::path& left, const fs::path& right) {
+    return strverscmp(left.c_str(), right.c_str()) < 0;
+  });
+  return result;
+}
+
+bool mayBeReport(const fs::directory_entry& entry) {
+  const std::string name = entry.path().filename();
+  return entry.is_regular_file() && !name.starts_with('.') && !name.ends_with(".part");
+}
+
+bool isRunFolder(const fs::directory_entry& entry) {
+  return entry.is_directory() && entry.path().filename().string().starts_with("run-");
+}
+
+// An exception file and a stack file may be empty before the first line is written; a report that
+// is empty was lost.
+bool isLost(const fs::path& file) {
+  return file.extension() == ".json";
+}
+
+// False when the folder holds none of these files.
+bool readFilesOf(profile& all, const fs::path& folder) {
+  bool any = false;
+  for (const fs::path& file : listed(folder, mayBeReport)) {
+    noting(all, [&] {
+      const kind what = kindOf(file);
+      if (what == kind::unknown || (what == kind::empty && !isLost(file))) {
+        return;
+      }
+      any = true;
+      readFile(all, file, what);
+    });
+  }
+  return any;
+}
+
+void readFolder(profile& all, const fs::path& folder) {
+  const std::size_t problems = all.problems.size();
+  if (readFilesOf(all, folder)) {
+    return;
+  }
+  const std::vector<fs::path> runs = listed(folder, isRunFolder);
+  const fs::path& searched = runs.empty() ? folder : runs.back();
+  const bool found = !runs.empty() && readFilesOf(all, searched);
+  if (!found && all.problems.size() == problems) {
+    throw inputError(
+        fmt::format("{}: expected reports in the folder, found none", nameOf(searched)));
+  }
+}
+
+bool contains(const std::string& in, const std::string& text) {
+  return std::search(in.begin(), in.end(), text.begin(), text.end(), [](char left, char right) {
+           const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; };
+           return lower(left) == lower(right);
+         }) != in.end();
+}
+
+bool contains(const std::vector<capturedValue>& values, const std::string& text) {
+  return std::any_of(values.begin(), values.end(), [&](const capturedValue& one) {
+    return contains(one.name, text) || contains(one.value.value_or(""), text) ||
+           (one.fields && contains(*one.fields, text));
+  });
+}
+
+bool contains(const exceptionRecord& one, const std::string& text) {
+  return contains(one.className, text) || contains(one.message.value_or(""), text) ||
+         contains(one.thread, text) || contains(one.time, text) ||
+         std::any_of(one.frames.begin(), one.frames.end(), [&](const exceptionFrame& frame) {
+           return contains(placeOf(frame), text) || contains(frame.fields, text) ||
+                  contains(frame.arguments, text) || contains(frame.locals, text) ||
+                  contains(frame.threadLocals, text);
+         });
+}
+
+bool contains(const std::vector<stackUse>& uses, const stackTable& stacks,
+              const std::string& text) {
+  return std::any_of(uses.begin(), uses.end(), [&](const stackUse& use) {
+    const std::vector<frameId>* frames = stacks.find(use.hash);
+    return frames != nullptr && std::any_of(frames->begin(), frames->end(), [&](frameId frame) {
+             return contains(stacks.method(frame), text);
+           });
+  });
+}
+
+}  // namespace
+
+template <>
+const shape& shapeOf<std::map<std::string, std::string>>() {
+  static const shape result = {.expected = "an object", .member = addedOption};
+  return result;
+}
+
+profile readProfile(const std::vector<fs::path>& inputs) {
+  profile all;
+  for (const fs::path& input : inputs) {
+    noting(all, [&] {
+      if (fs::is_directory(input)) {
+        readFolder(all, input);
+      } else {
+        readFile(all, input, kindOf(input));
+      }
+    });
+  }
+  return all;
+}
+
+void filter(profile& all, const std::string& text) {
+  for (lockReport& report : all.lockReports) {
+    std::erase_if(report.locks, [&](const lockEntry& lock) {
+      return !contains(lock.name, text) &&
+             std::none_of(lock.threads.begin(), lock.threads.end(), [&](const threadEntry& one) {
+               return contains(one.name, text) || contains(one.stacks, all.stacks, text);
+             });
+    });
+    std::erase_if(report.blockers, [&](const blockerEntry& one) {
+      return !contains(one.name, text) && !contains(one.stacks, all.stacks, text);
+    });
+  }
+  for (memoryReport& report : all.memoryReports) {
+    std::erase_if(report.classes, [&](const classEntry& one) { return !contains(one.name, text); });
+  }
+  if (all.exceptions) {
+    all.exceptions->keepIf([&](const exceptionRecord& one) { return contains(one, text); });
+  }
+}
+
+bool matches(std::string_view pattern, std::string_view name) {
+  std::size_t star = pattern.npos;  // the last one that was met, and what it stands for so far
+  std::size_t mark = 0;
+  std::size_t p = 0;
+  std::size_t n = 0;
+  while (n < name.size()) {
+    if (p < pattern.size() && pattern[p] == '*') {
+      star = p++;
+      mark = n;
+    } else if (p < pattern.size() && pattern[p] == name[n]) {
+      p++;
+      n++;
+    } else if (star != pattern.npos) {
+      p = star + 1;
+      n = ++mark;
+    } else {
+      return false;
+    }
+  }
+  return pattern.find_first_not_of('*', p) == pattern.npos;
+}
+
+}  // namespace viewer
