@@ -238,7 +238,35 @@ void writeMemory(jsonWriter& json, const memoryReport& report) {
   json.endObject();
 }
 
+void writeSide(jsonWriter& json, std::string_view name, const profile& side) {
+  json.key(name).beginObject();
+  writeValues(json, "inputs", side.inputs);
+  writeRun(json, side.run);
+  writeValues(json, "problems", side.problems);
+  json.endObject();
+}
+
 }  // namespace
+
+void writeJson(const comparison& both, std::ostream& out) {
+  jsonWriter json(out);
+  json.beginObject().member("version", kVersion);
+  writeSide(json, "before", both.before);
+  writeSide(json, "after", both.after);
+  json.key("threshold").beginObject().member("percent", both.limit.percent);
+  json.member("least", both.limit.least).endObject();
+  writeArray(json, "tables", both.tables, [&](const comparedTable& table) {
+    json.beginObject().member("name", table.name).member("measure", table.measure);
+    writeArray(json, "rows", table.rows, [&](const comparedSum& row) {
+      json.beginObject().member("name", row.name).member("before", row.before);
+      json.member("after", row.after);
+      json.member("change", nameOf(changeOf(row, both.limit))).endObject();
+    });
+    json.endObject();
+  });
+  json.endObject();
+  out << '\n';
+}
 
 void writeJson(const profile& all, std::ostream& out) {
   jsonWriter json(out);

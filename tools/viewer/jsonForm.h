@@ -4,10 +4,12 @@
 
 #include <ostream>
 
+#include "comparison.h"
 #include "profile.h"
 
 namespace viewer {
 
 void writeJson(const profile& all, std::ostream& out);
+void writeJson(const comparison& both, std::ostream& out);
 
 }  // namespace viewer

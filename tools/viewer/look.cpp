@@ -28,14 +28,6 @@ std::string look::faint(std::string_view text) const {
   return styled("2", text);
 }
 
-std::string look::bad(std::string_view text) const {
-  return styled("31", text);
-}
-
-std::string look::good(std::string_view text) const {
-  return styled("32", text);
-}
-
 std::string look::sparkline(const std::vector<std::uint64_t>& values, std::size_t columns) const {
   if (values.empty() || columns == 0) {
     return "";

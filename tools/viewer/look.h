@@ -16,8 +16,6 @@ struct look {
   // The text, which may end in a line feed, in another weight or colour where there is colour.
   std::string strong(std::string_view text) const;
   std::string faint(std::string_view text) const;
-  std::string bad(std::string_view text) const;
-  std::string good(std::string_view text) const;
 
   // One character for each value, or for each group of values where there are more than `columns`,
   // as high as the largest value in it is. The lowest is 0 alone.

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
@@ -14,8 +15,13 @@
 #include <map>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
+#include "checks.h"
+#include "comparison.h"
+#include "comparisonTables.h"
+#include "exports.h"
 #include "jsonForm.h"
 #include "profile.h"
 #include "profileTables.h"
@@ -25,6 +31,8 @@ namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
+
+enum class format { collapsed, speedscope, csv, prometheus };
 
 // The width of the terminal that the output goes to; `otherwise` when it goes elsewhere.
 std::size_t terminalWidth(std::size_t otherwise) {
@@ -59,6 +67,12 @@ struct arguments {
   bool json = false;
   viewer::tableOptions tables;
   viewer::look look = lookOfOutput();
+  viewer::threshold limit;
+  format exportFormat = format::collapsed;
+  viewer::csvTable table = viewer::csvTable::locks;
+  std::vector<std::string> maxBlocked;
+  std::vector<std::string> maxSurvivors;
+  viewer::checkedLimits limits;
 };
 
 viewer::profile readInputs(const std::vector<std::string>& inputs, const std::string& grep) {
@@ -79,29 +93,151 @@ int show(const arguments& given) {
   return complainAbout(all);
 }
 
+int diff(const arguments& given) {
+  const viewer::comparison both =
+      viewer::compare(readInputs({given.inputs[0]}, given.grep),
+                      readInputs({given.inputs[1]}, given.grep), given.limit);
+  if (given.json) {
+    viewer::writeJson(both, std::cout);
+  } else {
+    std::cout << viewer::comparisonTables(both, given.tables.limits.rows, given.look);
+  }
+  return std::max(complainAbout(both.before), complainAbout(both.after));
+}
+
+int exportTo(const arguments& given) {
+  const viewer::profile all = readInputs(given.inputs, given.grep);
+  switch (given.exportFormat) {
+    case format::collapsed:
+      viewer::writeCollapsed(all, std::cout);
+      break;
+    case format::speedscope:
+      viewer::writeSpeedscope(all, std::cout);
+      break;
+    case format::csv:
+      viewer::writeCsv(all, given.table, std::cout);
+      break;
+    case format::prometheus:
+      viewer::writePrometheus(all, std::cout);
+      break;
+  }
+  return complainAbout(all);
+}
+
+int check(const arguments& given) {
+  viewer::checkedLimits limits = given.limits;
+  for (const std::string& text : given.maxBlocked) {
+    limits.blocked.push_back(viewer::parseBlockedLimit(text));
+  }
+  for (const std::string& text : given.maxSurvivors) {
+    limits.survivors.push_back(viewer::parseSurvivorLimit(text));
+  }
+  const viewer::profile all = readInputs(given.inputs, given.grep);
+  const std::vector<std::string> broken = viewer::brokenLimits(all, limits);
+  for (const std::string& one : broken) {
+    std::cout << viewer::printable(one) << '\n';
+  }
+  return std::max(complainAbout(all), broken.empty() ? kDone : kFailed);
+}
+
 void addLimit(CLI::App& to, const char* name, std::size_t& limit, const char* description) {
   constexpr int kLargest = 1'000'000;
   to.add_option(name, limit, description)->check(CLI::Range(1, kLargest))->capture_default_str();
 }
 
+// An option whose value is one of the names.
+template <typename type>
+CLI::Option* addChoice(CLI::App& to, const char* name, type& chosen,
+                       const std::map<std::string, type>& names, const char* description) {
+  std::string all;
+  for (const auto& [one, value] : names) {
+    all += (all.empty() ? "" : "|") + one;
+  }
+  return to.add_option(name, chosen, description)
+      ->transform(CLI::CheckedTransformer(names).description(""))
+      ->option_text(all);
+}
+
+void addInputs(CLI::App& to, arguments& given) {
+  to.add_option("INPUT", given.inputs, "Folders with reports, or report files");
+  to.add_option("--grep", given.grep, "Only locks, exceptions and classes that hold this text");
+}
+
+void addTables(CLI::App& to, arguments& given) {
+  addLimit(to, "--top", given.tables.limits.rows, "Rows to show of each table");
+  addLimit(to, "--width", given.look.width, "Columns to fit the tables into");
+  to.add_flag("--json", given.json, "Print all as JSON");
+}
+
 void addShow(CLI::App& app, arguments& given) {
-  static const std::map<std::string, viewer::ranking> kRankings = {
-      {"lock", viewer::ranking::lock},
-      {"thread", viewer::ranking::thread},
-      {"site", viewer::ranking::site},
-      {"blocker", viewer::ranking::blocker}};
-  app.add_option("INPUT", given.inputs, "Folders with reports, or report files");
-  app.add_option("--by", given.tables.by, "What lock reports are ranked by")
-      ->transform(CLI::CheckedTransformer(kRankings))
-      ->option_text("lock|thread|site|blocker");
+  using viewer::ranking;
+  addInputs(app, given);
+  addTables(app, given);
+  addChoice<ranking>(app, "--by", given.tables.by,
+                     {{"lock", ranking::lock},
+                      {"thread", ranking::thread},
+                      {"site", ranking::site},
+                      {"blocker", ranking::blocker}},
+                     "What lock reports are ranked by");
   addLimit(app, "--show", given.tables.record, "Print the exception record of this number");
-  addLimit(app, "--top", given.tables.limits.rows, "Locks, exceptions and classes to show");
   addLimit(app, "--threads", given.tables.limits.threads,
            "Threads to show for each lock, and blockers");
   addLimit(app, "--frames", given.tables.limits.frames, "Frames to show of each stack");
-  app.add_option("--grep", given.grep, "Only locks, exceptions and classes that hold this text");
-  app.add_flag("--json", given.json, "Print all as JSON");
-  addLimit(app, "--width", given.look.width, "Columns to fit the tables into");
+}
+
+CLI::App* addDiff(CLI::App& app, arguments& given) {
+  CLI::App* diff = app.add_subcommand("diff", "Compares two runs: BEFORE AFTER");
+  addInputs(*diff, given);
+  diff->get_option("INPUT")->expected(2)->required()->option_text("BEFORE AFTER");
+  addTables(*diff, given);
+  diff->add_option("--threshold", given.limit.percent,
+                   "The percentage that a difference has to reach")
+      ->check(CLI::Range(0, 100))
+      ->capture_default_str();
+  diff->add_option("--least", given.limit.least, "The least difference that counts")
+      ->capture_default_str();
+  return diff;
+}
+
+CLI::App* addExport(CLI::App& app, arguments& given) {
+  using viewer::csvTable;
+  CLI::App* to = app.add_subcommand("export", "Prints the reports for other tools");
+  addInputs(*to, given);
+  to->get_option("INPUT")->required();
+  addChoice<format>(*to, "--format", given.exportFormat,
+                    {{"collapsed", format::collapsed},
+                     {"speedscope", format::speedscope},
+                     {"csv", format::csv},
+                     {"prometheus", format::prometheus}},
+                    "The form to print")
+      ->required();
+  addChoice<csvTable>(*to, "--table", given.table,
+                      {{"locks", csvTable::locks},
+                       {"threads", csvTable::threads},
+                       {"stacks", csvTable::stacks},
+                       {"blockers", csvTable::blockers},
+                       {"exceptions", csvTable::exceptions},
+                       {"classes", csvTable::classes}},
+                      "What to print as csv; locks unless given");
+  return to;
+}
+
+CLI::App* addCheck(CLI::App& app, arguments& given) {
+  CLI::App* check =
+      app.add_subcommand("check", "Prints which limits are broken; the exit code is 1 when any is");
+  addInputs(*check, given);
+  check->get_option("INPUT")->required();
+  const auto addLimits = [check](const char* name, std::vector<std::string>& limits,
+                                 const char* form, const char* description) {
+    check->add_option(name, limits, description)->allow_extra_args(false)->option_text(form);
+  };
+  addLimits("--max-blocked-seconds", given.maxBlocked, "CLASSES=SECONDS",
+            "Time that threads may block on any one lock of these classes");
+  addLimits("--max-survivors", given.maxSurvivors, "CLASSES=OBJECTS@COLLECTIONS",
+            "Objects of each of these classes that may outlive so many collections");
+  addLimits("--no-exception", given.limits.exceptions, "CLASSES",
+            "Exceptions that must not have been thrown");
+  return check;
 }
 
 // Runs the command, whose output counts only once it is all written.
@@ -129,6 +265,11 @@ int main(int argc, char** argv) {
                "twreport");
   arguments given;
   addShow(app, given);
+  const std::vector<std::pair<CLI::App*, int (*)(const arguments&)>> commands = {
+      {addDiff(app, given), diff},
+      {addExport(app, given), exportTo},
+      {addCheck(app, given), check}};
+  app.require_subcommand(0, 1);
   try {
     app.parse(argc, argv);
     if (given.inputs.empty()) {
@@ -136,6 +277,11 @@ int main(int argc, char** argv) {
     }
   } catch (const CLI::ParseError& e) {
     return app.exit(e);
+  }
+  for (const auto& [command, run] : commands) {
+    if (command->parsed()) {
+      return running([&] { return run(given); });
+    }
   }
   return running([&] { return show(given); });
 }

@@ -267,6 +267,10 @@ profile readProfile(const std::vector<fs::path>& inputs) {
   return all;
 }
 
+std::vector<exceptionGroup> groupsOf(const profile& all) {
+  return all.exceptions ? all.exceptions->groups() : std::vector<exceptionGroup>();
+}
+
 void filter(profile& all, const std::string& text) {
   for (lockReport& report : all.lockReports) {
     std::erase_if(report.locks, [&](const lockEntry& lock) {

@@ -43,6 +43,9 @@ struct profile {
 // nothing is thrown for it.
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
 
+// The exceptions of a profile by class and site, those with the most records first.
+std::vector<exceptionGroup> groupsOf(const profile& all);
+
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
 // threads and stacks, blockers, exception records by anything in them, classes by name.
 void filter(profile& all, const std::string& text);

@@ -1,0 +1,136 @@
+#include "checks.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <optional>
+
+namespace viewer {
+namespace {
+
+template <typename number>
+std::optional<number> parsed(std::string_view text) {
+  number value{};
+  const char* end = text.data() + text.size();
+  const auto [stop, problem] = std::from_chars(text.data(), end, value);
+  return problem == std::errc() && stop == end ? std::optional(value) : std::nullopt;
+}
+
+// The pattern and what stands behind the last "=".
+std::pair<std::string, std::string> atLastEquals(const std::string& text) {
+  const std::size_t equals = text.rfind('=');
+  return equals == text.npos ? std::pair(std::string(), std::string())
+                             : std::pair(text.substr(0, equals), text.substr(equals + 1));
+}
+
+void checkBlocked(const profile& all, const blockedLimit& limit, std::vector<std::string>& broken) {
+  if (all.lockReports.empty()) {
+    broken.push_back(fmt::format("{}={}: no lock report to check", limit.lockClass, limit.seconds));
+  }
+  for (const lockReport& report : all.lockReports) {
+    for (const lockEntry& lock : report.locks) {
+      if (matches(limit.lockClass, classOf(lock.name)) && lock.blockedSeconds > limit.seconds) {
+        broken.push_back(fmt::format("{}: {} s blocked in session {}, {} s allowed", lock.name,
+                                     lock.blockedSeconds, report.sessionId, limit.seconds));
+      }
+    }
+  }
+}
+
+// The live objects that have outlived at least so many collections.
+std::uint64_t survivorsOf(const classEntry& one, std::uint64_t newest, std::uint64_t collections) {
+  std::uint64_t objects = 0;
+  for (const generationEntry& generation : one.generations) {
+    if (newest - generation.generation + 1 >= collections) {
+      objects += generation.objects;
+    }
+  }
+  return objects;
+}
+
+void checkSurvivors(const profile& all, const survivorLimit& limit,
+                    std::vector<std::string>& broken) {
+  if (all.memoryReports.empty()) {
+    broken.push_back(fmt::format("{}={}@{}: no memory report to check", limit.className,
+                                 limit.objects, limit.collections));
+  }
+  for (const memoryReport& report : all.memoryReports) {
+    const std::vector<std::uint32_t> generations = generationsOf(report);
+    for (const classEntry& one : report.classes) {
+      const std::uint64_t objects =
+          generations.empty() ? 0 : survivorsOf(one, generations.back(), limit.collections);
+      if (matches(limit.className, one.name) && objects > limit.objects) {
+        broken.push_back(
+            fmt::format("{}: {} objects outlived {} collections or more in session {}, {} allowed",
+                        one.name, objects, limit.collections, report.sessionId, limit.objects));
+      }
+    }
+  }
+}
+
+// A run that was to record exceptions and met none may have left no file.
+bool recordsExceptions(const profile& all) {
+  const auto isOn = [](const runInfo& run) {
+    const auto option = run.options.find("exceptions");
+    return option != run.options.end() && option->second == "true";
+  };
+  return all.exceptions || (all.run && isOn(*all.run));
+}
+
+void checkExceptions(const profile& all, const std::string& pattern,
+                     std::vector<std::string>& broken) {
+  if (!recordsExceptions(all)) {
+    broken.push_back(fmt::format("{}: no exception file to check", pattern));
+  }
+  for (const exceptionGroup& group : groupsOf(all)) {
+    if (matches(pattern, group.className)) {
+      broken.push_back(fmt::format("{}: thrown {} times in {}, first at {}", group.className,
+                                   group.records.size(), group.site.value_or("(no frames)"),
+                                   group.first));
+    }
+  }
+}
+
+}  // namespace
+
+blockedLimit parseBlockedLimit(const std::string& text) {
+  const auto [pattern, limit] = atLastEquals(text);
+  const std::optional<double> seconds = parsed<double>(limit);
+  if (pattern.empty() || !seconds || !std::isfinite(*seconds) || *seconds < 0) {
+    throw inputError(
+        fmt::format("expected CLASSES=SECONDS, as in 'com.example.*=2', found '{}'", text));
+  }
+  return {pattern, *seconds};
+}
+
+survivorLimit parseSurvivorLimit(const std::string& text) {
+  const auto [pattern, limit] = atLastEquals(text);
+  const std::size_t at = limit.find('@');
+  const auto objects = parsed<std::uint64_t>(std::string_view(limit).substr(0, at));
+  const auto collections = at == limit.npos
+                               ? std::optional<std::uint64_t>(1)
+                               : parsed<std::uint64_t>(std::string_view(limit).substr(at + 1));
+  if (pattern.empty() || !objects || !collections) {
+    throw inputError(fmt::format(
+        "expected CLASSES=OBJECTS@COLLECTIONS, as in 'com.example.Session=0@3', found '{}'", text));
+  }
+  return {pattern, *objects, *collections};
+}
+
+std::vector<std::string> brokenLimits(const profile& all, const checkedLimits& limits) {
+  std::vector<std::string> broken;
+  for (const blockedLimit& limit : limits.blocked) {
+    checkBlocked(all, limit, broken);
+  }
+  for (const survivorLimit& limit : limits.survivors) {
+    checkSurvivors(all, limit, broken);
+  }
+  for (const std::string& pattern : limits.exceptions) {
+    checkExceptions(all, pattern, broken);
+  }
+  return broken;
+}
+
+}  // namespace viewer

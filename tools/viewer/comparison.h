@@ -1,0 +1,51 @@
+// Two runs side by side. Plain functions without state, callable on any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "profile.h"
+
+namespace viewer {
+
+// Sums of one thing in both runs; none in a run that does not have it.
+struct comparedSum {
+  std::string name;
+  std::optional<std::uint64_t> before;
+  std::optional<std::uint64_t> after;
+};
+
+enum class change { worse, better, same, came, went };
+
+struct comparedTable {
+  const char* name;               // "locks"
+  const char* measure;            // "blocked seconds"
+  std::vector<comparedSum> rows;  // the largest difference first
+};
+
+// When a difference counts: it has to reach both.
+struct threshold {
+  std::uint32_t percent = 10;  // of the larger of the two sums
+  std::uint64_t least = 1;     // of the measure
+};
+
+struct comparison {
+  profile before;
+  profile after;
+  threshold limit;
+  // Locks by class in blocked seconds (identities differ from run to run), sites in entries,
+  // exceptions by class and site in records, classes in surviving bytes. Each is summed over the
+  // sessions of a run. A kind of report that neither run has is left out.
+  std::vector<comparedTable> tables;
+};
+
+comparison compare(profile before, profile after, threshold limit);
+
+// A larger sum is worse. What came or went with less than the limit is the same.
+change changeOf(const comparedSum& one, const threshold& limit);
+
+const char* nameOf(change what);
+
+}  // namespace viewer

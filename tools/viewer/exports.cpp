@@ -1,0 +1,348 @@
+#include "exports.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <unordered_map>
+
+#include "jsonWriter.h"
+#include "utf8.h"
+
+namespace viewer {
+namespace {
+
+// What stands in a stack for what the report leaves out.
+constexpr const char* kNoStack = "(no stack recorded)";
+constexpr const char* kOtherThreads = "(threads beyond the limit)";
+
+// The entries of `whole` that are not among `part`: more than there are in no case.
+std::uint64_t rest(std::uint64_t whole, std::uint64_t part) {
+  return whole - std::min(whole, part);
+}
+
+// Calls `visit(lock, thread, frames from the bottom up, count)` for each stack of each thread on
+// each lock, so that the counts of a lock add up to its entries.
+template <typename visitor>
+void forEachStack(const lockReport& report, const stackTable& stacks, visitor visit) {
+  const auto visitIfAny = [&](const lockEntry& lock, const std::string& thread,
+                              const std::vector<std::string>& frames, std::uint64_t count) {
+    if (count > 0) {
+      visit(lock, thread, frames, count);
+    }
+  };
+  for (const lockEntry& lock : report.locks) {
+    std::uint64_t ofThreads = 0;
+    for (const threadEntry& thread : lock.threads) {
+      std::uint64_t ofStacks = 0;
+      for (const stackUse& use : thread.stacks) {
+        std::vector<std::string> frames;
+        if (const std::vector<frameId>* known = stacks.find(use.hash)) {
+          std::for_each(known->rbegin(), known->rend(),
+                        [&](frameId frame) { frames.push_back(stacks.method(frame)); });
+        } else {
+          frames = {fmt::format("(stack {})", use.hash)};
+        }
+        visitIfAny(lock, thread.name, frames, use.count);
+        ofStacks += use.count;
+      }
+      visitIfAny(lock, thread.name, {kNoStack}, rest(thread.entries, ofStacks));
+      ofThreads += std::max<std::uint64_t>(thread.entries, ofStacks);
+    }
+    visitIfAny(lock, kOtherThreads, {kNoStack}, rest(lock.entries, ofThreads));
+  }
+}
+
+std::string collapsedName(const std::string& name) {
+  std::string result = printable(name);
+  std::replace(result.begin(), result.end(), ';', ':');
+  return result;
+}
+
+class speedscopeWriter {
+ public:
+  explicit speedscopeWriter(std::ostream& out) : json_(out) {}
+
+  void write(const profile& all) {
+    json_.beginObject();
+    json_.member("$schema", "https://www.speedscope.app/file-format-schema.json");
+    json_.member("exporter", "twreport").member("name", "Contended locks");
+    json_.key("profiles").beginArray();
+    for (const lockReport& report : all.lockReports) {
+      writeProfile(report, all.stacks);
+    }
+    json_.endArray();
+    json_.key("shared").beginObject().key("frames").beginArray();
+    for (const std::string& name : names_) {
+      json_.beginObject().member("name", name).endObject();
+    }
+    json_.endArray().endObject().endObject();
+  }
+
+ private:
+  void writeProfile(const lockReport& report, const stackTable& stacks) {
+    std::vector<std::uint64_t> weights;
+    std::uint64_t all = 0;
+    json_.beginObject().member("type", "sampled").member("unit", "none");
+    json_.member("name",
+                 fmt::format("Lock session {} \"{}\"", report.sessionId, report.sessionName));
+    json_.key("samples").beginArray();
+    forEachStack(report, stacks,
+                 [&](const lockEntry& lock, const std::string& thread,
+                     const std::vector<std::string>& frames, std::uint64_t count) {
+                   json_.beginArray().value(idOf(lock.name)).value(idOf(thread));
+                   for (const std::string& frame : frames) {
+                     json_.value(idOf(frame));
+                   }
+                   json_.endArray();
+                   weights.push_back(count);
+                   all += count;
+                 });
+    json_.endArray().key("weights").beginArray();
+    for (std::uint64_t weight : weights) {
+      json_.value(weight);
+    }
+    json_.endArray().member("startValue", 0).member("endValue", all).endObject();
+  }
+
+  std::size_t idOf(const std::string& name) {
+    const auto [found, isNew] = ids_.emplace(name, names_.size());
+    if (isNew) {
+      names_.push_back(name);
+    }
+    return found->second;
+  }
+
+  jsonWriter json_;
+  std::vector<std::string> names_;
+  std::unordered_map<std::string, std::size_t> ids_;
+};
+
+std::string csvCell(const std::string& text) {
+  std::string cell = printable(text);
+  if (cell.find_first_of(",\"") == cell.npos) {
+    return cell;
+  }
+  for (std::size_t at = cell.find('"'); at != cell.npos; at = cell.find('"', at + 2)) {
+    cell.insert(at, 1, '"');
+  }
+  return '"' + cell + '"';
+}
+
+std::string csvCell(const char* text) {
+  return csvCell(std::string(text));
+}
+
+std::string csvCell(std::integral auto number) {
+  return std::to_string(number);
+}
+
+template <typename... cells>
+void csvRow(std::ostream& out, const cells&... content) {
+  const char* separator = "";
+  ((out << separator << csvCell(content), separator = ","), ...);
+  out << "\r\n";
+}
+
+void csvLocks(const profile& all, std::ostream& out) {
+  csvRow(out, "session", "lock", "class", "entries", "blocked_seconds", "waited_seconds",
+         "threads");
+  for (const lockReport& report : all.lockReports) {
+    for (const lockEntry& lock : report.locks) {
+      csvRow(out, report.sessionId, lock.name, classOf(lock.name), lock.entries,
+             lock.blockedSeconds, lock.waitedSeconds, lock.threads.size());
+    }
+  }
+}
+
+void csvThreads(const profile& all, std::ostream& out) {
+  csvRow(out, "session", "lock", "thread", "entries", "blocked_seconds", "waited_seconds");
+  for (const lockReport& report : all.lockReports) {
+    for (const lockEntry& lock : report.locks) {
+      for (const threadEntry& thread : lock.threads) {
+        csvRow(out, report.sessionId, lock.name, thread.name, thread.entries, thread.blockedSeconds,
+               thread.waitedSeconds);
+      }
+    }
+  }
+}
+
+void csvStacks(const profile& all, std::ostream& out) {
+  csvRow(out, "session", "lock", "thread", "entries", "stack");
+  for (const lockReport& report : all.lockReports) {
+    forEachStack(report, all.stacks,
+                 [&](const lockEntry& lock, const std::string& thread,
+                     const std::vector<std::string>& frames, std::uint64_t count) {
+                   csvRow(out, report.sessionId, lock.name, thread, count,
+                          fmt::format("{}", fmt::join(frames, ";")));
+                 });
+  }
+}
+
+void csvBlockers(const profile& all, std::ostream& out) {
+  csvRow(out, "session", "thread", "times_owner", "blocking_periods", "blocking_seconds");
+  for (const lockReport& report : all.lockReports) {
+    for (const blockerEntry& blocker : report.blockers) {
+      csvRow(out, report.sessionId, blocker.name, blocker.timesOwner, blocker.blockingPeriods,
+             blocker.blockingSeconds);
+    }
+  }
+}
+
+void csvExceptions(const profile& all, std::ostream& out) {
+  csvRow(out, "class", "site", "count", "caught", "uncaught", "first", "last");
+  for (const exceptionGroup& group : groupsOf(all)) {
+    csvRow(out, group.className, group.site.value_or(""), group.records.size(), group.caught,
+           group.uncaught, group.first, group.last);
+  }
+}
+
+void csvClasses(const profile& all, std::ostream& out) {
+  csvRow(out, "session", "class", "generation", "objects", "bytes");
+  for (const memoryReport& report : all.memoryReports) {
+    for (const classEntry& one : report.classes) {
+      for (const generationEntry& generation : one.generations) {
+        csvRow(out, report.sessionId, one.name, generation.generation, generation.objects,
+               generation.bytes);
+      }
+    }
+  }
+}
+
+// The samples of one metric. Those of the same labels are added up: a name must not come twice.
+class gauge {
+ public:
+  gauge(std::string name, const char* help) : name_("javanativeagent_" + name), help_(help) {}
+
+  using labels = std::vector<std::pair<const char*, std::string>>;
+  void add(const labels& of, std::uint64_t value) {
+    std::string text;
+    for (const auto& [name, content] : of) {
+      text += fmt::format("{}{}=\"{}\"", text.empty() ? "" : ",", name, escaped(content));
+    }
+    samples_[text] += value;
+  }
+
+  void write(std::ostream& out) const {
+    if (samples_.empty()) {
+      return;
+    }
+    out << fmt::format("# HELP {0} {1}\n# TYPE {0} gauge\n", name_, help_);
+    for (const auto& [of, value] : samples_) {
+      out << fmt::format("{}{{{}}} {}\n", name_, of, value);
+    }
+  }
+
+ private:
+  static std::string escaped(const std::string& text) {
+    std::string result;
+    for (char c : printable(text)) {
+      result += c == '"' || c == '\\' ? std::string{'\\', c} : std::string{c};
+    }
+    return result;
+  }
+
+  std::string name_;
+  const char* help_;
+  std::map<std::string, std::uint64_t> samples_;
+};
+
+void lockGauges(const profile& all, std::ostream& out) {
+  gauge entries("lock_entries", "Contended entries of a lock.");
+  gauge blocked("lock_blocked_seconds", "Time that threads blocked on a lock.");
+  gauge waited("lock_waited_seconds", "Time that threads waited in Object.wait on a lock.");
+  gauge threadEntries("lock_thread_entries", "Contended entries of a thread on a lock.");
+  gauge threadBlocked("lock_thread_blocked_seconds", "Time that a thread blocked on a lock.");
+  gauge owner("owner_found", "How often others came to a lock that a thread owned.");
+  gauge blocking("owner_blocking_seconds", "How long a thread kept others blocked.");
+  for (const lockReport& report : all.lockReports) {
+    const std::string session = std::to_string(report.sessionId);
+    for (const lockEntry& lock : report.locks) {
+      const gauge::labels of = {
+          {"session", session}, {"class", classOf(lock.name)}, {"lock", lock.name}};
+      entries.add(of, lock.entries);
+      blocked.add(of, lock.blockedSeconds);
+      waited.add(of, lock.waitedSeconds);
+      for (const threadEntry& thread : lock.threads) {
+        const gauge::labels on = {
+            {"session", session}, {"lock", lock.name}, {"thread", thread.name}};
+        threadEntries.add(on, thread.entries);
+        threadBlocked.add(on, thread.blockedSeconds);
+      }
+    }
+    for (const blockerEntry& blocker : report.blockers) {
+      const gauge::labels of = {{"session", session}, {"thread", blocker.name}};
+      owner.add(of, blocker.timesOwner);
+      blocking.add(of, blocker.blockingSeconds);
+    }
+  }
+  for (const gauge* one :
+       {&entries, &blocked, &waited, &threadEntries, &threadBlocked, &owner, &blocking}) {
+    one->write(out);
+  }
+}
+
+}  // namespace
+
+void writeCollapsed(const profile& all, std::ostream& out) {
+  for (const lockReport& report : all.lockReports) {
+    forEachStack(report, all.stacks,
+                 [&](const lockEntry& lock, const std::string& thread,
+                     const std::vector<std::string>& frames, std::uint64_t count) {
+                   out << collapsedName(lock.name) << ';' << collapsedName(thread);
+                   for (const std::string& frame : frames) {
+                     out << ';' << collapsedName(frame);
+                   }
+                   out << ' ' << count << '\n';
+                 });
+  }
+}
+
+void writeSpeedscope(const profile& all, std::ostream& out) {
+  speedscopeWriter(out).write(all);
+  out << '\n';
+}
+
+void writeCsv(const profile& all, csvTable what, std::ostream& out) {
+  switch (what) {
+    case csvTable::locks:
+      return csvLocks(all, out);
+    case csvTable::threads:
+      return csvThreads(all, out);
+    case csvTable::stacks:
+      return csvStacks(all, out);
+    case csvTable::blockers:
+      return csvBlockers(all, out);
+    case csvTable::exceptions:
+      return csvExceptions(all, out);
+    case csvTable::classes:
+      return csvClasses(all, out);
+  }
+}
+
+void writePrometheus(const profile& all, std::ostream& out) {
+  lockGauges(all, out);
+  gauge exceptions("exceptions", "Recorded exceptions of a class thrown at a site.");
+  for (const exceptionGroup& group : groupsOf(all)) {
+    exceptions.add({{"class", group.className}, {"site", group.site.value_or("")}},
+                   group.records.size());
+  }
+  exceptions.write(out);
+  gauge objects("surviving_objects", "Live objects of a class by the generation of their tag.");
+  gauge bytes("surviving_bytes", "Size of the live objects of a class by generation.");
+  for (const memoryReport& report : all.memoryReports) {
+    for (const classEntry& one : report.classes) {
+      for (const generationEntry& generation : one.generations) {
+        const gauge::labels of = {{"session", std::to_string(report.sessionId)},
+                                  {"class", one.name},
+                                  {"generation", std::to_string(generation.generation)}};
+        objects.add(of, generation.objects);
+        bytes.add(of, generation.bytes);
+      }
+    }
+  }
+  objects.write(out);
+  bytes.write(out);
+}
+
+}  // namespace viewer
