@@ -22,9 +22,9 @@ struct survivorLimit {
 };
 
 struct checkedLimits {
-  std::vector<blockedLimit> blocked;
-  std::vector<survivorLimit> survivors;
-  std::vector<std::string> exceptions;  // classes of which there must be no record
+  std::vector<blockedLimit> blocked = {};
+  std::vector<survivorLimit> survivors = {};
+  std::vector<std::string> exceptions = {};  // classes of which there must be no record
 };
 
 // "PATTERN=SECONDS" and "PATTERN=OBJECTS@COLLECTIONS" ("PATTERN=OBJECTS" for those that have

@@ -15,8 +15,6 @@ const shape& shapeOf<capturedValue>();
 template <>
 const shape& shapeOf<std::vector<capturedValue>>();
 template <>
-const shape& shapeOf<std::optional<std::vector<capturedValue>>>();
-template <>
 const shape& shapeOf<exceptionFrame>();
 template <>
 const shape& shapeOf<std::vector<exceptionFrame>>();
@@ -39,12 +37,10 @@ place recordAt(void* target) {
   return at<member>(&static_cast<line*>(target)->record);
 }
 
-place valueInFields(void* target) {
-  auto& fields = *static_cast<std::optional<std::vector<capturedValue>>*>(target);
-  if (!fields) {
-    fields.emplace();
-  }
-  return appended<capturedValue>(&*fields);
+// An object without fields is none the less one that was read.
+place fieldsOf(void* target) {
+  auto& fields = static_cast<capturedValue*>(target)->fields.emplace();
+  return {&shapeOf<std::vector<capturedValue>>(), &fields};
 }
 
 const shape& recordShape() {
@@ -94,19 +90,13 @@ const shape& shapeOf<capturedValue>() {
                                .members = {{"name", at<&capturedValue::name>},
                                            {"type", at<&capturedValue::type>},
                                            {"value", at<&capturedValue::value>, false},
-                                           {"fields", at<&capturedValue::fields>, false}}};
+                                           {"fields", fieldsOf, false}}};
   return result;
 }
 
 template <>
 const shape& shapeOf<std::vector<capturedValue>>() {
   static const shape result = {.expected = "an array", .element = appended<capturedValue>};
-  return result;
-}
-
-template <>
-const shape& shapeOf<std::optional<std::vector<capturedValue>>>() {
-  static const shape result = {.expected = "an array", .element = valueInFields};
   return result;
 }
 

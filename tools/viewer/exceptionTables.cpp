@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "tableParts.h"
 #include "textTable.h"
 #include "utf8.h"
@@ -58,14 +60,24 @@ std::string groupCaught(const exceptionGroup& group) {
   return group.caught + group.uncaught == 0 ? "-" : std::to_string(group.caught);
 }
 
-// "2026-11-21 14:35:15" of "2026-11-21T14:35:15.123Z", and any other text as it is.
-std::string shortTime(const std::string& time) {
-  constexpr std::size_t kDate = 10;
+constexpr std::size_t kDate = 10;  // "2026-11-21" of "2026-11-21T14:35:15.123Z"
+
+// The date that all records have; empty when there is no such.
+std::string commonDate(const std::vector<exceptionGroup>& groups) {
+  const auto dateOf = [](const std::string& time) {
+    return time.size() > kDate && time[kDate] == 'T' ? time.substr(0, kDate) : "";
+  };
+  const std::string date = groups.empty() ? "" : dateOf(groups.front().first);
+  const bool isCommon = std::all_of(groups.begin(), groups.end(), [&](const exceptionGroup& group) {
+    return dateOf(group.first) == date && dateOf(group.last) == date;
+  });
+  return isCommon ? date : "";
+}
+
+// To the second, and without the date when it is told elsewhere.
+std::string shownTime(const std::string& time, bool hasDate) {
   constexpr std::size_t kSeconds = 19;
-  if (time.size() < kSeconds || time[kDate] != 'T') {
-    return time;
-  }
-  return time.substr(0, kDate) + ' ' + time.substr(kDate + 1, kSeconds - kDate - 1);
+  return hasDate ? time.substr(kDate + 1, kSeconds - kDate - 1) : time.substr(0, kSeconds);
 }
 
 }  // namespace
@@ -84,6 +96,9 @@ std::string topExceptions(const exceptionLog& log, std::size_t rows, const look&
   if (groups.empty()) {
     return "No exception was recorded.\n";
   }
+  const std::string date = commonDate(groups);
+  const std::string name =
+      "Exceptions by class and site" + (date.empty() ? "" : ", " + printable(date));
   textTable table({{"Count", align::right},
                    {"Caught", align::right},
                    {"Exception", align::left, shorten::start},
@@ -93,11 +108,10 @@ std::string topExceptions(const exceptionLog& log, std::size_t rows, const look&
                    {"Record", align::right}});
   for (const exceptionGroup& group : first(groups, rows)) {
     table.addRow({std::to_string(group.records.size()), groupCaught(group), group.className,
-                  group.site.value_or("(no frames)"), shortTime(group.first), shortTime(group.last),
-                  std::to_string(group.records.front() + 1)});
+                  group.site.value_or("(no frames)"), shownTime(group.first, !date.empty()),
+                  shownTime(group.last, !date.empty()), std::to_string(group.records.front() + 1)});
   }
-  return title("Exceptions by class and site", groups.size(), rows, terminal) +
-         table.render(terminal);
+  return title(name, groups.size(), rows, terminal) + table.render(terminal);
 }
 
 std::string recordTree(const exceptionLog& log, std::size_t number, const look& terminal) {

@@ -1,0 +1,287 @@
+#include "profile.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "jsonForm.h"
+#include "jsonWriter.h"
+#include "profileTables.h"
+#include "testReport.h"
+
+namespace viewer {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+const fs::path kData = DATA_FOLDER;
+const std::string kMemory =
+    R"({"sessionname": "memoryLeak", "sessionid": 1, "topNMemoryleakClass": {}})";
+
+class inputs : public testing::Test {
+ protected:
+  inputs() {
+    std::string pattern = testing::TempDir() + "viewerXXXXXX";
+    folder_ = mkdtemp(pattern.data());
+  }
+  ~inputs() override { fs::remove_all(folder_); }
+
+  fs::path write(const std::string& name, const std::string& text) const {
+    const fs::path file = folder_ / name;
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << text;
+    return file;
+  }
+
+  fs::path folder_;
+};
+
+TEST_F(inputs, areKnownByTheirContent) {
+  const profile all = readProfile({write("a", kReport), write("b", kStacks), write("c", kMemory)});
+  EXPECT_THAT(all.problems, IsEmpty());
+  EXPECT_EQ(all.lockReports.size(), 1U);
+  EXPECT_EQ(all.stacks.size(), 2U);
+  EXPECT_EQ(all.memoryReports.size(), 1U);
+}
+
+TEST_F(inputs, areReadWholeAcrossBlocks) {
+  // Characters of several bytes, so that the ends of blocks cut some of them.
+  std::string name;
+  for (int i = 0; i < 100'000; i++) {
+    name += "\xED\xA0\xBD\xED\xB8\x80x";
+  }
+  const profile all = readProfile({write("r.json", replaced(kReport, "checkout", name))});
+  ASSERT_EQ(all.lockReports.size(), 1U);
+  const std::string& read = all.lockReports[0].sessionName;
+  ASSERT_EQ(read.size(), 500'000U);
+  for (std::size_t i = 0; i < read.size(); i += 5) {
+    ASSERT_EQ(read.substr(i, 5), "\U0001F600x");
+  }
+}
+
+TEST_F(inputs, ofAFolderAreAllThatAreReports) {
+  write("locks-1.json", kReport);
+  write("locks-1.stacks", kStacks);
+  write("locks-2.json.part", "{");
+  write("notes.txt", "11 and more");
+  write("other.json", R"({"name": "x"})");
+  write("exceptions.jsonl", "");
+  write("logs/agent.log", "x");
+  const profile all = readProfile({folder_});
+  EXPECT_THAT(all.problems, IsEmpty());
+  EXPECT_THAT(all.inputs, ElementsAre(folder_ / "locks-1.json", folder_ / "locks-1.stacks"));
+  EXPECT_FALSE(all.exceptions);
+}
+
+TEST_F(inputs, ofAnOutputFolderAreThoseOfItsNewestRun) {
+  write("run-20261121-090000-99/locks-1.json", replaced(kReport, "checkout", "old"));
+  write("run-20261121-100000-7/locks-1.json", replaced(kReport, "checkout", "new"));
+  const profile all = readProfile({folder_});
+  ASSERT_EQ(all.lockReports.size(), 1U);
+  EXPECT_EQ(all.lockReports[0].sessionName, "new");
+}
+
+TEST_F(inputs, ofARunHaveTheRunsData) {
+  write("run.json", R"({"pid": 12, "started": "s", "java": "17", "vm": "v", "command": "c",
+                        "options": {"locks": true, "locks.top": -1, "output": "o"}})");
+  const profile all = readProfile({folder_});
+  ASSERT_TRUE(all.run);
+  EXPECT_EQ(all.run->pid, 12);
+  EXPECT_EQ(all.run->options.at("locks"), "true");
+  EXPECT_EQ(all.run->options.at("locks.top"), "-1");
+  EXPECT_EQ(profileTables(all, {}, {}), "Run of c, process 12, started s, Java 17\n");
+}
+
+TEST_F(inputs, ofTwoRunsAreNotMixedSilently) {
+  const fs::path run = write("run.json", R"({"pid": 12})");
+  const profile all = readProfile({run, run});
+  ASSERT_THAT(all.problems, SizeIs(1));
+  EXPECT_THAT(all.problems[0], HasSubstr("expected the files of one run"));
+}
+
+TEST_F(inputs, thatCannotBeReadAreToldAndTheOthersRead) {
+  write("a.json", "");
+  write("b.json", kReport.substr(0, 100));
+  write("c.json", kReport);
+  const profile all = readProfile({folder_, folder_ / "missing"});
+  EXPECT_EQ(all.lockReports.size(), 1U);
+  ASSERT_THAT(all.problems, SizeIs(3));
+  EXPECT_EQ(all.problems[0], folder_.string() + "/a.json: expected a report, found an empty file");
+  EXPECT_THAT(all.problems[1], StartsWith(folder_.string() + "/b.json: expected a JSON document"));
+  EXPECT_EQ(all.problems[2],
+            folder_.string() + "/missing: cannot be read: No such file or directory");
+}
+
+TEST_F(inputs, thatAreNoReportsAreRefused) {
+  const fs::path text = write("a.txt", "hello");
+  const fs::path json = write("a.json", R"({"name": "x"})");
+  fs::create_directory(folder_ / "empty");
+  const fs::path pipe = folder_ / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  const profile all = readProfile({text, json, folder_ / "empty", pipe});
+  ASSERT_THAT(all.problems, SizeIs(4));
+  EXPECT_THAT(all.problems[0], HasSubstr("a.txt: expected a lock report, stack file, "));
+  EXPECT_THAT(all.problems[1], HasSubstr("a.json: expected a lock report, stack file, "));
+  EXPECT_THAT(all.problems[2], HasSubstr("empty: expected reports in the folder, found none"));
+  EXPECT_THAT(all.problems[3], HasSubstr("pipe: expected a file, found a pipe or device"));
+}
+
+TEST_F(inputs, mayHaveAnyName) {
+  const profile all = readProfile({write("\x1b\xff.json", "")});
+  ASSERT_THAT(all.problems, SizeIs(1));
+  EXPECT_THAT(all.problems[0], HasSubstr("\x1b\uFFFD.json: expected a report"));
+}
+
+TEST(recordedRun, isReadWhole) {
+  const profile all = readProfile({kData / "shop-run"});
+  EXPECT_THAT(all.problems, IsEmpty());
+  ASSERT_TRUE(all.run);
+  ASSERT_EQ(all.lockReports.size(), 1U);
+  ASSERT_TRUE(all.exceptions);
+  EXPECT_EQ(all.exceptions->size(), 6U);
+  EXPECT_EQ(all.exceptions->recorded(), 6);
+  ASSERT_EQ(all.memoryReports.size(), 1U);
+  EXPECT_EQ(all.memoryReports[0].classes[0].name, "com.example.shop.Session");
+  EXPECT_EQ(all.stacks.size(), all.lockReports[0].distinctStacks);
+  for (const lockEntry& lock : all.lockReports[0].locks) {
+    for (const threadEntry& thread : lock.threads) {
+      for (const stackUse& use : thread.stacks) {
+        EXPECT_NE(all.stacks.find(use.hash), nullptr) << lock.name << ", " << thread.name;
+      }
+    }
+  }
+}
+
+profile small() {
+  profile all;
+  all.lockReports = {parsedReport()};
+  all.stacks = parsedStacks();
+  return all;
+}
+
+TEST(filter, keepsLocksByNameThreadAndStack) {
+  const auto locksWith = [](const std::string& text) {
+    profile all = small();
+    filter(all, text);
+    return all.lockReports[0].locks.size();
+  };
+  EXPECT_EQ(locksWith("a.cart"), 1U);
+  EXPECT_EQ(locksWith("WORKER-2"), 1U);
+  EXPECT_EQ(locksWith("Stock.put"), 1U);
+  EXPECT_EQ(locksWith("Stock.take"), 2U);
+  EXPECT_EQ(locksWith("none"), 0U);
+}
+
+TEST(filter, keepsExceptionsByAnythingInThem) {
+  const auto recordsWith = [](const std::string& text) {
+    profile all = readProfile({kData / "shop-run"});
+    filter(all, text);
+    return all.exceptions->size();
+  };
+  EXPECT_EQ(recordsWith("paymentrefused"), 2U);
+  EXPECT_EQ(recordsWith("\U0001F600"), 4U);
+  EXPECT_EQ(recordsWith("holder"), 2U);
+  EXPECT_EQ(recordsWith("none of this"), 0U);
+}
+
+TEST(matches, takesStarsForAnyText) {
+  EXPECT_TRUE(matches("a.B", "a.B"));
+  EXPECT_FALSE(matches("a.B", "a.Bc"));
+  EXPECT_FALSE(matches("a.B", "xa.B"));
+  EXPECT_TRUE(matches("a.*", "a."));
+  EXPECT_TRUE(matches("a.*", "a.b.C"));
+  EXPECT_TRUE(matches("*.C", "a.C.C"));
+  EXPECT_TRUE(matches("a*b*c", "aXbXbXc"));
+  EXPECT_FALSE(matches("a*b*c", "aXbX"));
+  EXPECT_TRUE(matches("**", ""));
+  EXPECT_FALSE(matches("", "a"));
+  EXPECT_FALSE(matches(std::string(100, '*') + "b", std::string(100'000, 'a')));
+}
+
+nlohmann::json formOf(const profile& all) {
+  std::ostringstream text;
+  writeJson(all, text);
+  return nlohmann::json::parse(text.str());
+}
+
+TEST(jsonForm, holdsLocksWithStacksAndFramesByIndex) {
+  const nlohmann::json session = formOf(small())["locks"][0];
+  EXPECT_EQ(session["totals"], nlohmann::json::parse(R"({"locks": 2, "entries": 15,
+      "blockedSeconds": 4, "waitedSeconds": 2, "threads": 2})"));
+  const nlohmann::json& lock = session["locks"][0];
+  EXPECT_EQ(lock["name"], "a.Stock@9");
+  EXPECT_EQ(lock["class"], "a.Stock");
+  EXPECT_EQ(lock["identity"], "9");
+  EXPECT_EQ(lock["graph"], nlohmann::json({5, 7}));
+  const nlohmann::json& use = lock["threads"][0]["stacks"][0];
+  const nlohmann::json& stack = session["stacks"][use[0].get<std::size_t>()];
+  EXPECT_EQ(stack["hash"], "11");
+  EXPECT_EQ(use[1], 5);
+  EXPECT_EQ(session["frames"][stack["frames"][0].get<std::size_t>()], "a.Stock.take");
+  EXPECT_EQ(session["threads"][0]["timesOwner"], 9);
+  EXPECT_EQ(session["sites"][0]["method"], "a.Stock.take");
+  EXPECT_EQ(session["sites"][0]["locks"], nlohmann::json({0, 1}));
+  EXPECT_EQ(session["blockers"][0]["blockingSeconds"], 5);
+}
+
+TEST(jsonForm, saysWhatIsNotThere) {
+  profile all;
+  all.lockReports = {parsedReport()};
+  const nlohmann::json form = formOf(all);
+  EXPECT_TRUE(form["run"].is_null());
+  EXPECT_TRUE(form["exceptions"].is_null());
+  EXPECT_EQ(form["memory"], nlohmann::json::array());
+  EXPECT_TRUE(form["locks"][0]["stacks"][0]["frames"].is_null());
+  EXPECT_TRUE(form["locks"][0]["sites"][0]["method"].is_null());
+}
+
+TEST(jsonForm, holdsWholeExceptionRecords) {
+  const nlohmann::json exceptions = formOf(readProfile({kData / "shop-run"}))["exceptions"];
+  EXPECT_EQ(exceptions["recorded"], 6);
+  EXPECT_EQ(exceptions["groups"][0]["count"], 2);
+  std::ifstream lines(kData / "shop-run" / "exceptions.jsonl");
+  for (const nlohmann::json& record : exceptions["records"]) {
+    std::string line;
+    std::getline(lines, line);
+    nlohmann::json recorded = nlohmann::json::parse(line);
+    recorded.emplace("ambiguous", nlohmann::json::array());
+    EXPECT_EQ(record, recorded);
+  }
+}
+
+TEST(jsonForm, holdsGenerations) {
+  const nlohmann::json memory = formOf(readProfile({kData / "memory-report.json"}))["memory"][0];
+  EXPECT_EQ(memory["generations"], nlohmann::json({1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(memory["totals"]["objects"], 21773);
+  EXPECT_EQ(memory["classes"][0]["name"], "com.example.shop.Session");
+  EXPECT_EQ(memory["classes"][0]["bytes"], "696640");
+  EXPECT_EQ(memory["classes"][0]["generations"][5],
+            nlohmann::json::parse(R"({"generation": 6, "objects": 25, "bytes": "800"})"));
+}
+
+TEST(jsonWriter, escapesWhatCouldDoHarm) {
+  std::ostringstream text;
+  jsonWriter(text).value("a\"\\\n\x01\x7F\u009B\u00E9</script>\U0001F600");
+  EXPECT_EQ(text.str(), "\"a\\\"\\\\\\u000a\\u0001\\u007f\\u009b\u00E9\\u003c/script>\U0001F600\"");
+}
+
+TEST(jsonWriter, separatesMembersAndElements) {
+  std::ostringstream text;
+  jsonWriter json(text);
+  json.beginObject().member("a", 1).key("b").beginArray().value(true).null().beginArray();
+  json.endArray().endArray().member("c", std::optional<int>()).endObject();
+  EXPECT_EQ(text.str(), R"({"a":1,"b":[true,null,[]],"c":null})");
+}
+
+}  // namespace
+}  // namespace viewer
