@@ -1,0 +1,118 @@
+// The page: reads the report that it holds, and shows one of its views at a time, named by the
+// address's part after "#": the view's id, and after a slash what to show in it.
+
+const kViews = [overviewView, lockView, flameView, blockerView, exceptionView, memoryView];
+
+class Page {
+  constructor(report) {
+    this.report = report;
+    this.session = report.locks[0] ?? null;
+    this.built = new Map();  // view id to what its build() gave
+    this.views = kViews.filter((view) => view.isIn(report, this.session));
+    this.content = document.getElementById('content');
+    this.showTitle();
+    this.showSessions();
+    document.getElementById('views').append(...this.views.map((view) =>
+      el('li', null, el('a', {href: `#${view.id}`}, view.title))));
+    window.addEventListener('hashchange', () => this.open(true));
+  }
+
+  showTitle() {
+    const run = this.report.run;
+    const name = run?.command || this.session?.name;
+    const title = name ? `Profiling report: ${name}` : 'Profiling report';
+    document.title = visibleText(title);
+    document.getElementById('title').textContent = visibleText(title);
+    document.getElementById('subtitle').textContent = visibleText([
+      run?.started && `started ${formatTime(run.started)}`,
+      run?.pid !== undefined && run.pid !== null && `process ${run.pid}`,
+      run?.java && `Java ${run.java}`,
+      plural(this.report.inputs.length, 'file', 'files'),
+    ].filter(Boolean).join(' · '));
+  }
+
+  showSessions() {
+    const sessions = this.report.locks;
+    if (sessions.length < 2) {
+      return;
+    }
+    const choice = document.getElementById('session');
+    choice.append(...sessions.map((session, index) =>
+      el('option', {value: index}, `${session.id}: ${session.name}`)));
+    choice.addEventListener('change', () => {
+      this.session = sessions[Number(choice.value)];
+      this.built.clear();
+      history.replaceState(null, '', `#${this.viewId()}`);
+      this.open(false);
+    });
+    document.getElementById('session-switch').hidden = false;
+  }
+
+  viewId() {
+    return location.hash.slice(1).split('/')[0];
+  }
+
+  // Shows the view that the address names; the focus goes to it when the reader went there.
+  open(byReader) {
+    const [id, argument = ''] = location.hash.slice(1).split('/');
+    if (id === 'content') {
+      return;  // the link that skips the navigation
+    }
+    const view = this.views.find((one) => one.id === id) ?? this.views[0];
+    if (!this.built.has(view.id)) {
+      this.built.set(view.id, view.build(this.report, this.session));
+    }
+    const built = this.built.get(view.id);
+    if (this.current !== built) {
+      this.content.replaceChildren(el('h2', {class: 'unseen'}, view.title), built.element);
+      this.current = built;
+    }
+    for (const link of document.querySelectorAll('#views a')) {
+      const isHere = link.getAttribute('href') === `#${view.id}`;
+      link.toggleAttribute('aria-current', isHere);
+      if (isHere) {
+        link.setAttribute('aria-current', 'page');
+      }
+    }
+    built.open?.(argument);
+    if (byReader) {
+      window.scrollTo(0, 0);
+      this.content.focus({preventScroll: true});
+    }
+  }
+}
+
+// The choice of colours is kept where the browser lets a file keep something.
+function startTheme(redraw) {
+  const kKey = 'colours';
+  const choice = document.getElementById('theme');
+  const apply = () => {
+    document.documentElement.dataset.theme = choice.value;
+    redraw();
+  };
+  try {
+    choice.value = localStorage.getItem(kKey) ?? 'auto';
+  } catch {
+    // Not kept then.
+  }
+  choice.addEventListener('change', () => {
+    apply();
+    try {
+      localStorage.setItem(kKey, choice.value);
+    } catch {
+      // Not kept then.
+    }
+  });
+  matchMedia('(prefers-color-scheme: dark)').addEventListener('change', redraw);
+  apply();
+}
+
+function start() {
+  let page = null;
+  startTheme(() => page?.current?.redraw?.());
+  page = new Page(JSON.parse(document.getElementById('report').textContent));
+  page.open(false);
+}
+
+// The frame of the page is painted before the report, which may be large, is read.
+requestAnimationFrame(() => setTimeout(start));

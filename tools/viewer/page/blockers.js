@@ -1,0 +1,81 @@
+// Who blocks whom: a matrix of owner threads and blocked threads, and its pairs as a table.
+
+const kMatrixSide = 25;
+
+const blockerView = {
+  id: 'blockers',
+  title: 'Who blocks whom',
+  isIn: (report, session) => Boolean(session),
+
+  build(report, session) {
+    const pairs = blockingPairs(session);
+    return {element: el('div', null,
+      panel('Who blocks whom',
+        el('p', {class: 'note'}, 'The agent counts how often each thread was found owning a lock ' +
+          'that another thread came to, and how often each thread came to each lock, but not the ' +
+          'pairs. The cells are therefore estimates (≈): the count of an owner is spread over the ' +
+          'locks that it owned and the threads that came to them. The sums of the owners are exact. A ' +
+          'hatched row is an owner that never blocked itself: its locks are not known, all are taken.'),
+        session.blockers.length > 0 ? matrix(session, pairs)
+          : el('p', {class: 'note'}, 'No thread was found owning a lock while others came to it.')),
+      panel('Pairs', pairTable(session, pairs)),
+      panel('Owners', ownerTable(session)))};
+  },
+};
+
+function matrix(session, pairs) {
+  const owners = [...session.blockers].sort((a, b) => b.timesOwner - a.timesOwner)
+    .slice(0, kMatrixSide);
+  const blocked = session.threads.filter((thread) => thread.entries > 0)
+    .sort((a, b) => b.entries - a.entries).slice(0, kMatrixSide);
+  const highest = Math.max(...pairs.map((pair) => pair.estimate), 1);
+  const cells = new Map(pairs.map((pair) => [JSON.stringify([pair.owner, pair.blocked]), pair]));
+  const cell = (owner, thread) => {
+    if (owner.name === thread.name) {
+      return el('td', {class: 'self'}, el('span', {class: 'unseen'}, 'itself'));
+    }
+    const pair = cells.get(JSON.stringify([owner.name, thread.name]));
+    const estimate = Math.round(pair?.estimate ?? 0);
+    const element = el('td', {class: pair?.spread ? 'spread' : null,
+      title: `${owner.name} blocks ${thread.name}: ≈ ${formatNumber(estimate)}`},
+    estimate > 0 ? formatNumber(estimate) : '');
+    element.style.setProperty('--heat', `${(50 * (pair?.estimate ?? 0)) / highest}%`);
+    return element;
+  };
+  const hidden = session.blockers.length > kMatrixSide || blocked.length === kMatrixSide;
+  return el('div', {class: 'scroller matrix-frame', tabindex: '0', role: 'region',
+    'aria-label': 'Matrix of owner threads and blocked threads'},
+  el('table', {class: 'matrix'},
+    el('caption', null, 'Rows: owner threads. Columns: threads that came to their locks.',
+      hidden && ` The first ${kMatrixSide} of each; the pairs below are complete.`),
+    el('thead', null, el('tr', null, el('th', {scope: 'col'}, 'Owner'),
+      el('th', {scope: 'col', class: 'number'}, 'Found owning'),
+      blocked.map((thread) => el('th', {scope: 'col', class: 'upright', title: thread.name},
+        el('span', null, thread.name))))),
+    el('tbody', null, owners.map((owner) => el('tr', null,
+      el('th', {scope: 'row', title: owner.name}, owner.name),
+      el('td', {class: 'number total'}, formatNumber(owner.timesOwner)),
+      blocked.map((thread) => cell(owner, thread)))))));
+}
+
+function pairTable(session, pairs) {
+  const lockNames = (pair) => pair.spread ? 'not known'
+    : pair.locks.map((index) => shortName(session.locks[index].name)).join(', ');
+  return filteredTable({caption: 'Pairs of owner and blocked thread', rows: pairs, sortBy: 2,
+    columns: [
+      {title: 'Owner', wide: true, value: (row) => row.owner},
+      {title: 'Blocked', wide: true, value: (row) => row.blocked},
+      {title: '≈ Times', numeric: true, value: (row) => row.estimate,
+        show: (row) => formatNumber(Math.round(row.estimate))},
+      {title: 'Locks in common', wide: true, value: lockNames},
+    ]}, (row) => `${row.owner}\n${row.blocked}`).element;
+}
+
+function ownerTable(session) {
+  return dataTable({caption: 'Owner threads', rows: session.blockers, sortBy: 1, columns: [
+    {title: 'Owner', wide: true, value: (row) => row.name},
+    {title: 'Found owning', numeric: true, value: (row) => row.timesOwner},
+    {title: 'Blocking periods', numeric: true, value: (row) => row.blockingPeriods},
+    {title: 'Blocking s', numeric: true, value: (row) => row.blockingSeconds},
+  ]}).element;
+}

@@ -1,0 +1,82 @@
+// Small pictures in SVG. Each is an image with a label; the numbers stand in a table next to it.
+
+// The next "round" number (1, 2 or 5 times a power of ten) at or above the value.
+function roundUp(value) {
+  const power = 10 ** Math.floor(Math.log10(Math.max(value, 1)));
+  return [1, 2, 5, 10].map((factor) => factor * power).find((round) => round >= value);
+}
+
+// Bars for contended entries by minute, with axes.
+function minuteChart(values, label) {
+  const [width, height, left, bottom, top] = [720, 180, 56, 34, 10];
+  const plotWidth = width - left - 8;
+  const plotHeight = height - bottom - top;
+  const highest = roundUp(Math.max(...values, 1));
+  const step = plotWidth / values.length;
+  const y = (value) => top + plotHeight * (1 - value / highest);
+  const ticks = highest === 1 ? [0, 1] : [0, highest / 2, highest].filter(Number.isInteger);
+  const picture = svg('svg', {viewBox: `0 0 ${width} ${height}`, class: 'chart', role: 'img',
+    'aria-label': label});
+  for (const tick of ticks) {
+    picture.append(
+      svg('line', {class: 'grid', x1: left, x2: width - 8, y1: y(tick), y2: y(tick)}),
+      svg('text', {x: left - 8, y: y(tick) + 4, 'text-anchor': 'end'}, formatNumber(tick)));
+  }
+  const gap = Math.min(2, step / 5);
+  const barWidth = Math.min(step - gap, 48);
+  const labelEvery = Math.ceil(values.length / 15);
+  values.forEach((value, minute) => {
+    const middle = left + step * (minute + 0.5);
+    picture.append(svg('rect', {class: 'bar', x: middle - barWidth / 2, width: barWidth,
+      y: y(value), height: plotHeight * value / highest},
+    svg('title', null, `Minute ${minute + 1}: ${plural(value, 'entry', 'entries')}`)));
+    if (minute % labelEvery === 0) {
+      picture.append(svg('text', {x: middle, y: height - bottom + 16, 'text-anchor': 'middle'},
+        String(minute + 1)));
+    }
+  });
+  picture.append(svg('text', {class: 'axis', x: left + plotWidth / 2, y: height - 3,
+    'text-anchor': 'middle'}, 'minute'));
+  return picture;
+}
+
+// The same in the height of a table row, without axes; up to `highest`.
+function sparkline(values, highest) {
+  const [width, height] = [110, 18];
+  const step = width / Math.max(values.length, 1);
+  const picture = svg('svg', {viewBox: `0 0 ${width} ${height}`, class: 'sparkline',
+    'aria-hidden': 'true'});
+  values.forEach((value, minute) => {
+    const size = value === 0 ? 0 : Math.max(1, (height * value) / highest);
+    picture.append(svg('rect', {x: minute * step, y: height - size, height: size,
+      width: Math.max(Math.min(step * 0.85, 14), 0.3)}));
+  });
+  return picture;
+}
+
+// A bar of parts next to each other: parts are {size, colour, label}, drawn to the scale of
+// `whole`.
+function stackedBar(parts, whole, label) {
+  const [width, height] = [1000, 18];
+  const picture = svg('svg', {viewBox: `0 0 ${width} ${height}`, class: 'stacked', role: 'img',
+    preserveAspectRatio: 'none', 'aria-label': label});
+  let x = 0;
+  for (const part of parts) {
+    const size = whole > 0 ? (width * part.size) / whole : 0;
+    picture.append(svg('rect', {x, y: 0, width: size, height, fill: part.colour},
+      svg('title', null, part.label)));
+    x += size;
+  }
+  return picture;
+}
+
+// A colour between dark blue (0, the oldest) and yellow (1, the youngest), told apart by lightness
+// and so in every kind of colour vision.
+function ageColour(place) {
+  const stops = [[44, 82, 140], [134, 133, 130], [245, 218, 104]];
+  const at = Math.max(0, Math.min(1, place)) * (stops.length - 1);
+  const from = Math.min(Math.floor(at), stops.length - 2);
+  const mixed = stops[from].map((part, i) =>
+    Math.round(part + (stops[from + 1][i] - part) * (at - from)));
+  return `rgb(${mixed.join(', ')})`;
+}

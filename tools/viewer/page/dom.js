@@ -1,0 +1,103 @@
+// Elements made from values. Texts of a report only ever become text nodes and attributes, never
+// markup, and pass through visibleText on the way.
+
+const kLongestText = 4000;
+const kControlPictures = 0x2400;
+
+// The text with a visible sign for each character that a browser would hide, or that would change
+// the order of those around it; cut when it is so long that it would only fill the page.
+function visibleText(text) {
+  const shown = String(text).slice(0, kLongestText).replace(
+    // eslint-disable-next-line no-control-regex
+    /[\u0000-\u001f\u007f-\u009f\u00ad\u061c\u200b-\u200f\u2028-\u202e\u2060-\u206f\ufeff]/g,
+    (sign) => {
+      const code = sign.charCodeAt(0);
+      return code < 0x20 ? String.fromCharCode(kControlPictures + code) : '\ufffd';
+    });
+  return text.length > kLongestText ? `${shown}… (${formatNumber(text.length)} characters)` : shown;
+}
+
+function setAttributes(element, attributes) {
+  for (const [name, value] of Object.entries(attributes)) {
+    if (typeof value === 'function') {
+      element.addEventListener(name, value);
+    } else if (value === true) {
+      element.setAttribute(name, '');
+    } else if (value !== undefined && value !== null && value !== false) {
+      element.setAttribute(name, visibleText(value));
+    }
+  }
+}
+
+function appendAll(element, children) {
+  for (const child of children.flat(Infinity)) {
+    if (child instanceof Node) {
+      element.append(child);
+    } else if (child !== undefined && child !== null && child !== false) {
+      element.append(visibleText(child));
+    }
+  }
+}
+
+// el('td', {class: 'number', click: listener}, 'text', otherElement, [more]). Attributes and
+// children that are null, undefined or false are left out; a function is a listener.
+function el(name, attributes, ...children) {
+  const element = document.createElement(name);
+  setAttributes(element, attributes ?? {});
+  appendAll(element, children);
+  return element;
+}
+
+// The same for SVG.
+function svg(name, attributes, ...children) {
+  const element = document.createElementNS('http://www.w3.org/2000/svg', name);
+  setAttributes(element, attributes ?? {});
+  appendAll(element, children);
+  return element;
+}
+
+// Has a screen reader say the text.
+function announce(text) {
+  document.getElementById('announcer').textContent = visibleText(text);
+}
+
+// Calls `action` once its calls have paused: for inputs that change with each key.
+function afterTyping(action) {
+  const kPauseMilliseconds = 150;
+  let timer = 0;
+  return () => {
+    clearTimeout(timer);
+    timer = setTimeout(action, kPauseMilliseconds);
+  };
+}
+
+let lastId = 0;
+const newId = (prefix) => `${prefix}-${++lastId}`;
+
+// A label with its input, select or the like.
+function field(label, control) {
+  control.id ||= newId('field');
+  return el('span', {class: 'field'}, el('label', {for: control.id}, label), control);
+}
+
+// A titled part of a view.
+function panel(title, ...children) {
+  const id = newId('panel');
+  return el('section', {class: 'panel', 'aria-labelledby': id}, el('h3', {id}, title), ...children);
+}
+
+// A picture with the table of its numbers, which opens below it.
+function figure(caption, picture, table) {
+  return el('figure', null, el('figcaption', null, caption), picture,
+    el('details', {class: 'numbers'}, el('summary', null, 'The numbers as a table'), table));
+}
+
+// The colour that a CSS custom property stands for in the chosen theme, as canvas takes it.
+function themeColour(property) {
+  const probe = el('span', {hidden: true});
+  probe.style.color = `var(${property})`;
+  document.body.append(probe);
+  const colour = getComputedStyle(probe).color;
+  probe.remove();
+  return colour;
+}

@@ -1,0 +1,44 @@
+// Numbers and names as the page shows them.
+
+const numberFormat = new Intl.NumberFormat('en');
+const textOrder = new Intl.Collator('en');
+const formatNumber = (value) => numberFormat.format(value);
+const formatSeconds = (value) => `${formatNumber(value)} s`;
+
+// 1234 of 5000 as "25 %", "<1 %" for little and "" of nothing.
+function formatShare(part, whole) {
+  if (whole <= 0) {
+    return '';
+  }
+  const percent = (100 * part) / whole;
+  return percent > 0 && percent < 1 ? '<1 %' : `${Math.round(percent)} %`;
+}
+
+// Bytes, given as a number or as decimal text, with a binary unit.
+function formatBytes(bytes) {
+  const units = ['B', 'KiB', 'MiB', 'GiB', 'TiB', 'PiB', 'EiB'];
+  let value = Number(bytes);
+  let unit = 0;
+  while (value >= 1024 && unit < units.length - 1) {
+    value /= 1024;
+    unit++;
+  }
+  return `${value >= 100 || unit === 0 ? Math.round(value) : value.toFixed(1)} ${units[unit]}`;
+}
+
+// Bytes to the last digit, for decimal texts that pass what a number holds exactly.
+const formatExactBytes = (bytes) => numberFormat.format(BigInt(bytes));
+
+// "2026-11-21T14:35:15.123Z" as "2026-11-21 14:35:15.123".
+const formatTime = (time) => (time ?? '').replace('T', ' ').replace(/Z$/, '');
+
+// "com.example.Stock@9" as "Stock@9", and "a.b.C.m" as "C.m".
+function shortName(name, parts = 1) {
+  const pieces = name.split('.');
+  return pieces.slice(-parts).join('.');
+}
+const shortMethod = (name) => shortName(name, 2);
+
+const plural = (count, one, many) => `${formatNumber(count)} ${count === 1 ? one : many}`;
+
+const sum = (values) => values.reduce((total, value) => total + value, 0);

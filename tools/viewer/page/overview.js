@@ -1,0 +1,127 @@
+// The first view: what was profiled, and what stands out in each of its parts.
+
+const overviewView = {
+  id: 'overview',
+  title: 'Overview',
+  isIn: () => true,
+
+  build(report, session) {
+    const parts = [];
+    if (report.problems.length > 0) {
+      parts.push(el('section', {class: 'panel problems', 'aria-label': 'Problems'},
+        el('h3', null, 'Not everything could be read'),
+        el('ul', null, report.problems.map((problem) => el('li', null, problem)))));
+    }
+    const tiles = [...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
+    parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
+      el('div', null, el('dt', null, title), el('dd', {class: 'value'}, number),
+        el('dd', {class: 'note'}, note)))));
+    const columns = el('div', {class: 'columns'});
+    if (session) {
+      columns.append(mostBlocked(session), mostContendedSites(session), topOwners(session));
+    }
+    if (report.exceptions) {
+      columns.append(mostExceptions(report.exceptions));
+    }
+    for (const memory of report.memory) {
+      columns.append(mostSurvivors(memory));
+    }
+    parts.push(columns, aboutRun(report));
+    return {element: el('div', null, parts)};
+  },
+};
+
+function lockTiles(session) {
+  if (!session) {
+    return [];
+  }
+  const totals = session.totals;
+  return [
+    ['Blocked', formatSeconds(totals.blockedSeconds), 'waiting for a monitor'],
+    ['Contended entries', formatNumber(totals.entries), `of ${
+      plural(totals.threads, 'thread', 'threads')}`],
+    ['Contended locks', formatNumber(totals.locks), plural(session.stacks.length,
+      'distinct stack', 'distinct stacks')],
+    ['Waited', formatSeconds(totals.waitedSeconds), 'in Object.wait'],
+  ];
+}
+
+function exceptionTiles({exceptions}) {
+  if (!exceptions) {
+    return [];
+  }
+  const dropped = exceptions.dropped > 0
+    ? `${formatNumber(exceptions.dropped)} more were dropped`
+    : `of ${plural(new Set(exceptions.groups.map((group) => group.class)).size, 'class', 'classes')}`;
+  return [['Exceptions', formatNumber(exceptions.records.length), dropped]];
+}
+
+function memoryTiles({memory}) {
+  return memory.map((one) => ['Survivors', formatBytes(one.totals.bytes),
+    `${plural(one.totals.objects, 'object', 'objects')} of ${
+      plural(one.totals.classes, 'class', 'classes')}`]);
+}
+
+// A short list of bars: rows are {name, title, amount, text, href}.
+function ranking(title, rows, more) {
+  const highest = Math.max(...rows.map((row) => row.amount), 0);
+  const items = rows.map((row) => {
+    const bar = el('span', {class: 'bar', 'aria-hidden': 'true'});
+    bar.style.setProperty('--share', `${highest > 0 ? (100 * row.amount) / highest : 0}%`);
+    return el('li', null,
+      el('a', {href: row.href, title: row.title}, row.name),
+      el('span', {class: 'amount'}, row.text), bar);
+  });
+  return panel(title,
+    rows.length > 0 ? el('ol', {class: 'ranking'}, items) : el('p', {class: 'note'}, 'None.'),
+    more && el('p', {class: 'more'}, el('a', {href: more.href}, more.text)));
+}
+
+const kRanked = 5;
+
+const mostBlocked = (session) => ranking('Locks with the most blocked time',
+  session.locks.slice(0, kRanked).map((lock, index) => ({
+    name: shortName(lock.name), title: lock.name, amount: lock.blockedSeconds,
+    text: `${formatSeconds(lock.blockedSeconds)}, ${plural(lock.entries, 'entry', 'entries')}`,
+    href: `#locks/${index}`,
+  })), {href: '#locks', text: `All ${formatNumber(session.locks.length)} locks`});
+
+const mostContendedSites = (session) => ranking('Methods that came to a taken lock',
+  session.sites.slice(0, kRanked).map((site) => ({
+    name: site.method === null ? kUnknownStack : shortMethod(site.method),
+    title: site.method ?? kUnknownStack, amount: site.entries,
+    text: plural(site.entries, 'entry', 'entries'), href: '#flame',
+  })), {href: '#flame', text: 'All stacks'});
+
+const topOwners = (session) => ranking('Threads that held others up',
+  [...session.blockers].sort((a, b) => b.timesOwner - a.timesOwner).slice(0, kRanked)
+    .map((blocker) => ({
+      name: blocker.name, title: blocker.name, amount: blocker.timesOwner,
+      text: `found owning ${formatNumber(blocker.timesOwner)} times`, href: '#blockers',
+    })), {href: '#blockers', text: 'Who blocks whom'});
+
+const mostExceptions = (exceptions) => ranking('Exceptions',
+  exceptions.groups.slice(0, kRanked).map((group, index) => ({
+    name: shortName(group.class), title: `${group.class} at ${group.site ?? 'unknown'}`,
+    amount: group.count,
+    text: plural(group.count, 'record', 'records'), href: `#exceptions/${index}`,
+  })), {href: '#exceptions', text: `All ${formatNumber(exceptions.records.length)} records`});
+
+const mostSurvivors = (memory) => ranking('Classes with the most surviving bytes',
+  memory.classes.slice(0, kRanked).map((one) => ({
+    name: shortName(one.name), title: one.name, amount: Number(one.bytes),
+    text: `${formatBytes(one.bytes)}, ${plural(one.objects, 'object', 'objects')}`,
+    href: '#memory',
+  })), {href: '#memory', text: 'All classes'});
+
+function aboutRun(report) {
+  const run = report.run ?? {};
+  const facts = [
+    ['Command', run.command], ['Process', run.pid], ['Started', run.started && formatTime(run.started)],
+    ['Java', run.java], ['VM', run.vm],
+    ...Object.entries(run.options ?? {}).map(([key, value]) => [`Option ${key}`, value]),
+    ['Read', report.inputs.join(', ')],
+  ].filter(([, value]) => value !== null && value !== undefined && value !== '');
+  return panel('About this run', el('dl', {class: 'facts'},
+    facts.map(([title, value]) => [el('dt', null, title), el('dd', null, value)])));
+}
