@@ -80,6 +80,13 @@ function field(label, control) {
   return el('span', {class: 'field'}, el('label', {for: control.id}, label), control);
 }
 
+// A qualified name, of which a narrow table shows the class and the method, and cuts the package.
+function javaName(name) {
+  const [, packages, rest] = /^((?:[a-z_$][\w$]*\.)*)([^]*)$/.exec(name);
+  return el('span', {class: 'java', title: name},
+    el('span', {class: 'packages'}, packages), el('span', {class: 'rest'}, rest));
+}
+
 // A titled part of a view.
 function panel(title, ...children) {
   const id = newId('panel');

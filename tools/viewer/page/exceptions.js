@@ -15,6 +15,7 @@ const exceptionView = {
     const heading = el('p', {class: 'note'});
     const detail = el('div', {class: 'detail'});
     const rows = records.map((record, index) => ({...record, index}));
+    const timeFormat = timeFormatFor(records.map((record) => record.time));
     let texts = null;  // of all records, made at the first search
     let group = null;
 
@@ -24,21 +25,24 @@ const exceptionView = {
         announce(`Record of ${row.class} below`);
       },
       columns: [
-        {title: 'Time', value: (row) => row.time ?? '', show: (row) => formatTime(row.time)},
-        {title: 'Exception', wide: true, value: (row) => row.class},
+        {title: 'Time', value: (row) => row.time ?? '', show: (row) => timeFormat(row.time)},
+        {title: 'Exception', wide: true, value: (row) => row.class,
+          show: (row) => javaName(row.class)},
         {title: 'Message', wide: true, value: (row) => row.message ?? ''},
         {title: 'Thread', value: (row) => row.thread ?? ''},
         {title: 'Caught', value: (row) => caughtText(row.caught)},
       ]});
     const groupTable = dataTable({caption: 'Exceptions by class and site', rows: groups, sortBy: 2,
       onSelect: (row) => chooseGroup(row), columns: [
-        {title: 'Exception', wide: true, value: (row) => row.class},
-        {title: 'Site', wide: true, value: (row) => row.site ?? '(no frames)'},
+        {title: 'Exception', wide: true, value: (row) => row.class,
+          show: (row) => javaName(row.class)},
+        {title: 'Site', wide: true, value: (row) => row.site ?? '(no frames)',
+          show: (row) => javaName(row.site ?? '(no frames)')},
         {title: 'Records', numeric: true, value: (row) => row.count,
           share: (row) => row.count / Math.max(records.length, 1)},
         {title: 'Uncaught', numeric: true, value: (row) => row.uncaught},
-        {title: 'First', value: (row) => row.first ?? '', show: (row) => formatTime(row.first)},
-        {title: 'Last', value: (row) => row.last ?? '', show: (row) => formatTime(row.last)},
+        {title: 'First', value: (row) => row.first ?? '', show: (row) => timeFormat(row.first)},
+        {title: 'Last', value: (row) => row.last ?? '', show: (row) => timeFormat(row.last)},
       ]});
 
     const apply = () => {

@@ -22,7 +22,8 @@ const flameView = {
         applySearch();
       },
       columns: [
-        {title: 'Method', wide: true, value: (row) => row.name},
+        {title: 'Method', wide: true, value: (row) => row.name,
+          show: (row) => javaName(row.name)},
         {title: 'Contended here', numeric: true, value: (row) => row.contended},
         {title: 'In stacks of', numeric: true, value: (row) => row.total},
         {title: 'Share', numeric: true, value: (row) => row.total,

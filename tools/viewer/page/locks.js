@@ -18,7 +18,7 @@ const lockView = {
     const table = filteredTable({
       caption: 'Locks', rows, sortBy: 3, onSelect: show,
       columns: [
-        {title: 'Lock', wide: true, value: (row) => row.name, show: (row) => lockName(row)},
+        {title: 'Lock', wide: true, value: (row) => row.name, show: (row) => javaName(row.name)},
         {title: 'By minute', value: (row) => maximum(row.graph),
           show: (row) => sparkline(row.graph, highest), numeric: true, picture: true},
         {title: 'Entries', numeric: true, value: (row) => row.entries},
@@ -47,14 +47,6 @@ const lockView = {
 
 // Math.max with as many arguments as a list has values would overflow the stack for long ones.
 const maximum = (values) => values.reduce((highest, value) => Math.max(highest, value), 0);
-
-// "com.example.Stock@9" with the package and the identity less prominent; whole when it is read.
-function lockName(lock) {
-  const shortClass = shortName(lock.class);
-  const package_ = lock.class.slice(0, lock.class.length - shortClass.length);
-  return el('span', {title: lock.name}, el('span', {class: 'dim'}, package_), shortClass,
-    el('span', {class: 'dim'}, lock.name.slice(lock.class.length)));
-}
 
 function lockDetail(session, index) {
   const lock = session.locks[index];

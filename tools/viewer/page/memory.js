@@ -27,7 +27,7 @@ function memorySession(session) {
       announce(`Generations of ${row.name} below`);
     },
     columns: [
-      {title: 'Class', wide: true, value: (row) => row.name},
+      {title: 'Class', wide: true, value: (row) => row.name, show: (row) => javaName(row.name)},
       {title: 'Objects', numeric: true, value: (row) => row.objects},
       {title: 'Bytes', numeric: true, value: (row) => Number(row.bytes),
         show: (row) => formatExactBytes(row.bytes)},
@@ -91,7 +91,7 @@ function generationTable(classes, what) {
   const rows = classes.flatMap((one) =>
     one.generations.map((part) => ({class: one.name, ...part})));
   return dataTable({caption: `Survivors by generation ${what}`, rows, columns: [
-    {title: 'Class', wide: true, value: (row) => row.class},
+    {title: 'Class', wide: true, value: (row) => row.class, show: (row) => javaName(row.class)},
     {title: 'Generation', numeric: true, value: (row) => row.generation},
     {title: 'Objects', numeric: true, value: (row) => row.objects},
     {title: 'Bytes', numeric: true, value: (row) => Number(row.bytes),
