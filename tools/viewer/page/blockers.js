@@ -19,7 +19,7 @@ const blockerView = {
         session.blockers.length > 0 ? matrix(session, pairs)
           : el('p', {class: 'note'}, 'No thread was found owning a lock while others came to it.')),
       panel('Pairs', pairTable(session, pairs)),
-      panel('Owners', ownerTable(session)))};
+      panel('Threads', threadsTable(session)))};
   },
 };
 
@@ -28,7 +28,7 @@ function matrix(session, pairs) {
     .slice(0, kMatrixSide);
   const blocked = session.threads.filter((thread) => thread.entries > 0)
     .sort((a, b) => b.entries - a.entries).slice(0, kMatrixSide);
-  const highest = Math.max(...pairs.map((pair) => pair.estimate), 1);
+  const highest = Math.max(maximum(pairs.map((pair) => pair.estimate)), 1);
   const cells = new Map(pairs.map((pair) => [JSON.stringify([pair.owner, pair.blocked]), pair]));
   const cell = (owner, thread) => {
     if (owner.name === thread.name) {
@@ -37,7 +37,7 @@ function matrix(session, pairs) {
     const pair = cells.get(JSON.stringify([owner.name, thread.name]));
     const estimate = Math.round(pair?.estimate ?? 0);
     const element = el('td', {class: pair?.spread ? 'spread' : null,
-      title: `${owner.name} blocks ${thread.name}: ≈ ${formatNumber(estimate)}`},
+      title: `${named(owner.name)} blocks ${named(thread.name)}: ≈ ${formatNumber(estimate)}`},
     estimate > 0 ? formatNumber(estimate) : '');
     element.style.setProperty('--heat', `${(50 * (pair?.estimate ?? 0)) / highest}%`);
     return element;
@@ -51,9 +51,9 @@ function matrix(session, pairs) {
     el('thead', null, el('tr', null, el('th', {scope: 'col'}, 'Owner'),
       el('th', {scope: 'col', class: 'number'}, 'Found owning'),
       blocked.map((thread) => el('th', {scope: 'col', class: 'upright', title: thread.name},
-        el('span', null, thread.name))))),
+        el('span', null, named(thread.name)))))),
     el('tbody', null, owners.map((owner) => el('tr', null,
-      el('th', {scope: 'row', title: owner.name}, owner.name),
+      el('th', {scope: 'row', title: owner.name}, named(owner.name)),
       el('td', {class: 'number total'}, formatNumber(owner.timesOwner)),
       blocked.map((thread) => cell(owner, thread)))))));
 }
@@ -63,19 +63,23 @@ function pairTable(session, pairs) {
     : pair.locks.map((index) => shortName(session.locks[index].name)).join(', ');
   return filteredTable({caption: 'Pairs of owner and blocked thread', rows: pairs, sortBy: 2,
     columns: [
-      {title: 'Owner', wide: true, value: (row) => row.owner},
-      {title: 'Blocked', wide: true, value: (row) => row.blocked},
+      {title: 'Owner', wide: true, value: (row) => named(row.owner)},
+      {title: 'Blocked', wide: true, value: (row) => named(row.blocked)},
       {title: '≈ Times', numeric: true, value: (row) => row.estimate,
         show: (row) => formatNumber(Math.round(row.estimate))},
       {title: 'Locks in common', wide: true, value: lockNames},
     ]}, (row) => `${row.owner}\n${row.blocked}`).element;
 }
 
-function ownerTable(session) {
-  return dataTable({caption: 'Owner threads', rows: session.blockers, sortBy: 1, columns: [
-    {title: 'Owner', wide: true, value: (row) => row.name},
+function threadsTable(session) {
+  return filteredTable({caption: 'Threads', rows: session.threads, sortBy: 3, columns: [
+    {title: 'Thread', wide: true, value: (row) => named(row.name)},
+    {title: 'Locks', numeric: true, value: (row) => row.locks},
+    {title: 'Entries', numeric: true, value: (row) => row.entries},
+    {title: 'Blocked s', numeric: true, value: (row) => row.blockedSeconds},
+    {title: 'Waited s', numeric: true, value: (row) => row.waitedSeconds},
     {title: 'Found owning', numeric: true, value: (row) => row.timesOwner},
     {title: 'Blocking periods', numeric: true, value: (row) => row.blockingPeriods},
     {title: 'Blocking s', numeric: true, value: (row) => row.blockingSeconds},
-  ]}).element;
+  ]}, (row) => row.name).element;
 }

@@ -11,7 +11,7 @@ function minuteChart(values, label) {
   const [width, height, left, bottom, top] = [720, 180, 56, 34, 10];
   const plotWidth = width - left - 8;
   const plotHeight = height - bottom - top;
-  const highest = roundUp(Math.max(...values, 1));
+  const highest = roundUp(Math.max(maximum(values), 1));
   const step = plotWidth / values.length;
   const y = (value) => top + plotHeight * (1 - value / highest);
   const ticks = highest === 1 ? [0, 1] : [0, highest / 2, highest].filter(Number.isInteger);

@@ -82,7 +82,7 @@ function field(label, control) {
 
 // A qualified name, of which a narrow table shows the class and the method, and cuts the package.
 function javaName(name) {
-  const [, packages, rest] = /^((?:[a-z_$][\w$]*\.)*)([^]*)$/.exec(name);
+  const [, packages, rest] = /^((?:[a-z_$][\w$]*\.)*)([^]*)$/.exec(visibleText(named(name)));
   return el('span', {class: 'java', title: name},
     el('span', {class: 'packages'}, packages), el('span', {class: 'rest'}, rest));
 }

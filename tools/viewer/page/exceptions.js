@@ -13,7 +13,7 @@ const exceptionView = {
     const all = el('button', {type: 'button', hidden: true, click: () => chooseGroup(null)},
       'Records of all groups');
     const heading = el('p', {class: 'note'});
-    const detail = el('div', {class: 'detail'});
+    const detail = el('div');
     const rows = records.map((record, index) => ({...record, index}));
     const timeFormat = timeFormatFor(records.map((record) => record.time));
     let texts = null;  // of all records, made at the first search
@@ -29,7 +29,7 @@ const exceptionView = {
         {title: 'Exception', wide: true, value: (row) => row.class,
           show: (row) => javaName(row.class)},
         {title: 'Message', wide: true, value: (row) => row.message ?? ''},
-        {title: 'Thread', value: (row) => row.thread ?? ''},
+        {title: 'Thread', value: (row) => named(row.thread ?? '(not known)')},
         {title: 'Caught', value: (row) => caughtText(row.caught)},
       ]});
     const groupTable = dataTable({caption: 'Exceptions by class and site', rows: groups, sortBy: 2,
@@ -87,7 +87,7 @@ function recordDetail(record) {
   const ambiguous = record.ambiguous.length > 0 && el('div', {class: 'problems'},
     el('p', null, 'The record can be read in more than one way:'),
     el('ul', null, record.ambiguous.map((reason) => el('li', null, reason))));
-  return panel(record.class,
+  return panel(named(record.class),
     el('dl', {class: 'facts'}, [
       ['Message', record.message ?? '(none)'], ['Time', formatTime(record.time)],
       ['Thread', record.thread ?? '(not known)'], ['Caught', caughtText(record.caught)],
@@ -117,7 +117,7 @@ const valueList = (values) =>
 
 // Objects open to show their fields; all other values are one line.
 function valueDetail(value) {
-  const title = [el('span', {class: 'name'}, value.name || '(no name)'), ' ',
+  const title = [el('span', {class: 'name'}, named(value.name)), ' ',
     el('span', {class: 'type'}, value.type)];
   if (value.fields) {
     return value.fields.length === 0 ? el('span', null, title, ' {}')

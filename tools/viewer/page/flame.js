@@ -87,7 +87,7 @@ const flameView = {
 // A choice between everything, whose value is empty, and the names by index.
 function select(all, names) {
   return el('select', null, el('option', {value: ''}, all),
-    names.map((name, index) => el('option', {value: index}, name)));
+    names.map((name, index) => el('option', {value: index}, named(name))));
 }
 
 // Gives {element, setTree, highlight, draw}; draw is to be called when the element has become
@@ -113,7 +113,7 @@ function flameGraph() {
   function describe(node) {
     const whole = tree.total(tree.root);
     const total = tree.total(node);
-    line.textContent = visibleText(`${node.name}: ${plural(total, 'entry', 'entries')}` +
+    line.textContent = visibleText(`${named(node.name)}: ${plural(total, 'entry', 'entries')}` +
       (whole > 0 && node !== tree.root ? `, ${formatShare(total, whole)} of all` : ''));
   }
 

@@ -47,4 +47,10 @@ const shortMethod = (name) => shortName(name, 2);
 
 const plural = (count, one, many) => `${formatNumber(count)} ${count === 1 ? one : many}`;
 
+// What stands for a name that is empty, as those of most virtual threads are.
+const named = (name) => (name === '' ? '(no name)' : name);
+
+// Math.max with as many arguments as a list has values would overflow the stack for long ones.
+const maximum = (values) => values.reduce((highest, value) => Math.max(highest, value), 0);
+
 const sum = (values) => values.reduce((total, value) => total + value, 0);

@@ -6,10 +6,10 @@ const lockView = {
   isIn: (report, session) => Boolean(session),
 
   build(report, session) {
-    const highest = Math.max(1, ...session.locks.map((lock) => maximum(lock.graph)));
+    const highest = Math.max(1, maximum(session.locks.map((lock) => maximum(lock.graph))));
     const rows = session.locks.map((lock, index) => ({...lock, index}));
     const total = session.totals.blockedSeconds;
-    const detail = el('div', {class: 'detail', 'aria-live': 'off'});
+    const detail = el('div');
     const show = (row) => {
       detail.replaceChildren(lockDetail(session, row.index));
       history.replaceState(null, '', `#locks/${row.index}`);
@@ -45,12 +45,9 @@ const lockView = {
   },
 };
 
-// Math.max with as many arguments as a list has values would overflow the stack for long ones.
-const maximum = (values) => values.reduce((highest, value) => Math.max(highest, value), 0);
-
 function lockDetail(session, index) {
   const lock = session.locks[index];
-  const section = panel(lock.name,
+  const section = panel(named(lock.name),
     el('dl', {class: 'tiles small'}, [
       ['Contended entries', formatNumber(lock.entries)],
       ['Blocked', formatSeconds(lock.blockedSeconds)],
@@ -83,7 +80,7 @@ function minuteFigure(lock) {
 function threadTable(lock) {
   const total = sum(lock.threads.map((thread) => thread.entries));
   return dataTable({caption: `Threads on ${lock.name}`, rows: lock.threads, sortBy: 3, columns: [
-    {title: 'Thread', wide: true, value: (row) => row.name},
+    {title: 'Thread', wide: true, value: (row) => named(row.name)},
     {title: 'Entries', numeric: true, value: (row) => row.entries},
     {title: 'Share', numeric: true, value: (row) => row.entries,
       show: (row) => formatShare(row.entries, total),

@@ -36,7 +36,7 @@ function memorySession(session) {
         share: (row) => (total > 0 ? Number(row.bytes) / total : 0)},
       {title: 'Generations', numeric: true, value: (row) => row.generations.length},
       {title: 'Oldest', numeric: true,
-        value: (row) => Math.min(...row.generations.map((one) => one.generation))},
+        value: (row) => row.generations[0]?.generation ?? 0},
     ]}, (row) => row.name);
   const left = session.classes.length - kShownClasses;
   return panel(`Survivors of session ${session.id}: ${formatBytes(session.totals.bytes)} in ${
@@ -71,7 +71,7 @@ function survivorBars(classes, generations, measure) {
   const amount = (part) => Number(part[measure]);
   const text = measure === 'bytes' ? (part) => formatBytes(part.bytes)
     : (part) => plural(part.objects, 'object', 'objects');
-  const whole = Math.max(...classes.map(amount), 0);
+  const whole = maximum(classes.map(amount));
   const place = new Map(generations.map((generation, index) =>
     [generation, generations.length > 1 ? index / (generations.length - 1) : 0]));
   return classes.map((one) => {

@@ -64,12 +64,12 @@ function memoryTiles({memory}) {
 
 // A short list of bars: rows are {name, title, amount, text, href}.
 function ranking(title, rows, more) {
-  const highest = Math.max(...rows.map((row) => row.amount), 0);
+  const highest = maximum(rows.map((row) => row.amount));
   const items = rows.map((row) => {
     const bar = el('span', {class: 'bar', 'aria-hidden': 'true'});
     bar.style.setProperty('--share', `${highest > 0 ? (100 * row.amount) / highest : 0}%`);
     return el('li', null,
-      el('a', {href: row.href, title: row.title}, row.name),
+      el('a', {href: row.href, title: row.title}, named(row.name)),
       el('span', {class: 'amount'}, row.text), bar);
   });
   return panel(title,
