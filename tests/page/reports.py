@@ -1,0 +1,114 @@
+"""Writes what the agent and the companion write, from Python values."""
+
+import json
+
+
+def fnv1a(text):
+    value = 0xCBF29CE484222325
+    for byte in text.encode():
+        value = (value ^ byte) * 0x100000001B3 % 2**64
+    return value
+
+
+class LockSession:
+    """A lock report and its stack file in the making."""
+
+    def __init__(self, name="checkout", session=1):
+        self.name = name
+        self.session = session
+        self.locks = {}
+        self.owners = {}
+        self.stacks = {}
+
+    def lock(self, name, graph=(), blocked=0, waited=0):
+        self.locks[name] = {
+            "id": name, "count": 0, "graph": list(graph), "totalBlockTime": blocked,
+            "totalWaitTime": waited, "threadbean": {},
+        }
+
+    def stack(self, frames):
+        """The hash of a stack, whose contended frame comes first."""
+        value = str(fnv1a("".join(f"at {frame}()\n" for frame in frames)))
+        self.stacks[value] = ",".join(f"at {frame}()" for frame in frames)
+        return value
+
+    def enter(self, lock, thread, frames, count, blocked=0):
+        """The thread came to the lock `count` times with this stack."""
+        self.locks[lock]["count"] += count
+        bean = self.locks[lock]["threadbean"].setdefault(thread, {
+            "name": thread, "count": 0, "totalBlockTime": 0, "totalWaitTime": 0,
+            "stacktracebean": {}})
+        bean["count"] += count
+        bean["totalBlockTime"] += blocked
+        add_stack(bean, self.stack(frames), count)
+
+    def own(self, thread, times, periods=0, seconds=0, stacks=()):
+        self.owners[thread] = {
+            "name": thread, "blockingCount": times, "blockCount": periods,
+            "totalBlockingTime": seconds, "stacktracebean": {}}
+        for frames, count in stacks:
+            add_stack(self.owners[thread], self.stack(frames), count)
+
+    def write(self, folder):
+        folder.mkdir(parents=True, exist_ok=True)
+        report = {
+            "sessionname": self.name, "sessionid": self.session, "lockmap": self.locks,
+            "stacktracemap": {value: "" for value in self.stacks},
+            "blockingThreads": self.owners,
+        }
+        name = f"locks-{self.session}"
+        (folder / f"{name}.json").write_text(json.dumps(report))
+        (folder / f"{name}.stacks").write_text(
+            "".join(f"{value}=[{text}]\n" for value, text in self.stacks.items()))
+        return folder
+
+
+def add_stack(bean, value, count):
+    use = bean["stacktracebean"].setdefault(value, {"count": 0, "hashcode": "0"})
+    use["count"] += count
+    if use["count"] > 1:
+        use["hashcode"] = value
+
+
+def write_memory(folder, classes, session=1):
+    """`classes` has for each name its generations as {generation: (objects, bytes)}."""
+    folder.mkdir(parents=True, exist_ok=True)
+    report = {"sessionname": "memoryLeak", "sessionid": session, "topNMemoryleakClass": {
+        name: {
+            "gcsurvived": [
+                {"GCCounter": generation, "count": objects, "size": str(size)}
+                for generation, (objects, size) in generations.items()],
+            "totalCount": sum(objects for objects, _ in generations.values()),
+            "totalSize": str(sum(size for _, size in generations.values())),
+        } for name, generations in classes.items()}}
+    (folder / f"memory-{session}.json").write_text(json.dumps(report))
+
+
+def value(name, kind, text):
+    return {"name": name, "type": kind, "value": text}
+
+
+def frame(method, file=None, line=-1, **values):
+    kinds = ("fields", "arguments", "locals", "threadLocals")
+    return {"method": method, "file": file, "line": line,
+            **{kind: values.get(kind, []) for kind in kinds}}
+
+
+def record(name, frames, message=None, time="2026-11-21T14:35:15.123Z", thread="main",
+           caught=True, ambiguous=()):
+    return {"time": time, "thread": thread, "class": name, "message": message, "caught": caught,
+            "frames": frames, "ambiguous": list(ambiguous), "raw": "text of the agent"}
+
+
+def write_exceptions(folder, records, dropped=0):
+    folder.mkdir(parents=True, exist_ok=True)
+    lines = [*records, {"recorded": len(records), "dropped": dropped}]
+    (folder / "exceptions.jsonl").write_text(
+        "".join(json.dumps(line) + "\n" for line in lines))
+
+
+def write_run(folder, **members):
+    folder.mkdir(parents=True, exist_ok=True)
+    run = {"pid": 4711, "started": "2026-11-21T14:35:10", "java": "17.0.15",
+           "vm": "OpenJDK 64-Bit Server VM", "command": "com.example.shop.Shop", "options": {}}
+    (folder / "run.json").write_text(json.dumps({**run, **members}))

@@ -1,0 +1,461 @@
+"""The page of the viewer in a real browser: what it shows is what the report says, and it can be used
+with a mouse, with a keyboard and with a screen reader."""
+
+import json
+from collections import Counter
+
+import pytest
+from selenium.webdriver.common.keys import Keys
+
+import reports
+from browser import number
+
+VIEWS = ["Overview", "Locks", "Flame graph", "Who blocks whom", "Exceptions", "Memory"]
+TAKE = ["com.example.Stock.take", "com.example.Shop.buy", "java.lang.Thread.run"]
+COUNT = ["com.example.Stock.count", "com.example.Shop.list", "java.lang.Thread.run"]
+
+
+@pytest.fixture(scope="module")
+def run_folder(tmp_path_factory):
+    """A run with something in every part of it."""
+    folder = tmp_path_factory.mktemp("run")
+    session = reports.LockSession()
+    session.lock("com.example.Stock@7", graph=[3, 0, 12, 5], blocked=9, waited=2)
+    session.lock("com.example.Cart@8", graph=[1, 0, 0, 0], blocked=1)
+    session.enter("com.example.Stock@7", "worker-1", TAKE, 10, blocked=5)
+    session.enter("com.example.Stock@7", "worker-2", TAKE, 6, blocked=3)
+    session.enter("com.example.Stock@7", "worker-2", COUNT, 4, blocked=1)
+    session.enter("com.example.Cart@8", "worker-1", ["com.example.Cart.add", *TAKE[1:]], 1)
+    session.own("worker-1", 8, periods=3, seconds=4, stacks=[(TAKE, 8)])
+    session.own("cleaner", 2)
+    session.write(folder)
+    other = reports.LockSession("after the fix", session=2)
+    other.lock("com.example.Stock@9", graph=[2], blocked=1)
+    other.enter("com.example.Stock@9", "worker-3", TAKE, 2, blocked=1)
+    other.write(folder)
+    cart = {"name": "cart", "type": "object", "fields": [
+        reports.value("owner", "String", "Ada Lovelace"),
+        {"name": "next", "type": "object", "value": None}]}
+    top = reports.frame("com.example.Shop.buy", "Shop.java", 42,
+                        arguments=[reports.value("qty", "int", "3"), cart])
+    below = reports.frame("com.example.Shop.run", locals=[reports.value("i", "int", "17")])
+    reports.write_exceptions(folder, [
+        *(reports.record("com.example.OutOfStock", [top, below], f"no more of {i}",
+                         time=f"2026-11-21T14:35:{i:02}.000Z") for i in range(30)),
+        reports.record("java.io.EOFException", [below], None, caught=None,
+                       ambiguous=["a text holds a separator"]),
+    ], dropped=2)
+    reports.write_memory(folder, {
+        "com.example.Order": {2: (40, 1920), 5: (12, 576)},
+        "com.example.Session": {2: (1, 2**63)},
+    })
+    reports.write_run(folder)
+    return folder
+
+
+@pytest.fixture(scope="module")
+def page(page_of, run_folder):
+    return page_of(run_folder)
+
+
+@pytest.fixture(scope="module")
+def recorded_page(page_of, recorded):
+    return page_of(*recorded)
+
+
+@pytest.fixture(scope="module")
+def recorded_report(recorded):
+    return json.loads(recorded[0].read_text())
+
+
+def test_overview_has_the_sums_of_the_report(browser, recorded_page, recorded_report):
+    browser.open(recorded_page)
+    locks = recorded_report["lockmap"].values()
+    tiles = browser.tiles()
+    assert number(tiles["Blocked"]) == sum(lock["totalBlockTime"] for lock in locks)
+    assert number(tiles["Waited"]) == sum(lock["totalWaitTime"] for lock in locks)
+    assert number(tiles["Contended entries"]) == sum(lock["count"] for lock in locks)
+    assert number(tiles["Contended locks"]) == len(locks)
+
+
+def test_views_are_those_that_the_report_has_data_for(browser, page, recorded_page):
+    browser.open(page)
+    assert [link.text for link in browser.all("#views a")] == VIEWS
+    assert browser.one("#title").text == "Profiling report: com.example.shop.Shop"
+    assert "process 4711 · Java 17.0.15" in browser.one("#subtitle").text
+    browser.open(recorded_page)
+    assert [link.text for link in browser.all("#views a")] == VIEWS[:4]
+
+
+def test_lock_table_has_the_numbers_of_the_report_and_sorts(
+        browser, recorded_page, recorded_report):
+    browser.open(recorded_page, "locks")
+    locks = recorded_report["lockmap"]
+    table = browser.table("Locks")
+    assert table.count() == len(locks)
+    for row in table.rows():
+        lock = locks[row["Lock"]]
+        assert number(row["Entries"]) == lock["count"]
+        assert number(row["Blocked s"]) == lock["totalBlockTime"]
+        assert number(row["Waited s"]) == lock["totalWaitTime"]
+        assert number(row["Threads"]) == len(lock["threadbean"])
+    blocked = table.numbers("Blocked s")
+    assert blocked == sorted(blocked, reverse=True), "the most blocked first"
+
+    assert table.sort_on("Entries") == "descending"
+    assert table.numbers("Entries") == sorted((x["count"] for x in locks.values()), reverse=True)
+    assert table.sort_on("Entries") == "ascending"
+    assert table.numbers("Entries") == sorted(x["count"] for x in locks.values())
+    assert table.sort_on("Lock") == "ascending"
+    names = table.column("Lock")
+    assert set(names) == set(locks) and names == sorted(names, key=str.lower)
+
+
+def test_chosen_lock_shows_its_graph_threads_and_stacks(browser, page):
+    browser.open(page, "locks")
+    browser.table("Locks").choose("com.example.Stock@7")
+    bars = browser.all("#lock-detail .chart .bar")
+    assert [bar.get_attribute("textContent") for bar in bars] == [
+        "Minute 1: 3 entries", "Minute 2: 0 entries", "Minute 3: 12 entries",
+        "Minute 4: 5 entries"]
+    heights = [float(bar.get_attribute("height")) for bar in bars]
+    assert heights[1] == 0
+    assert heights[2] == pytest.approx(4 * heights[0])
+    browser.one("#lock-detail .numbers summary").click()
+    table = browser.table("Contended entries by minute on com.example.Stock@7")
+    assert table.numbers("Entries") == [3, 0, 12, 5]
+    threads = {row["Thread"]: row for row in browser.table(
+        "Threads on com.example.Stock@7").rows()}
+    assert threads["worker-1"]["Entries"] == "10" and threads["worker-1"]["Blocked s"] == "5"
+    assert threads["worker-2"]["Entries"] == "10" and threads["worker-2"]["Share"] == "50 %"
+    stacks = browser.all("#lock-detail .stacks details")
+    assert [stack.text.split()[0] for stack in browser.all("summary", browser.one(
+        "#lock-detail .stacks"))] == ["16", "4"]
+    assert [frame.text for frame in browser.all(".stack li", stacks[0])] == TAKE
+
+
+def test_links_of_the_overview_open_the_lock(browser, page):
+    browser.open(page)
+    browser.one_of(browser.all(".ranking a"), "Stock@7").click()
+    browser.until(lambda: browser.all("#lock-detail"))
+    assert browser.one("#lock-detail h3").text == "com.example.Stock@7"
+    browser.driver.back()
+    browser.until(lambda: browser.all(".ranking"))
+
+
+def test_filter_leaves_the_rows_that_hold_the_text(browser, recorded_page, recorded_report):
+    browser.open(recorded_page, "locks")
+    browser.type_into("Filter", "PRICE")
+    wanted = [name for name in recorded_report["lockmap"] if "price" in name.lower()]
+    browser.until(lambda: browser.table("Locks").column("Lock") == wanted)
+    browser.type_into("Filter", "")
+    browser.until(lambda: browser.table("Locks").count() == len(recorded_report["lockmap"]))
+
+
+def stack_totals(report):
+    """From the report: entries by stack hash, over all locks."""
+    totals = Counter()
+    for lock in report["lockmap"].values():
+        for thread in lock["threadbean"].values():
+            for value, use in thread["stacktracebean"].items():
+                totals[value] += use["count"]
+    return totals
+
+
+def flame_line(browser):
+    return browser.one(".flame-line").text
+
+
+def test_flame_graph_has_all_entries_of_the_report(
+        browser, recorded_page, recorded_report, recorded):
+    browser.open(recorded_page, "flame")
+    totals = stack_totals(recorded_report)
+    assert flame_line(browser) == f"All stacks: {sum(totals.values()):,} entries"
+    expected = Counter()
+    contended = Counter()
+    for line in recorded[1].read_text().splitlines():
+        value, text = line.split("=[")
+        frames = [frame[3:-2] for frame in text[:-1].split(",")]
+        for method in set(frames):
+            expected[method] += totals[value]
+        contended[frames[0]] += totals[value]
+    rows = {row["Method"]: row for row in browser.table("Methods of the flame graph").rows()}
+    assert {name: number(row["In stacks of"]) for name, row in rows.items()} == +expected
+    assert {name: number(row["Contended here"]) for name, row in rows.items()} == {
+        name: contended[name] for name in rows}
+
+
+def test_flame_graph_of_one_lock_and_one_thread(browser, page):
+    browser.open(page, "flame")
+    assert flame_line(browser) == "All stacks: 21 entries"
+    browser.choose("Lock", "com.example.Stock@7")
+    assert flame_line(browser) == "All stacks: 20 entries"
+    browser.choose("Thread", "worker-2")
+    assert flame_line(browser) == "All stacks: 10 entries"
+    methods = browser.table("Methods of the flame graph").rows()
+    assert {row["Method"]: row["Contended here"] for row in methods} == {
+        TAKE[0]: "6", COUNT[0]: "4", TAKE[1]: "0", COUNT[1]: "0", TAKE[2]: "0"}
+    browser.choose("Lock", "com.example.Cart@8")
+    assert flame_line(browser) == "All stacks: 0 entries"
+    assert browser.table("Methods of the flame graph").count() == 0
+
+
+def test_flame_graph_zooms_with_the_mouse(browser, page):
+    browser.open(page, "flame")
+    canvas = browser.one("canvas")
+    row = 19
+    # The third row is com.example.Shop.buy (17 entries) left of com.example.Shop.list (4).
+    browser.click_at(canvas, 10, 2.5 * row)
+    assert flame_line(browser) == "com.example.Shop.buy: 17 entries, 81 % of all"
+    width = canvas.size["width"]
+    browser.click_at(canvas, width - 10, 2.5 * row)
+    assert flame_line(browser) == "com.example.Shop.buy: 17 entries, 81 % of all", "it fills the row"
+    browser.one_of(browser.all("main button"), "Zoom out").click()
+    browser.click_at(canvas, width - 10, 2.5 * row)
+    assert flame_line(browser) == "com.example.Shop.list: 4 entries, 19 % of all"
+
+
+def test_flame_graph_works_with_the_keyboard(browser, page):
+    browser.open(page, "flame")
+    browser.run("document.querySelector('.flame-frame').focus()")
+    browser.keys(Keys.ARROW_DOWN, Keys.ARROW_DOWN)
+    assert flame_line(browser).startswith("com.example.Shop.buy: 17")
+    browser.keys(Keys.ARROW_RIGHT)
+    assert flame_line(browser).startswith("com.example.Shop.list: 4")
+    browser.keys(Keys.ENTER, Keys.ARROW_DOWN)
+    assert flame_line(browser).startswith("com.example.Stock.count: 4")
+    browser.keys(Keys.ESCAPE)
+    assert flame_line(browser).startswith("java.lang.Thread.run: 21")
+    browser.keys(Keys.ESCAPE)
+    assert flame_line(browser).startswith("All stacks: 21")
+
+
+def test_flame_graph_search_marks_and_counts(browser, page):
+    browser.open(page, "flame")
+    plain = browser.run("return document.querySelector('canvas').toDataURL()")
+    browser.type_into("Search methods", "stock.TAKE")
+    browser.until(lambda: "1 method in 16 entries (76 %)" in browser.text())
+    assert browser.table("Methods of the flame graph").column("Method") == [TAKE[0]]
+    assert browser.run("return document.querySelector('canvas').toDataURL()") != plain
+    browser.type_into("Search methods", "nowhere")
+    browser.until(lambda: "0 methods in 0 entries (0 %)" in browser.text())
+
+
+def test_flame_graph_from_the_contended_method(browser, page):
+    browser.open(page, "flame")
+    browser.field("Contended method first").click()
+    browser.run("document.querySelector('.flame-frame').focus()")
+    browser.keys(Keys.ARROW_DOWN)
+    assert flame_line(browser).startswith("com.example.Stock.take: 16")
+
+
+def test_matrix_has_the_owners_of_the_report(browser, recorded_page, recorded_report):
+    browser.open(recorded_page, "blockers")
+    owners = recorded_report["blockingThreads"]
+    rows = browser.run(
+        "return [...document.querySelectorAll('.matrix tbody tr')]"
+        ".map(r => [...r.cells].map(c => c.textContent))")
+    assert {row[0]: number(row[1]) for row in rows} == {
+        name: owner["blockingCount"] for name, owner in owners.items()}
+    for row in rows:
+        cells = [number(cell) for cell in row[2:] if cell not in ("", "itself")]
+        assert sum(cells) == pytest.approx(number(row[1]), abs=len(cells)), row[0]
+    pairs = browser.table("Pairs of owner and blocked thread").rows()
+    spread = {(row["Owner"], row["Blocked"]): row["≈ Times"] for row in pairs}
+    blocked = browser.run(
+        "return [...document.querySelectorAll('.matrix .upright')].map(e => e.textContent)")
+    for row in rows:
+        for name, cell in zip(blocked, row[2:]):
+            assert (cell if cell not in ("", "itself") else "0") == spread.get((row[0], name), "0")
+
+
+def test_matrix_tells_known_from_unknown_locks(browser, page):
+    browser.open(page, "blockers")
+    pairs = {(row["Owner"], row["Blocked"]): row for row in browser.table(
+        "Pairs of owner and blocked thread").rows()}
+    # worker-1 came to the stock as its former owner, so it owned that and not the cart.
+    assert pairs["worker-1", "worker-2"]["≈ Times"] == "8"
+    assert pairs["worker-1", "worker-2"]["Locks in common"] == "Stock@7"
+    # The cleaner never blocked: its two times are spread over all entries.
+    assert pairs["cleaner", "worker-1"]["Locks in common"] == "not known"
+    assert [pairs["cleaner", name]["≈ Times"] for name in ("worker-1", "worker-2")] == ["1", "1"]
+    assert len(browser.all(".matrix td.spread")) == 2
+
+
+def test_threads_have_their_sums(browser, page):
+    browser.open(page, "blockers")
+    rows = {row["Thread"]: row for row in browser.table("Threads").rows()}
+    assert set(rows) == {"worker-1", "worker-2", "cleaner"}
+    assert rows["worker-1"]["Entries"] == "11" and rows["worker-1"]["Blocking periods"] == "3"
+    assert rows["cleaner"]["Found owning"] == "2" and rows["cleaner"]["Locks"] == "0"
+
+
+def test_another_lock_session_can_be_chosen(browser, page):
+    browser.open(page, "locks")
+    browser.choose("Lock session", "2: after the fix")
+    assert browser.table("Locks").column("Lock") == ["com.example.Stock@9"]
+    browser.go("Flame graph")
+    assert flame_line(browser) == "All stacks: 2 entries"
+
+
+def test_exceptions_by_group_and_record(browser, page):
+    browser.open(page, "exceptions")
+    assert "2 records were dropped" in browser.text()
+    groups = browser.table("Exceptions by class and site")
+    assert [(row["Exception"], row["Site"], row["Records"]) for row in groups.rows()] == [
+        ("com.example.OutOfStock", "com.example.Shop.buy(Shop.java:42)", "30"),
+        ("java.io.EOFException", "com.example.Shop.run", "1")]
+    records = browser.table("Exception records")
+    assert records.count() == 31
+    groups.choose("java.io.EOFException")
+    assert records.column("Exception") == ["java.io.EOFException"]
+    assert records.column("Caught") == ["not known"]
+    browser.all("button", records.element)[5].click()
+    assert "a text holds a separator" in browser.text()
+    browser.one_of(browser.all("main button"), "Records of all groups").click()
+    assert records.count() == 31
+
+
+def test_record_is_a_tree_of_frames_and_values(browser, page):
+    browser.open(page, "exceptions/0")
+    records = browser.table("Exception records")
+    records.choose("14:35:07.000")
+    frames = browser.all(".frames > li")
+    assert [frame.text.split("\n")[0] for frame in frames] == [
+        "com.example.Shop.buy Shop.java:42", "com.example.Shop.run"]
+    tree = frames[0].text
+    assert "no more of 7" in browser.text()
+    assert "qty int = 3" in tree
+    assert "owner String = “Ada Lovelace”" in tree
+    assert "next object = null" in tree
+    browser.one("summary", browser.one(".tree details", frames[0])).click()
+    assert "Ada Lovelace" not in frames[0].text, "an object closes"
+    assert "i int = 17" not in frames[1].text
+    browser.one("summary", frames[1]).click()
+    assert "i int = 17" in frames[1].text
+
+
+def test_search_finds_values_deep_in_records(browser, page):
+    browser.open(page, "exceptions")
+    records = browser.table("Exception records")
+    for text, found in (("ada LOVELACE", 30), ("no more of 29", 1), ("shop.java:42", 30),
+                        ("eofexception", 1), ("17", 31), ("nowhere", 0)):
+        browser.type_into("Search all texts and values", text)
+        browser.until(lambda: f"{found} of 31 records" in browser.text())
+        assert records.count() == found
+
+
+def test_memory_is_stacked_by_generation(browser, page):
+    browser.open(page, "memory")
+    classes = {row["Class"]: row for row in browser.table(
+        "Classes with surviving objects").rows()}
+    assert classes["com.example.Order"]["Bytes"] == "2,496"
+    assert classes["com.example.Order"]["Objects"] == "52"
+    assert classes["com.example.Session"]["Bytes"] == "9,223,372,036,854,775,808"
+    bars = browser.all(".survivor")
+    assert [browser.one(".name", bar).text for bar in bars] == ["Session", "Order"]
+    browser.choose("Show", "Objects")
+    bars = browser.all(".survivor")
+    parts = browser.all("rect", bars[1])
+    assert [part.get_attribute("textContent") for part in parts] == [
+        "Generation 2: 40 objects", "Generation 5: 12 objects"]
+    widths = [float(part.get_attribute("width")) for part in parts]
+    assert widths[0] / widths[1] == pytest.approx(40 / 12)
+    browser.one(".numbers summary").click()
+    rows = browser.table("Survivors by generation of all classes").rows()
+    assert [(row["Class"], row["Generation"], row["Objects"], row["Bytes"]) for row in rows] == [
+        ("com.example.Session", "2", "1", "9,223,372,036,854,775,808"),
+        ("com.example.Order", "2", "40", "1,920"), ("com.example.Order", "5", "12", "576")]
+
+
+@pytest.mark.parametrize("width", [800, 1280])
+def test_no_view_is_wider_than_the_window(browser, page, width):
+    browser.resize(width, 900)
+    browser.open(page)
+    for view in VIEWS:
+        browser.go(view)
+        assert browser.run("return document.documentElement.scrollWidth") <= width, view
+
+
+CONTRAST = """
+const channel = (c) => { c /= 255; return c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4; };
+const light = (rgb) => { const [r, g, b] = rgb.match(/[\\d.]+/g).map(Number);
+  return 0.2126 * channel(r) + 0.7152 * channel(g) + 0.0722 * channel(b); };
+const colour = (name) => { const e = document.createElement('i'); e.style.color = `var(${name})`;
+  document.body.append(e); const c = getComputedStyle(e).color; e.remove(); return light(c); };
+return arguments[0].map(([a, b]) => { const [x, y] = [colour(a), colour(b)].sort((p, q) => q - p);
+  return (x + 0.05) / (y + 0.05); });
+"""
+
+
+@pytest.mark.parametrize("colours", ["light", "dark"])
+def test_colours_follow_the_system_and_the_switch(browser, page, colours):
+    def is_dark():
+        shade = browser.run("return getComputedStyle(document.body).backgroundColor")
+        return int(shade.split("(")[1].split(",")[0]) < 128
+
+    browser.prefer(colours)
+    browser.open(page, "flame")
+    assert is_dark() == (colours == "dark")
+    pairs = [[text, ground] for text in ("--text", "--muted", "--accent", "--mark")
+             for ground in ("--ground", "--surface", "--raised")]
+    pairs += [["--text", f"--flame-{name}"] for name in ("root", "jdk", 1, 2, 3, 4)]
+    pairs += [["--flame-match-text", "--flame-match"], ["--text", "--bar"]]
+    for pair, contrast in zip(pairs, browser.run(CONTRAST, pairs)):
+        assert contrast >= 4.5, pair
+    other = "Light" if colours == "dark" else "Dark"
+    drawn = browser.run("return document.querySelector('canvas').toDataURL()")
+    browser.choose("Colours", other)
+    assert is_dark() == (other == "Dark")
+    assert browser.run("return document.querySelector('canvas').toDataURL()") != drawn
+    browser.choose("Colours", "As the system")
+    assert is_dark() == (colours == "dark")
+
+
+def test_page_can_be_used_from_the_keyboard(browser, page):
+    browser.open(page)
+    active = "const e = document.activeElement; return e.textContent || e.id"
+    browser.keys(Keys.TAB)
+    assert browser.run(active) == "Skip to the content"
+    browser.keys(Keys.ENTER)
+    assert browser.run("return document.activeElement.id") == "content"
+    browser.run("document.querySelector('#views a[href=\"#locks\"]').focus()")
+    browser.keys(Keys.ENTER)
+    browser.until(lambda: browser.all("#lock-detail") or browser.all("table.data"))
+    assert browser.run("return document.activeElement.id") == "content", "the focus follows"
+    heading = browser.one_of(browser.all("table.data thead th"), "Entries")
+    browser.run("arguments[0].querySelector('button').focus()", heading)
+    browser.keys(Keys.ENTER)
+    assert heading.get_attribute("aria-sort") == "descending"
+    browser.run("document.querySelector('table.data tbody button').focus()")
+    browser.keys(Keys.ENTER)
+    assert browser.all("#lock-detail")
+
+
+def test_page_tells_screen_readers_what_is_what(browser, page):
+    browser.open(page)
+    assert browser.run("return document.documentElement.lang") == "en"
+    for landmark in ("header", "nav[aria-label]", "main"):
+        assert len(browser.all(landmark)) == 1
+    for view in VIEWS:
+        browser.go(view)
+        if view == "Locks":
+            browser.table("Locks").choose("com.example.Stock@7")
+        assert browser.one("#views a[aria-current=page]").text == view
+        assert not browser.run(
+            "return [...document.querySelectorAll('main input, main select')]"
+            ".filter(e => e.labels.length === 0).length"), view
+        assert not browser.run(
+            "return [...document.querySelectorAll('table')].filter(e => !e.caption).length"), view
+        assert not browser.run(
+            "return [...document.querySelectorAll('button, a, summary')]"
+            ".filter(e => !e.textContent.trim()).length"), view
+        pictures = browser.run(
+            "return [...document.querySelectorAll('svg')].filter(e => "
+            "!e.hasAttribute('aria-label') && e.getAttribute('aria-hidden') !== 'true').length")
+        assert pictures == 0, view
+        figures = browser.all("figure")
+        assert all(browser.all("table.data", figure) for figure in figures), view
+        levels = browser.run("return [...document.querySelectorAll('h1,h2,h3,h4,h5')]"
+                             ".map(e => Number(e.tagName[1]))")
+        assert all(b - a <= 1 for a, b in zip(levels, levels[1:])), (view, levels)
