@@ -25,6 +25,7 @@
 #include "jsonForm.h"
 #include "profile.h"
 #include "profileTables.h"
+#include "reportPage.h"
 #include "utf8.h"
 
 namespace {
@@ -65,6 +66,7 @@ struct arguments {
   std::vector<std::string> inputs;
   std::string grep;
   bool json = false;
+  std::string page;
   viewer::tableOptions tables;
   viewer::look look = lookOfOutput();
   viewer::threshold limit;
@@ -85,7 +87,9 @@ viewer::profile readInputs(const std::vector<std::string>& inputs, const std::st
 
 int show(const arguments& given) {
   const viewer::profile all = readInputs(given.inputs, given.grep);
-  if (given.json) {
+  if (!given.page.empty()) {
+    viewer::writePage(all, given.page);
+  } else if (given.json) {
     viewer::writeJson(all, std::cout);
   } else {
     std::cout << viewer::profileTables(all, given.tables, given.look);
@@ -97,7 +101,9 @@ int diff(const arguments& given) {
   const viewer::comparison both =
       viewer::compare(readInputs({given.inputs[0]}, given.grep),
                       readInputs({given.inputs[1]}, given.grep), given.limit);
-  if (given.json) {
+  if (!given.page.empty()) {
+    viewer::writePage(both, given.page);
+  } else if (given.json) {
     viewer::writeJson(both, std::cout);
   } else {
     std::cout << viewer::comparisonTables(both, given.tables.limits.rows, given.look);
@@ -166,7 +172,10 @@ void addInputs(CLI::App& to, arguments& given) {
 void addTables(CLI::App& to, arguments& given) {
   addLimit(to, "--top", given.tables.limits.rows, "Rows to show of each table");
   addLimit(to, "--width", given.look.width, "Columns to fit the tables into");
-  to.add_flag("--json", given.json, "Print all as JSON");
+  CLI::Option* json = to.add_flag("--json", given.json, "Print all as JSON");
+  to.add_option("-o,--output", given.page, "Write all as an HTML page into this file instead")
+      ->option_text("FILE")
+      ->excludes(json);
 }
 
 void addShow(CLI::App& app, arguments& given) {

@@ -1,33 +1,61 @@
 #include "reportPage.h"
 
-#include <algorithm>
-#include <ostream>
+#include <cerrno>
+#include <fstream>
+#include <system_error>
 
+#include "jsonForm.h"
 #include "pageParts.h"
 
 namespace viewer {
 namespace {
 
-// Writes JSON so that no text in it can end or reopen the script element that holds it: "<" only
-// occurs within strings, where it may be written as an escape.
-void writeEmbedded(std::string_view json, std::ostream& page) {
-  while (!json.empty()) {
-    const std::size_t plain = std::min(json.find('<'), json.size());
-    page << json.substr(0, plain);
-    json.remove_prefix(plain);
-    if (!json.empty()) {
-      page << "\\u003c";
-      json.remove_prefix(1);
+namespace fs = std::filesystem;
+
+[[noreturn]] void fail(const fs::path& file, int problem) {
+  throw std::system_error(problem, std::generic_category(), file.string() + " cannot be written");
+}
+
+template <typename content>
+void writeFile(const content& shown, const fs::path& file) {
+  std::ofstream page(file, std::ios::binary | std::ios::trunc);
+  std::error_code ignored;  // a file system without permissions is no reason to fail
+  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ignored);
+  page << kPageBeforeReport;
+  writeJson(shown, page);
+  page << kPageAfterReport;
+  page.close();
+  if (!page) {
+    fail(file, errno);
+  }
+}
+
+template <typename content>
+void writeWholeFile(const content& shown, const fs::path& file) {
+  fs::path unfinished = file;
+  unfinished += ".part";
+  try {
+    writeFile(shown, unfinished);
+    std::error_code problem;
+    fs::rename(unfinished, file, problem);
+    if (problem) {
+      fail(file, problem.value());
     }
+  } catch (...) {
+    std::error_code ignored;
+    fs::remove(unfinished, ignored);
+    throw;
   }
 }
 
 }  // namespace
 
-void writeReportPage(std::string_view json, std::ostream& page) {
-  page << kPageBeforeReport;
-  writeEmbedded(json, page);
-  page << kPageAfterReport;
+void writePage(const profile& all, const fs::path& file) {
+  writeWholeFile(all, file);
+}
+
+void writePage(const comparison& both, const fs::path& file) {
+  writeWholeFile(both, file);
 }
 
 }  // namespace viewer

@@ -1,14 +1,17 @@
-// The report as one HTML page that needs no other file and no network. Without state, callable on
-// any thread.
+// What was read as one HTML page that needs no other file and no network. Without state, callable
+// on any thread.
 #pragma once
 
-#include <iosfwd>
-#include <string_view>
+#include <filesystem>
+
+#include "comparison.h"
+#include "profile.h"
 
 namespace viewer {
 
-// Writes the page that shows a report, given in its JSON form (UTF-8). Whether it arrived is for
-// the caller to see from the stream.
-void writeReportPage(std::string_view json, std::ostream& page);
+// Writes the page into `file`, which only its owner may read, as it can hold values of the program;
+// the file stands there once the page is whole. Throws std::system_error when it cannot be written.
+void writePage(const profile& all, const std::filesystem::path& file);
+void writePage(const comparison& both, const std::filesystem::path& file);
 
 }  // namespace viewer

@@ -1,4 +1,5 @@
-// The page around its report, made from the files in the folder page when the viewer is built.
+// The page around its report (JSON in which "<" is escaped), made from the files in the folder page
+// when the viewer is built.
 #pragma once
 
 #include <string_view>
