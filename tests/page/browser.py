@@ -70,7 +70,7 @@ class Browser:
         self.one_of(self.all("option", select), option).click()
 
     def one_of(self, elements, text):
-        texts = [e.get_attribute("textContent").strip() for e in elements]
+        texts = self.run("return arguments[0].map(e => e.textContent.trim())", elements)
         assert text in texts, f"{text!r} is none of {texts[:20]}"
         return elements[texts.index(text)]
 

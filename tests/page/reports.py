@@ -1,13 +1,23 @@
 """Writes what the agent and the companion write, from Python values."""
 
 import json
+import re
+from hashlib import blake2b
 
 
-def fnv1a(text):
-    value = 0xCBF29CE484222325
-    for byte in text.encode():
-        value = (value ^ byte) * 0x100000001B3 % 2**64
-    return value
+def modified_utf8(text):
+    """The text as the VM writes it: a character outside the basic plane as two surrogates."""
+    def surrogates(match):
+        offset = ord(match[0]) - 0x10000
+        return chr(0xD800 + (offset >> 10)) + chr(0xDC00 + (offset & 0x3FF))
+
+    return re.sub("[\U00010000-\U0010ffff]", surrogates, text).encode("utf-8", "surrogatepass")
+
+
+def write_json(file, *documents):
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_bytes(b"".join(
+        modified_utf8(json.dumps(document, ensure_ascii=False)) + b"\n" for document in documents))
 
 
 class LockSession:
@@ -28,8 +38,11 @@ class LockSession:
 
     def stack(self, frames):
         """The hash of a stack, whose contended frame comes first."""
-        value = str(fnv1a("".join(f"at {frame}()\n" for frame in frames)))
-        self.stacks[value] = ",".join(f"at {frame}()" for frame in frames)
+        text = ",".join(f"at {frame}()" for frame in frames)
+        # The agent's hash is another one, but the viewer only compares them.
+        digest = blake2b(modified_utf8(text), digest_size=8).digest()
+        value = str(int.from_bytes(digest, "big"))
+        self.stacks[value] = text
         return value
 
     def enter(self, lock, thread, frames, count, blocked=0):
@@ -50,16 +63,15 @@ class LockSession:
             add_stack(self.owners[thread], self.stack(frames), count)
 
     def write(self, folder):
-        folder.mkdir(parents=True, exist_ok=True)
         report = {
             "sessionname": self.name, "sessionid": self.session, "lockmap": self.locks,
             "stacktracemap": {value: "" for value in self.stacks},
             "blockingThreads": self.owners,
         }
         name = f"locks-{self.session}"
-        (folder / f"{name}.json").write_text(json.dumps(report))
-        (folder / f"{name}.stacks").write_text(
-            "".join(f"{value}=[{text}]\n" for value, text in self.stacks.items()))
+        write_json(folder / f"{name}.json", report)
+        (folder / f"{name}.stacks").write_bytes(modified_utf8(
+            "".join(f"{value}=[{text}]\n" for value, text in self.stacks.items())))
         return folder
 
 
@@ -72,7 +84,6 @@ def add_stack(bean, value, count):
 
 def write_memory(folder, classes, session=1):
     """`classes` has for each name its generations as {generation: (objects, bytes)}."""
-    folder.mkdir(parents=True, exist_ok=True)
     report = {"sessionname": "memoryLeak", "sessionid": session, "topNMemoryleakClass": {
         name: {
             "gcsurvived": [
@@ -81,7 +92,7 @@ def write_memory(folder, classes, session=1):
             "totalCount": sum(objects for objects, _ in generations.values()),
             "totalSize": str(sum(size for _, size in generations.values())),
         } for name, generations in classes.items()}}
-    (folder / f"memory-{session}.json").write_text(json.dumps(report))
+    write_json(folder / f"memory-{session}.json", report)
 
 
 def value(name, kind, text):
@@ -101,14 +112,11 @@ def record(name, frames, message=None, time="2026-11-21T14:35:15.123Z", thread="
 
 
 def write_exceptions(folder, records, dropped=0):
-    folder.mkdir(parents=True, exist_ok=True)
-    lines = [*records, {"recorded": len(records), "dropped": dropped}]
-    (folder / "exceptions.jsonl").write_text(
-        "".join(json.dumps(line) + "\n" for line in lines))
+    write_json(folder / "exceptions.jsonl", *records,
+               {"recorded": len(records), "dropped": dropped})
 
 
 def write_run(folder, **members):
-    folder.mkdir(parents=True, exist_ok=True)
     run = {"pid": 4711, "started": "2026-11-21T14:35:10", "java": "17.0.15",
            "vm": "OpenJDK 64-Bit Server VM", "command": "com.example.shop.Shop", "options": {}}
-    (folder / "run.json").write_text(json.dumps({**run, **members}))
+    write_json(folder / "run.json", {**run, **members})
