@@ -88,9 +88,9 @@ class Browser:
         raise AssertionError(f"no table {caption!r}")
 
     def tiles(self):
-        """The overview's numbers by title."""
+        """The numbers at the top of the view, by title."""
         return {self.one("dt", tile).text: self.one(".value", tile).text
-                for tile in self.all(".tiles > div")}
+                for tile in self.all("div", self.one(".tiles"))}
 
     def keys(self, *keys):
         ActionChains(self.driver).send_keys(*keys).perform()

@@ -1,12 +1,13 @@
 // The page: reads the report that it holds, and shows one of its views at a time, named by the
 // address's part after "#": the view's id, and after a slash what to show in it.
 
-const kViews = [overviewView, lockView, flameView, blockerView, exceptionView, memoryView];
+// The report of one run, or a comparison, which has one view.
+const kViews = [comparisonView, overviewView, lockView, flameView, blockerView, exceptionView, memoryView];
 
 class Page {
   constructor(report) {
     this.report = report;
-    this.session = report.locks[0] ?? null;
+    this.session = report.locks?.[0] ?? null;
     this.built = new Map();  // view id to what its build() gave
     this.views = kViews.filter((view) => view.isIn(report, this.session));
     this.content = document.getElementById('content');
@@ -18,12 +19,13 @@ class Page {
   }
 
   showTitle() {
-    const run = this.report.run;
+    const {run, tables} = this.report;
+    if (tables) {
+      this.setTitle('Comparison of two runs', plural(tables.length, 'table', 'tables'));
+      return;
+    }
     const name = run?.command || this.session?.name;
-    const title = name ? `Profiling report: ${name}` : 'Profiling report';
-    document.title = visibleText(title);
-    document.getElementById('title').textContent = visibleText(title);
-    document.getElementById('subtitle').textContent = visibleText([
+    this.setTitle(name ? `Profiling report: ${name}` : 'Profiling report', [
       run?.started && `started ${formatTime(run.started)}`,
       run?.pid !== undefined && run.pid !== null && `process ${run.pid}`,
       run?.java && `Java ${run.java}`,
@@ -31,8 +33,14 @@ class Page {
     ].filter(Boolean).join(' · '));
   }
 
+  setTitle(title, subtitle) {
+    document.title = visibleText(title);
+    document.getElementById('title').textContent = visibleText(title);
+    document.getElementById('subtitle').textContent = visibleText(subtitle);
+  }
+
   showSessions() {
-    const sessions = this.report.locks;
+    const sessions = this.report.locks ?? [];
     if (sessions.length < 2) {
       return;
     }

@@ -4,7 +4,7 @@
 const exceptionView = {
   id: 'exceptions',
   title: 'Exceptions',
-  isIn: (report) => report.exceptions !== null,
+  isIn: (report) => Boolean(report.exceptions),
 
   build({exceptions}) {
     const {groups, records} = exceptions;

@@ -3,7 +3,7 @@
 const memoryView = {
   id: 'memory',
   title: 'Memory',
-  isIn: (report) => report.memory.length > 0,
+  isIn: (report) => report.memory?.length > 0,
 
   build({memory}) {
     return {element: el('div', null, memory.map(memorySession))};

@@ -3,15 +3,10 @@
 const overviewView = {
   id: 'overview',
   title: 'Overview',
-  isIn: () => true,
+  isIn: (report) => !report.tables,
 
   build(report, session) {
-    const parts = [];
-    if (report.problems.length > 0) {
-      parts.push(el('section', {class: 'panel problems', 'aria-label': 'Problems'},
-        el('h3', null, 'Not everything could be read'),
-        el('ul', null, report.problems.map((problem) => el('li', null, problem)))));
-    }
+    const parts = [problemList(report.problems)];
     const tiles = [...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
       el('div', null, el('dt', null, title), el('dd', {class: 'value'}, number),
@@ -30,6 +25,12 @@ const overviewView = {
     return {element: el('div', null, parts)};
   },
 };
+
+// What of the inputs could not be read; nothing when all could.
+const problemList = (problems) => problems.length > 0 &&
+  el('section', {class: 'panel problems', 'aria-label': 'Problems'},
+    el('h3', null, 'Not everything could be read'),
+    el('ul', null, problems.map((problem) => el('li', null, problem))));
 
 function lockTiles(session) {
   if (!session) {
