@@ -39,7 +39,8 @@ class Browser:
         """Follows the navigation to the view of this title."""
         link = next(a for a in self.all("#views a") if a.text == view)
         link.click()
-        self.until(lambda: self.one("#content h2").get_attribute("textContent") == view)
+        self.until(lambda: self.run(
+            "return document.querySelector('#content h2').textContent") == view)
 
     def until(self, condition):
         end = time.monotonic() + TIMEOUT

@@ -441,6 +441,9 @@ def test_page_tells_screen_readers_what_is_what(browser, page):
         browser.go(view)
         if view == "Locks":
             browser.table("Locks").choose("com.example.Stock@7")
+        if view == "Exceptions":
+            browser.table("Exceptions by class and site").choose("com.example.OutOfStock")
+            assert browser.all(".frames")
         assert browser.one("#views a[aria-current=page]").text == view
         assert not browser.run(
             "return [...document.querySelectorAll('main input, main select')]"
@@ -456,6 +459,6 @@ def test_page_tells_screen_readers_what_is_what(browser, page):
         assert pictures == 0, view
         figures = browser.all("figure")
         assert all(browser.all("table.data", figure) for figure in figures), view
-        levels = browser.run("return [...document.querySelectorAll('h1,h2,h3,h4,h5')]"
+        levels = browser.run("return [...document.querySelectorAll('h1,h2,h3,h4,h5,h6')]"
                              ".map(e => Number(e.tagName[1]))")
         assert all(b - a <= 1 for a, b in zip(levels, levels[1:])), (view, levels)

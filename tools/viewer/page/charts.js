@@ -58,11 +58,12 @@ function sparkline(values, highest) {
 // `whole`.
 function stackedBar(parts, whole, label) {
   const [width, height] = [1000, 18];
+  const kLeastWidth = 2;  // little is not nothing
   const picture = svg('svg', {viewBox: `0 0 ${width} ${height}`, class: 'stacked', role: 'img',
     preserveAspectRatio: 'none', 'aria-label': label});
   let x = 0;
   for (const part of parts) {
-    const size = whole > 0 ? (width * part.size) / whole : 0;
+    const size = part.size > 0 ? Math.max((width * part.size) / whole, kLeastWidth) : 0;
     picture.append(svg('rect', {x, y: 0, width: size, height, fill: part.colour},
       svg('title', null, part.label)));
     x += size;

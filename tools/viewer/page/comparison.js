@@ -11,11 +11,11 @@ const comparisonView = {
     const {threshold, tables} = report;
     return {element: el('div', null,
       problemList([...report.before.problems, ...report.after.problems]),
-      panel('Two runs', el('dl', {class: 'facts'}, [
+      panel('Two runs', factList([
         ['Before', sideText(report.before)], ['After', sideText(report.after)],
         ['What counts', `differences of ${threshold.percent} % and more of the larger number, and of ${
           formatNumber(threshold.least)} and more`],
-      ].map(([title, value]) => [el('dt', null, title), el('dd', null, value)]))),
+      ])),
       tables.length === 0 && el('p', {class: 'note'}, 'Neither run has a report.'),
       tables.map(comparedPanel))};
   },

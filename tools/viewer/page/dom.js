@@ -87,6 +87,10 @@ function javaName(name) {
     el('span', {class: 'packages'}, packages), el('span', {class: 'rest'}, rest));
 }
 
+// Pairs of a title and a value.
+const factList = (facts) => el('dl', {class: 'facts'},
+  facts.map(([title, value]) => [el('dt', null, title), el('dd', null, value)]));
+
 // A titled part of a view.
 function panel(title, ...children) {
   const id = newId('panel');

@@ -33,7 +33,11 @@ const exceptionView = {
         {title: 'Caught', value: (row) => caughtText(row.caught)},
       ]});
     const groupTable = dataTable({caption: 'Exceptions by class and site', rows: groups, sortBy: 2,
-      onSelect: (row) => chooseGroup(row), columns: [
+      onSelect: (row) => {
+        chooseGroup(row);
+        recordTable.select(rows[row.records[0]]);
+      },
+      columns: [
         {title: 'Exception', wide: true, value: (row) => row.class,
           show: (row) => javaName(row.class)},
         {title: 'Site', wide: true, value: (row) => row.site ?? '(no frames)',
@@ -88,10 +92,10 @@ function recordDetail(record) {
     el('p', null, 'The record can be read in more than one way:'),
     el('ul', null, record.ambiguous.map((reason) => el('li', null, reason))));
   return panel(named(record.class),
-    el('dl', {class: 'facts'}, [
+    factList([
       ['Message', record.message ?? '(none)'], ['Time', formatTime(record.time)],
       ['Thread', record.thread ?? '(not known)'], ['Caught', caughtText(record.caught)],
-    ].map(([title, value]) => [el('dt', null, title), el('dd', null, value)])),
+    ]),
     ambiguous,
     record.frames.length === 0 && el('p', {class: 'note'}, 'The record has no frames.'),
     el('ol', {class: 'frames'}, record.frames.map((frame, index) =>
@@ -109,7 +113,7 @@ function frameDetail(frame, open) {
     return el('p', {class: 'bare'}, title);
   }
   return el('details', {open}, el('summary', null, title), kinds.map((kind) =>
-    el('div', {class: 'values'}, el('h5', null, kind.title), valueList(frame[kind.member]))));
+    el('div', {class: 'values'}, el('h4', null, kind.title), valueList(frame[kind.member]))));
 }
 
 const valueList = (values) =>

@@ -21,7 +21,8 @@ const overviewView = {
     for (const memory of report.memory) {
       columns.append(mostSurvivors(memory));
     }
-    parts.push(columns, aboutRun(report));
+    columns.append(aboutRun(report));
+    parts.push(columns);
     return {element: el('div', null, parts)};
   },
 };
@@ -117,12 +118,15 @@ const mostSurvivors = (memory) => ranking('Classes with the most surviving bytes
 
 function aboutRun(report) {
   const run = report.run ?? {};
+  const options = Object.entries(run.options ?? {});
   const facts = [
     ['Command', run.command], ['Process', run.pid], ['Started', run.started && formatTime(run.started)],
     ['Java', run.java], ['VM', run.vm],
-    ...Object.entries(run.options ?? {}).map(([key, value]) => [`Option ${key}`, value]),
-    ['Read', report.inputs.join(', ')],
   ].filter(([, value]) => value !== null && value !== undefined && value !== '');
-  return panel('About this run', el('dl', {class: 'facts'},
-    facts.map(([title, value]) => [el('dt', null, title), el('dd', null, value)])));
+  return panel('About this run', factList(facts),
+    options.length > 0 && el('details', null,
+      el('summary', null, plural(options.length, 'option of the profiler', 'options of the profiler')),
+      factList(options)),
+    el('details', null, el('summary', null, `${plural(report.inputs.length, 'file', 'files')} read`),
+      el('ul', {class: 'files'}, report.inputs.map((file) => el('li', null, file)))));
 }
