@@ -16,6 +16,7 @@
 
 #include "boundary.h"
 #include "exceptionprofiler.h"
+#include "instanceTags.h"
 #include "memoryprofiler.h"
 #include "mutexlockprofiler.h"
 #include "profilerRegistry.h"
@@ -430,6 +431,15 @@ JNIEXPORT void JNICALL TW_NATIVE(setObjectTag)(JNIEnv* jni, jclass /*cls*/, jobj
       memory->setObjectTag(jvmti, jni, object);
     }
     return 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobjectArray classes) {
+  return native(TW_NATIVE_NAME(tagInstances), [&] {
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!memory || jvmti == nullptr || classes == nullptr) return 0;
+    return tagInstances(jvmti, jni, classes, memory->gcCounter());
   });
 }
 

@@ -94,6 +94,16 @@ public final class TWNativeAgentProfiling {
   /** Marks an object as one to follow, with the current garbage-collection generation. */
   public static native void setObjectTag(Object object);
 
+  /**
+   * Marks every instance of exactly these classes that is not marked yet, as {@link #setObjectTag}
+   * does, in one walk over the heap, for which the whole program stands still. Before the first
+   * garbage collection of a session nothing is marked.
+   *
+   * @param classes null elements are passed over
+   * @return how many were marked; objects that no one can reach any more may be among them
+   */
+  public static native int tagInstances(Class<?>[] classes);
+
   /** Placeholder entry point; always 0. */
   public static native int getExtendedMatricesFromNative(String text);
 
