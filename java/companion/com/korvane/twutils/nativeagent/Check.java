@@ -1,0 +1,91 @@
+package com.korvane.twutils.nativeagent;
+
+import java.nio.file.Path;
+import java.time.Duration;
+import java.util.ArrayList;
+import java.util.Collection;
+import java.util.Collections;
+import java.util.List;
+
+/** Checks of settings; each refusal names the setting, what it was and what was expected. */
+final class Check {
+  /** Class and package names, as "a.b.Outer$Inner"; also what is no letter in Java's own sense. */
+  private static final String kNoNamePart = ",;[]()<>\"'*?/\\";
+
+  private Check() {}
+
+  static IllegalArgumentException refused(String setting, Object value, String expected) {
+    return new IllegalArgumentException(setting + " is " + value + ": expected " + expected);
+  }
+
+  static String text(String setting, String value) {
+    if (value == null) {
+      throw refused(setting, null, "a text");
+    }
+    if (value.indexOf('\0') >= 0) {
+      throw refused(setting, "a text with a NUL character", "one without");
+    }
+    return value;
+  }
+
+  static Path path(String setting, Path value) {
+    if (value == null) {
+      throw refused(setting, null, "a file");
+    }
+    return value.toAbsolutePath();
+  }
+
+  static int atLeast(String setting, int least, int value) {
+    if (value < least) {
+      throw refused(setting, value, "a number from " + least + " on");
+    }
+    return value;
+  }
+
+  static int within(String setting, int least, int most, int value) {
+    if (value < least || value > most) {
+      throw refused(setting, value, "a number from " + least + " to " + most);
+    }
+    return value;
+  }
+
+  /** A number of things to report, or -1 for all of them. */
+  static int top(String setting, int value) {
+    if (value < -1 || value == 0) {
+      throw refused(setting, value, "a number from 1 on, or -1 for all");
+    }
+    return value;
+  }
+
+  static Duration duration(String setting, Duration value) {
+    if (value == null || value.isNegative() || value.getSeconds() > Integer.MAX_VALUE / 2) {
+      throw refused(setting, value, "a duration from 0 to 34 years");
+    }
+    return value;
+  }
+
+  /** Names of classes or packages. */
+  static List<String> names(String setting, Collection<String> names) {
+    if (names == null) {
+      throw refused(setting, null, "a list of names");
+    }
+    List<String> checked = new ArrayList<>(names.size());
+    for (String name : names) {
+      checked.add(name(setting, name));
+    }
+    return Collections.unmodifiableList(checked);
+  }
+
+  private static String name(String setting, String name) {
+    boolean isName = name != null && !name.isEmpty();
+    for (int i = 0; isName && i < name.length(); i++) {
+      char c = name.charAt(i);
+      isName = c > ' ' && kNoNamePart.indexOf(c) < 0;
+    }
+    if (!isName) {
+      String shown = name == null ? "null" : '\'' + name + '\'';
+      throw refused("a name in " + setting, shown, "one as in com.example.Shop");
+    }
+    return name;
+  }
+}

@@ -1,0 +1,191 @@
+package com.korvane.twutils.nativeagent;
+
+import java.io.IOException;
+import java.nio.file.Path;
+import java.time.Duration;
+
+/**
+ * A lock session that is under way: begun by {@link NativeAgent#startLocks}, over with {@link
+ * #stop}. In its summary phase it gathers the locks; for the detail phase they are ranked, and the
+ * top ones are followed.
+ *
+ * <p>Any thread may call.
+ */
+public final class LockSession {
+  /** What a session is doing. */
+  public enum Phase {
+    /** Nothing yet. */
+    BEGUN,
+    SUMMARY,
+    DETAIL,
+    STOPPED;
+
+    /** In lower case. */
+    @Override
+    public String toString() {
+      return name().toLowerCase(java.util.Locale.ROOT);
+    }
+  }
+
+  private final long id;
+  private final LockSettings settings;
+  private final ReportFile report;
+  private final ReportFile stacks;
+  private volatile Phase phase = Phase.BEGUN;
+  private Path written;
+
+  private LockSession(long id, LockSettings settings) {
+    this.id = id;
+    this.settings = settings;
+    report = new ReportFile("lock report", settings.report);
+    try {
+      stacks = new ReportFile("stack file", settings.stacks);
+    } catch (IllegalArgumentException e) {
+      report.discard();
+      throw e;
+    }
+  }
+
+  /** Within {@link NativeAgent#locked}. */
+  static LockSession start(long id, LockSettings settings) {
+    if (settings == null) {
+      throw Check.refused("settings", null, "the settings of a lock session");
+    }
+    LockSession session = new LockSession(id, settings);
+    if (!session.begin()) {
+      session.report.discard();
+      session.stacks.discard();
+      throw NativeAgent.missing(Feature.LOCKS);
+    }
+    return session;
+  }
+
+  private boolean begin() {
+    long seconds = settings.summary.plus(settings.detail).getSeconds();
+    return TWNativeAgentProfiling.startMutexLockProfilingSession(
+            id,
+            settings.name,
+            seconds,
+            settings.topLocks,
+            settings.maxLocks,
+            settings.maxThreadsPerLock,
+            settings.maxThreads,
+            settings.maxStackTraces,
+            settings.maxStackTracesPerThread,
+            stacks.partPath())
+        == 1;
+  }
+
+  /** The number of the session, which its report bears too. */
+  public long id() {
+    return id;
+  }
+
+  public Phase phase() {
+    return phase;
+  }
+
+  /**
+   * Begins to gather contended locks.
+   *
+   * @throws IllegalStateException unless the session has just begun
+   */
+  public void startSummary() {
+    NativeAgent.locked(
+        () -> {
+          require(Phase.BEGUN, "the summary phase");
+          TWNativeAgentProfiling.startMutexLockSummarySession(id);
+          phase = Phase.SUMMARY;
+          return null;
+        });
+  }
+
+  /**
+   * Ranks the locks gathered so far, and follows the top ones.
+   *
+   * @throws IllegalStateException unless the session is in its summary phase
+   */
+  public void startDetail() {
+    NativeAgent.locked(
+        () -> {
+          require(Phase.SUMMARY, "the detail phase");
+          TWNativeAgentProfiling.startMutexLockDetailSession(id);
+          phase = Phase.DETAIL;
+          return null;
+        });
+  }
+
+  /**
+   * Takes the session through both phases, each as long as the settings say, and stops it. When the
+   * thread is interrupted it is stopped at once, and the thread stays interrupted.
+   *
+   * @return the report
+   * @throws IOException as {@link #stop} does
+   */
+  public Path run() throws IOException {
+    startSummary();
+    boolean isWhole = pause(settings.summary);
+    if (isWhole) {
+      startDetail();
+      pause(settings.detail);
+    }
+    return stop();
+  }
+
+  private static boolean pause(Duration length) {
+    try {
+      Thread.sleep(length.toMillis());
+      return true;
+    } catch (InterruptedException e) {
+      Thread.currentThread().interrupt();
+      return false;
+    }
+  }
+
+  /**
+   * Stops the session in any phase and writes its report. Without a detail phase that has no times:
+   * it only names the top locks that were gathered. Stopped once more, it does nothing.
+   *
+   * @return the report
+   * @throws IOException when the report or the stack file was not written whole; the session is
+   *     over all the same
+   */
+  public Path stop() throws IOException {
+    return NativeAgent.<Path, IOException>locked(
+        () -> {
+          if (phase != Phase.STOPPED) {
+            finish();
+          }
+          if (written == null) {
+            throw new IOException("the lock report " + settings.report + " was not written");
+          }
+          return written;
+        });
+  }
+
+  private void finish() throws IOException {
+    if (phase == Phase.SUMMARY) {
+      TWNativeAgentProfiling.startMutexLockDetailSession(id); // ranks the locks: only those go in
+      phase = Phase.DETAIL;
+    }
+    if (phase == Phase.DETAIL) {
+      TWNativeAgentProfiling.stopMutexLockDetailSession(id);
+    }
+    phase = Phase.STOPPED;
+    NativeAgent.ended(this);
+    if (TWNativeAgentProfiling.stopMutexLockProfilingSession(id, report.partPath()) != 1) {
+      throw new IOException(
+          "the agent wrote no lock report " + settings.report + ": its log says why");
+    }
+    Path whole = report.publishJson();
+    stacks.publishLines();
+    written = whole;
+  }
+
+  private void require(Phase expected, String next) {
+    if (phase != expected) {
+      throw new IllegalStateException(
+          next + " cannot begin: the lock session is " + phase + ", expected " + expected);
+    }
+  }
+}

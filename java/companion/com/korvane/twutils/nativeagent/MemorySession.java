@@ -1,0 +1,128 @@
+package com.korvane.twutils.nativeagent;
+
+import java.io.IOException;
+import java.nio.file.Path;
+
+/**
+ * A memory session that is under way: begun by {@link NativeAgent#startMemory}, over with {@link
+ * #stop}. Objects that are followed are reported by class and by the number of garbage collections
+ * that they have outlived.
+ *
+ * <p>Any thread may call.
+ */
+public final class MemorySession {
+  private final long id;
+  private final MemorySettings settings;
+  private final ReportFile report;
+  private volatile boolean isStopped;
+  private Path written;
+
+  private MemorySession(long id, MemorySettings settings) {
+    this.id = id;
+    this.settings = settings;
+    report = new ReportFile("memory report", settings.report);
+  }
+
+  /** Within {@link NativeAgent#locked}. */
+  static MemorySession start(long id, MemorySettings settings) {
+    if (settings == null) {
+      throw Check.refused("settings", null, "the settings of a memory session");
+    }
+    MemorySession session = new MemorySession(id, settings);
+    if (!session.begin()) {
+      session.report.discard();
+      throw NativeAgent.missing(Feature.MEMORY);
+    }
+    return session;
+  }
+
+  private boolean begin() {
+    return TWNativeAgentProfiling.startMemoryLeaksProfileSession(
+            true,
+            settings.duration.getSeconds(),
+            (int) id,
+            settings.name,
+            settings.topClasses,
+            settings.excludedClasses,
+            settings.excludedPackages,
+            settings.includedClasses,
+            settings.includedPackages)
+        == 1;
+  }
+
+  /** The number of the session, which its report bears too. */
+  public long id() {
+    return id;
+  }
+
+  public boolean isStopped() {
+    return isStopped;
+  }
+
+  /**
+   * Runs a garbage collection. Objects can be followed after the first one; what was followed
+   * before the last one is reported.
+   */
+  public void collect() {
+    NativeAgent.locked(
+        () -> {
+          if (!isStopped) {
+            TWNativeAgentProfiling.forceGarbageCollection();
+          }
+          return null;
+        });
+  }
+
+  /** Follows this object. Nothing once the session is stopped. */
+  public void track(Object object) {
+    if (!isStopped && object != null) {
+      TWNativeAgentProfiling.setObjectTag(object);
+    }
+  }
+
+  /**
+   * Follows all instances of exactly these classes that are not followed yet. The program stands
+   * still meanwhile, longer the larger its heap is.
+   *
+   * @return how many were added; 0 once the session is stopped
+   */
+  public int track(Class<?>[] classes) {
+    if (classes == null) {
+      throw Check.refused("classes", null, "an array of classes");
+    }
+    Class<?>[] copy = classes.clone();
+    return NativeAgent.locked(
+        () -> isStopped || copy.length == 0 ? 0 : TWNativeAgentProfiling.tagInstances(copy));
+  }
+
+  /**
+   * Stops the session and writes its report. Stopped once more, it does nothing.
+   *
+   * @return the report
+   * @throws IOException when the report was not written whole; the session is over all the same
+   * @throws IllegalStateException when a lock session is in its detail phase; the session goes on
+   */
+  public Path stop() throws IOException {
+    return NativeAgent.<Path, IOException>locked(
+        () -> {
+          if (!isStopped) {
+            NativeAgent.requireNoDetail("stopping the memory session");
+            finish();
+          }
+          if (written == null) {
+            throw new IOException("the memory report " + settings.report + " was not written");
+          }
+          return written;
+        });
+  }
+
+  private void finish() throws IOException {
+    isStopped = true;
+    NativeAgent.ended(this);
+    if (TWNativeAgentProfiling.stopMemoryLeaksProfileSession(id, report.partPath()) != 1) {
+      throw new IOException(
+          "the agent wrote no memory report " + settings.report + ": its log says why");
+    }
+    written = report.publishJson();
+  }
+}

@@ -1,0 +1,196 @@
+package com.korvane.twutils.nativeagent;
+
+import java.util.EnumSet;
+import java.util.Set;
+import java.util.concurrent.locks.ReentrantLock;
+
+/**
+ * Starts and stops the agent's profilers, with settings that are checked before the agent sees them.
+ *
+ * <p>Any thread may call; calls that reach the agent wait for each other, and go on when their
+ * thread is interrupted. What cannot be done is refused with an {@link IllegalStateException} that
+ * says what to change.
+ *
+ * <p>Switching a profiler on or off ends the detail phase of a lock session that is running, so it
+ * is refused until that session is stopped.
+ */
+public final class NativeAgent {
+  // No monitor: the lock profiler would report it.
+  private static final ReentrantLock kControl = new ReentrantLock();
+
+  private static long lastSession;
+  private static LockSession lockSession;
+  private static MemorySession memorySession;
+  private static boolean areExceptionsCaptured;
+
+  private NativeAgent() {}
+
+  /** Whether the JVM was started with the agent. */
+  public static boolean isLoaded() {
+    try {
+      TWNativeAgentProfiling.getExtendedMatricesFromNative(null);
+      return true;
+    } catch (UnsatisfiedLinkError e) {
+      return false;
+    }
+  }
+
+  /** The profilers that the agent was started with, as far as the JVM's arguments tell. */
+  public static Set<Feature> features() {
+    return isLoaded() ? VmArguments.ofThisJvm().features() : EnumSet.noneOf(Feature.class);
+  }
+
+  /**
+   * Begins a lock session. It records nothing before {@link LockSession#startSummary}.
+   *
+   * @throws IllegalArgumentException when its files cannot be written
+   * @throws IllegalStateException when there is no lock profiler, or a lock session is running
+   */
+  public static LockSession startLocks(LockSettings settings) {
+    return locked(
+        () -> {
+          requireNone(lockSession, "a lock session");
+          requireLoaded();
+          lockSession = LockSession.start(++lastSession, settings);
+          return lockSession;
+        });
+  }
+
+  /**
+   * Begins a memory session: from its first garbage collection on objects can be followed.
+   *
+   * @throws IllegalArgumentException when its report cannot be written
+   * @throws IllegalStateException when there is no memory profiler, a memory session is running, or
+   *     a lock session is in its detail phase
+   */
+  public static MemorySession startMemory(MemorySettings settings) {
+    return locked(
+        () -> {
+          requireNone(memorySession, "a memory session");
+          requireNoDetail("starting a memory session");
+          requireLoaded();
+          memorySession = MemorySession.start(++lastSession, settings);
+          return memorySession;
+        });
+  }
+
+  /**
+   * Captures exceptions from now on, and hands them to {@code sink} in place of an earlier one.
+   *
+   * @throws IllegalStateException when there is no exception profiler, or a lock session is in its
+   *     detail phase
+   */
+  public static void startExceptions(ExceptionSettings settings, ExceptionSink sink) {
+    if (settings == null || sink == null) {
+      throw new IllegalArgumentException("settings or sink is null: expected both");
+    }
+    locked(
+        () -> {
+          requireNoDetail("starting exception capture");
+          requireLoaded();
+          TWNativeAgentProfiling.setExceptionSink(sink);
+          if (!capture(true, settings)) {
+            TWNativeAgentProfiling.setExceptionSink(null);
+            throw missing(Feature.EXCEPTIONS);
+          }
+          areExceptionsCaptured = true;
+          return null;
+        });
+  }
+
+  /**
+   * Captures no more exceptions; nothing when none were.
+   *
+   * @throws IllegalStateException when a lock session is in its detail phase
+   */
+  public static void stopExceptions() {
+    locked(
+        () -> {
+          if (areExceptionsCaptured) {
+            requireNoDetail("stopping exception capture");
+            capture(false, new ExceptionSettings());
+            TWNativeAgentProfiling.setExceptionSink(null);
+            areExceptionsCaptured = false;
+          }
+          return null;
+        });
+  }
+
+  /** Whether a lock session is in its detail phase, which the other profilers must not disturb. */
+  public static boolean isDetailRunning() {
+    return locked(() -> lockSession != null && lockSession.phase() == LockSession.Phase.DETAIL);
+  }
+
+  // --- For the sessions ---
+
+  interface Action<T, E extends Exception> {
+    T run() throws E;
+  }
+
+  /** Runs the action while no other control call is made. */
+  static <T, E extends Exception> T locked(Action<T, E> action) throws E {
+    kControl.lock();
+    try {
+      return action.run();
+    } finally {
+      kControl.unlock();
+    }
+  }
+
+  /** Within {@link #locked}. */
+  static void ended(LockSession session) {
+    if (lockSession == session) {
+      lockSession = null;
+    }
+  }
+
+  /** Within {@link #locked}. */
+  static void ended(MemorySession session) {
+    if (memorySession == session) {
+      memorySession = null;
+    }
+  }
+
+  /** Within {@link #locked}. */
+  static void requireNoDetail(String action) {
+    if (lockSession != null && lockSession.phase() == LockSession.Phase.DETAIL) {
+      throw new IllegalStateException(
+          action + " would end the detail phase of the running lock session: stop that first");
+    }
+  }
+
+  static IllegalStateException missing(Feature feature) {
+    String options = VmArguments.ofThisJvm().options();
+    String given = options == null ? "" : " (its options are '" + options + "')";
+    return new IllegalStateException(
+        "there is no " + feature + " profiler: the JVM was started without features="
+            + feature.word() + given);
+  }
+
+  private static void requireLoaded() {
+    if (!isLoaded()) {
+      throw new IllegalStateException(
+          "there is no agent: the JVM was started without"
+              + " -agentpath:/path/to/libjavanativeagent.so");
+    }
+  }
+
+  private static void requireNone(Object session, String what) {
+    if (session != null) {
+      throw new IllegalStateException(what + " is running already: stop it first");
+    }
+  }
+
+  private static boolean capture(boolean enable, ExceptionSettings settings) {
+    return TWNativeAgentProfiling.enableCaptureVariableinException(
+            enable,
+            settings.fields,
+            settings.arguments,
+            settings.locals,
+            settings.threadLocals,
+            settings.rate,
+            settings.depth,
+            settings.blackList())
+        == 1;
+  }
+}
