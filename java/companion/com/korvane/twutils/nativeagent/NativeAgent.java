@@ -5,7 +5,8 @@ import java.util.Set;
 import java.util.concurrent.locks.ReentrantLock;
 
 /**
- * Starts and stops the agent's profilers, with settings that are checked before the agent sees them.
+ * Starts and stops the agent's profilers, with settings that are checked before the agent sees
+ * them.
  *
  * <p>Any thread may call; calls that reach the agent wait for each other, and go on when their
  * thread is interrupted. What cannot be done is refused with an {@link IllegalStateException} that
@@ -114,6 +115,11 @@ public final class NativeAgent {
           }
           return null;
         });
+  }
+
+  /** The lock session that is running; null when there is none. */
+  public static LockSession runningLocks() {
+    return locked(() -> lockSession);
   }
 
   /** Whether a lock session is in its detail phase, which the other profilers must not disturb. */

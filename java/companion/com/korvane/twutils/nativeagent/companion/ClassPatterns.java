@@ -1,0 +1,53 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import java.util.ArrayList;
+import java.util.List;
+
+/** Names of classes, and beginnings of such names: {@code a.B}, {@code a.b.*}, {@code a.Ses*}. */
+final class ClassPatterns {
+  private final List<String> names = new ArrayList<>();
+  private final List<String> prefixes = new ArrayList<>();
+
+  /** @throws IllegalArgumentException for what is no such pattern */
+  ClassPatterns(List<String> patterns) {
+    for (String pattern : patterns) {
+      boolean isPrefix = pattern.endsWith("*");
+      String name = isPrefix ? pattern.substring(0, pattern.length() - 1) : pattern;
+      if (name.isEmpty() || !name.matches("[^\\s*?/\\\\,;]+")) {
+        throw new IllegalArgumentException(
+            "there is no class pattern '" + pattern
+                + "': expected names as in com.example.Session, or com.example.cache.*");
+      }
+      (isPrefix ? prefixes : names).add(name);
+    }
+  }
+
+  boolean isEmpty() {
+    return names.isEmpty() && prefixes.isEmpty();
+  }
+
+  boolean matches(String className) {
+    for (String name : names) {
+      if (className.equals(name)) {
+        return true;
+      }
+    }
+    for (String prefix : prefixes) {
+      if (className.startsWith(prefix)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  /** Those of the classes whose names match. */
+  Class<?>[] select(Class<?>[] classes) {
+    List<Class<?>> selected = new ArrayList<>();
+    for (Class<?> each : classes) {
+      if (matches(each.getName())) {
+        selected.add(each);
+      }
+    }
+    return selected.toArray(new Class<?>[0]);
+  }
+}

@@ -1,0 +1,371 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import com.korvane.twutils.nativeagent.ExceptionSettings;
+import com.korvane.twutils.nativeagent.LockSession;
+import com.korvane.twutils.nativeagent.NativeAgent;
+import java.io.IOException;
+import java.lang.instrument.Instrumentation;
+import java.nio.file.InvalidPathException;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.time.Duration;
+import java.util.LinkedHashMap;
+import java.util.Map;
+import java.util.concurrent.Future;
+import java.util.concurrent.atomic.AtomicReference;
+import java.util.function.BiConsumer;
+
+/**
+ * Runs the sessions of one JVM, as the options and the calls from outside ask for, until the JVM
+ * ends. Any thread may call.
+ */
+final class Controller {
+  private static final String kDefaultOutput = "profiling";
+
+  private final Map<String, String> options;
+  private final Instrumentation instrumentation;
+  private final Timetable timetable = new Timetable();
+
+  // Changed in turn, read at any time.
+  private volatile RunFolder folder;
+  private volatile LockPlan locks;
+  private volatile MemoryPlan memory;
+  private volatile ExceptionLog exceptions;
+  private volatile boolean areExceptionsOn;
+  private volatile boolean hasEnded;
+  private volatile int lockSessions;
+  private volatile int memorySessions;
+  private volatile int sweeps;
+  private volatile long objectsAdded;
+  private volatile double lastSweepMillis;
+  private volatile Path lastLockReport;
+  private volatile Path lastMemoryReport;
+  private volatile BiConsumer<String, Path> reportListener = (kind, report) -> {};
+
+  /**
+   * @param options by key, checked to exist
+   * @param instrumentation tells the classes that are loaded
+   */
+  Controller(Map<String, String> options, Instrumentation instrumentation) {
+    this.options = options;
+    this.instrumentation = instrumentation;
+  }
+
+  /** Starts the profilers that the options name; says on standard error which could not be. */
+  void begin() {
+    OptionReader given = new OptionReader(options, Console::say);
+    // The locks come last: switching another profiler would end their detail phase.
+    begin(given.flag(OptionKey.EXCEPTIONS, false), () -> startExceptions(""));
+    begin(given.flag(OptionKey.MEMORY, false), () -> startMemory(""));
+    begin(given.flag(OptionKey.LOCKS, false), () -> startLocks(""));
+  }
+
+  private static void begin(boolean isWanted, Runnable start) {
+    if (isWanted) {
+      try {
+        start.run();
+      } catch (IllegalArgumentException | IllegalStateException e) {
+        Console.say(e.getMessage());
+      }
+    }
+  }
+
+  /** Stops all that is running, and writes what there is. Nothing can be started from here on. */
+  void end() {
+    timetable.inTurn(
+        () -> {
+          hasEnded = true;
+          endPart(() -> stopLocks(true));
+          endPart(() -> stopLocksOfProgram());
+          endPart(() -> stopExceptions(true));
+          endPart(() -> stopMemory(true));
+        });
+  }
+
+  private interface Part {
+    void run() throws IOException;
+  }
+
+  private static void endPart(Part part) {
+    try {
+      part.run();
+    } catch (IOException | RuntimeException | LinkageError | OutOfMemoryError e) {
+      Console.say(Console.messageOf(e));
+    }
+  }
+
+  /** A detail phase that the program itself has begun would stand in the way of the rest. */
+  private static void stopLocksOfProgram() throws IOException {
+    LockSession running = NativeAgent.runningLocks();
+    if (running != null) {
+      running.stop();
+    }
+  }
+
+  // --- What can be asked for: with options as in "summary=10s,detail=1m", in place of those that
+  // the JVM was started with. Refused with an IllegalArgumentException or IllegalStateException.
+
+  void startLocks(String given) {
+    start("locks.", given, reader -> {
+      requireOff(locks != null && !locks.isOver(), "lock sessions are");
+      locks = new LockPlan(this, reader);
+      locks.begin();
+    });
+  }
+
+  void startExceptions(String given) {
+    start("exceptions.", given, reader -> {
+      requireOff(areExceptionsOn, "exception capture is");
+      ExceptionSettings settings = exceptionSettings(reader);
+      int files = reader.number(OptionKey.EXCEPTIONS_FILES, 1, Integer.MAX_VALUE, 10);
+      RotatingFile file =
+          folder().exceptions(reader.size(OptionKey.EXCEPTIONS_FILE_SIZE, 10 << 20), files);
+      int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE, 1, 1_000_000, 1000);
+      ExceptionLog log = ExceptionLog.open(file, queue);
+      try {
+        NativeAgent.startExceptions(settings, log);
+      } catch (IllegalStateException e) {
+        log.close();
+        throw e;
+      }
+      exceptions = log;
+      areExceptionsOn = true;
+    });
+  }
+
+  void startMemory(String given) {
+    start("memory.", given, reader -> {
+      requireOff(memory != null && !memory.isOver(), "memory sessions are");
+      memory = new MemoryPlan(this, reader);
+      memory.begin();
+    });
+  }
+
+  /** The report; null when no session was running. */
+  Path stopLocks() throws IOException {
+    return inTurn(() -> stopLocks(false));
+  }
+
+  /** The newest file of exceptions. */
+  Path stopExceptions() throws IOException {
+    return inTurn(() -> stopExceptions(false));
+  }
+
+  /** The report; null when no session was running. */
+  Path stopMemory() throws IOException {
+    return inTurn(() -> stopMemory(false));
+  }
+
+  private Path stopLocks(boolean isEnd) throws IOException {
+    if (!isEnd) {
+      requireOn(locks != null && !locks.isOver(), "lock sessions are");
+    }
+    return locks == null || locks.isOver() ? null : locks.stop();
+  }
+
+  private Path stopExceptions(boolean isEnd) {
+    if (!isEnd) {
+      requireOn(areExceptionsOn, "exception capture is");
+    }
+    if (!areExceptionsOn) {
+      return null;
+    }
+    NativeAgent.stopExceptions();
+    areExceptionsOn = false;
+    exceptions.close();
+    return exceptions.path();
+  }
+
+  private Path stopMemory(boolean isEnd) throws IOException {
+    if (!isEnd) {
+      requireOn(memory != null && !memory.isOver(), "memory sessions are");
+    }
+    return memory == null || memory.isOver() ? null : memory.stop();
+  }
+
+  private interface Start {
+    void with(OptionReader reader);
+  }
+
+  private void start(String prefix, String given, Start start) {
+    Options own = Options.parseWithin(prefix, given);
+    refuse(own.problems().isEmpty() ? null : own.problems().get(0));
+    Map<String, String> values = new LinkedHashMap<>(options);
+    values.putAll(own.values());
+    // What the JVM was started with is told and left out; what is asked for now is refused.
+    OptionReader reader =
+        new OptionReader(values, own.values().isEmpty() ? Console::say : Controller::refuse);
+    timetable.inTurn(
+        () -> {
+          if (hasEnded) {
+            throw new IllegalStateException("the JVM is about to end");
+          }
+          start.with(reader);
+        });
+  }
+
+  private static void refuse(String problem) {
+    if (problem != null) {
+      throw new IllegalArgumentException(problem);
+    }
+  }
+
+  private static void requireOff(boolean isOn, String what) {
+    if (isOn) {
+      throw new IllegalStateException(what + " running already: stop first");
+    }
+  }
+
+  private static void requireOn(boolean isOn, String what) {
+    if (!isOn) {
+      throw new IllegalStateException(what + " not running");
+    }
+  }
+
+  private interface Stop {
+    Path run() throws IOException;
+  }
+
+  private Path inTurn(Stop stop) throws IOException {
+    AtomicReference<Path> result = new AtomicReference<>();
+    AtomicReference<IOException> failure = new AtomicReference<>();
+    timetable.inTurn(
+        () -> {
+          try {
+            result.set(stop.run());
+          } catch (IOException e) {
+            failure.set(e);
+          }
+        });
+    if (failure.get() != null) {
+      throw failure.get();
+    }
+    return result.get();
+  }
+
+  private static ExceptionSettings exceptionSettings(OptionReader reader) {
+    return new ExceptionSettings()
+        .fields(reader.flag(OptionKey.EXCEPTIONS_FIELDS, true))
+        .arguments(reader.flag(OptionKey.EXCEPTIONS_ARGUMENTS, true))
+        .locals(reader.flag(OptionKey.EXCEPTIONS_LOCALS, true))
+        .threadLocals(reader.flag(OptionKey.EXCEPTIONS_THREAD_LOCALS, false))
+        .rate(reader.number(OptionKey.EXCEPTIONS_RATE, 0, Integer.MAX_VALUE, 10))
+        .depth(reader.number(OptionKey.EXCEPTIONS_DEPTH, 1, 100, 20))
+        .exclude(reader.list(OptionKey.EXCEPTIONS_EXCLUDE));
+  }
+
+  // --- For the plans, in turn ---
+
+  Future<?> after(Duration delay, Runnable step) {
+    return timetable.after(delay, step);
+  }
+
+  Path nextLockReport() {
+    return folder().lockReport(++lockSessions);
+  }
+
+  int nextMemorySession() {
+    return ++memorySessions;
+  }
+
+  Path memoryReport(int session) {
+    return folder().memoryReport(session);
+  }
+
+  Path sweeps(int session) {
+    return folder().sweeps(session);
+  }
+
+  Class<?>[] loadedClasses() {
+    return instrumentation.getAllLoadedClasses();
+  }
+
+  void swept(int added, long nanos) {
+    sweeps++;
+    objectsAdded += added;
+    lastSweepMillis = nanos / 1e6;
+  }
+
+  void reported(String kind, Path report) {
+    if (kind.equals("lock")) {
+      lastLockReport = report;
+    } else {
+      lastMemoryReport = report;
+    }
+    reportListener.accept(kind, report);
+  }
+
+  /** Made with the first session. */
+  private RunFolder folder() {
+    if (folder == null) {
+      String output = options.getOrDefault(OptionKey.OUTPUT.toString(), kDefaultOutput);
+      try {
+        folder = RunFolder.create(Paths.get(output).toAbsolutePath(), options);
+      } catch (IOException | InvalidPathException e) {
+        throw new IllegalStateException(
+            "nothing can be written to the output folder '" + output + "': " + e, e);
+      }
+    }
+    return folder;
+  }
+
+  // --- What there is to know ---
+
+  /** Told the kind of each report that is written, and where it is. */
+  void onReport(BiConsumer<String, Path> listener) {
+    reportListener = listener;
+  }
+
+  String lockState() {
+    LockPlan plan = locks;
+    return plan == null ? "off" : plan.state();
+  }
+
+  String memoryState() {
+    MemoryPlan plan = memory;
+    return plan == null ? "off" : plan.state();
+  }
+
+  String exceptionState() {
+    return areExceptionsOn ? "on" : "off";
+  }
+
+  /** Null before the first session. */
+  Path runFolder() {
+    RunFolder made = folder;
+    return made == null ? null : made.path();
+  }
+
+  int lockSessions() {
+    return lockSessions;
+  }
+
+  int memorySessions() {
+    return memorySessions;
+  }
+
+  int sweeps() {
+    return sweeps;
+  }
+
+  long objectsAdded() {
+    return objectsAdded;
+  }
+
+  double lastSweepMillis() {
+    return lastSweepMillis;
+  }
+
+  Path lastLockReport() {
+    return lastLockReport;
+  }
+
+  Path lastMemoryReport() {
+    return lastMemoryReport;
+  }
+
+  /** The last log of exceptions; null before the first. */
+  ExceptionLog exceptions() {
+    return exceptions;
+  }
+}

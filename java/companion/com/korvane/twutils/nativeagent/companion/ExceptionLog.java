@@ -1,0 +1,171 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import com.korvane.twutils.nativeagent.ExceptionSink;
+import java.io.IOException;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
+import java.util.concurrent.ConcurrentLinkedQueue;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.AtomicLong;
+import java.util.concurrent.locks.LockSupport;
+
+/**
+ * Writes captured exceptions into a file, one JSON object a line, with a thread of its own. The
+ * threads that throw never wait for it: what does not fit into the queue is dropped, and counted.
+ */
+final class ExceptionLog implements ExceptionSink {
+  /** Records may be long: the queue never holds more characters than this. */
+  private static final long kMaxQueuedCharacters = 16L << 20;
+
+  private static final long kMaxSecondsToClose = 10;
+
+  private final RotatingFile file;
+  private final int maxQueued;
+  private final ConcurrentLinkedQueue<ExceptionEvent> queue = new ConcurrentLinkedQueue<>();
+  private final AtomicInteger queued = new AtomicInteger();
+  private final AtomicLong queuedCharacters = new AtomicLong();
+  private final AtomicLong dropped = new AtomicLong();
+  private final CountDownLatch written = new CountDownLatch(1);
+  private final AgentThread writer = AgentThread.of("exceptions", this::run);
+
+  private volatile long recorded;
+  private volatile boolean isIdle;
+  private volatile boolean isClosing;
+  private boolean hasFailed;
+
+  /** Begins to write at once. */
+  static ExceptionLog open(RotatingFile file, int maxQueued) {
+    ExceptionLog log = new ExceptionLog(file, maxQueued);
+    log.writer.start();
+    return log;
+  }
+
+  private ExceptionLog(RotatingFile file, int maxQueued) {
+    this.file = file;
+    this.maxQueued = maxQueued;
+  }
+
+  @Override
+  public void onException(String record, Object exception) {
+    if (!(Thread.currentThread() instanceof AgentThread)) {
+      add(ExceptionEvent.of(record, exception));
+    }
+  }
+
+  /** Any thread; never waits. */
+  void add(ExceptionEvent event) {
+    if (isClosing || !takePlace(event)) {
+      dropped.incrementAndGet();
+      return;
+    }
+    queue.add(event);
+    if (isIdle) {
+      LockSupport.unpark(writer);
+    }
+  }
+
+  private boolean takePlace(ExceptionEvent event) {
+    if (queued.incrementAndGet() <= maxQueued) {
+      if (queuedCharacters.addAndGet(event.length()) <= kMaxQueuedCharacters) {
+        return true;
+      }
+      queuedCharacters.addAndGet(-event.length());
+    }
+    queued.decrementAndGet();
+    return false;
+  }
+
+  /** Records that are in the file. */
+  long recorded() {
+    return recorded;
+  }
+
+  /** Records that did not fit into the queue or could not be written. */
+  long dropped() {
+    return dropped.get();
+  }
+
+  Path path() {
+    return file.path();
+  }
+
+  /**
+   * Writes what is in the queue, then how many records there were. Waits for that, but not without
+   * end. Called when no exceptions are captured any more.
+   */
+  void close() {
+    isClosing = true;
+    LockSupport.unpark(writer);
+    boolean isInterrupted = false;
+    long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(kMaxSecondsToClose);
+    while (written.getCount() > 0 && System.nanoTime() < end) {
+      try {
+        written.await(end - System.nanoTime(), TimeUnit.NANOSECONDS);
+      } catch (InterruptedException e) {
+        isInterrupted = true;
+      }
+    }
+    if (isInterrupted) {
+      Thread.currentThread().interrupt();
+    }
+  }
+
+  private void run() {
+    while (true) {
+      boolean isLast = isClosing; // asked before the queue: what came before is still written
+      writeQueued();
+      if (isLast) {
+        break;
+      }
+      isIdle = true;
+      if (queue.isEmpty() && !isClosing) {
+        LockSupport.park(this);
+      }
+      isIdle = false;
+    }
+    writeEnd();
+    written.countDown();
+  }
+
+  private void writeQueued() {
+    for (ExceptionEvent event = queue.poll(); event != null; event = queue.poll()) {
+      try {
+        write(event.toJson());
+        recorded++;
+      } catch (IOException | RuntimeException | OutOfMemoryError e) {
+        dropped.incrementAndGet();
+        tellFailure(e);
+      }
+      queued.decrementAndGet();
+      queuedCharacters.addAndGet(-event.length());
+    }
+  }
+
+  private void writeEnd() {
+    JsonText json = new JsonText().beginObject();
+    json.key("recorded").value(recorded).key("dropped").value(dropped.get()).endObject();
+    try {
+      write(json.toString());
+      file.close();
+    } catch (IOException | OutOfMemoryError e) {
+      tellFailure(e);
+    }
+    if (dropped.get() > 0) {
+      Console.say(dropped.get() + " exception records were dropped, " + recorded
+          + " are in " + path() + ": a longer exceptions.queue or a lower exceptions.rate helps");
+    }
+  }
+
+  private void write(String line) throws IOException {
+    file.write((line + '\n').getBytes(StandardCharsets.UTF_8));
+  }
+
+  private void tellFailure(Throwable failure) {
+    if (!hasFailed) {
+      hasFailed = true;
+      Console.say("exceptions cannot be written to " + path() + ": " + failure);
+    }
+  }
+}

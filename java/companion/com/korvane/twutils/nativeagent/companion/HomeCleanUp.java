@@ -1,0 +1,84 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import java.io.IOException;
+import java.nio.file.DirectoryIteratorException;
+import java.nio.file.DirectoryStream;
+import java.nio.file.Files;
+import java.nio.file.LinkOption;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.nio.file.attribute.BasicFileAttributes;
+import java.time.Duration;
+import java.time.Instant;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
+
+/** Takes away what the agent leaves in its home and in the working directory. */
+final class HomeCleanUp {
+  private static final Duration kKeptFor = Duration.ofDays(5);
+  private static final Pattern kLogName =
+      Pattern.compile("tw_NativeAgent_[0-9]{14}_([0-9]+)\\.log_[01]");
+
+  /** File systems take their times from a clock that ticks a few times in a hundredth second. */
+  private static final Duration kClockTick = Duration.ofMillis(20);
+
+  private static final int kMaxPieces = 30; // of a path that the agent makes folders of
+
+  private HomeCleanUp() {}
+
+  /**
+   * Deletes the logs of earlier runs that nothing was written to for more than five days.
+   *
+   * @param home the agent's home
+   */
+  static void deleteOldLogs(Path home, Instant now) {
+    Path logs = home.resolve("logs");
+    try (DirectoryStream<Path> files = Files.newDirectoryStream(logs, "tw_NativeAgent_*")) {
+      for (Path file : files) {
+        Matcher name = kLogName.matcher(file.getFileName().toString());
+        if (name.matches()
+            && Files.isRegularFile(file, LinkOption.NOFOLLOW_LINKS)
+            && Files.getLastModifiedTime(file).toInstant().isBefore(now.minus(kKeptFor))
+            && !Files.exists(Paths.get("/proc", name.group(1)))) {
+          Files.deleteIfExists(file);
+        }
+      }
+    } catch (IOException | DirectoryIteratorException e) {
+      // No such folder, or not ours: the logs stay.
+    }
+  }
+
+  /**
+   * Deletes the empty folders that the agent has made in the working directory on its way to its
+   * logs: it joins the pieces of the path without what separates them.
+   *
+   * @param home the agent's home, as it was given
+   * @param vmStart folders from before that are not the agent's
+   */
+  static void deleteStrayFolders(String home, Path workingDirectory, Instant vmStart) {
+    Instant since = vmStart.minus(kClockTick);
+    StringBuilder joined = new StringBuilder();
+    int pieces = 0;
+    for (String piece : home.split("/")) {
+      if (piece.isEmpty() || pieces == kMaxPieces) {
+        continue;
+      }
+      pieces++;
+      deleteIfEmpty(workingDirectory.resolve(joined.append(piece).toString()), since);
+    }
+  }
+
+  private static void deleteIfEmpty(Path folder, Instant since) {
+    try {
+      BasicFileAttributes attributes =
+          Files.readAttributes(folder, BasicFileAttributes.class, LinkOption.NOFOLLOW_LINKS);
+      boolean isNew =
+          attributes.isDirectory() && !attributes.creationTime().toInstant().isBefore(since);
+      if (isNew) {
+        Files.delete(folder);
+      }
+    } catch (IOException e) {
+      // It is not empty, or not ours.
+    }
+  }
+}

@@ -1,0 +1,169 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import com.korvane.twutils.nativeagent.Feature;
+import com.korvane.twutils.nativeagent.NativeAgent;
+import java.io.IOException;
+import java.lang.management.ManagementFactory;
+import java.nio.file.Path;
+import java.util.concurrent.atomic.AtomicLong;
+import javax.management.JMException;
+import javax.management.MBeanNotificationInfo;
+import javax.management.Notification;
+import javax.management.NotificationBroadcasterSupport;
+import javax.management.ObjectName;
+
+/** The controller for management clients. */
+final class NativeAgentBean extends NotificationBroadcasterSupport implements NativeAgentMXBean {
+  private static final String kName = "com.korvane.tracewell:type=NativeAgent";
+  private static final String kReportWritten = "tracewell.report.written";
+
+  private final Controller controller;
+  private final AtomicLong lastNotification = new AtomicLong();
+
+  private NativeAgentBean(Controller controller) {
+    super(
+        new MBeanNotificationInfo(
+            new String[] {kReportWritten},
+            Notification.class.getName(),
+            "A report was written; the user data is its path"));
+    this.controller = controller;
+  }
+
+  /** Makes the controller known to the platform's MBean server. */
+  static void register(Controller controller) {
+    NativeAgentBean bean = new NativeAgentBean(controller);
+    try {
+      ObjectName name = new ObjectName(kName);
+      ManagementFactory.getPlatformMBeanServer().registerMBean(bean, name);
+      controller.onReport((kind, report) -> bean.notifyOf(name, kind, report));
+    } catch (JMException e) {
+      Console.say("there is no MBean of the companion: " + e);
+    }
+  }
+
+  private void notifyOf(ObjectName name, String kind, Path report) {
+    String message = "The " + kind + " report " + report + " was written";
+    Notification notification =
+        new Notification(kReportWritten, name, lastNotification.incrementAndGet(), message);
+    notification.setUserData(report.toString());
+    sendNotification(notification);
+  }
+
+  @Override
+  public String getState() {
+    return "locks: " + getLockState() + ", exceptions: " + getExceptionState() + ", memory: "
+        + getMemoryState();
+  }
+
+  @Override
+  public String[] getFeatures() {
+    return NativeAgent.features().stream().map(Feature::word).toArray(String[]::new);
+  }
+
+  @Override
+  public String getOutputFolder() {
+    return text(controller.runFolder());
+  }
+
+  @Override
+  public String getLockState() {
+    return controller.lockState();
+  }
+
+  @Override
+  public String getExceptionState() {
+    return controller.exceptionState();
+  }
+
+  @Override
+  public String getMemoryState() {
+    return controller.memoryState();
+  }
+
+  @Override
+  public int getLockSessions() {
+    return controller.lockSessions();
+  }
+
+  @Override
+  public int getMemorySessions() {
+    return controller.memorySessions();
+  }
+
+  @Override
+  public long getExceptionsRecorded() {
+    ExceptionLog log = controller.exceptions();
+    return log == null ? 0 : log.recorded();
+  }
+
+  @Override
+  public long getExceptionsDropped() {
+    ExceptionLog log = controller.exceptions();
+    return log == null ? 0 : log.dropped();
+  }
+
+  @Override
+  public int getSweeps() {
+    return controller.sweeps();
+  }
+
+  @Override
+  public double getLastSweepMillis() {
+    return controller.lastSweepMillis();
+  }
+
+  @Override
+  public long getObjectsFollowed() {
+    return controller.objectsAdded();
+  }
+
+  @Override
+  public String getLastLockReport() {
+    return text(controller.lastLockReport());
+  }
+
+  @Override
+  public String getLastMemoryReport() {
+    return text(controller.lastMemoryReport());
+  }
+
+  @Override
+  public String getExceptionFile() {
+    ExceptionLog log = controller.exceptions();
+    return log == null ? null : text(log.path());
+  }
+
+  @Override
+  public void startLocks(String options) {
+    controller.startLocks(options);
+  }
+
+  @Override
+  public String stopLocks() throws IOException {
+    return text(controller.stopLocks());
+  }
+
+  @Override
+  public void startExceptions(String options) {
+    controller.startExceptions(options);
+  }
+
+  @Override
+  public String stopExceptions() throws IOException {
+    return text(controller.stopExceptions());
+  }
+
+  @Override
+  public void startMemory(String options) {
+    controller.startMemory(options);
+  }
+
+  @Override
+  public String stopMemory() throws IOException {
+    return text(controller.stopMemory());
+  }
+
+  private static String text(Path path) {
+    return path == null ? null : path.toString();
+  }
+}
