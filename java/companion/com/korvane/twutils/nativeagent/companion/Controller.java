@@ -121,13 +121,9 @@ final class Controller {
       RotatingFile file =
           folder().exceptions(reader.size(OptionKey.EXCEPTIONS_FILE_SIZE, 10 << 20), files);
       int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE, 1, 1_000_000, 1000);
-      ExceptionLog log = ExceptionLog.open(file, queue);
-      try {
-        NativeAgent.startExceptions(settings, log);
-      } catch (IllegalStateException e) {
-        log.close();
-        throw e;
-      }
+      ExceptionLog log = new ExceptionLog(file, queue);
+      NativeAgent.startExceptions(settings, log);
+      log.start();
       exceptions = log;
       areExceptionsOn = true;
     });

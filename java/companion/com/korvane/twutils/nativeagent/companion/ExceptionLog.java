@@ -35,16 +35,15 @@ final class ExceptionLog implements ExceptionSink {
   private volatile boolean isClosing;
   private boolean hasFailed;
 
-  /** Begins to write at once. */
-  static ExceptionLog open(RotatingFile file, int maxQueued) {
-    ExceptionLog log = new ExceptionLog(file, maxQueued);
-    log.writer.start();
-    return log;
-  }
-
-  private ExceptionLog(RotatingFile file, int maxQueued) {
+  /** Gathers records; {@link #start} begins to write them. */
+  ExceptionLog(RotatingFile file, int maxQueued) {
     this.file = file;
     this.maxQueued = maxQueued;
+  }
+
+  /** Begins to write. */
+  void start() {
+    writer.start();
   }
 
   @Override

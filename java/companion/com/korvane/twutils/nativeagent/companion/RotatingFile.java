@@ -6,6 +6,10 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.util.ArrayDeque;
 import java.util.Deque;
+import java.util.SortedSet;
+import java.util.TreeSet;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 
 /**
  * A file of lines that begins anew when it is full: the full one goes on as NAME-1.EXTENSION, the
@@ -38,10 +42,24 @@ final class RotatingFile {
     extension = fileName.substring(dot);
     this.maxSize = maxSize;
     this.maxFiles = maxFiles;
-    for (int number = 1; Files.exists(numbered(number)); number++) {
+    for (int number : numbersInUse()) {
       full.add(numbered(number));
       lastNumber = number;
     }
+  }
+
+  private SortedSet<Integer> numbersInUse() {
+    SortedSet<Integer> numbers = new TreeSet<>();
+    Pattern numbered =
+        Pattern.compile(Pattern.quote(name + '-') + "([0-9]{1,9})" + Pattern.quote(extension));
+    String[] files = folder.toFile().list();
+    for (String file : files == null ? new String[0] : files) {
+      Matcher matcher = numbered.matcher(file);
+      if (matcher.matches()) {
+        numbers.add(Integer.parseInt(matcher.group(1)));
+      }
+    }
+    return numbers;
   }
 
   /** The newest file. */

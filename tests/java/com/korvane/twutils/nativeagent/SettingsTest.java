@@ -1,0 +1,154 @@
+package com.korvane.twutils.nativeagent;
+
+import static com.korvane.twutils.nativeagent.Checks.contains;
+import static com.korvane.twutils.nativeagent.Checks.refused;
+import static com.korvane.twutils.nativeagent.Checks.same;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.time.Duration;
+import java.util.Arrays;
+import java.util.Collections;
+import java.util.EnumSet;
+
+/** Settings that are refused, report files, and a JVM without the agent. */
+public final class SettingsTest {
+  private static final Class<IllegalArgumentException> kArgument = IllegalArgumentException.class;
+  private static final Path kReport = Paths.get("report.json");
+
+  private SettingsTest() {}
+
+  public static void main(String[] args) throws Exception {
+    lockSettings();
+    exceptionSettings();
+    memorySettings();
+    withoutTheAgent();
+    vmArguments();
+    Checks.inFolder(SettingsTest::reportFiles);
+    Checks.inFolder(SettingsTest::unwritablePaths);
+    Checks.end();
+  }
+
+  private static void lockSettings() {
+    LockSettings settings = new LockSettings(kReport);
+    refused(kArgument, "report is null", () -> new LockSettings(null));
+    refused(kArgument, "stacks is null", () -> settings.stacks(null));
+    refused(kArgument, "name is null", () -> settings.name(null));
+    refused(kArgument, "NUL", () -> settings.name("a\0b"));
+    refused(kArgument, "summary is PT-1S", () -> settings.summary(Duration.ofSeconds(-1)));
+    refused(kArgument, "detail is null", () -> settings.detail(null));
+    refused(kArgument, "34 years", () -> settings.detail(Duration.ofDays(20_000)));
+    refused(kArgument, "topLocks is 0: expected a number from 1 on, or -1 for all",
+        () -> settings.topLocks(0));
+    refused(kArgument, "topLocks is -2", () -> settings.topLocks(-2));
+    refused(kArgument, "maxLocks is 0", () -> settings.maxLocks(0));
+    refused(kArgument, "maxThreadsPerLock is -1", () -> settings.maxThreadsPerLock(-1));
+    refused(kArgument, "maxThreads is 0", () -> settings.maxThreads(0));
+    refused(kArgument, "maxStackTraces is 0", () -> settings.maxStackTraces(0));
+    refused(kArgument, "maxStackTracesPerThread", () -> settings.maxStackTracesPerThread(0));
+    same("stack file", "report.stacks", settings.stacks.getFileName().toString());
+    LockSettings other = new LockSettings(Paths.get("r"));
+    same("stack file", "r.stacks", other.stacks.getFileName().toString());
+    same("all locks", -1, settings.topLocks(-1).topLocks);
+  }
+
+  private static void exceptionSettings() {
+    ExceptionSettings settings = new ExceptionSettings();
+    same("no names", "[]", settings.blackList());
+    same("names", "[a.B,c.D$E]", settings.exclude("a.B", "c.D$E").blackList());
+    same("names of other letters", "[café.Été]", settings.exclude("café.Été").blackList());
+    refused(kArgument, "exclude is null", () -> settings.exclude((String[]) null));
+    refused(kArgument, "a name in exclude is null", () -> settings.exclude((String) null));
+    refused(kArgument, "a name in exclude is ''", () -> settings.exclude(""));
+    refused(kArgument, "'a.B,c.D'", () -> settings.exclude("a.B,c.D"));
+    refused(kArgument, "' a.B'", () -> settings.exclude(" a.B"));
+    refused(kArgument, "rate is -1", () -> settings.rate(-1));
+    refused(kArgument, "depth is 0: expected a number from 1 to 100", () -> settings.depth(0));
+    refused(kArgument, "depth is 101", () -> settings.depth(101));
+  }
+
+  private static void memorySettings() {
+    MemorySettings settings = new MemorySettings(kReport);
+    refused(kArgument, "report is null", () -> new MemorySettings(null));
+    refused(kArgument, "name is null", () -> settings.name(null));
+    refused(kArgument, "topClasses is 0", () -> settings.topClasses(0));
+    refused(kArgument, "duration is", () -> settings.duration(Duration.ofMillis(-1)));
+    refused(kArgument, "includeClasses is null", () -> settings.includeClasses(null));
+    refused(kArgument, "'a.*'", () -> settings.excludePackages(Collections.singleton("a.*")));
+    same("list", "a.B,c.D", settings.includeClasses(Arrays.asList("a.B", "c.D")).includedClasses);
+  }
+
+  private static void withoutTheAgent() {
+    same("loaded", false, NativeAgent.isLoaded());
+    same("features", EnumSet.noneOf(Feature.class), NativeAgent.features());
+    String expected = "-agentpath:/path/to/libjavanativeagent.so";
+    Class<IllegalStateException> state = IllegalStateException.class;
+    refused(state, expected, () -> NativeAgent.startLocks(new LockSettings(kReport)));
+    refused(state, expected, () -> NativeAgent.startMemory(new MemorySettings(kReport)));
+    refused(state, expected,
+        () -> NativeAgent.startExceptions(new ExceptionSettings(), (record, exception) -> {}));
+    NativeAgent.stopExceptions();
+    same("nothing left", false, Files.exists(Paths.get("report.json.part")));
+  }
+
+  private static void vmArguments() {
+    String library = "-agentpath:/opt/x=y/libjavanativeagent.so";
+    same("unknown", EnumSet.allOf(Feature.class), new VmArguments(null).features());
+    same("no agent", EnumSet.noneOf(Feature.class), arguments("-Xmx1g").features());
+    same("all", EnumSet.allOf(Feature.class), arguments("-agentlib:javanativeagent").features());
+    same("home", null, arguments("-agentlib:javanativeagent").home());
+    VmArguments some =
+        arguments("-Dx", "-agentpath:/a/libjavanativeagent.so=TWHOME=/h,features=mutexprofiling_x");
+    same("options", "TWHOME=/h,features=mutexprofiling_x", some.options());
+    same("home", "/h", some.home());
+    same("one", EnumSet.of(Feature.LOCKS), some.features());
+    same("ALL", EnumSet.allOf(Feature.class),
+        arguments("-agentpath:/a/libjavanativeagent.so=features=ALL_x").features());
+    same("another agent", null, arguments("-agentpath:/a/other.so=twHome=/h").options());
+    same("a path that the VM cuts", null, arguments(library).options());
+  }
+
+  private static VmArguments arguments(String... arguments) {
+    return new VmArguments(Arrays.asList(arguments));
+  }
+
+  private static void reportFiles(Path folder) throws Exception {
+    Path path = folder.resolve("r.json");
+    ReportFile report = new ReportFile("lock report", path);
+    same("before", "r.json.part", Checks.names(folder));
+    same("mode", "rw-------", Checks.mode(Paths.get(report.partPath())));
+    refused(IOException.class, "is not whole: it is empty", report::publishJson);
+    Checks.write(Paths.get(report.partPath()), "{\"a\": [1,");
+    refused(IOException.class, "the lock report " + path + " is not whole: it ends early",
+        report::publishJson);
+    same("kept", "r.json.part", Checks.names(folder));
+
+    Checks.write(Paths.get(report.partPath()), "{\"a\": [1, 2]}");
+    Thread.currentThread().interrupt();
+    same("published", path, report.publishJson());
+    same("interrupted all the same", true, Thread.interrupted());
+    same("after", "r.json", Checks.names(folder));
+    same("mode", "rw-------", Checks.mode(path));
+
+    ReportFile stacks = new ReportFile("stack file", folder.resolve("s"));
+    Checks.write(Paths.get(stacks.partPath()), "1=[a]\n2=[b");
+    refused(IOException.class, "its last line is cut off", stacks::publishLines);
+    Checks.write(Paths.get(stacks.partPath()), "1=[a]\n");
+    stacks.publishLines();
+    same("all", "r.json s", Checks.names(folder));
+  }
+
+  private static void unwritablePaths(Path folder) throws Exception {
+    refused(kArgument, "the report " + folder + " cannot be written: it is a folder",
+        () -> new ReportFile("report", folder));
+    try {
+      new ReportFile("report", folder.resolve("missing/r.json"));
+      same("missing folder", "refused", "taken");
+    } catch (IllegalArgumentException e) {
+      contains("missing folder", "missing/r.json cannot be written: NoSuchFileException",
+          e.getMessage());
+    }
+  }
+}
