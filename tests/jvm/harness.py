@@ -196,12 +196,13 @@ class Jvm:
         return folder
 
     def run(self, program, *arguments, options=DEFAULT_OPTIONS, vm=(), folder=None, exit_code=0,
-            quiet=True, limit=120):
+            quiet=True, limit=120, environment=None):
         """Runs the program to its end.
 
         Fails when it ends otherwise than with `exit_code`, takes more than `limit` seconds, shows
         any sign of a crash or misused native interface, or (`quiet`) writes to standard error.
-        `options` None starts the agent without an option string.
+        `options` None starts the agent without an option string. `environment` is added to the
+        one that every run gets.
         """
         folder = folder or self.new_folder(program)
         home = folder / "home"
@@ -210,7 +211,7 @@ class Jvm:
             agent += "=" + options.replace(HOME, str(home))
         command = [self.java, "-Xmx256m", agent, *vm, "-cp", self.class_path, program,
                    *map(str, arguments)]
-        exit_status = self._execute(command, folder, limit)
+        exit_status = self._execute(command, folder, limit, environment or {})
         out, err = ((folder / name).read_bytes().decode("latin-1") for name in ("out", "err"))
         told = f"{' '.join(command)}\nin {folder}\n--- out\n{out}\n--- err\n{err}"
         assert not list(folder.glob("hs_err*")), told
@@ -220,14 +221,14 @@ class Jvm:
         return Run(folder, home, exit_status, out, err, parse_facts(out))
 
     @staticmethod
-    def _execute(command, folder, limit):
+    def _execute(command, folder, limit, added):
         foreign = ("JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS", "LD_PRELOAD")
         environment = {k: v for k, v in os.environ.items() if k not in foreign}
         with open(folder / "out", "wb") as out, open(folder / "err", "wb") as err:
             process = subprocess.Popen(
                 command,
                 cwd=folder,
-                env={**environment, "LC_ALL": "C"},
+                env={**environment, "LC_ALL": "C", **added},
                 stdin=subprocess.DEVNULL,
                 stdout=out,
                 stderr=err,

@@ -143,8 +143,8 @@ public final class LockSession {
   }
 
   /**
-   * Stops the session in any phase and writes its report. Without a detail phase that has no times:
-   * it only names the top locks that were gathered. Stopped once more, it does nothing.
+   * Stops the session in any phase and writes its report, which is empty without a detail phase.
+   * Stopped once more, it does nothing.
    *
    * @return the report
    * @throws IOException when the report or the stack file was not written whole; the session is
@@ -165,10 +165,8 @@ public final class LockSession {
 
   private void finish() throws IOException {
     if (phase == Phase.SUMMARY) {
-      TWNativeAgentProfiling.startMutexLockDetailSession(id); // ranks the locks: only those go in
-      phase = Phase.DETAIL;
-    }
-    if (phase == Phase.DETAIL) {
+      TWNativeAgentProfiling.stopMutexLockSummarySession(id);
+    } else if (phase == Phase.DETAIL) {
       TWNativeAgentProfiling.stopMutexLockDetailSession(id);
     }
     phase = Phase.STOPPED;

@@ -12,7 +12,7 @@ public final class LockSettings {
   final Path report;
   Path stacks;
   String name = "locks";
-  Duration summary = Duration.ofSeconds(10);
+  Duration summary = Duration.ofSeconds(5);
   Duration detail = Duration.ofSeconds(60);
   int topLocks = 20;
   int maxLocks = 10_000;
@@ -44,7 +44,7 @@ public final class LockSettings {
     return this;
   }
 
-  /** How long {@link LockSession#run} gathers the locks; 10 seconds. */
+  /** How long {@link LockSession#run} gathers the locks; 5 seconds. */
   public LockSettings summary(Duration length) {
     summary = Check.duration("summary", length);
     return this;

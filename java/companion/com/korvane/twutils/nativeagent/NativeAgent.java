@@ -36,7 +36,10 @@ public final class NativeAgent {
     }
   }
 
-  /** The profilers that the agent was started with, as far as the JVM's arguments tell. */
+  /**
+   * The profilers that the agent was started with, as far as the JVM's arguments tell. Asking has
+   * the JVM settle on its log manager.
+   */
   public static Set<Feature> features() {
     return isLoaded() ? VmArguments.ofThisJvm().features() : EnumSet.noneOf(Feature.class);
   }
@@ -166,11 +169,9 @@ public final class NativeAgent {
   }
 
   static IllegalStateException missing(Feature feature) {
-    String options = VmArguments.ofThisJvm().options();
-    String given = options == null ? "" : " (its options are '" + options + "')";
     return new IllegalStateException(
         "there is no " + feature + " profiler: the JVM was started without features="
-            + feature.word() + given);
+            + feature.word());
   }
 
   private static void requireLoaded() {

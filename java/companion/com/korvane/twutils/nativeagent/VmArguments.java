@@ -11,6 +11,9 @@ import java.util.Set;
  * What the JVM's arguments say of the native agent; those from the environment and from argument
  * files are among them. Without the module java.management they are not known.
  *
+ * <p>To ask for them has the JVM settle on its log manager, which a program may choose in its
+ * {@code main}.
+ *
  * <p>Immutable.
  */
 public final class VmArguments {
@@ -39,7 +42,7 @@ public final class VmArguments {
   }
 
   /** The agent's option text, empty when it has none; null when there is no agent or no telling. */
-  public String options() {
+  String options() {
     return options;
   }
 

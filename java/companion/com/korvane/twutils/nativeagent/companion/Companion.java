@@ -16,12 +16,13 @@ import java.util.concurrent.atomic.AtomicBoolean;
  */
 public final class Companion {
   /**
-   * Programs choose their log manager early in {@code main}, and registering an MBean makes the
-   * JVM settle on one.
+   * Programs choose their log manager early in {@code main}, and whatever has to do with management
+   * makes the JVM settle on one: it has to wait.
    */
-  private static final Duration kUntilRegistered = Duration.ofSeconds(1);
+  private static final Duration kUntilMainHasBegun = Duration.ofSeconds(1);
 
   private static final AtomicBoolean kIsStarted = new AtomicBoolean();
+  private static final AtomicBoolean kIsCleanedUp = new AtomicBoolean();
 
   private Companion() {}
 
@@ -57,15 +58,24 @@ public final class Companion {
           + " -agentpath:/path/to/libjavanativeagent.so");
       return;
     }
-    cleanUp();
     Controller controller = new Controller(options.values(), instrumentation);
-    Runtime.getRuntime().addShutdownHook(AgentThread.of("end", controller::end));
+    Runtime.getRuntime().addShutdownHook(AgentThread.of("end", () -> end(controller)));
     controller.begin();
-    controller.after(kUntilRegistered, () -> register(controller));
+    controller.after(kUntilMainHasBegun, () -> meetManagement(controller));
+  }
+
+  private static void meetManagement(Controller controller) {
+    register(controller);
+    cleanUp();
+  }
+
+  private static void end(Controller controller) {
+    controller.end();
+    cleanUp();
   }
 
   private static void cleanUp() {
-    String home = VmArguments.ofThisJvm().home();
+    String home = kIsCleanedUp.getAndSet(true) ? null : VmArguments.ofThisJvm().home();
     if (home == null) {
       return;
     }

@@ -25,7 +25,7 @@ final class LockPlan {
   LockPlan(Controller controller, OptionReader options) {
     this.controller = controller;
     delay = options.duration(OptionKey.LOCKS_DELAY, Duration.ZERO);
-    summary = options.duration(OptionKey.LOCKS_SUMMARY, Duration.ofSeconds(10));
+    summary = options.duration(OptionKey.LOCKS_SUMMARY, Duration.ofSeconds(5));
     detail = options.duration(OptionKey.LOCKS_DETAIL, Duration.ofSeconds(60));
     sessionsToCome = options.repeat(OptionKey.LOCKS_REPEAT);
     top = options.top(OptionKey.LOCKS_TOP, 20);
@@ -114,8 +114,8 @@ final class LockPlan {
     session = null;
     if (stopping.phase() == LockSession.Phase.SUMMARY) {
       Console.say(
-          "lock session " + stopping.id() + " ends in its summary phase: its report names the"
-              + " locks, without times; a shorter locks.summary helps");
+          "lock session " + stopping.id() + " ends in its summary phase, so that its report names"
+              + " no lock: a shorter locks.summary helps");
     }
     Path report = stopping.stop();
     controller.reported("lock", report);

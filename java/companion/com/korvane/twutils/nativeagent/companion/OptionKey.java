@@ -5,7 +5,7 @@ enum OptionKey {
   OUTPUT("output", "/var/tmp/profiling"),
   LOCKS("locks", "true"),
   LOCKS_DELAY("locks.delay", "30s"),
-  LOCKS_SUMMARY("locks.summary", "10s"),
+  LOCKS_SUMMARY("locks.summary", "5s"),
   LOCKS_DETAIL("locks.detail", "60s"),
   LOCKS_REPEAT("locks.repeat", "3"),
   LOCKS_TOP("locks.top", "20"),
