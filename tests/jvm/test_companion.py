@@ -210,6 +210,7 @@ def test_a_full_disk(start, tmp_path):
         assert "locks-1.json" not in names(folder), "a half report bears no name"
         assert re.search(SAY + r"the lock report .* is not whole: .*is the disk full", run.err)
         assert SAY + "exceptions cannot be written to " in run.err
+        assert re.search(SAY + r"[1-9]\d* exception records were dropped, \d+ are in ", run.err)
         records, _ = lines(folder / "exceptions.jsonl")
         assert all("frames" in record for record in records), "every line is whole"
     finally:

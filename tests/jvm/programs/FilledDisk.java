@@ -15,7 +15,7 @@ public final class FilledDisk {
 
   /** Argument: the output folder. */
   public static void main(String[] args) {
-    Object[] tills = new Object[20];
+    Object[] tills = new Object[2];
     for (int i = 0; i < tills.length; i++) {
       tills[i] = new Object();
     }

@@ -112,11 +112,20 @@ final class ExceptionLog implements ExceptionSink {
   }
 
   private void run() {
+    try {
+      writeUntilClosed();
+      writeEnd();
+    } finally {
+      written.countDown();
+    }
+  }
+
+  private void writeUntilClosed() {
     while (true) {
       boolean isLast = isClosing; // asked before the queue: what came before is still written
       writeQueued();
       if (isLast) {
-        break;
+        return;
       }
       isIdle = true;
       if (queue.isEmpty() && !isClosing) {
@@ -124,8 +133,6 @@ final class ExceptionLog implements ExceptionSink {
       }
       isIdle = false;
     }
-    writeEnd();
-    written.countDown();
   }
 
   private void writeQueued() {
@@ -152,8 +159,10 @@ final class ExceptionLog implements ExceptionSink {
       tellFailure(e);
     }
     if (dropped.get() > 0) {
-      Console.say(dropped.get() + " exception records were dropped, " + recorded
-          + " are in " + path() + ": a longer exceptions.queue or a lower exceptions.rate helps");
+      String advice =
+          hasFailed ? "" : ": a longer exceptions.queue or a lower exceptions.rate helps";
+      Console.say(dropped.get() + " exception records were dropped, " + recorded + " are in "
+          + path() + advice);
     }
   }
 
