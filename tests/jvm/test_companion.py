@@ -69,7 +69,7 @@ def test_the_end_in_each_phase(start, phase, way, exit_code):
                 exit_code=exit_code, quiet=False)
     assert run.out.endswith("ending\n")
     if phase == "waiting":
-        assert run.err == "" and not (run.folder / OUTPUT).exists()
+        assert run.err == "" and names(run_folder(run)) == ["run.json"]
         return
     folder = run_folder(run)
     assert names(folder) == ["locks-1.json", "locks-1.stacks", "run.json"]
@@ -193,7 +193,7 @@ def test_a_properties_file_and_odd_paths(jvm, start):
 
 
 def test_an_output_folder_that_cannot_be_made(start):
-    run = start("Profiled", "waiting", "return", OUTPUT, given=f"output=/proc/none,{LOCKS}",
+    run = start("Profiled", "waiting", "return", OUTPUT, given=f"output=/proc/none,{LOCKS},exceptions=true",
                 quiet=False)
     assert run.err.startswith(SAY + "nothing can be written to the output folder '/proc/none': ")
     assert len(run.err.splitlines()) == 1

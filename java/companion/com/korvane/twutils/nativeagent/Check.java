@@ -29,8 +29,8 @@ final class Check {
   }
 
   static Path path(String setting, Path value) {
-    if (value == null) {
-      throw refused(setting, null, "a file");
+    if (value == null || value.getFileName() == null) {
+      throw refused(setting, value, "a file");
     }
     return value.toAbsolutePath();
   }

@@ -34,7 +34,11 @@ public final class LockSettings {
 
   /** The file for the stack traces. */
   public LockSettings stacks(Path file) {
-    stacks = Check.path("stacks", file);
+    Path checked = Check.path("stacks", file);
+    if (checked.equals(report)) {
+      throw Check.refused("stacks", checked, "another file than the report");
+    }
+    stacks = checked;
     return this;
   }
 

@@ -35,6 +35,8 @@ public final class SettingsTest {
     LockSettings settings = new LockSettings(kReport);
     refused(kArgument, "report is null", () -> new LockSettings(null));
     refused(kArgument, "stacks is null", () -> settings.stacks(null));
+    refused(kArgument, "another file", () -> settings.stacks(kReport));
+    refused(kArgument, "report is /: expected a file", () -> new LockSettings(Paths.get("/")));
     refused(kArgument, "name is null", () -> settings.name(null));
     refused(kArgument, "NUL", () -> settings.name("a\0b"));
     refused(kArgument, "summary is PT-1S", () -> settings.summary(Duration.ofSeconds(-1)));

@@ -9,7 +9,9 @@ import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.time.Duration;
+import java.util.ArrayList;
 import java.util.LinkedHashMap;
+import java.util.List;
 import java.util.Map;
 import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicReference;
@@ -55,18 +57,28 @@ final class Controller {
   void begin() {
     OptionReader given = new OptionReader(options, Console::say);
     // The locks come last: switching another profiler would end their detail phase.
-    begin(given.flag(OptionKey.EXCEPTIONS, false), () -> startExceptions(""));
-    begin(given.flag(OptionKey.MEMORY, false), () -> startMemory(""));
-    begin(given.flag(OptionKey.LOCKS, false), () -> startLocks(""));
+    List<Runnable> starts = new ArrayList<>();
+    if (given.flag(OptionKey.EXCEPTIONS, false)) {
+      starts.add(() -> startExceptions(""));
+    }
+    if (given.flag(OptionKey.MEMORY, false)) {
+      starts.add(() -> startMemory(""));
+    }
+    if (given.flag(OptionKey.LOCKS, false)) {
+      starts.add(() -> startLocks(""));
+    }
+    if (!starts.isEmpty() && begin(() -> timetable.inTurn(this::folder))) {
+      starts.forEach(Controller::begin);
+    }
   }
 
-  private static void begin(boolean isWanted, Runnable start) {
-    if (isWanted) {
-      try {
-        start.run();
-      } catch (IllegalArgumentException | IllegalStateException e) {
-        Console.say(e.getMessage());
-      }
+  private static boolean begin(Runnable start) {
+    try {
+      start.run();
+      return true;
+    } catch (IllegalArgumentException | IllegalStateException e) {
+      Console.say(e.getMessage());
+      return false;
     }
   }
 
@@ -291,7 +303,7 @@ final class Controller {
     reportListener.accept(kind, report);
   }
 
-  /** Made with the first session. */
+  /** Made when there is something to write; in turn. */
   private RunFolder folder() {
     if (folder == null) {
       String output = options.getOrDefault(OptionKey.OUTPUT.toString(), kDefaultOutput);

@@ -59,21 +59,37 @@ final class ExceptionLog implements ExceptionSink {
       dropped.incrementAndGet();
       return;
     }
-    queue.add(event);
+    enqueue(event);
     if (isIdle) {
       LockSupport.unpark(writer);
     }
   }
 
   private boolean takePlace(ExceptionEvent event) {
-    if (queued.incrementAndGet() <= maxQueued) {
-      if (queuedCharacters.addAndGet(event.length()) <= kMaxQueuedCharacters) {
-        return true;
-      }
-      queuedCharacters.addAndGet(-event.length());
+    boolean isFew = queued.incrementAndGet() <= maxQueued;
+    boolean isShort = queuedCharacters.addAndGet(event.length()) <= kMaxQueuedCharacters;
+    if (!isFew || !isShort) {
+      givePlaceBack(event);
     }
+    return isFew && isShort;
+  }
+
+  private void givePlaceBack(ExceptionEvent event) {
     queued.decrementAndGet();
-    return false;
+    queuedCharacters.addAndGet(-event.length());
+  }
+
+  /** There may be no memory or no stack left: that is what is being thrown, perhaps. */
+  private void enqueue(ExceptionEvent event) {
+    boolean isQueued = false;
+    try {
+      isQueued = queue.add(event);
+    } finally {
+      if (!isQueued) {
+        givePlaceBack(event);
+        dropped.incrementAndGet();
+      }
+    }
   }
 
   /** Records that are in the file. */
@@ -138,14 +154,13 @@ final class ExceptionLog implements ExceptionSink {
   private void writeQueued() {
     for (ExceptionEvent event = queue.poll(); event != null; event = queue.poll()) {
       try {
-        write(event.toJson());
+        write(ExceptionLine.of(event));
         recorded++;
       } catch (IOException | RuntimeException | OutOfMemoryError e) {
         dropped.incrementAndGet();
         tellFailure(e);
       }
-      queued.decrementAndGet();
-      queuedCharacters.addAndGet(-event.length());
+      givePlaceBack(event);
     }
   }
 

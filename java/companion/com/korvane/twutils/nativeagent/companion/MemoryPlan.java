@@ -79,10 +79,14 @@ final class MemoryPlan {
    * @throws IllegalStateException when a lock session is in its detail phase: all goes on
    */
   Path stop() throws IOException {
-    Path report = session == null ? null : stopSession();
-    isOver = true;
-    cancel(next);
-    return report;
+    try {
+      return session == null ? null : stopSession();
+    } finally {
+      if (session == null) {
+        isOver = true;
+        cancel(next);
+      }
+    }
   }
 
   private void startSession() {
@@ -148,14 +152,21 @@ final class MemoryPlan {
   }
 
   private Path stopSession() throws IOException {
-    if (!tracked.isEmpty()) {
+    MemorySession stopping = session;
+    if (!tracked.isEmpty() && !NativeAgent.isDetailRunning()) {
       addInstances();
-      session.collect(); // what was followed since the last collection is not reported
+      stopping.collect(); // what was followed since the last collection is not reported
     }
-    Path report = session.stop();
-    cancel(nextSweep);
-    session = null;
-    sweeps.close();
+    Path report;
+    try {
+      report = stopping.stop();
+    } finally {
+      if (stopping.isStopped()) {
+        session = null;
+        cancel(nextSweep);
+        sweeps.close();
+      }
+    }
     controller.reported("memory", report);
     return report;
   }

@@ -26,8 +26,10 @@ final class PrivateFiles {
   }
 
   /** Makes a folder and those above it, as far as they are missing. */
-  static Path createFolders(Path folder) throws IOException {
-    return Files.createDirectories(folder, kFolderMode);
+  static void createFolders(Path folder) throws IOException {
+    if (!Files.isDirectory(folder)) { // a link to one is refused otherwise
+      Files.createDirectories(folder, kFolderMode);
+    }
   }
 
   private static FileAttribute<Set<PosixFilePermission>> mode(String mode) {

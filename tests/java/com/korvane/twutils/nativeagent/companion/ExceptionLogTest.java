@@ -51,8 +51,8 @@ public final class ExceptionLogTest {
         "{\"time\":\"2026-11-21T14:35:15.000Z\",\"thread\":\"main\",\"class\":\"a.X\","
             + "\"message\":\"no \\\"pen\\\"\",\"caught\":null,\"frames\":" + frames + ",\"raw\":\""
             + record + "\"}",
-        event.toJson());
-    String doubtful = new ExceptionEvent(0, "t", "a.X", null, "garbage").toJson();
+        ExceptionLine.of(event));
+    String doubtful = ExceptionLine.of(new ExceptionEvent(0, "t", "a.X", null, "garbage"));
     Checks.contains("doubts", "\"ambiguous\":[\"", doubtful);
     Checks.contains("no message", "\"message\":null", doubtful);
     Checks.contains("kept", "\"raw\":\"garbage\"", doubtful);
@@ -68,12 +68,16 @@ public final class ExceptionLogTest {
             throw new IllegalStateException();
           }
         };
-    Checks.contains("throwing", "\"message\":null", ExceptionEvent.of("", hostile).toJson());
+    Checks.contains("throwing", "\"message\":null", lineOf(hostile));
     char[] many = new char[100_000];
     Arrays.fill(many, 'x');
-    String line = ExceptionEvent.of("", new RuntimeException(new String(many))).toJson();
+    String line = lineOf(new RuntimeException(new String(many)));
     same("a long one is cut", true, line.length() < 9000);
-    Checks.contains("no exception", "\"class\":\"\"", ExceptionEvent.of(null, null).toJson());
+    Checks.contains("no exception", "\"class\":\"\"", lineOf(null));
+  }
+
+  private static String lineOf(Exception exception) {
+    return ExceptionLine.of(ExceptionEvent.of(null, exception));
   }
 
   private static void texts() {
