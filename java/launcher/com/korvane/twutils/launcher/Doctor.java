@@ -1,0 +1,361 @@
+package com.korvane.twutils.launcher;
+
+import java.io.BufferedInputStream;
+import java.io.File;
+import java.io.IOException;
+import java.io.InputStream;
+import java.nio.charset.Charset;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.FileVisitResult;
+import java.nio.file.Files;
+import java.nio.file.NoSuchFileException;
+import java.nio.file.Path;
+import java.nio.file.SimpleFileVisitor;
+import java.nio.file.attribute.BasicFileAttributes;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Enumeration;
+import java.util.List;
+import java.util.concurrent.TimeUnit;
+import java.util.zip.ZipEntry;
+import java.util.zip.ZipFile;
+
+/** Checks what profiling needs, one line for each point, and says what to change. */
+final class Doctor {
+  private static final String AGENT_GREETING = "Starting Java Native Agent";
+  private static final long LITTLE_SPACE = 64L << 20;
+  private static final int CLASSES_NAMED = 3;
+
+  private final Path root;
+  private final Path output;
+  private final List<String> command;
+  private boolean healthy = true;
+
+  /**
+   * @param root the folder that holds {@code lib}
+   * @param output where results are to go
+   * @param command the command to be profiled; may be empty
+   */
+  Doctor(Path root, Path output, List<String> command) {
+    this.root = root;
+    this.output = output;
+    this.command = command;
+  }
+
+  /** Prints all findings; false when one of them keeps profiling from working. */
+  boolean examine() throws IOException, InterruptedException {
+    checkTools();
+    boolean built = checkFiles();
+    if (built) {
+      checkLibraries();
+    }
+    checkOutput();
+    if (command.isEmpty()) {
+      checkLoading(built, ProcessHandle.current().info().command().orElse("java"));
+    } else {
+      checkCommand(built);
+    }
+    return healthy;
+  }
+
+  private void checkTools() {
+    String home = System.getProperty("java.home");
+    ok("JDK", System.getProperty("java.version") + " in " + home);
+    if (ModuleLayer.boot().findModule("jdk.attach").isEmpty()) {
+      hint("JDK", "has no module jdk.attach: list, status, start and stop need a full JDK; set"
+          + " JAVA_HOME to one");
+    }
+  }
+
+  private boolean checkFiles() {
+    boolean all = true;
+    for (String name : List.of("libjavanativeagent.so", "javanativeagent.jar")) {
+      Path file = root.resolve("lib").resolve(name);
+      if (Files.isReadable(file)) {
+        ok("file", file.toString());
+      } else {
+        all = false;
+        fault("file", file + " is not there; build it: cmake -S . -B build/run && cmake --build"
+            + " build/run");
+      }
+    }
+    if (root.toString().contains("=")) {
+      all = false;
+      fault("file", "'" + root + "' has a '=' in its path, where the JVM begins the options of an"
+          + " agent; move it");
+    }
+    Path viewer = root.resolve("lib/twreport");
+    if (!Files.isExecutable(viewer)) {
+      hint("file", viewer + " is not there: report needs it; install libcli11-dev, libfmt-dev and"
+          + " nlohmann-json3-dev and build again");
+    }
+    return all;
+  }
+
+  private void checkLibraries() throws IOException, InterruptedException {
+    Outcome listing = execute(List.of("ldd", library()), new File("/"));
+    List<String> missing = new ArrayList<>();
+    String apr = null;
+    for (String line : listing.text.split("\n")) {
+      String trimmed = line.trim();
+      if (trimmed.endsWith("not found")) {
+        missing.add(trimmed.split(" ")[0]);
+      } else if (trimmed.startsWith("libapr-1.")) {
+        apr = trimmed.replaceAll(" \\(0x.*", "");
+      }
+    }
+    if (!missing.isEmpty()) {
+      boolean lacksApr = missing.stream().anyMatch(name -> name.startsWith("libapr-1."));
+      fault("libraries", "missing: " + String.join(", ", missing)
+          + (lacksApr ? "; as root: apt-get install libapr1" : ""));
+    } else if (apr != null) {
+      ok("APR", apr);
+    }
+  }
+
+  private void checkOutput() throws IOException {
+    String path = output.toAbsolutePath().normalize().toString();
+    Path place = output.toAbsolutePath();
+    while (place != null && !Files.exists(place)) {
+      place = place.getParent();
+    }
+    if (place == null || !Files.isDirectory(place)) {
+      fault("output", "'" + place + "' is no folder; choose another with -o DIR");
+    } else if (!Files.isWritable(place)) {
+      fault("output", "'" + place + "' cannot be written; choose another with -o DIR");
+    } else {
+      ok("output", path);
+      long space = Files.getFileStore(place).getUsableSpace();
+      if (space < LITTLE_SPACE) {
+        hint("output", "only " + (space >> 20) + " MiB are free there");
+      }
+    }
+    String home = agentHome(path);
+    if (home.contains(",")) {
+      fault("output", "'" + home + "' has a comma, which the agent's options cannot carry; choose"
+          + " another with -o DIR");
+    }
+    boolean plain = StandardCharsets.US_ASCII.newEncoder().canEncode(path + root);
+    String encoding = System.getProperty("sun.jnu.encoding", Charset.defaultCharset().name());
+    if (path.indexOf('\uFFFD') >= 0 || (!plain && !encoding.equals("UTF-8"))) {
+      fault("locale", "a path has letters that Java cannot read in this locale (" + encoding
+          + "); set LC_ALL=C.UTF-8");
+    }
+  }
+
+  /** The part of the output folder's path that the agent gets, as the shell script makes it. */
+  private String agentHome(String path) {
+    Path folder = Path.of(path);
+    boolean inWorkingDirectory =
+        Path.of("").toAbsolutePath().equals(folder.getParent())
+            && (command.isEmpty() || JavaCommand.isJava(command));
+    return inWorkingDirectory ? folder.getFileName().toString() : path;
+  }
+
+  private void checkCommand(boolean built) throws IOException, InterruptedException {
+    String program = command.get(0);
+    String found = findProgram(program);
+    if (found == null) {
+      fault("command", "there is no command '" + program + "'");
+      return;
+    }
+    ok("command", found);
+    if (command.stream().anyMatch(word -> word.equals("-XX:+DisableAttachMechanism"))) {
+      hint("command", "-XX:+DisableAttachMechanism keeps list, status, start and stop from working;"
+          + " take it away");
+    }
+    if (!JavaCommand.isJava(command)) {
+      checkLoading(built, ProcessHandle.current().info().command().orElse("java"));
+      hint("classes", "not looked at, since the command is not java; name the java command that it"
+          + " starts to have its classes checked");
+      return;
+    }
+    checkLoading(built, found);
+    checkClasses();
+  }
+
+  private void checkLoading(boolean built, String java) throws IOException, InterruptedException {
+    if (!built) {
+      return;
+    }
+    Path folder = Files.createTempDirectory("twprofile-doctor");
+    try {
+      // The home "." leaves no folders behind, and level 0 no log.
+      String agent = "-agentpath:" + library() + "=twHome=.,logLevel=0,features=ALL";
+      Outcome run = execute(List.of(java, agent, "-version"), folder.toFile());
+      if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
+        ok("agent", "loads in " + java);
+      } else {
+        fault("agent", "does not load in " + java + " (exit code " + run.exitCode + "):\n"
+            + run.text.strip().indent(2).stripTrailing());
+      }
+    } finally {
+      for (File left : folder.toFile().listFiles()) {
+        left.delete();
+      }
+      Files.delete(folder);
+    }
+  }
+
+  private void checkClasses() throws IOException {
+    for (Path place : JavaCommand.classPlaces(command, System.getenv("CLASSPATH"))) {
+      Count count = new Count();
+      try {
+        if (Files.isDirectory(place)) {
+          countFolder(place, count);
+        } else {
+          countJar(place, count);
+        }
+      } catch (NoSuchFileException e) {
+        hint("classes", place + " is not there");
+        continue;
+      } catch (IOException e) {
+        hint("classes", place + " cannot be read: " + e.getMessage());
+        continue;
+      }
+      tell(place, count);
+    }
+  }
+
+  private void tell(Path place, Count count) {
+    if (count.classes == 0) {
+      return;
+    }
+    if (count.missing == 0) {
+      ok("classes", place + ": " + count.classes + (count.classes == 1 ? " class" : " classes")
+          + ", frames show their locals");
+      return;
+    }
+    hint("classes", place + ": frames of " + count.missing + " of " + count.classes
+        + " classes show no locals (" + String.join(", ", count.named)
+        + (count.missing > count.named.size() ? ", ..." : "") + "); compile them with javac -g");
+  }
+
+  private static void countFolder(Path folder, Count count) throws IOException {
+    Files.walkFileTree(
+        folder,
+        new SimpleFileVisitor<>() {
+          @Override
+          public FileVisitResult visitFile(Path file, BasicFileAttributes attributes)
+              throws IOException {
+            if (isClass(file.toString())) {
+              try (InputStream in = Files.newInputStream(file)) {
+                count.add(folder.relativize(file).toString(), in);
+              }
+            }
+            return FileVisitResult.CONTINUE;
+          }
+
+          @Override
+          public FileVisitResult visitFileFailed(Path file, IOException e) {
+            return FileVisitResult.CONTINUE;
+          }
+        });
+  }
+
+  private static void countJar(Path jar, Count count) throws IOException {
+    if (!Files.exists(jar)) {
+      throw new NoSuchFileException(jar.toString());
+    }
+    try (ZipFile zip = new ZipFile(jar.toFile())) {
+      Enumeration<? extends ZipEntry> entries = zip.entries();
+      while (entries.hasMoreElements()) {
+        ZipEntry entry = entries.nextElement();
+        if (isClass(entry.getName())) {
+          try (InputStream in = zip.getInputStream(entry)) {
+            count.add(entry.getName(), in);
+          }
+        }
+      }
+    }
+  }
+
+  private static boolean isClass(String name) {
+    return name.endsWith(".class")
+        && !name.endsWith("module-info.class")
+        && !name.endsWith("package-info.class");
+  }
+
+  /** How many classes of a place were compiled without variables, and the names of the first. */
+  private static final class Count {
+    int classes;
+    int missing;
+    final List<String> named = new ArrayList<>();
+
+    void add(String file, InputStream in) throws IOException {
+      classes++;
+      if (ClassVariables.of(new BufferedInputStream(in)) == ClassVariables.Answer.MISSING) {
+        missing++;
+        if (named.size() < CLASSES_NAMED) {
+          named.add(file.substring(0, file.length() - ".class".length()).replace('/', '.'));
+        }
+      }
+    }
+  }
+
+  /** The file that a command's first word names, as a shell finds it; null for none. */
+  private static String findProgram(String word) {
+    if (word.contains("/")) {
+      return isProgram(Path.of(word)) ? word : null;
+    }
+    String path = System.getenv().getOrDefault("PATH", "");
+    return Arrays.stream(path.split(File.pathSeparator))
+        .map(folder -> Path.of(folder.isEmpty() ? "." : folder, word))
+        .filter(Doctor::isProgram)
+        .map(Path::toString)
+        .findFirst()
+        .orElse(null);
+  }
+
+  private static boolean isProgram(Path file) {
+    return Files.isRegularFile(file) && Files.isExecutable(file);
+  }
+
+  private String library() {
+    return root.resolve("lib/libjavanativeagent.so").toString();
+  }
+
+  private static final class Outcome {
+    final int exitCode;
+    final String text;
+
+    Outcome(int exitCode, String text) {
+      this.exitCode = exitCode;
+      this.text = text;
+    }
+  }
+
+  private static Outcome execute(List<String> words, File folder)
+      throws IOException, InterruptedException {
+    Process process;
+    try {
+      process = new ProcessBuilder(words).directory(folder).redirectErrorStream(true).start();
+    } catch (IOException e) {
+      return new Outcome(-1, e.getMessage());
+    }
+    process.getOutputStream().close();
+    String text = new String(process.getInputStream().readAllBytes(), Charset.defaultCharset());
+    if (!process.waitFor(60, TimeUnit.SECONDS)) {
+      process.destroyForcibly();
+    }
+    return new Outcome(process.waitFor(), text);
+  }
+
+  private void ok(String subject, String text) {
+    line("ok", subject, text);
+  }
+
+  /** Something is restricted, but profiling works. */
+  private void hint(String subject, String text) {
+    line("hint", subject, text);
+  }
+
+  private void fault(String subject, String text) {
+    healthy = false;
+    line("FAULT", subject, text);
+  }
+
+  private static void line(String level, String subject, String text) {
+    System.out.printf("%-5s  %-9s  %s%n", level, subject, text);
+  }
+}
