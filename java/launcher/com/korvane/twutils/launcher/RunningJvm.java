@@ -1,0 +1,144 @@
+package com.korvane.twutils.launcher;
+
+import com.sun.tools.attach.AttachNotSupportedException;
+import com.sun.tools.attach.VirtualMachine;
+import java.io.IOException;
+import java.nio.charset.StandardCharsets;
+import java.nio.file.Files;
+import java.nio.file.NoSuchFileException;
+import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
+import java.util.Optional;
+import java.util.stream.Stream;
+import javax.management.remote.JMXConnector;
+import javax.management.remote.JMXConnectorFactory;
+import javax.management.remote.JMXServiceURL;
+
+/** A JVM of this machine, as its process shows it, and the way to its management beans. */
+final class RunningJvm {
+  private static final Path PROCESSES = Path.of("/proc");
+  private static final int SIGQUIT = 3;
+
+  private final long pid;
+  private final Path folder;
+
+  private RunningJvm(long pid) {
+    this.pid = pid;
+    this.folder = PROCESSES.resolve(Long.toString(pid));
+  }
+
+  /** The JVMs of this user that have the agent, by process id. */
+  static List<RunningJvm> withAgent() throws IOException {
+    List<RunningJvm> found = new ArrayList<>();
+    Object self = ownerOf(PROCESSES.resolve("self"));
+    try (Stream<Path> folders = Files.list(PROCESSES)) {
+      folders
+          .map(path -> path.getFileName().toString())
+          .filter(name -> name.matches("[0-9]+"))
+          .map(name -> new RunningJvm(Long.parseLong(name)))
+          .sorted((a, b) -> Long.compare(a.pid, b.pid))
+          .forEach(
+              jvm -> {
+                try {
+                  if (ownerOf(jvm.folder).equals(self) && jvm.hasAgent()) {
+                    found.add(jvm);
+                  }
+                } catch (IOException e) {
+                  // It has ended meanwhile.
+                }
+              });
+    }
+    return found;
+  }
+
+  /**
+   * The JVM with this process id.
+   *
+   * @throws IOException with one sentence on why it cannot be profiled
+   */
+  static RunningJvm of(long pid) throws IOException {
+    RunningJvm jvm = new RunningJvm(pid);
+    try {
+      if (!ownerOf(jvm.folder).equals(ownerOf(PROCESSES.resolve("self")))) {
+        throw new IOException("process " + pid + " belongs to another user");
+      }
+      if (!jvm.hasMapped("libjvm.so")) {
+        throw new IOException("process " + pid + " is no JVM; see: twprofile list");
+      }
+      if (!jvm.hasAgent()) {
+        throw new IOException(
+            "JVM " + pid + " was started without the agent; start it with: twprofile run -- "
+                + jvm.command());
+      }
+      return jvm;
+    } catch (NoSuchFileException e) {
+      throw new IOException("there is no process " + pid + "; see: twprofile list", e);
+    }
+  }
+
+  long pid() {
+    return pid;
+  }
+
+  /** The words that the process was started with, without those that profiling has added. */
+  String command() throws IOException {
+    StringBuilder words = new StringBuilder();
+    for (String word : read("cmdline").split("\0")) {
+      boolean added =
+          word.matches("-agentpath:.*/libjavanativeagent\\.so(=.*)?")
+              || word.matches("-javaagent:.*/javanativeagent\\.jar(=.*)?");
+      if (!added) {
+        words.append(words.length() == 0 ? "" : " ").append(word);
+      }
+    }
+    return words.toString();
+  }
+
+  /**
+   * Opens the JVM's local connector.
+   *
+   * @throws IOException with one sentence on why there is none
+   */
+  JMXConnector connect() throws IOException {
+    if (!handlesQuit()) {
+      // Attaching begins with this signal, which would end a JVM that does not handle it yet.
+      throw new IOException("JVM " + pid + " is still starting, or was started with -Xrs");
+    }
+    try {
+      VirtualMachine machine = VirtualMachine.attach(Long.toString(pid));
+      try {
+        return JMXConnectorFactory.connect(new JMXServiceURL(machine.startLocalManagementAgent()));
+      } finally {
+        machine.detach();
+      }
+    } catch (AttachNotSupportedException e) {
+      throw new IOException("JVM " + pid + " does not answer: " + e.getMessage(), e);
+    } catch (IOException e) {
+      throw new IOException("no connection to JVM " + pid + ": " + e.getMessage(), e);
+    }
+  }
+
+  private boolean hasAgent() throws IOException {
+    return hasMapped("libjavanativeagent.so");
+  }
+
+  private boolean hasMapped(String library) throws IOException {
+    return read("maps").contains("/" + library + "\n");
+  }
+
+  private boolean handlesQuit() throws IOException {
+    Optional<String> caught =
+        read("status").lines().filter(line -> line.startsWith("SigCgt:")).findFirst();
+    return caught.isPresent()
+        && (Long.parseUnsignedLong(caught.get().substring(7).trim(), 16) >> (SIGQUIT - 1) & 1) == 1;
+  }
+
+  private String read(String file) throws IOException {
+    return new String(Files.readAllBytes(folder.resolve(file)), StandardCharsets.UTF_8);
+  }
+
+  private static Object ownerOf(Path process) throws IOException {
+    return Files.getAttribute(process, "unix:uid");
+  }
+}

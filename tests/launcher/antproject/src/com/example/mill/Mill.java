@@ -1,0 +1,63 @@
+package com.example.mill;
+
+import java.util.ArrayList;
+import java.util.List;
+
+/** Millers who all need the one stone; a grain of sand stops it at every hundredth turn. */
+public final class Mill {
+  static final class Stone {
+    long ground;
+  }
+
+  static final class SandFound extends Exception {
+    private static final long serialVersionUID = 1;
+
+    SandFound(int turn) {
+      super("sand at turn " + turn);
+    }
+  }
+
+  private static final int MILLERS = 4;
+  private static final int TURNS = 300;
+
+  private final Stone stone = new Stone();
+
+  public static void main(String[] args) throws InterruptedException {
+    Mill mill = new Mill();
+    List<Thread> millers = new ArrayList<>();
+    for (int i = 0; i < MILLERS; i++) {
+      Thread miller = new Thread(mill::work, "miller-" + i);
+      millers.add(miller);
+      miller.start();
+    }
+    for (Thread miller : millers) {
+      miller.join();
+    }
+    System.out.println("ground " + mill.stone.ground);
+    if (args.length > 0) {
+      System.exit(3);
+    }
+  }
+
+  private void work() {
+    for (int turn = 1; turn <= TURNS; turn++) {
+      try {
+        grind(turn);
+      } catch (SandFound e) {
+        // The turn is lost.
+      } catch (InterruptedException e) {
+        return;
+      }
+    }
+  }
+
+  private void grind(int turn) throws SandFound, InterruptedException {
+    synchronized (stone) {
+      Thread.sleep(1);
+      if (turn % 100 == 0) {
+        throw new SandFound(turn);
+      }
+      stone.ground++;
+    }
+  }
+}

@@ -1,0 +1,258 @@
+"""`twprofile run`: the command runs as it would without it, and its JVMs get the agent."""
+
+import os
+import signal
+
+import pytest
+
+from harness import OUTPUT, results, wait_for, without_agent
+
+STREAMS = ("first\n", "second\n")
+
+
+def echo(launcher, *arguments):
+    return ["java", "-cp", launcher.programs, "Echo", *arguments]
+
+
+def script(folder, text):
+    file = folder.parent / "start.sh"
+    file.write_text("#!/bin/sh\n" + text)
+    file.chmod(0o755)
+    return file
+
+
+def same(profiled, plain):
+    """Fails unless both runs showed the same, apart from the lines of agent and JVM."""
+    assert profiled.code == plain.code, profiled
+    assert without_agent(profiled.out) == plain.out, profiled
+    assert without_agent(profiled.err) == plain.err, profiled
+
+
+def test_java_keeps_streams_arguments_folder_and_exit_code(launcher, folder):
+    command = echo(launcher, 7, "two words", "", "ü*$HOME", "--locks")
+    plain = launcher.plain(*command, folder=folder, stdin="one\ntwo\n")
+    profiled = launcher.run("run", "--", *command, folder=folder, stdin="one\ntwo\n")
+    assert plain.code == 7 and "argument ü*$HOME\n" in plain.out and "last two\n" in plain.err
+    same(profiled, plain)
+    assert "JAVA_TOOL_OPTIONS" not in profiled.err
+    assert [r.command.split()[:2] for r in results(folder / OUTPUT)] == [["Echo", "7"]]
+
+
+def test_the_double_dash_can_be_left_out(launcher, folder):
+    profiled = launcher.run("run", "--locks", *echo(launcher, 0), folder=folder)
+    assert profiled.code == 0 and len(results(folder / OUTPUT)) == 1
+
+
+def test_a_script_gets_the_agent_through_the_environment(launcher, folder):
+    file = script(folder, 'echo before\njava "$@"\ncode=$?\necho after $code\nexit $code\n')
+    command = [file, *echo(launcher, 3, "two words")[1:]]
+    plain = launcher.plain(*command, folder=folder, stdin="one\n")
+    profiled = launcher.run("run", "--", *command, folder=folder, stdin="one\n")
+    assert plain.code == 3
+    same(profiled, plain)
+    assert len(results(folder / OUTPUT)) == 1
+
+
+def test_each_jvm_of_a_script_has_a_run_folder(launcher, folder):
+    text = 'java -cp "$1" Echo 0 a </dev/null & java -cp "$1" Echo 0 b </dev/null; wait\n'
+    profiled = launcher.run("run", "--", script(folder, text), launcher.programs, folder=folder)
+    assert profiled.code == 0, profiled
+    assert sorted(r.command for r in results(folder / OUTPUT)) == ["Echo 0 a", "Echo 0 b"]
+
+
+def test_a_script_that_changes_the_folder(launcher, folder):
+    (folder / "inner").mkdir()
+    file = script(folder, 'cd inner && exec java "$@"\n')
+    profiled = launcher.run("run", "--", file, *echo(launcher, 0)[1:], folder=folder)
+    assert profiled.code == 0, profiled
+    assert len(results(folder / OUTPUT)) == 1
+    assert os.listdir(folder / "inner") == []
+    assert os.listdir(folder / OUTPUT / "logs")
+
+
+def test_compilers_run_as_ever(launcher, folder):
+    (folder / "A.java").write_text("class A {}")
+    profiled = launcher.run("run", "--", "javac", "-d", ".", "A.java", folder=folder)
+    assert profiled.code == 0 and (folder / "A.class").is_file(), profiled
+
+
+def test_options_in_the_environment_stay(launcher, folder):
+    options = "-Dmark='of the user'"
+    plain = launcher.plain(*echo(launcher, 0), folder=folder, JAVA_TOOL_OPTIONS=options)
+    assert "mark of the user\n" in plain.out
+    for command in (echo(launcher, 0), [script(folder, 'exec "$@"\n'), *echo(launcher, 0)]):
+        profiled = launcher.run("run", "--", *command, folder=folder, JAVA_TOOL_OPTIONS=options)
+        assert without_agent(profiled.out) == plain.out, profiled
+    assert len(results(folder / OUTPUT)) == 2
+
+
+def test_options_of_the_java_command_stay(launcher, folder):
+    command = ["java", "-Dmark=own", "-Xmx64m", *echo(launcher, 0)[1:]]
+    assert "mark own\n" in launcher.run("run", "--", *command, folder=folder).out
+
+
+@pytest.mark.parametrize("through", ("java", "script"))
+@pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGINT))
+def test_signals_reach_the_command_itself(launcher, folder, through, number):
+    command = ["java", "-cp", launcher.programs, "Idle"]
+    if through == "script":
+        command.insert(0, script(folder, 'exec "$@"\n'))
+    with launcher.started("run", "-o", "out", "--", *command, folder=folder) as process:
+        lines = iter(process.stdout.readline, "")
+        pid = next(line.split()[1] for line in lines if line.startswith("pid "))
+        assert int(pid) == process.pid  # the command has replaced the launcher
+        process.send_signal(number)
+        assert process.wait(60) == 128 + number
+
+
+def test_a_command_that_a_signal_ends(launcher, folder):
+    profiled = launcher.run("run", "--", "sh", "-c", "kill -9 $$", folder=folder)
+    assert profiled.code == 137
+
+
+def test_working_directory_has_the_output_folder_only(launcher, folder):
+    launcher.run("run", "--", *echo(launcher, 0), folder=folder)
+    assert os.listdir(folder) == [OUTPUT]
+    output = folder / OUTPUT
+    assert output.stat().st_mode & 0o777 == 0o700
+    assert (output / "logs").stat().st_mode & 0o777 == 0o700
+    assert [log.name[:15] for log in (output / "logs").iterdir()] == ["tw_NativeAgent_"]
+    (settings,) = output.glob("settings-*.properties")
+    assert settings.stat().st_mode & 0o777 == 0o600
+
+
+def test_the_output_folder_may_be_the_working_directory(launcher, folder):
+    launcher.run("run", "-o", ".", "--", *echo(launcher, 0), folder=folder)
+    assert os.listdir(folder / "logs") and len(results(folder)) == 1
+    assert not [f for f in os.listdir(folder) if not f.startswith(("run-", "logs", "settings-"))]
+
+
+def test_another_output_folder_leaves_nothing_in_the_working_directory(launcher, folder):
+    output = folder.parent / "some" / "where else"
+    profiled = launcher.run("run", "--output=" + str(output), "--", *echo(launcher, 0), folder=folder)
+    assert profiled.code == 0, profiled
+    assert len(results(output)) == 1 and os.listdir(output / "logs")
+    assert os.listdir(folder) == []
+
+
+@pytest.mark.parametrize("name", ("with blanks", "Größe 漢字 😀", "it's \"quoted\"", "a\\b"))
+def test_odd_names_of_folders(launcher, folder, name):
+    for command in (echo(launcher, 5), [script(folder, 'exec "$@"\n'), *echo(launcher, 5)]):
+        output = folder / name / "deep"
+        profiled = launcher.run("run", "-o", output, "--", *command, folder=folder)
+        assert profiled.code == 5, profiled
+    assert len(results(output)) == 2
+
+
+def test_a_checkout_with_an_odd_name_through_a_link(launcher, folder):
+    root = launcher.checkout("dies & das ü")
+    link = folder / "profile"
+    link.symlink_to(os.path.relpath(root / "bin" / "twprofile", folder))
+    for command in (echo(launcher, 5), [script(folder, 'exec "$@"\n'), *echo(launcher, 5)]):
+        profiled = launcher.plain(link, "run", "--", *command, folder=folder)
+        assert profiled.code == 5, profiled
+    assert len(results(folder / OUTPUT)) == 2
+
+
+def test_letters_beyond_ascii_in_the_c_locale(launcher, folder):
+    inner = folder / "Größe"
+    inner.mkdir()
+    profiled = launcher.run("run", "--", *echo(launcher, 5), folder=inner, LC_ALL="C")
+    assert profiled.code == 5, profiled
+    assert len(results(inner / OUTPUT)) == 1
+
+
+def test_commas_in_the_path(launcher, folder):
+    inner = folder / "a,b"
+    inner.mkdir()
+    profiled = launcher.run("run", "--", *echo(launcher, 5), folder=inner)
+    assert profiled.code == 5 and len(results(inner / OUTPUT)) == 1, profiled
+    for words in (["-o", "c,d", "java"], ["sh", "-c", "java"]):
+        refused = launcher.run("run", *words, folder=inner)
+        assert refused.code == 1 and "has a comma" in refused.err and "-o DIR" in refused.err
+
+
+def test_profilers_choose_the_features(launcher, folder):
+    def features(*options):
+        shown = launcher.run("run", *options, "--", "sh", "-c", "echo $JAVA_TOOL_OPTIONS",
+                             folder=folder).out
+        return shown.split("features=")[1].split()[0]
+
+    assert features() == features("--locks") == "mutexprofiling"
+    assert features("--memory=track=a.B", "--exceptions") == "memoryprofiling_exceptionprofiling"
+
+
+def test_settings_reach_the_controller(launcher, folder):
+    options = ["--locks=summary = 30s, detail=10s,name=Käse, two 😀", "--memory=track=a.B,c.*,top=3"]
+    launcher.run("run", *options, "--", "true", folder=folder)
+    (settings,) = (folder / OUTPUT).glob("settings-*.properties")
+    assert settings.read_text("ascii").splitlines() == [
+        f"output={folder / OUTPUT}",
+        "locks=true",
+        "memory=true",
+        "locks.summary=30s",
+        "locks.detail=10s",
+        r"locks.name=K\u00e4se,two \ud83d\ude00",
+        "memory.track=a.B,c.*",
+        "memory.top=3",
+    ]
+
+
+@pytest.mark.parametrize(
+    "words, told",
+    (
+        ([], "expected a command"),
+        (["--"], "expected a command"),
+        (["--lokcs", "--", "true"], "no option '--lokcs' (did you mean '--locks'?)"),
+        (["--locks=sumary=3s", "--", "true"], "no setting 'sumary' (did you mean 'summary'?)"),
+        (["--locks=xyzzy=3s", "--", "true"], "(there are: delay summary detail repeat top name)"),
+        (["--locks=summary=3 s", "--", "true"], "summary is '3 s'; expected a duration"),
+        (["--locks=summary=-3s", "--", "true"], "summary is '-3s'; expected a duration"),
+        (["--locks=summary=", "--", "true"], "summary is ''; expected a duration"),
+        (["--locks=30s", "--", "true"], "'30s' stands alone; expected KEY=VALUE"),
+        (["--locks=", "--", "true"], "nothing behind the '='"),
+        (["--locks=top=0", "--", "true"], "top is '0'; expected a number from 1, or -1"),
+        (["--exceptions=locals=yes", "--", "true"], "locals is 'yes'; expected true or false"),
+        (["--memory=track=a b", "--", "true"], "expected names separated by commas"),
+        (["--locks", "--locks", "--", "true"], "--locks is given twice"),
+        (["-o"], "-o: expected a folder"),
+        (["-o", "", "--", "true"], "name is empty"),
+    ),
+)
+def test_wrong_use(launcher, folder, words, told):
+    refused = launcher.run("run", *words, folder=folder)
+    assert refused.code == 2 and refused.out == "", refused
+    assert told in refused.err and refused.err.startswith("twprofile: "), refused
+    assert os.listdir(folder) == []
+
+
+def test_a_command_that_is_not_there(launcher, folder):
+    refused = launcher.run("run", "--", "no-such-command", folder=folder)
+    assert (refused.code, refused.out) == (1, "")
+    assert refused.err == "twprofile: run: there is no command 'no-such-command'\n"
+    assert os.listdir(folder) == []
+
+
+def test_the_agent_twice(launcher, folder):
+    nested = launcher.command("run", "--", "java", "-version")
+    refused = launcher.run("run", "--", *nested, folder=folder)
+    assert refused.code == 1 and "JAVA_TOOL_OPTIONS has the agent already" in refused.err
+    agent = "-agentpath:/opt/libjavanativeagent.so=features=ALL"
+    refused = launcher.run("run", "--", "java", agent, "-version", folder=folder)
+    assert refused.code == 1 and "the command has the agent already" in refused.err
+
+
+def test_output_folder_that_cannot_be(launcher, folder):
+    (folder / "file").write_text("")
+    for output, told in (("file", "there is a file"), ("file/inner", "Not a directory"),
+                         ("/proc/inner", "No such file or directory")):
+        refused = launcher.run("run", "-o", output, "--", "true", folder=folder)
+        assert refused.code == 1 and told in refused.err and "-o DIR" in refused.err, refused
+
+
+def test_a_checkout_that_is_not_built(launcher, folder):
+    root = launcher.checkout("unbuilt")
+    (root / "lib").unlink()
+    for words in (["run", "--", "true"], ["list"], ["report", "."]):
+        refused = launcher.run(*words, folder=folder, root=root)
+        assert refused.code == 1 and "build it: cmake" in refused.err, refused
