@@ -14,7 +14,8 @@ OUTPUT = "twprofile-out"
 LIMIT = 120
 
 GREETING = "Starting Java Native Agent \n"  # the agent's, on standard output
-PICKED_UP = re.compile(r"^Picked up JAVA_TOOL_OPTIONS:.*\n", re.M)  # the JVM's, on standard error
+# On standard error: the JVM's word, and the companion's of a session that was too short.
+TOLD = re.compile(r"^(Picked up JAVA_TOOL_OPTIONS:|javanativeagent: lock session \d+ ends).*\n", re.M)
 
 
 @dataclass
@@ -95,8 +96,8 @@ def execute(command, folder, stdin, environment):
 
 
 def without_agent(text):
-    """An output without the lines that the agent and the JVM add to it."""
-    return PICKED_UP.sub("", text.replace(GREETING, ""))
+    """An output without the lines that agent, companion and JVM add to it."""
+    return TOLD.sub("", text.replace(GREETING, ""))
 
 
 def wait_for(condition, what):

@@ -135,7 +135,7 @@ def test_another_output_folder_leaves_nothing_in_the_working_directory(launcher,
     assert os.listdir(folder) == []
 
 
-@pytest.mark.parametrize("name", ("with blanks", "Größe 漢字 😀", "it's \"quoted\"", "a\\b"))
+@pytest.mark.parametrize("name", ("with blanks", "Größe 漢字", "it's \"quoted\"", "a\\b"))
 def test_odd_names_of_folders(launcher, folder, name):
     for command in (echo(launcher, 5), [script(folder, 'exec "$@"\n'), *echo(launcher, 5)]):
         output = folder / name / "deep"
@@ -155,11 +155,14 @@ def test_a_checkout_with_an_odd_name_through_a_link(launcher, folder):
 
 
 def test_letters_beyond_ascii_in_the_c_locale(launcher, folder):
-    inner = folder / "Größe"
-    inner.mkdir()
-    profiled = launcher.run("run", "--", *echo(launcher, 5), folder=inner, LC_ALL="C")
-    assert profiled.code == 5, profiled
-    assert len(results(inner / OUTPUT)) == 1
+    refused = launcher.run("run", "-o", "Größe", "--", *echo(launcher, 0), folder=folder, LC_ALL="C")
+    assert refused.code == 1 and "set LC_ALL=C.UTF-8" in refused.err, refused
+    assert launcher.run("run", "--", *echo(launcher, 5), folder=folder, LC_ALL="C").code == 5
+
+
+def test_letters_that_no_jvm_hands_on(launcher, folder):
+    refused = launcher.run("run", "-o", "😀", "--", *echo(launcher, 0), folder=folder)
+    assert refused.code == 1 and "such as emoji" in refused.err, refused
 
 
 def test_commas_in_the_path(launcher, folder):

@@ -11,9 +11,6 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.Optional;
 import java.util.stream.Stream;
-import javax.management.remote.JMXConnector;
-import javax.management.remote.JMXConnectorFactory;
-import javax.management.remote.JMXServiceURL;
 
 /** A JVM of this machine, as its process shows it, and the way to its management beans. */
 final class RunningJvm {
@@ -96,11 +93,11 @@ final class RunningJvm {
   }
 
   /**
-   * Opens the JVM's local connector.
+   * Connects to the companion in the JVM.
    *
-   * @throws IOException with one sentence on why there is none
+   * @throws IOException with one sentence on why that cannot be done
    */
-  JMXConnector connect() throws IOException {
+  CompanionConnection connect() throws IOException {
     if (!handlesQuit()) {
       // Attaching begins with this signal, which would end a JVM that does not handle it yet.
       throw new IOException("JVM " + pid + " is still starting, or was started with -Xrs");
@@ -108,13 +105,11 @@ final class RunningJvm {
     try {
       VirtualMachine machine = VirtualMachine.attach(Long.toString(pid));
       try {
-        return JMXConnectorFactory.connect(new JMXServiceURL(machine.startLocalManagementAgent()));
+        return CompanionConnection.open(machine.startLocalManagementAgent());
       } finally {
         machine.detach();
       }
-    } catch (AttachNotSupportedException e) {
-      throw new IOException("JVM " + pid + " does not answer: " + e.getMessage(), e);
-    } catch (IOException e) {
+    } catch (AttachNotSupportedException | IOException e) {
       throw new IOException("no connection to JVM " + pid + ": " + e.getMessage(), e);
     }
   }

@@ -1,22 +1,30 @@
 package com.korvane.twutils.launcher;
 
+import com.korvane.twutils.nativeagent.companion.NativeAgentMXBean;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.List;
+import java.util.stream.Collectors;
+import java.util.stream.Stream;
 
 /**
  * The verbs of {@code twprofile} that need the tools of a JDK. The shell script has checked the
- * words of the user; exit codes are its own: 0, or 1 for a failure.
+ * words of the user. Exit code 1 for a failure, which standard error names.
  */
 public final class Tools {
   private Tools() {}
 
+  /**
+   * @param args the verb, then: nothing for list; a process id for status; a process id, names of
+   *     profilers and settings as {@code locks.summary=30s} for start and stop; the folder that
+   *     holds {@code lib}, the output folder and the command for doctor
+   */
   public static void main(String[] args) {
     try {
       System.exit(run(args[0], Arrays.asList(args).subList(1, args.length)) ? 0 : 1);
-    } catch (IOException e) {
-      System.err.println("twprofile: " + e.getMessage());
+    } catch (IOException | IllegalArgumentException | IllegalStateException e) {
+      System.err.println("twprofile: " + args[0] + ": " + e.getMessage());
       System.exit(1);
     } catch (InterruptedException e) {
       System.exit(1);
@@ -26,12 +34,110 @@ public final class Tools {
   private static boolean run(String verb, List<String> words)
       throws IOException, InterruptedException {
     switch (verb) {
+      case "list":
+        list();
+        return true;
       case "doctor":
         return new Doctor(
                 Path.of(words.get(0)), Path.of(words.get(1)), words.subList(2, words.size()))
             .examine();
       default:
+        RunningJvm jvm = RunningJvm.of(Long.parseLong(words.get(0)));
+        try (CompanionConnection connection = jvm.connect()) {
+          control(verb, jvm, connection.bean(), words.subList(1, words.size()));
+        }
+        return true;
+    }
+  }
+
+  private static void list() throws IOException {
+    List<RunningJvm> jvms = RunningJvm.withAgent();
+    if (jvms.isEmpty()) {
+      System.out.println("No JVM of yours has the agent; start one with: twprofile run -- COMMAND");
+      return;
+    }
+    System.out.printf("%-8s %s%n", "PID", "COMMAND");
+    for (RunningJvm jvm : jvms) {
+      String state;
+      try (CompanionConnection connection = jvm.connect()) {
+        state = connection.bean().getState();
+      } catch (IOException e) {
+        state = e.getMessage();
+      }
+      System.out.printf("%-8d %s%n%-8s   %s%n", jvm.pid(), jvm.command(), "", state);
+    }
+  }
+
+  private static void control(
+      String verb, RunningJvm jvm, NativeAgentMXBean bean, List<String> words) throws IOException {
+    switch (verb) {
+      case "status":
+        showStatus(jvm, bean);
+        break;
+      case "start":
+        start(bean, words);
+        break;
+      case "stop":
+        stop(jvm, bean, words);
+        break;
+      default:
         throw new IllegalArgumentException(verb);
     }
+  }
+
+  private static void showStatus(RunningJvm jvm, NativeAgentMXBean bean) throws IOException {
+    System.out.println("JVM " + jvm.pid() + ": " + jvm.command());
+    for (Profiler profiler : Profiler.values()) {
+      String told =
+          profiler.isLoaded(bean)
+              ? profiler.state(bean) + "; " + profiler.details(bean)
+              : "the JVM was started without it";
+      System.out.printf("%-10s  %s%n", profiler, told);
+    }
+    String folder = bean.getOutputFolder();
+    System.out.printf("%-10s  %s%n", "results", folder == null ? "none yet" : folder);
+  }
+
+  private static void start(NativeAgentMXBean bean, List<String> words) {
+    List<Profiler> chosen = profilersIn(words);
+    for (Profiler profiler : chosen) {
+      if (!profiler.isLoaded(bean)) {
+        throw new IllegalStateException(
+            "the JVM was started without " + profiler + "; start it with: twprofile run --"
+                + profiler + " -- COMMAND");
+      }
+    }
+    for (Profiler profiler : chosen) {
+      profiler.start(bean, settingsIn(words, profiler));
+      System.out.println(profiler + ": " + profiler.state(bean));
+    }
+  }
+
+  private static void stop(RunningJvm jvm, NativeAgentMXBean bean, List<String> words)
+      throws IOException {
+    List<Profiler> chosen = profilersIn(words);
+    if (chosen.isEmpty()) {
+      chosen = Stream.of(Profiler.values()).filter(each -> each.isOn(bean)).toList();
+    }
+    if (chosen.isEmpty()) {
+      throw new IllegalStateException("nothing is being profiled in JVM " + jvm.pid());
+    }
+    for (Profiler profiler : chosen) {
+      String file = profiler.stop(bean);
+      System.out.println(profiler + ": " + (file == null ? "stopped before it began" : file));
+    }
+  }
+
+  private static List<Profiler> profilersIn(List<String> words) {
+    return words.stream().filter(word -> !word.contains("=")).map(Profiler::of).toList();
+  }
+
+  /** The profiler's settings in the form that the companion takes: KEY=VALUE,... */
+  private static String settingsIn(List<String> words, Profiler profiler) {
+    String prefix = profiler + ".";
+    return words.stream()
+        .filter(word -> word.startsWith(prefix))
+        .map(word -> word.substring(prefix.length()).replace("\\", "\\\\").replace(",", "\\,"))
+        .collect(Collectors.joining(","));
   }
 }
