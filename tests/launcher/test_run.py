@@ -94,7 +94,7 @@ def test_options_of_the_java_command_stay(launcher, folder):
 @pytest.mark.parametrize("through", ("java", "script"))
 @pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGINT))
 def test_signals_reach_the_command_itself(launcher, folder, through, number):
-    command = ["java", "-cp", launcher.programs, "Idle"]
+    command = ["java", "-cp", launcher.programs, "example.Idle"]
     if through == "script":
         command.insert(0, script(folder, 'exec "$@"\n'))
     with launcher.started("run", "-o", "out", "--", *command, folder=folder) as process:

@@ -11,28 +11,31 @@ import java.util.concurrent.atomic.AtomicInteger;
 
 /**
  * An embedded SQL database in memory under the load of several threads: all book on the same few
- * accounts, and each tries now and then to open one that is there already. Prints sums that do not
- * depend on the order in which the threads come to run.
+ * accounts, ask for sums on one connection that they share, and try now and then to open an account
+ * that is there already. Prints sums that do not depend on the order in which the threads run.
  *
  * <p>Usage: {@code SqlLoad JDBC_URL THREADS BOOKINGS}
  */
 public final class SqlLoad {
   private static final int ACCOUNTS = 2;
   private static final int OPENINGS = 5;
+  private static final int SUM_INTERVAL = 5;
 
   private final String url;
+  private final Connection shared;
   private final AtomicInteger refused = new AtomicInteger();
 
-  private SqlLoad(String url) {
+  private SqlLoad(String url, Connection shared) {
     this.url = url;
+    this.shared = shared;
   }
 
   public static void main(String[] args) throws Exception {
-    SqlLoad load = new SqlLoad(args[0]);
     int threads = Integer.parseInt(args[1]);
     int bookings = Integer.parseInt(args[2]);
-    try (Connection connection = DriverManager.getConnection(load.url)) {
-      load.createTables(connection);
+    try (Connection connection = DriverManager.getConnection(args[0])) {
+      SqlLoad load = new SqlLoad(args[0], connection);
+      load.createTables();
       List<Thread> workers = new ArrayList<>();
       for (int i = 0; i < threads; i++) {
         int first = i;
@@ -43,12 +46,12 @@ public final class SqlLoad {
       for (Thread worker : workers) {
         worker.join();
       }
-      load.print(connection);
+      load.print();
     }
   }
 
-  private void createTables(Connection connection) throws SQLException {
-    try (Statement statement = connection.createStatement()) {
+  private void createTables() throws SQLException {
+    try (Statement statement = shared.createStatement()) {
       statement.execute("CREATE TABLE account (id INT PRIMARY KEY, balance BIGINT NOT NULL)");
       statement.execute("CREATE TABLE booking (account INT NOT NULL, amount INT NOT NULL)");
       for (int id = 0; id < ACCOUNTS; id++) {
@@ -76,6 +79,9 @@ public final class SqlLoad {
         if (i < OPENINGS) {
           openAgain(connection, account);
         }
+        if (i % SUM_INTERVAL == 0) {
+          askForSum();
+        }
       }
     } catch (SQLException e) {
       e.printStackTrace();
@@ -93,8 +99,14 @@ public final class SqlLoad {
     connection.rollback();
   }
 
-  private void print(Connection connection) throws SQLException {
-    try (Statement statement = connection.createStatement()) {
+  private void askForSum() throws SQLException {
+    try (PreparedStatement sum = shared.prepareStatement("SELECT SUM(amount * 1.5) FROM booking")) {
+      sum.executeQuery().next();
+    }
+  }
+
+  private void print() throws SQLException {
+    try (Statement statement = shared.createStatement()) {
       ResultSet sums = statement.executeQuery("SELECT SUM(balance), COUNT(*) FROM account");
       sums.next();
       System.out.println("balance " + sums.getLong(1) + " in " + sums.getInt(2) + " accounts");

@@ -16,7 +16,7 @@ final class CompanionConnection implements AutoCloseable {
   private static final String BEAN = "com.korvane.tracewell:type=NativeAgent";
 
   /** The companion registers its bean a moment after the JVM's start. */
-  private static final Duration PATIENCE = Duration.ofSeconds(5);
+  private static final Duration PATIENCE = Duration.ofSeconds(10);
 
   private final JMXConnector connector;
   private final NativeAgentMXBean bean;
@@ -48,7 +48,7 @@ final class CompanionConnection implements AutoCloseable {
     while (!server.isRegistered(name)) {
       if (System.nanoTime() - end > 0) {
         throw new IOException(
-            "it has the agent, but not the companion; start it with: twprofile run -- COMMAND");
+            "its companion does not answer; what does the JVM say on standard error?");
       }
       try {
         Thread.sleep(100);

@@ -5,7 +5,6 @@ import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.charset.Charset;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.FileVisitResult;
 import java.nio.file.Files;
 import java.nio.file.NoSuchFileException;
@@ -121,7 +120,7 @@ final class Doctor {
     }
     if (place == null || !Files.isDirectory(place)) {
       fault("output", "'" + place + "' is no folder; choose another with -o DIR");
-    } else if (!Files.isWritable(place)) {
+    } else if (!isWritable(place)) {
       fault("output", "'" + place + "' cannot be written; choose another with -o DIR");
     } else {
       ok("output", path);
@@ -135,11 +134,15 @@ final class Doctor {
       fault("output", "'" + home + "' has a comma, which the agent's options cannot carry; choose"
           + " another with -o DIR");
     }
-    boolean plain = StandardCharsets.US_ASCII.newEncoder().canEncode(path + root);
-    String encoding = System.getProperty("sun.jnu.encoding", Charset.defaultCharset().name());
-    if (path.indexOf('\uFFFD') >= 0 || (!plain && !encoding.equals("UTF-8"))) {
-      fault("locale", "a path has letters that Java cannot read in this locale (" + encoding
-          + "); set LC_ALL=C.UTF-8");
+  }
+
+  /** Found out by writing: rights alone do not tell of file systems that take nothing. */
+  private static boolean isWritable(Path folder) {
+    try {
+      Files.delete(Files.createTempFile(folder, "twprofile", null));
+      return true;
+    } catch (IOException e) {
+      return false;
     }
   }
 

@@ -4,6 +4,7 @@ import com.sun.tools.attach.AttachNotSupportedException;
 import com.sun.tools.attach.VirtualMachine;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.FileSystemException;
 import java.nio.file.Files;
 import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
@@ -25,8 +26,8 @@ final class RunningJvm {
     this.folder = PROCESSES.resolve(Long.toString(pid));
   }
 
-  /** The JVMs of this user that have the agent, by process id. */
-  static List<RunningJvm> withAgent() throws IOException {
+  /** The JVMs of this user that have the companion, by process id; they notice nothing. */
+  static List<RunningJvm> withCompanion() throws IOException {
     List<RunningJvm> found = new ArrayList<>();
     Object self = ownerOf(PROCESSES.resolve("self"));
     try (Stream<Path> folders = Files.list(PROCESSES)) {
@@ -38,7 +39,7 @@ final class RunningJvm {
           .forEach(
               jvm -> {
                 try {
-                  if (ownerOf(jvm.folder).equals(self) && jvm.hasAgent()) {
+                  if (ownerOf(jvm.folder).equals(self) && jvm.hasAgent() && jvm.hasCompanion()) {
                     found.add(jvm);
                   }
                 } catch (IOException e) {
@@ -68,9 +69,16 @@ final class RunningJvm {
             "JVM " + pid + " was started without the agent; start it with: twprofile run -- "
                 + jvm.command());
       }
+      if (!jvm.hasCompanion()) {
+        throw new IOException(
+            "JVM " + pid + " has the agent, but not the companion; start it with: twprofile run -- "
+                + jvm.command());
+      }
       return jvm;
     } catch (NoSuchFileException e) {
       throw new IOException("there is no process " + pid + "; see: twprofile list", e);
+    } catch (FileSystemException e) {
+      throw new IOException("process " + pid + " cannot be looked at: " + e.getReason(), e);
     }
   }
 
@@ -116,6 +124,27 @@ final class RunningJvm {
 
   private boolean hasAgent() throws IOException {
     return hasMapped("libjavanativeagent.so");
+  }
+
+  /** A JVM keeps the jars that it has loaded classes from open. */
+  private boolean hasCompanion() throws IOException {
+    try (Stream<Path> files = Files.list(folder.resolve("fd"))) {
+      for (Path file : (Iterable<Path>) files::iterator) {
+        if (linkOf(file).endsWith("/javanativeagent.jar")) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+
+  /** Empty for a file that was closed meanwhile. */
+  private static String linkOf(Path file) {
+    try {
+      return Files.readSymbolicLink(file).toString();
+    } catch (IOException e) {
+      return "";
+    }
   }
 
   private boolean hasMapped(String library) throws IOException {

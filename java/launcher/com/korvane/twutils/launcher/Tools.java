@@ -51,20 +51,18 @@ public final class Tools {
   }
 
   private static void list() throws IOException {
-    List<RunningJvm> jvms = RunningJvm.withAgent();
+    List<RunningJvm> jvms = RunningJvm.withCompanion();
     if (jvms.isEmpty()) {
-      System.out.println("No JVM of yours has the agent; start one with: twprofile run -- COMMAND");
+      System.out.println("No JVM of yours has the companion; start one with: twprofile run -- COMMAND");
       return;
     }
-    System.out.printf("%-8s %s%n", "PID", "COMMAND");
+    System.out.printf("%-8s  %s%n", "PID", "COMMAND");
     for (RunningJvm jvm : jvms) {
-      String state;
-      try (CompanionConnection connection = jvm.connect()) {
-        state = connection.bean().getState();
+      try {
+        System.out.printf("%-8d  %s%n", jvm.pid(), jvm.command());
       } catch (IOException e) {
-        state = e.getMessage();
+        // It has ended meanwhile.
       }
-      System.out.printf("%-8d %s%n%-8s   %s%n", jvm.pid(), jvm.command(), "", state);
     }
   }
 

@@ -3,7 +3,7 @@ package com.example.mill;
 import java.util.ArrayList;
 import java.util.List;
 
-/** Millers who all need the one stone; a grain of sand stops it at every hundredth turn. */
+/** Millers who all need the one stone; a grain of sand makes each lose every hundredth turn. */
 public final class Mill {
   static final class Stone {
     long ground;
@@ -20,20 +20,21 @@ public final class Mill {
   private static final int MILLERS = 4;
   private static final int TURNS = 300;
 
+  private static final Mill MILL = new Mill();
+
   private final Stone stone = new Stone();
 
   public static void main(String[] args) throws InterruptedException {
-    Mill mill = new Mill();
     List<Thread> millers = new ArrayList<>();
     for (int i = 0; i < MILLERS; i++) {
-      Thread miller = new Thread(mill::work, "miller-" + i);
+      Thread miller = new Thread(MILL::work, "miller-" + i);
       millers.add(miller);
       miller.start();
     }
     for (Thread miller : millers) {
       miller.join();
     }
-    System.out.println("ground " + mill.stone.ground);
+    System.out.println("ground " + MILL.stone.ground);
     if (args.length > 0) {
       System.exit(3);
     }
@@ -52,11 +53,11 @@ public final class Mill {
   }
 
   private void grind(int turn) throws SandFound, InterruptedException {
+    if (turn % 100 == 0) {
+      throw new SandFound(turn);
+    }
     synchronized (stone) {
       Thread.sleep(1);
-      if (turn % 100 == 0) {
-        throw new SandFound(turn);
-      }
       stone.ground++;
     }
   }

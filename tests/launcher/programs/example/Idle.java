@@ -1,3 +1,5 @@
+package example;
+
 import java.lang.management.ManagementFactory;
 import java.util.concurrent.CountDownLatch;
 

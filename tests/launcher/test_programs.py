@@ -1,0 +1,87 @@
+"""Real programs, from Debian's packages: an SQL database under load, and a build.
+
+For each: it shows and ends as without profiling, and the results name its own monitors,
+exceptions and classes.
+"""
+
+import re
+import shutil
+from pathlib import Path
+
+import pytest
+
+from harness import OUTPUT, SOURCE, results, without_agent
+
+DATABASE = Path("/usr/share/java/h2.jar")  # libh2-java
+BUILD = SOURCE / "tests" / "launcher" / "antproject"
+
+
+def test_an_sql_database_under_load(launcher, folder):
+    assert DATABASE.is_file(), "needs the package libh2-java"
+    url = "jdbc:h2:mem:bank;DB_CLOSE_DELAY=-1;LOCK_TIMEOUT=60000"
+    command = ["java", "-cp", f"{launcher.programs}:{DATABASE}", "SqlLoad", url, 8, 600]
+    plain = launcher.plain(*command, folder=folder)
+    assert plain.code == 0 and plain.err == "" and "in 4800 bookings\nrefused 40\n" in plain.out
+
+    options = (
+        "--locks=summary=500ms,detail=500ms,repeat=forever,top=-1",
+        "--exceptions=rate=0",
+        "--memory=track=org.h2.*,interval=1s",
+    )
+    profiled = launcher.run("run", *options, "--", *command, folder=folder)
+    assert profiled.code == 0, profiled
+    assert (without_agent(profiled.out), without_agent(profiled.err)) == (plain.out, plain.err), profiled
+
+    (found,) = results(folder / OUTPUT)
+    assert "org.h2.engine.SessionLocal" in found.locks()
+    records = found.exceptions()
+    refused = [r for r in records if r["class"].endswith("JdbcSQLIntegrityConstraintViolationException")]
+    # The retry of a row that another thread holds may find the key taken once more.
+    assert len(refused) >= 40
+    assert {r["thread"] for r in refused} == {f"teller-{i}" for i in range(8)}
+    assert "Unique index or primary key violation" in refused[0]["message"]
+    assert any(frame["method"].startswith("org.h2.") for frame in refused[0]["frames"])
+    assert any(name.startswith("org.h2.mvstore.") for name in found.memory())
+
+
+
+@pytest.fixture
+def build(folder):
+    assert shutil.which("ant"), "needs the package ant"
+    return lambda out, *words: ["ant", "-f", BUILD / "build.xml", f"-Dout={folder / out}", *words]
+
+
+def steady(text):
+    """The output of a build without what differs between any two of them."""
+    return re.sub(r"Total time: .*|" + re.escape(str(BUILD)) + r"|/\w+(?=/classes)", "", text)
+
+
+@pytest.mark.parametrize("target, code", (("run", 0), ("broken", 3)))
+def test_a_build_that_forks_its_jvms(launcher, folder, build, target, code):
+    plain = launcher.plain(*build("plain", target), folder=folder)
+    assert plain.code == code and "[java] ground 1188\n" in plain.out, plain
+
+    options = (
+        "--locks=summary=300ms,detail=300ms,repeat=forever,top=-1",
+        "--exceptions=rate=0",
+        "--memory=track=com.example.mill.*,interval=100ms",
+    )
+    profiled = launcher.run("run", *options, "--", *build("profiled", target), folder=folder)
+    assert profiled.code == code, profiled
+    assert steady(lines_of_build(profiled.out)) == steady(plain.out), profiled
+    assert steady(lines_of_build(profiled.err)) == steady(plain.err), profiled
+
+    found = {r.command.split()[0]: r for r in results(folder / OUTPUT)}
+    assert len(found) == 3  # Ant, its compiler, the program
+    mill = found["com.example.mill.Mill"]
+    assert "com.example.mill.Mill$Stone" in mill.locks()
+    sand = [r for r in mill.exceptions() if r["class"] == "com.example.mill.Mill$SandFound"]
+    assert len(sand) == 12 and {r["message"] for r in sand} == {f"sand at turn {n}00" for n in (1, 2, 3)}
+    assert sand[0]["frames"][0]["method"] == "com.example.mill.Mill.grind"
+    assert "com.example.mill.Mill$Stone" in mill.memory()
+
+
+def lines_of_build(text):
+    """An output of Ant without what the agent and the JVMs that it started have added."""
+    return without_agent(re.sub(r"^ +\[java(c)?\] (?=Starting Java Native|Picked up|javanativeagent)",
+                                "", text, flags=re.M))

@@ -1,0 +1,306 @@
+"""The verbs of twprofile beside `run`."""
+
+import os
+import re
+import shutil
+import subprocess
+from contextlib import contextmanager
+from pathlib import Path
+
+import pytest
+
+from harness import OUTPUT, SOURCE, results, wait_for
+
+VERBS = ("run", "list", "status", "start", "stop", "report", "doctor")
+
+
+@contextmanager
+def idle(launcher, folder, *options):
+    """The program Idle under `twprofile run`, as soon as it runs; gives the process."""
+    command = ["java", "-cp", launcher.programs, "example.Idle"]
+    with launcher.started("run", *options, "--", *command, folder=folder) as process:
+        while not process.stdout.readline().startswith("pid "):
+            assert process.poll() is None, process.stderr.read()
+        yield process
+
+
+@contextmanager
+def plain_jvm(launcher, folder, *flags):
+    """Idle without twprofile; gives its process id."""
+    command = [launcher.java, *flags, "-cp", launcher.programs, "example.Idle"]
+    with subprocess.Popen(command, cwd=folder, stdout=subprocess.PIPE, text=True) as process:
+        try:
+            while not process.stdout.readline().startswith("pid "):
+                assert process.poll() is None
+            yield process.pid
+        finally:
+            process.kill()
+
+
+def done(launcher, *words, folder):
+    """What a verb that works prints."""
+    run = launcher.run(*words, folder=folder)
+    assert run.code == 0 and run.err == "", run
+    return run.out
+
+
+def test_list_shows_the_jvms_with_the_agent(launcher, folder):
+    with plain_jvm(launcher, folder) as plain, idle(launcher, folder, "--locks") as process:
+        shown = done(launcher, "list", folder=folder)
+        assert re.search(rf"^{process.pid} +\S*java -cp \S+ example\.Idle$", shown, re.M), shown
+        assert not re.search(rf"^{plain}\b", shown, re.M), shown
+    assert str(process.pid) not in done(launcher, "list", folder=folder)
+
+
+def test_status_counts_what_is_recorded(launcher, folder):
+    with idle(launcher, folder, "--locks=summary=100ms,detail=1h", "--exceptions=rate=0") as process:
+        def status():
+            return done(launcher, "status", process.pid, folder=folder)
+
+        wait_for(lambda: re.search(r"^locks +detail; 1 session$", status(), re.M), "detail phase")
+        first = int(re.search(r"^exceptions +on; (\d+) recorded, 0 dropped", status(), re.M)[1])
+        wait_for(lambda: int(re.search(r"(\d+) recorded", status())[1]) > first, "new exceptions")
+        assert re.search(r"^memory +the JVM was started without it$", status(), re.M)
+        (found,) = results(folder / OUTPUT)
+        assert f"results     {found.folder}\n" in status()
+
+
+def test_start_and_stop(launcher, folder):
+    memory = "--memory=delay=1h,track=example.Idle$Ticket,interval=100ms"
+    options = ("--locks=delay=1h", "--exceptions", memory)
+    with idle(launcher, folder, *options) as process:
+        def verb(name, *words):
+            return done(launcher, name, process.pid, *words, folder=folder)
+
+        def status(profiler):
+            return re.search(rf"^{profiler} +(.*)$", verb("status"), re.M)[1]
+
+        stopped = verb("stop")
+        assert "locks: stopped before it began\n" in stopped
+        assert re.search(r"^exceptions: .*/exceptions\.jsonl$", stopped, re.M), stopped
+        assert "off" in status("locks") and "off" in status("memory")
+
+        again = launcher.run("stop", process.pid, folder=folder)
+        assert again.code == 1 and "nothing is being profiled in JVM" in again.err, again
+        again = launcher.run("stop", process.pid, "--locks", folder=folder)
+        assert again.code == 1 and "not running" in again.err, again
+
+        name = "a\\b, \"c\", Ü"
+        started = verb("start", f"--locks=delay=0,summary=200ms,detail=1h,name={name}")
+        assert started == "locks: summary\n"
+        wait_for(lambda: "detail" in status("locks"), "detail phase")
+        twice = launcher.run("start", process.pid, "--locks", folder=folder)
+        assert twice.code == 1 and "running already" in twice.err, twice
+        (report,) = re.findall(r"^locks: (.*/locks-\d+\.json)$", verb("stop", "--locks"), re.M)
+
+        assert "memory: running\n" == verb("start", "--memory=delay=0")
+        wait_for(lambda: re.search(r" [1-9]\d* objects followed", status("memory")), "sweep")
+        assert re.search(r"^memory: .*/memory-\d+\.json$", verb("stop"), re.M)
+
+        (found,) = results(folder / OUTPUT)
+        root = found.json(Path(report).name)
+        assert root["sessionname"] == name.replace(", ", ",")
+        assert "example.Idle$Turnstile" in found.locks()
+        assert "example.Idle$Ticket" in found.memory()
+        assert {e["class"] for e in found.exceptions()} == {"example.Idle$Jam"}
+
+
+def test_a_profiler_that_the_jvm_was_started_without(launcher, folder):
+    with idle(launcher, folder, "--locks") as process:
+        refused = launcher.run("start", process.pid, "--memory", folder=folder)
+        assert refused.code == 1 and refused.out == "", refused
+        assert "was started without memory; start it with: twprofile run --memory" in refused.err
+
+
+@pytest.mark.parametrize("verb", ("status", "start", "stop"))
+def test_jvms_that_cannot_be_asked(launcher, folder, verb):
+    words = ("--locks",) if verb == "start" else ()
+
+    def refusal(pid):
+        refused = launcher.run(verb, pid, *words, folder=folder)
+        assert refused.code == 1 and refused.out == "" and refused.err.count("\n") == 1, refused
+        return refused.err
+
+    with plain_jvm(launcher, folder) as pid:
+        told = refusal(pid)
+        assert "was started without the agent; start it with: twprofile run -- " in told
+        assert told.endswith(" example.Idle\n")
+    assert "is no JVM" in refusal(os.getpid())
+    assert "there is no process 999999999" in refusal(999999999)
+    agent = f"-agentpath:{launcher.root}/lib/libjavanativeagent.so=twHome=."
+    with plain_jvm(launcher, folder, agent) as pid:
+        assert "has the agent, but not the companion" in refusal(pid)
+
+
+@pytest.mark.parametrize(
+    "words, told",
+    (
+        ((), "Usage: twprofile VERB"),
+        (("rnu",), "no verb 'rnu' (did you mean 'run'?)"),
+        (("xyzzy",), "no verb 'xyzzy' (there are: run list"),
+        (("run list",), "no verb 'run list'"),
+        (("help", "stat"), "no verb 'stat' (did you mean 'start'?)"),
+        (("list", "all"), "'all' is too much"),
+        (("status",), "expected a process id"),
+        (("status", "x"), "'x' is no process id"),
+        (("status", "1", "2"), "'2' is too much"),
+        (("start", "1"), "expected a profiler"),
+        (("start", "1", "--lock"), "no option '--lock' (did you mean '--locks'?)"),
+        (("start", "1", "--locks=detial=3s"), "no setting 'detial' (did you mean 'detail'?)"),
+        (("stop", "-1"), "'-1' is no process id"),
+        (("stop", "1", "--locks=top=3"), "locks.top=3 is too much"),
+        (("doctor", "--otput=x"), "no option '--otput=x' (did you mean '--output'?)"),
+    ),
+)
+def test_wrong_use(launcher, folder, words, told):
+    refused = launcher.run(*words, folder=folder)
+    assert refused.code == 2 and refused.out == "" and told in refused.err, refused
+
+
+@pytest.mark.parametrize("verb", VERBS)
+def test_each_verb_has_help_with_examples(launcher, folder, verb):
+    shown = done(launcher, "help", verb, folder=folder)
+    assert shown.startswith(f"Usage: twprofile {verb}") and f"  twprofile {verb}" in shown or (
+        f"Example: twprofile {verb}" in shown)
+    if verb != "report":  # whose options are twreport's
+        assert done(launcher, verb, "--help", folder=folder) == shown
+    assert re.search(rf"^  {verb}  ", done(launcher, "--help", folder=folder), re.M)
+
+
+def test_version(launcher, folder):
+    assert re.fullmatch(r"twprofile \d+\.\d+\.\d+\n", done(launcher, "--version", folder=folder))
+
+
+# --- doctor ----------------------------------------------------------------------------------
+
+
+def findings(run):
+    """The lines of doctor as (level, subject, text)."""
+    return [tuple(line.split(None, 2)) for line in run.out.splitlines() if line[:1] != " "]
+
+
+def own_lib(launcher, folder):
+    """A checkout whose lib holds links, to be changed; gives both."""
+    root = launcher.checkout("own")
+    (root / "lib").unlink()
+    (root / "lib").mkdir()
+    for file in (launcher.root / "lib").iterdir():
+        (root / "lib" / file.name).symlink_to(file.resolve())
+    return root, root / "lib"
+
+
+def test_doctor_finds_nothing_wrong(launcher, folder):
+    run = launcher.run("doctor", folder=folder)
+    assert run.code == 0 and {level for level, _, _ in findings(run)} == {"ok"}, run
+    assert {"JDK", "APR", "agent", "output"} <= {subject for _, subject, _ in findings(run)}
+    assert os.listdir(folder) == []
+
+
+def test_doctor_names_classes_without_variables(launcher, folder):
+    sources = folder / "src"
+    sources.mkdir()
+    (sources / "Bare.java").write_text("class Bare { int twice(int n) { int m = n; return m * 2; } }")
+    (sources / "Constants.java").write_text("interface Constants { int ONE = 1; }")
+    javac = str(Path(launcher.java).resolve().parent / "javac")
+    subprocess.run([javac, "-g:none", "-d", folder / "bare", *sources.iterdir()], check=True)
+    shutil.make_archive(folder / "bare", "zip", folder / "bare")
+    (folder / "bare.zip").rename(folder / "bare.jar")
+
+    path = f"{launcher.programs}:bare:missing.jar:*"
+    run = launcher.run("doctor", "--", "java", "-Xmx1g", "-cp", path, "example.Idle", folder=folder)
+    assert run.code == 0, run
+    classes = [(level, text) for level, subject, text in findings(run) if subject == "classes"]
+    assert [level for level, _ in classes] == ["ok", "hint", "hint", "hint"], run
+    assert classes[0][1].startswith(launcher.programs)
+    assert classes[1][1].startswith("bare: frames of 1 of 2 classes show no locals (Bare); compile")
+    assert classes[2][1] == "missing.jar is not there"
+    assert classes[3][1].startswith("./bare.jar: frames of 1 of 2 classes")
+
+    run = launcher.run("doctor", "--", "java", "-jar", "bare.jar", folder=folder)
+    assert [f[2][:8] for f in findings(run) if f[1] == "classes"] == ["bare.jar"]
+
+
+def test_doctor_looks_at_the_command(launcher, folder):
+    run = launcher.run("doctor", "--", "no-such-command", folder=folder)
+    assert run.code == 1 and ("FAULT", "command", "there is no command 'no-such-command'") in findings(run)
+    run = launcher.run("doctor", "--", "sh", "start.sh", folder=folder)
+    assert run.code == 0 and any(f[:2] == ("hint", "classes") for f in findings(run))
+
+
+def test_doctor_finds_a_library_that_does_not_load(launcher, folder):
+    root, lib = own_lib(launcher, folder)
+    (lib / "libjavanativeagent.so").unlink()
+    run = launcher.run("doctor", folder=folder, root=root)
+    assert run.code == 1 and "libjavanativeagent.so is not there; build it" in run.out, run
+    (lib / "libjavanativeagent.so").write_text("no library")
+    run = launcher.run("doctor", folder=folder, root=root)
+    assert run.code == 1 and any(f[:2] == ("FAULT", "agent") for f in findings(run)), run
+
+
+def test_doctor_looks_at_the_output_folder(launcher, folder):
+    (folder / "file").write_text("")
+    for words, told in (
+        (("-o", "file"), "is no folder"),
+        (("-o", "/proc/inner"), "cannot be written"),
+        (("-o", "deep/a,b"), "has a comma"),
+        (("-o", "a,b", "--", "sh"), "has a comma"),
+    ):
+        run = launcher.run("doctor", *words, folder=folder)
+        assert run.code == 1, run
+        assert [f[0] for f in findings(run) if f[1] == "output" and told in f[2]] == ["FAULT"], run
+
+
+def test_doctor_knows_the_locale(launcher, folder):
+    run = launcher.run("doctor", "-o", "Größe", folder=folder, LC_ALL="C")
+    assert run.code == 1 and "LC_ALL=C.UTF-8" in run.err, run
+
+
+# --- completion ------------------------------------------------------------------------------
+
+COMPLETE = """
+source "$1"
+COMP_LINE=$2 COMP_POINT=${#2}
+shift 2
+COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+_twprofile twprofile "${COMP_WORDS[COMP_CWORD]}"
+printf '%s\\n' "${COMPREPLY[@]}"
+"""
+
+
+def completions(line):
+    """What bash offers behind this line, whose words readline takes apart at "="."""
+    words = re.findall(r"=|[^\s=]+", line) + ([""] if line.endswith(" ") else [])
+    command = ["bash", "-c", COMPLETE, "-", SOURCE / "completions" / "twprofile", line, *words]
+    shown = subprocess.run(command, capture_output=True, text=True, check=True)
+    assert shown.stderr == ""
+    return shown.stdout.split()
+
+
+def test_completion_of_verbs_and_options():
+    assert completions("twprofile s") == ["status", "start", "stop"]
+    assert completions("twprofile run --l") == ["--locks"]
+    assert completions("twprofile run --locks=summary=3s,de") == ["3s,delay=", "3s,detail="]
+    assert completions("twprofile run --locks=repeat=") == ["forever"]
+    assert completions("twprofile start 12 --exceptions=locals=t") == ["true"]
+    assert completions("twprofile help rep") == ["report"]
+
+
+def test_completion_knows_the_settings_of_the_help(launcher, folder):
+    for profiler in ("locks", "exceptions", "memory"):
+        told = launcher.run("run", f"--{profiler}=xyzzyxyzzy=1", "--", "true", folder=folder).err
+        keys = told.split("(there are: ")[1].rstrip(")\n").split()
+        assert completions(f"twprofile run --{profiler}=") == [key + "=" for key in keys]
+        shown = done(launcher, "help", "run", folder=folder)
+        assert all(re.search(rf"\b{key}\b", shown) for key in keys)
+
+
+def test_completion_of_process_ids(launcher, folder):
+    with idle(launcher, folder, "--locks") as process:
+        script = COMPLETE.replace("_twprofile twprofile", '_twprofile "$TWPROFILE"')
+        line = "twprofile status "
+        shown = subprocess.run(
+            ["bash", "-c", script, "-", SOURCE / "completions" / "twprofile", line, *line.split(), ""],
+            capture_output=True, text=True, check=True,
+            env={**launcher.environment, "TWPROFILE": str(launcher.root / "bin" / "twprofile")},
+        )
+        assert str(process.pid) in shown.stdout.split()
