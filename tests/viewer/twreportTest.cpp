@@ -16,14 +16,15 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 const std::string kSample = DATA_FOLDER "/lock-report.json " DATA_FOLDER "/lock-stacks.txt";
+const std::string kRun = DATA_FOLDER "/shop-run";
 
 struct outcome {
   int exitCode;
   std::string output;  // standard output and standard error
 };
 
-outcome twreport(const std::string& arguments) {
-  FILE* pipe = popen(("exec 2>&1; '" TWREPORT "' " + arguments).c_str(), "r");
+outcome run(const std::string& command) {
+  FILE* pipe = popen(("exec 2>&1; " + command).c_str(), "r");
   if (pipe == nullptr) {
     throw std::runtime_error("no shell");
   }
@@ -34,6 +35,10 @@ outcome twreport(const std::string& arguments) {
   }
   const int status = pclose(pipe);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+outcome twreport(const std::string& arguments) {
+  return run("'" TWREPORT "' " + arguments);
 }
 
 TEST(twreport, printsTheRecordedSession) {
@@ -80,6 +85,91 @@ TEST(twreport, refusesWrongArguments) {
     const outcome result = twreport(kSample + " --top '" + top + "'");
     EXPECT_NE(result.exitCode, 0) << top;
     EXPECT_THAT(result.output, HasSubstr("--top")) << top;
+  }
+}
+
+TEST(twreport, ranksByWhatItIsAskedFor) {
+  EXPECT_THAT(twreport(kSample + " --by site").output, HasSubstr("Top sites (5 of 9)"));
+  EXPECT_THAT(twreport(kSample + " --by thread").output, HasSubstr("Top threads (5 of 12)"));
+}
+
+TEST(twreport, showsOneRecord) {
+  const outcome result = twreport(kRun + " --show 3");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, StartsWith("Record 3 of 6: java.lang.NullPointerException\n"));
+  EXPECT_THAT(result.output,
+              HasSubstr("note: StringBuilder = \"refund \U0001F600 for A. Customer"));
+  EXPECT_EQ(twreport(kRun + " --show 7").output,
+            "twreport: --show 7: expected the number of a record from 1 to 6, found 7\n");
+}
+
+TEST(twreport, findsText) {
+  const outcome result = twreport(kRun + " --grep PriceCache");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, HasSubstr("Top locks (1)"));
+  EXPECT_THAT(result.output, HasSubstr("Exceptions: 0 records"));
+}
+
+TEST(twreport, drawsWithWhatTheTerminalHas) {
+  const std::string memory = " " DATA_FOLDER "/memory-report.json";
+  EXPECT_THAT(run("LC_ALL=C.UTF-8 '" TWREPORT "'" + memory).output, HasSubstr("\u2588"));
+  EXPECT_THAT(run("LC_ALL=C '" TWREPORT "'" + memory).output, HasSubstr("#"));
+  EXPECT_EQ(run("LC_ALL=C '" TWREPORT "'" + memory).output.find("\u2588"), std::string::npos);
+}
+
+TEST(twreport, comparesTwoRuns) {
+  const outcome result = twreport("diff " DATA_FOLDER "/lock-report.json " + kRun);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, StartsWith("A difference counts from 10 % and 1 on.\n"));
+  EXPECT_THAT(result.output, HasSubstr("better  com.example.shop.Inventory "));
+  EXPECT_EQ(twreport("diff " + kRun + " /nowhere").exitCode, 1);
+  EXPECT_NE(twreport("diff " + kRun).exitCode, 0);
+}
+
+TEST(twreport, exportsWhatItIsAskedFor) {
+  EXPECT_THAT(twreport("export --format collapsed " + kRun).output,
+              HasSubstr(";http-worker-1;java.lang.Thread.run;"));
+  EXPECT_THAT(twreport("export --format csv --table classes " + kRun).output,
+              StartsWith("session,class,generation,objects,bytes\r\n"));
+  EXPECT_NE(twreport("export " + kRun).exitCode, 0);
+  EXPECT_NE(twreport("export --format xml " + kRun).exitCode, 0);
+}
+
+TEST(twreport, checksLimits) {
+  EXPECT_EQ(twreport("check --max-blocked-seconds 'com.example.*=1000' --max-survivors "
+                     "'com.example.*=0@9' --no-exception 'java.io.*' " +
+                     kRun)
+                .output,
+            "");
+  const outcome broken = twreport("check --no-exception java.lang.NullPointerException " + kRun);
+  EXPECT_EQ(broken.exitCode, 1);
+  EXPECT_THAT(broken.output, StartsWith("java.lang.NullPointerException: thrown 2 times in "));
+  EXPECT_EQ(twreport("check --max-blocked-seconds x " + kRun).exitCode, 1);
+  EXPECT_EQ(twreport("check --no-exception java.io.* " + kRun + " /nowhere").exitCode, 1)
+      << "what was not read was not checked";
+}
+
+// Nothing that a report says reaches the terminal as a control character.
+TEST(twreport, sendsNoControlCharacters) {
+  const std::string report = testing::TempDir() + "hostile.json";
+  std::ofstream(report)
+      << R"({"sessionname": "\u001b]0;x\u0007", "sessionid": 1, "stacktracemap": {},
+      "lockmap": {"\u001b[2J\u009b@1": {"id": "", "count": 1, "graph": [], "totalBlockTime": 1,
+        "totalWaitTime": 0, "threadbean": {"\r": {"name": "\r\u001b", "count": 1,
+        "totalBlockTime": 1, "totalWaitTime": 0, "stacktracebean": {"1": {"count": 1}}}}}},
+      "blockingThreads": {"\u001b": {"name": "\u001b", "blockingCount": 1, "blockCount": 1,
+        "totalBlockingTime": 1, "stacktracebean": {}}}, "\u001b[1m": 1})";
+  std::ofstream(report + ".bad") << "{\"lockmap\": {\"\x1b[1m\\u001b\\u009b\": 1}}";
+  for (const std::string& arguments :
+       {report, "--by thread " + report, "--by site " + report, "--by blocker " + report,
+        "--json " + report, "diff /dev/null " + report, "export --format collapsed " + report,
+        "export --format speedscope " + report, "export --format csv " + report,
+        "export --format prometheus " + report, "check --max-blocked-seconds '*=0' " + report,
+        report + ".bad", std::string("$(printf '\\033[1m')")}) {
+    for (unsigned char c : twreport(arguments).output) {
+      EXPECT_TRUE(c >= 0x20 || c == '\n' || c == '\r') << int(c) << " of " << arguments;
+    }
+    EXPECT_EQ(twreport(arguments).output.find("\xC2\x9B"), std::string::npos) << arguments;
   }
 }
 
