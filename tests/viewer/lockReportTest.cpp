@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "testReport.h"
+#include "utf8.h"
 
 namespace viewer {
 namespace {
@@ -125,6 +126,12 @@ TEST(lockReportReader, reportsNestingThatIsTooDeep) {
   EXPECT_THAT(problemOfReport(deep), HasSubstr("expected an object, found array"));
   const std::string unknown = "{\"more\": " + std::string(100'000, '[');
   EXPECT_THAT(problemOfReport(unknown), HasSubstr("expected at most 200 objects and arrays"));
+}
+
+TEST(lockReportReader, cutsNoCharacterInErrors) {
+  const std::string problem = problemOfReport("{\"a\": tru\u20ac}");
+  EXPECT_THAT(problem, StartsWith("r.json: expected a JSON document: parse error at line 1"));
+  EXPECT_EQ(problem, toUtf8(problem));
 }
 
 TEST(lockReportReader, keepsErrorsShort) {

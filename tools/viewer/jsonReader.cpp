@@ -72,9 +72,11 @@ class utf8Iterator {
   utf8Bytes* bytes_;
 };
 
-// "[json.exception.parse_error.101] parse error at line 1, column 9: ..." without its head.
+// "[json.exception.parse_error.101] parse error at line 1, column 9: ..." without its head. What
+// the parser read last ends where it gave up, even within a character.
 std::string parseProblem(const std::string& source, const json::exception& e) {
-  const std::string_view what = e.what();
+  const std::string problem = toUtf8(e.what());
+  const std::string_view what = problem;
   const std::size_t prefix = what.find("] ");
   return fmt::format("{}: expected a JSON document: {}", source,
                      cutEnd(what.substr(prefix == what.npos ? 0 : prefix + 2), kLongestError));

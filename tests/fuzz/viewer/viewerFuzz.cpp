@@ -1,0 +1,110 @@
+// Gives any bytes to all readers of the viewer, and what they made of it to all its outputs. The
+// only thing that may be thrown is inputError, and no output holds a control character.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "checks.h"
+#include "comparisonTables.h"
+#include "exceptionTables.h"
+#include "exports.h"
+#include "jsonForm.h"
+#include "profileTables.h"
+#include "utf8.h"
+
+namespace {
+
+using namespace viewer;
+
+[[noreturn]] void fail(const char* what, const std::string& text) {
+  std::fprintf(stderr, "%s: %s\n", what, text.c_str());
+  std::abort();
+}
+
+template <typename action>
+void reading(profile& all, action read) {
+  try {
+    read();
+  } catch (const inputError& e) {
+    all.problems.push_back(e.what());
+  }
+}
+
+profile readAll(std::string_view text) {
+  profile all;
+  reading(all, [&] { all.lockReports.push_back(readLockReport(bytesOfText(text), "l")); });
+  reading(all, [&] { all.memoryReports.push_back(readMemoryReport(bytesOfText(text), "m")); });
+  reading(all, [&] { readStackFile(bytesOfText(text), "s", all.stacks); });
+  reading(all, [&] {
+    exceptionLog log;
+    log.add(bytesOfText(text), "e", all.problems);
+    all.exceptions = std::move(log);
+  });
+  return all;
+}
+
+// Line ends are those of the output itself.
+void expectPrintable(const char* what, const std::string& text) {
+  std::string lines;
+  for (char c : text) {
+    lines += c == '\n' || c == '\r' ? ' ' : c;
+  }
+  if (lines != printable(lines) || text != toUtf8(text)) {
+    fail(what, text);
+  }
+}
+
+template <typename action>
+std::string textOf(action write) {
+  std::ostringstream out;
+  write(out);
+  return out.str();
+}
+
+void expectJson(const char* what, const std::string& text) {
+  expectPrintable(what, text);
+  if (!nlohmann::json::accept(text)) {
+    fail(what, text);
+  }
+}
+
+void writeAll(const profile& all) {
+  for (ranking by : {ranking::lock, ranking::thread, ranking::site, ranking::blocker}) {
+    expectPrintable("tables", profileTables(all, {.by = by, .limits = {}}, {.width = 60}));
+  }
+  for (std::size_t i = 0; all.exceptions && i < all.exceptions->size(); i++) {
+    expectPrintable("record", recordTree(*all.exceptions, i + 1, {}));
+  }
+  expectJson("JSON form", textOf([&](std::ostream& out) { writeJson(all, out); }));
+  expectJson("speedscope", textOf([&](std::ostream& out) { writeSpeedscope(all, out); }));
+  expectPrintable("collapsed", textOf([&](std::ostream& out) { writeCollapsed(all, out); }));
+  expectPrintable("prometheus", textOf([&](std::ostream& out) { writePrometheus(all, out); }));
+  for (csvTable what : {csvTable::locks, csvTable::threads, csvTable::stacks, csvTable::blockers,
+                        csvTable::exceptions, csvTable::classes}) {
+    expectPrintable("csv", textOf([&](std::ostream& out) { writeCsv(all, what, out); }));
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  profile all = readAll(text);
+  writeAll(all);
+  for (const std::string& problem : all.problems) {
+    expectPrintable("problem", printable(problem));
+  }
+  brokenLimits(all, {.blocked = {{"*", 0}}, .survivors = {{"*", 0, 2}}, .exceptions = {"*a*"}});
+  const comparison both = compare(std::move(all), readAll(text), {});
+  expectPrintable("comparison", comparisonTables(both, 5, {}));
+  expectJson("comparison", textOf([&](std::ostream& out) { writeJson(both, out); }));
+  profile filtered = readAll(text);
+  filter(filtered, text.substr(0, 3));
+  writeAll(filtered);
+  return 0;
+}
