@@ -141,6 +141,17 @@ def test_what_could_not_be_read_is_on_the_page(twreport, browser, tmp_path):
     assert "memory-1.json" in browser.one("main .problems").text
 
 
+def test_damaged_page_says_so(page_of, browser, recorded, tmp_path):
+    page = tmp_path / "damaged.html"
+    text = page_of(*recorded).read_text()
+    page.write_text(text.replace('{"version":1', '{version:1', 1))
+    assert page.read_text() != text
+    browser.visited.add(page.as_uri())
+    browser.driver.get(page.as_uri())
+    browser.until(lambda: browser.one("#subtitle").text.startswith("The report cannot be shown: "))
+    assert "SyntaxError" in str(browser.driver.get_log("browser"))
+
+
 def test_policy_stops_scripts_and_requests_that_are_not_the_pages_own(page_of, browser, recorded):
     browser.open(page_of(*recorded))
     browser.run("""

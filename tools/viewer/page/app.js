@@ -118,8 +118,15 @@ function startTheme(redraw) {
 function start() {
   let page = null;
   startTheme(() => page?.current?.redraw?.());
-  page = new Page(JSON.parse(document.getElementById('report').textContent));
-  page.open(false);
+  try {
+    page = new Page(JSON.parse(document.getElementById('report').textContent));
+    page.open(false);
+  } catch (problem) {
+    // A report that is too large for the browser, or a browser that is too old for the page.
+    document.getElementById('subtitle').textContent =
+      visibleText(`The report cannot be shown: ${problem.message}`);
+    throw problem;
+  }
 }
 
 // The frame of the page is painted before the report, which may be large, is read.
