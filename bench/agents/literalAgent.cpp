@@ -6,20 +6,16 @@
 // waiters to each contended entered. All calls run on the thread of the event.
 #include <array>
 #include <cstddef>
-#include <cstdio>
-#include <cstring>
 
 #include "monitorAgent.h"
-#include "support/jniRef.h"
-#include "support/jvmtiPtr.h"
+#include "monitorCalls.h"
 
 namespace {
 
-using support::jvmtiPtr;
+using bench::readMonitorUsage;
+using bench::readThreadName;
 using support::jvmtiText;
 using support::localRef;
-
-constexpr jint kMaxFrames = 100;
 
 bool detail = false;  // Written by Agent_OnLoad, before any event.
 
@@ -71,33 +67,6 @@ void readLockName(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) {
   jvmti->GetObjectHashCode(object, &hash);
 }
 
-void readThreadName(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
-  jvmtiThreadInfo info{};
-  if (jvmti->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) return;
-  jvmtiText name(jvmti);
-  name.adopt(info.name);
-  const localRef<jthreadGroup> group(jni, info.thread_group);
-  const localRef<> loader(jni, info.context_class_loader);
-}
-
-void deleteAll(JNIEnv* jni, const jvmtiPtr<jthread>& threads, jint count) {
-  for (jint i = 0; i < count; i++) jni->DeleteLocalRef(threads[i]);
-}
-
-// Gives the owner; empty when the VM names none.
-localRef<jthread> readMonitorUsage(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) {
-  jvmtiMonitorUsage usage{};
-  if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) return {};
-  localRef<jthread> owner(jni, usage.owner);
-  jvmtiPtr<jthread> waiters(jvmti);
-  waiters.adopt(usage.waiters);
-  jvmtiPtr<jthread> notifyWaiters(jvmti);
-  notifyWaiters.adopt(usage.notify_waiters);
-  deleteAll(jni, waiters, usage.waiter_count);
-  deleteAll(jni, notifyWaiters, usage.notify_waiter_count);
-  return owner;
-}
-
 void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
   jvmtiText name(jvmti);
   name.fill([&](char** out) { return jvmti->GetMethodName(method, out, nullptr, nullptr); });
@@ -109,9 +78,10 @@ void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
 }
 
 void readStack(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
-  std::array<jvmtiFrameInfo, kMaxFrames> frames;
+  std::array<jvmtiFrameInfo, bench::kMaxFrames> frames;
   jint count = 0;
-  if (jvmti->GetStackTrace(thread, 0, kMaxFrames, frames.data(), &count) != JVMTI_ERROR_NONE) {
+  if (jvmti->GetStackTrace(thread, 0, bench::kMaxFrames, frames.data(), &count) !=
+      JVMTI_ERROR_NONE) {
     return;
   }
   for (jint i = 0; i < count; i++) {
@@ -152,22 +122,10 @@ void JNICALL MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject
   readThreadName(jvmti, jni, thread);
 }
 
-// Absent or empty options mean the summary; anything unknown fails the VM's start.
-bool parseOptions(const char* options) {
-  if (options == nullptr || *options == '\0' || std::strcmp(options, "mode=summary") == 0) {
-    return true;
-  }
-  detail = std::strcmp(options, "mode=detail") == 0;
-  if (!detail) {
-    std::fprintf(stderr, "literalAgent: expected mode=summary or mode=detail: %s\n", options);
-  }
-  return detail;
-}
-
 }  // namespace
 
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void*) {
-  if (!parseOptions(options)) return JNI_ERR;
+  if (!bench::parseMode(options, detail)) return JNI_ERR;
   jvmtiEventCallbacks handlers{};
   handlers.MonitorContendedEnter = MonitorContendedEnter;
   handlers.MonitorContendedEntered = MonitorContendedEntered;

@@ -4,67 +4,61 @@ import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.startMutexL
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.stopMutexLockDetailSession;
 import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.stopMutexLockProfilingSession;
 
-import java.io.BufferedReader;
 import java.io.IOException;
-import java.io.InputStreamReader;
 import java.lang.management.ManagementFactory;
 import java.lang.management.ThreadInfo;
+import java.lang.management.ThreadMXBean;
 import java.nio.file.Path;
 import java.nio.file.Paths;
-import java.util.Locale;
-import java.util.concurrent.atomic.AtomicLong;
+import java.util.LinkedHashMap;
+import java.util.Map;
 
 /**
- * Measures how many operations on contended monitors a number of threads complete in a second.
+ * A number of threads that contend for monitors; measured as {@link Load} describes. {@link
+ * Settings} says with what options, all of the form {@code --name=value}.
  *
- * <p>Usage: {@code LockBench [--name=value]...}; the fields of {@link Settings} say which and with
- * what defaults. Once the load is warm it prints {@code ready}. Each line on standard input is then
- * a number of seconds to measure, and is answered with one line, a JSON object; the end of the
- * input ends the session and the program. Between measurements the load runs on, so a caller may
- * stop the whole process and let others have the processors. Ends with status 1 and a line on
+ * <p>The end of the input ends the session and the program. Ends with status 1 and a line on
  * standard error when the options or a session are refused.
  */
-public final class LockBench {
+public final class LockBench extends Load {
   private static final int COMPILE_ROUNDS = 20_000;
-  private static final long BRIEF_SUMMARY_MILLIS = 1_000;
+  private static final long SESSION_SECONDS = 600;
+  private static final long BRIEF_SUMMARY_MILLIS = 500;
   private static final long CLOSING_DETAIL_MILLIS = 300;
 
   public static void main(String[] args) throws IOException, InterruptedException {
     try {
-      Settings settings = new Settings(args);
-      new LockBench(settings).run();
+      Settings settings = new Settings(new Options(args));
+      new LockBench(settings, workers(settings)).run();
     } catch (IllegalArgumentException | IllegalStateException e) {
-      fail(e.getMessage());
+      fail("LockBench", e.getMessage());
     } catch (UnsatisfiedLinkError e) {
-      fail("a session needs the agent: start the JVM with -agentpath:.../libjavanativeagent.so");
+      fail(
+          "LockBench",
+          "a session needs the agent: start the JVM with -agentpath:.../libjavanativeagent.so");
     }
-  }
-
-  private static void fail(String message) {
-    System.err.println("LockBench: " + message);
-    System.exit(1);
   }
 
   /** What to run; each field is set by an option of its name. */
   private static final class Settings {
-    /** "locks": threads pick monitors at random. "pingpong": pairs pass a turn by wait and notify. */
-    String workload = "locks";
+    /** "locks": threads pick monitors at random. "pingpong": pairs pass a turn by wait/notify. */
+    final String workload;
 
-    int threads = 64;
+    final int threads;
 
     /** Of the workload "locks" only; a pair of "pingpong" has one of its own. */
-    int monitors = 16;
+    final int monitors;
 
     /** Steps of arithmetic, about a nanosecond each, done inside and outside the monitor. */
-    int inside = 100;
+    final int inside;
 
-    int outside = 100;
+    final int outside;
 
     /**
      * How often a thread gives up its processor while it holds the monitor. Without that, two
      * processors hardly ever make a thread block: the VM's spinning waits out a short section.
      */
-    int yields = 1;
+    final int yields;
 
     /**
      * Whether a thread that has left its monitor lets another thread take that monitor before it
@@ -73,114 +67,41 @@ public final class LockBench {
      * hand a monitor over, in the other one thread takes it again and again before the thread it
      * woke gets there.
      */
-    boolean turns = false;
+    final boolean turns;
 
     /** Frames between the thread's run method and the one that enters the monitor. */
-    int depth = 20;
+    final int depth;
+
+    /** Whether the threads are virtual ones. */
+    final boolean virtual;
 
     /** Seconds of contention before the measured ones. */
-    double warmup = 1;
+    final double warmup;
 
-    /** "none", "summary" or "detail": the lock profiling session that covers the measurement. */
-    String session = "none";
+    /** The lock profiling session that covers the measurement. */
+    final String session;
+
+    /** Whether the JVM's own contention monitoring is on. */
+    final boolean monitoring;
 
     /** Where a session leaves lock-report.json and lock-stacks.txt. */
-    Path folder = Paths.get(".");
+    final Path folder;
 
-    Settings(String[] args) {
-      for (String arg : args) {
-        int equals = arg.indexOf('=');
-        if (!arg.startsWith("--") || equals < 0) {
-          throw new IllegalArgumentException("expected --name=value: " + arg);
-        }
-        set(arg.substring(2, equals), arg.substring(equals + 1));
-      }
-    }
-
-    private void set(String name, String value) {
-      switch (name) {
-        case "workload":
-          workload = oneOf(name, value, "locks", "pingpong");
-          break;
-        case "threads":
-          threads = Integer.parseInt(value);
-          break;
-        case "monitors":
-          monitors = Integer.parseInt(value);
-          break;
-        case "inside":
-          inside = Integer.parseInt(value);
-          break;
-        case "outside":
-          outside = Integer.parseInt(value);
-          break;
-        case "yields":
-          yields = Integer.parseInt(value);
-          break;
-        case "turns":
-          turns = Boolean.parseBoolean(value);
-          break;
-        case "depth":
-          depth = Integer.parseInt(value);
-          break;
-        case "warmup":
-          warmup = Double.parseDouble(value);
-          break;
-        case "session":
-          session = oneOf(name, value, "none", "summary", "detail");
-          break;
-        case "folder":
-          folder = Paths.get(value);
-          break;
-        default:
-          throw new IllegalArgumentException("unknown option --" + name);
-      }
-    }
-
-    private static String oneOf(String name, String value, String... known) {
-      for (String each : known) {
-        if (each.equals(value)) {
-          return value;
-        }
-      }
-      throw new IllegalArgumentException(
-          "--" + name + " is one of " + String.join(", ", known) + ": " + value);
-    }
-  }
-
-  /** One thread of the load: repeats its operation and counts until it is told to stop. */
-  private abstract static class Worker extends Thread {
-    private final AtomicLong operations = new AtomicLong();
-    private volatile boolean stopped;
-
-    Worker(String name) {
-      super(name);
-    }
-
-    abstract void operation() throws InterruptedException;
-
-    /** Makes an operation that is waiting for another thread return. */
-    void wake() {}
-
-    void endLoad() {
-      stopped = true;
-    }
-
-    boolean isStopped() {
-      return stopped;
-    }
-
-    @Override
-    public void run() {
-      long done = 0;
-      try {
-        while (!stopped) {
-          operation();
-          operations.lazySet(++done);
-        }
-      } catch (InterruptedException e) {
-        throw new AssertionError("nobody interrupts a worker", e);
-      }
+    Settings(Options options) {
+      workload = options.oneOf("workload", "locks", "pingpong");
+      threads = options.integer("threads", 64);
+      monitors = options.integer("monitors", 16);
+      inside = options.integer("inside", 100);
+      outside = options.integer("outside", 100);
+      yields = options.integer("yields", 1);
+      turns = options.flag("turns");
+      depth = options.integer("depth", 20);
+      virtual = options.flag("virtual");
+      warmup = options.decimal("warmup", 1);
+      session = options.oneOf("session", "none", "summary", "detail");
+      monitoring = options.flag("monitoring");
+      folder = Paths.get(options.text("folder", "."));
+      options.rejectOthers();
     }
   }
 
@@ -189,8 +110,17 @@ public final class LockBench {
     volatile int entries;
   }
 
+  /** A thread that also counts how long it took to get its monitors. */
+  private abstract static class MonitorWorker extends Worker {
+    final Histogram gets = new Histogram();
+
+    MonitorWorker(String name) {
+      super(name);
+    }
+  }
+
   /** Enters one of the shared monitors, works in it, leaves it and works outside. */
-  private static final class LockWorker extends Worker {
+  private static final class LockWorker extends MonitorWorker {
     private final Monitor[] monitors;
     private final Settings settings;
     private long random;
@@ -221,7 +151,9 @@ public final class LockBench {
       if (depth > 0) {
         return enter(monitor, depth - 1);
       }
+      long asked = System.nanoTime();
       synchronized (monitor) {
+        gets.add(System.nanoTime() - asked);
         sink = work(sink, settings.inside);
         for (int i = 0; i < settings.yields; i++) {
           Thread.yield();
@@ -237,7 +169,7 @@ public final class LockBench {
   }
 
   /** Waits for its turn, works and hands the turn to its partner. */
-  private static final class PingPongWorker extends Worker {
+  private static final class PingPongWorker extends MonitorWorker {
     private final Turn turn;
     private final int side;
     private final Settings settings;
@@ -261,7 +193,9 @@ public final class LockBench {
         takeTurn(depth - 1);
         return;
       }
+      long asked = System.nanoTime();
       synchronized (turn) {
+        gets.add(System.nanoTime() - asked);
         while (turn.holder != side && !isStopped()) {
           turn.wait();
         }
@@ -289,14 +223,19 @@ public final class LockBench {
   }
 
   private final Settings settings;
-  private final Worker[] workers;
+  private final MonitorWorker[] workers;
 
-  private LockBench(Settings settings) {
+  private LockBench(Settings settings, MonitorWorker[] workers) {
+    super(workers);
     this.settings = settings;
-    workers = settings.workload.equals("locks") ? lockWorkers() : pingPongWorkers();
+    this.workers = workers;
   }
 
-  private Worker[] lockWorkers() {
+  private static MonitorWorker[] workers(Settings settings) {
+    return settings.workload.equals("locks") ? lockWorkers(settings) : pingPongWorkers(settings);
+  }
+
+  private static MonitorWorker[] lockWorkers(Settings settings) {
     if (settings.turns && settings.threads <= settings.monitors) {
       throw new IllegalArgumentException("turns need more threads than monitors");
     }
@@ -304,18 +243,18 @@ public final class LockBench {
     for (int i = 0; i < monitors.length; i++) {
       monitors[i] = new Monitor();
     }
-    Worker[] made = new Worker[settings.threads];
+    MonitorWorker[] made = new MonitorWorker[settings.threads];
     for (int i = 0; i < made.length; i++) {
       made[i] = new LockWorker(i, monitors, settings);
     }
     return made;
   }
 
-  private Worker[] pingPongWorkers() {
+  private static MonitorWorker[] pingPongWorkers(Settings settings) {
     if (settings.threads % 2 != 0) {
       throw new IllegalArgumentException("pingpong takes an even number of threads");
     }
-    Worker[] made = new Worker[settings.threads];
+    MonitorWorker[] made = new MonitorWorker[settings.threads];
     for (int i = 0; i < made.length; i += 2) {
       Turn turn = new Turn();
       made[i] = new PingPongWorker(i, turn, settings);
@@ -326,19 +265,14 @@ public final class LockBench {
 
   private void run() throws IOException, InterruptedException {
     compileOperation();
+    ManagementFactory.getThreadMXBean().setThreadContentionMonitoringEnabled(settings.monitoring);
     openSession();
-    for (Worker worker : workers) {
-      worker.start();
-    }
+    start(settings.virtual);
     enterMeasuredPhase();
     Thread.sleep(millis(settings.warmup));
-    System.out.println("ready");
-    BufferedReader orders = new BufferedReader(new InputStreamReader(System.in));
-    for (String seconds = orders.readLine(); seconds != null; seconds = orders.readLine()) {
-      System.out.println(measure(Double.parseDouble(seconds)));
-    }
+    serve();
     closeSession();
-    stopWorkers();
+    stop();
   }
 
   /**
@@ -353,47 +287,29 @@ public final class LockBench {
     }
   }
 
-  private String measure(double time) throws InterruptedException {
-    Counters before = new Counters();
-    Thread.sleep(millis(time));
-    Counters after = new Counters();
-    double seconds = (after.nanos - before.nanos) / 1e9;
-    long operations = after.operations - before.operations;
-    return String.format(
-        Locale.ROOT,
-        "{\"operationsPerSecond\": %.1f, \"operations\": %d, \"seconds\": %.3f,"
-            + " \"blocked\": %d, \"waited\": %d}",
-        operations / seconds,
-        operations,
-        seconds,
-        after.blocked - before.blocked,
-        after.waited - before.waited);
-  }
-
-  /** What the workers have done so far, and how often the VM saw them blocked and waiting. */
-  private final class Counters {
-    final long operations;
-    final long nanos;
-    final long blocked;
-    final long waited;
-
-    Counters() {
-      long sum = 0;
-      for (Worker worker : workers) {
-        sum += worker.operations.get();
+  /**
+   * How often the VM saw the threads blocked and waiting (it does not say so of virtual ones), and
+   * how long they took to get a monitor, as the counts of {@link Histogram}.
+   */
+  @Override
+  Map<String, long[]> furtherCounters() {
+    ThreadMXBean threads = ManagementFactory.getThreadMXBean();
+    long blocked = 0;
+    long waited = 0;
+    long[] gets = new long[Histogram.SIZE];
+    for (MonitorWorker worker : workers) {
+      ThreadInfo info = threads.getThreadInfo(worker.thread().getId());
+      if (info != null) {
+        blocked += info.getBlockedCount();
+        waited += info.getWaitedCount();
       }
-      operations = sum;
-      nanos = System.nanoTime();
-      long blockedSum = 0;
-      long waitedSum = 0;
-      for (Worker worker : workers) {
-        ThreadInfo info = ManagementFactory.getThreadMXBean().getThreadInfo(worker.getId());
-        blockedSum += info.getBlockedCount();
-        waitedSum += info.getWaitedCount();
-      }
-      blocked = blockedSum;
-      waited = waitedSum;
+      worker.gets.addTo(gets);
     }
+    Map<String, long[]> counters = new LinkedHashMap<>();
+    counters.put("blocked", new long[] {blocked});
+    counters.put("waited", new long[] {waited});
+    counters.put("gets", gets);
+    return counters;
   }
 
   private void openSession() {
@@ -405,12 +321,8 @@ public final class LockBench {
     requireDone(
         "startMutexLockProfilingSession",
         startMutexLockProfilingSession(
-            1, "bench", sessionSeconds(), all, all, all, all, all, all, stacks));
+            1, "bench", SESSION_SECONDS, all, all, all, all, all, all, stacks));
     startMutexLockSummarySession(1);
-  }
-
-  private long sessionSeconds() {
-    return 600;
   }
 
   private void enterMeasuredPhase() throws InterruptedException {
@@ -441,21 +353,5 @@ public final class LockBench {
     if (result != 1) {
       throw new IllegalStateException(call + " gave " + result);
     }
-  }
-
-  private void stopWorkers() throws InterruptedException {
-    for (Worker worker : workers) {
-      worker.endLoad();
-    }
-    for (Worker worker : workers) {
-      worker.wake();
-    }
-    for (Worker worker : workers) {
-      worker.join();
-    }
-  }
-
-  private static long millis(double seconds) {
-    return Math.round(seconds * 1000);
   }
 }

@@ -1,0 +1,186 @@
+"""What the exception profiler costs a program that throws."""
+
+import dataclasses
+
+from . import build, tables
+from .build import BenchError
+from .jvm import Jvm, measure_in_turns
+
+NAME = "exceptions"
+
+
+@dataclasses.dataclass(frozen=True)
+class Workload:
+    depth: int
+    threads: int
+
+    @property
+    def name(self):
+        return f"{self.depth}-frames-{self.threads}-threads"
+
+    @property
+    def title(self):
+        threads = "1 thread" if self.threads == 1 else f"{self.threads} threads"
+        return f"{threads} throwing through {self.depth} compiled frames"
+
+    least_jdk = 0
+
+
+@dataclasses.dataclass(frozen=True)
+class Subject:
+    """One of the JVMs compared: which agent it has and what that is told to record."""
+
+    name: str
+    title: str
+    agent: str = ""  # a reference agent, or "library"
+    capture: str = "none"
+    records: bool = False  # each exception
+
+
+WORKLOADS = tuple(Workload(depth, threads) for threads in (1, 8) for depth in (10, 40))
+_MAIN_WORKLOADS = tuple(each for each in WORKLOADS if each.depth == 10 or each.threads == 1)
+
+NONE, EMPTY, FLOOR, LITERAL, LIBRARY = "none", "empty", "floor", "literal", "library"
+SUBJECTS = (
+    Subject(NONE, "no agent"),
+    Subject("recorder", "flight recorder"),
+    Subject(EMPTY, "empty handler", "emptyExceptionAgent"),
+    Subject("off", "library, capture off", "library"),
+    Subject("spent", "library, rate spent", "library", "spent"),
+    Subject("filtered", "library, thrower filtered", "library", "filtered"),
+    Subject(FLOOR, "recorded: floor agent", "floorExceptionAgent", records=True),
+    Subject(LITERAL, "recorded: literal agent", "literalExceptionAgent", records=True),
+    Subject(LIBRARY, "recorded: library", "library", "all", records=True),
+)
+
+LEGEND = """
+Exceptions: throws a second, with those of no agent and of the empty handler as 1 (median of the
+turns, ± half of what their middle half covers); for those that record each exception, with as many
+frames as are thrown through, the time of a record with that of the floor agent as 1, the records
+with those of the literal agent as 1, and global safepoints and the time in them for each record.
+"""
+
+
+def _records_ratio(above, below):
+    return lambda rounds: tables.ratio(rounds, above, below, _records)
+
+
+def _records(measured):
+    return measured["records"] / (measured["to"] - measured["from"]) * 1e9
+
+
+def _not_recorded(rounds):
+    """The slower of the two ways not to record an exception while capture is on."""
+    ratios = [tables.ratio(rounds, name, EMPTY) for name in ("spent", "filtered")]
+    return None if None in ratios else min(ratios, key=lambda each: each.median)
+
+
+_GOALS = (
+    tables.Goal(
+        "rate spent or thrower filtered: at least 0.9 of the empty handler's throws",
+        _not_recorded,
+        {workload.name: 0.9 for workload in WORKLOADS},
+    ),
+    tables.Goal(
+        "recorded: within 1.15 of the floor agent's time",
+        _records_ratio(FLOOR, LIBRARY),
+        {workload.name: 1.15 for workload in WORKLOADS},
+        is_upper_limit=True,
+    ),
+    tables.Goal(
+        "recorded by 8 threads: at least 1.3 times the literal agent's records",
+        _records_ratio(LIBRARY, LITERAL),
+        {workload.name: 1.3 for workload in WORKLOADS if workload.threads == 8},
+    ),
+)
+
+
+def workloads(scope):
+    """The workloads measured by default, with --quick and with --full."""
+    return {"quick": WORKLOADS[:1], "default": _MAIN_WORKLOADS, "full": WORKLOADS}[scope]
+
+
+def subjects(scope):
+    return [each for each in SUBJECTS if scope != "quick" or each.name not in ("recorder", "off")]
+
+
+def measure(jdk, workload, compared, library, plan):
+    """Gives one round: for each subject's name, its measurements in the order of the turns."""
+    by_name = {subject.name: subject for subject in compared}
+
+    def start(name):
+        folder = build.OUT / "sessions" / f"jdk-{jdk.version}" / workload.name / name
+        arguments = _java_arguments(workload, by_name[name], library, plan, folder)
+        return Jvm(jdk.program("java"), arguments, folder)
+
+    measured = measure_in_turns(list(by_name), start, plan)
+    for subject in compared:
+        _require_records(workload, subject, measured[subject.name])
+    return measured
+
+
+def _java_arguments(workload, subject, library, plan, folder):
+    options = []
+    if subject.agent == "library":
+        features = "features=exceptionprofiling"
+        options = [f"-agentpath:{library}=twHome={folder},logLevel=1,{features}"]
+    elif subject.name == "recorder":
+        options = build.recorder_options()
+    elif subject.agent:
+        options = [f"-agentpath:{build.agent_path(subject.agent)}=frames={workload.depth}"]
+    return [
+        *("-Xms128m", "-Xmx128m", "-cp", build.CLASSES),
+        *("-XX:CompileCommand=quiet", "-XX:CompileCommand=dontinline,ThrowBench*::buy"),
+        *options,
+        *("ThrowBench", f"--depth={workload.depth}", f"--threads={workload.threads}"),
+        *(f"--capture={subject.capture}", f"--warmup={plan.warmup}"),
+    ]
+
+
+def _require_records(workload, subject, measurements):
+    """Each exception is to be recorded or none; some are under way when a measurement begins."""
+    for each in measurements:
+        expected = each["operations"] if subject.records else 0
+        if abs(each["records"] - expected) > workload.threads:
+            raise BenchError(
+                f"{subject.title}: {each['records']} records of {each['operations']} exceptions"
+            )
+
+
+def report(results):
+    """Prints a table for each workload and JDK, and the goals.
+
+    `results` has (JDK, workload) and the rounds measured.
+    """
+    print(LEGEND)
+    headings = ("", "Throws/s", "No agent 1", "Empty 1", "Time, floor 1", "Records, literal 1",
+                "Safepoints", "ms in them")
+    for (jdk, workload), rounds in results.items():
+        print(f"JDK {jdk.major}, {workload.title}")
+        tables.print_table(headings, [_row(subject, rounds) for subject in SUBJECTS
+                                      if any(subject.name in each for each in rounds)])
+        print()
+    labelled = [
+        (f"JDK {jdk.major} {workload.name}", workload.name, rounds)
+        for (jdk, workload), rounds in results.items()
+    ]
+    tables.print_goals(_GOALS, labelled)
+
+
+def _row(subject, rounds):
+    name = subject.name
+    row = [
+        subject.title,
+        tables.spread(rounds, name).median,
+        tables.ratio(rounds, name, NONE),
+        tables.ratio(rounds, name, EMPTY),
+    ]
+    if not subject.records:
+        return row + [None] * 4
+    records = tables.total(rounds, name, lambda each: each["records"])
+    return row + [
+        _records_ratio(FLOOR, name)(rounds),
+        _records_ratio(name, LITERAL)(rounds),
+        tables.total(rounds, name, lambda each: each["safepoints"]) / records,
+        tables.total(rounds, name, lambda each: each["safepointNanos"]) / records / 1e6,
+    ]

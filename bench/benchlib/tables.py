@@ -1,0 +1,147 @@
+"""Ratios of measurements, their tables, and the goals they are held against.
+
+The measurements of a workload are its rounds: for each round, a list of measurements for each of the
+JVMs compared, one for each turn.
+"""
+
+import dataclasses
+import math
+import statistics
+
+BUCKETS_OF_DOUBLING = 32  # as programs/Histogram.java counts
+
+
+@dataclasses.dataclass(frozen=True)
+class Spread:
+    """The middle of several values, and the quarters below and above it."""
+
+    median: float
+    low: float
+    high: float
+
+    @staticmethod
+    def of(values):
+        """None without values."""
+        if not values:
+            return None
+        if len(values) == 1:
+            return Spread(values[0], values[0], values[0])
+        low, median, high = statistics.quantiles(values, n=4, method="inclusive")
+        return Spread(median, low, high)
+
+    def __str__(self):
+        if not math.isfinite(self.high) or self.median == 0 or self.high == self.low:
+            return significant(self.median)
+        half = 100 * (self.high - self.low) / 2 / self.median
+        return f"{significant(self.median)} ±{half:.0f}%"
+
+
+def rate(measured):
+    return measured["operationsPerSecond"]
+
+
+def ratio(rounds, above, below, of=rate):
+    """The ratio of two JVMs of one turn, over all turns; None when one was not measured."""
+    pairs = [
+        (of(one), of(other))
+        for each in rounds
+        for one, other in zip(each.get(above, ()), each.get(below, ()))
+    ]
+    return Spread.of([one / other if other > 0 else math.inf for one, other in pairs])
+
+
+def spread(rounds, name, of=rate):
+    """A value of one JVM over all turns; None when it was not measured."""
+    return Spread.of([of(measured) for each in rounds for measured in each.get(name, ())])
+
+
+def total(rounds, name, of):
+    """The sum of a value of one JVM over all turns."""
+    return sum(of(measured) for each in rounds for measured in each.get(name, ()))
+
+
+def percentile(counts, share):
+    """The duration in nanoseconds that this share of those counted do not exceed; None for none."""
+    rank = share * sum(counts)
+    if rank == 0:
+        return None
+    below = 0
+    for index, count in enumerate(counts):
+        if count > 0 and below + count >= rank:
+            start, end = _bucket(index), _bucket(index + 1)
+            return start + (end - start) * (rank - below) / count
+        below += count
+    raise AssertionError("a rank beyond all counts")
+
+
+def _bucket(index):
+    """The smallest duration that a bucket counts."""
+    doubling, step = divmod(index, BUCKETS_OF_DOUBLING)
+    if doubling == 0:
+        return step
+    return (BUCKETS_OF_DOUBLING + step) << (doubling - 1)
+
+
+def significant(value):
+    """Two decimals, and as many more as a small value needs for two digits."""
+    if not math.isfinite(value) or value <= 0:
+        return f"{value:.2f}"
+    return f"{value:.{max(2, 1 - math.floor(math.log10(value)))}f}"
+
+
+def cell(value):
+    """The text of a table's cell; "-" for what was not measured."""
+    if value is None:
+        return "-"
+    if isinstance(value, float):
+        return f"{value:,.0f}" if abs(value) >= 100 else f"{value:.3g}"
+    return f"{value:,}" if isinstance(value, int) else str(value)
+
+
+def print_table(headings, rows):
+    """Prints rows of cells below their headings; the first column to the left, all others right."""
+    rows = [[cell(value) for value in row] for row in rows]
+    widths = [max(map(len, column)) for column in zip(headings, *rows)]
+    for row in (headings, *rows):
+        cells = [row[0].ljust(widths[0])]
+        cells += [text.rjust(width) for text, width in zip(row[1:], widths[1:])]
+        print("  ".join(cells).rstrip())
+
+
+@dataclasses.dataclass(frozen=True)
+class Goal:
+    """What is to be reached: a text, the value of a workload's rounds, and a limit for each.
+
+    `value(rounds)` is a Spread or a number, None when it was not measured. `limits` has the names
+    of the workloads that the goal is set for.
+    """
+
+    text: str
+    value: object
+    limits: dict
+    is_upper_limit: bool = False
+
+    def verdict(self, results):
+        """`results` has (label, workload name, rounds); gives one line."""
+        reached, missed = [], []
+        for label, name, rounds in results:
+            value = self.value(rounds) if name in self.limits else None
+            if value is None:
+                continue
+            value = value.median if isinstance(value, Spread) else value
+            limit = self.limits[name]
+            good = value <= limit if self.is_upper_limit else value >= limit
+            (reached if good else missed).append(f"{label} ({significant(value)})")
+        if not reached and not missed:
+            return f"{self.text}: not measured"
+        if not missed:
+            return f"{self.text}: reached"
+        return f"{self.text}: {f'reached in {len(reached)}, ' if reached else ''}missed in " + (
+            ", ".join(missed)
+        )
+
+
+def print_goals(goals, results):
+    print("\nGoals")
+    for goal in goals:
+        print(f"  {goal.verdict(results)}")

@@ -1,0 +1,163 @@
+import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
+import java.io.File;
+import java.lang.management.GarbageCollectorMXBean;
+import java.lang.management.ManagementFactory;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.Date;
+import java.util.List;
+import java.util.Locale;
+import java.util.concurrent.atomic.AtomicBoolean;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.AtomicLong;
+import java.util.concurrent.atomic.AtomicReference;
+import java.util.function.Supplier;
+
+/**
+ * Tags objects with both agents, then lets both scan, and both tag, in turn. The two have tags of
+ * their own and see the same heap at the same time, so that their times compare.
+ *
+ * <p>Run with a collector that stops the world for all of a collection (Serial, Parallel), for one
+ * collection is one generation then. Prints one line of JSON for each scan and each round of
+ * tagging.
+ */
+public final class MemoryBench {
+  private static final int TAGS = 100_000;
+
+  private static final List<Supplier<Object>> MAKERS = Arrays.asList(AtomicBoolean::new,
+      AtomicInteger::new, AtomicLong::new, AtomicReference::new, ArrayList::new, Date::new,
+      Object::new, StringBuilder::new);
+
+  private static Object sink;
+
+  private MemoryBench() {}
+
+  /** Arguments: objects, generations, rounds of scans, rounds of tagging, report. */
+  public static void main(String[] args) {
+    int objects = Integer.parseInt(args[0]);
+    int generations = Integer.parseInt(args[1]);
+    Object[] kept = new Object[objects];
+    for (int i = 0; i < objects; i++) {
+      kept[i] = MAKERS.get(i % MAKERS.size()).get();
+    }
+    start();
+    awaitNextGeneration();
+    tagByGeneration(kept, generations);
+    for (int round = 0; round < Integer.parseInt(args[2]); round++) {
+      scan(round, objects, generations, args[4]);
+    }
+    start();
+    awaitNextGeneration();
+    for (int round = 0; round < Integer.parseInt(args[3]); round++) {
+      tag(round, kept);
+    }
+  }
+
+  private static void start() {
+    if (TWNativeAgentProfiling.startMemoryLeaksProfileSession(
+            true, 60, 1, "bench", -1, "", "", "", "")
+        != 1) {
+      throw new IllegalStateException("no memory session");
+    }
+  }
+
+  private static long collections() {
+    long count = 0;
+    for (GarbageCollectorMXBean each : ManagementFactory.getGarbageCollectorMXBeans()) {
+      count += each.getCollectionCount();
+    }
+    return count;
+  }
+
+  // A young collection is a generation like any other, and short.
+  private static void awaitNextGeneration() {
+    long before = collections();
+    while (collections() == before) {
+      sink = new byte[64 * 1024];
+    }
+  }
+
+  private static void tagByGeneration(Object[] kept, int generations) {
+    for (int generation = 1; generation <= generations; generation++) {
+      int from = (int) ((long) kept.length * (generation - 1) / generations);
+      int to = (int) ((long) kept.length * generation / generations);
+      long before = collections();
+      for (int i = from; i < to; i++) {
+        // The place of an object in a table of tags depends on who tags it first.
+        if (i % 4 < 2) {
+          TWNativeAgentProfiling.setObjectTag(kept[i]);
+          LiteralMemory.setTag(kept[i], generation);
+        } else {
+          LiteralMemory.setTag(kept[i], generation);
+          TWNativeAgentProfiling.setObjectTag(kept[i]);
+        }
+      }
+      if (collections() != before) {
+        throw new IllegalStateException("a collection while a generation was tagged");
+      }
+      awaitNextGeneration();
+    }
+  }
+
+  private static void scan(int round, int objects, int generations, String report) {
+    long library = 0;
+    long literal = 0;
+    long[] parts = null;
+    for (int turn = 0; turn < 2; turn++) {
+      long start = LiteralMemory.processorNanos();
+      if ((turn + round) % 2 == 0) {
+        parts = LiteralMemory.scan(generations);
+        literal = LiteralMemory.processorNanos() - start;
+      } else {
+        int result = TWNativeAgentProfiling.stopMemoryLeaksProfileSession(1, report);
+        library = LiteralMemory.processorNanos() - start;
+        if (result != 1 || new File(report).length() == 0) {
+          throw new IllegalStateException("no report");
+        }
+      }
+    }
+    if (parts[3] != objects) {
+      throw new IllegalStateException(parts[3] + " objects instead of " + objects);
+    }
+    System.out.printf(Locale.ROOT,
+        "{\"kind\": \"scan\", \"library\": %d, \"literal\": %d, \"walk\": %d, \"queries\": %d, "
+            + "\"objects\": %d, \"longestQuery\": %d}%n",
+        library, literal, parts[0], parts[1], parts[2], parts[4]);
+  }
+
+  // All objects carry a tag already, as objects do that are followed.
+  private static void tag(int round, Object[] kept) {
+    int count = Math.min(kept.length, TAGS);
+    int passes = TAGS / count;
+    int step = kept.length / count;
+    List<Runnable> subjects = new ArrayList<>();
+    subjects.add(() -> {
+      for (int i = 0; i < count; i++) {
+        LiteralMemory.setTag(kept[i * step], 1);
+      }
+    });
+    subjects.add(() -> {
+      for (int i = 0; i < count; i++) {
+        LiteralMemory.replaceTag(kept[i * step], 1);
+      }
+    });
+    subjects.add(() -> {
+      for (int i = 0; i < count; i++) {
+        TWNativeAgentProfiling.setObjectTag(kept[i * step]);
+      }
+    });
+    long[] nanos = new long[subjects.size()];
+    for (int turn = 0; turn < nanos.length; turn++) {
+      int subject = (turn + round) % nanos.length;
+      subjects.get(subject).run(); // Two of them share their tags in the caches, one does not.
+      long start = LiteralMemory.processorNanos();
+      for (int pass = 0; pass < passes; pass++) {
+        subjects.get(subject).run();
+      }
+      nanos[subject] = LiteralMemory.processorNanos() - start;
+    }
+    System.out.printf(Locale.ROOT,
+        "{\"kind\": \"tag\", \"count\": %d, \"set\": %d, \"replace\": %d, \"library\": %d}%n",
+        passes * count, nanos[0], nanos[1], nanos[2]);
+  }
+}
