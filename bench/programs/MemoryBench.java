@@ -18,8 +18,9 @@ import java.util.function.Supplier;
  * their own and see the same heap at the same time, so that their times compare.
  *
  * <p>Run with a collector that stops the world for all of a collection (Serial, Parallel), for one
- * collection is one generation then. Prints one line of JSON for each scan and each round of
- * tagging.
+ * collection is one generation then. Prints one line of JSON for each pair of scans and each round
+ * of tagging: processor time in nanoseconds, and when a scan began and ended by the clock of {@code
+ * System.nanoTime}.
  */
 public final class MemoryBench {
   private static final int TAGS = 100_000;
@@ -32,10 +33,15 @@ public final class MemoryBench {
 
   private MemoryBench() {}
 
-  /** Arguments: objects, generations, rounds of scans, rounds of tagging, report. */
+  /** Options: objects, generations, scans (rounds of them), tags (rounds of tagging), report. */
   public static void main(String[] args) {
-    int objects = Integer.parseInt(args[0]);
-    int generations = Integer.parseInt(args[1]);
+    Options options = new Options(args);
+    int objects = options.integer("objects", 10_000);
+    int generations = options.integer("generations", 5);
+    int scans = options.integer("scans", 4);
+    int tags = options.integer("tags", 8);
+    String report = options.text("report", "memory-report.json");
+    options.rejectOthers();
     Object[] kept = new Object[objects];
     for (int i = 0; i < objects; i++) {
       kept[i] = MAKERS.get(i % MAKERS.size()).get();
@@ -43,12 +49,12 @@ public final class MemoryBench {
     start();
     awaitNextGeneration();
     tagByGeneration(kept, generations);
-    for (int round = 0; round < Integer.parseInt(args[2]); round++) {
-      scan(round, objects, generations, args[4]);
+    for (int round = 0; round < scans; round++) {
+      scan(round, objects, generations, report);
     }
     start();
     awaitNextGeneration();
-    for (int round = 0; round < Integer.parseInt(args[3]); round++) {
+    for (int round = 0; round < tags; round++) {
       tag(round, kept);
     }
   }
@@ -99,18 +105,38 @@ public final class MemoryBench {
     }
   }
 
+  /** The processor time of one scan, and when it was. */
+  private static final class Scan {
+    final long from = System.nanoTime();
+    private final long processorBefore = LiteralMemory.processorNanos();
+    private long processor;
+    private long to;
+
+    void end() {
+      processor = LiteralMemory.processorNanos() - processorBefore;
+      to = System.nanoTime();
+    }
+
+    @Override
+    public String toString() {
+      return String.format(
+          Locale.ROOT, "{\"processor\": %d, \"from\": %d, \"to\": %d}", processor, from, to);
+    }
+  }
+
   private static void scan(int round, int objects, int generations, String report) {
-    long library = 0;
-    long literal = 0;
+    Scan library = null;
+    Scan literal = null;
     long[] parts = null;
     for (int turn = 0; turn < 2; turn++) {
-      long start = LiteralMemory.processorNanos();
       if ((turn + round) % 2 == 0) {
+        literal = new Scan();
         parts = LiteralMemory.scan(generations);
-        literal = LiteralMemory.processorNanos() - start;
+        literal.end();
       } else {
+        library = new Scan();
         int result = TWNativeAgentProfiling.stopMemoryLeaksProfileSession(1, report);
-        library = LiteralMemory.processorNanos() - start;
+        library.end();
         if (result != 1 || new File(report).length() == 0) {
           throw new IllegalStateException("no report");
         }
@@ -119,9 +145,10 @@ public final class MemoryBench {
     if (parts[3] != objects) {
       throw new IllegalStateException(parts[3] + " objects instead of " + objects);
     }
-    System.out.printf(Locale.ROOT,
-        "{\"kind\": \"scan\", \"library\": %d, \"literal\": %d, \"walk\": %d, \"queries\": %d, "
-            + "\"objects\": %d, \"longestQuery\": %d}%n",
+    System.out.printf(
+        Locale.ROOT,
+        "{\"kind\": \"scan\", \"library\": %s, \"literal\": %s, \"walk\": %d, \"queries\": %d,"
+            + " \"objects\": %d, \"longestQuery\": %d}%n",
         library, literal, parts[0], parts[1], parts[2], parts[4]);
   }
 

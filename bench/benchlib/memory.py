@@ -1,0 +1,176 @@
+"""What tagging objects and scanning the heap for them costs.
+
+The library and the literal agent are both loaded into one JVM, have tagged the same objects and take
+turns there: they see the same heap at nearly the same time.
+"""
+
+import dataclasses
+import json
+import subprocess
+
+from . import build, safepoints, tables
+from .build import BenchError
+
+NAME = "memory"
+_HANGS_AFTER_SECONDS = 1800
+
+
+@dataclasses.dataclass(frozen=True)
+class Workload:
+    objects: int
+    generations: int
+    least_jdk = 0
+
+    @property
+    def name(self):
+        return f"{self.objects}-in-{self.generations}"
+
+    @property
+    def title(self):
+        return f"{self.objects:,} tagged objects in {self.generations} generations"
+
+
+WORKLOADS = tuple(
+    Workload(objects, generations)
+    for objects in (10_000, 100_000, 1_000_000)
+    for generations in (5, 100, 1000)
+)
+SUBJECTS = ()  # Always both.
+
+LEGEND = """
+Memory: processor time of a scan by the literal agent, and the library's with that as 1 (median of
+the scans, ± half of what their middle half covers); the part of the literal agent's time that the
+VM's heap walk and queries alone take, which no scan with one query for each generation can save;
+the longest safepoint of a scan, and the longest query, during which the VM reaches no other one;
+processor time of GetTag and SetTag for one object, and setObjectTag and SetTag with that as 1.
+"""
+
+
+def _value(kind, value):
+    """A value for all lines of a kind: a Spread, or None for none."""
+    return lambda rounds: tables.Spread.of(
+        [value(line) for lines in rounds for line in lines if line["kind"] == kind]
+    )
+
+
+_SCAN = _value("scan", lambda line: line["library"]["processor"] / line["literal"]["processor"])
+_VM_SHARE = _value(
+    "scan", lambda line: (line["walk"] + line["queries"]) / line["literal"]["processor"]
+)
+_TAG = _value("tag", lambda line: line["library"] / line["replace"])
+
+_GOALS = (
+    tables.Goal(
+        "scan: never slower than the literal agent",
+        _SCAN,
+        {workload.name: 1.0 for workload in WORKLOADS},
+        is_upper_limit=True,
+    ),
+    tables.Goal(
+        "scan: half the literal agent's time for 1,000,000 objects in 5 generations",
+        _SCAN,
+        {Workload(1_000_000, 5).name: 0.5},
+        is_upper_limit=True,
+    ),
+    tables.Goal(
+        "setObjectTag: within 1.1 of GetTag and SetTag",
+        _TAG,
+        {workload.name: 1.1 for workload in WORKLOADS},
+        is_upper_limit=True,
+    ),
+)
+
+
+def workloads(scope):
+    """The workloads measured by default, with --quick and with --full."""
+    if scope == "quick":
+        return WORKLOADS[:1]
+    if scope == "full":
+        return WORKLOADS
+    return [each for each in WORKLOADS if each.objects < 1_000_000 and each.generations < 1000]
+
+
+def subjects(_):
+    return []
+
+
+def measure(jdk, workload, _, library, plan):
+    """Gives one round: the lines of MemoryBench, those of scans with their longest pauses."""
+    folder = build.OUT / "sessions" / f"jdk-{jdk.version}" / f"memory-{workload.name}"
+    (folder / "logs").mkdir(parents=True, exist_ok=True)
+    safepoint_log = folder / "safepoints.log"
+    safepoint_log.unlink(missing_ok=True)
+    agent = f"-agentpath:{library}=twHome={folder},logLevel=1,features=memoryprofiling"
+    command = [
+        jdk.program("java"),
+        safepoints.option(safepoint_log),
+        *("-XX:+UseSerialGC", "-Xms512m", "-Xmx512m", "-Xmn32m", "-cp", build.CLASSES),
+        *(agent, f"-agentpath:{build.agent_path('literalMemoryAgent')}"),
+        *("MemoryBench", f"--objects={workload.objects}", f"--generations={workload.generations}"),
+        *(f"--scans={2 * plan.turns}", f"--tags={5 * plan.turns}", f"--report={folder}/report.json"),
+    ]
+    lines = [json.loads(line) for line in _run(command, folder) if line.startswith("{")]
+    log = safepoints.SafepointLog(safepoint_log)
+    scans = [line for line in lines if line["kind"] == "scan"]
+    for scan in sorted((each[name] for each in scans for name in ("library", "literal")),
+                       key=lambda each: each["from"]):
+        pauses = log.between(scan["from"], scan["to"])
+        scan["longestPause"] = max((each.nanos for each in pauses), default=0)
+    return lines
+
+
+def _run(command, folder):
+    """Gives the lines that the program prints."""
+    log = folder / "jvm.log"
+    with open(log, "w") as errors:
+        try:
+            done = subprocess.run(
+                command,
+                cwd=folder,
+                stdout=subprocess.PIPE,
+                stderr=errors,
+                text=True,
+                timeout=_HANGS_AFTER_SECONDS,
+            )
+        except subprocess.TimeoutExpired as error:
+            raise BenchError(f"a measured JVM hung; its output: {log}") from error
+    if done.returncode != 0:
+        raise BenchError(f"a measured JVM ended with status {done.returncode}; its output: {log}")
+    return done.stdout.splitlines()
+
+
+def report(results):
+    """Prints a table for all workloads and JDKs, and the goals.
+
+    `results` has (JDK, workload) and the rounds measured.
+    """
+    print(LEGEND)
+    headings = ("", "Literal ms", "Library", "VM alone", "Pause ms, literal", "library", "Query ms",
+                "Tagging ns", "Library", "SetTag")
+    rows = [
+        [f"JDK {jdk.major}, {workload.title}", *_cells(rounds)]
+        for (jdk, workload), rounds in results.items()
+    ]
+    tables.print_table(headings, rows)
+    labelled = [
+        (f"JDK {jdk.major} {workload.name}", workload.name, rounds)
+        for (jdk, workload), rounds in results.items()
+    ]
+    tables.print_goals(_GOALS, labelled)
+
+
+def _cells(rounds):
+    def median(kind, value):
+        return _value(kind, value)(rounds).median
+
+    return [
+        median("scan", lambda line: line["literal"]["processor"] / 1e6),
+        _SCAN(rounds),
+        _VM_SHARE(rounds),
+        median("scan", lambda line: line["literal"]["longestPause"] / 1e6),
+        median("scan", lambda line: line["library"]["longestPause"] / 1e6),
+        median("scan", lambda line: line["longestQuery"] / 1e6),
+        median("tag", lambda line: line["replace"] / line["count"]),
+        _TAG(rounds),
+        _value("tag", lambda line: line["set"] / line["replace"])(rounds),
+    ]
