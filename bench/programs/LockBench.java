@@ -12,6 +12,7 @@ import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.util.LinkedHashMap;
 import java.util.Map;
+import java.util.concurrent.locks.LockSupport;
 
 /**
  * A number of threads that contend for monitors; measured as {@link Load} describes. {@link
@@ -103,6 +104,15 @@ public final class LockBench extends Load {
       folder = Paths.get(options.text("folder", "."));
       options.rejectOthers();
     }
+
+    /** Lets another thread have the processor. */
+    void giveWay() {
+      if (virtual) {
+        LockSupport.parkNanos(1); // Virtual threads that yield only to each other starve the rest.
+      } else {
+        Thread.yield();
+      }
+    }
   }
 
   /** A shared monitor, and how often it has been entered. */
@@ -142,7 +152,7 @@ public final class LockBench extends Load {
       int entry = enter(monitor, settings.depth);
       sink = work(sink, settings.outside);
       while (settings.turns && monitor.entries == entry && !isStopped()) {
-        Thread.yield();
+        settings.giveWay();
       }
     }
 
@@ -156,7 +166,7 @@ public final class LockBench extends Load {
         gets.add(System.nanoTime() - asked);
         sink = work(sink, settings.inside);
         for (int i = 0; i < settings.yields; i++) {
-          Thread.yield();
+          settings.giveWay();
         }
         return ++monitor.entries;
       }
