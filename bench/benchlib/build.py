@@ -9,6 +9,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = ROOT / "build" / "bench"
 OUT = ROOT / "out" / "bench"
 CLASSES = BUILD / "references" / "classes"
+RECORDER_SETTINGS = ROOT / "bench" / "programs" / "recorder.jfc"
 
 _PACKAGES = ("cmake", "g++", "make", "pkg-config", "libapr1-dev")
 
@@ -37,9 +38,8 @@ def agent_path(name):
 
 def recorder_options():
     """The JVM options that start the flight recorder; it writes into the current folder."""
-    settings = ROOT / "bench" / "programs" / "recorder.jfc"
     return [
-        f"-XX:StartFlightRecording:settings={settings},filename=recording.jfr",
+        f"-XX:StartFlightRecording:settings={RECORDER_SETTINGS},filename=recording.jfr",
         "-XX:FlightRecorderOptions:stackdepth=100,repository=recorder",
     ]
 

@@ -157,8 +157,8 @@ def report(results):
                 "Safepoints", "ms in them")
     for (jdk, workload), rounds in results.items():
         print(f"JDK {jdk.major}, {workload.title}")
-        tables.print_table(headings, [_row(subject, rounds) for subject in SUBJECTS
-                                      if any(subject.name in each for each in rounds)])
+        measured = [each for each in SUBJECTS if each.name in rounds[0]]
+        tables.print_table(headings, [_row(subject, rounds) for subject in measured])
         print()
     labelled = [
         (f"JDK {jdk.major} {workload.name}", workload.name, rounds)

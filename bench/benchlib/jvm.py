@@ -16,6 +16,7 @@ from .build import BenchError
 
 SETTLE_SECONDS = 0.03  # From the moment a JVM goes on to the start of its measurement.
 ANSWER_SECONDS = 120  # After which a JVM that gives no answer counts as hung.
+END_SECONDS = 1800  # After which a program that is to end by itself does.
 
 
 @dataclasses.dataclass(frozen=True)
@@ -139,3 +140,23 @@ def measure_in_turns(names, start, plan):
         for jvm in jvms.values():
             jvm.kill()
     return measured
+
+
+def run_to_end(command, folder):
+    """Runs a program that ends by itself in a folder; gives what it prints."""
+    log = folder / "jvm.log"
+    with open(log, "w") as errors:
+        try:
+            done = subprocess.run(
+                command,
+                cwd=folder,
+                stdout=subprocess.PIPE,
+                stderr=errors,
+                text=True,
+                timeout=END_SECONDS,
+            )
+        except subprocess.TimeoutExpired as error:
+            raise BenchError(f"{command[0]} hung; its errors: {log}") from error
+    if done.returncode != 0:
+        raise BenchError(f"{command[0]} ended with status {done.returncode}; its errors: {log}")
+    return done.stdout

@@ -213,8 +213,8 @@ def report(results):
     for (jdk, workload), rounds in results.items():
         print(f"JDK {jdk.major}, {workload.title}{_baseline(rounds)}")
         headings = ("", "Throughput", "p50 µs", "p99 µs", "p99.9 µs", "p99", "Safepoints/s", "Share")
-        tables.print_table(headings, [_row(subject, rounds) for subject in SUBJECTS
-                                      if any(subject.name in each for each in rounds)])
+        measured = [each for each in SUBJECTS if each.name in rounds[0]]
+        tables.print_table(headings, [_row(subject, rounds) for subject in measured])
         print()
     labelled = [
         (f"JDK {jdk.major} {workload.name}", workload.name, rounds)

@@ -6,13 +6,11 @@ turns there: they see the same heap at nearly the same time.
 
 import dataclasses
 import json
-import subprocess
 
 from . import build, safepoints, tables
-from .build import BenchError
+from .jvm import run_to_end
 
 NAME = "memory"
-_HANGS_AFTER_SECONDS = 1800
 
 
 @dataclasses.dataclass(frozen=True)
@@ -109,7 +107,8 @@ def measure(jdk, workload, _, library, plan):
         *("MemoryBench", f"--objects={workload.objects}", f"--generations={workload.generations}"),
         *(f"--scans={2 * plan.turns}", f"--tags={5 * plan.turns}", f"--report={folder}/report.json"),
     ]
-    lines = [json.loads(line) for line in _run(command, folder) if line.startswith("{")]
+    output = run_to_end(command, folder).splitlines()
+    lines = [json.loads(line) for line in output if line.startswith("{")]
     log = safepoints.SafepointLog(safepoint_log)
     scans = [line for line in lines if line["kind"] == "scan"]
     for scan in sorted((each[name] for each in scans for name in ("library", "literal")),
@@ -117,26 +116,6 @@ def measure(jdk, workload, _, library, plan):
         pauses = log.between(scan["from"], scan["to"])
         scan["longestPause"] = max((each.nanos for each in pauses), default=0)
     return lines
-
-
-def _run(command, folder):
-    """Gives the lines that the program prints."""
-    log = folder / "jvm.log"
-    with open(log, "w") as errors:
-        try:
-            done = subprocess.run(
-                command,
-                cwd=folder,
-                stdout=subprocess.PIPE,
-                stderr=errors,
-                text=True,
-                timeout=_HANGS_AFTER_SECONDS,
-            )
-        except subprocess.TimeoutExpired as error:
-            raise BenchError(f"a measured JVM hung; its output: {log}") from error
-    if done.returncode != 0:
-        raise BenchError(f"a measured JVM ended with status {done.returncode}; its output: {log}")
-    return done.stdout.splitlines()
 
 
 def report(results):

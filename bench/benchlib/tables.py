@@ -98,13 +98,15 @@ def cell(value):
     return f"{value:,}" if isinstance(value, int) else str(value)
 
 
-def print_table(headings, rows):
-    """Prints rows of cells below their headings; the first column to the left, all others right."""
+def print_table(headings, rows, left_columns=1):
+    """Prints rows of cells below their headings; all but the first columns to the right."""
     rows = [[cell(value) for value in row] for row in rows]
     widths = [max(map(len, column)) for column in zip(headings, *rows)]
     for row in (headings, *rows):
-        cells = [row[0].ljust(widths[0])]
-        cells += [text.rjust(width) for text, width in zip(row[1:], widths[1:])]
+        cells = [
+            text.ljust(width) if i < left_columns else text.rjust(width)
+            for i, (text, width) in enumerate(zip(row, widths))
+        ]
         print("  ".join(cells).rstrip())
 
 
