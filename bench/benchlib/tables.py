@@ -133,7 +133,7 @@ class Goal:
             value = value.median if isinstance(value, Spread) else value
             limit = self.limits[name]
             good = value <= limit if self.is_upper_limit else value >= limit
-            (reached if good else missed).append(f"{label} ({significant(value)})")
+            (reached if good else missed).append(f"{label} ({value:.3f})")
         if not reached and not missed:
             return f"{self.text}: not measured"
         if not missed:

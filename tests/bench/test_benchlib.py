@@ -66,7 +66,7 @@ def test_ratio_compares_within_a_turn():
 
 @pytest.mark.parametrize(
     "is_upper_limit, verdict",
-    [(False, "goal: missed in JDK 17 a (0.50)"), (True, "goal: reached")],
+    [(False, "goal: missed in JDK 17 a (0.500)"), (True, "goal: reached")],
 )
 def test_goal(is_upper_limit, verdict):
     goal = tables.Goal("goal", lambda rounds: rounds, {"a": 0.9}, is_upper_limit)
