@@ -54,15 +54,21 @@ SUBJECTS = (
 )
 
 LEGEND = """
-Exceptions: throws a second, with those of no agent and of the empty handler as 1 (median of the
-turns, ± half of what their middle half covers); for those that record each exception, with as many
-frames as are thrown through, the time of a record with that of the floor agent as 1, the records
-with those of the literal agent as 1, and global safepoints and the time in them for each record.
+Exceptions: throws a second; throws for each second of processor time, with those of no agent and of
+the empty handler as 1 (median of the turns, ± half of what their middle half covers); for those that
+record each exception, with as many frames as are thrown through, the time of a record with that of
+the floor agent as 1, the records with those of the literal agent as 1, and global safepoints and the
+time in them for each record.
 """
 
 
 def _records_ratio(above, below):
     return lambda rounds: tables.ratio(rounds, above, below, _records)
+
+
+def _throws(measured):
+    """Throws for each second of processor time: what a throw costs, however busy the machine is."""
+    return measured["operations"] / measured["processorNanos"] * 1e9
 
 
 def _records(measured):
@@ -71,7 +77,7 @@ def _records(measured):
 
 def _not_recorded(rounds):
     """The slower of the two ways not to record an exception while capture is on."""
-    ratios = [tables.ratio(rounds, name, EMPTY) for name in ("spent", "filtered")]
+    ratios = [tables.ratio(rounds, name, EMPTY, _throws) for name in ("spent", "filtered")]
     return None if None in ratios else min(ratios, key=lambda each: each.median)
 
 
@@ -175,8 +181,8 @@ def _row(subject, rounds):
     row = [
         subject.title,
         tables.spread(rounds, name).median,
-        tables.ratio(rounds, name, NONE),
-        tables.ratio(rounds, name, EMPTY),
+        tables.ratio(rounds, name, NONE, _throws),
+        tables.ratio(rounds, name, EMPTY, _throws),
     ]
     if not subject.records:
         return row + [None] * 4
