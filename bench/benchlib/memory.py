@@ -65,9 +65,9 @@ _TAG = _value("tag", lambda line: line["library"] / line["replace"])
 
 _GOALS = (
     tables.Goal(
-        "scan: never slower than the literal agent",
+        "scan: not slower than the literal agent by more than 0.05",
         _SCAN,
-        {workload.name: 1.0 for workload in WORKLOADS},
+        {workload.name: 1.05 for workload in WORKLOADS},
         is_upper_limit=True,
     ),
     tables.Goal(
