@@ -150,6 +150,7 @@ def workloads(scope):
 
 
 def subjects(scope):
+    """The JVMs compared by default, with --quick and with --full."""
     return [each for each in SUBJECTS if scope != "quick" or each.name in _QUICK_SUBJECTS]
 
 

@@ -40,8 +40,9 @@ public final class ThrowBench extends Load {
     final double warmup;
 
     /**
-     * What the agent is told. "none": nothing. "spent": to record one exception in a minute. "all":
-     * to record all. "filtered": the same, while the thrower is one that is never recorded.
+     * What the agent is told. "none": nothing. "spent": to record one exception in a minute.
+     * "blacklisted": to record none of this class. "all": to record all. "filtered": the same, while
+     * the thrower is one that is never recorded.
      */
     final String capture;
 
@@ -49,7 +50,7 @@ public final class ThrowBench extends Load {
       threads = options.integer("threads", 1);
       depth = options.integer("depth", 10);
       warmup = options.decimal("warmup", 0.5);
-      capture = options.oneOf("capture", "none", "spent", "all", "filtered");
+      capture = options.oneOf("capture", "none", "spent", "blacklisted", "all", "filtered");
       options.rejectOthers();
     }
   }
@@ -130,7 +131,7 @@ public final class ThrowBench extends Load {
     compileOperation();
     TWNativeAgentProfiling.setExceptionSink((record, exception) -> records.increment());
     if (!settings.capture.equals("none")) {
-      startCapture(settings.capture.equals("spent") ? 1 : 0);
+      startCapture();
     }
     start(false);
     Thread.sleep(millis(settings.warmup));
@@ -146,10 +147,12 @@ public final class ThrowBench extends Load {
     }
   }
 
-  private void startCapture(int rate) {
+  private void startCapture() {
+    int rate = settings.capture.equals("spent") ? 1 : 0;
+    String names = settings.capture.equals("blacklisted") ? Refused.class.getName() : "";
     int result =
         TWNativeAgentProfiling.enableCaptureVariableinException(
-            true, true, true, true, false, rate, settings.depth, "[]");
+            true, true, true, true, false, rate, settings.depth, "[" + names + "]");
     if (result != 1) {
       throw new IllegalStateException("enableCaptureVariableinException gave " + result);
     }
