@@ -28,10 +28,11 @@ class Workload:
         return f"{self.objects:,} tagged objects in {self.generations} generations"
 
     def scans(self, turns):
-        """More of short scans, since others on the machine disturb them more."""
-        usual = 4_000_000  # objects visited
+        """More of short scans, which others on the machine disturb more; few that take a minute."""
+        usual, long = 4_000_000, 100_000_000  # objects visited
         visits = self.objects * (self.generations + 10)
-        return min(max(turns, turns * usual // visits), 10 * turns)
+        least = turns if visits < long else 2
+        return min(max(least, turns * usual // visits), 10 * turns)
 
 
 WORKLOADS = tuple(
