@@ -462,3 +462,21 @@ def test_page_tells_screen_readers_what_is_what(browser, page):
         levels = browser.run("return [...document.querySelectorAll('h1,h2,h3,h4,h5,h6')]"
                              ".map(e => Number(e.tagName[1]))")
         assert all(b - a <= 1 for a, b in zip(levels, levels[1:])), (view, levels)
+
+
+def test_recursion_counts_once_and_unknown_stacks_count(page_of, browser, tmp_path):
+    session = reports.LockSession()
+    session.lock("a.B@1")
+    session.enter("a.B@1", "worker", ["a.B.down", "a.B.down", "a.B.down", "a.B.start"], 5)
+    session.enter("a.B@1", "worker", ["a.B.lost"], 3)
+    lost = next(value for value, text in session.stacks.items() if "lost" in text)
+    session.write(tmp_path)
+    stacks = tmp_path / "locks-1.stacks"
+    stacks.write_text("".join(line for line in stacks.read_text().splitlines(True)
+                              if not line.startswith(lost)))
+    browser.open(page_of(tmp_path), "flame")
+    assert flame_line(browser) == "All stacks: 8 entries"
+    rows = {row["Method"]: (row["Contended here"], row["In stacks of"])
+            for row in browser.table("Methods of the flame graph").rows()}
+    assert rows == {"a.B.down": ("5", "5"), "a.B.start": ("0", "5"),
+                    "(stack not in the stack file)": ("3", "3")}
