@@ -119,7 +119,7 @@ def _library_report(path):
 
 
 def _recording(jdk, name, path):
-    command = [jdk.program("jfr"), "print", "--json", "--stack-depth", "1"]
+    command = [jdk.program("jfr"), "print", "--json", "--stack-depth", "0"]
     command += ["--events", "jdk.JavaMonitorEnter", str(path)]
     events = json.loads(run_to_end(command, path.parent))["recording"]["events"]
     watched = [
