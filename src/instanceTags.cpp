@@ -1,5 +1,6 @@
 #include "instanceTags.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -50,7 +51,11 @@ class wantedClasses {
     marked_.reserve(static_cast<std::size_t>(count));
     for (jsize i = 0; i < count; ++i) {
       support::localRef<> cls(jni, jni->GetObjectArrayElement(classes, i));
-      if (cls) mark(std::move(cls));
+      if (cls) {
+        mark(std::move(cls));
+      } else {
+        jni->ExceptionClear();
+      }
     }
   }
   ~wantedClasses() { restore(0); }
@@ -92,10 +97,19 @@ class wantedClasses {
     jlong tag;  // its own
   };
 
+  bool isMarked(jobject cls) const {
+    return std::any_of(marked_.begin(), marked_.end(), [&](const marked& one) {
+      return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
+    });
+  }
+
   void mark(support::localRef<> cls) {
     jlong own = 0;
     jvmtiError error = jvmti_->GetTag(cls.get(), &own);
-    if (error == JVMTI_ERROR_NONE && own == kWanted) return;  // named twice
+    if (error == JVMTI_ERROR_NONE && own == kWanted) {
+      if (isMarked(cls.get())) return;  // named twice
+      own = 0;                          // an earlier mark that the VM did not let go of
+    }
     if (error == JVMTI_ERROR_NONE) error = jvmti_->SetTag(cls.get(), kWanted);
     if (error != JVMTI_ERROR_NONE) {
       logRefusal(jvmti_, "Marking a class", error);
@@ -114,7 +128,8 @@ class wantedClasses {
 std::int32_t tagInstances(jvmtiEnv* jvmti, JNIEnv* jni, jobjectArray classes,
                           std::uint32_t generation) {
   if (generation == 0) return 0;
-  static support::mutex oneWalk;  // two would take each other's marks for the classes' own tags
+  // Two walks would take each other's marks for the classes' own tags.
+  static support::mutex& oneWalk = *new support::mutex;
   const support::lockGuard guard(oneWalk);
 
   constexpr jint kFurther = 8;  // references besides those to the classes

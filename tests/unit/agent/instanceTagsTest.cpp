@@ -158,6 +158,17 @@ TEST_F(instanceTags, aClassThatCannotBeMarkedIsLoggedAndPassedOver) {
   EXPECT_THAT(errors(), Contains(HasSubstr("Marking a class failed")));
 }
 
+TEST_F(instanceTags, aMarkThatCouldNotBeTakenAwayIsTakenAwayNextTime) {
+  begin();
+  vm.makeObject(session_);
+  vm.fail("SetTag", {.from = 2, .times = 1});
+  EXPECT_EQ(tagAll({session_}), 1);
+  EXPECT_NE(session_->tag, 0);
+  vm.makeObject(session_);
+  EXPECT_EQ(tagAll({session_, session_}), 1);
+  EXPECT_EQ(session_->tag, 0);
+}
+
 // Another thread may tag a class while the walk is under way.
 TEST_F(instanceTags, aTagThatAClassIsGivenMeanwhileStays) {
   begin();

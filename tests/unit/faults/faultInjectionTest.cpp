@@ -302,6 +302,22 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
             vm.garbageCollectionFinish(fake::delivery::always);
             return endOfMemory();
           }}},
+        {"tagInstances",
+         {[this] { memorySession(); },
+          [this] {
+            agent::getMemoryProfiler()->setGcCounter(1);
+            std::vector<fake::object*> classes;
+            for (fake::object* const each : followed_) {
+              each->tag = 0;
+              classes.push_back(each->type);
+            }
+            auto* const array = vm.makeArray("[Ljava.lang.Class;", classes);
+            call(TW_NATIVE(tagInstances), static_cast<jobjectArray>(vm.ref(array)));
+          },
+          [this] {
+            vm.garbageCollectionFinish(fake::delivery::always);
+            return endOfMemory();
+          }}},
         {"collection",
          {[this] { memorySession(); },
           [this] { vm.garbageCollectionFinish(fake::delivery::always); },
@@ -436,8 +452,9 @@ INSTANTIATE_TEST_SUITE_P(agent, faultInjection,
                                            "contendInSummary", "waitInSummary", "stopSummary",
                                            "startDetail", "contendInDetail", "waitInDetail",
                                            "stopDetail", "stopProfiling", "enableCapture",
-                                           "exception", "startMemory", "setObjectTag", "collection",
-                                           "forceCollection", "stopMemory", "extendedText"),
+                                           "exception", "startMemory", "setObjectTag",
+                                           "tagInstances", "collection", "forceCollection",
+                                           "stopMemory", "extendedText"),
                          [](const auto& tested) { return std::string(tested.param); });
 
 }  // namespace
