@@ -105,8 +105,8 @@ jvmtiError generationScan::add(std::uint32_t generation) {
       [&](jobject** out) { return jvmti_->GetObjectsWithTags(1, &tag, &count, out, nullptr); });
   if (error != JVMTI_ERROR_NONE) return error;
   // The answer alone may hold more references than the frame was made for. Classes take the places
-  // of objects that are counted.
-  if (jni_->EnsureLocalCapacity(kMoreReferences) != JNI_OK) jni_->ExceptionClear();
+  // of objects that are counted. A request is ignored when the frame has had a larger one.
+  if (jni_->EnsureLocalCapacity(count + kMoreReferences) != JNI_OK) jni_->ExceptionClear();
 
   for (jint i = 0; i < count; ++i) {
     const support::localRef<> object(jni_, objects[i]);
