@@ -2,6 +2,8 @@
 
 import os
 import signal
+import zipfile
+from pathlib import Path
 
 import pytest
 
@@ -91,6 +93,24 @@ def test_options_of_the_java_command_stay(launcher, folder):
     assert "mark own\n" in launcher.run("run", "--", *command, folder=folder).out
 
 
+@pytest.mark.parametrize("through_environment", (False, True))
+def test_agents_of_the_program_stay(launcher, folder, through_environment):
+    jar = folder.parent / "own.jar"
+    with zipfile.ZipFile(jar, "w") as archive:
+        archive.writestr("META-INF/MANIFEST.MF", "Premain-Class: OwnAgent\n\n")
+        archive.write(Path(launcher.programs) / "OwnAgent.class", "OwnAgent.class")
+    agent = f"-javaagent:{jar}=word"
+    command = echo(launcher, 0)
+    if through_environment:
+        command = [script(folder, 'exec "$@"\n'), *command]
+        profiled = launcher.run("run", "--", *command, folder=folder, JAVA_TOOL_OPTIONS=agent)
+    else:
+        command.insert(1, agent)
+        profiled = launcher.run("run", "--", *command, folder=folder)
+    assert profiled.code == 0 and "own agent word\n" in profiled.out, profiled
+    assert len(results(folder / OUTPUT)) == 1
+
+
 @pytest.mark.parametrize("through", ("java", "script"))
 @pytest.mark.parametrize("number", (signal.SIGTERM, signal.SIGINT))
 def test_signals_reach_the_command_itself(launcher, folder, through, number):
@@ -103,6 +123,8 @@ def test_signals_reach_the_command_itself(launcher, folder, through, number):
         assert int(pid) == process.pid  # the command has replaced the launcher
         process.send_signal(number)
         assert process.wait(60) == 128 + number
+    (found,) = results(folder / "out")
+    assert found.json("locks-1.json")["sessionid"] == 1
 
 
 def test_a_command_that_a_signal_ends(launcher, folder):
@@ -251,6 +273,15 @@ def test_output_folder_that_cannot_be(launcher, folder):
                          ("/proc/inner", "No such file or directory")):
         refused = launcher.run("run", "-o", output, "--", "true", folder=folder)
         assert refused.code == 1 and told in refused.err and "-o DIR" in refused.err, refused
+
+
+def test_a_working_directory_that_cannot_be_written(launcher, folder):
+    read_only = "/proc"
+    refused = launcher.run("run", "--", *echo(launcher, 5), folder=read_only)
+    assert refused.code == 1 and "'twprofile-out' cannot be made" in refused.err, refused
+    profiled = launcher.run("run", "-o", folder, "--", *echo(launcher, 5), folder=read_only)
+    assert profiled.code == 5 and "Error in creating directory" in profiled.err, profiled
+    assert len(results(folder)) == 1 and os.listdir(folder / "logs")
 
 
 def test_a_checkout_that_is_not_built(launcher, folder):
