@@ -171,6 +171,23 @@ def test_version(launcher, folder):
     assert re.fullmatch(r"twprofile \d+\.\d+\.\d+\n", done(launcher, "--version", folder=folder))
 
 
+def test_report_shows_the_newest_run(launcher, folder):
+    refused = launcher.run("report", folder=folder)
+    assert refused.code == 1 and f"no folder '{OUTPUT}'" in refused.err, refused
+    options = ("--locks=summary=300ms,detail=1h,top=-1", "--exceptions")
+    with idle(launcher, folder, *options) as process:
+        def state():
+            return done(launcher, "status", process.pid, folder=folder)
+
+        wait_for(lambda: "locks       detail" in state(), "detail phase")
+        process.terminate()
+        process.wait(60)
+    for words in ((), (OUTPUT,), (OUTPUT, "--top", "3")):
+        shown = done(launcher, "report", *words, folder=folder)
+        assert "example.Idle$Turnstile@" in shown and "example.Idle$Jam" in shown
+    assert "Usage" in done(launcher, "report", "--help", folder=folder)
+
+
 # --- doctor ----------------------------------------------------------------------------------
 
 
