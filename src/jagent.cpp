@@ -426,10 +426,7 @@ JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* /*jni*/, jclass
 JNIEXPORT void JNICALL TW_NATIVE(setObjectTag)(JNIEnv* jni, jclass /*cls*/, jobject object) {
   native(TW_NATIVE_NAME(setObjectTag), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-    jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (memory && jvmti != nullptr && object != nullptr) {
-      memory->setObjectTag(jvmti, jni, object);
-    }
+    if (memory && object != nullptr) memory->setObjectTag(jni, object);
     return 0;
   });
 }

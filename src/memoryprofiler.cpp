@@ -72,6 +72,7 @@ void memoryProfiler::setEventCallbacks() {
 void memoryProfiler::addCapabilities() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   if (registry->environment() == nullptr) return;
+  jvmti_.store(registry->environment());
   registry->capabilities.can_tag_objects = 1;
   registry->capabilities.can_generate_garbage_collection_events = 1;
 }
@@ -113,7 +114,9 @@ void JNICALL memoryProfiler::gc_finish(jvmtiEnv* /*jvmti*/) {
   });
 }
 
-void memoryProfiler::setObjectTag(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) const {
+void memoryProfiler::setObjectTag(JNIEnv* jni, jobject object) const {
+  jvmtiEnv* const jvmti = jvmti_.load();
+  if (jvmti == nullptr) return;
   const std::uint32_t generation = gcCounter();
   if (generation != 0) {
     jlong old = 0;

@@ -52,14 +52,17 @@ class memoryProfiler : public profiler {
   // Counts a finished collection. Makes no JNI or JVMTI call: the VM allows none here.
   static void JNICALL gc_finish(jvmtiEnv* jvmti);
 
-  // Tags `object` with the current generation; in generation 0 the tag is taken away.
-  void setObjectTag(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) const;
+  // Tags `object` with the current generation; in generation 0 the tag is taken away. Nothing
+  // without a JVMTI environment.
+  void setObjectTag(JNIEnv* jni, jobject object) const;
 
   // Garbage collections finished since the first session was configured.
   std::uint32_t gcCounter() const { return gcCounter_.load(); }
   void setGcCounter(std::uint32_t value) { gcCounter_.store(value); }
 
  private:
+  // Of the registry that made the profiler; tags are set too often to ask it.
+  std::atomic<jvmtiEnv*> jvmti_{nullptr};
   std::atomic<std::uint32_t> gcCounter_{0};
   std::atomic<const MemorySessionConfig*> config_{nullptr};  // the newest of settings_
   support::mutex settingsMutex_;

@@ -10,10 +10,12 @@
 #include <pthread.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace support {
@@ -25,7 +27,7 @@ class sharedSlot {
   // pointer. Any thread.
   std::shared_ptr<T> load() const {
     const cell& mine = cells_[cellOfThisThread()];
-    const std::lock_guard<std::mutex> guard(mine.mutex);
+    const std::lock_guard<briefLock> guard(mine.lock);
     return mine.value;
   }
 
@@ -36,17 +38,29 @@ class sharedSlot {
     std::array<std::shared_ptr<T>, kCells> next;
     for (std::shared_ptr<T>& each : next) each = withOwnCount(value);
     for (std::size_t i = 0; i < kCells; ++i) {
-      const std::lock_guard<std::mutex> guard(cells_[i].mutex);
+      const std::lock_guard<briefLock> guard(cells_[i].lock);
       cells_[i].value.swap(next[i]);
     }
-  }  // what was published is dropped here, outside the mutexes
+  }  // what was published is dropped here, outside the locks
 
  private:
   static constexpr std::size_t kCells = 32;
   static constexpr std::size_t kCacheLine = 64;
 
+  // Held for the copy of a pointer. A mutex of the system would cost an event more than the copy.
+  class briefLock {
+   public:
+    void lock() {
+      while (taken_.exchange(true, std::memory_order_acquire)) std::this_thread::yield();
+    }
+    void unlock() { taken_.store(false, std::memory_order_release); }
+
+   private:
+    std::atomic<bool> taken_{false};
+  };
+
   struct alignas(kCacheLine) cell {
-    mutable std::mutex mutex;
+    mutable briefLock lock;
     std::shared_ptr<T> value;
   };
 
