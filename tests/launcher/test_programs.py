@@ -19,14 +19,14 @@ BUILD = SOURCE / "tests" / "launcher" / "antproject"
 def test_an_sql_database_under_load(launcher, folder):
     assert DATABASE.is_file(), "needs the package libh2-java"
     url = "jdbc:h2:mem:bank;DB_CLOSE_DELAY=-1;LOCK_TIMEOUT=60000"
-    command = ["java", "-cp", f"{launcher.programs}:{DATABASE}", "SqlLoad", url, 8, 600]
+    command = ["java", "-cp", f"{launcher.programs}:{DATABASE}", "SqlLoad", url, 8, 1000]
     plain = launcher.plain(*command, folder=folder)
-    assert plain.code == 0 and plain.err == "" and "in 4800 bookings\nrefused 40\n" in plain.out
+    assert plain.code == 0 and plain.err == "" and "in 8000 bookings\nrefused 40\n" in plain.out
 
     options = (
-        "--locks=summary=500ms,detail=500ms,repeat=forever,top=-1",
+        "--locks=summary=300ms,detail=300ms,repeat=forever,top=-1",
         "--exceptions=rate=0",
-        "--memory=track=org.h2.*,interval=1s",
+        "--memory=track=org.h2.engine.*,interval=500ms",
     )
     profiled = launcher.run("run", *options, "--", *command, folder=folder)
     assert profiled.code == 0, profiled
@@ -41,7 +41,7 @@ def test_an_sql_database_under_load(launcher, folder):
     assert {r["thread"] for r in refused} == {f"teller-{i}" for i in range(8)}
     assert "Unique index or primary key violation" in refused[0]["message"]
     assert any(frame["method"].startswith("org.h2.") for frame in refused[0]["frames"])
-    assert any(name.startswith("org.h2.mvstore.") for name in found.memory())
+    assert any(name.startswith("org.h2.engine.") for name in found.memory())
 
 
 

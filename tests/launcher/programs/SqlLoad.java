@@ -21,6 +21,9 @@ public final class SqlLoad {
   private static final int OPENINGS = 5;
   private static final int SUM_INTERVAL = 5;
 
+  /** Lets the load last for some lock sessions on a fast machine, too. */
+  private static final int PAUSE_MILLIS = 2;
+
   private final String url;
   private final Connection shared;
   private final AtomicInteger refused = new AtomicInteger();
@@ -82,8 +85,9 @@ public final class SqlLoad {
         if (i % SUM_INTERVAL == 0) {
           askForSum();
         }
+        Thread.sleep(PAUSE_MILLIS);
       }
-    } catch (SQLException e) {
+    } catch (SQLException | InterruptedException e) {
       e.printStackTrace();
       System.exit(4);
     }
