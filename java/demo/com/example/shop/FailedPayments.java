@@ -1,59 +1,11 @@
 package com.example.shop;
 
-import static com.korvane.twutils.nativeagent.TWNativeAgentProfiling.enableCaptureVariableinException;
-
-import com.korvane.twutils.nativeagent.ExceptionRecord;
-import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
-import java.util.concurrent.atomic.AtomicReference;
-
-/**
- * A customer's payment is refused, deep in the shop. The agent captures the exception where it is
- * thrown, with everything that is known there.
- */
+/** Customers' payments that are refused, deep in the shop. */
 final class FailedPayments {
-  private static final int RECORDS_A_MINUTE = 3;
-  private static final int FRAMES = 4;
-
   private FailedPayments() {}
 
-  /**
-   * Lets one payment fail and gives the record of it, decoded.
-   *
-   * @throws IllegalStateException when the agent delivers none
-   */
-  static ExceptionRecord captureOne() throws InterruptedException {
-    AtomicReference<String> delivered = new AtomicReference<>();
-    TWNativeAgentProfiling.setExceptionSink(
-        (record, exception) -> {
-          if (exception instanceof PaymentRefused) {
-            delivered.set(record);
-          }
-        });
-    enable(true);
-    try {
-      Thread worker = new Thread(FailedPayments::serve, "http-worker-9");
-      worker.start();
-      worker.join();
-    } finally {
-      enable(false);
-      TWNativeAgentProfiling.setExceptionSink(null);
-    }
-    if (delivered.get() == null) {
-      throw new IllegalStateException("the refused payment was not captured");
-    }
-    return ExceptionRecord.parse(delivered.get());
-  }
-
-  private static void enable(boolean enable) {
-    int taken =
-        enableCaptureVariableinException(
-            enable, true, true, true, true, RECORDS_A_MINUTE, FRAMES, "[java.io.EOFException]");
-    if (taken != 1) {
-      throw new IllegalStateException("exception capture is not among the agent's features");
-    }
-  }
-
-  private static void serve() {
+  /** Serves one customer, who cannot pay. */
+  static void serve() {
     RequestContext.CURRENT.set(new RequestContext(4711, "/checkout"));
     Order order = new Order(5, new int[] {0, 2, 1}, 12_990);
     try {

@@ -1,19 +1,15 @@
 package com.example.shop;
 
 import java.util.ArrayDeque;
-import java.util.function.Consumer;
 
 /** Orders on their way to the packers. Full, it holds up the checkouts; empty, the packers. */
 final class OrderQueue {
   private final ArrayDeque<Order> orders = new ArrayDeque<>();
   private final int capacity;
-  private final Consumer<Object> follower;
   private boolean closed;
 
-  /** The follower is given each order that enters the queue. */
-  OrderQueue(int capacity, Consumer<Object> follower) {
+  OrderQueue(int capacity) {
     this.capacity = capacity;
-    this.follower = follower;
   }
 
   synchronized void put(Order order) throws InterruptedException {
@@ -21,7 +17,6 @@ final class OrderQueue {
       wait();
     }
     orders.add(order);
-    follower.accept(order);
     notifyAll();
   }
 

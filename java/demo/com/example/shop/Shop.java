@@ -4,7 +4,6 @@ import java.util.ArrayList;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.atomic.AtomicLong;
-import java.util.function.Consumer;
 
 /**
  * A small web shop under load: workers that serve requests, packers that take the orders off a
@@ -19,9 +18,9 @@ final class Shop {
 
   final Inventory inventory = new Inventory(ITEMS);
   final PriceCache prices = new PriceCache(ITEMS);
-  final SessionRegistry sessions;
+  final SessionRegistry sessions = new SessionRegistry();
   final Cart[] carts = new Cart[CUSTOMERS];
-  final OrderQueue orders;
+  final OrderQueue orders = new OrderQueue(QUEUE_CAPACITY);
   final Ledger ledger = new Ledger();
   final AtomicLong requests = new AtomicLong();
   final AtomicLong checkouts = new AtomicLong();
@@ -31,10 +30,7 @@ final class Shop {
   private final List<Thread> packers = new ArrayList<>();
   private final Thread refresher;
 
-  /** The follower is given every session and every order as soon as it is kept. */
-  Shop(Consumer<Object> follower) {
-    sessions = new SessionRegistry(follower);
-    orders = new OrderQueue(QUEUE_CAPACITY, follower);
+  Shop() {
     for (int customer = 0; customer < CUSTOMERS; customer++) {
       carts[customer] = new Cart(customer, ITEMS);
     }
