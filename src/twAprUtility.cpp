@@ -18,7 +18,7 @@ constexpr const char* kFunction = "twAprUtility::mkdir_ex";
 constexpr std::size_t kLongestPath = 8000;
 constexpr int kLengthShown = 8192;  // what the message says is allowed, unlike the test
 constexpr std::size_t kMostPieces = 30;
-constexpr mode_t kFolderMode = 0777;
+constexpr mode_t kFolderMode = 0755;  // others never write there, whatever the umask
 
 std::vector<std::string> piecesOf(std::string path) {
   std::vector<std::string> pieces;

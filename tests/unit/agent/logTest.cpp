@@ -574,11 +574,11 @@ TEST_F(folderMaker, acceptsFoldersThatExist) {
   EXPECT_THAT(made(), ElementsAre("a", "ab"));
 }
 
-TEST_F(folderMaker, givesEveryoneAccessAsTheUmaskAllows) {
+TEST_F(folderMaker, letsOnlyTheOwnerWriteWhateverTheUmask) {
   const mode_t old = ::umask(0);
   EXPECT_EQ(twAprUtility::mkdir_ex("a/b"), 1);
   ::umask(old);
-  EXPECT_EQ(fs::status("a").permissions(), fs::perms(0777));
+  EXPECT_EQ(fs::status("a").permissions(), fs::perms(0755));
 }
 
 TEST_F(folderMaker, keepsThirtyPieces) {
