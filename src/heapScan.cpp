@@ -97,33 +97,42 @@ generationScan::generationScan(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters&
                                classRecords& records)
     : jvmti_(jvmti), jni_(jni), filters_(filters), records_(records), frame_(jni, kReferences) {}
 
-jvmtiError generationScan::add(std::uint32_t generation) {
-  const jlong tag = tagOf(generation);
-  jint count = 0;
+generationScan::answer generationScan::add(std::uint32_t first, std::uint32_t last) {
+  std::vector<jlong> wanted;
+  wanted.reserve(last - first + 1);
+  for (std::uint32_t each = first; each <= last; ++each) wanted.push_back(tagOf(each));
+  jint found = 0;
   support::jvmtiPtr<jobject> objects(jvmti_);
-  const jvmtiError error = objects.fill(
-      [&](jobject** out) { return jvmti_->GetObjectsWithTags(1, &tag, &count, out, nullptr); });
-  if (error != JVMTI_ERROR_NONE) return error;
+  support::jvmtiPtr<jlong> tags(jvmti_);
+  const jvmtiError error = objects.fill([&](jobject** objectsOut) {
+    return tags.fill([&](jlong** tagsOut) {
+      return jvmti_->GetObjectsWithTags(static_cast<jint>(wanted.size()), wanted.data(), &found,
+                                        objectsOut, tagsOut);
+    });
+  });
+  if (error != JVMTI_ERROR_NONE) return {0, error};
   // The answer alone may hold more references than the frame was made for. Classes take the places
   // of objects that are counted. A request is ignored when the frame has had a larger one.
-  if (jni_->EnsureLocalCapacity(count + kMoreReferences) != JNI_OK) jni_->ExceptionClear();
-
-  for (jint i = 0; i < count; ++i) {
-    const support::localRef<> object(jni_, objects[i]);
-    support::localRef<jclass> cls(jni_, jni_->GetObjectClass(object.get()));
-    if (!cls) continue;
-    metClass* const met = find(std::move(cls));
-    if (met == nullptr || met->record == nullptr) continue;
-    jlong size = 0;
-    if (jvmti_->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
-    const auto bytes = static_cast<std::uint64_t>(size);
-    ++met->record->totalCount;
-    met->record->totalSize += bytes;
-    generationRecord& survived = met->survivedOf(generation);
-    ++survived.count;
-    survived.size += bytes;
+  if (jni_->EnsureLocalCapacity(found + kMoreReferences) != JNI_OK) jni_->ExceptionClear();
+  for (jint i = 0; i < found; ++i) {
+    count(support::localRef<>(jni_, objects[i]), generationOf(tags[i]));
   }
-  return JVMTI_ERROR_NONE;
+  return {found, JVMTI_ERROR_NONE};
+}
+
+void generationScan::count(support::localRef<> object, std::uint32_t generation) {
+  support::localRef<jclass> cls(jni_, jni_->GetObjectClass(object.get()));
+  if (!cls) return;
+  metClass* const met = find(std::move(cls));
+  if (met == nullptr || met->record == nullptr) return;
+  jlong size = 0;
+  if (jvmti_->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
+  const auto bytes = static_cast<std::uint64_t>(size);
+  ++met->record->totalCount;
+  met->record->totalSize += bytes;
+  generationRecord& survived = met->survivedOf(generation);
+  ++survived.count;
+  survived.size += bytes;
 }
 
 generationRecord& generationScan::metClass::survivedOf(std::uint32_t generation) {

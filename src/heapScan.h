@@ -2,7 +2,8 @@
 // choosing the classes to report.
 //
 // A scan runs on the thread that stops a memory session. It stops the world in pieces: one walk
-// over the heap, then one query for each generation that the walk has met.
+// over the heap, then one query for each generation that the walk has met. Where that is wanted, it
+// is one query for all generations and no walk: shorter, in one piece.
 #pragma once
 
 #include <jvmti.h>
@@ -80,15 +81,20 @@ struct taggedObjects {
 };
 taggedObjects countTaggedObjects(jvmtiEnv* jvmti);
 
-// Adds the objects of one generation after another to the records of their classes; those that the
+// Adds the objects of some generations after others to the records of their classes; those that the
 // filters exclude are left out. What the VM tells of a class is read once for all of them. Belongs
 // to one thread, within one native method; `filters` and `records` outlive it.
 class generationScan {
  public:
   generationScan(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters& filters, classRecords& records);
 
-  // The error is that of GetObjectsWithTags; nothing was added then.
-  jvmtiError add(std::uint32_t generation);
+  // What GetObjectsWithTags has answered; nothing was added when `status` is an error.
+  struct answer {
+    jint count = 0;  // of objects, also those that were left out
+    jvmtiError status = JVMTI_ERROR_NONE;
+  };
+  // Adds the objects of the generations from `first` up to `last`, in one query.
+  answer add(std::uint32_t first, std::uint32_t last);
 
  private:
   struct metClass {
@@ -100,6 +106,7 @@ class generationScan {
     generationRecord& survivedOf(std::uint32_t generation);
   };
 
+  void count(support::localRef<> object, std::uint32_t generation);
   // The class; none when it cannot be named.
   metClass* find(support::localRef<jclass> cls);
   bool is(const metClass& one, jclass cls) const;

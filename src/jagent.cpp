@@ -41,6 +41,8 @@ constexpr std::string_view kObjectDepthKey = "captureObjDepth";
 constexpr std::string_view kObjectTypeKey = "captureObjType";
 constexpr std::string_view kStackDepthKey = "captureSTDepth";
 constexpr std::string_view kFeaturesKey = "features";
+constexpr std::string_view kOwnerLookupsKey = "ownerLookupsPerSecond";
+constexpr std::string_view kOneQueryKey = "scanInOneQuery";
 
 constexpr std::string_view kMutexFeature = "mutexprofiling";
 constexpr std::string_view kMemoryFeature = "memoryprofiling";
@@ -55,6 +57,8 @@ struct startUpSettings {
   std::int32_t objectType = 0;    // unset
   std::int32_t stackDepth = 0;    // unset
   std::int32_t objectDepth = -1;  // unset
+  std::int32_t ownerLookupsPerSecond = 0;
+  std::int32_t scanInOneQuery = 0;
 };
 
 // The number in an item: it begins just after the key and its "=", and takes at most as many
@@ -94,6 +98,16 @@ void applyCaptureSettings(const startUpSettings& settings) {
   if (within(settings.stackDepth, 4, 20)) exceptions->captureSTDepth = settings.stackDepth;
 }
 
+// Where the options stand does not matter. Values out of their range count as not given.
+void applyCostSettings(const startUpSettings& settings) {
+  const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
+  if (locks && settings.ownerLookupsPerSecond > 0) {
+    locks->limitOwnerLookups(settings.ownerLookupsPerSecond);
+  }
+  const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+  if (memory && settings.scanInOneQuery == 1) memory->scanInOneQuery();
+}
+
 void createFeatures(profilerRegistry& registry, const std::string& item,
                     const startUpSettings& settings) {
   const std::string_view words = std::string_view(item).substr(item.find('=') + 1);
@@ -116,6 +130,8 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
   if (is(kObjectDepthKey)) settings.objectDepth = numberIn(item, kObjectDepthKey);
   if (is(kObjectTypeKey)) settings.objectType = numberIn(item, kObjectTypeKey);
   if (is(kStackDepthKey)) settings.stackDepth = numberIn(item, kStackDepthKey);
+  if (is(kOwnerLookupsKey)) settings.ownerLookupsPerSecond = numberIn(item, kOwnerLookupsKey);
+  if (is(kOneQueryKey)) settings.scanInOneQuery = numberIn(item, kOneQueryKey);
   if (is(kFeaturesKey)) createFeatures(registry, item, settings);
 }
 
@@ -134,6 +150,7 @@ startUpSettings readOptions(profilerRegistry& registry, std::string_view options
     }
     applyCaptureSettings(settings);
   }
+  applyCostSettings(settings);
   return settings;
 }
 

@@ -238,6 +238,9 @@ class lockStore {
 
   knownStackTraces stackTraces;
 
+  // Events that did not look for an owner because others had made all looks of their second.
+  std::atomic<std::uint64_t> leftOutOwnerLookups{0};
+
   support::mutex lockMapMutex;   // guards insertion of locks
   support::mutex stackMapMutex;  // guards insertion of stack hashes, and the texts
   // Texts of the stack traces met since the stack file was last written.

@@ -1,5 +1,6 @@
 #include "memoryprofiler.h"
 
+#include <optional>
 #include <utility>
 
 #include "boundary.h"
@@ -24,12 +25,26 @@ constexpr const char* kDumpJson = "memoryProfiler::dumpJsonObjectFromMapDS";
 constexpr const char* kReportName = "memoryLeak";  // whatever the session is called
 constexpr std::int32_t kNoSessionId = 1;
 
+// The VM compares the tag of each object with one generation after the other. With more of them
+// than this, a walk and queries for the generations that have objects cost less.
+constexpr std::uint32_t kMostGenerationsAtOnce = 10000;
+
 std::string describe(const MemorySessionConfig& config) {
   return "*************Enabling Memory Leak Profiler features:Memory Leak Enable:" +
          std::to_string(config.memoryLeakEnable) + "|Duration :" + std::to_string(config.duration) +
          "|Session ID :" + std::to_string(config.sessionId) +
          "|SessionName :" + config.sessionName +
          "|Number of top N Class :" + std::to_string(config.topNClassCount);
+}
+
+// What the log says of the call that found the tagged objects.
+void logTaggedObjects(std::uint64_t count, jvmtiError status) {
+  if (count == 0) {
+    TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,
+           "Agent was not able to find any heap data to report genuinely as no problem "
+           "occurred");
+  }
+  TW_LOG(kLogTrace, kSeverityTrace, kScanJavaHeap, "*jvmti status: %d", static_cast<int>(status));
 }
 
 void writeClass(support::jsonWriter& json, const rankedClass& ranked) {
@@ -137,40 +152,17 @@ std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
     const classFilters filters = config == nullptr ? classFilters() : config->filters;
     const auto most = static_cast<std::uint32_t>(config == nullptr ? 0 : config->topNClassCount);
 
-    const taggedObjects tagged = countTaggedObjects(jvmti);
-    if (tagged.count == 0) {
-      TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,
-             "Agent was not able to find any heap data to report genuinely as no problem "
-             "occurred");
-    }
-    TW_LOG(kLogTrace, kSeverityTrace, kScanJavaHeap, "*jvmti status: %d",
-           static_cast<int>(tagged.status));
-    const std::uint32_t current = gcCounter();
-    if (current == 0) {
-      TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,
-             "Agent was not able to find any gccount to report genuinely as no problem occurred");
-    }
-
-    // The current generation has survived nothing yet.
     classRecords records;
     {
+      std::optional<taggedObjects> walked;
+      if (!scansInOneQuery_ || gcCounter() > kMostGenerationsAtOnce) {
+        walked = countTaggedObjects(jvmti);
+      }
       generationScan scan(jvmti, jni, filters, records);
-      const auto add = [&](std::uint32_t generation) {
-        const jvmtiError error = scan.add(generation);
-        if (error == JVMTI_ERROR_NONE) return true;
-        TW_LOG(kLogError, kSeverityError, kScanJavaHeap,
-               "The objects of generation %u are not in the report: %s", generation,
-               support::errorName(jvmti, error).c_str());
-        return false;
-      };
-      if (tagged.complete) {
-        for (const std::uint32_t generation : tagged.generations) {
-          if (generation >= 1 && generation < current) add(generation);
-        }
+      if (walked) {
+        addGenerationsMet(jvmti, *walked, scan);
       } else {
-        // A VM that refuses is not asked for each of what may be billions.
-        std::uint32_t generation = 1;
-        while (generation < current && add(generation)) ++generation;
+        addGenerationsAtOnce(jvmti, scan);
       }
     }
     {
@@ -180,6 +172,52 @@ std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
     }
     return dumpJsonObjectFromMapDS(jni, path);
   });
+}
+
+// The current generation: it and those after it have survived nothing yet.
+std::uint32_t memoryProfiler::endOfGenerations() const {
+  const std::uint32_t current = gcCounter();
+  if (current == 0) {
+    TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,
+           "Agent was not able to find any gccount to report genuinely as no problem occurred");
+  }
+  return current;
+}
+
+// A query for each generation that a walk over the heap has met.
+void memoryProfiler::addGenerationsMet(jvmtiEnv* jvmti, const taggedObjects& tagged,
+                                       generationScan& scan) const {
+  logTaggedObjects(tagged.count, tagged.status);
+  const std::uint32_t end = endOfGenerations();
+  const auto add = [&](std::uint32_t generation) {
+    const jvmtiError error = scan.add(generation, generation).status;
+    if (error == JVMTI_ERROR_NONE) return true;
+    TW_LOG(kLogError, kSeverityError, kScanJavaHeap,
+           "The objects of generation %u are not in the report: %s", generation,
+           support::errorName(jvmti, error).c_str());
+    return false;
+  };
+  if (tagged.complete) {
+    for (const std::uint32_t generation : tagged.generations) {
+      if (generation >= 1 && generation < end) add(generation);
+    }
+  } else {
+    // A VM that refuses is not asked for each of what may be billions.
+    std::uint32_t generation = 1;
+    while (generation < end && add(generation)) ++generation;
+  }
+}
+
+void memoryProfiler::addGenerationsAtOnce(jvmtiEnv* jvmti, generationScan& scan) const {
+  const std::uint32_t end = gcCounter();
+  generationScan::answer answer;  // as of a query that finds nothing: there is none for no tag
+  if (end > 1) answer = scan.add(1, end - 1);
+  logTaggedObjects(static_cast<std::uint64_t>(answer.count), answer.status);
+  endOfGenerations();
+  if (answer.status == JVMTI_ERROR_NONE) return;
+  TW_LOG(kLogError, kSeverityError, kScanJavaHeap,
+         "The objects of generations 1 to %u are not in the report: %s", end - 1,
+         support::errorName(jvmti, answer.status).c_str());
 }
 
 std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) {

@@ -49,6 +49,10 @@ class memoryProfiler : public profiler {
   // Writes the report of the classes that the last scan has chosen; 0 when it cannot be written.
   std::int32_t dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) override;
 
+  // Has scans ask for the objects of all generations in one query, without a walk over the heap
+  // before. By Agent_OnLoad only.
+  void scanInOneQuery() { scansInOneQuery_ = true; }
+
   // Counts a finished collection. Makes no JNI or JVMTI call: the VM allows none here.
   static void JNICALL gc_finish(jvmtiEnv* jvmti);
 
@@ -61,9 +65,14 @@ class memoryProfiler : public profiler {
   void setGcCounter(std::uint32_t value) { gcCounter_.store(value); }
 
  private:
+  std::uint32_t endOfGenerations() const;
+  void addGenerationsMet(jvmtiEnv* jvmti, const taggedObjects& tagged, generationScan& scan) const;
+  void addGenerationsAtOnce(jvmtiEnv* jvmti, generationScan& scan) const;
+
   // Of the registry that made the profiler; tags are set too often to ask it.
   std::atomic<jvmtiEnv*> jvmti_{nullptr};
   std::atomic<std::uint32_t> gcCounter_{0};
+  bool scansInOneQuery_ = false;
   std::atomic<const MemorySessionConfig*> config_{nullptr};  // the newest of settings_
   support::mutex settingsMutex_;
   // Settings of earlier sessions stay: a handler may still be reading them.

@@ -346,9 +346,19 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     file.write(json.text());
     const std::string reason = file.close();
     if (!reason.empty()) logUnwritable(kDumpJson, "lock report", reportPath, reason);
+    logLeftOutOwnerLookups(*current);
     clearTopLocks();
     return 1;
   });
+}
+
+// Readers scale the shares of owners by it.
+void mutexLockProfiler::logLeftOutOwnerLookups(const lockStore& store) const {
+  if (ownerLookups_.perSecond() == 0) return;
+  TW_LOG(kLogTrace, kSeverityTrace, kDumpJson,
+         "Owner lookups left out : %llu , at most %d a second were made",
+         static_cast<unsigned long long>(store.leftOutOwnerLookups.load()),
+         ownerLookups_.perSecond());
 }
 
 void mutexLockProfiler::dumpStackInFile(lockStore& store) {
@@ -671,6 +681,13 @@ std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& mo
   return top;
 }
 
+// Takes one of the looks of this second; where there is none left, the event goes without.
+bool mutexLockProfiler::mayLookUpOwner(const monitorEvent& event) {
+  if (ownerLookups_.take(event.time)) return true;
+  event.store->leftOutOwnerLookups.fetch_add(1, std::memory_order_relaxed);
+  return false;
+}
+
 // Finds out who owns the monitor that the event's thread waits for, and counts that owner.
 void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
   std::shared_ptr<ownerLookup> lookup;
@@ -679,6 +696,7 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     const support::lockGuard guard(top.mutex);
     top.ownerSeen = true;
     looks = !top.lookup || !top.lookup->join();
+    if (looks && !mayLookUpOwner(event)) return;
     if (looks) top.lookup = std::make_shared<ownerLookup>();
     lookup = top.lookup;
   }
@@ -688,6 +706,7 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     if (!found) {  // nobody else is to wait for it
       const support::lockGuard guard(top.mutex);
       if (top.lookup == lookup) top.lookup = nullptr;
+      if (!mayLookUpOwner(event)) return;
     }
   }
   if (!found) found = askForOwner(event, looks ? lookup.get() : nullptr);
@@ -770,6 +789,7 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
       return;
     }
   }
+  if (!mayLookUpOwner(event)) return;
   support::monitorUsage usage(event.jvmti, event.jni);
   {
     const support::vmTurn turn(usageTurns_);

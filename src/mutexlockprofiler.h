@@ -22,6 +22,7 @@
 #include "stackTraces.h"
 #include "support/annotations.h"
 #include "support/javaClasses.h"
+#include "support/rateLimit.h"
 #include "support/sharedSlot.h"
 #include "support/vmTurn.h"
 
@@ -40,6 +41,10 @@ class mutexLockProfiler : public profiler {
   void setProfilerEventMode(bool enable) override;
   void sortData() override;
   std::int32_t dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) override;
+
+  // At most so many looks for the owner or the waiters of a monitor a second, from all events; no
+  // limit for 0. By Agent_OnLoad only.
+  void limitOwnerLookups(std::int32_t perSecond) { ownerLookups_.set(perSecond); }
 
   // Every change of the state also ends what is known about waiting threads.
   void setState(std::int32_t state);
@@ -103,6 +108,7 @@ class mutexLockProfiler : public profiler {
   lockBean* makeLock(monitorEvent& event, const namedMonitor& monitor, bool& made);
   std::size_t minuteSlot(std::int64_t time) const;
   std::shared_ptr<topLockBean> topLockOf(const namedMonitor& monitor);
+  bool mayLookUpOwner(const monitorEvent& event);
   void lookUpOwner(monitorEvent& event, topLockBean& top);
   foundOwner askForOwner(monitorEvent& event, ownerLookup* lookup);
   void closeOwnersPeriod(const monitorEvent& event, topLockBean& top);
@@ -110,6 +116,7 @@ class mutexLockProfiler : public profiler {
   std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);
   void updateStackTrace(monitorEvent& event, threadBean* thread, topLockBean* top);
 
+  void logLeftOutOwnerLookups(const lockStore& store) const;
   void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
   void clearTopLocks() EXCLUDES(topLockMutex_);
 
@@ -126,6 +133,7 @@ class mutexLockProfiler : public profiler {
   heldClasses stackClasses_;      // of methods on stacks
 
   support::vmTurns usageTurns_;  // for GetObjectMonitorUsage
+  support::rateLimit ownerLookups_;
 };
 
 }  // namespace agent

@@ -106,6 +106,16 @@ def test_one_forced_collection_is_one_generation(survivors, collector):
     assert "Latest" not in survivors.names(), "tagged in the current generation"
 
 
+def test_one_query_reports_the_same_byte_for_byte(jvm):
+    vm = vm_for(jvm, "Serial")
+    options = f"logLevel=3,twHome={HOME}"
+    walked = jvm.run("Survivors", "memory.json", vm=vm, options=options)
+    asked = jvm.run("Survivors", "memory.json", vm=vm, options=f"{options},scanInOneQuery=1")
+    assert Memory(asked, "memory.json").count("Plain") == 6 * 5
+    reports = [(run.folder / "memory.json").read_bytes() for run in (asked, walked)]
+    assert reports[0] == reports[1]
+
+
 def test_tagging_again_keeps_the_last_generation(jvm, collector):
     objects, generations = (10000, 5) if collector is None else (5000, 25)
     run = jvm.run("Retagging", "memory.json", objects, generations, vm=vm_for(jvm, collector))

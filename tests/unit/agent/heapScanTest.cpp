@@ -272,8 +272,9 @@ class heapScan : public memoryTest {
   // One generation, added to `records` as a native method would.
   bool add(std::uint32_t generation, const classFilters& filters = {}) {
     return vm.native([&](JNIEnv* jni) {
-      return agent::generationScan(vm.jvmti(), jni, filters, records).add(generation) ==
-             JVMTI_ERROR_NONE;
+      return agent::generationScan(vm.jvmti(), jni, filters, records)
+                 .add(generation, generation)
+                 .status == JVMTI_ERROR_NONE;
     });
   }
 
@@ -461,7 +462,7 @@ TEST_F(heapScan, theNameOfAClassIsReadOnceForAllGenerations) {
   const classFilters none;
   vm.native([&](JNIEnv* jni) {
     agent::generationScan scan(vm.jvmti(), jni, none, records);
-    for (std::uint32_t generation : {1U, 2U, 3U}) scan.add(generation);
+    for (std::uint32_t generation : {1U, 2U, 3U}) scan.add(generation, generation);
   });
   EXPECT_EQ(vm.calls("GetClassSignature"), 1U);
   EXPECT_EQ(records["p.A"].totalSize, 30U);

@@ -309,6 +309,110 @@ TEST_F(memoryReport, generationsWithoutAnObjectAreNotAskedFor) {
   EXPECT_EQ(vm.calls("GetObjectsWithTags"), 2U);
 }
 
+// --- All generations in one query ------------------------------------------------------------
+
+constexpr const char* kOneQuery = "scanInOneQuery=1";
+
+class oneQuery : public memoryReport {};
+
+TEST_F(oneQuery, leavesOutTheWalk) {
+  begin({}, "ScanInOneQuery=1");
+  tagged("p.A");
+  collect();
+  tagged("p.A", 40);
+  collect();
+  EXPECT_EQ(stop(), 1);
+  EXPECT_THAT(survivors("p.A"), ElementsAre("1:1:16", "2:1:40"));
+  EXPECT_EQ(vm.calls("IterateThroughHeap"), 0U);
+  EXPECT_EQ(vm.calls("GetObjectsWithTags"), 1U);
+  EXPECT_EQ(vm.calls("GetTag"), 2U) << "by setObjectTag alone";
+}
+
+TEST_F(oneQuery, reportsTheSameByteForByte) {
+  begin({.id = 5, .topClasses = 12, .excludeClasses = "p.C3", .includeClasses = "p.C5"});
+  for (int i = 0; i < 500; ++i) {
+    tagged("p.C" + std::to_string(i * 7 % 23), 8 * (1 + i % 5));
+    if (i % 11 == 0) collect(1 + i % 3);
+  }
+  tagged("[Lp.C1;", 400);
+  tagged("p.Empty", 0);
+  object("p.Foreign")->tag = 0x7f0012345678LL;
+  collect();
+  tagged("p.Now", 4000);
+  ASSERT_EQ(stop(), 1);
+  const std::string expected = readFile(reportPath());
+  ASSERT_THAT(classes(), ::testing::SizeIs(12));
+  ASSERT_GT(vm.calls("GetObjectsWithTags"), 20U);
+
+  memory()->scanInOneQuery();
+  vm.resetCalls();
+  const std::string other = folder() / "other.json";
+  ASSERT_EQ(stop(other), 1);
+  EXPECT_EQ(readFile(other), expected);
+  EXPECT_EQ(vm.calls("GetObjectsWithTags"), 1U);
+  EXPECT_EQ(vm.calls("IterateThroughHeap"), 0U);
+}
+
+TEST_F(oneQuery, isWhatTheStatusAndTheWarningSpeakOf) {
+  begin({}, kOneQuery);
+  collect();
+  tagged("p.Now");  // met by a walk, not by the query
+  EXPECT_EQ(stop(), 1);
+  EXPECT_THAT(warnings(), ElementsAre(kNoHeapData, kNoTaggedData));
+  EXPECT_THAT(linesOf(kScanJavaHeap), Contains("Trace: *jvmti status: 0"));
+  EXPECT_THAT(classes(), IsEmpty());
+}
+
+TEST_F(oneQuery, isNotMadeForNoGeneration) {
+  load(kOneQuery);
+  start();
+  EXPECT_EQ(stop(), 1);
+  EXPECT_EQ(vm.calls("GetObjectsWithTags"), 0U);
+  EXPECT_EQ(vm.calls("IterateThroughHeap"), 0U);
+  EXPECT_THAT(warnings(), ElementsAre(kNoHeapData, kNoGcCount, kNoTaggedData));
+  EXPECT_THAT(classes(), IsEmpty());
+}
+
+TEST_F(oneQuery, thatIsRefusedIsLogged) {
+  begin({}, kOneQuery);
+  tagged("p.A");
+  collect(2);
+  vm.fail("GetObjectsWithTags", {.error = JVMTI_ERROR_OUT_OF_MEMORY});
+  EXPECT_EQ(stop(), 1);
+  EXPECT_THAT(classes(), IsEmpty());
+  EXPECT_THAT(messages("Error"), ElementsAre("The objects of generations 1 to 2 are not in the "
+                                             "report: JVMTI_ERROR_OUT_OF_MEMORY"));
+  EXPECT_THAT(linesOf(kScanJavaHeap), Contains("Trace: *jvmti status: 110"));
+}
+
+TEST_F(oneQuery, isNotMadeForMoreThanTenThousandGenerations) {
+  begin({}, kOneQuery);
+  tagged("p.A");
+  memory()->setGcCounter(10000);
+  stop();
+  EXPECT_EQ(vm.calls("IterateThroughHeap"), 0U);
+  EXPECT_THAT(survivors("p.A"), ElementsAre("1:1:16"));
+  memory()->setGcCounter(10001);
+  stop();
+  EXPECT_EQ(vm.calls("IterateThroughHeap"), 1U);
+  EXPECT_THAT(survivors("p.A"), ElementsAre("1:1:16"));
+}
+
+class noOneQuery : public oneQuery, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(noOneQuery, theHeapIsWalked) {
+  begin({}, GetParam());
+  tagged("p.A");
+  collect();
+  EXPECT_EQ(stop(), 1);
+  EXPECT_EQ(vm.calls("IterateThroughHeap"), 1U);
+  EXPECT_THAT(survivors("p.A"), ElementsAre("1:1:16"));
+}
+
+INSTANTIATE_TEST_SUITE_P(memoryReport, noOneQuery,
+                         ::testing::Values("", "scanInOneQuery=0", "scanInOneQuery=2",
+                                           "scanInOneQuery=-1"));
+
 TEST_F(memoryReport, theEndOfTheCounterIsScanned) {
   begin();
   memory()->setGcCounter(0x7FFFFFFFU);

@@ -478,18 +478,22 @@ constexpr const char* kOutOfRange = "out_of_range: stoi argument out of range";
 
 INSTANTIATE_TEST_SUITE_P(
     values, malformedNumbers,
-    ::testing::Values(malformedCase{"logLevel=", "logLevel=", kInvalid},
-                      malformedCase{"logLevel=abc", "logLevel=", kInvalid},
-                      malformedCase{"logLevel= ", "logLevel=", kInvalid},
-                      malformedCase{"logLevel=-", "logLevel=", kInvalid},
-                      malformedCase{"LOGLEVEL=x4", "logLevel=", kInvalid},
-                      malformedCase{"captureObjDepth=two", "captureObjDepth=", kInvalid},
-                      malformedCase{"captureObjType=", "captureObjType=", kInvalid},
-                      malformedCase{"captureSTDepth=", "captureSTDepth=", kInvalid},
-                      malformedCase{"captureObjDepth=2147483648", "captureObjDepth=", kOutOfRange},
-                      malformedCase{"captureObjType=-2147483649", "captureObjType=", kOutOfRange},
-                      malformedCase{"captureSTDepth=99999999999999",
-                                    "captureSTDepth=", kOutOfRange}));
+    ::testing::Values(
+        malformedCase{"logLevel=", "logLevel=", kInvalid},
+        malformedCase{"logLevel=abc", "logLevel=", kInvalid},
+        malformedCase{"logLevel= ", "logLevel=", kInvalid},
+        malformedCase{"logLevel=-", "logLevel=", kInvalid},
+        malformedCase{"LOGLEVEL=x4", "logLevel=", kInvalid},
+        malformedCase{"captureObjDepth=two", "captureObjDepth=", kInvalid},
+        malformedCase{"captureObjType=", "captureObjType=", kInvalid},
+        malformedCase{"captureSTDepth=", "captureSTDepth=", kInvalid},
+        malformedCase{"captureObjDepth=2147483648", "captureObjDepth=", kOutOfRange},
+        malformedCase{"captureObjType=-2147483649", "captureObjType=", kOutOfRange},
+        malformedCase{"captureSTDepth=99999999999999", "captureSTDepth=", kOutOfRange},
+        malformedCase{"ownerLookupsPerSecond=many", "ownerLookupsPerSecond=", kInvalid},
+        malformedCase{"OWNERLOOKUPSPERSECOND=2147483648", "ownerLookupsPerSecond=", kOutOfRange},
+        malformedCase{"scanInOneQuery=true", "scanInOneQuery=", kInvalid},
+        malformedCase{"scanInOneQuery=-2147483649", "scanInOneQuery=", kOutOfRange}));
 
 class shortOptions : public malformedOptions {};
 
@@ -505,7 +509,9 @@ INSTANTIATE_TEST_SUITE_P(
                       malformedCase{"twHome", "twHome=", nullptr},
                       malformedCase{"captureObjDepth", "captureObjDepth=", nullptr},
                       malformedCase{"captureObjType", "captureObjType=", nullptr},
-                      malformedCase{"captureSTDepth", "captureSTDepth=", nullptr}));
+                      malformedCase{"captureSTDepth", "captureSTDepth=", nullptr},
+                      malformedCase{"ownerLookupsPerSecond", "ownerLookupsPerSecond=", nullptr},
+                      malformedCase{"scanInOneQuery", "scanInOneQuery=", nullptr}));
 
 // --- APR -------------------------------------------------------------------------------------
 

@@ -384,6 +384,138 @@ INSTANTIATE_TEST_SUITE_P(owners, ownersMissedEnd,
                                            "GetThreadLocalStorage", "GetObjectClass",
                                            "GetObjectHashCode", "GetThreadInfo"));
 
+// --- At most so many looks a second.
+
+class ownersLimit : public owners {
+ protected:
+  // How many looks `entries` contended entries at one time make.
+  std::uint64_t looksOf(int entries) {
+    return asks([&] {
+      for (int i = 0; i < entries; ++i) vm.contendedEnter(b, lock);
+    });
+  }
+  // What the log says of those left out.
+  std::vector<std::string> leftOut() const {
+    std::vector<std::string> found;
+    for (const std::string& each : messages("Trace")) {
+      if (each.find("lookups left out") != std::string::npos) found.push_back(each);
+    }
+    return found;
+  }
+};
+
+TEST_F(ownersLimit, entriesBeyondItAreCountedAndTimedAndKeepTheirStack) {
+  load("ownerLookupsPerSecond=2");
+  beginDetail({lock});
+  vm.setOwner(lock, a);
+  setStack(b, {"a.B.run"});
+  EXPECT_EQ(looksOf(2), 2U);
+  EXPECT_EQ(asks([&] { contend(b, lock, 700); }), 0U);
+  EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 2U);
+  EXPECT_EQ(lockBeanOf(lock)->count, 3U);
+  EXPECT_EQ(threadOf(lock, "B")->count, 3U);
+  EXPECT_EQ(threadOf(lock, "B")->totalBlockTime, 700U);
+  const auto traces = tracesOf(lock, "B");
+  ASSERT_EQ(traces.size(), 1U);
+  EXPECT_EQ(traces.begin()->second.count, 3U);
+}
+
+TEST_F(ownersLimit, entryWithoutALookSaysNothingOfItsOwner) {
+  load("ownerLookupsPerSecond=1,logLevel=1");
+  beginDetail({lock});
+  looksOf(3);
+  EXPECT_THAT(errors(), ElementsAre("monitor usage owner not found"));
+  EXPECT_TRUE(locks()->findTopLock(nameOf(lock))->ownerSeen);
+}
+
+TEST_F(ownersLimit, isThatOfASecond) {
+  load("ownerLookupsPerSecond=4");
+  beginDetail({lock});
+  vm.setOwner(lock, a);
+  EXPECT_EQ(looksOf(10), 4U);
+  vm.advance(kSecond / 4);
+  EXPECT_EQ(looksOf(10), 1U);
+  vm.advance(10 * kSecond);
+  EXPECT_EQ(looksOf(10), 4U);
+}
+
+TEST_F(ownersLimit, isThatOfAllLocks) {
+  load("ownerLookupsPerSecond=1");
+  fake::object* const other = vm.makeObject("b.Lock");
+  beginDetail({lock, other});
+  EXPECT_EQ(looksOf(1), 1U);
+  EXPECT_EQ(asks([&] { vm.contendedEnter(b, other); }), 0U);
+}
+
+TEST_F(ownersLimit, coversTheQuestionForWaiters) {
+  load("ownerLookupsPerSecond=2");
+  beginDetailWithOwner(lock, a, b);
+  EXPECT_EQ(asks([&] { vm.contendedEnter(a, lock); }), 1U);
+  vm.setWaiters(lock, {c});
+  EXPECT_EQ(asks([&] { vm.contendedEntered(a, lock); }), 0U);
+  EXPECT_EQ(ownerOf(lock, "A")->blockCount, 0U);
+}
+
+TEST_F(ownersLimit, isNotTouchedByPeriodsThatNeedNoLook) {
+  load("ownerLookupsPerSecond=1");
+  beginDetailWithOwner(lock, a, b);
+  vm.contendedEnter(a, lock);
+  vm.contendedEnter(c, lock);
+  vm.contendedEntered(a, lock);  // C is known to wait
+  EXPECT_EQ(ownerOf(lock, "A")->blockCount, 1U);
+}
+
+class noOwnersLimit : public ownersLimit, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(noOwnersLimit, eachEntryLooks) {
+  load(GetParam());
+  beginDetail({lock});
+  EXPECT_EQ(looksOf(500), 500U);
+  stopProfiling();
+  EXPECT_THAT(leftOut(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(owners, noOwnersLimit,
+                         ::testing::Values("", "ownerLookupsPerSecond=0",
+                                           "ownerLookupsPerSecond=-5"));
+
+TEST_F(ownersLimit, mayStandBehindTheFeatures) {
+  load("features=mutexprofiling,OwnerLookupsPerSecond=3");
+  beginDetail({lock});
+  EXPECT_EQ(looksOf(10), 3U);
+}
+
+TEST_F(ownersLimit, whatWasLeftOutInASessionIsLoggedWithItsReport) {
+  load("ownerLookupsPerSecond=2");
+  beginDetail({lock});
+  looksOf(10);
+  stopDetail();
+  stopProfiling();
+  beginDetail({lock});
+  vm.advance(kSecond);
+  looksOf(2);
+  stopDetail();
+  stopProfiling();
+  EXPECT_THAT(leftOut(), ElementsAre("Owner lookups left out : 8 , at most 2 a second were made",
+                                     "Owner lookups left out : 0 , at most 2 a second were made"));
+}
+
+TEST_F(ownersLimit, isNoMatterOfALookThatIsShared) {
+  load("ownerLookupsPerSecond=1");
+  beginDetail({lock});
+  vm.setOwner(lock, a);
+  EXPECT_EQ(looksOf(1), 1U);
+  const auto top = locks()->findTopLock(nameOf(lock));
+  const auto shared = std::make_shared<agent::ownerLookup>();
+  shared->publish(agent::foundOwner{true, "A"});
+  {
+    const support::lockGuard guard(top->mutex);
+    top->lookup = shared;
+  }
+  EXPECT_EQ(looksOf(1), 0U);
+  EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 2U);
+}
+
 // --- Events that share one look for the owner.
 
 class ownersLook : public owners {

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <latch>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/jvmtiStatus.h"
+#include "support/rateLimit.h"
 #include "support/sharedSlot.h"
 #include "support/text.h"
 #include "support/vmTurn.h"
@@ -1097,6 +1099,98 @@ TEST_F(classNames, areReadByManyThreads) {
   }
   threads.clear();
   EXPECT_GE(names_->size(), objects.size());
+}
+
+// --- Limits for a second ---------------------------------------------------------------------
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr std::int64_t kStart = 5 * kSecond;
+
+// How many of `tries` at one time are taken.
+int takenOf(int tries, support::rateLimit& limit, std::int64_t now) {
+  int taken = 0;
+  for (int i = 0; i < tries; ++i) taken += limit.take(now) ? 1 : 0;
+  return taken;
+}
+
+TEST(rateLimit, withoutANumberThereIsNone) {
+  support::rateLimit limit;
+  EXPECT_EQ(limit.perSecond(), 0);
+  EXPECT_EQ(takenOf(1000, limit, kStart), 1000);
+}
+
+class rateLimits : public ::testing::TestWithParam<std::int32_t> {};
+
+TEST_P(rateLimits, areWhatCanBeTakenAtOnce) {
+  const std::int32_t most = GetParam();
+  support::rateLimit limit;
+  limit.set(most);
+  EXPECT_EQ(limit.perSecond(), most);
+  EXPECT_EQ(takenOf(2 * most, limit, kStart), most);
+}
+
+TEST_P(rateLimits, comeBackEvenlyWithinASecond) {
+  const std::int32_t most = GetParam();
+  support::rateLimit limit;
+  limit.set(most);
+  takenOf(most, limit, kStart);
+  EXPECT_EQ(takenOf(most, limit, kStart + kSecond / most - 1), 0);
+  EXPECT_EQ(takenOf(most, limit, kStart + kSecond / most), 1);
+  EXPECT_EQ(takenOf(2 * most, limit, kStart + kSecond), most - 1);
+}
+
+TEST_P(rateLimits, areSavedUpForASecondOnly) {
+  const std::int32_t most = GetParam();
+  support::rateLimit limit;
+  limit.set(most);
+  takenOf(most, limit, kStart);
+  EXPECT_EQ(takenOf(3 * most, limit, kStart + 100 * kSecond), most);
+}
+
+TEST_P(rateLimits, holdForALongTimeOfTries) {
+  const std::int32_t most = GetParam();
+  support::rateLimit limit;
+  limit.set(most);
+  int taken = 0;
+  for (std::int64_t now = kStart; now < kStart + 10 * kSecond; now += kSecond / 1000) {
+    taken += takenOf(1, limit, now);
+  }
+  EXPECT_GE(taken, 10 * most);
+  EXPECT_LE(taken, 11 * most);
+}
+
+INSTANTIATE_TEST_SUITE_P(numbers, rateLimits, ::testing::Values(1, 2, 3, 7, 100));
+
+TEST(rateLimit, oneOfAllNumbersIsNoLess) {
+  support::rateLimit limit;
+  limit.set(std::numeric_limits<std::int32_t>::max());
+  EXPECT_EQ(takenOf(1000, limit, kStart), 1000);
+}
+
+TEST(rateLimit, earlierTimesTakeNoMore) {
+  support::rateLimit limit;
+  limit.set(2);
+  EXPECT_EQ(takenOf(3, limit, kStart), 2);
+  EXPECT_EQ(takenOf(3, limit, kStart - kSecond), 0);
+  EXPECT_EQ(takenOf(3, limit, 0), 0);
+  EXPECT_EQ(takenOf(3, limit, kStart + kSecond), 2);
+}
+
+TEST(rateLimit, holdsForManyThreadsTogether) {
+  constexpr int kThreads = 8;
+  support::rateLimit limit;
+  limit.set(100);
+  std::atomic<int> taken{0};
+  std::latch start(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      taken += takenOf(1000, limit, kStart);
+    });
+  }
+  for (std::thread& each : threads) each.join();
+  EXPECT_EQ(taken, 100);
 }
 
 }  // namespace
