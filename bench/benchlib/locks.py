@@ -28,6 +28,7 @@ class Subject:
     agent: str = ""  # a reference agent, or "library"
     session: str = ""  # "", "summary" or "detail"
     options: tuple = ()
+    agent_options: str = ""  # of the library, beside the usual ones
 
 
 _TURNS = "--turns=true"
@@ -87,10 +88,20 @@ SUBJECTS = (
     Subject("floor-detail", "detail: floor agent", "floorAgent", "detail"),
     Subject("literal-detail", "detail: literal agent", "literalAgent", "detail"),
     Subject("library-detail", "detail: library", "library", "detail"),
+    Subject(
+        "bounded-detail",
+        "detail: library, 100 owner looks/s",
+        "library",
+        "detail",
+        agent_options=",ownerLookupsPerSecond=100",
+    ),
     Subject("recorder", "flight recorder"),
     Subject("monitoring", "ThreadMXBean monitoring", options=("--monitoring=true",)),
 )
-_QUICK_SUBJECTS = (NONE, LOADED, "library-summary", "literal-detail", "library-detail", "recorder")
+_QUICK_SUBJECTS = (
+    *(NONE, LOADED, "library-summary"),
+    *("literal-detail", "library-detail", "bounded-detail", "recorder"),
+)
 
 LEGEND = """
 Locks: throughput, with that of no agent as 1 (median of the turns, ± half of what their middle half
@@ -141,6 +152,11 @@ _GOALS = (
         _beside("library-detail", "literal-detail"),
         {**dict.fromkeys(_LOCKS_ONLY, 2.0), "64-on-16": 3.0},
     ),
+    tables.Goal(
+        "detail with 100 owner looks a second: at least 0.85 of the throughput without an agent",
+        _share_of_none("bounded-detail"),
+        dict.fromkeys(_ALL, 0.85),
+    ),
 )
 
 
@@ -180,7 +196,8 @@ def _java_arguments(workload, subject, library, plan, folder):
     session = "none"
     if subject.agent == "library":
         features = "features=mutexprofiling_memoryprofiling"
-        agent_options = [f"-agentpath:{library}=twHome={folder},logLevel=1,{features}"]
+        options = f"twHome={folder},logLevel=1,{features}{subject.agent_options}"
+        agent_options = [f"-agentpath:{library}={options}"]
         session = subject.session or "none"
     elif subject.name == "recorder":
         agent_options = build.recorder_options()

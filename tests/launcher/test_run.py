@@ -207,6 +207,13 @@ def test_profilers_choose_the_features(launcher, folder):
     assert features("--memory=track=a.B", "--exceptions") == "memoryprofiling_exceptionprofiling"
 
 
+def test_the_cost_is_bounded(launcher, folder):
+    shown = launcher.run("run", "--", "sh", "-c", "echo $JAVA_TOOL_OPTIONS", folder=folder).out
+    bounds = "ownerLookupsPerSecond=100,scanInOneQuery=1"
+    assert f",{bounds},features=" in shown
+    assert bounds in launcher.run("help", "run", folder=folder).out
+
+
 def test_settings_reach_the_controller(launcher, folder):
     options = ["--locks=summary = 30s, detail=10s,name=Käse, two 😀", "--memory=track=a.B,c.*,top=3"]
     launcher.run("run", *options, "--", "true", folder=folder)
