@@ -1,9 +1,11 @@
 // What the monitor handlers cost on the fake VM, an event at a time: nanoseconds and heap
-// allocations. Each "...Calls" benchmark makes the VM calls alone that the handler of the same name
-// cannot do without; the difference between the two is what the agent adds.
+// allocations, and instructions when it runs under callgrind (see guard.py). Each "...Calls"
+// benchmark makes the VM calls alone that the handler of the same name cannot do without; the
+// difference between the two is what the agent adds.
 #include <benchmark/benchmark.h>
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <unistd.h>
+#include <valgrind/callgrind.h>
 
 #include <array>
 #include <filesystem>
@@ -90,10 +92,13 @@ void runEvents(benchmark::State& state, Event&& event) {
   JNIEnv* const jni = agent.vm.env();
   std::size_t next = 0;
   const std::uint64_t before = allocationsSoFar();
+  CALLGRIND_START_INSTRUMENTATION;
   for (auto _ : state) {
     event(jvmti, jni, agent.worker, agent.locks[next]);
     next = (next + 1) % agent.locks.size();
   }
+  CALLGRIND_STOP_INSTRUMENTATION;
+  CALLGRIND_DUMP_STATS;
   state.counters["allocs/event"] = benchmark::Counter(
       static_cast<double>(allocationsSoFar() - before), benchmark::Counter::kAvgIterations);
 }
@@ -205,18 +210,26 @@ void detailEnteredCalls(benchmark::State& state) {
   });
 }
 
+// Instructions are the same in each run, so that under callgrind a fixed number of events will do.
+void setEvents(benchmark::internal::Benchmark* registered) {
+  constexpr int kCountedEvents = 1600;
+  if (RUNNING_ON_VALGRIND != 0) registered->Iterations(kCountedEvents);
+}
+
 }  // namespace
 
-BENCHMARK(summaryEnter);
-BENCHMARK(summaryEnterCalls);
-BENCHMARK(summaryEntered);
-BENCHMARK(summaryEnteredCalls);
-BENCHMARK(summaryWait);
-BENCHMARK(detailEnter);
-BENCHMARK(detailEnterCalls);
-BENCHMARK(detailEnterSelected);
-BENCHMARK(detailEnterSelectedCalls);
-BENCHMARK(detailEntered);
-BENCHMARK(detailEnteredCalls);
+#define EVENT_BENCHMARK(name) BENCHMARK(name)->Apply(setEvents)
+
+EVENT_BENCHMARK(summaryEnter);
+EVENT_BENCHMARK(summaryEnterCalls);
+EVENT_BENCHMARK(summaryEntered);
+EVENT_BENCHMARK(summaryEnteredCalls);
+EVENT_BENCHMARK(summaryWait);
+EVENT_BENCHMARK(detailEnter);
+EVENT_BENCHMARK(detailEnterCalls);
+EVENT_BENCHMARK(detailEnterSelected);
+EVENT_BENCHMARK(detailEnterSelectedCalls);
+EVENT_BENCHMARK(detailEntered);
+EVENT_BENCHMARK(detailEnteredCalls);
 
 BENCHMARK_MAIN();
