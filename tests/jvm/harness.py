@@ -196,13 +196,14 @@ class Jvm:
         return folder
 
     def run(self, program, *arguments, options=DEFAULT_OPTIONS, vm=(), folder=None, exit_code=0,
-            quiet=True, limit=120, environment=None):
+            quiet=True, limit=120, environment=None,
+            file_limit=resource.RLIM_INFINITY):
         """Runs the program to its end.
 
         Fails when it ends otherwise than with `exit_code`, takes more than `limit` seconds, shows
         any sign of a crash or misused native interface, or (`quiet`) writes to standard error.
         `options` None starts the agent without an option string. `environment` is added to the
-        one that every run gets.
+        one that every run gets. No file may get larger than `file_limit` bytes.
         """
         folder = folder or self.new_folder(program)
         home = folder / "home"
@@ -211,7 +212,7 @@ class Jvm:
             agent += "=" + options.replace(HOME, str(home))
         command = [self.java, "-Xmx256m", agent, *vm, "-cp", self.class_path, program,
                    *map(str, arguments)]
-        exit_status = self._execute(command, folder, limit, environment or {})
+        exit_status = self._execute(command, folder, limit, environment or {}, file_limit)
         out, err = ((folder / name).read_bytes().decode("latin-1") for name in ("out", "err"))
         told = f"{' '.join(command)}\nin {folder}\n--- out\n{out}\n--- err\n{err}"
         assert not list(folder.glob("hs_err*")), told
@@ -221,9 +222,14 @@ class Jvm:
         return Run(folder, home, exit_status, out, err, parse_facts(out))
 
     @staticmethod
-    def _execute(command, folder, limit, added):
+    def _execute(command, folder, limit, added, file_limit):
         foreign = ("JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS", "LD_PRELOAD")
         environment = {k: v for k, v in os.environ.items() if k not in foreign}
+
+        def set_limits():
+            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+            resource.setrlimit(resource.RLIMIT_FSIZE, (file_limit, resource.RLIM_INFINITY))
+
         with open(folder / "out", "wb") as out, open(folder / "err", "wb") as err:
             process = subprocess.Popen(
                 command,
@@ -232,7 +238,7 @@ class Jvm:
                 stdin=subprocess.DEVNULL,
                 stdout=out,
                 stderr=err,
-                preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (0, 0)),
+                preexec_fn=set_limits,
             )
             try:
                 status = process.wait(limit)

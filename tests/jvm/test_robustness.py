@@ -1,5 +1,7 @@
 """Control calls and collections while threads contend."""
 
+import re
+
 import pytest
 
 from harness import HOME
@@ -43,6 +45,20 @@ def test_200_sessions_under_contention(jvm):
             assert sum(counts.values()) <= report.locks[lock]["count"] + len(threads)
     # An owner that has just let go is nobody that an entry could be charged to.
     assert set(run.messages("Error")) <= {"monitor usage owner not found"}
+
+
+def test_a_limit_of_the_file_size_harms_only_the_log(jvm):
+    limit = 200_000
+    options = f"logLevel=4,twHome={HOME}"
+    run = jvm.run("ManySessions", 20, ".", "stacks.txt", options=options, file_limit=limit)
+    assert run.facts["ones"] == "40"
+    for i in range(1, 21):
+        assert run.report(f"{i}.json").locks
+    text = run.log_text()
+    assert len(text) == limit
+    _, *whole, _ = re.split(r"\n(?=[\d/]{8} [\d:]{8}\|)", text)  # the last one may be cut
+    assert len(whole) > 100
+    assert all(re.match(r"[^|]+\|\*{6}(\|[^|]+){7}\|.", record) for record in whole)
 
 
 @pytest.mark.parametrize("collector", [None, "Serial", "Parallel", "G1", "Z"])
