@@ -111,9 +111,10 @@ class documents {
   }
   // Some of the bytes; what a reader gets ends at the first NUL.
   std::string text() {
-    const std::size_t length = std::min<std::size_t>(next(), left_.size());
-    const std::string taken = asCharacters(left_.substr(0, length));
-    left_.remove_prefix(length);
+    const std::size_t wanted = next();
+    const std::string_view bytes = left_.substr(0, wanted);
+    const std::string taken = asCharacters(bytes);
+    left_.remove_prefix(bytes.size());
     return taken;
   }
   static std::string shown(const std::string& text) { return text.substr(0, text.find('\0')); }

@@ -9,7 +9,6 @@
 #include <functional>
 #include <latch>
 #include <map>
-#include <regex>
 #include <thread>
 
 #include "../agent/agentTest.h"
@@ -92,11 +91,14 @@ class logUnderStress : public test::agentTest {
   }
   // The name in the message of a line that is one whole record; else an empty text.
   static std::string nameIn(const std::string& line) {
-    static const std::regex columns(
-        "[0-9/]+ "
-        "[0-9:]+\\|\\*{6}\\|\\(null\\)\\|[0-9]+\\|NATIVE_AGENT\\|a\\.cpp\\|7\\|f\\|Error\\|");
     const std::size_t begin = line.find('<');
-    if (begin == std::string::npos || !std::regex_match(line.substr(0, begin), columns)) return "";
+    if (begin == std::string::npos) return "";
+    const std::string columns = line.substr(0, begin);
+    const std::size_t timeBytes = std::string("11/21/26 16:00:00").size();
+    if (columns.find("|******|(null)|") != timeBytes ||
+        !columns.ends_with("|NATIVE_AGENT|a.cpp|7|f|Error|")) {
+      return "";
+    }
     const std::string message = line.substr(begin);
     const std::string name = message.substr(1, message.find('-') - 1);
     const bool whole = message.size() > 2 * name.size() + 2 &&
