@@ -44,8 +44,9 @@ SUBJECTS = ()  # Always both.
 
 LEGEND = """
 Memory: processor time of a scan by the literal agent, and the library's with that as 1 (median of
-the scans, ± half of what their middle half covers); the part of the literal agent's time that the
-VM's heap walk and queries alone take, which no scan with one query for each generation can save;
+the scans, ± half of what their middle half covers), also with one query for all generations; the
+part of the literal agent's time that the VM's heap walk and queries alone take, which no scan with
+one query for each generation can save;
 the longest safepoint of a scan, and the longest query, during which the VM reaches no other one;
 processor time of GetTag and SetTag for one object, and setObjectTag and SetTag with that as 1.
 """
@@ -62,6 +63,9 @@ _SCAN = _value("scan", lambda line: line["library"]["processor"] / line["literal
 _VM_SHARE = _value(
     "scan", lambda line: (line["walk"] + line["queries"]) / line["literal"]["processor"]
 )
+_ONE_QUERY = _value(
+    "oneQuery", lambda line: line["library"]["processor"] / line["literal"]["processor"]
+)
 _TAG = _value("tag", lambda line: line["library"] / line["replace"])
 
 _GOALS = (
@@ -75,6 +79,12 @@ _GOALS = (
         "scan: half the literal agent's time for 1,000,000 objects in 5 generations",
         _SCAN,
         {Workload(1_000_000, 5).name: 0.5},
+        is_upper_limit=True,
+    ),
+    tables.Goal(
+        "one query: a tenth of the literal agent's time for 100,000 objects in 100 generations",
+        _ONE_QUERY,
+        {Workload(100_000, 100).name: 0.1},
         is_upper_limit=True,
     ),
     tables.Goal(
@@ -100,12 +110,23 @@ def subjects(_):
 
 
 def measure(jdk, workload, _, library, plan):
-    """Gives one round: the lines of MemoryBench, those of scans with their longest pauses."""
+    """Gives one round: the lines of MemoryBench, those of scans with their longest pauses.
+
+    Those of a second JVM, whose scans are one query, have the kind "oneQuery".
+    """
+    scans, tags = _run(jdk, workload, library, plan, "")
+    in_one_query, _ = _run(jdk, workload, library, plan, ",scanInOneQuery=1")
+    return scans + [{**scan, "kind": "oneQuery"} for scan in in_one_query] + tags
+
+
+def _run(jdk, workload, library, plan, more_options):
+    """Gives the lines of one JVM: of scans and of rounds of tagging."""
     folder = build.OUT / "sessions" / f"jdk-{jdk.version}" / f"memory-{workload.name}"
     (folder / "logs").mkdir(parents=True, exist_ok=True)
     safepoint_log = folder / "safepoints.log"
     safepoint_log.unlink(missing_ok=True)
     agent = f"-agentpath:{library}=twHome={folder},logLevel=1,features=memoryprofiling"
+    agent += more_options
     command = [
         jdk.program("java"),
         safepoints.option(safepoint_log),
@@ -124,7 +145,7 @@ def measure(jdk, workload, _, library, plan):
         pauses = log.between(scan["from"], scan["to"])
         scan["longestPause"] = max((each.nanos for each in pauses), default=0)
     tags = [line for line in lines if line["kind"] == "tag"]
-    return scans[1:] + tags[1:]  # The first of each are not typical.
+    return scans[1:], tags[1:]  # The first of each are not typical.
 
 
 def report(results):
@@ -133,8 +154,8 @@ def report(results):
     `results` has (JDK, workload) and the rounds measured.
     """
     print(LEGEND)
-    headings = ("", "Literal ms", "Library", "VM alone", "Pause ms, literal", "library", "Query ms",
-                "Tagging ns", "Library", "SetTag")
+    headings = ("", "Literal ms", "Library", "One query", "VM alone",
+                "Pause ms, literal", "library", "Query ms", "Tagging ns", "Library", "SetTag")
     rows = [
         [f"JDK {jdk.major}, {workload.title}", *_cells(rounds)]
         for (jdk, workload), rounds in results.items()
@@ -154,6 +175,7 @@ def _cells(rounds):
     return [
         median("scan", lambda line: line["literal"]["processor"] / 1e6),
         _SCAN(rounds),
+        _ONE_QUERY(rounds),
         _VM_SHARE(rounds),
         median("scan", lambda line: line["literal"]["longestPause"] / 1e6),
         median("scan", lambda line: line["library"]["longestPause"] / 1e6),
