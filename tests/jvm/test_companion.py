@@ -351,6 +351,13 @@ def test_old_logs_and_stray_folders_go(jvm, start):
     assert run.err == ""
 
 
+def test_folders_of_the_program_stay(jvm, start):
+    folder = jvm.new_folder("home")
+    name = folder.parts[1]  # which the agent makes, too
+    start("OwnFolder", name, folder=folder)
+    assert (folder / name).is_dir()
+
+
 # --- Control from inside and outside ---
 
 

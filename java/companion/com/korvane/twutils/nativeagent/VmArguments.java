@@ -1,6 +1,12 @@
 package com.korvane.twutils.nativeagent;
 
+import java.io.IOException;
 import java.lang.management.ManagementFactory;
+import java.nio.charset.Charset;
+import java.nio.file.Files;
+import java.nio.file.Paths;
+import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.Collections;
 import java.util.EnumSet;
 import java.util.List;
@@ -39,6 +45,53 @@ public final class VmArguments {
     } catch (LinkageError | SecurityException e) {
       return new VmArguments(null);
     }
+  }
+
+  /**
+   * Those of this JVM, as far as its environment and command line show them: argument files are not
+   * read. Asking leaves the JVM as it is.
+   */
+  public static VmArguments ofThisProcess() {
+    List<String> arguments = new ArrayList<>();
+    for (String variable : new String[] {"JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS"}) {
+      arguments.addAll(words(System.getenv(variable)));
+    }
+    try {
+      byte[] line = Files.readAllBytes(Paths.get("/proc/self/cmdline"));
+      Charset charset = Charset.forName(System.getProperty("sun.jnu.encoding", "UTF-8"));
+      arguments.addAll(Arrays.asList(new String(line, charset).split("\0")));
+    } catch (IOException | IllegalArgumentException e) {
+      // The environment alone, then.
+    }
+    return new VmArguments(arguments);
+  }
+
+  /** The words of a variable with options; quotes keep blanks in a word. */
+  static List<String> words(String text) {
+    List<String> words = new ArrayList<>();
+    StringBuilder word = null;
+    char quote = 0;
+    for (char c : (text == null ? "" : text).toCharArray()) {
+      if (quote == 0 && Character.isWhitespace(c)) {
+        if (word != null) {
+          words.add(word.toString());
+        }
+        word = null;
+        continue;
+      }
+      word = word == null ? new StringBuilder() : word;
+      if (quote == 0 && (c == '"' || c == '\'')) {
+        quote = c;
+      } else if (c == quote) {
+        quote = 0;
+      } else {
+        word.append(c);
+      }
+    }
+    if (word != null) {
+      words.add(word.toString());
+    }
+    return words;
   }
 
   /** The agent's option text, empty when it has none; null when there is no agent or no telling. */

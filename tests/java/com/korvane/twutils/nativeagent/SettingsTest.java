@@ -110,6 +110,9 @@ public final class SettingsTest {
         arguments("-agentpath:/a/libjavanativeagent.so=features=ALL_x").features());
     same("another agent", null, arguments("-agentpath:/a/other.so=twHome=/h").options());
     same("a path that the VM cuts", null, arguments(library).options());
+    same("words", Arrays.asList("-a", "-b=c d", "e'f"),
+        VmArguments.words(" -a\t-b='c d'  e\"'\"f "));
+    same("no variable", Collections.emptyList(), VmArguments.words(null));
   }
 
   private static VmArguments arguments(String... arguments) {

@@ -2,8 +2,8 @@ package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.NativeAgent;
 import com.korvane.twutils.nativeagent.VmArguments;
+import java.io.IOException;
 import java.lang.instrument.Instrumentation;
-import java.lang.management.ManagementFactory;
 import java.nio.file.InvalidPathException;
 import java.nio.file.Paths;
 import java.time.Duration;
@@ -27,20 +27,21 @@ public final class Companion {
   private Companion() {}
 
   public static void premain(String options, Instrumentation instrumentation) {
-    start(options, instrumentation);
+    start(options, instrumentation, Companion::deleteStrayFolders);
   }
 
   public static void agentmain(String options, Instrumentation instrumentation) {
-    start(options, instrumentation);
+    start(options, instrumentation, () -> {});
   }
 
-  private static void start(String text, Instrumentation instrumentation) {
+  /** @param cleanUp what is done first, when the agent is there */
+  private static void start(String text, Instrumentation instrumentation, Runnable cleanUp) {
     if (!kIsStarted.compareAndSet(false, true)) {
       Console.say("the companion runs already: its options '" + text + "' are left out");
       return;
     }
     try {
-      start(Options.parse(text), instrumentation);
+      start(Options.parse(text), instrumentation, cleanUp);
     } catch (SecurityException e) {
       Console.say("the security manager lets nothing be profiled: the policy has to grant"
           + " java.security.AllPermission to javanativeagent.jar (" + e.getMessage() + ")");
@@ -49,7 +50,7 @@ public final class Companion {
     }
   }
 
-  private static void start(Options options, Instrumentation instrumentation) {
+  private static void start(Options options, Instrumentation instrumentation, Runnable cleanUp) {
     for (String problem : options.problems()) {
       Console.say(problem);
     }
@@ -58,6 +59,7 @@ public final class Companion {
           + " -agentpath:/path/to/libjavanativeagent.so");
       return;
     }
+    cleanUp.run();
     Controller controller = new Controller(options.values(), instrumentation);
     Runtime.getRuntime().addShutdownHook(AgentThread.of("end", () -> end(controller)));
     controller.begin();
@@ -66,30 +68,37 @@ public final class Companion {
 
   private static void meetManagement(Controller controller) {
     register(controller);
-    cleanUp();
+    deleteOldLogs();
   }
 
   private static void end(Controller controller) {
     controller.end();
-    cleanUp();
+    deleteOldLogs();
   }
 
-  private static void cleanUp() {
+  private static void deleteOldLogs() {
     String home = kIsCleanedUp.getAndSet(true) ? null : VmArguments.ofThisJvm().home();
     if (home == null) {
       return;
     }
     try {
       HomeCleanUp.deleteOldLogs(Paths.get(home), Instant.now());
-      HomeCleanUp.deleteStrayFolders(home, Paths.get(""), vmStart());
     } catch (InvalidPathException e) {
       // A name that this locale cannot spell: what is there stays.
     }
   }
 
-  /** When the process began, as its uptime tells: the agent is loaded before the VM is whole. */
-  private static Instant vmStart() {
-    return Instant.now().minusMillis(ManagementFactory.getRuntimeMXBean().getUptime());
+  /** Before the program runs: later, it could be the program that has made and uses them. */
+  private static void deleteStrayFolders() {
+    String home = VmArguments.ofThisProcess().home();
+    if (home == null) {
+      return;
+    }
+    try {
+      HomeCleanUp.deleteStrayFolders(home, Paths.get(""), HomeCleanUp.processStart());
+    } catch (IOException | InvalidPathException e) {
+      // When the process began is not known, or the name cannot be spelled: what is there stays.
+    }
   }
 
   private static void register(Controller controller) {

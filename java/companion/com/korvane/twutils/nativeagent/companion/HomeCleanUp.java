@@ -1,6 +1,8 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import java.io.IOException;
+import java.math.BigDecimal;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.DirectoryIteratorException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
@@ -53,10 +55,10 @@ final class HomeCleanUp {
    * logs: it joins the pieces of the path without what separates them.
    *
    * @param home the agent's home, as it was given
-   * @param vmStart folders from before that are not the agent's
+   * @param start folders from before that are not the agent's
    */
-  static void deleteStrayFolders(String home, Path workingDirectory, Instant vmStart) {
-    Instant since = vmStart.minus(kClockTick);
+  static void deleteStrayFolders(String home, Path workingDirectory, Instant start) {
+    Instant since = start.minus(kClockTick);
     StringBuilder joined = new StringBuilder();
     int pieces = 0;
     for (String piece : home.split("/")) {
@@ -66,6 +68,25 @@ final class HomeCleanUp {
       pieces++;
       deleteIfEmpty(workingDirectory.resolve(joined.append(piece).toString()), since);
     }
+  }
+
+  /** When this process began: the system counts hundredth seconds since its own start. */
+  static Instant processStart() throws IOException {
+    Instant now = Instant.now();
+    String uptime = text("/proc/uptime").split(" ")[0];
+    String stat = text("/proc/self/stat");
+    // The name in parentheses may hold blanks; 20 numbers on is when it began.
+    String began = stat.substring(stat.lastIndexOf(')') + 2).split(" ")[19];
+    try {
+      long age = new BigDecimal(uptime).movePointRight(3).longValue() - Long.parseLong(began) * 10;
+      return now.minusMillis(age);
+    } catch (NumberFormatException e) {
+      throw new IOException(e);
+    }
+  }
+
+  private static String text(String file) throws IOException {
+    return new String(Files.readAllBytes(Paths.get(file)), StandardCharsets.US_ASCII);
   }
 
   private static void deleteIfEmpty(Path folder, Instant since) {

@@ -4,6 +4,7 @@ import static com.korvane.twutils.nativeagent.Checks.same;
 
 import com.korvane.twutils.nativeagent.Checks;
 import java.io.File;
+import java.lang.management.ManagementFactory;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileTime;
@@ -20,6 +21,7 @@ public final class HomeCleanUpTest {
     Checks.inFolder(HomeCleanUpTest::oldLogs);
     Checks.inFolder(folder -> HomeCleanUp.deleteOldLogs(folder.resolve("none"), kNow));
     Checks.inFolder(HomeCleanUpTest::strayFolders);
+    processStart();
     Checks.end();
   }
 
@@ -47,6 +49,12 @@ public final class HomeCleanUpTest {
   private static void log(Path logs, String name, int days) throws Exception {
     Path file = Files.createFile(logs.resolve(name));
     Files.setLastModifiedTime(file, FileTime.from(kNow.minus(Duration.ofDays(days))));
+  }
+
+  private static void processStart() throws Exception {
+    long started = ManagementFactory.getRuntimeMXBean().getStartTime();
+    long before = started - HomeCleanUp.processStart().toEpochMilli();
+    same("a little before the VM: " + before, true, before > -100 && before < 30_000);
   }
 
   private static void strayFolders(Path folder) throws Exception {
