@@ -423,3 +423,11 @@ def test_management_clients(start):
     records, summary = lines(run_folder(run) / "exceptions.jsonl")
     assert sum(r["class"] == "java.lang.ArithmeticException" for r in records) == 2
     assert summary["recorded"] == len(records)
+
+
+def test_a_listener_that_ends_the_jvm(start):
+    given = (f"output={OUTPUT},exceptions=true,locks=true,locks.delay=1500ms,locks.summary=20ms,"
+             "locks.detail=20ms,locks.repeat=forever")
+    run = start("ExitingListener", given=given, exit_code=7, quiet=False)
+    _, summary = lines(run_folder(run) / "exceptions.jsonl")
+    assert summary, "all sessions were ended"

@@ -5,6 +5,7 @@ import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.IOException;
 import java.lang.management.ManagementFactory;
 import java.nio.file.Path;
+import java.util.concurrent.Executors;
 import java.util.concurrent.atomic.AtomicLong;
 import javax.management.JMException;
 import javax.management.MBeanNotificationInfo;
@@ -12,7 +13,10 @@ import javax.management.Notification;
 import javax.management.NotificationBroadcasterSupport;
 import javax.management.ObjectName;
 
-/** The controller for management clients. */
+/**
+ * The controller for management clients. Listeners are told on a thread of their own: code of the
+ * program, which may take its time, control the agent or end the JVM, must not have the turn.
+ */
 final class NativeAgentBean extends NotificationBroadcasterSupport implements NativeAgentMXBean {
   private static final String kName = "com.korvane.tracewell:type=NativeAgent";
   private static final String kReportWritten = "tracewell.report.written";
@@ -22,6 +26,7 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
 
   private NativeAgentBean(Controller controller) {
     super(
+        Executors.newSingleThreadExecutor(body -> AgentThread.of("notifications", body)),
         new MBeanNotificationInfo(
             new String[] {kReportWritten},
             Notification.class.getName(),
