@@ -171,13 +171,18 @@ public final class LockSession {
     }
     phase = Phase.STOPPED;
     NativeAgent.ended(this);
-    if (TWNativeAgentProfiling.stopMutexLockProfilingSession(id, report.partPath()) != 1) {
-      throw new IOException(
-          "the agent wrote no lock report " + settings.report + ": its log says why");
+    try {
+      if (TWNativeAgentProfiling.stopMutexLockProfilingSession(id, report.partPath()) != 1) {
+        throw new IOException(
+            "the agent wrote no lock report " + settings.report + ": its log says why");
+      }
+      Path whole = report.publishJson();
+      stacks.publishLines();
+      written = whole;
+    } finally {
+      report.close();
+      stacks.close();
     }
-    Path whole = report.publishJson();
-    stacks.publishLines();
-    written = whole;
   }
 
   private void require(Phase expected, String next) {

@@ -119,10 +119,14 @@ public final class MemorySession {
   private void finish() throws IOException {
     isStopped = true;
     NativeAgent.ended(this);
-    if (TWNativeAgentProfiling.stopMemoryLeaksProfileSession(id, report.partPath()) != 1) {
-      throw new IOException(
-          "the agent wrote no memory report " + settings.report + ": its log says why");
+    try {
+      if (TWNativeAgentProfiling.stopMemoryLeaksProfileSession(id, report.partPath()) != 1) {
+        throw new IOException(
+            "the agent wrote no memory report " + settings.report + ": its log says why");
+      }
+      written = report.publishJson();
+    } finally {
+      report.close();
     }
-    written = report.publishJson();
   }
 }

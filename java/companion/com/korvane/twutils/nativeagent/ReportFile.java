@@ -10,25 +10,32 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
 import java.nio.file.attribute.PosixFilePermissions;
+import java.util.HashSet;
+import java.util.Set;
 
 /**
  * A file that the agent writes, which bears its name only once it is whole. Until then it stands
  * beside it, with ".part" at the end of its name. Only its owner may read it.
  *
- * <p>No operation minds that its thread is interrupted.
+ * <p>No operation minds that its thread is interrupted. They are for one thread at a time, whatever
+ * the file.
  */
 final class ReportFile {
   private static final String kPart = ".part";
 
+  /** Parts that sessions of this JVM write, by their real paths. */
+  private static final Set<Path> kOwned = new HashSet<>();
+
   private final String label;
   private final Path path;
   private final Path part;
+  private final Path owned;
 
   /**
    * Makes the empty part, and so finds out whether the file can be written.
    *
    * @param label what the file is, as in "lock report"
-   * @throws IllegalArgumentException when it cannot be made
+   * @throws IllegalArgumentException when it cannot be made, or another session writes it
    */
   ReportFile(String label, Path path) {
     this.label = label;
@@ -38,10 +45,15 @@ final class ReportFile {
       if (Files.isDirectory(path)) {
         throw new IOException("it is a folder");
       }
+      owned = part.getParent().toRealPath().resolve(part.getFileName());
+      if (kOwned.contains(owned)) {
+        throw new IOException("a session that is running writes it");
+      }
       Files.deleteIfExists(part);
       Files.createFile(
           part,
           PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
+      kOwned.add(owned);
     } catch (IOException e) {
       throw new IllegalArgumentException(
           "the " + label + " " + path + " cannot be written: " + reasonOf(e), e);
@@ -55,10 +67,19 @@ final class ReportFile {
 
   /** Takes the part away, which was not used. */
   void discard() {
+    kOwned.remove(owned);
     try {
       Files.deleteIfExists(part);
     } catch (IOException e) {
       // It stays, empty.
+    }
+  }
+
+  /** Ends the work on the file, whether it has got its name or not: a part with content stays. */
+  void close() {
+    kOwned.remove(owned);
+    if (part.toFile().length() == 0) {
+      discard();
     }
   }
 
@@ -85,9 +106,9 @@ final class ReportFile {
 
   private Path publish(String problem) throws IOException {
     if (problem != null) {
+      String rest = part.toFile().length() == 0 ? "" : "; what there is of it is in " + part;
       throw new IOException(
-          "the " + label + " " + path + " is not whole: " + problem
-              + " (is the disk full?); what there is of it is in " + part);
+          "the " + label + " " + path + " is not whole: " + problem + " (is the disk full?)" + rest);
     }
     try {
       Files.move(part, path, StandardCopyOption.ATOMIC_MOVE, StandardCopyOption.REPLACE_EXISTING);
