@@ -8,7 +8,10 @@ import java.nio.file.Path;
 import java.time.Duration;
 import java.util.concurrent.Future;
 
-/** Takes lock sessions through their phases, one after the other. Used in turn only. */
+/**
+ * Takes lock sessions through their phases, one after the other. Used in turn only, but for {@link
+ * #state}, which any thread may ask for.
+ */
 final class LockPlan {
   private final Controller controller;
   private final Duration delay;
@@ -18,9 +21,9 @@ final class LockPlan {
   private final String name;
   private int sessionsToCome; // negative for no end of them
 
-  private LockSession session;
+  private volatile LockSession session;
   private Future<?> next;
-  private boolean isOver;
+  private volatile boolean isOver;
 
   LockPlan(Controller controller, OptionReader options) {
     this.controller = controller;
@@ -47,7 +50,8 @@ final class LockPlan {
 
   /** What it is doing, in a word. */
   String state() {
-    return isOver ? "off" : session == null ? "waiting" : session.phase().toString();
+    LockSession current = session;
+    return isOver ? "off" : current == null ? "waiting" : current.phase().toString();
   }
 
   /**
