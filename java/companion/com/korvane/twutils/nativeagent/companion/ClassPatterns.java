@@ -1,12 +1,18 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import java.util.ArrayList;
+import java.util.LinkedHashSet;
 import java.util.List;
+import java.util.Set;
 
-/** Names of classes, and beginnings of such names: {@code a.B}, {@code a.b.*}, {@code a.Ses*}. */
+/**
+ * Names of classes, and beginnings of such names: {@code a.B}, {@code a.b.*}, {@code a.Ses*}. Knows
+ * which of them have matched. For one thread at a time.
+ */
 final class ClassPatterns {
   private final List<String> names = new ArrayList<>();
   private final List<String> prefixes = new ArrayList<>();
+  private final Set<String> unmatched = new LinkedHashSet<>();
 
   /** @throws IllegalArgumentException for what is no such pattern */
   ClassPatterns(List<String> patterns) {
@@ -19,6 +25,7 @@ final class ClassPatterns {
                 + "': expected names as in com.example.Session, or com.example.cache.*");
       }
       (isPrefix ? prefixes : names).add(name);
+      unmatched.add(pattern);
     }
   }
 
@@ -27,17 +34,20 @@ final class ClassPatterns {
   }
 
   boolean matches(String className) {
+    boolean isMatch = false;
     for (String name : names) {
       if (className.equals(name)) {
-        return true;
+        unmatched.remove(name);
+        isMatch = true;
       }
     }
     for (String prefix : prefixes) {
       if (className.startsWith(prefix)) {
-        return true;
+        unmatched.remove(prefix + '*');
+        isMatch = true;
       }
     }
-    return false;
+    return isMatch;
   }
 
   /** Those of the classes whose names match. */
@@ -49,5 +59,10 @@ final class ClassPatterns {
       }
     }
     return selected.toArray(new Class<?>[0]);
+  }
+
+  /** The patterns that no class has matched so far. */
+  List<String> unmatched() {
+    return new ArrayList<>(unmatched);
   }
 }

@@ -6,12 +6,14 @@ import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.time.Duration;
+import java.util.HashSet;
+import java.util.Set;
 import java.util.concurrent.Future;
 import java.util.function.Consumer;
 
 /**
  * Takes memory sessions through their time, one after the other, and looks for new objects to
- * follow at an interval. Used in turn only.
+ * follow at an interval. Used in turn only, but for {@link #state}, which any thread may ask for.
  */
 final class MemoryPlan {
   /** How long to wait for the end of a lock session's detail phase before it is looked at again. */
@@ -23,13 +25,14 @@ final class MemoryPlan {
   private final Duration delay;
   private final Duration duration;
   private final Consumer<MemorySettings> settings;
+  private final Set<String> told = new HashSet<>();
   private int sessionsToCome; // negative for no end of them
 
-  private MemorySession session;
+  private volatile MemorySession session;
   private SweepLog sweeps;
   private Future<?> next;
   private Future<?> nextSweep;
-  private boolean isOver;
+  private volatile boolean isOver;
 
   /** @throws IllegalArgumentException for names and patterns that are none */
   MemoryPlan(Controller controller, OptionReader options) {
@@ -80,7 +83,12 @@ final class MemoryPlan {
    */
   Path stop() throws IOException {
     try {
-      return session == null ? null : stopSession();
+      if (session == null) {
+        return null;
+      }
+      Path report = stopSession();
+      tellUnmatched();
+      return report;
     } finally {
       if (session == null) {
         isOver = true;
@@ -104,7 +112,10 @@ final class MemoryPlan {
     session = NativeAgent.startMemory(chosen);
     sweeps = new SweepLog(controller.sweeps(number));
     isOver = false;
-    if (!tracked.isEmpty()) {
+    if (tracked.isEmpty()) {
+      tell("untracked",
+          "memory sessions follow only what the program tags: memory.track names classes to follow");
+    } else {
       session.collect(); // nothing can be followed before the first collection
       nextSweep = controller.after(interval, this::sweep);
     }
@@ -122,6 +133,12 @@ final class MemoryPlan {
 
   private void addInstances() {
     Class<?>[] classes = tracked.select(controller.loadedClasses());
+    for (Class<?> each : classes) {
+      if (each.getName().indexOf('.') < 0) {
+        tell("unpackaged",
+            "class " + each.getName() + " is in no package: memory reports leave such classes out");
+      }
+    }
     long before = System.nanoTime();
     int count = session.track(classes);
     sweeps.add(classes.length, count, System.nanoTime() - before);
@@ -146,6 +163,7 @@ final class MemoryPlan {
     }
     if (sessionsToCome == 0) {
       isOver = true;
+      tellUnmatched();
     } else {
       startSession();
     }
@@ -169,6 +187,20 @@ final class MemoryPlan {
     }
     controller.reported("memory", report);
     return report;
+  }
+
+  /** Says a thing once, however many sessions there are. */
+  private void tell(String thing, String message) {
+    if (told.add(thing)) {
+      Console.say(message);
+    }
+  }
+
+  private void tellUnmatched() {
+    for (String pattern : tracked.unmatched()) {
+      Console.say("memory.track: no class that was loaded matches '" + pattern
+          + "' (nested classes are written com.example.Outer$Inner)");
+    }
   }
 
   private static void cancel(Future<?> step) {
