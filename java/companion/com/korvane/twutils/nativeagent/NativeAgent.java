@@ -19,7 +19,9 @@ public final class NativeAgent {
   // No monitor: the lock profiler would report it.
   private static final ReentrantLock kControl = new ReentrantLock();
 
-  private static long lastSession;
+  // Sessions of each kind have numbers of their own.
+  private static long lastLockSession;
+  private static long lastMemorySession;
   private static LockSession lockSession;
   private static MemorySession memorySession;
   private static boolean areExceptionsCaptured;
@@ -55,7 +57,7 @@ public final class NativeAgent {
         () -> {
           requireNone(lockSession, "a lock session");
           requireLoaded();
-          lockSession = LockSession.start(++lastSession, settings);
+          lockSession = LockSession.start(++lastLockSession, settings);
           return lockSession;
         });
   }
@@ -73,7 +75,7 @@ public final class NativeAgent {
           requireNone(memorySession, "a memory session");
           requireNoDetail("starting a memory session");
           requireLoaded();
-          memorySession = MemorySession.start(++lastSession, settings);
+          memorySession = MemorySession.start(++lastMemorySession, settings);
           return memorySession;
         });
   }
