@@ -90,7 +90,9 @@ def test_the_end_in_each_phase(start, phase, way, exit_code):
 def test_what_a_run_leaves(start):
     given = (f"output={OUTPUT},{LOCKS},locks.name=the till,exceptions=true,memory=true,"
              "memory.track=com.example.tracked.*\\,no.such.Class")
-    run = start("Profiled", "detail", "exit", OUTPUT, given=given, exit_code=7)
+    run = start("Profiled", "detail", "exit", OUTPUT, given=given, exit_code=7, quiet=False)
+    assert run.err == (SAY + "memory.track: no class that was loaded matches 'no.such.Class'"
+                       " (nested classes are written com.example.Outer$Inner)\n")
     folder = run_folder(run)
     assert names(folder) == ["exceptions.jsonl", "locks-1.json", "locks-1.stacks", "memory-1.json",
                              "memory-1.sweeps", "run.json"]
@@ -126,21 +128,46 @@ def test_what_a_run_leaves(start):
         assert record["raw"].startswith("Profiled.fail(Profiled.java:")
 
 
-def test_sessions_repeat(start):
+def test_lock_sessions_repeat(start):
     given = f"output={OUTPUT},locks=true,locks.summary=10ms,locks.detail=30ms,locks.repeat=3"
-    memory = "memory=true,memory.track=com.example.tracked.Tracked,memory.duration=50ms,"
-    run = start("Profiled", "locks-3.json", "return", OUTPUT,
-                given=f"{given},{memory}memory.repeat=2,memory.interval=20ms")
+    run = start("Profiled", "locks-3.json", "return", OUTPUT, given=given)
     folder = run_folder(run)
     reports = [name for name in names(folder) if name.endswith(".json")]
-    assert [f"locks-{i}.json" for i in (1, 2, 3)] == reports[:3], "and no fourth"
-    assert [Report(folder / f"locks-{i}.json").root["sessionid"] for i in (1, 2, 3)] == \
-        sorted({Report(folder / f"locks-{i}.json").root["sessionid"] for i in (1, 2, 3)})
-    assert "memory-1.json" in reports
+    assert reports == ["locks-1.json", "locks-2.json", "locks-3.json", "run.json"], "and no fourth"
+    assert [Report(folder / name).root["sessionid"] for name in reports[:3]] == [1, 2, 3]
+
+
+@pytest.mark.parametrize("repeat", ["2", "forever"])
+def test_memory_sessions_repeat(start, repeat):
+    given = "memory=true,memory.track=com.example.tracked.Tracked,memory.duration=50ms"
+    run = start("Profiled", "memory-2.json", "return", OUTPUT,
+                given=f"output={OUTPUT},{given},memory.repeat={repeat},memory.interval=20ms")
+    folder = run_folder(run)
+    reports = sorted(folder.glob("memory-*.json"), key=lambda file: int(file.stem[7:]))
+    numbers = [int(file.stem[7:]) for file in reports]
+    assert numbers == list(range(1, len(reports) + 1))
+    assert [Report(file).root["sessionid"] for file in reports] == numbers
+    if repeat == "2":
+        assert len(reports) == 2, "and no third"
+    else:
+        last = Report(reports[-1]).root["topNMemoryleakClass"]
+        assert last["com.example.tracked.Tracked"]["totalCount"] == 50
+
+
+def test_memory_sessions_that_follow_nothing(start):
+    """Each reason is told once."""
+    untagged = SAY + "memory sessions follow only what the program tags: memory.track names classes"
+    unpackaged = SAY + "class Profiled$Till is in no package: memory reports leave such classes out"
+    repeat = "memory=true,memory.duration=20ms,memory.repeat=2"
+    for track, told in (("", f"{untagged} to follow\n"),
+                        (",memory.track=Profiled$Till", unpackaged + "\n")):
+        run = start("Profiled", "memory-2.json", "return", OUTPUT, quiet=False,
+                    given=f"output={OUTPUT},{repeat}{track}")
+        assert run.err == told
 
 
 def test_a_killed_jvm_leaves_no_half_report(start):
-    given = f"output={OUTPUT},{LOCKS},memory=true,exceptions=true"
+    given = f"output={OUTPUT},{LOCKS},memory=true,memory.track=a.B,exceptions=true"
     run = start("Profiled", "detail", "kill", OUTPUT, given=given, exit_code=137)
     found = names(run_folder(run))
     assert "exceptions.jsonl" in found and "run.json" in found
@@ -148,7 +175,7 @@ def test_a_killed_jvm_leaves_no_half_report(start):
 
 
 def test_the_program_is_left_alone(start):
-    run = start("OwnLogManager", given=f"output={OUTPUT},exceptions=true,memory=true")
+    run = start("OwnLogManager", given=f"output={OUTPUT},exceptions=true,memory=true", quiet=False)
     assert run.facts["manager"] == "OwnLogManager$Chosen", "nobody has asked for a log manager before"
     run = start("Profiled", "waiting", "return", OUTPUT, given="")
     assert not list(run.folder.glob("run-*")) and not (run.folder / OUTPUT).exists()
@@ -423,6 +450,8 @@ def test_management_clients(start):
     records, summary = lines(run_folder(run) / "exceptions.jsonl")
     assert sum(r["class"] == "java.lang.ArithmeticException" for r in records) == 2
     assert summary["recorded"] == len(records)
+    assert "did you mean" in facts["refusedMeanwhile"]
+    assert {r["class"] for r in records} == {"java.lang.ArithmeticException"}, "none of the bean's"
 
 
 def test_a_listener_that_ends_the_jvm(start):

@@ -76,6 +76,7 @@ public final class Managed {
         Throwers.use(e);
       }
     }
+    invoke("refusedMeanwhile", "startLocks", "sumary=1s");
     invoke("stopExceptions", "stopExceptions");
     Facts.put("dropped", get("ExceptionsDropped"));
     Facts.put("sessions", get("LockSessions") + " " + get("MemorySessions"));

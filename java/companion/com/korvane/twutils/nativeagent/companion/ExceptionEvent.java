@@ -4,6 +4,20 @@ package com.korvane.twutils.nativeagent.companion;
 final class ExceptionEvent {
   private static final int kMaxMessage = 8192; // characters; a longer one is cut
 
+  /** Whether instances of a class answer for their message with Java's own code. */
+  private static final ClassValue<Boolean> kIsMessageJavas =
+      new ClassValue<Boolean>() {
+        @Override
+        protected Boolean computeValue(Class<?> type) {
+          try {
+            Class<?> declaring = type.getMethod("getMessage").getDeclaringClass();
+            return declaring.getClassLoader() == null || declaring.getName().startsWith("java.");
+          } catch (ReflectiveOperationException | LinkageError e) {
+            return false; // a class that cannot be linked whole
+          }
+        }
+      };
+
   final long millis;
   final String thread;
   final String className;
@@ -18,7 +32,10 @@ final class ExceptionEvent {
     this.record = record;
   }
 
-  /** For an exception that this thread is throwing now. Its message is asked for here. */
+  /**
+   * For an exception that this thread is throwing now. Its message is asked for here, unless that
+   * would run code of the program, which may hold locks or throw.
+   */
   static ExceptionEvent of(String record, Object exception) {
     return new ExceptionEvent(
         System.currentTimeMillis(),
@@ -29,12 +46,11 @@ final class ExceptionEvent {
   }
 
   private static String messageOf(Object exception) {
-    String message = null;
-    try {
-      message = exception instanceof Throwable ? ((Throwable) exception).getMessage() : null;
-    } catch (Throwable e) {
-      // Code of the program: an exception without a message, then.
+    if (!(exception instanceof Throwable)
+        || !kIsMessageJavas.get(exception.getClass()).booleanValue()) {
+      return null;
     }
+    String message = ((Throwable) exception).getMessage();
     return message == null || message.length() <= kMaxMessage
         ? message
         : message.substring(0, kMaxMessage);

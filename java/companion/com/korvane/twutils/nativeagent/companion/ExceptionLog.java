@@ -48,9 +48,17 @@ final class ExceptionLog implements ExceptionSink {
 
   @Override
   public void onException(String record, Object exception) {
-    if (!(Thread.currentThread() instanceof AgentThread)) {
-      add(ExceptionEvent.of(record, exception));
+    if (AgentThread.isAtWork() || AgentThread.isFailureOfHelp(exception)) {
+      return;
     }
+    ExceptionEvent event;
+    try {
+      event = ExceptionEvent.of(record, exception);
+    } catch (OutOfMemoryError | StackOverflowError e) {
+      dropped.incrementAndGet(); // what is being thrown, perhaps
+      return;
+    }
+    add(event);
   }
 
   /** Any thread; never waits. */

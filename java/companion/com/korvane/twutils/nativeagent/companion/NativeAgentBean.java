@@ -140,32 +140,44 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
 
   @Override
   public void startLocks(String options) {
-    controller.startLocks(options);
+    AgentThread.help(
+        () -> {
+          controller.startLocks(options);
+          return null;
+        });
   }
 
   @Override
   public String stopLocks() throws IOException {
-    return text(controller.stopLocks());
+    return text(AgentThread.<Path, IOException>help(controller::stopLocks));
   }
 
   @Override
   public void startExceptions(String options) {
-    controller.startExceptions(options);
+    AgentThread.help(
+        () -> {
+          controller.startExceptions(options);
+          return null;
+        });
   }
 
   @Override
   public String stopExceptions() throws IOException {
-    return text(controller.stopExceptions());
+    return text(AgentThread.<Path, IOException>help(controller::stopExceptions));
   }
 
   @Override
   public void startMemory(String options) {
-    controller.startMemory(options);
+    AgentThread.help(
+        () -> {
+          controller.startMemory(options);
+          return null;
+        });
   }
 
   @Override
   public String stopMemory() throws IOException {
-    return text(controller.stopMemory());
+    return text(AgentThread.<Path, IOException>help(controller::stopMemory));
   }
 
   private static String text(Path path) {

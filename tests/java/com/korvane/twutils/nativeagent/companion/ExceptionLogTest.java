@@ -59,16 +59,24 @@ public final class ExceptionLogTest {
   }
 
   private static void messages() {
-    RuntimeException hostile =
-        new RuntimeException() {
+    RuntimeException talkative =
+        new IllegalStateException("given") {
           private static final long serialVersionUID = 1;
 
           @Override
           public String getMessage() {
-            throw new IllegalStateException();
+            Checks.same("the program's own code is not run", "", super.getMessage());
+            return "made up";
           }
         };
-    Checks.contains("throwing", "\"message\":null", lineOf(hostile));
+    Checks.contains("overridden", "\"message\":null", lineOf(talkative));
+    RuntimeException plain =
+        new IllegalStateException("given") {
+          private static final long serialVersionUID = 1;
+        };
+    Checks.contains("inherited", "\"message\":\"given\"", lineOf(plain));
+    Checks.contains("overridden in Java", "\"message\":\"file: why\"",
+        lineOf(new java.nio.file.FileSystemException("file", null, "why")));
     char[] many = new char[100_000];
     Arrays.fill(many, 'x');
     String line = lineOf(new RuntimeException(new String(many)));
@@ -148,6 +156,12 @@ public final class ExceptionLogTest {
       done.countDown();
     }).start();
     done.await();
+    AgentThread.help(() -> {
+      AgentThread.help(() -> null);
+      log.onException("", new RuntimeException());
+      return null;
+    });
+    same("helped", false, AgentThread.isAtWork());
     log.start();
     log.close();
     same("summary alone", "{\"recorded\":0,\"dropped\":0}\n", Checks.text(log.path()));
