@@ -101,12 +101,29 @@ def test_start_and_stop(launcher, folder):
 
         wait_for(names_the_turnstile, "a session with contention")
 
+        verb("start", "--exceptions")
+        some = launcher.run("stop", process.pid, "--locks", "--exceptions", folder=folder)
+        assert some.code == 1 and "stop: locks: lock sessions are not running" in some.err, some
+        assert some.out.startswith("exceptions: ") and "off" in status("exceptions"), some
+
         assert "memory: running\n" == verb("start", "--memory=delay=0")
         wait_for(lambda: re.search(r" [1-9]\d* objects followed", status("memory")), "sweep")
         assert re.search(r"^memory: .*/memory-\d+\.json$", verb("stop"), re.M)
 
         assert "example.Idle$Ticket" in found.memory()
         assert {e["class"] for e in found.exceptions()} == {"example.Idle$Jam"}
+
+
+def test_a_jvm_whose_library_and_jar_were_replaced(launcher, folder):
+    library, jar = "libjavanativeagent.so", "javanativeagent.jar"
+    for name in (library, jar):
+        shutil.copy(launcher.root / "lib" / name, folder)
+    flags = (f"-agentpath:{folder}/{library}=twHome=.", f"-javaagent:{folder}/{jar}")
+    with plain_jvm(launcher, folder, *flags) as pid:
+        for name in (library, jar):
+            (folder / name).unlink()
+        assert re.search(rf"^{pid} ", done(launcher, "list", folder=folder), re.M)
+        assert "results     none yet\n" in done(launcher, "status", pid, folder=folder)
 
 
 def test_a_profiler_that_the_jvm_was_started_without(launcher, folder):
@@ -130,6 +147,7 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
         assert "was started without the agent; start it with: twprofile run -- " in told
         assert told.endswith(" example.Idle\n")
     assert "is no JVM" in refusal(os.getpid())
+    assert "null" not in refusal(1)
     assert "there is no process 999999999" in refusal(999999999)
     agent = f"-agentpath:{launcher.root}/lib/libjavanativeagent.so=twHome=."
     with plain_jvm(launcher, folder, agent) as pid:

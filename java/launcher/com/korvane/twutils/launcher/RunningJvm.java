@@ -4,6 +4,7 @@ import com.sun.tools.attach.AttachNotSupportedException;
 import com.sun.tools.attach.VirtualMachine;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.AccessDeniedException;
 import java.nio.file.FileSystemException;
 import java.nio.file.Files;
 import java.nio.file.NoSuchFileException;
@@ -17,6 +18,9 @@ import java.util.stream.Stream;
 final class RunningJvm {
   private static final Path PROCESSES = Path.of("/proc");
   private static final int SIGQUIT = 3;
+
+  /** What a file's name ends in that was replaced or deleted while it is in use. */
+  private static final String MAYBE_DELETED = "( \\(deleted\\))?";
 
   private final long pid;
   private final Path folder;
@@ -78,8 +82,13 @@ final class RunningJvm {
     } catch (NoSuchFileException e) {
       throw new IOException("there is no process " + pid + "; see: twprofile list", e);
     } catch (FileSystemException e) {
-      throw new IOException("process " + pid + " cannot be looked at: " + e.getReason(), e);
+      throw new IOException("process " + pid + " cannot be looked at: " + reasonOf(e), e);
     }
+  }
+
+  private static String reasonOf(FileSystemException e) {
+    boolean isDenied = e instanceof AccessDeniedException;
+    return e.getReason() != null ? e.getReason() : isDenied ? "permission denied" : e.toString();
   }
 
   long pid() {
@@ -130,7 +139,7 @@ final class RunningJvm {
   private boolean hasCompanion() throws IOException {
     try (Stream<Path> files = Files.list(folder.resolve("fd"))) {
       for (Path file : (Iterable<Path>) files::iterator) {
-        if (linkOf(file).endsWith("/javanativeagent.jar")) {
+        if (linkOf(file).matches(".*/javanativeagent\\.jar" + MAYBE_DELETED)) {
           return true;
         }
       }
@@ -148,7 +157,7 @@ final class RunningJvm {
   }
 
   private boolean hasMapped(String library) throws IOException {
-    return read("maps").contains("/" + library + "\n");
+    return read("maps").lines().anyMatch(line -> line.matches(".*/" + library + MAYBE_DELETED));
   }
 
   private boolean handlesQuit() throws IOException {

@@ -44,9 +44,8 @@ public final class Tools {
       default:
         RunningJvm jvm = RunningJvm.of(Long.parseLong(words.get(0)));
         try (CompanionConnection connection = jvm.connect()) {
-          control(verb, jvm, connection.bean(), words.subList(1, words.size()));
+          return control(verb, jvm, connection.bean(), words.subList(1, words.size()));
         }
-        return true;
     }
   }
 
@@ -66,18 +65,18 @@ public final class Tools {
     }
   }
 
-  private static void control(
+  /** Whether all could be done. */
+  private static boolean control(
       String verb, RunningJvm jvm, NativeAgentMXBean bean, List<String> words) throws IOException {
     switch (verb) {
       case "status":
         showStatus(jvm, bean);
-        break;
+        return true;
       case "start":
         start(bean, words);
-        break;
+        return true;
       case "stop":
-        stop(jvm, bean, words);
-        break;
+        return stop(jvm, bean, words);
       default:
         throw new IllegalArgumentException(verb);
     }
@@ -111,8 +110,8 @@ public final class Tools {
     }
   }
 
-  private static void stop(RunningJvm jvm, NativeAgentMXBean bean, List<String> words)
-      throws IOException {
+  /** Stops as many as it can; says on standard error which it could not, and why. */
+  private static boolean stop(RunningJvm jvm, NativeAgentMXBean bean, List<String> words) {
     List<Profiler> chosen = profilersIn(words);
     if (chosen.isEmpty()) {
       chosen = Stream.of(Profiler.values()).filter(each -> each.isOn(bean)).toList();
@@ -120,10 +119,17 @@ public final class Tools {
     if (chosen.isEmpty()) {
       throw new IllegalStateException("nothing is being profiled in JVM " + jvm.pid());
     }
+    boolean isWhole = true;
     for (Profiler profiler : chosen) {
-      String file = profiler.stop(bean);
-      System.out.println(profiler + ": " + (file == null ? "stopped before it began" : file));
+      try {
+        String file = profiler.stop(bean);
+        System.out.println(profiler + ": " + (file == null ? "stopped before it began" : file));
+      } catch (IOException | IllegalArgumentException | IllegalStateException e) {
+        System.err.println("twprofile: stop: " + profiler + ": " + e.getMessage());
+        isWhole = false;
+      }
     }
+    return isWhole;
   }
 
   private static List<Profiler> profilersIn(List<String> words) {
