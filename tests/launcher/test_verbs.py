@@ -171,6 +171,8 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
         (("start", "1", "--locks=detial=3s"), "no setting 'detial' (did you mean 'detail'?)"),
         (("stop", "-1"), "'-1' is no process id"),
         (("stop", "1", "--locks=top=3"), "locks.top=3 is too much"),
+        (("run", "-o", "--", "java"), "-o: expected a folder behind it"),
+        (("doctor", "-o", "--", "java"), "-o: expected a folder behind it"),
         (("doctor", "--otput=x"), "no option '--otput=x' (did you mean '--output'?)"),
     ),
 )
@@ -208,6 +210,20 @@ def test_report_shows_the_newest_run(launcher, folder):
         shown = done(launcher, "report", *words, folder=folder)
         assert "example.Idle$Turnstile@" in shown and "example.Idle$Jam" in shown
     assert "Usage" in done(launcher, "report", "--help", folder=folder)
+
+
+def test_report_of_a_run_that_finished_nothing(launcher, folder):
+    old, new = folder / OUTPUT / "run-20260101-000000-1", folder / OUTPUT / "run-20260102-000000-1"
+    for run in (old, new):
+        run.mkdir(parents=True)
+        (run / "run.json").write_text("{}")
+        (run / "locks-1.json.part").write_text("")
+    (old / "exceptions.jsonl").write_text('{"recorded":0,"dropped":0}\n')
+    for words in ((), (f"{OUTPUT}/{new.name}",)):
+        refused = launcher.run("report", *words, folder=folder)
+        assert refused.code == 1 and f"nothing was finished in '{OUTPUT}/{new.name}'" in refused.err
+    assert "nothing was finished" not in launcher.run(
+        "report", f"{OUTPUT}/{old.name}", folder=folder).err
 
 
 # --- doctor ----------------------------------------------------------------------------------
