@@ -2,6 +2,7 @@
 
 import os
 import signal
+import time
 import zipfile
 from pathlib import Path
 
@@ -228,6 +229,18 @@ def test_settings_reach_the_controller(launcher, folder):
         "memory.track=a.B,c.*",
         "memory.top=3",
     ]
+
+
+def test_old_settings_go(launcher, folder):
+    output = folder / OUTPUT
+    output.mkdir()
+    ended, runs, new = (
+        output / f"settings-20260101-000000-{pid}.properties" for pid in (99999999, 1, 99999998))
+    for file, days in ((ended, 7), (runs, 7), (new, 1)):
+        file.write_text("locks=true\n")
+        os.utime(file, (time.time() - days * 86400,) * 2)
+    launcher.run("run", "--", "true", folder=folder)
+    assert not ended.exists() and runs.exists() and new.exists()
 
 
 @pytest.mark.parametrize(
