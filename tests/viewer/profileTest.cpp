@@ -122,6 +122,39 @@ TEST_F(inputs, thatCannotBeReadAreToldAndTheOthersRead) {
             folder_.string() + "/missing: cannot be read: No such file or directory");
 }
 
+TEST_F(inputs, ofAFolderWithTheAgentsNamesAreComplainedAboutWhenDamaged) {
+  write("locks-1.json", std::string(100, '\0'));
+  write("memory-1.json", "[]");
+  write("locks-2.stacks", "gone");
+  write("exceptions-1.jsonl", "gone");
+  write("run.json", R"({"name": "x"})");
+  write("other.jsonl", "gone");
+  const profile all = readProfile({folder_});
+  EXPECT_THAT(all.problems, SizeIs(5));
+  for (const std::string& problem : all.problems) {
+    EXPECT_THAT(problem, HasSubstr("expected a lock report, stack file, ")) << problem;
+  }
+}
+
+TEST_F(inputs, mayBeginWithAByteOrderMark) {
+  const std::string mark = "\xEF\xBB\xBF";
+  const profile all =
+      readProfile({write("a", mark + kReport), write("b", mark + kStacks), write("c", mark)});
+  EXPECT_EQ(all.lockReports.size(), 1U);
+  EXPECT_EQ(all.stacks.size(), 2U);
+  ASSERT_THAT(all.problems, SizeIs(1));
+  EXPECT_THAT(all.problems[0], HasSubstr("c: expected a report, found an empty file"));
+}
+
+TEST_F(inputs, thatTellOfSweepsArePassedOver) {
+  write("locks-1.json", kReport);
+  const fs::path sweeps = write("memory-1.sweeps", R"({"sweep":"2026-11-21T14:35:15Z","added":3})");
+  for (const profile& all : {readProfile({folder_}), readProfile({sweeps})}) {
+    EXPECT_THAT(all.problems, IsEmpty());
+    EXPECT_TRUE(all.memoryReports.empty());
+  }
+}
+
 TEST_F(inputs, thatAreNoReportsAreRefused) {
   const fs::path text = write("a.txt", "hello");
   const fs::path json = write("a.json", R"({"name": "x"})");

@@ -38,6 +38,16 @@ class inputFile {
   inputFile& operator=(const inputFile&) = delete;
 
   std::string_view block() {
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    std::string_view bytes = nextBytes();
+    if (std::exchange(isStart_, false) && bytes.starts_with(kByteOrderMark)) {
+      bytes.remove_prefix(kByteOrderMark.size());
+    }
+    return bytes;
+  }
+
+ private:
+  std::string_view nextBytes() {
     ssize_t size = 0;
     do {
       size = read(descriptor_, buffer_.data(), buffer_.size());
@@ -48,7 +58,6 @@ class inputFile {
     return {buffer_.data(), static_cast<std::size_t>(size)};
   }
 
- private:
   [[noreturn]] void fail() const {
     throw inputError(
         fmt::format("{}: cannot be read: {}", name_, std::generic_category().message(errno)));
@@ -56,6 +65,7 @@ class inputFile {
 
   std::string name_;
   int descriptor_;
+  bool isStart_ = true;
   std::vector<char> buffer_ = std::vector<char>(kBlock);
 };
 

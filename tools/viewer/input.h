@@ -23,7 +23,8 @@ using byteSource = std::function<std::string_view()>;
 // The text must outlive the source.
 byteSource bytesOfText(std::string_view text);
 
-// Throws inputError with the system's reason, here and at each call.
+// Without the byte order mark that editors put before UTF-8. Throws inputError with the system's
+// reason, here and at each call.
 byteSource bytesOfFile(const std::filesystem::path& file);
 
 class lineReader {

@@ -19,7 +19,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-enum class kind { unknown, empty, lockReport, stackFile, exceptionLog, memoryReport, run };
+enum class kind { unknown, empty, lockReport, stackFile, exceptionLog, memoryReport, run, sweeps };
 
 // The members that tell documents apart.
 const std::map<std::string, kind, std::less<>>& tellingMembers() {
@@ -35,7 +35,8 @@ const std::map<std::string, kind, std::less<>>& tellingMembers() {
       {"dropped", kind::exceptionLog},
       {"pid", kind::run},
       {"java", kind::run},
-      {"command", kind::run}};
+      {"command", kind::run},
+      {"sweep", kind::sweeps}};
   return members;
 }
 
@@ -109,6 +110,9 @@ void readRun(profile& all, const fs::path& file) {
 
 void readFile(profile& all, const fs::path& file, kind what) {
   const std::string name = nameOf(file);
+  if (what == kind::sweeps) {
+    return;  // it says how the memory report came about, not what is in it
+  }
   all.inputs.push_back(name);
   switch (what) {
     case kind::lockReport:
@@ -131,6 +135,7 @@ void readFile(profile& all, const fs::path& file, kind what) {
       break;
     case kind::empty:
       throw inputError(name + ": expected a report, found an empty file");
+    case kind::sweeps:
     case kind::unknown:
       throw inputError(name +
                        ": expected a lock report, stack file, memory report, exception file or "
@@ -181,13 +186,28 @@ bool isLost(const fs::path& file) {
   return file.extension() == ".json";
 }
 
+// Whether the agent or its companion gives files such a name: one that is nothing they write was
+// damaged.
+bool isOwnName(const fs::path& file) {
+  const std::string name = file.filename();
+  const auto fits = [&name](const char* pattern) { return matches(pattern, name); };
+  return fits("locks-*.json") || fits("memory-*.json") || fits("*.stacks") ||
+         fits("exceptions*.jsonl") || fits("run.json");
+}
+
+// Whether a file in a folder is no report and nothing is lost with it.
+bool isOther(const fs::path& file, kind what) {
+  return what == kind::sweeps || (what == kind::empty && !isLost(file)) ||
+         (what == kind::unknown && !isOwnName(file));
+}
+
 // False when the folder holds none of these files.
 bool readFilesOf(profile& all, const fs::path& folder) {
   bool any = false;
   for (const fs::path& file : listed(folder, mayBeReport)) {
     noting(all, [&] {
       const kind what = kindOf(file);
-      if (what == kind::unknown || (what == kind::empty && !isLost(file))) {
+      if (isOther(file, what)) {
         return;
       }
       any = true;

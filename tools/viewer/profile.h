@@ -38,9 +38,10 @@ struct profile {
 };
 
 // Reads files, and folders with such files; a folder with none of its own stands for the newest
-// run-* folder in it. What a file is, is told by its content. In a folder, files of other kinds and
-// those that are being written (*.part) are passed over. What cannot be read is told in `problems`;
-// nothing is thrown for it.
+// run-* folder in it. What a file is, is told by its content. In a folder, files of other kinds are
+// passed over unless they have a name that the agent or its companion gives, and so are those that
+// are being written (*.part). The companion's *.sweeps are known and passed over. What cannot be
+// read is told in `problems`; nothing is thrown for it.
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
 
 // The exceptions of a profile by class and site, those with the most records first.
