@@ -1,10 +1,13 @@
 // The command as a shell starts it: output, exit codes, and the sample in the README.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -76,6 +79,38 @@ TEST(twreport, failsWhenItsOutputIsLost) {
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_EQ(result.output, "twreport: the output cannot be written: No space left on device\n");
   EXPECT_EQ(twreport(kSample + " >/dev/full 2>&1").exitCode, 1) << "its message is lost too";
+}
+
+TEST(twreport, replacesNothingButFilesByItsPage) {
+  namespace fs = std::filesystem;
+  std::string folder = testing::TempDir() + "pageXXXXXX";
+  ASSERT_NE(mkdtemp(folder.data()), nullptr);
+  const fs::path in = folder;
+  ASSERT_EQ(mkfifo((in / "pipe").c_str(), 0600), 0);
+  std::ofstream(in / "good.html") << "good";
+  fs::create_symlink(in / "good.html", in / "link");
+  fs::create_symlink(in / "nothing", in / "loose");
+  fs::create_directory(in / "folder");
+  for (const char* name : {"pipe", "link", "loose", "folder"}) {
+    const outcome result = twreport(kSample + " -o " + (in / name).string());
+    EXPECT_EQ(result.exitCode, 1) << name;
+    EXPECT_THAT(result.output, HasSubstr("expected a file or a new name, found a")) << name;
+  }
+  EXPECT_TRUE(fs::is_fifo(in / "pipe"));
+  EXPECT_TRUE(fs::is_symlink(in / "link"));
+  EXPECT_EQ(fs::file_size(in / "good.html"), 4U);
+  for (const char* name : {"-", "''"}) {
+    const outcome result = run("cd " + folder + " && '" TWREPORT "' " + kSample + " -o " + name);
+    EXPECT_THAT(result.output, HasSubstr("expected the name of a file")) << name;
+    EXPECT_GT(result.exitCode, 1);
+  }
+  EXPECT_EQ(twreport(kSample + " -o " + (in / "good.html").string()).exitCode, 0);
+  EXPECT_GT(fs::file_size(in / "good.html"), 4U);
+  EXPECT_EQ(fs::status(in / "good.html").permissions(),
+            fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(std::distance(fs::directory_iterator(in), fs::directory_iterator()), 5)
+      << "nothing unfinished is left";
+  fs::remove_all(in);
 }
 
 TEST(twreport, refusesWrongArguments) {

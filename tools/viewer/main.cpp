@@ -175,6 +175,10 @@ void addTables(CLI::App& to, arguments& given) {
   CLI::Option* json = to.add_flag("--json", given.json, "Print all as JSON");
   to.add_option("-o,--output", given.page, "Write all as an HTML page into this file instead")
       ->option_text("FILE")
+      ->check([](const std::string& file) {
+        return file.empty() || file == "-" ? "expected the name of a file, found '" + file + "'"
+                                           : "";
+      })
       ->excludes(json);
 }
 
