@@ -136,6 +136,20 @@ TEST_F(inputs, ofAFolderWithTheAgentsNamesAreComplainedAboutWhenDamaged) {
   }
 }
 
+TEST_F(inputs, areKnownByTheFirstLineThatTells) {
+  const std::string record = R"({"time":"t","thread":"t","class":"a.X","frames":[]})";
+  const profile all =
+      readProfile({write("cut", record.substr(0, 12) + '\n' + record + '\n'),
+                   write("other", "{\"a\": 1}\n" + record), write("stacks", "\x01\n" + kStacks)});
+  ASSERT_TRUE(all.exceptions);
+  EXPECT_EQ(all.exceptions->size(), 2U);
+  EXPECT_EQ(all.stacks.size(), 2U);
+  ASSERT_THAT(all.problems, SizeIs(3));
+  EXPECT_THAT(all.problems[0], HasSubstr("cut:1: expected a JSON document"));
+  EXPECT_THAT(all.problems[1], HasSubstr("other:1: "));
+  EXPECT_THAT(all.problems[2], HasSubstr("stacks:1: expected a line HASH="));
+}
+
 TEST_F(inputs, mayBeginWithAByteOrderMark) {
   const std::string mark = "\xEF\xBB\xBF";
   const profile all =

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "lockReport.h"
 #include "stackTable.h"
@@ -44,7 +45,8 @@ inline lockReport parsedReport(const std::string& text = kReport) {
 
 inline stackTable parsedStacks(const std::string& text = kStacks) {
   stackTable stacks;
-  readStackFile(bytesOfText(text), "s.txt", stacks);
+  std::vector<std::string> problems;
+  readStackFile(bytesOfText(text), "s.txt", stacks, problems);
   return stacks;
 }
 

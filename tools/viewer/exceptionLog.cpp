@@ -23,8 +23,6 @@ const shape& shapeOf<std::vector<std::string>>();
 
 namespace {
 
-constexpr std::size_t kProblemsOfAFile = 5;
-
 // A line is a record, or the summary at the end of a session.
 struct line {
   exceptionRecord record;
@@ -166,23 +164,12 @@ std::vector<exceptionGroup> exceptionLog::groups() const {
 void exceptionLog::add(byteSource bytes, const std::string& source,
                        std::vector<std::string>& problems) {
   sources_.push_back(source);
-  std::size_t bad = 0;
-  lineReader lines(std::move(bytes));
-  for (std::string text; lines.next(text);) {
-    try {
-      if (!isBlank(text)) {
-        addLine(text, fmt::format("{}:{}", source, lines.number()));
-      }
-    } catch (const inputError& e) {
-      if (++bad <= kProblemsOfAFile) {
-        problems.push_back(e.what());
-      }
-    }
-  }
-  if (bad > kProblemsOfAFile) {
-    problems.push_back(
-        fmt::format("{}: {} more lines are no exception records", source, bad - kProblemsOfAFile));
-  }
+  readLines(std::move(bytes), source, "exception records", problems,
+            [this](const std::string& text, const std::string& place) {
+              if (!isBlank(text)) {
+                addLine(text, place);
+              }
+            });
   std::stable_sort(lines_.begin(), lines_.end(),
                    [](const entry& left, const entry& right) { return left.time < right.time; });
 }

@@ -17,6 +17,7 @@ namespace viewer {
 namespace {
 
 constexpr std::size_t kBlock = 256 * 1024;
+constexpr std::size_t kProblemsOfAFile = 5;
 
 class inputFile {
  public:
@@ -94,6 +95,26 @@ bool lineReader::next(std::string& line) {
       return true;
     }
     rest_ = {};
+  }
+}
+
+void readLines(byteSource bytes, const std::string& source, const char* what,
+               std::vector<std::string>& problems,
+               const std::function<void(const std::string& line, const std::string& place)>& read) {
+  std::size_t bad = 0;
+  lineReader lines(std::move(bytes));
+  for (std::string line; lines.next(line);) {
+    try {
+      read(line, fmt::format("{}:{}", source, lines.number()));
+    } catch (const inputError& e) {
+      if (++bad <= kProblemsOfAFile) {
+        problems.push_back(e.what());
+      }
+    }
+  }
+  if (bad > kProblemsOfAFile) {
+    problems.push_back(
+        fmt::format("{}: {} more lines are no {}", source, bad - kProblemsOfAFile, what));
   }
 }
 

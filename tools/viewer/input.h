@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace viewer {
 
@@ -42,5 +43,12 @@ class lineReader {
   std::string_view rest_;  // of the last piece
   std::size_t number_ = 0;
 };
+
+// Gives each line to `read` with its place, as in "FILE:7". The inputErrors that this throws go to
+// `problems`, those of many lines as the first few and the number of the others, which are "no
+// WHAT".
+void readLines(byteSource bytes, const std::string& source, const char* what,
+               std::vector<std::string>& problems,
+               const std::function<void(const std::string& line, const std::string& place)>& read);
 
 }  // namespace viewer

@@ -45,22 +45,65 @@ std::string nameOf(const fs::path& file) {
   return toUtf8(file.string());
 }
 
+kind kindOfDocument(byteSource bytes, const std::string& source) {
+  const std::string member = firstMember(std::move(bytes), source, [](std::string_view name) {
+    return tellingMembers().contains(name);
+  });
+  return member.empty() ? kind::unknown : tellingMembers().find(member)->second;
+}
+
+// What a line tells of a file whose lines stand for themselves.
+kind kindOfLine(const std::string& line) {
+  if (isStackLine(line)) {
+    return kind::stackFile;
+  }
+  try {
+    const kind what = kindOfDocument(bytesOfText(line), "line");
+    return what == kind::exceptionLog || what == kind::sweeps ? what : kind::unknown;
+  } catch (const inputError&) {
+    return kind::unknown;
+  }
+}
+
+// By the first line that tells, so that a damaged one before it costs no more than itself.
+kind kindOfLines(const fs::path& file) {
+  constexpr std::size_t kSearched = 1024 * 1024;  // bytes
+  std::size_t seen = 0;
+  lineReader lines([&seen, bytes = bytesOfFile(file)] {
+    const std::string_view block = seen < kSearched ? bytes() : std::string_view();
+    seen += block.size();
+    return block;
+  });
+  for (std::string line; lines.next(line);) {
+    if (const kind what = kindOfLine(line); what != kind::unknown) {
+      return what;
+    }
+  }
+  return kind::unknown;
+}
+
 // Throws inputError when the file cannot be read, or ends or goes wrong before its kind is clear.
 kind kindOf(const fs::path& file) {
-  constexpr std::size_t kLongestHash = 20;
   const byteSource bytes = bytesOfFile(file);
   const std::string_view start = bytes();
   if (start.empty()) {
     return kind::empty;
   }
+  kind what = kind::unknown;
+  std::optional<inputError> problem;
   const std::size_t first = start.find_first_not_of(" \t\r\n");
-  if (first == start.npos || start[first] != '{') {
-    return isStackLine(start.substr(0, kLongestHash + 2)) ? kind::stackFile : kind::unknown;
+  if (first != start.npos && start[first] == '{') {
+    try {
+      what = kindOfDocument(bytesOfFile(file), nameOf(file));
+    } catch (const inputError& e) {
+      problem = e;
+    }
   }
-  const std::string member =
-      firstMember(bytesOfFile(file), nameOf(file),
-                  [](std::string_view name) { return tellingMembers().contains(name); });
-  return member.empty() ? kind::unknown : tellingMembers().find(member)->second;
+  what = what == kind::unknown ? kindOfLines(file) : what;
+  if (what == kind::unknown && problem) {
+    throw *problem;
+  }
+  return what;
 }
 
 // Whatever type an option has, it is shown as a text.
@@ -119,7 +162,7 @@ void readFile(profile& all, const fs::path& file, kind what) {
       all.lockReports.push_back(readLockReport(bytesOfFile(file), name));
       break;
     case kind::stackFile:
-      readStackFile(bytesOfFile(file), name, all.stacks);
+      readStackFile(bytesOfFile(file), name, all.stacks, all.problems);
       break;
     case kind::exceptionLog:
       if (!all.exceptions) {

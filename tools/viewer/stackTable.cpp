@@ -1,7 +1,5 @@
 #include "stackTable.h"
 
-#include <fmt/format.h>
-
 #include <charconv>
 
 #include "utf8.h"
@@ -93,14 +91,14 @@ bool isStackLine(std::string_view line) {
   return equals != line.npos && parseHash(line.substr(0, equals));
 }
 
-void readStackFile(byteSource bytes, const std::string& source, stackTable& stacks) {
-  lineReader lines(std::move(bytes));
-  for (std::string line; lines.next(line);) {
-    if (!addStack(line, stacks)) {
-      throw inputError(fmt::format("{}:{}: expected a line HASH=[at a.b.C.method(),at ...]", source,
-                                   lines.number()));
-    }
-  }
+void readStackFile(byteSource bytes, const std::string& source, stackTable& stacks,
+                   std::vector<std::string>& problems) {
+  readLines(std::move(bytes), source, "stacks", problems,
+            [&stacks](const std::string& line, const std::string& place) {
+              if (!addStack(line, stacks)) {
+                throw inputError(place + ": expected a line HASH=[at a.b.C.method(),at ...]");
+              }
+            });
 }
 
 }  // namespace viewer

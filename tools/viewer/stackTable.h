@@ -42,8 +42,9 @@ std::optional<std::uint64_t> parseHash(std::string_view digits);
 // Whether the line begins as those of a stack file do.
 bool isStackLine(std::string_view line);
 
-// Reads a stack file, one stack a line, into `stacks`. Throws inputError with source and line for a
-// line of another form; the stacks before it are kept.
-void readStackFile(byteSource bytes, const std::string& source, stackTable& stacks);
+// Reads a stack file, one stack a line, into `stacks`. A line of another form is left out and told
+// in `problems`.
+void readStackFile(byteSource bytes, const std::string& source, stackTable& stacks,
+                   std::vector<std::string>& problems);
 
 }  // namespace viewer

@@ -39,7 +39,7 @@ profile readAll(std::string_view text) {
   profile all;
   reading(all, [&] { all.lockReports.push_back(readLockReport(bytesOfText(text), "l")); });
   reading(all, [&] { all.memoryReports.push_back(readMemoryReport(bytesOfText(text), "m")); });
-  reading(all, [&] { readStackFile(bytesOfText(text), "s", all.stacks); });
+  reading(all, [&] { readStackFile(bytesOfText(text), "s", all.stacks, all.problems); });
   reading(all, [&] {
     exceptionLog log;
     log.add(bytesOfText(text), "e", all.problems);
