@@ -55,6 +55,21 @@ def test_table_sorts_on_the_difference(comparison):
     assert table.numbers("Difference") == [10, 7, 1, -4, -27]
 
 
+def test_what_one_run_lacks_is_not_compared(browser, twreport, tmp_path):
+    for side, sessions in (("before", 1), ("after", 2)):
+        for number in range(1, sessions + 1):
+            session = reports.LockSession(session=number)
+            session.lock("a.B@1", blocked=5)
+            session.write(tmp_path / side)
+    reports.write_memory(tmp_path / "before", {"a.C": {1: (2, 48)}})
+    page = tmp_path / "diff.html"
+    subprocess.run([twreport, "diff", tmp_path / "before", tmp_path / "after", "-o", page],
+                   check=True, timeout=60)
+    browser.open(page)
+    assert "Not recorded in AFTER." in browser.text()
+    assert "Summed over the sessions of each run: 1 before, 2 after." in browser.text()
+
+
 def test_hostile_names_are_texts(comparison):
     name = "<img src=x onerror=window.hacked=1>"
     browser = comparison({f"{name}@1": 1}, {f"{name}@2": 9})

@@ -81,9 +81,33 @@ TEST(comparison, ofRecordedRunsHasAllKinds) {
   ASSERT_EQ(both.tables.size(), 4U);
   EXPECT_EQ(both.tables[3].rows[0].name, "com.example.shop.Session");
   EXPECT_EQ(both.tables[3].rows[0].after, 696640U);
-  for (const comparedSum& row : both.tables[2].rows) {
-    EXPECT_EQ(changeOf(row, {}), change::went) << row.name;
-  }
+  EXPECT_EQ(both.tables[2].notRecordedIn, "AFTER");
+  EXPECT_TRUE(both.tables[2].rows.empty()) << "nothing went";
+}
+
+TEST(comparison, saysWhichRunLacksAKindOfReport) {
+  const comparison both = compare(profile(), runOf(kReport), {});
+  EXPECT_EQ(both.tables.size(), 2U);
+  const std::string text = comparisonTables(both, 5, {});
+  EXPECT_THAT(text, HasSubstr("\nlocks, by blocked seconds: not recorded in BEFORE\n"));
+  EXPECT_THAT(text, Not(HasSubstr("came")));
+}
+
+TEST(comparison, takesARunThatMetNoExceptionAsRecorded) {
+  profile before = readProfile({DATA_FOLDER "/shop-run"});
+  profile after = readProfile({DATA_FOLDER "/shop-run/run.json"});
+  after.run->options["exceptions"] = "true";
+  const comparison both = compare(std::move(before), std::move(after), {});
+  const comparedTable& exceptions = both.tables[2];
+  EXPECT_FALSE(exceptions.notRecordedIn);
+  EXPECT_EQ(changeOf(exceptions.rows.at(0), {}), change::went);
+}
+
+TEST(comparison, saysOverHowManySessionsItSums) {
+  profile twice = runOf(kReport);
+  twice.lockReports.push_back(twice.lockReports[0]);
+  EXPECT_THAT(comparisonTables(compare(runOf(kReport), std::move(twice), {}), 5, {}),
+              HasSubstr("Summed over the sessions of each run: 1 before, 2 after.\n"));
 }
 
 TEST(comparison, hasAJsonForm) {
@@ -91,6 +115,7 @@ TEST(comparison, hasAJsonForm) {
   writeJson(compare(runOf(kReport), changedRun(), {}), text);
   const nlohmann::json form = nlohmann::json::parse(text.str());
   EXPECT_EQ(form["threshold"]["percent"], 10);
+  EXPECT_TRUE(form["tables"][0]["notRecordedIn"].is_null());
   EXPECT_EQ(form["tables"][0]["rows"][1], nlohmann::json::parse(R"({"name": "a.Cart", "before": 1,
       "after": null, "change": "went"})"));
 }

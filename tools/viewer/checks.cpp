@@ -70,15 +70,6 @@ void checkSurvivors(const profile& all, const survivorLimit& limit,
   }
 }
 
-// A run that was to record exceptions and met none may have left no file.
-bool recordsExceptions(const profile& all) {
-  const auto isOn = [](const runInfo& run) {
-    const auto option = run.options.find("exceptions");
-    return option != run.options.end() && option->second == "true";
-  };
-  return all.exceptions || (all.run && isOn(*all.run));
-}
-
 void checkExceptions(const profile& all, const std::string& pattern,
                      std::vector<std::string>& broken) {
   if (!recordsExceptions(all)) {

@@ -79,19 +79,30 @@ sums bytesByClass(const profile& all) {
 comparison compare(profile before, profile after, threshold limit) {
   comparison result = {std::move(before), std::move(after), limit, {}};
   const auto add = [&result](const char* name, const char* measure, sums (*of)(const profile&),
-                             bool isKnown) {
-    if (isKnown) {
-      result.tables.push_back({name, measure, joined(of(result.before), of(result.after))});
+                             std::size_t (*sessionsOf)(const profile&)) {
+    comparedTable table = {.name = name,
+                           .measure = measure,
+                           .rows = {},
+                           .notRecordedIn = {},
+                           .sessionsBefore = sessionsOf(result.before),
+                           .sessionsAfter = sessionsOf(result.after)};
+    if (table.sessionsBefore == 0 && table.sessionsAfter == 0) {
+      return;
     }
+    if (table.sessionsBefore == 0 || table.sessionsAfter == 0) {
+      table.notRecordedIn = table.sessionsBefore == 0 ? "BEFORE" : "AFTER";
+    } else {
+      table.rows = joined(of(result.before), of(result.after));
+    }
+    result.tables.push_back(std::move(table));
   };
-  const profile& a = result.before;
-  const profile& b = result.after;
-  const bool hasLocks = !a.lockReports.empty() || !b.lockReports.empty();
-  add("locks", "blocked seconds", blockedByClass, hasLocks);
-  add("sites", "contended entries", entriesBySite, hasLocks);
-  add("exceptions", "records", exceptionsByOrigin, a.exceptions || b.exceptions);
+  const auto lockSessions = [](const profile& all) { return all.lockReports.size(); };
+  add("locks", "blocked seconds", blockedByClass, lockSessions);
+  add("sites", "contended entries", entriesBySite, lockSessions);
+  add("exceptions", "records", exceptionsByOrigin,
+      [](const profile& all) -> std::size_t { return recordsExceptions(all) ? 1 : 0; });
   add("classes", "surviving bytes", bytesByClass,
-      !a.memoryReports.empty() || !b.memoryReports.empty());
+      [](const profile& all) { return all.memoryReports.size(); });
   return result;
 }
 

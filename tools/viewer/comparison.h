@@ -23,6 +23,10 @@ struct comparedTable {
   const char* name;               // "locks"
   const char* measure;            // "blocked seconds"
   std::vector<comparedSum> rows;  // the largest difference first
+  // "BEFORE" or "AFTER": the run without such reports, which is not compared: there are no rows.
+  std::optional<std::string> notRecordedIn;
+  std::size_t sessionsBefore = 1;  // that the sums are of
+  std::size_t sessionsAfter = 1;
 };
 
 // When a difference counts: it has to reach both.

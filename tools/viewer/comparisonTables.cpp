@@ -32,6 +32,10 @@ std::string percentText(const comparedSum& row) {
 }
 
 std::string countsLine(const comparedTable& table, const threshold& limit) {
+  if (table.notRecordedIn) {
+    return fmt::format("{}, by {}: not recorded in {}\n", table.name, table.measure,
+                       *table.notRecordedIn);
+  }
   std::string counts;
   for (change what : kChanges) {
     const auto number =
@@ -40,6 +44,14 @@ std::string countsLine(const comparedTable& table, const threshold& limit) {
     counts += fmt::format("{}{} {}", counts.empty() ? "" : ", ", number, nameOf(what));
   }
   return fmt::format("{}, by {}: {}\n", table.name, table.measure, counts);
+}
+
+// Sums over more sessions are larger for that alone.
+std::string sessionsLine(const comparedTable& table) {
+  return table.notRecordedIn || (table.sessionsBefore <= 1 && table.sessionsAfter <= 1)
+             ? ""
+             : fmt::format("Summed over the sessions of each run: {} before, {} after.\n",
+                           table.sessionsBefore, table.sessionsAfter);
 }
 
 std::string changesOf(const comparedTable& table, const threshold& limit, std::size_t rows,
@@ -72,7 +84,7 @@ std::string comparisonTables(const comparison& both, std::size_t rows, const loo
   std::string result = fmt::format("A difference counts from {} % and {} on.\n", both.limit.percent,
                                    both.limit.least);
   for (const comparedTable& table : both.tables) {
-    result += '\n' + terminal.strong(countsLine(table, both.limit)) +
+    result += '\n' + terminal.strong(countsLine(table, both.limit)) + sessionsLine(table) +
               changesOf(table, both.limit, rows, terminal);
   }
   return result;

@@ -257,6 +257,9 @@ void writeJson(const comparison& both, std::ostream& out) {
   json.member("least", both.limit.least).endObject();
   writeArray(json, "tables", both.tables, [&](const comparedTable& table) {
     json.beginObject().member("name", table.name).member("measure", table.measure);
+    json.member("notRecordedIn", table.notRecordedIn);
+    json.member("sessionsBefore", table.sessionsBefore);
+    json.member("sessionsAfter", table.sessionsAfter);
     writeArray(json, "rows", table.rows, [&](const comparedSum& row) {
       json.beginObject().member("name", row.name).member("before", row.before);
       json.member("after", row.after);

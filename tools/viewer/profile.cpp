@@ -334,6 +334,14 @@ std::vector<exceptionGroup> groupsOf(const profile& all) {
   return all.exceptions ? all.exceptions->groups() : std::vector<exceptionGroup>();
 }
 
+bool recordsExceptions(const profile& all) {
+  const auto isOn = [](const runInfo& run) {
+    const auto option = run.options.find("exceptions");
+    return option != run.options.end() && option->second == "true";
+  };
+  return all.exceptions || (all.run && isOn(*all.run));
+}
+
 void filter(profile& all, const std::string& text) {
   for (lockReport& report : all.lockReports) {
     std::erase_if(report.locks, [&](const lockEntry& lock) {

@@ -47,6 +47,9 @@ profile readProfile(const std::vector<std::filesystem::path>& inputs);
 // The exceptions of a profile by class and site, those with the most records first.
 std::vector<exceptionGroup> groupsOf(const profile& all);
 
+// Whether exceptions were recorded: a run that was to record them and met none may have left no file.
+bool recordsExceptions(const profile& all);
+
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
 // threads and stacks, blockers, exception records by anything in them, classes by name.
 void filter(profile& all, const std::string& text);

@@ -24,12 +24,16 @@ const comparisonView = {
 const sideText = (side) => [side.run?.command, side.run?.started && formatTime(side.run.started),
   side.inputs.join(', ')].filter(Boolean).join(' · ');
 
-function comparedPanel({name, measure, rows}) {
+function comparedPanel({name, measure, rows, notRecordedIn, sessionsBefore, sessionsAfter}) {
   const counts = kChanges.map((change) =>
     [change, rows.filter((row) => row.change === change).length]);
   const difference = (row) => Number(row.after ?? 0) - Number(row.before ?? 0);
   const widest = maximum(rows.map((row) => Math.abs(difference(row))));
   const title = name[0].toUpperCase() + name.slice(1);
+  if (notRecordedIn) {
+    return panel(`${title}, ${measure}`,
+      el('p', {class: 'note'}, `Not recorded in ${notRecordedIn}.`));
+  }
   const table = filteredTable({
     caption: `${title} of both runs`, rows, columns: [
       {title: 'Name', wide: true, value: (row) => named(row.name), show: (row) => javaName(row.name)},
@@ -46,6 +50,8 @@ function comparedPanel({name, measure, rows}) {
     ],
   }, (row) => `${row.name}\n${row.change}`);
   return panel(`${title}, ${measure}`,
+    Math.max(sessionsBefore, sessionsAfter) > 1 && el('p', {class: 'note'},
+      `Summed over the sessions of each run: ${sessionsBefore} before, ${sessionsAfter} after.`),
     el('dl', {class: 'tiles small'}, counts.map(([change, count]) =>
       el('div', null, el('dt', null, change), el('dd', {class: 'value'}, formatNumber(count))))),
     table.element);
