@@ -104,6 +104,15 @@ TEST(lockReportReader, takesCountsAsTheyWereCounted) {
   EXPECT_EQ(report.locks[0].entries, 2147483648U);
 }
 
+TEST(lockReportReader, refusesNegativeTimes) {
+  for (const std::string time : {"totalBlockTime", "totalWaitTime", "totalBlockingTime"}) {
+    const std::string quoted = '"' + time + "\": ";
+    EXPECT_THAT(problemOfReport(replaced(kReport, quoted, quoted + "-1")),
+                HasSubstr(time + ": expected a time of 0 or more seconds, found -"))
+        << time;
+  }
+}
+
 TEST(lockReportReader, takesAnEmptySession) {
   const lockReport report = parsedReport(
       R"({"sessionname":"","sessionid":-1,"lockmap":{},"stacktracemap":{},"blockingThreads":{}})");

@@ -158,6 +158,11 @@ TEST(twreport, comparesTwoRuns) {
   EXPECT_THAT(result.output, StartsWith("A difference counts from 10 % and 1 on.\n"));
   EXPECT_THAT(result.output, HasSubstr("better  com.example.shop.Inventory "));
   EXPECT_EQ(twreport("diff " + kRun + " /nowhere").exitCode, 1);
+  for (const char* option : {"--least", "--threshold"}) {
+    const outcome negative = twreport("diff " + kRun + " " + kRun + " " + option + "=-1");
+    EXPECT_GT(negative.exitCode, 1) << option;
+    EXPECT_THAT(negative.output, HasSubstr(option));
+  }
   EXPECT_NE(twreport("diff " + kRun).exitCode, 0);
 }
 

@@ -54,6 +54,20 @@ place added(void* target, std::string&) {
   return appended<type>(target);
 }
 
+// Seconds, which no session is long enough for to wrap as counts do.
+void assignSeconds(void* target, std::int64_t value) {
+  if (value < 0) {
+    throw misfit("expected a time of 0 or more seconds, found " + std::to_string(value));
+  }
+  *static_cast<std::uint32_t*>(target) = static_cast<std::uint32_t>(value);
+}
+
+template <auto member>
+place seconds(void* owner) {
+  static const shape time = {.expected = "a whole number", .number = assignSeconds};
+  return {&time, at<member>(owner).target};
+}
+
 // A text that has to be there and is not kept.
 place droppedText(void*) {
   static const shape text = {.expected = "a string", .text = [](void*, std::string&) {}};
@@ -114,8 +128,8 @@ const shape& shapeOf<threadEntry>() {
   static const shape result = {.expected = "an object",
                                .members = {{"name", at<&threadEntry::name>},
                                            {"count", at<&threadEntry::entries>},
-                                           {"totalBlockTime", at<&threadEntry::blockedSeconds>},
-                                           {"totalWaitTime", at<&threadEntry::waitedSeconds>},
+                                           {"totalBlockTime", seconds<&threadEntry::blockedSeconds>},
+                                           {"totalWaitTime", seconds<&threadEntry::waitedSeconds>},
                                            {"stacktracebean", at<&threadEntry::stacks>}}};
   return result;
 }
@@ -137,8 +151,8 @@ const shape& shapeOf<lockEntry>() {
                                .members = {{"id", droppedText},
                                            {"count", at<&lockEntry::entries>},
                                            {"graph", at<&lockEntry::entriesPerMinute>},
-                                           {"totalBlockTime", at<&lockEntry::blockedSeconds>},
-                                           {"totalWaitTime", at<&lockEntry::waitedSeconds>},
+                                           {"totalBlockTime", seconds<&lockEntry::blockedSeconds>},
+                                           {"totalWaitTime", seconds<&lockEntry::waitedSeconds>},
                                            {"threadbean", at<&lockEntry::threads>}}};
   return result;
 }
@@ -155,7 +169,7 @@ const shape& shapeOf<blockerEntry>() {
       .members = {{"name", at<&blockerEntry::name>},
                   {"blockingCount", at<&blockerEntry::timesOwner>},
                   {"blockCount", at<&blockerEntry::blockingPeriods>},
-                  {"totalBlockingTime", at<&blockerEntry::blockingSeconds>},
+                  {"totalBlockingTime", seconds<&blockerEntry::blockingSeconds>},
                   {"stacktracebean", at<&blockerEntry::stacks>}}};
   return result;
 }

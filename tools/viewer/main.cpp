@@ -208,6 +208,7 @@ CLI::App* addDiff(CLI::App& app, arguments& given) {
       ->check(CLI::Range(0, 100))
       ->capture_default_str();
   diff->add_option("--least", given.limit.least, "The least difference that counts")
+      ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   return diff;
 }
