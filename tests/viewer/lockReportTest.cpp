@@ -137,6 +137,16 @@ TEST(lockReportReader, reportsNestingThatIsTooDeep) {
   EXPECT_THAT(problemOfReport(unknown), HasSubstr("expected at most 200 objects and arrays"));
 }
 
+TEST(lockReportReader, cutsTheWayIntoADeepDocument) {
+  std::string deep = "{";
+  for (int i = 0; i < 300; i++) {
+    deep += "\"member" + std::to_string(i) + "\": {";
+  }
+  const std::string problem = problemOfReport(deep);
+  EXPECT_THAT(problem, HasSubstr("member198 / member199: expected at most 200 objects"));
+  EXPECT_LT(problem.size(), 500U);
+}
+
 TEST(lockReportReader, cutsNoCharacterInErrors) {
   const std::string problem = problemOfReport("{\"a\": tru\u20ac}");
   EXPECT_THAT(problem, StartsWith("r.json: expected a JSON document: parse error at line 1"));

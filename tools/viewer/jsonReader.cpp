@@ -254,7 +254,8 @@ class modelFiller : public handler {
       path += path.empty() ? "" : " / ";
       path += one.isObject ? cutEnd(one.key, kLongestPiece) : std::to_string(one.count - 1);
     }
-    throw inputError(fmt::format("{}: {}: {}", source_, path.empty() ? "document" : path,
+    throw inputError(fmt::format("{}: {}: {}", source_,
+                                 path.empty() ? "document" : cutStart(path, kLongestError),
                                  cutEnd(problem, kLongestError)));
   }
 

@@ -125,12 +125,13 @@ const shape& shapeOf<std::vector<stackUse>>() {
 
 template <>
 const shape& shapeOf<threadEntry>() {
-  static const shape result = {.expected = "an object",
-                               .members = {{"name", at<&threadEntry::name>},
-                                           {"count", at<&threadEntry::entries>},
-                                           {"totalBlockTime", seconds<&threadEntry::blockedSeconds>},
-                                           {"totalWaitTime", seconds<&threadEntry::waitedSeconds>},
-                                           {"stacktracebean", at<&threadEntry::stacks>}}};
+  static const shape result = {
+      .expected = "an object",
+      .members = {{"name", at<&threadEntry::name>},
+                  {"count", at<&threadEntry::entries>},
+                  {"totalBlockTime", seconds<&threadEntry::blockedSeconds>},
+                  {"totalWaitTime", seconds<&threadEntry::waitedSeconds>},
+                  {"stacktracebean", at<&threadEntry::stacks>}}};
   return result;
 }
 

@@ -44,8 +44,8 @@ struct blockerEntry {
 };
 
 // Names are UTF-8. Counts are unsigned: the 32 bits that the report writes with a sign are taken as
-// they were counted, while a time with a sign is an error. Locks, threads and blockers come in the order of their weight
-// (see below), the largest first.
+// they were counted, while a time with a sign is an error. Locks, threads and blockers come in the
+// order of their weight (see below), the largest first.
 struct lockReport {
   std::string source;
   std::string sessionName;
