@@ -52,6 +52,14 @@ TEST(checks, refuseExceptions) {
   EXPECT_THAT(brokenLimits(all, {.exceptions = {"java.io.*"}}), IsEmpty());
 }
 
+TEST(checks, areBrokenByDroppedRecords) {
+  profile all;
+  std::vector<std::string> none;
+  all.exceptions.emplace().add(bytesOfText(R"({"recorded":0,"dropped":7})"), "e.jsonl", none);
+  EXPECT_THAT(brokenLimits(all, {.exceptions = {"a.*"}}),
+              ElementsAre("a.*: 7 records were dropped and cannot be checked"));
+}
+
 TEST(checks, areBrokenWhenThereIsNothingToCheck) {
   profile nothing;
   const checkedLimits limits = {

@@ -114,8 +114,22 @@ TEST(twreport, replacesNothingButFilesByItsPage) {
 }
 
 TEST(twreport, refusesWrongArguments) {
-  EXPECT_NE(twreport("").exitCode, 0);
-  EXPECT_NE(twreport(kSample + " --by weight").exitCode, 0);
+  EXPECT_EQ(twreport("").exitCode, 2);
+  EXPECT_EQ(twreport("--no-such").exitCode, 2);
+  EXPECT_EQ(twreport("--help").exitCode, 0);
+  const outcome by = twreport(kSample + " --by weight");
+  EXPECT_EQ(by.exitCode, 2);
+  EXPECT_THAT(by.output, HasSubstr("--by: expected blocker|lock|site|thread, found 'weight'"));
+  const std::string diff = "diff " + kRun + " " + kRun;
+  for (const std::string& misplaced : {kRun + " " + diff, "--top 3 " + diff, "--json " + diff,
+                                       "--grep x check --no-exception x " + kRun}) {
+    const outcome result = twreport(misplaced);
+    EXPECT_EQ(result.exitCode, 2) << misplaced;
+    EXPECT_THAT(result.output, HasSubstr(" before all options and inputs, found "));
+  }
+  for (const char* both : {"--show 1 --json", "--show 1 -o x.html", "--json -o x.html"}) {
+    EXPECT_EQ(twreport(kRun + " " + both).exitCode, 2) << both;
+  }
   for (const char* top : {"0", "-1", "x", "1.5", ""}) {
     const outcome result = twreport(kSample + " --top '" + top + "'");
     EXPECT_NE(result.exitCode, 0) << top;
@@ -184,7 +198,15 @@ TEST(twreport, checksLimits) {
   const outcome broken = twreport("check --no-exception java.lang.NullPointerException " + kRun);
   EXPECT_EQ(broken.exitCode, 1);
   EXPECT_THAT(broken.output, StartsWith("java.lang.NullPointerException: thrown 2 times in "));
-  EXPECT_EQ(twreport("check --max-blocked-seconds x " + kRun).exitCode, 1);
+  EXPECT_EQ(twreport("check --max-blocked-seconds 'com.*=0' --max-blocked-seconds 'x=0' " + kRun)
+                .exitCode,
+            1)
+      << "each of several limits is checked";
+  EXPECT_EQ(twreport("check --max-blocked-seconds x " + kRun).exitCode, 2);
+  EXPECT_EQ(twreport("check --no-exception '' " + kRun).exitCode, 2);
+  const outcome nothing = twreport("check " + kRun);
+  EXPECT_EQ(nothing.exitCode, 2);
+  EXPECT_THAT(nothing.output, HasSubstr("expected a limit to check"));
   EXPECT_EQ(twreport("check --no-exception java.io.* " + kRun + " /nowhere").exitCode, 1)
       << "what was not read was not checked";
 }

@@ -75,6 +75,11 @@ void checkExceptions(const profile& all, const std::string& pattern,
   if (!recordsExceptions(all)) {
     broken.push_back(fmt::format("{}: no exception file to check", pattern));
   }
+  if (const std::int64_t dropped = all.exceptions ? all.exceptions->dropped().value_or(0) : 0;
+      dropped > 0) {
+    broken.push_back(
+        fmt::format("{}: {} records were dropped and cannot be checked", pattern, dropped));
+  }
   for (const exceptionGroup& group : groupsOf(all)) {
     if (matches(pattern, group.className)) {
       broken.push_back(fmt::format("{}: thrown {} times in {}, first at {}", group.className,
@@ -108,6 +113,13 @@ survivorLimit parseSurvivorLimit(const std::string& text) {
         "expected CLASSES=OBJECTS@COLLECTIONS, as in 'com.example.Session=0@3', found '{}'", text));
   }
   return {pattern, *objects, *collections};
+}
+
+std::string parseExceptionLimit(const std::string& text) {
+  if (text.empty()) {
+    throw inputError("expected CLASSES, as in 'java.io.*', found nothing");
+  }
+  return text;
 }
 
 std::vector<std::string> brokenLimits(const profile& all, const checkedLimits& limits) {

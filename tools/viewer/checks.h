@@ -25,15 +25,19 @@ struct checkedLimits {
   std::vector<blockedLimit> blocked = {};
   std::vector<survivorLimit> survivors = {};
   std::vector<std::string> exceptions = {};  // classes of which there must be no record
+
+  bool empty() const { return blocked.empty() && survivors.empty() && exceptions.empty(); }
 };
 
 // "PATTERN=SECONDS" and "PATTERN=OBJECTS@COLLECTIONS" ("PATTERN=OBJECTS" for those that have
-// outlived any). Throw inputError for a text of another form.
+// outlived any), "PATTERN". Throw inputError for a text of another form.
 blockedLimit parseBlockedLimit(const std::string& text);
 survivorLimit parseSurvivorLimit(const std::string& text);
+std::string parseExceptionLimit(const std::string& text);
 
 // What breaks the limits, one line each; none when all are kept. A limit for which there is no
-// report at all is broken: it was not checked.
+// report at all is broken, and so is one on exceptions of which records were dropped: it was not
+// checked.
 //
 // A memory report does not say how many collections had finished at its end. The newest generation
 // that it has counts as one that has outlived one collection, so an object has outlived at least

@@ -32,6 +32,7 @@ namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
 
 enum class format { collapsed, speedscope, csv, prometheus };
 
@@ -72,8 +73,6 @@ struct arguments {
   viewer::threshold limit;
   format exportFormat = format::collapsed;
   viewer::csvTable table = viewer::csvTable::locks;
-  std::vector<std::string> maxBlocked;
-  std::vector<std::string> maxSurvivors;
   viewer::checkedLimits limits;
 };
 
@@ -131,15 +130,8 @@ int exportTo(const arguments& given) {
 }
 
 int check(const arguments& given) {
-  viewer::checkedLimits limits = given.limits;
-  for (const std::string& text : given.maxBlocked) {
-    limits.blocked.push_back(viewer::parseBlockedLimit(text));
-  }
-  for (const std::string& text : given.maxSurvivors) {
-    limits.survivors.push_back(viewer::parseSurvivorLimit(text));
-  }
   const viewer::profile all = readInputs(given.inputs, given.grep);
-  const std::vector<std::string> broken = viewer::brokenLimits(all, limits);
+  const std::vector<std::string> broken = viewer::brokenLimits(all, given.limits);
   for (const std::string& one : broken) {
     std::cout << viewer::printable(one) << '\n';
   }
@@ -159,9 +151,14 @@ CLI::Option* addChoice(CLI::App& to, const char* name, type& chosen,
   for (const auto& [one, value] : names) {
     all += (all.empty() ? "" : "|") + one;
   }
-  return to.add_option(name, chosen, description)
-      ->transform(CLI::CheckedTransformer(names).description(""))
-      ->option_text(all);
+  const auto choose = [&chosen, name, names, all](const std::string& text) {
+    const auto found = names.find(text);
+    if (found == names.end()) {
+      throw CLI::ValidationError(name, "expected " + all + ", found '" + text + "'");
+    }
+    chosen = found->second;
+  };
+  return to.add_option_function<std::string>(name, choose, description)->option_text(all);
 }
 
 void addInputs(CLI::App& to, arguments& given) {
@@ -193,6 +190,7 @@ void addShow(CLI::App& app, arguments& given) {
                       {"blocker", ranking::blocker}},
                      "What lock reports are ranked by");
   addLimit(app, "--show", given.tables.record, "Print the exception record of this number");
+  app.get_option("--show")->excludes("--json")->excludes("--output");
   addLimit(app, "--threads", given.tables.limits.threads,
            "Threads to show for each lock, and blockers");
   addLimit(app, "--frames", given.tables.limits.frames, "Frames to show of each stack");
@@ -241,17 +239,49 @@ CLI::App* addCheck(CLI::App& app, arguments& given) {
       app.add_subcommand("check", "Prints which limits are broken; the exit code is 1 when any is");
   addInputs(*check, given);
   check->get_option("INPUT")->required();
-  const auto addLimits = [check](const char* name, std::vector<std::string>& limits,
-                                 const char* form, const char* description) {
-    check->add_option(name, limits, description)->allow_extra_args(false)->option_text(form);
+  const auto addLimits = [check](const char* name, auto& limits, auto parse, const char* form,
+                                 const char* description) {
+    const auto add = [name, &limits, parse](const std::string& text) {
+      try {
+        limits.push_back(parse(text));
+      } catch (const viewer::inputError& e) {
+        throw CLI::ValidationError(name, e.what());
+      }
+    };
+    check->add_option_function<std::string>(name, add, description)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+        ->trigger_on_parse()
+        ->option_text(form);
   };
-  addLimits("--max-blocked-seconds", given.maxBlocked, "CLASSES=SECONDS",
-            "Time that threads may block on any one lock of these classes");
-  addLimits("--max-survivors", given.maxSurvivors, "CLASSES=OBJECTS@COLLECTIONS",
+  addLimits("--max-blocked-seconds", given.limits.blocked, viewer::parseBlockedLimit,
+            "CLASSES=SECONDS", "Time that threads may block on any one lock of these classes");
+  addLimits("--max-survivors", given.limits.survivors, viewer::parseSurvivorLimit,
+            "CLASSES=OBJECTS@COLLECTIONS",
             "Objects of each of these classes that may outlive so many collections");
-  addLimits("--no-exception", given.limits.exceptions, "CLASSES",
+  addLimits("--no-exception", given.limits.exceptions, viewer::parseExceptionLimit, "CLASSES",
             "Exceptions that must not have been thrown");
   return check;
+}
+
+// Throws CLI::ParseError for what the options alone do not tell.
+void expectUsable(const CLI::App& app, const CLI::App& check, const arguments& given) {
+  const auto fail = [](const std::string& problem) {
+    throw CLI::ParseError(problem, CLI::ExitCodes::ValidationError);
+  };
+  for (const CLI::App* command : app.get_subcommands()) {
+    for (const CLI::Option* option : app.get_options()) {
+      if (option->count() > 0) {
+        fail("expected " + command->get_name() + " before all options and inputs, found " +
+             option->get_name() + " before it");
+      }
+    }
+  }
+  if (given.inputs.empty()) {
+    throw CLI::RequiredError("INPUT");
+  }
+  if (check.parsed() && given.limits.empty()) {
+    fail("expected a limit to check: --max-blocked-seconds, --max-survivors or --no-exception");
+  }
 }
 
 // Runs the command, whose output counts only once it is all written.
@@ -286,11 +316,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   try {
     app.parse(argc, argv);
-    if (given.inputs.empty()) {
-      throw CLI::RequiredError("INPUT");
-    }
+    expectUsable(app, *app.get_subcommand("check"), given);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    return app.exit(e) == kDone ? kDone : kWrongUsage;
   }
   for (const auto& [command, run] : commands) {
     if (command->parsed()) {

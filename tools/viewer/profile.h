@@ -47,7 +47,8 @@ profile readProfile(const std::vector<std::filesystem::path>& inputs);
 // The exceptions of a profile by class and site, those with the most records first.
 std::vector<exceptionGroup> groupsOf(const profile& all);
 
-// Whether exceptions were recorded: a run that was to record them and met none may have left no file.
+// Whether exceptions were recorded: a run that was to record them and met none may have left no
+// file.
 bool recordsExceptions(const profile& all);
 
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
