@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "testReport.h"
 #include "utf8.h"
 
@@ -185,6 +187,15 @@ TEST(lockReportReader, reportsTruncation) {
                 StartsWith("r.json: expected a JSON document: parse error at line "))
         << "the first " << length << " bytes";
   }
+}
+
+TEST(lockReportReader, reportsAZeroByte) {
+  const std::string zero(1, '\0');
+  EXPECT_EQ(problemOfReport(kReport + "\n" + zero + "{"),
+            "r.json: expected a JSON document: found a zero byte in line " +
+                std::to_string(std::count(kReport.begin(), kReport.end(), '\n') + 2));
+  EXPECT_THAT(problemOfReport(replaced(kReport, "checkout", "check" + zero)),
+              HasSubstr("found a zero byte in line 2"));
 }
 
 TEST(lockReportReader, reportsWhatIsNoJson) {

@@ -20,11 +20,22 @@ constexpr std::size_t kLongestError = 300;
 // The UTF-8 characters of a document in modified UTF-8, byte by byte.
 class utf8Bytes {
  public:
-  explicit utf8Bytes(byteSource source) : source_(std::move(source)) { refill(); }
+  utf8Bytes(byteSource bytes, const std::string& source)
+      : bytes_(std::move(bytes)), source_(source) {
+    refill();
+  }
 
   bool atEnd() const { return next_ == text_.size(); }
-  char current() const { return text_[next_]; }
+  // The parser would take a zero byte for the end of the document.
+  char current() const {
+    if (text_[next_] == '\0') {
+      throw inputError(fmt::format("{}: expected a JSON document: found a zero byte in line {}",
+                                   source_, line_));
+    }
+    return text_[next_];
+  }
   void advance() {
+    line_ += text_[next_] == '\n' ? 1 : 0;
     if (++next_ == text_.size()) {
       refill();
     }
@@ -36,14 +47,16 @@ class utf8Bytes {
     text_.clear();
     next_ = 0;
     while (text_.empty() && !ended_) {
-      const std::string_view block = source_();
+      const std::string_view block = bytes_();
       ended_ = block.empty();
       pending_ += block;
       pending_.erase(0, appendUtf8(pending_, ended_, text_));
     }
   }
 
-  byteSource source_;
+  byteSource bytes_;
+  const std::string& source_;
+  std::size_t line_ = 1;
   std::string pending_;
   std::string text_;
   std::size_t next_ = 0;
@@ -308,8 +321,8 @@ void moveText(void* target, std::string& value) {
 }
 
 template <typename handlerType>
-void parse(byteSource bytes, handlerType& events, bool wholeText) {
-  utf8Bytes text(std::move(bytes));
+void parse(byteSource bytes, const std::string& source, handlerType& events, bool wholeText) {
+  utf8Bytes text(std::move(bytes), source);
   json::sax_parse(utf8Iterator(&text), utf8Iterator(), &events, json::input_format_t::json,
                   wholeText);
 }
@@ -378,13 +391,13 @@ const shape& passedOver() {
 
 void readJson(byteSource bytes, const std::string& source, place root) {
   modelFiller filler(source, root);
-  parse(std::move(bytes), filler, true);
+  parse(std::move(bytes), source, filler, true);
 }
 
 std::string firstMember(byteSource bytes, const std::string& source,
                         const std::function<bool(std::string_view)>& known) {
   memberFinder finder(source, known);
-  parse(std::move(bytes), finder, false);
+  parse(std::move(bytes), source, finder, false);
   return finder.found();
 }
 
