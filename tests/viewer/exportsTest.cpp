@@ -98,11 +98,18 @@ TEST(csvTables, quoteWhatNeedsIt) {
               HasSubstr("42,\"a \"\"b\"\", c@7\",\"a \"\"b\"\", c\",3,"));
 }
 
+TEST(csvTables, holdNoFormulas) {
+  for (const std::string sign : {"=", "+", "-", "@"}) {
+    EXPECT_THAT(csv(runOf(replaced(kReport, "a.Cart@7", sign + "1@7")), csvTable::locks),
+                HasSubstr("42,'" + sign + "1@7,'" + sign + "1,3,"));
+  }
+}
+
 TEST(csvTables, ofARecordedRun) {
   const profile all = readProfile({DATA_FOLDER "/shop-run"});
   EXPECT_THAT(csv(all, csvTable::exceptions),
               HasSubstr("\r\njava.lang.NullPointerException,"
-                        "com.example.shop.Main.refund(Main.java:7),2,0,0,2026-11-21T15:21:36"));
+                        "com.example.shop.Main.refund(Main.java:7),2,,,2026-11-21T15:21:36"));
   EXPECT_THAT(csv(all, csvTable::classes), HasSubstr(",com.example.shop.Session,3,11419,"));
 }
 

@@ -73,5 +73,13 @@ TEST(cutting, goesDownToNothing) {
   EXPECT_EQ(cutStart("abcdefgh", 0), "");
 }
 
+TEST(printable, showsWhatHidesOrTurnsText) {
+  for (const char* text :
+       {"\u200B", "\u200F", "\u2028", "\u2029", "\u202A", "\u202E", "\u2066", "\u2069"}) {
+    EXPECT_EQ(printable(std::string("a") + text + "b"), "a\uFFFDb");
+  }
+  EXPECT_EQ(printable("\u2010\u202F\u2065"), "\u2010\u202F\u2065");
+}
+
 }  // namespace
 }  // namespace viewer

@@ -118,8 +118,12 @@ class speedscopeWriter {
   std::unordered_map<std::string, std::size_t> ids_;
 };
 
+// A spreadsheet would take a name that begins like a formula for one.
 std::string csvCell(const std::string& text) {
   std::string cell = printable(text);
+  if (!cell.empty() && std::string_view("=+-@").find(cell.front()) != std::string_view::npos) {
+    cell.insert(0, 1, '\'');
+  }
   if (cell.find_first_of(",\"") == cell.npos) {
     return cell;
   }
@@ -192,8 +196,10 @@ void csvBlockers(const profile& all, std::ostream& out) {
 void csvExceptions(const profile& all, std::ostream& out) {
   csvRow(out, "class", "site", "count", "caught", "uncaught", "first", "last");
   for (const exceptionGroup& group : groupsOf(all)) {
-    csvRow(out, group.className, group.site.value_or(""), group.records.size(), group.caught,
-           group.uncaught, group.first, group.last);
+    const bool isKnown = group.caught + group.uncaught > 0;
+    csvRow(out, group.className, group.site.value_or(""), group.records.size(),
+           isKnown ? std::to_string(group.caught) : "",
+           isKnown ? std::to_string(group.uncaught) : "", group.first, group.last);
   }
 }
 

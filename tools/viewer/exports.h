@@ -19,7 +19,8 @@ void writeSpeedscope(const profile& all, std::ostream& out);
 // What a table in CSV lists.
 enum class csvTable { locks, threads, stacks, blockers, exceptions, classes };
 
-// RFC 4180, in UTF-8, with a heading.
+// RFC 4180, in UTF-8, with a heading. A text that begins like a formula has a "'" before it; what
+// is not known is empty.
 void writeCsv(const profile& all, csvTable what, std::ostream& out);
 
 // Gauges of all that was read, in the text format that Prometheus scrapes.

@@ -93,9 +93,13 @@ std::string fourBytes(char32_t code) {
   return {static_cast<char>(0xF0 | code >> 18), tail(12), tail(6), tail(0)};
 }
 
-bool isControl(char32_t code) {
-  return code < 0x20 || (code >= 0x7F && code < 0xA0);
-}
+// Also what breaks lines, has no width or turns the direction of the text around it.
+constexpr std::array<codeRange, 6> kControls = {{{0x00, 0x1F},
+                                                 {0x7F, 0x9F},
+                                                 {0x200B, 0x200F},
+                                                 {0x2028, 0x2029},
+                                                 {0x202A, 0x202E},
+                                                 {0x2066, 0x2069}}};
 
 std::size_t columnsOf(char32_t code) {
   return within(kNoColumn, code) ? 0 : within(kTwoColumns, code) ? 2 : 1;
@@ -154,7 +158,7 @@ std::string printable(std::string_view utf8) {
   result.reserve(utf8.size());
   while (!utf8.empty()) {
     const character next = front(utf8);
-    result += isControl(next.code) ? kReplacementText : utf8.substr(0, next.bytes);
+    result += within(kControls, next.code) ? kReplacementText : utf8.substr(0, next.bytes);
     utf8.remove_prefix(next.bytes);
   }
   return result;
