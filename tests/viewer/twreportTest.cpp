@@ -81,6 +81,35 @@ TEST(twreport, failsWhenItsOutputIsLost) {
   EXPECT_EQ(twreport(kSample + " >/dev/full 2>&1").exitCode, 1) << "its message is lost too";
 }
 
+TEST(twreport, saysWhyAPageCannotBeWritten) {
+  const std::string page = testing::TempDir() + "page-too-large.html";
+  const outcome large = run("trap '' XFSZ; ulimit -f 8; '" TWREPORT "' " + kSample + " -o " + page);
+  EXPECT_EQ(large.exitCode, 1);
+  EXPECT_EQ(large.output, "twreport: " + page + " cannot be written: File too large\n");
+  EXPECT_FALSE(std::filesystem::exists(page));
+  EXPECT_EQ(twreport(kSample + " -o /nowhere/page.html").output,
+            "twreport: /nowhere/page.html cannot be written: No such file or directory\n");
+}
+
+TEST(twreport, keepsAGoodPageWhenNothingCouldBeRead) {
+  const std::string page = testing::TempDir() + "good-page.html";
+  std::ofstream(page) << "good";
+  for (const std::string& inputs :
+       {std::string("/nowhere"), "diff " + kRun + " /nowhere", "diff /nowhere " + kRun}) {
+    EXPECT_EQ(twreport(inputs + " -o " + page).exitCode, 1) << inputs;
+    EXPECT_EQ(std::filesystem::file_size(page), 4U) << inputs;
+  }
+  std::filesystem::remove(page);
+}
+
+TEST(twreport, saysThatATextIsNowhere) {
+  const outcome result = twreport(kRun + " --grep nowhere-in-it");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.output, HasSubstr("twreport: --grep nowhere-in-it: nothing holds this text"));
+  EXPECT_THAT(twreport(kRun + " --grep PriceCache").output,
+              testing::Not(HasSubstr("nothing holds")));
+}
+
 TEST(twreport, replacesNothingButFilesByItsPage) {
   namespace fs = std::filesystem;
   std::string folder = testing::TempDir() + "pageXXXXXX";

@@ -5,7 +5,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +20,7 @@
 #include "checks.h"
 #include "comparison.h"
 #include "comparisonTables.h"
+#include "descriptorBuffer.h"
 #include "exports.h"
 #include "jsonForm.h"
 #include "profile.h"
@@ -80,14 +80,24 @@ viewer::profile readInputs(const std::vector<std::string>& inputs, const std::st
   viewer::profile all = viewer::readProfile({inputs.begin(), inputs.end()});
   if (!grep.empty()) {
     viewer::filter(all, grep);
+    if (!viewer::holdsAny(all) && !all.empty()) {
+      complain("--grep " + grep + ": nothing holds this text");
+    }
   }
   return all;
+}
+
+// Whether nothing could be read: no page of that takes the place of a good one.
+bool isLost(const viewer::profile& all) {
+  return all.empty() && !all.problems.empty();
 }
 
 int show(const arguments& given) {
   const viewer::profile all = readInputs(given.inputs, given.grep);
   if (!given.page.empty()) {
-    viewer::writePage(all, given.page);
+    if (!isLost(all)) {
+      viewer::writePage(all, given.page);
+    }
   } else if (given.json) {
     viewer::writeJson(all, std::cout);
   } else {
@@ -101,7 +111,9 @@ int diff(const arguments& given) {
       viewer::compare(readInputs({given.inputs[0]}, given.grep),
                       readInputs({given.inputs[1]}, given.grep), given.limit);
   if (!given.page.empty()) {
-    viewer::writePage(both, given.page);
+    if (!isLost(both.before) && !isLost(both.after)) {
+      viewer::writePage(both, given.page);
+    }
   } else if (given.json) {
     viewer::writeJson(both, std::cout);
   } else {
@@ -287,17 +299,22 @@ void expectUsable(const CLI::App& app, const CLI::App& check, const arguments& g
 // Runs the command, whose output counts only once it is all written.
 template <typename action>
 int running(action command) {
+  viewer::descriptorBuffer buffer(STDOUT_FILENO);
+  std::streambuf* const former = std::cout.rdbuf(&buffer);
+  int result = kFailed;
   try {
-    const int result = command();
+    result = command();
     std::cout.flush();
-    if (!std::cout) {
-      throw std::system_error(errno, std::generic_category(), "the output cannot be written");
+    if (buffer.problem() != 0) {
+      throw std::system_error(buffer.problem(), std::generic_category(),
+                              "the output cannot be written");
     }
-    return result;
   } catch (const std::exception& e) {
     complain(e.what());
-    return kFailed;
+    result = kFailed;
   }
+  std::cout.rdbuf(former);
+  return result;
 }
 
 }  // namespace

@@ -362,6 +362,15 @@ void filter(profile& all, const std::string& text) {
   }
 }
 
+bool holdsAny(const profile& all) {
+  return (all.exceptions && all.exceptions->size() > 0) ||
+         std::any_of(
+             all.lockReports.begin(), all.lockReports.end(),
+             [](const lockReport& one) { return !one.locks.empty() || !one.blockers.empty(); }) ||
+         std::any_of(all.memoryReports.begin(), all.memoryReports.end(),
+                     [](const memoryReport& one) { return !one.classes.empty(); });
+}
+
 bool matches(std::string_view pattern, std::string_view name) {
   std::size_t star = pattern.npos;  // the last one that was met, and what it stands for so far
   std::size_t mark = 0;

@@ -55,6 +55,9 @@ bool recordsExceptions(const profile& all);
 // threads and stacks, blockers, exception records by anything in them, classes by name.
 void filter(profile& all, const std::string& text);
 
+// Whether there is any lock, blocker, exception record or class.
+bool holdsAny(const profile& all);
+
 // Whether a name is of the kind that `pattern` describes: "*" stands for any text, also for none.
 bool matches(std::string_view pattern, std::string_view name);
 

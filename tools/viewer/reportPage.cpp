@@ -1,13 +1,16 @@
 #include "reportPage.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
+#include <cstdio>
+#include <ostream>
 #include <system_error>
 
+#include "descriptorBuffer.h"
 #include "jsonForm.h"
 #include "pageParts.h"
 
@@ -36,45 +39,37 @@ void expectFileOrNothing(const fs::path& file) {
   }
 }
 
-// A new file beside `file`, which only its owner may read.
-fs::path newFileBeside(const fs::path& file) {
-  constexpr std::string_view kEnd = ".part";
-  std::string name = file.string() + ".XXXXXX" + std::string(kEnd);
-  const int descriptor = mkostemps(name.data(), int(kEnd.size()), 0);
-  if (descriptor < 0) {
-    fail(file, errno);
-  }
-  close(descriptor);
-  return name;
-}
-
+// Gives an errno, 0 when all is written.
 template <typename content>
-void writeFile(const content& shown, const fs::path& file) {
-  std::ofstream page(file, std::ios::binary | std::ios::trunc);
+int writeTo(int descriptor, const content& shown) {
+  descriptorBuffer buffer(descriptor);
+  std::ostream page(&buffer);
   page << kPageBeforeReport;
   writeJson(shown, page);
   page << kPageAfterReport;
-  page.close();
-  if (!page) {
-    fail(file, errno);
-  }
+  page.flush();
+  return buffer.problem();
 }
 
 template <typename content>
 void writeWholeFile(const content& shown, const fs::path& file) {
   expectFileOrNothing(file);
-  const fs::path unfinished = newFileBeside(file);
-  try {
-    writeFile(shown, unfinished);
-    std::error_code problem;
-    fs::rename(unfinished, file, problem);
-    if (problem) {
-      fail(file, problem.value());
-    }
-  } catch (...) {
-    std::error_code ignored;
-    fs::remove(unfinished, ignored);
-    throw;
+  constexpr std::string_view kEnd = ".part";
+  std::string unfinished = file.string() + ".XXXXXX" + std::string(kEnd);
+  const int descriptor = mkostemps(unfinished.data(), int(kEnd.size()), O_CLOEXEC);
+  if (descriptor < 0) {
+    fail(file, errno);
+  }
+  int problem = writeTo(descriptor, shown);
+  if (close(descriptor) != 0 && problem == 0) {
+    problem = errno;
+  }
+  if (problem == 0 && std::rename(unfinished.c_str(), file.c_str()) != 0) {
+    problem = errno;
+  }
+  if (problem != 0) {
+    unlink(unfinished.c_str());
+    fail(file, problem);
   }
 }
 
