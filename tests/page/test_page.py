@@ -200,6 +200,32 @@ def test_flame_graph_of_one_lock_and_one_thread(browser, page):
     assert browser.table("Methods of the flame graph").count() == 0
 
 
+def test_flame_graph_has_entries_without_a_stack(browser, page_of, tmp_path):
+    session = reports.LockSession()
+    session.lock("a.B@1")
+    session.enter("a.B@1", "worker", ["a.B.c"], 5)
+    session.locks["a.B@1"]["threadbean"]["worker"]["count"] = 7
+    session.locks["a.B@1"]["count"] = 10
+    session.write(tmp_path)
+    browser.open(page_of(tmp_path), "flame")
+    assert flame_line(browser) == "All stacks: 10 entries"
+    methods = browser.table("Methods of the flame graph").rows()
+    assert {row["Method"]: row["Contended here"] for row in methods} == {
+        "a.B.c": "5", "(no stack recorded)": "5"}
+    browser.choose("Thread", "worker")
+    assert flame_line(browser) == "All stacks: 7 entries"
+
+
+def test_uncaught_is_a_dash_where_it_is_not_known(browser, page_of, tmp_path):
+    reports.write_exceptions(tmp_path, [
+        reports.record("a.Unknown", [], caught=None), reports.record("a.Caught", []),
+        reports.record("a.Uncaught", [], caught=False)])
+    browser.open(page_of(tmp_path), "exceptions")
+    rows = browser.table("Exceptions by class and site").rows()
+    assert {row["Exception"]: row["Uncaught"] for row in rows} == {
+        "a.Unknown": "–", "a.Caught": "0", "a.Uncaught": "1"}
+
+
 def test_flame_graph_zooms_with_the_mouse(browser, page):
     browser.open(page, "flame")
     canvas = browser.one("canvas")

@@ -57,7 +57,6 @@ function comparedPanel({name, measure, rows, notRecordedIn, sessionsBefore, sess
     table.element);
 }
 
-const numberOrNone = (value) => (value === null ? '–' : formatNumber(value));
 const formatSigned = (value) => (value > 0 ? `+${formatNumber(value)}` : formatNumber(value));
 
 // A bar from the middle: to the right for more, which is worse, to the left for less.

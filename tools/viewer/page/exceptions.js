@@ -44,7 +44,9 @@ const exceptionView = {
           show: (row) => javaName(row.site ?? '(no frames)')},
         {title: 'Records', numeric: true, value: (row) => row.count,
           share: (row) => row.count / Math.max(records.length, 1)},
-        {title: 'Uncaught', numeric: true, value: (row) => row.uncaught},
+        {title: 'Uncaught', numeric: true,
+          value: (row) => (row.caught + row.uncaught > 0 ? row.uncaught : -1),
+          show: (row) => numberOrNone(row.caught + row.uncaught > 0 ? row.uncaught : null)},
         {title: 'First', value: (row) => row.first ?? '', show: (row) => timeFormat(row.first)},
         {title: 'Last', value: (row) => row.last ?? '', show: (row) => timeFormat(row.last)},
       ]});

@@ -37,7 +37,7 @@ const flameView = {
       const threadName = thread.value === '' ? null : threads[Number(thread.value)];
       const lockIndex = lock.value === '' ? -1 : Number(lock.value);
       tree = new StackTree(session, stackCounts(session, lockIndex, threadName),
-        fromContended.checked);
+        entriesWithoutStack(session, lockIndex, threadName), fromContended.checked);
       methods = tree.methods();
       graph.setTree(tree);
       applySearch();

@@ -3,6 +3,7 @@
 const numberFormat = new Intl.NumberFormat('en');
 const textOrder = new Intl.Collator('en');
 const formatNumber = (value) => numberFormat.format(value);
+const numberOrNone = (value) => (value === null ? '–' : formatNumber(value));
 const formatSeconds = (value) => `${formatNumber(value)} s`;
 
 // 1234 of 5000 as "25 %", "<1 %" for little and "" of nothing.

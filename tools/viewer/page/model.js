@@ -1,6 +1,7 @@
 // What the views need of the report beyond what it says directly.
 
 const kUnknownStack = '(stack not in the stack file)';
+const kNoStack = '(no stack recorded)';
 
 // How often each stack of the session led to a contended entry: on one lock (index) or all (-1), by
 // threads of one name or all (null).
@@ -17,6 +18,24 @@ function stackCounts(session, lockIndex, threadName) {
     }
   }
   return counts;
+}
+
+// The contended entries that the report has no stack for, of the same locks and threads; as the
+// exports count them.
+function entriesWithoutStack(session, lockIndex, threadName) {
+  const locks = lockIndex < 0 ? session.locks : [session.locks[lockIndex]];
+  return sum(locks.map((lock) => {
+    let without = 0;
+    let ofThreads = 0;
+    for (const thread of lock.threads) {
+      const ofStacks = sum(thread.stacks.map(([, count]) => count));
+      if (threadName === null || thread.name === threadName) {
+        without += Math.max(0, thread.entries - ofStacks);
+      }
+      ofThreads += Math.max(thread.entries, ofStacks);
+    }
+    return without + (threadName === null ? Math.max(0, lock.entries - ofThreads) : 0);
+  }));
 }
 
 // The names of a stack's frames, the contended one first.

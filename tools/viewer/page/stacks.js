@@ -3,11 +3,12 @@
 // for, which keeps 100 thousand stacks as quick as ten.
 
 class StackTree {
-  // `counts` weighs the stacks of the session by index; those of weight 0 are left out. Frames go
-  // from the outermost caller to the contended one, or the other way when `fromContended`.
-  constructor(session, counts, fromContended) {
+  // `counts` weighs the stacks of the session by index; those of weight 0 are left out. `without` are
+  // the entries that have no stack. Frames go from the outermost caller to the contended one, or the
+  // other way when `fromContended`.
+  constructor(session, counts, without, fromContended) {
     const unknown = session.frames.length;
-    this.names = [...session.frames, kUnknownStack];
+    this.names = [...session.frames, kUnknownStack, kNoStack];
     const rank = new Int32Array(this.names.length);
     [...this.names.keys()]
       .sort((a, b) => (this.names[a] < this.names[b] ? -1 : this.names[a] > this.names[b] ? 1 : 0))
@@ -20,6 +21,9 @@ class StackTree {
           contended: frames[0]});
       }
     });
+    if (without > 0) {
+      used.push({frames: [unknown + 1], count: without, contended: unknown + 1});
+    }
     used.sort((a, b) => StackTree.compare(a.frames, b.frames, rank));
     this.stacks = used;
     this.before = new Float64Array(used.length + 1);  // the counts of all stacks before each one
