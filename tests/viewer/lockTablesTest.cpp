@@ -21,7 +21,7 @@ stackTable stacks() {
 }
 
 TEST(lockTablesOf, beginWithTheSession) {
-  EXPECT_EQ(sessionLine(report()),
+  EXPECT_EQ(sessionLine(report(), {}),
             "Lock session 42 \"checkout\": 2 locks, 4 s blocked, 2 s waited, 2 distinct stacks\n");
 }
 

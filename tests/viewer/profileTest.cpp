@@ -255,6 +255,35 @@ TEST(matches, takesStarsForAnyText) {
   EXPECT_FALSE(matches(std::string(100, '*') + "b", std::string(100'000, 'a')));
 }
 
+// No line of a table is wider than the terminal, whatever a report says.
+TEST(profileTables, fitEveryLineToTheWidth) {
+  const std::string name(1'000'000, 'n');
+  profile all = small();
+  all.run.emplace().command = name;
+  all.run->started = name;
+  all.lockReports[0].sessionName = name;
+  all.lockReports[0].locks[0].name = name + "@7";
+  all.memoryReports.emplace_back().sessionName = name;
+  std::vector<std::string> problems;
+  const std::string value = R"({"name":"v","type":"String","value":")" + name + "\"}";
+  const std::string line = R"({"time":"2026-11-21T14:00:00Z","thread":")" + name +
+                           R"(","class":"com.example.)" + name + R"(Late","message":")" + name +
+                           R"(","frames":[{"method":")" + name + R"(.late","locals":[)" + value +
+                           R"(]}],"ambiguous":[")" + name + "\"]}";
+  all.exceptions.emplace().add(bytesOfText(line), "e.jsonl", problems);
+  ASSERT_THAT(problems, IsEmpty());
+  const look terminal = {.width = 110};
+  for (const std::size_t record : {0, 1}) {
+    std::istringstream text(profileTables(all, {.limits = {}, .record = record}, terminal));
+    for (std::string one; std::getline(text, one);) {
+      EXPECT_LE(one.size(), terminal.width) << one.substr(0, 200);
+    }
+  }
+  EXPECT_THAT(profileTables(all, {.limits = {}, .record = 1}, terminal), HasSubstr("nnLate\n"));
+  EXPECT_THAT(profileTables(all, {}, terminal), HasSubstr("\n1. ...nnn"));
+  EXPECT_THAT(profileTables(all, {}, terminal), HasSubstr("n...\": 2 locks, 4 s blocked"));
+}
+
 nlohmann::json formOf(const profile& all) {
   std::ostringstream text;
   writeJson(all, text);

@@ -25,20 +25,21 @@ std::string shownValue(const capturedValue& one) {
     return " = null";
   }
   if (isText(one)) {
-    return fmt::format(" = \"{}\"", printable(*one.value));
+    return fmt::format(" = \"{}\"", *one.value);
   }
   if (one.type == "boolean" && (*one.value == "0" || *one.value == "1")) {
     return *one.value == "0" ? " = false" : " = true";
   }
-  return " = " + printable(*one.value);
+  return " = " + *one.value;
 }
 
-void appendValues(std::string& tree, const std::vector<capturedValue>& values, std::size_t indent) {
+void appendValues(std::string& tree, const std::vector<capturedValue>& values, std::size_t indent,
+                  const look& terminal) {
   for (const capturedValue& one : values) {
-    tree += fmt::format("{:{}}{}: {}{}\n", "", indent, printable(one.name), printable(one.type),
-                        shownValue(one));
+    tree += endCutLine(std::string(indent, ' '), one.name + ": " + one.type + shownValue(one), "",
+                       terminal);
     if (one.fields) {
-      appendValues(tree, *one.fields, indent + kStep);
+      appendValues(tree, *one.fields, indent + kStep, terminal);
     }
   }
 }
@@ -47,7 +48,7 @@ void appendSection(std::string& tree, const char* name, const std::vector<captur
                    const look& terminal) {
   if (!values.empty()) {
     tree += terminal.faint(fmt::format("{:{}}{}\n", "", 2 * kStep, name));
-    appendValues(tree, values, 3 * kStep);
+    appendValues(tree, values, 3 * kStep, terminal);
   }
 }
 
@@ -116,22 +117,23 @@ std::string topExceptions(const exceptionLog& log, std::size_t rows, const look&
 
 std::string recordTree(const exceptionLog& log, std::size_t number, const look& terminal) {
   const exceptionRecord record = log.record(number - 1);
-  std::string tree = terminal.strong(
-      fmt::format("Record {} of {}: {}\n", number, log.size(), printable(record.className)));
+  std::string tree = terminal.strong(startCutLine(
+      fmt::format("Record {} of {}: ", number, log.size()), record.className, "", terminal));
+  const std::string indent(kStep, ' ');
   if (record.message) {
-    tree += fmt::format("{:{}}message: {}\n", "", kStep, printable(*record.message));
+    tree += endCutLine(indent + "message: ", *record.message, "", terminal);
   }
-  tree += fmt::format("{:{}}{}, thread \"{}\"{}\n", "", kStep, printable(record.time),
-                      printable(record.thread), caughtText(record.caught));
+  tree += endCutLine(indent, fmt::format("{}, thread \"{}", record.time, record.thread),
+                     '"' + caughtText(record.caught), terminal);
   for (const exceptionFrame& frame : record.frames) {
-    tree += terminal.strong(fmt::format("{:{}}at {}\n", "", kStep, printable(placeOf(frame))));
+    tree += terminal.strong(startCutLine(indent + "at ", placeOf(frame), "", terminal));
     appendSection(tree, "arguments", frame.arguments, terminal);
     appendSection(tree, "locals", frame.locals, terminal);
     appendSection(tree, "fields of this", frame.fields, terminal);
     appendSection(tree, "thread locals", frame.threadLocals, terminal);
   }
   for (const std::string& reason : record.ambiguous) {
-    tree += fmt::format("{:{}}in doubt: {}\n", "", kStep, printable(reason));
+    tree += endCutLine(indent + "in doubt: ", reason, "", terminal);
   }
   return tree;
 }

@@ -82,12 +82,13 @@ std::string graphOf(const lockEntry& lock, const look& terminal) {
 
 }  // namespace
 
-std::string sessionLine(const lockReport& report) {
+std::string sessionLine(const lockReport& report, const look& terminal) {
   const lockTotals totals = totalsOf(report);
-  return fmt::format(
-      "Lock session {} \"{}\": {} locks, {} s blocked, {} s waited, {} distinct stacks\n",
-      report.sessionId, printable(report.sessionName), report.locks.size(), totals.blockedSeconds,
-      totals.waitedSeconds, report.distinctStacks);
+  return endCutLine(fmt::format("Lock session {} \"", report.sessionId), report.sessionName,
+                    fmt::format("\": {} locks, {} s blocked, {} s waited, {} distinct stacks",
+                                report.locks.size(), totals.blockedSeconds, totals.waitedSeconds,
+                                report.distinctStacks),
+                    terminal);
 }
 
 std::string topLocks(const lockReport& report, const tableLimits& limits, const look& terminal) {
@@ -132,7 +133,7 @@ std::string lockDetails(const lockReport& report, const stackTable& stacks,
   std::size_t rank = 1;
   for (const lockEntry& lock : first(report.locks, limits.rows)) {
     result += rank == 1 ? "" : "\n";
-    result += terminal.strong(fmt::format("{}. {}\n", rank, printable(lock.name)));
+    result += terminal.strong(startCutLine(fmt::format("{}. ", rank), lock.name, "", terminal));
     result += threadTable(lock, limits, terminal);
     result += mostFrequentStack(lock, stacks, limits, terminal);
     rank++;
@@ -202,7 +203,7 @@ std::string blockers(const lockReport& report, std::size_t rows, const look& ter
 
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
                        const tableLimits& limits, const look& terminal) {
-  const std::string head = sessionLine(report) + '\n';
+  const std::string head = sessionLine(report, terminal) + '\n';
   switch (by) {
     case ranking::thread:
       return head + topThreads(report, limits, terminal);

@@ -17,7 +17,7 @@ struct tableLimits {
 };
 
 // The session and the sums over its locks, in one line.
-std::string sessionLine(const lockReport& report);
+std::string sessionLine(const lockReport& report, const look& terminal);
 
 // The locks by blocked time, then waited time, then contended entries, the largest first; with
 // their entries by minute when the session had more than one.

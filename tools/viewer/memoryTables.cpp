@@ -4,7 +4,6 @@
 
 #include "tableParts.h"
 #include "textTable.h"
-#include "utf8.h"
 
 namespace viewer {
 namespace {
@@ -26,12 +25,13 @@ std::vector<std::uint64_t> histogramOf(const classEntry& one,
 
 std::string memoryTables(const memoryReport& report, std::size_t rows, const look& terminal) {
   const std::vector<std::uint32_t> generations = generationsOf(report);
-  std::string result = fmt::format("Memory session {} \"{}\": {} classes", report.sessionId,
-                                   printable(report.sessionName), report.classes.size());
+  std::string sums = fmt::format("\": {} classes", report.classes.size());
   if (!generations.empty()) {
-    result += fmt::format(", generations {} to {}", generations.front(), generations.back());
+    sums += fmt::format(", generations {} to {}", generations.front(), generations.back());
   }
-  result += "\n\n";
+  const std::string result = endCutLine(fmt::format("Memory session {} \"", report.sessionId),
+                                        report.sessionName, sums, terminal) +
+                             '\n';
   if (report.classes.empty()) {
     return result + "No tagged object has survived a collection.\n";
   }

@@ -4,21 +4,21 @@
 
 #include "exceptionTables.h"
 #include "memoryTables.h"
+#include "tableParts.h"
 #include "utf8.h"
 
 namespace viewer {
 namespace {
 
-std::string runLine(const runInfo& run) {
-  std::string line = "Run";
-  const auto add = [&line](const char* before, const std::optional<std::string>& text) {
-    line += text ? before + printable(*text) : "";
+std::string runLine(const runInfo& run, const look& terminal) {
+  constexpr std::size_t kLongest = 40;  // columns of what is short unless it is wrong
+  std::string facts = run.pid ? fmt::format(", process {}", *run.pid) : "";
+  const auto add = [&facts](const char* before, const std::optional<std::string>& text) {
+    facts += text ? before + cutEnd(printable(*text), kLongest) : "";
   };
-  add(" of ", run.command);
-  line += run.pid ? fmt::format(", process {}", *run.pid) : "";
   add(", started ", run.started);
   add(", Java ", run.java);
-  return line + '\n';
+  return endCutLine(run.command ? "Run of " : "Run", run.command.value_or(""), facts, terminal);
 }
 
 std::string shownRecord(const profile& all, std::size_t number, const look& terminal) {
@@ -39,7 +39,7 @@ std::string profileTables(const profile& all, const tableOptions& options, const
   }
   std::vector<std::string> parts;
   if (all.run) {
-    parts.push_back(runLine(*all.run));
+    parts.push_back(runLine(*all.run, terminal));
   }
   for (const lockReport& report : all.lockReports) {
     parts.push_back(lockTables(report, all.stacks, options.by, options.limits, terminal));

@@ -4,7 +4,29 @@
 
 #include <array>
 
+#include "utf8.h"
+
 namespace viewer {
+namespace {
+
+// A name keeps so many columns even where that makes the line wider than the terminal.
+std::size_t roomBeside(const std::string& others, const look& terminal) {
+  constexpr std::size_t kNarrowest = 12;
+  const std::size_t taken = std::min(displayColumns(others), terminal.width);
+  return std::max(kNarrowest, terminal.width - taken);
+}
+
+}  // namespace
+
+std::string startCutLine(const std::string& before, const std::string& name,
+                         const std::string& after, const look& terminal) {
+  return before + cutStart(printable(name), roomBeside(before + after, terminal)) + after + '\n';
+}
+
+std::string endCutLine(const std::string& before, const std::string& name, const std::string& after,
+                       const look& terminal) {
+  return before + cutEnd(printable(name), roomBeside(before + after, terminal)) + after + '\n';
+}
 
 std::string title(const std::string& name, std::size_t all, std::size_t shown,
                   const look& terminal) {

@@ -20,6 +20,13 @@ std::span<const entry> first(const std::vector<entry>& entries, std::size_t limi
 std::string title(const std::string& name, std::size_t all, std::size_t shown,
                   const look& terminal);
 
+// A line of `before`, the name and `after`, in which the name is cut to what the terminal's width
+// leaves it: at its start, or at its end. It is made printable, the others are as they are.
+std::string startCutLine(const std::string& before, const std::string& name,
+                         const std::string& after, const look& terminal);
+std::string endCutLine(const std::string& before, const std::string& name, const std::string& after,
+                       const look& terminal);
+
 // "... 16 more" as a line where not all are shown, else nothing.
 std::string moreLine(std::size_t all, std::size_t shown, std::size_t indent);
 
