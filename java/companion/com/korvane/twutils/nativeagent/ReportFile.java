@@ -108,7 +108,8 @@ final class ReportFile {
     if (problem != null) {
       String rest = part.toFile().length() == 0 ? "" : "; what there is of it is in " + part;
       throw new IOException(
-          "the " + label + " " + path + " is not whole: " + problem + " (is the disk full?)" + rest);
+          "the " + label + " " + path + " is not whole: " + problem + " (is the disk full?)"
+              + rest);
     }
     try {
       Files.move(part, path, StandardCopyOption.ATOMIC_MOVE, StandardCopyOption.REPLACE_EXISTING);

@@ -114,7 +114,8 @@ final class MemoryPlan {
     isOver = false;
     if (tracked.isEmpty()) {
       tell("untracked",
-          "memory sessions follow only what the program tags: memory.track names classes to follow");
+          "memory sessions follow only what the program tags: memory.track names classes to"
+              + " follow");
     } else {
       session.collect(); // nothing can be followed before the first collection
       nextSweep = controller.after(interval, this::sweep);
