@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "support/text.h"
 #include "twAprUtility.h"
@@ -138,7 +141,10 @@ bool twAprLib::tw_apr_log_initialize(const twAprContext& context, const std::str
                                std::to_string(::getpid()) + ".log";
   auto logger = std::make_unique<twLogger>(context.pool, directory, baseName);
   logger->setVersion(readVersion(home + "/etc/version"));
-  processLogger.store(logger.release(), std::memory_order_release);
+  // A VM that loads the agent twice gets a second one. The first stays: threads may be using it.
+  static auto& all = *new std::vector<std::unique_ptr<twLogger>>;
+  all.push_back(std::move(logger));
+  processLogger.store(all.back().get(), std::memory_order_release);
   return true;
 }
 
