@@ -32,8 +32,8 @@ class ownerLookup {
   // Tells those who wait; nothing when the look came to no result. Exactly once.
   void publish(std::optional<foundOwner> found);
 
-  // What the look has found; nothing when it came to no result, or to none in a bounded time (a
-  // debugger may have suspended the thread that looks).
+  // What the look has found; nothing when it came to no result, or to none within a second (a
+  // debugger may have suspended the thread that looks): then nobody joins it any more.
   std::optional<foundOwner> wait();
 
  private:

@@ -105,4 +105,12 @@ TEST(ownerLookup, tellsThatItCameToNoResult) {
   EXPECT_FALSE(lookup.wait().has_value());
 }
 
+// As when a debugger has suspended the thread that looks.
+TEST(ownerLookup, nobodyJoinsALookThatWasWaitedForInVain) {
+  agent::ownerLookup lookup;
+  ASSERT_TRUE(lookup.join());
+  EXPECT_FALSE(lookup.wait().has_value());
+  EXPECT_FALSE(lookup.join());
+}
+
 }  // namespace test
