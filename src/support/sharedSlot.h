@@ -3,16 +3,15 @@
 // Event handlers take a reference on what they work on, so a control call or the unloading of the
 // agent can take it away at any moment without waiting for them: the last one out destroys it. A
 // plain shared_ptr in one place would make every event of every thread write to one cache line;
-// here each reader uses the cell that its thread hashes to, and each cell counts its references
-// apart from the others.
+// here each reader uses the cell of the processor it runs on, and each cell counts its references
+// apart from the others, so that the lines of a cell stay in the cache of its processor.
 #pragma once
 
-#include <pthread.h>
+#include <sched.h>
 
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -26,7 +25,7 @@ class sharedSlot {
   // A reference on the published object, or none. Waits only for another thread's copy of a
   // pointer. Any thread.
   std::shared_ptr<T> load() const {
-    const cell& mine = cells_[cellOfThisThread()];
+    const cell& mine = cells_[cellOfThisProcessor()];
     const std::lock_guard<briefLock> guard(mine.lock);
     return mine.value;
   }
@@ -44,7 +43,7 @@ class sharedSlot {
   }  // what was published is dropped here, outside the locks
 
  private:
-  static constexpr std::size_t kCells = 32;
+  static constexpr std::size_t kCells = 64;
   static constexpr std::size_t kCacheLine = 64;
 
   // Held for the copy of a pointer. A mutex of the system would cost an event more than the copy.
@@ -64,9 +63,10 @@ class sharedSlot {
     std::shared_ptr<T> value;
   };
 
-  static std::size_t cellOfThisThread() {
-    constexpr std::uint64_t kGoldenRatio = 0x9E3779B97F4A7C15U;
-    return static_cast<std::size_t>((pthread_self() * kGoldenRatio) >> 59U);
+  // Any cell is right: the thread may be moved to another processor at any moment, and -1, where
+  // the system does not tell, is a cell as well.
+  static std::size_t cellOfThisProcessor() {
+    return static_cast<unsigned>(::sched_getcpu()) % kCells;
   }
 
   // The alignment keeps the counts of different cells on different cache lines.
