@@ -3,7 +3,7 @@
 // The text of a trace takes three calls into the VM for each frame. A trace is therefore remembered
 // by its methods, together with weak references on their classes: method IDs die with their class,
 // and may then come to mean other methods, so a trace counts as known only while all of its classes
-// are loaded.
+// are loaded. Classes of the VM's own loaders, which are never unloaded, need no reference.
 #pragma once
 
 #include <jvmti.h>
@@ -14,7 +14,6 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "support/annotations.h"
@@ -25,15 +24,19 @@ namespace agent {
 
 using stackFrames = std::span<const jvmtiFrameInfo>;
 
+struct stackClass {
+  bool staysLoaded = false;  // as long as the VM lives
+};
 // Classes that are held weakly, each once.
-using heldClasses = support::classCache<std::monostate>;
+using heldClasses = support::classCache<stackClass>;
 
 // A trace in words.
 struct stackText {
   // One line for each frame, "at a.b.C.m()" and a line feed. A frame that the VM cannot name adds
   // nothing.
   std::string text;
-  // The classes of its methods; none when a frame could not be named or its class not held.
+  // The classes of its methods that may be unloaded; none when a frame could not be named or such a
+  // class not be held.
   std::optional<std::vector<heldClasses::entryPtr>> classes;
 };
 stackText textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, stackFrames frames);

@@ -625,6 +625,67 @@ TEST_F(lockFaultsUnloading, namesOfUnloadedClassesDoNotPileUp) {
   EXPECT_LT(vm.weakReferences(), 300U);
 }
 
+// Who loaded the class of a method on a stack, and whether the class may go before the VM does.
+struct stackClass {
+  const char* name;
+  const char* signature;
+  const char* loader;  // its class; null for the bootstrap loader
+  bool mayGo;
+};
+constexpr stackClass kStackClasses[] = {
+    {"fromBootstrap", "Ljava/util/Queue;", nullptr, false},
+    {"fromTheClassPath", "Lshop/Cart;", "jdk.internal.loader.ClassLoaders$AppClassLoader", false},
+    {"fromThePlatform", "Ljava/sql/Row;", "jdk.internal.loader.ClassLoaders$PlatformClassLoader",
+     false},
+    {"withoutPackage", "LMain;", "jdk.internal.loader.ClassLoaders$AppClassLoader", false},
+    {"fromALoaderOfTheProgram", "Lshop/Plugin;", "shop.PluginLoader", true},
+    {"hidden", "Lshop/Cart$$Lambda.0x00007f00;", "jdk.internal.loader.ClassLoaders$AppClassLoader",
+     true},
+    {"hiddenInBootstrap", "Ljava/lang/invoke/LambdaForm$MH.0x01;", nullptr, true},
+    {"anonymousOfOldVms", "Ljava/lang/invoke/LambdaForm$MH/1586270964;", nullptr, true},
+};
+
+class lockFaultsStackClasses : public lockFaultsUnloading,
+                               public ::testing::WithParamInterface<stackClass> {
+ protected:
+  // The thread's stack becomes one method of the class of the case.
+  void enterCode() {
+    fake::javaClass* const code = vm.makeClass("stack.Code");
+    code->signature = GetParam().signature;
+    code->loader = GetParam().loader ? vm.makeObject(vm.makeClass(GetParam().loader)) : nullptr;
+    thread->setFrames({{.code = vm.makeMethod(code, "run", "()V")}});
+  }
+  std::uint64_t comparisonsOfAnEvent() {
+    vm.resetCalls();
+    contend(thread, lock);
+    return vm.calls("IsSameObject");
+  }
+};
+
+TEST_P(lockFaultsStackClasses, areAskedForOnlyIfTheyMayGo) {
+  load();
+  beginDetail({lock});
+  contend(thread, lock);
+  const std::uint64_t withoutStack = comparisonsOfAnEvent();
+  enterCode();
+  contend(thread, lock);  // the trace is new
+  EXPECT_EQ(comparisonsOfAnEvent(), withoutStack + (GetParam().mayGo ? 1U : 0U));
+}
+
+TEST_P(lockFaultsStackClasses, mayGoWhenTheVmDoesNotTellTheirLoader) {
+  load();
+  beginDetail({lock});
+  contend(thread, lock);
+  const std::uint64_t withoutStack = comparisonsOfAnEvent();
+  enterCode();
+  vm.fail("GetClassLoader", {.error = JVMTI_ERROR_INTERNAL});
+  contend(thread, lock);
+  EXPECT_EQ(comparisonsOfAnEvent(), withoutStack + 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(allLoaders, lockFaultsStackClasses, ::testing::ValuesIn(kStackClasses),
+                         [](const auto& tested) { return tested.param.name; });
+
 TEST_F(lockFaultsUnloading, tracesOfUnloadedClassesStayInTheReports) {
   load();
   beginDetail({lock});

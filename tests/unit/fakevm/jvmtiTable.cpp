@@ -492,6 +492,16 @@ jvmtiError JNICALL getClassSignature(jvmtiEnv* jvmti, jclass type, char** signat
   });
 }
 
+jvmtiError JNICALL getClassLoader(jvmtiEnv* jvmti, jclass type, jobject* loader) {
+  constexpr functionId id = FAKE_JVMTI(GetClassLoader);
+  return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
+    const javaClass* asked = givenClass(vm, *env, id, type);
+    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    *loader = machine::local(*env, asked->loader, id);
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 jvmtiError JNICALL getClassStatus(jvmtiEnv* jvmti, jclass type, jint* status) {
   constexpr functionId id = FAKE_JVMTI(GetClassStatus);
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
@@ -753,6 +763,7 @@ jvmtiInterface_1 makeTable() {
   table.GetLineNumberTable = getLineNumberTable;
   table.GetLocalVariableTable = getLocalVariableTable;
   table.GetClassSignature = getClassSignature;
+  table.GetClassLoader = getClassLoader;
   table.GetClassStatus = getClassStatus;
   table.GetSourceFileName = getSourceFileName;
   table.GetClassFields = getClassFields;

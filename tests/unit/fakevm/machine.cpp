@@ -404,6 +404,7 @@ void machine::addBuiltIns() {
 javaClass* machine::makeClass(std::string_view name, javaClass* super) {
   auto* made = keep<javaClass>(classClass, nextHash(), std::string(name), signatureOf(name),
                                super == nullptr ? objectClass : super);
+  if (!name.starts_with("java.")) made->loader = appLoader;
   std::lock_guard hold(modelMutex);
   loadedClasses.push_back(made);
   return made;

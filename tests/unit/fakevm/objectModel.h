@@ -140,6 +140,7 @@ struct javaClass : object {
   const std::string name;                // "com.example.Lock"
   std::optional<std::string> signature;  // "Lcom/example/Lock;"; without one the VM gives null
   javaClass* const super;
+  object* loader = nullptr;                 // null for the bootstrap loader
   std::optional<std::string> sourceFile{};  // without one: ABSENT_INFORMATION
   std::atomic<bool> initialized{true};      // as GetClassStatus tells it
 
