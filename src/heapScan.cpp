@@ -123,11 +123,11 @@ generationScan::answer generationScan::add(std::uint32_t first, std::uint32_t la
 void generationScan::count(support::localRef<> object, std::uint32_t generation) {
   support::localRef<jclass> cls(jni_, jni_->GetObjectClass(object.get()));
   if (!cls) return;
-  metClass* const met = find(std::move(cls));
-  if (met == nullptr || met->record == nullptr) return;
   jlong size = 0;
   if (jvmti_->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
   const auto bytes = static_cast<std::uint64_t>(size);
+  metClass* const met = find(std::move(cls), bytes);
+  if (met == nullptr || met->record == nullptr) return;
   ++met->record->totalCount;
   met->record->totalSize += bytes;
   generationRecord& survived = met->survivedOf(generation);
@@ -143,31 +143,34 @@ generationRecord& generationScan::metClass::survivedOf(std::uint32_t generation)
   return *last;
 }
 
-generationScan::metClass* generationScan::find(support::localRef<jclass> cls) {
-  for (metClass* each : recent_) {
+generationScan::metClass* generationScan::find(support::localRef<jclass> cls,
+                                               std::uint64_t objectSize) {
+  constexpr std::uint64_t kObjectAlignment = 8;
+  recentClasses& recent = recent_[objectSize / kObjectAlignment % recent_.size()];
+  for (metClass* each : recent.classes) {
     if (each != nullptr && is(*each, cls.get())) return each;
   }
   jint hash = 0;
   jvmti_->GetObjectHashCode(cls.get(), &hash);
   const auto [begin, end] = byHash_.equal_range(hash);
   for (auto each = begin; each != end; ++each) {
-    if (is(each->second, cls.get())) return remember(each->second);
+    if (is(each->second, cls.get())) return recent.add(each->second);
   }
   support::jvmtiText signature(jvmti_);
   signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
   if (!signature) return nullptr;  // asked for again with the next object
   const std::string name = classNameOf(signature.view());
   classRecord* const record = filters_.excludes(name) ? nullptr : &records_[name];
-  return remember(byHash_.emplace(hash, metClass{std::move(cls), record})->second);
+  return recent.add(byHash_.emplace(hash, metClass{std::move(cls), record})->second);
 }
 
 bool generationScan::is(const metClass& one, jclass cls) const {
   return jni_->IsSameObject(one.cls.get(), cls) != JNI_FALSE;
 }
 
-generationScan::metClass* generationScan::remember(metClass& one) {
-  recent_[next_] = &one;
-  next_ = (next_ + 1) % recent_.size();
+generationScan::metClass* generationScan::recentClasses::add(metClass& one) {
+  classes[next] = &one;
+  next = (next + 1) % classes.size();
   return &one;
 }
 

@@ -106,11 +106,17 @@ class generationScan {
     generationRecord& survivedOf(std::uint32_t generation);
   };
 
+  struct recentClasses {
+    std::array<metClass*, 4> classes{};
+    std::size_t next = 0;
+
+    metClass* add(metClass& one);  // in the place of the oldest
+  };
+
   void count(support::localRef<> object, std::uint32_t generation);
-  // The class; none when it cannot be named.
-  metClass* find(support::localRef<jclass> cls);
+  // The class of an object of that size; none when it cannot be named.
+  metClass* find(support::localRef<jclass> cls, std::uint64_t objectSize);
   bool is(const metClass& one, jclass cls) const;
-  metClass* remember(metClass& one);
 
   jvmtiEnv* jvmti_;
   JNIEnv* jni_;
@@ -118,9 +124,8 @@ class generationScan {
   classRecords& records_;
   support::localFrame frame_;
   std::unordered_multimap<jint, metClass> byHash_;
-  // Comparing with a few classes costs less than a hash code.
-  std::array<metClass*, 8> recent_{};
-  std::size_t next_ = 0;
+  // Comparing with a few classes, those of objects of the same size, costs less than a hash code.
+  std::array<recentClasses, 32> recent_{};
 };
 
 // Takes up to `most` classes from `records`, in ascending order of their names: first those that

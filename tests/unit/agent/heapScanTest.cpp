@@ -476,11 +476,20 @@ TEST_F(heapScan, aRefusedGenerationAddsNothing) {
   EXPECT_THAT(records, IsEmpty());
 }
 
-TEST_F(heapScan, excludedObjectsAreNotMeasured) {
+TEST_F(heapScan, anExcludedClassIsNamedOnce) {
   for (int i = 0; i < 10; ++i) withTag("p.A", 1);
   EXPECT_TRUE(add(1, {.excludeClasses = "p.A"}));
-  EXPECT_EQ(vm.calls("GetObjectSize"), 0U);
   EXPECT_EQ(vm.calls("GetClassSignature"), 1U);
+  EXPECT_EQ(vm.calls("GetObjectHashCode"), 1U);
+}
+
+// Objects of one size are compared with the classes that had it before: four of them at most.
+TEST_F(heapScan, fourClassesOfOneSizeAreToldApartWithoutHashCodes) {
+  for (int i = 0; i < 40; ++i) {
+    for (const char* const name : {"p.A", "p.B", "p.C", "p.D"}) withTag(name, 1);
+  }
+  EXPECT_TRUE(add(1));
+  EXPECT_EQ(vm.calls("GetObjectHashCode"), 4U);
 }
 
 // One answer of the VM and a class at a time, however many objects there are.
