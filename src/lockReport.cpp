@@ -130,4 +130,12 @@ void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& 
   json.endObject();
 }
 
+void writeOwnerLookups(support::jsonWriter& json, const lockStore& store, std::int32_t perSecond) {
+  json.key("ownerLookups").beginObject();
+  json.member("perSecond", perSecond);
+  json.member("made", store.madeOwnerLookups.load(std::memory_order_relaxed));
+  json.member("leftOut", store.leftOutOwnerLookups.load(std::memory_order_relaxed));
+  json.endObject();
+}
+
 }  // namespace agent

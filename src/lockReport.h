@@ -1,8 +1,9 @@
 // The JSON lock report: how the records of a lock session are laid out in it.
 //
-// All numbers are written as signed 32-bit values (wider ones are cut to their low 32 bits), times
-// in whole seconds, hashes as unsigned decimal text. Events may still be filling the records while
-// they are written: each is read under its own mutex.
+// Numbers are written as signed 32-bit values (wider ones are cut to their low 32 bits) but for
+// those of "ownerLookups", which are whole; times in whole seconds, hashes as unsigned decimal
+// text. Events may still be filling the records while they are written: each is read under its own
+// mutex.
 #pragma once
 
 #include <map>
@@ -25,5 +26,7 @@ std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t gr
 void writeStackHashes(support::jsonWriter& json, const lockStore& store);
 // "blockingThreads".
 void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& owners);
+// "ownerLookups": of what the owners are a sample. Only where looks for them are limited.
+void writeOwnerLookups(support::jsonWriter& json, const lockStore& store, std::int32_t perSecond);
 
 }  // namespace agent

@@ -238,7 +238,10 @@ class lockStore {
 
   knownStackTraces stackTraces;
 
-  // Events that did not look for an owner because others had made all looks of their second.
+  // Where looks for owners and waiters are limited: the events that asked the VM, and those that
+  // did not because others had made all looks of their second. One that shares the look of another
+  // event is in neither.
+  std::atomic<std::uint64_t> madeOwnerLookups{0};
   std::atomic<std::uint64_t> leftOutOwnerLookups{0};
 
   support::mutex lockMapMutex;   // guards insertion of locks

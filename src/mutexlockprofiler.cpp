@@ -341,6 +341,9 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
              "problem occurred");
     }
     writeBlockingThreads(json, owners);
+    if (ownerLookups_.perSecond() > 0) {
+      writeOwnerLookups(json, *current, ownerLookups_.perSecond());
+    }
     json.endObject();
 
     file.write(json.text());
@@ -352,7 +355,6 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
   });
 }
 
-// Readers scale the shares of owners by it.
 void mutexLockProfiler::logLeftOutOwnerLookups(const lockStore& store) const {
   if (ownerLookups_.perSecond() == 0) return;
   TW_LOG(kLogTrace, kSeverityTrace, kDumpJson,
@@ -683,9 +685,12 @@ std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& mo
 
 // Takes one of the looks of this second; where there is none left, the event goes without.
 bool mutexLockProfiler::mayLookUpOwner(const monitorEvent& event) {
-  if (ownerLookups_.take(event.time)) return true;
-  event.store->leftOutOwnerLookups.fetch_add(1, std::memory_order_relaxed);
-  return false;
+  if (ownerLookups_.perSecond() == 0) return true;
+  const bool may = ownerLookups_.take(event.time);
+  lockStore& store = *event.store;
+  (may ? store.madeOwnerLookups : store.leftOutOwnerLookups)
+      .fetch_add(1, std::memory_order_relaxed);
+  return may;
 }
 
 // Finds out who owns the monitor that the event's thread waits for, and counts that owner.

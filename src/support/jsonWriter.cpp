@@ -2,6 +2,7 @@
 
 #include <array>
 #include <charconv>
+#include <limits>
 
 namespace support {
 
@@ -40,8 +41,17 @@ jsonWriter& jsonWriter::string(std::string_view text) {
 }
 
 jsonWriter& jsonWriter::number(std::int32_t value) {
+  return decimal(value);
+}
+
+jsonWriter& jsonWriter::number(std::uint64_t value) {
+  return decimal(value);
+}
+
+template <typename Number>
+jsonWriter& jsonWriter::decimal(Number value) {
   separate();
-  std::array<char, 12> digits;
+  std::array<char, std::numeric_limits<Number>::digits10 + 2> digits;  // and a sign
   const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
   text_.append(digits.data(), end);
   return *this;

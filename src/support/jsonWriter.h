@@ -20,12 +20,14 @@ class jsonWriter {
   jsonWriter& key(std::string_view name);
   jsonWriter& string(std::string_view text);
   jsonWriter& number(std::int32_t value);
+  jsonWriter& number(std::uint64_t value);
 
   // Members of the current object.
   jsonWriter& member(std::string_view name, std::string_view text) {
     return key(name).string(text);
   }
   jsonWriter& member(std::string_view name, std::int32_t value) { return key(name).number(value); }
+  jsonWriter& member(std::string_view name, std::uint64_t value) { return key(name).number(value); }
 
   // The text written so far.
   const std::string& text() const { return text_; }
@@ -41,6 +43,8 @@ class jsonWriter {
   void separate();
   void lineBreak();
   void quote(std::string_view text);
+  template <typename Number>
+  jsonWriter& decimal(Number value);
 
   std::string text_;
   std::vector<level> levels_;

@@ -1,8 +1,10 @@
 """What a lock session records in each phase, against what the program did."""
 
+import time
+
 import pytest
 
-from harness import HOME, stack_hash
+from harness import DEFAULT_OPTIONS, HOME, stack_hash
 
 ENTRY_STACK = "at Entrant.enter(),at Entrant.run()"
 ENTRY_HASH = str(stack_hash(ENTRY_STACK))
@@ -162,6 +164,23 @@ def test_every_contended_entry_is_counted(jvm):
     assert report.locks[lock]["graph"] == [total, 0]
     for bean in report.locks[lock]["threadbean"].values():
         assert sum(s["count"] for s in bean["stacktracebean"].values()) == bean["count"]
+
+
+def test_looks_for_owners_beyond_the_limit_are_reported(jvm):
+    per_second = 10
+    began = time.monotonic()
+    options = f"{DEFAULT_OPTIONS},ownerLookupsPerSecond={per_second}"
+    run = jvm.run("FreeContention", *FILES, options=options)
+    seconds = time.monotonic() - began
+    report, lock = run.report(), run.facts["lock"]
+    assert list(report.root)[-1] == "ownerLookups"
+    looks = report.root["ownerLookups"]
+    assert list(looks) == ["perSecond", "made", "leftOut"] and looks["perSecond"] == per_second
+    assert 1 <= looks["made"] <= per_second * (seconds + 1)
+    assert looks["leftOut"] > looks["made"]
+    # An entry and its end take one look each at most.
+    assert looks["made"] + looks["leftOut"] <= 2 * report.locks[lock]["count"]
+    assert any(f"left out : {looks['leftOut']} ," in text for text in run.messages("Trace"))
 
 
 def test_summary_only(jvm):

@@ -98,6 +98,15 @@ TEST(jsonNumbers, areDecimalToTheirEnds) {
   }
 }
 
+TEST(jsonNumbers, wideOnesAreWritten) {
+  for (const std::uint64_t value :
+       {std::uint64_t{0}, std::uint64_t{1} << 32U, std::numeric_limits<std::uint64_t>::max()}) {
+    jsonWriter json;
+    json.beginArray().number(value).endArray();
+    EXPECT_EQ(compact(json), "[" + std::to_string(value) + "]");
+  }
+}
+
 // A program under a locale that groups digits gets the same numbers.
 TEST(jsonNumbers, doNotDependOnTheLocale) {
   struct grouping : std::numpunct<char> {

@@ -106,6 +106,40 @@ TEST_F(lockReport, traceSeenOnceCarriesAHashOf0) {
   EXPECT_EQ(traces["14695981039346656037"]["hashcode"], "0");
 }
 
+TEST_F(lockReport, endsWithTheLooksForOwnersWhereTheyAreLimited) {
+  // The report of one session, without the name of the folder.
+  const auto written = [this](const char* options) {
+    load(options);
+    lock->hash = 7;
+    beginDetailWithOwner(lock, owner, worker);
+    stopDetail();
+    EXPECT_EQ(stopProfiling(), 1);
+    std::string text = readFile(reportPath());
+    unload();
+    return text;
+  };
+  const std::string unlimited = written("");
+  EXPECT_EQ(written("ownerLookupsPerSecond=0"), unlimited);
+  const std::string end = "\n}";
+  ASSERT_TRUE(unlimited.ends_with(end)) << unlimited;
+  EXPECT_EQ(written("ownerLookupsPerSecond=100"),
+            unlimited.substr(0, unlimited.size() - end.size()) + R"(,
+ "ownerLookups": {
+  "perSecond": 100,
+  "made": 1,
+  "leftOut": 0
+ })" + end);
+}
+
+TEST_F(lockReport, looksForOwnersAreWrittenWhole) {
+  load("ownerLookupsPerSecond=2147483647");
+  beginDetail({lock});
+  locks()->store()->madeOwnerLookups = 4294967296;
+  locks()->store()->leftOutOwnerLookups = std::numeric_limits<std::uint64_t>::max();
+  EXPECT_EQ(finish()["ownerLookups"].dump(),
+            R"({"perSecond":2147483647,"made":4294967296,"leftOut":18446744073709551615})");
+}
+
 // --- Which locks are in it.
 
 TEST_F(lockReport, withoutADetailSessionItHasNoLocksAndSaysSo) {

@@ -14,6 +14,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::Not;
+using ::testing::Pair;
 
 class owners : public lockTest {
  protected:
@@ -402,6 +403,17 @@ class ownersLimit : public owners {
     }
     return found;
   }
+  // The looks of the session so far: those made, and those left out.
+  std::pair<std::uint64_t, std::uint64_t> looks() {
+    const auto store = locks()->store();
+    return {store->madeOwnerLookups, store->leftOutOwnerLookups};
+  }
+  // Ends the session; what its report says of the looks.
+  std::string reportedLooks() {
+    stopDetail();
+    EXPECT_EQ(stopProfiling(), 1);
+    return report()["ownerLookups"].dump();
+  }
 };
 
 TEST_F(ownersLimit, entriesBeyondItAreCountedAndTimedAndKeepTheirStack) {
@@ -456,6 +468,7 @@ TEST_F(ownersLimit, coversTheQuestionForWaiters) {
   vm.setWaiters(lock, {c});
   EXPECT_EQ(asks([&] { vm.contendedEntered(a, lock); }), 0U);
   EXPECT_EQ(ownerOf(lock, "A")->blockCount, 0U);
+  EXPECT_THAT(looks(), Pair(2, 1));
 }
 
 TEST_F(ownersLimit, isNotTouchedByPeriodsThatNeedNoLook) {
@@ -465,6 +478,7 @@ TEST_F(ownersLimit, isNotTouchedByPeriodsThatNeedNoLook) {
   vm.contendedEnter(c, lock);
   vm.contendedEntered(a, lock);  // C is known to wait
   EXPECT_EQ(ownerOf(lock, "A")->blockCount, 1U);
+  EXPECT_THAT(looks(), Pair(1, 2));  // those of A's and of C's entry are left out
 }
 
 class noOwnersLimit : public ownersLimit, public ::testing::WithParamInterface<const char*> {};
@@ -475,6 +489,8 @@ TEST_P(noOwnersLimit, eachEntryLooks) {
   EXPECT_EQ(looksOf(500), 500U);
   stopProfiling();
   EXPECT_THAT(leftOut(), IsEmpty());
+  EXPECT_THAT(looks(), Pair(0, 0));
+  EXPECT_FALSE(report().contains("ownerLookups"));
 }
 
 INSTANTIATE_TEST_SUITE_P(owners, noOwnersLimit,
@@ -502,6 +518,20 @@ TEST_F(ownersLimit, whatWasLeftOutInASessionIsLoggedWithItsReport) {
                                      "Owner lookups left out : 0 , at most 20 a second were made"));
 }
 
+TEST_F(ownersLimit, reportCountsTheLooksOfItsSession) {
+  load("ownerLookupsPerSecond=20");
+  beginDetail({lock});
+  looksOf(10);
+  EXPECT_EQ(reportedLooks(), R"({"perSecond":20,"made":2,"leftOut":8})");
+  vm.advance(kSecond);
+  beginDetail({lock});
+  looksOf(1);
+  EXPECT_EQ(reportedLooks(), R"({"perSecond":20,"made":1,"leftOut":0})");
+  beginDetail({lock});
+  looksOf(2);
+  EXPECT_EQ(reportedLooks(), R"({"perSecond":20,"made":1,"leftOut":1})");
+}
+
 TEST_F(ownersLimit, isNoMatterOfALookThatIsShared) {
   load("ownerLookupsPerSecond=1");
   beginDetail({lock});
@@ -516,6 +546,7 @@ TEST_F(ownersLimit, isNoMatterOfALookThatIsShared) {
   }
   EXPECT_EQ(looksOf(1), 0U);
   EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 2U);
+  EXPECT_THAT(looks(), Pair(1, 0));
 }
 
 // --- Events that share one look for the owner.
@@ -568,6 +599,16 @@ TEST_F(ownersLook, entryAsksItselfWhenTheLookCameToNothing) {
   lookOf(lock)->publish(std::nullopt);
   EXPECT_EQ(asks([&] { vm.contendedEnter(b, lock); }), 1U);
   EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 1U);
+}
+
+TEST_F(ownersLook, isLeftOutOnceWhereItCameToNothingAndNoneIsLeft) {
+  load("ownerLookupsPerSecond=1");
+  beginDetail({lock});
+  vm.contendedEnter(b, lock);
+  lookOf(lock)->publish(std::nullopt);
+  EXPECT_EQ(asks([&] { vm.contendedEnter(b, lock); }), 0U);
+  EXPECT_EQ(locks()->store()->madeOwnerLookups, 1U);
+  EXPECT_EQ(locks()->store()->leftOutOwnerLookups, 1U);
 }
 
 TEST_F(ownersLook, oneAfterTheOtherEachEntryAsksItself) {
