@@ -28,6 +28,7 @@ class LockSession:
         self.session = session
         self.locks = {}
         self.owners = {}
+        self.lookups = None
         self.stacks = {}
 
     def lock(self, name, graph=(), blocked=0, waited=0):
@@ -62,12 +63,18 @@ class LockSession:
         for frames, count in stacks:
             add_stack(self.owners[thread], self.stack(frames), count)
 
+    def limit_lookups(self, per_second, made, left_out):
+        """The agent looked for owners `made` times, and `left_out` times not."""
+        self.lookups = {"perSecond": per_second, "made": made, "leftOut": left_out}
+
     def write(self, folder):
         report = {
             "sessionname": self.name, "sessionid": self.session, "lockmap": self.locks,
             "stacktracemap": {value: "" for value in self.stacks},
             "blockingThreads": self.owners,
         }
+        if self.lookups is not None:
+            report["ownerLookups"] = self.lookups
         name = f"locks-{self.session}"
         write_json(folder / f"{name}.json", report)
         (folder / f"{name}.stacks").write_bytes(modified_utf8(

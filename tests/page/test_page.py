@@ -2,6 +2,7 @@
 with a mouse, with a keyboard and with a screen reader."""
 
 import json
+import subprocess
 from collections import Counter
 
 import pytest
@@ -314,6 +315,55 @@ def test_threads_have_their_sums(browser, page):
     assert set(rows) == {"worker-1", "worker-2", "cleaner"}
     assert rows["worker-1"]["Entries"] == "11" and rows["worker-1"]["Blocking periods"] == "3"
     assert rows["cleaner"]["Found owning"] == "2" and rows["cleaner"]["Locks"] == "0"
+
+
+def owner_page(page_of, folder, *lookups):
+    session = reports.LockSession()
+    session.lock("com.example.Stock@7", blocked=9)
+    session.enter("com.example.Stock@7", "worker-1", TAKE, 20)
+    session.enter("com.example.Stock@7", "worker-2", TAKE, 30)
+    session.own("worker-1", 2, periods=3, seconds=4, stacks=[(TAKE, 8)])
+    if lookups:
+        session.limit_lookups(*lookups)
+    return page_of(session.write(folder))
+
+
+def test_owners_are_scaled_where_looks_for_them_were_left_out(browser, page_of, tmp_path):
+    page = owner_page(page_of, tmp_path, 100, 1000, 15000)
+    browser.open(page)
+    assert "found owning 2 times, in all ≈ 32" in browser.text()
+    browser.open(page, "blockers")
+    note = browser.one("#owner-sample").text
+    assert "1,000 looks made, 15,000 left out, at most 100 a second" in note and "6 %" in note
+    assert "sums of the owners are exact" not in browser.text()
+    cells = browser.all(".matrix tbody tr > *")
+    assert [cell.text for cell in cells][:3] == ["worker-1", "2", "32"]
+    (pair,) = browser.table("Pairs of owner and blocked thread").rows()
+    assert pair["Blocked"] == "worker-2" and pair["≈ Times"] == "32"
+    rows = {row["Thread"]: row for row in browser.table("Threads").rows()}
+    assert rows["worker-1"]["Found owning"] == "2" and rows["worker-1"]["≈ In all"] == "32"
+    assert rows["worker-1"]["Blocking periods"] == "3" and rows["worker-1"]["Blocking s"] == "4"
+
+
+@pytest.mark.parametrize("lookups", [(), (100, 50, 0)], ids=["no-limit", "none-left-out"])
+def test_owners_are_as_counted_where_no_look_was_left_out(browser, page_of, tmp_path, lookups):
+    page = owner_page(page_of, tmp_path, *lookups)
+    browser.open(page)
+    assert "found owning 2 times" in browser.text() and "in all" not in browser.text()
+    browser.open(page, "blockers")
+    assert "sums of the owners are exact" in browser.text()
+    assert not browser.all("#owner-sample") and "≈ In all" not in browser.text()
+    (pair,) = browser.table("Pairs of owner and blocked thread").rows()
+    assert pair["≈ Times"] == "2"
+
+
+def test_a_report_with_malformed_looks_is_a_problem(twreport, tmp_path):
+    session = reports.LockSession()
+    session.limit_lookups(100, "many", 0)
+    done = subprocess.run([twreport, session.write(tmp_path), "-o", tmp_path / "page.html"],
+                          capture_output=True, text=True, timeout=60)
+    assert done.returncode == 1
+    assert "locks-1.json: ownerLookups / made: expected a whole number, found string" in done.stderr
 
 
 def test_another_lock_session_can_be_chosen(browser, page):

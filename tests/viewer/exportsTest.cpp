@@ -11,6 +11,7 @@
 namespace viewer {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -88,9 +89,14 @@ TEST(csvTables, haveAHeadingAndARowForEach) {
             "42,a.Stock@9,a.Stock,12,3,2,2\r\n"
             "42,a.Cart@7,a.Cart,3,1,0,1\r\n");
   EXPECT_EQ(csv(runOf(kReport), csvTable::blockers),
-            "session,thread,times_owner,blocking_periods,blocking_seconds\r\n"
-            "42,worker-2,3,2,5\r\n"
-            "42,worker-1,9,4,1\r\n");
+            "session,thread,times_owner,blocking_periods,blocking_seconds,estimated_times_owner\r\n"
+            "42,worker-2,3,2,5,3\r\n"
+            "42,worker-1,9,4,1,9\r\n");
+}
+
+TEST(csvTables, scaleOwnersWhereLooksForThemWereLeftOut) {
+  EXPECT_THAT(csv(runOf(kSampledReport), csvTable::blockers),
+              EndsWith("\r\n42,worker-2,3,2,5,12\r\n42,worker-1,9,4,1,36\r\n"));
 }
 
 TEST(csvTables, quoteWhatNeedsIt) {
@@ -126,6 +132,16 @@ TEST(prometheus, addsUpWhatHasTheSameLabels) {
   profile twice = runOf(kReport);
   twice.lockReports.push_back(twice.lockReports[0]);
   EXPECT_THAT(prometheus(twice), HasSubstr("lock=\"a.Cart@7\"} 6\n"));
+}
+
+TEST(prometheus, scalesOwnersWhereLooksForThemWereLeftOut) {
+  const std::string owner = "{session=\"42\",thread=\"worker-2\"} ";
+  const std::string exact = prometheus(runOf(kReport));
+  EXPECT_THAT(exact, HasSubstr("\njavanativeagent_owner_found" + owner + "3\n"));
+  EXPECT_THAT(exact, HasSubstr("\njavanativeagent_owner_estimate" + owner + "3\n"));
+  const std::string sampled = prometheus(runOf(kSampledReport));
+  EXPECT_THAT(sampled, HasSubstr("\njavanativeagent_owner_found" + owner + "3\n"));
+  EXPECT_THAT(sampled, HasSubstr("\njavanativeagent_owner_estimate" + owner + "12\n"));
 }
 
 TEST(prometheus, escapesLabels) {

@@ -88,6 +88,54 @@ TEST(lockReportReader, readsBlockers) {
   ASSERT_EQ(blocker.stacks.size(), 1U);
 }
 
+TEST(lockReportReader, readsTheLooksForOwners) {
+  EXPECT_FALSE(parsedReport().lookups) << "of an agent without the limit";
+  const lockReport report = parsedReport(kSampledReport);
+  ASSERT_TRUE(report.lookups);
+  EXPECT_EQ(report.lookups->perSecond, 100);
+  EXPECT_EQ(report.lookups->made, 812);
+  EXPECT_EQ(report.lookups->leftOut, 2436);
+  const lockReport large = parsedReport(replaced(kSampledReport, "2436", "9223372036854775807"));
+  EXPECT_EQ(large.lookups->leftOut, 9223372036854775807);
+}
+
+TEST(lockReportReader, reportsMalformedLooksForOwners) {
+  const auto problem = [](const std::string& from, const std::string& to) {
+    return problemOfReport(replaced(kSampledReport, from, to));
+  };
+  const std::string at = "r.json: ownerLookups";
+  EXPECT_EQ(problem("{\"perSecond\": 100, \"made\": 812, \"leftOut\": 2436}", "812"),
+            at + ": expected an object, found number");
+  EXPECT_EQ(problem("\"made\"", "\"done\""), at + ": expected a member \"made\", found none");
+  EXPECT_EQ(problem("\"leftOut\"", "\"x\""), at + ": expected a member \"leftOut\", found none");
+  EXPECT_EQ(problem("812", "\"812\""), at + " / made: expected a whole number, found string");
+  EXPECT_EQ(problem("812", "-1"), at + " / made: expected a number of 0 or more, found -1");
+  EXPECT_EQ(problem("100", "0"), at + " / perSecond: expected a number of 1 or more, found 0");
+  EXPECT_EQ(problem("2436", "2.5"), at + " / leftOut: expected a whole number, found number");
+}
+
+TEST(ownerEstimates, scaleCountsByTheLooksLeftOut) {
+  blockerEntry found;
+  found.timesOwner = 3;
+  const auto estimate = [&](std::optional<ownerLookups> lookups) {
+    lockReport report;
+    report.lookups = lookups;
+    return estimatedTimesOwner(report, found);
+  };
+  EXPECT_EQ(estimate(std::nullopt), 3U);
+  EXPECT_EQ(estimate(ownerLookups{100, 10, 0}), 3U);
+  EXPECT_EQ(estimate(ownerLookups{100, 10, 30}), 12U);
+  EXPECT_EQ(estimate(ownerLookups{100, 10, 5}), 5U) << "4.5, rounded";
+  EXPECT_EQ(estimate(ownerLookups{100, 0, 5}), 3U) << "nothing to scale by";
+  EXPECT_EQ(estimate(ownerLookups{1, 1, INT64_MAX}), std::uint64_t{1} << 53U);
+}
+
+TEST(ownerEstimates, areNeededWhereLooksWereLeftOut) {
+  EXPECT_FALSE(ownersAreSampled(parsedReport()));
+  EXPECT_FALSE(ownersAreSampled(parsedReport(replaced(kSampledReport, "2436", "0"))));
+  EXPECT_TRUE(ownersAreSampled(parsedReport(kSampledReport)));
+}
+
 TEST(lockReportReader, knowsAStackSeenOnceByTheMemberName) {
   const lockReport report = parsedReport();
   EXPECT_EQ(report.blockers[0].stacks[0].hash, 22U);

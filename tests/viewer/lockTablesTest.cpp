@@ -90,6 +90,46 @@ TEST(lockTablesOf, rankBlockersByBlockingTime) {
   EXPECT_THAT(blockers(report(), 1, {}), HasSubstr("Blockers (1 of 2)\n"));
 }
 
+constexpr const char* kSampleNote =
+    "Owners are a sample (25 %): 812 looks made, 2436 left out, at most 100 a second.\n"
+    "\"Estimate\" scales the counts up; blocking periods and seconds are as found.\n";
+
+TEST(lockTablesOf, scaleOwnersWhereLooksForThemWereLeftOut) {
+  const lockReport sampled = parsedReport(kSampledReport);
+  EXPECT_EQ(blockers(sampled, 9, {}),
+            "Blockers (2)\n"
+            "Owner thread  Found owning  Estimate  Blocking periods  Blocking s\n"
+            "------------  ------------  --------  ----------------  ----------\n"
+            "worker-2                 3        12                 2           5\n"
+            "worker-1                 9        36                 4           1\n" +
+                std::string(kSampleNote));
+  EXPECT_EQ(
+      topThreads(sampled, {.rows = 1}, {}),
+      "Top threads (1 of 2)\n"
+      "#  Thread    Locks  Entries  Blocked s  Waited s  Found owning  Estimate  Blocking s\n"
+      "-  --------  -----  -------  ---------  --------  ------------  --------  ----------\n"
+      "1  worker-1      2        7          2         2             9        36           1\n" +
+          std::string(kSampleNote));
+}
+
+TEST(lockTablesOf, takeOwnersAsTheyAreWhereNoLookWasLeftOut) {
+  const lockReport all = parsedReport(replaced(kSampledReport, "2436", "0"));
+  EXPECT_EQ(blockers(all, 9, {}), blockers(report(), 9, {}));
+  EXPECT_EQ(topThreads(all, {}, {}), topThreads(report(), {}, {}));
+}
+
+TEST(lockTablesOf, tellTheShareOfOwnersFound) {
+  const auto note = [](const std::string& made, const std::string& leftOut) {
+    lockReport some =
+        parsedReport(replaced(replaced(kSampledReport, "812", made), "2436", leftOut));
+    some.blockers.clear();
+    return blockers(some, 9, {});
+  };
+  EXPECT_THAT(note("6", "94"), HasSubstr("report.\nOwners are a sample (6 %): 6 looks made"));
+  EXPECT_THAT(note("1", "999"), HasSubstr("sample (<1 %): "));
+  EXPECT_THAT(note("0", "5"), HasSubstr("sample (0 %): 0 looks made, 5 left out"));
+}
+
 TEST(lockTablesOf, sayWhenThereIsNothing) {
   EXPECT_EQ(lockTables({}, {}, ranking::lock, {}, {}),
             "Lock session 0 \"\": 0 locks, 0 s blocked, 0 s waited, 0 distinct stacks\n"

@@ -310,6 +310,25 @@ TEST(jsonForm, holdsLocksWithStacksAndFramesByIndex) {
   EXPECT_EQ(session["blockers"][0]["blockingSeconds"], 5);
 }
 
+TEST(jsonForm, holdsTheLooksForOwnersAndWhatTheyAreAShareOf) {
+  const auto sessionOf = [](const std::string& report) {
+    profile all;
+    all.lockReports = {parsedReport(report)};
+    return formOf(all)["locks"][0];
+  };
+  const nlohmann::json sampled = sessionOf(kSampledReport);
+  EXPECT_EQ(sampled["ownerLookups"],
+            nlohmann::json::parse(R"({"perSecond": 100, "made": 812, "leftOut": 2436})"));
+  for (const char* list : {"blockers", "threads"}) {
+    for (const nlohmann::json& one : sampled[list]) {
+      EXPECT_EQ(one["estimatedTimesOwner"], 4 * one["timesOwner"].get<int>()) << one;
+    }
+  }
+  const nlohmann::json exact = sessionOf(kReport);
+  EXPECT_TRUE(exact["ownerLookups"].is_null());
+  EXPECT_EQ(exact["blockers"][0]["estimatedTimesOwner"], 3);
+}
+
 TEST(jsonForm, saysWhatIsNotThere) {
   profile all;
   all.lockReports = {parsedReport()};

@@ -35,6 +35,11 @@ inline const std::string kReport = R"({
                  "stacktracebean": {"22": {"count": 1, "hashcode": "0"}}}}
 })";
 
+// The same of an agent that left out three of four looks for owners.
+inline const std::string kSampledReport =
+    kReport.substr(0, kReport.size() - 1) +
+    R"(, "ownerLookups": {"perSecond": 100, "made": 812, "leftOut": 2436}})";
+
 inline const std::string kStacks =
     "11=[at a.Stock.take(),at a.Worker.run()]\n"
     "22=[at a.Stock.put(),at a.Worker.run()]\n";

@@ -184,11 +184,12 @@ void csvStacks(const profile& all, std::ostream& out) {
 }
 
 void csvBlockers(const profile& all, std::ostream& out) {
-  csvRow(out, "session", "thread", "times_owner", "blocking_periods", "blocking_seconds");
+  csvRow(out, "session", "thread", "times_owner", "blocking_periods", "blocking_seconds",
+         "estimated_times_owner");
   for (const lockReport& report : all.lockReports) {
     for (const blockerEntry& blocker : report.blockers) {
       csvRow(out, report.sessionId, blocker.name, blocker.timesOwner, blocker.blockingPeriods,
-             blocker.blockingSeconds);
+             blocker.blockingSeconds, estimatedTimesOwner(report, blocker));
     }
   }
 }
@@ -259,7 +260,9 @@ void lockGauges(const profile& all, std::ostream& out) {
   gauge waited("lock_waited_seconds", "Time that threads waited in Object.wait on a lock.");
   gauge threadEntries("lock_thread_entries", "Contended entries of a thread on a lock.");
   gauge threadBlocked("lock_thread_blocked_seconds", "Time that a thread blocked on a lock.");
-  gauge owner("owner_found", "How often others came to a lock that a thread owned.");
+  gauge owner("owner_found", "How often a thread was found owning a lock that others came to.");
+  gauge estimate("owner_estimate",
+                 "How often it would have been, with no look for owners left out.");
   gauge blocking("owner_blocking_seconds", "How long a thread kept others blocked.");
   for (const lockReport& report : all.lockReports) {
     const std::string session = std::to_string(report.sessionId);
@@ -279,11 +282,12 @@ void lockGauges(const profile& all, std::ostream& out) {
     for (const blockerEntry& blocker : report.blockers) {
       const gauge::labels of = {{"session", session}, {"thread", blocker.name}};
       owner.add(of, blocker.timesOwner);
+      estimate.add(of, estimatedTimesOwner(report, blocker));
       blocking.add(of, blocker.blockingSeconds);
     }
   }
-  for (const gauge* one :
-       {&entries, &blocked, &waited, &threadEntries, &threadBlocked, &owner, &blocking}) {
+  for (const gauge* one : {&entries, &blocked, &waited, &threadEntries, &threadBlocked, &owner,
+                           &estimate, &blocking}) {
     one->write(out);
   }
 }

@@ -70,6 +70,7 @@ class lockSessionWriter {
     json_.member("source", report_.source).member("name", report_.sessionName);
     json_.member("id", report_.sessionId);
     writeTotals(threads.size());
+    writeLookups();
     writeArray(json_, "locks", report_.locks, [&](const lockEntry& one) { writeLock(one); });
     writeArray(json_, "threads", threads, [&](const threadSum& one) { writeThreadSum(one); });
     writeArray(json_, "sites", sitesOf(report_, stacks_),
@@ -95,6 +96,17 @@ class lockSessionWriter {
     json_.member("threads", threads).endObject();
   }
 
+  void writeLookups() {
+    json_.key("ownerLookups");
+    if (!report_.lookups) {
+      json_.null();
+      return;
+    }
+    json_.beginObject().member("perSecond", report_.lookups->perSecond);
+    json_.member("made", report_.lookups->made).member("leftOut", report_.lookups->leftOut);
+    json_.endObject();
+  }
+
   void writeStackUses(const std::vector<stackUse>& uses) {
     writeArray(json_, "stacks", uses, [&](const stackUse& use) {
       json_.beginArray().value(hashes_.of(use.hash)).value(use.count).endArray();
@@ -116,7 +128,9 @@ class lockSessionWriter {
   }
 
   void writeOwner(const blockerEntry& owner) {
-    json_.member("timesOwner", owner.timesOwner).member("blockingPeriods", owner.blockingPeriods);
+    json_.member("timesOwner", owner.timesOwner);
+    json_.member("estimatedTimesOwner", estimatedTimesOwner(report_, owner));
+    json_.member("blockingPeriods", owner.blockingPeriods);
     json_.member("blockingSeconds", owner.blockingSeconds);
   }
 

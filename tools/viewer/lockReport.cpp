@@ -1,6 +1,7 @@
 #include "lockReport.h"
 
 #include <algorithm>
+#include <cmath>
 #include <map>
 #include <tuple>
 #include <unordered_set>
@@ -66,6 +67,24 @@ template <auto member>
 place seconds(void* owner) {
   static const shape time = {.expected = "a whole number", .number = assignSeconds};
   return {&time, at<member>(owner).target};
+}
+
+template <std::int64_t least>
+void assignCount(void* target, std::int64_t value) {
+  if (value < least) {
+    throw misfit("expected a number of " + std::to_string(least) + " or more, found " +
+                 std::to_string(value));
+  }
+  *static_cast<std::int64_t*>(target) = value;
+}
+
+template <auto member, std::int64_t least>
+place count(void* owner) {
+  static const shape number = {.expected = "a whole number",
+                               .number = assignCount<least>,
+                               .least = std::numeric_limits<std::int64_t>::min(),
+                               .most = std::numeric_limits<std::int64_t>::max()};
+  return {&number, at<member>(owner).target};
 }
 
 // A text that has to be there and is not kept.
@@ -182,13 +201,22 @@ const shape& shapeOf<std::vector<blockerEntry>>() {
 
 namespace {
 
+place readLookups(void* report) {
+  static const shape result = {.expected = "an object",
+                               .members = {{"perSecond", count<&ownerLookups::perSecond, 1>},
+                                           {"made", count<&ownerLookups::made, 0>},
+                                           {"leftOut", count<&ownerLookups::leftOut, 0>}}};
+  return {&result, &static_cast<lockReport*>(report)->lookups.emplace()};
+}
+
 const shape& reportShape() {
   static const shape result = {.expected = "an object",
                                .members = {{"sessionname", at<&lockReport::sessionName>},
                                            {"sessionid", at<&lockReport::sessionId>},
                                            {"lockmap", at<&lockReport::locks>},
                                            {"stacktracemap", countedStacks},
-                                           {"blockingThreads", at<&lockReport::blockers>}}};
+                                           {"blockingThreads", at<&lockReport::blockers>},
+                                           {"ownerLookups", readLookups, false}}};
   return result;
 }
 
@@ -214,6 +242,21 @@ lockTotals totalsOf(const lockReport& report) {
     totals.waitedSeconds += lock.waitedSeconds;
   }
   return totals;
+}
+
+bool ownersAreSampled(const lockReport& report) {
+  return report.lookups && report.lookups->leftOut > 0;
+}
+
+std::uint64_t estimatedTimesOwner(const lockReport& report, const blockerEntry& owner) {
+  if (!ownersAreSampled(report) || report.lookups->made == 0) {
+    return owner.timesOwner;
+  }
+  constexpr double kMost = 9007199254740992.0;  // up to which whole numbers are exact in any reader
+  const auto made = static_cast<double>(report.lookups->made);
+  const double wanted = made + static_cast<double>(report.lookups->leftOut);
+  return static_cast<std::uint64_t>(
+      std::min(std::round(owner.timesOwner * (wanted / made)), kMost));
 }
 
 std::vector<threadSum> threadsOf(const lockReport& report) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -43,6 +44,14 @@ struct blockerEntry {
   std::vector<stackUse> stacks;
 };
 
+// How often the agent looked for the owner of a monitor, and how often it did not because it may do
+// so only `perSecond` times a second.
+struct ownerLookups {
+  std::int64_t perSecond = 0;
+  std::int64_t made = 0;
+  std::int64_t leftOut = 0;
+};
+
 // Names are UTF-8. Counts are unsigned: the 32 bits that the report writes with a sign are taken as
 // they were counted, while a time with a sign is an error. Locks, threads and blockers come in the
 // order of their weight (see below), the largest first.
@@ -52,6 +61,7 @@ struct lockReport {
   std::int32_t sessionId = 0;
   std::vector<lockEntry> locks;
   std::vector<blockerEntry> blockers;
+  std::optional<ownerLookups> lookups;  // none of an agent without that limit
   std::size_t distinctStacks = 0;
 };
 
@@ -73,6 +83,13 @@ struct lockTotals {
 };
 
 lockTotals totalsOf(const lockReport& report);
+
+// Whether looks for owners were left out, so that the counts of owners are only a share.
+bool ownersAreSampled(const lockReport& report);
+
+// How often the owner would have been found, had no look been left out: its count scaled up, as if
+// the looks left out were like those made. The count itself where none was left out.
+std::uint64_t estimatedTimesOwner(const lockReport& report, const blockerEntry& owner);
 
 // One thread over all locks of a session, and as a blocker.
 struct threadSum {

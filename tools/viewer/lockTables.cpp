@@ -80,6 +80,23 @@ std::string graphOf(const lockEntry& lock, const look& terminal) {
                             kGraphColumns);
 }
 
+// Of what the owners are a sample; nothing where no look was left out.
+std::string sampleNote(const lockReport& report) {
+  if (!ownersAreSampled(report)) {
+    return "";
+  }
+  const auto& [perSecond, made, leftOut] = *report.lookups;
+  const auto share = static_cast<std::uint64_t>(made);
+  const auto all = share + static_cast<std::uint64_t>(leftOut);
+  const std::string percent = share > 0 && share < all / 100 ? "<1 %" : percentage(share, all);
+  return fmt::format(
+      "Owners are a sample ({}): {} looks made, {} left out, at most {} a second.\n"
+      "\"Estimate\" scales the counts up; blocking periods and seconds are as found.\n",
+      percent, made, leftOut, perSecond);
+}
+
+constexpr const char* kEstimate = "Estimate";
+
 }  // namespace
 
 std::string sessionLine(const lockReport& report, const look& terminal) {
@@ -142,23 +159,35 @@ std::string lockDetails(const lockReport& report, const stackTable& stacks,
 }
 
 std::string topThreads(const lockReport& report, const tableLimits& limits, const look& terminal) {
-  textTable table({{"#", align::right},
-                   {"Thread", align::left, shorten::end},
-                   {"Locks", align::right},
-                   {"Entries", align::right},
-                   {"Blocked s", align::right},
-                   {"Waited s", align::right},
-                   {"Found owning", align::right},
-                   {"Blocking s", align::right}});
+  const bool isSample = ownersAreSampled(report);
+  std::vector<column> columns = {
+      {"#", align::right},           {"Thread", align::left, shorten::end},
+      {"Locks", align::right},       {"Entries", align::right},
+      {"Blocked s", align::right},   {"Waited s", align::right},
+      {"Found owning", align::right}};
+  if (isSample) {
+    columns.push_back({kEstimate, align::right});
+  }
+  columns.push_back({"Blocking s", align::right});
+  textTable table(std::move(columns));
   const std::vector<threadSum> threads = threadsOf(report);
   std::size_t rank = 1;
   for (const threadSum& thread : first(threads, limits.rows)) {
-    table.addRow({std::to_string(rank++), thread.name, std::to_string(thread.locks),
-                  std::to_string(thread.entries), std::to_string(thread.blockedSeconds),
-                  std::to_string(thread.waitedSeconds), std::to_string(thread.asOwner.timesOwner),
-                  std::to_string(thread.asOwner.blockingSeconds)});
+    std::vector<std::string> row = {std::to_string(rank++),
+                                    thread.name,
+                                    std::to_string(thread.locks),
+                                    std::to_string(thread.entries),
+                                    std::to_string(thread.blockedSeconds),
+                                    std::to_string(thread.waitedSeconds),
+                                    std::to_string(thread.asOwner.timesOwner)};
+    if (isSample) {
+      row.push_back(std::to_string(estimatedTimesOwner(report, thread.asOwner)));
+    }
+    row.push_back(std::to_string(thread.asOwner.blockingSeconds));
+    table.addRow(std::move(row));
   }
-  return title("Top threads", threads.size(), limits.rows, terminal) + table.render(terminal);
+  return title("Top threads", threads.size(), limits.rows, terminal) + table.render(terminal) +
+         sampleNote(report);
 }
 
 std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
@@ -187,18 +216,28 @@ std::string topSites(const lockReport& report, const stackTable& stacks, const t
 
 std::string blockers(const lockReport& report, std::size_t rows, const look& terminal) {
   if (report.blockers.empty()) {
-    return "No blocking thread is in the report.\n";
+    return "No blocking thread is in the report.\n" + sampleNote(report);
   }
-  textTable table({{"Owner thread", align::left, shorten::end},
-                   {"Found owning", align::right},
-                   {"Blocking periods", align::right},
-                   {"Blocking s", align::right}});
+  const bool isSample = ownersAreSampled(report);
+  std::vector<column> columns = {{"Owner thread", align::left, shorten::end},
+                                 {"Found owning", align::right}};
+  if (isSample) {
+    columns.push_back({kEstimate, align::right});
+  }
+  columns.push_back({"Blocking periods", align::right});
+  columns.push_back({"Blocking s", align::right});
+  textTable table(std::move(columns));
   for (const blockerEntry& blocker : first(report.blockers, rows)) {
-    table.addRow({blocker.name, std::to_string(blocker.timesOwner),
-                  std::to_string(blocker.blockingPeriods),
-                  std::to_string(blocker.blockingSeconds)});
+    std::vector<std::string> row = {blocker.name, std::to_string(blocker.timesOwner)};
+    if (isSample) {
+      row.push_back(std::to_string(estimatedTimesOwner(report, blocker)));
+    }
+    row.push_back(std::to_string(blocker.blockingPeriods));
+    row.push_back(std::to_string(blocker.blockingSeconds));
+    table.addRow(std::move(row));
   }
-  return title("Blockers", report.blockers.size(), rows, terminal) + table.render(terminal);
+  return title("Blockers", report.blockers.size(), rows, terminal) + table.render(terminal) +
+         sampleNote(report);
 }
 
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,

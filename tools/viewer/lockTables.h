@@ -35,7 +35,8 @@ std::string topThreads(const lockReport& report, const tableLimits& limits, cons
 std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
                      const look& terminal);
 
-// At most `rows` threads that owned locks while others came to wait, by blocking time.
+// At most `rows` threads that owned locks while others came to wait, by blocking time. Where looks
+// for owners were left out, this and topThreads() say so and show estimates beside the counts.
 std::string blockers(const lockReport& report, std::size_t rows, const look& terminal);
 
 // What the report is ranked by.

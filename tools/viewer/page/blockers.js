@@ -14,14 +14,32 @@ const blockerView = {
         el('p', {class: 'note'}, 'The agent counts how often each thread was found owning a lock ' +
           'that another thread came to, and how often each thread came to each lock, but not the ' +
           'pairs. The cells are therefore estimates (≈): the count of an owner is spread over the ' +
-          'locks that it owned and the threads that came to them. The sums of the owners are exact. A ' +
+          'locks that it owned and the threads that came to them. ' +
+          (ownersAreSampled(session) ? '' : 'The sums of the owners are exact. ') + 'A ' +
           'hatched row is an owner that never blocked itself: its locks are not known, all are taken.'),
+        sampleNote(session),
         session.blockers.length > 0 ? matrix(session, pairs)
           : el('p', {class: 'note'}, 'No thread was found owning a lock while others came to it.')),
       panel('Pairs', pairTable(session, pairs)),
       panel('Threads', threadsTable(session)))};
   },
 };
+
+// Of what the owners are a sample; nothing where no look was left out.
+function sampleNote(session) {
+  if (!ownersAreSampled(session)) {
+    return null;
+  }
+  const {perSecond, made, leftOut} = session.ownerLookups;
+  return el('p', {class: 'note', id: 'owner-sample'}, el('strong', null, 'Owners are a sample: '),
+    `${plural(made, 'look', 'looks')} made, ${formatNumber(leftOut)} left out, at most ${
+      formatNumber(perSecond)} a second. “Found owning” counts ${
+      formatShare(made, made + leftOut)}; “≈ In all” and the estimates of the pairs are scaled ` +
+    'up, blocking periods and seconds are as found.');
+}
+
+// The column of scaled counts, where they are needed.
+const inAll = (session, column) => (ownersAreSampled(session) ? [column] : []);
 
 function matrix(session, pairs) {
   const owners = [...session.blockers].sort((a, b) => b.timesOwner - a.timesOwner)
@@ -50,11 +68,13 @@ function matrix(session, pairs) {
       hidden && ` The first ${kMatrixSide} of each; the pairs below are complete.`),
     el('thead', null, el('tr', null, el('th', {scope: 'col'}, 'Owner'),
       el('th', {scope: 'col', class: 'number'}, 'Found owning'),
+      inAll(session, el('th', {scope: 'col', class: 'number'}, '≈ In all')),
       blocked.map((thread) => el('th', {scope: 'col', class: 'upright', title: thread.name},
         el('span', null, named(thread.name)))))),
     el('tbody', null, owners.map((owner) => el('tr', null,
       el('th', {scope: 'row', title: owner.name}, named(owner.name)),
       el('td', {class: 'number total'}, formatNumber(owner.timesOwner)),
+      inAll(session, el('td', {class: 'number total'}, formatNumber(owner.estimatedTimesOwner))),
       blocked.map((thread) => cell(owner, thread)))))));
 }
 
@@ -79,6 +99,8 @@ function threadsTable(session) {
     {title: 'Blocked s', numeric: true, value: (row) => row.blockedSeconds},
     {title: 'Waited s', numeric: true, value: (row) => row.waitedSeconds},
     {title: 'Found owning', numeric: true, value: (row) => row.timesOwner},
+    ...inAll(session,
+      {title: '≈ In all', numeric: true, value: (row) => row.estimatedTimesOwner}),
     {title: 'Blocking periods', numeric: true, value: (row) => row.blockingPeriods},
     {title: 'Blocking s', numeric: true, value: (row) => row.blockingSeconds},
   ]}, (row) => row.name).element;

@@ -99,7 +99,9 @@ const topOwners = (session) => ranking('Threads that held others up',
   [...session.blockers].sort((a, b) => b.timesOwner - a.timesOwner).slice(0, kRanked)
     .map((blocker) => ({
       name: blocker.name, title: blocker.name, amount: blocker.timesOwner,
-      text: `found owning ${formatNumber(blocker.timesOwner)} times`, href: '#blockers',
+      text: `found owning ${formatNumber(blocker.timesOwner)} times${ownersAreSampled(session)
+        ? `, in all ≈ ${formatNumber(blocker.estimatedTimesOwner)}` : ''}`,
+      href: '#blockers',
     })), {href: '#blockers', text: 'Who blocks whom'});
 
 const mostExceptions = (exceptions) => ranking('Exceptions',
