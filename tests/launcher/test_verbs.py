@@ -100,6 +100,12 @@ def test_start_and_stop(launcher, folder):
             return "example.Idle$Turnstile" in found.locks()
 
         wait_for(names_the_turnstile, "a session with contention")
+        shown = status("locks")
+        told = re.search(r"/(locks-\d+\.json) \(owner looks: (\d+) made, (\d+) left out\)$", shown)
+        assert told, shown
+        made, left_out = int(told[2]), int(told[3])
+        assert made > 0 and found.json(told[1])["ownerLookups"] == {
+            "perSecond": 100, "made": made, "leftOut": left_out}
 
         verb("start", "--exceptions")
         some = launcher.run("stop", process.pid, "--locks", "--exceptions", folder=folder)

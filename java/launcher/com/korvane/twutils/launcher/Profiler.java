@@ -15,7 +15,15 @@ enum Profiler {
 
     @Override
     String details(NativeAgentMXBean bean) {
-      return counted(bean.getLockSessions(), "session") + last("report", bean.getLastLockReport());
+      return counted(bean.getLockSessions(), "session") + last("report", bean.getLastLockReport())
+          + ownerLooks(bean);
+    }
+
+    private String ownerLooks(NativeAgentMXBean bean) {
+      long made = bean.getOwnerLooksMade();
+      return made < 0
+          ? ""
+          : " (owner looks: " + made + " made, " + bean.getOwnerLooksLeftOut() + " left out)";
     }
 
     @Override

@@ -41,6 +41,7 @@ final class Controller {
   private volatile long objectsAdded;
   private volatile double lastSweepMillis;
   private volatile Path lastLockReport;
+  private volatile OwnerLooks lastOwnerLooks;
   private volatile Path lastMemoryReport;
   private volatile BiConsumer<String, Path> reportListener = (kind, report) -> {};
 
@@ -294,13 +295,23 @@ final class Controller {
     lastSweepMillis = nanos / 1e6;
   }
 
-  void reported(String kind, Path report) {
-    if (kind.equals("lock")) {
-      lastLockReport = report;
-    } else {
-      lastMemoryReport = report;
+  void lockReported(Path report) {
+    lastOwnerLooks = ownerLooksOf(report);
+    lastLockReport = report;
+    reportListener.accept("lock", report);
+  }
+
+  void memoryReported(Path report) {
+    lastMemoryReport = report;
+    reportListener.accept("memory", report);
+  }
+
+  private static OwnerLooks ownerLooksOf(Path report) {
+    try {
+      return OwnerLooks.of(report);
+    } catch (IOException e) {
+      return null; // gone already; whoever reads the report is told
     }
-    reportListener.accept(kind, report);
   }
 
   /** Made when there is something to write; in turn. */
@@ -366,6 +377,11 @@ final class Controller {
 
   Path lastLockReport() {
     return lastLockReport;
+  }
+
+  /** Of the last lock report; null when it does not tell. */
+  OwnerLooks lastOwnerLooks() {
+    return lastOwnerLooks;
   }
 
   Path lastMemoryReport() {

@@ -122,7 +122,7 @@ final class LockPlan {
               + " no lock: a shorter locks.summary helps");
     }
     Path report = stopping.stop();
-    controller.reported("lock", report);
+    controller.lockReported(report);
     return report;
   }
 }

@@ -186,7 +186,7 @@ final class MemoryPlan {
         sweeps.close();
       }
     }
-    controller.reported("memory", report);
+    controller.memoryReported(report);
     return report;
   }
 

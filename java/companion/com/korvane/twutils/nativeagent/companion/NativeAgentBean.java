@@ -128,6 +128,18 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   }
 
   @Override
+  public long getOwnerLooksMade() {
+    OwnerLooks looks = controller.lastOwnerLooks();
+    return looks == null ? -1 : looks.made;
+  }
+
+  @Override
+  public long getOwnerLooksLeftOut() {
+    OwnerLooks looks = controller.lastOwnerLooks();
+    return looks == null ? -1 : looks.leftOut;
+  }
+
+  @Override
   public String getLastMemoryReport() {
     return text(controller.lastMemoryReport());
   }

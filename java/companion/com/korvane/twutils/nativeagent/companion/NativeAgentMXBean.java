@@ -52,6 +52,15 @@ public interface NativeAgentMXBean {
   /** Null before the first. */
   String getLastLockReport();
 
+  /**
+   * The looks for owners of monitors that the last lock report is based on; -1 when it does not
+   * tell, for the JVM was started without {@code ownerLookupsPerSecond}.
+   */
+  long getOwnerLooksMade();
+
+  /** Those that the limit left out; -1 as above. */
+  long getOwnerLooksLeftOut();
+
   /** Null before the first. */
   String getLastMemoryReport();
 
