@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "profile.h"
 #include "testReport.h"
 #include "utf8.h"
 
@@ -114,20 +115,38 @@ TEST(lockReportReader, reportsMalformedLooksForOwners) {
   EXPECT_EQ(problem("2436", "2.5"), at + " / leftOut: expected a whole number, found number");
 }
 
+// What is made of the one time that worker-2 was found, with `entries` contended entries in all.
+std::uint64_t estimateOf(const std::string& looks, const std::string& entries = "1000000") {
+  const std::string report =
+      replaced(replaced(kSampledReport, R"("made": 812, "leftOut": 2436)", looks), "\"count\": 12",
+               "\"count\": " + entries);
+  const lockReport read = parsedReport(report);
+  return estimatedTimesOwner(read, read.blockers[0]);
+}
+
 TEST(ownerEstimates, scaleCountsByTheLooksLeftOut) {
-  blockerEntry found;
-  found.timesOwner = 3;
-  const auto estimate = [&](std::optional<ownerLookups> lookups) {
-    lockReport report;
-    report.lookups = lookups;
-    return estimatedTimesOwner(report, found);
-  };
-  EXPECT_EQ(estimate(std::nullopt), 3U);
-  EXPECT_EQ(estimate(ownerLookups{100, 10, 0}), 3U);
-  EXPECT_EQ(estimate(ownerLookups{100, 10, 30}), 12U);
-  EXPECT_EQ(estimate(ownerLookups{100, 10, 5}), 5U) << "4.5, rounded";
-  EXPECT_EQ(estimate(ownerLookups{100, 0, 5}), 3U) << "nothing to scale by";
-  EXPECT_EQ(estimate(ownerLookups{1, 1, INT64_MAX}), std::uint64_t{1} << 53U);
+  EXPECT_EQ(estimateOf(R"("made": 10, "leftOut": 0)"), 1U);
+  EXPECT_EQ(estimateOf(R"("made": 10, "leftOut": 30)"), 4U);
+  EXPECT_EQ(estimateOf(R"("made": 10, "leftOut": 15)"), 3U) << "2.5, rounded";
+  EXPECT_EQ(estimateOf(R"("made": 0, "leftOut": 15)"), 1U) << "nothing to scale by";
+  EXPECT_EQ(estimatedTimesOwner(parsedReport(), parsedReport().blockers[0]), 3U) << "no limit";
+}
+
+TEST(ownerEstimates, comeToNoMoreThanTheEntries) {
+  // Both owners were found three times together; three entries are the cart's.
+  EXPECT_EQ(estimateOf(R"("made": 1, "leftOut": 999)", "27"), 10U);
+  EXPECT_EQ(estimateOf(R"("made": 1, "leftOut": 9223372036854775807)", "27"), 10U);
+  const lockReport odd =
+      parsedReport(replaced(kSampledReport, "\"blockingCount\": 2", "\"blockingCount\": 99"));
+  EXPECT_EQ(estimatedTimesOwner(odd, odd.blockers[1]), 99U) << "nor to less than was found";
+}
+
+TEST(ownerEstimates, areTheSameForASelectionOfLocks) {
+  profile all;
+  all.lockReports = {parsedReport(kSampledReport)};
+  filter(all, "worker-2");
+  ASSERT_EQ(all.lockReports[0].blockers.size(), 1U);
+  EXPECT_EQ(estimatedTimesOwner(all.lockReports[0], all.lockReports[0].blockers[0]), 4U);
 }
 
 TEST(ownerEstimates, areNeededWhereLooksWereLeftOut) {

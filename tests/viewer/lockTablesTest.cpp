@@ -10,6 +10,7 @@
 namespace viewer {
 namespace {
 
+using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -91,8 +92,8 @@ TEST(lockTablesOf, rankBlockersByBlockingTime) {
 }
 
 constexpr const char* kSampleNote =
-    "Owners are a sample (25 %): 812 looks made, 2436 left out, at most 100 a second.\n"
-    "\"Estimate\" scales the counts up; blocking periods and seconds are as found.\n";
+    "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n"
+    "About 25 % were found; \"Estimate\" scales the counts, not periods and seconds.\n";
 
 TEST(lockTablesOf, scaleOwnersWhereLooksForThemWereLeftOut) {
   const lockReport sampled = parsedReport(kSampledReport);
@@ -100,34 +101,36 @@ TEST(lockTablesOf, scaleOwnersWhereLooksForThemWereLeftOut) {
             "Blockers (2)\n"
             "Owner thread  Found owning  Estimate  Blocking periods  Blocking s\n"
             "------------  ------------  --------  ----------------  ----------\n"
-            "worker-2                 3        12                 2           5\n"
-            "worker-1                 9        36                 4           1\n" +
+            "worker-2                 1         4                 2           5\n"
+            "worker-1                 2         8                 4           1\n" +
                 std::string(kSampleNote));
   EXPECT_EQ(
       topThreads(sampled, {.rows = 1}, {}),
       "Top threads (1 of 2)\n"
       "#  Thread    Locks  Entries  Blocked s  Waited s  Found owning  Estimate  Blocking s\n"
       "-  --------  -----  -------  ---------  --------  ------------  --------  ----------\n"
-      "1  worker-1      2        7          2         2             9        36           1\n" +
+      "1  worker-1      2        7          2         2             2         8           1\n" +
           std::string(kSampleNote));
 }
 
 TEST(lockTablesOf, takeOwnersAsTheyAreWhereNoLookWasLeftOut) {
-  const lockReport all = parsedReport(replaced(kSampledReport, "2436", "0"));
-  EXPECT_EQ(blockers(all, 9, {}), blockers(report(), 9, {}));
-  EXPECT_EQ(topThreads(all, {}, {}), topThreads(report(), {}, {}));
+  for (const std::string& text : {kReport, replaced(kSampledReport, "2436", "0")}) {
+    const lockReport all = parsedReport(text);
+    const std::string tables = blockers(all, 9, {}) + topThreads(all, {}, {});
+    EXPECT_THAT(tables, Not(AnyOf(HasSubstr("Estimate"), HasSubstr("sample"))));
+  }
 }
 
 TEST(lockTablesOf, tellTheShareOfOwnersFound) {
-  const auto note = [](const std::string& made, const std::string& leftOut) {
-    lockReport some =
-        parsedReport(replaced(replaced(kSampledReport, "812", made), "2436", leftOut));
-    some.blockers.clear();
-    return blockers(some, 9, {});
-  };
-  EXPECT_THAT(note("6", "94"), HasSubstr("report.\nOwners are a sample (6 %): 6 looks made"));
-  EXPECT_THAT(note("1", "999"), HasSubstr("sample (<1 %): "));
-  EXPECT_THAT(note("0", "5"), HasSubstr("sample (0 %): 0 looks made, 5 left out"));
+  lockReport few = parsedReport(kSampledReport);
+  few.ownerScale = 15;
+  EXPECT_THAT(blockers(few, 9, {}), HasSubstr("\nAbout 7 % were found; "));
+  few.ownerScale = 1000;
+  EXPECT_THAT(blockers(few, 9, {}), HasSubstr("\nAbout <1 % were found; "));
+  few.blockers.clear();
+  EXPECT_EQ(blockers(few, 9, {}),
+            "No blocking thread is in the report.\n"
+            "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n");
 }
 
 TEST(lockTablesOf, sayWhenThereIsNothing) {

@@ -220,6 +220,21 @@ const shape& reportShape() {
   return result;
 }
 
+// As if the looks left out were like those made. Entries that shared a look were found on top of
+// those, but an entry has one owner, so that all owners together come to no more than the entries.
+double ownerScaleOf(const lockReport& report) {
+  double found = 0;
+  for (const blockerEntry& owner : report.blockers) {
+    found += owner.timesOwner;
+  }
+  if (!ownersAreSampled(report) || report.lookups->made == 0 || found == 0) {
+    return 1;
+  }
+  const auto made = static_cast<double>(report.lookups->made);
+  const double scale = (made + static_cast<double>(report.lookups->leftOut)) / made;
+  return std::max(1.0, std::min(scale, static_cast<double>(totalsOf(report).entries) / found));
+}
+
 }  // namespace
 
 lockReport readLockReport(byteSource bytes, const std::string& source) {
@@ -231,6 +246,7 @@ lockReport readLockReport(byteSource bytes, const std::string& source) {
   for (lockEntry& lock : report.locks) {
     rank(lock.threads, weight<threadEntry>);
   }
+  report.ownerScale = ownerScaleOf(report);
   return report;
 }
 
@@ -249,14 +265,7 @@ bool ownersAreSampled(const lockReport& report) {
 }
 
 std::uint64_t estimatedTimesOwner(const lockReport& report, const blockerEntry& owner) {
-  if (!ownersAreSampled(report) || report.lookups->made == 0) {
-    return owner.timesOwner;
-  }
-  constexpr double kMost = 9007199254740992.0;  // up to which whole numbers are exact in any reader
-  const auto made = static_cast<double>(report.lookups->made);
-  const double wanted = made + static_cast<double>(report.lookups->leftOut);
-  return static_cast<std::uint64_t>(
-      std::min(std::round(owner.timesOwner * (wanted / made)), kMost));
+  return static_cast<std::uint64_t>(std::round(owner.timesOwner * report.ownerScale));
 }
 
 std::vector<threadSum> threadsOf(const lockReport& report) {

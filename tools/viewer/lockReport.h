@@ -62,6 +62,7 @@ struct lockReport {
   std::vector<lockEntry> locks;
   std::vector<blockerEntry> blockers;
   std::optional<ownerLookups> lookups;  // none of an agent without that limit
+  double ownerScale = 1;                // times timesOwner: an estimate with no look left out
   std::size_t distinctStacks = 0;
 };
 
@@ -87,8 +88,7 @@ lockTotals totalsOf(const lockReport& report);
 // Whether looks for owners were left out, so that the counts of owners are only a share.
 bool ownersAreSampled(const lockReport& report);
 
-// How often the owner would have been found, had no look been left out: its count scaled up, as if
-// the looks left out were like those made. The count itself where none was left out.
+// How often the owner would have been found, had no look been left out; its count where none was.
 std::uint64_t estimatedTimesOwner(const lockReport& report, const blockerEntry& owner);
 
 // One thread over all locks of a session, and as a blocker.

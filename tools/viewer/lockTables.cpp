@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t kIndent = 3;
 constexpr std::size_t kGraphColumns = 30;
+constexpr const char* kEstimate = "Estimate";  // the column of scaled counts of owners
 
 // The stacks of all threads of a lock, each with how often it was seen.
 std::map<std::uint64_t, std::uint64_t> stacksOf(const lockEntry& lock) {
@@ -86,16 +87,17 @@ std::string sampleNote(const lockReport& report) {
     return "";
   }
   const auto& [perSecond, made, leftOut] = *report.lookups;
-  const auto share = static_cast<std::uint64_t>(made);
-  const auto all = share + static_cast<std::uint64_t>(leftOut);
-  const std::string percent = share > 0 && share < all / 100 ? "<1 %" : percentage(share, all);
-  return fmt::format(
-      "Owners are a sample ({}): {} looks made, {} left out, at most {} a second.\n"
-      "\"Estimate\" scales the counts up; blocking periods and seconds are as found.\n",
-      percent, made, leftOut, perSecond);
+  const std::string looks =
+      fmt::format("Owners are a sample: {} looks made, {} left out, at most {} a second.\n", made,
+                  leftOut, perSecond);
+  if (report.blockers.empty()) {
+    return looks;
+  }
+  const double percent = 100 / report.ownerScale;
+  return looks +
+         fmt::format("About {} % were found; \"{}\" scales the counts, not periods and seconds.\n",
+                     percent < 1 ? "<1" : fmt::format("{:.0f}", percent), kEstimate);
 }
-
-constexpr const char* kEstimate = "Estimate";
 
 }  // namespace
 
