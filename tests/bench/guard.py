@@ -22,11 +22,8 @@ GROWTH = 1.05
 FEW_ALLOCATIONS = 0.01  # an event: a table that grows once in a run
 
 
-def count(bench):
-    """Runs the benchmarks; gives instructions and allocations of an event by their names.
-
-    Instructions are those beside the VM calls, where a benchmark "...Calls" makes these alone.
-    """
+def run_under_callgrind(bench, *arguments):
+    """Runs benchmarks; gives their results, as Google Benchmark writes them, with "instructions"."""
     if not shutil.which("valgrind"):
         sys.exit("guard: there is no valgrind (Debian: apt-get install valgrind)")
     with tempfile.TemporaryDirectory() as folder:
@@ -34,7 +31,7 @@ def count(bench):
         dumps = pathlib.Path(folder) / "dump"
         command = [
             *("valgrind", "--quiet", "--tool=callgrind", "--instr-atstart=no"),
-            *(f"--callgrind-out-file={dumps}", bench),
+            *(f"--callgrind-out-file={dumps}", bench, *arguments),
             *(f"--benchmark_out={results}", "--benchmark_out_format=json"),
         ]
         # The same versions of memcpy and its kind, whatever the processor has.
@@ -44,14 +41,25 @@ def count(bench):
         if done.returncode != 0:
             sys.exit(f"guard: {' '.join(command)} failed:\n{done.stdout}{done.stderr}")
         benchmarks = json.loads(results.read_text())["benchmarks"]
-        counted = {}
         for number, each in enumerate(benchmarks, 1):
             text = dumps.with_name(f"dump.{number}").read_text()
             instructions = int(re.search(r"^totals: (\d+)", text, re.M)[1])
-            counted[each["name"].split("/")[0]] = {
-                "instructions": round(instructions / each["iterations"]),
-                "allocations": round(each["allocs/event"], 2),
-            }
+            each["instructions"] = instructions / each["iterations"]
+        return benchmarks
+
+
+def count(bench):
+    """Runs the benchmarks; gives instructions and allocations of an event by their names.
+
+    Instructions are those beside the VM calls, where a benchmark "...Calls" makes these alone.
+    """
+    counted = {
+        each["name"].split("/")[0]: {
+            "instructions": round(each["instructions"]),
+            "allocations": round(each["allocs/event"], 2),
+        }
+        for each in run_under_callgrind(bench)
+    }
     calls = {name: counted.pop(name) for name in list(counted) if name.endswith("Calls")}
     for name, values in counted.items():
         values["instructions"] -= calls.get(f"{name}Calls", {"instructions": 0})["instructions"]
