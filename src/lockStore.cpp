@@ -6,16 +6,6 @@ namespace agent {
 
 namespace {
 
-constexpr std::size_t kFewestLockBuckets = 64;
-constexpr std::size_t kMostLockBuckets = 65536;
-constexpr std::size_t kStackBuckets = 16384;
-
-std::size_t lockBuckets(const LockSessionConfig* config) {
-  if (config == nullptr || config->maxLockCount.value() < 0) return kFewestLockBuckets;
-  return std::clamp(static_cast<std::size_t>(config->maxLockCount.value()), kFewestLockBuckets,
-                    kMostLockBuckets);
-}
-
 std::uint64_t keyOf(jint hash) {
   return static_cast<std::uint32_t>(hash);
 }
@@ -119,10 +109,7 @@ std::string lockNameOf(const std::string& className, jint hash) {
   return className + "@" + std::to_string(hash);
 }
 
-lockStore::lockStore(std::unique_ptr<LockSessionConfig> settings)
-    : config(std::move(settings)),
-      lockmap_(lockBuckets(config.get())),
-      stackHashMap_(kStackBuckets) {}
+lockStore::lockStore(std::unique_ptr<LockSessionConfig> settings) : config(std::move(settings)) {}
 
 lockBean* lockStore::findLock(JNIEnv* jni, jclass cls, jint hash) const {
   lockEntry* const found =

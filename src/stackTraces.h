@@ -59,10 +59,9 @@ class knownStackTraces {
     const std::vector<jmethodID> methods;
     const std::vector<heldClasses::entryPtr> classes;
   };
-  static constexpr std::size_t kBuckets = 16384;
 
   support::mutex mutex_;  // serialises insertion
-  support::insertOnlyMap<trace> traces_{kBuckets};
+  support::insertOnlyMap<trace> traces_;
 };
 
 }  // namespace agent

@@ -1,17 +1,19 @@
 // A hash table whose entries stay until the whole table goes.
 //
-// Lookups take no lock: a chain is read through atomic pointers, an entry is complete before it is
-// linked and its key and value objects never move. Inserting is serialised by the caller's mutex
-// and holds up nobody who looks something up.
+// Lookups take no lock: an entry is complete before it is linked, and its key and value objects
+// never move. Inserting is serialised by the caller's mutex and holds up nobody who looks something
+// up.
+//
+// Entries are found by linear probing in a table of pointers, at most half of which are in use.
+// When it is full, a table of twice the size takes its place. The old one stays, as lookups may
+// still be in it, so all tables together have less than eight pointers for each entry.
 #pragma once
 
 #include <atomic>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <utility>
-#include <vector>
 
 namespace support {
 
@@ -25,13 +27,10 @@ class insertOnlyMap {
 
     const std::uint64_t key;
     Value value;
-    node* nextInBucket = nullptr;
     node* nextOfAll = nullptr;
   };
 
-  // `buckets` is rounded up to a power of two; lookups stay flat up to some times as many entries.
-  explicit insertOnlyMap(std::size_t buckets) : buckets_(std::bit_ceil(buckets)) {}
-
+  insertOnlyMap() : table_(std::make_unique<table>(kFewestPlaces)), current_(table_.get()) {}
   ~insertOnlyMap() {
     for (node* each = newest_.load(std::memory_order_relaxed); each != nullptr;) {
       delete std::exchange(each, each->nextOfAll);
@@ -43,23 +42,24 @@ class insertOnlyMap {
   // The first value under `key` that `accepts`, or none. Any thread, no lock.
   template <typename Accepts>
   Value* find(std::uint64_t key, Accepts&& accepts) const {
-    node* each = buckets_[bucketOf(key)].load(std::memory_order_acquire);
-    for (; each != nullptr; each = each->nextInBucket) {
+    const table& current = *current_.load(std::memory_order_acquire);
+    for (std::size_t at = current.startOf(key);; at = current.after(at)) {
+      node* const each = current.places[at].load(std::memory_order_acquire);
+      if (each == nullptr) return nullptr;
       if (each->key == key && accepts(each->value)) return &each->value;
     }
-    return nullptr;
   }
   Value* find(std::uint64_t key) const {
     return find(key, [](const Value&) { return true; });
   }
 
-  // Links an entry beside those already under its key. One thread at a time.
+  // Links an entry beside those already under its key. One thread at a time. Without memory to grow
+  // it throws std::bad_alloc and leaves the map as it was.
   Value& insert(std::unique_ptr<node> entry) {
-    node* linked = entry.release();
-    std::atomic<node*>& head = buckets_[bucketOf(linked->key)];
-    linked->nextInBucket = head.load(std::memory_order_relaxed);
+    if (2 * (size() + 1) > table_->size()) grow();
+    node* const linked = entry.release();
     linked->nextOfAll = newest_.load(std::memory_order_relaxed);
-    head.store(linked, std::memory_order_release);
+    table_->link(linked);
     newest_.store(linked, std::memory_order_release);
     size_.fetch_add(1, std::memory_order_relaxed);
     return linked->value;
@@ -77,12 +77,42 @@ class insertOnlyMap {
   }
 
  private:
-  std::size_t bucketOf(std::uint64_t key) const {
-    constexpr std::uint64_t kGoldenRatio = 0x9E3779B97F4A7C15U;
-    return static_cast<std::size_t>((key * kGoldenRatio) >> 32U) & (buckets_.size() - 1);
+  static constexpr std::size_t kFewestPlaces = 32;  // a power of two
+
+  struct table {
+    explicit table(std::size_t size)
+        : places(std::make_unique<std::atomic<node*>[]>(size)), mask(size - 1) {}
+
+    std::size_t size() const { return mask + 1; }
+    std::size_t startOf(std::uint64_t key) const {
+      constexpr std::uint64_t kGoldenRatio = 0x9E3779B97F4A7C15U;
+      return static_cast<std::size_t>((key * kGoldenRatio) >> 32U) & mask;
+    }
+    std::size_t after(std::size_t place) const { return (place + 1) & mask; }
+    void link(node* linked) {
+      std::size_t at = startOf(linked->key);
+      while (places[at].load(std::memory_order_relaxed) != nullptr) at = after(at);
+      places[at].store(linked, std::memory_order_release);
+    }
+
+    const std::unique_ptr<std::atomic<node*>[]> places;
+    const std::size_t mask;
+    std::unique_ptr<table> outgrown;
+  };
+
+  void grow() {
+    auto larger = std::make_unique<table>(2 * table_->size());
+    for (node* each = newest_.load(std::memory_order_relaxed); each != nullptr;
+         each = each->nextOfAll) {
+      larger->link(each);
+    }
+    larger->outgrown = std::move(table_);
+    table_ = std::move(larger);
+    current_.store(table_.get(), std::memory_order_release);
   }
 
-  std::vector<std::atomic<node*>> buckets_;
+  std::unique_ptr<table> table_;  // of who inserts
+  std::atomic<const table*> current_;
   std::atomic<node*> newest_{nullptr};
   std::atomic<std::size_t> size_{0};
 };
