@@ -1,5 +1,6 @@
 #include "lockReport.h"
 
+#include <string_view>
 #include <utility>
 
 namespace agent {
@@ -27,7 +28,9 @@ void mergeStackTraces(stackTraceBeans& into, const stackTraceBeans& from) {
   }
 }
 
-void writeStackTraces(support::jsonWriter& json, const stackTraceBeans& beans) {
+// `beans` has pairs of hash and bean.
+template <typename Beans>
+void writeStackTraces(support::jsonWriter& json, const Beans& beans) {
   json.key("stacktracebean").beginObject();
   for (const auto& [hash, bean] : beans) {
     json.key(std::to_string(hash)).beginObject();
@@ -38,11 +41,11 @@ void writeStackTraces(support::jsonWriter& json, const stackTraceBeans& beans) {
   json.endObject();
 }
 
-void writeThread(support::jsonWriter& json, const std::string& name, threadBean& thread) {
-  stackTraceBeans stackTraces;
+void writeThread(support::jsonWriter& json, std::string_view name, threadBean& thread) {
+  std::vector<std::pair<std::uint64_t, stackTraceBean>> stackTraces;
   {
     const support::lockGuard guard(thread.stackMutex);
-    stackTraces = thread.stacktracebean;
+    stackTraces.assign(thread.stacktracebean.begin(), thread.stacktracebean.end());
   }
   json.key(name).beginObject();
   json.member("name", name);
@@ -70,9 +73,10 @@ void writeGraph(support::jsonWriter& json, lockBean& lock, std::int32_t size) {
 
 }  // namespace
 
-blockingThreadBeans mergeBlockingThreads(const topLockBeans& topLocks) {
+blockingThreadBeans mergeBlockingThreads(
+    const std::vector<std::shared_ptr<topLockBean>>& topLocks) {
   blockingThreadBeans merged;
-  for (const auto& [lockName, top] : topLocks) {
+  for (const std::shared_ptr<topLockBean>& top : topLocks) {
     const support::lockGuard guard(top->mutex);
     for (const auto& [ownerName, owner] : top->blockingThreads) {
       const auto [known, isNew] = merged.try_emplace(ownerName, owner);
@@ -92,10 +96,11 @@ void writeSession(support::jsonWriter& json, const LockSessionConfig& config) {
 }
 
 std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t graphSize) {
-  std::map<std::string_view, threadBean*> threads;
+  std::vector<std::pair<std::string_view, threadBean*>> threads;
   {
     const support::lockGuard guard(lock.mutex);
-    for (auto& [name, thread] : lock.threadbean) threads.emplace(name, &thread);
+    threads.reserve(lock.threadbean.size());
+    for (auto& [name, thread] : lock.threadbean) threads.emplace_back(name, &thread);
   }
   json.key(lock.lockName).beginObject();
   json.member("id", lock.name());
@@ -104,7 +109,7 @@ std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t gr
   json.member("totalBlockTime", seconds(lock.totalBlockTime.load()));
   json.member("totalWaitTime", seconds(lock.totalWaitTime.load()));
   json.key("threadbean").beginObject();
-  for (const auto& [name, thread] : threads) writeThread(json, std::string(name), *thread);
+  for (const auto& [name, thread] : threads) writeThread(json, name, *thread);
   json.endObject();
   json.endObject();
   return threads.size();

@@ -265,6 +265,14 @@ void mutexLockProfiler::clearTopLocks() {
   topLockVersion_.fetch_add(1);
 }
 
+std::vector<std::shared_ptr<topLockBean>> mutexLockProfiler::topLocks() {
+  std::vector<std::shared_ptr<topLockBean>> all;
+  const support::lockGuard guard(topLockMutex_);
+  all.reserve(topLockMap_.size());
+  for (const auto& [name, top] : topLockMap_) all.push_back(top);
+  return all;
+}
+
 std::shared_ptr<topLockBean> mutexLockProfiler::findTopLock(std::string_view lockName) {
   const support::lockGuard guard(topLockMutex_);
   const auto found = topLockMap_.find(lockName);
@@ -303,7 +311,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     support::fileWriter file(support::fileSystemPath(reportPath),
                              support::fileWriter::mode::truncate);
 
-    support::jsonWriter json;
+    support::jsonWriter json(file);
     json.beginObject();
     writeSession(json, *current->config);
 
@@ -329,12 +337,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
 
     writeStackHashes(json, *current);
 
-    topLockBeans topLocks;
-    {
-      const support::lockGuard guard(topLockMutex_);
-      topLocks = topLockMap_;
-    }
-    const blockingThreadBeans owners = mergeBlockingThreads(topLocks);
+    const blockingThreadBeans owners = mergeBlockingThreads(topLocks());
     if (owners.empty()) {
       TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
              "Agent was not able to find any blocking thread data to report genuinely as no "
@@ -346,7 +349,6 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     }
     json.endObject();
 
-    file.write(json.text());
     const std::string reason = file.close();
     if (!reason.empty()) logUnwritable(kDumpJson, "lock report", reportPath, reason);
     logLeftOutOwnerLookups(*current);

@@ -118,6 +118,8 @@ class mutexLockProfiler : public profiler {
 
   void logLeftOutOwnerLookups(const lockStore& store) const;
   void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
+  // In ascending order of the locks' names.
+  std::vector<std::shared_ptr<topLockBean>> topLocks() EXCLUDES(topLockMutex_);
   void clearTopLocks() EXCLUDES(topLockMutex_);
 
   support::sharedSlot<lockStore> store_;

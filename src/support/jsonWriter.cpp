@@ -1,10 +1,27 @@
 #include "support/jsonWriter.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <limits>
 
+#include "support/fileWriter.h"
+
 namespace support {
+
+namespace {
+
+constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
+
+// Whether a JSON string has a byte as it is; the NUL, which ends a text, is not one of them.
+constexpr std::array<bool, 256> kPlainBytes = [] {
+  std::array<bool, 256> plain{};
+  for (std::size_t byte = ' '; byte < plain.size(); ++byte) plain[byte] = true;
+  plain['"'] = plain['\\'] = plain[127] = false;
+  return plain;
+}();
+
+}  // namespace
 
 jsonWriter& jsonWriter::beginObject() {
   open('{', false);
@@ -68,6 +85,7 @@ void jsonWriter::close(char bracket) {
   levels_.pop_back();
   if (closed.hasValues && !closed.onOneLine) lineBreak();
   text_ += bracket;
+  if (levels_.empty()) handOver();
 }
 
 void jsonWriter::separate() {
@@ -76,6 +94,7 @@ void jsonWriter::separate() {
     return;
   }
   if (levels_.empty()) return;
+  if (text_.size() >= kPieceBytes) handOver();
   level& current = levels_.back();
   if (current.hasValues) text_ += current.onOneLine ? ", " : ",";
   current.hasValues = true;
@@ -93,38 +112,43 @@ void jsonWriter::quote(std::string_view text) {
   text_ += '"';
 }
 
+void jsonWriter::handOver() {
+  if (file_ == nullptr) return;
+  file_->write(text_);
+  text_.clear();
+}
+
 void appendEscaped(std::string& out, std::string_view text) {
   constexpr std::string_view kHexDigits = "0123456789abcdef";
-  constexpr unsigned char kDelete = 127;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte == 0) return;
-    switch (c) {
+  const auto isPlain = [](char c) { return kPlainBytes[static_cast<unsigned char>(c)]; };
+  while (true) {
+    const auto plainEnd = std::find_if_not(text.begin(), text.end(), isPlain);
+    out.append(text.begin(), plainEnd);
+    if (plainEnd == text.end() || *plainEnd == 0) return;
+    const char special = *plainEnd;
+    text.remove_prefix(static_cast<std::size_t>(plainEnd - text.begin()) + 1);
+    switch (special) {
       case '"':
         out += "\\\"";
-        continue;
+        break;
       case '\\':
         out += "\\\\";
-        continue;
+        break;
       case '\n':
         out += "\\n";
-        continue;
+        break;
       case '\r':
         out += "\\r";
-        continue;
+        break;
       case '\t':
         out += "\\t";
-        continue;
-      default:
         break;
+      default:
+        const auto byte = static_cast<unsigned char>(special);
+        out += "\\u00";
+        out += kHexDigits[byte >> 4U];
+        out += kHexDigits[byte & 0xFU];
     }
-    if (byte >= ' ' && byte != kDelete) {
-      out += c;
-      continue;
-    }
-    out += "\\u00";
-    out += kHexDigits[byte >> 4U];
-    out += kHexDigits[byte & 0xFU];
   }
 }
 

@@ -461,8 +461,7 @@ class lockReportMerge : public lockReport {
 TEST_F(lockReportMerge, countsAndTimesAddUp) {
   const agent::blockingThreadBean one{1, 2, 10, 99, {}};
   const agent::blockingThreadBean two{10, 20, 100, 0, {}};
-  const auto merged =
-      agent::mergeBlockingThreads({{"a", lockOwnedBy("o", one)}, {"b", lockOwnedBy("o", two)}});
+  const auto merged = agent::mergeBlockingThreads({lockOwnedBy("o", one), lockOwnedBy("o", two)});
   ASSERT_EQ(merged.size(), 1U);
   EXPECT_EQ(merged.at("o").blockingCount, 11U);
   EXPECT_EQ(merged.at("o").blockCount, 22U);
@@ -474,8 +473,7 @@ TEST_F(lockReportMerge, traceKnownToOneKeepsItsHashAndToBothGetsTheTrueOne) {
   agent::blockingThreadBean two;
   one.stacktracebean = {{5, {0, 1}}, {6, {0, 1}}};
   two.stacktracebean = {{5, {0, 1}}, {7, {7, 3}}};
-  const auto merged =
-      agent::mergeBlockingThreads({{"a", lockOwnedBy("o", one)}, {"b", lockOwnedBy("o", two)}});
+  const auto merged = agent::mergeBlockingThreads({lockOwnedBy("o", one), lockOwnedBy("o", two)});
   const agent::stackTraceBeans& traces = merged.at("o").stacktracebean;
   ASSERT_EQ(traces.size(), 3U);
   EXPECT_EQ(traces.at(5).count, 2U);
@@ -489,7 +487,7 @@ TEST_F(lockReportMerge, traceKnownToOneKeepsItsHashAndToBothGetsTheTrueOne) {
 TEST_F(lockReportMerge, mergingLeavesTheRecordsOfTheLocksAlone) {
   const auto first = lockOwnedBy("o", {1, 2, 10, 0, {}});
   const auto second = lockOwnedBy("o", {1, 2, 10, 0, {}});
-  agent::mergeBlockingThreads({{"a", first}, {"b", second}});
+  agent::mergeBlockingThreads({first, second});
   EXPECT_EQ(first->blockingThreads.at("o").blockingCount, 1U);
   EXPECT_EQ(second->blockingThreads.at("o").blockingCount, 1U);
 }
