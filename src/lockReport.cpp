@@ -58,10 +58,10 @@ void writeThread(support::jsonWriter& json, std::string_view name, threadBean& t
 
 // "graph": exactly `size` numbers; slots beyond those that are counted are 0.
 void writeGraph(support::jsonWriter& json, lockBean& lock, std::int32_t size) {
-  lockBean::minuteGraph slots{};
+  std::vector<std::uint32_t> slots;
   {
     const support::lockGuard guard(lock.mutex);
-    if (lock.graph) slots = *lock.graph;
+    slots = lock.graph;
   }
   json.key("graph").beginArray();
   for (std::int32_t i = 0; i < size; ++i) {

@@ -10,7 +10,6 @@
 // Times are nanoseconds of JVMTI GetTime.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -141,9 +140,6 @@ using topLockBeans = std::map<std::string, std::shared_ptr<topLockBean>, std::le
 
 // One lock.
 struct lockBean {
-  static constexpr std::size_t kGraphSlots = 301;
-  using minuteGraph = std::array<std::uint32_t, kGraphSlots>;
-
   lockBean(std::string name, std::int32_t threadSlots)
       : lockName(std::move(name)), threadSlotsLeft(threadSlots) {}
 
@@ -175,8 +171,8 @@ struct lockBean {
   support::mutex mutex;
   std::int32_t threadSlotsLeft GUARDED_BY(mutex);
   std::map<std::string, threadBean, std::less<>> threadbean GUARDED_BY(mutex);
-  // Contended entries by minute; none until a detail session counts one.
-  std::unique_ptr<minuteGraph> graph GUARDED_BY(mutex);
+  // Contended entries of a detail session by minute, up to the latest minute that has one.
+  std::vector<std::uint32_t> graph GUARDED_BY(mutex);
   // What the profiler's table of selected locks held for this lock when it had version topVersion.
   std::shared_ptr<topLockBean> top GUARDED_BY(mutex);
   std::uint64_t topVersion GUARDED_BY(mutex) = 0;

@@ -277,7 +277,7 @@ TEST_F(lockReport, countsAndTimesAreCutToTheirLow32BitsSigned) {
   contend(worker, lock);
   agent::lockBean& bean = *lockBeanOf(lock);
   bean.count = 4294967295U;
-  bean.graph->at(0) = 2147483648U;
+  bean.graph.at(0) = 2147483648U;
   bean.totalBlockTime = 5'000'000'000U * std::uint64_t{kSecond};  // seconds beyond 32 bits
   bean.totalWaitTime = 2'147'483'648U * std::uint64_t{kSecond};
   bean.findThread("worker-3")->count = 3000000000U;

@@ -73,7 +73,7 @@ TEST(lockBeanTest, entryMakesAThreadWithCountOneAndAWaitOneWithCountZero) {
   EXPECT_EQ(bean.countEntry("enters", 0)->count, 1U);
   EXPECT_EQ(bean.threadForWait("waits")->count, 0U);
   EXPECT_EQ(bean.count, 2U) << "1 when made, and one entry; a wait does not count";
-  EXPECT_EQ(bean.graph->at(0), 1U);
+  EXPECT_EQ(bean.graph.at(0), 1U);
 }
 
 TEST(lockBeanTest, refusedThreadLeavesCountAndGraphAlone) {
@@ -82,7 +82,7 @@ TEST(lockBeanTest, refusedThreadLeavesCountAndGraphAlone) {
   EXPECT_EQ(bean.countEntry("second", 3), nullptr);
   EXPECT_EQ(bean.threadForWait("third"), nullptr);
   EXPECT_EQ(bean.count, 2U);
-  EXPECT_EQ(bean.graph->at(3), 1U);
+  EXPECT_EQ(bean.graph.at(3), 1U);
   EXPECT_EQ(bean.threadSlotsLeft, -2) << "each attempt takes one";
 }
 

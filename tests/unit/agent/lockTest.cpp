@@ -45,7 +45,7 @@ agent::stackTraceBeans lockTest::tracesOf(fake::object* lock, std::string_view t
 std::uint32_t lockTest::minuteOf(fake::object* lock, std::size_t slot) {
   agent::lockBean* const bean = lockBeanOf(lock);
   const support::lockGuard guard(bean->mutex);
-  return bean->graph ? bean->graph->at(slot) : 0;
+  return slot < bean->graph.size() ? bean->graph[slot] : 0;
 }
 
 std::optional<agent::blockingThreadBean> lockTest::ownerOf(fake::object* lock,
