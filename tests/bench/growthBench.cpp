@@ -100,7 +100,42 @@ void shuffle(std::vector<contender>& all) {
   std::shuffle(all.begin(), all.end(), std::minstd_rand(1));
 }
 
-// Times events of contenders that are all known: each has entered before.
+std::size_t sizeOf(const benchmark::State& state) {
+  return static_cast<std::size_t>(state.range(0));
+}
+
+// --- Events of what is known -----------------------------------------------------------------
+
+// Each starts a session and gives the contenders of that size.
+using starter = std::vector<contender> (*)(std::size_t size);
+
+std::vector<contender> summaryOfLocks(std::size_t size) {
+  program().startSummary(0);
+  return program().onLocks(size);
+}
+std::vector<contender> detailOfLocks(std::size_t size) {
+  auto all = program().onLocks(size);
+  program().startDetailOn(all, kSelectAll);
+  return all;
+}
+// All threads are known as owners of their one lock too.
+std::vector<contender> detailOfThreads(std::size_t size) {
+  auto all = program().onThreads(size);
+  program().startDetailOn({all.front()}, kSelectAll);
+  fake::object* const lock = program().vm.target(all.front().lock);
+  for (const contender& each : all) {
+    program().vm.setOwner(lock, static_cast<fake::javaThread*>(program().vm.target(each.thread)));
+    program().enter(all.front());
+  }
+  return all;
+}
+std::vector<contender> detailOfStacks(std::size_t size) {
+  auto all = program().onStacks(size);
+  program().startDetailOn({all.front()}, kSelectAll);
+  return all;
+}
+
+// Times events of contenders that have all entered before.
 template <typename Event>
 void runKnown(benchmark::State& state, std::vector<contender> all, Event&& event) {
   for (const contender& each : all) {
@@ -111,34 +146,8 @@ void runKnown(benchmark::State& state, std::vector<contender> all, Event&& event
   runEvents(state, program(), all, event);
 }
 
-std::size_t sizeOf(const benchmark::State& state) {
-  return static_cast<std::size_t>(state.range(0));
-}
+// --- Events that meet something for the first time -------------------------------------------
 
-// --- Number of locks -------------------------------------------------------------------------
-
-void locksSummaryEnter(benchmark::State& state) {
-  program().startSummary(0);
-  runKnown(state, program().onLocks(sizeOf(state)), mutexLockProfiler::MonitorContendedEnter);
-}
-void locksSummaryEnterCalls(benchmark::State& state) {
-  program().startSummary(0);
-  runKnown(state, program().onLocks(sizeOf(state)), enterCalls);
-}
-void locksSummaryEntered(benchmark::State& state) {
-  program().startSummary(0);
-  runKnown(state, program().onLocks(sizeOf(state)), mutexLockProfiler::MonitorContendedEntered);
-}
-void locksDetailEnter(benchmark::State& state) {
-  const auto all = program().onLocks(sizeOf(state));
-  program().startDetailOn(all, kSelectAll);
-  runKnown(state, all, mutexLockProfiler::MonitorContendedEnter);
-}
-void locksDetailEntered(benchmark::State& state) {
-  const auto all = program().onLocks(sizeOf(state));
-  program().startDetailOn(all, kSelectAll);
-  runKnown(state, all, mutexLockProfiler::MonitorContendedEntered);
-}
 // Each event is the first of its lock.
 void locksMeet(benchmark::State& state) {
   const auto all = program().onLocks(sizeOf(state));
@@ -147,26 +156,6 @@ void locksMeet(benchmark::State& state) {
   runEvents(state, program(), all, mutexLockProfiler::MonitorContendedEnter);
 }
 
-// --- Threads on one lock ---------------------------------------------------------------------
-
-// All threads are known as owners of the lock too.
-std::vector<contender> startOnThreads(std::size_t count) {
-  const auto all = program().onThreads(count);
-  program().startDetailOn({all.front()}, kSelectAll);
-  fake::object* const lock = program().vm.target(all.front().lock);
-  for (const contender& each : all) {
-    program().vm.setOwner(lock, static_cast<fake::javaThread*>(program().vm.target(each.thread)));
-    program().enter(all.front());
-  }
-  return all;
-}
-
-void threadsDetailEnter(benchmark::State& state) {
-  runKnown(state, startOnThreads(sizeOf(state)), mutexLockProfiler::MonitorContendedEnter);
-}
-void threadsDetailEntered(benchmark::State& state) {
-  runKnown(state, startOnThreads(sizeOf(state)), mutexLockProfiler::MonitorContendedEntered);
-}
 void threadsMeet(benchmark::State& state) {
   const auto all = program().onThreads(sizeOf(state));
   const contender other{program().thread(sizeOf(state)), program().lock(0)};
@@ -175,13 +164,6 @@ void threadsMeet(benchmark::State& state) {
   runEvents(state, program(), all, mutexLockProfiler::MonitorContendedEnter);
 }
 
-// --- Distinct stacks of one thread -----------------------------------------------------------
-
-void stacksDetailEnter(benchmark::State& state) {
-  const auto all = program().onStacks(sizeOf(state));
-  program().startDetailOn({all.front()}, kSelectAll);
-  runKnown(state, all, mutexLockProfiler::MonitorContendedEnter);
-}
 void stacksMeet(benchmark::State& state) {
   const auto all = program().onStacks(sizeOf(state));
   const contender other{program().stack(sizeOf(state)), program().lock(0)};
@@ -258,59 +240,57 @@ void reportOfManyStacks(benchmark::State& state) {
 
 // --- Sizes -----------------------------------------------------------------------------------
 
-using registered = benchmark::internal::Benchmark;
+using sizes = std::initializer_list<long>;
 
-void setSizes(registered* each, std::initializer_list<long> sizes) {
-  for (const long size : sizes) each->Arg(size);
+// Registers an event and the VM's calls in it.
+template <typename Event, typename Calls>
+void known(const std::string& name, starter start, Event* event, Calls* calls, sizes all) {
+  const int events = RUNNING_ON_VALGRIND != 0 ? 2000 : 200000;
+  for (const long size : all) {
+    benchmark::RegisterBenchmark(
+        name.c_str(),
+        [=](benchmark::State& state) { runKnown(state, start(sizeOf(state)), *event); })
+        ->Arg(size)
+        ->Iterations(events);
+    benchmark::RegisterBenchmark(
+        (name + "Calls").c_str(),
+        [=](benchmark::State& state) { runKnown(state, start(sizeOf(state)), *calls); })
+        ->Arg(size)
+        ->Iterations(events);
+  }
 }
-
-void setKnown(registered* each) {
-  constexpr int kEvents = 200000;
-  constexpr int kCountedEvents = 2000;
-  each->Iterations(RUNNING_ON_VALGRIND != 0 ? kCountedEvents : kEvents);
-}
-void locks(registered* each) {
-  setKnown(each);
-  setSizes(each, {10, 1000, 100000});
-}
-void threads(registered* each) {
-  setKnown(each);
-  setSizes(each, {1, 100, 10000});
-}
-void stacks(registered* each) {
-  setKnown(each);
-  setSizes(each, {1, 1000, 10000, 100000});
-}
-void report(registered* each) {
-  each->Iterations(1)->Unit(benchmark::kMillisecond);
-  setSizes(each, {1000, 10000, 100000});
-}
-
-// One event each.
-void meet(const char* name, void (*run)(benchmark::State&), std::initializer_list<long> sizes) {
-  for (const long size : sizes) {
+// One event for each of the size.
+void first(const char* name, void (*run)(benchmark::State&), sizes all) {
+  for (const long size : all) {
     benchmark::RegisterBenchmark(name, run)->Arg(size)->Iterations(size);
+  }
+}
+void report(const char* name, void (*run)(benchmark::State&)) {
+  for (const long size : {1000, 10000, 100000}) {
+    benchmark::RegisterBenchmark(name, run)->Arg(size)->Iterations(1)->Unit(
+        benchmark::kMillisecond);
   }
 }
 
 }  // namespace
 
-BENCHMARK(locksSummaryEnter)->Apply(locks);
-BENCHMARK(locksSummaryEnterCalls)->Apply(locks);
-BENCHMARK(locksSummaryEntered)->Apply(locks);
-BENCHMARK(locksDetailEnter)->Apply(locks);
-BENCHMARK(locksDetailEntered)->Apply(locks);
-BENCHMARK(threadsDetailEnter)->Apply(threads);
-BENCHMARK(threadsDetailEntered)->Apply(threads);
-BENCHMARK(stacksDetailEnter)->Apply(stacks);
-BENCHMARK(reportOfManyLocks)->Apply(report);
-BENCHMARK(reportOfManyThreads)->Apply(report);
-BENCHMARK(reportOfManyStacks)->Apply(report);
-
 int main(int argc, char** argv) {
-  meet("locksMeet", locksMeet, {1000, 10000, 100000});
-  meet("threadsMeet", threadsMeet, {100, 1000, 10000});
-  meet("stacksMeet", stacksMeet, {100, 1000, 10000, 100000});
+  const auto enter = mutexLockProfiler::MonitorContendedEnter;
+  const auto entered = mutexLockProfiler::MonitorContendedEntered;
+  known("locksSummaryEnter", summaryOfLocks, enter, enterCalls, {10, 1000, 100000});
+  known("locksSummaryEntered", summaryOfLocks, entered, enteredCalls, {10, 1000, 100000});
+  known("locksDetailEnter", detailOfLocks, enter, selectedEnterCalls, {10, 1000, 100000});
+  known("locksDetailEntered", detailOfLocks, entered, selectedEnteredCalls, {10, 1000, 100000});
+  known("threadsDetailEnter", detailOfThreads, enter, selectedEnterCalls, {1, 100, 10000});
+  known("threadsDetailEntered", detailOfThreads, entered, selectedEnteredCalls, {1, 100, 10000});
+  known("stacksDetailEnter", detailOfStacks, enter, selectedEnterCalls, {1, 1000, 10000, 100000});
+  first("locksMeet", locksMeet, {1000, 10000, 100000});
+  first("threadsMeet", threadsMeet, {100, 1000, 10000});
+  first("stacksMeet", stacksMeet, {100, 1000, 10000, 100000});
+  report("reportOfManyLocks", reportOfManyLocks);
+  report("reportOfManyThreads", reportOfManyThreads);
+  report("reportOfManyStacks", reportOfManyStacks);
+
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

@@ -91,13 +91,7 @@ void detailEnterSelected(benchmark::State& state) {
   run(state, mutexLockProfiler::MonitorContendedEnter);
 }
 void detailEnterSelectedCalls(benchmark::State& state) {
-  run(state, [](jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
-    enterCalls(jvmti, jni, thread, lock);
-    threadNameCalls(jvmti, jni, thread);
-    usageCalls(jvmti, jni, lock);
-    threadNameCalls(jvmti, jni, thread);  // of the owner
-    stackCalls(jvmti, thread);
-  });
+  run(state, selectedEnterCalls);
 }
 
 void detailEntered(benchmark::State& state) {
@@ -105,10 +99,7 @@ void detailEntered(benchmark::State& state) {
   run(state, mutexLockProfiler::MonitorContendedEntered);
 }
 void detailEnteredCalls(benchmark::State& state) {
-  run(state, [](jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
-    enteredCalls(jvmti, jni, thread, lock);
-    threadNameCalls(jvmti, jni, thread);
-  });
+  run(state, selectedEnteredCalls);
 }
 
 // Instructions are the same in each run, so that under callgrind a fixed number of events will do.

@@ -55,3 +55,17 @@ inline void usageCalls(jvmtiEnv* jvmti, JNIEnv* jni, jobject lock) {
   jvmti->Deallocate(reinterpret_cast<unsigned char*>(usage.notify_waiters));
   jni->PopLocalFrame(nullptr);
 }
+
+// In a detail session, of a lock that is selected.
+inline void selectedEnterCalls(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
+  enterCalls(jvmti, jni, thread, lock);
+  threadNameCalls(jvmti, jni, thread);
+  usageCalls(jvmti, jni, lock);
+  threadNameCalls(jvmti, jni, thread);  // of the owner
+  stackCalls(jvmti, thread);
+}
+
+inline void selectedEnteredCalls(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
+  enteredCalls(jvmti, jni, thread, lock);
+  threadNameCalls(jvmti, jni, thread);
+}
