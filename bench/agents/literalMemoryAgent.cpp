@@ -9,6 +9,8 @@
 #include <array>
 #include <cstddef>
 #include <ctime>
+#include <numeric>
+#include <vector>
 
 #include "agentSupport.h"
 #include "support/jniRef.h"
@@ -108,6 +110,24 @@ JNIEXPORT jlongArray JNICALL Java_LiteralMemory_scan(JNIEnv* jni, jclass, jint g
     jni->SetLongArrayRegion(result, 0, static_cast<jsize>(members.size()), members.data());
   }
   return result;
+}
+
+// Asks once for all objects of the generations 1 to `generations` and their tags, and drops them;
+// gives the processor time of that call, which a scan in one query cannot do without.
+JNIEXPORT jlong JNICALL Java_LiteralMemory_query(JNIEnv*, jclass, jint generations) {
+  std::vector<jlong> tags(static_cast<std::size_t>(generations));
+  std::iota(tags.begin(), tags.end(), jlong{1});
+  jint count = 0;
+  jlong* tagsWritten = nullptr;
+  jvmtiPtr<jobject> objects(jvmti);
+  const jlong before = processorNanos();
+  const jvmtiError error = objects.fill([&](jobject** out) {
+    return jvmti->GetObjectsWithTags(generations, tags.data(), &count, out, &tagsWritten);
+  });
+  const jlong time = processorNanos() - before;
+  jvmtiPtr<jlong> tagsFound(jvmti);
+  tagsFound.adopt(error == JVMTI_ERROR_NONE ? tagsWritten : nullptr);
+  return bench::ok(error, "GetObjectsWithTags") ? time : -1;
 }
 
 JNIEXPORT jlong JNICALL Java_LiteralMemory_processorNanos(JNIEnv*, jclass) {

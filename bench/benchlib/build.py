@@ -9,7 +9,6 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = ROOT / "build" / "bench"
 OUT = ROOT / "out" / "bench"
 CLASSES = BUILD / "references" / "classes"
-RECORDER_SETTINGS = ROOT / "bench" / "programs" / "recorder.jfc"
 
 _PACKAGES = ("cmake", "g++", "make", "pkg-config", "libapr1-dev")
 
@@ -36,10 +35,15 @@ def agent_path(name):
     return BUILD / "references" / "lib" / f"lib{name}.so"
 
 
-def recorder_options():
+def recorder_settings(name):
+    """The path of settings for the flight recorder, such as "recorder"."""
+    return ROOT / "bench" / "programs" / f"{name}.jfc"
+
+
+def recorder_options(name="recorder"):
     """The JVM options that start the flight recorder; it writes into the current folder."""
     return [
-        f"-XX:StartFlightRecording:settings={RECORDER_SETTINGS},filename=recording.jfr",
+        f"-XX:StartFlightRecording:settings={recorder_settings(name)},filename=recording.jfr",
         "-XX:FlightRecorderOptions:stackdepth=100,repository=recorder",
     ]
 

@@ -96,12 +96,14 @@ SUBJECTS = (
         agent_options=",ownerLookupsPerSecond=100",
     ),
     Subject("recorder", "flight recorder"),
+    Subject("sampler", "flight recorder, samples only"),
     Subject("monitoring", "ThreadMXBean monitoring", options=("--monitoring=true",)),
 )
-_QUICK_SUBJECTS = (
-    *(NONE, LOADED, "library-summary"),
-    *("literal-detail", "library-detail", "bounded-detail", "recorder"),
-)
+_LEFT_OUT = {
+    "quick": (EMPTY, "floor-summary", "literal-summary", "floor-detail", "sampler", "monitoring"),
+    "default": ("literal-summary", "floor-detail"),
+    "full": (),
+}
 
 LEGEND = """
 Locks: throughput, with that of no agent as 1 (median of the turns, ± half of what their middle half
@@ -148,6 +150,11 @@ _GOALS = (
         dict.fromkeys(_ALL, 0.97),
     ),
     tables.Goal(
+        "summary: not below a sampling profiler by more than 0.03",
+        _beside("library-summary", "sampler"),
+        dict.fromkeys(_ALL, 0.97),
+    ),
+    tables.Goal(
         "detail: at least 2 times the literal agent, 3 times with 64 threads on 16 monitors",
         _beside("library-detail", "literal-detail"),
         {**dict.fromkeys(_LOCKS_ONLY, 2.0), "64-on-16": 3.0},
@@ -156,6 +163,11 @@ _GOALS = (
         "detail with 100 owner looks a second: at least 0.85 of the throughput without an agent",
         _share_of_none("bounded-detail"),
         dict.fromkeys(_ALL, 0.85),
+    ),
+    tables.Goal(
+        "detail with 100 owner looks a second: ahead of the flight recorder with stacks",
+        _beside("bounded-detail", "recorder"),
+        dict.fromkeys(_ALL, 1.0),
     ),
 )
 
@@ -167,7 +179,7 @@ def workloads(scope):
 
 def subjects(scope):
     """The JVMs compared by default, with --quick and with --full."""
-    return [each for each in SUBJECTS if scope != "quick" or each.name in _QUICK_SUBJECTS]
+    return [each for each in SUBJECTS if each.name not in _LEFT_OUT[scope]]
 
 
 def measure(jdk, workload, compared, library, plan):
@@ -199,8 +211,8 @@ def _java_arguments(workload, subject, library, plan, folder):
         options = f"twHome={folder},logLevel=1,{features}{subject.agent_options}"
         agent_options = [f"-agentpath:{library}={options}"]
         session = subject.session or "none"
-    elif subject.name == "recorder":
-        agent_options = build.recorder_options()
+    elif subject.name in ("recorder", "sampler"):
+        agent_options = build.recorder_options(subject.name)
     elif subject.agent:
         mode = f"mode={subject.session}" if subject.session else ""
         agent_options = [f"-agentpath:{build.agent_path(subject.agent)}={mode}"]
@@ -222,23 +234,22 @@ def _require_locks(report):
         raise BenchError(f"a session left a report without locks: {report}")
 
 
-def report(results):
-    """Prints a table for each workload and JDK, and the goals.
+def report(results, out):
+    """Writes a table for each workload and JDK, and the goals.
 
     `results` has (JDK, workload) and the rounds measured.
     """
-    print(LEGEND)
+    out.text(LEGEND)
     for (jdk, workload), rounds in results.items():
-        print(f"JDK {jdk.major}, {workload.title}{_baseline(rounds)}")
+        title = f"JDK {jdk.major}, {workload.title}{_baseline(rounds)}"
         headings = ("", "Throughput", "p50 µs", "p99 µs", "p99.9 µs", "p99", "Safepoints/s", "Share")
         measured = [each for each in SUBJECTS if each.name in rounds[0]]
-        tables.print_table(headings, [_row(subject, rounds) for subject in measured])
-        print()
+        out.table(headings, [_row(subject, rounds) for subject in measured], title)
     labelled = [
         (f"JDK {jdk.major} {workload.name}", workload.name, rounds)
         for (jdk, workload), rounds in results.items()
     ]
-    tables.print_goals(_GOALS, labelled)
+    out.goals(_GOALS, labelled)
 
 
 def _baseline(rounds):

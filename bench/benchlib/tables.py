@@ -98,18 +98,6 @@ def cell(value):
     return f"{value:,}" if isinstance(value, int) else str(value)
 
 
-def print_table(headings, rows, left_columns=1):
-    """Prints rows of cells below their headings; all but the first columns to the right."""
-    rows = [[cell(value) for value in row] for row in rows]
-    widths = [max(map(len, column)) for column in zip(headings, *rows)]
-    for row in (headings, *rows):
-        cells = [
-            text.ljust(width) if i < left_columns else text.rjust(width)
-            for i, (text, width) in enumerate(zip(row, widths))
-        ]
-        print("  ".join(cells).rstrip())
-
-
 @dataclasses.dataclass(frozen=True)
 class Goal:
     """What is to be reached: a text, the value of a workload's rounds, and a limit for each.
@@ -133,17 +121,59 @@ class Goal:
             value = value.median if isinstance(value, Spread) else value
             limit = self.limits[name]
             good = value <= limit if self.is_upper_limit else value >= limit
-            (reached if good else missed).append(f"{label} ({value:.3f})")
-        if not reached and not missed:
-            return f"{self.text}: not measured"
-        if not missed:
-            return f"{self.text}: reached"
-        return f"{self.text}: {f'reached in {len(reached)}, ' if reached else ''}missed in " + (
-            ", ".join(missed)
-        )
+            (reached if good else missed).append((value, label))
+        if missed:
+            others = f"reached in {len(reached)}, " if reached else ""
+            listed = ", ".join(f"{label} ({value:.3f})" for value, label in missed)
+            return f"{self.text}: {others}missed in {listed}"
+        if reached:
+            worst = max(reached) if self.is_upper_limit else min(reached)
+            return f"{self.text}: reached, worst in {worst[1]} ({worst[0]:.3f})"
+        return f"{self.text}: not measured"
 
 
-def print_goals(goals, results):
-    print("\nGoals")
-    for goal in goals:
-        print(f"  {goal.verdict(results)}")
+class TextOutput:
+    """Writes to the terminal, and cells below their headings."""
+
+    def text(self, paragraph):
+        print(f"\n{paragraph.strip()}")
+
+    def table(self, headings, rows, title=None, left_columns=1):
+        """All but the first columns to the right."""
+        rows = [[cell(value) for value in row] for row in rows]
+        widths = [max(map(len, column)) for column in zip(headings, *rows)]
+        print(f"\n{title}" if title else "")
+        for row in (headings, *rows):
+            cells = [
+                text.ljust(width) if i < left_columns else text.rjust(width)
+                for i, (text, width) in enumerate(zip(row, widths))
+            ]
+            print("  ".join(cells).rstrip())
+
+    def goals(self, goals, results):
+        print("\nGoals")
+        for goal in goals:
+            print(f"  {goal.verdict(results)}")
+
+
+class MarkdownOutput:
+    """Writes the same to a file, as Markdown."""
+
+    def __init__(self, file):
+        self._file = file
+
+    def _write(self, *lines):
+        self._file.write("\n".join(lines) + "\n\n")
+
+    def text(self, paragraph):
+        self._write(paragraph.strip())
+
+    def table(self, headings, rows, title=None, left_columns=1):
+        if title:
+            self._write(f"**{title}**")
+        rules = ["---" if i < left_columns else "---:" for i in range(len(headings))]
+        rows = [[cell(value) for value in row] for row in rows]
+        self._write(*(f"| {' | '.join(row)} |" for row in (headings, rules, *rows)))
+
+    def goals(self, goals, results):
+        self._write(*(f"- {goal.verdict(results)}" for goal in goals))

@@ -79,7 +79,7 @@ def measure(jdk, workload, _, library, __):
     (folder / "logs").mkdir(parents=True, exist_ok=True)
     # Two recordings at once would share the lower of their thresholds: hence two runs.
     agent = f"-agentpath:{library}=twHome={folder},logLevel=1,features=mutexprofiling"
-    truth = _run(jdk, workload, folder, build.RECORDER_SETTINGS, agent)
+    truth = _run(jdk, workload, folder, build.recorder_settings("recorder"), agent)
     tools = [
         _library_report(folder / "lock-report.json"),
         _recording(jdk, "flight recorder, threshold 0", folder / "recording.jfr"),
@@ -138,9 +138,9 @@ def _duration(text):
     return 60 * int(match[1] or 0) + float(match[2] or 0)
 
 
-def report(results):
-    """Prints one table, and the goals. `results` has (JDK, workload) and the rounds measured."""
-    print(LEGEND)
+def report(results, out):
+    """Writes one table, and the goals. `results` has (JDK, workload) and the rounds measured."""
+    out.text(LEGEND)
     rows = []
     for (jdk, workload), rounds in results.items():
         label = f"JDK {jdk.major}, {workload.title}"
@@ -151,9 +151,9 @@ def report(results):
             rows.append([label, name, true, counted, *shares])
             label = ""
     headings = ("", "Tool", "True enters", "Counted", "Share", "Share of the time")
-    tables.print_table(headings, rows, left_columns=2)
+    out.table(headings, rows, left_columns=2)
     labelled = [
         (f"JDK {jdk.major} {workload.name}", workload.name, rounds)
         for (jdk, workload), rounds in results.items()
     ]
-    tables.print_goals(_GOALS, labelled)
+    out.goals(_GOALS, labelled)

@@ -15,6 +15,13 @@ final class LiteralMemory {
   static native long[] scan(int generations);
 
   /**
+   * Asks for the objects of all generations from 1 on in one query.
+   *
+   * @return processor nanoseconds of that call; -1 when the VM refused it
+   */
+  static native long query(int generations);
+
+  /**
    * The processor time of all threads of this process, in nanoseconds.
    *
    * <p>The walk over the heap is done by a thread of the VM. On a busy machine this time says more

@@ -24,7 +24,7 @@ import java.util.concurrent.locks.LockSupport;
 public final class LockBench extends Load {
   private static final int COMPILE_ROUNDS = 20_000;
   private static final long SESSION_SECONDS = 600;
-  private static final long BRIEF_SUMMARY_MILLIS = 500;
+  private static final long OPENING_DETAIL_MILLIS = 100;
   private static final long CLOSING_DETAIL_MILLIS = 300;
 
   public static void main(String[] args) throws IOException, InterruptedException {
@@ -278,8 +278,8 @@ public final class LockBench extends Load {
     ManagementFactory.getThreadMXBean().setThreadContentionMonitoringEnabled(settings.monitoring);
     openSession();
     start(settings.virtual);
-    enterMeasuredPhase();
     Thread.sleep(millis(settings.warmup));
+    enterMeasuredPhase();
     serve();
     closeSession();
     stop();
@@ -335,10 +335,11 @@ public final class LockBench extends Load {
     startMutexLockSummarySession(1);
   }
 
+  /** A detail phase follows the locks that the summary has met, here during the warm-up. */
   private void enterMeasuredPhase() throws InterruptedException {
     if (settings.session.equals("detail")) {
-      Thread.sleep(BRIEF_SUMMARY_MILLIS);
       startMutexLockDetailSession(1);
+      Thread.sleep(OPENING_DETAIL_MILLIS);
     }
   }
 

@@ -15,7 +15,8 @@ import java.util.function.Supplier;
 
 /**
  * Tags objects with both agents, then lets both scan, and both tag, in turn. The two have tags of
- * their own and see the same heap at the same time, so that their times compare.
+ * their own and see the same heap at the same time, so that their times compare. Beside the scans
+ * stands one query for all generations, made alone.
  *
  * <p>Run with a collector that stops the world for all of a collection (Serial, Parallel), for one
  * collection is one generation then. Prints one line of JSON for each pair of scans and each round
@@ -128,11 +129,15 @@ public final class MemoryBench {
     Scan library = null;
     Scan literal = null;
     long[] parts = null;
-    for (int turn = 0; turn < 2; turn++) {
-      if ((turn + round) % 2 == 0) {
+    long query = 0;
+    for (int turn = 0; turn < 3; turn++) {
+      int subject = (turn + round) % 3;
+      if (subject == 0) {
         literal = new Scan();
         parts = LiteralMemory.scan(generations);
         literal.end();
+      } else if (subject == 1) {
+        query = LiteralMemory.query(generations);
       } else {
         library = new Scan();
         int result = TWNativeAgentProfiling.stopMemoryLeaksProfileSession(1, report);
@@ -145,11 +150,14 @@ public final class MemoryBench {
     if (parts[3] != objects) {
       throw new IllegalStateException(parts[3] + " objects instead of " + objects);
     }
+    if (query < 0) {
+      throw new IllegalStateException("no query for all generations");
+    }
     System.out.printf(
         Locale.ROOT,
         "{\"kind\": \"scan\", \"library\": %s, \"literal\": %s, \"walk\": %d, \"queries\": %d,"
-            + " \"objects\": %d, \"longestQuery\": %d}%n",
-        library, literal, parts[0], parts[1], parts[2], parts[4]);
+            + " \"objects\": %d, \"longestQuery\": %d, \"oneQuery\": %d}%n",
+        library, literal, parts[0], parts[1], parts[2], parts[4], query);
   }
 
   // All objects carry a tag already, as objects do that are followed.

@@ -66,9 +66,26 @@ def test_ratio_compares_within_a_turn():
 
 @pytest.mark.parametrize(
     "is_upper_limit, verdict",
-    [(False, "goal: missed in JDK 17 a (0.500)"), (True, "goal: reached")],
+    [
+        (False, "goal: missed in JDK 17 a (0.500)"),
+        (True, "goal: reached, worst in JDK 17 a (0.500)"),
+    ],
 )
 def test_goal(is_upper_limit, verdict):
     goal = tables.Goal("goal", lambda rounds: rounds, {"a": 0.9}, is_upper_limit)
     assert goal.verdict([("JDK 17 a", "a", 0.5), ("JDK 17 b", "b", 5)]) == verdict
     assert goal.verdict([]) == "goal: not measured"
+
+
+def test_markdown_has_the_tables_and_goals(tmp_path):
+    path = tmp_path / "tables.md"
+    with open(path, "w") as file:
+        out = tables.MarkdownOutput(file)
+        out.text("\nWhat it says.\n")
+        out.table(("", "Ratio"), [["library", tables.Spread(0.5, 0.4, 0.6)], ["none", None]], "JDK 17")
+        out.goals([tables.Goal("goal", lambda rounds: rounds, {"a": 1})], [("JDK 17 a", "a", 2)])
+    assert path.read_text() == (
+        "What it says.\n\n**JDK 17**\n\n"
+        "|  | Ratio |\n| --- | ---: |\n| library | 0.50 ±20% |\n| none | - |\n\n"
+        "- goal: reached, worst in JDK 17 a (2.000)\n\n"
+    )
