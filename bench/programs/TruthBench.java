@@ -3,41 +3,60 @@ import java.io.IOException;
 import java.lang.management.ManagementFactory;
 import java.lang.management.ThreadInfo;
 import java.lang.management.ThreadMXBean;
-import java.nio.charset.StandardCharsets;
-import java.nio.file.Files;
-import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.util.Arrays;
 import java.util.Locale;
 import java.util.concurrent.Phaser;
 import javax.management.JMException;
-import javax.management.MBeanServer;
-import javax.management.ObjectName;
 
 /**
- * Contends for one monitor so that it knows how often and for how long threads were blocked: in
- * each round one thread holds the monitor until it has seen all others blocked.
+ * Threads that are blocked so that the program knows how often and for how long. In each round
+ * either one thread holds all monitors until it has seen all others blocked, or it notifies the
+ * others when it knows all to wait.
  *
- * <p>The JVM's own contention monitoring watches, and so do the flight recorder and the agent if
- * asked to. Prints one line of JSON: the true number of contended enters and the sum of their times
- * in seconds, and those of the contention monitoring. The agent's are in its report,
- * lock-report.json, the recorder's in recording.jfr.
+ * <p>The JVM's own contention monitoring watches, and so do the flight recorder with the given
+ * settings and the agent; then, in further rounds, the flight recorder with its usual settings. For
+ * both it prints one line of JSON: the true number of contended enters (or waits) and the sum of
+ * their times in seconds, and the contended enters that the contention monitoring has. The agent's
+ * numbers are in its report, lock-report.json, the recorder's in recording.jfr and usual.jfr.
  */
 public final class TruthBench {
-  private static final int HOLD_MILLIS = 8;
+  /** The monitor, whose class is how it is found in reports. */
+  private static final class Contended {
+    private int waiting; // both guarded by this monitor
+    private int round;
 
-  /** The monitor's class, by which it is found in reports. */
-  private static final class Contended {}
+    /** Waits for the next round. */
+    synchronized void await() throws InterruptedException {
+      waiting++;
+      for (int begun = round; begun == round; ) {
+        wait();
+      }
+    }
+
+    /** Says that all of this many threads wait. */
+    synchronized boolean hasWaiting(int threads) {
+      return waiting == threads;
+    }
+
+    synchronized void nextRound() {
+      waiting = 0;
+      round++;
+      notifyAll();
+    }
+  }
 
   private static final class Contender implements Runnable {
-    private final Object monitor;
+    private final Contended monitor;
+    private final boolean waits;
     private final Phaser phaser;
     private Thread thread;
     private long nanos;
     private volatile boolean ended;
 
-    Contender(Object monitor, Phaser phaser) {
+    Contender(Contended monitor, boolean waits, Phaser phaser) {
       this.monitor = monitor;
+      this.waits = waits;
       this.phaser = phaser;
     }
 
@@ -45,123 +64,167 @@ public final class TruthBench {
     public void run() {
       phaser.arriveAndAwaitAdvance();
       while (!ended) {
-        long asked = System.nanoTime();
-        synchronized (monitor) {
-          nanos += System.nanoTime() - asked;
-        }
+        nanos += waits ? nanosWaiting() : nanosEntering();
         phaser.arriveAndAwaitAdvance(); // The round is over.
-        phaser.arriveAndAwaitAdvance(); // The monitor is held again, or all is over.
+        phaser.arriveAndAwaitAdvance(); // The next one has begun, or all is over.
+      }
+    }
+
+    private long nanosEntering() {
+      long asked = System.nanoTime();
+      synchronized (monitor) {
+        return System.nanoTime() - asked;
+      }
+    }
+
+    private long nanosWaiting() {
+      synchronized (monitor) {
+        long asked = System.nanoTime();
+        try {
+          monitor.await();
+        } catch (InterruptedException e) {
+          throw new AssertionError("nobody interrupts a contender", e);
+        }
+        return System.nanoTime() - asked;
       }
     }
   }
 
-  private final Object monitor = new Contended();
-  private final Contender[] contenders;
-  private final Phaser phaser;
+  /** What was true up to a moment, and what the contention monitoring says. */
+  private final class Reading {
+    final long nanos = Arrays.stream(contenders).mapToLong(each -> each.nanos).sum();
+    long monitoredCount;
+    long monitoredMillis;
 
-  private TruthBench(int threads) {
-    phaser = new Phaser(threads + 1);
-    contenders = new Contender[threads];
-    for (int i = 0; i < threads; i++) {
-      contenders[i] = new Contender(monitor, phaser);
+    /** To be made between two rounds. The JVM has no counts of virtual threads. */
+    Reading() {
+      for (Contender each : contenders) {
+        ThreadInfo info = monitoring.getThreadInfo(each.thread.getId());
+        if (info != null) {
+          monitoredCount += info.getBlockedCount();
+          monitoredMillis += info.getBlockedTime();
+        }
+      }
+    }
+
+    void printSince(Reading earlier, int rounds) {
+      System.out.printf(
+          Locale.ROOT,
+          "{\"count\": %d, \"seconds\": %.6f, \"monitoredCount\": %d,"
+              + " \"monitoredSeconds\": %.6f}%n",
+          (long) rounds * contenders.length,
+          (nanos - earlier.nanos) / 1e9,
+          monitoredCount - earlier.monitoredCount,
+          (monitoredMillis - earlier.monitoredMillis) / 1e3);
     }
   }
 
+  private final ThreadMXBean monitoring = ManagementFactory.getThreadMXBean();
+  private final Contended[] monitors;
+  private final Contender[] contenders;
+  private final boolean waits;
+  private final int holdMillis;
+  private final Phaser phaser;
+
   /**
-   * Options: threads, rounds, virtual, agent (a session is to be run), recorder ("none", "default"
-   * or a settings file).
+   * Options: threads, monitors, hold (milliseconds that a monitor is held, or waited for, after all
+   * threads were seen to block), waits (threads wait instead of entering), rounds, virtual, recorder
+   * (a settings file).
    */
-  public static void main(String[] args) throws Exception {
-    Options options = new Options(args);
-    int threads = options.integer("threads", 64);
-    int rounds = options.integer("rounds", 100);
-    boolean virtual = options.flag("virtual");
-    boolean agent = options.flag("agent");
-    String recorder = options.text("recorder", "none");
-    options.rejectOthers();
-    new TruthBench(threads).run(rounds, virtual, agent, recorder);
+  private TruthBench(Options options) {
+    monitors = new Contended[options.integer("monitors", 1)];
+    Arrays.setAll(monitors, i -> new Contended());
+    contenders = new Contender[options.integer("threads", 64)];
+    waits = options.flag("waits");
+    holdMillis = options.integer("hold", 10);
+    phaser = new Phaser(contenders.length + 1);
+    Arrays.setAll(
+        contenders, i -> new Contender(monitors[i % monitors.length], waits, phaser));
   }
 
-  private void run(int rounds, boolean virtual, boolean agent, String recorder)
-      throws IOException, JMException {
-    ThreadMXBean monitoring = ManagementFactory.getThreadMXBean();
+  public static void main(String[] args) throws IOException, JMException {
+    Options options = new Options(args);
+    TruthBench bench = new TruthBench(options);
+    int rounds = options.integer("rounds", 80);
+    boolean virtual = options.flag("virtual");
+    String recorder = options.text("recorder", "default");
+    options.rejectOthers();
+    bench.run(rounds, virtual, recorder);
+  }
+
+  private void run(int rounds, boolean virtual, String recorder) throws IOException, JMException {
     monitoring.setThreadContentionMonitoringEnabled(true);
     for (Contender each : contenders) {
       each.thread = virtual ? Load.virtualThread(each) : new Thread(each);
       each.thread.start();
     }
-    if (agent) {
-      startSession();
-    }
-    round(); // Lets the session meet the monitor; what comes from here on counts.
-    if (agent) {
-      TWNativeAgentProfiling.startMutexLockDetailSession(1);
-    }
-    long before = blockedNanos();
-    long[] monitoredBefore = monitored(monitoring);
-    Recorder recording = recorder.equals("none") ? null : new Recorder(recorder);
-    for (int i = 0; i < rounds; i++) {
-      round();
-    }
-    if (recording != null) {
-      recording.end(Paths.get("recording.jfr"));
-    }
-    long[] monitored = monitored(monitoring);
-    long after = blockedNanos();
-    if (agent) {
-      stopSession();
-    }
-    end();
-    System.out.printf(
-        Locale.ROOT,
-        "{\"count\": %d, \"seconds\": %.6f, \"monitoredCount\": %d, \"monitoredSeconds\": %.6f}%n",
-        (long) rounds * contenders.length,
-        (after - before) / 1e9,
-        monitored[0] - monitoredBefore[0],
-        (monitored[1] - monitoredBefore[1]) / 1e3);
-  }
-
-  private void round() {
-    synchronized (monitor) {
-      phaser.arriveAndAwaitAdvance();
-      for (Contender each : contenders) {
-        while (each.thread.getState() != Thread.State.BLOCKED) {
-          Thread.yield();
-        }
-      }
-      sleep(HOLD_MILLIS);
-    }
-    phaser.arriveAndAwaitAdvance();
-  }
-
-  /** The nanoseconds that all contenders were blocked; to be called between two rounds. */
-  private long blockedNanos() {
-    return Arrays.stream(contenders).mapToLong(each -> each.nanos).sum();
-  }
-
-  /** Count and milliseconds of blocking as the JVM has them; it has none for virtual threads. */
-  private long[] monitored(ThreadMXBean monitoring) {
-    long[] sums = new long[2];
-    for (Contender each : contenders) {
-      ThreadInfo info = monitoring.getThreadInfo(each.thread.getId());
-      if (info != null) {
-        sums[0] += info.getBlockedCount();
-        sums[1] += info.getBlockedTime();
-      }
-    }
-    return sums;
-  }
-
-  private void end() {
+    startSession();
+    round(); // Lets the session meet the monitors; what comes from here on counts.
+    TWNativeAgentProfiling.startMutexLockDetailSession(1);
+    watch(rounds, recorder, "recording.jfr");
+    stopSession();
+    // Two recordings at once would share the lower of their thresholds: hence one after the other.
+    watch(Math.max(1, rounds / 4), "default", "usual.jfr");
     for (Contender each : contenders) {
       each.ended = true;
     }
     phaser.arriveAndDeregister();
   }
 
-  private static void sleep(int millis) {
+  private void watch(int rounds, String settings, String recording)
+      throws IOException, JMException {
+    Reading before = new Reading();
+    Recorder recorder = new Recorder(settings);
+    for (int i = 0; i < rounds; i++) {
+      round();
+    }
+    recorder.end(Paths.get(recording));
+    new Reading().printSince(before, rounds);
+  }
+
+  private void round() {
+    if (waits) {
+      phaser.arriveAndAwaitAdvance();
+      letWait();
+    } else {
+      holdFrom(0);
+    }
+    phaser.arriveAndAwaitAdvance();
+  }
+
+  /** Holds the monitors from this one on until all contenders have been seen blocked. */
+  private void holdFrom(int monitor) {
+    if (monitor < monitors.length) {
+      synchronized (monitors[monitor]) {
+        holdFrom(monitor + 1);
+      }
+      return;
+    }
+    phaser.arriveAndAwaitAdvance();
+    for (Contender each : contenders) {
+      while (each.thread.getState() != Thread.State.BLOCKED) {
+        Thread.yield();
+      }
+    }
+    hold();
+  }
+
+  private void letWait() {
+    for (int i = 0; i < monitors.length; i++) {
+      int threads = (contenders.length + monitors.length - 1 - i) / monitors.length;
+      while (!monitors[i].hasWaiting(threads)) {
+        Thread.yield();
+      }
+    }
+    hold();
+    for (Contended each : monitors) {
+      each.nextRound();
+    }
+  }
+
+  private void hold() {
     try {
-      Thread.sleep(millis);
+      Thread.sleep(holdMillis);
     } catch (InterruptedException e) {
       throw new AssertionError("nobody interrupts this thread", e);
     }
@@ -178,40 +241,6 @@ public final class TruthBench {
     TWNativeAgentProfiling.stopMutexLockDetailSession(1);
     if (TWNativeAgentProfiling.stopMutexLockProfilingSession(1, "lock-report.json") != 1) {
       throw new IllegalStateException("no lock report");
-    }
-  }
-
-  /** A recording of the flight recorder, by its management interface: JDK 8 knows no other. */
-  private static final class Recorder {
-    private final MBeanServer server = ManagementFactory.getPlatformMBeanServer();
-    private final ObjectName name = new ObjectName("jdk.management.jfr:type=FlightRecorder");
-    private final Object id;
-
-    /** Begins a recording with the predefined settings "default" or those of a file. */
-    Recorder(String settings) throws IOException, JMException {
-      id = server.invoke(name, "newRecording", new Object[0], new String[0]);
-      if (settings.equals("default")) {
-        invoke("setPredefinedConfiguration", settings);
-      } else {
-        Path file = Paths.get(settings);
-        byte[] text = Files.readAllBytes(file);
-        invoke("setConfiguration", new String(text, StandardCharsets.UTF_8));
-      }
-      invoke("startRecording");
-    }
-
-    void end(Path file) throws JMException {
-      invoke("stopRecording");
-      invoke("copyTo", file.toAbsolutePath().toString());
-    }
-
-    private void invoke(String operation, String... texts) throws JMException {
-      Object[] arguments = texts.length == 0 ? new Object[] {id} : new Object[] {id, texts[0]};
-      String[] types =
-          texts.length == 0
-              ? new String[] {"long"}
-              : new String[] {"long", String.class.getName()};
-      server.invoke(name, operation, arguments, types);
     }
   }
 }
