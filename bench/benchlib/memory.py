@@ -27,6 +27,11 @@ class Workload:
     def title(self):
         return f"{self.objects:,} tagged objects in {self.generations} generations"
 
+    @property
+    def is_for_recorder(self):
+        """Whether the flight recorder's samples stand beside it: its objects are larger."""
+        return self.generations == 5 and self.objects <= 100_000
+
     def scans(self, turns):
         """More of short scans, which others on the machine disturb more; few that take seconds."""
         usual = 1_000_000  # objects visited
@@ -51,6 +56,12 @@ of a scan, and the longest query, during which the VM reaches no other one; proc
 and SetTag for one object, and setObjectTag and SetTag with that as 1.
 """
 
+RECORDER_LEGEND = """
+What the library reports of objects that a program keeps, and what the flight recorder has as samples
+of old objects; the processor time of that report (the recorder looks for what keeps an object alive)
+and its longest safepoint; the processor time of allocating with the recorder on, without it being 1.
+"""
+
 
 def _value(kind, value):
     """A value for all lines of a kind: a Spread, or None for none."""
@@ -68,6 +79,7 @@ _ONE_QUERY = _value(
 )
 _BESIDE_QUERY = _value("oneQuery", lambda line: line["library"]["processor"] / line["oneQuery"])
 _TAG = _value("tag", lambda line: line["library"] / line["replace"])
+_ALLOCATION = _value("allocate", lambda line: line["with"] / line["without"])
 
 _GOALS = (
     tables.Goal(
@@ -119,40 +131,83 @@ def subjects(_):
 def measure(jdk, workload, _, library, plan):
     """Gives one round: the lines of MemoryBench, those of scans with their longest pauses.
 
-    Those of a second JVM, whose scans are one query, have the kind "oneQuery".
+    Those of a second JVM, whose scans are one query, have the kind "oneQuery". The lines of KeepBench
+    follow.
     """
     scans, tags = _run(jdk, workload, library, plan, "")
     in_one_query, _ = _run(jdk, workload, library, plan, ",scanInOneQuery=1")
-    return scans + [{**scan, "kind": "oneQuery"} for scan in in_one_query] + tags
+    lines = scans + [{**scan, "kind": "oneQuery"} for scan in in_one_query] + tags
+    return lines + (_keep(jdk, workload, library, plan) if workload.is_for_recorder else [])
 
 
 def _run(jdk, workload, library, plan, more_options):
-    """Gives the lines of one JVM: of scans and of rounds of tagging."""
+    """Gives the lines of MemoryBench in one JVM: of scans and of rounds of tagging."""
+    lines, log, _ = _run_program(
+        *(jdk, workload, library, more_options, "MemoryBench"),
+        *(f"--scans={workload.scans(plan.turns) + 1}", f"--tags={5 * plan.turns + 1}"),
+    )
+    scans = [line for line in lines if line["kind"] == "scan"]
+    for scan in sorted((each[name] for each in scans for name in ("library", "literal")),
+                       key=lambda each: each["from"]):
+        _add_longest_pause(scan, log)
+    tags = [line for line in lines if line["kind"] == "tag"]
+    return scans[1:], tags[1:]  # The first of each are not typical.
+
+
+def _keep(jdk, workload, library, plan):
+    """Gives the lines of KeepBench; those of the tools say how many objects they reported."""
+    settings = build.recorder_settings("objects")
+    lines, log, folder = _run_program(
+        *(jdk, workload, library, "", "KeepBench"),
+        *(f"--turns={plan.turns}", f"--recorder={settings}"),
+    )
+    reported = {
+        "library": _reported(folder / "report.json"),
+        "recorder": _sampled(jdk, folder / "recording.jfr"),
+    }
+    for line in lines:
+        if line["kind"] in reported:
+            _add_longest_pause(line, log)
+            line["objects"] = reported[line["kind"]]
+    return lines
+
+
+def _reported(path):
+    classes = json.loads(path.read_text(errors="replace"))["topNMemoryleakClass"]
+    return sum(each["totalCount"] for each in classes.values())
+
+
+def _sampled(jdk, path):
+    """The samples of the objects that the program keeps, or of their arrays."""
+    command = [jdk.program("jfr"), "print", "--json", "--events", "jdk.OldObjectSample", str(path)]
+    events = json.loads(run_to_end(command, path.parent))["recording"]["events"]
+    types = [event["values"]["object"]["type"]["name"] for event in events]
+    return sum(name in ("java.util.concurrent.atomic.AtomicLongArray", "[J") for name in types)
+
+
+def _run_program(jdk, workload, library, agent_options, *arguments):
+    """Gives the lines that a program prints, the JVM's safepoints, and where it ran."""
     folder = build.OUT / "sessions" / f"jdk-{jdk.version}" / f"memory-{workload.name}"
     (folder / "logs").mkdir(parents=True, exist_ok=True)
     safepoint_log = folder / "safepoints.log"
     safepoint_log.unlink(missing_ok=True)
     agent = f"-agentpath:{library}=twHome={folder},logLevel=1,features=memoryprofiling"
-    agent += more_options
     command = [
         jdk.program("java"),
         safepoints.option(safepoint_log),
         *("-XX:+UseSerialGC", "-Xms512m", "-Xmx512m", "-Xmn32m", "-cp", build.CLASSES),
-        *(agent, f"-agentpath:{build.agent_path('literalMemoryAgent')}"),
-        *("MemoryBench", f"--objects={workload.objects}", f"--generations={workload.generations}"),
-        *(f"--scans={workload.scans(plan.turns) + 1}", f"--tags={5 * plan.turns + 1}"),
-        f"--report={folder}/report.json",
+        *(agent + agent_options, f"-agentpath:{build.agent_path('literalMemoryAgent')}"),
+        *(*arguments, f"--report={folder}/report.json"),
+        *(f"--objects={workload.objects}", f"--generations={workload.generations}"),
     ]
     output = run_to_end(command, folder).splitlines()
     lines = [json.loads(line) for line in output if line.startswith("{")]
-    log = safepoints.SafepointLog(safepoint_log)
-    scans = [line for line in lines if line["kind"] == "scan"]
-    for scan in sorted((each[name] for each in scans for name in ("library", "literal")),
-                       key=lambda each: each["from"]):
-        pauses = log.between(scan["from"], scan["to"])
-        scan["longestPause"] = max((each.nanos for each in pauses), default=0)
-    tags = [line for line in lines if line["kind"] == "tag"]
-    return scans[1:], tags[1:]  # The first of each are not typical.
+    return lines, safepoints.SafepointLog(safepoint_log), folder
+
+
+def _add_longest_pause(measured, log):
+    pauses = log.between(measured["from"], measured["to"])
+    measured["longestPause"] = max((each.nanos for each in pauses), default=0)
 
 
 def report(results, out):
@@ -168,11 +223,33 @@ def report(results, out):
         for (jdk, workload), rounds in results.items()
     ]
     out.table(headings, rows)
+    _report_recorder(results, out)
     labelled = [
         (f"JDK {jdk.major} {workload.name}", workload.name, rounds)
         for (jdk, workload), rounds in results.items()
     ]
     out.goals(_GOALS, labelled)
+
+
+def _report_recorder(results, out):
+    """What the flight recorder and the library report of objects that live long."""
+    rows = []
+    for (jdk, workload), rounds in results.items():
+        if not workload.is_for_recorder:
+            continue
+        label = f"JDK {jdk.major}, {workload.objects:,} objects kept"
+        for kind, title in (("library", "library"), ("recorder", "flight recorder")):
+            rows.append([
+                *(label, title, _value(kind, lambda line: line["objects"])(rounds).median),
+                _value(kind, lambda line: line["processor"] / 1e6)(rounds).median,
+                _value(kind, lambda line: line["longestPause"] / 1e6)(rounds).median,
+                _ALLOCATION(rounds) if kind == "recorder" else None,
+            ])
+            label = ""
+    if rows:
+        out.text(RECORDER_LEGEND)
+        headings = ("", "Tool", "Objects reported", "Processor ms", "Pause ms", "Allocation")
+        out.table(headings, rows, left_columns=2)
 
 
 def _cells(rounds):

@@ -112,8 +112,9 @@ def _count_error(rounds):
 
 
 def _time_error(rounds):
+    """None where whole seconds are too coarse to tell."""
     _, share = _shares(rounds, _LIBRARY)
-    return share.distance(1)
+    return share.distance(1) if share.high - share.low < 0.05 else None
 
 
 _NAMES = {workload.name for workload in WORKLOADS}

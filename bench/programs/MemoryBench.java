@@ -1,7 +1,5 @@
 import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
 import java.io.File;
-import java.lang.management.GarbageCollectorMXBean;
-import java.lang.management.ManagementFactory;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.Date;
@@ -18,10 +16,9 @@ import java.util.function.Supplier;
  * their own and see the same heap at the same time, so that their times compare. Beside the scans
  * stands one query for all generations, made alone.
  *
- * <p>Run with a collector that stops the world for all of a collection (Serial, Parallel), for one
- * collection is one generation then. Prints one line of JSON for each pair of scans and each round
- * of tagging: processor time in nanoseconds, and when a scan began and ended by the clock of {@code
- * System.nanoTime}.
+ * <p>Run with a collector of which {@link Generations} speaks. Prints one line of JSON for each pair
+ * of scans and each round of tagging: processor time in nanoseconds, and when a scan began and ended
+ * by the clock of {@code System.nanoTime}.
  */
 public final class MemoryBench {
   private static final int TAGS = 100_000;
@@ -29,8 +26,6 @@ public final class MemoryBench {
   private static final List<Supplier<Object>> MAKERS = Arrays.asList(AtomicBoolean::new,
       AtomicInteger::new, AtomicLong::new, AtomicReference::new, ArrayList::new, Date::new,
       Object::new, StringBuilder::new);
-
-  private static Object sink;
 
   private MemoryBench() {}
 
@@ -48,13 +43,13 @@ public final class MemoryBench {
       kept[i] = MAKERS.get(i % MAKERS.size()).get();
     }
     start();
-    awaitNextGeneration();
+    Generations.awaitNext();
     tagByGeneration(kept, generations);
     for (int round = 0; round < scans; round++) {
       scan(round, objects, generations, report);
     }
     start();
-    awaitNextGeneration();
+    Generations.awaitNext();
     for (int round = 0; round < tags; round++) {
       tag(round, kept);
     }
@@ -68,27 +63,11 @@ public final class MemoryBench {
     }
   }
 
-  private static long collections() {
-    long count = 0;
-    for (GarbageCollectorMXBean each : ManagementFactory.getGarbageCollectorMXBeans()) {
-      count += each.getCollectionCount();
-    }
-    return count;
-  }
-
-  // A young collection is a generation like any other, and short.
-  private static void awaitNextGeneration() {
-    long before = collections();
-    while (collections() == before) {
-      sink = new byte[64 * 1024];
-    }
-  }
-
   private static void tagByGeneration(Object[] kept, int generations) {
     for (int generation = 1; generation <= generations; generation++) {
       int from = (int) ((long) kept.length * (generation - 1) / generations);
       int to = (int) ((long) kept.length * generation / generations);
-      long before = collections();
+      long before = Generations.count();
       for (int i = from; i < to; i++) {
         // The place of an object in a table of tags depends on who tags it first.
         if (i % 4 < 2) {
@@ -99,10 +78,10 @@ public final class MemoryBench {
           TWNativeAgentProfiling.setObjectTag(kept[i]);
         }
       }
-      if (collections() != before) {
+      if (Generations.count() != before) {
         throw new IllegalStateException("a collection while a generation was tagged");
       }
-      awaitNextGeneration();
+      Generations.awaitNext();
     }
   }
 
