@@ -131,8 +131,8 @@ def subjects(_):
 def measure(jdk, workload, _, library, plan):
     """Gives one round: the lines of MemoryBench, those of scans with their longest pauses.
 
-    Those of a second JVM, whose scans are one query, have the kind "oneQuery". The lines of KeepBench
-    follow.
+    Those of a second JVM, whose scans are one query, have the kind "oneQuery". The lines of
+    KeepBench follow.
     """
     scans, tags = _run(jdk, workload, library, plan, "")
     in_one_query, _ = _run(jdk, workload, library, plan, ",scanInOneQuery=1")

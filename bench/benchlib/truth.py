@@ -69,9 +69,9 @@ SUBJECTS = ()  # Always all.
 
 LEGEND = """
 Truth: in each round one thread holds all monitors until it has seen all others blocked ("short": no
-longer), or notifies them when it knows all to wait; so the program knows how often and how long they
-were. Count and time as shares of that. The library reports whole seconds for each monitor, cut off:
-its share of the time is between those two; it does not count waits.
+longer), or notifies them when it knows all to wait; so the program knows how often and how long
+they were. Count and time as shares of that. The library reports whole seconds for each monitor, cut
+off: its share of the time is between those two. It does not count waits.
 """
 
 _LIBRARY = "library, detail session"

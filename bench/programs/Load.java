@@ -1,8 +1,6 @@
-import com.sun.management.OperatingSystemMXBean;
 import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStreamReader;
-import java.lang.management.ManagementFactory;
 import java.util.Arrays;
 import java.util.LinkedHashMap;
 import java.util.Locale;
@@ -15,10 +13,9 @@ import java.util.concurrent.atomic.AtomicLong;
  *
  * <p>{@link #serve} prints {@code ready}. Each line on standard input is then a number of seconds
  * to measure, and is answered with one line, a JSON object: the operations, {@code from} and {@code
- * to} by the clock of {@code System.nanoTime}, the processor time of the process, and the growth of
- * the further counters.
- * Between measurements the load runs on, so a caller may stop the whole process and let others have
- * the processors.
+ * to} by the clock of {@code System.nanoTime}, and the growth of the further counters. Between
+ * measurements the load runs on, so a caller may stop the whole process and let others have the
+ * processors.
  */
 abstract class Load {
   /** One thread of the load. */
@@ -63,15 +60,11 @@ abstract class Load {
     }
   }
 
-  private static final OperatingSystemMXBean SYSTEM =
-      ManagementFactory.getPlatformMXBean(OperatingSystemMXBean.class);
-
   /** What the load has done up to a moment. */
   private final class Reading {
     final Map<String, long[]> counters = new LinkedHashMap<>(furtherCounters());
     final long operations =
         Arrays.stream(workers).mapToLong(worker -> worker.operations.get()).sum();
-    final long processorNanos = SYSTEM.getProcessCpuTime();
     final long nanos = System.nanoTime();
 
     /** The JSON object for the time since an earlier reading. */
@@ -82,13 +75,11 @@ abstract class Load {
       json.append(
           String.format(
               Locale.ROOT,
-              "{\"operationsPerSecond\": %.1f, \"operations\": %d, \"from\": %d, \"to\": %d,"
-                  + " \"processorNanos\": %d",
+              "{\"operationsPerSecond\": %.1f, \"operations\": %d, \"from\": %d, \"to\": %d",
               done / seconds,
               done,
               earlier.nanos,
-              nanos,
-              processorNanos - earlier.processorNanos));
+              nanos));
       counters.forEach(
           (name, values) ->
               json.append(

@@ -16,9 +16,9 @@ import java.util.function.Supplier;
  * their own and see the same heap at the same time, so that their times compare. Beside the scans
  * stands one query for all generations, made alone.
  *
- * <p>Run with a collector of which {@link Generations} speaks. Prints one line of JSON for each pair
- * of scans and each round of tagging: processor time in nanoseconds, and when a scan began and ended
- * by the clock of {@code System.nanoTime}.
+ * <p>Run with a collector of which {@link Generations} speaks. Prints one line of JSON for each
+ * pair of scans and each round of tagging: processor time in nanoseconds, and when a scan began and
+ * ended by the clock of {@code System.nanoTime}.
  */
 public final class MemoryBench {
   private static final int TAGS = 100_000;
