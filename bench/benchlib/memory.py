@@ -134,17 +134,18 @@ def measure(jdk, workload, _, library, plan):
     Those of a second JVM, whose scans are one query, have the kind "oneQuery". The lines of
     KeepBench follow.
     """
-    scans, tags = _run(jdk, workload, library, plan, "")
-    in_one_query, _ = _run(jdk, workload, library, plan, ",scanInOneQuery=1")
+    count = workload.scans(plan.turns)
+    scans, tags = _run(jdk, workload, library, "", count, plan.turns)
+    in_one_query, _ = _run(jdk, workload, library, ",scanInOneQuery=1", count, 0)
     lines = scans + [{**scan, "kind": "oneQuery"} for scan in in_one_query] + tags
     return lines + (_keep(jdk, workload, library, plan) if workload.is_for_recorder else [])
 
 
-def _run(jdk, workload, library, plan, more_options):
-    """Gives the lines of MemoryBench in one JVM: of scans and of rounds of tagging."""
+def _run(jdk, workload, library, agent_options, scans, tags):
+    """Gives the lines of MemoryBench in one JVM: of so many scans and rounds of tagging."""
     lines, log, _ = _run_program(
-        *(jdk, workload, library, more_options, "MemoryBench"),
-        *(f"--scans={workload.scans(plan.turns) + 1}", f"--tags={5 * plan.turns + 1}"),
+        *(jdk, workload, library, agent_options, "MemoryBench"),
+        *(f"--scans={scans + 1}", f"--tags={tags + 1}"),
     )
     scans = [line for line in lines if line["kind"] == "scan"]
     for scan in sorted((each[name] for each in scans for name in ("library", "literal")),
