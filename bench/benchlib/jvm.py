@@ -29,6 +29,11 @@ class Plan:
     warmup: float
 
 
+def processor_nanos(pid):
+    """The processor time of a process, which Java has to a hundredth of a second only."""
+    return time.clock_gettime_ns(~pid << 3 | 2)  # The clock that clock_getcpuclockid gives.
+
+
 class Jvm:
     """A JVM that runs a load, stopped except while it starts, is measured or ends."""
 
@@ -77,9 +82,7 @@ class Jvm:
         return measured
 
     def _clocks(self):
-        """The time, and the processor time of the JVM, which Java has to a hundredth second only."""
-        clock_of_process = ~self._process.pid << 3 | 2  # As clock_getcpuclockid makes it.
-        return time.monotonic_ns(), time.clock_gettime_ns(clock_of_process)
+        return time.monotonic_ns(), processor_nanos(self._process.pid)
 
     def close(self):
         """Ends the load and waits for the end of the program."""

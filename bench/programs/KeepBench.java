@@ -41,7 +41,7 @@ public final class KeepBench {
     allocate(); // Compiled from here on.
     new Recorder(settings).end(recording); // The first start loads what later ones find loaded.
     for (int turn = 0; turn < turns; turn++) {
-      allocateInTurn(settings, recording);
+      allocateInTurn(turn, settings, recording);
     }
     startSession();
     Recorder recorder = new Recorder(settings);
@@ -75,12 +75,14 @@ public final class KeepBench {
     }
   }
 
-  private static void allocateInTurn(String settings, Path recording)
+  /** Every other time without the recorder first. */
+  private static void allocateInTurn(int turn, String settings, Path recording)
       throws IOException, JMException {
-    long without = allocate();
+    long without = turn % 2 == 0 ? allocate() : 0;
     Recorder recorder = new Recorder(settings);
     long with = allocate();
     recorder.end(recording);
+    without += turn % 2 == 1 ? allocate() : 0;
     System.out.printf(
         Locale.ROOT, "{\"kind\": \"allocate\", \"without\": %d, \"with\": %d}%n", without, with);
   }

@@ -1,13 +1,15 @@
 """The reading of a JVM's safepoint log, and the arithmetic behind the tables of bench/run."""
 
+import os
 import pathlib
 import sys
+import time
 
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "bench"))
 
-from benchlib import safepoints, tables  # noqa: E402
+from benchlib import jvm, safepoints, tables, truth  # noqa: E402
 
 # One line of JDK 17 and one of JDK 25.
 LINES = (
@@ -89,3 +91,41 @@ def test_markdown_has_the_tables_and_goals(tmp_path):
         "|  | Ratio |\n| --- | ---: |\n| library | 0.50 ±20% |\n| none | - |\n\n"
         "- goal: reached, worst in JDK 17 a (2.000)\n\n"
     )
+
+
+def test_processor_time_of_a_process():
+    before = time.process_time_ns()
+    read = jvm.processor_nanos(os.getpid())
+    assert before <= read <= time.process_time_ns()
+
+
+def _contention(count, seconds, cut):
+    """A round of which the library's report says this; true were 100 enters in 50 seconds."""
+    return {
+        "tools": {truth._LIBRARY: {"count": count, "seconds": seconds, "cut": cut}},
+        "truths": {truth._LIBRARY: {"count": 100, "seconds": 50.0}},
+    }
+
+
+@pytest.mark.parametrize(
+    "seconds, cut, error",
+    [
+        (49, 1, 0),  # 49 to 50 seconds
+        (48, 1, 0.02),
+        (52, 1, 0.04),
+        (40, 16, None),  # of 16 monitors: 40 to 56 seconds say nothing
+    ],
+)
+def test_time_that_is_cut_off(seconds, cut, error):
+    assert truth._time_error([_contention(100, seconds, cut)]) == (
+        error if error is None else pytest.approx(error)
+    )
+
+
+def test_counts_beside_the_truth():
+    assert truth._count_error([_contention(99, 50, 1)]) == pytest.approx(0.01)
+    assert truth._count_error([_contention(None, 50, 1)]) is None
+    assert [str(each) for each in truth._shares([_contention(99, 49, 1)], truth._LIBRARY)] == [
+        "0.99",
+        "0.98 to 1.00",
+    ]
