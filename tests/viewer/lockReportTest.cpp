@@ -112,6 +112,8 @@ TEST(lockReportReader, reportsMalformedLooksForOwners) {
   EXPECT_EQ(problem("812", "\"812\""), at + " / made: expected a whole number, found string");
   EXPECT_EQ(problem("812", "-1"), at + " / made: expected a number of 0 or more, found -1");
   EXPECT_EQ(problem("100", "0"), at + " / perSecond: expected a number of 1 or more, found 0");
+  EXPECT_EQ(problem("2436", "9223372036854775808"),
+            at + " / leftOut: expected a signed 64-bit number, found 9223372036854775808");
   EXPECT_EQ(problem("2436", "2.5"), at + " / leftOut: expected a whole number, found number");
 }
 

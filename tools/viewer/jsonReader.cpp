@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -126,8 +127,7 @@ class modelFiller : public handler {
   bool number_integer(json::number_integer_t value) { return number(value, value); }
   bool number_unsigned(json::number_unsigned_t value) {
     const auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    return value <= most ? number(static_cast<std::int64_t>(value), value)
-                         : number(std::numeric_limits<std::int64_t>::max(), value);
+    return number(static_cast<std::int64_t>(std::min(value, most)), value, value <= most);
   }
   bool number_float(json::number_float_t, const json::string_t&) {
     const place spot = next();
@@ -221,13 +221,13 @@ class modelFiller : public handler {
   }
 
   template <typename shown>
-  bool number(std::int64_t value, shown asWritten) {
+  bool number(std::int64_t value, shown asWritten, bool fits = true) {
     const place spot = next();
     expect(spot.expected->number != nullptr, spot, "number");
     if (spot.expected->anything) {
       return true;
     }
-    if (value < spot.expected->least || value > spot.expected->most) {
+    if (!fits || value < spot.expected->least || value > spot.expected->most) {
       const bool is32Bits = spot.expected->most == std::numeric_limits<std::int32_t>::max();
       fail(fmt::format("expected a signed {}-bit number, found {}", is32Bits ? 32 : 64, asWritten));
     }
