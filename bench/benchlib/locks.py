@@ -33,6 +33,7 @@ class Subject:
 
 _TURNS = "--turns=true"
 _VIRTUAL = "--virtual=true"
+_VIRTUAL_WARMUPS = 4  # What schedules virtual threads is Java code that has to be compiled, too.
 _FIRST_WITH_VIRTUAL_MONITORS = 24  # Before, a virtual thread that blocks holds its carrier.
 
 
@@ -206,6 +207,7 @@ def measure(jdk, workload, compared, library, plan):
 def _java_arguments(workload, subject, library, plan, folder):
     agent_options = []
     session = "none"
+    warmup = plan.warmup * (_VIRTUAL_WARMUPS if _VIRTUAL in workload.options else 1)
     if subject.agent == "library":
         features = "features=mutexprofiling_memoryprofiling"
         options = f"twHome={folder},logLevel=1,{features}{subject.agent_options}"
@@ -220,7 +222,7 @@ def _java_arguments(workload, subject, library, plan, folder):
         *("-Xms128m", "-Xmx128m", "-cp", build.CLASSES),
         *agent_options,
         *("LockBench", *workload.options, *subject.options),
-        *(f"--session={session}", f"--warmup={plan.warmup}", f"--folder={folder}"),
+        *(f"--session={session}", f"--warmup={warmup}", f"--folder={folder}"),
     ]
 
 

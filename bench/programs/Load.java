@@ -1,6 +1,8 @@
+import com.sun.management.OperatingSystemMXBean;
 import java.io.BufferedReader;
 import java.io.IOException;
 import java.io.InputStreamReader;
+import java.lang.management.ManagementFactory;
 import java.util.Arrays;
 import java.util.LinkedHashMap;
 import java.util.Locale;
@@ -60,6 +62,11 @@ abstract class Load {
     }
   }
 
+  private static final int MOST_WARMUPS = 4;
+
+  private static final OperatingSystemMXBean SYSTEM =
+      ManagementFactory.getPlatformMXBean(OperatingSystemMXBean.class);
+
   /** What the load has done up to a moment. */
   private final class Reading {
     final Map<String, long[]> counters = new LinkedHashMap<>(furtherCounters());
@@ -106,6 +113,22 @@ abstract class Load {
       worker.thread = isVirtual ? virtualThread(worker) : new Thread(worker);
       worker.thread.setName(worker.name);
       worker.thread.start();
+    }
+  }
+
+  /**
+   * Lets the load run before it is measured: for the given time and, where others have the
+   * processors, until it has had that much of them, but no longer than {@link #MOST_WARMUPS} times
+   * the given time.
+   */
+  static void warmUp(double seconds) throws InterruptedException {
+    long nanos = Math.round(seconds * 1e9);
+    long begun = System.nanoTime();
+    long processorBefore = SYSTEM.getProcessCpuTime();
+    Thread.sleep(millis(seconds));
+    while (SYSTEM.getProcessCpuTime() - processorBefore < nanos
+        && System.nanoTime() - begun < MOST_WARMUPS * nanos) {
+      Thread.sleep(10);
     }
   }
 

@@ -278,7 +278,7 @@ public final class LockBench extends Load {
     ManagementFactory.getThreadMXBean().setThreadContentionMonitoringEnabled(settings.monitoring);
     openSession();
     start(settings.virtual);
-    Thread.sleep(millis(settings.warmup));
+    warmUp(settings.warmup);
     enterMeasuredPhase();
     serve();
     closeSession();

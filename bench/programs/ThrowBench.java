@@ -134,7 +134,7 @@ public final class ThrowBench extends Load {
       startCapture();
     }
     start(false);
-    Thread.sleep(millis(settings.warmup));
+    warmUp(settings.warmup);
     serve();
     stop();
   }
