@@ -38,8 +38,6 @@ public final class KeepBench {
     String report = options.text("report", "memory-report.json");
     options.rejectOthers();
     Path recording = Paths.get("recording.jfr");
-    allocate(); // Compiled from here on.
-    new Recorder(settings).end(recording); // The first start loads what later ones find loaded.
     for (int turn = 0; turn < turns; turn++) {
       allocateInTurn(turn, settings, recording);
     }
@@ -75,7 +73,7 @@ public final class KeepBench {
     }
   }
 
-  /** Every other time without the recorder first. */
+  /** Prints what allocating took; every other time the one without the recorder comes first. */
   private static void allocateInTurn(int turn, String settings, Path recording)
       throws IOException, JMException {
     long without = turn % 2 == 0 ? allocate() : 0;
