@@ -115,7 +115,7 @@ struct mutexLockProfiler::monitorEvent {
   const handlerTexts& texts;
   std::int32_t state;
   std::uint32_t epoch;
-  std::shared_ptr<lockStore> store;
+  lockStore& store;
   support::threadName name;
   bool nameIsRead = false;
   jlong time = 0;  // 0 when the VM gave none
@@ -143,8 +143,20 @@ struct mutexLockProfiler::namedMonitor {
   std::string name() const { return bean ? bean->lockName : lockNameOf(cls->value, hash); }
 };
 
-mutexLockProfiler::mutexLockProfiler() : profiler(kLockStopped) {
-  store_.store(std::make_shared<lockStore>(nullptr));
+mutexLockProfiler::mutexLockProfiler()
+    : profiler(kLockStopped), store_(std::make_shared<lockStore>(nullptr)) {}
+
+std::shared_ptr<lockStore> mutexLockProfiler::store() const {
+  const support::lockGuard guard(storeMutex_);
+  return store_;
+}
+
+// False, and nothing has changed, when this profiler was removed.
+bool mutexLockProfiler::useStore(std::shared_ptr<lockStore> next) {
+  if (!publishLockStore(*this, next)) return false;
+  const support::lockGuard guard(storeMutex_);
+  store_.swap(next);
+  return true;
 }
 
 void mutexLockProfiler::setState(std::int32_t state) {
@@ -165,7 +177,7 @@ void mutexLockProfiler::setEventCallbacks() {
 }
 
 void mutexLockProfiler::release() {
-  store_.store(std::make_shared<lockStore>(nullptr));
+  useStore(std::make_shared<lockStore>(nullptr));
 }
 
 void mutexLockProfiler::addCapabilities() {
@@ -180,7 +192,6 @@ void mutexLockProfiler::addCapabilities() {
 std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> settings) {
   constexpr const char* kException = "Exception occured in mutexlockprofiler : setProfileData";
   return contained(kSetProfileData, kException, 0, [&] {
-    if (!getMutexProfiler()) return 0;
     auto* const given = dynamic_cast<LockSessionConfig*>(settings.get());
     if (given == nullptr) return 0;
     settings.release();
@@ -188,7 +199,7 @@ std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> 
     // Described before events take from its countdowns.
     const std::string details =
         twAprLib::level() >= kLogTrace ? describe(*next->config) : std::string();
-    store_.store(next);
+    if (!useStore(next)) return 0;
     epoch_.fetch_add(1);
     TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", details.c_str());
     return 1;
@@ -413,15 +424,16 @@ template <typename Handle>
 void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEnv* jni,
                                jthread thread, jobject object, Handle&& handleEvent) {
   contained(texts.function, texts.exception, [&] {
-    const std::shared_ptr<mutexLockProfiler> self = getMutexProfiler();
-    if (!self || !self->enabled()) return;
-    const std::uint32_t epoch = self->epoch_.load();  // before the state that it belongs to
-    const std::int32_t state = self->state();
+    const std::shared_ptr<const lockWork> work = getLockWork();
+    if (!work || !work->profiler->enabled()) return;
+    mutexLockProfiler& self = *work->profiler;
+    const std::uint32_t epoch = self.epoch_.load();  // before the state that it belongs to
+    const std::int32_t state = self.state();
     if (state == kLockStopped) return;
-    monitorEvent event{jvmti,  jni,           thread,
-                       object, texts,         state,
-                       epoch,  self->store(), support::threadName(jvmti, jni)};
-    handleEvent(*self, event);
+    monitorEvent event{jvmti,  jni,          thread,
+                       object, texts,        state,
+                       epoch,  *work->store, support::threadName(jvmti, jni)};
+    handleEvent(self, event);
   });
 }
 
@@ -599,10 +611,10 @@ bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) 
   const bool hashed =
       event.jvmti->GetObjectHashCode(event.object, &monitor.hash) == JVMTI_ERROR_NONE;
   if (hashed) {
-    monitor.bean = event.store->findLock(event.jni, cls.get(), monitor.hash);
+    monitor.bean = event.store.findLock(event.jni, cls.get(), monitor.hash);
     if (monitor.bean != nullptr) return true;
     // Beyond the budget, what a lock would be called matters only to those who read of it.
-    if (!event.detail() && !event.saysWhoAndWhat() && event.store->refuses(monitor.hash)) {
+    if (!event.detail() && !event.saysWhoAndWhat() && event.store.refuses(monitor.hash)) {
       return true;
     }
   }
@@ -622,7 +634,7 @@ bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) 
   }
   monitor.cls = std::move(named.found);
   if (!hashed) return false;
-  monitor.bean = event.store->findLock(*monitor.cls, monitor.hash);
+  monitor.bean = event.store.findLock(*monitor.cls, monitor.hash);
   return true;
 }
 
@@ -644,7 +656,7 @@ bool mutexLockProfiler::nameThread(monitorEvent& event, const namedMonitor& moni
 // another event has made it meanwhile, `made` is false and that record is given.
 lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& monitor,
                                       bool& made) {
-  lockStore& store = *event.store;
+  lockStore& store = event.store;
   if (!store.config) return nullptr;
   if (event.detail() || !monitor.cls) {
     store.config->maxLockCount.take();
@@ -689,7 +701,7 @@ std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& mo
 bool mutexLockProfiler::mayLookUpOwner(const monitorEvent& event) {
   if (ownerLookups_.perSecond() == 0) return true;
   const bool may = ownerLookups_.take(event.time);
-  lockStore& store = *event.store;
+  lockStore& store = event.store;
   (may ? store.madeOwnerLookups : store.leftOutOwnerLookups)
       .fetch_add(1, std::memory_order_relaxed);
   return may;
@@ -729,7 +741,7 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
   const auto owner = top.blockingThreads.find(found->name);
   if (owner != top.blockingThreads.end()) {
     ++owner->second.blockingCount;
-  } else if (event.store->config && event.store->config->maxThreadCountCopy.take()) {
+  } else if (event.store.config && event.store.config->maxThreadCountCopy.take()) {
     top.blockingThreads.try_emplace(found->name);
   }
 }
@@ -810,7 +822,7 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
 
 // The hash of a trace's text; the text of a new trace is kept.
 std::uint64_t mutexLockProfiler::hashOf(const monitorEvent& event, stackFrames frames) {
-  lockStore& store = *event.store;
+  lockStore& store = event.store;
   if (const auto known = store.stackTraces.find(event.jni, frames)) return *known;
 
   stackText trace = textOfFrames(event.jvmti, event.jni, stackClasses_, frames);

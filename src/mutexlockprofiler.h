@@ -23,7 +23,6 @@
 #include "support/annotations.h"
 #include "support/javaClasses.h"
 #include "support/rateLimit.h"
-#include "support/sharedSlot.h"
 #include "support/vmTurn.h"
 
 namespace agent {
@@ -64,7 +63,7 @@ class mutexLockProfiler : public profiler {
   void dumpStackInFile(lockStore& store);
 
   // The store of the session; never null.
-  std::shared_ptr<lockStore> store() const { return store_.load(); }
+  std::shared_ptr<lockStore> store() const EXCLUDES(storeMutex_);
   // The record of a lock that the last ranking selected, or none.
   std::shared_ptr<topLockBean> findTopLock(std::string_view lockName) EXCLUDES(topLockMutex_);
   // Origin of the minute graphs; below 1 until the first contended entry.
@@ -116,13 +115,15 @@ class mutexLockProfiler : public profiler {
   std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);
   void updateStackTrace(monitorEvent& event, threadBean* thread, topLockBean* top);
 
+  bool useStore(std::shared_ptr<lockStore> next) EXCLUDES(storeMutex_);
   void logLeftOutOwnerLookups(const lockStore& store) const;
   void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
   // In ascending order of the locks' names.
   std::vector<std::shared_ptr<topLockBean>> topLocks() EXCLUDES(topLockMutex_);
   void clearTopLocks() EXCLUDES(topLockMutex_);
 
-  support::sharedSlot<lockStore> store_;
+  mutable support::mutex storeMutex_;
+  std::shared_ptr<lockStore> store_ GUARDED_BY(storeMutex_);
   std::atomic<std::int64_t> startTime_{0};
   // See waiterTally: moves on whenever events may have been missed.
   std::atomic<std::uint32_t> epoch_{0};

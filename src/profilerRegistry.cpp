@@ -16,7 +16,8 @@ namespace {
 struct processState {
   support::mutex mutex;  // around making the registry and giving it up
   support::sharedSlot<profilerRegistry> registry;
-  support::sharedSlot<mutexLockProfiler> lock;
+  support::mutex lockMutex;  // around publishing to the next
+  support::sharedSlot<const lockWork> lock;
   support::sharedSlot<memoryProfiler> memory;
   support::sharedSlot<exceptionProfiler> exception;
 };
@@ -26,10 +27,20 @@ processState& process() {
   return state;
 }
 
+void publishLock(std::shared_ptr<mutexLockProfiler> made) {
+  std::shared_ptr<const lockWork> work;
+  if (made) {
+    std::shared_ptr<lockStore> store = made->store();
+    work = std::make_shared<const lockWork>(lockWork{std::move(made), std::move(store)});
+  }
+  const support::lockGuard guard(process().lockMutex);
+  process().lock.store(work);
+}
+
 void publish(std::int32_t kind, const std::shared_ptr<profiler>& made) {
   switch (kind) {
     case kMutexLockProfiler:
-      process().lock.store(std::dynamic_pointer_cast<mutexLockProfiler>(made));
+      publishLock(std::dynamic_pointer_cast<mutexLockProfiler>(made));
       break;
     case kMemoryProfiler:
       process().memory.store(std::dynamic_pointer_cast<memoryProfiler>(made));
@@ -124,13 +135,25 @@ void freeRegistry() {
 }
 
 std::shared_ptr<mutexLockProfiler> getMutexProfiler() {
-  return process().lock.load();
+  const std::shared_ptr<const lockWork> work = getLockWork();
+  return work ? work->profiler : nullptr;
 }
 std::shared_ptr<memoryProfiler> getMemoryProfiler() {
   return process().memory.load();
 }
 std::shared_ptr<exceptionProfiler> getExceptionProfiler() {
   return process().exception.load();
+}
+
+std::shared_ptr<const lockWork> getLockWork() {
+  return process().lock.load();
+}
+bool publishLockStore(const mutexLockProfiler& profiler, std::shared_ptr<lockStore> store) {
+  const support::lockGuard guard(process().lockMutex);
+  const std::shared_ptr<const lockWork> old = process().lock.load();
+  if (!old || old->profiler.get() != &profiler) return false;
+  process().lock.store(std::make_shared<const lockWork>(lockWork{old->profiler, std::move(store)}));
+  return true;
 }
 
 }  // namespace agent

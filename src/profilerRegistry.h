@@ -18,6 +18,7 @@
 
 namespace agent {
 
+class lockStore;
 class mutexLockProfiler;
 class memoryProfiler;
 class exceptionProfiler;
@@ -73,5 +74,16 @@ void freeRegistry();
 std::shared_ptr<mutexLockProfiler> getMutexProfiler();
 std::shared_ptr<memoryProfiler> getMemoryProfiler();
 std::shared_ptr<exceptionProfiler> getExceptionProfiler();
+
+// The lock profiler and the store of its session, so that an event takes one reference for both.
+struct lockWork {
+  const std::shared_ptr<mutexLockProfiler> profiler;
+  const std::shared_ptr<lockStore> store;
+};
+// What lock events are to work on, or none. Any thread; never waits for a control call.
+std::shared_ptr<const lockWork> getLockWork();
+// Gives the events another store. False when `profiler` is not, or not any more, the lock profiler
+// of the process; throws std::bad_alloc and leaves the old one.
+bool publishLockStore(const mutexLockProfiler& profiler, std::shared_ptr<lockStore> store);
 
 }  // namespace agent
