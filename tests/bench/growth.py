@@ -22,8 +22,10 @@ import guard
 FLAT = 1.1
 LOGARITHMIC = 1.7
 LINEAR = 1.1  # for each pair
+SORTED = 1.4  # for each lock
 
-# Few, many, and the most that it may cost with many as a multiple of the cost with few.
+# Of each benchmark: few, many, and the most that it may cost with many as a multiple of the cost with
+# few. Of an event:
 EVENTS = {
     "locksSummaryEnter": (10, 100000, FLAT),
     "locksSummaryEntered": (10, 100000, FLAT),
@@ -38,11 +40,15 @@ FIRST_EVENTS = {
     "threadsMeet": (100, 1000, FLAT),
     "stacksMeet": (100, 1000, FLAT),
 }
+# Of one lock that is ranked, and of one pair in a report:
+RANKINGS = {"ranking": (1000, 10000, SORTED)}
 REPORTS = {
     "reportOfManyLocks": (1000, 100000, LINEAR),
     "reportOfManyThreads": (1000, 10000, LINEAR),
     "reportOfManyStacks": (1000, 10000, LINEAR),
 }
+ALL = {**EVENTS, **FIRST_EVENTS, **RANKINGS, **REPORTS}
+
 # Heap bytes for each byte of a report of many pairs: of the whole session, of writing it.
 PAIRS = 100000
 HEAP = {"session/bytes": 3, "writing/bytes": 0.1}
@@ -65,14 +71,15 @@ def pattern(names):
 def costs(bench):
     """The cost of each case with few and with many, in instructions."""
     names = [f"{name}Calls/{few}" for name, (few, _, _) in EVENTS.items()]
-    for name, (few, many, _) in {**EVENTS, **FIRST_EVENTS, **REPORTS}.items():
+    for name, (few, many, _) in ALL.items():
         names += [f"{name}/{few}", f"{name}/{many}"]
     counted = {}
     for each in guard.run_under_callgrind(bench, pattern(names)):
         name, size, *_ = each["name"].split("/")
-        counted[name, int(size)] = each["instructions"] / (int(size) if name in REPORTS else 1)
+        items = int(size) if name in RANKINGS or name in REPORTS else 1
+        counted[name, int(size)] = each["instructions"] / items
     found = {}
-    for name, (few, many, _) in {**EVENTS, **FIRST_EVENTS, **REPORTS}.items():
+    for name, (few, many, _) in ALL.items():
         calls = counted.get((f"{name}Calls", few), 0)
         found[name] = counted[name, few] - calls, counted[name, many] - calls
     return found
@@ -81,7 +88,7 @@ def costs(bench):
 def complaints(found, heap):
     """What grows too fast, from the costs of events and reports and the heap that reports take."""
     said = []
-    for name, (few, many, most) in {**EVENTS, **FIRST_EVENTS, **REPORTS}.items():
+    for name, (few, many, most) in ALL.items():
         small, large = found[name]
         if large > most * small:
             said.append(f"{name}: {large:.0f} instructions with {many}, {small:.0f} with {few}: "
@@ -94,15 +101,20 @@ def complaints(found, heap):
 
 def print_times(bench):
     names = [name for each in EVENTS for name in (each, f"{each}Calls")]
-    results = run(bench, [*names, *FIRST_EVENTS, *REPORTS])
+    results = run(bench, [*names, *FIRST_EVENTS, *RANKINGS, *REPORTS])
     times = {tuple(each["name"].split("/")[:2]): each for each in results}
     print(f"{'Event':24}{'with':>10}{'ns':>10}{'of the VM':>12}")
     for (name, size), each in times.items():
-        if name in REPORTS or name.endswith("Calls"):
+        if name not in {**EVENTS, **FIRST_EVENTS}:
             continue
         calls = times.get((f"{name}Calls", size))
         vm = f"{calls['cpu_time']:.0f}" if calls else ""
         print(f"{name:24}{size:>10}{each['cpu_time']:>10.0f}{vm:>12}")
+    print(f"\n{'Ranking':24}{'locks':>10}{'ms':>10}{'ns a lock':>12}")
+    for (name, size), each in times.items():
+        if name in RANKINGS:
+            print(f"{name:24}{size:>10}{each['cpu_time']:>10.1f}"
+                  f"{each['cpu_time'] * 1e6 / int(size):>12.0f}")
     print(f"\n{'Report':24}{'pairs':>10}{'ms':>10}{'ns a pair':>12}{'kB':>10}"
           f"{'session/bytes':>16}{'writing/bytes':>16}")
     for (name, size), each in times.items():
@@ -121,7 +133,7 @@ def main():
         print_times(arguments.bench)
         return
     found = costs(arguments.bench)
-    for name, (few, many, most) in {**EVENTS, **FIRST_EVENTS, **REPORTS}.items():
+    for name, (few, many, most) in ALL.items():
         small, large = found[name]
         print(f"{name:24}{small:10.0f} with {few:<8}{large:10.0f} with {many:<8}"
               f"{large / small:6.2f} times, at most {most}")

@@ -181,6 +181,19 @@ void stacksMeet(benchmark::State& state) {
   runEvents(state, program(), all, mutexLockProfiler::MonitorContendedEnter);
 }
 
+// --- The ranking at the start of a detail session --------------------------------------------
+
+void ranking(benchmark::State& state) {
+  const auto all = program().onLocks(sizeOf(state));
+  program().finish();  // what sessions of other benchmarks left to be ranked
+  program().startSummary(kSelectAll);
+  program().enterAll(all);
+  CALLGRIND_START_INSTRUMENTATION;
+  for (auto _ : state) program().startDetail();
+  CALLGRIND_STOP_INSTRUMENTATION;
+  CALLGRIND_DUMP_STATS;
+}
+
 // --- The report ------------------------------------------------------------------------------
 
 void removeReport() {
@@ -274,7 +287,7 @@ void first(const char* name, void (*run)(benchmark::State&), sizes all) {
     benchmark::RegisterBenchmark(name, run)->Arg(size)->Iterations(size);
   }
 }
-void report(const char* name, void (*run)(benchmark::State&)) {
+void once(const char* name, void (*run)(benchmark::State&)) {
   for (const long size : {1000, 10000, 100000}) {
     benchmark::RegisterBenchmark(name, run)->Arg(size)->Iterations(1)->Unit(
         benchmark::kMillisecond);
@@ -297,9 +310,10 @@ int main(int argc, char** argv) {
   first("locksMeet", locksMeet, {1000, 10000, 100000});
   first("threadsMeet", threadsMeet, {100, 1000, 10000});
   first("stacksMeet", stacksMeet, {100, 1000, 10000, 100000});
-  report("reportOfManyLocks", reportOfManyLocks);
-  report("reportOfManyThreads", reportOfManyThreads);
-  report("reportOfManyStacks", reportOfManyStacks);
+  once("ranking", ranking);
+  once("reportOfManyLocks", reportOfManyLocks);
+  once("reportOfManyThreads", reportOfManyThreads);
+  once("reportOfManyStacks", reportOfManyStacks);
 
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

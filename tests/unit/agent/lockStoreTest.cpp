@@ -86,6 +86,18 @@ TEST(lockBeanTest, refusedThreadLeavesCountAndGraphAlone) {
   EXPECT_EQ(bean.threadSlotsLeft, -2) << "each attempt takes one";
 }
 
+TEST(lockBeanTest, graphReachesToTheLatestMinuteWithAnEntry) {
+  lockBean bean("a.Lock@1", 5);
+  EXPECT_TRUE(bean.graph.empty());
+  bean.countEntry("t", 2);
+  EXPECT_THAT(bean.graph, ElementsAre(0, 0, 1));
+  bean.countEntry("t", 0);
+  EXPECT_THAT(bean.graph, ElementsAre(1, 0, 1));
+  bean.countEntry("t", 300);
+  EXPECT_EQ(bean.graph.size(), 301U);
+  EXPECT_EQ(bean.graph[300], 1U);
+}
+
 TEST(lockBeanTest, knownThreadTakesNoSlot) {
   lockBean bean("a.Lock@1", 1);
   for (int i = 0; i < 3; ++i) ASSERT_NE(bean.countEntry("same", 0), nullptr);
