@@ -82,15 +82,19 @@ class loadedAgent {
   }
   fake::method* methodOf(std::size_t layer, std::size_t number) {
     while (methods_.size() <= layer * kMethods + number) {
-      methods_.push_back(
+      fake::method* const made =
           vm.makeMethod("com.example.shop.Layer" + std::to_string(methods_.size() / kMethods),
-                        "reserve" + std::to_string(methods_.size() % kMethods)));
+                        "reserve" + std::to_string(methods_.size() % kMethods));
+      made->declaringClass->loader = appLoader_;
+      methods_.push_back(made);
     }
     return methods_[layer * kMethods + number];
   }
 
   const std::string folder_;
   fake::javaClass* const lockClass_;
+  fake::object* const appLoader_ =
+      vm.makeObject(vm.makeClass("jdk.internal.loader.ClassLoaders$AppClassLoader"));
   std::vector<fake::method*> methods_;
 };
 
