@@ -2,9 +2,10 @@
 // the results: the class and the hash code that tell which lock it is, and the thread's storage for
 // the start of a block. The time comes from the system, not from the VM.
 //
-// Option `mode=summary` (the default) makes just these; `mode=detail` adds the stack trace, without
-// names, and the owner to each contended enter, and the thread's name to all events.
+// Option `mode=summary` (the default) makes just these; `mode=stacks` adds the stack trace, without
+// names, to each contended enter, and the thread's name to all events; `mode=detail` the owner, too.
 #include <array>
+#include <cstring>
 #include <ctime>
 
 #include "monitorAgent.h"
@@ -14,7 +15,9 @@ namespace {
 
 using support::localRef;
 
-bool detail = false;  // Written by Agent_OnLoad, before any event.
+// Written by Agent_OnLoad, before any event.
+bool detail = false;
+bool owners = true;  // in detail
 
 void storeStart(jvmtiEnv* jvmti, jthread thread) {
   timespec now{};
@@ -50,8 +53,10 @@ void JNICALL MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
   storeStart(jvmti, thread);
   readEvent(jvmti, jni, thread, object);
   if (!detail) return;
-  const localRef<jthread> owner = bench::readMonitorUsage(jvmti, jni, object);
-  if (owner) bench::readThreadName(jvmti, jni, owner.get());
+  if (owners) {
+    const localRef<jthread> owner = bench::readMonitorUsage(jvmti, jni, object);
+    if (owner) bench::readThreadName(jvmti, jni, owner.get());
+  }
   readStack(jvmti, thread);
 }
 
@@ -74,7 +79,12 @@ void JNICALL MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject
 }  // namespace
 
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void*) {
-  if (!bench::parseMode(options, detail)) return JNI_ERR;
+  if (options != nullptr && std::strcmp(options, "mode=stacks") == 0) {
+    detail = true;
+    owners = false;
+  } else if (!bench::parseMode(options, detail)) {
+    return JNI_ERR;
+  }
   jvmtiEventCallbacks handlers{};
   handlers.MonitorContendedEnter = MonitorContendedEnter;
   handlers.MonitorContendedEntered = MonitorContendedEntered;

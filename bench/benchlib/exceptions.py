@@ -68,7 +68,7 @@ safepoints and the time in them for each record.
 """
 
 
-def _throws(measured):
+def rate(measured):
     """Throws for each second of processor time: what a throw costs, however busy the machine is."""
     return measured["operations"] / measured["processorNanos"] * 1e9
 
@@ -83,13 +83,13 @@ def _beside_literal(name):
 
 def _cost_beside_floor(name):
     """Of a throw, each of which makes a record; in processor time."""
-    return lambda rounds: tables.ratio(rounds, FLOOR, name, _throws)
+    return lambda rounds: tables.ratio(rounds, FLOOR, name, rate)
 
 
 def _not_recorded(rounds):
     """The slowest of the ways not to record an exception while capture is on."""
     names = ("spent", "filtered", "blacklisted")
-    ratios = [tables.ratio(rounds, name, EMPTY, _throws) for name in names]
+    ratios = [tables.ratio(rounds, name, EMPTY, rate) for name in names]
     return min(filter(None, ratios), key=lambda each: each.median, default=None)
 
 
@@ -129,7 +129,7 @@ def measure(jdk, workload, compared, library, plan):
 
     def start(name):
         folder = build.OUT / "sessions" / f"jdk-{jdk.version}" / workload.name / name
-        arguments = _java_arguments(workload, by_name[name], library, plan, folder)
+        arguments = java_arguments(workload, by_name[name], library, plan, folder)
         return Jvm(jdk.program("java"), arguments, folder)
 
     measured = measure_in_turns(list(by_name), start, plan)
@@ -138,7 +138,7 @@ def measure(jdk, workload, compared, library, plan):
     return measured
 
 
-def _java_arguments(workload, subject, library, plan, folder):
+def java_arguments(workload, subject, library, plan, folder):
     options = []
     if subject.agent == "library":
         features = "features=exceptionprofiling"
@@ -193,8 +193,8 @@ def _row(subject, rounds):
     row = [
         subject.title,
         tables.spread(rounds, name).median,
-        tables.ratio(rounds, name, NONE, _throws),
-        tables.ratio(rounds, name, EMPTY, _throws),
+        tables.ratio(rounds, name, NONE, rate),
+        tables.ratio(rounds, name, EMPTY, rate),
     ]
     if not subject.records:
         return row + [None] * 4

@@ -9,6 +9,7 @@ from .build import BenchError
 from .jvm import Jvm, measure_in_turns
 
 NAME = "locks"
+rate = tables.rate
 
 
 @dataclasses.dataclass(frozen=True)
@@ -26,7 +27,7 @@ class Subject:
     name: str
     title: str
     agent: str = ""  # a reference agent, or "library"
-    session: str = ""  # "", "summary" or "detail"
+    session: str = ""  # "", "summary" or "detail"; what mode a reference agent is in
     options: tuple = ()
     agent_options: str = ""  # of the library, beside the usual ones
 
@@ -86,6 +87,7 @@ SUBJECTS = (
     Subject("floor-summary", "summary: floor agent", "floorAgent", "summary"),
     Subject("literal-summary", "summary: literal agent", "literalAgent", "summary"),
     Subject("library-summary", "summary: library", "library", "summary"),
+    Subject("floor-stacks", "detail: floor agent, no owner looks", "floorAgent", "stacks"),
     Subject("floor-detail", "detail: floor agent", "floorAgent", "detail"),
     Subject("literal-detail", "detail: literal agent", "literalAgent", "detail"),
     Subject("library-detail", "detail: library", "library", "detail"),
@@ -194,7 +196,7 @@ def measure(jdk, workload, compared, library, plan):
     def start(name):
         for old in ("lock-report.json", "lock-stacks.txt"):
             (folders[name] / old).unlink(missing_ok=True)
-        arguments = _java_arguments(workload, by_name[name], library, plan, folders[name])
+        arguments = java_arguments(workload, by_name[name], library, plan, folders[name])
         return Jvm(jdk.program("java"), arguments, folders[name])
 
     measured = measure_in_turns(list(by_name), start, plan)
@@ -204,7 +206,7 @@ def measure(jdk, workload, compared, library, plan):
     return measured
 
 
-def _java_arguments(workload, subject, library, plan, folder):
+def java_arguments(workload, subject, library, plan, folder):
     agent_options = []
     session = "none"
     warmup = plan.warmup * (_VIRTUAL_WARMUPS if _VIRTUAL in workload.options else 1)

@@ -142,6 +142,12 @@ def measure(jdk, workload, _, library, plan):
     return lines + (_keep(jdk, workload, library, plan) if workload.is_for_recorder else [])
 
 
+def scan_beside_literal(jdk, workload, library, agent_options, plan):
+    """The library's scans in a JVM of their own, with the literal agent's there as 1."""
+    scans, _ = _run(jdk, workload, library, agent_options, workload.scans(plan.turns), 0)
+    return _SCAN([scans])
+
+
 def _run(jdk, workload, library, agent_options, scans, tags):
     """Gives the lines of MemoryBench in one JVM: of so many scans and rounds of tagging."""
     lines, log, _ = _run_program(
