@@ -3,7 +3,8 @@
 // the start of a block. The time comes from the system, not from the VM.
 //
 // Option `mode=summary` (the default) makes just these; `mode=stacks` adds the stack trace, without
-// names, to each contended enter, and the thread's name to all events; `mode=detail` the owner, too.
+// names, to each contended enter, and the thread's name to all events; `mode=detail` the owner,
+// too.
 #include <array>
 #include <cstring>
 #include <ctime>
