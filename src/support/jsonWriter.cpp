@@ -5,13 +5,9 @@
 #include <charconv>
 #include <limits>
 
-#include "support/fileWriter.h"
-
 namespace support {
 
 namespace {
-
-constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
 
 // Whether a JSON string has a byte as it is; the NUL, which ends a text, is not one of them.
 constexpr std::array<bool, 256> kPlainBytes = [] {
@@ -85,7 +81,6 @@ void jsonWriter::close(char bracket) {
   levels_.pop_back();
   if (closed.hasValues && !closed.onOneLine) lineBreak();
   text_ += bracket;
-  if (levels_.empty()) handOver();
 }
 
 void jsonWriter::separate() {
@@ -94,7 +89,6 @@ void jsonWriter::separate() {
     return;
   }
   if (levels_.empty()) return;
-  if (text_.size() >= kPieceBytes) handOver();
   level& current = levels_.back();
   if (current.hasValues) text_ += current.onOneLine ? ", " : ",";
   current.hasValues = true;
@@ -110,12 +104,6 @@ void jsonWriter::quote(std::string_view text) {
   text_ += '"';
   appendEscaped(text_, text);
   text_ += '"';
-}
-
-void jsonWriter::handOver() {
-  if (file_ == nullptr) return;
-  file_->write(text_);
-  text_.clear();
 }
 
 void appendEscaped(std::string& out, std::string_view text) {

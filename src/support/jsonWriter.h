@@ -1,4 +1,4 @@
-// A streaming JSON writer: members are appended in the order of the calls, to a text or to a file.
+// A streaming JSON writer: members are appended in the order of the calls.
 // It puts the commas and, for people who open the file, line breaks and indentation; the caller
 // opens and closes what it nests.
 #pragma once
@@ -10,16 +10,8 @@
 
 namespace support {
 
-class fileWriter;
-
 class jsonWriter {
  public:
-  // Keeps what is written in text().
-  jsonWriter() = default;
-  // Hands what is written to `file`, piece by piece: it is all there when the outermost value has
-  // been closed. The file is to outlive the writer, and keeps its errors.
-  explicit jsonWriter(fileWriter& file) : file_(&file) {}
-
   // A value at the current place: in an array, or after key().
   jsonWriter& beginObject();
   jsonWriter& endObject();
@@ -37,7 +29,7 @@ class jsonWriter {
   jsonWriter& member(std::string_view name, std::int32_t value) { return key(name).number(value); }
   jsonWriter& member(std::string_view name, std::uint64_t value) { return key(name).number(value); }
 
-  // The text written so far that no file has got.
+  // The text written so far.
   const std::string& text() const { return text_; }
 
  private:
@@ -53,9 +45,7 @@ class jsonWriter {
   void quote(std::string_view text);
   template <typename Number>
   jsonWriter& decimal(Number value);
-  void handOver();
 
-  fileWriter* file_ = nullptr;
   std::string text_;
   std::vector<level> levels_;
   bool afterKey_ = false;

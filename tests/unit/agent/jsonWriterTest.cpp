@@ -2,22 +2,16 @@
 #include "support/jsonWriter.h"
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <locale>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <sstream>
 #include <string>
-
-#include "support/fileWriter.h"
 
 using nlohmann::ordered_json;
 using support::appendEscaped;
@@ -200,48 +194,6 @@ TEST(jsonStrings, randomAsciiReadsBack) {
     for (char& c : text) c = static_cast<char>(character(random));
     ASSERT_EQ(readBack(text), text);
   }
-}
-
-// --- Into a file -----------------------------------------------------------------------------
-
-// Far more than a writer keeps back.
-void writeMuch(jsonWriter& json) {
-  json.beginObject();
-  for (int i = 0; i < 20000; ++i) {
-    json.key("member \"" + std::to_string(i) + '"').beginArray().number(i).string("x").endArray();
-  }
-  json.endObject();
-}
-
-TEST(jsonFile, hasWhatATextHas) {
-  const std::filesystem::path path =
-      std::filesystem::temp_directory_path() / ("jsonFile" + std::to_string(::getpid()));
-  jsonWriter text;
-  writeMuch(text);
-  support::fileWriter file(path, support::fileWriter::mode::truncate);
-  jsonWriter json(file);
-  writeMuch(json);
-  EXPECT_EQ(json.text(), "") << "nothing is kept once the outermost value is closed";
-  EXPECT_EQ(file.close(), "");
-  std::ostringstream read;
-  read << std::ifstream(path, std::ios::binary).rdbuf();
-  std::filesystem::remove(path);
-  EXPECT_GT(read.str().size(), 500000U);
-  EXPECT_TRUE(read.str() == text.text());
-}
-
-TEST(jsonFile, gets64KilobytesAtATime) {
-  support::fileWriter file("/dev/null", support::fileWriter::mode::truncate);
-  jsonWriter json(file);
-  json.beginArray();
-  std::size_t most = 0;
-  for (int i = 0; i < 100000; ++i) {
-    json.number(i);
-    most = std::max(most, json.text().size());
-  }
-  EXPECT_GE(most, 65536U);
-  EXPECT_LT(most, 65536U + 16);
-  EXPECT_EQ(file.close(), "");
 }
 
 }  // namespace
