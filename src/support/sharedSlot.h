@@ -22,12 +22,13 @@ namespace support {
 template <typename T>
 class sharedSlot {
  public:
-  // A reference on the published object, or none. Waits only for another thread's copy of a
-  // pointer. Any thread.
+  // A reference on the published object, or none. Any thread. Waits for nobody: where another
+  // thread is just copying the pointer of a cell, it takes the next cell's.
   std::shared_ptr<T> load() const {
-    const cell& mine = cells_[cellOfThisProcessor()];
-    const std::lock_guard<briefLock> guard(mine.lock);
-    return mine.value;
+    std::size_t place = cellOfThisProcessor();
+    while (!cells_[place].lock.try_lock()) place = (place + 1) % kCells;
+    const std::lock_guard<briefLock> guard(cells_[place].lock, std::adopt_lock);
+    return cells_[place].value;
   }
 
   // Publishes `value` (or nothing, for null) to all readers, or throws std::bad_alloc and leaves
@@ -49,8 +50,9 @@ class sharedSlot {
   // Held for the copy of a pointer. A mutex of the system would cost an event more than the copy.
   class briefLock {
    public:
+    bool try_lock() { return !taken_.exchange(true, std::memory_order_acquire); }
     void lock() {
-      while (taken_.exchange(true, std::memory_order_acquire)) std::this_thread::yield();
+      while (!try_lock()) std::this_thread::yield();
     }
     void unlock() { taken_.store(false, std::memory_order_release); }
 
