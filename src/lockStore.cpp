@@ -66,7 +66,6 @@ void topLockBean::clear() {
 threadBean* lockBean::countEntry(std::string_view threadName, std::size_t slot) {
   const support::lockGuard guard(mutex);
   setName();
-  if (slot >= graph.size()) graph.resize(slot + 1);
   auto found = threadbean.find(threadName);
   if (found != threadbean.end()) {
     found->second.count.fetch_add(1, std::memory_order_relaxed);
@@ -75,6 +74,7 @@ threadBean* lockBean::countEntry(std::string_view threadName, std::size_t slot) 
     found = threadbean.try_emplace(std::string(threadName), 1).first;
   }
   count.fetch_add(1, std::memory_order_relaxed);
+  if (slot >= graph.size()) graph.resize(slot + 1);
   ++graph[slot];
   return &found->second;
 }

@@ -234,9 +234,9 @@ class lockStore {
 
   knownStackTraces stackTraces;
 
-  // Where looks for owners and waiters are limited: the events that asked the VM, and those that
-  // did not because others had made all looks of their second. One that shares the look of another
-  // event is in neither.
+  // Where looks are limited: the events that asked the VM for the owner, and those that did not
+  // because others had made all looks of their second. One that shares the look of another event is
+  // in neither.
   std::atomic<std::uint64_t> madeOwnerLookups{0};
   std::atomic<std::uint64_t> leftOutOwnerLookups{0};
 

@@ -153,8 +153,8 @@ std::shared_ptr<lockStore> mutexLockProfiler::store() const {
 
 // False, and nothing has changed, when this profiler was removed.
 bool mutexLockProfiler::useStore(std::shared_ptr<lockStore> next) {
-  if (!publishLockStore(*this, next)) return false;
   const support::lockGuard guard(storeMutex_);
+  if (!publishLockStore(*this, next)) return false;
   store_.swap(next);
   return true;
 }
@@ -177,7 +177,10 @@ void mutexLockProfiler::setEventCallbacks() {
 }
 
 void mutexLockProfiler::release() {
-  useStore(std::make_shared<lockStore>(nullptr));
+  auto empty = std::make_shared<lockStore>(nullptr);
+  const support::lockGuard guard(storeMutex_);
+  publishLockStore(*this, empty);  // unless it was removed
+  store_.swap(empty);
 }
 
 void mutexLockProfiler::addCapabilities() {
@@ -322,7 +325,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     support::fileWriter file(support::fileSystemPath(reportPath),
                              support::fileWriter::mode::truncate);
 
-    support::jsonWriter json(file);
+    support::jsonWriter json;
     json.beginObject();
     writeSession(json, *current->config);
 
@@ -360,6 +363,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     }
     json.endObject();
 
+    file.write(json.text());
     const std::string reason = file.close();
     if (!reason.empty()) logUnwritable(kDumpJson, "lock report", reportPath, reason);
     logLeftOutOwnerLookups(*current);
@@ -697,7 +701,7 @@ std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& mo
   return top;
 }
 
-// Takes one of the looks of this second; where there is none left, the event goes without.
+// Takes one of the looks of this second; where there is none left, the event goes without an owner.
 bool mutexLockProfiler::mayLookUpOwner(const monitorEvent& event) {
   if (ownerLookups_.perSecond() == 0) return true;
   const bool may = ownerLookups_.take(event.time);
@@ -808,7 +812,7 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
       return;
     }
   }
-  if (!mayLookUpOwner(event)) return;
+  if (!ownerLookups_.take(event.time)) return;
   support::monitorUsage usage(event.jvmti, event.jni);
   {
     const support::vmTurn turn(usageTurns_);

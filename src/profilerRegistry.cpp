@@ -97,12 +97,14 @@ void profilerRegistry::switchProfiler(std::int32_t kind, bool enable) {
 }
 
 void profilerRegistry::removeProfiler(std::int32_t kind) {
-  std::shared_ptr<profiler> removed = find(kind);
+  const std::shared_ptr<profiler> removed = find(kind);
   if (!removed) return;
+  {
+    const support::lockGuard guard(mutex_);
+    publish(kind, nullptr);
+    profilers_.erase(kind);
+  }
   removed->release();
-  const support::lockGuard guard(mutex_);
-  publish(kind, nullptr);
-  profilers_.erase(kind);
 }
 
 std::shared_ptr<profiler> profilerRegistry::find(std::int32_t kind) const {

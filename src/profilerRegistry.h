@@ -42,7 +42,7 @@ class profilerRegistry {
   // all enabled profilers anew, in ascending order of kind.
   void switchProfiler(std::int32_t kind, bool enable);
 
-  // Releases, unregisters and gives up the profiler of `kind`, if there is one.
+  // Unregisters, releases and gives up the profiler of `kind`, if there is one.
   void removeProfiler(std::int32_t kind);
 
   // The profiler of `kind`, or none.

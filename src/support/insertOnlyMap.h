@@ -6,7 +6,8 @@
 //
 // Entries are found by linear probing in a table of pointers, at most half of which are in use.
 // When it is full, a table of twice the size takes its place. The old one stays, as lookups may
-// still be in it, so all tables together have less than eight pointers for each entry.
+// still be in it, so all tables together have less than eight pointers for each entry, but for the
+// smallest table.
 #pragma once
 
 #include <atomic>
