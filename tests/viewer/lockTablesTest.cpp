@@ -133,6 +133,19 @@ TEST(lockTablesOf, tellTheShareOfOwnersFound) {
             "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n");
 }
 
+TEST(lockTablesOf, tellNoShareWhereTheEntriesLeaveNothingToScale) {
+  // The owners were found as often as there are entries: looks left out could have found no more.
+  const lockReport capped = parsedReport(replaced(kSampledReport, "Count\": 2", "Count\": 14"));
+  EXPECT_EQ(capped.ownerScale, 1);
+  EXPECT_EQ(blockers(capped, 9, {}),
+            "Blockers (2)\n"
+            "Owner thread  Found owning  Estimate  Blocking periods  Blocking s\n"
+            "------------  ------------  --------  ----------------  ----------\n"
+            "worker-2                 1         1                 2           5\n"
+            "worker-1                14        14                 4           1\n"
+            "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n");
+}
+
 TEST(lockTablesOf, sayWhenThereIsNothing) {
   EXPECT_EQ(lockTables({}, {}, ranking::lock, {}, {}),
             "Lock session 0 \"\": 0 locks, 0 s blocked, 0 s waited, 0 distinct stacks\n"

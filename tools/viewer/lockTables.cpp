@@ -90,7 +90,7 @@ std::string sampleNote(const lockReport& report) {
   const std::string looks =
       fmt::format("Owners are a sample: {} looks made, {} left out, at most {} a second.\n", made,
                   leftOut, perSecond);
-  if (report.blockers.empty()) {
+  if (report.blockers.empty() || report.ownerScale <= 1) {
     return looks;
   }
   const double percent = 100 / report.ownerScale;
