@@ -1,5 +1,5 @@
-// Makes every VM call that a lock profiler's handlers are described with, one after another, and
-// keeps nothing of the results: what an implementation without any shortcut pays to the VM alone.
+// Makes every VM call of a straightforward lock profiler, one after another, and keeps nothing of
+// the results: what an implementation without any shortcut pays to the VM alone.
 //
 // Option `mode=summary` (the default): time, thread-local storage, the lock's name and the thread's
 // name. `mode=detail` adds owner and stack trace to each contended enter, and the question for

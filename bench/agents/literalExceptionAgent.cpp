@@ -1,4 +1,4 @@
-// Makes every VM call that recording an exception is described with, one after another, and keeps
+// Makes every VM call of a straightforward recorder of exceptions, one after another, and keeps
 // nothing of the results but a count of records: what an implementation without any shortcut pays
 // to the VM alone.
 //

@@ -1,5 +1,6 @@
-// Makes every VM call that tagging and a heap scan are described with, one after another, and keeps
-// nothing of the results: what an implementation without any shortcut pays to the VM alone.
+// Makes every VM call of straightforward tagging and a straightforward heap scan, one after
+// another, and keeps nothing of the results: what an implementation without any shortcut pays to
+// the VM alone.
 //
 // Works through the natives of the class LiteralMemory. It has a JVMTI environment of its own, and
 // so tags of its own: it may be loaded beside another agent that tags the same objects.
