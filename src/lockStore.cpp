@@ -74,6 +74,7 @@ threadBean* lockBean::countEntry(std::string_view threadName, std::size_t slot) 
     found = threadbean.try_emplace(std::string(threadName), 1).first;
   }
   count.fetch_add(1, std::memory_order_relaxed);
+  if (slot >= graph.capacity()) graph.reserve(std::min(kGraphSlots, 2 * slot + 1));
   if (slot >= graph.size()) graph.resize(slot + 1);
   ++graph[slot];
   return &found->second;

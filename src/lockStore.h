@@ -140,6 +140,8 @@ using topLockBeans = std::map<std::string, std::shared_ptr<topLockBean>, std::le
 
 // One lock.
 struct lockBean {
+  static constexpr std::size_t kGraphSlots = 301;
+
   lockBean(std::string name, std::int32_t threadSlots)
       : lockName(std::move(name)), threadSlotsLeft(threadSlots) {}
 
@@ -171,7 +173,8 @@ struct lockBean {
   support::mutex mutex;
   std::int32_t threadSlotsLeft GUARDED_BY(mutex);
   std::map<std::string, threadBean, std::less<>> threadbean GUARDED_BY(mutex);
-  // Contended entries of a detail session by minute, up to the latest minute that has one.
+  // Contended entries of a detail session by minute, up to the latest minute that has one; at most
+  // kGraphSlots.
   std::vector<std::uint32_t> graph GUARDED_BY(mutex);
   // What the profiler's table of selected locks held for this lock when it had version topVersion.
   std::shared_ptr<topLockBean> top GUARDED_BY(mutex);

@@ -317,12 +317,12 @@ def test_threads_have_their_sums(browser, page):
     assert rows["cleaner"]["Found owning"] == "2" and rows["cleaner"]["Locks"] == "0"
 
 
-def owner_page(page_of, folder, *lookups):
+def owner_page(page_of, folder, *lookups, found=2):
     session = reports.LockSession()
     session.lock("com.example.Stock@7", blocked=9)
     session.enter("com.example.Stock@7", "worker-1", TAKE, 20)
     session.enter("com.example.Stock@7", "worker-2", TAKE, 30)
-    session.own("worker-1", 2, periods=3, seconds=4, stacks=[(TAKE, 8)])
+    session.own("worker-1", found, periods=3, seconds=4, stacks=[(TAKE, 8)])
     if lookups:
         session.limit_lookups(*lookups)
     return page_of(session.write(folder))
@@ -343,6 +343,13 @@ def test_owners_are_scaled_where_looks_for_them_were_left_out(browser, page_of, 
     rows = {row["Thread"]: row for row in browser.table("Threads").rows()}
     assert rows["worker-1"]["Found owning"] == "2" and rows["worker-1"]["≈ In all"] == "32"
     assert rows["worker-1"]["Blocking periods"] == "3" and rows["worker-1"]["Blocking s"] == "4"
+
+
+# Shared looks can find an owner for each entry, however many looks were left out.
+def test_a_sample_that_has_all_entries_is_not_said_to_be_scaled(browser, page_of, tmp_path):
+    browser.open(owner_page(page_of, tmp_path, 100, 10, 5, found=50), "blockers")
+    note = browser.one("#owner-sample").text
+    assert "10 looks made, 5 left out, at most 100 a second." in note and "scaled" not in note
 
 
 @pytest.mark.parametrize("lookups", [(), (100, 50, 0)], ids=["no-limit", "none-left-out"])

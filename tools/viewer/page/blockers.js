@@ -32,12 +32,12 @@ function sampleNote(session) {
   }
   const {perSecond, made, leftOut} = session.ownerLookups;
   const timesOf = (member) => sum(session.blockers.map((owner) => owner[member]));
+  const [found, estimated] = [timesOf('timesOwner'), timesOf('estimatedTimesOwner')];
   return el('p', {class: 'note', id: 'owner-sample'}, el('strong', null, 'Owners are a sample: '),
     `${plural(made, 'look', 'looks')} made, ${formatNumber(leftOut)} left out, at most ${
       formatNumber(perSecond)} a second.`,
-    session.blockers.length > 0 && ` About ${formatShare(timesOf('timesOwner'),
-      timesOf('estimatedTimesOwner'))} were found; “≈ In all” and the estimates of the pairs are ` +
-      'scaled up, blocking periods and seconds are as found.');
+    estimated > found && ` About ${formatShare(found, estimated)} were found; “≈ In all” and the ` +
+      'estimates of the pairs are scaled up, blocking periods and seconds are as found.');
 }
 
 // The column of scaled counts, where they are needed.
