@@ -6,10 +6,6 @@ namespace test {
 
 namespace {
 
-jint slotsOf(std::string_view signature) {
-  return signature == "J" || signature == "D" ? 2 : 1;
-}
-
 // Moves what stands before `separator` out of `text`.
 std::string cutBefore(std::string& text, std::string_view separator) {
   const std::size_t end = text.find(separator);
@@ -66,50 +62,19 @@ jint exceptionTest::enableUnguarded(const captureSettings& settings) {
 fake::frame exceptionTest::frameOf(std::string_view method, const std::vector<variable>& arguments,
                                    const std::vector<variable>& locals) {
   const std::size_t dot = method.rfind('.');
-  return makeFrame(nullptr, method.substr(0, dot), method.substr(dot + 1), arguments, locals);
+  return fake::makeFrame(vm, nullptr, method.substr(0, dot), method.substr(dot + 1), arguments,
+                         locals);
 }
 
 fake::frame exceptionTest::frameOn(fake::object* self, std::string_view method,
                                    const std::vector<variable>& arguments,
                                    const std::vector<variable>& locals) {
-  return makeFrame(self, self->type->name, method, arguments, locals);
-}
-
-fake::frame exceptionTest::makeFrame(fake::object* self, std::string_view className,
-                                     std::string_view method,
-                                     const std::vector<variable>& arguments,
-                                     const std::vector<variable>& locals) {
-  fake::javaClass* const type = self == nullptr ? vm.classNamed(className) : self->type;
-  type->sourceFile = std::string(className.substr(className.rfind('.') + 1)) + ".java";
-  std::string signature = "(";
-  for (const variable& each : arguments) signature += each.signature;
-  fake::method* const code =
-      vm.makeMethod(type, method, signature + ")V", {.isStatic = self == nullptr});
-  code->lines = {{0, 41}, {10, 42}, {20, 43}};
-  code->variables.emplace();
-  fake::frame made{.code = code, .location = 10};
-  jint slot = 0;
-  const auto add = [&](const variable& each) {
-    code->variables->push_back({each.name, each.signature, slot});
-    if (each.value.index() != 0) made.locals[slot] = each.value;
-    slot += slotsOf(each.signature);
-  };
-  if (self != nullptr) add({"this", fake::signatureOf(className), self});
-  for (const variable& each : arguments) add(each);
-  for (const variable& each : locals) add(each);
-  code->maxLocals = slot;
-  return made;
+  return fake::makeFrame(vm, self, self->type->name, method, arguments, locals);
 }
 
 fake::object* exceptionTest::objectWith(std::string_view className,
                                         const std::vector<variable>& fields) {
-  fake::javaClass* const type = vm.makeClass(className);
-  fake::object* const made = vm.makeObject(type);
-  for (const variable& each : fields) {
-    fake::field* const field = vm.makeField(type, each.name, each.signature);
-    if (each.value.index() != 0) vm.setField(made, field, each.value);
-  }
-  return made;
+  return fake::makeObjectWith(vm, className, fields);
 }
 
 fake::object* exceptionTest::objectSaying(std::string_view className, fake::methodBody toString) {

@@ -26,12 +26,7 @@ struct captureSettings {
   std::optional<std::string> blackList = "[]";
 };
 
-// A variable of a frame. Without a value the VM refuses to read it.
-struct variable {
-  std::string name;
-  std::string signature;
-  fake::value value{};
-};
+using variable = fake::namedValue;
 
 // What onExceptionOccured was called with.
 struct delivered {
@@ -95,10 +90,6 @@ class exceptionTest : public agentTest {
   std::size_t errorsSaying(std::string_view message) const;
 
  private:
-  fake::frame makeFrame(fake::object* self, std::string_view className, std::string_view method,
-                        const std::vector<variable>& arguments,
-                        const std::vector<variable>& locals);
-
   mutable std::mutex mutex_;  // guards the deliveries
   std::vector<delivered> deliveries_;
   fake::javaThread* thread_ = nullptr;
