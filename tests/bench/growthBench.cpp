@@ -66,10 +66,10 @@ class largeProgram : public loadedAgent {
   }
 
   void enter(const contender& each) {
-    mutexLockProfiler::MonitorContendedEnter(vm.jvmti(), vm.env(), each.thread, each.lock);
+    mutexLockProfiler::MonitorContendedEnter(vm.jvmti(), vm.env(), each.thread, each.object);
   }
   void entered(const contender& each) {
-    mutexLockProfiler::MonitorContendedEntered(vm.jvmti(), vm.env(), each.thread, each.lock);
+    mutexLockProfiler::MonitorContendedEntered(vm.jvmti(), vm.env(), each.thread, each.object);
   }
   void enterAll(const std::vector<contender>& all) {
     for (const contender& each : all) enter(each);
@@ -128,7 +128,7 @@ std::vector<contender> detailOfLocks(std::size_t size) {
 std::vector<contender> detailOfThreads(std::size_t size) {
   auto all = program().onThreads(size);
   program().startDetailOn({all.front()}, kSelectAll);
-  fake::object* const lock = program().vm.target(all.front().lock);
+  fake::object* const lock = program().vm.target(all.front().object);
   for (const contender& each : all) {
     program().vm.setOwner(lock, static_cast<fake::javaThread*>(program().vm.target(each.thread)));
     program().enter(all.front());

@@ -17,16 +17,18 @@
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
 
-// A thread at a lock.
+// A thread and the object that its events are about: a lock, where it contends.
 struct contender {
   jthread thread;
-  jobject lock;
+  jobject object;
 };
 
 class loadedAgent {
  public:
-  loadedAgent() : folder_(makeFolder()), lockClass_(vm.makeClass("com.example.shop.Inventory")) {
-    std::string options = "features=mutexprofiling,logLevel=1,twHome=" + folder_;
+  // With these profilers, as the option `features` names them.
+  explicit loadedAgent(const std::string& features = "mutexprofiling")
+      : folder_(makeFolder()), lockClass_(vm.makeClass("com.example.shop.Inventory")) {
+    std::string options = "features=" + features + ",logLevel=1,twHome=" + folder_;
     Agent_OnLoad(vm.javaVm(), options.data(), nullptr);
     vm.setTime(1000000000);
     vm.setTimeStep(10);
@@ -98,8 +100,8 @@ class loadedAgent {
   std::vector<fake::method*> methods_;
 };
 
-// Times `event(jvmti, jni, thread, lock)` over the contenders in turn. Under callgrind its dump has
-// the instructions of the loop alone.
+// Times `event(jvmti, jni, thread, object)` over the contenders in turn. Under callgrind its dump
+// has the instructions of the loop alone.
 template <typename Event>
 void runEvents(benchmark::State& state, loadedAgent& agent, std::span<const contender> contenders,
                Event&& event) {
@@ -108,7 +110,7 @@ void runEvents(benchmark::State& state, loadedAgent& agent, std::span<const cont
   std::size_t next = 0;
   CALLGRIND_START_INSTRUMENTATION;
   for (auto _ : state) {
-    event(jvmti, jni, contenders[next].thread, contenders[next].lock);
+    event(jvmti, jni, contenders[next].thread, contenders[next].object);
     if (++next == contenders.size()) next = 0;
   }
   CALLGRIND_STOP_INSTRUMENTATION;

@@ -1,5 +1,5 @@
-// The VM calls that handlers of monitor events cannot do without, made alone: what a handler costs
-// beside them is the agent's.
+// The VM calls that handlers cannot do without, made alone: what a handler costs beside them is the
+// agent's.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -68,4 +68,18 @@ inline void selectedEnterCalls(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, job
 inline void selectedEnteredCalls(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
   enteredCalls(jvmti, jni, thread, lock);
   threadNameCalls(jvmti, jni, thread);
+}
+
+// Of an exception that is not recorded.
+inline void thrownCalls(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method, jobject exception) {
+  jint hash = 0;
+  jclass const cls = jni->GetObjectClass(exception);
+  jvmti->GetObjectHashCode(cls, &hash);
+  benchmark::DoNotOptimize(jni->IsSameObject(cls, cls));
+  jclass declaring = nullptr;
+  jvmti->GetMethodDeclaringClass(method, &declaring);
+  jvmti->GetObjectHashCode(declaring, &hash);
+  benchmark::DoNotOptimize(jni->IsSameObject(declaring, declaring));
+  jni->DeleteLocalRef(declaring);
+  jni->DeleteLocalRef(cls);
 }
