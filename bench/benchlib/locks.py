@@ -249,11 +249,29 @@ def report(results, out):
         headings = ("", "Throughput", "p50 µs", "p99 µs", "p99.9 µs", "p99", "Safepoints/s", "Share")
         measured = [each for each in SUBJECTS if each.name in rounds[0]]
         out.table(headings, [_row(subject, rounds) for subject in measured], title)
+    _report_loaded(results, out)
     labelled = [
         (f"JDK {jdk.major} {workload.name}", workload.name, rounds)
         for (jdk, workload), rounds in results.items()
     ]
     out.goals(_GOALS, labelled)
+
+
+def _report_loaded(results, out):
+    """All workloads with the library and nothing switched on, and with empty handlers."""
+    rows = [
+        [
+            f"JDK {jdk.major}, {workload.title}",
+            _share_of_none(LOADED)(rounds),
+            _share_of_none(LOADED, _p99)(rounds),
+            _share_of_none(EMPTY)(rounds),
+        ]
+        for (jdk, workload), rounds in results.items()
+        if LOADED in rounds[0]
+    ]
+    if rows:
+        headings = ("", "Throughput", "p99", "Empty handlers' throughput")
+        out.table(headings, rows, "Library loaded, nothing switched on, with no agent as 1")
 
 
 def _baseline(rounds):
