@@ -1,6 +1,6 @@
-// A streaming JSON writer: members are appended in the order of the calls.
-// It puts the commas and, for people who open the file, line breaks and indentation; the caller
-// opens and closes what it nests.
+// A streaming JSON writer: members are appended to one text in the order of the calls. It puts the
+// commas and, for people who open the file, line breaks and indentation; the caller opens and
+// closes what it nests.
 #pragma once
 
 #include <cstdint>
