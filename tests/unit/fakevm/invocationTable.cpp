@@ -24,7 +24,8 @@ jint JNICALL getEnv(JavaVM* javaVm, void** result, jint version) {
   return perform(javaVm, FAKE_INVOCATION(GetEnv), version, JNI_EVERSION,
                  [&](machine& vm, threadEnv* env) -> jint {
                    if (isJvmtiVersion(version)) {
-                     *result = static_cast<jvmtiEnv*>(&vm.jvmti);
+                     const bool isMain = version == virtualMachine::kMainInterfaceVersion;
+                     *result = static_cast<jvmtiEnv*>(isMain ? &vm.jvmti : &vm.addEnvironment());
                      return JNI_OK;
                    }
                    if (version < JNI_VERSION_1_1 || version > JNI_VERSION_10) return JNI_EVERSION;

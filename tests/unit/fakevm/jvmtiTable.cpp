@@ -18,7 +18,7 @@ jvmtiError perform(jvmtiEnv* jvmti, functionId id, const rawArguments& arguments
   threadEnv* env = vm.currentOrNull();
   vm.count(env, id);
   const functionTraits& traits = kFunctionTraits[id];
-  if (vm.disposed.load(std::memory_order_relaxed)) {
+  if (machine::environmentOf(jvmti).disposed.load(std::memory_order_relaxed)) {
     machine::report(id, "the environment was disposed of");
     return JVMTI_ERROR_INVALID_ENVIRONMENT;
   }
@@ -223,14 +223,14 @@ jvmtiError JNICALL addCapabilities(jvmtiEnv* jvmti, const jvmtiCapabilities* cap
 jvmtiError JNICALL setEventCallbacks(jvmtiEnv* jvmti, const jvmtiEventCallbacks* callbacks,
                                      jint size) {
   constexpr functionId id = FAKE_JVMTI(SetEventCallbacks);
-  return perform(jvmti, id, {.number = size}, [&](machine& vm, threadEnv*) {
+  return perform(jvmti, id, {.number = size}, [&](machine&, threadEnv*) {
     if (callbacks != nullptr && size != static_cast<jint>(sizeof *callbacks)) {
       machine::report(id, "the size of the table is wrong: " + std::to_string(size));
       return JVMTI_ERROR_ILLEGAL_ARGUMENT;
     }
     std::array<void*, machine::kEvents> entries{};
     if (callbacks != nullptr) std::memcpy(entries.data(), callbacks, sizeof *callbacks);
-    std::copy(entries.begin(), entries.end(), vm.callbacks.begin());
+    std::copy(entries.begin(), entries.end(), machine::environmentOf(jvmti).callbacks.begin());
     return JVMTI_ERROR_NONE;
   });
 }
@@ -246,16 +246,17 @@ jvmtiError JNICALL setEventNotificationMode(jvmtiEnv* jvmti, jvmtiEventMode mode
       return JVMTI_ERROR_NOT_AVAILABLE;
     }
     std::lock_guard hold(vm.modelMutex);
-    vm.enabled(event) = mode == JVMTI_ENABLE;
-    vm.modes.push_back({mode, event});
+    machine::environmentOf(jvmti).enabled(event) = mode == JVMTI_ENABLE;
+    if (jvmti == &vm.jvmti) vm.modes.push_back({mode, event});
     return JVMTI_ERROR_NONE;
   });
 }
 
 jvmtiError JNICALL disposeEnvironment(jvmtiEnv* jvmti) {
-  return perform(jvmti, FAKE_JVMTI(DisposeEnvironment), {}, [](machine& vm, threadEnv*) {
-    for (auto& enabled : vm.enabledEvents) enabled = false;
-    vm.disposed = true;
+  return perform(jvmti, FAKE_JVMTI(DisposeEnvironment), {}, [&](machine&, threadEnv*) {
+    machine::environment& environment = machine::environmentOf(jvmti);
+    for (auto& enabled : environment.enabledEvents) enabled = false;
+    environment.disposed = true;
     return JVMTI_ERROR_NONE;
   });
 }
@@ -317,6 +318,19 @@ jvmtiError JNICALL getStackTrace(jvmtiEnv* jvmti, jthread thread, jint start, ji
         const frame& one = frames[static_cast<std::size_t>(first + at)];
         result[at] = {one.code->id, one.location};
       }
+      return JVMTI_ERROR_NONE;
+    });
+  });
+}
+
+jvmtiError JNICALL getFrameCount(jvmtiEnv* jvmti, jthread thread, jint* count) {
+  constexpr functionId id = FAKE_JVMTI(GetFrameCount);
+  return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
+    if (count == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    const javaThread* asked = givenThread(vm, *env, id, thread);
+    if (asked == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    return asked->readFrames([&](const std::vector<frame>& frames) {
+      *count = static_cast<jint>(frames.size());
       return JVMTI_ERROR_NONE;
     });
   });
@@ -750,6 +764,7 @@ jvmtiInterface_1 makeTable() {
   table.GetThreadLocalStorage = getThreadLocalStorage;
   table.GetThreadInfo = getThreadInfo;
   table.GetStackTrace = getStackTrace;
+  table.GetFrameCount = getFrameCount;
   table.GetLocalInt = getLocal<FAKE_JVMTI(GetLocalInt), jint>;
   table.GetLocalLong = getLocal<FAKE_JVMTI(GetLocalLong), jlong>;
   table.GetLocalFloat = getLocal<FAKE_JVMTI(GetLocalFloat), jfloat>;

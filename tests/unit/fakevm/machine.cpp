@@ -93,6 +93,21 @@ threadEnv& machine::current(const char* what) {
   return env != nullptr ? *env : attach(makeThread(std::string("attached by ") + what));
 }
 
+machine::environment& machine::addEnvironment() {
+  auto made = std::make_unique<environment>();
+  made->functions = jvmti.functions;
+  made->owner = this;
+  std::lock_guard hold(modelMutex);
+  return *environments.emplace_back(std::move(made));
+}
+
+std::vector<machine::environment*> machine::allEnvironments() {
+  std::vector<environment*> all{&jvmti};
+  std::lock_guard hold(modelMutex);
+  for (const auto& each : environments) all.push_back(each.get());
+  return all;
+}
+
 threadEnv& machine::attach(javaThread* as) {
   if (threadEnv* env = currentOrNull()) return *env;
   if (as == nullptr) as = makeThread("attached thread");

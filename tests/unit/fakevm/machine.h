@@ -83,14 +83,23 @@ class machine {
   machine(const machine&) = delete;
   machine& operator=(const machine&) = delete;
 
+  static constexpr std::size_t kEvents = sizeof(jvmtiEventCallbacks) / sizeof(void*);
+
   // The environments that the agent holds lead back here.
   struct environment : _jvmtiEnv {
     machine* owner;
+    std::atomic<bool> disposed{false};
+    std::array<std::atomic<void*>, kEvents> callbacks{};
+    std::array<std::atomic<bool>, kEvents> enabledEvents{};
+
+    void* callbackOf(jvmtiEvent event) const { return callbacks[indexOf(event)].load(); }
+    std::atomic<bool>& enabled(jvmtiEvent event) { return enabledEvents[indexOf(event)]; }
   };
   struct invocationInterface : JavaVM_ {
     machine* owner;
   };
-  static machine& of(jvmtiEnv* jvmti) { return *static_cast<environment*>(jvmti)->owner; }
+  static environment& environmentOf(jvmtiEnv* jvmti) { return *static_cast<environment*>(jvmti); }
+  static machine& of(jvmtiEnv* jvmti) { return *environmentOf(jvmti).owner; }
   static machine& of(JavaVM* vm) { return *static_cast<invocationInterface*>(vm)->owner; }
   static threadEnv& of(JNIEnv* jni) { return *static_cast<threadEnv*>(jni); }
 
@@ -98,6 +107,9 @@ class machine {
   const std::uint64_t serial;
   environment jvmti{};
   invocationInterface javaVm{};
+  // Another environment, which the machine owns.
+  environment& addEnvironment();
+  std::vector<environment*> allEnvironments();  // `jvmti` first
 
   // --- Threads.
   threadEnv* currentOrNull() const {
@@ -218,33 +230,34 @@ class machine {
       callback(arguments...);
     };
   }
-  // Runs the callback of `event`, if it is to be delivered.
+  // Runs the callback of `event` in the agent's main environment, or in `in`, if it is to be
+  // delivered.
   template <typename Callback, typename Action>
   bool deliver(jvmtiEvent event, const char* name, javaThread* as, delivery how, Action action) {
-    auto callback = reinterpret_cast<Callback>(callbackOf(event));
-    if (callback == nullptr || (how == delivery::ifEnabled && !enabled(event).load())) return false;
+    return deliver<Callback>(jvmti, event, name, as, how, action);
+  }
+  template <typename Callback, typename Action>
+  bool deliver(environment& in, jvmtiEvent event, const char* name, javaThread* as, delivery how,
+               Action action) {
+    auto callback = reinterpret_cast<Callback>(in.callbackOf(event));
+    if (callback == nullptr) return false;
+    if (how == delivery::ifEnabled && !in.enabled(event).load()) return false;
     threadEnv& env = current(name);
     enter(env, name, as, [&] { action(agentEntry(callback), env); });
     return true;
   }
 
-  static constexpr std::size_t kEvents = sizeof(jvmtiEventCallbacks) / sizeof(void*);
   static bool isEvent(jint event) {
     return event >= JVMTI_MIN_EVENT_TYPE_VAL &&
            event < JVMTI_MIN_EVENT_TYPE_VAL + static_cast<jint>(kEvents);
   }
-  void* callbackOf(jvmtiEvent event) const { return callbacks[indexOf(event)].load(); }
-  std::atomic<bool>& enabled(jvmtiEvent event) { return enabledEvents[indexOf(event)]; }
 
   // --- State that the tables work on.
   std::atomic<jvmtiPhase> phase{JVMTI_PHASE_LIVE};
   std::uint8_t phaseBits() const;
   std::atomic<jlong> now{1'000'000'000};
   std::atomic<jlong> timeStep{0};
-  std::atomic<bool> disposed{false};
   std::atomic<unsigned> eventsPerCollection{1};
-  std::array<std::atomic<void*>, kEvents> callbacks{};
-  std::array<std::atomic<bool>, kEvents> enabledEvents{};
 
   blockTracker memory;
   blockTracker characters;
@@ -255,7 +268,8 @@ class machine {
   std::vector<javaClass*> loadedClasses;
   jvmtiCapabilities potential{};
   jvmtiCapabilities added{};
-  std::vector<eventMode> modes;
+  std::vector<eventMode> modes;                            // of the main environment
+  std::vector<std::unique_ptr<environment>> environments;  // besides that
 
   javaClass* objectClass = nullptr;
   javaClass* classClass = nullptr;

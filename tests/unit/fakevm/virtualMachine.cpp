@@ -188,14 +188,14 @@ jvmtiCapabilities virtualMachine::capabilities() const {
 
 jvmtiEventCallbacks virtualMachine::callbacks() const {
   std::array<void*, machine::kEvents> entries{};
-  std::copy(machine_->callbacks.begin(), machine_->callbacks.end(), entries.begin());
+  std::copy(machine_->jvmti.callbacks.begin(), machine_->jvmti.callbacks.end(), entries.begin());
   jvmtiEventCallbacks installed{};
   std::memcpy(&installed, entries.data(), sizeof installed);
   return installed;
 }
 
 bool virtualMachine::isEnabled(jvmtiEvent event) const {
-  return machine_->enabled(event);
+  return machine_->jvmti.enabled(event);
 }
 
 std::vector<eventMode> virtualMachine::eventModes() const {
@@ -204,7 +204,7 @@ std::vector<eventMode> virtualMachine::eventModes() const {
 }
 
 bool virtualMachine::disposed() const {
-  return machine_->disposed;
+  return machine_->jvmti.disposed;
 }
 
 void virtualMachine::setEventsPerCollection(unsigned count) {
@@ -236,6 +236,16 @@ bool virtualMachine::vmDeath(delivery how) {
   return machine_->deliver<jvmtiEventVMDeath>(
       JVMTI_EVENT_VM_DEATH, "VMDeath", nullptr, how,
       [&](auto callback, threadEnv& env) { callback(jvmti(), &env); });
+}
+
+bool virtualMachine::threadEnd(javaThread* thread) {
+  bool isDelivered = false;
+  for (machine::environment* const each : machine_->allEnvironments()) {
+    isDelivered |= machine_->deliver<jvmtiEventThreadEnd>(
+        *each, JVMTI_EVENT_THREAD_END, "ThreadEnd", thread, delivery::ifEnabled,
+        [&](auto callback, threadEnv& env) { callback(each, &env, ref(thread)); });
+  }
+  return isDelivered;
 }
 
 bool virtualMachine::contendedEnter(javaThread* thread, object* monitor, delivery how) {

@@ -82,7 +82,9 @@ class virtualMachine {
   virtualMachine(const virtualMachine&) = delete;
   virtualMachine& operator=(const virtualMachine&) = delete;
 
-  // --- What the agent gets hold of. GetEnv gives the one JVMTI environment.
+  // --- What the agent gets hold of. GetEnv gives the main JVMTI environment for this version, and
+  // one of its own each time for others. What the machine is asked of events is about the main one.
+  static constexpr jint kMainInterfaceVersion = 0x30010000;
   JavaVM* javaVm();
   jvmtiEnv* jvmti();
   JNIEnv* env();  // of the calling thread, which is attached when it is not yet
@@ -158,6 +160,7 @@ class virtualMachine {
   // null. They give whether a callback was run.
   bool vmInit(javaThread* thread, delivery how = delivery::ifEnabled);
   bool vmDeath(delivery how = delivery::ifEnabled);
+  bool threadEnd(javaThread* thread);  // in all environments
   bool contendedEnter(javaThread* thread, object* monitor, delivery how = delivery::ifEnabled);
   bool contendedEntered(javaThread* thread, object* monitor, delivery how = delivery::ifEnabled);
   bool monitorWait(javaThread* thread, object* monitor, jlong timeout,
