@@ -16,6 +16,7 @@
 #include "support/jvmtiStatus.h"
 #include "support/text.h"
 #include "twAprLib.h"
+#include "vmEnd.h"
 
 namespace agent {
 
@@ -300,7 +301,7 @@ void exceptionProfiler::exceptionThrown(throwEvent& event) {
     return;
   }
   std::string text;
-  if (record(event, text)) deliver(event, text);
+  if (record(event, text) && !vmIsEnding()) deliver(event, text);
 }
 
 // --- The record ------------------------------------------------------------------------------
@@ -488,6 +489,7 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
 template <typename Call>
 jvmtiError exceptionProfiler::readSlot(Call&& call) {
   const support::vmTurn turn(localTurns_);
+  if (vmIsEnding()) return JVMTI_ERROR_WRONG_PHASE;
   return std::forward<Call>(call)();
 }
 

@@ -5,12 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <chrono>
 #include <ctime>
 #include <exception>
 #include <memory>
 #include <new>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -26,6 +29,7 @@
 #include "support/sourcePlace.h"
 #include "support/text.h"
 #include "twAprLib.h"
+#include "vmEnd.h"
 
 namespace agent {
 
@@ -47,6 +51,8 @@ constexpr std::string_view kOneQueryKey = "scanInOneQuery";
 constexpr std::string_view kMutexFeature = "mutexprofiling";
 constexpr std::string_view kMemoryFeature = "memoryprofiling";
 constexpr std::string_view kExceptionFeature = "exceptionprofiling";
+
+constexpr std::array kProfilers = {kMutexLockProfiler, kMemoryProfiler, kExceptionProfiler};
 
 constexpr const char* kLogNamePrefix = "tw_NativeAgent_";
 
@@ -145,9 +151,7 @@ startUpSettings readOptions(profilerRegistry& registry, std::string_view options
   const bool all = options.empty() || options.find("features=ALL") != std::string_view::npos ||
                    options.find("features=") == std::string_view::npos;
   if (all) {
-    for (const std::int32_t kind : {kMutexLockProfiler, kMemoryProfiler, kExceptionProfiler}) {
-      registry.createProfiler(kind);
-    }
+    for (const std::int32_t kind : kProfilers) registry.createProfiler(kind);
     applyCaptureSettings(settings);
   }
   applyCostSettings(settings);
@@ -168,6 +172,42 @@ int daysIn(int month, int year) {
   }
 }
 
+// Takes the profilers out; handlers finish with the share that they hold.
+void unload() {
+  const std::shared_ptr<profilerRegistry> registry = findRegistry();
+  if (!registry) return;
+  for (const std::int32_t kind : kProfilers) registry->removeProfiler(kind);
+  registry->setEnvironment(nullptr);
+  freeRegistry();
+}
+
+// No handler begins any more, and those that run are waited for. Bounded: a debugger may have
+// suspended one, and a control call of another thread may take its time.
+void leaveBeforeVmEnds() {
+  constexpr std::chrono::seconds kPatience{2};
+  constexpr std::chrono::milliseconds kPause{1};
+  const std::shared_ptr<profilerRegistry> registry = findRegistry();
+  jvmtiEnv* const jvmti = registry ? registry->environment() : nullptr;
+  if (jvmti == nullptr) return;
+  for (const jvmtiEvent event :
+       {JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED, JVMTI_EVENT_MONITOR_CONTENDED_ENTER,
+        JVMTI_EVENT_MONITOR_CONTENDED_ENTERED, JVMTI_EVENT_EXCEPTION,
+        JVMTI_EVENT_GARBAGE_COLLECTION_FINISH}) {
+    jvmti->SetEventNotificationMode(JVMTI_DISABLE, event, nullptr);
+  }
+  std::array<std::weak_ptr<profiler>, kProfilers.size()> leaving;
+  std::transform(kProfilers.begin(), kProfilers.end(), leaving.begin(),
+                 [&](std::int32_t kind) { return registry->find(kind); });
+  unload();
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  const auto isOut = [](const std::weak_ptr<profiler>& each) { return each.expired(); };
+  while (!std::all_of(leaving.begin(), leaving.end(), isOut) &&
+         std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(kPause);
+  }
+  std::this_thread::sleep_for(kPause);  // from the end of a handler to the VM's own code
+}
+
 jint load(JavaVM* vm, const char* options) {
   twAprLib::print("Starting Java Native Agent \n");
   void* environment = nullptr;
@@ -176,6 +216,7 @@ jint load(JavaVM* vm, const char* options) {
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   registry->setEnvironment(jvmti);
+  watchForVmEnd(vm, leaveBeforeVmEnds);
 
   const startUpSettings settings = readOptions(*registry, options == nullptr ? "" : options);
 
@@ -199,16 +240,6 @@ jint load(JavaVM* vm, const char* options) {
            support::errorName(jvmti, capabilities).c_str());
   }
   return 0;
-}
-
-void unload() {
-  const std::shared_ptr<profilerRegistry> registry = findRegistry();
-  if (!registry) return;
-  for (const std::int32_t kind : {kMutexLockProfiler, kMemoryProfiler, kExceptionProfiler}) {
-    registry->removeProfiler(kind);
-  }
-  registry->setEnvironment(nullptr);
-  freeRegistry();
 }
 
 }  // namespace

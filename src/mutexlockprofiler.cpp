@@ -14,6 +14,7 @@
 #include "support/sourcePlace.h"
 #include "support/text.h"
 #include "twAprLib.h"
+#include "vmEnd.h"
 
 namespace agent {
 
@@ -733,6 +734,7 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     }
   }
   if (!found) found = askForOwner(event, looks ? lookup.get() : nullptr);
+  if (!found) return;
   if (!found->isNamed) {
     event.texts.error("monitor usage owner not found");
     return;
@@ -751,7 +753,8 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
 }
 
 // Asks the VM for the owner; what is found is told to those who wait for `lookup`, if it is given.
-foundOwner mutexLockProfiler::askForOwner(monitorEvent& event, ownerLookup* lookup) {
+// Nothing when the VM is ending.
+std::optional<foundOwner> mutexLockProfiler::askForOwner(monitorEvent& event, ownerLookup* lookup) {
   struct announcement {
     ownerLookup* lookup;
     std::optional<foundOwner> found;
@@ -767,6 +770,7 @@ foundOwner mutexLockProfiler::askForOwner(monitorEvent& event, ownerLookup* look
   {
     const support::vmTurn turn(usageTurns_);
     if (lookup != nullptr) lookup->begin();
+    if (vmIsEnding()) return std::nullopt;
     usage.read(event.object);
   }
   if (usage.owner() != nullptr) {
@@ -816,6 +820,7 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
   support::monitorUsage usage(event.jvmti, event.jni);
   {
     const support::vmTurn turn(usageTurns_);
+    if (vmIsEnding()) return;
     usage.read(event.object);
   }
   if (usage.waiterCount() <= 0) return;

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <queue>
 #include <string>
 #include <string_view>
@@ -109,7 +110,7 @@ class mutexLockProfiler : public profiler {
   std::shared_ptr<topLockBean> topLockOf(const namedMonitor& monitor);
   bool mayLookUpOwner(const monitorEvent& event);
   void lookUpOwner(monitorEvent& event, topLockBean& top);
-  foundOwner askForOwner(monitorEvent& event, ownerLookup* lookup);
+  std::optional<foundOwner> askForOwner(monitorEvent& event, ownerLookup* lookup);
   void closeOwnersPeriod(const monitorEvent& event, topLockBean& top);
   void openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters);
   std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);

@@ -647,6 +647,7 @@ TEST_F(natives, withoutTheirProfilerSessionMethodsGiveZero) {
 
 TEST_F(natives, theSwitchRunsWithoutTheProfilerToo) {
   load("features=exceptionprofiling");
+  vm.resetCalls();
   startProfiling();
   stopProfiling();
   startMemory();
@@ -668,6 +669,7 @@ TEST_F(natives, withoutALoadSessionMethodsGiveZero) {
 TEST_F(natives, afterAnUnloadSessionMethodsGiveZero) {
   load();
   unload();
+  vm.resetCalls();
   EXPECT_EQ(startProfiling(), 0);
   EXPECT_EQ(stopProfiling(), 0);
   EXPECT_EQ(startMemory(), 0);

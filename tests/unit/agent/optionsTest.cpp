@@ -107,7 +107,7 @@ TEST_F(startUp, printsItsGreetingAndNothingElse) {
 }
 
 // The status of GetEnv is not looked at, only what it gives.
-TEST_F(startUp, asksForTheToolEnvironmentOnce) {
+TEST_F(startUp, asksForTheToolEnvironmentAndOneToWatchTheEnd) {
   static jvmtiEnv* given;
   static std::vector<jint> versions;
   given = vm.jvmti();
@@ -120,7 +120,7 @@ TEST_F(startUp, asksForTheToolEnvironmentOnce) {
   JavaVM_ machine{&table};
   std::string options = "features=mutexprofiling,twHome=" + folder().string();
   EXPECT_EQ(Agent_OnLoad(&machine, options.data(), nullptr), 0);
-  EXPECT_THAT(versions, ElementsAre(0x30010000));
+  EXPECT_THAT(versions, ElementsAre(0x30010000, JVMTI_VERSION_1_2));
   EXPECT_EQ(agent::getRegistry()->environment(), vm.jvmti());
   EXPECT_EQ(profilers(), "lock ");
   Agent_OnUnload(vm.javaVm());
@@ -155,8 +155,10 @@ TEST_F(startUp, emptyOptionsCreateAllThreeProfilers) {
 
 TEST_F(startUp, noCallbackIsInstalledAndNoEventEnabled) {
   load();
-  EXPECT_EQ(vm.calls("SetEventCallbacks"), 0U);
-  EXPECT_EQ(vm.calls("SetEventNotificationMode"), 0U);
+  const jvmtiEventCallbacks none{};
+  const jvmtiEventCallbacks installed = vm.callbacks();
+  EXPECT_EQ(std::memcmp(&installed, &none, sizeof none), 0);
+  EXPECT_THAT(vm.eventModes(), IsEmpty());
   for (const std::int32_t kind : {0, 1, 2}) {
     EXPECT_FALSE(agent::getRegistry()->find(kind)->enabled()) << kind;
   }

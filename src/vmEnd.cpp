@@ -1,0 +1,55 @@
+#include "vmEnd.h"
+
+#include <atomic>
+#include <string_view>
+
+#include "boundary.h"
+#include "support/jvmtiRecords.h"
+
+namespace agent {
+
+namespace {
+
+constexpr const char* kThreadEnd = "vmEnd::ThreadEnd";
+constexpr std::string_view kDestroyer = "DestroyJavaVM";  // HotSpot's name for the last thread
+
+std::atomic<bool> isEnding{false};
+std::atomic<void (*)()> callAtEnd{nullptr};
+
+// The thread that ends the VM is within System.exit or Runtime.halt, where another thread that ends
+// has no frame left; or it is the one that has waited for all others after main returned.
+bool endsVm(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
+  jint frames = 0;
+  if (jvmti->GetFrameCount(thread, &frames) != JVMTI_ERROR_NONE) return false;
+  if (frames > 0) return true;
+  support::threadName name(jvmti, jni);
+  name.read(thread);
+  return name.view() == kDestroyer;
+}
+
+void JNICALL ThreadEnd(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
+  contained(kThreadEnd, "Exception occured in vmEnd : ThreadEnd", [&] {
+    if (!endsVm(jvmti, jni, thread) || isEnding.exchange(true)) return;
+    callAtEnd.load()();
+  });
+}
+
+}  // namespace
+
+void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
+  isEnding.store(false);
+  callAtEnd.store(atEnd);
+  void* environment = nullptr;
+  if (vm->GetEnv(&environment, JVMTI_VERSION_1_2) != JNI_OK || environment == nullptr) return;
+  auto* const jvmti = static_cast<jvmtiEnv*>(environment);
+  jvmtiEventCallbacks callbacks{};
+  callbacks.ThreadEnd = ThreadEnd;
+  jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));
+  jvmti->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_THREAD_END, nullptr);
+}
+
+bool vmIsEnding() {
+  return isEnding.load();
+}
+
+}  // namespace agent

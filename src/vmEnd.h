@@ -1,0 +1,23 @@
+// The end of the VM, as the event handlers that still run see it.
+//
+// HotSpot 26 and later wait at their end, up to a minute, until no handler runs any more, and in a
+// state that lets no safepoint begin (JvmtiEventController::vm_death). Whatever handler waits for a
+// safepoint then, because it asks for one or because it returns to the VM while one is due, holds
+// the end up for that minute. So handlers have to be out before. The VM posts ThreadEnd for the
+// thread that ends it just before it begins to wait.
+#pragma once
+
+#include <jvmti.h>
+
+namespace agent {
+
+// Begins to watch for the end of `vm`, with a JVMTI environment of its own. Called by Agent_OnLoad.
+// `atEnd` is called once, on the thread that ends the VM, in the live phase; vmIsEnding() holds by
+// then. A VM that gives no environment, or refuses the event, is not watched.
+void watchForVmEnd(JavaVM* vm, void (*atEnd)());
+
+// Whether the VM is about to end: handlers make no call any more that waits for a safepoint. Any
+// thread; to be asked just before each such call.
+bool vmIsEnding();
+
+}  // namespace agent
