@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "boundary.h"
-#include "mutexlockprofiler.h"
 #include "profilerRegistry.h"
 #include "support/fileWriter.h"
 #include "support/jniRef.h"
@@ -80,9 +79,11 @@ std::string memoryReportOf(std::int32_t sessionId, classQueue chosen) {
 void memoryProfiler::setEventCallbacks() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   if (registry->environment() == nullptr) return;
-  registry->callbacks.VMInit = mutexLockProfiler::VMInit;
+  registry->callbacks.VMInit = VMInit;
   registry->callbacks.GarbageCollectionFinish = gc_finish;
 }
+
+void JNICALL memoryProfiler::VMInit(jvmtiEnv* /*jvmti*/, JNIEnv* /*jni*/, jthread /*thread*/) {}
 
 void memoryProfiler::addCapabilities() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();

@@ -53,6 +53,8 @@ class memoryProfiler : public profiler {
   // before. By Agent_OnLoad only.
   void scanInOneQuery() { scansInOneQuery_ = true; }
 
+  // Does nothing; it stands in the table for the lock profiler's while memory sessions run.
+  static void JNICALL VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
   // Counts a finished collection. Makes no JNI or JVMTI call: the VM allows none here.
   static void JNICALL gc_finish(jvmtiEnv* jvmti);
 

@@ -203,12 +203,10 @@ TEST_F(registry, switchingOnInstallsTheHandlers) {
 TEST_F(registry, theMemoryProfilerInstallsTwoHandlers) {
   create(kAllKinds);
   getRegistry()->switchProfiler(kMemoryProfiler, true);
-  const jvmtiEventCallbacks installed = vm.callbacks();
   jvmtiEventCallbacks expected{};
-  expected.VMInit = installed.VMInit;
+  expected.VMInit = agent::memoryProfiler::VMInit;
   expected.GarbageCollectionFinish = agent::memoryProfiler::gc_finish;
-  EXPECT_NE(installed.VMInit, nullptr);
-  EXPECT_TRUE(same(installed, expected));
+  EXPECT_TRUE(same(vm.callbacks(), expected));
 }
 
 TEST_F(registry, theExceptionProfilerInstallsOneHandler) {
@@ -252,9 +250,8 @@ TEST_F(registry, switchingOffTheLastInstallsAnEmptyTable) {
 TEST_F(registry, theHigherKindOwnsTheSharedVmInitSlot) {
   create({kMutexLockProfiler, kMemoryProfiler});
   getRegistry()->switchProfiler(kMemoryProfiler, true);
-  const auto ofMemory = vm.callbacks().VMInit;
   getRegistry()->switchProfiler(kMutexLockProfiler, true);
-  EXPECT_EQ(vm.callbacks().VMInit, ofMemory);
+  EXPECT_EQ(vm.callbacks().VMInit, agent::memoryProfiler::VMInit);
 }
 
 TEST_F(registry, switchingAKindThatIsNotRegisteredReinstallsTheOthers) {
@@ -460,6 +457,15 @@ TEST_F(vmInit, withoutALockProfilerIsLogged) {
   getRegistry()->removeProfiler(kMutexLockProfiler);
   deliver();
   EXPECT_THAT(messages("Error"), ElementsAre("Unable to get mutex profiler"));
+}
+
+TEST_F(vmInit, ofTheMemoryProfilerDoesNothing) {
+  load("logLevel=4");
+  getRegistry()->switchProfiler(kMemoryProfiler, true);
+  vm.resetCalls();
+  deliver();
+  EXPECT_THAT(vm.callNames(), IsEmpty());
+  EXPECT_THAT(messages("Error"), IsEmpty()) << "the lock profiler is stopped";
 }
 
 TEST_F(vmInit, ofARunningProfilerSaysNothing) {
