@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/regularFile.h"
 #include "support/text.h"
 #include "twAprUtility.h"
 
@@ -44,13 +45,12 @@ class aprLockGuard {
   apr_thread_mutex_t* mutex_;
 };
 
-std::shared_ptr<std::FILE> openForAppending(const std::string& path) {
-  const int descriptor =
-      ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kOwnerWrites);
-  if (descriptor < 0) return nullptr;
-  std::FILE* stream = ::fdopen(descriptor, "a");
+// A stream of its own on an opened file, or none.
+std::shared_ptr<std::FILE> streamOf(const support::openedFile& file, const char* mode) {
+  if (file.descriptor < 0) return nullptr;
+  std::FILE* stream = ::fdopen(file.descriptor, mode);
   if (stream == nullptr) {
-    ::close(descriptor);
+    ::close(file.descriptor);
     return nullptr;
   }
   return {stream, [](std::FILE* opened) { std::fclose(opened); }};
@@ -98,13 +98,24 @@ void twLogger::switchFiles() {
 }
 
 void twLogger::openCurrent() {
-  file_[current_] = openForAppending(path_[current_]);
+  const support::openedFile opened =
+      support::openRegularFile(path_[current_], O_WRONLY | O_CREAT | O_APPEND, kOwnerWrites);
+  if (opened.error == support::kNotRegular) refuse(path_[current_]);
+  file_[current_] = streamOf(opened, "a");
   bytesWritten_.store(0, std::memory_order_relaxed);
   if (!file_[current_] || !writeHeader_) return;
   const int written = std::fprintf(file_[current_].get(), "%s\n%s", kHeaderLine, version_.c_str());
   if (written > 0) countBytes(static_cast<std::size_t>(written));
   std::fflush(file_[current_].get());
   writeHeader_ = false;
+}
+
+// Said once; every record tries again.
+void twLogger::refuse(const std::string& path) {
+  if (saidRefused_) return;
+  saidRefused_ = true;
+  twAprLib::print(stderr, "javanativeagent: nothing is logged to '%s': expected a regular file\n",
+                  path.c_str());
 }
 
 bool twAprLib::createContext(twAprContext& context) {
@@ -210,9 +221,7 @@ twAprLib::timeText twAprLib::recordTime(std::time_t when) {
 std::string twAprLib::readVersion(const std::string& path) {
   constexpr std::size_t kLineBytes = 1024;  // a line of at most 1023 bytes and its end
   constexpr std::string_view kSkipped = "\t\n\r #";
-  const std::shared_ptr<std::FILE> file(std::fopen(path.c_str(), "re"), [](std::FILE* opened) {
-    if (opened != nullptr) std::fclose(opened);
-  });
+  const std::shared_ptr<std::FILE> file = streamOf(support::openRegularFile(path, O_RDONLY), "r");
   std::string version;
   std::array<char, kLineBytes> line;
   while (file && std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {

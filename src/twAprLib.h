@@ -60,11 +60,13 @@ class twLogger {
  private:
   void switchFiles();
   void openCurrent();
+  void refuse(const std::string& path);
 
   apr_thread_mutex_t* lock_ = nullptr;  // guards opening and rotation
   std::uint32_t current_ = 0;
   std::array<std::string, 2> path_;
   bool writeHeader_ = true;
+  bool saidRefused_ = false;
   std::atomic<std::uint32_t> bytesWritten_{0};
   std::array<std::shared_ptr<std::FILE>, 2> file_;
   std::string version_;

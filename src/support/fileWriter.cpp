@@ -4,7 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
+
+#include "support/regularFile.h"
 
 namespace support {
 
@@ -15,11 +16,11 @@ constexpr std::size_t kBufferBytes = std::size_t{64} * 1024;
 
 }  // namespace
 
-fileWriter::fileWriter(const std::string& path, mode how)
-    : descriptor_(::open(
-          path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (how == mode::append ? O_APPEND : O_TRUNC),
-          kOwnerWrites)) {
-  if (descriptor_ < 0) error_ = errno;
+fileWriter::fileWriter(const std::string& path, mode how) {
+  const int start = how == mode::append ? O_APPEND : O_TRUNC;
+  const openedFile opened = openRegularFile(path, O_WRONLY | O_CREAT | start, kOwnerWrites);
+  descriptor_ = opened.descriptor;
+  error_ = opened.error;
 }
 
 fileWriter::~fileWriter() {
@@ -44,7 +45,7 @@ std::string fileWriter::close() {
     if (::close(descriptor_) != 0 && error_ == 0) error_ = errno;
     descriptor_ = -1;
   }
-  return error_ == 0 ? std::string() : std::generic_category().message(error_);
+  return error_ == 0 ? std::string() : reasonOf(error_);
 }
 
 void fileWriter::flush(std::string_view bytes) {

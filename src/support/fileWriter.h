@@ -10,7 +10,8 @@ class fileWriter {
  public:
   enum class mode { truncate, append };
 
-  // Opens or creates the file; the group and others cannot write a file created here.
+  // Opens or creates the file, without ever waiting; the group and others cannot write a file
+  // created here. What is no regular file is an error, /dev/null apart.
   fileWriter(const std::string& path, mode how);
   ~fileWriter();
   fileWriter(const fileWriter&) = delete;
@@ -26,8 +27,8 @@ class fileWriter {
  private:
   void flush(std::string_view bytes);
 
-  int descriptor_;
-  int error_ = 0;  // errno of the first failure
+  int descriptor_ = -1;
+  int error_ = 0;  // of the first failure, as reasonOf takes it
   std::string buffer_;
 };
 

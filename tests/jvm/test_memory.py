@@ -1,5 +1,7 @@
 """The memory profiler: survivors by class and generation, with every collector."""
 
+import os
+
 import pytest
 
 from harness import HOME
@@ -104,6 +106,15 @@ def test_one_forced_collection_is_one_generation(survivors, collector):
     assert survivors.generations("Plain") == {i: 5 for i in range(1, 7)}
     assert survivors.generations("Wide") == {i: 3 for i in range(1, 7)}
     assert "Latest" not in survivors.names(), "tagged in the current generation"
+
+
+def test_a_fifo_in_place_of_the_report_is_refused(jvm):
+    folder = jvm.new_folder()
+    os.mkfifo(folder / "fifo")  # nobody reads from it
+    run = jvm.run("Survivors", "fifo", folder=folder)
+    assert (run.facts["start"], run.facts["stop"]) == ("1", "0")
+    (error,) = run.messages("Error")
+    assert "fifo" in error and "a regular file or /dev/null is expected" in error
 
 
 def test_one_query_reports_the_same_byte_for_byte(jvm):

@@ -1,5 +1,7 @@
 """Names, paths and disks that are not what one hopes for."""
 
+import os
+
 import pytest
 
 from harness import modified_utf8
@@ -53,26 +55,47 @@ def test_no_report_path(jvm, path):
     [
         ("no/such/folder/file", "No such file or directory"),
         ("home", "Is a directory"),
-        ("/dev/full", "No space left on device"),
+        ("fifo", "a regular file or /dev/null is expected"),
+        ("/dev/full", "a regular file or /dev/null is expected"),
     ],
 )
 def test_files_that_cannot_be_written(jvm, path, reason):
-    run = jvm.run("Paths", "paths", path, "stacks.txt")
+    def folder():
+        made = jvm.new_folder()
+        os.mkfifo(made / "fifo")  # nobody reads from it
+        return made
+
+    run = jvm.run("Paths", "paths", path, "stacks.txt", folder=folder())
     assert (run.facts["start"], run.facts["stop"]) == ("1", "1")
     (error,) = run.messages("Error")
     assert path in error and reason in error
     assert len(run.stacks()) > 0
 
-    run = jvm.run("Paths", "paths", "report.json", path)
+    run = jvm.run("Paths", "paths", "report.json", path, folder=folder())
     assert (run.facts["start"], run.facts["stop"]) == ("1", "1")
     (error,) = run.messages("Error")
     assert path in error and reason in error
     assert run.report().thread_counts(run.facts["lock"]) == {"one": 1}
 
 
-def test_stack_file_on_a_full_disk_during_an_event(jvm):
-    run = jvm.run("DeepStacks", 1000, "report.json", "/dev/full", 150)
-    assert any("/dev/full" in m and "No space left" in m for m in run.messages("Error"))
+def test_nothing_is_written_to_the_null_device(jvm):
+    run = jvm.run("Paths", "paths", "/dev/null", "/dev/null")
+    assert (run.facts["start"], run.facts["stop"]) == ("1", "1")
+    assert run.messages("Error") == []
+
+
+@pytest.mark.parametrize("kind, reason", [("full", "File too large"), ("fifo", "regular file")])
+def test_stack_file_that_cannot_be_written_during_an_event(jvm, kind, reason):
+    limit = 2**20
+    folder = jvm.new_folder()
+    if kind == "fifo":
+        os.mkfifo(folder / "stacks.txt")
+    else:
+        (folder / "stacks.txt").touch()
+        os.truncate(folder / "stacks.txt", limit)
+    run = jvm.run("DeepStacks", 1000, "report.json", "stacks.txt", 150, folder=folder,
+                  file_limit=limit)
+    assert any("stacks.txt" in m and reason in m for m in run.messages("Error"))
     assert run.report().thread_counts(run.facts["lock"]) == {"deep-150": 1}
 
 

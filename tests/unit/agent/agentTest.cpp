@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -175,6 +176,18 @@ std::vector<std::string> agentTest::messages(std::string_view severity) const {
     if (each.severity == severity) texts.push_back(each.message);
   }
   return texts;
+}
+
+fileLimit::fileLimit(rlim_t bytes) : before_(std::signal(SIGXFSZ, SIG_IGN)) {
+  ::getrlimit(RLIMIT_FSIZE, &old_);
+  rlimit limit = old_;
+  limit.rlim_cur = bytes;
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+}
+
+fileLimit::~fileLimit() {
+  ::setrlimit(RLIMIT_FSIZE, &old_);
+  std::signal(SIGXFSZ, before_);
 }
 
 std::vector<fs::path> agentTest::logFiles() const {

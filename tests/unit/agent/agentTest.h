@@ -5,6 +5,7 @@
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -88,6 +89,20 @@ class agentTest : public fake::vmTest {
  private:
   std::filesystem::path folder_;
   bool loaded_ = false;
+};
+
+// No file gets larger than so many bytes, as `ulimit -f` does it: a disk that is full. Java
+// programs have the signal that comes with it ignored.
+class fileLimit {
+ public:
+  explicit fileLimit(rlim_t bytes);
+  ~fileLimit();
+  fileLimit(const fileLimit&) = delete;
+  fileLimit& operator=(const fileLimit&) = delete;
+
+ private:
+  void (*before_)(int);
+  rlimit old_{};
 };
 
 std::string readFile(const std::filesystem::path& path);

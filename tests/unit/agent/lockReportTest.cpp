@@ -1,6 +1,10 @@
 // The JSON lock report.
 #include "lockReport.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <limits>
 #include <memory>
 
@@ -590,17 +594,41 @@ TEST_F(lockReport, unwritablePathIsSaidAndTheResultIsStill1) {
 
 TEST_F(lockReport, fullDiskIsSaidAndTheResultIsStill1) {
   load("logLevel=1");
-  beginSummary();
-  EXPECT_EQ(stopProfiling("/dev/full"), 1);
-  EXPECT_THAT(errors(),
-              Contains(AllOf(HasSubstr("/dev/full"), HasSubstr("No space left on device"))));
+  beginSummary({.name = std::string(100000, 'x')});
+  {
+    const fileLimit limit(50000);
+    EXPECT_EQ(stopProfiling(), 1);
+  }
+  EXPECT_THAT(errors(), Contains(AllOf(HasSubstr(reportPath()), HasSubstr("File too large"))));
 }
 
 TEST_F(lockReport, failedWriteIsNotSaidAtLevel0) {
   load("logLevel=0");
   beginSummary();
-  EXPECT_EQ(stopProfiling("/dev/full"), 1);
+  EXPECT_EQ(stopProfiling(folder()), 1);
   EXPECT_THAT(log(), IsEmpty());
+}
+
+// Nobody reads from it, or somebody does: both would let the call wait.
+TEST_F(lockReport, fifoInPlaceOfTheReportIsRefused) {
+  load("logLevel=1");
+  const std::string path = folder() / "fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  for (const bool isRead : {false, true}) {
+    const int reader = isRead ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    beginDetail({lock});
+    EXPECT_EQ(stopProfiling(path), 1);
+    if (reader >= 0) ::close(reader);
+  }
+  EXPECT_THAT(errors(), ElementsAre(AllOf(HasSubstr(path), HasSubstr("regular file")),
+                                    AllOf(HasSubstr(path), HasSubstr("regular file"))));
+}
+
+TEST_F(lockReport, nullDeviceInPlaceOfTheReportIsTaken) {
+  load("logLevel=1");
+  beginDetail({lock});
+  EXPECT_EQ(stopProfiling("/dev/null"), 1);
+  EXPECT_THAT(errors(), IsEmpty());
 }
 
 TEST_F(lockReport, nullPathGives0AndAnError) {

@@ -1,4 +1,5 @@
 // The agent log: what its files and records look like, when they change, and the folder maker.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -157,6 +158,30 @@ TEST_F(agentLog, aFileThatCannotBeOpenedIsTriedAgain) {
   ASSERT_THAT(logFiles(), SizeIs(1));
   EXPECT_THAT(test::readFile(logFiles()[0]), AllOf(StartsWith(kHeader), EndsWith("|kept")));
   EXPECT_THAT(messages("Error"), ElementsAre("kept"));
+}
+
+// Nobody reads from it, or somebody does: both would let the record's thread wait.
+TEST_F(agentLog, aFifoInPlaceOfItsFileIsRefusedOnceAndTriedAgain) {
+  open();
+  write("first");
+  fixedBytes();
+  std::string other = logFiles()[0];
+  other.back() = '1';
+  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  ASSERT_EQ(::mkfifo(other.c_str(), 0600), 0);
+  CaptureStderr();
+  write("lost");
+  const int reader = ::open(other.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_GE(reader, 0);
+  write("lost as well");
+  char byte = 0;
+  EXPECT_EQ(::read(reader, &byte, 1), 0) << "nothing was written into it";
+  ::close(reader);
+  EXPECT_EQ(GetCapturedStderr(),
+            "javanativeagent: nothing is logged to '" + other + "': expected a regular file\n");
+  fs::remove(other);
+  write("kept");
+  EXPECT_THAT(test::readFile(other), AllOf(StartsWith(kHeader), EndsWith("|kept")));
 }
 
 TEST_F(agentLog, withoutASetUpNothingIsWritten) {
@@ -496,6 +521,12 @@ class versionFile : public test::agentTest {
 TEST_F(versionFile, missingGivesNoVersion) {
   EXPECT_EQ(twAprLib::readVersion(folder() / "none"), "");
   EXPECT_EQ(twAprLib::readVersion(folder()), "");
+}
+
+TEST_F(versionFile, fifoGivesNoVersion) {
+  const fs::path path = folder() / "fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(twAprLib::readVersion(path), "");
 }
 
 TEST_F(versionFile, emptyGivesNoVersion) {

@@ -1,4 +1,8 @@
 // Whole sessions, from the tag to the report: what is reported, how it is written, what is logged.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -629,11 +633,30 @@ TEST_F(memoryReport, aFolderAsPathGives0AndOneError) {
 
 TEST_F(memoryReport, aFullDiskGives0AndOneError) {
   begin({}, "logLevel=1");
-  tagged("p.A");
+  tagged("p." + std::string(100000, 'A'));
   collect();
-  EXPECT_EQ(stop("/dev/full"), 0);
-  EXPECT_THAT(errors(),
-              ElementsAre(AllOf(HasSubstr("/dev/full"), HasSubstr("No space left on device"))));
+  {
+    const fileLimit limit(50000);
+    EXPECT_EQ(stop(), 0);
+  }
+  EXPECT_THAT(errors(), ElementsAre(AllOf(HasSubstr(reportPath()), HasSubstr("File too large"))));
+}
+
+// Nobody reads from it, or somebody does: both would let the call wait.
+TEST_F(memoryReport, aFifoAsPathGives0AndOneError) {
+  begin({}, "logLevel=1");
+  const std::string path = folder() / "fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  for (const bool isRead : {false, true}) {
+    const int reader = isRead ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    tagged("p.A");
+    collect();
+    EXPECT_EQ(stop(path), 0);
+    if (reader >= 0) ::close(reader);
+    start();
+  }
+  EXPECT_THAT(errors(), ElementsAre(AllOf(HasSubstr(path), HasSubstr("regular file")),
+                                    AllOf(HasSubstr(path), HasSubstr("regular file"))));
 }
 
 TEST_F(memoryReport, anEmptyPathGives0AndOneError) {
@@ -649,7 +672,8 @@ TEST_F(memoryReport, aNullPathGives0AndOneError) {
 }
 
 TEST_F(memoryReport, classesOfAReportThatWasNotWrittenNeverTurnUpInTheNext) {
-  for (const std::string& path : {std::string(), folder().string(), std::string("/dev/full")}) {
+  for (const std::string& path :
+       {std::string(), folder().string(), std::string("/nowhere/report")}) {
     SCOPED_TRACE(path);
     agent::getRegistry();
     if (!memory()) begin();

@@ -1,4 +1,8 @@
 // The stack trace file: one line for each trace, written with the report and by deep stacks.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "lockTest.h"
 
 namespace {
@@ -39,6 +43,13 @@ class stackFile : public lockTest {
     startSummary();
     contend(vm.makeThread("t"), lock);
     startDetail();
+  }
+  // A file on a disk that is full while no file may be larger than kFull bytes.
+  static constexpr rlim_t kFull = 100000;
+  std::string fullFile() {
+    std::string path = folder() / "full";
+    writeFile(path, std::string(kFull, '\n'));
+    return path;
   }
   static std::string lineOf(const std::string& frame) {
     return std::to_string(fnv1a("at " + frame + "()\n")) + "=[at " + frame + "()]";
@@ -185,11 +196,48 @@ TEST_F(stackFile, unopenedFileIsSaidAndItsTracesAreGone) {
 }
 
 TEST_F(stackFile, fullDiskIsSaid) {
-  detailWithFileAt("/dev/full", "logLevel=1");
+  const std::string path = fullFile();
+  detailWithFileAt(path, "logLevel=1");
+  see({"a.A.x"});
+  {
+    const fileLimit limit(kFull);
+    EXPECT_EQ(stopProfiling(), 1);
+  }
+  EXPECT_THAT(errors(), Contains(AllOf(HasSubstr(path), HasSubstr("File too large"))));
+}
+
+// Nobody reads from it, or somebody does: both would let the call wait.
+TEST_F(stackFile, fifoInPlaceOfTheFileIsRefused) {
+  const std::string path = folder() / "fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  detailWithFileAt(path, "logLevel=1");
+  for (const bool isRead : {false, true}) {
+    const int reader = isRead ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
+    see({isRead ? "a.A.x" : "a.A.y"});
+    locks()->dumpStackInFile(*locks()->store());
+    if (reader >= 0) ::close(reader);
+  }
+  std::vector<std::string> said = errors();
+  std::erase(said, "monitor usage owner not found");
+  EXPECT_THAT(said, ElementsAre(AllOf(HasSubstr(path), HasSubstr("regular file")),
+                                AllOf(HasSubstr(path), HasSubstr("regular file"))));
+}
+
+TEST_F(stackFile, fifoDoesNotHoldUpADeepStackOfAnEvent) {
+  const std::string path = folder() / "fifo";
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  detailWithFileAt(path, "logLevel=1");
+  fake::javaThread* const thread = vm.makeThread("t");
+  setDeepStack(thread, 100);
+  contend(thread, lock);
+  EXPECT_THAT(errors(), Contains(AllOf(HasSubstr(path), HasSubstr("regular file"))));
+}
+
+TEST_F(stackFile, nullDeviceInPlaceOfTheFileIsTaken) {
+  detailWithFileAt("/dev/null", "logLevel=1");
   see({"a.A.x"});
   EXPECT_EQ(stopProfiling(), 1);
-  EXPECT_THAT(errors(),
-              Contains(AllOf(HasSubstr("/dev/full"), HasSubstr("No space left on device"))));
+  EXPECT_THAT(errors(), Not(Contains(HasSubstr("stack trace file"))));
 }
 
 TEST_F(stackFile, folderInPlaceOfTheFileIsSaid) {
@@ -207,18 +255,21 @@ TEST_F(stackFile, emptyPathIsSaid) {
 }
 
 TEST_F(stackFile, nothingIsSaidAtLevel0) {
-  detailWithFileAt("/dev/full", "logLevel=0");
+  detailWithFileAt(folder().string(), "logLevel=0");
   see({"a.A.x"});
   EXPECT_EQ(stopProfiling(), 1);
   EXPECT_THAT(log(), IsEmpty());
 }
 
 TEST_F(stackFile, deepStackOfAnEventSaysAFailedWriteToo) {
-  detailWithFileAt("/dev/full", "logLevel=1");
+  detailWithFileAt(fullFile(), "logLevel=1");
   fake::javaThread* const thread = vm.makeThread("t");
   setDeepStack(thread, 100);
-  contend(thread, lock);
-  EXPECT_THAT(errors(), Contains(HasSubstr("No space left on device")));
+  {
+    const fileLimit limit(kFull);
+    contend(thread, lock);
+  }
+  EXPECT_THAT(errors(), Contains(HasSubstr("File too large")));
 }
 
 TEST_F(stackFile, eachSessionHasItsOwnFile) {

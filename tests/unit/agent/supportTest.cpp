@@ -1,12 +1,13 @@
 // The support code: text, files, owners of what the VM hands out, shared places, class caches.
 #include <fcntl.h>
-#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdint>
 #include <latch>
 #include <limits>
@@ -246,33 +247,63 @@ TEST_F(files, unwritablePathsAreSaid) {
 }
 
 TEST_F(files, aFullDiskIsSaid) {
-  EXPECT_EQ(put("/dev/full", "x"), "No space left on device");
-  EXPECT_EQ(put("/dev/full", std::string(200000, 'x')), "No space left on device");
+  const test::fileLimit limit(0);
+  EXPECT_EQ(put(path(), "x"), "File too large");
+  EXPECT_EQ(put(path(), std::string(200000, 'x')), "File too large");
 }
 
 TEST_F(files, aFullDiskIsNotFullOfNothing) {
-  EXPECT_EQ(put("/dev/full", ""), "");
+  const test::fileLimit limit(0);
+  EXPECT_EQ(put(path(), ""), "");
 }
 
 // The limit takes a part of the text: the rest is refused.
 TEST_F(files, aPartlyWrittenFileIsSaid) {
-  std::signal(SIGXFSZ, SIG_IGN);
-  rlimit old{};
-  ::getrlimit(RLIMIT_FSIZE, &old);
-  const rlimit small{1000, old.rlim_max};
-  ::setrlimit(RLIMIT_FSIZE, &small);
-  const std::string reason = put(path(), std::string(5000, 'x'));
-  ::setrlimit(RLIMIT_FSIZE, &old);
-  EXPECT_EQ(reason, "File too large");
+  {
+    const test::fileLimit limit(1000);
+    EXPECT_EQ(put(path(), std::string(5000, 'x')), "File too large");
+  }
   EXPECT_EQ(content().size(), 1000U);
 }
 
 TEST_F(files, theFirstErrorStays) {
-  fileWriter file("/dev/full", fileWriter::mode::append);
+  const test::fileLimit limit(0);
+  fileWriter file(path(), fileWriter::mode::append);
   file.write(std::string(100000, 'x'));
   file.write("more");
-  EXPECT_EQ(file.close(), "No space left on device");
-  EXPECT_EQ(file.close(), "No space left on device");
+  EXPECT_EQ(file.close(), "File too large");
+  EXPECT_EQ(file.close(), "File too large");
+}
+
+// A FIFO would have its writer wait for a reader, or for one that reads on.
+TEST_F(files, areRegularFilesOnly) {
+  const std::string refusal = "Not a regular file; a regular file or /dev/null is expected";
+  const std::string fifo = folder() / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string link = folder() / "link";
+  fs::create_symlink(fifo, link);
+  for (const auto how : {fileWriter::mode::truncate, fileWriter::mode::append}) {
+    EXPECT_EQ(put(fifo, "x", how), refusal);
+    EXPECT_EQ(put(link, "x", how), refusal);
+    const int reader = ::open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    EXPECT_EQ(put(fifo, "x", how), refusal) << "somebody reads from it";
+    ::close(reader);
+    EXPECT_EQ(put("/dev/full", "x", how), refusal);
+    EXPECT_EQ(put("/dev/null", "x", how), "");
+  }
+}
+
+TEST_F(files, aSocketIsRefused) {
+  const std::string where = folder() / "socket";
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(where.size(), sizeof(address.sun_path));
+  where.copy(address.sun_path, where.size());
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  EXPECT_EQ(put(where, "x"), "Not a regular file; a regular file or /dev/null is expected");
+  ::close(socket);
 }
 
 TEST_F(files, areClosedOnce) {
@@ -291,6 +322,7 @@ TEST_F(files, leaveNoDescriptorOpen) {
   const auto before = descriptors();
   put(path(), "x");
   put("/dev/full", "x");
+  put("/dev/null", "x");
   put(folder(), "x");
   { fileWriter abandoned(path(), fileWriter::mode::append); }
   EXPECT_EQ(descriptors(), before);

@@ -1,11 +1,9 @@
 // The agent log when many threads write and the system refuses: what is in its files is whole
 // records, each once, and nobody is held up.
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <functional>
 #include <latch>
 #include <map>
@@ -194,32 +192,11 @@ TEST_F(logUnderStress, aFullDiskLosesOnlyWhatIsWrittenMeanwhile) {
   expectEachOnce(all);
 }
 
-// As `ulimit -f` does it. Java programs have the signal that comes with it ignored.
-class fileLimit {
- public:
-  explicit fileLimit(rlim_t bytes) : before_(std::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &old_);
-    rlimit limit = old_;
-    limit.rlim_cur = bytes;
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~fileLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &old_);
-    std::signal(SIGXFSZ, before_);
-  }
-  fileLimit(const fileLimit&) = delete;
-  fileLimit& operator=(const fileLimit&) = delete;
-
- private:
-  void (*before_)(int);
-  rlimit old_{};
-};
-
 TEST_F(logUnderStress, aLimitOfTheFileSizeCutsAtMostOneRecord) {
   constexpr rlim_t kBytes = 100000;
   open();
   {
-    const fileLimit limit(kBytes);
+    const test::fileLimit limit(kBytes);
     writeFromThreads(100, 200);
   }
   EXPECT_EQ(fs::file_size(logFiles()[0]), kBytes);
