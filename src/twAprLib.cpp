@@ -24,7 +24,7 @@ constexpr const char* kHeaderLine =
     "number|Function|Severity|Message";
 constexpr const char* kTestRun = "******";
 constexpr std::size_t kRecordBytes = 4096;
-constexpr mode_t kOwnerWrites = 0644;
+constexpr mode_t kOwnerOnly = 0600;  // at Debug the log has what is in the program's objects
 
 // The logger of the process, or none before the log is set up. It is never destroyed: threads of
 // the VM may log until the process is gone.
@@ -99,7 +99,7 @@ void twLogger::switchFiles() {
 
 void twLogger::openCurrent() {
   const support::openedFile opened =
-      support::openRegularFile(path_[current_], O_WRONLY | O_CREAT | O_APPEND, kOwnerWrites);
+      support::openRegularFile(path_[current_], O_WRONLY | O_CREAT | O_APPEND, kOwnerOnly);
   if (opened.error == support::kNotRegular) refuse(path_[current_]);
   file_[current_] = streamOf(opened, "a");
   bytesWritten_.store(0, std::memory_order_relaxed);

@@ -47,7 +47,7 @@ class twLogger {
   static constexpr std::uint32_t kMaxFileBytes = 10485760;
 
   // Forms the paths "<directory>/<baseName>_0" and "_1"; opens nothing yet. `pool` outlives the
-  // logger.
+  // logger. Only the owner reads and writes the files made here.
   twLogger(apr_pool_t* pool, const std::string& directory, const std::string& baseName);
 
   // The stream for the next record, opened or switched first where that is due; null when the file

@@ -1,5 +1,6 @@
 """What a lock session records in each phase, against what the program did."""
 
+import stat
 import time
 
 import pytest
@@ -117,6 +118,11 @@ def test_session_details_in_the_log(full):
     ) in full.messages("Trace")
     assert "File Path to dump json : report.json" in full.messages("Trace")
     assert full.messages("Error") == full.messages("warn") == []
+
+
+def test_only_the_owner_reads_the_log(full):
+    (file,) = (full.home / "logs").iterdir()
+    assert stat.S_IMODE(file.stat().st_mode) == 0o600
 
 
 @pytest.mark.parametrize("vm", [(), ("-Xcheck:jni",)], ids=["plain", "checked"])

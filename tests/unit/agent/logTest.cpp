@@ -160,6 +160,20 @@ TEST_F(agentLog, aFileThatCannotBeOpenedIsTriedAgain) {
   EXPECT_THAT(messages("Error"), ElementsAre("kept"));
 }
 
+// At Debug it has what is in the program's objects.
+TEST_F(agentLog, onlyItsOwnerReadsIt) {
+  const mode_t old = ::umask(0);
+  open();
+  write("one");
+  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  write("two");
+  ::umask(old);
+  ASSERT_THAT(logFiles(), SizeIs(2));
+  for (const fs::path& each : logFiles()) {
+    EXPECT_EQ(fs::status(each).permissions(), fs::perms(0600)) << each;
+  }
+}
+
 // Nobody reads from it, or somebody does: both would let the record's thread wait.
 TEST_F(agentLog, aFifoInPlaceOfItsFileIsRefusedOnceAndTriedAgain) {
   open();

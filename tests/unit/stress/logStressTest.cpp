@@ -258,12 +258,12 @@ TEST_F(logUnderStress, aReadOnlyFileLosesOnlyWhatIsWrittenMeanwhile) {
   EXPECT_THAT(test::readFile(other), StartsWith(kHeader));
 }
 
-TEST_F(logUnderStress, onlyTheOwnerMayWriteItsFilesWhateverTheUmask) {
+TEST_F(logUnderStress, onlyTheOwnerMayReadItsFilesWhateverTheUmask) {
   const mode_t old = ::umask(0);
   open();
   write(messageOf("1000.0", 10));
   ::umask(old);
-  EXPECT_EQ(fs::status(logFiles()[0]).permissions(), fs::perms(0644));
+  EXPECT_EQ(fs::status(logFiles()[0]).permissions(), fs::perms(0600));
 }
 
 }  // namespace
