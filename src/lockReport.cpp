@@ -1,7 +1,7 @@
 #include "lockReport.h"
 
-#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace agent {
 
@@ -73,10 +73,9 @@ void writeGraph(support::jsonWriter& json, lockBean& lock, std::int32_t size) {
 
 }  // namespace
 
-blockingThreadBeans mergeBlockingThreads(
-    const std::vector<std::shared_ptr<topLockBean>>& topLocks) {
+blockingThreadBeans mergeBlockingThreads(const std::map<std::string_view, topLockBean*>& topLocks) {
   blockingThreadBeans merged;
-  for (const std::shared_ptr<topLockBean>& top : topLocks) {
+  for (const auto& [lockName, top] : topLocks) {
     const support::lockGuard guard(top->mutex);
     for (const auto& [ownerName, owner] : top->blockingThreads) {
       const auto [known, isNew] = merged.try_emplace(ownerName, owner);

@@ -6,8 +6,8 @@
 // mutex.
 #pragma once
 
-#include <memory>
-#include <vector>
+#include <map>
+#include <string_view>
 
 #include "lockStore.h"
 #include "support/jsonWriter.h"
@@ -16,7 +16,7 @@ namespace agent {
 
 // The owners of all selected locks merged by name: counts and times add up, stack traces are merged
 // by hash; one known to both carries its true hash.
-blockingThreadBeans mergeBlockingThreads(const std::vector<std::shared_ptr<topLockBean>>& topLocks);
+blockingThreadBeans mergeBlockingThreads(const std::map<std::string_view, topLockBean*>& topLocks);
 
 // Members of the report's root, in this order.
 void writeSession(support::jsonWriter& json, const LockSessionConfig& config);

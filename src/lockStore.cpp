@@ -100,6 +100,22 @@ bool lockBean::hasThreads() {
   return !threadbean.empty();
 }
 
+void lockBean::select() {
+  topLockBean* top = nullptr;
+  {
+    const support::lockGuard guard(mutex);
+    if (!top_) top_ = std::make_unique<topLockBean>();
+    top = top_.get();
+  }
+  top->clear();
+  selected_.store(top, std::memory_order_release);
+}
+
+void lockBean::deselect() {
+  topLockBean* const top = selected_.exchange(nullptr, std::memory_order_acq_rel);
+  if (top != nullptr) top->clear();
+}
+
 bool lockBean::takeThreadSlot() {
   constexpr std::int32_t kLowest = INT32_MIN;
   if (threadSlotsLeft == kLowest) return false;
@@ -151,6 +167,18 @@ std::vector<lockBean*> lockStore::locksByName() const {
   std::sort(locks.begin(), locks.end(),
             [](const lockBean* a, const lockBean* b) { return a->lockName < b->lockName; });
   return locks;
+}
+
+std::map<std::string_view, topLockBean*> lockStore::topLockMap() const {
+  std::map<std::string_view, topLockBean*> selected;
+  lockmap_.forEach([&](std::uint64_t, const lockEntry& each) {
+    if (topLockBean* const top = each.bean.top()) selected.emplace(each.bean.lockName, top);
+  });
+  return selected;
+}
+
+void lockStore::clearTopLocks() {
+  lockmap_.forEach([](std::uint64_t, lockEntry& each) { each.bean.deselect(); });
 }
 
 bool lockStore::addStackTrace(std::uint64_t hash, std::string_view text) {

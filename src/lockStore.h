@@ -1,11 +1,11 @@
 // What a lock session gathers: locks, their threads and stack traces, owners, and the settings that
 // bound them. No call into the VM is made here but to compare classes.
 //
-// Event handlers fill these records on many threads at once. Lookups of locks and stack hashes take
-// no lock. Lock order, outer to inner: lockStore::lockMapMutex (only to link a new lockBean), a
-// lockBean's mutex, a threadBean's stackMutex, a topLockBean's mutex; lockStore::stackMapMutex is
-// always taken alone. None is held across a call into the VM. Counters and countdowns that no mutex
-// guards are atomics.
+// Event handlers fill these records on many threads at once. Lookups of locks, of selected locks
+// and of stack hashes take no lock. Each mutex is taken alone: lockStore::lockMapMutex (only to
+// link a new lockBean), lockStore::stackMapMutex, a lockBean's mutex, a threadBean's stackMutex, a
+// topLockBean's mutex. None is held across a call into the VM. Counters and countdowns that no
+// mutex guards are atomics.
 //
 // Times are nanoseconds of JVMTI GetTime.
 #pragma once
@@ -135,9 +135,6 @@ struct topLockBean {
   std::shared_ptr<ownerLookup> lookup GUARDED_BY(mutex);
 };
 
-// Selected locks by lock name.
-using topLockBeans = std::map<std::string, std::shared_ptr<topLockBean>, std::less<>>;
-
 // One lock.
 struct lockBean {
   static constexpr std::size_t kGraphSlots = 301;
@@ -164,6 +161,14 @@ struct lockBean {
   threadBean* findThread(std::string_view threadName) EXCLUDES(mutex);
   bool hasThreads() EXCLUDES(mutex);
 
+  // The ranking selects the lock: its owners are recorded from now on, and those of an earlier
+  // selection are dropped.
+  void select() EXCLUDES(mutex);
+  void deselect();
+  // The owners met, or none when the lock is not selected. The record stays as long as the lock. No
+  // lock is taken.
+  topLockBean* top() const { return selected_.load(std::memory_order_acquire); }
+
   const std::string lockName;
   std::atomic<bool> named{false};
   std::atomic<std::uint32_t> count{1};
@@ -176,12 +181,12 @@ struct lockBean {
   // Contended entries of a detail session by minute, up to the latest minute that has one; at most
   // kGraphSlots.
   std::vector<std::uint32_t> graph GUARDED_BY(mutex);
-  // What the profiler's table of selected locks held for this lock when it had version topVersion.
-  std::shared_ptr<topLockBean> top GUARDED_BY(mutex);
-  std::uint64_t topVersion GUARDED_BY(mutex) = 0;
 
  private:
   bool takeThreadSlot() REQUIRES(mutex);
+
+  std::unique_ptr<topLockBean> top_ GUARDED_BY(mutex);  // made by the first selection
+  std::atomic<topLockBean*> selected_{nullptr};         // top_ while the lock is selected
 };
 
 // A lock in the lock map, with the class that its events are recognised by.
@@ -226,6 +231,11 @@ class lockStore {
   // All locks in ascending order of their names (byte comparison).
   std::vector<lockBean*> locksByName() const;
   std::size_t lockCount() const { return lockmap_.size(); }
+
+  // The selected locks by name.
+  std::map<std::string_view, topLockBean*> topLockMap() const;
+  // Deselects all.
+  void clearTopLocks();
 
   // Remembers a stack trace; `text` has one line for each frame. True when it is a new one.
   bool addStackTrace(std::uint64_t hash, std::string_view text) EXCLUDES(stackMapMutex);

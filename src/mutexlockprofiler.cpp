@@ -265,33 +265,15 @@ void mutexLockProfiler::select(const std::shared_ptr<lockStore>& store,
       const support::lockGuard guard(reportQueue().mutex);
       reportQueue().locks.push(selectionHeap.top());
     }
-    const support::lockGuard guard(topLockMutex_);
-    const auto [top, isNew] =
-        topLockMap_.try_emplace(selectionHeap.top().lockName, std::make_shared<topLockBean>());
-    if (!isNew) top->second->clear();
-    topLockVersion_.fetch_add(1);
+    selectionHeap.top().bean->select();
   }
   epoch_.fetch_add(1);
 }
 
-void mutexLockProfiler::clearTopLocks() {
-  const support::lockGuard guard(topLockMutex_);
-  topLockMap_.clear();
-  topLockVersion_.fetch_add(1);
-}
-
-std::vector<std::shared_ptr<topLockBean>> mutexLockProfiler::topLocks() {
-  std::vector<std::shared_ptr<topLockBean>> all;
-  const support::lockGuard guard(topLockMutex_);
-  all.reserve(topLockMap_.size());
-  for (const auto& [name, top] : topLockMap_) all.push_back(top);
-  return all;
-}
-
-std::shared_ptr<topLockBean> mutexLockProfiler::findTopLock(std::string_view lockName) {
-  const support::lockGuard guard(topLockMutex_);
-  const auto found = topLockMap_.find(lockName);
-  return found == topLockMap_.end() ? nullptr : found->second;
+topLockBean* mutexLockProfiler::findTopLock(std::string_view lockName) const {
+  const std::map<std::string_view, topLockBean*> selected = store()->topLockMap();
+  const auto found = selected.find(lockName);
+  return found == selected.end() ? nullptr : found->second;
 }
 
 mutexLockProfiler::rankedLocks mutexLockProfiler::takeReportQueue() {
@@ -352,7 +334,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
 
     writeStackHashes(json, *current);
 
-    const blockingThreadBeans owners = mergeBlockingThreads(topLocks());
+    const blockingThreadBeans owners = mergeBlockingThreads(current->topLockMap());
     if (owners.empty()) {
       TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
              "Agent was not able to find any blocking thread data to report genuinely as no "
@@ -368,7 +350,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     const std::string reason = file.close();
     if (!reason.empty()) logUnwritable(kDumpJson, "lock report", reportPath, reason);
     logLeftOutOwnerLookups(*current);
-    clearTopLocks();
+    current->clearTopLocks();
     return 1;
   });
 }
@@ -521,12 +503,13 @@ void mutexLockProfiler::contendedEnter(monitorEvent& event) {
   if (monitor.bean != nullptr) {
     thread = monitor.bean->countEntry(event.threadName().view(), minuteSlot(event.time));
   }
-  const std::shared_ptr<topLockBean> top = topLockOf(monitor);
-  if (top) {
-    if (monitor.bean != nullptr) top->waiters.enter(event.epoch);
+  // A lock without a record cannot be selected: the ranking takes what has one.
+  topLockBean* const top = monitor.bean != nullptr ? monitor.bean->top() : nullptr;
+  if (top != nullptr) {
+    top->waiters.enter(event.epoch);
     lookUpOwner(event, *top);
   }
-  updateStackTrace(event, thread, top.get());
+  updateStackTrace(event, thread, top);
 }
 
 void mutexLockProfiler::contendedEntered(monitorEvent& event) {
@@ -547,8 +530,8 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
     guard.missed = false;
     return;
   }
-  const std::shared_ptr<topLockBean> top = event.detail() ? topLockOf(monitor) : nullptr;
-  const bool hasKnownWaiters = top && top->waiters.leave(event.epoch) > 0;
+  topLockBean* const top = event.detail() ? monitor.bean->top() : nullptr;
+  const bool hasKnownWaiters = top != nullptr && top->waiters.leave(event.epoch) > 0;
   guard.missed = false;
 
   monitor.bean->setName();
@@ -562,7 +545,7 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
       thread->lastEnterTime.store(*start, std::memory_order_relaxed);
     }
   }
-  if (!top) return;
+  if (top == nullptr) return;
   closeOwnersPeriod(event, *top);
   openOwnPeriod(event, *top, hasKnownWaiters);
 }
@@ -684,22 +667,6 @@ lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& m
 std::size_t mutexLockProfiler::minuteSlot(std::int64_t time) const {
   const auto slot = static_cast<std::uint32_t>((time - startTime_.load()) / kNanosPerMinute);
   return slot > kLastMinuteSlot ? 0 : slot;
-}
-
-// A lock remembers what the table of selected locks said of it, until the table changes.
-std::shared_ptr<topLockBean> mutexLockProfiler::topLockOf(const namedMonitor& monitor) {
-  if (monitor.bean == nullptr) return findTopLock(monitor.name());
-  lockBean& lock = *monitor.bean;
-  const std::uint64_t version = topLockVersion_.load();
-  {
-    const support::lockGuard guard(lock.mutex);
-    if (lock.topVersion == version) return lock.top;
-  }
-  std::shared_ptr<topLockBean> top = findTopLock(lock.lockName);
-  const support::lockGuard guard(lock.mutex);
-  lock.top = top;
-  lock.topVersion = version;
-  return top;
 }
 
 // Takes one of the looks of this second; where there is none left, the event goes without an owner.

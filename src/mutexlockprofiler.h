@@ -65,8 +65,8 @@ class mutexLockProfiler : public profiler {
 
   // The store of the session; never null.
   std::shared_ptr<lockStore> store() const EXCLUDES(storeMutex_);
-  // The record of a lock that the last ranking selected, or none.
-  std::shared_ptr<topLockBean> findTopLock(std::string_view lockName) EXCLUDES(topLockMutex_);
+  // The record of a lock that is selected in this session, or none; it stays as long as the store.
+  topLockBean* findTopLock(std::string_view lockName) const;
   // Origin of the minute graphs; below 1 until the first contended entry.
   std::int64_t startTime() const { return startTime_.load(); }
   void setStartTime(std::int64_t nanos) { startTime_.store(nanos); }
@@ -107,7 +107,6 @@ class mutexLockProfiler : public profiler {
   bool nameThread(monitorEvent& event, const namedMonitor& monitor);
   lockBean* makeLock(monitorEvent& event, const namedMonitor& monitor, bool& made);
   std::size_t minuteSlot(std::int64_t time) const;
-  std::shared_ptr<topLockBean> topLockOf(const namedMonitor& monitor);
   bool mayLookUpOwner(const monitorEvent& event);
   void lookUpOwner(monitorEvent& event, topLockBean& top);
   std::optional<foundOwner> askForOwner(monitorEvent& event, ownerLookup* lookup);
@@ -119,19 +118,12 @@ class mutexLockProfiler : public profiler {
   bool useStore(std::shared_ptr<lockStore> next) EXCLUDES(storeMutex_);
   void logLeftOutOwnerLookups(const lockStore& store) const;
   void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
-  // In ascending order of the locks' names.
-  std::vector<std::shared_ptr<topLockBean>> topLocks() EXCLUDES(topLockMutex_);
-  void clearTopLocks() EXCLUDES(topLockMutex_);
 
   mutable support::mutex storeMutex_;
   std::shared_ptr<lockStore> store_ GUARDED_BY(storeMutex_);
   std::atomic<std::int64_t> startTime_{0};
   // See waiterTally: moves on whenever events may have been missed.
   std::atomic<std::uint32_t> epoch_{0};
-
-  support::mutex topLockMutex_;
-  topLockBeans topLockMap_ GUARDED_BY(topLockMutex_);
-  std::atomic<std::uint64_t> topLockVersion_{1};  // of topLockMap_
 
   support::javaClasses classes_;  // of monitors
   heldClasses stackClasses_;      // of methods on stacks

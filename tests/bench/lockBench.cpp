@@ -89,6 +89,19 @@ void detailEnterSelectedCalls(benchmark::State& state) {
   run(state, selectedEnterCalls);
 }
 
+// Of locks that the session has no record of.
+void detailEnterUnknown(benchmark::State& state) {
+  locks().agent.startSummary(kLocks);
+  locks().agent.startDetail();
+  run(state, mutexLockProfiler::MonitorContendedEnter);
+}
+void detailEnterUnknownCalls(benchmark::State& state) {
+  run(state, [](jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
+    enterCalls(jvmti, jni, thread, lock);
+    stackCalls(jvmti, thread);
+  });
+}
+
 void detailEntered(benchmark::State& state) {
   locks().start(true, kLocks);
   run(state, mutexLockProfiler::MonitorContendedEntered);
@@ -120,6 +133,8 @@ EVENT_BENCHMARK(detailEnter);
 EVENT_BENCHMARK(detailEnterCalls);
 EVENT_BENCHMARK(detailEnterSelected);
 EVENT_BENCHMARK(detailEnterSelectedCalls);
+EVENT_BENCHMARK(detailEnterUnknown);
+EVENT_BENCHMARK(detailEnterUnknownCalls);
 EVENT_BENCHMARK(detailEntered);
 EVENT_BENCHMARK(detailEnteredCalls);
 EVENT_BENCHMARK(detailWaited);

@@ -88,6 +88,12 @@ def test_two_rankings_report_a_lock_twice(jvm):
     assert threads == [{"one": 2, "two": 1}, {"one": 1}, {"one": 1}]
 
 
+def test_a_lock_that_only_the_second_ranking_selects_gets_its_owners(jvm):
+    run = jvm.run("Ranking", 1, "rankOther", "report.json", "stacks.txt")
+    # Of the first detail phase only the lock counts that was selected in it.
+    assert run.report().owner_counts() == {"owner": 1, "second owner": 2}
+
+
 def test_a_new_session_drops_what_was_ranked(jvm):
     run = jvm.run("Ranking", -1, "startAgain", "report.json", "stacks.txt")
     assert run.facts["stop"] == "1"

@@ -269,6 +269,14 @@ def test_blocks_and_waits_from_before_the_session_add_no_time(jvm):
     assert (waiter["count"], waiter["totalWaitTime"]) == (0, 0)
 
 
+@pytest.mark.parametrize("refused", [False, True], ids=["without", "refused"])
+def test_owners_are_those_of_their_own_session(jvm, refused):
+    run = jvm.run("UnreportedSession", refused, *FILES)
+    assert run.facts.get("stop.first") == ("0" if refused else None)
+    assert run.facts["stop"] == "1"
+    assert run.report().owner_counts() == {"second owner": 1}
+
+
 def test_debug_lines_name_thread_and_lock(jvm):
     run = jvm.run("AfterDetail", *FILES, options=f"logLevel=4,twHome={HOME}")
     message = f"Current Thread is : one , Curent lock name : {run.facts['lock']}"

@@ -28,6 +28,11 @@ public final class Ranking {
         Agent.detail(9);
         Round.run(locks[0], "owner", "one", "two");
         break;
+      case "rankOther":
+        Round.run(new Round.Clock(), locks[0], 500_000_000L, "owner", "one");
+        Agent.detail(9);
+        Round.run(locks[0], "second owner", "one", "two");
+        break;
       case "startAgain":
         Agent.start(10, "again", args[3]);
         break;

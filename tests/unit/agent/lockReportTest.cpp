@@ -460,12 +460,19 @@ class lockReportMerge : public lockReport {
     top->blockingThreads.emplace(name, bean);
     return top;
   }
+  static agent::blockingThreadBeans mergedOf(const std::string& name,
+                                             const agent::blockingThreadBean& one,
+                                             const agent::blockingThreadBean& two) {
+    const auto first = lockOwnedBy(name, one);
+    const auto second = lockOwnedBy(name, two);
+    return agent::mergeBlockingThreads({{"a", first.get()}, {"b", second.get()}});
+  }
 };
 
 TEST_F(lockReportMerge, countsAndTimesAddUp) {
   const agent::blockingThreadBean one{1, 2, 10, 99, {}};
   const agent::blockingThreadBean two{10, 20, 100, 0, {}};
-  const auto merged = agent::mergeBlockingThreads({lockOwnedBy("o", one), lockOwnedBy("o", two)});
+  const auto merged = mergedOf("o", one, two);
   ASSERT_EQ(merged.size(), 1U);
   EXPECT_EQ(merged.at("o").blockingCount, 11U);
   EXPECT_EQ(merged.at("o").blockCount, 22U);
@@ -477,7 +484,7 @@ TEST_F(lockReportMerge, traceKnownToOneKeepsItsHashAndToBothGetsTheTrueOne) {
   agent::blockingThreadBean two;
   one.stacktracebean = {{5, {0, 1}}, {6, {0, 1}}};
   two.stacktracebean = {{5, {0, 1}}, {7, {7, 3}}};
-  const auto merged = agent::mergeBlockingThreads({lockOwnedBy("o", one), lockOwnedBy("o", two)});
+  const auto merged = mergedOf("o", one, two);
   const agent::stackTraceBeans& traces = merged.at("o").stacktracebean;
   ASSERT_EQ(traces.size(), 3U);
   EXPECT_EQ(traces.at(5).count, 2U);
@@ -491,7 +498,7 @@ TEST_F(lockReportMerge, traceKnownToOneKeepsItsHashAndToBothGetsTheTrueOne) {
 TEST_F(lockReportMerge, mergingLeavesTheRecordsOfTheLocksAlone) {
   const auto first = lockOwnedBy("o", {1, 2, 10, 0, {}});
   const auto second = lockOwnedBy("o", {1, 2, 10, 0, {}});
-  agent::mergeBlockingThreads({first, second});
+  agent::mergeBlockingThreads({{"a", first.get()}, {"b", second.get()}});
   EXPECT_EQ(first->blockingThreads.at("o").blockingCount, 1U);
   EXPECT_EQ(second->blockingThreads.at("o").blockingCount, 1U);
 }
@@ -532,6 +539,28 @@ TEST_F(lockReport, secondReportHasNoOwnersAndNoLocksButTheHashes) {
   EXPECT_EQ(all["blockingThreads"], ordered_json::object());
   EXPECT_EQ(all["stacktracemap"].size(), 1U);
   EXPECT_EQ(all["sessionname"], "checkout");
+}
+
+// A session that is begun anew, without a report of the one before or with one that was refused.
+TEST_F(lockReport, ownersAreThoseOfItsOwnSession) {
+  for (const bool stops : {false, true}) {
+    SCOPED_TRACE(stops);
+    if (!locks()) load("logLevel=1");
+    fake::object* const other = vm.makeObject("b.Lock");
+    beginDetailWithOwner(lock, owner, worker);
+    if (stops) {
+      EXPECT_EQ(stopProfiling(std::string()), 0);
+    }
+    beginDetailWithOwner(other, vm.makeThread("another"), worker);
+    EXPECT_THAT(keysOf(finish()["blockingThreads"]), ElementsAre("another"));
+  }
+}
+
+TEST_F(lockReport, ownersOfARefusedReportAreInTheOneThatIsWrittenAfterIt) {
+  load("logLevel=1");
+  beginDetailWithOwner(lock, owner, worker);
+  EXPECT_EQ(stopProfiling(std::string()), 0);
+  EXPECT_THAT(keysOf(finish()["blockingThreads"]), ElementsAre("worker-1"));
 }
 
 TEST_F(lockReport, cleanUpLeavesLocksHashesAndBudgets) {

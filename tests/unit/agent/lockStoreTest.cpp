@@ -292,7 +292,7 @@ TEST_F(lockStoreTest, newSessionEmptiesLocksHashesAndTexts) {
   EXPECT_TRUE(locks()->store()->stacktracemap.empty());
 }
 
-TEST_F(lockStoreTest, newSessionLeavesStartTimeAndSelectedLocksAlone) {
+TEST_F(lockStoreTest, newSessionLeavesStartTimeAloneAndHasNoSelectedLocks) {
   load();
   fake::object* const lock = vm.makeObject("a.Lock");
   beginDetail({lock});
@@ -300,7 +300,8 @@ TEST_F(lockStoreTest, newSessionLeavesStartTimeAndSelectedLocksAlone) {
   ASSERT_GT(origin, 0);
   startProfiling();
   EXPECT_EQ(locks()->startTime(), origin);
-  EXPECT_NE(locks()->findTopLock(nameOf(lock)), nullptr);
+  EXPECT_EQ(locks()->findTopLock(nameOf(lock)), nullptr);
+  EXPECT_THAT(locks()->store()->topLockMap(), IsEmpty());
 }
 
 }  // namespace

@@ -214,6 +214,39 @@ TEST_F(ranking, lockSelectedBeforeStaysInTheTableOfSelectedLocks) {
   EXPECT_THAT(selected(), ElementsAre("A", "B"));
 }
 
+TEST_F(ranking, lockThatOnlyTheSecondRankingSelectsGetsItsOwners) {
+  summaryWith({9, 1}, 1);
+  fake::javaThread* const thread = vm.makeThread("t");
+  fake::javaThread* const owner = vm.makeThread("owner");
+  vm.setOwner(all[1], owner);
+  startDetail();
+  contend(thread, all[1], 5);
+  EXPECT_FALSE(ownerOf(all[1], "owner")) << "not selected yet";
+  startDetail();
+  contend(thread, all[1], 5);
+  ASSERT_TRUE(ownerOf(all[1], "owner"));
+  EXPECT_EQ(ownerOf(all[1], "owner")->blockingCount, 1U);
+  stopProfiling();
+  EXPECT_EQ(report()["blockingThreads"]["owner"]["blockingCount"], 1);
+}
+
+TEST_F(ranking, lockSelectedAnewAfterAReportBeginsWithoutOwners) {
+  summaryWith({9}, 1);
+  fake::javaThread* const thread = vm.makeThread("t");
+  vm.setOwner(all[0], vm.makeThread("first"));
+  startDetail();
+  contend(thread, all[0], 5);
+  locks()->dumpJsonObjectFromMapDS(vm.env(), vm.ref(vm.makeString(reportPath())));
+  EXPECT_THAT(selected(), IsEmpty());
+  vm.setOwner(all[0], vm.makeThread("second"));
+  contend(thread, all[0], 5);
+  EXPECT_FALSE(ownerOf(all[0], "second")) << "not selected any more";
+  startDetail();
+  EXPECT_FALSE(ownerOf(all[0], "first"));
+  contend(thread, all[0], 5);
+  EXPECT_TRUE(ownerOf(all[0], "second"));
+}
+
 TEST_F(ranking, orderIsThatOfTheRankingWhateverHappensLater) {
   summaryWith({2, 1}, -1);
   startDetail();
