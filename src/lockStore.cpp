@@ -181,6 +181,15 @@ void lockStore::clearTopLocks() {
   lockmap_.forEach([](std::uint64_t, lockEntry& each) { each.bean.deselect(); });
 }
 
+void lockStore::lowerFirstStarts(std::int64_t time) {
+  if (time <= 0) return;  // the VM gave none
+  for (std::atomic<std::int64_t>* const each : {&firstStart_, &firstSinceLoss_}) {
+    std::int64_t first = each->load(std::memory_order_relaxed);
+    while (time < first && !each->compare_exchange_weak(first, time, std::memory_order_relaxed)) {
+    }
+  }
+}
+
 bool lockStore::addStackTrace(std::uint64_t hash, std::string_view text) {
   std::string joined(text);
   std::replace(joined.begin(), joined.end(), '\n', ',');

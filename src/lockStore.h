@@ -237,6 +237,23 @@ class lockStore {
   // Deselects all.
   void clearTopLocks();
 
+  // Starts of blocks and waits, which events leave in their thread's storage. Any thread.
+  //
+  // An event of this session leaves one.
+  void noteStart(std::int64_t time) {
+    if (time < firstSinceLoss_.load(std::memory_order_relaxed)) lowerFirstStarts(time);
+  }
+  // Events may have been lost until now.
+  void noteLostEvents() { firstSinceLoss_.store(INT64_MAX, std::memory_order_relaxed); }
+  // Whether this session has left `start`, rather than an earlier one.
+  bool hasLeft(std::int64_t start) const {
+    return start >= firstStart_.load(std::memory_order_relaxed);
+  }
+  // Whether it has, and no event was lost since.
+  bool hasLeftSinceLoss(std::int64_t start) const {
+    return start >= firstSinceLoss_.load(std::memory_order_relaxed);
+  }
+
   // Remembers a stack trace; `text` has one line for each frame. True when it is a new one.
   bool addStackTrace(std::uint64_t hash, std::string_view text) EXCLUDES(stackMapMutex);
   bool knowsStackTrace(std::uint64_t hash) const { return stackHashMap_.find(hash) != nullptr; }
@@ -261,8 +278,13 @@ class lockStore {
  private:
   struct nothing {};
 
+  void lowerFirstStarts(std::int64_t time);
+
   support::insertOnlyMap<lockEntry> lockmap_;     // by identity hash
   support::insertOnlyMap<nothing> stackHashMap_;  // by stack hash
+  // The earliest start left: in all, and since events were lost.
+  std::atomic<std::int64_t> firstStart_{INT64_MAX};
+  std::atomic<std::int64_t> firstSinceLoss_{INT64_MAX};
 };
 
 }  // namespace agent

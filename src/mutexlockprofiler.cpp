@@ -44,18 +44,9 @@ reportQueueOfProcess& reportQueue() {
   return queue;
 }
 
-// The start of the block or wait that an event ends, left by an earlier event of the thread.
-std::optional<std::int64_t> startOf(jvmtiEnv* jvmti, jthread thread) {
-  void* stored = nullptr;
-  if (jvmti->GetThreadLocalStorage(thread, &stored) != JVMTI_ERROR_NONE || stored == nullptr) {
-    return std::nullopt;
-  }
-  return static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stored));
-}
-
-void storeStart(jvmtiEnv* jvmti, jthread thread, std::int64_t time) {
-  jvmti->SetThreadLocalStorage(thread, reinterpret_cast<void*>(static_cast<std::intptr_t>(time)));
-}
+// The start of the block or wait that this native thread is in, 0 for none. A virtual thread may
+// end it on another one.
+thread_local std::int64_t openStart = 0;
 
 // The time from `start` to `end`; 0 when one of them is not known.
 std::uint64_t elapsed(std::int64_t start, std::int64_t end) {
@@ -162,8 +153,15 @@ bool mutexLockProfiler::useStore(std::shared_ptr<lockStore> next) {
 
 void mutexLockProfiler::setState(std::int32_t state) {
   epoch_.fetch_add(1);
+  const bool ignoredEvents = this->state() == kLockStopped;
   profiler::setState(state);
   epoch_.fetch_add(1);
+  if (ignoredEvents) noteLostEvents();
+}
+
+void mutexLockProfiler::noteLostEvents() {
+  epoch_.fetch_add(1);
+  store()->noteLostEvents();
 }
 
 void mutexLockProfiler::setEventCallbacks() {
@@ -416,7 +414,10 @@ void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEn
     mutexLockProfiler& self = *work->profiler;
     const std::uint32_t epoch = self.epoch_.load();  // before the state that it belongs to
     const std::int32_t state = self.state();
-    if (state == kLockStopped) return;
+    if (state == kLockStopped) {
+      openStart = 0;  // it has ended now, or another one has begun whose start is not left
+      return;
+    }
     monitorEvent event{jvmti,  jni,          thread,
                        object, texts,        state,
                        epoch,  *work->store, support::threadName(jvmti, jni)};
@@ -479,9 +480,34 @@ void JNICALL mutexLockProfiler::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthr
          [](mutexLockProfiler& self, monitorEvent& event) { self.waited(event); });
 }
 
-void mutexLockProfiler::contendedEnter(monitorEvent& event) {
+// Leaves the event's time in its thread's storage, as the start of a block or wait.
+inline void mutexLockProfiler::leaveStart(monitorEvent& event) {
   event.readTime();
-  storeStart(event.jvmti, event.thread, event.time);
+  event.store.noteStart(event.time);
+  openStart = event.time;
+  void* const stored = reinterpret_cast<void*>(static_cast<std::intptr_t>(event.time));
+  const jvmtiError error = event.jvmti->SetThreadLocalStorage(event.thread, stored);
+  if (error != JVMTI_ERROR_NONE) event.store.noteLostEvents();  // an older start stays there
+}
+
+// The start of the block or wait that the event ends, as an earlier event of the thread has left
+// it; none when it is not known. What an earlier session has left is not known. What was left
+// before events were lost may have ended since, unless this native thread is in it still.
+inline std::optional<std::int64_t> mutexLockProfiler::takeStart(const monitorEvent& event) const {
+  const std::int64_t open = std::exchange(openStart, 0);
+  void* stored = nullptr;
+  if (event.jvmti->GetThreadLocalStorage(event.thread, &stored) != JVMTI_ERROR_NONE ||
+      stored == nullptr) {
+    return std::nullopt;
+  }
+  const auto start = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stored));
+  const bool known =
+      event.store.hasLeftSinceLoss(start) || (start == open && event.store.hasLeft(start));
+  return known ? std::optional(start) : std::nullopt;
+}
+
+void mutexLockProfiler::contendedEnter(monitorEvent& event) {
+  leaveStart(event);
   std::int64_t origin = startTime_.load();
   if (origin < 1 && event.time > 0) startTime_.compare_exchange_strong(origin, event.time);
 
@@ -523,7 +549,7 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
   } guard{epoch_};
 
   event.readTime();
-  const std::optional<std::int64_t> start = startOf(event.jvmti, event.thread);
+  const std::optional<std::int64_t> start = takeStart(event);
   namedMonitor monitor;
   if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
   if (monitor.bean == nullptr) {
@@ -551,8 +577,7 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
 }
 
 void mutexLockProfiler::wait(monitorEvent& event) {
-  event.readTime();
-  storeStart(event.jvmti, event.thread, event.time);
+  leaveStart(event);
   namedMonitor monitor;
   if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
   if (monitor.bean == nullptr) {
@@ -565,13 +590,14 @@ void mutexLockProfiler::wait(monitorEvent& event) {
 
 void mutexLockProfiler::waited(monitorEvent& event) {
   if (!event.detail()) {  // waits are measured in detail sessions only
+    openStart = 0;
     if (event.object != nullptr && event.thread == nullptr) {
       event.texts.error(event.texts.threadIsNull);
     }
     return;
   }
   event.readTime();
-  const std::optional<std::int64_t> start = startOf(event.jvmti, event.thread);
+  const std::optional<std::int64_t> start = takeStart(event);
   namedMonitor monitor;
   if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
   if (monitor.bean == nullptr) return;

@@ -48,6 +48,9 @@ class mutexLockProfiler : public profiler {
 
   // Every change of the state also ends what is known about waiting threads.
   void setState(std::int32_t state);
+  // Events may not have reached their handlers until now: what is known about waiting threads ends,
+  // and blocks and waits from before count only where their end cannot have been missed.
+  void noteLostEvents();
 
   // Event handlers, as JVMTI calls them.
   static void JNICALL VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
@@ -107,6 +110,8 @@ class mutexLockProfiler : public profiler {
   bool nameThread(monitorEvent& event, const namedMonitor& monitor);
   lockBean* makeLock(monitorEvent& event, const namedMonitor& monitor, bool& made);
   std::size_t minuteSlot(std::int64_t time) const;
+  void leaveStart(monitorEvent& event);
+  std::optional<std::int64_t> takeStart(const monitorEvent& event) const;
   bool mayLookUpOwner(const monitorEvent& event);
   void lookUpOwner(monitorEvent& event, topLockBean& top);
   std::optional<foundOwner> askForOwner(monitorEvent& event, ownerLookup* lookup);

@@ -94,6 +94,9 @@ void profilerRegistry::switchProfiler(std::int32_t kind, bool enable) {
   if (jvmtiEnv* const jvmti = environment()) {
     jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));
   }
+  // The VM takes the old handlers out before it puts the new ones in.
+  const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
+  if (locks && locks->enabled()) locks->noteLostEvents();
 }
 
 void profilerRegistry::removeProfiler(std::int32_t kind) {

@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from harness import DEFAULT_OPTIONS, HOME, stack_hash
+from harness import DEFAULT_OPTIONS, HOME, SECOND, stack_hash
 
 ENTRY_STACK = "at Entrant.enter(),at Entrant.run()"
 ENTRY_HASH = str(stack_hash(ENTRY_STACK))
@@ -269,12 +269,31 @@ def test_blocks_and_waits_from_before_the_session_add_no_time(jvm):
     assert (waiter["count"], waiter["totalWaitTime"]) == (0, 0)
 
 
+def test_blocks_and_waits_from_between_sessions_add_no_time(jvm):
+    run = jvm.run("BetweenSessions", "first.json", "second.json", "stacks.txt")
+    report, lock, bell = run.report("second.json"), run.facts["lock"], run.facts["bell"]
+    assert run.fact("high") < 3 * SECOND  # less than the time between the sessions
+    assert report.thread_counts(lock) == {"last": 1}
+    assert report.locks[lock]["totalBlockTime"] <= run.fact("high") // SECOND
+    assert report.locks[bell]["totalWaitTime"] == 0
+    waiter = report.locks[bell]["threadbean"]["waiter"]
+    assert (waiter["count"], waiter["totalWaitTime"]) == (0, 0)
+
+
 @pytest.mark.parametrize("refused", [False, True], ids=["without", "refused"])
 def test_owners_are_those_of_their_own_session(jvm, refused):
     run = jvm.run("UnreportedSession", refused, *FILES)
     assert run.facts.get("stop.first") == ("0" if refused else None)
     assert run.facts["stop"] == "1"
     assert run.report().owner_counts() == {"second owner": 1}
+
+
+def test_a_second_session_counts_from_its_start_on(jvm):
+    run = jvm.run("BeforeSummary", "first.json", "second.json", "stacks.txt")
+    assert run.report("first.json").locks == {}
+    second, lock = run.report("second.json"), run.facts["lock.1"]
+    assert second.thread_counts(lock) == {"one": 1, "two": 1}
+    assert second.owner_counts() == {"owner": 2}
 
 
 def test_debug_lines_name_thread_and_lock(jvm):

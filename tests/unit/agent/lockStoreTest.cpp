@@ -292,6 +292,32 @@ TEST_F(lockStoreTest, newSessionEmptiesLocksHashesAndTexts) {
   EXPECT_TRUE(locks()->store()->stacktracemap.empty());
 }
 
+TEST_F(lockStoreTest, startsFromBeforeItsFirstAreNotItsOwn) {
+  agent::lockStore store(nullptr);
+  EXPECT_FALSE(store.hasLeft(1000));
+  store.noteStart(0);  // the VM gave no time
+  EXPECT_FALSE(store.hasLeft(1000));
+  store.noteStart(50);
+  store.noteStart(60);
+  EXPECT_TRUE(store.hasLeft(50));
+  EXPECT_FALSE(store.hasLeft(49));
+  store.noteStart(40);  // of a thread that read the time before
+  EXPECT_TRUE(store.hasLeft(40));
+}
+
+TEST_F(lockStoreTest, startsFromBeforeEventsWereLostAreToldApart) {
+  agent::lockStore store(nullptr);
+  store.noteStart(50);
+  EXPECT_TRUE(store.hasLeftSinceLoss(50));
+  store.noteLostEvents();
+  EXPECT_FALSE(store.hasLeftSinceLoss(50));
+  EXPECT_TRUE(store.hasLeft(50));
+  store.noteStart(70);
+  EXPECT_FALSE(store.hasLeftSinceLoss(60));
+  EXPECT_TRUE(store.hasLeftSinceLoss(70));
+  EXPECT_TRUE(store.hasLeft(60));
+}
+
 TEST_F(lockStoreTest, newSessionLeavesStartTimeAloneAndHasNoSelectedLocks) {
   load();
   fake::object* const lock = vm.makeObject("a.Lock");

@@ -419,6 +419,182 @@ TEST_F(monitorEvents, waitedUsesTheTimeThatAnEarlierEventOfTheThreadLeft) {
   EXPECT_EQ(lockBeanOf(lock)->totalWaitTime, 500U);
 }
 
+// --- Starts that are not this session's, or that an event was lost after.
+
+class earlierStarts : public monitorEvents {
+ protected:
+  void switchOtherProfiler() { agent::getRegistry()->switchProfiler(agent::kMemoryProfiler, true); }
+
+  fake::object* lock = makeLock();
+  fake::javaThread* thread = makeThread("one");
+  fake::javaThread* other = makeThread("other");
+};
+
+// The thread has contended in the first session, and blocks while none runs.
+TEST_F(earlierStarts, aBlockFromBetweenTwoSessionsAddsNoTime) {
+  load();
+  beginDetail({lock});
+  contend(thread, lock, 100);
+  stopDetail();
+  stopProfiling();
+  vm.advance(20 * kSecond);
+  beginSummary();
+  contend(other, lock, 5);
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 5U);
+}
+
+TEST_F(earlierStarts, aWaitFromBetweenTwoSessionsAddsNoTime) {
+  load();
+  beginDetail({lock});
+  wait(thread, lock, 100);
+  stopDetail();
+  stopProfiling();
+  vm.advance(20 * kSecond);
+  beginDetail({lock});
+  vm.advance(7);
+  vm.monitorWaited(thread, lock, false);
+  EXPECT_EQ(lockBeanOf(lock)->totalWaitTime, 0U);
+  ASSERT_NE(threadOf(lock, "one"), nullptr);
+  EXPECT_EQ(threadOf(lock, "one")->totalWaitTime, 0U);
+  EXPECT_EQ(threadOf(lock, "one")->lastWaitTime, 0);
+}
+
+TEST_F(earlierStarts, theNextBlockOfTheSameThreadCounts) {
+  load();
+  beginDetail({lock});
+  contend(thread, lock, 100);
+  beginDetail({lock});
+  vm.contendedEntered(thread, lock);
+  contend(thread, lock, 30);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 30U);
+  EXPECT_EQ(threadOf(lock, "one")->totalBlockTime, 30U);
+}
+
+// With one lock to select, the time that nobody was blocked would choose another one.
+TEST_F(earlierStarts, doNotRankALock) {
+  load();
+  fake::object* const hot = makeLock("hot.Lock");
+  beginSummary();
+  contend(thread, lock, 100);
+  stopDetail();
+  stopProfiling();
+  vm.advance(30 * kSecond);
+  beginSummary({.topLocks = 1});
+  contend(other, lock, 20);
+  vm.contendedEntered(thread, lock);
+  contend(other, hot, 2000);
+  startDetail();
+  EXPECT_NE(locks()->findTopLock(nameOf(hot)), nullptr);
+  EXPECT_EQ(locks()->findTopLock(nameOf(lock)), nullptr);
+}
+
+// The VM has no handler for a moment while another profiler is switched.
+TEST_F(earlierStarts, aStartLostWhileAnotherProfilerIsSwitchedAddsNoTime) {
+  load();
+  beginSummary();
+  contend(thread, lock, 100);
+  vm.advance(10 * kSecond);
+  switchOtherProfiler();
+  vm.advance(10 * kSecond);
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 100U);
+}
+
+TEST_F(earlierStarts, aStartLostAfterAWaitWhileAnotherProfilerIsSwitchedAddsNoTime) {
+  load();
+  beginSummary();
+  wait(thread, lock, 100);
+  vm.advance(10 * kSecond);
+  switchOtherProfiler();
+  vm.advance(10 * kSecond);
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 0U);
+}
+
+TEST_F(earlierStarts, aBlockThatGoesOnWhileAnotherProfilerIsSwitchedCounts) {
+  load();
+  beginSummary();
+  contend(other, lock);
+  vm.contendedEnter(thread, lock);
+  vm.advance(40);
+  switchOtherProfiler();
+  vm.advance(60);
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 100U);
+}
+
+TEST_F(earlierStarts, aWaitThatGoesOnWhileTheDetailPhaseIsStoppedCounts) {
+  load();
+  beginDetail({lock});
+  vm.monitorWait(thread, lock, 0);
+  vm.advance(40);
+  stopDetail();
+  vm.advance(40);
+  startDetail();
+  vm.advance(20);
+  vm.monitorWaited(thread, lock, false);
+  EXPECT_EQ(lockBeanOf(lock)->totalWaitTime, 100U);
+}
+
+TEST_F(earlierStarts, aStartLostWhileTheDetailPhaseIsStoppedAddsNoTime) {
+  load();
+  beginDetail({lock});
+  contend(thread, lock, 100);
+  stopDetail();
+  vm.advance(10 * kSecond);
+  vm.contendedEnter(thread, lock);
+  vm.advance(10 * kSecond);
+  startSummary();
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 100U);
+}
+
+// Its end was missed, and the start of the block that ends now.
+TEST_F(earlierStarts, aWaitThatEndsWhileTheDetailPhaseIsStoppedAddsNoTime) {
+  load();
+  beginDetail({lock});
+  vm.monitorWait(thread, lock, 0);
+  stopDetail();
+  vm.advance(10);
+  vm.monitorWaited(thread, lock, false);
+  vm.contendedEnter(thread, lock);
+  vm.advance(10 * kSecond);
+  startSummary();
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 0U);
+}
+
+TEST_F(earlierStarts, aStartThatTheVmDoesNotStoreIsNoStart) {
+  load();
+  beginSummary();
+  contend(thread, lock, 100);
+  vm.advance(10 * kSecond);
+  vm.fail("SetThreadLocalStorage", {.times = 1});
+  contend(thread, lock, 50);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 100U);
+  contend(thread, lock, 25);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 125U);
+}
+
+// Stopping leaves the events enabled, so the next session's settings find them so.
+TEST_F(earlierStarts, aSecondSessionCountsFromItsStartOn) {
+  load();
+  startProfiling();
+  EXPECT_FALSE(vm.contendedEnter(thread, lock)) << "the first one counts from its summary on";
+  startSummary();
+  stopDetail();
+  stopProfiling();
+  startProfiling();
+  contend(thread, lock, 10);
+  contend(thread, lock, 10);
+  ASSERT_NE(lockBeanOf(lock), nullptr);
+  EXPECT_EQ(lockBeanOf(lock)->count, 2U);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 20U);
+  startDetail();
+  EXPECT_NE(locks()->findTopLock(nameOf(lock)), nullptr) << "without a summary";
+}
+
 TEST_F(monitorEvents, enterAndEnteredMayRunOnTwoCarriersOfAVirtualThread) {
   load();
   fake::object* const lock = makeLock();
