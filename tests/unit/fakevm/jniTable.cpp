@@ -437,6 +437,16 @@ struct called<jobject> {
 };
 
 template <>
+struct called<jint> {
+  static bool fits(char type) { return type == 'I'; }
+  // What threw gives no value.
+  static jint from(threadEnv&, functionId, const value& given) {
+    const jint* const result = std::get_if<jint>(&given);
+    return result == nullptr ? 0 : *result;
+  }
+};
+
+template <>
 struct called<bool> {  // a void method; the result says nothing
   static bool fits(char type) { return type == 'V'; }
   static bool from(threadEnv&, functionId, const value&) { return true; }
@@ -482,6 +492,25 @@ struct callForms {
         jni, receiver, code, argumentSource(arguments == nullptr ? &kNone : arguments)));
   }
 };
+
+// The C++ form of the plain function comes here, too.
+jobject JNICALL callNonvirtualObjectMethodV(JNIEnv* jni, jobject reference, jclass type,
+                                            jmethodID code, va_list list) {
+  constexpr functionId id = FAKE_JNI(CallNonvirtualObjectMethod);
+  const rawArguments raw{.target = reference, .code = code};
+  return perform(jni, id, raw, jobject{}, [&](machine& vm, threadEnv& env) -> jobject {
+    object* on = vm.needObject(env, id, reference);
+    javaClass* declaring = needClass(vm, env, id, type);
+    method* runs = vm.needMethod(id, code);
+    if (on == nullptr || declaring == nullptr || runs == nullptr) return nullptr;
+    if (!machine::isInstance(*on, *declaring)) {
+      machine::report(id, "the object is none of the class " + declaring->name);
+      return nullptr;
+    }
+    std::vector<value> arguments = argumentSource(list).read(vm, env, id, *runs);
+    return called<jobject>::from(env, id, vm.invoke(env, *runs, on, std::move(arguments)));
+  });
+}
 
 // --- Strings and arrays.
 
@@ -585,6 +614,20 @@ jobject JNICALL getObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize
   });
 }
 
+void JNICALL setObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize index,
+                                   jobject element) {
+  constexpr functionId id = FAKE_JNI(SetObjectArrayElement);
+  performVoid(jni, id, {.target = reference, .number = index}, [&](machine& vm, threadEnv& env) {
+    auto* found = vm.need<objectArray>(env, id, reference, objectKind::objectArray);
+    if (found == nullptr) return;
+    if (index < 0 || static_cast<std::size_t>(index) >= found->elements.size()) {
+      vm.raise(env, vm.makeThrowable("java.lang.ArrayIndexOutOfBoundsException"));
+      return;
+    }
+    found->elements[static_cast<std::size_t>(index)] = vm.use(env, id, element);
+  });
+}
+
 void addReferences(JNINativeInterface_& table) {
   table.NewLocalRef = newLocalRef;
   table.DeleteLocalRef = deleteLocalRef;
@@ -637,9 +680,11 @@ void addCalls(JNINativeInterface_& table) {
     table.name##A = forms::array;                                                  \
   }
   FAKE_CALLS(CallObjectMethod, false, jobject, jobject, jobject)
+  FAKE_CALLS(CallIntMethod, false, jint, jobject, jint)
   FAKE_CALLS(CallStaticObjectMethod, true, jobject, jclass, jobject)
   FAKE_CALLS(CallStaticVoidMethod, true, bool, jclass, void)
 #undef FAKE_CALLS
+  table.CallNonvirtualObjectMethodV = callNonvirtualObjectMethodV;
 }
 
 JNINativeInterface_ makeTable() {
@@ -662,6 +707,7 @@ JNINativeInterface_ makeTable() {
   table.GetStringUTFRegion = getStringUtfRegion;
   table.GetArrayLength = getArrayLength;
   table.GetObjectArrayElement = getObjectArrayElement;
+  table.SetObjectArrayElement = setObjectArrayElement;
   return table;
 }
 

@@ -273,6 +273,22 @@ jvmtiError JNICALL setThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, const 
   });
 }
 
+jvmtiError JNICALL stopThread(jvmtiEnv* jvmti, jthread thread, jobject exception) {
+  constexpr functionId id = FAKE_JVMTI(StopThread);
+  return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
+    {
+      const std::lock_guard hold(vm.modelMutex);
+      if (vm.added.can_signal_thread == 0) return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
+    }
+    javaThread* receiver = givenThread(vm, *env, id, thread);
+    if (receiver == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    object* sent = vm.needObject(*env, id, exception);
+    if (sent == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    receiver->sent = sent;
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 jvmtiError JNICALL getThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, void** data) {
   constexpr functionId id = FAKE_JVMTI(GetThreadLocalStorage);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
@@ -760,6 +776,7 @@ jvmtiInterface_1 makeTable() {
   table.SetEventCallbacks = setEventCallbacks;
   table.SetEventNotificationMode = setEventNotificationMode;
   table.DisposeEnvironment = disposeEnvironment;
+  table.StopThread = stopThread;
   table.SetThreadLocalStorage = setThreadLocalStorage;
   table.GetThreadLocalStorage = getThreadLocalStorage;
   table.GetThreadInfo = getThreadInfo;

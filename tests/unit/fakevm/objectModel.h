@@ -171,6 +171,7 @@ struct javaThread : object {
 
   std::atomic<const std::string*> name{nullptr};  // null: the VM gives a null name
   std::atomic<void*> storage{nullptr};            // JVMTI thread-local storage
+  std::atomic<object*> sent{nullptr};             // by StopThread, last
   bool isVirtual = false;  // GetObjectMonitorUsage does not name a virtual thread as owner
   bool isDaemon = false;
   jint priority = 5;
