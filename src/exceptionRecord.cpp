@@ -7,11 +7,34 @@ namespace agent::record {
 
 namespace {
 
-void appendHead(std::string& out, std::string_view name, typeCode code) {
-  out += name;
-  out += kJoin;
-  out += std::to_string(static_cast<int>(code));
-  out += kJoin;
+// What a text grows beyond the limit before it is cut to it.
+constexpr std::size_t kSlack = 4096;
+
+// How long a name and a code are in an entry.
+std::size_t lengthOfHead(std::string_view name, typeCode code) {
+  constexpr int kFirstOfTwoDigits = 10;
+  return name.size() + 2 * kJoin.size() + (static_cast<int>(code) < kFirstOfTwoDigits ? 1 : 2);
+}
+
+bool isContinuation(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
+}
+
+// Whether a surrogate stands at `at`, with its second byte in the range.
+bool isSurrogate(std::string_view text, std::size_t at, unsigned char first, unsigned char last) {
+  if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != 0xED) return false;
+  const auto second = static_cast<unsigned char>(text[at + 1]);
+  return second >= first && second <= last;
+}
+
+constexpr std::size_t kSurrogateBytes = 3;
+
+bool isHighSurrogate(std::string_view text, std::size_t at) {
+  return isSurrogate(text, at, 0xA0, 0xAF);
+}
+
+bool isLowSurrogate(std::string_view text, std::size_t at) {
+  return isSurrogate(text, at, 0xB0, 0xBF);
 }
 
 }  // namespace
@@ -42,43 +65,125 @@ typeCode codeOf(std::string_view signature) {
   return typeCode::object;
 }
 
-void appendEntry(std::string& out, std::string_view name, typeCode code, std::string_view value) {
-  appendHead(out, name, code);
-  out += value;
-  out += kEnd;
+std::string withoutValues(std::string_view text) {
+  const std::size_t end = text.find(kEndHeader);
+  if (end == std::string_view::npos) return {};
+  std::string first(text.substr(0, end + kEndHeader.size()));
+  for (const std::string_view mark : {kEndClassVariables, kEndArguments, kEndLocals}) first += mark;
+  return first;
 }
 
-void appendNumber(std::string& out, std::string_view name, typeCode code, std::int64_t value) {
-  appendEntry(out, name, code, std::to_string(value));
+// The text doubles as it grows: from such a part of the limit it comes to the limit, not beyond.
+builder::builder(std::size_t limit) : limit_(limit) {
+  std::size_t start = limit + kSlack;
+  while (start >= 2 * kSlack) start = (start + 1) / 2;
+  text_.reserve(start);
 }
 
-void appendFloat(std::string& out, std::string_view name, typeCode code, double value) {
+bool builder::fits(std::size_t bytes) {
+  if (text_.size() + reserved_ + bytes <= limit_) return true;
+  isCut_ = true;
+  return false;
+}
+
+void builder::goBack(place to) {
+  text_.resize(to.size);
+  reserved_ = to.reserved;
+}
+
+bool builder::openFrame(std::string_view header) {
+  constexpr std::size_t kClosing =
+      kEndClassVariables.size() + kEndArguments.size() + kEndLocals.size() + kEndFrame.size();
+  if (!fits(header.size() + kClosing)) return false;
+  text_ += header;
+  reserved_ += kClosing;
+  return true;
+}
+
+void builder::endSection(std::string_view mark) {
+  text_ += mark;
+  reserved_ -= mark.size();
+}
+
+void builder::appendHead(std::string_view name, typeCode code) {
+  text_ += name;
+  text_ += kJoin;
+  text_ += std::to_string(static_cast<int>(code));
+  text_ += kJoin;
+}
+
+void builder::appendEntry(std::string_view name, typeCode code, std::string_view value) {
+  if (!fits(lengthOfHead(name, code) + value.size() + kEnd.size())) return;
+  appendHead(name, code);
+  text_ += value;
+  text_ += kEnd;
+}
+
+void builder::appendNumber(std::string_view name, typeCode code, std::int64_t value) {
+  std::array<char, 24> text;
+  const auto end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
+  appendEntry(name, code,
+              std::string_view(text.data(), static_cast<std::size_t>(end - text.data())));
+}
+
+void builder::appendFloat(std::string_view name, typeCode code, double value) {
   constexpr int kDigits = 6;
   std::array<char, 400> text;  // the largest double has 309 digits before the point
   const auto end = std::to_chars(text.data(), text.data() + text.size(), value,
                                  std::chars_format::fixed, kDigits)
                        .ptr;
-  appendEntry(out, name, code,
+  appendEntry(name, code,
               std::string_view(text.data(), static_cast<std::size_t>(end - text.data())));
 }
 
-void appendObject(std::string& out, std::string_view name, std::string_view captured) {
-  out += kOpenObject;
-  appendHead(out, name, typeCode::object);
-  out += captured;
-  out += kEndObject;
+void builder::appendNullObject(std::string_view name) {
+  const std::size_t opened = openObject(name);
+  if (opened == kNotOpen) return;
+  text_ += kNull;
+  closeObject(opened);
 }
 
-void appendNullObject(std::string& out, std::string_view name) {
-  appendObject(out, name, kNull);
+void builder::appendNullField(std::string_view name) {
+  appendEntry(name, typeCode::object, kNull);
 }
 
-void appendNullField(std::string& out, std::string_view name) {
-  appendEntry(out, name, typeCode::object, kNull);
+std::size_t builder::openObject(std::string_view name) {
+  constexpr std::size_t kClosing = kNull.size() + kEndObject.size();
+  if (!fits(kOpenObject.size() + lengthOfHead(name, typeCode::object) + kClosing)) return kNotOpen;
+  text_ += kOpenObject;
+  appendHead(name, typeCode::object);
+  reserved_ += kClosing;
+  return text_.size();
 }
 
-void dropLastSeparator(std::string& section) {
-  if (section.size() > kSeparatorLength) section.resize(section.size() - kSeparatorLength);
+void builder::closeObject(std::size_t opened) {
+  if (isCut_ && text_.size() == opened) text_ += kNull;  // none of it did fit
+  text_ += kEndObject;
+  reserved_ -= kNull.size() + kEndObject.size();
+}
+
+void builder::dropLastSeparator(std::size_t start) {
+  if (text_.size() - start > kSeparatorLength) text_.resize(text_.size() - kSeparatorLength);
+}
+
+bool builder::openText(std::string_view name, typeCode code, std::size_t units) {
+  if (!fits(lengthOfHead(name, code) + std::min(units, kBytesOfPair) + kEnd.size())) return false;
+  appendHead(name, code);
+  reserved_ += kEnd.size();
+  return true;
+}
+
+void builder::closeText() {
+  text_ += kEnd;
+  reserved_ -= kEnd.size();
+}
+
+void builder::shortenText(std::size_t start, std::size_t bytes) {
+  std::size_t end = start + bytes;
+  while (end > start && isContinuation(text_[end])) --end;
+  const bool isSecondHalf = isLowSurrogate(text_, end) && end >= start + kSurrogateBytes &&
+                            isHighSurrogate(text_, end - kSurrogateBytes);
+  text_.resize(isSecondHalf ? end - kSurrogateBytes : end);
 }
 
 }  // namespace agent::record

@@ -3,9 +3,12 @@
 // Values are not escaped; whoever reads a record tells text from separators by their order.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace agent::record {
 
@@ -41,19 +44,121 @@ enum class typeCode : int {
 // The code of a field or variable with this signature.
 typeCode codeOf(std::string_view signature);
 
-// name:code:value,
-void appendEntry(std::string& out, std::string_view name, typeCode code, std::string_view value);
-void appendNumber(std::string& out, std::string_view name, typeCode code, std::int64_t value);
-// The value as "%f" writes it in the C locale.
-void appendFloat(std::string& out, std::string_view name, typeCode code, double value);
+// The first frame of a delivered record, with empty sections.
+std::string withoutValues(std::string_view text);
 
-// An object entry around `captured`.
-void appendObject(std::string& out, std::string_view name, std::string_view captured);
-// The entry of a null reference: among arguments and locals, and among an object's fields.
-void appendNullObject(std::string& out, std::string_view name);
-void appendNullField(std::string& out, std::string_view name);
+// A record as it grows: entries are appended in place, nested ones too, up to a budget of bytes.
+//
+// What is open can always be closed: room for that is kept from the moment of opening. Something
+// that does not fit is not appended and leaves the record cut; whoever walks over values then stops
+// and closes what it has opened, so that a cut record ends after its last whole entry.
+class builder {
+ public:
+  explicit builder(std::size_t limit);
 
-// Drops the separator at the end of a section; a text of three characters or fewer stays.
-void dropLastSeparator(std::string& section);
+  const std::string& text() const { return text_; }
+  std::string take() { return std::move(text_); }
+  std::size_t limit() const { return limit_; }
+
+  bool isCut() const { return isCut_; }
+  // Ends the walk over values, for another reason than the room.
+  void cut() { isCut_ = true; }
+
+  // A frame, which begins with its header; false when that does not fit.
+  bool openFrame(std::string_view header);
+  // Ends a section of the open frame, or with kEndFrame the frame.
+  void endSection(std::string_view mark);
+
+  // name:code:value,
+  void appendEntry(std::string_view name, typeCode code, std::string_view value);
+  void appendNumber(std::string_view name, typeCode code, std::int64_t value);
+  // The value as "%f" writes it in the C locale.
+  void appendFloat(std::string_view name, typeCode code, double value);
+  // The entry of a null reference: among arguments and locals, and among an object's fields.
+  void appendNullObject(std::string_view name);
+  void appendNullField(std::string_view name);
+
+  // How a text came out. Without room for the beginning of it nothing was appended.
+  enum class outcome { written, unreadable, noRoom };
+  // Appends a text of `units` UTF-16 code units, up to `most` of them, and as many as fit: it is
+  // never cut within a character. `read(start, count, out)` gives units as modified UTF-8 with a
+  // NUL behind them, or false when it cannot.
+  template <typename Read>
+  outcome appendText(std::string_view name, typeCode code, std::size_t units, std::size_t most,
+                     Read&& read);
+
+  // An object entry, around the entries appended until it is closed. Opening gives what closing
+  // needs, or kNotOpen when there is no room: nothing is to be closed then.
+  static constexpr std::size_t kNotOpen = 0;
+  std::size_t openObject(std::string_view name);
+  void closeObject(std::size_t opened);
+
+  // Drops the separator at the end of the section that began when the text had `start` bytes; one
+  // of three characters or fewer stays.
+  void dropLastSeparator(std::size_t start);
+  std::size_t size() const { return text_.size(); }
+
+  // Where the record stands, to go back there from an entry that could not be finished.
+  struct place {
+    std::size_t size;
+    std::size_t reserved;
+  };
+  place here() const { return {text_.size(), reserved_}; }
+  void goBack(place to);
+
+ private:
+  static constexpr std::size_t kUnitsAtOnce = 1024;
+  static constexpr std::size_t kBytesOfUnit = 3;  // at most
+  static constexpr std::size_t kBytesOfPair = 6;
+
+  // Bytes that may still be appended.
+  std::size_t room() const {
+    const std::size_t used = text_.size() + reserved_;
+    return used < limit_ ? limit_ - used : 0;
+  }
+  // Whether so many bytes may be appended; the record is cut when not.
+  bool fits(std::size_t bytes);
+  void appendHead(std::string_view name, typeCode code);
+  // The beginning of a text entry, if that and a first character fit; and its end.
+  bool openText(std::string_view name, typeCode code, std::size_t units);
+  void closeText();
+  // Ends the text that began at `start` with the last character that lies within `bytes`.
+  void shortenText(std::size_t start, std::size_t bytes);
+
+  std::size_t limit_;
+  std::size_t reserved_ = 0;  // for what closes the open frame and objects
+  std::string text_;
+  bool isCut_ = false;
+};
+
+template <typename Read>
+builder::outcome builder::appendText(std::string_view name, typeCode code, std::size_t units,
+                                     std::size_t most, Read&& read) {
+  const place before = here();
+  if (!openText(name, code, units)) return outcome::noRoom;
+  const std::size_t start = text_.size();
+  const std::size_t bytes = room();
+  // One more than what is written tells a pair at the end from half of one.
+  const std::size_t wanted = units > most ? most + 1 : units;
+  std::size_t done = 0;
+  while (done < wanted && text_.size() - start <= bytes) {
+    const std::size_t count = std::min(wanted - done, kUnitsAtOnce);
+    const std::size_t end = text_.size();
+    text_.resize(end + count * kBytesOfUnit + 1);
+    if (!read(done, count, text_.data() + end)) {
+      goBack(before);
+      return outcome::unreadable;
+    }
+    text_.resize(end + std::char_traits<char>::length(text_.data() + end));
+    done += count;
+  }
+  if (units > most && done == wanted) shortenText(start, text_.size() - start - 1);
+  if (text_.size() - start > bytes) {
+    shortenText(start, bytes);
+    isCut_ = true;
+  }
+  closeText();
+  return outcome::written;
+}
 
 }  // namespace agent::record

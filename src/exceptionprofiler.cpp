@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <optional>
+#include <chrono>
+#include <cstdio>
+#include <new>
 #include <stdexcept>
 #include <utility>
 
@@ -10,12 +12,15 @@
 #include "exceptionRecord.h"
 #include "objectCapture.h"
 #include "profilerRegistry.h"
+#include "raisedInHandler.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/jvmtiStatus.h"
+#include "support/stackRoom.h"
 #include "support/text.h"
 #include "twAprLib.h"
+#include "undeliveredRecords.h"
 #include "vmEnd.h"
 
 namespace agent {
@@ -29,7 +34,6 @@ constexpr const char* kCallback = "exceptionProfiler::ExceptionCallback";
 constexpr const char* kCallbackClass = "com/korvane/twutils/nativeagent/TWNativeAgentProfiling";
 
 constexpr jint kMaxFrames = 100;
-constexpr jint kReferences = 64;  // local ones that a record has at once, at most
 constexpr std::int64_t kWindowSeconds = 60;
 constexpr std::int32_t kNeverExpanded = 5;  // a level at or below every captureObjDepth
 constexpr jlocation kNoLocation = -1;
@@ -61,6 +65,13 @@ class handlerScope {
   handlerScope(const handlerScope&) = delete;
   handlerScope& operator=(const handlerScope&) = delete;
 };
+
+// Set while the callback has a record that was cut.
+thread_local bool recordIsCut = false;
+
+// Stack that a record is built on, with what the VM guards at its end. Where Java code may still be
+// called there is more: the VM keeps 80 KiB free below each of its frames.
+constexpr std::size_t kStackNeeded = std::size_t{48} << 10U;
 
 // The VM has no value in that slot now: the variable is not written, all else is.
 bool hasNoValue(jvmtiError error) {
@@ -207,9 +218,21 @@ struct exceptionProfiler::throwEvent {
   jmethodID method;
   jobject exception;
   std::shared_ptr<ExceptionCaptureSettings> settings;
-  objectCapture capture;
+  raisedInHandler& raised;
+  classPtr info{};                          // of the exception's class, once it is known
+  jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused
 
-  bool failed(jvmtiError error) const { return check(jni, jvmti, error); }
+  bool failed(jvmtiError error) {
+    if (error != JVMTI_ERROR_NONE) lastError = error;
+    return check(jni, jvmti, error);
+  }
+};
+
+// A record under way.
+struct exceptionProfiler::recording {
+  throwEvent& event;
+  record::builder& out;
+  objectCapture capture;
 };
 
 exceptionProfiler::classPtr exceptionProfiler::infoOf(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls,
@@ -241,7 +264,7 @@ void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, 
                                                   jmethodID method, jlocation /*location*/,
                                                   jobject exception, jmethodID /*catchMethod*/,
                                                   jlocation /*catchLocation*/) {
-  if (handlerRuns) return;
+  if (handlerRuns) return raisedInHandler::noteThrow();
   const handlerScope scope;
   try {
     exceptionOccurred(jvmti, jni, thread, method, exception);
@@ -258,80 +281,138 @@ void exceptionProfiler::exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread 
   if (!settings || !settings->enabled) return say("Exception is not enabled");
   if (exception == nullptr) return say("exception object is NULL");
   if (self->state() == kExceptionStopped) return say("Exception profiler stage is stopped");
-  throwEvent event{jvmti,
-                   jni,
-                   thread,
-                   method,
-                   exception,
-                   std::move(settings),
-                   objectCapture(jvmti, jni, thread, self->captureObjDepth)};
+  raisedInHandler raised(jvmti, jni, thread);
+  throwEvent event{jvmti, jni, thread, method, exception, std::move(settings), raised};
+  exceptionCounts::ofProcess().add(exceptionCount::seen);
   self->exceptionThrown(event);
 }
 
 void exceptionProfiler::exceptionThrown(throwEvent& event) {
+  try {
+    const std::optional<exceptionCount> refused = refusal(event);
+    if (!refused) return recordAndDeliver(event);
+    if (*refused == exceptionCount::vm) return lose(event, *refused, nullptr);
+    exceptionCounts::ofProcess().add(*refused);
+  } catch (const std::bad_alloc&) {
+    lose(event, exceptionCount::noMemory, "there is no memory");
+    throw;
+  } catch (...) {
+    lose(event, exceptionCount::vm, "something was thrown in the agent");
+    throw;
+  }
+}
+
+std::optional<exceptionCount> exceptionProfiler::refusal(throwEvent& event) {
   jvmtiError error = JVMTI_ERROR_NONE;
   const support::localRef<jclass> exceptionClass(event.jni,
                                                  event.jni->GetObjectClass(event.exception));
-  if (!exceptionClass) return;
-  const classPtr exceptionInfo = infoOf(event.jvmti, event.jni, exceptionClass.get(), error);
-  if (event.failed(error) || !exceptionInfo) return;
+  if (!exceptionClass) return exceptionCount::vm;
+  event.info = infoOf(event.jvmti, event.jni, exceptionClass.get(), error);
+  if (event.failed(error) || !event.info) return exceptionCount::vm;
 
   if (event.method != nullptr) {
     jclass declaring = nullptr;
-    if (event.failed(event.jvmti->GetMethodDeclaringClass(event.method, &declaring))) return;
+    if (event.failed(event.jvmti->GetMethodDeclaringClass(event.method, &declaring))) {
+      return exceptionCount::vm;
+    }
     const support::localRef<jclass> throwerClass(event.jni, declaring);
     const classPtr thrower = infoOf(event.jvmti, event.jni, declaring, error);
-    if (event.failed(error)) return;
+    if (event.failed(error)) return exceptionCount::vm;
     if (thrower && thrower->value.ignoredAsThrower) {
       TW_LOG(kLogDebug, kSeverityError, kCallback, "Default exception class %s  %s",
-             thrower->value.name.c_str(), exceptionInfo->value.signature.c_str());
-      return;
+             thrower->value.name.c_str(), event.info->value.signature.c_str());
+      return exceptionCount::filtered;
     }
   }
 
-  const std::string& className = exceptionInfo->value.lowerCaseName;
-  if (className.empty()) return say("exception class is empty");
+  const std::string& className = event.info->value.lowerCaseName;
+  if (className.empty()) {
+    say("exception class is empty");
+    return exceptionCount::vm;
+  }
   if (!takeRate(className, event.settings->captureRate, std::time(nullptr))) {
-    return say("exception ratecount exceed");
+    say("exception ratecount exceed");
+    return exceptionCount::overRate;
   }
   const std::vector<std::string>& blackList = event.settings->blackList;
   if (std::find(blackList.begin(), blackList.end(), className) != blackList.end()) {
     TW_LOG(kLogDebug, kSeverityError, kCallback, "exception class %s found in black list",
            className.c_str());
-    return;
+    return exceptionCount::blackListed;
   }
-  std::string text;
-  if (record(event, text) && !vmIsEnding()) deliver(event, text);
+  return std::nullopt;
+}
+
+void exceptionProfiler::lose(const throwEvent& event, exceptionCount reason,
+                             const char* why) noexcept {
+  if (event.lastError == JVMTI_ERROR_OUT_OF_MEMORY) reason = exceptionCount::noMemory;
+  exceptionCounts::ofProcess().add(reason);
+  if (twAprLib::level() < kLogWarn) return;
+  const char* const name = event.info ? event.info->value.name.c_str() : "a class without a name";
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  try {
+    if (!lossLines_.take(name, reason, std::chrono::ceil<std::chrono::seconds>(now).count())) {
+      return;
+    }
+  } catch (...) {
+    return;  // the system refuses a lock
+  }
+  std::array<char, 64> refusal;
+  std::snprintf(refusal.data(), refusal.size(), "the VM refused something with error %d",
+                static_cast<int>(event.lastError));
+  TW_LOG(kLogWarn, kSeverityWarn, kCallback, "The record of a thrown %s is lost: %s", name,
+         why == nullptr ? refusal.data() : why);
 }
 
 // --- The record ------------------------------------------------------------------------------
 
+void exceptionProfiler::recordAndDeliver(throwEvent& event) {
+  if (support::stackLeft() < kStackNeeded) {
+    return lose(event, exceptionCount::noStack, "there is no stack to build it on");
+  }
+  record::builder built(static_cast<std::size_t>(recordBytes));
+  if (!record(event, built)) return lose(event, exceptionCount::vm, nullptr);
+  if (built.isCut()) {
+    exceptionCounts::ofProcess().add(exceptionCount::cut);
+    TW_LOG(kLogError, kSeverityError, kCallback,
+           "The record of a thrown %s is cut and ends after %zu bytes (recordBytes=%d)",
+           event.info->value.name.c_str(), built.size(), static_cast<int>(recordBytes));
+  }
+  if (vmIsEnding()) return lose(event, exceptionCount::vm, "the VM is ending");
+  deliver(event, built);
+}
+
 // Walks the stack; false when the VM refuses something that a record cannot do without.
-bool exceptionProfiler::record(throwEvent& event, std::string& text) {
+bool exceptionProfiler::record(throwEvent& event, record::builder& out) {
   std::array<jvmtiFrameInfo, kMaxFrames> frames;
   jint count = 0;
-  const support::localFrame references(event.jni, kReferences);
+  const support::localFrame references(event.jni, objectCapture::kReferences);
+  recording now{
+      event, out,
+      objectCapture(event.jvmti, event.jni, event.thread, captureObjDepth, out, event.raised)};
   const jint depth = std::min(event.settings->stackTraceDepth, kMaxFrames);
   if (event.failed(event.jvmti->GetStackTrace(event.thread, 0, depth, frames.data(), &count))) {
     return false;
   }
-  for (jint i = 0; i < count; ++i) {
-    if (appendFrame(event, frames[static_cast<std::size_t>(i)], i, text) == outcome::failed) {
-      return false;
-    }
-    if (text.size() > objectCapture::kLongestText) {
-      TW_LOG(kLogError, kSeverityError, kCallback,
-             "The record of an exception ends after %d frames and %zu bytes",
-             static_cast<int>(i + 1), text.size());
-      break;
-    }
+  for (jint i = 0; i < count && !out.isCut(); ++i) {
+    if (appendFrame(now, frames[static_cast<std::size_t>(i)], i) == outcome::failed) return false;
   }
   return true;
 }
 
-exceptionProfiler::outcome exceptionProfiler::appendFrame(throwEvent& event,
-                                                          const jvmtiFrameInfo& frame, jint index,
-                                                          std::string& text) {
+// What a variable table is walked with: which slots belong to a frame's arguments and locals.
+struct exceptionProfiler::frameVariables {
+  explicit frameVariables(jvmtiEnv* jvmti) : table(jvmti) {}
+
+  support::localVariables table;
+  jint argumentSlots = 0;
+  jint first = 0;
+  jint last = 0;
+};
+
+exceptionProfiler::outcome exceptionProfiler::appendFrame(recording& now,
+                                                          const jvmtiFrameInfo& frame, jint index) {
+  throwEvent& event = now.event;
   jclass declaringRef = nullptr;
   jvmtiError error = event.jvmti->GetMethodDeclaringClass(frame.method, &declaringRef);
   if (event.failed(error)) {
@@ -346,33 +427,33 @@ exceptionProfiler::outcome exceptionProfiler::appendFrame(throwEvent& event,
   std::string header;
   const outcome named = appendHeader(event, frame, declaringRef, info->value, header);
   if (named != outcome::written) return named;
+  if (!now.out.openFrame(header)) return outcome::leftOut;
 
   const ExceptionCaptureSettings& settings = *event.settings;
-  std::string classVariables;
-  std::string arguments;
-  std::string locals;
-  std::string threadLocals;
   if (index == 0 && settings.captureClassVariables &&
-      appendThis(event, frame.method, classVariables) == outcome::failed) {
+      appendThis(now, frame.method) == outcome::failed) {
     return outcome::failed;
   }
-  if (!info->value.framesWithoutValues &&
-      (settings.captureMethodArguments || settings.captureLocalVariables) &&
-      appendVariables(event, frame, index, arguments, locals) == outcome::failed) {
-    return outcome::failed;
+  now.out.endSection(record::kEndClassVariables);
+  frameVariables variables(event.jvmti);
+  outcome read = outcome::leftOut;
+  if (!info->value.framesWithoutValues && !now.out.isCut() &&
+      (settings.captureMethodArguments || settings.captureLocalVariables)) {
+    read = readVariables(event, frame, variables);
   }
-  if (index == 0 && settings.captureThreadLocals) {
-    threadLocals = event.capture.getThreadLocalVars(startingDepth(kCaptureThreadLocals, index));
+  for (const bool arguments : {true, false}) {
+    const bool wanted =
+        arguments ? settings.captureMethodArguments : settings.captureLocalVariables;
+    if (read == outcome::written && wanted) {
+      read = appendVariables(now, frame, index, variables, arguments);
+    }
+    if (read == outcome::failed) return read;
+    now.out.endSection(arguments ? record::kEndArguments : record::kEndLocals);
   }
-  text += header;
-  text += classVariables;
-  text += record::kEndClassVariables;
-  text += arguments;
-  text += record::kEndArguments;
-  text += locals;
-  text += record::kEndLocals;
-  text += threadLocals;
-  text += record::kEndFrame;
+  if (index == 0 && settings.captureThreadLocals && !now.out.isCut()) {
+    now.capture.getThreadLocalVars(startingDepth(kCaptureThreadLocals, index));
+  }
+  now.out.endSection(record::kEndFrame);
   return outcome::written;
 }
 
@@ -422,8 +503,8 @@ jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count) {
 }
 
 // The fields of the top frame's `this`; nothing for static and native methods.
-exceptionProfiler::outcome exceptionProfiler::appendThis(throwEvent& event, jmethodID method,
-                                                         std::string& text) {
+exceptionProfiler::outcome exceptionProfiler::appendThis(recording& now, jmethodID method) {
+  throwEvent& event = now.event;
   jint modifiers = 0;
   if (event.failed(event.jvmti->GetMethodModifiers(method, &modifiers))) return outcome::failed;
   if ((modifiers & (kStatic | kNative)) != 0) return outcome::leftOut;
@@ -434,15 +515,15 @@ exceptionProfiler::outcome exceptionProfiler::appendThis(throwEvent& event, jmet
   if (event.failed(error)) return outcome::failed;
   const support::localRef<> reference(event.jni, self);
   if (!reference) return outcome::leftOut;
-  text = event.capture.fieldsOf(self, "this", startingDepth(kCaptureThis, 0), kCaptureThis);
-  record::dropLastSeparator(text);
+  const std::size_t start = now.out.size();
+  now.capture.appendFieldsOf(self, startingDepth(kCaptureThis, 0));
+  now.out.dropLastSeparator(start);
   return outcome::written;
 }
 
-exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
-                                                              const jvmtiFrameInfo& frame,
-                                                              jint index, std::string& arguments,
-                                                              std::string& locals) {
+exceptionProfiler::outcome exceptionProfiler::readVariables(throwEvent& event,
+                                                            const jvmtiFrameInfo& frame,
+                                                            frameVariables& variables) {
   jvmtiEnv* const jvmti = event.jvmti;
   const ExceptionCaptureSettings& settings = *event.settings;
   jint argumentSlots = 0;
@@ -451,8 +532,7 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
     argumentSlots = 0;
   }
   if (argumentSlots == 0 && !settings.captureLocalVariables) return outcome::leftOut;
-  support::localVariables variables(jvmti);
-  const jvmtiError error = variables.read(frame.method);
+  const jvmtiError error = variables.table.read(frame.method);
   if (error == JVMTI_ERROR_ABSENT_INFORMATION || error == JVMTI_ERROR_NATIVE_METHOD) {
     return outcome::leftOut;
   }
@@ -461,27 +541,33 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(throwEvent& event,
       jvmti->GetMaxLocals(frame.method, &slots) != JVMTI_ERROR_NONE) {
     slots = 0;
   }
+  variables.argumentSlots = argumentSlots;
   // Both ends are inclusive, so that the last slot is one that no variable has.
-  jint first = 0;
-  jint last = 0;
   if (settings.captureLocalVariables) {
-    first = settings.captureMethodArguments ? 0 : argumentSlots;
-    last = slots;
+    variables.first = settings.captureMethodArguments ? 0 : argumentSlots;
+    variables.last = slots;
   } else {
-    last = argumentSlots - 1;
+    variables.last = argumentSlots - 1;
   }
-  for (const jvmtiLocalVariableEntry& variable : variables) {
-    if (variable.slot < first || variable.slot > last || !holds(variable, frame.location) ||
-        variable.name == nullptr || variable.signature == nullptr ||
-        std::string_view(variable.name) == "this") {
+  return outcome::written;
+}
+
+// The table is walked once for the arguments and once for the locals, which may stand in any order
+// in it: a record has the ones before the others.
+exceptionProfiler::outcome exceptionProfiler::appendVariables(recording& now,
+                                                              const jvmtiFrameInfo& frame,
+                                                              jint index,
+                                                              const frameVariables& variables,
+                                                              bool arguments) {
+  for (const jvmtiLocalVariableEntry& variable : variables.table) {
+    if (now.out.isCut()) break;
+    if (variable.slot < variables.first || variable.slot > variables.last ||
+        (variable.slot < variables.argumentSlots) != arguments ||
+        !holds(variable, frame.location) || variable.name == nullptr ||
+        variable.signature == nullptr || std::string_view(variable.name) == "this") {
       continue;
     }
-    const bool isArgument = variable.slot < argumentSlots;
-    if (isArgument ? !settings.captureMethodArguments : !settings.captureLocalVariables) continue;
-    if (appendVariable(event, variable, index, isArgument ? arguments : locals) ==
-        outcome::failed) {
-      return outcome::failed;
-    }
+    if (appendVariable(now, variable, index) == outcome::failed) return outcome::failed;
   }
   return outcome::written;
 }
@@ -494,8 +580,9 @@ jvmtiError exceptionProfiler::readSlot(Call&& call) {
 }
 
 exceptionProfiler::outcome exceptionProfiler::appendVariable(
-    throwEvent& event, const jvmtiLocalVariableEntry& variable, jint index, std::string& section) {
+    recording& now, const jvmtiLocalVariableEntry& variable, jint index) {
   using record::typeCode;
+  throwEvent& event = now.event;
   jvmtiEnv* const jvmti = event.jvmti;
   const jthread thread = event.thread;
   const jint slot = variable.slot;
@@ -515,21 +602,18 @@ exceptionProfiler::outcome exceptionProfiler::appendVariable(
     case typeCode::byte:
     case typeCode::shortInt:
     case typeCode::integer:
-      return readAndWrite(jint{0}, &jvmtiEnv::GetLocalInt, [&](jint value) {
-        record::appendNumber(section, variable.name, code, value);
-      });
+      return readAndWrite(jint{0}, &jvmtiEnv::GetLocalInt,
+                          [&](jint value) { now.out.appendNumber(variable.name, code, value); });
     case typeCode::longInt:
-      return readAndWrite(jlong{0}, &jvmtiEnv::GetLocalLong, [&](jlong value) {
-        record::appendNumber(section, variable.name, code, value);
-      });
+      return readAndWrite(jlong{0}, &jvmtiEnv::GetLocalLong,
+                          [&](jlong value) { now.out.appendNumber(variable.name, code, value); });
     case typeCode::singleFloat:
       return readAndWrite(jfloat{0}, &jvmtiEnv::GetLocalFloat, [&](jfloat value) {
-        record::appendFloat(section, variable.name, code, static_cast<double>(value));
+        now.out.appendFloat(variable.name, code, static_cast<double>(value));
       });
     case typeCode::doubleFloat:
-      return readAndWrite(jdouble{0}, &jvmtiEnv::GetLocalDouble, [&](jdouble value) {
-        record::appendFloat(section, variable.name, code, value);
-      });
+      return readAndWrite(jdouble{0}, &jvmtiEnv::GetLocalDouble,
+                          [&](jdouble value) { now.out.appendFloat(variable.name, code, value); });
     case typeCode::string:
     case typeCode::stringBuilder:
     case typeCode::object:
@@ -539,25 +623,25 @@ exceptionProfiler::outcome exceptionProfiler::appendVariable(
   const outcome read =
       readAndWrite(jobject{nullptr}, &jvmtiEnv::GetLocalObject, [&](jobject value) {
         const support::localRef<> reference(event.jni, value);
-        result = appendObjectVariable(event, variable, value, index, section);
+        result = appendObjectVariable(now, variable, value, index);
       });
   return read == outcome::written ? result : read;
 }
 
 exceptionProfiler::outcome exceptionProfiler::appendObjectVariable(
-    throwEvent& event, const jvmtiLocalVariableEntry& variable, jobject value, jint index,
-    std::string& section) {
+    recording& now, const jvmtiLocalVariableEntry& variable, jobject value, jint index) {
   using record::typeCode;
+  throwEvent& event = now.event;
   const typeCode code = record::codeOf(variable.signature);
   if (value == nullptr) {
-    record::appendNullObject(section, variable.name);
+    now.out.appendNullObject(variable.name);
     return outcome::written;
   }
   if (code == typeCode::object) {
-    record::appendObject(
-        section, variable.name,
-        event.capture.fieldsOf(value, variable.name, startingDepth(kCaptureVariables, index),
-                               kCaptureVariables));
+    const std::size_t opened = now.out.openObject(variable.name);
+    if (opened == record::builder::kNotOpen) return outcome::leftOut;
+    now.capture.appendFieldsOf(value, startingDepth(kCaptureVariables, index));
+    now.out.closeObject(opened);
     return outcome::written;
   }
   // The VM takes a variable table at its word, whatever the slot holds: a table that lies, as
@@ -567,14 +651,10 @@ exceptionProfiler::outcome exceptionProfiler::appendObjectVariable(
   const classPtr info = infoOf(event.jvmti, event.jni, cls.get(), error);
   if (event.failed(error)) return outcome::failed;
   if (!info || info->value.signature != variable.signature) return outcome::leftOut;
-
-  const std::optional<std::string> text = code == typeCode::string
-                                              ? event.capture.shortText(static_cast<jstring>(value))
-                                              : event.capture.shortTextOfBuilder(value);
-  if (text) {
-    record::appendEntry(section, variable.name, code, *text);
+  if (code == typeCode::string) {
+    now.capture.appendShortText(variable.name, static_cast<jstring>(value));
   } else {
-    record::appendNullObject(section, variable.name);
+    now.capture.appendShortTextOfBuilder(variable.name, value);
   }
   return outcome::written;
 }
@@ -584,22 +664,78 @@ std::int32_t exceptionProfiler::startingDepth(std::int32_t mode, jint frameIndex
   return expanded ? 0 : kNeverExpanded;
 }
 
-void exceptionProfiler::deliver(throwEvent& event, std::string& text) {
-  if (text.empty()) return;
-  record::dropLastSeparator(text);
+bool exceptionProfiler::isRecordCut() {
+  return recordIsCut;
+}
+
+void exceptionProfiler::deliver(throwEvent& event, record::builder& built) {
+  built.dropLastSeparator(0);
+  const bool isCut = built.isCut();
+  std::string text = built.take();
+  if (text.empty()) {
+    return lose(event, exceptionCount::vm,
+                isCut ? "its first frame is larger than recordBytes" : "it has no frame");
+  }
   JNIEnv* const jni = event.jni;
   const ExceptionCaptureSettings& settings = *event.settings;
   if (settings.callbackClass == nullptr || settings.onExceptionOccuredMethod == nullptr) {
-    return say("exception id  not found");
+    say("exception id  not found");
+    return lose(event, exceptionCount::callback, "there is no callback");
   }
-  const support::localRef<jstring> string(jni, jni->NewStringUTF(text.c_str()));
-  if (string) {
-    TW_LOG(kLogDebug, kSeverityDebug, kCallback, "Going to Dump 38 Record for -> %s\n\n\n",
-           text.c_str());
-    jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionOccuredMethod,
-                              string.get(), event.exception);
+  {
+    const support::localRef<jstring> string(jni, jni->NewStringUTF(text.c_str()));
+    if (string) {
+      TW_LOG(kLogDebug, kSeverityDebug, kCallback, "Going to Dump 38 Record for -> %s\n\n\n",
+             text.c_str());
+      recordIsCut = isCut;
+      jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionOccuredMethod,
+                                string.get(), event.exception);
+      recordIsCut = false;
+    }
+    const raisedInHandler::kind raised = event.raised.clear();
+    if (string && raised == raisedInHandler::kind::none) {
+      return exceptionCounts::ofProcess().add(exceptionCount::delivered);
+    }
+    loseByRaised(event, raised, static_cast<bool>(string));
+    if (raised != raisedInHandler::kind::noStack) return;
   }
-  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
+  keepForLater(event, std::move(text), isCut);
+}
+
+// Of a record that could not be handed over for what is no longer pending now.
+void exceptionProfiler::loseByRaised(const throwEvent& event, raisedInHandler::kind raised,
+                                     bool wasCalled) {
+  using kind = raisedInHandler::kind;
+  switch (raised) {
+    case kind::noStack:
+      return lose(event, exceptionCount::noStack, "there is no stack to call Java on");
+    case kind::noMemory:
+      return lose(event, exceptionCount::noMemory, "there is no memory");
+    case kind::asynchronous:
+      return lose(event, exceptionCount::callback, "its thread was sent an exception meanwhile");
+    case kind::other:
+    case kind::none:
+      break;
+  }
+  if (!wasCalled) return lose(event, exceptionCount::noMemory, "there is no memory");
+  std::array<char, 256> why;
+  std::snprintf(why.data(), why.size(), "the callback threw %s", event.raised.className().c_str());
+  lose(event, exceptionCount::callback, why.data());
+}
+
+// Without memory to keep it, the record stays lost.
+void exceptionProfiler::keepForLater(const throwEvent& event, std::string text, bool isCut) {
+  using std::chrono::milliseconds;
+  try {
+    support::threadName thread(event.jvmti, event.jni);
+    thread.read(event.thread);
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    undeliveredRecords::ofProcess().keep({std::chrono::duration_cast<milliseconds>(now).count(),
+                                          std::string(thread.view()), event.info->value.name,
+                                          std::move(text), isCut});
+  } catch (...) {
+    return;
+  }
 }
 
 }  // namespace agent

@@ -11,11 +11,14 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "exceptionCounts.h"
 #include "profiler.h"
+#include "raisedInHandler.h"
 #include "support/annotations.h"
 #include "support/classCache.h"
 #include "support/sharedSlot.h"
@@ -63,6 +66,10 @@ struct ExceptionRateEntry {
 // a table of one entry gives its line.
 jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count);
 
+namespace record {
+class builder;
+}
+
 class exceptionProfiler : public profiler {
  public:
   exceptionProfiler() : profiler(kExceptionStopped) {}
@@ -82,6 +89,14 @@ class exceptionProfiler : public profiler {
   // cleared.
   static bool check(JNIEnv* jni, jvmtiEnv* jvmti, jvmtiError code);
 
+  // The bytes of a record, at most, from 4 KiB to 64 MiB; set by Agent_OnLoad only.
+  static constexpr std::int32_t kLeastRecordBytes = 4096;
+  static constexpr std::int32_t kMostRecordBytes = 64 << 20;
+  std::int32_t recordBytes = 1 << 20;
+
+  // Within the callback: whether the record that it was given was cut.
+  static bool isRecordCut();
+
   // Counts an exception of the class against the rate; whether it may be recorded. `now` is in
   // seconds since the epoch.
   bool takeRate(const std::string& className, std::int32_t rate, std::time_t now)
@@ -90,25 +105,34 @@ class exceptionProfiler : public profiler {
  private:
   struct throwEvent;
   struct classInfo;
+  struct recording;
+  struct frameVariables;
   using classPtr = std::shared_ptr<const support::classCache<classInfo>::entry>;
   enum class outcome { written, leftOut, failed };
 
   static void exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method,
                                 jobject exception);
   void exceptionThrown(throwEvent& event);
-  bool record(throwEvent& event, std::string& text);
-  outcome appendFrame(throwEvent& event, const jvmtiFrameInfo& frame, jint index,
-                      std::string& text);
+  // Whether the event passes the filters; when not, why not.
+  std::optional<exceptionCount> refusal(throwEvent& event);
+  void recordAndDeliver(throwEvent& event);
+  bool record(throwEvent& event, record::builder& out);
+  outcome appendFrame(recording& now, const jvmtiFrameInfo& frame, jint index);
   outcome appendHeader(throwEvent& event, const jvmtiFrameInfo& frame, jclass declaring,
                        const classInfo& info, std::string& text);
-  outcome appendThis(throwEvent& event, jmethodID method, std::string& text);
-  outcome appendVariables(throwEvent& event, const jvmtiFrameInfo& frame, jint index,
-                          std::string& arguments, std::string& locals);
-  outcome appendVariable(throwEvent& event, const jvmtiLocalVariableEntry& variable, jint index,
-                         std::string& section);
-  outcome appendObjectVariable(throwEvent& event, const jvmtiLocalVariableEntry& variable,
-                               jobject value, jint index, std::string& section);
-  void deliver(throwEvent& event, std::string& text);
+  outcome appendThis(recording& now, jmethodID method);
+  outcome readVariables(throwEvent& event, const jvmtiFrameInfo& frame, frameVariables& variables);
+  // The arguments of a frame, or its locals.
+  outcome appendVariables(recording& now, const jvmtiFrameInfo& frame, jint index,
+                          const frameVariables& variables, bool arguments);
+  outcome appendVariable(recording& now, const jvmtiLocalVariableEntry& variable, jint index);
+  outcome appendObjectVariable(recording& now, const jvmtiLocalVariableEntry& variable,
+                               jobject value, jint index);
+  void deliver(throwEvent& event, record::builder& built);
+  void loseByRaised(const throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
+  static void keepForLater(const throwEvent& event, std::string text, bool isCut);
+  // Counts the exception as lost, and says so once a minute for its class and the reason.
+  void lose(const throwEvent& event, exceptionCount reason, const char* why) noexcept;
 
   // What is known of the class; none when the VM does not give its signature.
   classPtr infoOf(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error);
@@ -124,6 +148,7 @@ class exceptionProfiler : public profiler {
   std::map<std::string, ExceptionRateEntry> rates_ GUARDED_BY(rateMutex_);
   support::classCache<classInfo> classes_;
   support::vmTurns localTurns_;  // for GetLocal calls
+  lossLines lossLines_;
 };
 
 }  // namespace agent

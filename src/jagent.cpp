@@ -1,5 +1,6 @@
 #include "jagent.h"
 
+#include <com_korvane_twutils_nativeagent_AgentCounters.h>
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <jvmti.h>
 #include <sys/stat.h>
@@ -29,6 +30,7 @@
 #include "support/sourcePlace.h"
 #include "support/text.h"
 #include "twAprLib.h"
+#include "undeliveredRecords.h"
 #include "vmEnd.h"
 
 namespace agent {
@@ -47,6 +49,7 @@ constexpr std::string_view kStackDepthKey = "captureSTDepth";
 constexpr std::string_view kFeaturesKey = "features";
 constexpr std::string_view kOwnerLookupsKey = "ownerLookupsPerSecond";
 constexpr std::string_view kOneQueryKey = "scanInOneQuery";
+constexpr std::string_view kRecordBytesKey = "recordBytes";
 
 constexpr std::string_view kMutexFeature = "mutexprofiling";
 constexpr std::string_view kMemoryFeature = "memoryprofiling";
@@ -65,6 +68,7 @@ struct startUpSettings {
   std::int32_t objectDepth = -1;  // unset
   std::int32_t ownerLookupsPerSecond = 0;
   std::int32_t scanInOneQuery = 0;
+  std::int32_t recordBytes = 0;  // unset
 };
 
 // The number in an item: it begins just after the key and its "=", and takes at most as many
@@ -112,6 +116,11 @@ void applyCostSettings(const startUpSettings& settings) {
   }
   const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
   if (memory && settings.scanInOneQuery == 1) memory->scanInOneQuery();
+  const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
+  if (exceptions && settings.recordBytes >= exceptionProfiler::kLeastRecordBytes &&
+      settings.recordBytes <= exceptionProfiler::kMostRecordBytes) {
+    exceptions->recordBytes = settings.recordBytes;
+  }
 }
 
 void createFeatures(profilerRegistry& registry, const std::string& item,
@@ -138,6 +147,7 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
   if (is(kStackDepthKey)) settings.stackDepth = numberIn(item, kStackDepthKey);
   if (is(kOwnerLookupsKey)) settings.ownerLookupsPerSecond = numberIn(item, kOwnerLookupsKey);
   if (is(kOneQueryKey)) settings.scanInOneQuery = numberIn(item, kOneQueryKey);
+  if (is(kRecordBytesKey)) settings.recordBytes = numberIn(item, kRecordBytesKey);
   if (is(kFeaturesKey)) createFeatures(registry, item, settings);
 }
 
@@ -537,4 +547,44 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
   });
   if (refused) std::rethrow_exception(refused);
   return result;
+}
+
+// --- Native methods of AgentCounters ---------------------------------------------------------
+
+#define TW_COUNTERS(method) Java_com_korvane_twutils_nativeagent_AgentCounters_##method
+
+JNIEXPORT jlong JNICALL TW_COUNTERS(exceptions)(JNIEnv* /*jni*/, jclass /*cls*/, jint which) {
+  if (which < 0 || static_cast<std::size_t>(which) >= kExceptionCounts) return 0;
+  return static_cast<jlong>(exceptionCounts::ofProcess().get(static_cast<exceptionCount>(which)));
+}
+
+JNIEXPORT jboolean JNICALL TW_COUNTERS(isRecordCut)(JNIEnv* /*jni*/, jclass /*cls*/) {
+  return exceptionProfiler::isRecordCut() ? JNI_TRUE : JNI_FALSE;
+}
+
+// Time, thread, class, record, and whether it is cut.
+JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cls*/,
+                                                        jobjectArray parts) {
+  constexpr const char* kFunction =
+      "Java_com_korvane_twutils_nativeagent_AgentCounters_takeUndelivered";
+  const jint taken = native(kFunction, [&] {
+    if (parts == nullptr) return 0;
+    std::optional<undeliveredRecord> record = undeliveredRecords::ofProcess().take();
+    if (!record) return 0;
+    const std::string time = std::to_string(record->time);
+    jsize index = 0;
+    for (const char* each : {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
+                             record->text.c_str(), record->isCut ? "cut" : ""}) {
+      const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
+      if (text) jni->SetObjectArrayElement(parts, index++, text.get());
+      if (!text || jni->ExceptionCheck() != JNI_FALSE) {
+        jni->ExceptionClear();
+        undeliveredRecords::ofProcess().putBack(std::move(*record));
+        return 0;
+      }
+    }
+    exceptionCounts::ofProcess().deliverLate();
+    return 1;
+  });
+  return taken == 1 ? JNI_TRUE : JNI_FALSE;
 }

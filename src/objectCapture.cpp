@@ -1,13 +1,15 @@
 #include "objectCapture.h"
 
-#include <array>
-#include <atomic>
+#include <algorithm>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <utility>
 
 #include "boundary.h"
-#include "exceptionRecord.h"
 #include "exceptionprofiler.h"
 #include "profilerRegistry.h"
-#include "support/jniRef.h"
+#include "support/classCache.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/text.h"
@@ -20,196 +22,289 @@ namespace {
 constexpr const char* kFieldsFunction = "exceptionProfiler::GetObjectFieldsValue";
 constexpr const char* kThreadLocalsFunction = "exceptionProfiler::getThreadLocalVars";
 
-constexpr jint kStatic = 0x0008;         // ACC_STATIC
-constexpr jsize kShortCharacters = 256;  // of a text that is cut
+constexpr jint kStatic = 0x0008;               // ACC_STATIC
+constexpr std::size_t kShortCharacters = 256;  // of a text that is cut
+constexpr std::size_t kAnyNumber = ~std::size_t{0} - 1;
 
+constexpr std::size_t kMostTables = 16;
+constexpr std::uint32_t kStepsBetweenLooks = 64;  // at the clock
+
+using record::typeCode;
 using support::localRef;
+using textOutcome = record::builder::outcome;
 
-// Whether modified UTF-8 ends with a surrogate whose second byte lies in the range.
-bool endsWithSurrogate(const std::string& text, unsigned char first, unsigned char last) {
-  constexpr std::size_t kBytes = 3;
-  if (text.size() < kBytes) return false;
-  const auto lead = static_cast<unsigned char>(text[text.size() - kBytes]);
-  const auto second = static_cast<unsigned char>(text[text.size() - kBytes + 1]);
-  return lead == 0xED && second >= first && second <= last;
-}
-
-void dropLastCharacter(std::string& text) {
-  const auto isContinuation = [](char byte) {
-    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
-  };
-  while (!text.empty() && isContinuation(text.back())) text.pop_back();
-  if (!text.empty()) text.pop_back();
-}
-
-// Drops the last character of modified UTF-8, and both halves of a pair.
-void dropLastWhole(std::string& text) {
-  const bool isSecondHalf = endsWithSurrogate(text, 0xB0, 0xBF);
-  dropLastCharacter(text);
-  if (isSecondHalf && endsWithSurrogate(text, 0xA0, 0xAF)) dropLastCharacter(text);
+std::int64_t processorNanos() {
+  constexpr std::int64_t kNanosPerSecond = 1'000'000'000;
+  timespec now{};
+  if (::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0) return 0;
+  return now.tv_sec * kNanosPerSecond + now.tv_nsec;
 }
 
 }  // namespace
 
-// A declared field of an object's class, and how to read it.
+// A declared field of a class.
 struct objectCapture::field {
-  JNIEnv* jni;
-  jobject object;
-  jclass cls;
-  const char* name;
-  const char* signature;
-  bool isStatic;
-  bool isInitialized;  // the class
-  jfieldID id;
+  explicit field(jvmtiEnv* jvmti) : name(jvmti), signature(jvmti) {}
 
-  // Calls the JNI function for static fields or the one for instance fields.
-  template <typename Value>
-  Value get(Value (JNIEnv::*getStatic)(jclass, jfieldID),
-            Value (JNIEnv::*getInstance)(jobject, jfieldID)) const {
-    return isStatic ? (jni->*getStatic)(cls, id) : (jni->*getInstance)(object, id);
-  }
+  support::jvmtiText name;
+  support::jvmtiText signature;
+  typeCode code = typeCode::object;
+  bool isStatic = false;
+  jfieldID id = nullptr;  // as JVMTI gave it, and then as the class did
+  bool isFound = false;   // by its name
 };
 
-std::string objectCapture::GetObjectFieldsValue(jobject object, jclass cls,
-                                                std::string_view /*name*/, std::int32_t depth,
-                                                std::int32_t mode) {
-  std::string text;
+// The fields of a class, as far as they were looked at.
+struct objectCapture::fieldTable {
+  explicit fieldTable(jvmtiEnv* jvmti) : ids(jvmti) {}
+
+  localRef<jclass> cls;
+  jint key = 0;
+  jvmtiError error = JVMTI_ERROR_NONE;  // when the VM was asked for the signature
+  bool isArray = false;
+  bool isInitialized = false;
+  bool isRead = false;
   jint count = 0;
-  support::jvmtiPtr<jfieldID> fields(jvmti_);
-  const jvmtiError error =
-      fields.fill([&](jfieldID** out) { return jvmti_->GetClassFields(cls, &count, out); });
-  if (exceptionProfiler::check(jni_, jvmti_, error)) return text;
-  const bool hasInitialized = isInitialized(cls);
-  for (jint i = 0; i < count && text.size() <= kLongestText; ++i) {
-    support::jvmtiText name(jvmti_);
-    support::jvmtiText signature(jvmti_);
-    char* signatureWritten = nullptr;
-    const jvmtiError nameError = name.fill([&](char** out) {
-      return jvmti_->GetFieldName(cls, fields[i], out, &signatureWritten, nullptr);
-    });
-    if (exceptionProfiler::check(jni_, jvmti_, nameError)) return text;
-    signature.adopt(signatureWritten);
-    jint modifiers = 0;
-    const jvmtiError modifiersError = jvmti_->GetFieldModifiers(cls, fields[i], &modifiers);
-    if (exceptionProfiler::check(jni_, jvmti_, modifiersError)) return text;
-    if (!name || !signature) continue;
-    const field each{jni_,           object,          cls,
-                     name.get(),     signature.get(), (modifiers & kStatic) != 0,
-                     hasInitialized, fields[i]};
-    if (!appendField(text, each, depth, mode)) return text;
+  support::jvmtiPtr<jfieldID> ids;
+  std::deque<field> known;  // the first ones
+};
+
+// Around what the program's objects are walked for; its time is what all walks of a record have
+// together.
+class objectCapture::walk {
+ public:
+  explicit walk(objectCapture& capture) : capture_(capture) {
+    capture.walkBegan_ = processorNanos();
   }
-  return text;
+  ~walk() { capture_.walkNanosLeft_ -= processorNanos() - capture_.walkBegan_; }
+  walk(const walk&) = delete;
+  walk& operator=(const walk&) = delete;
+
+ private:
+  objectCapture& capture_;
+};
+
+objectCapture::objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::int32_t maxDepth,
+                             record::builder& out, raisedInHandler& raised)
+    : jvmti_(jvmti),
+      jni_(jni),
+      thread_(thread),
+      maxDepth_(maxDepth),
+      out_(out),
+      raised_(raised),
+      roomForTables_(out.limit() / 2),
+      walkNanosLeft_(
+          std::max(kWalkNanos, static_cast<std::int64_t>(out.limit()) * kWalkNanosForByte)) {}
+
+objectCapture::~objectCapture() = default;
+
+bool objectCapture::mayGoOn() {
+  if (++steps_ % kStepsBetweenLooks == 0 && processorNanos() - walkBegan_ > walkNanosLeft_) {
+    out_.cut();
+  }
+  return !out_.isCut();
 }
 
-std::string objectCapture::fieldsOf(jobject object, std::string_view name, std::int32_t depth,
-                                    std::int32_t mode) {
-  const localRef<jclass> cls(jni_, jni_->GetObjectClass(object));
-  if (!cls) return {};
-  return isArray(cls.get()) ? lengthOf(object)
-                            : GetObjectFieldsValue(object, cls.get(), name, depth, mode);
+void objectCapture::appendFieldsOf(jobject object, std::int32_t depth) {
+  localRef<jclass> cls(jni_, jni_->GetObjectClass(object));
+  if (!cls) return;
+  const walk time(*this);
+  std::unique_ptr<fieldTable> own;
+  appendValues(object, tableOf(std::move(cls), own), depth);
+}
+
+void objectCapture::appendValues(jobject object, fieldTable& table, std::int32_t depth) {
+  if (!table.isArray) return GetObjectFieldsValue(object, table, depth);
+  out_.appendNumber("length", typeCode::integer, jni_->GetArrayLength(static_cast<jarray>(object)));
+}
+
+objectCapture::fieldTable& objectCapture::tableOf(localRef<jclass> cls,
+                                                  std::unique_ptr<fieldTable>& own) {
+  const jint key = support::classCache<fieldTable>::keyOf(jvmti_, cls.get());
+  for (const std::unique_ptr<fieldTable>& each : tables_) {
+    if (each->key == key && jni_->IsSameObject(each->cls.get(), cls.get()) != JNI_FALSE) {
+      return *each;
+    }
+  }
+  own = std::make_unique<fieldTable>(jvmti_);
+  own->key = key;
+  support::jvmtiText signature(jvmti_);
+  own->error = signature.fill(
+      [&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
+  own->isArray = signature.view().starts_with('[');
+  own->cls = std::move(cls);
+  if (exceptionProfiler::check(jni_, jvmti_, own->error)) return *own;
+  if (tables_.size() == kMostTables || roomForTables_ < sizeof(fieldTable)) return *own;
+  roomForTables_ -= sizeof(fieldTable);
+  tables_.push_back(std::move(own));
+  return *tables_.back();
+}
+
+objectCapture::field* objectCapture::fieldAt(fieldTable& table, jint index,
+                                             std::unique_ptr<field>& own) {
+  const auto place = static_cast<std::size_t>(index);
+  if (place < table.known.size()) return &table.known[place];
+  constexpr std::size_t kTexts = 64;  // name and signature, about
+  field* made = nullptr;
+  const bool isKept = place == table.known.size() && roomForTables_ >= sizeof(field) + kTexts;
+  if (isKept) {
+    made = &table.known.emplace_back(jvmti_);
+    roomForTables_ -= sizeof(field) + kTexts;
+  } else {
+    own = std::make_unique<field>(jvmti_);
+    made = own.get();
+  }
+  const jclass cls = table.cls.get();
+  made->id = table.ids[index];
+  char* signature = nullptr;
+  jint modifiers = 0;
+  jvmtiError error = made->name.fill(
+      [&](char** out) { return jvmti_->GetFieldName(cls, made->id, out, &signature, nullptr); });
+  if (error == JVMTI_ERROR_NONE) {
+    made->signature.adopt(signature);
+    error = jvmti_->GetFieldModifiers(cls, made->id, &modifiers);
+  }
+  if (exceptionProfiler::check(jni_, jvmti_, error)) {
+    if (isKept) table.known.pop_back();
+    return nullptr;
+  }
+  made->code = record::codeOf(made->signature.view());
+  made->isStatic = (modifiers & kStatic) != 0;
+  return made;
+}
+
+void objectCapture::GetObjectFieldsValue(jobject object, fieldTable& table, std::int32_t depth) {
+  if (!table.isRead) {
+    const jvmtiError error = table.ids.fill(
+        [&](jfieldID** out) { return jvmti_->GetClassFields(table.cls.get(), &table.count, out); });
+    if (exceptionProfiler::check(jni_, jvmti_, error)) return;
+    table.isInitialized = isInitialized(table.cls.get());
+    table.isRead = true;
+  }
+  for (jint i = 0; i < table.count && mayGoOn(); ++i) {
+    std::unique_ptr<field> own;
+    field* const each = fieldAt(table, i, own);
+    if (each == nullptr) return;
+    if (!each->name || !each->signature) continue;
+    if (!appendField(object, table, *each, depth)) return;
+  }
 }
 
 // Writes one field; false when the VM refuses, which ends the walk.
-bool objectCapture::appendField(std::string& out, field each, std::int32_t depth,
-                                std::int32_t mode) {
-  using record::typeCode;
-  const typeCode code = record::codeOf(each.signature);
+bool objectCapture::appendField(jobject object, const fieldTable& table, field& each,
+                                std::int32_t depth) {
   // What is not expanded is not read either.
-  if (code == typeCode::object && depth >= maxDepth_) {
-    record::appendNullField(out, each.name);
+  if (each.code == typeCode::object && depth >= maxDepth_) {
+    out_.appendNullField(each.name.view());
     return true;
   }
-  // Asking for a field by name initialises the class, and would wait here while another thread runs
-  // its initialiser. Until it is initialised, the ID that JVMTI gave serves.
-  if (each.isInitialized) {
-    each.id = each.isStatic ? jni_->GetStaticFieldID(each.cls, each.name, each.signature)
-                            : jni_->GetFieldID(each.cls, each.name, each.signature);
-  }
-  if (each.id == nullptr) {
-    jni_->ExceptionClear();
-    sayNoFieldId(each, code);
-    record::appendNullField(out, each.name);
+  if (!findId(table, each)) {
+    sayNoFieldId(each);
+    out_.appendNullField(each.name.view());
     return true;
   }
-  const auto number = [&](std::int64_t value) {
-    record::appendNumber(out, each.name, code, value);
-  };
-  switch (code) {
-    case typeCode::boolean:
-      number(each.get(&JNIEnv::GetStaticBooleanField, &JNIEnv::GetBooleanField));
-      return true;
-    case typeCode::character:
-      number(each.get(&JNIEnv::GetStaticCharField, &JNIEnv::GetCharField));
-      return true;
-    case typeCode::byte:
-      number(each.get(&JNIEnv::GetStaticByteField, &JNIEnv::GetByteField));
-      return true;
-    case typeCode::shortInt:
-      number(each.get(&JNIEnv::GetStaticShortField, &JNIEnv::GetShortField));
-      return true;
-    case typeCode::integer:
-      number(each.get(&JNIEnv::GetStaticIntField, &JNIEnv::GetIntField));
-      return true;
-    case typeCode::longInt:
-      number(each.get(&JNIEnv::GetStaticLongField, &JNIEnv::GetLongField));
-      return true;
-    case typeCode::doubleFloat:
-      record::appendFloat(out, each.name, code,
-                          each.get(&JNIEnv::GetStaticDoubleField, &JNIEnv::GetDoubleField));
-      return true;
-    case typeCode::singleFloat:
-      record::appendFloat(
-          out, each.name, code,
-          static_cast<double>(each.get(&JNIEnv::GetStaticFloatField, &JNIEnv::GetFloatField)));
-      return true;
+  switch (each.code) {
     case typeCode::string:
     case typeCode::stringBuilder:
     case typeCode::object:
-      break;
+      return appendReference(object, table.cls.get(), each, depth);
+    default:
+      appendPrimitive(object, table.cls.get(), each);
+      return true;
   }
-
-  const localRef<> value(jni_, each.get(&JNIEnv::GetStaticObjectField, &JNIEnv::GetObjectField));
-  std::optional<std::string> text;
-  if (value && code == typeCode::string)
-    text = support::tryTextOf(jni_, static_cast<jstring>(value.get()));
-  if (value && code == typeCode::stringBuilder) text = textOfBuilder(value.get());
-  if (text) {
-    record::appendEntry(out, each.name, code, *text);
-    return true;
-  }
-  if (!value || code != typeCode::object) {
-    record::appendNullField(out, each.name);
-    return true;
-  }
-  return appendNested(out, each, value.get(), depth, mode);
 }
 
-// Writes an object-valued field with the fields of its object.
-bool objectCapture::appendNested(std::string& out, const field& each, jobject value,
-                                 std::int32_t depth, std::int32_t mode) {
-  const localRef<jclass> cls(jni_, jni_->GetObjectClass(value));
-  support::jvmtiText signature(jvmti_);
-  const jvmtiError error = signature.fill(
-      [&](char** out2) { return jvmti_->GetClassSignature(cls.get(), out2, nullptr); });
-  if (exceptionProfiler::check(jni_, jvmti_, error)) return false;
-  if (signature.view().starts_with('[')) {
-    record::appendObject(out, each.name, lengthOf(value));
-    return true;
+// Asking for a field by name initialises the class, and would wait here while another thread runs
+// its initialiser. Until it is initialised, the ID that JVMTI gave serves.
+bool objectCapture::findId(const fieldTable& table, field& each) {
+  if (each.isFound || !table.isInitialized) return each.id != nullptr;
+  const jclass cls = table.cls.get();
+  const jfieldID id = each.isStatic
+                          ? jni_->GetStaticFieldID(cls, each.name.get(), each.signature.get())
+                          : jni_->GetFieldID(cls, each.name.get(), each.signature.get());
+  if (id == nullptr) {
+    clearException();
+    return false;
   }
-  // Signatures begin with "L", so that every class is expanded.
-  if (support::startsWithIgnoringCase(signature.view(), "java.lang.Object")) return true;
-  record::appendObject(out, each.name,
-                       GetObjectFieldsValue(value, cls.get(), each.name, depth + 1, mode));
+  each.id = id;
+  each.isFound = true;
   return true;
 }
 
-void objectCapture::sayNoFieldId(const field& each, record::typeCode code) {
-  if (twAprLib::level() < kLogError || code < record::typeCode::string) return;
-  if (code == record::typeCode::singleFloat) return;
+void objectCapture::appendPrimitive(jobject object, jclass cls, const field& each) {
+  // Calls the JNI function for static fields or the one for instance fields.
+  const auto get = [&](auto getStatic, auto getInstance) {
+    return each.isStatic ? (jni_->*getStatic)(cls, each.id) : (jni_->*getInstance)(object, each.id);
+  };
+  const auto number = [&](std::int64_t value) {
+    out_.appendNumber(each.name.view(), each.code, value);
+  };
+  const auto fraction = [&](double value) { out_.appendFloat(each.name.view(), each.code, value); };
+  switch (each.code) {
+    case typeCode::boolean:
+      return number(get(&JNIEnv::GetStaticBooleanField, &JNIEnv::GetBooleanField));
+    case typeCode::character:
+      return number(get(&JNIEnv::GetStaticCharField, &JNIEnv::GetCharField));
+    case typeCode::byte:
+      return number(get(&JNIEnv::GetStaticByteField, &JNIEnv::GetByteField));
+    case typeCode::shortInt:
+      return number(get(&JNIEnv::GetStaticShortField, &JNIEnv::GetShortField));
+    case typeCode::integer:
+      return number(get(&JNIEnv::GetStaticIntField, &JNIEnv::GetIntField));
+    case typeCode::longInt:
+      return number(get(&JNIEnv::GetStaticLongField, &JNIEnv::GetLongField));
+    case typeCode::doubleFloat:
+      return fraction(get(&JNIEnv::GetStaticDoubleField, &JNIEnv::GetDoubleField));
+    case typeCode::singleFloat:
+      return fraction(
+          static_cast<double>(get(&JNIEnv::GetStaticFloatField, &JNIEnv::GetFloatField)));
+    case typeCode::string:
+    case typeCode::stringBuilder:
+    case typeCode::object:
+      return;
+  }
+}
+
+bool objectCapture::appendReference(jobject object, jclass cls, const field& each,
+                                    std::int32_t depth) {
+  const localRef<> value(jni_, each.isStatic ? jni_->GetStaticObjectField(cls, each.id)
+                                             : jni_->GetObjectField(object, each.id));
+  if (value && each.code == typeCode::object) return appendNested(each, value.get(), depth);
+  const std::string_view name = each.name.view();
+  bool isWritten = false;
+  if (value && each.code == typeCode::string) {
+    isWritten = appendText(name, each.code, static_cast<jstring>(value.get()), kAnyNumber);
+  } else if (value) {
+    isWritten = appendText(name, each.code, beginningOf(value.get()).get(), kShortCharacters);
+  }
+  if (!isWritten) out_.appendNullField(name);
+  return true;
+}
+
+// Writes an object-valued field with the fields of its object.
+bool objectCapture::appendNested(const field& each, jobject value, std::int32_t depth) {
+  localRef<jclass> cls(jni_, jni_->GetObjectClass(value));
+  if (!cls) return false;
+  std::unique_ptr<fieldTable> own;
+  fieldTable& table = tableOf(std::move(cls), own);
+  if (table.error != JVMTI_ERROR_NONE) return false;
+  const std::size_t opened = out_.openObject(each.name.view());
+  if (opened == record::builder::kNotOpen) {
+    out_.appendNullField(each.name.view());
+    return true;
+  }
+  appendValues(value, table, depth + 1);
+  out_.closeObject(opened);
+  return true;
+}
+
+void objectCapture::sayNoFieldId(const field& each) {
+  if (twAprLib::level() < kLogError || each.code < typeCode::string) return;
+  if (each.code == typeCode::singleFloat) return;
   support::threadName name(jvmti_, jni_);
   name.read(thread_);
   TW_LOG(kLogError, kSeverityDebug, kFieldsFunction, "return fid name : %s ,thread  : %s",
-         each.name, name.c_str());
+         each.name.get(), name.c_str());
 }
 
 bool objectCapture::isInitialized(jclass cls) {
@@ -218,63 +313,56 @@ bool objectCapture::isInitialized(jclass cls) {
          (status & JVMTI_CLASS_STATUS_INITIALIZED) != 0;
 }
 
-bool objectCapture::isArray(jclass cls) {
-  support::jvmtiText signature(jvmti_);
-  const jvmtiError error =
-      signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls, out, nullptr); });
-  return !exceptionProfiler::check(jni_, jvmti_, error) && signature.view().starts_with('[');
+// The text is read piece by piece, so that one of any length costs what fits. False when it cannot
+// be read or not even its beginning fits.
+bool objectCapture::appendText(std::string_view name, typeCode code, jstring string,
+                               std::size_t most) {
+  if (string == nullptr) return false;
+  const auto units = static_cast<std::size_t>(jni_->GetStringLength(string));
+  const auto read = [&](std::size_t start, std::size_t count, char* out) {
+    *out = '\0';
+    jni_->GetStringUTFRegion(string, static_cast<jsize>(start), static_cast<jsize>(count), out);
+    return !clearException();
+  };
+  return out_.appendText(name, code, units, most, read) == textOutcome::written;
 }
 
-std::string objectCapture::lengthOf(jobject array) {
-  std::string text;
-  record::appendNumber(text, "length", record::typeCode::integer,
-                       jni_->GetArrayLength(static_cast<jarray>(array)));
-  return text;
+void objectCapture::appendShortText(std::string_view name, jstring string) {
+  if (appendText(name, typeCode::string, string, kShortCharacters)) return;
+  out_.appendNullObject(name);
 }
 
-std::optional<std::string> objectCapture::shortText(jstring string) {
-  if (string == nullptr) return std::nullopt;
-  const jsize length = jni_->GetStringLength(string);
-  const jsize taken = std::min(length, kShortCharacters + 1);
-  constexpr std::size_t kBytesOfCharacter = 3;
-  std::array<char, (kShortCharacters + 1) * kBytesOfCharacter + 1> bytes{};
-  jni_->GetStringUTFRegion(string, 0, taken, bytes.data());
-  if (clearException()) return std::nullopt;
-  std::string text(bytes.data());
-  if (taken > kShortCharacters) dropLastWhole(text);
-  return text;
+void objectCapture::appendShortTextOfBuilder(std::string_view name, jobject builder) {
+  const localRef<jstring> text = beginningOf(builder);
+  if (appendText(name, typeCode::stringBuilder, text.get(), kShortCharacters)) return;
+  out_.appendNullObject(name);
 }
 
-localRef<jstring> objectCapture::callToString(jobject object) {
-  const localRef<jclass> cls(jni_, jni_->GetObjectClass(object));
+localRef<jstring> objectCapture::beginningOf(jobject builder) {
+  const localRef<jclass> cls(jni_, jni_->GetObjectClass(builder));
   if (!cls) return {};
-  const jmethodID toString = jni_->GetMethodID(cls.get(), "toString", "()Ljava/lang/String;");
-  if (toString == nullptr) {
-    clearException();
-    return {};
-  }
-  localRef<jstring> string(jni_, static_cast<jstring>(jni_->CallObjectMethod(object, toString)));
+  const jmethodID length = jni_->GetMethodID(cls.get(), "length", "()I");
+  if (clearException() || length == nullptr) return {};
+  const jmethodID substring = jni_->GetMethodID(cls.get(), "substring", "(II)Ljava/lang/String;");
+  if (clearException() || substring == nullptr) return {};
+  const jint units = jni_->CallIntMethod(builder, length);
   if (clearException()) return {};
-  return string;
-}
-
-std::optional<std::string> objectCapture::textOfBuilder(jobject builder) {
-  return support::tryTextOf(jni_, callToString(builder).get());
-}
-
-std::optional<std::string> objectCapture::shortTextOfBuilder(jobject builder) {
-  return shortText(callToString(builder).get());
-}
-
-std::string objectCapture::getThreadLocalVars(std::int32_t depth) {
-  std::string text;
-  contained(kThreadLocalsFunction, "Exception occured in  exceptionprofiler : getThreadLocalVars",
-            [&] { appendThreadLocals(text, depth); });
-  record::dropLastSeparator(text);
+  const jint taken = std::min(units, static_cast<jint>(kShortCharacters + 1));
+  // Another thread may shorten it meanwhile, which throws.
+  localRef<jstring> text(
+      jni_, static_cast<jstring>(jni_->CallObjectMethod(builder, substring, jint{0}, taken)));
+  if (clearException()) return {};
   return text;
 }
 
-void objectCapture::appendThreadLocals(std::string& out, std::int32_t depth) {
+void objectCapture::getThreadLocalVars(std::int32_t depth) {
+  const std::size_t start = out_.size();
+  contained(kThreadLocalsFunction, "Exception occured in  exceptionprofiler : getThreadLocalVars",
+            [&] { appendThreadLocals(depth); });
+  out_.dropLastSeparator(start);
+}
+
+void objectCapture::appendThreadLocals(std::int32_t depth) {
   const auto error = [](const char* message) {
     TW_LOG(kLogError, kSeverityError, kThreadLocalsFunction, "%s", message);
   };
@@ -310,19 +398,30 @@ void objectCapture::appendThreadLocals(std::string& out, std::int32_t depth) {
       jni_, static_cast<jobjectArray>(jni_->GetObjectField(map.get(), tableField)));
   if (!table) return error("Unable to get entry array");
 
+  const walk time(*this);
   const jsize length = jni_->GetArrayLength(table.get());
-  for (jsize i = 0; i < length && out.size() <= kLongestText; ++i) {
+  for (jsize i = 0; i < length && mayGoOn(); ++i) {
     const localRef<> entry(jni_, jni_->GetObjectArrayElement(table.get(), i));
     if (clearException() || !entry) continue;
-    const std::string name = "ThreadLocals" + std::to_string(i);
-    record::appendObject(out, name, fieldsOf(entry.get(), name, depth, kCaptureThreadLocals));
+    const record::builder::place before = out_.here();
+    try {
+      appendThreadLocal("ThreadLocals" + std::to_string(i), entry.get(), depth);
+    } catch (...) {
+      out_.goBack(before);
+      throw;
+    }
   }
 }
 
-bool objectCapture::clearException() {
-  if (jni_->ExceptionCheck() == JNI_FALSE) return false;
-  jni_->ExceptionClear();
-  return true;
+void objectCapture::appendThreadLocal(std::string_view name, jobject entry, std::int32_t depth) {
+  const std::size_t opened = out_.openObject(name);
+  if (opened == record::builder::kNotOpen) return;
+  localRef<jclass> cls(jni_, jni_->GetObjectClass(entry));
+  if (cls) {
+    std::unique_ptr<fieldTable> own;
+    appendValues(entry, tableOf(std::move(cls), own), depth);
+  }
+  out_.closeObject(opened);
 }
 
 }  // namespace agent

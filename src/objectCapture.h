@@ -1,18 +1,22 @@
 // Values of the running program as text of an exception record: strings, objects with their fields,
 // the thread locals of a thread.
 //
-// Used by the exception handler on the throwing thread. What the VM refuses ends the walk over one
-// object, whose text so far is used; Java exceptions that reading a value raises are cleared.
+// Used by the exception handler on the throwing thread, for one record. What the VM refuses ends
+// the walk over one object, whose text so far is used; Java exceptions that reading a value raises
+// are cleared. A walk ends when the record is cut, and cuts it when it takes too long.
 #pragma once
 
 #include <jvmti.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
+#include <deque>
+#include <memory>
 #include <string_view>
+#include <vector>
 
 #include "exceptionRecord.h"
+#include "raisedInHandler.h"
 #include "support/jniRef.h"
 
 namespace agent {
@@ -24,53 +28,75 @@ inline constexpr std::int32_t kCaptureThreadLocals = 4;  // thread-local objects
 
 class objectCapture {
  public:
-  // `maxDepth` is captureObjDepth: objects at that depth and below are not expanded.
-  objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::int32_t maxDepth)
-      : jvmti_(jvmti), jni_(jni), thread_(thread), maxDepth_(maxDepth) {}
+  // Appends to `out`. `maxDepth` is captureObjDepth: objects at that depth and below are not
+  // expanded. Holds local references of the frame that it is made in.
+  objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::int32_t maxDepth,
+                record::builder& out, raisedInHandler& raised);
+  ~objectCapture();
+  objectCapture(const objectCapture&) = delete;
+  objectCapture& operator=(const objectCapture&) = delete;
 
-  // The bytes after which no further field is written, and no further frame of a record: objects of
-  // hostile size, or many of them, must not take the memory of the process.
-  static constexpr std::size_t kLongestText = std::size_t{64} << 20U;
+  // The local references that one holds at once, at most.
+  static constexpr jint kReferences = 64;
+  // The processor time of walks over objects: for a budget of up to 1 MiB, and for each byte of a
+  // larger one.
+  static constexpr std::int64_t kWalkNanos = 8'000'000;
+  static constexpr std::int64_t kWalkNanosForByte = 8;
 
-  // One entry for each declared field of `cls`, the class of `object`; the length alone for an
-  // array. `depth` is the current nesting level, `mode` the caller's bit of captureObjType.
-  std::string GetObjectFieldsValue(jobject object, jclass cls, std::string_view name,
-                                   std::int32_t depth, std::int32_t mode);
-  // The same for an object whose class is to be looked up.
-  std::string fieldsOf(jobject object, std::string_view name, std::int32_t depth,
-                       std::int32_t mode);
+  // One entry for each declared field of the object's class; the length alone for an array.
+  // `depth` is the current nesting level.
+  void appendFieldsOf(jobject object, std::int32_t depth);
 
-  // The text of a string, cut to its first 256 characters. None for null.
-  std::optional<std::string> shortText(jstring string);
-  // What the object's toString gives, whole; none when it gives nothing or throws.
-  std::optional<std::string> textOfBuilder(jobject builder);
-  // The same, cut to its first 256 characters.
-  std::optional<std::string> shortTextOfBuilder(jobject builder);
+  // A text variable, cut to its first 256 characters; in its null form when it cannot be read.
+  void appendShortText(std::string_view name, jstring string);
+  void appendShortTextOfBuilder(std::string_view name, jobject builder);
 
-  // The section of the thread's thread locals, from the level `depth` on; empty when there are none
-  // or they cannot be read.
-  std::string getThreadLocalVars(std::int32_t depth);
+  // The section of the thread's thread locals, from the level `depth` on; nothing when there are
+  // none or they cannot be read.
+  void getThreadLocalVars(std::int32_t depth);
 
  private:
   struct field;
+  struct fieldTable;
+  class walk;
 
-  bool appendField(std::string& out, field each, std::int32_t depth, std::int32_t mode);
-  bool appendNested(std::string& out, const field& each, jobject value, std::int32_t depth,
-                    std::int32_t mode);
-  void sayNoFieldId(const field& each, record::typeCode code);
-  void appendThreadLocals(std::string& out, std::int32_t depth);
+  // The fields of an object, or the length of an array.
+  void appendValues(jobject object, fieldTable& table, std::int32_t depth);
+  void GetObjectFieldsValue(jobject object, fieldTable& table, std::int32_t depth);
+  bool appendField(jobject object, const fieldTable& table, field& each, std::int32_t depth);
+  void appendPrimitive(jobject object, jclass cls, const field& each);
+  bool appendReference(jobject object, jclass cls, const field& each, std::int32_t depth);
+  bool appendNested(const field& each, jobject value, std::int32_t depth);
+  bool appendText(std::string_view name, record::typeCode code, jstring string, std::size_t most);
+  void appendThreadLocals(std::int32_t depth);
+  void appendThreadLocal(std::string_view name, jobject entry, std::int32_t depth);
+
+  // What is known of a class; kept for the next object of it, or else in `own`.
+  fieldTable& tableOf(support::localRef<jclass> cls, std::unique_ptr<fieldTable>& own);
+  // A declared field by its index, kept or else in `own`; none when the VM refuses.
+  field* fieldAt(fieldTable& table, jint index, std::unique_ptr<field>& own);
+  // Asks the class for the field by its name, once.
+  bool findId(const fieldTable& table, field& each);
+  void sayNoFieldId(const field& each);
   bool isInitialized(jclass cls);
-  bool isArray(jclass cls);
-  std::string lengthOf(jobject array);
-  // The object's toString; none when it throws.
-  support::localRef<jstring> callToString(jobject object);
+  // The first characters of what a builder holds, and one more; none when it cannot be read.
+  support::localRef<jstring> beginningOf(jobject builder);
   // Clears an exception that a call has raised; whether there was one.
-  bool clearException();
+  bool clearException() { return raised_.clear() != raisedInHandler::kind::none; }
+  // Counts a step of a walk; false when the walk is to end.
+  bool mayGoOn();
 
   jvmtiEnv* jvmti_;
   JNIEnv* jni_;
   jthread thread_;
   std::int32_t maxDepth_;
+  record::builder& out_;
+  raisedInHandler& raised_;
+  std::size_t roomForTables_;  // bytes that may still be used to keep what is known of classes
+  std::vector<std::unique_ptr<fieldTable>> tables_;
+  std::uint32_t steps_ = 0;
+  std::int64_t walkBegan_ = 0;  // processor time of the thread
+  std::int64_t walkNanosLeft_;
 };
 
 }  // namespace agent

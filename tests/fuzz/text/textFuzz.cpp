@@ -180,9 +180,13 @@ void classNames(std::string_view text) {
   check(name.find('/') == std::string::npos, "class names have no slash");
   const int code = static_cast<int>(agent::record::codeOf(text));
   check(code >= 0 && code <= 10, "there are eleven type codes");
-  std::string section(text);
-  agent::record::dropLastSeparator(section);
-  check(text.starts_with(section) && text.size() - section.size() <= 3, "a section loses its end");
+  constexpr std::size_t kLimit = 64;
+  agent::record::builder built(kLimit);
+  built.appendEntry("name", agent::record::codeOf(text), text);
+  check(built.size() <= kLimit && (built.size() > 0) != built.isCut(), "what fits is appended");
+  const std::size_t before = built.size();
+  built.dropLastSeparator(0);
+  check(before - built.size() == (before > 0 ? 3 : 0), "a section loses its end");
 }
 
 void filters(std::string_view text) {

@@ -2,6 +2,7 @@
 // unloaded as a VM does it, its native methods, its log and reports.
 #pragma once
 
+#include <com_korvane_twutils_nativeagent_AgentCounters.h>
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -152,9 +152,9 @@ TEST_F(exceptionFaults, eachCallFails) {
 TEST_F(exceptionFaults, eachCallIntoJavaThrows) {
   begin(kAll);
   const std::set<std::string> throwing{
-      "GetFieldID",           "GetStaticFieldID",     "GetMethodID",      "CallObjectMethod",
-      "CallStaticVoidMethod", "NewStringUTF",         "NewWeakGlobalRef", "GetStringUTFChars",
-      "GetStringUTFRegion",   "GetObjectArrayElement"};
+      "GetFieldID",           "GetStaticFieldID",  "GetMethodID",      "CallObjectMethod",
+      "CallIntMethod",        "NewStringUTF",      "NewWeakGlobalRef", "GetObjectArrayElement",
+      "CallStaticVoidMethod", "GetStringUTFRegion"};
   std::set<std::string> thrown;
   forEachCall([&](const std::string& function) { return throwing.count(function) > 0; },
               [&](const std::string& function, unsigned number) {
@@ -285,13 +285,12 @@ TEST_F(exceptionFaults, afterSomethingWasThrownTheNextIsRecorded) {
 
 // --- Java code that throws.
 
-TEST_F(exceptionFaults, aToStringThatThrowsGivesTheNullForm) {
+TEST_F(exceptionFaults, aBuilderThatThrowsGivesTheNullForm) {
   begin(kAll);
-  fake::object* const bad =
-      objectSaying("java.lang.StringBuilder", [](fake::invocation& call) -> fake::value {
-        call.vm.throwInJava(nullptr);
-        return static_cast<fake::object*>(nullptr);
-      });
+  fake::object* const bad = builderWith(4, [](fake::invocation& call) -> fake::value {
+    call.vm.throwInJava(nullptr);
+    return static_cast<fake::object*>(nullptr);
+  });
   fake::object* const holder =
       objectWith("a.A", {{"f", "Ljava/lang/StringBuilder;", bad}, {"n", "I", jint{1}}});
   const frameSections sections = topOf(
@@ -300,14 +299,13 @@ TEST_F(exceptionFaults, aToStringThatThrowsGivesTheNullForm) {
   EXPECT_EQ(sections.locals, nullObject("l") + entry("i", 4, "2"));
 }
 
-TEST_F(exceptionFaults, exceptionsThrownInsideToStringAreNotRecorded) {
+TEST_F(exceptionFaults, exceptionsThrownInsideABuilderAreNotRecorded) {
   begin(kAll);
   bool handlerCalled = false;
-  fake::object* const busy =
-      objectSaying("java.lang.StringBuilder", [&](fake::invocation& call) -> fake::value {
-        handlerCalled = call.vm.exception(thread(), nullptr, 0, call.vm.makeObject(kFailure));
-        return call.vm.makeString("done");
-      });
+  fake::object* const busy = builderWith(4, [&](fake::invocation& call) -> fake::value {
+    handlerCalled = call.vm.exception(thread(), nullptr, 0, call.vm.makeObject(kFailure));
+    return call.vm.makeString("done");
+  });
   EXPECT_EQ(topOf({frameOf("a.A.m", {}, {{"l", "Ljava/lang/StringBuilder;", busy}})}).locals,
             entry("l", 8, "done"));
   EXPECT_TRUE(handlerCalled);

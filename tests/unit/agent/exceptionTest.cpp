@@ -77,17 +77,20 @@ fake::object* exceptionTest::objectWith(std::string_view className,
   return fake::makeObjectWith(vm, className, fields);
 }
 
-fake::object* exceptionTest::objectSaying(std::string_view className, fake::methodBody toString) {
-  fake::javaClass* const type = vm.makeClass(className);
-  vm.makeMethod(type, "toString", "()Ljava/lang/String;", {.body = std::move(toString)});
+fake::object* exceptionTest::builderWith(jint length, fake::methodBody substring) {
+  fake::javaClass* const type = vm.makeClass("java.lang.StringBuilder");
+  vm.makeMethod(type, "length", "()I",
+                {.body = [length](fake::invocation&) -> fake::value { return length; }});
+  vm.makeMethod(type, "substring", "(II)Ljava/lang/String;", {.body = std::move(substring)});
   return vm.makeObject(type);
 }
 
 fake::object* exceptionTest::builder(std::string_view text) {
-  return objectSaying("java.lang.StringBuilder",
-                      [kept = std::string(text)](fake::invocation& call) -> fake::value {
-                        return call.vm.makeString(kept);
-                      });
+  const auto substring = [kept = std::string(text)](fake::invocation& call) -> fake::value {
+    const auto at = [&](std::size_t i) { return std::get<jint>(call.arguments[i]); };
+    return call.vm.makeString(fake::utf16Part(kept, at(0), at(1) - at(0)));
+  };
+  return builderWith(fake::utf16Length(text), substring);
 }
 
 std::string exceptionTest::recordOf(const std::vector<fake::frame>& stack,

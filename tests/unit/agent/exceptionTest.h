@@ -68,8 +68,8 @@ class exceptionTest : public agentTest {
                       const std::vector<variable>& locals = {});
   // An object of a class of its own, with these instance fields.
   fake::object* objectWith(std::string_view className, const std::vector<variable>& fields);
-  // An object with a toString of its own.
-  fake::object* objectSaying(std::string_view className, fake::methodBody toString);
+  // A StringBuilder of so many UTF-16 units, with a substring of its own.
+  fake::object* builderWith(jint length, fake::methodBody substring);
   fake::object* builder(std::string_view text);
 
   // Throws an exception in the top frame of a stack, on thread(); the record delivered for it.

@@ -140,18 +140,30 @@ TEST_F(objectCapture, floatingPointFieldsAreWrittenInFull) {
   EXPECT_EQ(textOf(all), entry("n", 9, "nan") + entry("i", 6, "-inf") + entry("t", 9, "0.100000"));
 }
 
-TEST_F(objectCapture, textFieldsAreNotCut) {
+TEST_F(objectCapture, stringFieldsAreNotCutTo256Characters) {
   begin(kVariables);
   const std::string text = repeated("0123456789", 30);
   fake::object* const object =
-      objectWith("com.example.Text", {{"s", "Ljava/lang/String;", vm.makeString(text)},
-                                      {"b", "Ljava/lang/StringBuilder;", builder(text)}});
-  EXPECT_EQ(textOf(object), entry("s", 7, text) + entry("b", 8, text));
+      objectWith("com.example.Text", {{"s", "Ljava/lang/String;", vm.makeString(text)}});
+  EXPECT_EQ(textOf(object), entry("s", 7, text));
 }
 
-TEST_F(objectCapture, textFieldsOfTenMegabytesAreWritten) {
+TEST_F(objectCapture, onlyTheBeginningOfABuilderIsMadeIntoAString) {
   begin(kVariables);
-  const std::string text(10'000'000, 'z');
+  jint asked = 0;
+  fake::object* const huge = builderWith(120'000'000, [&](fake::invocation& call) -> fake::value {
+    EXPECT_EQ(std::get<jint>(call.arguments[0]), 0);
+    asked = std::get<jint>(call.arguments[1]);
+    return call.vm.makeString(repeated("x", asked));
+  });
+  EXPECT_EQ(textOf(objectWith("com.example.Text", {{"b", "Ljava/lang/StringBuilder;", huge}})),
+            entry("b", 8, repeated("x", 256)));
+  EXPECT_EQ(asked, 257);
+}
+
+TEST_F(objectCapture, textFieldsAreReadWholeWithinTheBudget) {
+  begin(kVariables);
+  const std::string text(1'000'000, 'z');
   fake::object* const object =
       objectWith("com.example.Text", {{"s", "Ljava/lang/String;", vm.makeString(text)}});
   EXPECT_TRUE(textOf(object) == entry("s", 7, text));
@@ -169,11 +181,10 @@ TEST_F(objectCapture, hostileNamesAndTextsGoThroughUnchanged) {
                 "%44");
 }
 
-TEST_F(objectCapture, aMissingValueOfToStringHasTheNullForm) {
+TEST_F(objectCapture, aBuilderThatGivesNothingHasTheNullForm) {
   begin(kVariables);
-  fake::object* const mute = objectSaying(
-      "java.lang.StringBuilder",
-      [](fake::invocation&) -> fake::value { return static_cast<fake::object*>(nullptr); });
+  fake::object* const mute = builderWith(
+      4, [](fake::invocation&) -> fake::value { return static_cast<fake::object*>(nullptr); });
   EXPECT_EQ(textOf(objectWith("a.A", {{"b", "Ljava/lang/StringBuilder;", mute}})), nullField("b"));
   EXPECT_EQ(topOf({frameOf("a.A.m", {}, {{"b", "Ljava/lang/StringBuilder;", mute}})}).locals,
             nullObject("b"));

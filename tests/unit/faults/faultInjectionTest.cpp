@@ -92,10 +92,10 @@ const std::set<std::string> kNeverFail = {
 
 // JNI calls that leave a Java exception behind when they fail.
 const std::set<std::string> kThrow = {
-    "CallObjectMethod",  "CallStaticVoidMethod", "EnsureLocalCapacity",   "FindClass",
-    "GetFieldID",        "GetMethodID",          "GetObjectArrayElement", "GetStaticFieldID",
-    "GetStaticMethodID", "GetStringUTFChars",    "GetStringUTFRegion",    "NewGlobalRef",
-    "NewStringUTF",      "NewWeakGlobalRef",     "PushLocalFrame"};
+    "CallIntMethod",    "CallObjectMethod",  "CallStaticVoidMethod", "EnsureLocalCapacity",
+    "FindClass",        "GetFieldID",        "GetMethodID",          "GetObjectArrayElement",
+    "GetStaticFieldID", "GetStaticMethodID", "GetStringUTFChars",    "GetStringUTFRegion",
+    "NewGlobalRef",     "NewStringUTF",      "NewWeakGlobalRef",     "PushLocalFrame"};
 
 bool isJvmti(const std::string& function) {
   return *fake::functionNamed(function) < fake::kFirstJniId;

@@ -1,0 +1,31 @@
+package com.korvane.twutils.nativeagent;
+
+/**
+ * What the agent itself counts and keeps, for the companion. Without the agent every native throws
+ * {@link UnsatisfiedLinkError}. Any thread may call.
+ */
+public final class AgentCounters {
+  /** How many texts {@link #takeUndelivered} gives. */
+  public static final int UNDELIVERED_PARTS = 5;
+
+  private AgentCounters() {}
+
+  /** One of the counts of {@link ExceptionCounts}, in the order in which that names them. */
+  static native long exceptions(int which);
+
+  /**
+   * Asked within {@link ExceptionSink#onException}, on the same thread: whether the record ends
+   * early because it was longer than the agent allows. False anywhere else.
+   */
+  public static native boolean isRecordCut();
+
+  /**
+   * Takes the oldest record that could not be handed over because its thread had no stack left. The
+   * agent keeps some of them, and none before the first call.
+   *
+   * @param parts filled with when it was thrown (milliseconds since the epoch), the name of its
+   *     thread, the class of the exception, the record, and "cut" or an empty text
+   * @return whether there was one
+   */
+  public static native boolean takeUndelivered(String[] parts);
+}

@@ -1,0 +1,51 @@
+// The Java exceptions that an event handler finds pending after its own calls.
+//
+// What those calls have thrown themselves (a sink, memory that is used up) must not reach the
+// program, and is dropped. An asynchronous exception, which another thread has sent to this one by
+// Thread.stop or by StopThread of JVMTI, happens to be delivered in such a call as well: it belongs
+// to the program, and is sent again when the handler is done.
+#pragma once
+
+#include <jvmti.h>
+
+#include <string>
+
+namespace agent {
+
+// Used by one handler, on its thread. The last of the handler's objects to go: after it no call is
+// made that the exception could be delivered in.
+class raisedInHandler {
+ public:
+  raisedInHandler(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
+  ~raisedInHandler();
+  raisedInHandler(const raisedInHandler&) = delete;
+  raisedInHandler& operator=(const raisedInHandler&) = delete;
+
+  enum class kind {
+    none,
+    noStack,       // a StackOverflowError
+    noMemory,      // an OutOfMemoryError
+    other,         // what a call threw
+    asynchronous,  // what another thread sent
+  };
+  // Clears what is pending after a call.
+  kind clear();
+  // The class of what was cleared last, as in "java.lang.Error".
+  const std::string& className() const { return className_; }
+
+  // Told by the handler that meets its own calls' exception events: something was thrown in Java.
+  static void noteThrow();
+
+ private:
+  kind kindOf(jthrowable raised, bool wasThrownInJava);
+  bool comesFromElsewhere(jthrowable raised);
+  std::string signatureOf(jclass cls);
+
+  jvmtiEnv* jvmti_;
+  JNIEnv* jni_;
+  jthread thread_;
+  jobject asynchronous_ = nullptr;  // a global reference on the first one
+  std::string className_;
+};
+
+}  // namespace agent

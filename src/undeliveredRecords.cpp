@@ -1,0 +1,43 @@
+#include "undeliveredRecords.h"
+
+#include <utility>
+
+#include "exceptionRecord.h"
+
+namespace agent {
+
+undeliveredRecords& undeliveredRecords::ofProcess() {
+  static undeliveredRecords& records = *new undeliveredRecords;
+  return records;
+}
+
+bool undeliveredRecords::keep(undeliveredRecord record) {
+  const support::lockGuard guard(mutex_);
+  if (!isAsked_ || records_.size() == kMost) return false;
+  if (bytes_ + record.text.capacity() > kMostBytes) {
+    record.text = record::withoutValues(record.text);
+    record.isCut = true;
+  }
+  records_.push_back(std::move(record));
+  bytes_ += records_.back().text.capacity();
+  return true;
+}
+
+std::optional<undeliveredRecord> undeliveredRecords::take() {
+  const support::lockGuard guard(mutex_);
+  isAsked_ = true;
+  if (records_.empty()) return std::nullopt;
+  undeliveredRecord oldest = std::move(records_.front());
+  records_.pop_front();
+  bytes_ -= oldest.text.capacity();
+  return oldest;
+}
+
+void undeliveredRecords::putBack(undeliveredRecord record) {
+  const support::lockGuard guard(mutex_);
+  if (records_.size() == kMost || bytes_ + record.text.capacity() > kMostBytes) return;
+  records_.push_front(std::move(record));
+  bytes_ += records_.front().text.capacity();
+}
+
+}  // namespace agent
