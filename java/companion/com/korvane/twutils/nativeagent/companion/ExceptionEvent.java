@@ -23,13 +23,28 @@ final class ExceptionEvent {
   final String className;
   final String message;
   final String record;
+  final boolean isCut; // the record
+  final boolean isVirtual; // the thread
 
   ExceptionEvent(long millis, String thread, String className, String message, String record) {
+    this(millis, thread, className, message, record, false, false);
+  }
+
+  ExceptionEvent(
+      long millis,
+      String thread,
+      String className,
+      String message,
+      String record,
+      boolean isCut,
+      boolean isVirtual) {
     this.millis = millis;
     this.thread = thread;
     this.className = className;
     this.message = message;
     this.record = record;
+    this.isCut = isCut;
+    this.isVirtual = isVirtual;
   }
 
   /**
@@ -42,7 +57,9 @@ final class ExceptionEvent {
         Thread.currentThread().getName(),
         exception == null ? "" : exception.getClass().getName(),
         messageOf(exception),
-        record == null ? "" : record);
+        record == null ? "" : record,
+        AgentRecords.isRecordCut(),
+        AgentRecords.isOnVirtualThread());
   }
 
   private static String messageOf(Object exception) {

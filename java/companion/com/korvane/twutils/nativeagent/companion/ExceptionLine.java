@@ -25,9 +25,12 @@ final class ExceptionLine {
     json.key("class").value(event.className);
     json.key("message").value(event.message);
     json.key("caught").literal("null"); // the agent does not tell
+    if (event.isCut) {
+      json.key("cut").value(true);
+    }
     json.key("frames").beginArray();
     for (ExceptionRecord.Frame frame : decoded.frames()) {
-      write(json, frame);
+      write(json, frame, event.isVirtual);
     }
     json.endArray();
     if (!decoded.doubts().isEmpty()) {
@@ -40,7 +43,7 @@ final class ExceptionLine {
     return json.key("raw").value(event.record).endObject().toString();
   }
 
-  private static void write(JsonText json, ExceptionRecord.Frame frame) {
+  private static void write(JsonText json, ExceptionRecord.Frame frame, boolean isVirtual) {
     String method =
         frame.className().isEmpty()
             ? frame.methodName()
@@ -49,23 +52,31 @@ final class ExceptionLine {
     json.key("method").value(method);
     json.key("file").value(kUnknownSource.equals(frame.sourceFile()) ? null : frame.sourceFile());
     json.key("line").value(frame.line());
-    write(json.key("fields"), frame.classVariables());
-    write(json.key("arguments"), frame.arguments());
-    write(json.key("locals"), frame.locals());
-    write(json.key("threadLocals"), frame.threadLocals());
+    write(json.key("fields"), frame.classVariables(), false);
+    write(json.key("arguments"), frame.arguments(), isVirtual);
+    write(json.key("locals"), frame.locals(), isVirtual);
+    write(json.key("threadLocals"), frame.threadLocals(), false);
     json.endObject();
   }
 
-  private static void write(JsonText json, List<CapturedValue> values) {
+  /**
+   * With uncertain nulls, an object that reads as null may be one that compiled code has taken
+   * apart.
+   */
+  private static void write(
+      JsonText json, List<CapturedValue> values, boolean areNullsUncertain) {
     json.beginArray();
     for (CapturedValue value : values) {
       json.beginObject();
       json.key("name").value(value.name());
       json.key("type").value(value.type().toString());
       if (value.type() == ValueType.OBJECT && !value.isNull()) {
-        write(json.key("fields"), value.fields());
+        write(json.key("fields"), value.fields(), false);
       } else {
         json.key("value").value(textOf(value));
+        if (areNullsUncertain && value.isNull()) {
+          json.key("uncertain").value(true);
+        }
       }
       json.endObject();
     }

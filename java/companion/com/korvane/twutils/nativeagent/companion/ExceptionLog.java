@@ -21,6 +21,9 @@ final class ExceptionLog implements ExceptionSink {
 
   private static final long kMaxSecondsToClose = 10;
 
+  /** After which the agent is asked for records that it could not hand over. */
+  private static final long kNanosBetweenLooks = 1_000_000_000;
+
   private final RotatingFile file;
   private final int maxQueued;
   private final ConcurrentLinkedQueue<ExceptionEvent> queue = new ConcurrentLinkedQueue<>();
@@ -43,6 +46,7 @@ final class ExceptionLog implements ExceptionSink {
 
   /** Begins to write. */
   void start() {
+    AgentRecords.prepare();
     writer.start();
   }
 
@@ -54,10 +58,10 @@ final class ExceptionLog implements ExceptionSink {
     ExceptionEvent event;
     try {
       event = ExceptionEvent.of(record, exception);
-    } catch (OutOfMemoryError | StackOverflowError e) {
+    } catch (OutOfMemoryError e) {
       dropped.incrementAndGet(); // what is being thrown, perhaps
       return;
-    }
+    } // a StackOverflowError goes to the agent, which keeps the record for this thread
     add(event);
   }
 
@@ -69,7 +73,7 @@ final class ExceptionLog implements ExceptionSink {
     }
     enqueue(event);
     if (isIdle) {
-      LockSupport.unpark(writer);
+      wakeWriter();
     }
   }
 
@@ -89,14 +93,23 @@ final class ExceptionLog implements ExceptionSink {
 
   /** There may be no memory or no stack left: that is what is being thrown, perhaps. */
   private void enqueue(ExceptionEvent event) {
-    boolean isQueued = false;
     try {
-      isQueued = queue.add(event);
-    } finally {
-      if (!isQueued) {
-        givePlaceBack(event);
-        dropped.incrementAndGet();
-      }
+      queue.add(event);
+    } catch (StackOverflowError e) {
+      givePlaceBack(event);
+      throw e;
+    } catch (Throwable e) {
+      givePlaceBack(event);
+      dropped.incrementAndGet();
+      throw e;
+    }
+  }
+
+  private void wakeWriter() {
+    try {
+      LockSupport.unpark(writer);
+    } catch (StackOverflowError e) {
+      // It looks by itself soon, and the agent is not to keep a record that is in the queue.
     }
   }
 
@@ -147,13 +160,14 @@ final class ExceptionLog implements ExceptionSink {
   private void writeUntilClosed() {
     while (true) {
       boolean isLast = isClosing; // asked before the queue: what came before is still written
+      writeUndelivered();
       writeQueued();
       if (isLast) {
         return;
       }
       isIdle = true;
       if (queue.isEmpty() && !isClosing) {
-        LockSupport.park(this);
+        LockSupport.parkNanos(this, kNanosBetweenLooks);
       }
       isIdle = false;
     }
@@ -161,20 +175,34 @@ final class ExceptionLog implements ExceptionSink {
 
   private void writeQueued() {
     for (ExceptionEvent event = queue.poll(); event != null; event = queue.poll()) {
-      try {
-        write(ExceptionLine.of(event));
-        recorded++;
-      } catch (IOException | RuntimeException | OutOfMemoryError e) {
-        dropped.incrementAndGet();
-        tellFailure(e);
-      }
+      write(event);
       givePlaceBack(event);
+    }
+  }
+
+  /** Those that the agent could not hand over. */
+  private void writeUndelivered() {
+    ExceptionEvent event = AgentRecords.takeUndelivered();
+    for (; event != null; event = AgentRecords.takeUndelivered()) {
+      write(event);
+    }
+  }
+
+  private void write(ExceptionEvent event) {
+    try {
+      write(ExceptionLine.of(event));
+      recorded++;
+    } catch (IOException | RuntimeException | OutOfMemoryError e) {
+      dropped.incrementAndGet();
+      tellFailure(e);
     }
   }
 
   private void writeEnd() {
     JsonText json = new JsonText().beginObject();
-    json.key("recorded").value(recorded).key("dropped").value(dropped.get()).endObject();
+    json.key("recorded").value(recorded).key("dropped").value(dropped.get());
+    AgentRecords.writeCounts(json);
+    json.endObject();
     try {
       write(json.toString());
       file.close();
