@@ -75,10 +75,10 @@ def test_names_with_scripts_are_texts(page_of, see_all, tmp_path):
 
 def test_control_and_direction_characters_are_made_visible(page_of, see_all, tmp_path, browser):
     names = ["bell\x07", "line\nfeed", "right\u202eleft", "zero\u200bwidth", "nul\x00", "del\x7f",
-             "sep\u2028\u2029", "mark\ufeff"]
+             "sep\u2028\u2029", "mark\ufeff", "arabic\u061cmark"]
     page = page_of(hostile_folder(tmp_path, names, "one.line.only"))
     for text in see_all(page):
-        assert not set("\x00\x07\x7f\u202e\u200b\u2028\ufeff") & set(text)
+        assert not set("\x00\x07\x7f\u061c\u202e\u200b\u2028\ufeff") & set(text)
     browser.open(page, "locks")
     shown = browser.table("Locks").column("Lock")
     assert {"bell␇", "line␊feed", "right\ufffdleft"} <= set(shown)

@@ -111,6 +111,18 @@ TEST(csvTables, holdNoFormulas) {
   }
 }
 
+TEST(csvTables, holdNoFormulasBehindBlanks) {
+  const std::pair<std::string, std::string> blanks[] = {
+      {" ", " "},           {"  ", "  "},         {"\\t", "\uFFFD"},    {"\\r\\n", "\uFFFD\uFFFD"},
+      {"\u00A0", "\u00A0"}, {"\u3000", "\u3000"}, {"\uFEFF", "\uFEFF"}, {"\u061C", "\uFFFD"}};
+  for (const auto& [blank, shown] : blanks) {
+    EXPECT_THAT(csv(runOf(replaced(kReport, "a.Cart@7", blank + "=1@7")), csvTable::locks),
+                HasSubstr("42,'" + shown + "=1@7,'" + shown + "=1,3,"));
+  }
+  EXPECT_THAT(csv(runOf(replaced(kReport, "a.Cart@7", " a=1@7")), csvTable::locks),
+              HasSubstr("42, a=1@7, a=1,3,"));
+}
+
 TEST(csvTables, ofARecordedRun) {
   const profile all = readProfile({DATA_FOLDER "/shop-run"});
   EXPECT_THAT(csv(all, csvTable::exceptions),

@@ -75,10 +75,20 @@ TEST(cutting, goesDownToNothing) {
 
 TEST(printable, showsWhatHidesOrTurnsText) {
   for (const char* text :
-       {"\u200B", "\u200F", "\u2028", "\u2029", "\u202A", "\u202E", "\u2066", "\u2069"}) {
+       {"\u061C", "\u200B", "\u200F", "\u2028", "\u2029", "\u202A", "\u202E", "\u2066", "\u2069"}) {
     EXPECT_EQ(printable(std::string("a") + text + "b"), "a\uFFFDb");
   }
   EXPECT_EQ(printable("\u2010\u202F\u2065"), "\u2010\u202F\u2065");
+}
+
+TEST(afterBlanks, passesOverWhatIsNotSeen) {
+  for (const char* blank :
+       {" ", "\t", "\r", "\n", "\v", "\f", "\u0085", "\u00A0", "\u00AD", "\u061C", "\u1680",
+        "\u2003", "\u200B", "\u202E", "\u202F", "\u205F", "\u2060", "\u3000", "\uFEFF"}) {
+    EXPECT_EQ(afterBlanks(std::string(blank) + " " + blank + "=x "), "=x ") << blank;
+  }
+  EXPECT_EQ(afterBlanks("x"), "x");
+  EXPECT_EQ(afterBlanks(" \u3000"), "");
 }
 
 }  // namespace

@@ -118,10 +118,11 @@ class speedscopeWriter {
   std::unordered_map<std::string, std::size_t> ids_;
 };
 
-// A spreadsheet would take a name that begins like a formula for one.
+// A spreadsheet would take a name that begins like a formula for one, also behind blanks.
 std::string csvCell(const std::string& text) {
   std::string cell = printable(text);
-  if (!cell.empty() && std::string_view("=+-@").find(cell.front()) != std::string_view::npos) {
+  const std::string_view start = afterBlanks(text).substr(0, 1);
+  if (!start.empty() && std::string_view("=+-@").find(start) != std::string_view::npos) {
     cell.insert(0, 1, '\'');
   }
   if (cell.find_first_of(",\"") == cell.npos) {

@@ -94,12 +94,25 @@ std::string fourBytes(char32_t code) {
 }
 
 // Also what breaks lines, has no width or turns the direction of the text around it.
-constexpr std::array<codeRange, 6> kControls = {{{0x00, 0x1F},
+constexpr std::array<codeRange, 7> kControls = {{{0x00, 0x1F},
                                                  {0x7F, 0x9F},
+                                                 {0x061C, 0x061C},
                                                  {0x200B, 0x200F},
                                                  {0x2028, 0x2029},
                                                  {0x202A, 0x202E},
                                                  {0x2066, 0x2069}}};
+
+// Those that are no controls.
+constexpr std::array<codeRange, 9> kBlanks = {{{0x20, 0x20},
+                                               {0xA0, 0xA0},
+                                               {0xAD, 0xAD},
+                                               {0x1680, 0x1680},
+                                               {0x180E, 0x180E},
+                                               {0x2000, 0x200A},
+                                               {0x202F, 0x202F},
+                                               {0x205F, 0x2064},
+                                               {0x3000, 0x3000}}};
+constexpr char32_t kByteOrderMark = 0xFEFF;
 
 std::size_t columnsOf(char32_t code) {
   return within(kNoColumn, code) ? 0 : within(kTwoColumns, code) ? 2 : 1;
@@ -162,6 +175,18 @@ std::string printable(std::string_view utf8) {
     utf8.remove_prefix(next.bytes);
   }
   return result;
+}
+
+std::string_view afterBlanks(std::string_view utf8) {
+  while (!utf8.empty()) {
+    const character next = front(utf8);
+    if (!within(kControls, next.code) && !within(kBlanks, next.code) &&
+        next.code != kByteOrderMark) {
+      break;
+    }
+    utf8.remove_prefix(next.bytes);
+  }
+  return utf8;
 }
 
 std::size_t displayColumns(std::string_view utf8) {

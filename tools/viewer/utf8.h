@@ -20,6 +20,9 @@ std::size_t appendUtf8(std::string_view modified, bool isLast, std::string& utf8
 // line nor steer the terminal, and of those that hide or turn around what stands beside them.
 std::string printable(std::string_view utf8);
 
+// UTF-8 text from its first character on that is neither a blank nor one that printable() replaces.
+std::string_view afterBlanks(std::string_view utf8);
+
 // How many terminal columns printable UTF-8 text fills.
 std::size_t displayColumns(std::string_view utf8);
 
