@@ -118,9 +118,16 @@ def record(name, frames, message=None, time="2026-11-21T14:35:15.123Z", thread="
             "frames": frames, "ambiguous": list(ambiguous), "raw": "text of the agent"}
 
 
-def write_exceptions(folder, records, dropped=0):
-    write_json(folder / "exceptions.jsonl", *records,
-               {"recorded": len(records), "dropped": dropped})
+def counts(**members):
+    """What the agent counted; with nothing lost unless named."""
+    failed = {reason: members.pop(reason, 0) for reason in ("stack", "callback", "memory", "vm")}
+    names = ("seen", "filtered", "blackListed", "overRate", "delivered", "cut")
+    return {**{name: members.pop(name, 0) for name in names}, "failed": failed}
+
+
+def write_exceptions(folder, records, dropped=0, agent=None):
+    end = {"recorded": len(records), "dropped": dropped}
+    write_json(folder / "exceptions.jsonl", *records, {**end, **({"agent": agent} if agent else {})})
 
 
 def write_run(folder, **members):

@@ -381,6 +381,36 @@ def test_another_lock_session_can_be_chosen(browser, page):
     assert flame_line(browser) == "All stacks: 2 entries"
 
 
+def test_exceptions_that_are_not_among_the_records(browser, page_of, tmp_path):
+    cut = {**reports.record("a.b.Cut", []), "cut": True}
+    reports.write_exceptions(tmp_path, [cut, reports.record("a.b.Whole", [])], dropped=4,
+                             agent=reports.counts(seen=12238, overRate=12000, filtered=200,
+                                                  blackListed=29, delivered=6, cut=1, stack=3))
+    reports.write_run(tmp_path, removed={"reports": 5, "files": 10})
+    (tmp_path / "memory-2.json.part").write_text("")
+    browser.open(page_of(tmp_path), "exceptions")
+    assert ("The agent saw 12,238 exceptions: 12,000 over the rate, 29 of excluded classes, 200 thrown "
+            "in packages that are not recorded, 3 without a record (stack 3), 6 handed over as "
+            "records (1 of them cut).") in browser.text()
+    assert "4 records were dropped." in browser.text()
+    assert "of 3 exceptions no record could be made (stack 3)." in browser.text()
+    groups = browser.table("Exceptions by class and site")
+    groups.choose("a.b.Whole")
+    assert "was cut" not in browser.text()
+    groups.choose("a.b.Cut")
+    assert "The record was too long and was cut" in browser.text()
+    browser.go("Overview")
+    assert "recorded; not all is here" in browser.text()
+    assert "memory-2.json.part" in browser.text() and "5 older reports" in browser.text()
+
+
+def test_exceptions_of_a_jvm_that_was_killed(browser, page_of, tmp_path):
+    reports.write_json(tmp_path / "exceptions.jsonl", reports.record("a.b.X", []))
+    browser.open(page_of(tmp_path), "exceptions")
+    assert "there is no end line: the JVM was killed, or still runs." in browser.text()
+    assert "The agent saw" not in browser.text()
+
+
 def test_exceptions_by_group_and_record(browser, page):
     browser.open(page, "exceptions")
     assert "2 records were dropped" in browser.text()

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "exceptionTables.h"
+#include "testReport.h"
 
 namespace viewer {
 namespace {
@@ -69,9 +70,50 @@ TEST(exceptionLog, readsARecord) {
 TEST(exceptionLog, readsTheSummary) {
   const auto [log, problems] = readLog(kFull + R"({"recorded":1,"dropped":7})");
   EXPECT_EQ(log.size(), 1U);
-  EXPECT_EQ(log.recorded(), 1);
-  EXPECT_EQ(log.dropped(), 7);
-  EXPECT_FALSE(readLog(kFull).log.recorded());
+  ASSERT_TRUE(log.counted());
+  EXPECT_EQ(log.counted()->recorded, 1U);
+  EXPECT_EQ(log.counted()->dropped, 7U);
+  EXPECT_FALSE(log.counted()->agent) << "an older version does not tell";
+  EXPECT_FALSE(readLog(kFull).log.counted());
+}
+
+const std::string kCounts =
+    R"("agent":{"seen":12238,"filtered":200,"blackListed":20,"overRate":12000,"delivered":15,)"
+    R"("cut":2,"failed":{"stack":2,"callback":1,"memory":0,"vm":0}}})"
+    "\n";
+
+TEST(exceptionLog, readsWhatTheAgentCounted) {
+  const auto [log, problems] = readLog(R"({"recorded":10,"dropped":5,)" + kCounts);
+  EXPECT_THAT(problems, IsEmpty());
+  ASSERT_TRUE(log.counted() && log.counted()->agent);
+  EXPECT_EQ(log.counted()->agent->overRate, 12000U);
+  EXPECT_EQ(failuresOf(*log.counted()->agent), 3U);
+  EXPECT_EQ(failureReasons(*log.counted()->agent), "callback 1, stack 2");
+}
+
+TEST(exceptionLog, addsUpSeveralEnds) {
+  const std::string end = R"({"recorded":1,"dropped":2,)" + kCounts;
+  const auto [log, problems] = readLog(kFull + end + kFull + end);
+  EXPECT_EQ(log.ends(), 2U);
+  EXPECT_EQ(log.counted()->recorded, 2U);
+  EXPECT_EQ(log.counted()->dropped, 4U);
+  EXPECT_EQ(log.counted()->agent->seen, 24476U);
+  EXPECT_EQ(log.counted()->agent->failed.at("stack"), 4U);
+  EXPECT_FALSE(readLog(end + R"({"recorded":1,"dropped":2})").log.counted()->agent);
+}
+
+TEST(exceptionLog, refusesCountsBelowNone) {
+  EXPECT_THAT(readLog(R"({"recorded":-1,"dropped":0})").problems,
+              ElementsAre(StartsWith("e.jsonl:1: recorded: expected ")));
+}
+
+TEST(exceptionLog, tellsWhatWasLost) {
+  const auto lost = [](const std::string& text) { return lossesOf(readLog(text).log); };
+  EXPECT_THAT(lost(kFull + R"({"recorded":1,"dropped":0})"), IsEmpty());
+  EXPECT_THAT(lost(kFull), ElementsAre(StartsWith("there is no end line")));
+  EXPECT_THAT(lost(kFull + R"({"recorded":4,"dropped":2})"),
+              ElementsAre(StartsWith("3 records that were written are in none of the files"),
+                          "2 records were dropped"));
 }
 
 TEST(exceptionLog, ordersRecordsOfSeveralFilesByTime) {
@@ -165,6 +207,27 @@ TEST(exceptionTables, showARecordAsATree) {
             "      ThreadLocals3: object\n"
             "  at com.example.Main.main\n"
             "  in doubt: two ways\n");
+}
+
+TEST(exceptionTables, tellWhatIsNotAmongTheRecords) {
+  EXPECT_EQ(
+      exceptionLine(readLog(kFull + R"({"recorded":1,"dropped":5,)" + kCounts).log),
+      "Exceptions: 1 records, 1 written and 5 dropped by the program\n"
+      "The agent saw 12,238 exceptions: 12,000 over the rate, 20 of excluded classes, 200 "
+      "thrown in packages that are not recorded, 3 without a record (callback 1, stack 2), 15 "
+      "handed over as records (2 of them cut).\n"
+      "Not all is here: 5 records were dropped.\n"
+      "Not all is here: of 3 exceptions no record could be made (callback 1, stack 2).\n");
+  EXPECT_EQ(exceptionLine(readLog(kFull).log),
+            "Exceptions: 1 records\n"
+            "Not all is here: there is no end line: the JVM was killed, or still runs.\n");
+}
+
+TEST(exceptionTables, tellThatARecordWasCut) {
+  const auto [log, problems] = readLog(replaced(kFull, "\"caught\"", "\"cut\":true,\"caught\""));
+  EXPECT_THAT(problems, IsEmpty());
+  EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("  cut: the record was too long, so that values"));
+  EXPECT_THAT(recordTree(readLog(kFull).log, 1, {}), testing::Not(HasSubstr("cut:")));
 }
 
 TEST(exceptionTables, sendNoControlCharacters) {

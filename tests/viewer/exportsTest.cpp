@@ -140,6 +140,20 @@ TEST(prometheus, writesGauges) {
   EXPECT_THAT(text, Not(HasSubstr("javanativeagent_exceptions")));
 }
 
+TEST(prometheus, countsTheExceptionsWithoutARecord) {
+  profile all;
+  std::vector<std::string> none;
+  all.exceptions.emplace().add(
+      bytesOfText(R"({"recorded":0,"dropped":3,"agent":{"seen":9,"filtered":1,"blackListed":0,)"
+                  R"("overRate":4,"delivered":3,"cut":0,"failed":{"vm":1}}})"),
+      "e", none);
+  const std::string text = prometheus(all);
+  EXPECT_THAT(text,
+              HasSubstr("\njavanativeagent_exceptions_without_record{reason=\"dropped\"} 3\n"));
+  EXPECT_THAT(text, HasSubstr("{reason=\"rate\"} 4\n"));
+  EXPECT_THAT(text, HasSubstr("{reason=\"failed\"} 1\n"));
+}
+
 TEST(prometheus, addsUpWhatHasTheSameLabels) {
   profile twice = runOf(kReport);
   twice.lockReports.push_back(twice.lockReports[0]);

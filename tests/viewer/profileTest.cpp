@@ -54,6 +54,73 @@ TEST_F(inputs, areKnownByTheirContent) {
   EXPECT_EQ(all.memoryReports.size(), 1U);
 }
 
+TEST_F(inputs, ofARunTellWhatIsNotFinished) {
+  write("run.json", R"({"pid":1,"java":"17","options":{}})");
+  write("locks-1.json.part", "");
+  write("locks-1.stacks.part", "");
+  write("notes.json.part", "");
+  const profile all = readProfile({folder_});
+  EXPECT_THAT(all.problems, IsEmpty());
+  EXPECT_THAT(all.unfinished, ElementsAre((folder_ / "locks-1.json.part").string()));
+  EXPECT_THAT(profileTables(all, {}, {}),
+              HasSubstr("locks-1.json.part: not finished: the JVM was killed, or still runs.\n"));
+  std::ostringstream json;
+  writeJson(all, json);
+  EXPECT_EQ(nlohmann::json::parse(json.str())["unfinished"].size(), 1U);
+}
+
+TEST_F(inputs, tellWhatSweepsComeTo) {
+  write("memory-1.json", kMemory);
+  EXPECT_FALSE(readProfile({folder_}).sweeps);
+  const std::string lines = R"({"sweep":"a","classes":0,"full":["a.B"]})"
+                            "\n"
+                            R"({"sweep":"b","classes":3})"
+                            "\n"
+                            R"({"sweep":"c","classes":2,"full":["a.C"]})"
+                            "\n";
+  const fs::path sweeps = write("memory-1.sweeps", lines + "{\"swe");
+  const profile all = readProfile({folder_});
+  EXPECT_THAT(all.problems, IsEmpty());
+  ASSERT_TRUE(all.sweeps);
+  EXPECT_EQ(all.sweeps->classes, 3U);
+  EXPECT_THAT(all.sweeps->full, ElementsAre("a.B", "a.C"));
+  EXPECT_FALSE(all.sweeps->isCut);
+  write("memory-1.sweeps", lines + R"({"leftOut":"all that follow"})");
+  EXPECT_TRUE(readProfile({sweeps}).sweeps->isCut);
+}
+
+TEST_F(inputs, tellOfReportsThatWereDeleted) {
+  write("run.json", R"({"pid":1,"java":"17","options":{},"removed":{"reports":7,"files":14}})");
+  const profile all = readProfile({folder_});
+  EXPECT_EQ(all.run->removedReports, 7);
+  EXPECT_THAT(profileTables(all, {}, {}), HasSubstr("; 7 of its reports were deleted"));
+}
+
+TEST_F(inputs, areTakenApartByRuns) {
+  write("run-1/run.json", R"({"pid":1,"java":"17","options":{}})");
+  write("run-1/locks-1.json", kReport);
+  write("run-2/run.json", R"({"pid":2,"java":"17","options":{}})");
+  const auto names = [](const std::vector<profile>& runs) {
+    std::vector<std::string> result;
+    for (const profile& one : runs) {
+      result.push_back(one.name);
+    }
+    return result;
+  };
+  const std::vector<profile> both = readRuns({folder_});
+  EXPECT_THAT(names(both), ElementsAre("run-1", "run-2"));
+  EXPECT_EQ(both[0].lockReports.size(), 1U);
+  EXPECT_TRUE(both[1].lockReports.empty());
+  EXPECT_EQ(both[1].run->pid, 2);
+  EXPECT_THAT(names(readRuns({folder_ / "run-2/"})), ElementsAre("run-2"));
+  write("locks-9.json", kReport);
+  const fs::path loose = write("files/m", kMemory);
+  EXPECT_THAT(names(readRuns({folder_, loose})), ElementsAre("run-1", "run-2", ""));
+  const std::vector<profile> nothing = readRuns({folder_ / "nowhere"});
+  ASSERT_THAT(nothing, SizeIs(1));
+  EXPECT_THAT(nothing[0].problems, SizeIs(1));
+}
+
 TEST_F(inputs, areReadWholeAcrossBlocks) {
   // Characters of several bytes, so that the ends of blocks cut some of them.
   std::string name;
@@ -196,7 +263,7 @@ TEST(recordedRun, isReadWhole) {
   ASSERT_EQ(all.lockReports.size(), 1U);
   ASSERT_TRUE(all.exceptions);
   EXPECT_EQ(all.exceptions->size(), 6U);
-  EXPECT_EQ(all.exceptions->recorded(), 6);
+  EXPECT_EQ(all.exceptions->counted()->recorded, 6U);
   ASSERT_EQ(all.memoryReports.size(), 1U);
   EXPECT_EQ(all.memoryReports[0].classes[0].name, "com.example.shop.Session");
   EXPECT_EQ(all.stacks.size(), all.lockReports[0].distinctStacks);
@@ -350,6 +417,7 @@ TEST(jsonForm, holdsWholeExceptionRecords) {
     std::getline(lines, line);
     nlohmann::json recorded = nlohmann::json::parse(line);
     recorded.emplace("ambiguous", nlohmann::json::array());
+    recorded.emplace("cut", false);
     EXPECT_EQ(record, recorded);
   }
 }

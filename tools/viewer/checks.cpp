@@ -7,6 +7,8 @@
 #include <cmath>
 #include <optional>
 
+#include "gaps.h"
+
 namespace viewer {
 namespace {
 
@@ -25,17 +27,32 @@ std::pair<std::string, std::string> atLastEquals(const std::string& text) {
                              : std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
-void checkBlocked(const profile& all, const blockedLimit& limit, std::vector<std::string>& broken) {
-  if (all.lockReports.empty()) {
-    broken.push_back(fmt::format("{}={}: no lock report to check", limit.lockClass, limit.seconds));
+// The things that `reasons` name are not looked at, so that a limit does not hold.
+void addReasons(verdict& found, const std::string& limit, const std::vector<std::string>& reasons) {
+  for (const std::string& reason : reasons) {
+    found.broken.push_back(limit + ": " + reason);
   }
+}
+
+void checkBlocked(const profile& all, const blockedLimit& limit, verdict& found) {
+  const std::string name = fmt::format("{}={}", limit.lockClass, limit.seconds);
+  addReasons(found, name, lockGaps(all));
+  bool isThere = false;
   for (const lockReport& report : all.lockReports) {
     for (const lockEntry& lock : report.locks) {
-      if (matches(limit.lockClass, classOf(lock.name)) && lock.blockedSeconds > limit.seconds) {
-        broken.push_back(fmt::format("{}: {} s blocked in session {}, {} s allowed", lock.name,
-                                     lock.blockedSeconds, report.sessionId, limit.seconds));
+      if (!matches(limit.lockClass, classOf(lock.name))) {
+        continue;
+      }
+      isThere = true;
+      if (lock.blockedSeconds > limit.seconds) {
+        found.broken.push_back(fmt::format("{}: {} s blocked in session {}, {} s allowed",
+                                           lock.name, lock.blockedSeconds, report.sessionId,
+                                           limit.seconds));
       }
     }
+  }
+  if (!isThere && !all.lockReports.empty()) {
+    found.notes.push_back(name + ": no lock of such a class was followed");
   }
 }
 
@@ -50,41 +67,39 @@ std::uint64_t survivorsOf(const classEntry& one, std::uint64_t newest, std::uint
   return objects;
 }
 
-void checkSurvivors(const profile& all, const survivorLimit& limit,
-                    std::vector<std::string>& broken) {
-  if (all.memoryReports.empty()) {
-    broken.push_back(fmt::format("{}={}@{}: no memory report to check", limit.className,
-                                 limit.objects, limit.collections));
-  }
+void checkSurvivors(const profile& all, const survivorLimit& limit, verdict& found) {
+  const std::string name =
+      fmt::format("{}={}@{}", limit.className, limit.objects, limit.collections);
+  addReasons(found, name, survivorGaps(all, limit.className));
+  bool isThere = false;
   for (const memoryReport& report : all.memoryReports) {
     const std::vector<std::uint32_t> generations = generationsOf(report);
     for (const classEntry& one : report.classes) {
+      if (!matches(limit.className, one.name)) {
+        continue;
+      }
+      isThere = true;
       const std::uint64_t objects =
           generations.empty() ? 0 : survivorsOf(one, generations.back(), limit.collections);
-      if (matches(limit.className, one.name) && objects > limit.objects) {
-        broken.push_back(
+      if (objects > limit.objects) {
+        found.broken.push_back(
             fmt::format("{}: {} objects outlived {} collections or more in session {}, {} allowed",
                         one.name, objects, limit.collections, report.sessionId, limit.objects));
       }
     }
   }
+  if (!isThere && !all.memoryReports.empty()) {
+    found.notes.push_back(name + ": no object of such a class is in a report");
+  }
 }
 
-void checkExceptions(const profile& all, const std::string& pattern,
-                     std::vector<std::string>& broken) {
-  if (!recordsExceptions(all)) {
-    broken.push_back(fmt::format("{}: no exception file to check", pattern));
-  }
-  if (const std::int64_t dropped = all.exceptions ? all.exceptions->dropped().value_or(0) : 0;
-      dropped > 0) {
-    broken.push_back(
-        fmt::format("{}: {} records were dropped and cannot be checked", pattern, dropped));
-  }
+void checkExceptions(const profile& all, const std::string& pattern, verdict& found) {
+  addReasons(found, pattern, exceptionGaps(all, pattern));
   for (const exceptionGroup& group : groupsOf(all)) {
     if (matches(pattern, group.className)) {
-      broken.push_back(fmt::format("{}: thrown {} times in {}, first at {}", group.className,
-                                   group.records.size(), group.site.value_or("(no frames)"),
-                                   group.first));
+      found.broken.push_back(fmt::format("{}: thrown {} times in {}, first at {}", group.className,
+                                         group.records.size(), group.site.value_or("(no frames)"),
+                                         group.first));
     }
   }
 }
@@ -122,18 +137,25 @@ std::string parseExceptionLimit(const std::string& text) {
   return text;
 }
 
-std::vector<std::string> brokenLimits(const profile& all, const checkedLimits& limits) {
-  std::vector<std::string> broken;
+verdict check(const profile& all, const checkedLimits& limits) {
+  verdict found;
   for (const blockedLimit& limit : limits.blocked) {
-    checkBlocked(all, limit, broken);
+    checkBlocked(all, limit, found);
   }
   for (const survivorLimit& limit : limits.survivors) {
-    checkSurvivors(all, limit, broken);
+    checkSurvivors(all, limit, found);
   }
   for (const std::string& pattern : limits.exceptions) {
-    checkExceptions(all, pattern, broken);
+    checkExceptions(all, pattern, found);
   }
-  return broken;
+  const auto addNote = [&found](bool isAsked, const std::optional<std::string>& note) {
+    if (isAsked && note) {
+      found.notes.push_back(*note);
+    }
+  };
+  addNote(!limits.blocked.empty(), locksNotFollowed(all));
+  addNote(!limits.exceptions.empty(), exceptionsNotLookedAt(all));
+  return found;
 }
 
 }  // namespace viewer

@@ -35,13 +35,18 @@ blockedLimit parseBlockedLimit(const std::string& text);
 survivorLimit parseSurvivorLimit(const std::string& text);
 std::string parseExceptionLimit(const std::string& text);
 
-// What breaks the limits, one line each; none when all are kept. A limit for which there is no
-// report at all is broken, and so is one on exceptions of which records were dropped: it was not
-// checked.
+// What came of the limits, a line for each thing.
+struct verdict {
+  std::vector<std::string> broken;  // limits that are broken, or were not looked at to the end
+  std::vector<std::string> notes;   // what the limits do not cover
+};
+
+// Checks the run of one JVM. A limit holds only where it was looked at: it is broken, too, when
+// what it speaks of was not recorded, or not all of it (gaps.h).
 //
 // A memory report does not say how many collections had finished at its end. The newest generation
 // that it has counts as one that has outlived one collection, so an object has outlived at least
 // as many as is taken here.
-std::vector<std::string> brokenLimits(const profile& all, const checkedLimits& limits);
+verdict check(const profile& all, const checkedLimits& limits);
 
 }  // namespace viewer

@@ -100,7 +100,7 @@ comparison compare(profile before, profile after, threshold limit) {
   add("locks", "blocked seconds", blockedByClass, lockSessions);
   add("sites", "contended entries", entriesBySite, lockSessions);
   add("exceptions", "records", exceptionsByOrigin,
-      [](const profile& all) -> std::size_t { return recordsExceptions(all) ? 1 : 0; });
+      [](const profile& all) -> std::size_t { return all.exceptions ? 1 : 0; });
   add("classes", "surviving bytes", bytesByClass,
       [](const profile& all) { return all.memoryReports.size(); });
   return result;

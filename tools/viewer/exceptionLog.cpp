@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <limits>
 #include <map>
+#include <numeric>
 #include <tuple>
 
 #include "jsonReader.h"
@@ -20,20 +22,16 @@ template <>
 const shape& shapeOf<std::vector<exceptionFrame>>();
 template <>
 const shape& shapeOf<std::vector<std::string>>();
+template <>
+const shape& shapeOf<agentCounts>();
 
 namespace {
 
-// A line is a record, or the summary at the end of a session.
+// A line is a record, or the end of a session.
 struct line {
   exceptionRecord record;
-  std::optional<std::int64_t> recorded;
-  std::optional<std::int64_t> dropped;
+  std::optional<captureEnd> end;
 };
-
-template <auto member>
-place recordAt(void* target) {
-  return at<member>(&static_cast<line*>(target)->record);
-}
 
 // An object without fields is none the less one that was read.
 place fieldsOf(void* target) {
@@ -41,24 +39,64 @@ place fieldsOf(void* target) {
   return {&shapeOf<std::vector<capturedValue>>(), &fields};
 }
 
-const shape& recordShape() {
+place cutAt(void* record) {
   static const shape result = {
-      .expected = "an object",
-      .members = {{"time", recordAt<&exceptionRecord::time>},
-                  {"thread", recordAt<&exceptionRecord::thread>},
-                  {"class", recordAt<&exceptionRecord::className>},
-                  {"message", recordAt<&exceptionRecord::message>, false},
-                  {"caught", recordAt<&exceptionRecord::caught>, false},
-                  {"frames", recordAt<&exceptionRecord::frames>},
-                  {"ambiguous", recordAt<&exceptionRecord::ambiguous>, false},
-                  {"raw", recordAt<&exceptionRecord::raw>, false}}};
+      .expected = "true or false",
+      .boolean = [](void* target, bool value) { *static_cast<bool*>(target) = value; }};
+  return {&result, &static_cast<exceptionRecord*>(record)->isCut};
+}
+
+const shape& recordShape() {
+  static const shape result = {.expected = "an object",
+                               .members = {{"time", at<&exceptionRecord::time>},
+                                           {"thread", at<&exceptionRecord::thread>},
+                                           {"class", at<&exceptionRecord::className>},
+                                           {"message", at<&exceptionRecord::message>, false},
+                                           {"caught", at<&exceptionRecord::caught>, false},
+                                           {"frames", at<&exceptionRecord::frames>},
+                                           {"ambiguous", at<&exceptionRecord::ambiguous>, false},
+                                           {"cut", cutAt, false},
+                                           {"raw", at<&exceptionRecord::raw>, false}}};
   return result;
 }
 
-const shape& summaryShape() {
-  static const shape result = {
-      .expected = "an object",
-      .members = {{"recorded", at<&line::recorded>}, {"dropped", at<&line::dropped>}}};
+const shape& countShape() {
+  static const shape result = {.expected = "a count",
+                               .number =
+                                   [](void* target, std::int64_t value) {
+                                     *static_cast<std::uint64_t*>(target) =
+                                         static_cast<std::uint64_t>(value);
+                                   },
+                               .least = 0,
+                               .most = std::numeric_limits<std::int64_t>::max()};
+  return result;
+}
+
+template <auto member>
+place countAt(void* owner) {
+  using type = typename memberType<decltype(member)>::ownerOf;
+  return {&countShape(), &(static_cast<type*>(owner)->*member)};
+}
+
+place addedFailure(void* target, std::string& reason) {
+  auto& failures = *static_cast<std::map<std::string, std::uint64_t>*>(target);
+  return {&countShape(), &failures[reason]};
+}
+
+place failuresAt(void* counts) {
+  static const shape result = {.expected = "an object", .member = addedFailure};
+  return {&result, &static_cast<agentCounts*>(counts)->failed};
+}
+
+place agentAt(void* end) {
+  return {&shapeOf<agentCounts>(), &static_cast<captureEnd*>(end)->agent.emplace()};
+}
+
+const shape& endShape() {
+  static const shape result = {.expected = "an object",
+                               .members = {{"recorded", countAt<&captureEnd::recorded>},
+                                           {"dropped", countAt<&captureEnd::dropped>},
+                                           {"agent", agentAt, false}}};
   return result;
 }
 
@@ -68,11 +106,12 @@ line parseLine(const std::string& text, const std::string& source) {
                        [&](const memberShape& known) { return known.name == member; });
   };
   const std::string member = firstMember(bytesOfText(text), source, [&](std::string_view name) {
-    return tells(summaryShape(), name) || tells(recordShape(), name);
+    return tells(endShape(), name) || tells(recordShape(), name);
   });
   line result;
-  const shape& expected = tells(summaryShape(), member) ? summaryShape() : recordShape();
-  readJson(bytesOfText(text), source, {&expected, &result});
+  const place root = tells(endShape(), member) ? place{&endShape(), &result.end.emplace()}
+                                               : place{&recordShape(), &result.record};
+  readJson(bytesOfText(text), source, root);
   return result;
 }
 
@@ -122,6 +161,32 @@ template <>
 const shape& shapeOf<std::vector<std::string>>() {
   static const shape result = {.expected = "an array", .element = appended<std::string>};
   return result;
+}
+
+template <>
+const shape& shapeOf<agentCounts>() {
+  static const shape result = {.expected = "an object",
+                               .members = {{"seen", countAt<&agentCounts::seen>},
+                                           {"filtered", countAt<&agentCounts::filtered>},
+                                           {"blackListed", countAt<&agentCounts::blackListed>},
+                                           {"overRate", countAt<&agentCounts::overRate>},
+                                           {"delivered", countAt<&agentCounts::delivered>},
+                                           {"cut", countAt<&agentCounts::cut>},
+                                           {"failed", failuresAt}}};
+  return result;
+}
+
+std::uint64_t failuresOf(const agentCounts& counts) {
+  return std::accumulate(counts.failed.begin(), counts.failed.end(), std::uint64_t{0},
+                         [](std::uint64_t sum, const auto& one) { return sum + one.second; });
+}
+
+std::string failureReasons(const agentCounts& counts) {
+  std::string text;
+  for (const auto& [reason, count] : counts.failed) {
+    text += count == 0 ? "" : fmt::format("{}{} {}", text.empty() ? "" : ", ", reason, count);
+  }
+  return text;
 }
 
 std::string placeOf(const exceptionFrame& frame) {
@@ -176,16 +241,73 @@ void exceptionLog::add(byteSource bytes, const std::string& source,
 
 void exceptionLog::addLine(const std::string& text, const std::string& source) {
   line parsed = parseLine(text, source);
-  if (parsed.recorded) {
-    recorded_ = parsed.recorded;
-    dropped_ = parsed.dropped;
-  } else {
-    exceptionRecord& record = parsed.record;
-    const auto site =
-        record.frames.empty() ? std::optional<std::string>() : placeOf(record.frames.front());
-    const origin& from = *origins_.emplace(std::move(record.className), site).first;
-    lines_.push_back({std::move(record.time), text, record.caught, &from});
+  if (parsed.end) {
+    addEnd(std::move(*parsed.end));
+    return;
   }
+  exceptionRecord& record = parsed.record;
+  const auto site =
+      record.frames.empty() ? std::optional<std::string>() : placeOf(record.frames.front());
+  const origin& from = *origins_.emplace(std::move(record.className), site).first;
+  lines_.push_back({std::move(record.time), text, record.caught, &from});
+  read_++;
+}
+
+void exceptionLog::addEnd(captureEnd end) {
+  if (ends_++ == 0) {
+    counted_ = std::move(end);
+    return;
+  }
+  counted_->recorded += end.recorded;
+  counted_->dropped += end.dropped;
+  if (!counted_->agent || !end.agent) {
+    counted_->agent.reset();
+    return;
+  }
+  agentCounts& sum = *counted_->agent;
+  for (auto count : {&agentCounts::seen, &agentCounts::filtered, &agentCounts::blackListed,
+                     &agentCounts::overRate, &agentCounts::delivered, &agentCounts::cut}) {
+    sum.*count += (*end.agent).*count;
+  }
+  for (const auto& [reason, count] : end.agent->failed) {
+    sum.failed[reason] += count;
+  }
+}
+
+std::uint64_t exceptionLog::recordsWithoutEnd() const {
+  const std::uint64_t ended = counted_ ? counted_->recorded : 0;
+  return read_ - std::min(read_, ended);
+}
+
+std::uint64_t exceptionLog::recordsGone() const {
+  const std::uint64_t ended = counted_ ? counted_->recorded : 0;
+  return ended - std::min(read_, ended);
+}
+
+std::vector<std::string> lossesOf(const exceptionLog& log) {
+  std::vector<std::string> losses;
+  if (log.ends() == 0) {
+    losses.push_back("there is no end line: the JVM was killed, or still runs");
+  } else if (log.recordsWithoutEnd() > 0) {
+    losses.push_back(
+        fmt::format("{} records come after the last end line: the JVM was killed, or still runs",
+                    log.recordsWithoutEnd()));
+  }
+  if (log.recordsGone() > 0) {
+    losses.push_back(fmt::format(
+        "{} records that were written are in none of the files: the oldest files of a run are "
+        "deleted",
+        log.recordsGone()));
+  }
+  if (log.counted() && log.counted()->dropped > 0) {
+    losses.push_back(fmt::format("{} records were dropped", log.counted()->dropped));
+  }
+  if (log.counted() && log.counted()->agent && failuresOf(*log.counted()->agent) > 0) {
+    losses.push_back(fmt::format("of {} exceptions no record could be made ({})",
+                                 failuresOf(*log.counted()->agent),
+                                 failureReasons(*log.counted()->agent)));
+  }
+  return losses;
 }
 
 exceptionRecord exceptionLog::decoded(const entry& one) {

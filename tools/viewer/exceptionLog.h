@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -38,6 +39,7 @@ struct exceptionRecord {
   std::optional<bool> caught;
   std::vector<exceptionFrame> frames;  // the top one first
   std::vector<std::string> ambiguous;  // why the record could be read in another way
+  bool isCut = false;                  // it would have been longer than a record may be
   std::string raw;
 };
 
@@ -53,6 +55,30 @@ struct exceptionGroup {
   std::string first;  // the times of the first and the last
   std::string last;
   std::vector<std::size_t> records;  // indexes into the log, in ascending order
+};
+
+// What became of the exceptions that the agent saw while it captured.
+struct agentCounts {
+  std::uint64_t seen = 0;
+  std::uint64_t filtered = 0;     // thrown in packages that are never looked at
+  std::uint64_t blackListed = 0;  // of classes that the user has excluded
+  std::uint64_t overRate = 0;     // beyond the records of one class that a minute may have
+  std::uint64_t delivered = 0;    // to the companion, as records
+  std::uint64_t cut = 0;          // of these, those that were too long
+  std::map<std::string, std::uint64_t> failed = {};  // without a record, by what went wrong
+};
+
+std::uint64_t failuresOf(const agentCounts& counts);
+
+// "stack 3, vm 1": what went wrong, and how often.
+std::string failureReasons(const agentCounts& counts);
+
+// The line with which the companion ends a file of exceptions when capture ends. Agents of earlier
+// versions count nothing.
+struct captureEnd {
+  std::uint64_t recorded = 0;
+  std::uint64_t dropped = 0;  // by the companion
+  std::optional<agentCounts> agent = {};
 };
 
 // All records, in the order of their times. Each is kept as its line of text, which takes a third
@@ -71,9 +97,18 @@ class exceptionLog {
 
   const std::vector<std::string>& sources() const { return sources_; }
 
-  // As the last summary line counted them; none without one.
-  std::optional<std::int64_t> recorded() const { return recorded_; }
-  std::optional<std::int64_t> dropped() const { return dropped_; }
+  // How often capture ended properly: a program may start it more than once.
+  std::size_t ends() const { return ends_; }
+
+  // The sums of all ends. None without an end; the agent's counts are also missing when one of the
+  // ends does not have them.
+  const std::optional<captureEnd>& counted() const { return counted_; }
+
+  // The records that have no end: those of a JVM that was killed, or that still runs.
+  std::uint64_t recordsWithoutEnd() const;
+
+  // The records that were written and are in no file: the oldest files of a long run are deleted.
+  std::uint64_t recordsGone() const;
 
   // Adds the records of one file. A line that is none is left out and told in `problems`.
   void add(byteSource bytes, const std::string& source, std::vector<std::string>& problems);
@@ -97,12 +132,19 @@ class exceptionLog {
 
   static exceptionRecord decoded(const entry& one);
   void addLine(const std::string& line, const std::string& source);
+  void addEnd(captureEnd end);
 
   std::set<origin> origins_;
   std::vector<entry> lines_;
   std::vector<std::string> sources_;
-  std::optional<std::int64_t> recorded_;
-  std::optional<std::int64_t> dropped_;
+  std::uint64_t read_ = 0;  // records, kept or not
+  std::size_t ends_ = 0;
+  std::optional<captureEnd> counted_;
 };
+
+// What the records do not show of what was thrown while capture was on, a clause for each reason:
+// "12 records were dropped". None when nothing was lost. What the user has asked for (a rate,
+// classes that are excluded) is not among it.
+std::vector<std::string> lossesOf(const exceptionLog& log);
 
 }  // namespace viewer

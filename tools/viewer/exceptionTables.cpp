@@ -81,15 +81,42 @@ std::string shownTime(const std::string& time, bool hasDate) {
   return hasDate ? time.substr(kDate + 1, kSeconds - kDate - 1) : time.substr(0, kSeconds);
 }
 
+// What became of all exceptions while capture was on.
+std::string agentLine(const agentCounts& counts) {
+  const std::uint64_t failed = failuresOf(counts);
+  std::string parts;
+  const auto add = [&parts](std::uint64_t count, const std::string& what) {
+    parts +=
+        count == 0 ? "" : fmt::format("{}{} {}", parts.empty() ? ": " : ", ", grouped(count), what);
+  };
+  add(counts.overRate, "over the rate");
+  add(counts.blackListed, "of excluded classes");
+  add(counts.filtered, "thrown in packages that are not recorded");
+  add(failed, fmt::format("without a record ({})", printable(failureReasons(counts))));
+  add(counts.delivered, "handed over as records");
+  if (counts.cut > 0) {
+    parts += fmt::format(" ({} of them cut)", grouped(counts.cut));
+  }
+  return fmt::format("The agent saw {} exceptions{}.\n", grouped(counts.seen), parts);
+}
+
 }  // namespace
 
 std::string exceptionLine(const exceptionLog& log) {
+  const std::optional<captureEnd>& counted = log.counted();
   std::string line = fmt::format("Exceptions: {} records", log.size());
-  if (log.recorded() && log.dropped()) {
-    line +=
-        fmt::format(", {} written and {} dropped by the program", *log.recorded(), *log.dropped());
+  if (counted) {
+    line += fmt::format(", {} written and {} dropped by the program", counted->recorded,
+                        counted->dropped);
   }
-  return line + '\n';
+  line += '\n';
+  if (counted && counted->agent) {
+    line += agentLine(*counted->agent);
+  }
+  for (const std::string& loss : lossesOf(log)) {
+    line += "Not all is here: " + printable(loss) + ".\n";
+  }
+  return line;
 }
 
 std::string topExceptions(const exceptionLog& log, std::size_t rows, const look& terminal) {
@@ -131,6 +158,9 @@ std::string recordTree(const exceptionLog& log, std::size_t number, const look& 
     appendSection(tree, "locals", frame.locals, terminal);
     appendSection(tree, "fields of this", frame.fields, terminal);
     appendSection(tree, "thread locals", frame.threadLocals, terminal);
+  }
+  if (record.isCut) {
+    tree += indent + "cut: the record was too long, so that values or frames are missing\n";
   }
   for (const std::string& reason : record.ambiguous) {
     tree += endCutLine(indent + "in doubt: ", reason, "", terminal);

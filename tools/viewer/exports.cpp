@@ -293,6 +293,16 @@ void lockGauges(const profile& all, std::ostream& out) {
   }
 }
 
+void addMissing(const captureEnd& counted, gauge& missing) {
+  missing.add({{"reason", "dropped"}}, counted.dropped);
+  if (counted.agent) {
+    missing.add({{"reason", "filtered"}}, counted.agent->filtered);
+    missing.add({{"reason", "excluded"}}, counted.agent->blackListed);
+    missing.add({{"reason", "rate"}}, counted.agent->overRate);
+    missing.add({{"reason", "failed"}}, failuresOf(*counted.agent));
+  }
+}
+
 }  // namespace
 
 void writeCollapsed(const profile& all, std::ostream& out) {
@@ -339,6 +349,11 @@ void writePrometheus(const profile& all, std::ostream& out) {
                    group.records.size());
   }
   exceptions.write(out);
+  gauge missing("exceptions_without_record", "Exceptions that are no records, by the reason.");
+  if (all.exceptions && all.exceptions->counted()) {
+    addMissing(*all.exceptions->counted(), missing);
+  }
+  missing.write(out);
   gauge objects("surviving_objects", "Live objects of a class by the generation of their tag.");
   gauge bytes("surviving_bytes", "Size of the live objects of a class by generation.");
   for (const memoryReport& report : all.memoryReports) {

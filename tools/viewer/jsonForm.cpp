@@ -38,7 +38,7 @@ void writeRun(jsonWriter& json, const std::optional<runInfo>& run) {
   for (const auto& [name, value] : run->options) {
     json.member(name, value);
   }
-  json.endObject().endObject();
+  json.endObject().member("removedReports", run->removedReports).endObject();
 }
 
 // The stacks and methods that a report refers to, numbered from 0 as they turn up.
@@ -200,7 +200,18 @@ void writeRecord(jsonWriter& json, const exceptionRecord& one) {
     json.endObject();
   });
   writeValues(json, "ambiguous", one.ambiguous);
-  json.member("raw", one.raw).endObject();
+  json.member("cut", one.isCut).member("raw", one.raw).endObject();
+}
+
+void writeCounts(jsonWriter& json, const agentCounts& counts) {
+  json.beginObject().member("seen", counts.seen).member("filtered", counts.filtered);
+  json.member("blackListed", counts.blackListed).member("overRate", counts.overRate);
+  json.member("delivered", counts.delivered).member("cut", counts.cut);
+  json.key("failed").beginObject();
+  for (const auto& [reason, count] : counts.failed) {
+    json.member(reason, count);
+  }
+  json.endObject().endObject();
 }
 
 void writeExceptions(jsonWriter& json, const std::optional<exceptionLog>& log) {
@@ -211,7 +222,16 @@ void writeExceptions(jsonWriter& json, const std::optional<exceptionLog>& log) {
   }
   json.beginObject();
   writeValues(json, "sources", log->sources());
-  json.member("recorded", log->recorded()).member("dropped", log->dropped());
+  const std::optional<captureEnd>& counted = log->counted();
+  json.member("recorded", counted ? std::optional(counted->recorded) : std::nullopt);
+  json.member("dropped", counted ? std::optional(counted->dropped) : std::nullopt);
+  json.key("agent");
+  if (counted && counted->agent) {
+    writeCounts(json, *counted->agent);
+  } else {
+    json.null();
+  }
+  writeValues(json, "losses", lossesOf(*log));
   writeArray(json, "groups", log->groups(), [&](const exceptionGroup& group) {
     json.beginObject().member("class", group.className).member("site", group.site);
     json.member("count", group.records.size()).member("caught", group.caught);
@@ -296,6 +316,7 @@ void writeJson(const profile& all, std::ostream& out) {
   writeExceptions(json, all.exceptions);
   writeArray(json, "memory", all.memoryReports,
              [&](const memoryReport& report) { writeMemory(json, report); });
+  writeValues(json, "unfinished", all.unfinished);
   writeValues(json, "problems", all.problems);
   json.endObject();
   out << '\n';

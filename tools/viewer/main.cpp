@@ -142,12 +142,21 @@ int exportTo(const arguments& given) {
 }
 
 int check(const arguments& given) {
-  const viewer::profile all = readInputs(given.inputs, given.grep);
-  const std::vector<std::string> broken = viewer::brokenLimits(all, given.limits);
-  for (const std::string& one : broken) {
-    std::cout << viewer::printable(one) << '\n';
+  const std::vector<viewer::profile> runs =
+      viewer::readRuns({given.inputs.begin(), given.inputs.end()});
+  int result = kDone;
+  for (const viewer::profile& run : runs) {
+    const viewer::verdict found = viewer::check(run, given.limits);
+    const std::string where = runs.size() > 1 && !run.name.empty() ? run.name + ": " : "";
+    for (const std::string& one : found.broken) {
+      std::cout << viewer::printable(where + one) << '\n';
+    }
+    for (const std::string& one : found.notes) {
+      std::cout << viewer::printable("note: " + where + one) << '\n';
+    }
+    result = std::max({result, complainAbout(run), found.broken.empty() ? kDone : kFailed});
   }
-  return std::max(complainAbout(all), broken.empty() ? kDone : kFailed);
+  return result;
 }
 
 void addLimit(CLI::App& to, const char* name, std::size_t& limit, const char* description) {
@@ -249,8 +258,9 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
 CLI::App* addCheck(CLI::App& app, arguments& given) {
   CLI::App* check =
       app.add_subcommand("check", "Prints which limits are broken; the exit code is 1 when any is");
-  addInputs(*check, given);
-  check->get_option("INPUT")->required();
+  check
+      ->add_option("INPUT", given.inputs, "Folders with reports, or report files: all runs in them")
+      ->required();
   const auto addLimits = [check](const char* name, auto& limits, auto parse, const char* form,
                                  const char* description) {
     const auto add = [name, &limits, parse](const std::string& text) {

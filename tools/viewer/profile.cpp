@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <system_error>
 
 #include "jsonReader.h"
@@ -14,6 +15,8 @@ namespace viewer {
 
 template <>
 const shape& shapeOf<std::map<std::string, std::string>>();
+template <>
+const shape& shapeOf<std::vector<std::string>>();
 
 namespace {
 
@@ -128,6 +131,12 @@ place addedOption(void* target, std::string& name) {
   return {&optionShape(), &options[name]};
 }
 
+place removedAt(void* run) {
+  static const shape result = {.expected = "an object",
+                               .members = {{"reports", at<&runInfo::removedReports>}}};
+  return {&result, run};
+}
+
 const shape& runShape() {
   static const shape result = {.expected = "an object",
                                .members = {{"pid", at<&runInfo::pid>, false},
@@ -135,7 +144,8 @@ const shape& runShape() {
                                            {"java", at<&runInfo::java>, false},
                                            {"vm", at<&runInfo::vm>, false},
                                            {"command", at<&runInfo::command>, false},
-                                           {"options", at<&runInfo::options>, false}}};
+                                           {"options", at<&runInfo::options>, false},
+                                           {"removed", removedAt, false}}};
   return result;
 }
 
@@ -151,9 +161,39 @@ void readRun(profile& all, const fs::path& file) {
   all.run = std::move(run);
 }
 
+struct sweepLine {
+  std::int32_t classes = 0;
+  std::vector<std::string> full;
+  std::optional<std::string> leftOut;
+};
+
+const shape& sweepShape() {
+  static const shape result = {.expected = "an object",
+                               .members = {{"classes", at<&sweepLine::classes>, false},
+                                           {"full", at<&sweepLine::full>, false},
+                                           {"leftOut", at<&sweepLine::leftOut>, false}}};
+  return result;
+}
+
+// A line that is none costs only itself.
+void readSweeps(profile& all, const fs::path& file) {
+  sweepSum& sum = all.sweeps ? *all.sweeps : all.sweeps.emplace();
+  std::vector<std::string> ignored;
+  readLines(bytesOfFile(file), nameOf(file), "sweeps", ignored,
+            [&](const std::string& text, const std::string& place) {
+              sweepLine line;
+              readJson(bytesOfText(text), place, {&sweepShape(), &line});
+              const auto classes = static_cast<std::uint64_t>(std::max(line.classes, 0));
+              sum.classes = std::max(sum.classes, classes);
+              sum.full.insert(sum.full.end(), line.full.begin(), line.full.end());
+              sum.isCut = sum.isCut || line.leftOut;
+            });
+}
+
 void readFile(profile& all, const fs::path& file, kind what) {
   const std::string name = nameOf(file);
   if (what == kind::sweeps) {
+    readSweeps(all, file);
     return;  // it says how the memory report came about, not what is in it
   }
   all.inputs.push_back(name);
@@ -214,9 +254,11 @@ std::vector<fs::path> listed(const fs::path& folder, predicate wanted) {
   return result;
 }
 
+constexpr const char* kPart = ".part";
+
 bool mayBeReport(const fs::directory_entry& entry) {
   const std::string name = entry.path().filename();
-  return entry.is_regular_file() && !name.starts_with('.') && !name.ends_with(".part");
+  return entry.is_regular_file() && !name.starts_with('.');
 }
 
 bool isRunFolder(const fs::directory_entry& entry) {
@@ -240,24 +282,34 @@ bool isOwnName(const fs::path& file) {
 
 // Whether a file in a folder is no report and nothing is lost with it.
 bool isOther(const fs::path& file, kind what) {
-  return what == kind::sweeps || (what == kind::empty && !isLost(file)) ||
-         (what == kind::unknown && !isOwnName(file));
+  return (what == kind::empty && !isLost(file)) || (what == kind::unknown && !isOwnName(file));
 }
 
 // False when the folder holds none of these files.
 bool readFilesOf(profile& all, const fs::path& folder) {
   bool any = false;
   for (const fs::path& file : listed(folder, mayBeReport)) {
+    if (file.extension() == kPart) {
+      const fs::path whole = fs::path(file).replace_extension();
+      if (isLost(whole) && isOwnName(whole)) {
+        all.unfinished.push_back(nameOf(file));
+      }
+      continue;
+    }
     noting(all, [&] {
       const kind what = kindOf(file);
       if (isOther(file, what)) {
         return;
       }
-      any = true;
+      any = any || what != kind::sweeps;
       readFile(all, file, what);
     });
   }
   return any;
+}
+
+[[noreturn]] void failForNothing(const fs::path& folder) {
+  throw inputError(fmt::format("{}: expected reports in the folder, found none", nameOf(folder)));
 }
 
 void readFolder(profile& all, const fs::path& folder) {
@@ -269,9 +321,20 @@ void readFolder(profile& all, const fs::path& folder) {
   const fs::path& searched = runs.empty() ? folder : runs.back();
   const bool found = !runs.empty() && readFilesOf(all, searched);
   if (!found && all.problems.size() == problems) {
-    throw inputError(
-        fmt::format("{}: expected reports in the folder, found none", nameOf(searched)));
+    failForNothing(searched);
   }
+}
+
+// Whether it is the folder of one JVM.
+bool isRun(const fs::path& folder) {
+  return fs::exists(folder / "run.json") || isRunFolder(fs::directory_entry(folder));
+}
+
+profile runIn(const fs::path& folder) {
+  profile all;
+  all.name = nameOf(fs::canonical(folder).filename());
+  noting(all, [&] { readFilesOf(all, folder); });
+  return all;
 }
 
 bool contains(const std::string& in, const std::string& text) {
@@ -330,16 +393,48 @@ profile readProfile(const std::vector<fs::path>& inputs) {
   return all;
 }
 
+std::vector<profile> readRuns(const std::vector<fs::path>& inputs) {
+  std::vector<profile> runs;
+  profile others;
+  bool areOthers = false;
+  for (const fs::path& input : inputs) {
+    noting(others, [&] {
+      if (!fs::is_directory(input)) {
+        areOthers = true;
+        readFile(others, input, kindOf(input));
+      } else if (isRun(input)) {
+        runs.push_back(runIn(input));
+      } else {
+        const bool any = readFilesOf(others, input);
+        areOthers = areOthers || any;
+        const std::vector<fs::path> folders = listed(input, isRunFolder);
+        std::transform(folders.begin(), folders.end(), std::back_inserter(runs), runIn);
+        if (!any && folders.empty()) {
+          failForNothing(input);
+        }
+      }
+    });
+  }
+  if (areOthers || runs.empty() || !others.problems.empty()) {
+    runs.push_back(std::move(others));
+  }
+  return runs;
+}
+
 std::vector<exceptionGroup> groupsOf(const profile& all) {
   return all.exceptions ? all.exceptions->groups() : std::vector<exceptionGroup>();
 }
 
-bool recordsExceptions(const profile& all) {
-  const auto isOn = [](const runInfo& run) {
-    const auto option = run.options.find("exceptions");
-    return option != run.options.end() && option->second == "true";
-  };
-  return all.exceptions || (all.run && isOn(*all.run));
+std::optional<std::string> optionOf(const profile& all, const std::string& option) {
+  if (!all.run) {
+    return {};
+  }
+  const auto found = all.run->options.find(option);
+  return found == all.run->options.end() ? std::nullopt : std::optional(found->second);
+}
+
+bool isOn(const profile& all, const std::string& option) {
+  return strcasecmp(optionOf(all, option).value_or("").c_str(), "true") == 0;
 }
 
 void filter(profile& all, const std::string& text) {

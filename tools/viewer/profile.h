@@ -23,33 +23,50 @@ struct runInfo {
   std::optional<std::string> vm;
   std::optional<std::string> command;
   std::map<std::string, std::string> options;  // of the profiler
+  std::int64_t removedReports = 0;             // deleted because there were too many
+};
+
+// How the memory reports came about: what the companion's looks for objects to follow told.
+struct sweepSum {
+  std::uint64_t classes = 0;      // the most that one of them looked for
+  std::vector<std::string> full;  // classes of which not all objects could be followed
+  bool isCut = false;             // the file has not all looks
 };
 
 struct profile {
+  std::string name;                 // of the folder of the run; empty for files from anywhere
   std::vector<std::string> inputs;  // the files that were read
   std::optional<runInfo> run;
   std::vector<lockReport> lockReports;
   stackTable stacks;  // of all stack files: a hash stands for one stack wherever it turns up
   std::optional<exceptionLog> exceptions;
   std::vector<memoryReport> memoryReports;
-  std::vector<std::string> problems;  // what could not be read, or not to its end
+  std::optional<sweepSum> sweeps;
+  std::vector<std::string> unfinished;  // reports that were begun and have not got their name
+  std::vector<std::string> problems;    // what could not be read, or not to its end
 
   bool empty() const { return !run && lockReports.empty() && !exceptions && memoryReports.empty(); }
 };
 
 // Reads files, and folders with such files; a folder with none of its own stands for the newest
 // run-* folder in it. What a file is, is told by its content. In a folder, files of other kinds are
-// passed over unless they have a name that the agent or its companion gives, and so are those that
-// are being written (*.part). The companion's *.sweeps are known and passed over. What cannot be
-// read is told in `problems`; nothing is thrown for it.
+// passed over unless they have a name that the agent or its companion gives. Of those that are
+// being written (*.part) only the names are kept, of the companion's *.sweeps only what they come
+// to. What cannot be read is told in `problems`; nothing is thrown for it.
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
+
+// The same for each JVM: one profile for each folder of a run, be it named or in a folder that is
+// named, and one for all other files together, if there are any or there is nothing else.
+std::vector<profile> readRuns(const std::vector<std::filesystem::path>& inputs);
 
 // The exceptions of a profile by class and site, those with the most records first.
 std::vector<exceptionGroup> groupsOf(const profile& all);
 
-// Whether exceptions were recorded: a run that was to record them and met none may have left no
-// file.
-bool recordsExceptions(const profile& all);
+// Whether a run is known, and was started with this option set to "true".
+bool isOn(const profile& all, const std::string& option);
+
+// The value of an option that a run was started with; none when it was not given.
+std::optional<std::string> optionOf(const profile& all, const std::string& option);
 
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
 // threads and stacks, blockers, exception records by anything in them, classes by name.

@@ -18,6 +18,9 @@ std::string runLine(const runInfo& run, const look& terminal) {
   };
   add(", started ", run.started);
   add(", Java ", run.java);
+  facts += run.removedReports > 0
+               ? fmt::format("; {} of its reports were deleted", run.removedReports)
+               : "";
   return endCutLine(run.command ? "Run of " : "Run", run.command.value_or(""), facts, terminal);
 }
 
@@ -29,6 +32,15 @@ std::string shownRecord(const profile& all, std::size_t number, const look& term
                     records, number));
   }
   return recordTree(*all.exceptions, number, terminal);
+}
+
+// Sessions without a report.
+std::string unfinishedLines(const profile& all) {
+  std::string lines;
+  for (const std::string& file : all.unfinished) {
+    lines += printable(file) + ": not finished: the JVM was killed, or still runs.\n";
+  }
+  return lines;
 }
 
 }  // namespace
@@ -50,6 +62,9 @@ std::string profileTables(const profile& all, const tableOptions& options, const
   }
   for (const memoryReport& report : all.memoryReports) {
     parts.push_back(memoryTables(report, options.limits.rows, terminal));
+  }
+  if (!all.unfinished.empty()) {
+    parts.push_back(unfinishedLines(all));
   }
   return fmt::format("{}", fmt::join(parts, "\n"));
 }

@@ -42,6 +42,14 @@ std::string percentage(std::uint64_t part, std::uint64_t whole) {
   return whole == 0 ? "-" : fmt::format("{:.0f} %", 100.0 * double(part) / double(whole));
 }
 
+std::string grouped(std::uint64_t number) {
+  std::string text = std::to_string(number);
+  for (std::size_t end = text.size(); end > 3; end -= 3) {
+    text.insert(end - 3, 1, ',');
+  }
+  return text;
+}
+
 std::string sizeText(std::uint64_t bytes) {
   constexpr std::array<const char*, 7> kUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   auto size = static_cast<double>(bytes);

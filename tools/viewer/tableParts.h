@@ -33,6 +33,9 @@ std::string moreLine(std::size_t all, std::size_t shown, std::size_t indent);
 // "83 %"; "-" of nothing.
 std::string percentage(std::uint64_t part, std::uint64_t whole);
 
+// "12,238".
+std::string grouped(std::uint64_t number);
+
 // "64 B", "1.5 KiB", "20 MiB".
 std::string sizeText(std::uint64_t bytes);
 

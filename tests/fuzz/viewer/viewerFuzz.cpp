@@ -99,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const std::string& problem : all.problems) {
     expectPrintable("problem", printable(problem));
   }
-  brokenLimits(all, {.blocked = {{"*", 0}}, .survivors = {{"*", 0, 2}}, .exceptions = {"*a*"}});
+  check(all, {.blocked = {{"*", 0}}, .survivors = {{"*", 0, 2}}, .exceptions = {"*a*"}});
   const comparison both = compare(std::move(all), readAll(text), {});
   expectPrintable("comparison", comparisonTables(both, 5, {}));
   expectJson("comparison", textOf([&](std::ostream& out) { writeJson(both, out); }));

@@ -72,10 +72,12 @@ const exceptionView = {
     search.addEventListener('input', afterTyping(apply));
     chooseGroup(null);
 
-    const dropped = exceptions.dropped > 0 && el('p', {class: 'note problems'},
-      `${formatNumber(exceptions.dropped)} records were dropped while the program ran.`);
+    const losses = exceptions.losses.length > 0 && el('div', {class: 'note problems'},
+      el('p', null, 'Not all is here:'),
+      el('ul', null, exceptions.losses.map((loss) => el('li', null, `${loss}.`))));
+    const seen = exceptions.agent && el('p', {class: 'note'}, agentText(exceptions.agent));
     return {
-      element: el('div', null, panel('By class and site', dropped, groupTable.element),
+      element: el('div', null, panel('By class and site', seen, losses, groupTable.element),
         panel('Records', heading, el('div', {class: 'controls'},
           field('Search all texts and values', search), count, all), recordTable.element), detail),
       open(argument) {
@@ -89,6 +91,22 @@ const exceptionView = {
 
 const caughtText = (caught) => (caught === null ? 'not known' : caught ? 'caught' : 'uncaught');
 
+// What became of all exceptions while capture was on.
+function agentText(counts) {
+  const failures = Object.entries(counts.failed).filter(([, count]) => count > 0);
+  const parts = [
+    [counts.overRate, 'over the rate'],
+    [counts.blackListed, 'of excluded classes'],
+    [counts.filtered, 'thrown in packages that are not recorded'],
+    [sum(failures.map(([, count]) => count)), `without a record (${
+      failures.map(([reason, count]) => `${reason} ${formatNumber(count)}`).join(', ')})`],
+    [counts.delivered, `handed over as records${
+      counts.cut > 0 ? ` (${formatNumber(counts.cut)} of them cut)` : ''}`],
+  ].filter(([count]) => count > 0).map(([count, what]) => `${formatNumber(count)} ${what}`);
+  return `The agent saw ${plural(counts.seen, 'exception', 'exceptions')}${
+    parts.length > 0 ? `: ${parts.join(', ')}` : ''}.`;
+}
+
 function recordDetail(record) {
   const ambiguous = record.ambiguous.length > 0 && el('div', {class: 'problems'},
     el('p', null, 'The record can be read in more than one way:'),
@@ -98,6 +116,8 @@ function recordDetail(record) {
       ['Message', record.message ?? '(none)'], ['Time', formatTime(record.time)],
       ['Thread', record.thread ?? '(not known)'], ['Caught', caughtText(record.caught)],
     ]),
+    record.cut && el('p', {class: 'problems'},
+      'The record was too long and was cut: values or frames are missing.'),
     ambiguous,
     record.frames.length === 0 && el('p', {class: 'note'}, 'The record has no frames.'),
     el('ol', {class: 'frames'}, record.frames.map((frame, index) =>

@@ -6,7 +6,7 @@ const overviewView = {
   isIn: (report) => !report.tables,
 
   build(report, session) {
-    const parts = [problemList(report.problems)];
+    const parts = [problemList(report.problems), unfinishedList(report.unfinished)];
     const tiles = [...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
       el('div', null, el('dt', null, title), el('dd', {class: 'value'}, number),
@@ -33,6 +33,12 @@ const problemList = (problems) => problems.length > 0 &&
     el('h3', null, 'Not everything could be read'),
     el('ul', null, problems.map((problem) => el('li', null, problem))));
 
+// Sessions without a report.
+const unfinishedList = (files) => files.length > 0 &&
+  el('section', {class: 'panel problems', 'aria-label': 'Not finished'},
+    el('h3', null, 'Sessions that did not end: the JVM was killed, or still runs'),
+    el('ul', null, files.map((file) => el('li', null, file))));
+
 function lockTiles(session) {
   if (!session) {
     return [];
@@ -52,10 +58,11 @@ function exceptionTiles({exceptions}) {
   if (!exceptions) {
     return [];
   }
-  const dropped = exceptions.dropped > 0
-    ? `${formatNumber(exceptions.dropped)} more were dropped`
-    : `of ${plural(new Set(exceptions.groups.map((group) => group.class)).size, 'class', 'classes')}`;
-  return [['Exceptions', formatNumber(exceptions.records.length), dropped]];
+  const classes = new Set(exceptions.groups.map((group) => group.class)).size;
+  const note = exceptions.losses.length > 0 ? 'recorded; not all is here'
+    : exceptions.agent ? `recorded, of ${formatNumber(exceptions.agent.seen)} that were thrown`
+      : `of ${plural(classes, 'class', 'classes')}`;
+  return [['Exceptions', formatNumber(exceptions.records.length), note]];
 }
 
 function memoryTiles({memory}) {
@@ -124,6 +131,8 @@ function aboutRun(report) {
   const facts = [
     ['Command', run.command], ['Process', run.pid], ['Started', run.started && formatTime(run.started)],
     ['Java', run.java], ['VM', run.vm],
+    ['Deleted', run.removedReports > 0
+      ? plural(run.removedReports, 'older report', 'older reports') : null],
   ].filter(([, value]) => value !== null && value !== undefined && value !== '');
   return panel('About this run', factList(facts),
     options.length > 0 && el('details', null,
