@@ -216,7 +216,7 @@ def test_the_cost_is_bounded(launcher, folder):
 
 
 def test_settings_reach_the_controller(launcher, folder):
-    options = ["--locks=summary = 30s, detail=10s,name=Käse, two 😀", "--memory=track=a.B,c.*,top=3"]
+    options = ["--locks=summary = 30s, detail=10s,name=Käse, two 😀", "--memory=track=a.B,c.*,limit=9,top=3"]
     launcher.run("run", *options, "--", "true", folder=folder)
     (settings,) = (folder / OUTPUT).glob("settings-*.properties")
     assert settings.read_text("ascii").splitlines() == [
@@ -227,8 +227,80 @@ def test_settings_reach_the_controller(launcher, folder):
         "locks.detail=10s",
         r"locks.name=K\u00e4se,two \ud83d\ude00",
         "memory.track=a.B,c.*",
+        "memory.limit=9",
         "memory.top=3",
     ]
+
+
+@pytest.mark.parametrize(
+    "option",
+    (
+        "--locks=summary=0,detail=1ms",
+        "--locks=summary=1s,detail=0,repeat=forever",
+        "--locks=summary=0,detail=500ms,repeat=1",
+        "--locks=summary=08ms,detail=1h,repeat=9",
+        "--memory=duration=0,repeat=forever",
+        "--memory=duration=1ms",
+        "--memory=duration=1000ms,repeat=3",
+    ),
+)
+def test_short_sessions_that_make_sense(launcher, folder, option):
+    assert launcher.run("run", option, "--", "true", folder=folder).code == 0
+
+
+def test_the_files_of_a_run_have_a_cap(launcher, folder):
+    assert "--files N" in launcher.run("help", "run", folder=folder).out
+    for words in (["--files", "7"], ["--files=7"]):
+        launcher.run("run", *words, "-o", words[0], "--", "true", folder=folder)
+        (settings,) = (folder / words[0]).glob("settings-*.properties")
+        assert "files=7" in settings.read_text("ascii").splitlines()
+
+
+ARCHIVED = "under an agent a JVM cannot write the archive, and ends with exit code 1"
+
+
+@pytest.mark.parametrize(
+    "words, told",
+    (
+        (["-XX:ArchiveClassesAtExit=a.jsa", "-version"], "-XX:ArchiveClassesAtExit=a.jsa"),
+        (["-cp", "x", "-XX:+AutoCreateSharedArchive", "-version"], "-XX:+AutoCreateSharedArchive"),
+        (["@flags", "-version"], "@flags"),
+        (["-XX:VMOptionsFile=flags", "-version"], "-XX:VMOptionsFile=flags"),
+        (["-version", "Main", "-XX:ArchiveClassesAtExit=a.jsa"], None),
+        (["-XX:-AutoCreateSharedArchive", "-version"], None),
+        (["@nowhere", "-version"], None),
+    ),
+)
+def test_class_archives_are_warned_of(launcher, folder, words, told):
+    (folder / "flags").write_text("-Da=b\n'-XX:ArchiveClassesAtExit=a.jsa'\n")
+    java = folder / "java"  # stands for one: not every JDK has all options
+    java.write_text('#!/bin/sh\nexit 0\n')
+    java.chmod(0o755)
+    profiled = launcher.run("run", "--", java, *words, folder=folder)
+    expected = f"twprofile: warning: {told}: {ARCHIVED}" if told else ""
+    assert profiled.code == 0 and profiled.err.startswith(expected), profiled
+    assert bool(profiled.err) == bool(told), profiled
+    doctor = launcher.run("doctor", "--", java, *words, folder=folder)
+    assert (f"hint   archive    {told}: {ARCHIVED}" in doctor.out) == bool(told), doctor
+
+
+@pytest.mark.parametrize("name", ("JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS"))
+def test_class_archives_in_the_environment_are_warned_of(launcher, folder, name):
+    options = "-Da=b -XX:ArchiveClassesAtExit=a.jsa"
+    profiled = launcher.run("run", "--", "true", folder=folder, **{name: options})
+    assert profiled.err.startswith(f"twprofile: warning: {name} (it is '{options}'): {ARCHIVED}")
+    doctor = launcher.run("doctor", folder=folder, **{name: options})
+    assert doctor.code == 0 and f"{name} (it is '{options}'): {ARCHIVED}" in doctor.out, doctor
+
+
+def test_class_archives_are_a_limit_of_the_jvm(launcher, folder):
+    option = "-XX:ArchiveClassesAtExit=a.jsa"
+    with zipfile.ZipFile(folder / "echo.jar", "w") as jar:  # no JVM archives classes of folders
+        jar.write(Path(launcher.programs) / "Echo.class", "Echo.class")
+    command = ["java", option, "-cp", "echo.jar", "Echo", 0]
+    assert launcher.plain(*command, folder=folder).code == 0
+    profiled = launcher.run("run", "--", *command, folder=folder)
+    assert profiled.code == 1 and ARCHIVED in profiled.err, profiled
 
 
 def test_old_settings_go(launcher, folder):
@@ -260,6 +332,27 @@ def test_old_settings_go(launcher, folder):
         (["--exceptions=locals=yes", "--", "true"], "locals is 'yes'; expected true or false"),
         (["--memory=track=a b", "--", "true"], "expected names separated by commas"),
         (["--locks", "--locks", "--", "true"], "--locks is given twice"),
+        (
+            ["--locks=summary=0,detail=0ms", "--", "true"],
+            "--locks: summary is '0' and detail is '0ms'; expected one of them above 0\n",
+        ),
+        (
+            ["--locks=summary=0,detail=0,repeat=forever", "--", "true"],
+            "--locks: summary is '0' and detail is '0'; expected one of them above 0\n",
+        ),
+        (
+            ["--locks=summary=499ms,detail=500ms,repeat=forever", "--", "true"],
+            "summary is '499ms' and detail is '500ms' with repeat 'forever'; expected 1s at least for"
+            " both together\n",
+        ),
+        (
+            ["--memory=duration=0999ms,repeat=2", "--", "true"],
+            "--memory: duration is '0999ms' with repeat '2'; expected 1s at least\n",
+        ),
+        (["--memory=interval=0s", "--", "true"], "interval is '0s'; expected a duration above 0\n"),
+        (["--files=0", "--", "true"], "--files is '0'; expected a number from 1\n"),
+        (["--files", "many", "--", "true"], "--files is 'many'; expected a number from 1\n"),
+        (["--files"], "--files: expected a number behind it"),
         (["-o"], "-o: expected a folder"),
         (["-o", "", "--", "true"], "name is empty"),
     ),

@@ -178,6 +178,7 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
         (("stop", "-1"), "'-1' is no process id"),
         (("stop", "1", "--locks=top=3"), "locks.top=3 is too much"),
         (("run", "-o", "--", "java"), "-o: expected a folder behind it"),
+        (("start", "1", "--locks=summary=0,detail=0"), "expected one of them above 0"),
         (("doctor", "-o", "--", "java"), "-o: expected a folder behind it"),
         (("doctor", "--otput=x"), "no option '--otput=x' (did you mean '--output'?)"),
     ),
@@ -340,6 +341,7 @@ def completions(line):
 def test_completion_of_verbs_and_options():
     assert completions("twprofile s") == ["status", "start", "stop"]
     assert completions("twprofile run --l") == ["--locks"]
+    assert completions("twprofile run --f") == ["--files"]
     assert completions("twprofile run --locks=summary=3s,de") == ["3s,delay=", "3s,detail="]
     assert completions("twprofile run --locks=repeat=") == ["forever"]
     assert completions("twprofile start 12 --exceptions=locals=t") == ["true"]

@@ -27,17 +27,20 @@ final class Doctor {
 
   private final Path root;
   private final Path output;
+  private final String archives;
   private final List<String> command;
   private boolean healthy = true;
 
   /**
    * @param root the folder that holds {@code lib}
    * @param output where results are to go
+   * @param archives a line for each option that makes JVMs archive their classes; may be empty
    * @param command the command to be profiled; may be empty
    */
-  Doctor(Path root, Path output, List<String> command) {
+  Doctor(Path root, Path output, String archives, List<String> command) {
     this.root = root;
     this.output = output;
+    this.archives = archives;
     this.command = command;
   }
 
@@ -49,6 +52,7 @@ final class Doctor {
       checkLibraries();
     }
     checkOutput();
+    archives.lines().forEach(line -> hint("archive", line));
     if (command.isEmpty()) {
       checkLoading(built, ProcessHandle.current().info().command().orElse("java"));
     } else {

@@ -18,7 +18,8 @@ public final class Tools {
   /**
    * @param args the verb, then: nothing for list; a process id for status; a process id, names of
    *     profilers and settings as {@code locks.summary=30s} for start and stop; the folder that
-   *     holds {@code lib}, the output folder and the command for doctor
+   *     holds {@code lib}, the output folder, what is to be said of class archives and the command
+   *     for doctor
    */
   public static void main(String[] args) {
     try {
@@ -39,7 +40,10 @@ public final class Tools {
         return true;
       case "doctor":
         return new Doctor(
-                Path.of(words.get(0)), Path.of(words.get(1)), words.subList(2, words.size()))
+                Path.of(words.get(0)),
+                Path.of(words.get(1)),
+                words.get(2),
+                words.subList(3, words.size()))
             .examine();
       default:
         RunningJvm jvm = RunningJvm.of(Long.parseLong(words.get(0)));
