@@ -97,8 +97,10 @@ TEST(exceptionLog, addsUpSeveralEnds) {
   EXPECT_EQ(log.ends(), 2U);
   EXPECT_EQ(log.counted()->recorded, 2U);
   EXPECT_EQ(log.counted()->dropped, 4U);
-  EXPECT_EQ(log.counted()->agent->seen, 24476U);
-  EXPECT_EQ(log.counted()->agent->failed.at("stack"), 4U);
+  EXPECT_EQ(log.counted()->agent->seen, 12238U) << "the agent counts from the start of the JVM on";
+  const std::string later = replaced(replaced(end, "12238", "12300"), "\"stack\":2", "\"stack\":9");
+  EXPECT_EQ(readLog(end + later).log.counted()->agent->failed.at("stack"), 9U);
+  EXPECT_EQ(readLog(later + end).log.counted()->agent->failed.at("stack"), 9U);
   EXPECT_FALSE(readLog(end + R"({"recorded":1,"dropped":2})").log.counted()->agent);
 }
 
@@ -228,6 +230,13 @@ TEST(exceptionTables, tellThatARecordWasCut) {
   EXPECT_THAT(problems, IsEmpty());
   EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("  cut: the record was too long, so that values"));
   EXPECT_THAT(recordTree(readLog(kFull).log, 1, {}), testing::Not(HasSubstr("cut:")));
+}
+
+TEST(exceptionTables, tellThatANullIsUncertain) {
+  const auto [log, problems] =
+      readLog(replaced(kFull, "\"value\":null", "\"value\":null,\"uncertain\":true"));
+  EXPECT_THAT(problems, IsEmpty());
+  EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("      card: object = null (uncertain)\n"));
 }
 
 TEST(exceptionTables, sendNoControlCharacters) {

@@ -39,11 +39,13 @@ place fieldsOf(void* target) {
   return {&shapeOf<std::vector<capturedValue>>(), &fields};
 }
 
-place cutAt(void* record) {
+template <auto member>
+place truthAt(void* owner) {
   static const shape result = {
       .expected = "true or false",
       .boolean = [](void* target, bool value) { *static_cast<bool*>(target) = value; }};
-  return {&result, &static_cast<exceptionRecord*>(record)->isCut};
+  using type = typename memberType<decltype(member)>::ownerOf;
+  return {&result, &(static_cast<type*>(owner)->*member)};
 }
 
 const shape& recordShape() {
@@ -55,7 +57,7 @@ const shape& recordShape() {
                                            {"caught", at<&exceptionRecord::caught>, false},
                                            {"frames", at<&exceptionRecord::frames>},
                                            {"ambiguous", at<&exceptionRecord::ambiguous>, false},
-                                           {"cut", cutAt, false},
+                                           {"cut", truthAt<&exceptionRecord::isCut>, false},
                                            {"raw", at<&exceptionRecord::raw>, false}}};
   return result;
 }
@@ -123,11 +125,13 @@ bool isBlank(const std::string& text) {
 
 template <>
 const shape& shapeOf<capturedValue>() {
-  static const shape result = {.expected = "an object",
-                               .members = {{"name", at<&capturedValue::name>},
-                                           {"type", at<&capturedValue::type>},
-                                           {"value", at<&capturedValue::value>, false},
-                                           {"fields", fieldsOf, false}}};
+  static const shape result = {
+      .expected = "an object",
+      .members = {{"name", at<&capturedValue::name>},
+                  {"type", at<&capturedValue::type>},
+                  {"value", at<&capturedValue::value>, false},
+                  {"fields", fieldsOf, false},
+                  {"uncertain", truthAt<&capturedValue::isUncertain>, false}}};
   return result;
 }
 
@@ -262,15 +266,8 @@ void exceptionLog::addEnd(captureEnd end) {
   counted_->dropped += end.dropped;
   if (!counted_->agent || !end.agent) {
     counted_->agent.reset();
-    return;
-  }
-  agentCounts& sum = *counted_->agent;
-  for (auto count : {&agentCounts::seen, &agentCounts::filtered, &agentCounts::blackListed,
-                     &agentCounts::overRate, &agentCounts::delivered, &agentCounts::cut}) {
-    sum.*count += (*end.agent).*count;
-  }
-  for (const auto& [reason, count] : end.agent->failed) {
-    sum.failed[reason] += count;
+  } else if (end.agent->seen >= counted_->agent->seen) {
+    counted_->agent = std::move(end.agent);
   }
 }
 

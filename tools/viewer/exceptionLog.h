@@ -19,6 +19,7 @@ struct capturedValue {
   std::string type;
   std::optional<std::string> value;                  // none: null, or an object with fields
   std::optional<std::vector<capturedValue>> fields;  // of an object that was read
+  bool isUncertain = false;  // null, or an object that compiled code has taken apart
 };
 
 struct exceptionFrame {
@@ -57,7 +58,7 @@ struct exceptionGroup {
   std::vector<std::size_t> records;  // indexes into the log, in ascending order
 };
 
-// What became of the exceptions that the agent saw while it captured.
+// What became of the exceptions that the agent saw while it captured, from the start of the JVM on.
 struct agentCounts {
   std::uint64_t seen = 0;
   std::uint64_t filtered = 0;     // thrown in packages that are never looked at
@@ -100,8 +101,8 @@ class exceptionLog {
   // How often capture ended properly: a program may start it more than once.
   std::size_t ends() const { return ends_; }
 
-  // The sums of all ends. None without an end; the agent's counts are also missing when one of the
-  // ends does not have them.
+  // The sums of all ends, with the agent's last counts. None without an end; the agent's counts are
+  // also missing when one of the ends does not have them.
   const std::optional<captureEnd>& counted() const { return counted_; }
 
   // The records that have no end: those of a JVM that was killed, or that still runs.

@@ -22,7 +22,7 @@ std::string shownValue(const capturedValue& one) {
     return "";
   }
   if (!one.value) {
-    return " = null";
+    return one.isUncertain ? " = null (uncertain)" : " = null";
   }
   if (isText(one)) {
     return fmt::format(" = \"{}\"", *one.value);

@@ -181,6 +181,9 @@ void writeValue(jsonWriter& json, const capturedValue& one) {
   } else {
     json.member("value", one.value);
   }
+  if (one.isUncertain) {
+    json.member("uncertain", true);
+  }
   json.endObject();
 }
 

@@ -150,6 +150,7 @@ function valueDetail(value) {
       : el('details', {open: true}, el('summary', null, title), valueList(value.fields));
   }
   const isText = ['String', 'StringBuilder', 'char'].includes(value.type);
-  const shown = value.value === null ? 'null' : isText ? `“${value.value}”` : value.value;
+  const none = value.uncertain ? 'null (uncertain)' : 'null';
+  const shown = value.value === null ? none : isText ? `“${value.value}”` : value.value;
   return el('span', null, title, ' = ', el('code', {class: value.value === null ? 'dim' : null}, shown));
 }
