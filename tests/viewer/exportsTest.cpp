@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -141,13 +142,13 @@ TEST(prometheus, writesGauges) {
 }
 
 TEST(prometheus, countsTheExceptionsWithoutARecord) {
-  profile all;
+  const auto all = std::make_unique<profile>();
   std::vector<std::string> none;
-  all.exceptions.emplace().add(
+  all->exceptions.emplace().add(
       bytesOfText(R"({"recorded":0,"dropped":3,"agent":{"seen":9,"filtered":1,"blackListed":0,)"
                   R"("overRate":4,"delivered":3,"cut":0,"failed":{"vm":1}}})"),
       "e", none);
-  const std::string text = prometheus(all);
+  const std::string text = prometheus(*all);
   EXPECT_THAT(text,
               HasSubstr("\njavanativeagent_exceptions_without_record{reason=\"dropped\"} 3\n"));
   EXPECT_THAT(text, HasSubstr("{reason=\"rate\"} 4\n"));
