@@ -22,6 +22,7 @@
 #include "exceptionprofiler.h"
 #include "instanceTags.h"
 #include "memoryprofiler.h"
+#include "messageOrigin.h"
 #include "mutexlockprofiler.h"
 #include "profilerRegistry.h"
 #include "support/annotations.h"
@@ -494,8 +495,58 @@ JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobj
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     jvmtiEnv* const jvmti = getRegistry()->environment();
     if (!memory || jvmti == nullptr || classes == nullptr) return 0;
-    return tagInstances(jvmti, jni, classes, memory->gcCounter());
+    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
+    std::vector<instanceTally> tallies(count);
+    return tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
   });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(tagInstancesWithin)(JNIEnv* jni, jclass /*cls*/,
+                                                     jobjectArray classes, jintArray room) {
+  return native(TW_NATIVE_NAME(tagInstancesWithin), [&] {
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!memory || jvmti == nullptr || classes == nullptr || room == nullptr) return 0;
+    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
+    std::vector<jint> rooms = support::numbersOf(jni, room, count);
+    std::vector<instanceTally> tallies;
+    tallies.reserve(count);
+    for (const jint each : rooms) tallies.push_back({.room = each});
+    const jint tagged = tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
+    for (std::size_t i = 0; i < count; ++i) {
+      rooms[i] = tallies[i].isCut ? -1 : tallies[i].room - tallies[i].tagged;
+    }
+    support::setNumbers(jni, room, rooms);
+    return tagged;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(countTaggedInstances)(JNIEnv* jni, jclass /*cls*/,
+                                                       jobjectArray classes, jintArray counts) {
+  return native(TW_NATIVE_NAME(countTaggedInstances), [&] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!getMemoryProfiler() || jvmti == nullptr || classes == nullptr || counts == nullptr) {
+      return 0;
+    }
+    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
+    std::vector<instanceTally> tallies(count);
+    if (!countTaggedInstances(jvmti, jni, classes, tallies)) return 0;
+    std::vector<jint> numbers;
+    numbers.reserve(count);
+    for (const instanceTally& each : tallies) numbers.push_back(each.tagged);
+    support::setNumbers(jni, counts, numbers);
+    return 1;
+  });
+}
+
+JNIEXPORT jclass JNICALL TW_NATIVE(messageOriginOf)(JNIEnv* jni, jclass /*cls*/, jclass type) {
+  jclass origin = nullptr;
+  native(TW_NATIVE_NAME(messageOriginOf), [&] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (jvmti != nullptr && type != nullptr) origin = messageOriginOf(jvmti, jni, type);
+    return 0;
+  });
+  return origin;
 }
 
 JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jclass /*cls*/,

@@ -3,9 +3,11 @@
 
 #include <jni.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace support {
 
@@ -105,6 +107,20 @@ inline std::optional<std::string> tryTextOf(JNIEnv* jni, jstring string) {
 // The same, with an empty text for none.
 inline std::string textOf(JNIEnv* jni, jstring string) {
   return tryTextOf(jni, string).value_or(std::string());
+}
+
+// The first `count` numbers of a Java array; zeros when it does not have as many.
+inline std::vector<jint> numbersOf(JNIEnv* jni, jintArray array, std::size_t count) {
+  std::vector<jint> numbers(count);
+  jni->GetIntArrayRegion(array, 0, static_cast<jsize>(count), numbers.data());
+  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
+  return numbers;
+}
+
+// Writes numbers into a Java array; nothing when it does not have room for as many.
+inline void setNumbers(JNIEnv* jni, jintArray array, const std::vector<jint>& numbers) {
+  jni->SetIntArrayRegion(array, 0, static_cast<jsize>(numbers.size()), numbers.data());
+  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
 }
 
 }  // namespace support

@@ -880,6 +880,46 @@ TEST_F(fakeVmTest, taggedObjectsAreFound) {
   EXPECT_EQ(size, 48);
 }
 
+jint JNICALL tagReferred(jvmtiHeapReferenceKind, const jvmtiHeapReferenceInfo*, jlong, jlong, jlong,
+                         jlong* tag, jlong*, jint, void* data) {
+  ++*tag;
+  ++*static_cast<int*>(data);
+  return JVMTI_VISIT_OBJECTS;
+}
+
+TEST_F(fakeVmTest, referencesLeadToWhatCanBeReached) {
+  auto* type = vm.makeClass("com.example.Cart");
+  type->tag = 5;
+  auto* cart = vm.makeObject(type);
+  auto* lost = vm.makeObject(type);
+  lost->reachable = false;
+  auto* gone = vm.makeObject(type);
+  vm.collect(gone);
+  jvmtiHeapCallbacks callbacks{};
+  callbacks.heap_reference_callback = tagReferred;
+  int references = 0;
+  ASSERT_EQ(jvmti->FollowReferences(JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, nullptr, &callbacks,
+                                    &references),
+            JVMTI_ERROR_NONE);
+  EXPECT_EQ(references, 2);
+  EXPECT_EQ(cart->tag, 2);
+  EXPECT_EQ(lost->tag, 0);
+}
+
+TEST_F(fakeVmTest, numbersOfArraysAreCopied) {
+  jintArray const array = vm.ref(vm.makeIntArray({1, 2, 3}));
+  std::array<jint, 3> numbers{};
+  jni->GetIntArrayRegion(array, 1, 2, numbers.data());
+  EXPECT_EQ(numbers, (std::array<jint, 3>{2, 3, 0}));
+  numbers[0] = 7;
+  jni->SetIntArrayRegion(array, 0, 1, numbers.data());
+  jni->GetIntArrayRegion(array, 0, 3, numbers.data());
+  EXPECT_EQ(numbers, (std::array<jint, 3>{7, 2, 3}));
+  jni->GetIntArrayRegion(array, 1, 3, numbers.data());
+  EXPECT_TRUE(jni->ExceptionCheck());
+  jni->ExceptionClear();
+}
+
 // --- JNI.
 
 TEST_F(fakeVmTest, classNamesAreAskedOfJava) {

@@ -20,12 +20,31 @@ class instanceTags : public test::agentTest {
     agent::getMemoryProfiler()->setGcCounter(generation);
   }
 
-  jint tagAll(const std::vector<fake::object*>& classes) {
-    return vm.native([&](JNIEnv* jni) {
-      auto* const array =
-          static_cast<jobjectArray>(vm.ref(vm.makeArray("[Ljava.lang.Class;", classes)));
-      return TW_NATIVE(tagInstances)(jni, nullptr, array);
+  jobjectArray array(const std::vector<fake::object*>& classes) {
+    return static_cast<jobjectArray>(vm.ref(vm.makeArray("[Ljava.lang.Class;", classes)));
+  }
+
+  // Tags within the room of each class; the room that is left.
+  std::vector<jint> tagWithin(const std::vector<fake::object*>& classes,
+                              const std::vector<jint>& room) {
+    fake::intArray* const numbers = vm.makeIntArray(room);
+    tagged_ = vm.native([&](JNIEnv* jni) {
+      return TW_NATIVE(tagInstancesWithin)(jni, nullptr, array(classes), vm.ref(numbers));
     });
+    return numbers->elements;
+  }
+
+  std::vector<jint> count(const std::vector<fake::object*>& classes) {
+    fake::intArray* const numbers = vm.makeIntArray(std::vector<jint>(classes.size(), -7));
+    counted_ = vm.native([&](JNIEnv* jni) {
+      return TW_NATIVE(countTaggedInstances)(jni, nullptr, array(classes), vm.ref(numbers));
+    });
+    return numbers->elements;
+  }
+
+  jint tagAll(const std::vector<fake::object*>& classes) {
+    return vm.native(
+        [&](JNIEnv* jni) { return TW_NATIVE(tagInstances)(jni, nullptr, array(classes)); });
   }
 
   std::vector<std::string> errors() { return messages("Error"); }
@@ -33,6 +52,8 @@ class instanceTags : public test::agentTest {
   fake::javaClass* session_ = vm.makeClass("com.example.Session");
   fake::javaClass* longSession_ = vm.makeClass("com.example.LongSession", session_);
   fake::javaClass* other_ = vm.makeClass("com.example.Other");
+  jint tagged_ = 0;
+  jint counted_ = 0;
 };
 
 TEST_F(instanceTags, areTheGenerationForInstancesOfExactlyTheseClasses) {
@@ -54,7 +75,7 @@ TEST_F(instanceTags, takeOneWalkForAllClasses) {
   vm.makeObject(longSession_);
   vm.makeObject(other_);
   EXPECT_EQ(tagAll({session_, longSession_}), 2);
-  EXPECT_EQ(vm.calls("IterateThroughHeap"), 1U);
+  EXPECT_EQ(vm.calls("FollowReferences"), 1U);
 }
 
 TEST_F(instanceTags, thatStoodBeforeStay) {
@@ -112,7 +133,7 @@ TEST_F(instanceTags, areNotSetInGenerationZero) {
   auto* const object = vm.makeObject(session_);
   EXPECT_EQ(tagAll({session_}), 0);
   EXPECT_EQ(object->tag, 0);
-  EXPECT_EQ(vm.calls("IterateThroughHeap"), 0U);
+  EXPECT_EQ(vm.calls("FollowReferences"), 0U);
 }
 
 TEST_F(instanceTags, nothingIsDoneWithoutClasses) {
@@ -121,7 +142,7 @@ TEST_F(instanceTags, nothingIsDoneWithoutClasses) {
   EXPECT_EQ(tagAll({nullptr}), 0);
   EXPECT_EQ(vm.native([](JNIEnv* jni) { return TW_NATIVE(tagInstances)(jni, nullptr, nullptr); }),
             0);
-  EXPECT_EQ(vm.calls("IterateThroughHeap"), 0U);
+  EXPECT_EQ(vm.calls("FollowReferences"), 0U);
 }
 
 TEST_F(instanceTags, nothingIsDoneWithoutTheMemoryProfiler) {
@@ -139,12 +160,11 @@ TEST_F(instanceTags, nothingIsDoneBeforeALoad) {
 TEST_F(instanceTags, aFailedWalkIsLoggedAndLeavesTheClassesTheirTags) {
   begin();
   session_->tag = 2;
-  vm.fail("IterateThroughHeap", {.error = JVMTI_ERROR_OUT_OF_MEMORY});
+  vm.fail("FollowReferences", {.error = JVMTI_ERROR_OUT_OF_MEMORY});
   EXPECT_EQ(tagAll({session_, other_}), 0);
   EXPECT_EQ(session_->tag, 2);
   EXPECT_EQ(other_->tag, 0);
-  EXPECT_THAT(errors(),
-              Contains(HasSubstr("IterateThroughHeap failed: JVMTI_ERROR_OUT_OF_MEMORY")));
+  EXPECT_THAT(errors(), Contains(HasSubstr("FollowReferences failed: JVMTI_ERROR_OUT_OF_MEMORY")));
 }
 
 TEST_F(instanceTags, aClassThatCannotBeMarkedIsLoggedAndPassedOver) {
@@ -173,7 +193,7 @@ TEST_F(instanceTags, aMarkThatCouldNotBeTakenAwayIsTakenAwayNextTime) {
 TEST_F(instanceTags, aTagThatAClassIsGivenMeanwhileStays) {
   begin();
   session_->tag = 1;
-  vm.on("IterateThroughHeap", [&] {
+  vm.on("FollowReferences", [&] {
     vm.native([&](JNIEnv* jni) { TW_NATIVE(setObjectTag)(jni, nullptr, vm.ref(session_)); });
   });
   tagAll({session_});
@@ -187,6 +207,73 @@ TEST_F(instanceTags, withoutALocalFrameNoReferenceStays) {
   vm.fail("PushLocalFrame", {.throwing = true});
   EXPECT_EQ(tagAll({session_, other_}), 1);
   EXPECT_EQ(vm.localReferences(), 0U);
+}
+
+TEST_F(instanceTags, leaveOutWhatNobodyCanReach) {
+  begin();
+  auto* const reached = vm.makeObject(session_);
+  auto* const lost = vm.makeObject(session_);
+  lost->reachable = false;
+  EXPECT_EQ(tagAll({session_}), 1);
+  EXPECT_EQ(reached->tag, 3);
+  EXPECT_EQ(lost->tag, 0);
+}
+
+TEST_F(instanceTags, areNoMoreThanThereIsRoomFor) {
+  begin();
+  for (int i = 0; i < 3; ++i) vm.makeObject(session_);
+  for (int i = 0; i < 3; ++i) vm.makeObject(longSession_);
+  EXPECT_EQ(tagWithin({session_, nullptr, longSession_, other_}, {2, 5, 3, 0}),
+            (std::vector<jint>{-1, 5, 0, 0}));
+  EXPECT_EQ(tagged_, 5);
+  EXPECT_EQ(tagWithin({session_}, {0}), std::vector<jint>{-1});
+  EXPECT_EQ(tagged_, 0);
+  EXPECT_EQ(tagWithin({session_}, {9}), std::vector<jint>{8});
+  EXPECT_EQ(tagged_, 1);
+}
+
+TEST_F(instanceTags, ofClassesThemselvesKeepToTheirRoom) {
+  begin();
+  fake::javaClass* const classes = session_->type;
+  for (fake::javaClass* const each : {session_, longSession_, other_}) each->tag = 1;
+  tagAll({classes});
+  for (fake::javaClass* const each : {session_, longSession_, classes}) each->tag = 0;
+  EXPECT_EQ(tagWithin({classes, session_}, {2, 0}), (std::vector<jint>{-1, 0}));
+  EXPECT_EQ(tagged_, 2);
+}
+
+TEST_F(instanceTags, withoutAsManyRoomsAsClassesAreNone) {
+  begin();
+  vm.makeObject(session_);
+  EXPECT_EQ(tagWithin({session_, other_}, {2}), std::vector<jint>{2});
+  EXPECT_EQ(tagged_, 0);
+}
+
+TEST_F(instanceTags, areCountedAsLongAsTheyStand) {
+  begin();
+  auto* const first = vm.makeObject(session_);
+  vm.makeObject(session_);
+  vm.makeObject(other_);
+  EXPECT_EQ(tagAll({session_, other_}), 3);
+  first->reachable = false;
+  vm.makeObject(session_);
+  session_->tag = 2;
+  EXPECT_EQ(count({session_, nullptr, longSession_, other_}), (std::vector<jint>{2, 0, 0, 1}));
+  EXPECT_EQ(counted_, 1);
+  EXPECT_EQ(session_->tag, 2);
+  EXPECT_EQ(other_->tag, 0);
+  vm.collect(first);
+  EXPECT_EQ(count({session_}), std::vector<jint>{1});
+}
+
+TEST_F(instanceTags, thatCannotBeCountedAreSaidToBeUncounted) {
+  begin();
+  vm.fail("IterateThroughHeap", {.error = JVMTI_ERROR_OUT_OF_MEMORY});
+  EXPECT_EQ(count({session_}), std::vector<jint>{-7});
+  EXPECT_EQ(counted_, 0);
+  EXPECT_EQ(session_->tag, 0);
+  EXPECT_THAT(errors(),
+              Contains(HasSubstr("IterateThroughHeap failed: JVMTI_ERROR_OUT_OF_MEMORY")));
 }
 
 TEST_F(instanceTags, reachTheReport) {

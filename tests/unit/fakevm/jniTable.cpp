@@ -628,6 +628,37 @@ void JNICALL setObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize in
   });
 }
 
+// Copies numbers between a Java array and a buffer; an exception when the array has no such range.
+template <functionId id, typename Buffer, typename Copy>
+void intArrayRegion(JNIEnv* jni, jintArray reference, jsize start, jsize length, Buffer buffer,
+                    Copy copy) {
+  performVoid(jni, id, {.target = reference, .number = length}, [&](machine& vm, threadEnv& env) {
+    auto* found = vm.need<intArray>(env, id, reference, objectKind::intArray);
+    if (found == nullptr) return;
+    if (start < 0 || length < 0 || start > std::ssize(found->elements) - length) {
+      vm.raise(env, vm.makeThrowable("java.lang.ArrayIndexOutOfBoundsException"));
+      return;
+    }
+    copy(found->elements.data() + start, buffer, static_cast<std::size_t>(length));
+  });
+}
+
+void JNICALL getIntArrayRegion(JNIEnv* jni, jintArray reference, jsize start, jsize length,
+                               jint* buffer) {
+  intArrayRegion<FAKE_JNI(GetIntArrayRegion)>(
+      jni, reference, start, length, buffer,
+      [](const jint* elements, jint* to, std::size_t count) { std::copy_n(elements, count, to); });
+}
+
+void JNICALL setIntArrayRegion(JNIEnv* jni, jintArray reference, jsize start, jsize length,
+                               const jint* buffer) {
+  intArrayRegion<FAKE_JNI(SetIntArrayRegion)>(
+      jni, reference, start, length, buffer,
+      [](jint* elements, const jint* from, std::size_t count) {
+        std::copy_n(from, count, elements);
+      });
+}
+
 void addReferences(JNINativeInterface_& table) {
   table.NewLocalRef = newLocalRef;
   table.DeleteLocalRef = deleteLocalRef;
@@ -708,6 +739,8 @@ JNINativeInterface_ makeTable() {
   table.GetArrayLength = getArrayLength;
   table.GetObjectArrayElement = getObjectArrayElement;
   table.SetObjectArrayElement = setObjectArrayElement;
+  table.GetIntArrayRegion = getIntArrayRegion;
+  table.SetIntArrayRegion = setIntArrayRegion;
   return table;
 }
 

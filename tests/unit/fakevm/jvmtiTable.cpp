@@ -754,6 +754,32 @@ jvmtiError JNICALL iterateThroughHeap(jvmtiEnv* jvmti, jint filter, jclass type,
   });
 }
 
+// Reports each reachable object twice, as if there were two references to it, from nowhere.
+jvmtiError JNICALL followReferences(jvmtiEnv* jvmti, jint filter, jclass type, jobject initial,
+                                    const jvmtiHeapCallbacks* callbacks, const void* data) {
+  constexpr functionId id = FAKE_JVMTI(FollowReferences);
+  return perform(jvmti, id, {.number = filter}, [&](machine& vm, threadEnv* env) {
+    if (callbacks == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (type != nullptr || initial != nullptr || callbacks->heap_reference_callback == nullptr) {
+      machine::report(id, "only heap_reference_callback from the roots is modelled");
+      return JVMTI_ERROR_INTERNAL;
+    }
+    const restricted within(*env, "a heap callback");
+    for (object* one : liveObjects(vm)) {
+      for (int reference = 0; reference < 2; ++reference) {
+        if (!one->reachable || filteredOut(*one, filter)) continue;
+        jlong tag = one->tag;
+        const jint told = callbacks->heap_reference_callback(
+            JVMTI_HEAP_REFERENCE_OTHER, nullptr, one->type->tag, 0, one->size, &tag, nullptr,
+            lengthOf(*one), const_cast<void*>(data));
+        one->tag = tag;
+        if ((told & JVMTI_VISIT_ABORT) != 0) return JVMTI_ERROR_NONE;
+      }
+    }
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 jvmtiError JNICALL forceGarbageCollection(jvmtiEnv* jvmti) {
   return perform(jvmti, FAKE_JVMTI(ForceGarbageCollection), {}, [](machine& vm, threadEnv*) {
     for (unsigned number = 0; number < vm.eventsPerCollection; ++number) {
@@ -809,6 +835,7 @@ jvmtiInterface_1 makeTable() {
   table.GetLoadedClasses = getLoadedClasses;
   table.GetObjectsWithTags = getObjectsWithTags;
   table.IterateThroughHeap = iterateThroughHeap;
+  table.FollowReferences = followReferences;
   table.ForceGarbageCollection = forceGarbageCollection;
   return table;
 }

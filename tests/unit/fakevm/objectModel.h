@@ -108,7 +108,7 @@ struct monitorState {
   std::vector<javaThread*> notifyWaiters{};  // wait to be notified
 };
 
-enum class objectKind { plain, javaClass, javaString, javaThread, objectArray };
+enum class objectKind { plain, javaClass, javaString, javaThread, objectArray, intArray };
 
 struct object {
   object(objectKind objectsKind, javaClass* objectsType, jint identityHash)
@@ -123,6 +123,7 @@ struct object {
   std::atomic<jlong> tag{0};
   std::atomic<jlong> size{16};
   std::atomic<bool> collected{false};
+  std::atomic<bool> reachable{true};  // FollowReferences leaves out what is not
 
   monitorState monitor{};                  // guarded by the virtualMachine
   std::map<const field*, value> fields{};  // guarded by the virtualMachine
@@ -163,6 +164,14 @@ struct objectArray : object {
         elements(std::move(arrayElements)) {}
 
   std::vector<object*> elements;
+};
+
+struct intArray : object {
+  intArray(javaClass* arrayClass, jint identityHash, std::vector<jint> arrayElements)
+      : object(objectKind::intArray, arrayClass, identityHash),
+        elements(std::move(arrayElements)) {}
+
+  std::vector<jint> elements;
 };
 
 struct javaThread : object {

@@ -77,6 +77,10 @@ objectArray* virtualMachine::makeArray(std::string_view className, std::vector<o
                                      std::move(elements));
 }
 
+intArray* virtualMachine::makeIntArray(std::vector<jint> elements) {
+  return machine_->keep<intArray>(classNamed("[I"), machine_->nextHash(), std::move(elements));
+}
+
 javaThread* virtualMachine::makeThread(std::optional<std::string_view> name) {
   return machine_->makeThread(name);
 }

@@ -102,6 +102,7 @@ class virtualMachine {
   object* makeObject(std::string_view className) { return makeObject(classNamed(className)); }
   javaString* makeString(std::string_view modifiedUtf8);
   objectArray* makeArray(std::string_view className, std::vector<object*> elements);
+  intArray* makeIntArray(std::vector<jint> elements);
   javaThread* makeThread(std::optional<std::string_view> name);  // without one: null in the VM
   javaThread* makeVirtualThread(std::string_view name);
   method* makeMethod(javaClass* type, std::string_view name, std::string_view signature,
@@ -131,6 +132,7 @@ class virtualMachine {
   jclass ref(javaClass* target) { return static_cast<jclass>(ref(base(target))); }
   jobject ref(javaThread* target) { return ref(base(target)); }
   jobject ref(objectArray* target) { return ref(base(target)); }
+  jintArray ref(intArray* target) { return static_cast<jintArray>(ref(base(target))); }
   jobject ref(std::nullptr_t) { return nullptr; }
   // What a reference of any kind refers to; null for null and cleared ones.
   object* target(jobject reference);

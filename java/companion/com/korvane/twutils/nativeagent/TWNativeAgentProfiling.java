@@ -95,14 +95,39 @@ public final class TWNativeAgentProfiling {
   public static native void setObjectTag(Object object);
 
   /**
-   * Marks every instance of exactly these classes that is not marked yet, as {@link #setObjectTag}
-   * does, in one walk over the heap, for which the whole program stands still. Before the first
-   * garbage collection of a session nothing is marked.
+   * Marks every instance of exactly these classes that is not marked yet and can be reached, as
+   * {@link #setObjectTag} does, in one walk over the live objects, for which the whole program
+   * stands still. Before the first garbage collection of a session nothing is marked.
    *
    * @param classes null elements are passed over
-   * @return how many were marked; objects that no one can reach any more may be among them
+   * @return how many were marked
    */
   public static native int tagInstances(Class<?>[] classes);
+
+  /**
+   * Does the same, but marks no more instances of a class than there is room for.
+   *
+   * @param room for each class, how many instances may be marked; afterwards how many more may, or
+   *     -1 when an instance was left out
+   */
+  static native int tagInstancesWithin(Class<?>[] classes, int[] room);
+
+  /**
+   * Counts the marked instances of exactly these classes in one walk over the heap. Those that
+   * nobody can reach but that are not collected yet are among them.
+   *
+   * @param counts takes the count of each class
+   * @return 1 when they were counted, else 0
+   */
+  static native int countTaggedInstances(Class<?>[] classes, int[] counts);
+
+  /**
+   * The class, {@code type} or one above it, whose {@code getMessage()} answers for exceptions of
+   * {@code type}. Loads and initializes no class.
+   *
+   * @return null for a class that is not initialized, and when it cannot be told
+   */
+  static native Class<?> messageOriginOf(Class<?> type);
 
   /** Placeholder entry point; always 0. */
   public static native int getExtendedMatricesFromNative(String text);
