@@ -32,18 +32,28 @@ public final class LockSession {
   private final ReportFile report;
   private final ReportFile stacks;
   private volatile Phase phase = Phase.BEGUN;
+
+  // How far the end has come, within NativeAgent.locked: one that failed for want of memory is
+  // taken up where it is.
+  private boolean isQuiet; // the phase records nothing more
+  private Boolean isReported;
+  private boolean isOver;
+  private Path whole; // the report, the stacks perhaps not yet
   private Path written;
 
   private LockSession(long id, LockSettings settings) {
     this.id = id;
     this.settings = settings;
     report = new ReportFile("lock report", settings.report);
+    ReportFile made = null;
     try {
-      stacks = new ReportFile("stack file", settings.stacks);
-    } catch (IllegalArgumentException e) {
-      report.discard();
-      throw e;
+      made = new ReportFile("stack file", settings.stacks);
+    } finally {
+      if (made == null) {
+        report.discard();
+      }
     }
+    stacks = made;
   }
 
   /** Within {@link NativeAgent#locked}. */
@@ -52,9 +62,16 @@ public final class LockSession {
       throw Check.refused("settings", null, "the settings of a lock session");
     }
     LockSession session = new LockSession(id, settings);
-    if (!session.begin()) {
-      session.report.discard();
-      session.stacks.discard();
+    boolean isBegun = false;
+    try {
+      isBegun = session.begin();
+    } finally {
+      if (!isBegun) {
+        session.report.discard();
+        session.stacks.discard();
+      }
+    }
+    if (!isBegun) {
       throw NativeAgent.missing(Feature.LOCKS);
     }
     return session;
@@ -149,11 +166,12 @@ public final class LockSession {
    * @return the report
    * @throws IOException when the report or the stack file was not written whole; the session is
    *     over all the same
+   * @throws OutOfMemoryError when what there is of the report waits for another call
    */
   public Path stop() throws IOException {
     return NativeAgent.<Path, IOException>locked(
         () -> {
-          if (phase != Phase.STOPPED) {
+          if (!isOver) {
             finish();
           }
           if (written == null) {
@@ -163,29 +181,62 @@ public final class LockSession {
         });
   }
 
-  private void finish() throws IOException {
+  /** Whether other control calls would end the phase. Within {@link NativeAgent#locked}. */
+  boolean isInDetail() {
+    return phase == Phase.DETAIL && !isQuiet;
+  }
+
+  /** Ends the phase; {@link #stop} is to follow. Within {@link NativeAgent#locked}. */
+  void quiet() {
+    if (isQuiet) {
+      return;
+    }
     if (phase == Phase.SUMMARY) {
       TWNativeAgentProfiling.stopMutexLockSummarySession(id);
     } else if (phase == Phase.DETAIL) {
       TWNativeAgentProfiling.stopMutexLockDetailSession(id);
     }
+    isQuiet = true;
+  }
+
+  private void finish() throws IOException {
+    quiet();
     phase = Phase.STOPPED;
     NativeAgent.ended(this);
     try {
-      if (TWNativeAgentProfiling.stopMutexLockProfilingSession(id, report.partPath()) != 1) {
+      if (isReported == null) {
+        String path = report.partPath();
+        isReported =
+            TWNativeAgentProfiling.stopMutexLockProfilingSession(id, path) == 1
+                ? Boolean.TRUE
+                : Boolean.FALSE;
+      }
+      if (!isReported) {
         throw new IOException(
             "the agent wrote no lock report " + settings.report + ": its log says why");
       }
-      Path whole = report.publishJson();
+      if (whole == null) {
+        whole = report.publishJson();
+      }
       stacks.publishLines();
       written = whole;
-    } finally {
-      report.close();
-      stacks.close();
+      close();
+    } catch (IOException | RuntimeException e) {
+      close();
+      throw e;
     }
   }
 
+  private void close() {
+    isOver = true;
+    report.close();
+    stacks.close();
+  }
+
   private void require(Phase expected, String next) {
+    if (isQuiet && phase != Phase.STOPPED) {
+      throw new IllegalStateException(next + " cannot begin: the JVM is about to end");
+    }
     if (phase != expected) {
       throw new IllegalStateException(
           next + " cannot begin: the lock session is " + phase + ", expected " + expected);

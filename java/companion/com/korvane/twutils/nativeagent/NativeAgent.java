@@ -1,7 +1,9 @@
 package com.korvane.twutils.nativeagent;
 
+import java.time.Duration;
 import java.util.EnumSet;
 import java.util.Set;
+import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.ReentrantLock;
 
 /**
@@ -129,7 +131,49 @@ public final class NativeAgent {
 
   /** Whether a lock session is in its detail phase, which the other profilers must not disturb. */
   public static boolean isDetailRunning() {
-    return locked(() -> lockSession != null && lockSession.phase() == LockSession.Phase.DETAIL);
+    return locked(() -> lockSession != null && lockSession.isInDetail());
+  }
+
+  /**
+   * Records nothing more: ends the phase of a lock session, whoever runs it, and captures no more
+   * exceptions. Sessions are still to be stopped. Where another control call does not come to its
+   * end in time, exceptions are captured no more all the same. For the end of the JVM.
+   *
+   * @param patience how long to wait for another control call
+   * @return false when a call was under way for longer
+   */
+  public static boolean stopRecording(Duration patience) {
+    boolean isMine = lockWithin(patience.toNanos());
+    try {
+      if (isMine && lockSession != null) {
+        lockSession.quiet();
+      }
+      if (areExceptionsCaptured) {
+        capture(false, new ExceptionSettings());
+      }
+    } finally {
+      if (isMine) {
+        kControl.unlock();
+      }
+    }
+    return isMine;
+  }
+
+  private static boolean lockWithin(long nanos) {
+    long end = System.nanoTime() + nanos;
+    boolean isInterrupted = false;
+    boolean isMine = kControl.tryLock();
+    while (!isMine && System.nanoTime() < end) {
+      try {
+        isMine = kControl.tryLock(end - System.nanoTime(), TimeUnit.NANOSECONDS);
+      } catch (InterruptedException e) {
+        isInterrupted = true;
+      }
+    }
+    if (isInterrupted) {
+      Thread.currentThread().interrupt();
+    }
+    return isMine;
   }
 
   // --- For the sessions ---
@@ -164,7 +208,7 @@ public final class NativeAgent {
 
   /** Within {@link #locked}. */
   static void requireNoDetail(String action) {
-    if (lockSession != null && lockSession.phase() == LockSession.Phase.DETAIL) {
+    if (lockSession != null && lockSession.isInDetail()) {
       throw new IllegalStateException(
           action + " would end the detail phase of the running lock session: stop that first");
     }

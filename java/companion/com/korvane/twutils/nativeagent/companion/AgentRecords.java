@@ -9,12 +9,6 @@ final class AgentRecords {
 
   private AgentRecords() {}
 
-  /** Called before exceptions are captured: a thread that throws is to load and link nothing. */
-  static void prepare() {
-    isRecordCut();
-    isOnVirtualThread();
-  }
-
   private static boolean find() {
     try {
       AgentCounters.takeUndelivered(new String[AgentCounters.UNDELIVERED_PARTS]);
@@ -29,22 +23,14 @@ final class AgentRecords {
     return isThere && AgentCounters.isRecordCut();
   }
 
-  /**
-   * Whether this thread is a virtual one: of what it holds in compiled code, the JVM may give null
-   * for an object.
-   */
-  static boolean isOnVirtualThread() {
-    return Thread.currentThread().getClass().getName().equals("java.lang.VirtualThread");
-  }
-
   /** The oldest record that could not be handed over on its thread; null when there is none. */
   static ExceptionEvent takeUndelivered() {
     String[] parts = new String[AgentCounters.UNDELIVERED_PARTS];
     if (!isThere || !AgentCounters.takeUndelivered(parts)) {
       return null;
     }
-    return new ExceptionEvent(
-        Long.parseLong(parts[0]), parts[1], parts[2], null, parts[3], !parts[4].isEmpty(), false);
+    return ExceptionEvent.ofKept(
+        Long.parseLong(parts[0]), parts[1], parts[2], parts[3], !parts[4].isEmpty());
   }
 
   /** Writes the member "agent": what became of all exceptions. */

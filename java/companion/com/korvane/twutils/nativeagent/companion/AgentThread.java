@@ -1,9 +1,12 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import java.lang.ref.WeakReference;
+import java.lang.reflect.InvocationTargetException;
 import java.util.Arrays;
-import java.util.List;
+import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicReference;
+import java.util.concurrent.locks.LockSupport;
 
 /** A thread of the companion's own. It keeps no JVM alive, and its exceptions are not recorded. */
 final class AgentThread extends Thread {
@@ -13,25 +16,128 @@ final class AgentThread extends Thread {
   /** What such work ended with last; management throws it on, as it is and within others. */
   private static volatile WeakReference<Throwable> lastFailure = new WeakReference<>(null);
 
-  private static final List<String> kWrappers =
-      Arrays.asList(
-          "java.lang.reflect.InvocationTargetException",
-          "javax.management.MBeanException",
-          "javax.management.RuntimeMBeanException");
+  /** Exactly these classes hand a failure on. */
+  private static volatile Class<?>[] wrappers = {InvocationTargetException.class};
 
-  private AgentThread(Runnable body, String name) {
+  private static final int kMostWrappers = 10; // around each other
+
+  /** Between a round that has failed and the next one. */
+  private static final long kRestNanos = TimeUnit.MILLISECONDS.toNanos(100);
+
+  private static final long kPollNanos = TimeUnit.MICROSECONDS.toNanos(50);
+
+  private final boolean runsInAnyCase;
+
+  private AgentThread(Runnable body, String name, boolean runsInAnyCase) {
     super(null, body, "javanativeagent " + name);
+    this.runsInAnyCase = runsInAnyCase;
     setDaemon(true);
+    // It would hold the loader of a program's thread that happens to make it.
+    setContextClassLoader(null);
+  }
+
+  /** A daemon without a context class loader. */
+  static AgentThread of(String name, Runnable body) {
+    return new AgentThread(body, name, false);
+  }
+
+  /** The same; where no thread can be had, {@link #start} does its work. */
+  static AgentThread inAnyCase(String name, Runnable body) {
+    return new AgentThread(body, name, true);
+  }
+
+  /** A piece of work that comes again and again. */
+  interface Round {
+    /** @return whether another one comes */
+    boolean run();
   }
 
   /**
-   * A daemon without a context class loader: it would hold the one of a program's thread that
-   * happens to make it.
+   * The same, for work in rounds. Whatever a round throws, the thread goes on with the next one, in
+   * a moment: it ends with the last round only.
    */
-  static AgentThread of(String name, Runnable body) {
-    AgentThread thread = new AgentThread(body, name);
-    thread.setContextClassLoader(null);
-    return thread;
+  static AgentThread repeating(String name, Round round) {
+    return of(name, new Rounds(round));
+  }
+
+  private static final class Rounds implements Runnable {
+    private final Round round;
+    private boolean hasFailed;
+
+    Rounds(Round round) {
+      this.round = round;
+    }
+
+    @Override
+    public void run() {
+      boolean goesOn = true;
+      while (goesOn) {
+        try {
+          if (hasFailed) {
+            hasFailed = false;
+            LockSupport.parkNanos(kRestNanos);
+          }
+          goesOn = round.run();
+        } catch (Throwable e) {
+          hasFailed = true; // and nothing else: there may be no memory left
+        }
+      }
+    }
+  }
+
+  /**
+   * Finds out whether so many threads could be had, with those of the companion. They are gone
+   * afterwards.
+   *
+   * @throws OutOfMemoryError when they could not
+   */
+  static void requireSpare(int count) {
+    CountDownLatch end = new CountDownLatch(1);
+    Thread[] spare = new Thread[count];
+    boolean areEnough = false;
+    try {
+      for (int i = 0; i < count; i++) {
+        spare[i] = of("spare", () -> awaitUninterruptibly(end));
+        spare[i].start();
+      }
+      areEnough = true;
+    } finally {
+      end.countDown();
+      for (Thread each : spare) {
+        awaitEnd(each);
+      }
+      if (!areEnough) {
+        LockSupport.parkNanos(kRestNanos); // the system is a moment behind
+      }
+    }
+  }
+
+  private static void awaitEnd(Thread thread) {
+    while (thread != null && thread.isAlive()) {
+      LockSupport.parkNanos(kPollNanos);
+    }
+  }
+
+  private static void awaitUninterruptibly(CountDownLatch latch) {
+    while (latch.getCount() > 0) {
+      try {
+        latch.await();
+      } catch (InterruptedException e) {
+        // Nobody has business with this thread.
+      }
+    }
+  }
+
+  @Override
+  public void start() {
+    try {
+      super.start();
+    } catch (OutOfMemoryError e) {
+      if (!runsInAnyCase) {
+        throw e;
+      }
+      run();
+    }
   }
 
   interface Work<T, E extends Exception> {
@@ -68,6 +174,16 @@ final class AgentThread extends Thread {
     return left;
   }
 
+  /** Names classes of exceptions in which management hands on what failed. */
+  static void addWrappers(Class<?>... classes) {
+    Class<?>[] before = wrappers;
+    Class<?>[] all = Arrays.copyOf(before, before.length + classes.length);
+    System.arraycopy(classes, 0, all, before.length, classes.length);
+    wrappers = all;
+  }
+
+  // --- Asked by threads that throw: no class is loaded, nothing allocated, no code of others run.
+
   /** Whether this thread does the companion's work. */
   static boolean isAtWork() {
     Thread self = currentThread();
@@ -89,9 +205,20 @@ final class AgentThread extends Thread {
       return false;
     }
     Object each = exception;
-    while (each != failure && each != null && kWrappers.contains(each.getClass().getName())) {
+    for (int i = 0; i < kMostWrappers && each != failure && isWrapper(each); i++) {
       each = ((Throwable) each).getCause();
     }
     return each == failure;
+  }
+
+  private static boolean isWrapper(Object exception) {
+    if (exception != null) {
+      for (Class<?> wrapper : wrappers) {
+        if (exception.getClass() == wrapper) {
+          return true;
+        }
+      }
+    }
+    return false;
   }
 }

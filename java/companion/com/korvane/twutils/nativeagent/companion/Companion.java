@@ -21,13 +21,20 @@ public final class Companion {
    */
   private static final Duration kUntilMainHasBegun = Duration.ofSeconds(1);
 
+  /** What has to be left for the JVM, which starts threads after this, and for the program. */
+  private static final int kSpareThreads = 12;
+
   private static final AtomicBoolean kIsStarted = new AtomicBoolean();
   private static final AtomicBoolean kIsCleanedUp = new AtomicBoolean();
 
   private Companion() {}
 
   public static void premain(String options, Instrumentation instrumentation) {
-    start(options, instrumentation, Companion::deleteStrayFolders);
+    try {
+      start(options, instrumentation, Companion::deleteStrayFolders);
+    } catch (Throwable e) {
+      // Not even this could be said. The program runs on.
+    }
   }
 
   public static void agentmain(String options, Instrumentation instrumentation) {
@@ -45,8 +52,8 @@ public final class Companion {
     } catch (SecurityException e) {
       Console.say("the security manager lets nothing be profiled: the policy has to grant"
           + " java.security.AllPermission to javanativeagent.jar (" + e.getMessage() + ")");
-    } catch (RuntimeException | LinkageError e) {
-      Console.say("nothing is profiled: " + e);
+    } catch (Throwable e) {
+      Console.say("nothing is profiled: ", e);
     }
   }
 
@@ -60,8 +67,10 @@ public final class Companion {
       return;
     }
     cleanUp.run();
+    AgentThread.requireSpare(kSpareThreads);
     Controller controller = new Controller(options.values(), instrumentation);
-    Runtime.getRuntime().addShutdownHook(AgentThread.of("end", () -> end(controller)));
+    controller.startClock();
+    Runtime.getRuntime().addShutdownHook(AgentThread.inAnyCase("end", () -> end(controller)));
     controller.begin();
     controller.after(kUntilMainHasBegun, () -> meetManagement(controller));
   }
@@ -72,8 +81,12 @@ public final class Companion {
   }
 
   private static void end(Controller controller) {
-    controller.end();
-    deleteOldLogs();
+    try {
+      controller.end();
+      deleteOldLogs();
+    } catch (Throwable e) {
+      Console.say("", e);
+    }
   }
 
   private static void deleteOldLogs() {
@@ -105,6 +118,9 @@ public final class Companion {
     try {
       NativeAgentBean.register(controller);
     } catch (NoClassDefFoundError e) {
+      if (!(e.getCause() instanceof ClassNotFoundException)) {
+        throw e; // there was no memory for a class
+      }
       // A Java without the module java.management has no one to ask for the bean.
     }
   }

@@ -1,11 +1,47 @@
 package com.korvane.twutils.nativeagent.companion;
 
-/** Says on standard error what the user has to know; nothing when all goes well. */
+import java.io.FileDescriptor;
+import java.io.FileOutputStream;
+import java.io.IOException;
+import java.io.OutputStream;
+import java.nio.charset.Charset;
+import java.nio.charset.StandardCharsets;
+
+/** Says on standard error what the user has to know; nothing when all goes well. Never fails. */
 final class Console {
+  private static final String kName = "javanativeagent: ";
+  private static final byte[] kUnsaid =
+      (kName + "there was no memory for a message\n").getBytes(StandardCharsets.US_ASCII);
+
+  private static volatile OutputStream out = standardError();
+
+  private static final Charset kCharset = charset("stderr.encoding", "native.encoding");
+
   private Console() {}
 
   static void say(String message) {
-    System.err.println("javanativeagent: " + message);
+    try {
+      out.write((kName + message + '\n').getBytes(kCharset));
+    } catch (Throwable e) {
+      sayLess();
+    }
+  }
+
+  /** What went wrong, with what failed before it; null for nothing to add. */
+  static void say(String what, Throwable failure) {
+    try {
+      say(what + messageOf(failure));
+    } catch (Throwable e) {
+      sayLess();
+    }
+  }
+
+  private static void sayLess() {
+    try {
+      out.write(kUnsaid);
+    } catch (IOException | RuntimeException | Error e) {
+      // Nobody can be told.
+    }
   }
 
   /** As a sentence of its own, with the kind of failure where its message is not one. */
@@ -14,7 +50,35 @@ final class Console {
         failure.getMessage() != null
             && (failure instanceof IllegalArgumentException
                 || failure instanceof IllegalStateException
-                || failure.getClass() == java.io.IOException.class);
+                || failure.getClass() == IOException.class);
     return isSentence ? failure.getMessage() : failure.toString();
+  }
+
+  /** Says it there from now on. */
+  static void redirect(OutputStream to) {
+    out = to;
+  }
+
+  /** Not System.err: the program may put a stream of its own there, with its own locks. */
+  private static OutputStream standardError() {
+    try {
+      return new FileOutputStream(FileDescriptor.err);
+    } catch (SecurityException e) {
+      return System.err;
+    }
+  }
+
+  private static Charset charset(String... properties) {
+    for (String property : properties) {
+      try {
+        String name = System.getProperty(property);
+        if (name != null) {
+          return Charset.forName(name);
+        }
+      } catch (IllegalArgumentException | SecurityException e) {
+        // The next one.
+      }
+    }
+    return Charset.defaultCharset();
   }
 }

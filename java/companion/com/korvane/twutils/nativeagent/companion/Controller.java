@@ -13,7 +13,6 @@ import java.util.ArrayList;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
-import java.util.concurrent.Future;
 import java.util.concurrent.atomic.AtomicReference;
 import java.util.function.BiConsumer;
 
@@ -24,9 +23,17 @@ import java.util.function.BiConsumer;
 final class Controller {
   private static final String kDefaultOutput = "profiling";
 
+  // At the end of the JVM, how long to wait for others to be done.
+  private static final Duration kPatienceToStop = Duration.ofSeconds(2);
+  private static final Duration kPatienceToEnd = Duration.ofSeconds(10);
+  private static final int kTriesToEnd = 3;
+
   private final Map<String, String> options;
   private final Instrumentation instrumentation;
   private final Timetable timetable = new Timetable();
+  private final Timetable.Step lockStep = timetable.step(this::advanceLocks);
+  private final Timetable.Step memoryStep = timetable.step(this::advanceMemory);
+  private final Timetable.Step sweepStep = timetable.step(this::sweep);
 
   // Changed in turn, read at any time.
   private volatile RunFolder folder;
@@ -44,6 +51,7 @@ final class Controller {
   private volatile OwnerLooks lastOwnerLooks;
   private volatile Path lastMemoryReport;
   private volatile BiConsumer<String, Path> reportListener = (kind, report) -> {};
+  private volatile long untold; // reports
 
   /**
    * @param options by key, checked to exist
@@ -52,6 +60,11 @@ final class Controller {
   Controller(Map<String, String> options, Instrumentation instrumentation) {
     this.options = options;
     this.instrumentation = instrumentation;
+  }
+
+  /** What is to be done at its time is done from now on; there may be no thread to be had. */
+  void startClock() {
+    timetable.start();
   }
 
   /** Starts the profilers that the options name; says on standard error which could not be. */
@@ -77,33 +90,59 @@ final class Controller {
     try {
       start.run();
       return true;
-    } catch (IllegalArgumentException | IllegalStateException e) {
-      Console.say(e.getMessage());
+    } catch (RuntimeException | Error e) {
+      Console.say("", e);
       return false;
     }
   }
 
-  /** Stops all that is running, and writes what there is. Nothing can be started from here on. */
+  /**
+   * Ends all, for the JVM is about to end. First nothing more is recorded; then the sessions that
+   * run are stopped, which writes what there is. Nothing can be started from here on.
+   */
   void end() {
-    timetable.inTurn(
+    hasEnded = true;
+    endPart(() -> NativeAgent.stopRecording(kPatienceToStop));
+    endPart(
         () -> {
-          hasEnded = true;
-          endPart(() -> stopLocks(true));
-          endPart(() -> stopLocksOfProgram());
-          endPart(() -> stopExceptions(true));
-          endPart(() -> stopMemory(true));
+          if (!timetable.inTurn(kPatienceToEnd, this::endSessions)) {
+            throw new IOException("sessions that are running get no report: something else was"
+                + " being started or stopped for too long");
+          }
         });
+  }
+
+  private void endSessions() {
+    endPart(() -> stopLocks(true));
+    endPart(Controller::stopLocksOfProgram);
+    endPart(() -> stopExceptions(true));
+    endPart(() -> stopMemory(true));
+    RunFolder written = folder;
+    if (written != null && written.removedReports() > 0) {
+      Console.say(written.removedReports() + " reports were deleted, the oldest ones, so that "
+          + written.maxReports() + " stay (files=" + written.maxReports() + ")");
+    }
+    if (untold > 0) {
+      Console.say(untold + " reports were written that listeners were not told of");
+    }
   }
 
   private interface Part {
     void run() throws IOException;
   }
 
+  /** What fails for want of memory is tried again. */
   private static void endPart(Part part) {
-    try {
-      part.run();
-    } catch (IOException | RuntimeException | LinkageError | OutOfMemoryError e) {
-      Console.say(Console.messageOf(e));
+    for (int i = 0; i < kTriesToEnd; i++) {
+      try {
+        part.run();
+        return;
+      } catch (IOException | RuntimeException e) {
+        Console.say("", e);
+        return;
+      } catch (Error e) {
+        Console.say("", e);
+      }
     }
   }
 
@@ -121,7 +160,7 @@ final class Controller {
   void startLocks(String given) {
     start("locks.", given, reader -> {
       requireOff(locks != null && !locks.isOver(), "lock sessions are");
-      locks = new LockPlan(this, reader);
+      locks = new LockPlan(this, lockStep, reader);
       locks.begin();
     });
   }
@@ -135,17 +174,33 @@ final class Controller {
           folder().exceptions(reader.size(OptionKey.EXCEPTIONS_FILE_SIZE, 10 << 20), files);
       int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE, 1, 1_000_000, 1000);
       ExceptionLog log = new ExceptionLog(file, queue);
-      NativeAgent.startExceptions(settings, log);
-      log.start();
+      startWriter(log);
+      boolean isStarted = false;
+      try {
+        NativeAgent.startExceptions(settings, log);
+        isStarted = true;
+      } finally {
+        if (!isStarted) {
+          log.abandon();
+        }
+      }
       exceptions = log;
       areExceptionsOn = true;
     });
   }
 
+  private static void startWriter(ExceptionLog log) {
+    try {
+      log.start();
+    } catch (OutOfMemoryError e) {
+      throw new IllegalStateException("exceptions cannot be captured: " + e.getMessage(), e);
+    }
+  }
+
   void startMemory(String given) {
     start("memory.", given, reader -> {
       requireOff(memory != null && !memory.isOver(), "memory sessions are");
-      memory = new MemoryPlan(this, reader);
+      memory = new MemoryPlan(this, memoryStep, sweepStep, reader);
       memory.begin();
     });
   }
@@ -163,6 +218,18 @@ final class Controller {
   /** The report; null when no session was running. */
   Path stopMemory() throws IOException {
     return inTurn(() -> stopMemory(false));
+  }
+
+  private void advanceLocks() {
+    locks.advance();
+  }
+
+  private void advanceMemory() {
+    memory.advance();
+  }
+
+  private void sweep() {
+    memory.sweep();
   }
 
   private Path stopLocks(boolean isEnd) throws IOException {
@@ -263,17 +330,21 @@ final class Controller {
         .exclude(reader.list(OptionKey.EXCEPTIONS_EXCLUDE));
   }
 
-  // --- For the plans, in turn ---
-
-  Future<?> after(Duration delay, Runnable step) {
-    return timetable.after(delay, step);
+  /** Has the action done once, when that time has passed. */
+  void after(Duration delay, Runnable action) {
+    Timetable.Step step = timetable.step(action);
+    timetable.inTurn(() -> step.after(delay));
   }
 
+  // --- For the plans, in turn ---
+
   Path nextLockReport() {
+    removeOldReports();
     return folder().lockReport(++lockSessions);
   }
 
   int nextMemorySession() {
+    removeOldReports();
     return ++memorySessions;
   }
 
@@ -295,15 +366,39 @@ final class Controller {
     lastSweepMillis = nanos / 1e6;
   }
 
+  /** Never fails. */
   void lockReported(Path report) {
-    lastOwnerLooks = ownerLooksOf(report);
     lastLockReport = report;
-    reportListener.accept("lock", report);
+    try {
+      lastOwnerLooks = null;
+      lastOwnerLooks = ownerLooksOf(report);
+      reported("lock", report);
+    } catch (Throwable e) {
+      untold++;
+    }
   }
 
+  /** Never fails. */
   void memoryReported(Path report) {
     lastMemoryReport = report;
-    reportListener.accept("memory", report);
+    try {
+      reported("memory", report);
+    } catch (Throwable e) {
+      untold++;
+    }
+  }
+
+  private void reported(String kind, Path report) {
+    reportListener.accept(kind, report);
+    removeOldReports();
+  }
+
+  /** Reports of sessions that are running are not among them. */
+  private void removeOldReports() {
+    boolean isLockSession = locks != null && locks.isRunning();
+    boolean isMemorySession = memory != null && memory.isRunning();
+    folder().removeOldReports(
+        isLockSession ? lockSessions : 0, isMemorySession ? memorySessions : 0);
   }
 
   private static OwnerLooks ownerLooksOf(Path report) {
@@ -319,7 +414,9 @@ final class Controller {
     if (folder == null) {
       String output = options.getOrDefault(OptionKey.OUTPUT.toString(), kDefaultOutput);
       try {
-        folder = RunFolder.create(Paths.get(output).toAbsolutePath(), options);
+        OptionReader reader = new OptionReader(options, Console::say);
+        int files = reader.number(OptionKey.FILES, 1, 1_000_000, 1000);
+        folder = RunFolder.create(Paths.get(output).toAbsolutePath(), options, files);
       } catch (IOException | InvalidPathException e) {
         throw new IllegalStateException(
             "nothing can be written to the output folder '" + output + "': " + e, e);

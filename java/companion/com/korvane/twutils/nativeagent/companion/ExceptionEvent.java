@@ -1,80 +1,61 @@
 package com.korvane.twutils.nativeagent.companion;
 
-/** A captured exception, as it waits to be written: nothing of the program is held by it. */
+/**
+ * A captured exception on its way to the file. Made by the thread that throws, which may hold any
+ * lock of the program: what would load a class or run code is left to the writer.
+ */
 final class ExceptionEvent {
-  private static final int kMaxMessage = 8192; // characters; a longer one is cut
-
-  /** Whether instances of a class answer for their message with Java's own code. */
-  private static final ClassValue<Boolean> kIsMessageJavas =
-      new ClassValue<Boolean>() {
-        @Override
-        protected Boolean computeValue(Class<?> type) {
-          try {
-            Class<?> declaring = type.getMethod("getMessage").getDeclaringClass();
-            return declaring.getClassLoader() == null || declaring.getName().startsWith("java.");
-          } catch (ReflectiveOperationException | LinkageError e) {
-            return false; // a class that cannot be linked whole
-          }
-        }
-      };
-
   final long millis;
   final String thread;
-  final String className;
-  final String message;
   final String record;
+  final Object exception; // null when the agent has only told its class
+  final String className; // null when the exception is there to be asked
   final boolean isCut; // the record
-  final boolean isVirtual; // the thread
+  final Class<?> threadClass;
 
-  ExceptionEvent(long millis, String thread, String className, String message, String record) {
-    this(millis, thread, className, message, record, false, false);
-  }
+  // Within the queue: the event before it, and how many and how long all up to this one are.
+  ExceptionEvent before;
+  int count;
+  long characters;
 
   ExceptionEvent(
       long millis,
       String thread,
-      String className,
-      String message,
       String record,
+      Object exception,
+      String className,
       boolean isCut,
-      boolean isVirtual) {
+      Class<?> threadClass) {
     this.millis = millis;
     this.thread = thread;
+    this.record = record == null ? "" : record;
+    this.exception = exception;
     this.className = className;
-    this.message = message;
-    this.record = record;
     this.isCut = isCut;
-    this.isVirtual = isVirtual;
+    this.threadClass = threadClass;
   }
 
-  /**
-   * For an exception that this thread is throwing now. Its message is asked for here, unless that
-   * would run code of the program, which may hold locks or throw.
-   */
+  /** For an exception that this thread is throwing now. */
   static ExceptionEvent of(String record, Object exception) {
+    Thread thread = Thread.currentThread();
     return new ExceptionEvent(
         System.currentTimeMillis(),
-        Thread.currentThread().getName(),
-        exception == null ? "" : exception.getClass().getName(),
-        messageOf(exception),
-        record == null ? "" : record,
+        thread.getName(),
+        record,
+        exception,
+        null,
         AgentRecords.isRecordCut(),
-        AgentRecords.isOnVirtualThread());
+        thread.getClass());
   }
 
-  private static String messageOf(Object exception) {
-    if (!(exception instanceof Throwable)
-        || !kIsMessageJavas.get(exception.getClass()).booleanValue()) {
-      return null;
-    }
-    String message = ((Throwable) exception).getMessage();
-    return message == null || message.length() <= kMaxMessage
-        ? message
-        : message.substring(0, kMaxMessage);
+  /** For one of which the agent has kept the record; its thread goes on. */
+  static ExceptionEvent ofKept(
+      long millis, String thread, String className, String record, boolean isCut) {
+    return new ExceptionEvent(millis, thread, record, null, className, isCut, Thread.class);
   }
 
   /** How many characters it holds, about. */
   int length() {
-    return record.length() + (message == null ? 0 : message.length()) + 100;
+    return record.length() + 100;
   }
 }

@@ -1,6 +1,7 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.CapturedValue;
+import com.korvane.twutils.nativeagent.ExceptionMessage;
 import com.korvane.twutils.nativeagent.ExceptionRecord;
 import com.korvane.twutils.nativeagent.ValueType;
 import java.time.Instant;
@@ -11,6 +12,7 @@ import java.util.List;
 /** A captured exception as a line of its file: a JSON object with the record, decoded and raw. */
 final class ExceptionLine {
   private static final String kUnknownSource = "NA";
+  private static final String kVirtualThread = "java.lang.VirtualThread";
   private static final DateTimeFormatter kTime =
       DateTimeFormatter.ofPattern("yyyy-MM-dd'T'HH:mm:ss.SSS'Z'").withZone(ZoneOffset.UTC);
 
@@ -18,19 +20,29 @@ final class ExceptionLine {
 
   /** Without a line end. */
   static String of(ExceptionEvent event) {
+    Object exception = event.exception;
+    String className = event.className;
+    if (className == null) {
+      className = exception == null ? "" : exception.getClass().getName();
+    }
+    return of(event, className, ExceptionMessage.of(exception));
+  }
+
+  static String of(ExceptionEvent event, String className, String message) {
     ExceptionRecord decoded = ExceptionRecord.parse(event.record);
     JsonText json = new JsonText().beginObject();
     json.key("time").value(kTime.format(Instant.ofEpochMilli(event.millis)));
     json.key("thread").value(event.thread);
-    json.key("class").value(event.className);
-    json.key("message").value(event.message);
+    json.key("class").value(className);
+    json.key("message").value(message);
     json.key("caught").literal("null"); // the agent does not tell
     if (event.isCut) {
       json.key("cut").value(true);
     }
     json.key("frames").beginArray();
+    boolean isVirtual = kVirtualThread.equals(event.threadClass.getName());
     for (ExceptionRecord.Frame frame : decoded.frames()) {
-      write(json, frame, event.isVirtual);
+      write(json, frame, isVirtual);
     }
     json.endArray();
     if (!decoded.doubts().isEmpty()) {

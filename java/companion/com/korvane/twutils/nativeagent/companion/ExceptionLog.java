@@ -4,50 +4,73 @@ import com.korvane.twutils.nativeagent.ExceptionSink;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
-import java.util.concurrent.ConcurrentLinkedQueue;
-import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
-import java.util.concurrent.atomic.AtomicInteger;
-import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.locks.LockSupport;
 
 /**
  * Writes captured exceptions into a file, one JSON object a line, with a thread of its own. The
  * threads that throw never wait for it: what does not fit into the queue is dropped, and counted.
+ *
+ * <p>The writer lives until the log is closed, whatever fails: a record that cannot be written, for
+ * want of memory or of room on the disk, counts as dropped, and the next one is tried anew.
  */
 final class ExceptionLog implements ExceptionSink {
   /** Records may be long: the queue never holds more characters than this. */
   private static final long kMaxQueuedCharacters = 16L << 20;
 
-  private static final long kMaxSecondsToClose = 10;
+  /** Nor more than such a part of the bytes that the heap may have. */
+  private static final int kPartOfHeap = 32;
 
-  /** After which the agent is asked for records that it could not hand over. */
-  private static final long kNanosBetweenLooks = 1_000_000_000;
+  private static final long kMaxNanosToClose = TimeUnit.SECONDS.toNanos(10);
+  private static final long kMaxNanosIdle = TimeUnit.SECONDS.toNanos(1);
+  private static final long kPollNanos = TimeUnit.MILLISECONDS.toNanos(5);
 
   private final RotatingFile file;
-  private final int maxQueued;
-  private final ConcurrentLinkedQueue<ExceptionEvent> queue = new ConcurrentLinkedQueue<>();
-  private final AtomicInteger queued = new AtomicInteger();
-  private final AtomicLong queuedCharacters = new AtomicLong();
-  private final AtomicLong dropped = new AtomicLong();
-  private final CountDownLatch written = new CountDownLatch(1);
-  private final AgentThread writer = AgentThread.of("exceptions", this::run);
+  private final ExceptionQueue queue;
+  private final AgentThread writer = AgentThread.repeating("exceptions", this::writeRound);
 
   private volatile long recorded;
+  private volatile long lost; // by the writer
   private volatile boolean isIdle;
   private volatile boolean isClosing;
+  private volatile boolean isAbandoned;
+  private volatile boolean isWritten; // to the end
+  private volatile long closedAt; // System.nanoTime()
+
+  // The writer's own.
+  private ExceptionEvent pending; // taken from the queue and not yet written, the oldest first
+  private Throwable failure; // to be told
   private boolean hasFailed;
+  private boolean isEndTried;
 
   /** Gathers records; {@link #start} begins to write them. */
   ExceptionLog(RotatingFile file, int maxQueued) {
     this.file = file;
-    this.maxQueued = maxQueued;
+    queue = new ExceptionQueue(maxQueued, maxCharacters());
   }
 
-  /** Begins to write. */
+  private static long maxCharacters() {
+    return Math.min(kMaxQueuedCharacters, Runtime.getRuntime().maxMemory() / kPartOfHeap);
+  }
+
+  /** Begins to write; there may be no thread to be had for it. */
   void start() {
-    AgentRecords.prepare();
+    warmUp();
     writer.start();
+  }
+
+  /**
+   * Does what threads that throw and the writer will do. What is loaded and linked for it is not to
+   * be by a thread that holds locks of the program, nor when there is no memory left.
+   */
+  private static void warmUp() {
+    Exception exception = new IllegalStateException("none");
+    AgentThread.isAtWork();
+    AgentThread.isFailureOfHelp(exception);
+    ExceptionQueue.warmUp();
+    ExceptionEvent event =
+        ExceptionEvent.of("a.B.c(D.java:1)%40%41x%3A7%3Ay%2C%42%43%44", exception);
+    ExceptionLine.of(event).getBytes(StandardCharsets.UTF_8);
   }
 
   @Override
@@ -55,59 +78,23 @@ final class ExceptionLog implements ExceptionSink {
     if (AgentThread.isAtWork() || AgentThread.isFailureOfHelp(exception)) {
       return;
     }
-    ExceptionEvent event;
-    try {
-      event = ExceptionEvent.of(record, exception);
-    } catch (OutOfMemoryError e) {
-      dropped.incrementAndGet(); // what is being thrown, perhaps
-      return;
-    } // a StackOverflowError goes to the agent, which keeps the record for this thread
-    add(event);
-  }
-
-  /** Any thread; never waits. */
-  void add(ExceptionEvent event) {
-    if (isClosing || !takePlace(event)) {
-      dropped.incrementAndGet();
-      return;
-    }
-    enqueue(event);
-    if (isIdle) {
+    if (queue.add(record, exception)) {
       wakeWriter();
     }
   }
 
-  private boolean takePlace(ExceptionEvent event) {
-    boolean isFew = queued.incrementAndGet() <= maxQueued;
-    boolean isShort = queuedCharacters.addAndGet(event.length()) <= kMaxQueuedCharacters;
-    if (!isFew || !isShort) {
-      givePlaceBack(event);
-    }
-    return isFew && isShort;
-  }
-
-  private void givePlaceBack(ExceptionEvent event) {
-    queued.decrementAndGet();
-    queuedCharacters.addAndGet(-event.length());
-  }
-
-  /** There may be no memory or no stack left: that is what is being thrown, perhaps. */
-  private void enqueue(ExceptionEvent event) {
-    try {
-      queue.add(event);
-    } catch (StackOverflowError e) {
-      givePlaceBack(event);
-      throw e;
-    } catch (Throwable e) {
-      givePlaceBack(event);
-      dropped.incrementAndGet();
-      throw e;
+  /** Any thread; never waits. */
+  void add(ExceptionEvent event) {
+    if (queue.add(event)) {
+      wakeWriter();
     }
   }
 
   private void wakeWriter() {
     try {
-      LockSupport.unpark(writer);
+      if (isIdle) {
+        LockSupport.unpark(writer);
+      }
     } catch (StackOverflowError e) {
       // It looks by itself soon, and the agent is not to keep a record that is in the queue.
     }
@@ -120,7 +107,7 @@ final class ExceptionLog implements ExceptionSink {
 
   /** Records that did not fit into the queue or could not be written. */
   long dropped() {
-    return dropped.get();
+    return queue.dropped() + lost;
   }
 
   Path path() {
@@ -132,51 +119,54 @@ final class ExceptionLog implements ExceptionSink {
    * end. Called when no exceptions are captured any more.
    */
   void close() {
+    closedAt = System.nanoTime();
     isClosing = true;
     LockSupport.unpark(writer);
     boolean isInterrupted = false;
-    long end = System.nanoTime() + TimeUnit.SECONDS.toNanos(kMaxSecondsToClose);
-    while (written.getCount() > 0 && System.nanoTime() < end) {
-      try {
-        written.await(end - System.nanoTime(), TimeUnit.NANOSECONDS);
-      } catch (InterruptedException e) {
-        isInterrupted = true;
-      }
+    while (!isWritten && System.nanoTime() - closedAt < kMaxNanosToClose) {
+      LockSupport.parkNanos(this, kPollNanos);
+      isInterrupted |= Thread.interrupted();
     }
     if (isInterrupted) {
       Thread.currentThread().interrupt();
     }
   }
 
-  private void run() {
-    try {
-      writeUntilClosed();
-      writeEnd();
-    } finally {
-      written.countDown();
-    }
+  /** Writes nothing, when nothing was captured. */
+  void abandon() {
+    isAbandoned = true;
+    LockSupport.unpark(writer);
   }
 
-  private void writeUntilClosed() {
-    while (true) {
-      boolean isLast = isClosing; // asked before the queue: what came before is still written
-      writeUndelivered();
-      writeQueued();
-      if (isLast) {
-        return;
-      }
-      isIdle = true;
-      if (queue.isEmpty() && !isClosing) {
-        LockSupport.parkNanos(this, kNanosBetweenLooks);
-      }
-      isIdle = false;
+  /** @return false after the last one */
+  private boolean writeRound() {
+    if (isAbandoned) {
+      return false;
     }
+    tellFailure();
+    writePending();
+    boolean isLast = isClosing; // asked before the queue: what came before is still written
+    pending = isLast ? queue.takeLast() : queue.take();
+    writePending();
+    writeUndelivered();
+    if (isLast) {
+      return !end();
+    }
+    isIdle = true;
+    if (queue.isEmpty() && !isClosing) {
+      LockSupport.parkNanos(this, kMaxNanosIdle);
+    }
+    isIdle = false;
+    return true;
   }
 
-  private void writeQueued() {
-    for (ExceptionEvent event = queue.poll(); event != null; event = queue.poll()) {
-      write(event);
-      givePlaceBack(event);
+  private void writePending() {
+    while (pending != null) {
+      write(pending);
+      // Nothing here can fail.
+      ExceptionEvent done = pending;
+      pending = done.before;
+      queue.written(done);
     }
   }
 
@@ -189,30 +179,47 @@ final class ExceptionLog implements ExceptionSink {
   }
 
   private void write(ExceptionEvent event) {
+    boolean isInFile = false;
     try {
       write(ExceptionLine.of(event));
-      recorded++;
-    } catch (IOException | RuntimeException | OutOfMemoryError e) {
-      dropped.incrementAndGet();
-      tellFailure(e);
+      isInFile = true;
+    } catch (Throwable e) {
+      failure = e;
     }
+    // Nothing here can fail.
+    if (isInFile) {
+      recorded++;
+    } else {
+      lost++;
+    }
+  }
+
+  /** @return false when it is to be tried once more */
+  private boolean end() {
+    if (!isEndTried || System.nanoTime() - closedAt < kMaxNanosToClose) {
+      isEndTried = true;
+      writeEnd();
+    }
+    isWritten = true;
+    return true;
   }
 
   private void writeEnd() {
     JsonText json = new JsonText().beginObject();
-    json.key("recorded").value(recorded).key("dropped").value(dropped.get());
+    json.key("recorded").value(recorded).key("dropped").value(dropped());
     AgentRecords.writeCounts(json);
     json.endObject();
     try {
       write(json.toString());
       file.close();
-    } catch (IOException | OutOfMemoryError e) {
-      tellFailure(e);
+    } catch (IOException e) {
+      failure = e;
     }
-    if (dropped.get() > 0) {
+    tellFailure();
+    if (dropped() > 0) {
       String advice =
           hasFailed ? "" : ": a longer exceptions.queue or a lower exceptions.rate helps";
-      Console.say(dropped.get() + " exception records were dropped, " + recorded + " are in "
+      Console.say(dropped() + " exception records were dropped, " + recorded + " are in "
           + path() + advice);
     }
   }
@@ -221,10 +228,12 @@ final class ExceptionLog implements ExceptionSink {
     file.write((line + '\n').getBytes(StandardCharsets.UTF_8));
   }
 
-  private void tellFailure(Throwable failure) {
-    if (!hasFailed) {
+  /** The first one, whatever follows. */
+  private void tellFailure() {
+    if (failure != null && !hasFailed) {
       hasFailed = true;
-      Console.say("exceptions cannot be written to " + path() + ": " + failure);
+      Console.say("exceptions cannot be written to " + path() + ": ", failure);
     }
+    failure = null;
   }
 }

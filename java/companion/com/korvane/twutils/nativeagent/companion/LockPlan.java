@@ -6,14 +6,19 @@ import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.time.Duration;
-import java.util.concurrent.Future;
 
 /**
  * Takes lock sessions through their phases, one after the other. Used in turn only, but for {@link
  * #state}, which any thread may ask for.
+ *
+ * <p>Each step begins with what the session is doing, and so takes up what one that failed has
+ * left.
  */
 final class LockPlan {
+  private static final Duration kAgain = Duration.ofSeconds(1);
+
   private final Controller controller;
+  private final Timetable.Step next;
   private final Duration delay;
   private final Duration summary;
   private final Duration detail;
@@ -22,30 +27,82 @@ final class LockPlan {
   private int sessionsToCome; // negative for no end of them
 
   private volatile LockSession session;
-  private Future<?> next;
   private volatile boolean isOver;
 
-  LockPlan(Controller controller, OptionReader options) {
+  /**
+   * @param next calls {@link #advance}
+   * @throws IllegalArgumentException for sessions without length
+   */
+  LockPlan(Controller controller, Timetable.Step next, OptionReader options) {
     this.controller = controller;
+    this.next = next;
     delay = options.duration(OptionKey.LOCKS_DELAY, Duration.ZERO);
     summary = options.duration(OptionKey.LOCKS_SUMMARY, Duration.ofSeconds(5));
     detail = options.duration(OptionKey.LOCKS_DETAIL, Duration.ofSeconds(60));
     sessionsToCome = options.repeat(OptionKey.LOCKS_REPEAT);
+    options.requireLength(
+        summary.plus(detail), sessionsToCome, OptionKey.LOCKS_REPEAT, OptionKey.LOCKS_SUMMARY,
+        OptionKey.LOCKS_DETAIL);
     top = options.top(OptionKey.LOCKS_TOP, 20);
     String given = options.text(OptionKey.LOCKS_NAME);
     name = given == null ? "locks" : given;
   }
 
   void begin() {
+    next.after(delay.isZero() ? kAgain : delay);
     if (delay.isZero()) {
-      startSession();
-    } else {
-      next = controller.after(delay, this::startSession);
+      advance();
+    }
+  }
+
+  /** Does what comes next, when its time has come. */
+  void advance() {
+    if (isOver) {
+      return;
+    }
+    try {
+      takeStep();
+    } catch (RuntimeException e) {
+      if (session == null) {
+        end();
+        throw e;
+      }
+      next.after(kAgain);
+      Console.say("", e);
+    }
+  }
+
+  private void takeStep() {
+    if (session == null) {
+      session =
+          NativeAgent.startLocks(
+              new LockSettings(controller.nextLockReport())
+                  .name(name)
+                  .summary(summary)
+                  .detail(detail)
+                  .topLocks(top));
+    }
+    switch (session.phase()) { // the program may have stopped it
+      case BEGUN:
+        session.startSummary();
+        next.after(summary);
+        break;
+      case SUMMARY:
+        session.startDetail();
+        next.after(detail);
+        break;
+      default:
+        finishSession();
     }
   }
 
   boolean isOver() {
     return isOver;
+  }
+
+  /** Whether a session is. */
+  boolean isRunning() {
+    return session != null;
   }
 
   /** What it is doing, in a word. */
@@ -60,68 +117,52 @@ final class LockPlan {
    * @return the report; null when no session was running
    */
   Path stop() throws IOException {
+    try {
+      return session == null ? null : stopSession();
+    } finally {
+      if (session == null) {
+        end();
+      }
+    }
+  }
+
+  private void end() {
     isOver = true;
-    if (next != null) {
-      next.cancel(false);
-    }
-    return session == null ? null : stopSession();
-  }
-
-  private void startSession() {
-    if (isOver) {
-      return;
-    }
-    isOver = true; // unless it can be started
-    session =
-        NativeAgent.startLocks(
-            new LockSettings(controller.nextLockReport())
-                .name(name)
-                .summary(summary)
-                .detail(detail)
-                .topLocks(top));
-    session.startSummary();
-    isOver = false;
-    next = controller.after(summary, this::startDetail);
-  }
-
-  private void startDetail() {
-    if (isOver) {
-      return;
-    }
-    if (session.phase() == LockSession.Phase.SUMMARY) { // the program may have stopped it
-      session.startDetail();
-    }
-    next = controller.after(detail, this::finishSession);
+    next.cancel();
   }
 
   private void finishSession() {
-    if (isOver) {
-      return;
-    }
     try {
       stopSession();
     } catch (IOException e) {
-      Console.say(Console.messageOf(e));
+      Console.say("", e);
     }
     if (sessionsToCome > 0) {
       sessionsToCome--;
     }
     if (sessionsToCome == 0) {
-      isOver = true;
+      end();
     } else {
-      startSession();
+      takeStep();
     }
   }
 
+  /** There is a session afterwards only when this fails with an error. */
   private Path stopSession() throws IOException {
     LockSession stopping = session;
-    session = null;
     if (stopping.phase() == LockSession.Phase.SUMMARY) {
       Console.say(
           "lock session " + stopping.id() + " ends in its summary phase, so that its report names"
               + " no lock: a shorter locks.summary helps");
     }
-    Path report = stopping.stop();
+    Path report;
+    try {
+      report = stopping.stop();
+    } catch (IOException e) {
+      session = null;
+      throw e;
+    }
+    session = null;
     controller.lockReported(report);
     return report;
   }

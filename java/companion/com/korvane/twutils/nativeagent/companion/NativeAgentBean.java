@@ -5,13 +5,15 @@ import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.IOException;
 import java.lang.management.ManagementFactory;
 import java.nio.file.Path;
-import java.util.concurrent.Executors;
 import java.util.concurrent.atomic.AtomicLong;
+import javax.management.InstanceAlreadyExistsException;
 import javax.management.JMException;
+import javax.management.MBeanException;
 import javax.management.MBeanNotificationInfo;
 import javax.management.Notification;
 import javax.management.NotificationBroadcasterSupport;
 import javax.management.ObjectName;
+import javax.management.RuntimeMBeanException;
 
 /**
  * The controller for management clients. Listeners are told on a thread of their own: code of the
@@ -21,12 +23,14 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   private static final String kName = "com.korvane.tracewell:type=NativeAgent";
   private static final String kReportWritten = "tracewell.report.written";
 
+  private static NativeAgentBean bean; // register's own
+
   private final Controller controller;
+  private final Listeners listeners = new Listeners();
   private final AtomicLong lastNotification = new AtomicLong();
 
   private NativeAgentBean(Controller controller) {
     super(
-        Executors.newSingleThreadExecutor(body -> AgentThread.of("notifications", body)),
         new MBeanNotificationInfo(
             new String[] {kReportWritten},
             Notification.class.getName(),
@@ -34,24 +38,38 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
     this.controller = controller;
   }
 
-  /** Makes the controller known to the platform's MBean server. */
+  /**
+   * Makes the controller known to the platform's MBean server. When this fails with an error, it is
+   * to be called once more.
+   */
   static void register(Controller controller) {
-    NativeAgentBean bean = new NativeAgentBean(controller);
+    boolean isFirst = bean == null;
     try {
       ObjectName name = new ObjectName(kName);
-      ManagementFactory.getPlatformMBeanServer().registerMBean(bean, name);
-      controller.onReport((kind, report) -> bean.notifyOf(name, kind, report));
+      if (isFirst) {
+        AgentThread.addWrappers(MBeanException.class, RuntimeMBeanException.class);
+        NativeAgentBean made = new NativeAgentBean(controller);
+        made.listeners.start();
+        bean = made;
+      }
+      NativeAgentBean known = bean;
+      controller.onReport((kind, report) -> known.tellLater(name, kind, report));
+      ManagementFactory.getPlatformMBeanServer().registerMBean(known, name);
+    } catch (InstanceAlreadyExistsException e) {
+      if (isFirst) {
+        Console.say("there is no MBean of the companion: " + e);
+      }
     } catch (JMException e) {
       Console.say("there is no MBean of the companion: " + e);
     }
   }
 
-  private void notifyOf(ObjectName name, String kind, Path report) {
+  private void tellLater(ObjectName name, String kind, Path report) {
     String message = "The " + kind + " report " + report + " was written";
     Notification notification =
         new Notification(kReportWritten, name, lastNotification.incrementAndGet(), message);
     notification.setUserData(report.toString());
-    sendNotification(notification);
+    listeners.execute(() -> sendNotification(notification));
   }
 
   @Override

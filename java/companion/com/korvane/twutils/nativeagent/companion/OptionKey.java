@@ -3,6 +3,7 @@ package com.korvane.twutils.nativeagent.companion;
 /** The options of the controller, each with a sample of its value. */
 enum OptionKey {
   OUTPUT("output", "/var/tmp/profiling"),
+  FILES("files", "1000"),
   LOCKS("locks", "true"),
   LOCKS_DELAY("locks.delay", "30s"),
   LOCKS_SUMMARY("locks.summary", "5s"),
@@ -24,6 +25,7 @@ enum OptionKey {
   MEMORY("memory", "true"),
   MEMORY_TRACK("memory.track", "com.example.Session"),
   MEMORY_INTERVAL("memory.interval", "10s"),
+  MEMORY_LIMIT("memory.limit", "200000"),
   MEMORY_DELAY("memory.delay", "30s"),
   MEMORY_DURATION("memory.duration", "1h"),
   MEMORY_REPEAT("memory.repeat", "3"),

@@ -19,6 +19,9 @@ final class OptionReader {
   private static final Pattern kSize = Pattern.compile("([0-9]{1,12})([km]?)");
   private static final String kForever = "forever";
 
+  /** Of sessions that come one after the other. */
+  private static final Duration kLeastOfMany = Duration.ofMillis(500);
+
   private final Map<String, String> values;
   private final Consumer<String> problems;
 
@@ -90,6 +93,36 @@ final class OptionReader {
     return duration.toDays() <= 10_000
         ? duration
         : refused(key, value, "a duration of at most 10000 days", otherwise);
+  }
+
+  /**
+   * Refuses sessions that are over at once, and short ones that come again and again.
+   *
+   * @param length of a session
+   * @param count of the sessions, negative for no end of them
+   * @param repeat holds the count
+   * @param parts what the length is the sum of
+   * @throws IllegalArgumentException that names the options and what was expected
+   */
+  void requireLength(Duration length, int count, OptionKey repeat, OptionKey... parts) {
+    Duration least = count == 1 ? Duration.ofMillis(1) : kLeastOfMany;
+    if (length.compareTo(least) >= 0) {
+      return;
+    }
+    StringBuilder given = new StringBuilder();
+    for (OptionKey part : parts) {
+      if (text(part) != null) {
+        given.append(given.length() == 0 ? "" : ",").append(part).append('=').append(text(part));
+      }
+    }
+    String many =
+        count == 1
+            ? "a session that is longer than 0"
+            : "sessions of at least " + least.toMillis() + "ms with '" + repeat + '='
+                + text(repeat) + '\'';
+    throw new IllegalArgumentException(
+        "option '" + given + "' is refused: expected " + many + ", found " + length.toMillis()
+            + "ms");
   }
 
   private static Duration ofUnit(long number, String unit) {

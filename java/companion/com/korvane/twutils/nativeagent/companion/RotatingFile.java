@@ -4,8 +4,7 @@ import java.io.IOException;
 import java.io.RandomAccessFile;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.util.ArrayDeque;
-import java.util.Deque;
+import java.util.Iterator;
 import java.util.SortedSet;
 import java.util.TreeSet;
 import java.util.regex.Matcher;
@@ -15,20 +14,19 @@ import java.util.regex.Pattern;
  * A file of lines that begins anew when it is full: the full one goes on as NAME-1.EXTENSION, the
  * next as NAME-2 and so on, and the oldest are deleted when there are too many.
  *
- * <p>For one thread. A line is written as a whole or not at all, and after a failure the next one
- * is tried anew.
+ * <p>For one thread. A line is written as a whole or not at all, and after a failure of any kind
+ * the next one is tried anew.
  */
-final class RotatingFile {
+class RotatingFile {
   private final Path folder;
   private final String name;
   private final String extension;
   private final long maxSize;
   private final int maxFiles;
 
-  private final Deque<Path> full = new ArrayDeque<>(); // the oldest first
-  private int lastNumber;
   private RandomAccessFile file; // null when it has to be opened
-  private long size;
+  private long size; // of whole lines
+  private boolean isCut; // what follows them is part of a line
 
   /**
    * @param fileName as in "exceptions.jsonl"; a file of this name that is there counts as full
@@ -42,10 +40,59 @@ final class RotatingFile {
     extension = fileName.substring(dot);
     this.maxSize = maxSize;
     this.maxFiles = maxFiles;
-    for (int number : numbersInUse()) {
-      full.add(numbered(number));
-      lastNumber = number;
+  }
+
+  /** The newest file. */
+  Path path() {
+    return folder.resolve(name + extension);
+  }
+
+  /** Adds one line, with its line end. */
+  void write(byte[] line) throws IOException {
+    if (isCut) {
+      takeBack();
     }
+    if (file == null || (size > 0 && size + line.length > maxSize)) {
+      close();
+      open();
+    }
+    isCut = true;
+    append(file, line);
+    size += line.length;
+    isCut = false;
+  }
+
+  /** Cuts off what a failed write has left of a line. */
+  void close() throws IOException {
+    if (isCut) {
+      takeBack();
+    }
+    if (file != null) {
+      RandomAccessFile closing = file;
+      file = null;
+      closing.close();
+    }
+  }
+
+  /** May write a part of the line, and then fails. */
+  void append(RandomAccessFile to, byte[] line) throws IOException {
+    to.write(line);
+  }
+
+  private void open() throws IOException {
+    SortedSet<Integer> full = numbersInUse();
+    if (Files.exists(path())) {
+      int next = full.isEmpty() ? 1 : full.last() + 1;
+      Files.move(path(), numbered(next));
+      full.add(next);
+    }
+    for (Iterator<Integer> oldest = full.iterator(); full.size() >= maxFiles; ) {
+      Files.deleteIfExists(numbered(oldest.next()));
+      oldest.remove();
+    }
+    PrivateFiles.createFile(path());
+    file = new RandomAccessFile(path().toFile(), "rw");
+    size = 0;
   }
 
   private SortedSet<Integer> numbersInUse() {
@@ -62,63 +109,24 @@ final class RotatingFile {
     return numbers;
   }
 
-  /** The newest file. */
-  Path path() {
-    return folder.resolve(name + extension);
-  }
-
-  /** Adds one line, with its line end. */
-  void write(byte[] line) throws IOException {
-    if (file == null || (size > 0 && size + line.length > maxSize)) {
-      close();
-      open();
-    }
-    try {
-      file.write(line);
-      size += line.length;
-    } catch (IOException e) {
-      takeBack();
-      throw e;
-    }
-  }
-
-  void close() throws IOException {
-    if (file != null) {
-      RandomAccessFile closing = file;
-      file = null;
-      closing.close();
-    }
-  }
-
   private Path numbered(int number) {
     return folder.resolve(name + '-' + number + extension);
   }
 
-  private void open() throws IOException {
-    if (Files.exists(path())) {
-      Path old = numbered(lastNumber + 1);
-      Files.move(path(), old);
-      lastNumber++;
-      full.add(old);
+  private void takeBack() throws IOException {
+    isCut = false;
+    RandomAccessFile cut = file;
+    file = null; // the next line opens the file anew when this fails, and it counts as full
+    if (cut == null) {
+      return;
     }
-    while (full.size() >= maxFiles) {
-      Files.deleteIfExists(full.remove());
-    }
-    PrivateFiles.createFile(path());
-    file = new RandomAccessFile(path().toFile(), "rw");
-    size = 0;
-  }
-
-  /** Cuts off what a failed write has left of a line. */
-  private void takeBack() {
     try {
-      file.setLength(size);
-      file.seek(size);
-    } catch (IOException e) {
-      try {
-        close();
-      } catch (IOException ignored) {
-        // The next line opens the file anew, and this one counts as full.
+      cut.setLength(size);
+      cut.seek(size);
+      file = cut;
+    } finally {
+      if (file == null) {
+        cut.close();
       }
     }
   }

@@ -5,6 +5,8 @@ import java.io.FileOutputStream;
 import java.io.IOException;
 import java.io.OutputStream;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.DirectoryIteratorException;
+import java.nio.file.DirectoryStream;
 import java.nio.file.FileAlreadyExistsException;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -13,30 +15,54 @@ import java.time.Instant;
 import java.time.ZoneId;
 import java.time.format.DateTimeFormatter;
 import java.time.temporal.ChronoUnit;
+import java.util.ArrayList;
+import java.util.Collections;
+import java.util.HashMap;
+import java.util.List;
 import java.util.Map;
+import java.util.regex.Matcher;
+import java.util.regex.Pattern;
 
 /** The folder that one run of a JVM writes into, and the names of what is in it. */
 final class RunFolder {
   private static final DateTimeFormatter kTime = DateTimeFormatter.ofPattern("yyyyMMdd-HHmmss");
 
-  private final Path path;
+  /** What a session writes: its number is the same in all names. */
+  private static final Pattern kOfSession =
+      Pattern.compile("(locks|memory)-([0-9]{1,9})\\.(json|stacks|sweeps)(\\.part)?");
 
-  private RunFolder(Path path) {
+  private final Path path;
+  private final Instant started;
+  private final String pid;
+  private final Map<String, String> options;
+  private final int maxReports;
+  private volatile int removedReports;
+  private int removedFiles;
+  private boolean hasFailed; // to delete
+
+  private RunFolder(
+      Path path, Instant started, String pid, Map<String, String> options, int maxReports) {
     this.path = path;
+    this.started = started;
+    this.pid = pid;
+    this.options = options;
+    this.maxReports = maxReports;
   }
 
   /**
    * Makes {@code run-TIME-PID} below {@code output}, with a description of the run.
    *
    * @param options what the user has set
+   * @param maxReports of sessions that are over; see {@link #removeOldReports}
    */
-  static RunFolder create(Path output, Map<String, String> options) throws IOException {
+  static RunFolder create(Path output, Map<String, String> options, int maxReports)
+      throws IOException {
     Instant now = Instant.now().truncatedTo(ChronoUnit.MILLIS);
     String pid = processId();
     PrivateFiles.createFolders(output);
     String name = "run-" + kTime.format(now.atZone(ZoneId.systemDefault())) + '-' + pid;
-    RunFolder folder = new RunFolder(createUnused(output, name));
-    folder.describe(now, pid, options);
+    RunFolder folder = new RunFolder(createUnused(output, name), now, pid, options, maxReports);
+    folder.describe();
     return folder;
   }
 
@@ -75,10 +101,88 @@ final class RunFolder {
     return new RotatingFile(path, "exceptions.jsonl", maxSize, maxFiles);
   }
 
-  private void describe(Instant now, String pid, Map<String, String> options) throws IOException {
+  /** How many reports this folder keeps. */
+  int maxReports() {
+    return maxReports;
+  }
+
+  /** How many it has had besides. */
+  int removedReports() {
+    return removedReports;
+  }
+
+  /**
+   * Deletes what the oldest sessions have left until there are as few as may be. How many were
+   * deleted is told in the description of the run. What cannot be deleted stays.
+   *
+   * @param lockSession that is running and does not count; 0 for none
+   * @param memorySession the same
+   */
+  void removeOldReports(int lockSession, int memorySession) {
+    try {
+      List<Session> over = sessions();
+      over.removeIf(
+          each -> each.number == (each.name.startsWith("locks") ? lockSession : memorySession));
+      if (over.size() <= maxReports) {
+        return;
+      }
+      Collections.sort(over);
+      for (Session each : over.subList(0, over.size() - maxReports)) {
+        for (Path file : each.files) {
+          Files.deleteIfExists(file);
+          removedFiles++;
+        }
+        removedReports++;
+      }
+      describe();
+    } catch (IOException | DirectoryIteratorException e) {
+      if (!hasFailed) {
+        hasFailed = true;
+        Console.say("old reports in " + path + " cannot be deleted: ", e);
+      }
+    }
+  }
+
+  /** The files of one, in the order in which they were written last. */
+  private static final class Session implements Comparable<Session> {
+    final String name;
+    final int number;
+    final List<Path> files = new ArrayList<>();
+    long written;
+
+    Session(String name, int number) {
+      this.name = name;
+      this.number = number;
+    }
+
+    @Override
+    public int compareTo(Session other) {
+      int byTime = Long.compare(written, other.written);
+      return byTime != 0 ? byTime : Integer.compare(number, other.number);
+    }
+  }
+
+  private List<Session> sessions() throws IOException {
+    Map<String, Session> byName = new HashMap<>();
+    try (DirectoryStream<Path> files = Files.newDirectoryStream(path)) {
+      for (Path file : files) {
+        Matcher matcher = kOfSession.matcher(file.getFileName().toString());
+        if (matcher.matches()) {
+          String name = matcher.group(1) + '-' + matcher.group(2);
+          int number = Integer.parseInt(matcher.group(2));
+          Session session = byName.computeIfAbsent(name, each -> new Session(each, number));
+          session.files.add(file);
+          session.written = Math.max(session.written, file.toFile().lastModified());
+        }
+      }
+    }
+    return new ArrayList<>(byName.values());
+  }
+
+  private void describe() throws IOException {
     JsonText json = new JsonText().beginObject();
     json.key("pid").value(Long.parseLong(pid));
-    json.key("started").value(now.toString());
+    json.key("started").value(started.toString());
     json.key("java").value(System.getProperty("java.version"));
     json.key("vm").value(
         System.getProperty("java.vm.name") + ' ' + System.getProperty("java.vm.version"));
@@ -87,12 +191,20 @@ final class RunFolder {
     for (Map.Entry<String, String> option : options.entrySet()) {
       json.key(option.getKey()).value(option.getValue());
     }
-    json.endObject().endObject();
+    json.endObject();
+    if (removedReports > 0) {
+      json.key("removed").beginObject();
+      json.key("reports").value(removedReports).key("files").value(removedFiles);
+      json.key("kept").value(maxReports).endObject();
+    }
+    json.endObject();
     writeWhole(path.resolve("run.json"), json.toString() + '\n');
   }
 
   private static void writeWhole(Path file, String text) throws IOException {
-    Path part = PrivateFiles.createFile(file.resolveSibling(file.getFileName() + ".part"));
+    Path part = file.resolveSibling(file.getFileName() + ".part");
+    Files.deleteIfExists(part); // of a time that failed
+    PrivateFiles.createFile(part);
     try (OutputStream out = new FileOutputStream(part.toFile())) {
       out.write(text.getBytes(StandardCharsets.UTF_8));
     }

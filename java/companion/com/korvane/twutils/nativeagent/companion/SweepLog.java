@@ -5,38 +5,71 @@ import java.io.IOException;
 import java.io.OutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
+import java.time.Duration;
 import java.time.Instant;
+import java.util.List;
 import java.util.Locale;
 
 /**
  * A file with a JSON object a line for each sweep: when it was, how many classes were looked for,
- * how many objects were added, and how long the program stood still. Made with its first line.
+ * how many objects were added, how long the program stood still, how long it is until the next one,
+ * and of which classes no more objects are followed for now. Made with its first line. Sweeps for
+ * which it has no room are left out, and that is its last line.
  */
 final class SweepLog {
+  private static final int kMaxSize = 10 << 20; // bytes, but for the last line
+  private static final String kLastLine = "{\"leftOut\":\"all that follow\"}";
+
   private final Path path;
   private OutputStream out;
+  private int size;
   private boolean hasFailed;
 
   SweepLog(Path path) {
     this.path = path;
   }
 
-  void add(int classes, int added, long nanos) {
+  Path path() {
+    return path;
+  }
+
+  /** @param full names of classes, each of them once in all lines */
+  void add(int classes, int added, long nanos, Duration untilNext, List<String> full) {
     JsonText json = new JsonText().beginObject();
     json.key("sweep").value(Instant.now().toString());
     json.key("classes").value(classes);
     json.key("added").value(added);
     json.key("pauseMillis").literal(String.format(Locale.ROOT, "%.3f", nanos / 1e6));
+    json.key("nextMillis").value(untilNext.toMillis());
+    if (!full.isEmpty()) {
+      json.key("full").beginArray();
+      for (String each : full) {
+        json.value(each);
+      }
+      json.endArray();
+    }
     json.endObject();
     try {
       if (out == null) {
         PrivateFiles.createFile(path);
         out = new FileOutputStream(path.toFile());
       }
-      out.write((json.toString() + '\n').getBytes(StandardCharsets.UTF_8));
+      if (size < kMaxSize) {
+        write(json.toString());
+        if (size >= kMaxSize) {
+          write(kLastLine);
+          Console.say("sweeps are not written to " + path + " any more: it has " + size + " bytes");
+        }
+      }
     } catch (IOException e) {
       tellFailure(e);
     }
+  }
+
+  private void write(String line) throws IOException {
+    byte[] bytes = (line + '\n').getBytes(StandardCharsets.UTF_8);
+    out.write(bytes);
+    size += bytes.length;
   }
 
   void close() {
@@ -52,7 +85,7 @@ final class SweepLog {
   private void tellFailure(IOException failure) {
     if (!hasFailed) {
       hasFailed = true;
-      Console.say("sweeps cannot be written to " + path + ": " + failure);
+      Console.say("sweeps cannot be written to " + path + ": ", failure);
     }
   }
 }

@@ -1,29 +1,75 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import java.time.Duration;
-import java.util.concurrent.Future;
-import java.util.concurrent.ScheduledThreadPoolExecutor;
+import java.util.Arrays;
 import java.util.concurrent.TimeUnit;
+import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
 
 /**
  * Whose turn it is to control the agent: steps at their times, on one thread, and what is asked for
  * from outside. One comes after the other.
+ *
+ * <p>A step that fails with an error, for want of memory perhaps, comes again a second later, as
+ * often as it takes. So it has to go on from where it failed.
  */
 final class Timetable {
+  private static final long kAgainNanos = TimeUnit.SECONDS.toNanos(1);
+  private static final long kLongestParkNanos = TimeUnit.SECONDS.toNanos(10);
+
   // No monitors anywhere: the lock profiler would report them.
   private final ReentrantLock turn = new ReentrantLock();
-  private final ScheduledThreadPoolExecutor clock =
-      new ScheduledThreadPoolExecutor(1, body -> AgentThread.of("control", body));
+  private final AgentThread clock = AgentThread.repeating("control", this::round);
 
-  Timetable() {
-    clock.setRemoveOnCancelPolicy(true);
+  private Step[] steps = {}; // in turn
+  private Error failure; // of a step, to be told; the clock's own
+  private boolean hasFailed;
+
+  /** Something that is done at its time, once or many times. */
+  final class Step {
+    private final Runnable action;
+    private long at; // System.nanoTime()
+    private boolean isDue;
+
+    private Step(Runnable action) {
+      this.action = action;
+    }
+
+    /** In turn: has it done when that time has passed, and not at another time set before. */
+    void after(Duration delay) {
+      after(delay.toNanos());
+    }
+
+    private void after(long nanos) {
+      at = System.nanoTime() + nanos;
+      isDue = true;
+      LockSupport.unpark(clock);
+    }
+
+    /** In turn: there is no time for it any more. */
+    void cancel() {
+      isDue = false;
+    }
   }
 
-  /** Runs the step when that time has passed. What it throws is said on standard error. */
-  Future<?> after(Duration delay, Runnable step) {
-    Runnable task = () -> inTurn(() -> contained(step));
-    return clock.schedule(task, delay.toMillis(), TimeUnit.MILLISECONDS);
+  /**
+   * A step, which has no time yet. They stay for ever. What the action throws is said on standard
+   * error.
+   */
+  Step step(Runnable action) {
+    Step step = new Step(action);
+    inTurn(
+        () -> {
+          Step[] more = Arrays.copyOf(steps, steps.length + 1);
+          more[steps.length] = step;
+          steps = more;
+        });
+    return step;
+  }
+
+  /** Steps are done from now on; there may be no thread to be had for it. */
+  void start() {
+    clock.start();
   }
 
   /** Runs the action on this thread, as soon as no other is under way. */
@@ -36,11 +82,81 @@ final class Timetable {
     }
   }
 
-  private static void contained(Runnable step) {
-    try {
-      step.run();
-    } catch (RuntimeException | LinkageError | OutOfMemoryError e) {
-      Console.say(Console.messageOf(e));
+  /** The same, unless the time passes before. Tells whether it was run. */
+  boolean inTurn(Duration patience, Runnable action) {
+    long end = System.nanoTime() + patience.toNanos();
+    boolean isInterrupted = false;
+    boolean isTurn = turn.tryLock();
+    while (!isTurn && System.nanoTime() < end) {
+      try {
+        isTurn = turn.tryLock(end - System.nanoTime(), TimeUnit.NANOSECONDS);
+      } catch (InterruptedException e) {
+        isInterrupted = true;
+      }
     }
+    try {
+      if (isTurn) {
+        action.run();
+      }
+    } finally {
+      if (isTurn) {
+        turn.unlock();
+      }
+      if (isInterrupted) {
+        Thread.currentThread().interrupt();
+      }
+    }
+    return isTurn;
+  }
+
+  private boolean round() {
+    tellFailure();
+    long next;
+    turn.lock();
+    try {
+      next = runSteps();
+    } finally {
+      turn.unlock();
+    }
+    LockSupport.parkNanos(this, next - System.nanoTime());
+    return true;
+  }
+
+  /** Tells when the next one comes, or it is to be looked anyway. */
+  private long runSteps() {
+    long next = System.nanoTime() + kLongestParkNanos;
+    for (Step step : steps) {
+      if (step.isDue && step.at - System.nanoTime() <= 0) {
+        run(step);
+      }
+      if (step.isDue && step.at - next < 0) {
+        next = step.at;
+      }
+    }
+    return next;
+  }
+
+  private void run(Step step) {
+    step.isDue = false;
+    try {
+      step.action.run();
+    } catch (RuntimeException e) {
+      Console.say("", e);
+    } catch (Error e) {
+      failure = e; // nothing is allocated here
+      if (!step.isDue) {
+        step.after(kAgainNanos);
+      }
+    }
+  }
+
+  /** The first one, whatever follows. */
+  private void tellFailure() {
+    if (failure != null && !hasFailed) {
+      hasFailed = true;
+      Console.say(
+          "what the companion was about to do is tried again until it can be done: ", failure);
+    }
+    failure = null;
   }
 }

@@ -3,10 +3,14 @@ package com.korvane.twutils.nativeagent.companion;
 import static com.korvane.twutils.nativeagent.Checks.same;
 
 import com.korvane.twutils.nativeagent.Checks;
+import java.io.IOException;
+import java.io.InputStream;
+import java.io.RandomAccessFile;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
 import java.util.Arrays;
 import java.util.concurrent.CountDownLatch;
+import java.util.function.LongSupplier;
 
 /** Lines of exceptions, the queue they wait in, and the files they go to. */
 public final class ExceptionLogTest {
@@ -16,13 +20,17 @@ public final class ExceptionLogTest {
 
   public static void main(String[] args) throws Exception {
     lines();
-    messages();
     texts();
     Checks.inFolder(ExceptionLogTest::fullQueue);
     Checks.inFolder(ExceptionLogTest::fullOfCharacters);
     Checks.inFolder(ExceptionLogTest::manyThreads);
     Checks.inFolder(ExceptionLogTest::ownThreads);
     Checks.inFolder(ExceptionLogTest::failure);
+    Checks.inFolder(ExceptionLogTest::failuresOfAnyKind);
+    Checks.inFolder(ExceptionLogTest::failuresAtTheEnd);
+    Checks.inFolder(ExceptionLogTest::linesThatAreCut);
+    Checks.inFolder(ExceptionLogTest::loaders);
+    queue();
     Checks.inFolder(ExceptionLogTest::rotation);
     Checks.inFolder(ExceptionLogTest::laterSession);
     Checks.end();
@@ -45,47 +53,20 @@ public final class ExceptionLogTest {
             + "\"threadLocals\":[]},"
             + "{\"method\":\"a.B.c\",\"file\":null,\"line\":-1,\"fields\":[],\"arguments\":[],"
             + "\"locals\":[],\"threadLocals\":[]}]";
-    ExceptionEvent event = new ExceptionEvent(1795271715000L, "main", "a.X", "no \"pen\"", record);
+    ExceptionEvent event = new ExceptionEvent(1795271715000L, "main", record, null);
     same(
         "line",
         "{\"time\":\"2026-11-21T14:35:15.000Z\",\"thread\":\"main\",\"class\":\"a.X\","
             + "\"message\":\"no \\\"pen\\\"\",\"caught\":null,\"frames\":" + frames + ",\"raw\":\""
             + record + "\"}",
-        ExceptionLine.of(event));
-    String doubtful = ExceptionLine.of(new ExceptionEvent(0, "t", "a.X", null, "garbage"));
+        ExceptionLine.of(event, "a.X", "no \"pen\""));
+    String doubtful = ExceptionLine.of(new ExceptionEvent(0, "t", "garbage", null));
     Checks.contains("doubts", "\"ambiguous\":[\"", doubtful);
     Checks.contains("no message", "\"message\":null", doubtful);
     Checks.contains("kept", "\"raw\":\"garbage\"", doubtful);
-  }
-
-  private static void messages() {
-    RuntimeException talkative =
-        new IllegalStateException("given") {
-          private static final long serialVersionUID = 1;
-
-          @Override
-          public String getMessage() {
-            Checks.same("the program's own code is not run", "", super.getMessage());
-            return "made up";
-          }
-        };
-    Checks.contains("overridden", "\"message\":null", lineOf(talkative));
-    RuntimeException plain =
-        new IllegalStateException("given") {
-          private static final long serialVersionUID = 1;
-        };
-    Checks.contains("inherited", "\"message\":\"given\"", lineOf(plain));
-    Checks.contains("overridden in Java", "\"message\":\"file: why\"",
-        lineOf(new java.nio.file.FileSystemException("file", null, "why")));
-    char[] many = new char[100_000];
-    Arrays.fill(many, 'x');
-    String line = lineOf(new RuntimeException(new String(many)));
-    same("a long one is cut", true, line.length() < 9000);
-    Checks.contains("no exception", "\"class\":\"\"", lineOf(null));
-  }
-
-  private static String lineOf(Exception exception) {
-    return ExceptionLine.of(ExceptionEvent.of(null, exception));
+    Checks.contains("no exception", "\"class\":\"\"", doubtful);
+    Checks.contains("class", "\"class\":\"java.io.IOException\"",
+        ExceptionLine.of(ExceptionEvent.of(null, new IOException("x"))));
   }
 
   private static void texts() {
@@ -99,7 +80,7 @@ public final class ExceptionLogTest {
   private static void fullQueue(Path folder) throws Exception {
     ExceptionLog log = log(folder, 3);
     for (int i = 0; i < 5; i++) {
-      log.onException("", new RuntimeException("number " + i));
+      log.onException("number " + i, new IllegalStateException());
     }
     same("dropped at once", 2L, log.dropped());
     log.start();
@@ -117,7 +98,7 @@ public final class ExceptionLogTest {
     char[] many = new char[6 << 20];
     Arrays.fill(many, 'x');
     for (int i = 0; i < 4; i++) {
-      log.add(new ExceptionEvent(0, "t", "a.X", null, i == 3 ? "" : new String(many)));
+      log.add(new ExceptionEvent(0, "t", i == 3 ? "" : new String(many), null));
     }
     same("the third is too much, the fourth fits", 1L, log.dropped());
     log.start();
@@ -175,6 +156,193 @@ public final class ExceptionLogTest {
     log.close();
     same("counted", 2L, log.dropped());
     same("recorded", 0L, log.recorded());
+  }
+
+  /** The writer goes on after whatever is thrown, and counts what was lost. */
+  private static void failuresOfAnyKind(Path folder) throws Exception {
+    Throwable[] failures = {
+      new OutOfMemoryError(), new StackOverflowError(), new IOException("full"),
+      new IllegalStateException(), new NoClassDefFoundError(), new AssertionError()
+    };
+    FailingFile file = new FailingFile(folder);
+    ExceptionLog log = new ExceptionLog(file, 100);
+    log.start();
+    long lost = 0;
+    for (Throwable failure : failures) {
+      file.failure = failure;
+      file.failuresToCome = 2;
+      log.onException("unwritten", new RuntimeException());
+      log.onException("unwritten", new RuntimeException());
+      lost += 2;
+      await("dropped so far", lost, log::dropped);
+      long kept = log.recorded() + 1;
+      log.onException("kept", new RuntimeException());
+      await("recorded so far", kept, log::recorded);
+    }
+    log.close();
+    same("dropped", lost, log.dropped());
+    same("recorded", (long) failures.length, log.recorded());
+    String text = Checks.text(log.path());
+    same("no part of a line", false, text.contains("unwritten"));
+    same("lines", failures.length + 1, text.split("\n").length);
+    Checks.contains("summary", "\n{\"recorded\":6,\"dropped\":12}\n", text);
+  }
+
+  private static void await(String what, long expected, LongSupplier count)
+      throws InterruptedException {
+    for (int i = 0; i < 4000 && count.getAsLong() < expected; i++) {
+      Thread.sleep(5);
+    }
+    same(what, expected, count.getAsLong());
+  }
+
+  private static void failuresAtTheEnd(Path folder) throws Exception {
+    FailingFile file = new FailingFile(folder);
+    ExceptionLog log = new ExceptionLog(file, 100);
+    log.onException("kept", new RuntimeException());
+    log.start();
+    await("recorded so far", 1, log::recorded);
+    file.failure = new OutOfMemoryError();
+    file.failuresToCome = 3;
+    log.close();
+    same("failures used up", 0, file.failuresToCome);
+    Checks.contains("summary", "\n{\"recorded\":1,\"dropped\":0}\n", Checks.text(log.path()));
+  }
+
+  private static void linesThatAreCut(Path folder) throws Exception {
+    FailingFile file = new FailingFile(folder);
+    file.write(bytes("first\n"));
+    file.failure = new OutOfMemoryError();
+    file.failuresToCome = 1;
+    Throwable thrown = null;
+    try {
+      file.write(bytes("second\n"));
+    } catch (OutOfMemoryError e) {
+      thrown = e;
+    }
+    same("thrown on", file.failure, thrown);
+    file.write(bytes("3\n"));
+    file.failuresToCome = 1;
+    try {
+      file.write(bytes("fourth\n"));
+    } catch (OutOfMemoryError e) {
+      // As before.
+    }
+    file.close();
+    same("whole lines", "first\n3\n", Checks.text(file.path()));
+  }
+
+  private static byte[] bytes(String text) {
+    return text.getBytes(StandardCharsets.UTF_8);
+  }
+
+  /** Writes half of a line, and then fails, as often as it is told to. */
+  private static final class FailingFile extends RotatingFile {
+    volatile Throwable failure;
+    volatile int failuresToCome;
+
+    FailingFile(Path folder) {
+      super(folder, kName, 1 << 20, 5);
+    }
+
+    @Override
+    void append(RandomAccessFile to, byte[] line) throws IOException {
+      if (failuresToCome == 0) {
+        super.append(to, line);
+        return;
+      }
+      failuresToCome--;
+      to.write(line, 0, line.length / 2);
+      if (failure instanceof IOException) {
+        throw (IOException) failure;
+      }
+      if (failure instanceof RuntimeException) {
+        throw (RuntimeException) failure;
+      }
+      throw (Error) failure;
+    }
+  }
+
+  /** No class of the program is loaded for its exception, neither when it is thrown nor later. */
+  private static void loaders(Path folder) throws Exception {
+    Watching loader = new Watching();
+    Exception made =
+        (Exception) loader.loadClass(Revealing.class.getName()).getConstructor().newInstance();
+    ExceptionLog log = log(folder, 10);
+    log.start();
+    int before = loader.asked;
+    log.onException("", made);
+    log.close();
+    same("loaded", before, loader.asked);
+    Checks.contains("recorded", "\"class\":\"" + Revealing.class.getName() + "\"",
+        Checks.text(log.path()));
+  }
+
+  /** Whoever asks for its methods has the class of a result loaded. */
+  public static final class Revealing extends RuntimeException {
+    private static final long serialVersionUID = 1;
+
+    public Revealed detail() {
+      return null;
+    }
+  }
+
+  /** Not loaded before. */
+  public static final class Revealed {}
+
+  /** Defines what is declared here anew. */
+  private static final class Watching extends ClassLoader {
+    int asked;
+
+    Watching() {
+      super(ExceptionLogTest.class.getClassLoader());
+    }
+
+    @Override
+    protected Class<?> loadClass(String name, boolean resolve) throws ClassNotFoundException {
+      asked++;
+      if (!name.contains("Reveal")) {
+        return super.loadClass(name, resolve);
+      }
+      String file = name.replace('.', '/') + ".class";
+      try (InputStream in = getParent().getResourceAsStream(file)) {
+        byte[] bytes = new byte[10_000];
+        int size = 0;
+        for (int read; (read = in.read(bytes, size, bytes.length - size)) > 0; ) {
+          size += read;
+        }
+        return defineClass(name, bytes, 0, size);
+      } catch (IOException e) {
+        throw new ClassNotFoundException(name, e);
+      }
+    }
+  }
+
+  private static void queue() {
+    ExceptionQueue queue = new ExceptionQueue(3, 1000);
+    ExceptionEvent[] events = new ExceptionEvent[6];
+    for (int i = 0; i < events.length; i++) {
+      events[i] = new ExceptionEvent(i, "t", "", null);
+    }
+    same("first", true, queue.add(events[0]));
+    same("second", true, queue.add(events[1]));
+    same("oldest", events[0], queue.take());
+    same("next", events[1], events[0].before);
+    same("last", null, events[1].before);
+    same("what is taken counts", "true false", queue.add(events[2]) + " " + queue.add(events[3]));
+    queue.written(events[0]);
+    same("a place is free", true, queue.add(events[3]));
+    queue.written(events[1]);
+    same("taken again", events[2], queue.take());
+    same("all places are taken", "true false", queue.add(events[4]) + " " + queue.add(events[5]));
+    queue.written(events[2]);
+    queue.written(events[3]);
+    same("what came before the end", events[4], queue.takeLast());
+    same("nothing after it", false, queue.add(events[5]));
+    same("empty", true, queue.isEmpty());
+    same("none", null, queue.takeLast());
+    same("a failure is counted", false, queue.add(null));
+    same("dropped", 4L, queue.dropped());
   }
 
   private static void rotation(Path folder) throws Exception {

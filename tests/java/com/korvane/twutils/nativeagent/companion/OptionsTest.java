@@ -23,6 +23,7 @@ public final class OptionsTest {
     Checks.inFolder(OptionsTest::files);
     partsOfOneProfiler();
     durations();
+    lengths();
     otherValues();
     patterns();
     Checks.end();
@@ -128,6 +129,34 @@ public final class OptionsTest {
 
   private static Duration duration(String text) {
     return reader("locks.detail=" + text, null).duration(OptionKey.LOCKS_DETAIL, null);
+  }
+
+  private static void lengths() {
+    requireLength("summary=0,detail=1ms", 1);
+    requireLength("summary=200ms,detail=300ms,repeat=3", 3);
+    requireLength("summary=200ms,detail=300ms,repeat=forever", -1);
+    refusedLength("summary=0,detail=0ms", 1,
+        "option 'locks.summary=0,locks.detail=0ms' is refused: expected a session that is longer"
+            + " than 0, found 0ms");
+    refusedLength("summary=100ms,detail=0,repeat=2", 2,
+        "option 'locks.summary=100ms,locks.detail=0' is refused: expected sessions of at least"
+            + " 500ms with 'locks.repeat=2', found 100ms");
+    refusedLength("summary=0,detail=0,repeat=forever", -1,
+        "with 'locks.repeat=forever', found 0ms");
+  }
+
+  private static void refusedLength(String text, int count, String expected) {
+    refused(IllegalArgumentException.class, expected, () -> requireLength(text, count));
+  }
+
+  private static void requireLength(String text, int count) {
+    OptionReader reader =
+        new OptionReader(Options.parseWithin("locks.", text).values(), problem -> {});
+    Duration length =
+        reader.duration(OptionKey.LOCKS_SUMMARY, null)
+            .plus(reader.duration(OptionKey.LOCKS_DETAIL, null));
+    reader.requireLength(length, count, OptionKey.LOCKS_REPEAT, OptionKey.LOCKS_SUMMARY,
+        OptionKey.LOCKS_DETAIL);
   }
 
   private static void otherValues() {

@@ -6,6 +6,8 @@ import com.korvane.twutils.nativeagent.Checks;
 import java.nio.file.FileAlreadyExistsException;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.time.Duration;
+import java.util.Collections;
 
 /** Names that the companion chooses are never followed when someone has planted them as links. */
 public final class PrivateFilesTest {
@@ -48,7 +50,7 @@ public final class PrivateFilesTest {
 
     Path sweeps = Files.createSymbolicLink(folder.resolve("memory-1.sweeps"), other);
     SweepLog sweepLog = new SweepLog(sweeps);
-    sweepLog.add(1, 2, 3);
+    sweepLog.add(1, 2, 3, Duration.ofSeconds(4), Collections.singletonList("a.B"));
     sweepLog.close();
     same("what the links led to", "x", Checks.text(other));
   }

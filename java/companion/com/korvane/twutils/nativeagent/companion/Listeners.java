@@ -1,0 +1,36 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import java.util.concurrent.ArrayBlockingQueue;
+import java.util.concurrent.RejectedExecutionException;
+
+/**
+ * Runs code of the program's listeners, one after the other, on a thread of its own that nothing
+ * they throw ends. Who hands something over never waits.
+ */
+final class Listeners {
+  private static final int kMaxWaiting = 1000;
+
+  private final ArrayBlockingQueue<Runnable> waiting = new ArrayBlockingQueue<>(kMaxWaiting);
+  private final AgentThread thread = AgentThread.repeating("notifications", this::round);
+
+  /** There may be no thread to be had. */
+  void start() {
+    thread.start();
+  }
+
+  /** @throws RejectedExecutionException when too much waits already */
+  void execute(Runnable told) {
+    if (!waiting.offer(told)) {
+      throw new RejectedExecutionException("listeners are too slow");
+    }
+  }
+
+  private boolean round() {
+    try {
+      waiting.take().run();
+    } catch (InterruptedException e) {
+      // A listener has interrupted its own thread.
+    }
+    return true;
+  }
+}
