@@ -4,11 +4,14 @@ wrong with them."""
 import json
 import os
 import re
+import shutil
 import stat
 import subprocess
+import tempfile
 import threading
 import time
 import zipfile
+from datetime import datetime
 from pathlib import Path
 
 import pytest
@@ -112,6 +115,7 @@ def test_what_a_run_leaves(start):
     sweeps = [json.loads(line) for line in (folder / "memory-1.sweeps").read_text().splitlines()]
     assert sum(sweep["added"] for sweep in sweeps) == 50
     assert all(sweep["pauseMillis"] > 0 for sweep in sweeps)
+    assert all(sweep["nextMillis"] >= 10_000 and "full" not in sweep for sweep in sweeps)
 
     records, summary = lines(folder / "exceptions.jsonl")
     assert summary == {"recorded": len(records), "dropped": 0}
@@ -129,7 +133,7 @@ def test_what_a_run_leaves(start):
 
 
 def test_lock_sessions_repeat(start):
-    given = f"output={OUTPUT},locks=true,locks.summary=10ms,locks.detail=30ms,locks.repeat=3"
+    given = f"output={OUTPUT},locks=true,locks.summary=100ms,locks.detail=400ms,locks.repeat=3"
     run = start("Profiled", "locks-3.json", "return", OUTPUT, given=given)
     folder = run_folder(run)
     reports = [name for name in names(folder) if name.endswith(".json")]
@@ -139,9 +143,11 @@ def test_lock_sessions_repeat(start):
 
 @pytest.mark.parametrize("repeat", ["2", "forever"])
 def test_memory_sessions_repeat(start, repeat):
-    given = "memory=true,memory.track=com.example.tracked.Tracked,memory.duration=50ms"
+    given = "memory=true,memory.track=com.example.tracked.Tracked,memory.duration=500ms"
     run = start("Profiled", "memory-2.json", "return", OUTPUT,
-                given=f"output={OUTPUT},{given},memory.repeat={repeat},memory.interval=20ms")
+                given=f"output={OUTPUT},{given},memory.repeat={repeat},memory.interval=20ms",
+                quiet=False)
+    assert all("more than 2 % of" in line for line in run.err.splitlines())
     folder = run_folder(run)
     reports = sorted(folder.glob("memory-*.json"), key=lambda file: int(file.stem[7:]))
     numbers = [int(file.stem[7:]) for file in reports]
@@ -158,7 +164,7 @@ def test_memory_sessions_that_follow_nothing(start):
     """Each reason is told once."""
     untagged = SAY + "memory sessions follow only what the program tags: memory.track names classes"
     unpackaged = SAY + "class Profiled$Till is in no package: memory reports leave such classes out"
-    repeat = "memory=true,memory.duration=20ms,memory.repeat=2"
+    repeat = "memory=true,memory.duration=500ms,memory.repeat=2"
     for track, told in (("", f"{untagged} to follow\n"),
                         (",memory.track=Profiled$Till", unpackaged + "\n")):
         run = start("Profiled", "memory-2.json", "return", OUTPUT, quiet=False,
@@ -181,7 +187,211 @@ def test_the_program_is_left_alone(start):
     assert not list(run.folder.glob("run-*")) and not (run.folder / OUTPUT).exists()
 
 
+# --- What the companion must not do to its program ---
+
+
+def test_exceptions_load_no_classes(start):
+    """Neither while the program's locks are held nor later; the message is asked for, though."""
+    run = start("ForeignLoader", given=f"output={OUTPUT},exceptions=true,exceptions.rate=0")
+    assert run.facts["revealed"] == "false"
+    assert run.facts["thrower"] == run.facts["loading"] == "TERMINATED"
+    records, summary = lines(run_folder(run) / "exceptions.jsonl")
+    (thrown,) = [r for r in records if r["class"] == "ForeignLoader$Thrown"]
+    assert thrown["message"] == "told" and thrown["thread"] == "thrower"
+    assert summary["dropped"] == 0
+
+
+def test_messages_that_the_program_would_have_to_give(start):
+    run = start("Messages", given=f"output={OUTPUT},exceptions=true,exceptions.rate=0")
+    records, _ = lines(run_folder(run) / "exceptions.jsonl")
+    messages = {r["class"]: r["message"] for r in records}
+    assert messages["java.lang.IllegalStateException"] == "given"
+    assert messages["Messages$Inherited"] == "given"
+    assert messages["java.nio.file.NoSuchFileException"] == "a file: why"
+    assert messages["Messages$Talking"] is None
+    assert messages["Messages$Reasoning"] is None
+    assert run.facts["asked"] == "0"
+
+
+COLLECTORS = ["Serial", "Parallel", "G1", "Z"]
+
+
+@pytest.mark.parametrize("collector", COLLECTORS)
+def test_sessions_outlive_a_lack_of_memory(start, collector):
+    """No thread ends of it, each session has its report, and what was lost is counted."""
+    given = (f"output={OUTPUT},exceptions=true,exceptions.rate=0,exceptions.depth=2,"
+             "locks=true,locks.summary=200ms,locks.detail=400ms,locks.repeat=forever,"
+             "memory=true,memory.track=com.example.tracked.Tracked,memory.interval=100ms,"
+             "memory.duration=700ms,memory.repeat=forever")
+    run = start("Starved", OUTPUT, 6, given=given, vm=["-Xmx32m", f"-XX:+Use{collector}GC"],
+                quiet=False)
+    assert run.facts["threads"] == \
+        "javanativeagent control,javanativeagent exceptions,javanativeagent notifications"
+    folder = run_folder(run)
+    records, summary = lines(folder / "exceptions.jsonl")
+    late = [r for r in records if r["message"] == "late"]
+    assert len(late) == 20, "the writer goes on"
+    files = [folder / "exceptions.jsonl", *folder.glob("exceptions-*.jsonl")]
+    written = sum(len(lines(file)[0]) for file in files)
+    assert summary["recorded"] == written
+    for kind in ("locks", "memory"):
+        reports = sorted(folder.glob(f"{kind}-*.json"), key=lambda f: int(f.stem.split("-")[1]))
+        last = Report(reports[-1]).root["sessionid"]
+        assert len(reports) >= 4
+        assert last <= len(reports) + 1, "one at most was running when all ended"
+    last = Report(reports[-1]).root["topNMemoryleakClass"]
+    assert last["com.example.tracked.Tracked"]["totalCount"] == 50
+
+
+def test_threads_that_cannot_be_had(jvm, jar):
+    """Where the program has its threads, it has them with us, too; what we cannot do is told."""
+    if os.getuid() != 0 or not shutil.which("setpriv"):
+        pytest.skip("takes another user, who has a limit")
+    user = 60_000 + os.getpid() % 5000  # who has no other process
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o777)
+        agents = [f"-agentpath:{jvm.agent}=logLevel=0,twHome={folder}/home", f"-javaagent:{jar}="]
+        if limited(jvm, agents, folder, user, 1000).returncode != 0:
+            pytest.skip("another user cannot run this Java with the agent here")
+        least = next(n for n in range(8, 100)
+                     if all(limited(jvm, [], folder, user, n).returncode == 0 for _ in range(3)))
+        told, recorded = [], []
+        for limit in range(least + 2, least + 22):
+            agents[1] = f"-javaagent:{jar}=output={folder}/out{limit},exceptions=true,memory=true"
+            ended = limited(jvm, agents, folder, user, limit)
+            assert ended.returncode == 0 and "fact other" in ended.stdout, (limit, ended)
+            ours = [line for line in ended.stderr.splitlines() if line.startswith(SAY)]
+            told.append([line for line in ours if "unable to create native thread" in line])
+            recorded += Path(folder).glob(f"out{limit}/*/exceptions.jsonl")
+        assert told[0] and not told[-1] and all(len(lines) <= 1 for lines in told), told
+        assert recorded, "the last ones had threads enough"
+
+
+def limited(jvm, agent, folder, user, threads):
+    command = ["setpriv", f"--reuid={user}", "--clear-groups", "prlimit", f"--nproc={threads}",
+               jvm.java, "-Xmx64m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1",
+               "-XX:-UsePerfData", *agent, "-cp", jvm.class_path, "OtherAgent"]
+    return subprocess.run(command, cwd=folder, capture_output=True, text=True, timeout=60)
+
+
+def test_all_is_switched_off_first_when_the_jvm_ends(start):
+    """Whatever is captured while reports are written would be in the way of the JVM's end."""
+    given = f"output={OUTPUT},{LOCKS},exceptions=true,exceptions.rate=0,exceptions.depth=1"
+    run = start("StillThrowing", given=given, exit_code=7, quiet=False)
+    folder = run_folder(run)
+    records, summary = lines(folder / "exceptions.jsonl")
+    assert len(records) > 10 and summary
+    last = datetime.fromisoformat(records[-1]["time"].replace("Z", "+00:00")).timestamp()
+    assert last <= (folder / "locks-1.json").stat().st_mtime
+    messages = [record.message for record in run.log()]
+    assert messages.index("Stopping Lock Detail Session Id -> 1") < \
+        messages.index("Stopping Lock Profiling Session Id -> 1")
+
+
+# --- What memory.track follows ---
+
+
+def sweeps_of(run):
+    (file,) = run_folder(run).glob("*.sweeps")
+    return [json.loads(line) for line in file.read_text().splitlines()]
+
+
+@pytest.mark.parametrize("collector", COLLECTORS)
+def test_only_objects_that_are_alive_are_followed(start, collector):
+    given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
+             "memory.interval=50ms")
+    run = start("Churning", OUTPUT, 5, 30, 100_000, given=given, vm=[f"-XX:+Use{collector}GC"],
+                quiet=False)
+    added = [sweep["added"] for sweep in sweeps_of(run)]
+    assert 30 <= added[0] <= 32, "the last one that was made is alive, too"
+    assert sum(added) <= 30 + 2 * len(added)
+    memory = Report(run_folder(run) / "memory-1.json").root["topNMemoryleakClass"]
+    assert 30 <= memory["com.example.tracked.Tracked"]["totalCount"] <= 31
+
+
+def test_no_more_objects_are_followed_than_the_limit_says(start):
+    given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
+             "memory.interval=50ms,memory.limit=500")
+    run = start("Churning", OUTPUT, 4, 2000, 1, given=given, quiet=False)
+    sweeps = sweeps_of(run)
+    assert [sweep["added"] for sweep in sweeps] == [500] + [0] * (len(sweeps) - 1)
+    assert sweeps[0]["full"] == ["com.example.tracked.Tracked"]
+    assert all("full" not in sweep for sweep in sweeps[1:]), "said once"
+    full = [line for line in run.err.splitlines() if "are followed" in line]
+    assert full == [SAY + "memory.track: 500 objects of com.example.tracked.Tracked are followed,"
+                    " and no more until some of them are gone (memory.limit)"]
+    memory = Report(run_folder(run) / "memory-1.json").root["topNMemoryleakClass"]
+    assert 499 <= memory["com.example.tracked.Tracked"]["totalCount"] <= 500
+
+
+def test_looks_that_take_long_come_less_often(start):
+    given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
+             "memory.interval=1ms")
+    run = start("Churning", OUTPUT, 5, 200_000, 1, given=given, quiet=False)
+    told = [line for line in run.err.splitlines() if "more than 2 % of" in line]
+    assert len(told) == 1 and "of the 1 ms of memory.interval" in told[0]
+    sweeps = sweeps_of(run)
+    assert all(sweep["nextMillis"] >= 49 * sweep["pauseMillis"] - 1 for sweep in sweeps)
+    times = [datetime.fromisoformat(sweep["sweep"][:19] + "+00:00") for sweep in sweeps]
+    between = (times[-2] - times[0]).total_seconds()
+    planned = sum(sweep["nextMillis"] for sweep in sweeps[:-2]) / 1000
+    assert between >= planned - 1
+
+
 # --- Options ---
+
+
+@pytest.mark.parametrize("given, refusal", [
+    ("locks=true,locks.summary=0,locks.detail=0,locks.repeat=forever",
+     "option 'locks.summary=0,locks.detail=0' is refused: expected sessions of at least 500ms with"
+     " 'locks.repeat=forever', found 0ms"),
+    ("locks=true,locks.summary=0s,locks.detail=0",
+     "option 'locks.summary=0s,locks.detail=0' is refused: expected a session that is longer than"
+     " 0, found 0ms"),
+    ("memory=true,memory.duration=10ms,memory.repeat=3",
+     "option 'memory.duration=10ms' is refused: expected sessions of at least 500ms with"
+     " 'memory.repeat=3', found 10ms"),
+    ("memory=true,memory.interval=0", "option 'memory.interval=0': expected a duration above 0"),
+])
+def test_sessions_without_length_are_refused(start, given, refusal):
+    run = start("OtherAgent", given=f"output={OUTPUT},{given}", quiet=False)
+    assert run.err == f"{SAY}{refusal}\n"
+    assert names(run_folder(run)) == ["run.json"]
+
+
+def test_the_oldest_reports_go(start):
+    given = (f"output={OUTPUT},files=2,exceptions=true,locks=true,locks.summary=100ms,"
+             "locks.detail=400ms,locks.repeat=forever")
+    run = start("Profiled", "locks-5.json", "return", OUTPUT, given=given, quiet=False)
+    folder = run_folder(run)
+    kept = [int(file.stem[6:]) for file in folder.glob("locks-*.json")]
+    stacks = [int(file.stem[6:]) for file in folder.glob("locks-*.stacks")]
+    last = max(kept)
+    assert sorted(kept) == sorted(stacks) == [last - 1, last]
+    removed = json.loads((folder / "run.json").read_text())["removed"]
+    assert removed == {"reports": last - 2, "files": 2 * (last - 2), "kept": 2}
+    told = f"{SAY}{last - 2} reports were deleted, the oldest ones, so that 2 stay (files=2)\n"
+    assert told in run.err
+    assert (folder / "exceptions.jsonl").exists()
+
+
+def test_whatever_the_umask_nobody_else_may_read(start):
+    before = os.umask(0)
+    try:
+        given = (f"output={OUTPUT}/a/b,{LOCKS},exceptions=true,exceptions.fileSize=1,memory=true,"
+                 "memory.track=com.example.tracked.*")
+        run = start("Profiled", "detail", "exit", f"{OUTPUT}/a/b", given=given, exit_code=7,
+                    quiet=False)
+    finally:
+        os.umask(before)
+    made = [run.folder / OUTPUT, *(run.folder / OUTPUT).rglob("*")]
+    folders = [path for path in made if path.is_dir()]
+    files = [path for path in made if path.is_file()]
+    assert len(folders) == 4 and {stat.S_IMODE(p.stat().st_mode) for p in folders} == {0o700}
+    assert {"locks-1.json", "locks-1.stacks", "memory-1.json", "memory-1.sweeps", "run.json",
+            "exceptions.jsonl", "exceptions-1.jsonl"} <= {file.name for file in files}
+    assert {stat.S_IMODE(p.stat().st_mode) for p in files} == {0o600}
+
 
 
 def test_options_that_are_wrong_stop_nothing(start):
@@ -424,7 +634,8 @@ def test_threads_of_the_companion_are_interrupted(start):
 
 
 def test_management_clients(start):
-    run = start("Managed", given=f"output={OUTPUT}")
+    run = start("Managed", given=f"output={OUTPUT}", quiet=False)
+    assert all("more than 2 % of" in line for line in run.err.splitlines())
     facts = run.facts
     assert facts["state"] == "locks: off, exceptions: off, memory: off"
     assert facts["features"] == "mutexprofiling memoryprofiling exceptionprofiling"
@@ -455,8 +666,8 @@ def test_management_clients(start):
 
 
 def test_a_listener_that_ends_the_jvm(start):
-    given = (f"output={OUTPUT},exceptions=true,locks=true,locks.delay=1500ms,locks.summary=20ms,"
-             "locks.detail=20ms,locks.repeat=forever")
+    given = (f"output={OUTPUT},exceptions=true,locks=true,locks.delay=1500ms,locks.summary=100ms,"
+             "locks.detail=400ms,locks.repeat=forever")
     run = start("ExitingListener", given=given, exit_code=7, quiet=False)
     _, summary = lines(run_folder(run) / "exceptions.jsonl")
     assert summary, "all sessions were ended"
