@@ -18,6 +18,10 @@ final class ExceptionEvent {
   int count;
   long characters;
 
+  ExceptionEvent(long millis, String thread, String record, Object exception) {
+    this(millis, thread, record, exception, null, false, Thread.class);
+  }
+
   ExceptionEvent(
       long millis,
       String thread,
