@@ -9,6 +9,9 @@ namespace {
 
 // What a text grows beyond the limit before it is cut to it.
 constexpr std::size_t kSlack = 4096;
+// Of a record: at first, and up to which length it grows as it comes.
+constexpr std::size_t kFirstRoom = 4096;
+constexpr std::size_t kShortText = std::size_t{32} << 10U;
 
 // How long a name and a code are in an entry.
 std::size_t lengthOfHead(std::string_view name, typeCode code) {
@@ -73,17 +76,24 @@ std::string withoutValues(std::string_view text) {
   return first;
 }
 
-// The text doubles as it grows: from such a part of the limit it comes to the limit, not beyond.
 builder::builder(std::size_t limit) : limit_(limit) {
-  std::size_t start = limit + kSlack;
-  while (start >= 2 * kSlack) start = (start + 1) / 2;
-  text_.reserve(start);
+  text_.reserve(kFirstRoom);
 }
 
 bool builder::fits(std::size_t bytes) {
-  if (text_.size() + reserved_ + bytes <= limit_) return true;
-  isCut_ = true;
-  return false;
+  if (text_.size() + reserved_ + bytes > limit_) {
+    isCut_ = true;
+    return false;
+  }
+  makeRoom(bytes);
+  return true;
+}
+
+// A long text gets all the room that it may need at once: where it grew step by step, it would for
+// a moment be in memory twice.
+void builder::makeRoom(std::size_t bytes) {
+  const std::size_t most = limit_ + kSlack;
+  if (text_.size() + bytes > kShortText && text_.capacity() < most) text_.reserve(most);
 }
 
 void builder::goBack(place to) {

@@ -118,6 +118,7 @@ class builder {
   }
   // Whether so many bytes may be appended; the record is cut when not.
   bool fits(std::size_t bytes);
+  void makeRoom(std::size_t bytes);
   void appendHead(std::string_view name, typeCode code);
   // The beginning of a text entry, if that and a first character fit; and its end.
   bool openText(std::string_view name, typeCode code, std::size_t units);
@@ -144,6 +145,7 @@ builder::outcome builder::appendText(std::string_view name, typeCode code, std::
   while (done < wanted && text_.size() - start <= bytes) {
     const std::size_t count = std::min(wanted - done, kUnitsAtOnce);
     const std::size_t end = text_.size();
+    makeRoom(count * kBytesOfUnit + 1);
     text_.resize(end + count * kBytesOfUnit + 1);
     if (!read(done, count, text_.data() + end)) {
       goBack(before);

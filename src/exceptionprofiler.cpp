@@ -347,7 +347,8 @@ void exceptionProfiler::lose(const throwEvent& event, exceptionCount reason,
                              const char* why) noexcept {
   if (event.lastError == JVMTI_ERROR_OUT_OF_MEMORY) reason = exceptionCount::noMemory;
   exceptionCounts::ofProcess().add(reason);
-  if (twAprLib::level() < kLogWarn) return;
+  // Nothing is recorded any more when the VM has ended.
+  if (twAprLib::level() < kLogWarn || event.lastError == JVMTI_ERROR_WRONG_PHASE) return;
   const char* const name = event.info ? event.info->value.name.c_str() : "a class without a name";
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
   try {

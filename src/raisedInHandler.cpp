@@ -27,27 +27,42 @@ thread_local bool wasThrown = false;
 
 // An environment with the capability to send exceptions, made when the first one is to be sent:
 // the one that profiles does not ask for it. Null when the VM gives none.
-jvmtiEnv* sender(JNIEnv* jni) {
-  struct environment {
-    support::mutex mutex;
-    JavaVM* vm GUARDED_BY(mutex) = nullptr;
-    jvmtiEnv* jvmti GUARDED_BY(mutex) = nullptr;
-  };
-  static environment& kept = *new environment;
-  const support::lockGuard guard(kept.mutex);
-  JavaVM* vm = nullptr;
-  if (jni->GetJavaVM(&vm) != JNI_OK) return nullptr;
-  if (kept.vm == vm) return kept.jvmti;
-  void* made = nullptr;
-  if (vm->GetEnv(&made, kToolInterfaceVersion) != JNI_OK || made == nullptr) return nullptr;
-  auto* const jvmti = static_cast<jvmtiEnv*>(made);
-  jvmtiCapabilities wanted{};
-  wanted.can_signal_thread = 1;
-  if (jvmti->AddCapabilities(&wanted) != JVMTI_ERROR_NONE) return nullptr;
-  kept.vm = vm;
-  kept.jvmti = jvmti;
-  return jvmti;
-}
+class sender {
+ public:
+  static jvmtiEnv* of(JNIEnv* jni) {
+    static sender& kept = *new sender;
+    JavaVM* vm = nullptr;
+    if (jni->GetJavaVM(&vm) != JNI_OK) return nullptr;
+    jvmtiEnv* const known = kept.find(vm);
+    return known != nullptr ? known : kept.keep(vm, make(vm));
+  }
+
+ private:
+  static jvmtiEnv* make(JavaVM* vm) {
+    void* made = nullptr;
+    if (vm->GetEnv(&made, kToolInterfaceVersion) != JNI_OK || made == nullptr) return nullptr;
+    auto* const jvmti = static_cast<jvmtiEnv*>(made);
+    jvmtiCapabilities wanted{};
+    wanted.can_signal_thread = 1;
+    return jvmti->AddCapabilities(&wanted) == JVMTI_ERROR_NONE ? jvmti : nullptr;
+  }
+  jvmtiEnv* find(JavaVM* vm) EXCLUDES(mutex_) {
+    const support::lockGuard guard(mutex_);
+    return vm_ == vm ? jvmti_ : nullptr;
+  }
+  // Threads that come first together make one each; the last one is used from then on.
+  jvmtiEnv* keep(JavaVM* vm, jvmtiEnv* made) EXCLUDES(mutex_) {
+    const support::lockGuard guard(mutex_);
+    if (made == nullptr) return nullptr;
+    vm_ = vm;
+    jvmti_ = made;
+    return made;
+  }
+
+  support::mutex mutex_;  // guards the two below
+  JavaVM* vm_ GUARDED_BY(mutex_) = nullptr;
+  jvmtiEnv* jvmti_ GUARDED_BY(mutex_) = nullptr;
+};
 
 }  // namespace
 
@@ -58,7 +73,7 @@ raisedInHandler::raisedInHandler(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread)
 
 raisedInHandler::~raisedInHandler() {
   if (asynchronous_ == nullptr) return;
-  jvmtiEnv* const jvmti = sender(jni_);
+  jvmtiEnv* const jvmti = sender::of(jni_);
   const jvmtiError error =
       jvmti == nullptr ? JVMTI_ERROR_NOT_AVAILABLE : jvmti->StopThread(thread_, asynchronous_);
   if (error != JVMTI_ERROR_NONE) {

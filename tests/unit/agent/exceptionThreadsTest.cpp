@@ -6,7 +6,9 @@
 #include <memory>
 #include <thread>
 
+#include "exceptionCounts.h"
 #include "exceptionTest.h"
+#include "undeliveredRecords.h"
 
 namespace {
 
@@ -62,6 +64,49 @@ TEST_F(exceptionThreads, everyThreadsExceptionsAreDelivered) {
   }).clear();
   EXPECT_EQ(deliveries().size(), 50U * kThreads);
   EXPECT_THAT(records(), Each(kArguments));
+}
+
+TEST_F(exceptionThreads, everyThreadsExceptionsAreCounted) {
+  begin({.rate = 100});
+  makeFrameAndException();
+  startAll([&](fake::javaThread* java) {
+    for (int i = 0; i < 50; ++i) throwOn(java);
+  }).clear();
+  const agent::exceptionCounts& counts = agent::exceptionCounts::ofProcess();
+  EXPECT_EQ(counts.get(agent::exceptionCount::seen), 50U * kThreads);
+  EXPECT_EQ(counts.get(agent::exceptionCount::delivered), 100U);
+  EXPECT_EQ(counts.get(agent::exceptionCount::overRate), 50U * kThreads - 100U);
+}
+
+TEST_F(exceptionThreads, recordsWithoutStackAreKeptAndTakenByManyThreads) {
+  begin();
+  makeFrameAndException();
+  agent::undeliveredRecords& records = agent::undeliveredRecords::ofProcess();
+  records.take();
+  inCallback = [](fake::invocation& call) {
+    call.vm.throwInJava(call.vm.makeObject("java.lang.StackOverflowError"));
+  };
+  std::atomic<std::size_t> taken = 0;
+  std::atomic<bool> isOver = false;
+  const auto takeAll = [&] {
+    for (auto each = records.take(); each; each = records.take()) {
+      EXPECT_EQ(each->text, "a.A.m(A.java:42)%40%41%42%43%44");
+      ++taken;
+    }
+  };
+  auto taker = start([&](fake::javaThread*) {
+    while (!isOver) takeAll();
+  });
+  startAll([&](fake::javaThread* java) {
+    for (int i = 0; i < 50; ++i) throwOn(java);
+  }).clear();
+  isOver = true;
+  taker.reset();
+  takeAll();
+  const agent::exceptionCounts& counts = agent::exceptionCounts::ofProcess();
+  EXPECT_EQ(counts.get(agent::exceptionCount::noStack), 50U * kThreads);
+  EXPECT_GE(taken, 64U);
+  EXPECT_LE(taken, 50U * kThreads);
 }
 
 // An enabling call is held up between its steps until the disabling one that it meets has ended, or

@@ -20,6 +20,7 @@
 namespace {
 
 std::atomic<std::size_t> heldBytes{0};
+std::atomic<std::size_t> mostBytes{0};  // that were held at once
 
 // Stands before every block of memory.
 struct alignas(std::max_align_t) blockHead {
@@ -30,7 +31,8 @@ void* allocate(std::size_t size) {
   auto* const head = static_cast<blockHead*>(std::malloc(sizeof(blockHead) + size));
   if (head == nullptr) throw std::bad_alloc();
   head->agentsBytes = fake::agentCode::runs() ? size : 0;
-  heldBytes += head->agentsBytes;
+  const std::size_t now = heldBytes += head->agentsBytes;
+  if (now > mostBytes) mostBytes = now;
   return head + 1;
 }
 
@@ -206,6 +208,32 @@ TEST_F(exceptionBounds, aNewClassEachTimeKeepsItsName) {
     vm.unload(cls);
   });
   EXPECT_LE(found.second / kSecond, 256U);
+}
+
+// What is built for a record, next to which its String may take twice as much in Java: a character
+// of one byte can be one of two there.
+TEST_F(exceptionBounds, aRecordTakesLessThanTwiceItsBudget) {
+  fake::javaClass* const colour = vm.makeClass("com.example.Colour");
+  for (int i = 0; i < 40; ++i) {
+    vm.setStatic(vm.makeField(colour, "C" + std::to_string(i), "Lcom/example/Colour;", 0x0008),
+                 vm.makeObject(colour));
+  }
+  fake::object* const text =
+      objectWith("a.T", {{"s", "Ljava/lang/String;", vm.makeString(std::string(2 << 20, 'x'))}});
+  begin({.localVariables = true}, "captureObjDepth=5");
+  for (const std::int32_t budget : {65'536, 1 << 20}) {
+    exceptions()->recordBytes = budget;
+    for (fake::object* const value : {vm.makeObject(colour), text}) {
+      recordOf({frameOf("a.A.m")});
+      const std::size_t before = heldBytes;
+      mostBytes = before;
+      const std::string record = recordOf({frameOf("a.A.m", {}, {{"v", "Lx/Y;", value}})});
+      EXPECT_GT(record.size(), static_cast<std::size_t>(budget) * 9 / 10);
+      EXPECT_LT(mostBytes - before, static_cast<std::size_t>(budget) * 2);
+      std::printf("measured: a record of %zu bytes, held at once: %zu bytes\n", record.size(),
+                  mostBytes - before);
+    }
+  }
 }
 
 // --- Memory ------------------------------------------------------------------------------------
