@@ -118,7 +118,14 @@ def test_what_a_run_leaves(start):
     assert all(sweep["nextMillis"] >= 10_000 and "full" not in sweep for sweep in sweeps)
 
     records, summary = lines(folder / "exceptions.jsonl")
+    counts = summary.pop("agent")
     assert summary == {"recorded": len(records), "dropped": 0}
+    assert set(counts) == {"seen", "filtered", "blackListed", "overRate", "delivered", "cut",
+                           "failed"}
+    assert counts["failed"] == {"stack": 0, "callback": 0, "memory": 0, "vm": 0}
+    assert counts["delivered"] >= len(records) > 0
+    assert counts["seen"] == sum(counts[k] for k in ("filtered", "blackListed", "overRate",
+                                                     "delivered"))
     refused = [r for r in records if r["class"] == "java.lang.IllegalStateException"]
     assert [r["message"] for r in refused] == [f"refused: order {i} é" for i in (1, 2, 3)]
     for i, record in enumerate(refused, 1):
@@ -671,3 +678,44 @@ def test_a_listener_that_ends_the_jvm(start):
     run = start("ExitingListener", given=given, exit_code=7, quiet=False)
     _, summary = lines(run_folder(run) / "exceptions.jsonl")
     assert summary, "all sessions were ended"
+
+
+# --- Records that the agent tells something about ---
+
+
+def test_threads_without_stack(start):
+    """The agent could not call the companion then; the records come later."""
+    given = f"output={OUTPUT},exceptions=true,exceptions.rate=0"
+    run = start("Overflowing", given=given)
+    records, summary = lines(run_folder(run) / "exceptions.jsonl")
+    overflows = [r for r in records if r["class"] == "java.lang.StackOverflowError"]
+    assert len(overflows) == 5
+    assert {r["thread"] for r in overflows} == {"main"}
+    assert {r["frames"][0]["method"] for r in overflows} == {"ExceptionLoss.recurse"}
+    assert summary["dropped"] == 0
+    assert sum(summary["agent"]["failed"].values()) == 0
+
+
+def test_records_that_are_cut(start):
+    given = f"output={OUTPUT},exceptions=true"
+    run = start("ExceptionBudget", "string", "others", given=given, vm=["-Xmx128m"])
+    records, summary = lines(run_folder(run) / "exceptions.jsonl")
+    assert summary["recorded"] == summary["agent"]["cut"] == 5
+    assert all(r["cut"] is True and not r.get("ambiguous") for r in records)
+
+
+def test_nulls_of_compiled_frames(jvm, start):
+    folders = [Path(path) for path in jvm.class_path.split(":")]
+    if jvm.version() < 21 or not any((f / "TakenApart.class").exists() for f in folders):
+        pytest.skip("no virtual threads, or nothing to compile them with")
+    vm = ["-XX:CompileCommand=quiet", "-XX:CompileCommand=dontinline,TakenApart::leaf"]
+    run = start("TakenApart", given=f"output={OUTPUT},exceptions=true", vm=vm)
+    records, _ = lines(run_folder(run) / "exceptions.jsonl")
+    by_thread = {r["message"]: r["frames"][1]["locals"] for r in records
+                 if (r["message"] or "").startswith("thrown on ")}
+    virtual, platform = by_thread["thrown on true"], by_thread["thrown on false"]
+    (pair,) = [v for v in platform if v["name"] == "pair"]
+    assert [f["value"] for f in pair["fields"]] == ["1", "2"]
+    (pair,) = [v for v in virtual if v["name"] == "pair"]
+    # Where the JVM gives it after all, nothing is uncertain.
+    assert pair.get("uncertain") is True if "fields" not in pair else "uncertain" not in pair

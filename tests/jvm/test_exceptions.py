@@ -512,6 +512,69 @@ def test_full_heap(jvm, vm):
     assert run.facts["after"] == "1"
 
 
+# --- What a record may hold, and what becomes of those that are lost ---
+
+MEBIBYTE = 1 << 20
+SMALL_HEAP = ("-Xmx128m", "-XX:+UseSerialGC", "-XX:+ExitOnOutOfMemoryError")
+
+
+@CHECKED
+@pytest.mark.parametrize("what", ["string", "builder", "enum"])
+def test_a_record_has_a_bound(jvm, what, vm):
+    options = f"logLevel=1,twHome={HOME},captureObjDepth=5"
+    run = jvm.run("ExceptionBudget", what, options=options, vm=(*SMALL_HEAP, *vm))
+    if what == "builder":
+        assert "builder%3A8%3A" + 256 * "x" in run.facts["begin"].split("%2C")[2]
+        assert run.fact("cut") == 0
+        assert run.facts["counted"] == "5 5 0"
+        return
+    assert MEBIBYTE - 100 < run.fact("length") <= MEBIBYTE
+    assert run.facts["end"].endswith("%42%43%44")
+    assert run.fact("cut") == 5
+    assert run.facts["counted"] == "5 5 5"
+    cut = [m for m in run.messages("Error") if "is cut" in m]
+    assert len(cut) == 5 and "java.lang.IllegalStateException" in cut[0]
+
+
+@pytest.mark.parametrize("depth", [1, 2, 3, 4, 5])
+def test_no_throw_takes_long(jvm, depth):
+    options = f"logLevel=1,twHome={HOME},captureObjDepth={depth},features=exceptionprofiling"
+    assert jvm.run("ExceptionBudget", "enum", options=options).fact("millis") < 20
+
+
+def test_the_budget_is_an_option(jvm):
+    run = jvm.run("ExceptionBudget", "string", options=f"logLevel=1,twHome={HOME},recordBytes=5000")
+    assert 4900 < run.fact("length") <= 5000
+
+
+@CHECKED
+def test_records_that_are_lost_are_counted_and_said(jvm, vm):
+    run = jvm.run("ExceptionLoss", options=f"logLevel=1,twHome={HOME},captureObjType=1", vm=vm)
+    lost = [int(n) for n in run.facts["overflow.failed"].split()]
+    assert lost[0] + run.fact("overflow.delivered") >= 5 and lost[0] >= 1 and lost[1:] == [0, 0, 0]
+    after = [int(n) for n in run.facts["sink.failed"].split()]
+    assert after[1] >= 3 and after[0] == lost[0] and after[2:] == [0, 0]
+    assert run.facts["overflow.rest"] == run.facts["sink.rest"] == "0"
+    said = [m for m in run.messages("warn") if m.startswith("The record of a thrown ")]
+    assert len(said) == 2, "once a class and a reason"
+    assert "StackOverflowError is lost: there is no stack" in said[0]
+    assert "the callback threw java.lang.NoClassDefFoundError" in said[1]
+
+
+# Nothing but the exception that is sent can end these threads.
+@pytest.mark.parametrize("way", ["stop", "send"])
+def test_a_thread_can_be_stopped_while_it_throws(jvm, way):
+    if way == "stop" and jvm.version() >= 20:
+        pytest.skip("this Java refuses Thread.stop")
+    sender = Path(jvm.class_path.split(":")[0]).parent / "libstopThread.so"
+    run = jvm.run("ExceptionStop", way, options=VALUES, vm=[f"-agentpath:{sender}"], quiet=False)
+    if way == "stop":
+        assert run.fact("ended") == run.fact("threads")
+    else:
+        # One that comes while the sink itself runs is taken for the sink's own.
+        assert run.fact("byIt") >= run.fact("threads") - 1
+
+
 @pytest.mark.parametrize("way, exit_code", [("exit", 7), ("halt", 9), ("return", 0)])
 def test_end_while_16_threads_throw(jvm, way, exit_code):
     for _ in range(5):
