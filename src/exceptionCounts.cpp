@@ -4,11 +4,6 @@
 
 namespace agent {
 
-exceptionCounts& exceptionCounts::ofProcess() {
-  static constinit exceptionCounts counts;
-  return counts;
-}
-
 bool lossLines::take(std::string_view className, exceptionCount reason, std::int64_t now) {
   const std::uint64_t key =
       support::fnv1a64(className) * kExceptionCounts + static_cast<std::uint64_t>(reason);

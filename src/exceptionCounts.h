@@ -51,6 +51,12 @@ class exceptionCounts {
   std::array<std::atomic<std::uint64_t>, kExceptionCounts> counts_{};
 };
 
+inline constinit exceptionCounts exceptionCountsOfProcess;
+
+inline exceptionCounts& exceptionCounts::ofProcess() {
+  return exceptionCountsOfProcess;
+}
+
 // Lets a line be written once a minute for each class and reason. Remembers 128 of these at a time;
 // while all of them are less than a minute old, others get no line. Allocates nothing. Any thread.
 class lossLines {

@@ -218,12 +218,13 @@ struct exceptionProfiler::throwEvent {
   jmethodID method;
   jobject exception;
   std::shared_ptr<ExceptionCaptureSettings> settings;
-  raisedInHandler& raised;
   classPtr info{};                          // of the exception's class, once it is known
+  raisedInHandler* raised = nullptr;        // once a record is built
   jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused
 
   bool failed(jvmtiError error) {
-    if (error != JVMTI_ERROR_NONE) lastError = error;
+    if (error == JVMTI_ERROR_NONE) return false;
+    lastError = error;
     return check(jni, jvmti, error);
   }
 };
@@ -281,8 +282,7 @@ void exceptionProfiler::exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread 
   if (!settings || !settings->enabled) return say("Exception is not enabled");
   if (exception == nullptr) return say("exception object is NULL");
   if (self->state() == kExceptionStopped) return say("Exception profiler stage is stopped");
-  raisedInHandler raised(jvmti, jni, thread);
-  throwEvent event{jvmti, jni, thread, method, exception, std::move(settings), raised};
+  throwEvent event{jvmti, jni, thread, method, exception, std::move(settings)};
   exceptionCounts::ofProcess().add(exceptionCount::seen);
   self->exceptionThrown(event);
 }
@@ -371,6 +371,9 @@ void exceptionProfiler::recordAndDeliver(throwEvent& event) {
   if (support::stackLeft() < kStackNeeded) {
     return lose(event, exceptionCount::noStack, "there is no stack to build it on");
   }
+  // From here on Java is called, and after its end no more.
+  raisedInHandler raised(event.jvmti, event.jni, event.thread);
+  event.raised = &raised;
   record::builder built(static_cast<std::size_t>(recordBytes));
   if (!record(event, built)) return lose(event, exceptionCount::vm, nullptr);
   if (built.isCut()) {
@@ -390,7 +393,7 @@ bool exceptionProfiler::record(throwEvent& event, record::builder& out) {
   const support::localFrame references(event.jni, objectCapture::kReferences);
   recording now{
       event, out,
-      objectCapture(event.jvmti, event.jni, event.thread, captureObjDepth, out, event.raised)};
+      objectCapture(event.jvmti, event.jni, event.thread, captureObjDepth, out, *event.raised)};
   const jint depth = std::min(event.settings->stackTraceDepth, kMaxFrames);
   if (event.failed(event.jvmti->GetStackTrace(event.thread, 0, depth, frames.data(), &count))) {
     return false;
@@ -693,7 +696,7 @@ void exceptionProfiler::deliver(throwEvent& event, record::builder& built) {
                                 string.get(), event.exception);
       recordIsCut = false;
     }
-    const raisedInHandler::kind raised = event.raised.clear();
+    const raisedInHandler::kind raised = event.raised->clear();
     if (string && raised == raisedInHandler::kind::none) {
       return exceptionCounts::ofProcess().add(exceptionCount::delivered);
     }
@@ -720,7 +723,7 @@ void exceptionProfiler::loseByRaised(const throwEvent& event, raisedInHandler::k
   }
   if (!wasCalled) return lose(event, exceptionCount::noMemory, "there is no memory");
   std::array<char, 256> why;
-  std::snprintf(why.data(), why.size(), "the callback threw %s", event.raised.className().c_str());
+  std::snprintf(why.data(), why.size(), "the callback threw %s", event.raised->className().c_str());
   lose(event, exceptionCount::callback, why.data());
 }
 
