@@ -295,7 +295,8 @@ def test_all_is_switched_off_first_when_the_jvm_ends(start):
     records, summary = lines(folder / "exceptions.jsonl")
     assert len(records) > 10 and summary
     last = datetime.fromisoformat(records[-1]["time"].replace("Z", "+00:00")).timestamp()
-    assert last <= (folder / "locks-1.json").stat().st_mtime
+    coarse = 0.02  # the clock of file times moves on in steps
+    assert last <= (folder / "locks-1.json").stat().st_mtime + coarse
     messages = [record.message for record in run.log()]
     assert messages.index("Stopping Lock Detail Session Id -> 1") < \
         messages.index("Stopping Lock Profiling Session Id -> 1")
@@ -704,7 +705,8 @@ def test_threads_without_stack(start):
 
 def test_records_that_are_cut(start):
     given = f"output={OUTPUT},exceptions=true"
-    run = start("ExceptionBudget", "string", "others", given=given, vm=["-Xmx128m"])
+    # The queue has room for five records of a MiB in a heap of that size.
+    run = start("ExceptionBudget", "string", "others", given=given, vm=["-Xmx512m"])
     records, summary = lines(run_folder(run) / "exceptions.jsonl")
     assert summary["recorded"] == summary["agent"]["cut"] == 5
     assert all(r["cut"] is True and not r.get("ambiguous") for r in records)
