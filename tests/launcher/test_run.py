@@ -236,12 +236,12 @@ def test_settings_reach_the_controller(launcher, folder):
     "option",
     (
         "--locks=summary=0,detail=1ms",
-        "--locks=summary=1s,detail=0,repeat=forever",
+        "--locks=summary=250ms,detail=250ms,repeat=forever",
         "--locks=summary=0,detail=500ms,repeat=1",
         "--locks=summary=08ms,detail=1h,repeat=9",
         "--memory=duration=0,repeat=forever",
         "--memory=duration=1ms",
-        "--memory=duration=1000ms,repeat=3",
+        "--memory=duration=500ms,repeat=3",
     ),
 )
 def test_short_sessions_that_make_sense(launcher, folder, option):
@@ -341,13 +341,13 @@ def test_old_settings_go(launcher, folder):
             "--locks: summary is '0' and detail is '0'; expected one of them above 0\n",
         ),
         (
-            ["--locks=summary=499ms,detail=500ms,repeat=forever", "--", "true"],
-            "summary is '499ms' and detail is '500ms' with repeat 'forever'; expected 1s at least for"
+            ["--locks=summary=249ms,detail=250ms,repeat=forever", "--", "true"],
+            "summary is '249ms' and detail is '250ms' with repeat 'forever'; expected 500ms at least for"
             " both together\n",
         ),
         (
-            ["--memory=duration=0999ms,repeat=2", "--", "true"],
-            "--memory: duration is '0999ms' with repeat '2'; expected 1s at least\n",
+            ["--memory=duration=0499ms,repeat=2", "--", "true"],
+            "--memory: duration is '0499ms' with repeat '2'; expected 500ms at least\n",
         ),
         (["--memory=interval=0s", "--", "true"], "interval is '0s'; expected a duration above 0\n"),
         (["--files=0", "--", "true"], "--files is '0'; expected a number from 1\n"),
