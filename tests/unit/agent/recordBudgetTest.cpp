@@ -300,7 +300,7 @@ TEST_F(recordBudgets, theWalkStopsWhenTheBudgetIsSpent) {
 }
 
 TEST_F(recordBudgets, theFieldsOfAClassAreAskedForOnceInARecord) {
-  begin(kVariables, "captureObjDepth=3,recordBytes=1000000");
+  begin(kVariables, "captureObjDepth=3,recordBytes=16777216");  // and so much more time
   fake::object* const colour = makeColour(vm);
   vm.resetCalls();
   recordOf({frameOf("a.A.m", {}, {{"v", "Lx/Y;", colour}})});
