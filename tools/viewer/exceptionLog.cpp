@@ -98,6 +98,7 @@ const shape& endShape() {
   static const shape result = {.expected = "an object",
                                .members = {{"recorded", countAt<&captureEnd::recorded>},
                                            {"dropped", countAt<&captureEnd::dropped>},
+                                           {"own", countAt<&captureEnd::own>, false},
                                            {"agent", agentAt, false}}};
   return result;
 }
@@ -185,6 +186,12 @@ std::uint64_t failuresOf(const agentCounts& counts) {
                          [](std::uint64_t sum, const auto& one) { return sum + one.second; });
 }
 
+std::uint64_t underWay(const agentCounts& counts) {
+  const std::uint64_t known = counts.filtered + counts.blackListed + counts.overRate +
+                              counts.delivered + failuresOf(counts);
+  return counts.seen - std::min(counts.seen, known);
+}
+
 std::string failureReasons(const agentCounts& counts) {
   std::string text;
   for (const auto& [reason, count] : counts.failed) {
@@ -264,6 +271,7 @@ void exceptionLog::addEnd(captureEnd end) {
   }
   counted_->recorded += end.recorded;
   counted_->dropped += end.dropped;
+  counted_->own += end.own;
   if (!counted_->agent || !end.agent) {
     counted_->agent.reset();
   } else if (end.agent->seen >= counted_->agent->seen) {

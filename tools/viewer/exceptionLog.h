@@ -70,6 +70,8 @@ struct agentCounts {
 };
 
 std::uint64_t failuresOf(const agentCounts& counts);
+// Seen, and in none of the other counts when they were taken.
+std::uint64_t underWay(const agentCounts& counts);
 
 // "stack 3, vm 1": what went wrong, and how often.
 std::string failureReasons(const agentCounts& counts);
@@ -79,6 +81,7 @@ std::string failureReasons(const agentCounts& counts);
 struct captureEnd {
   std::uint64_t recorded = 0;
   std::uint64_t dropped = 0;  // by the companion
+  std::uint64_t own = 0;      // of the agent's own threads, and not written for that
   std::optional<agentCounts> agent = {};
 };
 

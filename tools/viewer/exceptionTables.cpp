@@ -97,6 +97,7 @@ std::string agentLine(const agentCounts& counts) {
   if (counts.cut > 0) {
     parts += fmt::format(" ({} of them cut)", grouped(counts.cut));
   }
+  add(underWay(counts), "under way when capture ended");
   return fmt::format("The agent saw {} exceptions{}.\n", grouped(counts.seen), parts);
 }
 
@@ -108,6 +109,10 @@ std::string exceptionLine(const exceptionLog& log) {
   if (counted) {
     line += fmt::format(", {} written and {} dropped by the program", counted->recorded,
                         counted->dropped);
+    if (counted->own > 0) {
+      line +=
+          fmt::format("; {} more were thrown by the agent's own threads", grouped(counted->own));
+    }
   }
   line += '\n';
   if (counted && counted->agent) {

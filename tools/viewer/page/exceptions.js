@@ -94,14 +94,17 @@ const caughtText = (caught) => (caught === null ? 'not known' : caught ? 'caught
 // What became of all exceptions while capture was on.
 function agentText(counts) {
   const failures = Object.entries(counts.failed).filter(([, count]) => count > 0);
+  const failed = sum(failures.map(([, count]) => count));
+  const known = counts.filtered + counts.blackListed + counts.overRate + counts.delivered + failed;
   const parts = [
     [counts.overRate, 'over the rate'],
     [counts.blackListed, 'of excluded classes'],
     [counts.filtered, 'thrown in packages that are not recorded'],
-    [sum(failures.map(([, count]) => count)), `without a record (${
+    [failed, `without a record (${
       failures.map(([reason, count]) => `${reason} ${formatNumber(count)}`).join(', ')})`],
     [counts.delivered, `handed over as records${
       counts.cut > 0 ? ` (${formatNumber(counts.cut)} of them cut)` : ''}`],
+    [counts.seen - known, 'under way when capture ended'],
   ].filter(([count]) => count > 0).map(([count, what]) => `${formatNumber(count)} ${what}`);
   return `The agent saw ${plural(counts.seen, 'exception', 'exceptions')}${
     parts.length > 0 ? `: ${parts.join(', ')}` : ''}.`;

@@ -5,6 +5,7 @@ import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
 import java.util.concurrent.TimeUnit;
+import java.util.concurrent.atomic.AtomicLong;
 import java.util.concurrent.locks.LockSupport;
 
 /**
@@ -28,6 +29,8 @@ final class ExceptionLog implements ExceptionSink {
   private final RotatingFile file;
   private final ExceptionQueue queue;
   private final AgentThread writer = AgentThread.repeating("exceptions", this::writeRound);
+
+  private final AtomicLong own = new AtomicLong(); // of threads at work for the agent
 
   private volatile long recorded;
   private volatile long lost; // by the writer
@@ -76,6 +79,7 @@ final class ExceptionLog implements ExceptionSink {
   @Override
   public void onException(String record, Object exception) {
     if (AgentThread.isAtWork() || AgentThread.isFailureOfHelp(exception)) {
+      own.incrementAndGet();
       return;
     }
     if (queue.add(record, exception)) {
@@ -207,6 +211,7 @@ final class ExceptionLog implements ExceptionSink {
   private void writeEnd() {
     JsonText json = new JsonText().beginObject();
     json.key("recorded").value(recorded).key("dropped").value(dropped());
+    json.key("own").value(own.get());
     AgentRecords.writeCounts(json);
     json.endObject();
     try {
