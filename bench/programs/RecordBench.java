@@ -17,10 +17,10 @@ import java.util.logging.Logger;
  * process was larger than before at most. The Java heap has to be resident from the start.
  */
 public final class RecordBench {
-  private static final int kThrows = 5;
-  private static final int kLong = 40 << 20; // characters of a text
-  private static final Path kStatus = Paths.get("/proc/self/status");
-  private static final Path kResetPeak = Paths.get("/proc/self/clear_refs");
+  private static final int THROWS = 5;
+  private static final int LONG = 40 << 20; // characters of a text
+  private static final Path STATUS = Paths.get("/proc/self/status");
+  private static final Path RESET_PEAK = Paths.get("/proc/self/clear_refs");
 
   private enum Colour {
     C0, C1, C2, C3, C4, C5, C6, C7, C8, C9, C10, C11, C12, C13, C14, C15, C16, C17, C18, C19, C20,
@@ -86,8 +86,8 @@ public final class RecordBench {
     longest = 0;
     long dearest = 0;
     long before = status("VmRSS:");
-    Files.write(kResetPeak, "5".getBytes(StandardCharsets.US_ASCII));
-    for (int i = 0; i < kThrows; i++) {
+    Files.write(RESET_PEAK, "5".getBytes(StandardCharsets.US_ASCII));
+    for (int i = 0; i < THROWS; i++) {
       long start = threads.getCurrentThreadCpuTime();
       try {
         thrower.run();
@@ -105,18 +105,18 @@ public final class RecordBench {
   }
 
   private static String longText() {
-    byte[] text = new byte[kLong];
+    byte[] text = new byte[LONG];
     Arrays.fill(text, (byte) 'x');
     return new String(text, StandardCharsets.ISO_8859_1);
   }
 
   /** Bytes. */
   private static long status(String key) throws IOException {
-    for (String line : Files.readAllLines(kStatus)) {
+    for (String line : Files.readAllLines(STATUS)) {
       if (line.startsWith(key)) {
         return Long.parseLong(line.replaceAll("[^0-9]", "")) << 10;
       }
     }
-    throw new IOException("no " + key + " in " + kStatus);
+    throw new IOException("no " + key + " in " + STATUS);
   }
 }

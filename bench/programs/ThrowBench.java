@@ -41,8 +41,8 @@ public final class ThrowBench extends Load {
 
     /**
      * What the agent is told. "none": nothing. "spent": to record one exception in a minute.
-     * "blacklisted": to record none of this class. "all": to record all. "filtered": the same, while
-     * the thrower is one that is never recorded.
+     * "blacklisted": to record none of this class. "all": to record all. "filtered": the same,
+     * while the thrower is one that is never recorded.
      */
     final String capture;
 

@@ -128,8 +128,8 @@ public final class TruthBench {
 
   /**
    * Options: threads, monitors, hold (milliseconds that a monitor is held, or waited for, after all
-   * threads were seen to block), waits (threads wait instead of entering), rounds, virtual, recorder
-   * (a settings file).
+   * threads were seen to block), waits (threads wait instead of entering), rounds, virtual,
+   * recorder (a settings file).
    */
   private TruthBench(Options options) {
     monitors = new Contended[options.integer("monitors", 1)];

@@ -12,8 +12,8 @@ import java.util.Random;
  * <p>Usage: {@code ExceptionRecordTest [SEED [ROUNDS]]} for the hostile texts.
  */
 public final class ExceptionRecordTest {
-  private static final String kHead = "com.example.Shop.buy(Shop.java:42)%40%41";
-  private static final String kField = "id%3A4%3A7";
+  private static final String HEAD = "com.example.Shop.buy(Shop.java:42)%40%41";
+  private static final String FIELD = "id%3A4%3A7";
 
   private static int failures;
 
@@ -53,7 +53,7 @@ public final class ExceptionRecordTest {
   }
 
   private static void oneFrame() {
-    ExceptionRecord record = certain(kHead + "%42qty%3A4%3A3%2C%43name%3A7%3Apen%2C%44");
+    ExceptionRecord record = certain(HEAD + "%42qty%3A4%3A3%2C%43name%3A7%3Apen%2C%44");
     same("frames", 1, record.frames().size());
     ExceptionRecord.Frame frame = record.frames().get(0);
     same("class", "com.example.Shop", frame.className());
@@ -71,7 +71,7 @@ public final class ExceptionRecordTest {
         "z%3A0%3A1%2Cy%3A0%3A0%2Cc%3A1%3A65%2Cb%3A2%3A-128%2Cs%3A3%3A-1%2Ci%3A4%3A-2147483648%2C"
             + "j%3A5%3A9223372036854775807%2Cd%3A6%3A-1.500000%2Ct%3A7%3Atext%2C"
             + "u%3A8%3Abuilder%2Cf%3A9%3A0.250000%2C";
-    ExceptionRecord.Frame frame = certain(kHead + "%42" + arguments + "%43%44").frames().get(0);
+    ExceptionRecord.Frame frame = certain(HEAD + "%42" + arguments + "%43%44").frames().get(0);
     same(
         "types",
         "[z: boolean = true, y: boolean = false, c: char = 65 'A', b: byte = -128, s: short = -1,"
@@ -81,7 +81,7 @@ public final class ExceptionRecordTest {
     same("text", "65", frame.arguments().get(2).text());
     for (String number : new String[] {"inf", "-inf", "nan", "-nan"}) {
       List<CapturedValue> values =
-          certain(kHead + "%42d%3A6%3A" + number + "%2C%43%44").frames().get(0).arguments();
+          certain(HEAD + "%42d%3A6%3A" + number + "%2C%43%44").frames().get(0).arguments();
       same("no number", number, values.get(0).text());
     }
   }
@@ -89,7 +89,7 @@ public final class ExceptionRecordTest {
   private static void nullsAndObjects() {
     ExceptionRecord.Frame frame =
         certain(
-                kHead
+                HEAD
                     + "%42!%23none%3A10%3ANULL!%23%2C!%23cart%3A10%3A"
                     + "items%3A10%3ANULL%2C!%23owner%3A10%3Aname%3A7%3A%2Cage%3A4%3A3%2C!%23%2C"
                     + "!%23%2C!%23empty%3A10%3A!%23%2C%43!%23a%3A10%3Alength%3A4%3A9%2C!%23%2C%44")
@@ -107,7 +107,7 @@ public final class ExceptionRecordTest {
   /** The class variables and thread locals are written without the last three characters. */
   private static void lastSeparatorsOfSections() {
     String rest = "%42%43%44";
-    same("number", "[id: int = 7]", thisOf(kField + rest));
+    same("number", "[id: int = 7]", thisOf(FIELD + rest));
     same("text", "[a: int = 1, t: String = \"pen\"]", thisOf("a%3A4%3A1%2Ct%3A7%3Apen" + rest));
     same("empty text", "[t: String = \"\"]", thisOf("t%3A7%3A" + rest));
     same("null", "[n: object = null]", thisOf("n%3A10%3ANULL" + rest));
@@ -117,7 +117,7 @@ public final class ExceptionRecordTest {
 
     ExceptionRecord record =
         certain(
-            kHead + "%42%43%44!%23ThreadLocals3%3A10%3A!%23value%3A10%3At%3A7%3Apen%2C!%23%2C"
+            HEAD + "%42%43%44!%23ThreadLocals3%3A10%3A!%23value%3A10%3At%3A7%3Apen%2C!%23%2C"
                 + "!%23%2C!%23ThreadLocals14%3A10%3Avalue%3A10%3ANULL%2C!%23%7Cx.A.b(NA:-1)%40%41"
                 + "%42%43%44");
     List<CapturedValue> locals = record.frames().get(0).threadLocals();
@@ -128,12 +128,12 @@ public final class ExceptionRecordTest {
   }
 
   private static List<CapturedValue> thisOf(String afterHead) {
-    return certain(kHead + afterHead).frames().get(0).classVariables();
+    return certain(HEAD + afterHead).frames().get(0).classVariables();
   }
 
   private static void severalFrames() {
     ExceptionRecord record =
-        certain(kHead + kField + "%42%43%44%7Ca.B.<init>(B.java:-1)%40%41%42x%3A4%3A1%2C%43%44"
+        certain(HEAD + FIELD + "%42%43%44%7Ca.B.<init>(B.java:-1)%40%41%42x%3A4%3A1%2C%43%44"
             + "%7Ca.B$1.run(NA:-1)%40%41%42%43%44");
     same(
         "frames",
@@ -180,7 +180,7 @@ public final class ExceptionRecordTest {
           "%42%43%44!%23ThreadLocals1%3A10%3A!%23value%3A10%3A" + entry + "%2C!%23%2C!%23",
       };
       for (String each : records) {
-        ExceptionRecord record = ExceptionRecord.parse(kHead + each + "%7C" + kHead + "%42%43%44");
+        ExceptionRecord record = ExceptionRecord.parse(HEAD + each + "%7C" + HEAD + "%42%43%44");
         same("frames of " + each, 2, record.frames().size());
         CapturedValue value = find("t", record.frames().get(0));
         same("text of " + each, text, value == null ? null : value.text());
@@ -194,7 +194,7 @@ public final class ExceptionRecordTest {
   private static void separatorsAtTheEdgesOfTexts() {
     String[] texts = {"%", "!", "%2", "!%2", "pen%", "pen!", "pen%4", "%%%", "!!%"};
     for (String text : texts) {
-      String record = kHead + "%42t%3A7%3A" + text + "%2C%43%44";
+      String record = HEAD + "%42t%3A7%3A" + text + "%2C%43%44";
       same("text", text, certain(record).frames().get(0).arguments().get(0).text());
     }
   }
@@ -223,7 +223,7 @@ public final class ExceptionRecordTest {
 
   /** Nobody can tell these from entries. */
   private static void imitations() {
-    ExceptionRecord record = certain(kHead + "%42t%3A7%3Aa%2Cb%3A4%3A3%2C%43%44");
+    ExceptionRecord record = certain(HEAD + "%42t%3A7%3Aa%2Cb%3A4%3A3%2C%43%44");
     same("imitated", "[t: String = \"a\", b: int = 3]", record.frames().get(0).arguments());
   }
 
@@ -237,7 +237,7 @@ public final class ExceptionRecordTest {
     same("raw head", "hello", ExceptionRecord.parse("hello").frames().get(0));
 
     ExceptionRecord record =
-        ExceptionRecord.parse(kHead + "%42junk%2Cx%3A11%3A1%2Cy%3A4%3Aseven%2Cz%3A4%3A1%2C%43%44");
+        ExceptionRecord.parse(HEAD + "%42junk%2Cx%3A11%3A1%2Cy%3A4%3Aseven%2Cz%3A4%3A1%2C%43%44");
     reason(record, "no entry begins here");
     List<CapturedValue> arguments = record.frames().get(0).arguments();
     same("readable", "z: int = 1", arguments.get(arguments.size() - 1));
@@ -246,20 +246,20 @@ public final class ExceptionRecordTest {
     same("unreadable", "x%3A11%3A1", arguments.get(1).text());
     same("no number", "unreadable: y%3A4%3Aseven", arguments.get(2));
 
-    record = ExceptionRecord.parse(kHead + "%42%43x%3A4%3A1%2C%7C" + kHead + "%42%43%44");
+    record = ExceptionRecord.parse(HEAD + "%42%43x%3A4%3A1%2C%7C" + HEAD + "%42%43%44");
     reason(record, "the locals do not end");
     same("locals", "[x: int = 1]", record.frames().get(0).locals());
     same("frame after it", "com.example.Shop.buy(Shop.java:42)", record.frames().get(1));
 
-    record = ExceptionRecord.parse(kHead + "%42!%23o%3A10%3Ax%3A4%3A1%2C%43%44");
+    record = ExceptionRecord.parse(HEAD + "%42!%23o%3A10%3Ax%3A4%3A1%2C%43%44");
     reason(record, "an object does not end");
     same("fields", "[x: int = 1]", record.frames().get(0).arguments().get(0).fields());
 
-    record = ExceptionRecord.parse(kHead + "%42t%3A7%3Apen");
+    record = ExceptionRecord.parse(HEAD + "%42t%3A7%3Apen");
     reason(record, "the text of t has no certain end");
     same("text", "pen", record.frames().get(0).arguments().get(0).text());
 
-    record = ExceptionRecord.parse(kHead + "%42%43%42x%3A4%3A1%2Cy%3A4%3A2%2C%44");
+    record = ExceptionRecord.parse(HEAD + "%42%43%42x%3A4%3A1%2Cy%3A4%3A2%2C%44");
     reason(record, "no entry begins here");
     same(
         "behind the mark of a section that is over",
@@ -269,14 +269,14 @@ public final class ExceptionRecordTest {
 
   private static void truncatedRecords() {
     String whole =
-        kHead + "!%23o%3A10%3At%3A7%3Aa%2Cb%2C!%23%42x%3A4%3A1%2C%43!%23n%3A10%3ANULL!%23%2C%44"
-            + "!%23ThreadLocals1%3A10%3A!%23%7C" + kHead + "%42%43%44";
+        HEAD + "!%23o%3A10%3At%3A7%3Aa%2Cb%2C!%23%42x%3A4%3A1%2C%43!%23n%3A10%3ANULL!%23%2C%44"
+            + "!%23ThreadLocals1%3A10%3A!%23%7C" + HEAD + "%42%43%44";
     for (int length = 0; length <= whole.length(); length++) {
       String part = whole.substring(0, length);
       ExceptionRecord record = ExceptionRecord.parse(part);
       same("text", part, record.text());
       check("a frame of " + part, part.isEmpty() == record.frames().isEmpty());
-      if (length >= kHead.length()) {
+      if (length >= HEAD.length()) {
         same("head", "buy", record.frames().get(0).methodName());
       }
     }
@@ -284,7 +284,7 @@ public final class ExceptionRecordTest {
 
   private static void linesOfTheTree() {
     ExceptionRecord record =
-        ExceptionRecord.parse(kHead + kField + "%42t%3A7%3Aa\nb\u0000%2Cc%2C%43"
+        ExceptionRecord.parse(HEAD + FIELD + "%42t%3A7%3Aa\nb\u0000%2Cc%2C%43"
             + "!%23o%3A10%3Ad%3A6%3A1.000000%2C!%23%2C%44!%23ThreadLocals1%3A10%3A!%23");
     same(
         "tree",
@@ -308,7 +308,7 @@ public final class ExceptionRecordTest {
 
   private static void deepNesting() {
     for (String piece : new String[] {"!%23a%3A10%3A", "!%23", "a%3A7%3A", "!%23%2C"}) {
-      String text = kHead + "%42" + String.join("", Collections.nCopies(100_000, piece));
+      String text = HEAD + "%42" + String.join("", Collections.nCopies(100_000, piece));
       check("a tree of many " + piece, !ExceptionRecord.parse(text).toString().isEmpty());
     }
   }
@@ -320,7 +320,7 @@ public final class ExceptionRecordTest {
         "a%3A7%3A", "a%3A7%3A%2C", "a%3A7%3Ab%2C%2C", "a%3A4%3A1", "!%23a%3A10%3A",
         "!%23a%3A10%3Ab%3A7%3A", "a.b(c:1)%40%41", "a.b(c:1)%40%41a%3A7%3A%7C",
     };
-    String[] starts = {"", kHead, kHead + "%42", kHead + "%42a%3A7%3A", kHead + "a%3A4%3A"};
+    String[] starts = {"", HEAD, HEAD + "%42", HEAD + "%42a%3A7%3A", HEAD + "a%3A4%3A"};
     for (String piece : pieces) {
       String text = String.join("", Collections.nCopies(1_000_000 / piece.length(), piece));
       for (String start : starts) {
@@ -338,10 +338,10 @@ public final class ExceptionRecordTest {
         "%3A", "%2C", "!%23", "!%23%2C", "%40%41", "%42", "%43", "%44", "%7C", "%", "!", "%2", "",
         "NULL", "10", "7", "8", "4", "-1", "3.5", "0", "name", "a.B.c(D.java:1)", "a.B.c(", ")",
         ":", "t%3A7%3A", "n%3A10%3ANULL", "!%23o%3A10%3A", "i%3A4%3A3", "c%3A1%3A", "d%3A6%3A",
-        "\u0000", "\ud800", "\u00e9", "ThreadLocals1", "99999999999999999999", kHead,
+        "\u0000", "\ud800", "\u00e9", "ThreadLocals1", "99999999999999999999", HEAD,
     };
     for (int round = 0; round < rounds; round++) {
-      StringBuilder text = new StringBuilder(random.nextBoolean() ? kHead : "");
+      StringBuilder text = new StringBuilder(random.nextBoolean() ? HEAD : "");
       for (int i = random.nextInt(40); i > 0; i--) {
         text.append(pieces[random.nextInt(pieces.length)]);
       }

@@ -7,7 +7,7 @@ import java.util.concurrent.atomic.AtomicLong;
 import java.util.function.BooleanSupplier;
 import java.util.function.Supplier;
 
-/** Class loaders are made, their classes contend, throw and are tagged, and all of it is dropped. */
+/** Class loaders are made, their classes contend, throw and are tagged, and all are dropped. */
 final class Loading implements Storm {
   private static final String GUEST = "Loading$Guest";
 

@@ -2,13 +2,13 @@ import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
 
 /** The steps of a lock session with limits that nothing here reaches, and the facts they give. */
 final class Agent {
-  static final int kPlenty = 10000;
+  static final int PLENTY = 10000;
 
   private Agent() {}
 
   static int start(long id, String name, String stackFile) {
     return TWNativeAgentProfiling.startMutexLockProfilingSession(
-        id, name, 120, kPlenty, kPlenty, kPlenty, kPlenty, kPlenty, kPlenty, stackFile);
+        id, name, 120, PLENTY, PLENTY, PLENTY, PLENTY, PLENTY, PLENTY, stackFile);
   }
 
   static int summary(long id) {

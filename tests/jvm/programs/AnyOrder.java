@@ -7,7 +7,7 @@ import java.util.TreeSet;
 
 /** The control calls in every order, at first with no session ever started, under contention. */
 public final class AnyOrder {
-  private static final String[] kCalls = {
+  private static final String[] CALLS = {
       "start", "summary", "detail", "stopSummary", "stopDetail", "stop", "startMemory"};
 
   private final String report;
@@ -17,7 +17,7 @@ public final class AnyOrder {
   private AnyOrder(String report, String stacks) {
     this.report = report;
     this.stacks = stacks;
-    for (int i = 0; i < kCalls.length; i++) {
+    for (int i = 0; i < CALLS.length; i++) {
       results.add(new TreeSet<>());
     }
   }
@@ -92,8 +92,8 @@ public final class AnyOrder {
   }
 
   private void tell(String key) {
-    for (int i = 0; i < kCalls.length; i++) {
-      Facts.put(key + "." + kCalls[i], results.get(i));
+    for (int i = 0; i < CALLS.length; i++) {
+      Facts.put(key + "." + CALLS[i], results.get(i));
       results.get(i).clear();
     }
   }

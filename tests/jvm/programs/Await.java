@@ -7,15 +7,15 @@ import javax.management.ObjectName;
 
 /** Waits for what other threads do by looking at them, and fails when it takes a minute. */
 final class Await {
-  private static final long kLimitSeconds = 60;
+  private static final long LIMIT_SECONDS = 60;
 
   private Await() {}
 
   static void that(String what, BooleanSupplier condition) {
-    long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(kLimitSeconds);
+    long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(LIMIT_SECONDS);
     while (!condition.getAsBoolean()) {
       if (System.nanoTime() - deadline > 0) {
-        throw new IllegalStateException("not within " + kLimitSeconds + " s: " + what);
+        throw new IllegalStateException("not within " + LIMIT_SECONDS + " s: " + what);
       }
       pause();
     }
@@ -27,8 +27,8 @@ final class Await {
 
   static void latch(CountDownLatch latch) {
     try {
-      if (!latch.await(kLimitSeconds, TimeUnit.SECONDS)) {
-        throw new IllegalStateException("not within " + kLimitSeconds + " s: latch");
+      if (!latch.await(LIMIT_SECONDS, TimeUnit.SECONDS)) {
+        throw new IllegalStateException("not within " + LIMIT_SECONDS + " s: latch");
       }
     } catch (InterruptedException e) {
       throw new IllegalStateException(e);

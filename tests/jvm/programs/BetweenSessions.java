@@ -2,7 +2,7 @@ import java.util.concurrent.CountDownLatch;
 
 /** Threads of a first session that block and wait anew while none runs, and end it in a second. */
 public final class BetweenSessions {
-  private static final int kGapMillis = 4000;
+  private static final int GAP_MILLIS = 4000;
 
   private BetweenSessions() {}
 
@@ -37,7 +37,7 @@ public final class BetweenSessions {
     Agent.detail(21);
     Agent.stopDetail(21);
     Agent.stop(21, args[0]);
-    Thread.sleep(kGapMillis);
+    Thread.sleep(GAP_MILLIS);
 
     Entrant owner = Entrant.inside("owner", lock);
     next.countDown();

@@ -8,8 +8,8 @@ import java.util.concurrent.ConcurrentLinkedQueue;
 
 /** What the agent delivered, in order, and the facts that are told of it. */
 final class Captured {
-  private static final int kFrames = 4; // of each record that are told
-  private static final Queue<Captured> kAll = new ConcurrentLinkedQueue<>();
+  private static final int FRAMES = 4; // of each record that are told
+  private static final Queue<Captured> ALL = new ConcurrentLinkedQueue<>();
 
   final String text;
   final Throwable exception;
@@ -26,7 +26,7 @@ final class Captured {
   }
 
   static int everything(int frames) {
-    TWNativeAgentProfiling.setExceptionSink((text, e) -> kAll.add(new Captured(text, e)));
+    TWNativeAgentProfiling.setExceptionSink((text, e) -> ALL.add(new Captured(text, e)));
     return enable(true, 0, frames, "[]");
   }
 
@@ -42,7 +42,7 @@ final class Captured {
   /** What was delivered since it was last asked for. */
   static List<Captured> take() {
     List<Captured> taken = new ArrayList<>();
-    for (Captured each = kAll.poll(); each != null; each = kAll.poll()) {
+    for (Captured each = ALL.poll(); each != null; each = ALL.poll()) {
       taken.add(each);
     }
     return taken;
@@ -54,7 +54,7 @@ final class Captured {
     Facts.put(key + ".exception", exception.getClass().getName());
     Facts.put(key + ".frames", record.frames().size());
     Facts.put(key + ".doubts", record.doubts());
-    for (int n = 0; n < Math.min(kFrames, record.frames().size()); n++) {
+    for (int n = 0; n < Math.min(FRAMES, record.frames().size()); n++) {
       ExceptionRecord.Frame frame = record.frames().get(n);
       String place = key + "." + n;
       Facts.put(place, frame);

@@ -8,7 +8,7 @@ import java.util.stream.Stream;
 
 /** Makes many objects that nobody keeps, and keeps a few. */
 public final class Churning {
-  private static final List<Tracked> kKept = new ArrayList<>();
+  private static final List<Tracked> KEPT = new ArrayList<>();
   private static volatile Tracked last;
 
   private Churning() {}
@@ -18,11 +18,11 @@ public final class Churning {
     Path output = Paths.get(args[0]);
     int sweeps = Integer.parseInt(args[1]);
     for (int i = 0; i < Integer.parseInt(args[2]); i++) {
-      kKept.add(new Tracked());
+      KEPT.add(new Tracked());
     }
     int lost = Integer.parseInt(args[3]);
     Await.that("sweeps", () -> churn(lost) && sweeps(output) >= sweeps);
-    Facts.put("kept", kKept.size());
+    Facts.put("kept", KEPT.size());
   }
 
   private static boolean churn(int count) {

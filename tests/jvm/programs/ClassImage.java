@@ -12,7 +12,7 @@ import java.util.Map;
  * and attributes that the VM does not see because they go by another name.
  */
 final class ClassImage {
-  private static final int kUtf8 = 1;
+  private static final int UTF8 = 1;
 
   private final Class<?> template;
   private final Map<String, String> texts = new HashMap<>();
@@ -76,7 +76,7 @@ final class ClassImage {
     for (int i = 1; i < count; i++) {
       int tag = in.readUnsignedByte();
       out.writeByte(tag);
-      if (tag == kUtf8) {
+      if (tag == UTF8) {
         String text = in.readUTF();
         out.writeUTF(texts.getOrDefault(text, text));
       } else {

@@ -8,8 +8,8 @@ import java.util.List;
 
 /** Classes of monitors come and go with their loaders while a session runs. */
 public final class DroppedLoaders {
-  private static final int kLoaders = 5;
-  private static final int kPassingLoaders = 150;
+  private static final int LOADERS = 5;
+  private static final int PASSING_LOADERS = 150;
 
   /** The class whose instances are contended for; every loader has its own. */
   public static final class Guest {}
@@ -23,7 +23,7 @@ public final class DroppedLoaders {
     Agent.summary(18);
     List<Object> guests = new ArrayList<>();
     List<WeakReference<ClassLoader>> loaders = new ArrayList<>();
-    addGuests(guests, loaders, kLoaders);
+    addGuests(guests, loaders, LOADERS);
     passBy();
     for (Object guest : guests) {
       Facts.put("guest." + guests.indexOf(guest), Facts.lockName(guest));
@@ -37,7 +37,7 @@ public final class DroppedLoaders {
     awaitDropped(loaders);
 
     // No new lock is followed any more, but every monitor is named.
-    addGuests(guests, loaders, kLoaders);
+    addGuests(guests, loaders, LOADERS);
     for (Object guest : guests) {
       contend(guest);
     }
@@ -58,7 +58,7 @@ public final class DroppedLoaders {
   private static void passBy() throws Exception {
     List<Object> guests = new ArrayList<>();
     List<WeakReference<ClassLoader>> loaders = new ArrayList<>();
-    addGuests(guests, loaders, kPassingLoaders);
+    addGuests(guests, loaders, PASSING_LOADERS);
     for (Object guest : guests) {
       synchronized (guest) {
         guest.wait(1);

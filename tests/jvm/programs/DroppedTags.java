@@ -8,7 +8,7 @@ import payload.Payload;
 
 /** Tagged objects whose class is unloaded before the scan; some of another loader stay. */
 public final class DroppedTags {
-  private static final int kLoaders = 20;
+  private static final int LOADERS = 20;
 
   private DroppedTags() {}
 
@@ -34,7 +34,7 @@ public final class DroppedTags {
 
   private static void addGuests(Tags tags, List<WeakReference<Class<?>>> classes)
       throws ReflectiveOperationException {
-    for (int i = 0; i < kLoaders; i++) {
+    for (int i = 0; i < LOADERS; i++) {
       Class<?> guest = Class.forName(Payload.Dropped.class.getName(), true, new GuestLoader());
       Object made = guest.getDeclaredConstructor().newInstance();
       tags.keep(1, () -> made);

@@ -11,8 +11,8 @@ import java.util.Arrays;
  * A second argument leaves capture to someone else.
  */
 public final class ExceptionBudget {
-  private static final int kThrows = 5;
-  private static final int kCharacters = 40 << 20;
+  private static final int THROWS = 5;
+  private static final int CHARACTERS = 40 << 20;
 
   private enum Colour {
     C0, C1, C2, C3, C4, C5, C6, C7, C8, C9, C10, C11, C12, C13, C14, C15, C16, C17, C18, C19, C20,
@@ -39,10 +39,10 @@ public final class ExceptionBudget {
     Order order = new Order();
     switch (args[0]) {
       case "string":
-        order.text = repeated(kCharacters);
+        order.text = repeated(CHARACTERS);
         break;
       case "builder":
-        order.builder = new StringBuilder(repeated(kCharacters / 2));
+        order.builder = new StringBuilder(repeated(CHARACTERS / 2));
         break;
       default:
         order.colour = Colour.C3;
@@ -52,7 +52,7 @@ public final class ExceptionBudget {
       Facts.put("enable", Captured.enable(true, 0, 10, "[]"));
     }
     long most = 0;
-    for (int i = 0; i < kThrows; i++) {
+    for (int i = 0; i < THROWS; i++) {
       long before = ManagementFactory.getThreadMXBean().getCurrentThreadCpuTime();
       try {
         order.pay();

@@ -24,7 +24,7 @@ import java.util.regex.Pattern;
  * outermost first, and how often each of these was delivered; then the records.
  */
 public final class ExceptionCorpus {
-  private static final Map<String, Integer> kNothing = Collections.emptyMap();
+  private static final Map<String, Integer> NOTHING = Collections.emptyMap();
 
   private ExceptionCorpus() {}
 
@@ -65,7 +65,7 @@ public final class ExceptionCorpus {
     situation("wrongCast", () -> (String) (Object) Integer.valueOf(3));
     situation("arrayStore", () -> ((Object[]) new String[1])[0] = 3);
     situation("unboxing", () -> {
-      Map<String, Integer> empty = kNothing;
+      Map<String, Integer> empty = NOTHING;
       int value = empty.get("none");
       return value;
     });

@@ -4,8 +4,8 @@ import java.util.concurrent.atomic.AtomicReference;
 
 /** An instance is captured while another thread still runs the static initialiser of its class. */
 public final class ExceptionInitializer {
-  private static final CountDownLatch kMayEnd = new CountDownLatch(1);
-  private static final AtomicReference<Slow> kInstance = new AtomicReference<>();
+  private static final CountDownLatch MAY_END = new CountDownLatch(1);
+  private static final AtomicReference<Slow> INSTANCE = new AtomicReference<>();
 
   private ExceptionInitializer() {}
 
@@ -13,8 +13,8 @@ public final class ExceptionInitializer {
     static int before = 4;
 
     static {
-      kInstance.set(new Slow("early"));
-      Await.latch(kMayEnd);
+      INSTANCE.set(new Slow("early"));
+      Await.latch(MAY_END);
     }
 
     static int after = 5;
@@ -30,9 +30,9 @@ public final class ExceptionInitializer {
     Captured.everything();
     Thread initializer = new Thread(() -> Throwers.use(new Slow("late")));
     initializer.start();
-    Await.that("an instance", () -> kInstance.get() != null);
+    Await.that("an instance", () -> INSTANCE.get() != null);
     capture("during");
-    kMayEnd.countDown();
+    MAY_END.countDown();
     initializer.join();
     capture("behind");
     Captured.take();
@@ -70,7 +70,7 @@ public final class ExceptionInitializer {
   private static void capture(String key) {
     Captured.take();
     try {
-      fail(kInstance.get());
+      fail(INSTANCE.get());
     } catch (IllegalStateException e) {
       List<Captured> delivered = Captured.take();
       Facts.put(key, delivered.size());

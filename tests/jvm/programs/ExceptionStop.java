@@ -5,8 +5,8 @@ import java.util.concurrent.atomic.AtomicLong;
  * an exception that the agent of the tests sends with StopThread ("send").
  */
 public final class ExceptionStop {
-  private static final int kThreads = 20;
-  private static final long kMillisToEnd = 5000;
+  private static final int THREADS = 20;
+  private static final long MILLIS_TO_END = 5000;
 
   /** What is sent; nobody catches it but the handler of what the thread did not catch. */
   private static final class Ended extends Error {
@@ -22,7 +22,7 @@ public final class ExceptionStop {
     Facts.put("enable", Captured.everything());
     int ended = 0;
     int byIt = 0;
-    for (int i = 0; i < kThreads; i++) {
+    for (int i = 0; i < THREADS; i++) {
       Throwable[] last = {null};
       AtomicLong caught = new AtomicLong();
       Thread thread = new Thread(() -> throwAndCatch(caught), "thrower");
@@ -37,11 +37,11 @@ public final class ExceptionStop {
       } else if (send(thread, sent) != 0) {
         throw new IllegalStateException("StopThread");
       }
-      thread.join(kMillisToEnd);
+      thread.join(MILLIS_TO_END);
       ended += thread.isAlive() ? 0 : 1;
       byIt += last[0] == sent || (last[0] instanceof ThreadDeath) ? 1 : 0;
     }
-    Facts.put("threads", kThreads);
+    Facts.put("threads", THREADS);
     Facts.put("ended", ended);
     if (args[0].equals("send")) {
       Facts.put("byIt", byIt);

@@ -8,8 +8,8 @@ import java.util.concurrent.CountDownLatch;
 
 /** Threads that throw at once; every exception carries a number that its record must show. */
 public final class ExceptionThreads {
-  private static final int kThreads = 32;
-  private static final int kEach = 20;
+  private static final int THREADS = 32;
+  private static final int EACH = 20;
 
   private ExceptionThreads() {}
 
@@ -27,15 +27,15 @@ public final class ExceptionThreads {
 
   static void run(Starter starter) {
     Captured.everything(6);
-    CountDownLatch ready = new CountDownLatch(kThreads);
-    CountDownLatch done = new CountDownLatch(kThreads);
+    CountDownLatch ready = new CountDownLatch(THREADS);
+    CountDownLatch done = new CountDownLatch(THREADS);
     List<Thread> threads = new ArrayList<>();
-    for (int i = 0; i < kThreads; i++) {
-      int first = i * kEach;
+    for (int i = 0; i < THREADS; i++) {
+      int first = i * EACH;
       threads.add(starter.start(() -> {
         ready.countDown();
         Await.latch(ready);
-        for (int n = first; n < first + kEach; n++) {
+        for (int n = first; n < first + EACH; n++) {
           caught(n);
         }
         done.countDown();
@@ -52,11 +52,11 @@ public final class ExceptionThreads {
         int number = ((Throwers.Numbered) captured.exception).number;
         numbers.add(number);
         delivered++;
-        right += shows(number, captured.text) && captured.thread == threads.get(number / kEach)
+        right += shows(number, captured.text) && captured.thread == threads.get(number / EACH)
             ? 1 : 0;
       }
     }
-    Facts.put("thrown", kThreads * kEach);
+    Facts.put("thrown", THREADS * EACH);
     Facts.put("delivered", delivered);
     Facts.put("numbers", numbers.size());
     Facts.put("right", right);

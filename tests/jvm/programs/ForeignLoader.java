@@ -8,9 +8,9 @@ import java.util.concurrent.TimeUnit;
  * which takes that lock. Whoever has a class loaded for the exception meanwhile blocks them both.
  */
 public final class ForeignLoader {
-  private static final Object kLock = new Object();
-  private static final CountDownLatch kIsLoading = new CountDownLatch(1);
-  private static final CountDownLatch kIsHeld = new CountDownLatch(1);
+  private static final Object LOCK = new Object();
+  private static final CountDownLatch IS_LOADING = new CountDownLatch(1);
+  private static final CountDownLatch IS_HELD = new CountDownLatch(1);
 
   private ForeignLoader() {}
 
@@ -51,9 +51,9 @@ public final class ForeignLoader {
   }
 
   private static void throwWithLock(RuntimeException made) throws InterruptedException {
-    kIsLoading.await();
-    synchronized (kLock) {
-      kIsHeld.countDown();
+    IS_LOADING.await();
+    synchronized (LOCK) {
+      IS_HELD.countDown();
       TimeUnit.MILLISECONDS.sleep(100); // the other thread is at the lock
       try {
         throw made;
@@ -122,12 +122,12 @@ public final class ForeignLoader {
 
     private static void takeLock() {
       try {
-        kIsLoading.countDown();
-        kIsHeld.await();
+        IS_LOADING.countDown();
+        IS_HELD.await();
       } catch (InterruptedException e) {
         throw new IllegalStateException(e);
       }
-      synchronized (kLock) {
+      synchronized (LOCK) {
         Facts.put("locked", true);
       }
     }

@@ -3,14 +3,14 @@ import java.util.concurrent.CountDownLatch;
 
 /** Threads that contend as they like; the VM's own count of contended entries is the measure. */
 public final class FreeContention {
-  private static final int kThreads = 8;
-  private static final int kRounds = 500;
+  private static final int THREADS = 8;
+  private static final int ROUNDS = 500;
 
   private final Object lock = new Object();
-  private final Thread[] threads = new Thread[kThreads];
-  private final CountDownLatch ready = new CountDownLatch(kThreads);
+  private final Thread[] threads = new Thread[THREADS];
+  private final CountDownLatch ready = new CountDownLatch(THREADS);
   private final CountDownLatch go = new CountDownLatch(1);
-  private final CountDownLatch done = new CountDownLatch(kThreads);
+  private final CountDownLatch done = new CountDownLatch(THREADS);
   private final CountDownLatch end = new CountDownLatch(1);
   private long work;
 
@@ -27,7 +27,7 @@ public final class FreeContention {
     Agent.summary(15);
     Round.run(lock, "owner", "early");
     Agent.detail(15);
-    for (int i = 0; i < kThreads; i++) {
+    for (int i = 0; i < THREADS; i++) {
       threads[i] = new Thread(this::contend, "free-" + i);
       threads[i].setDaemon(true);
       threads[i].start();
@@ -37,7 +37,7 @@ public final class FreeContention {
     go.countDown();
     Await.latch(done);
     long[] after = blockedCounts();
-    for (int i = 0; i < kThreads; i++) {
+    for (int i = 0; i < THREADS; i++) {
       Facts.put("entries.free-" + i, after[i] - before[i]);
     }
     Agent.stopDetail(15);
@@ -48,7 +48,7 @@ public final class FreeContention {
   private void contend() {
     ready.countDown();
     Await.latch(go);
-    for (int i = 0; i < kRounds; i++) {
+    for (int i = 0; i < ROUNDS; i++) {
       synchronized (lock) {
         for (int k = 0; k < 500; k++) {
           work += k;
@@ -63,8 +63,8 @@ public final class FreeContention {
   }
 
   private long[] blockedCounts() {
-    long[] counts = new long[kThreads];
-    for (int i = 0; i < kThreads; i++) {
+    long[] counts = new long[THREADS];
+    for (int i = 0; i < THREADS; i++) {
       counts[i] =
           ManagementFactory.getThreadMXBean().getThreadInfo(threads[i].getId()).getBlockedCount();
     }

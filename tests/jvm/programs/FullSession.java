@@ -2,9 +2,9 @@ import java.util.ArrayDeque;
 
 /** One whole session: profiling, summary, detail, stop, with everything that is in the report. */
 public final class FullSession {
-  private static final long kId = 4294967297L;
-  private static final long kHold = 2_300_000_000L;
-  private static final String[] kContenders = {"clerk-1", "clerk-2", "clerk-3"};
+  private static final long ID = 4294967297L;
+  private static final long HOLD = 2_300_000_000L;
+  private static final String[] CONTENDERS = {"clerk-1", "clerk-2", "clerk-3"};
 
   private static final class Inventory {}
 
@@ -21,21 +21,21 @@ public final class FullSession {
 
     Facts.put("start",
         com.korvane.twutils.nativeagent.TWNativeAgentProfiling.startMutexLockProfilingSession(
-            kId, "checkout", 185, 10, 1000, 100, 101, 102, 103, args[1]));
-    Facts.put("summary", Agent.summary(kId));
-    Round.run(inventory, "manager", kContenders);
-    Round.run(inventory, "manager", kContenders);
+            ID, "checkout", 185, 10, 1000, 100, 101, 102, 103, args[1]));
+    Facts.put("summary", Agent.summary(ID));
+    Round.run(inventory, "manager", CONTENDERS);
+    Round.run(inventory, "manager", CONTENDERS);
     Round.run(shelf, "manager", "clerk-1");
     Waiter.waiting("packer", orders).wake();
 
-    Facts.put("detail", Agent.detail(kId));
+    Facts.put("detail", Agent.detail(ID));
     Round.Clock clock = new Round.Clock();
     for (int i = 0; i < 3; i++) {
-      Round.run(clock, inventory, 0, "manager", kContenders);
+      Round.run(clock, inventory, 0, "manager", CONTENDERS);
     }
     Waiter packer = Waiter.waiting("packer", orders);
     long waitingAt = System.nanoTime();
-    Round.run(clock, inventory, kHold, "manager", kContenders);
+    Round.run(clock, inventory, HOLD, "manager", CONTENDERS);
     Round.Span wait = new Round.Span();
     long wokenAt = System.nanoTime();
     packer.wake();
@@ -46,7 +46,7 @@ public final class FullSession {
     clock.tell("blocked");
     wait.tell("waited");
 
-    Facts.put("stopDetail", Agent.stopDetail(kId));
-    Facts.put("stop", Agent.stop(kId, args[0]));
+    Facts.put("stopDetail", Agent.stopDetail(ID));
+    Facts.put("stop", Agent.stop(ID, args[0]));
   }
 }

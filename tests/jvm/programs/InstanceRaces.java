@@ -7,7 +7,7 @@ import java.util.concurrent.ThreadLocalRandom;
 
 /** Threads tag classes and their instances while others walk the heap for them. */
 public final class InstanceRaces {
-  private static final Class<?>[] kClasses = {Tracked.class, Tracked.Sub.class, Class.class};
+  private static final Class<?>[] CLASSES = {Tracked.class, Tracked.Sub.class, Class.class};
 
   private InstanceRaces() {}
 
@@ -24,17 +24,17 @@ public final class InstanceRaces {
     for (int i = 0; i < 2; i++) {
       start(done, () -> {
         for (int j = 0; j < walks; j++) {
-          TWNativeAgentProfiling.tagInstances(kClasses);
+          TWNativeAgentProfiling.tagInstances(CLASSES);
         }
       });
     }
     start(done, () -> {
       while (done.getCount() > 1) {
-        TWNativeAgentProfiling.setObjectTag(kClasses[ThreadLocalRandom.current().nextInt(3)]);
+        TWNativeAgentProfiling.setObjectTag(CLASSES[ThreadLocalRandom.current().nextInt(3)]);
       }
     });
     Await.latch(done);
-    TWNativeAgentProfiling.tagInstances(kClasses);
+    TWNativeAgentProfiling.tagInstances(CLASSES);
     TWNativeAgentProfiling.forceGarbageCollection();
     Facts.put("stop", TWNativeAgentProfiling.stopMemoryLeaksProfileSession(1, args[0]));
     Facts.put("held", held.size());

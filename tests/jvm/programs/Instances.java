@@ -6,7 +6,7 @@ import java.util.List;
 
 /** Instances that are tagged by their class, on a heap with much else. */
 public final class Instances {
-  private static final List<Object> kHeld = new ArrayList<>();
+  private static final List<Object> HELD = new ArrayList<>();
 
   private Instances() {}
 
@@ -48,7 +48,7 @@ public final class Instances {
 
   private static void add(int count, boolean ofSub) {
     for (int i = 0; i < count; i++) {
-      kHeld.add(ofSub ? new Tracked.Sub() : new Tracked());
+      HELD.add(ofSub ? new Tracked.Sub() : new Tracked());
     }
   }
 

@@ -5,7 +5,7 @@ import java.lang.reflect.Array;
 
 /** Threads and classes with names that JSON must escape, or that are not plain ASCII. */
 public final class Names {
-  private static final String[] kThreads = {
+  private static final String[] THREADS = {
       "quote \" and \\ backslash",
       "line\nfeed\r\ttab",
       "control \u0001\u001f\u007f",
@@ -14,21 +14,21 @@ public final class Names {
       "nul \u0000 inside",
       "",
   };
-  private static final String kClass = "Odd\"\\\t\n\u00e9\ud83d\ude00";
+  private static final String CLASS = "Odd\"\\\t\n\u00e9\ud83d\ude00";
 
   private Names() {}
 
   /** Arguments: report, stack file. */
   public static void main(String[] args) throws IOException {
-    Object lock = Array.newInstance(new Forge().define(kClass), 0);
+    Object lock = Array.newInstance(new Forge().define(CLASS), 0);
     Facts.put("lock", Facts.lockName(lock));
     Agent.start(3, "name \" \\ \t \u00e9 \ud83d\ude00", args[1]);
     Agent.summary(3);
     Round.run(lock, "owner", "early");
     Agent.detail(3);
-    for (int i = 0; i < kThreads.length; i++) {
-      Facts.put("thread." + i, kThreads[i]);
-      Round.run(lock, kThreads[(i + 1) % kThreads.length], kThreads[i]);
+    for (int i = 0; i < THREADS.length; i++) {
+      Facts.put("thread." + i, THREADS[i]);
+      Round.run(lock, THREADS[(i + 1) % THREADS.length], THREADS[i]);
     }
     Agent.stopDetail(3);
     Facts.put("stop", Agent.stop(3, args[0]));

@@ -3,7 +3,7 @@
  * blocking period of its own, which the next contended entry after it was met again closes.
  */
 public final class OwnerPeriods {
-  private static final long kHold = 2_300_000_000L;
+  private static final long HOLD = 2_300_000_000L;
 
   private OwnerPeriods() {}
 
@@ -29,7 +29,7 @@ public final class OwnerPeriods {
     Entrant first = ann.isInside() ? ann : dan;
     Entrant other = first == ann ? dan : ann;
     Entrant eve = Entrant.queued("eve", lock);
-    Await.untilNanos(System.nanoTime() + kHold);
+    Await.untilNanos(System.nanoTime() + HOLD);
     eve.letGo();
     other.letGo();
     long leftAt = System.nanoTime();

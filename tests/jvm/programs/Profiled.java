@@ -20,9 +20,9 @@ import java.util.concurrent.locks.LockSupport;
 public final class Profiled {
   static final class Till {}
 
-  private static final Till kTill = new Till();
-  private static final List<Tracked> kKept = new ArrayList<>();
-  private static final List<Thread> kClerks = new ArrayList<>();
+  private static final Till TILL = new Till();
+  private static final List<Tracked> KEPT = new ArrayList<>();
+  private static final List<Thread> CLERKS = new ArrayList<>();
 
   private Profiled() {}
 
@@ -32,15 +32,15 @@ public final class Profiled {
    * then the output folder.
    */
   public static void main(String[] args) throws Exception {
-    Facts.put("lock", Facts.lockName(kTill));
+    Facts.put("lock", Facts.lockName(TILL));
     for (int i = 0; i < 50; i++) {
-      kKept.add(new Tracked());
+      KEPT.add(new Tracked());
     }
     for (int i = 1; i <= 3; i++) {
       Thread clerk = new Thread(Profiled::serve, "clerk-" + i);
       clerk.setDaemon(true);
       clerk.start();
-      kClerks.add(clerk);
+      CLERKS.add(clerk);
     }
     for (int i = 1; i <= 3; i++) {
       fail("order " + i, i);
@@ -58,7 +58,7 @@ public final class Profiled {
   /** Until each clerk has blocked a few times more. */
   private static void contend() {
     ThreadMXBean threads = ManagementFactory.getThreadMXBean();
-    for (Thread clerk : kClerks) {
+    for (Thread clerk : CLERKS) {
       long before = threads.getThreadInfo(clerk.getId()).getBlockedCount();
       Await.that("contention",
           () -> threads.getThreadInfo(clerk.getId()).getBlockedCount() > before + 3);
@@ -67,7 +67,7 @@ public final class Profiled {
 
   private static void serve() {
     while (true) {
-      synchronized (kTill) {
+      synchronized (TILL) {
         LockSupport.parkNanos(1_000_000);
       }
     }

@@ -14,7 +14,7 @@ import java.util.stream.Stream;
  * if nothing had been.
  */
 public final class Starved {
-  private static final List<Tracked> kKept = new ArrayList<>();
+  private static final List<Tracked> KEPT = new ArrayList<>();
   private static volatile boolean isOver;
 
   private Starved() {}
@@ -22,7 +22,7 @@ public final class Starved {
   /** Arguments: the output folder, seconds without memory. */
   public static void main(String[] args) throws Exception {
     for (int i = 0; i < 50; i++) {
-      kKept.add(new Tracked());
+      KEPT.add(new Tracked());
     }
     Thread thrower = new Thread(Starved::throwEarly, "thrower");
     thrower.start();
@@ -41,7 +41,7 @@ public final class Starved {
     for (int i = 0; i < 20; i++) {
       throwOne("late");
     }
-    Facts.put("kept", kKept.size());
+    Facts.put("kept", KEPT.size());
   }
 
   private static void throwEarly() {

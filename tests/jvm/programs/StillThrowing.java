@@ -2,7 +2,7 @@ import com.korvane.twutils.nativeagent.NativeAgent;
 
 /** Ends while threads contend for a lock and throw. */
 public final class StillThrowing {
-  private static final Object kLock = new Object();
+  private static final Object LOCK = new Object();
 
   private StillThrowing() {}
 
@@ -20,7 +20,7 @@ public final class StillThrowing {
 
   private static void throwForEver() {
     while (true) {
-      synchronized (kLock) {
+      synchronized (LOCK) {
         try {
           throw new IllegalStateException();
         } catch (IllegalStateException e) {

@@ -5,7 +5,7 @@ import com.korvane.twutils.nativeagent.ExceptionRecord;
  * that throws; on a virtual thread, under the companion.
  */
 public final class TakenApart {
-  private static final int kRounds = 300_000;
+  private static final int ROUNDS = 300_000;
   private static volatile boolean isToThrow;
   private static int sink;
 
@@ -30,7 +30,7 @@ public final class TakenApart {
 
   private static void run() {
     isToThrow = false;
-    for (int i = 0; i < kRounds; i++) {
+    for (int i = 0; i < ROUNDS; i++) {
       hold(i);
     }
     isToThrow = true;

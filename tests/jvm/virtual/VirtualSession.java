@@ -4,7 +4,7 @@ import java.util.concurrent.CountDownLatch;
 
 /** Virtual and platform threads that contend for one monitor, which each kind owns in turn. */
 public final class VirtualSession {
-  private static final long kHold = 2_300_000_000L;
+  private static final long HOLD = 2_300_000_000L;
 
   private static final class Till {}
 
@@ -23,9 +23,9 @@ public final class VirtualSession {
     for (int i = 0; i < 5; i++) {
       round(till, 0, clock, platform("owner", till), crew(till));
     }
-    round(till, kHold, clock, platform("owner", till), crew(till));
+    round(till, HOLD, clock, platform("owner", till), crew(till));
     round(till, 0, clock, virtual("virtual owner", till), crew(till));
-    round(till, kHold, clock, virtual("virtual owner", till), crew(till));
+    round(till, HOLD, clock, virtual("virtual owner", till), crew(till));
     clock.tell("blocked");
     Agent.stopDetail(21);
     Agent.stop(21, args[0]);

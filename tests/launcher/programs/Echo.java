@@ -5,7 +5,9 @@ import java.nio.file.Paths;
 
 /**
  * Tells what it was started with: arguments, working directory, system property {@code mark} and
- * the lines of standard input, the last on standard error. Usage: {@code Echo EXIT_CODE [ARGUMENT...]}
+ * the lines of standard input, the last on standard error.
+ *
+ * <p>Usage: {@code Echo EXIT_CODE [ARGUMENT...]}
  */
 public final class Echo {
   private Echo() {}

@@ -67,7 +67,8 @@ public final class SqlLoad {
     try (Connection connection = DriverManager.getConnection(url);
         PreparedStatement update =
             connection.prepareStatement("UPDATE account SET balance = balance + ? WHERE id = ?");
-        PreparedStatement insert = connection.prepareStatement("INSERT INTO booking VALUES (?, ?)")) {
+        PreparedStatement insert =
+            connection.prepareStatement("INSERT INTO booking VALUES (?, ?)")) {
       connection.setAutoCommit(false);
       for (int i = 0; i < bookings; i++) {
         int account = (worker + i) % ACCOUNTS;
@@ -94,7 +95,8 @@ public final class SqlLoad {
   }
 
   private void openAgain(Connection connection, int account) throws SQLException {
-    try (PreparedStatement open = connection.prepareStatement("INSERT INTO account VALUES (?, 0)")) {
+    try (PreparedStatement open =
+        connection.prepareStatement("INSERT INTO account VALUES (?, 0)")) {
       open.setInt(1, account);
       open.executeUpdate();
     } catch (SQLIntegrityConstraintViolationException e) {

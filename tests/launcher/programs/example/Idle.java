@@ -33,7 +33,8 @@ public final class Idle {
       visitor.setDaemon(true);
       visitor.start();
     }
-    System.out.println("pid " + ManagementFactory.getRuntimeMXBean().getName().replaceAll("@.*", ""));
+    String name = ManagementFactory.getRuntimeMXBean().getName();
+    System.out.println("pid " + name.replaceAll("@.*", ""));
     new CountDownLatch(1).await();
   }
 

@@ -10,7 +10,7 @@ import java.util.List;
 /** Checks of settings; each refusal names the setting, what it was and what was expected. */
 final class Check {
   /** Class and package names, as "a.b.Outer$Inner"; also what is no letter in Java's own sense. */
-  private static final String kNoNamePart = ",;[]()<>\"'*?/\\";
+  private static final String NO_NAME_PART = ",;[]()<>\"'*?/\\";
 
   private Check() {}
 
@@ -80,7 +80,7 @@ final class Check {
     boolean isName = name != null && !name.isEmpty();
     for (int i = 0; isName && i < name.length(); i++) {
       char c = name.charAt(i);
-      isName = c > ' ' && kNoNamePart.indexOf(c) < 0;
+      isName = c > ' ' && NO_NAME_PART.indexOf(c) < 0;
     }
     if (!isName) {
       String shown = name == null ? "null" : '\'' + name + '\'';

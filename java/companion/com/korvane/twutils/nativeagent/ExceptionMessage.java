@@ -2,7 +2,7 @@ package com.korvane.twutils.nativeagent;
 
 /** Asks exceptions for their messages without running code of the program. */
 public final class ExceptionMessage {
-  private static final int kMaxLength = 8192; // characters; a longer one is cut
+  private static final int MAX_LENGTH = 8192; // characters; a longer one is cut
 
   /** Tells the class that declares the {@code getMessage} of an exception's class, or null. */
   interface Origins {
@@ -28,9 +28,9 @@ public final class ExceptionMessage {
       return null;
     }
     String message = ((Throwable) exception).getMessage();
-    return message == null || message.length() <= kMaxLength
+    return message == null || message.length() <= MAX_LENGTH
         ? message
-        : message.substring(0, kMaxLength);
+        : message.substring(0, MAX_LENGTH);
   }
 
   private static boolean isAskedSafely(Throwable exception, Origins origins) {

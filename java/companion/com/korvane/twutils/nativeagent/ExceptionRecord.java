@@ -15,7 +15,7 @@ import java.util.List;
  * <p>Immutable.
  */
 public final class ExceptionRecord {
-  private static final String kIndent = "  ";
+  private static final String INDENT = "  ";
 
   private final String text;
   private final List<Frame> frames;
@@ -66,15 +66,15 @@ public final class ExceptionRecord {
 
   private static void appendSection(StringBuilder tree, String label, List<CapturedValue> values) {
     if (!values.isEmpty()) {
-      tree.append(kIndent).append(label).append('\n');
-      appendValues(tree, kIndent + kIndent, values);
+      tree.append(INDENT).append(label).append('\n');
+      appendValues(tree, INDENT + INDENT, values);
     }
   }
 
   private static void appendValues(StringBuilder tree, String indent, List<CapturedValue> values) {
     for (CapturedValue value : values) {
       tree.append(indent).append(value).append('\n');
-      appendValues(tree, indent + kIndent, value.fields());
+      appendValues(tree, indent + INDENT, value.fields());
     }
   }
 

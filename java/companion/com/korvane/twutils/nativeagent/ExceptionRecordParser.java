@@ -11,13 +11,13 @@ import java.util.regex.Pattern;
  */
 final class ExceptionRecordParser {
   /** Deeper objects are none: the agent expands six levels at most. */
-  private static final int kMaxDepth = 16;
+  private static final int MAX_DEPTH = 16;
 
-  private static final int kMaxNumberLength = 330; // the largest double, with sign and fraction
-  private static final Pattern kInteger = Pattern.compile("-?[0-9]+");
-  private static final Pattern kFraction = Pattern.compile("-?([0-9]+[.][0-9]+|inf|nan)");
-  private static final String kNull = "NULL";
-  private static final String kObjectCode = Integer.toString(ValueType.OBJECT.ordinal());
+  private static final int MAX_NUMBER_LENGTH = 330; // the largest double, with sign and fraction
+  private static final Pattern INTEGER = Pattern.compile("-?[0-9]+");
+  private static final Pattern FRACTION = Pattern.compile("-?([0-9]+[.][0-9]+|inf|nan)");
+  private static final String NULL = "NULL";
+  private static final String OBJECT_CODE = Integer.toString(ValueType.OBJECT.ordinal());
 
   /** What stands between the pieces of a record. CLOSE comes before OPEN, which it begins with. */
   private enum Mark {
@@ -33,7 +33,7 @@ final class ExceptionRecordParser {
     /** Stands behind the last character. */
     END_OF_TEXT("");
 
-    private static final Mark[] kAll = values();
+    private static final Mark[] ALL = values();
 
     final String text;
 
@@ -53,7 +53,7 @@ final class ExceptionRecordParser {
     LOCALS(Mark.LOCALS, "locals", false),
     THREAD_LOCALS(Mark.FRAME, "thread locals", true);
 
-    private static final Section[] kAll = values();
+    private static final Section[] ALL = values();
 
     final Mark mark;
     final String label;
@@ -70,7 +70,7 @@ final class ExceptionRecordParser {
   private final String text;
   private final List<ExceptionRecord.Doubt> doubts = new ArrayList<>();
   // Whether the search for the end of a text, in this section at this depth, has found none.
-  private final boolean[][] isEndless = new boolean[Section.kAll.length][kMaxDepth + 1];
+  private final boolean[][] isEndless = new boolean[Section.ALL.length][MAX_DEPTH + 1];
 
   // All marks of the record and where they begin.
   private byte[] marks = new byte[64];
@@ -113,7 +113,7 @@ final class ExceptionRecordParser {
     if (first != '%' && first != '!') {
       return null;
     }
-    for (Mark mark : Mark.kAll) {
+    for (Mark mark : Mark.ALL) {
       if (mark != Mark.END_OF_TEXT && text.startsWith(mark.text, at)) {
         return mark;
       }
@@ -132,7 +132,7 @@ final class ExceptionRecordParser {
   }
 
   private Mark mark(int i) {
-    return Mark.kAll[marks[i]];
+    return Mark.ALL[marks[i]];
   }
 
   private int endOf(int i) {
@@ -182,7 +182,7 @@ final class ExceptionRecordParser {
       return mark(i + 1) == Mark.JOIN
           && hasGap(i + 1)
           && mark(i + 2) == Mark.JOIN
-          && gapIs(i + 2, kObjectCode);
+          && gapIs(i + 2, OBJECT_CODE);
     }
     if (mark(i) != Mark.JOIN || !hasGap(i) || mark(i + 1) != Mark.JOIN) {
       return false;
@@ -193,18 +193,18 @@ final class ExceptionRecordParser {
     }
     Mark end = mark(i + 2);
     return (end == Mark.END || end == Mark.CLASS_VARIABLES)
-        && (type.isNumber() ? isNumber(i + 2, type) : gapIs(i + 2, kNull));
+        && (type.isNumber() ? isNumber(i + 2, type) : gapIs(i + 2, NULL));
   }
 
   private ValueType typeIn(int i) {
-    return starts[i] - gapStart(i) > kObjectCode.length() ? null : ValueType.ofCode(gap(i));
+    return starts[i] - gapStart(i) > OBJECT_CODE.length() ? null : ValueType.ofCode(gap(i));
   }
 
   private boolean isNumber(int i, ValueType type) {
-    if (starts[i] - gapStart(i) > kMaxNumberLength) {
+    if (starts[i] - gapStart(i) > MAX_NUMBER_LENGTH) {
       return false;
     }
-    Pattern form = type.isFraction() ? kFraction : kInteger;
+    Pattern form = type.isFraction() ? FRACTION : INTEGER;
     return form.matcher(text).region(gapStart(i), starts[i]).matches();
   }
 
@@ -220,7 +220,7 @@ final class ExceptionRecordParser {
 
   /** Whether something that can follow the section begins at mark i. */
   private boolean canFollow(int i, Section section) {
-    Section following = Section.kAll[section.ordinal() + 1];
+    Section following = Section.ALL[section.ordinal() + 1];
     return entryBegins(i)
         || (following == Section.THREAD_LOCALS
             ? sectionEnds(i, following)
@@ -267,7 +267,7 @@ final class ExceptionRecordParser {
     }
     goBehind(end);
     List<List<CapturedValue>> sections = noSections();
-    for (Section section : Section.kAll) {
+    for (Section section : Section.ALL) {
       readEntries(section, 0, sections.get(section.ordinal()));
       if (isAt(next, section.mark)) {
         goBehind(next);
@@ -278,7 +278,7 @@ final class ExceptionRecordParser {
 
   private static List<List<CapturedValue>> noSections() {
     List<List<CapturedValue>> sections = new ArrayList<>();
-    for (int i = 0; i < Section.kAll.length; i++) {
+    for (int i = 0; i < Section.ALL.length; i++) {
       sections.add(new ArrayList<>());
     }
     return sections;
@@ -320,7 +320,7 @@ final class ExceptionRecordParser {
   private void readEntries(Section section, int depth, List<CapturedValue> entries) {
     while (!endsHere(section, depth)) {
       entries.add(
-          entryBegins(next) && depth < kMaxDepth ? readEntry(section, depth) : readUnreadable());
+          entryBegins(next) && depth < MAX_DEPTH ? readEntry(section, depth) : readUnreadable());
     }
   }
 
@@ -368,7 +368,7 @@ final class ExceptionRecordParser {
   }
 
   private CapturedValue readObject(String name, Section section, int depth) {
-    if (gapIs(next, kNull) && (mark(next) == Mark.CLOSE || isCutNull(section))) {
+    if (gapIs(next, NULL) && (mark(next) == Mark.CLOSE || isCutNull(section))) {
       goBehind(next);
       return CapturedValue.ofNull(name);
     }

@@ -12,7 +12,7 @@ import java.util.List;
  * <p>Each method refuses a value that makes no sense with an {@link IllegalArgumentException}.
  */
 public final class ExceptionSettings {
-  private static final int kMaxDepth = 100; // what the agent walks at most
+  private static final int MAX_DEPTH = 100; // what the agent walks at most
 
   boolean fields = true;
   boolean arguments = true;
@@ -54,7 +54,7 @@ public final class ExceptionSettings {
 
   /** How many frames are captured, 100 at most; 20. */
   public ExceptionSettings depth(int frames) {
-    depth = Check.within("depth", 1, kMaxDepth, frames);
+    depth = Check.within("depth", 1, MAX_DEPTH, frames);
     return this;
   }
 

@@ -13,7 +13,7 @@ import java.util.function.Consumer;
  */
 final class FollowedCounts {
   /** Looks in which a class is left out when its count has come to the limit. */
-  private static final int kRest = 10;
+  private static final int REST = 10;
 
   /** What the agent is asked for. */
   interface Tags {
@@ -24,7 +24,7 @@ final class FollowedCounts {
     boolean count(Class<?>[] classes, int[] counts);
   }
 
-  static final Tags kNatives =
+  static final Tags NATIVES =
       new Tags() {
         @Override
         public int add(Class<?>[] classes, int[] room) {
@@ -104,7 +104,7 @@ final class FollowedCounts {
     for (int i = 0; i < counted.length; i++) {
       Followed followed = of(counted[i]);
       followed.count = counts[i];
-      followed.rest = counts[i] >= limit ? kRest : 0;
+      followed.rest = counts[i] >= limit ? REST : 0;
       if (counts[i] >= limit) {
         full.accept(counted[i]);
       }

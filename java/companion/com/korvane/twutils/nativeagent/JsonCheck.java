@@ -10,8 +10,8 @@ import java.util.BitSet;
  * digits and signs.
  */
 final class JsonCheck {
-  private static final int kNoByte = -1;
-  private static final String kLiteral = "+-.0123456789Eaeflnrstu"; // numbers, true, false, null
+  private static final int NO_BYTE = -1;
+  private static final String LITERAL = "+-.0123456789Eaeflnrstu"; // numbers, true, false, null
 
   private final InputStream in;
   private final BitSet isObject = new BitSet(); // the containers that are open, by depth
@@ -31,13 +31,13 @@ final class JsonCheck {
    */
   static String problemOf(InputStream in) throws IOException {
     JsonCheck check = new JsonCheck(in);
-    if (check.c == kNoByte) {
+    if (check.c == NO_BYTE) {
       return "it is empty";
     }
     if (check.document()) {
       return null;
     }
-    return check.c == kNoByte
+    return check.c == NO_BYTE
         ? "it ends early, after " + check.offset + " bytes"
         : "byte " + check.offset + " is out of place";
   }
@@ -76,7 +76,7 @@ final class JsonCheck {
         }
       }
     } while (depth > 0);
-    return c == kNoByte;
+    return c == NO_BYTE;
   }
 
   private char closing() {
@@ -107,7 +107,7 @@ final class JsonCheck {
       return string();
     }
     long start = offset;
-    while (c != kNoByte && kLiteral.indexOf(c) >= 0) {
+    while (c != NO_BYTE && LITERAL.indexOf(c) >= 0) {
       next();
     }
     boolean isLiteral = offset > start;
@@ -120,7 +120,7 @@ final class JsonCheck {
       if (c == '\\') {
         next();
       }
-      if (c == kNoByte) {
+      if (c == NO_BYTE) {
         return false;
       }
     }

@@ -13,7 +13,7 @@ import java.util.function.Consumer;
  */
 public final class MemorySession {
   /** Tags outlive the session. */
-  private static final FollowedCounts kFollowed = new FollowedCounts(FollowedCounts.kNatives);
+  private static final FollowedCounts FOLLOWED = new FollowedCounts(FollowedCounts.NATIVES);
 
   private final long id;
   private final MemorySettings settings;
@@ -127,7 +127,7 @@ public final class MemorySession {
     Check.atLeast("limit", 1, limit);
     Class<?>[] copy = classes.clone();
     return NativeAgent.locked(
-        () -> isStopped || copy.length == 0 ? 0 : kFollowed.add(copy, limit, full));
+        () -> isStopped || copy.length == 0 ? 0 : FOLLOWED.add(copy, limit, full));
   }
 
   /**

@@ -19,7 +19,7 @@ import java.util.concurrent.locks.ReentrantLock;
  */
 public final class NativeAgent {
   // No monitor: the lock profiler would report it.
-  private static final ReentrantLock kControl = new ReentrantLock();
+  private static final ReentrantLock CONTROL = new ReentrantLock();
 
   // Sessions of each kind have numbers of their own.
   private static long lastLockSession;
@@ -153,7 +153,7 @@ public final class NativeAgent {
       }
     } finally {
       if (isMine) {
-        kControl.unlock();
+        CONTROL.unlock();
       }
     }
     return isMine;
@@ -162,10 +162,10 @@ public final class NativeAgent {
   private static boolean lockWithin(long nanos) {
     long end = System.nanoTime() + nanos;
     boolean isInterrupted = false;
-    boolean isMine = kControl.tryLock();
+    boolean isMine = CONTROL.tryLock();
     while (!isMine && System.nanoTime() < end) {
       try {
-        isMine = kControl.tryLock(end - System.nanoTime(), TimeUnit.NANOSECONDS);
+        isMine = CONTROL.tryLock(end - System.nanoTime(), TimeUnit.NANOSECONDS);
       } catch (InterruptedException e) {
         isInterrupted = true;
       }
@@ -184,11 +184,11 @@ public final class NativeAgent {
 
   /** Runs the action while no other control call is made. */
   static <T, E extends Exception> T locked(Action<T, E> action) throws E {
-    kControl.lock();
+    CONTROL.lock();
     try {
       return action.run();
     } finally {
-      kControl.unlock();
+      CONTROL.unlock();
     }
   }
 

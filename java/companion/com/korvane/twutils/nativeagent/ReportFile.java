@@ -21,10 +21,10 @@ import java.util.Set;
  * the file.
  */
 final class ReportFile {
-  private static final String kPart = ".part";
+  private static final String PART = ".part";
 
   /** Parts that sessions of this JVM write, by their real paths. */
-  private static final Set<Path> kOwned = new HashSet<>();
+  private static final Set<Path> OWNED = new HashSet<>();
 
   private final String label;
   private final Path path;
@@ -40,20 +40,20 @@ final class ReportFile {
   ReportFile(String label, Path path) {
     this.label = label;
     this.path = path;
-    part = path.resolveSibling(path.getFileName() + kPart);
+    part = path.resolveSibling(path.getFileName() + PART);
     try {
       if (Files.isDirectory(path)) {
         throw new IOException("it is a folder");
       }
       owned = part.getParent().toRealPath().resolve(part.getFileName());
-      if (kOwned.contains(owned)) {
+      if (OWNED.contains(owned)) {
         throw new IOException("a session that is running writes it");
       }
       Files.deleteIfExists(part);
       Files.createFile(
           part,
           PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
-      kOwned.add(owned);
+      OWNED.add(owned);
     } catch (IOException e) {
       throw new IllegalArgumentException(
           "the " + label + " " + path + " cannot be written: " + reasonOf(e), e);
@@ -67,7 +67,7 @@ final class ReportFile {
 
   /** Takes the part away, which was not used. */
   void discard() {
-    kOwned.remove(owned);
+    OWNED.remove(owned);
     try {
       Files.deleteIfExists(part);
     } catch (IOException e) {
@@ -77,7 +77,7 @@ final class ReportFile {
 
   /** Ends the work on the file, whether it has got its name or not: a part with content stays. */
   void close() {
-    kOwned.remove(owned);
+    OWNED.remove(owned);
     if (part.toFile().length() == 0) {
       discard();
     }

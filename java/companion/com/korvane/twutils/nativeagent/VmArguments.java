@@ -23,11 +23,11 @@ import java.util.Set;
  * <p>Immutable.
  */
 public final class VmArguments {
-  private static final String kLibrary = "javanativeagent";
-  private static final String kByPath = "-agentpath:";
-  private static final String kByName = "-agentlib:";
-  private static final String kHomeKey = "twhome=";
-  private static final String kFeaturesKey = "features";
+  private static final String LIBRARY = "javanativeagent";
+  private static final String BY_PATH = "-agentpath:";
+  private static final String BY_NAME = "-agentlib:";
+  private static final String HOME_KEY = "twhome=";
+  private static final String FEATURES_KEY = "features";
 
   private final boolean isKnown;
   private final String options;
@@ -103,8 +103,8 @@ public final class VmArguments {
   public String home() {
     String home = null;
     for (String item : items()) {
-      if (item.toLowerCase(Locale.ROOT).startsWith(kHomeKey)) {
-        home = item.substring(kHomeKey.length());
+      if (item.toLowerCase(Locale.ROOT).startsWith(HOME_KEY)) {
+        home = item.substring(HOME_KEY.length());
       }
     }
     return home;
@@ -116,10 +116,10 @@ public final class VmArguments {
       return Collections.emptySet();
     }
     String text = options == null ? "" : options;
-    boolean isAll = !text.contains(kFeaturesKey + '=') || text.contains(kFeaturesKey + "=ALL");
+    boolean isAll = !text.contains(FEATURES_KEY + '=') || text.contains(FEATURES_KEY + "=ALL");
     Set<Feature> features = isAll ? EnumSet.allOf(Feature.class) : EnumSet.noneOf(Feature.class);
     for (String item : items()) {
-      if (item.toLowerCase(Locale.ROOT).startsWith(kFeaturesKey)) {
+      if (item.toLowerCase(Locale.ROOT).startsWith(FEATURES_KEY)) {
         addFeatures(features, item.substring(item.indexOf('=') + 1));
       }
     }
@@ -142,13 +142,13 @@ public final class VmArguments {
 
   private static String optionsIn(List<String> arguments) {
     for (String argument : arguments) {
-      if (!argument.startsWith(kByPath) && !argument.startsWith(kByName)) {
+      if (!argument.startsWith(BY_PATH) && !argument.startsWith(BY_NAME)) {
         continue;
       }
       String library = argument.substring(argument.indexOf(':') + 1);
       int end = library.indexOf('=');
       String path = end < 0 ? library : library.substring(0, end);
-      if (path.substring(path.lastIndexOf('/') + 1).contains(kLibrary)) {
+      if (path.substring(path.lastIndexOf('/') + 1).contains(LIBRARY)) {
         return end < 0 ? "" : library.substring(end + 1);
       }
     }

@@ -41,7 +41,8 @@ final class JavaCommand {
 
   /**
    * The folders and jars that a java command takes classes from, in their order, each once: class
-   * path, module path, the jar that it runs, and what the manifests of jars add. Some may be absent.
+   * path, module path, the jar that it runs, and what the manifests of jars add. Some may be
+   * absent.
    */
   static Set<Path> classPlaces(List<String> command, String classPathVariable) throws IOException {
     JavaCommand reader = new JavaCommand();

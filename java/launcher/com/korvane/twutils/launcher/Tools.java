@@ -56,7 +56,8 @@ public final class Tools {
   private static void list() throws IOException {
     List<RunningJvm> jvms = RunningJvm.withCompanion();
     if (jvms.isEmpty()) {
-      System.out.println("No JVM of yours has the companion; start one with: twprofile run -- COMMAND");
+      System.out.println(
+          "No JVM of yours has the companion; start one with: twprofile run -- COMMAND");
       return;
     }
     System.out.printf("%-8s  %s%n", "PID", "COMMAND");

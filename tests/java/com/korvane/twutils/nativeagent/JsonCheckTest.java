@@ -9,19 +9,19 @@ import java.util.Arrays;
 
 /** Documents that are whole, cut off at every byte, or damaged. */
 public final class JsonCheckTest {
-  private static final String kReport =
+  private static final String REPORT =
       "{\"sessionid\": 7, \"empty\": {}, \"list\": [], \"nested\": [[1, -2.5e3], [true, null]],"
           + " \"text\": \"a\\\"b\\\\ {[,]}\", \"o\": {\"p\": {\"q\": \"\"}}}";
 
   private JsonCheckTest() {}
 
   public static void main(String[] args) throws Exception {
-    String[] small = {kReport, "{}", " [ ] \n", "[1,2]", "\"x\"", "7", "{\"a\":[]}"};
+    String[] small = {REPORT, "{}", " [ ] \n", "[1,2]", "\"x\"", "7", "{\"a\":[]}"};
     for (String whole : small) {
       same(whole, null, problemOf(whole));
     }
-    for (int length = 1; length < kReport.length(); length++) {
-      String cut = kReport.substring(0, length);
+    for (int length = 1; length < REPORT.length(); length++) {
+      String cut = REPORT.substring(0, length);
       contains("cut to " + length, "it ends early", problemOf(cut));
     }
     same("empty", "it is empty", problemOf(""));

@@ -15,8 +15,8 @@ import java.util.EnumSet;
 
 /** Settings that are refused, report files, and a JVM without the agent. */
 public final class SettingsTest {
-  private static final Class<IllegalArgumentException> kArgument = IllegalArgumentException.class;
-  private static final Path kReport = Paths.get("report.json");
+  private static final Class<IllegalArgumentException> ARGUMENT = IllegalArgumentException.class;
+  private static final Path REPORT = Paths.get("report.json");
 
   private SettingsTest() {}
 
@@ -32,24 +32,24 @@ public final class SettingsTest {
   }
 
   private static void lockSettings() {
-    LockSettings settings = new LockSettings(kReport);
-    refused(kArgument, "report is null", () -> new LockSettings(null));
-    refused(kArgument, "stacks is null", () -> settings.stacks(null));
-    refused(kArgument, "another file", () -> settings.stacks(kReport));
-    refused(kArgument, "report is /: expected a file", () -> new LockSettings(Paths.get("/")));
-    refused(kArgument, "name is null", () -> settings.name(null));
-    refused(kArgument, "NUL", () -> settings.name("a\0b"));
-    refused(kArgument, "summary is PT-1S", () -> settings.summary(Duration.ofSeconds(-1)));
-    refused(kArgument, "detail is null", () -> settings.detail(null));
-    refused(kArgument, "34 years", () -> settings.detail(Duration.ofDays(20_000)));
-    refused(kArgument, "topLocks is 0: expected a number from 1 on, or -1 for all",
+    LockSettings settings = new LockSettings(REPORT);
+    refused(ARGUMENT, "report is null", () -> new LockSettings(null));
+    refused(ARGUMENT, "stacks is null", () -> settings.stacks(null));
+    refused(ARGUMENT, "another file", () -> settings.stacks(REPORT));
+    refused(ARGUMENT, "report is /: expected a file", () -> new LockSettings(Paths.get("/")));
+    refused(ARGUMENT, "name is null", () -> settings.name(null));
+    refused(ARGUMENT, "NUL", () -> settings.name("a\0b"));
+    refused(ARGUMENT, "summary is PT-1S", () -> settings.summary(Duration.ofSeconds(-1)));
+    refused(ARGUMENT, "detail is null", () -> settings.detail(null));
+    refused(ARGUMENT, "34 years", () -> settings.detail(Duration.ofDays(20_000)));
+    refused(ARGUMENT, "topLocks is 0: expected a number from 1 on, or -1 for all",
         () -> settings.topLocks(0));
-    refused(kArgument, "topLocks is -2", () -> settings.topLocks(-2));
-    refused(kArgument, "maxLocks is 0", () -> settings.maxLocks(0));
-    refused(kArgument, "maxThreadsPerLock is -1", () -> settings.maxThreadsPerLock(-1));
-    refused(kArgument, "maxThreads is 0", () -> settings.maxThreads(0));
-    refused(kArgument, "maxStackTraces is 0", () -> settings.maxStackTraces(0));
-    refused(kArgument, "maxStackTracesPerThread", () -> settings.maxStackTracesPerThread(0));
+    refused(ARGUMENT, "topLocks is -2", () -> settings.topLocks(-2));
+    refused(ARGUMENT, "maxLocks is 0", () -> settings.maxLocks(0));
+    refused(ARGUMENT, "maxThreadsPerLock is -1", () -> settings.maxThreadsPerLock(-1));
+    refused(ARGUMENT, "maxThreads is 0", () -> settings.maxThreads(0));
+    refused(ARGUMENT, "maxStackTraces is 0", () -> settings.maxStackTraces(0));
+    refused(ARGUMENT, "maxStackTracesPerThread", () -> settings.maxStackTracesPerThread(0));
     same("stack file", "report.stacks", settings.stacks.getFileName().toString());
     LockSettings other = new LockSettings(Paths.get("r"));
     same("stack file", "r.stacks", other.stacks.getFileName().toString());
@@ -61,24 +61,24 @@ public final class SettingsTest {
     same("no names", "[]", settings.blackList());
     same("names", "[a.B,c.D$E]", settings.exclude("a.B", "c.D$E").blackList());
     same("names of other letters", "[café.Été]", settings.exclude("café.Été").blackList());
-    refused(kArgument, "exclude is null", () -> settings.exclude((String[]) null));
-    refused(kArgument, "a name in exclude is null", () -> settings.exclude((String) null));
-    refused(kArgument, "a name in exclude is ''", () -> settings.exclude(""));
-    refused(kArgument, "'a.B,c.D'", () -> settings.exclude("a.B,c.D"));
-    refused(kArgument, "' a.B'", () -> settings.exclude(" a.B"));
-    refused(kArgument, "rate is -1", () -> settings.rate(-1));
-    refused(kArgument, "depth is 0: expected a number from 1 to 100", () -> settings.depth(0));
-    refused(kArgument, "depth is 101", () -> settings.depth(101));
+    refused(ARGUMENT, "exclude is null", () -> settings.exclude((String[]) null));
+    refused(ARGUMENT, "a name in exclude is null", () -> settings.exclude((String) null));
+    refused(ARGUMENT, "a name in exclude is ''", () -> settings.exclude(""));
+    refused(ARGUMENT, "'a.B,c.D'", () -> settings.exclude("a.B,c.D"));
+    refused(ARGUMENT, "' a.B'", () -> settings.exclude(" a.B"));
+    refused(ARGUMENT, "rate is -1", () -> settings.rate(-1));
+    refused(ARGUMENT, "depth is 0: expected a number from 1 to 100", () -> settings.depth(0));
+    refused(ARGUMENT, "depth is 101", () -> settings.depth(101));
   }
 
   private static void memorySettings() {
-    MemorySettings settings = new MemorySettings(kReport);
-    refused(kArgument, "report is null", () -> new MemorySettings(null));
-    refused(kArgument, "name is null", () -> settings.name(null));
-    refused(kArgument, "topClasses is 0", () -> settings.topClasses(0));
-    refused(kArgument, "duration is", () -> settings.duration(Duration.ofMillis(-1)));
-    refused(kArgument, "includeClasses is null", () -> settings.includeClasses(null));
-    refused(kArgument, "'a.*'", () -> settings.excludePackages(Collections.singleton("a.*")));
+    MemorySettings settings = new MemorySettings(REPORT);
+    refused(ARGUMENT, "report is null", () -> new MemorySettings(null));
+    refused(ARGUMENT, "name is null", () -> settings.name(null));
+    refused(ARGUMENT, "topClasses is 0", () -> settings.topClasses(0));
+    refused(ARGUMENT, "duration is", () -> settings.duration(Duration.ofMillis(-1)));
+    refused(ARGUMENT, "includeClasses is null", () -> settings.includeClasses(null));
+    refused(ARGUMENT, "'a.*'", () -> settings.excludePackages(Collections.singleton("a.*")));
     same("list", "a.B,c.D", settings.includeClasses(Arrays.asList("a.B", "c.D")).includedClasses);
   }
 
@@ -87,8 +87,8 @@ public final class SettingsTest {
     same("features", EnumSet.noneOf(Feature.class), NativeAgent.features());
     String expected = "-agentpath:/path/to/libjavanativeagent.so";
     Class<IllegalStateException> state = IllegalStateException.class;
-    refused(state, expected, () -> NativeAgent.startLocks(new LockSettings(kReport)));
-    refused(state, expected, () -> NativeAgent.startMemory(new MemorySettings(kReport)));
+    refused(state, expected, () -> NativeAgent.startLocks(new LockSettings(REPORT)));
+    refused(state, expected, () -> NativeAgent.startMemory(new MemorySettings(REPORT)));
     refused(state, expected,
         () -> NativeAgent.startExceptions(new ExceptionSettings(), (record, exception) -> {}));
     NativeAgent.stopExceptions();
@@ -146,7 +146,7 @@ public final class SettingsTest {
   }
 
   private static void unwritablePaths(Path folder) throws Exception {
-    refused(kArgument, "the report " + folder + " cannot be written: it is a folder",
+    refused(ARGUMENT, "the report " + folder + " cannot be written: it is a folder",
         () -> new ReportFile("report", folder));
     try {
       new ReportFile("report", folder.resolve("missing/r.json"));

@@ -3,9 +3,9 @@ package com.korvane.twutils.nativeagent.companion;
 import com.korvane.twutils.nativeagent.AgentCounters;
 import com.korvane.twutils.nativeagent.ExceptionCounts;
 
-/** What the agent tells of its exception records beside them; nothing in a JVM without the agent. */
+/** What the agent knows of its exception records; nothing in a JVM without the agent. */
 final class AgentRecords {
-  private static final boolean isThere = find();
+  private static final boolean IS_THERE = find();
 
   private AgentRecords() {}
 
@@ -20,13 +20,13 @@ final class AgentRecords {
 
   /** Whether the record that this thread is given now was cut. */
   static boolean isRecordCut() {
-    return isThere && AgentCounters.isRecordCut();
+    return IS_THERE && AgentCounters.isRecordCut();
   }
 
   /** The oldest record that could not be handed over on its thread; null when there is none. */
   static ExceptionEvent takeUndelivered() {
     String[] parts = new String[AgentCounters.UNDELIVERED_PARTS];
-    if (!isThere || !AgentCounters.takeUndelivered(parts)) {
+    if (!IS_THERE || !AgentCounters.takeUndelivered(parts)) {
       return null;
     }
     return ExceptionEvent.ofKept(
@@ -35,7 +35,7 @@ final class AgentRecords {
 
   /** Writes the member "agent": what became of all exceptions. */
   static void writeCounts(JsonText json) {
-    if (!isThere) {
+    if (!IS_THERE) {
       return;
     }
     ExceptionCounts counts = ExceptionCounts.read();

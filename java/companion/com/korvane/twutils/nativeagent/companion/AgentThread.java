@@ -11,7 +11,7 @@ import java.util.concurrent.locks.LockSupport;
 /** A thread of the companion's own. It keeps no JVM alive, and its exceptions are not recorded. */
 final class AgentThread extends Thread {
   /** Other threads that do the companion's work now; mostly none. Neither locked nor hashed. */
-  private static final AtomicReference<Thread[]> kHelpers = new AtomicReference<>(new Thread[0]);
+  private static final AtomicReference<Thread[]> HELPERS = new AtomicReference<>(new Thread[0]);
 
   /** What such work ended with last; management throws it on, as it is and within others. */
   private static volatile WeakReference<Throwable> lastFailure = new WeakReference<>(null);
@@ -19,12 +19,12 @@ final class AgentThread extends Thread {
   /** Exactly these classes hand a failure on. */
   private static volatile Class<?>[] wrappers = {InvocationTargetException.class};
 
-  private static final int kMostWrappers = 10; // around each other
+  private static final int MOST_WRAPPERS = 10; // around each other
 
   /** Between a round that has failed and the next one. */
-  private static final long kRestNanos = TimeUnit.MILLISECONDS.toNanos(100);
+  private static final long REST_NANOS = TimeUnit.MILLISECONDS.toNanos(100);
 
-  private static final long kPollNanos = TimeUnit.MICROSECONDS.toNanos(50);
+  private static final long POLL_NANOS = TimeUnit.MICROSECONDS.toNanos(50);
 
   private final boolean runsInAnyCase;
 
@@ -75,7 +75,7 @@ final class AgentThread extends Thread {
         try {
           if (hasFailed) {
             hasFailed = false;
-            LockSupport.parkNanos(kRestNanos);
+            LockSupport.parkNanos(REST_NANOS);
           }
           goesOn = round.run();
         } catch (Throwable e) {
@@ -107,14 +107,14 @@ final class AgentThread extends Thread {
         awaitEnd(each);
       }
       if (!areEnough) {
-        LockSupport.parkNanos(kRestNanos); // the system is a moment behind
+        LockSupport.parkNanos(REST_NANOS); // the system is a moment behind
       }
     }
   }
 
   private static void awaitEnd(Thread thread) {
     while (thread != null && thread.isAlive()) {
-      LockSupport.parkNanos(kPollNanos);
+      LockSupport.parkNanos(POLL_NANOS);
     }
   }
 
@@ -147,7 +147,7 @@ final class AgentThread extends Thread {
   /** Does the work on this thread as if it was the companion's own. */
   static <T, E extends Exception> T help(Work<T, E> work) throws E {
     Thread self = currentThread();
-    kHelpers.updateAndGet(
+    HELPERS.updateAndGet(
         before -> {
           Thread[] after = Arrays.copyOf(before, before.length + 1);
           after[before.length] = self;
@@ -159,7 +159,7 @@ final class AgentThread extends Thread {
       lastFailure = new WeakReference<>(e);
       throw e;
     } finally {
-      kHelpers.updateAndGet(before -> withoutOne(before, self));
+      HELPERS.updateAndGet(before -> withoutOne(before, self));
     }
   }
 
@@ -190,7 +190,7 @@ final class AgentThread extends Thread {
     if (self instanceof AgentThread) {
       return true;
     }
-    for (Thread helper : kHelpers.get()) {
+    for (Thread helper : HELPERS.get()) {
       if (helper == self) {
         return true;
       }
@@ -205,7 +205,7 @@ final class AgentThread extends Thread {
       return false;
     }
     Object each = exception;
-    for (int i = 0; i < kMostWrappers && each != failure && isWrapper(each); i++) {
+    for (int i = 0; i < MOST_WRAPPERS && each != failure && isWrapper(each); i++) {
       each = ((Throwable) each).getCause();
     }
     return each == failure;

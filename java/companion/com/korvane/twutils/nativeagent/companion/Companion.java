@@ -19,13 +19,13 @@ public final class Companion {
    * Programs choose their log manager early in {@code main}, and whatever has to do with management
    * makes the JVM settle on one: it has to wait.
    */
-  private static final Duration kUntilMainHasBegun = Duration.ofSeconds(1);
+  private static final Duration UNTIL_MAIN_HAS_BEGUN = Duration.ofSeconds(1);
 
   /** What has to be left for the JVM, which starts threads after this, and for the program. */
-  private static final int kSpareThreads = 12;
+  private static final int SPARE_THREADS = 12;
 
-  private static final AtomicBoolean kIsStarted = new AtomicBoolean();
-  private static final AtomicBoolean kIsCleanedUp = new AtomicBoolean();
+  private static final AtomicBoolean IS_STARTED = new AtomicBoolean();
+  private static final AtomicBoolean IS_CLEANED_UP = new AtomicBoolean();
 
   private Companion() {}
 
@@ -43,7 +43,7 @@ public final class Companion {
 
   /** @param cleanUp what is done first, when the agent is there */
   private static void start(String text, Instrumentation instrumentation, Runnable cleanUp) {
-    if (!kIsStarted.compareAndSet(false, true)) {
+    if (!IS_STARTED.compareAndSet(false, true)) {
       Console.say("the companion runs already: its options '" + text + "' are left out");
       return;
     }
@@ -67,12 +67,12 @@ public final class Companion {
       return;
     }
     cleanUp.run();
-    AgentThread.requireSpare(kSpareThreads);
+    AgentThread.requireSpare(SPARE_THREADS);
     Controller controller = new Controller(options.values(), instrumentation);
     controller.startClock();
     Runtime.getRuntime().addShutdownHook(AgentThread.inAnyCase("end", () -> end(controller)));
     controller.begin();
-    controller.after(kUntilMainHasBegun, () -> meetManagement(controller));
+    controller.after(UNTIL_MAIN_HAS_BEGUN, () -> meetManagement(controller));
   }
 
   private static void meetManagement(Controller controller) {
@@ -90,7 +90,7 @@ public final class Companion {
   }
 
   private static void deleteOldLogs() {
-    String home = kIsCleanedUp.getAndSet(true) ? null : VmArguments.ofThisJvm().home();
+    String home = IS_CLEANED_UP.getAndSet(true) ? null : VmArguments.ofThisJvm().home();
     if (home == null) {
       return;
     }

@@ -9,19 +9,19 @@ import java.nio.charset.StandardCharsets;
 
 /** Says on standard error what the user has to know; nothing when all goes well. Never fails. */
 final class Console {
-  private static final String kName = "javanativeagent: ";
-  private static final byte[] kUnsaid =
-      (kName + "there was no memory for a message\n").getBytes(StandardCharsets.US_ASCII);
+  private static final String NAME = "javanativeagent: ";
+  private static final byte[] UNSAID =
+      (NAME + "there was no memory for a message\n").getBytes(StandardCharsets.US_ASCII);
 
   private static volatile OutputStream out = standardError();
 
-  private static final Charset kCharset = charset("stderr.encoding", "native.encoding");
+  private static final Charset CHARSET = charset("stderr.encoding", "native.encoding");
 
   private Console() {}
 
   static void say(String message) {
     try {
-      out.write((kName + message + '\n').getBytes(kCharset));
+      out.write((NAME + message + '\n').getBytes(CHARSET));
     } catch (Throwable e) {
       sayLess();
     }
@@ -38,7 +38,7 @@ final class Console {
 
   private static void sayLess() {
     try {
-      out.write(kUnsaid);
+      out.write(UNSAID);
     } catch (IOException | RuntimeException | Error e) {
       // Nobody can be told.
     }

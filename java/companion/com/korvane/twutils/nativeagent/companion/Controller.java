@@ -21,12 +21,12 @@ import java.util.function.BiConsumer;
  * ends. Any thread may call.
  */
 final class Controller {
-  private static final String kDefaultOutput = "profiling";
+  private static final String DEFAULT_OUTPUT = "profiling";
 
   // At the end of the JVM, how long to wait for others to be done.
-  private static final Duration kPatienceToStop = Duration.ofSeconds(2);
-  private static final Duration kPatienceToEnd = Duration.ofSeconds(10);
-  private static final int kTriesToEnd = 3;
+  private static final Duration PATIENCE_TO_STOP = Duration.ofSeconds(2);
+  private static final Duration PATIENCE_TO_END = Duration.ofSeconds(10);
+  private static final int TRIES_TO_END = 3;
 
   private final Map<String, String> options;
   private final Instrumentation instrumentation;
@@ -102,10 +102,10 @@ final class Controller {
    */
   void end() {
     hasEnded = true;
-    endPart(() -> NativeAgent.stopRecording(kPatienceToStop));
+    endPart(() -> NativeAgent.stopRecording(PATIENCE_TO_STOP));
     endPart(
         () -> {
-          if (!timetable.inTurn(kPatienceToEnd, this::endSessions)) {
+          if (!timetable.inTurn(PATIENCE_TO_END, this::endSessions)) {
             throw new IOException("sessions that are running get no report: something else was"
                 + " being started or stopped for too long");
           }
@@ -133,7 +133,7 @@ final class Controller {
 
   /** What fails for want of memory is tried again. */
   private static void endPart(Part part) {
-    for (int i = 0; i < kTriesToEnd; i++) {
+    for (int i = 0; i < TRIES_TO_END; i++) {
       try {
         part.run();
         return;
@@ -412,7 +412,7 @@ final class Controller {
   /** Made when there is something to write; in turn. */
   private RunFolder folder() {
     if (folder == null) {
-      String output = options.getOrDefault(OptionKey.OUTPUT.toString(), kDefaultOutput);
+      String output = options.getOrDefault(OptionKey.OUTPUT.toString(), DEFAULT_OUTPUT);
       try {
         OptionReader reader = new OptionReader(options, Console::say);
         int files = reader.number(OptionKey.FILES, 1, 1_000_000, 1000);

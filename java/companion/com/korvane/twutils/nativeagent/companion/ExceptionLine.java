@@ -11,9 +11,9 @@ import java.util.List;
 
 /** A captured exception as a line of its file: a JSON object with the record, decoded and raw. */
 final class ExceptionLine {
-  private static final String kUnknownSource = "NA";
-  private static final String kVirtualThread = "java.lang.VirtualThread";
-  private static final DateTimeFormatter kTime =
+  private static final String UNKNOWN_SOURCE = "NA";
+  private static final String VIRTUAL_THREAD = "java.lang.VirtualThread";
+  private static final DateTimeFormatter TIME =
       DateTimeFormatter.ofPattern("yyyy-MM-dd'T'HH:mm:ss.SSS'Z'").withZone(ZoneOffset.UTC);
 
   private ExceptionLine() {}
@@ -31,7 +31,7 @@ final class ExceptionLine {
   static String of(ExceptionEvent event, String className, String message) {
     ExceptionRecord decoded = ExceptionRecord.parse(event.record);
     JsonText json = new JsonText().beginObject();
-    json.key("time").value(kTime.format(Instant.ofEpochMilli(event.millis)));
+    json.key("time").value(TIME.format(Instant.ofEpochMilli(event.millis)));
     json.key("thread").value(event.thread);
     json.key("class").value(className);
     json.key("message").value(message);
@@ -40,7 +40,7 @@ final class ExceptionLine {
       json.key("cut").value(true);
     }
     json.key("frames").beginArray();
-    boolean isVirtual = kVirtualThread.equals(event.threadClass.getName());
+    boolean isVirtual = VIRTUAL_THREAD.equals(event.threadClass.getName());
     for (ExceptionRecord.Frame frame : decoded.frames()) {
       write(json, frame, isVirtual);
     }
@@ -62,7 +62,7 @@ final class ExceptionLine {
             : frame.className() + '.' + frame.methodName();
     json.beginObject();
     json.key("method").value(method);
-    json.key("file").value(kUnknownSource.equals(frame.sourceFile()) ? null : frame.sourceFile());
+    json.key("file").value(UNKNOWN_SOURCE.equals(frame.sourceFile()) ? null : frame.sourceFile());
     json.key("line").value(frame.line());
     write(json.key("fields"), frame.classVariables(), false);
     write(json.key("arguments"), frame.arguments(), isVirtual);

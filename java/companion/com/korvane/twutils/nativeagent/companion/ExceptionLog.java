@@ -17,14 +17,14 @@ import java.util.concurrent.locks.LockSupport;
  */
 final class ExceptionLog implements ExceptionSink {
   /** Records may be long: the queue never holds more characters than this. */
-  private static final long kMaxQueuedCharacters = 16L << 20;
+  private static final long MAX_QUEUED_CHARACTERS = 16L << 20;
 
   /** Nor more than such a part of the bytes that the heap may have. */
-  private static final int kPartOfHeap = 32;
+  private static final int PART_OF_HEAP = 32;
 
-  private static final long kMaxNanosToClose = TimeUnit.SECONDS.toNanos(10);
-  private static final long kMaxNanosIdle = TimeUnit.SECONDS.toNanos(1);
-  private static final long kPollNanos = TimeUnit.MILLISECONDS.toNanos(5);
+  private static final long MAX_NANOS_TO_CLOSE = TimeUnit.SECONDS.toNanos(10);
+  private static final long MAX_NANOS_IDLE = TimeUnit.SECONDS.toNanos(1);
+  private static final long POLL_NANOS = TimeUnit.MILLISECONDS.toNanos(5);
 
   private final RotatingFile file;
   private final ExceptionQueue queue;
@@ -53,7 +53,7 @@ final class ExceptionLog implements ExceptionSink {
   }
 
   private static long maxCharacters() {
-    return Math.min(kMaxQueuedCharacters, Runtime.getRuntime().maxMemory() / kPartOfHeap);
+    return Math.min(MAX_QUEUED_CHARACTERS, Runtime.getRuntime().maxMemory() / PART_OF_HEAP);
   }
 
   /** Begins to write; there may be no thread to be had for it. */
@@ -127,8 +127,8 @@ final class ExceptionLog implements ExceptionSink {
     isClosing = true;
     LockSupport.unpark(writer);
     boolean isInterrupted = false;
-    while (!isWritten && System.nanoTime() - closedAt < kMaxNanosToClose) {
-      LockSupport.parkNanos(this, kPollNanos);
+    while (!isWritten && System.nanoTime() - closedAt < MAX_NANOS_TO_CLOSE) {
+      LockSupport.parkNanos(this, POLL_NANOS);
       isInterrupted |= Thread.interrupted();
     }
     if (isInterrupted) {
@@ -158,7 +158,7 @@ final class ExceptionLog implements ExceptionSink {
     }
     isIdle = true;
     if (queue.isEmpty() && !isClosing) {
-      LockSupport.parkNanos(this, kMaxNanosIdle);
+      LockSupport.parkNanos(this, MAX_NANOS_IDLE);
     }
     isIdle = false;
     return true;
@@ -200,7 +200,7 @@ final class ExceptionLog implements ExceptionSink {
 
   /** @return false when it is to be tried once more */
   private boolean end() {
-    if (!isEndTried || System.nanoTime() - closedAt < kMaxNanosToClose) {
+    if (!isEndTried || System.nanoTime() - closedAt < MAX_NANOS_TO_CLOSE) {
       isEndTried = true;
       writeEnd();
     }

@@ -9,7 +9,7 @@ import java.util.concurrent.atomic.AtomicReference;
  * the agent keeps the record of a thread that has no stack left. One thread takes them.
  */
 final class ExceptionQueue {
-  private static final ExceptionEvent kClosed = ExceptionEvent.ofKept(0, "", "", "", false);
+  private static final ExceptionEvent CLOSED = ExceptionEvent.ofKept(0, "", "", "", false);
 
   private final int maxCount;
   private final long maxCharacters;
@@ -74,7 +74,7 @@ final class ExceptionQueue {
     ExceptionEvent before;
     do {
       before = newest.get();
-      if (before == kClosed) {
+      if (before == CLOSED) {
         return false;
       }
       event.before = before;
@@ -90,7 +90,7 @@ final class ExceptionQueue {
 
   boolean isEmpty() {
     ExceptionEvent last = newest.get();
-    return last == null || last == kClosed;
+    return last == null || last == CLOSED;
   }
 
   /**
@@ -104,7 +104,7 @@ final class ExceptionQueue {
 
   /** The same, and nothing can be added any more. */
   ExceptionEvent takeLast() {
-    return inTheirOrder(newest.getAndSet(kClosed));
+    return inTheirOrder(newest.getAndSet(CLOSED));
   }
 
   /** The place of an event that was taken is free, whether it was written or lost. */
@@ -114,7 +114,7 @@ final class ExceptionQueue {
   }
 
   private ExceptionEvent inTheirOrder(ExceptionEvent last) {
-    if (last == null || last == kClosed) {
+    if (last == null || last == CLOSED) {
       return null;
     }
     takenCount = last.count;

@@ -17,14 +17,14 @@ import java.util.regex.Pattern;
 
 /** Takes away what the agent leaves in its home and in the working directory. */
 final class HomeCleanUp {
-  private static final Duration kKeptFor = Duration.ofDays(5);
-  private static final Pattern kLogName =
+  private static final Duration KEPT_FOR = Duration.ofDays(5);
+  private static final Pattern LOG_NAME =
       Pattern.compile("tw_NativeAgent_[0-9]{14}_([0-9]+)\\.log_[01]");
 
   /** File systems take their times from a clock that ticks a few times in a hundredth second. */
-  private static final Duration kClockTick = Duration.ofMillis(20);
+  private static final Duration CLOCK_TICK = Duration.ofMillis(20);
 
-  private static final int kMaxPieces = 30; // of a path that the agent makes folders of
+  private static final int MAX_PIECES = 30; // of a path that the agent makes folders of
 
   private HomeCleanUp() {}
 
@@ -37,10 +37,10 @@ final class HomeCleanUp {
     Path logs = home.resolve("logs");
     try (DirectoryStream<Path> files = Files.newDirectoryStream(logs, "tw_NativeAgent_*")) {
       for (Path file : files) {
-        Matcher name = kLogName.matcher(file.getFileName().toString());
+        Matcher name = LOG_NAME.matcher(file.getFileName().toString());
         if (name.matches()
             && Files.isRegularFile(file, LinkOption.NOFOLLOW_LINKS)
-            && Files.getLastModifiedTime(file).toInstant().isBefore(now.minus(kKeptFor))
+            && Files.getLastModifiedTime(file).toInstant().isBefore(now.minus(KEPT_FOR))
             && !Files.exists(Paths.get("/proc", name.group(1)))) {
           Files.deleteIfExists(file);
         }
@@ -58,11 +58,11 @@ final class HomeCleanUp {
    * @param start folders from before that are not the agent's
    */
   static void deleteStrayFolders(String home, Path workingDirectory, Instant start) {
-    Instant since = start.minus(kClockTick);
+    Instant since = start.minus(CLOCK_TICK);
     StringBuilder joined = new StringBuilder();
     int pieces = 0;
     for (String piece : home.split("/")) {
-      if (piece.isEmpty() || pieces == kMaxPieces) {
+      if (piece.isEmpty() || pieces == MAX_PIECES) {
         continue;
       }
       pieces++;

@@ -2,7 +2,7 @@ package com.korvane.twutils.nativeagent.companion;
 
 /** Builds a JSON text on one line. */
 final class JsonText {
-  private static final char[] kHex = "0123456789abcdef".toCharArray();
+  private static final char[] HEX = "0123456789abcdef".toCharArray();
 
   private final StringBuilder text = new StringBuilder();
   private boolean needsComma;
@@ -93,7 +93,7 @@ final class JsonText {
       } else if (c < ' ' || isLoneSurrogate(value, i)) {
         text.append("\\u");
         for (int shift = 12; shift >= 0; shift -= 4) {
-          text.append(kHex[c >> shift & 0xf]);
+          text.append(HEX[c >> shift & 0xf]);
         }
       } else {
         text.append(c);

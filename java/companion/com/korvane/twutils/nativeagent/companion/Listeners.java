@@ -8,9 +8,9 @@ import java.util.concurrent.RejectedExecutionException;
  * they throw ends. Who hands something over never waits.
  */
 final class Listeners {
-  private static final int kMaxWaiting = 1000;
+  private static final int MAX_WAITING = 1000;
 
-  private final ArrayBlockingQueue<Runnable> waiting = new ArrayBlockingQueue<>(kMaxWaiting);
+  private final ArrayBlockingQueue<Runnable> waiting = new ArrayBlockingQueue<>(MAX_WAITING);
   private final AgentThread thread = AgentThread.repeating("notifications", this::round);
 
   /** There may be no thread to be had. */

@@ -15,7 +15,7 @@ import java.time.Duration;
  * left.
  */
 final class LockPlan {
-  private static final Duration kAgain = Duration.ofSeconds(1);
+  private static final Duration AGAIN = Duration.ofSeconds(1);
 
   private final Controller controller;
   private final Timetable.Step next;
@@ -49,7 +49,7 @@ final class LockPlan {
   }
 
   void begin() {
-    next.after(delay.isZero() ? kAgain : delay);
+    next.after(delay.isZero() ? AGAIN : delay);
     if (delay.isZero()) {
       advance();
     }
@@ -67,7 +67,7 @@ final class LockPlan {
         end();
         throw e;
       }
-      next.after(kAgain);
+      next.after(AGAIN);
       Console.say("", e);
     }
   }

@@ -20,14 +20,14 @@ import java.util.function.Consumer;
  */
 final class MemoryPlan {
   /** How long to wait for the end of a lock session's detail phase before it is looked at again. */
-  private static final Duration kPatience = Duration.ofMillis(200);
+  private static final Duration PATIENCE = Duration.ofMillis(200);
 
-  private static final Duration kAgain = Duration.ofSeconds(1);
+  private static final Duration AGAIN = Duration.ofSeconds(1);
 
   /** A look for objects may take one part of so many of the time: 2 %. */
-  private static final int kPartsOfTime = 50;
+  private static final int PARTS_OF_TIME = 50;
 
-  private static final int kMostLines = 5; // on the console, about classes
+  private static final int MOST_LINES = 5; // on the console, about classes
 
   private final Controller controller;
   private final Timetable.Step next;
@@ -88,7 +88,7 @@ final class MemoryPlan {
   }
 
   void begin() {
-    next.after(delay.isZero() ? kAgain : delay);
+    next.after(delay.isZero() ? AGAIN : delay);
     if (delay.isZero()) {
       advance();
     }
@@ -141,7 +141,7 @@ final class MemoryPlan {
       return;
     }
     if (NativeAgent.isDetailRunning() && (session == null || isSetUp)) {
-      next.after(kPatience);
+      next.after(PATIENCE);
       return;
     }
     try {
@@ -151,7 +151,7 @@ final class MemoryPlan {
         end();
         throw e;
       }
-      next.after(kAgain);
+      next.after(AGAIN);
       Console.say("", e);
     }
   }
@@ -222,7 +222,7 @@ final class MemoryPlan {
   private void tellFull(Class<?> type, List<String> full) {
     if (toldFull.add(type.getName())) {
       full.add(type.getName());
-      if (toldFull.size() <= kMostLines) {
+      if (toldFull.size() <= MOST_LINES) {
         Console.say("memory.track: " + limit + " objects of " + type.getName() + " are followed,"
             + " and no more until some of them are gone (memory.limit)");
       } else {
@@ -233,14 +233,14 @@ final class MemoryPlan {
 
   /** The program stands still for a look: it has to wait for the next one the longer. */
   private void setInterval(long nanos) {
-    Duration least = Duration.ofNanos(nanos).multipliedBy(kPartsOfTime);
+    Duration least = Duration.ofNanos(nanos).multipliedBy(PARTS_OF_TIME);
     boolean isShort = interval.compareTo(least) < 0;
     untilNextSweep = isShort ? least : interval;
     if (isShort) {
       tell("interval",
           "memory.track: a look for objects took " + nanos / 1_000_000 + " ms, more than 2 % of"
               + " the " + interval.toMillis() + " ms of memory.interval: whenever one does, the"
-              + " next comes after " + kPartsOfTime + " times as long");
+              + " next comes after " + PARTS_OF_TIME + " times as long");
     }
   }
 

@@ -20,8 +20,8 @@ import javax.management.RuntimeMBeanException;
  * program, which may take its time, control the agent or end the JVM, must not have the turn.
  */
 final class NativeAgentBean extends NotificationBroadcasterSupport implements NativeAgentMXBean {
-  private static final String kName = "com.korvane.tracewell:type=NativeAgent";
-  private static final String kReportWritten = "tracewell.report.written";
+  private static final String NAME = "com.korvane.tracewell:type=NativeAgent";
+  private static final String REPORT_WRITTEN = "tracewell.report.written";
 
   private static NativeAgentBean bean; // register's own
 
@@ -32,7 +32,7 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   private NativeAgentBean(Controller controller) {
     super(
         new MBeanNotificationInfo(
-            new String[] {kReportWritten},
+            new String[] {REPORT_WRITTEN},
             Notification.class.getName(),
             "A report was written; the user data is its path"));
     this.controller = controller;
@@ -45,7 +45,7 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   static void register(Controller controller) {
     boolean isFirst = bean == null;
     try {
-      ObjectName name = new ObjectName(kName);
+      ObjectName name = new ObjectName(NAME);
       if (isFirst) {
         AgentThread.addWrappers(MBeanException.class, RuntimeMBeanException.class);
         NativeAgentBean made = new NativeAgentBean(controller);
@@ -67,7 +67,7 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   private void tellLater(ObjectName name, String kind, Path report) {
     String message = "The " + kind + " report " + report + " was written";
     Notification notification =
-        new Notification(kReportWritten, name, lastNotification.incrementAndGet(), message);
+        new Notification(REPORT_WRITTEN, name, lastNotification.incrementAndGet(), message);
     notification.setUserData(report.toString());
     listeners.execute(() -> sendNotification(notification));
   }

@@ -15,12 +15,12 @@ import java.util.regex.Pattern;
  * default; the latter is told.
  */
 final class OptionReader {
-  private static final Pattern kDuration = Pattern.compile("([0-9]{1,12})(ms|s|m|h|)");
-  private static final Pattern kSize = Pattern.compile("([0-9]{1,12})([km]?)");
-  private static final String kForever = "forever";
+  private static final Pattern DURATION = Pattern.compile("([0-9]{1,12})(ms|s|m|h|)");
+  private static final Pattern SIZE = Pattern.compile("([0-9]{1,12})([km]?)");
+  private static final String FOREVER = "forever";
 
   /** Of sessions that come one after the other. */
-  private static final Duration kLeastOfMany = Duration.ofMillis(500);
+  private static final Duration LEAST_OF_MANY = Duration.ofMillis(500);
 
   private final Map<String, String> values;
   private final Consumer<String> problems;
@@ -73,7 +73,7 @@ final class OptionReader {
 
   /** How often; -1 for ever. */
   int repeat(OptionKey key) {
-    if (kForever.equalsIgnoreCase(text(key))) {
+    if (FOREVER.equalsIgnoreCase(text(key))) {
       return -1;
     }
     return number(key, 1, Integer.MAX_VALUE, 1);
@@ -84,7 +84,7 @@ final class OptionReader {
     if (value == null) {
       return otherwise;
     }
-    Matcher matcher = kDuration.matcher(value.toLowerCase(Locale.ROOT));
+    Matcher matcher = DURATION.matcher(value.toLowerCase(Locale.ROOT));
     if (!matcher.matches()) {
       return refused(key, value, "a duration as in 500ms, 30s, 2m or 1h", otherwise);
     }
@@ -105,7 +105,7 @@ final class OptionReader {
    * @throws IllegalArgumentException that names the options and what was expected
    */
   void requireLength(Duration length, int count, OptionKey repeat, OptionKey... parts) {
-    Duration least = count == 1 ? Duration.ofMillis(1) : kLeastOfMany;
+    Duration least = count == 1 ? Duration.ofMillis(1) : LEAST_OF_MANY;
     if (length.compareTo(least) >= 0) {
       return;
     }
@@ -144,7 +144,7 @@ final class OptionReader {
     if (value == null) {
       return otherwise;
     }
-    Matcher matcher = kSize.matcher(value.toLowerCase(Locale.ROOT));
+    Matcher matcher = SIZE.matcher(value.toLowerCase(Locale.ROOT));
     if (!matcher.matches() || Long.parseLong(matcher.group(1)) == 0) {
       return refused(key, value, "a number of bytes, as in 500k or 10m", otherwise);
     }

@@ -18,7 +18,7 @@ import java.util.TreeMap;
  * malformed or unknown is left out, and told among the problems.
  */
 final class Options {
-  private static final String kConfigKey = "config";
+  private static final String CONFIG_KEY = "config";
 
   private final Map<String, String> values = new LinkedHashMap<>();
   private final List<String> problems = new ArrayList<>();
@@ -100,7 +100,7 @@ final class Options {
     }
     if (equals < 0) {
       malformed(item, key);
-    } else if (key.equals(kConfigKey)) {
+    } else if (key.equals(CONFIG_KEY)) {
       readFile(item.substring(equals + 1).trim());
     } else {
       put(key, item.substring(equals + 1).trim());

@@ -13,11 +13,11 @@ import java.util.regex.Pattern;
  */
 final class OwnerLooks {
   // The last member of a report. No name can look like it: its quotes would be escaped.
-  private static final Pattern kEnd =
+  private static final Pattern END =
       Pattern.compile(
           "\"ownerLookups\":\\s*\\{\\s*\"perSecond\":\\s*\\d+,\\s*\"made\":\\s*(\\d{1,18}),"
               + "\\s*\"leftOut\":\\s*(\\d{1,18})\\s*\\}\\s*\\}\\s*$");
-  private static final int kLongestEnd = 256;
+  private static final int LONGEST_END = 256;
 
   final long made;
   final long leftOut;
@@ -29,7 +29,7 @@ final class OwnerLooks {
 
   /** Those of a session, by its lock report; null when the agent does not limit them. */
   static OwnerLooks of(Path report) throws IOException {
-    Matcher end = kEnd.matcher(endOf(report));
+    Matcher end = END.matcher(endOf(report));
     return end.find()
         ? new OwnerLooks(Long.parseLong(end.group(1)), Long.parseLong(end.group(2)))
         : null;
@@ -37,7 +37,7 @@ final class OwnerLooks {
 
   private static String endOf(Path report) throws IOException {
     try (RandomAccessFile file = new RandomAccessFile(report.toFile(), "r")) {
-      byte[] end = new byte[(int) Math.min(file.length(), kLongestEnd)];
+      byte[] end = new byte[(int) Math.min(file.length(), LONGEST_END)];
       file.seek(file.length() - end.length);
       file.readFully(end);
       return new String(end, StandardCharsets.ISO_8859_1);

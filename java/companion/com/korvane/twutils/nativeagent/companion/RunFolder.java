@@ -25,10 +25,10 @@ import java.util.regex.Pattern;
 
 /** The folder that one run of a JVM writes into, and the names of what is in it. */
 final class RunFolder {
-  private static final DateTimeFormatter kTime = DateTimeFormatter.ofPattern("yyyyMMdd-HHmmss");
+  private static final DateTimeFormatter TIME = DateTimeFormatter.ofPattern("yyyyMMdd-HHmmss");
 
   /** What a session writes: its number is the same in all names. */
-  private static final Pattern kOfSession =
+  private static final Pattern OF_SESSION =
       Pattern.compile("(locks|memory)-([0-9]{1,9})\\.(json|stacks|sweeps)(\\.part)?");
 
   private final Path path;
@@ -60,7 +60,7 @@ final class RunFolder {
     Instant now = Instant.now().truncatedTo(ChronoUnit.MILLIS);
     String pid = processId();
     PrivateFiles.createFolders(output);
-    String name = "run-" + kTime.format(now.atZone(ZoneId.systemDefault())) + '-' + pid;
+    String name = "run-" + TIME.format(now.atZone(ZoneId.systemDefault())) + '-' + pid;
     RunFolder folder = new RunFolder(createUnused(output, name), now, pid, options, maxReports);
     folder.describe();
     return folder;
@@ -166,7 +166,7 @@ final class RunFolder {
     Map<String, Session> byName = new HashMap<>();
     try (DirectoryStream<Path> files = Files.newDirectoryStream(path)) {
       for (Path file : files) {
-        Matcher matcher = kOfSession.matcher(file.getFileName().toString());
+        Matcher matcher = OF_SESSION.matcher(file.getFileName().toString());
         if (matcher.matches()) {
           String name = matcher.group(1) + '-' + matcher.group(2);
           int number = Integer.parseInt(matcher.group(2));

@@ -17,8 +17,8 @@ import java.util.Locale;
  * which it has no room are left out, and that is its last line.
  */
 final class SweepLog {
-  private static final int kMaxSize = 10 << 20; // bytes, but for the last line
-  private static final String kLastLine = "{\"leftOut\":\"all that follow\"}";
+  private static final int MAX_SIZE = 10 << 20; // bytes, but for the last line
+  private static final String LAST_LINE = "{\"leftOut\":\"all that follow\"}";
 
   private final Path path;
   private OutputStream out;
@@ -54,10 +54,10 @@ final class SweepLog {
         PrivateFiles.createFile(path);
         out = new FileOutputStream(path.toFile());
       }
-      if (size < kMaxSize) {
+      if (size < MAX_SIZE) {
         write(json.toString());
-        if (size >= kMaxSize) {
-          write(kLastLine);
+        if (size >= MAX_SIZE) {
+          write(LAST_LINE);
           Console.say("sweeps are not written to " + path + " any more: it has " + size + " bytes");
         }
       }

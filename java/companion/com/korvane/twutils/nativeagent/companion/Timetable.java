@@ -14,8 +14,8 @@ import java.util.concurrent.locks.ReentrantLock;
  * often as it takes. So it has to go on from where it failed.
  */
 final class Timetable {
-  private static final long kAgainNanos = TimeUnit.SECONDS.toNanos(1);
-  private static final long kLongestParkNanos = TimeUnit.SECONDS.toNanos(10);
+  private static final long AGAIN_NANOS = TimeUnit.SECONDS.toNanos(1);
+  private static final long LONGEST_PARK_NANOS = TimeUnit.SECONDS.toNanos(10);
 
   // No monitors anywhere: the lock profiler would report them.
   private final ReentrantLock turn = new ReentrantLock();
@@ -124,7 +124,7 @@ final class Timetable {
 
   /** Tells when the next one comes, or it is to be looked anyway. */
   private long runSteps() {
-    long next = System.nanoTime() + kLongestParkNanos;
+    long next = System.nanoTime() + LONGEST_PARK_NANOS;
     for (Step step : steps) {
       if (step.isDue && step.at - System.nanoTime() <= 0) {
         run(step);
@@ -145,7 +145,7 @@ final class Timetable {
     } catch (Error e) {
       failure = e; // nothing is allocated here
       if (!step.isDue) {
-        step.after(kAgainNanos);
+        step.after(AGAIN_NANOS);
       }
     }
   }

@@ -14,7 +14,7 @@ import java.util.function.LongSupplier;
 
 /** Lines of exceptions, the queue they wait in, and the files they go to. */
 public final class ExceptionLogTest {
-  private static final String kName = "exceptions.jsonl";
+  private static final String NAME = "exceptions.jsonl";
 
   private ExceptionLogTest() {}
 
@@ -242,7 +242,7 @@ public final class ExceptionLogTest {
     volatile int failuresToCome;
 
     FailingFile(Path folder) {
-      super(folder, kName, 1 << 20, 5);
+      super(folder, NAME, 1 << 20, 5);
     }
 
     @Override
@@ -346,7 +346,7 @@ public final class ExceptionLogTest {
   }
 
   private static void rotation(Path folder) throws Exception {
-    RotatingFile file = new RotatingFile(folder, kName, 10, 3);
+    RotatingFile file = new RotatingFile(folder, NAME, 10, 3);
     for (String line : new String[] {"aaaa\n", "bbbb\n", "cccc\n", "a very long line\n", "d\n"}) {
       file.write(line.getBytes(StandardCharsets.UTF_8));
     }
@@ -359,16 +359,16 @@ public final class ExceptionLogTest {
 
   private static void laterSession(Path folder) throws Exception {
     for (String line : new String[] {"first\n", "second\n", "third\n", "fourth\n"}) {
-      RotatingFile file = new RotatingFile(folder, kName, 1000, 2);
+      RotatingFile file = new RotatingFile(folder, NAME, 1000, 2);
       file.write(line.getBytes(StandardCharsets.UTF_8));
       file.close();
     }
     same("files", "exceptions-3.jsonl exceptions.jsonl", Checks.names(folder));
     same("full one", "third\n", Checks.text(folder.resolve("exceptions-3.jsonl")));
-    same("newest", "fourth\n", Checks.text(folder.resolve(kName)));
+    same("newest", "fourth\n", Checks.text(folder.resolve(NAME)));
   }
 
   private static ExceptionLog log(Path folder, int maxQueued) {
-    return new ExceptionLog(new RotatingFile(folder, kName, 1 << 20, 5), maxQueued);
+    return new ExceptionLog(new RotatingFile(folder, NAME, 1 << 20, 5), maxQueued);
   }
 }

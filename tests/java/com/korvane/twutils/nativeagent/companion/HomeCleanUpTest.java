@@ -13,13 +13,13 @@ import java.time.Instant;
 
 /** Old logs, and empty folders that the agent has left. */
 public final class HomeCleanUpTest {
-  private static final Instant kNow = Instant.now();
+  private static final Instant NOW = Instant.now();
 
   private HomeCleanUpTest() {}
 
   public static void main(String[] args) throws Exception {
     Checks.inFolder(HomeCleanUpTest::oldLogs);
-    Checks.inFolder(folder -> HomeCleanUp.deleteOldLogs(folder.resolve("none"), kNow));
+    Checks.inFolder(folder -> HomeCleanUp.deleteOldLogs(folder.resolve("none"), NOW));
     Checks.inFolder(HomeCleanUpTest::strayFolders);
     processStart();
     Checks.end();
@@ -36,7 +36,7 @@ public final class HomeCleanUpTest {
     log(logs, "tw_NativeAgent_notes.txt", 6);
     log(logs, "mine.log_0", 6);
     Files.createDirectory(logs.resolve("tw_NativeAgent_20260104000000_" + unused + ".log_0"));
-    HomeCleanUp.deleteOldLogs(home, kNow);
+    HomeCleanUp.deleteOldLogs(home, NOW);
     same(
         "left",
         "mine.log_0 tw_NativeAgent_20260102000000_" + unused
@@ -48,7 +48,7 @@ public final class HomeCleanUpTest {
 
   private static void log(Path logs, String name, int days) throws Exception {
     Path file = Files.createFile(logs.resolve(name));
-    Files.setLastModifiedTime(file, FileTime.from(kNow.minus(Duration.ofDays(days))));
+    Files.setLastModifiedTime(file, FileTime.from(NOW.minus(Duration.ofDays(days))));
   }
 
   private static void processStart() throws Exception {
@@ -65,7 +65,7 @@ public final class HomeCleanUpTest {
     Instant later = Instant.now().plusSeconds(60);
     HomeCleanUp.deleteStrayFolders("/srv//agent/x/", folder, later);
     same("older ones", "agent other srv srvagent srvagentx", Checks.names(folder));
-    HomeCleanUp.deleteStrayFolders("/srv//agent/x/", folder, kNow);
+    HomeCleanUp.deleteStrayFolders("/srv//agent/x/", folder, NOW);
     same("those of the agent", "agent other srvagentx", Checks.names(folder));
   }
 }

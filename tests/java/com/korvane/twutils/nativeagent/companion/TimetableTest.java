@@ -54,8 +54,18 @@ public final class TimetableTest {
     Timetable timetable = new Timetable();
     StringBuffer order = new StringBuffer();
     CountDownLatch done = new CountDownLatch(2);
-    Timetable.Step late = timetable.step(() -> { order.append("late "); done.countDown(); });
-    Timetable.Step early = timetable.step(() -> { order.append("early "); done.countDown(); });
+    Timetable.Step late =
+        timetable.step(
+            () -> {
+              order.append("late ");
+              done.countDown();
+            });
+    Timetable.Step early =
+        timetable.step(
+            () -> {
+              order.append("early ");
+              done.countDown();
+            });
     Timetable.Step never = timetable.step(() -> order.append("never "));
     timetable.start();
     timetable.inTurn(
@@ -140,7 +150,10 @@ public final class TimetableTest {
   private static void listeners() throws Exception {
     Listeners listeners = new Listeners();
     CountDownLatch told = new CountDownLatch(1);
-    listeners.execute(() -> { throw new OutOfMemoryError(); });
+    listeners.execute(
+        () -> {
+          throw new OutOfMemoryError();
+        });
     listeners.execute(() -> Thread.currentThread().interrupt());
     listeners.execute(told::countDown);
     listeners.start();
