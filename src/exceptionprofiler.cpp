@@ -265,7 +265,7 @@ void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, 
                                                   jmethodID method, jlocation /*location*/,
                                                   jobject exception, jmethodID /*catchMethod*/,
                                                   jlocation /*catchLocation*/) {
-  if (handlerRuns) return raisedInHandler::noteThrow();
+  if (handlerRuns) return;
   const handlerScope scope;
   try {
     exceptionOccurred(jvmti, jni, thread, method, exception);
@@ -668,6 +668,10 @@ std::int32_t exceptionProfiler::startingDepth(std::int32_t mode, jint frameIndex
   return expanded ? 0 : kNeverExpanded;
 }
 
+bool exceptionProfiler::isInHandler() {
+  return handlerRuns;
+}
+
 bool exceptionProfiler::isRecordCut() {
   return recordIsCut;
 }
@@ -692,11 +696,13 @@ void exceptionProfiler::deliver(throwEvent& event, record::builder& built) {
       TW_LOG(kLogDebug, kSeverityDebug, kCallback, "Going to Dump 38 Record for -> %s\n\n\n",
              text.c_str());
       recordIsCut = isCut;
+      raisedInHandler::beginCallback();
       jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionOccuredMethod,
                                 string.get(), event.exception);
       recordIsCut = false;
     }
-    const raisedInHandler::kind raised = event.raised->clear();
+    const raisedInHandler::kind raised =
+        string ? event.raised->clearAfterCallback() : event.raised->clear();
     if (string && raised == raisedInHandler::kind::none) {
       return exceptionCounts::ofProcess().add(exceptionCount::delivered);
     }
@@ -727,6 +733,15 @@ void exceptionProfiler::loseByRaised(const throwEvent& event, raisedInHandler::k
   lose(event, exceptionCount::callback, why.data());
 }
 
+// Whether its thread is a virtual one.
+bool exceptionProfiler::isVirtual(const throwEvent& event) {
+  const support::localRef<jclass> cls(event.jni, event.jni->GetObjectClass(event.thread));
+  support::jvmtiText signature(event.jvmti);
+  signature.fill(
+      [&](char** out) { return event.jvmti->GetClassSignature(cls.get(), out, nullptr); });
+  return signature.view() == "Ljava/lang/VirtualThread;";
+}
+
 // Without memory to keep it, the record stays lost.
 void exceptionProfiler::keepForLater(const throwEvent& event, std::string text, bool isCut) {
   using std::chrono::milliseconds;
@@ -736,7 +751,7 @@ void exceptionProfiler::keepForLater(const throwEvent& event, std::string text, 
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     undeliveredRecords::ofProcess().keep({std::chrono::duration_cast<milliseconds>(now).count(),
                                           std::string(thread.view()), event.info->value.name,
-                                          std::move(text), isCut});
+                                          std::move(text), isCut, isVirtual(event)});
   } catch (...) {
     return;
   }

@@ -94,6 +94,9 @@ class exceptionProfiler : public profiler {
   static constexpr std::int32_t kMostRecordBytes = 64 << 20;
   std::int32_t recordBytes = 1 << 20;
 
+  // Whether the calling thread is in this event's handler.
+  static bool isInHandler();
+
   // Within the callback: whether the record that it was given was cut.
   static bool isRecordCut();
 
@@ -130,6 +133,7 @@ class exceptionProfiler : public profiler {
                                jobject value, jint index);
   void deliver(throwEvent& event, record::builder& built);
   void loseByRaised(const throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
+  static bool isVirtual(const throwEvent& event);
   static void keepForLater(const throwEvent& event, std::string text, bool isCut);
   // Counts the exception as lost, and says so once a minute for its class and the reason.
   void lose(const throwEvent& event, exceptionCount reason, const char* why) noexcept;

@@ -25,6 +25,7 @@
 #include "messageOrigin.h"
 #include "mutexlockprofiler.h"
 #include "profilerRegistry.h"
+#include "raisedInHandler.h"
 #include "support/annotations.h"
 #include "support/jniRef.h"
 #include "support/jvmtiStatus.h"
@@ -193,7 +194,8 @@ void unload() {
 }
 
 // No handler begins any more, and those that run are waited for. Bounded: a debugger may have
-// suspended one, and a control call of another thread may take its time.
+// suspended one, and a control call of another thread may take its time. A sink that ends the VM is
+// within a handler itself, which nobody can wait for.
 void leaveBeforeVmEnds() {
   constexpr std::chrono::seconds kPatience{2};
   constexpr std::chrono::milliseconds kPause{1};
@@ -210,6 +212,7 @@ void leaveBeforeVmEnds() {
   std::transform(kProfilers.begin(), kProfilers.end(), leaving.begin(),
                  [&](std::int32_t kind) { return registry->find(kind); });
   unload();
+  if (exceptionProfiler::isInHandler()) return;
   const auto end = std::chrono::steady_clock::now() + kPatience;
   const auto isOut = [](const std::weak_ptr<profiler>& each) { return each.expired(); };
   while (!std::all_of(leaving.begin(), leaving.end(), isOut) &&
@@ -613,7 +616,11 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(isRecordCut)(JNIEnv* /*jni*/, jclass /*cl
   return exceptionProfiler::isRecordCut() ? JNI_TRUE : JNI_FALSE;
 }
 
-// Time, thread, class, record, and whether it is cut.
+JNIEXPORT void JNICALL TW_COUNTERS(sinkBegins)(JNIEnv* /*jni*/, jclass /*cls*/, jboolean now) {
+  if (now == JNI_TRUE) raisedInHandler::noteSink();
+}
+
+// Time, thread, class, record, whether it is cut, and whether the thread was a virtual one.
 JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cls*/,
                                                         jobjectArray parts) {
   constexpr const char* kFunction =
@@ -624,8 +631,9 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cl
     if (!record) return 0;
     const std::string time = std::to_string(record->time);
     jsize index = 0;
-    for (const char* each : {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
-                             record->text.c_str(), record->isCut ? "cut" : ""}) {
+    for (const char* each :
+         {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
+          record->text.c_str(), record->isCut ? "cut" : "", record->isVirtual ? "virtual" : ""}) {
       const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
       if (text) jni->SetObjectArrayElement(parts, index++, text.get());
       if (!text || jni->ExceptionCheck() != JNI_FALSE) {

@@ -1,8 +1,7 @@
 #include "raisedInHandler.h"
 
-#include <algorithm>
+#include <atomic>
 #include <string_view>
-#include <utility>
 
 #include "support/annotations.h"
 #include "support/jniRef.h"
@@ -19,11 +18,11 @@ using support::localRef;
 
 constexpr jint kToolInterfaceVersion = 0x30010000;  // JVMTI 1.0
 constexpr const char* kSend = "raisedInHandler::send";
-constexpr const char* kCallbackClass = "com.korvane.twutils.nativeagent.TWNativeAgentProfiling";
-constexpr jsize kMostFrames = 1024;  // of a stack trace; the VM leaves out what is deeper
 
-// Since this thread's handler looked last, an exception was thrown by Java code that it called.
-thread_local bool wasThrown = false;
+// Whether the callback that this thread's handler called last has come to its sink.
+thread_local bool hasSinkBegun = false;
+// Whether the callback of this process says when it does; it has by the first record of a sink.
+std::atomic<bool> sinksAreNoted{false};
 
 // An environment with the capability to send exceptions, made when the first one is to be sent:
 // the one that profiles does not ask for it. Null when the VM gives none.
@@ -67,9 +66,7 @@ class sender {
 }  // namespace
 
 raisedInHandler::raisedInHandler(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread)
-    : jvmti_(jvmti), jni_(jni), thread_(thread) {
-  wasThrown = false;
-}
+    : jvmti_(jvmti), jni_(jni), thread_(thread) {}
 
 raisedInHandler::~raisedInHandler() {
   if (asynchronous_ == nullptr) return;
@@ -84,38 +81,54 @@ raisedInHandler::~raisedInHandler() {
   jni_->DeleteGlobalRef(asynchronous_);
 }
 
-void raisedInHandler::noteThrow() {
-  wasThrown = true;
+void raisedInHandler::noteSink() {
+  hasSinkBegun = true;
+  if (!sinksAreNoted.load(std::memory_order_relaxed)) sinksAreNoted.store(true);
+}
+
+void raisedInHandler::beginCallback() {
+  hasSinkBegun = false;
 }
 
 raisedInHandler::kind raisedInHandler::clear() {
-  const bool wasThrownInJava = std::exchange(wasThrown, false);
+  return clear(thrower::javaLang);
+}
+
+raisedInHandler::kind raisedInHandler::clearAfterCallback() {
+  const bool isBeforeSink = !hasSinkBegun && sinksAreNoted.load();
+  return clear(isBeforeSink ? thrower::nobody : thrower::anybody);
+}
+
+raisedInHandler::kind raisedInHandler::clear(thrower possible) {
   if (jni_->ExceptionCheck() == JNI_FALSE) return kind::none;
   const localRef<jthrowable> raised(jni_, jni_->ExceptionOccurred());
   jni_->ExceptionClear();
   if (!raised) return kind::other;
-  const kind found = kindOf(raised.get(), wasThrownInJava);
+  const kind found = kindOf(raised.get(), possible);
   if (found == kind::asynchronous && asynchronous_ == nullptr) {
     asynchronous_ = jni_->NewGlobalRef(raised.get());
+    if (asynchronous_ == nullptr) {
+      TW_LOG(kLogError, kSeverityError, kSend,
+             "An exception that was sent to this thread is lost: there is no memory");
+    }
   }
-  wasThrown = false;
   return found;
 }
 
-// An exception tells in no way how it came to be pending. That of Thread.stop is known by its
-// class. Another one counts as sent when two things come together: no exception event said that
-// Java code has thrown it, which is so when it was pending before the first line of the method
-// that was called, where nearly all are delivered; and it was made where the method was not
-// running.
-raisedInHandler::kind raisedInHandler::kindOf(jthrowable raised, bool wasThrownInJava) {
+// That of Thread.stop is known by its class. Nothing else tells how an exception came to be
+// pending: one that a sink throws must not end a thread of the program, so it counts as sent only
+// where nothing of ours can have thrown it. What the VM runs out of may come up anywhere.
+raisedInHandler::kind raisedInHandler::kindOf(jthrowable raised, thrower possible) {
   const localRef<jclass> cls(jni_, jni_->GetObjectClass(raised));
   const std::string signature = signatureOf(cls.get());
   className_.clear();
   support::appendDottedClass(className_, signature);
   if (signature == "Ljava/lang/StackOverflowError;") return kind::noStack;
   if (signature == "Ljava/lang/OutOfMemoryError;") return kind::noMemory;
-  if (signature == "Ljava/lang/ThreadDeath;") return kind::asynchronous;
-  return !wasThrownInJava && comesFromElsewhere(raised) ? kind::asynchronous : kind::other;
+  const bool isJavaLangs = signature.starts_with("Ljava/lang/");
+  const bool isSent = signature == "Ljava/lang/ThreadDeath;" || possible == thrower::nobody ||
+                      (possible == thrower::javaLang && !isJavaLangs);
+  return isSent ? kind::asynchronous : kind::other;
 }
 
 std::string raisedInHandler::signatureOf(jclass cls) {
@@ -124,42 +137,6 @@ std::string raisedInHandler::signatureOf(jclass cls) {
     signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls, out, nullptr); });
   }
   return std::string(signature.view());
-}
-
-// Whether its stack trace is whole and has no frame of the agent's callback. Java's own code is
-// asked, not that of the exception's class.
-bool raisedInHandler::comesFromElsewhere(jthrowable raised) {
-  constexpr const char* kText = "()Ljava/lang/String;";
-  const auto failed = [this] {
-    if (jni_->ExceptionCheck() == JNI_FALSE) return false;
-    jni_->ExceptionClear();
-    return true;
-  };
-  localRef<jclass> throwable(jni_, jni_->GetObjectClass(raised));
-  while (throwable && signatureOf(throwable.get()) != "Ljava/lang/Throwable;") {
-    throwable = localRef<jclass>(jni_, jni_->GetSuperclass(throwable.get()));
-  }
-  if (!throwable) return false;
-  const jmethodID getStackTrace =
-      jni_->GetMethodID(throwable.get(), "getStackTrace", "()[Ljava/lang/StackTraceElement;");
-  if (failed() || getStackTrace == nullptr) return false;
-  const localRef<jobjectArray> trace(
-      jni_, static_cast<jobjectArray>(
-                jni_->CallNonvirtualObjectMethod(raised, throwable.get(), getStackTrace)));
-  if (failed() || !trace) return false;
-  const jsize frames = jni_->GetArrayLength(trace.get());
-  if (frames == 0 || frames >= kMostFrames) return false;  // nothing to tell it by
-  for (jsize i = 0; i < frames; ++i) {
-    const localRef<> frame(jni_, jni_->GetObjectArrayElement(trace.get(), i));
-    if (failed() || !frame) return false;
-    const localRef<jclass> cls(jni_, jni_->GetObjectClass(frame.get()));
-    const jmethodID getClassName = jni_->GetMethodID(cls.get(), "getClassName", kText);
-    if (failed() || getClassName == nullptr) return false;
-    const localRef<jstring> name(
-        jni_, static_cast<jstring>(jni_->CallObjectMethod(frame.get(), getClassName)));
-    if (failed() || support::textOf(jni_, name.get()) == kCallbackClass) return false;
-  }
-  return true;
 }
 
 }  // namespace agent

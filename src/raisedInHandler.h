@@ -28,17 +28,25 @@ class raisedInHandler {
     other,         // what a call threw
     asynchronous,  // what another thread sent
   };
-  // Clears what is pending after a call.
+  // Clears what is pending after a call that runs no code but the VM's own and that of java.lang:
+  // what these throw is of a class of java.lang, and all else counts as sent.
   kind clear();
+  // Just before the callback is called, and clears what is pending after that. An exception counts
+  // as sent, whatever its class, when it came up before the sink began: nothing there throws.
+  static void beginCallback();
+  kind clearAfterCallback();
   // The class of what was cleared last, as in "java.lang.Error".
   const std::string& className() const { return className_; }
 
-  // Told by the handler that meets its own calls' exception events: something was thrown in Java.
-  static void noteThrow();
+  // The callback is about to call its sink, on this thread. What comes up from now on may be the
+  // sink's. A callback that never says so may throw at any point.
+  static void noteSink();
 
  private:
-  kind kindOf(jthrowable raised, bool wasThrownInJava);
-  bool comesFromElsewhere(jthrowable raised);
+  // Who may have thrown what is pending.
+  enum class thrower { nobody, javaLang, anybody };
+  kind clear(thrower possible);
+  kind kindOf(jthrowable raised, thrower possible);
   std::string signatureOf(jclass cls);
 
   jvmtiEnv* jvmti_;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "exceptionCounts.h"
 #include "exceptionRecord.h"
 
 namespace agent {
@@ -12,10 +13,12 @@ undeliveredRecords& undeliveredRecords::ofProcess() {
 }
 
 bool undeliveredRecords::keep(undeliveredRecord record) {
+  record.text.shrink_to_fit();  // the record had its whole budget reserved
   const support::lockGuard guard(mutex_);
   if (!isAsked_ || records_.size() == kMost) return false;
   if (bytes_ + record.text.capacity() > kMostBytes) {
     record.text = record::withoutValues(record.text);
+    if (!record.isCut) exceptionCounts::ofProcess().add(exceptionCount::cut);
     record.isCut = true;
   }
   records_.push_back(std::move(record));

@@ -18,6 +18,7 @@ struct undeliveredRecord {
   std::string exceptionClass;
   std::string text;  // as it would have been delivered
   bool isCut = false;
+  bool isVirtual = false;  // its thread
 };
 
 // At most 64 records with 4 MiB of text; a text that does not fit is shortened to its first frame,
@@ -28,7 +29,7 @@ class undeliveredRecords {
   static constexpr std::size_t kMost = 64;
   static constexpr std::size_t kMostBytes = std::size_t{4} << 20U;
 
-  // Whether it is kept.
+  // Whether it is kept; one that is shortened now counts as cut.
   bool keep(undeliveredRecord record) EXCLUDES(mutex_);
   // The oldest one.
   std::optional<undeliveredRecord> take() EXCLUDES(mutex_);

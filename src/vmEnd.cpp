@@ -13,8 +13,17 @@ namespace {
 constexpr const char* kThreadEnd = "vmEnd::ThreadEnd";
 constexpr std::string_view kDestroyer = "DestroyJavaVM";  // HotSpot's name for the last thread
 
+constexpr jint kFirstThatWaits = 26;
+
 std::atomic<bool> isEnding{false};
 std::atomic<void (*)()> callAtEnd{nullptr};
+
+// The number of the JDK, as in 26: the VM gives it as the major version of its JVMTI.
+jint featureVersion(jvmtiEnv* jvmti) {
+  jint version = 0;
+  if (jvmti->GetVersionNumber(&version) != JVMTI_ERROR_NONE) return 0;
+  return (version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR;
+}
 
 // The thread that ends the VM is within System.exit or Runtime.halt, where another thread that ends
 // has no frame left; or it is the one that has waited for all others after main returned.
@@ -30,6 +39,8 @@ bool endsVm(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
 void JNICALL ThreadEnd(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
   contained(kThreadEnd, "Exception occured in vmEnd : ThreadEnd", [&] {
     if (!endsVm(jvmti, jni, thread) || isEnding.exchange(true)) return;
+    // Other threads end meanwhile, and this is a handler too.
+    jvmti->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_THREAD_END, nullptr);
     callAtEnd.load()();
   });
 }
@@ -42,6 +53,7 @@ void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
   void* environment = nullptr;
   if (vm->GetEnv(&environment, JVMTI_VERSION_1_2) != JNI_OK || environment == nullptr) return;
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
+  if (featureVersion(jvmti) < kFirstThatWaits) return;
   jvmtiEventCallbacks callbacks{};
   callbacks.ThreadEnd = ThreadEnd;
   jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));

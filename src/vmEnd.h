@@ -13,7 +13,8 @@ namespace agent {
 
 // Begins to watch for the end of `vm`, with a JVMTI environment of its own. Called by Agent_OnLoad.
 // `atEnd` is called once, on the thread that ends the VM, in the live phase; vmIsEnding() holds by
-// then. A VM that gives no environment, or refuses the event, is not watched.
+// then. A VM before 26, which waits for nobody, is not watched; nor is one that gives no
+// environment or refuses the event.
 void watchForVmEnd(JavaVM* vm, void (*atEnd)());
 
 // Whether the VM is about to end: handlers make no call any more that waits for a safepoint. Any

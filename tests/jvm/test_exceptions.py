@@ -575,6 +575,13 @@ def test_a_thread_can_be_stopped_while_it_throws(jvm, way):
         assert run.fact("byIt") >= run.fact("threads") - 1
 
 
+@pytest.mark.parametrize("what", ["elsewhere", "before", "deep"])
+def test_nothing_that_a_sink_throws_reaches_the_program(jvm, what):
+    run = jvm.run("SinkRethrows", what, options=VALUES, vm=["-XX:MaxJavaStackTraceDepth=10"])
+    assert run.fact("caught") == 5
+    assert run.fact("failed") >= 5
+
+
 @pytest.mark.parametrize("way, exit_code", [("exit", 7), ("halt", 9), ("return", 0)])
 def test_end_while_16_threads_throw(jvm, way, exit_code):
     for _ in range(5):

@@ -391,7 +391,7 @@ def test_exceptions_that_are_not_among_the_records(browser, page_of, tmp_path):
     browser.open(page_of(tmp_path), "exceptions")
     assert ("The agent saw 12,238 exceptions: 12,000 over the rate, 29 of excluded classes, 200 thrown "
             "in packages that are not recorded, 3 without a record (stack 3), 6 handed over as "
-            "records (1 of them cut).") in browser.text()
+            "records. Records that were cut: 1.") in browser.text()
     assert "4 records were dropped." in browser.text()
     assert "of 3 exceptions no record could be made (stack 3)." in browser.text()
     groups = browser.table("Exceptions by class and site")

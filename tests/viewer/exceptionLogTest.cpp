@@ -217,7 +217,7 @@ TEST(exceptionTables, tellWhatIsNotAmongTheRecords) {
       "Exceptions: 1 records, 1 written and 5 dropped by the program\n"
       "The agent saw 12,238 exceptions: 12,000 over the rate, 20 of excluded classes, 200 "
       "thrown in packages that are not recorded, 3 without a record (callback 1, stack 2), 15 "
-      "handed over as records (2 of them cut).\n"
+      "handed over as records. Records that were cut: 2.\n"
       "Not all is here: 5 records were dropped.\n"
       "Not all is here: of 3 exceptions no record could be made (callback 1, stack 2).\n");
   EXPECT_EQ(exceptionLine(readLog(kFull).log),

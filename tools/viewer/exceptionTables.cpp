@@ -94,11 +94,10 @@ std::string agentLine(const agentCounts& counts) {
   add(counts.filtered, "thrown in packages that are not recorded");
   add(failed, fmt::format("without a record ({})", printable(failureReasons(counts))));
   add(counts.delivered, "handed over as records");
-  if (counts.cut > 0) {
-    parts += fmt::format(" ({} of them cut)", grouped(counts.cut));
-  }
   add(underWay(counts), "under way when capture ended");
-  return fmt::format("The agent saw {} exceptions{}.\n", grouped(counts.seen), parts);
+  const std::string cut =
+      counts.cut == 0 ? "" : fmt::format(" Records that were cut: {}.", grouped(counts.cut));
+  return fmt::format("The agent saw {} exceptions{}.{}\n", grouped(counts.seen), parts, cut);
 }
 
 }  // namespace

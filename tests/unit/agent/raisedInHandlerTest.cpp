@@ -1,5 +1,7 @@
 // Exceptions that another thread sends to a thread in its handler are sent again at its end; what
 // the handler's own calls throw is not.
+#include <com_korvane_twutils_nativeagent_AgentCounters.h>
+
 #include "exceptionTest.h"
 
 namespace {
@@ -10,39 +12,11 @@ using ::testing::HasSubstr;
 
 class asynchronousExceptions : public exceptionTest {
  protected:
-  // An exception with these classes in its stack trace.
-  fake::object* madeIn(const std::vector<std::string>& classes) {
-    fake::javaClass* const throwable = vm.classNamed("java.lang.Throwable");
-    fake::javaClass* const element = vm.classNamed("java.lang.StackTraceElement");
-    if (name_ == nullptr) {
-      name_ = vm.makeField(element, "declaringClass", "Ljava/lang/String;");
-      trace_ = vm.makeField(throwable, "stackTrace", "[Ljava/lang/StackTraceElement;");
-      vm.makeMethod(element, "getClassName", "()Ljava/lang/String;",
-                    {.body = [this](fake::invocation& call) -> fake::value {
-                      return call.self->fields.at(name_);
-                    }});
-      vm.makeMethod(throwable, "getStackTrace", "()[Ljava/lang/StackTraceElement;",
-                    {.body = [this](fake::invocation& call) -> fake::value {
-                      const auto found = call.self->fields.find(trace_);
-                      if (found == call.self->fields.end())
-                        return static_cast<fake::object*>(nullptr);
-                      return found->second;
-                    }});
-    }
-    std::vector<fake::object*> frames;
-    for (const std::string& each : classes) {
-      frames.push_back(vm.makeObject(element));
-      vm.setField(frames.back(), name_, vm.makeString(each));
-    }
-    fake::object* const made = vm.makeObject(vm.makeClass("x.Sent", throwable));
-    vm.setField(made, trace_, vm.makeArray("[Ljava.lang.StackTraceElement;", frames));
-    return made;
-  }
-  // What the thread is sent at the end of a handler in whose callback `pending` came up; `thrown`
-  // in Java code, or not.
-  fake::object* sentAgain(fake::object* pending, bool thrown = false) {
-    inCallback = [=, this](fake::invocation& call) {
-      if (thrown) call.vm.exception(thread(), nullptr, 0, pending);
+  // What the thread is sent at the end of a handler in whose callback `pending` came up: before the
+  // callback came to its sink, or, with `inSink`, after that.
+  fake::object* sentAgain(fake::object* pending, bool inSink = false) {
+    inCallback = [=](fake::invocation& call) {
+      if (inSink) sinkBegins(call.env);
       call.vm.throwInJava(pending);
     };
     recordOf({frameOf("a.A.m")});
@@ -50,44 +24,67 @@ class asynchronousExceptions : public exceptionTest {
     EXPECT_EQ(vm.globalReferences(), 1U);
     return thread()->sent;
   }
+  // A record that is handed over as the companion does.
+  void handOverOne() {
+    inCallback = [](fake::invocation& call) { sinkBegins(call.env); };
+    recordOf({frameOf("a.A.m")});
+  }
+  fake::object* someException() { return vm.makeObject("com.example.Sent"); }
 
  private:
-  fake::field* name_ = nullptr;
-  fake::field* trace_ = nullptr;
+  static void sinkBegins(JNIEnv* jni) {
+    Java_com_korvane_twutils_nativeagent_AgentCounters_sinkBegins(jni, nullptr, JNI_TRUE);
+  }
 };
 
 TEST_F(asynchronousExceptions, aStopOfTheThreadIsSentAgain) {
   begin();
   fake::object* const death = vm.makeObject("java.lang.ThreadDeath");
   EXPECT_EQ(sentAgain(death), death);
+  handOverOne();
   EXPECT_EQ(sentAgain(death, true), death);
 }
 
-TEST_F(asynchronousExceptions, oneThatWasMadeElsewhereAndWasNotThrownIsSentAgain) {
+TEST_F(asynchronousExceptions, oneThatComesBeforeTheSinkBeginsIsSentAgain) {
   begin();
-  fake::object* const sent = madeIn({"com.example.Debugger", "java.lang.Thread"});
+  handOverOne();
+  fake::object* const sent = someException();
   EXPECT_EQ(sentAgain(sent), sent);
 }
 
-TEST_F(asynchronousExceptions, oneThatTheCallbackMadeIsNot) {
+TEST_F(asynchronousExceptions, oneThatComesWhileTheSinkRunsIsTheSinks) {
   begin();
-  EXPECT_EQ(sentAgain(madeIn({"com.example.Sink", kCallbackClass, "a.A"})), nullptr);
+  EXPECT_EQ(sentAgain(someException(), true), nullptr);
+  handOverOne();
+  EXPECT_EQ(sentAgain(someException(), true), nullptr);
 }
 
-TEST_F(asynchronousExceptions, oneThatJavaCodeHasThrownIsNotWhereverItWasMade) {
+// Another callback than the companion's may throw at any point.
+TEST_F(asynchronousExceptions, withACallbackThatDoesNotTellOfItsSinkItIsTheCallbacks) {
   begin();
-  EXPECT_EQ(sentAgain(madeIn({"com.example.Pool", "java.lang.Thread"}), true), nullptr)
-      << "a sink may throw the cause of what another thread has failed with";
+  EXPECT_EQ(sentAgain(someException()), nullptr);
 }
 
-TEST_F(asynchronousExceptions, oneThatDoesNotTellWhereItWasMadeIsNot) {
-  begin();
-  EXPECT_EQ(sentAgain(madeIn({})), nullptr);
-  EXPECT_EQ(sentAgain(nullptr), nullptr) << "nor one without a stack trace at all";
+TEST_F(asynchronousExceptions, whileABuilderIsReadAllButItsOwnIsSentAgain) {
+  begin({.localVariables = true});
+  handOverOne();
+  fake::object* thrown = vm.makeObject("java.lang.StringIndexOutOfBoundsException");
+  fake::object* const builder = builderWith(4, [&](fake::invocation& call) -> fake::value {
+    call.vm.throwInJava(thrown);
+    return static_cast<fake::object*>(nullptr);
+  });
+  const std::vector<fake::frame> stack = {
+      frameOf("a.A.m", {}, {{"b", "Ljava/lang/StringBuilder;", builder}})};
+  EXPECT_EQ(topOf(stack).locals, nullObject("b"));
+  EXPECT_EQ(thread()->sent, nullptr);
+  thrown = someException();
+  recordOf(stack);
+  EXPECT_EQ(thread()->sent, thrown);
 }
 
 TEST_F(asynchronousExceptions, whatTheVmItselfRunsOutOfIsNot) {
   begin();
+  handOverOne();
   EXPECT_EQ(sentAgain(vm.makeObject("java.lang.OutOfMemoryError")), nullptr);
   EXPECT_EQ(sentAgain(vm.makeObject("java.lang.StackOverflowError")), nullptr);
 }

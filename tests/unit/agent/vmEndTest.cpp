@@ -118,12 +118,39 @@ TEST_F(vmEnd, aVmThatCannotBeWatchedIsProfiledAllTheSame) {
   EXPECT_NE(locks(), nullptr);
 }
 
-TEST_F(vmEnd, aSecondEndIsLeftToTheFirst) {
+TEST_F(vmEnd, aVmThatWaitsForNobodyIsNotWatched) {
+  vm.setFeatureVersion(25);
+  load();
+  exit();
+  EXPECT_FALSE(agent::vmIsEnding());
+  EXPECT_NE(locks(), nullptr);
+}
+
+TEST_F(vmEnd, aVmThatGivesNoVersionIsNotWatched) {
+  vm.fail("GetVersionNumber");
+  load();
+  exit();
+  EXPECT_FALSE(agent::vmIsEnding());
+}
+
+TEST_F(vmEnd, threadsThatEndAfterItCallNothing) {
   load();
   exit();
   vm.resetCalls();
+  EXPECT_FALSE(vm.threadEnd(vm.makeThread("worker")));
   exit();
-  EXPECT_EQ(vm.calls("SetEventNotificationMode"), 0U);
+  EXPECT_THAT(vm.callNames(), IsEmpty());
+}
+
+TEST_F(vmEnd, aSinkThatEndsTheVmDoesNotWaitForItself) {
+  begin();
+  inCallback = [this](fake::invocation&) {
+    const auto begun = steady_clock::now();
+    exit();
+    EXPECT_LT(steady_clock::now() - begun, std::chrono::seconds(1));
+    EXPECT_TRUE(agent::vmIsEnding());
+  };
+  recordOf({frameOf("a.A.m")});
 }
 
 TEST_F(vmEnd, unloadingAfterItFindsNothingToDo) {

@@ -118,6 +118,14 @@ jvmtiError JNICALL getPhase(jvmtiEnv* jvmti, jvmtiPhase* phase) {
   });
 }
 
+jvmtiError JNICALL getVersionNumber(jvmtiEnv* jvmti, jint* version) {
+  return perform(jvmti, FAKE_JVMTI(GetVersionNumber), {}, [&](machine& vm, threadEnv*) {
+    if (version == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    *version = vm.featureVersion << JVMTI_VERSION_SHIFT_MAJOR;
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 const char* errorText(jvmtiError error) {
   switch (error) {
 #define FAKE_ERROR(name) \
@@ -808,6 +816,7 @@ jvmtiInterface_1 makeTable() {
   table.GetThreadInfo = getThreadInfo;
   table.GetStackTrace = getStackTrace;
   table.GetFrameCount = getFrameCount;
+  table.GetVersionNumber = getVersionNumber;
   table.GetLocalInt = getLocal<FAKE_JVMTI(GetLocalInt), jint>;
   table.GetLocalLong = getLocal<FAKE_JVMTI(GetLocalLong), jlong>;
   table.GetLocalFloat = getLocal<FAKE_JVMTI(GetLocalFloat), jfloat>;

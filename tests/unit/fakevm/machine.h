@@ -258,6 +258,7 @@ class machine {
   std::atomic<jlong> now{1'000'000'000};
   std::atomic<jlong> timeStep{0};
   std::atomic<unsigned> eventsPerCollection{1};
+  std::atomic<jint> featureVersion{26};
 
   blockTracker memory;
   blockTracker characters;

@@ -211,6 +211,10 @@ bool virtualMachine::disposed() const {
   return machine_->jvmti.disposed;
 }
 
+void virtualMachine::setFeatureVersion(jint version) {
+  machine_->featureVersion = version;
+}
+
 void virtualMachine::setEventsPerCollection(unsigned count) {
   machine_->eventsPerCollection = count;
 }

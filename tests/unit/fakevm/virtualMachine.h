@@ -151,6 +151,7 @@ class virtualMachine {
   bool isEnabled(jvmtiEvent event) const;
   std::vector<eventMode> eventModes() const;  // every successful SetEventNotificationMode, in order
   bool disposed() const;
+  void setFeatureVersion(jint version);         // of the JDK; 26 at first
   void setEventsPerCollection(unsigned count);  // of ForceGarbageCollection; 1 at first
 
   // --- Exceptions in the calling thread.

@@ -102,12 +102,12 @@ function agentText(counts) {
     [counts.filtered, 'thrown in packages that are not recorded'],
     [failed, `without a record (${
       failures.map(([reason, count]) => `${reason} ${formatNumber(count)}`).join(', ')})`],
-    [counts.delivered, `handed over as records${
-      counts.cut > 0 ? ` (${formatNumber(counts.cut)} of them cut)` : ''}`],
+    [counts.delivered, 'handed over as records'],
     [counts.seen - known, 'under way when capture ended'],
   ].filter(([count]) => count > 0).map(([count, what]) => `${formatNumber(count)} ${what}`);
   return `The agent saw ${plural(counts.seen, 'exception', 'exceptions')}${
-    parts.length > 0 ? `: ${parts.join(', ')}` : ''}.`;
+    parts.length > 0 ? `: ${parts.join(', ')}` : ''}.${
+    counts.cut > 0 ? ` Records that were cut: ${formatNumber(counts.cut)}.` : ''}`;
 }
 
 function recordDetail(record) {

@@ -6,7 +6,7 @@ package com.korvane.twutils.nativeagent;
  */
 public final class AgentCounters {
   /** How many texts {@link #takeUndelivered} gives. */
-  public static final int UNDELIVERED_PARTS = 5;
+  public static final int UNDELIVERED_PARTS = 6;
 
   private AgentCounters() {}
 
@@ -20,11 +20,19 @@ public final class AgentCounters {
   public static native boolean isRecordCut();
 
   /**
+   * Called just before a sink gets its record, on the same thread, with false and then with true.
+   * What another thread has sent to this one comes up when the first call returns; what is thrown
+   * after the second one is the sink's.
+   */
+  static native void sinkBegins(boolean now);
+
+  /**
    * Takes the oldest record that could not be handed over because its thread had no stack left. The
    * agent keeps some of them, and none before the first call.
    *
    * @param parts filled with when it was thrown (milliseconds since the epoch), the name of its
-   *     thread, the class of the exception, the record, and "cut" or an empty text
+   *     thread, the class of the exception, the record, "cut" or an empty text, and "virtual" or an empty
+   *     text for the thread
    * @return whether there was one
    */
   public static native boolean takeUndelivered(String[] parts);

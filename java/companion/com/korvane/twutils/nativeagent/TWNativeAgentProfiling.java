@@ -165,6 +165,8 @@ public final class TWNativeAgentProfiling {
   public static void onExceptionOccured(String record, Object exception) {
     ExceptionSink sink = exceptionSink;
     if (sink != null) {
+      AgentCounters.sinkBegins(false);
+      AgentCounters.sinkBegins(true);
       sink.onException(record, exception);
     }
   }

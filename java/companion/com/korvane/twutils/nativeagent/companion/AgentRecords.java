@@ -5,13 +5,14 @@ import com.korvane.twutils.nativeagent.ExceptionCounts;
 
 /** What the agent knows of its exception records; nothing in a JVM without the agent. */
 final class AgentRecords {
+  private static final String[] PARTS = new String[AgentCounters.UNDELIVERED_PARTS];
   private static final boolean IS_THERE = find();
 
   private AgentRecords() {}
 
   private static boolean find() {
     try {
-      AgentCounters.takeUndelivered(new String[AgentCounters.UNDELIVERED_PARTS]);
+      AgentCounters.takeUndelivered(PARTS);
       return true; // and from now on the agent keeps them: this was none of ours
     } catch (UnsatisfiedLinkError e) {
       return false;
@@ -23,14 +24,23 @@ final class AgentRecords {
     return IS_THERE && AgentCounters.isRecordCut();
   }
 
-  /** The oldest record that could not be handed over on its thread; null when there is none. */
-  static ExceptionEvent takeUndelivered() {
-    String[] parts = new String[AgentCounters.UNDELIVERED_PARTS];
-    if (!IS_THERE || !AgentCounters.takeUndelivered(parts)) {
-      return null;
-    }
+  /**
+   * Takes the oldest record that could not be handed over on its thread. By one thread alone.
+   *
+   * @return whether there was one; it is {@link #taken} then
+   */
+  static boolean takeUndelivered() {
+    return IS_THERE && AgentCounters.takeUndelivered(PARTS);
+  }
+
+  /** The record that was taken last; once. */
+  static ExceptionEvent taken() {
+    boolean isCut = !PARTS[4].isEmpty();
+    boolean isVirtual = !PARTS[5].isEmpty();
+    String record = PARTS[3];
+    PARTS[3] = null; // it may be long
     return ExceptionEvent.ofKept(
-        Long.parseLong(parts[0]), parts[1], parts[2], parts[3], !parts[4].isEmpty());
+        Long.parseLong(PARTS[0]), PARTS[1], PARTS[2], record, isCut, isVirtual);
   }
 
   /** Writes the member "agent": what became of all exceptions. */

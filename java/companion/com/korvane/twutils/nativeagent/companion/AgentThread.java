@@ -11,7 +11,7 @@ import java.util.concurrent.locks.LockSupport;
 /** A thread of the companion's own. It keeps no JVM alive, and its exceptions are not recorded. */
 final class AgentThread extends Thread {
   /** Other threads that do the companion's work now; mostly none. Neither locked nor hashed. */
-  private static final AtomicReference<Thread[]> HELPERS = new AtomicReference<>(new Thread[0]);
+  private static final AtomicReference<Helper[]> HELPERS = new AtomicReference<>(new Helper[0]);
 
   /** What such work ended with last; management throws it on, as it is and within others. */
   private static volatile WeakReference<Throwable> lastFailure = new WeakReference<>(null);
@@ -146,32 +146,38 @@ final class AgentThread extends Thread {
 
   /** Does the work on this thread as if it was the companion's own. */
   static <T, E extends Exception> T help(Work<T, E> work) throws E {
-    Thread self = currentThread();
-    HELPERS.updateAndGet(
-        before -> {
-          Thread[] after = Arrays.copyOf(before, before.length + 1);
-          after[before.length] = self;
-          return after;
-        });
+    Helper helper = new Helper(currentThread());
+    HELPERS.updateAndGet(before -> withOne(before, helper));
     try {
       return work.run();
     } catch (Throwable e) {
       lastFailure = new WeakReference<>(e);
       throw e;
     } finally {
-      HELPERS.updateAndGet(before -> withoutOne(before, self));
+      helper.thread = null; // allocates nothing: there may be no memory
     }
   }
 
-  private static Thread[] withoutOne(Thread[] threads, Thread leaving) {
-    int place = 0;
-    while (threads[place] != leaving) {
-      place++;
+  /** A thread that helps, until it has. */
+  private static final class Helper {
+    volatile Thread thread;
+
+    Helper(Thread thread) {
+      this.thread = thread;
     }
-    Thread[] left = new Thread[threads.length - 1];
-    System.arraycopy(threads, 0, left, 0, place);
-    System.arraycopy(threads, place + 1, left, place, left.length - place);
-    return left;
+  }
+
+  /** Those that are at it still, and one more. */
+  private static Helper[] withOne(Helper[] helpers, Helper coming) {
+    Helper[] after = new Helper[helpers.length + 1];
+    int count = 0;
+    for (Helper each : helpers) {
+      if (each.thread != null) {
+        after[count++] = each;
+      }
+    }
+    after[count++] = coming;
+    return Arrays.copyOf(after, count);
   }
 
   /** Names classes of exceptions in which management hands on what failed. */
@@ -190,8 +196,8 @@ final class AgentThread extends Thread {
     if (self instanceof AgentThread) {
       return true;
     }
-    for (Thread helper : HELPERS.get()) {
-      if (helper == self) {
+    for (Helper helper : HELPERS.get()) {
+      if (helper.thread == self) {
         return true;
       }
     }

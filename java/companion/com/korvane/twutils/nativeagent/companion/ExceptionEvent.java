@@ -12,6 +12,7 @@ final class ExceptionEvent {
   final String className; // null when the exception is there to be asked
   final boolean isCut; // the record
   final Class<?> threadClass;
+  final boolean isKeptOfVirtual; // the agent has told that its thread was a virtual one
 
   // Within the queue: the event before it, and how many and how long all up to this one are.
   ExceptionEvent before;
@@ -19,7 +20,7 @@ final class ExceptionEvent {
   long characters;
 
   ExceptionEvent(long millis, String thread, String record, Object exception) {
-    this(millis, thread, record, exception, null, false, Thread.class);
+    this(millis, thread, record, exception, null, false, Thread.class, false);
   }
 
   ExceptionEvent(
@@ -29,7 +30,8 @@ final class ExceptionEvent {
       Object exception,
       String className,
       boolean isCut,
-      Class<?> threadClass) {
+      Class<?> threadClass,
+      boolean isKeptOfVirtual) {
     this.millis = millis;
     this.thread = thread;
     this.record = record == null ? "" : record;
@@ -37,6 +39,7 @@ final class ExceptionEvent {
     this.className = className;
     this.isCut = isCut;
     this.threadClass = threadClass;
+    this.isKeptOfVirtual = isKeptOfVirtual;
   }
 
   /** For an exception that this thread is throwing now. */
@@ -49,13 +52,20 @@ final class ExceptionEvent {
         exception,
         null,
         AgentRecords.isRecordCut(),
-        thread.getClass());
+        thread.getClass(),
+        false);
   }
 
   /** For one of which the agent has kept the record; its thread goes on. */
   static ExceptionEvent ofKept(
-      long millis, String thread, String className, String record, boolean isCut) {
-    return new ExceptionEvent(millis, thread, record, null, className, isCut, Thread.class);
+      long millis,
+      String thread,
+      String className,
+      String record,
+      boolean isCut,
+      boolean isVirtual) {
+    return new ExceptionEvent(
+        millis, thread, record, null, className, isCut, Thread.class, isVirtual);
   }
 
   /** How many characters it holds, about. */

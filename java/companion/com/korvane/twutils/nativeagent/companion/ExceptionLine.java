@@ -40,7 +40,8 @@ final class ExceptionLine {
       json.key("cut").value(true);
     }
     json.key("frames").beginArray();
-    boolean isVirtual = VIRTUAL_THREAD.equals(event.threadClass.getName());
+    boolean isVirtual =
+        event.isKeptOfVirtual || VIRTUAL_THREAD.equals(event.threadClass.getName());
     for (ExceptionRecord.Frame frame : decoded.frames()) {
       write(json, frame, isVirtual);
     }

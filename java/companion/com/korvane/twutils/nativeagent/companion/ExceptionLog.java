@@ -176,8 +176,13 @@ final class ExceptionLog implements ExceptionSink {
 
   /** Those that the agent could not hand over. */
   private void writeUndelivered() {
-    ExceptionEvent event = AgentRecords.takeUndelivered();
-    for (; event != null; event = AgentRecords.takeUndelivered()) {
+    while (AgentRecords.takeUndelivered()) {
+      ExceptionEvent event = null;
+      try {
+        event = AgentRecords.taken();
+      } catch (Throwable e) {
+        // Null cannot be written, and counts as lost.
+      }
       write(event);
     }
   }

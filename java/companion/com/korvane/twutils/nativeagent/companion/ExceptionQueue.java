@@ -9,7 +9,7 @@ import java.util.concurrent.atomic.AtomicReference;
  * the agent keeps the record of a thread that has no stack left. One thread takes them.
  */
 final class ExceptionQueue {
-  private static final ExceptionEvent CLOSED = ExceptionEvent.ofKept(0, "", "", "", false);
+  private static final ExceptionEvent CLOSED = ExceptionEvent.ofKept(0, "", "", "", false, false);
 
   private final int maxCount;
   private final long maxCharacters;
