@@ -31,8 +31,8 @@ public final class AgentCounters {
    * agent keeps some of them, and none before the first call.
    *
    * @param parts filled with when it was thrown (milliseconds since the epoch), the name of its
-   *     thread, the class of the exception, the record, "cut" or an empty text, and "virtual" or an empty
-   *     text for the thread
+   *     thread, the class of the exception, the record, "cut" or an empty text, and "virtual" or an
+   *     empty text for the thread
    * @return whether there was one
    */
   public static native boolean takeUndelivered(String[] parts);
