@@ -89,7 +89,7 @@ public final class ExceptionLogTest {
     same("recorded", 3L, log.recorded());
     same("lines", 4, text.split("\n").length);
     Checks.contains("the first stay", "number 2", text);
-    Checks.contains("summary", "\n{\"recorded\":3,\"dropped\":2}\n", text);
+    Checks.contains("summary", "\n{\"recorded\":3,\"dropped\":2,\"own\":0}\n", text);
     same("mode", "rw-------", Checks.mode(log.path()));
   }
 
@@ -145,7 +145,7 @@ public final class ExceptionLogTest {
     same("helped", false, AgentThread.isAtWork());
     log.start();
     log.close();
-    same("summary alone", "{\"recorded\":0,\"dropped\":0}\n", Checks.text(log.path()));
+    same("summary alone", "{\"recorded\":0,\"dropped\":0,\"own\":2}\n", Checks.text(log.path()));
   }
 
   private static void failure(Path folder) throws Exception {
@@ -185,7 +185,7 @@ public final class ExceptionLogTest {
     String text = Checks.text(log.path());
     same("no part of a line", false, text.contains("unwritten"));
     same("lines", failures.length + 1, text.split("\n").length);
-    Checks.contains("summary", "\n{\"recorded\":6,\"dropped\":12}\n", text);
+    Checks.contains("summary", "\n{\"recorded\":6,\"dropped\":12,\"own\":0}\n", text);
   }
 
   private static void await(String what, long expected, LongSupplier count)
@@ -206,7 +206,7 @@ public final class ExceptionLogTest {
     file.failuresToCome = 3;
     log.close();
     same("failures used up", 0, file.failuresToCome);
-    Checks.contains("summary", "\n{\"recorded\":1,\"dropped\":0}\n", Checks.text(log.path()));
+    Checks.contains("summary", "\n{\"recorded\":1,\"dropped\":0,\"own\":0}\n", Checks.text(log.path()));
   }
 
   private static void linesThatAreCut(Path folder) throws Exception {
