@@ -48,6 +48,15 @@ class vmEnd : public exceptionTest {
     vm.off(function);
   }
   void letGo() { release_.count_down(); }
+  // The end begins while a handler is stuck, and the handler goes on after that.
+  void exitAndThenLetGo() {
+    std::thread releasing([&] {
+      while (!agent::vmIsEnding()) std::this_thread::yield();
+      letGo();
+    });
+    exit();
+    releasing.join();
+  }
   bool isOut() const { return isOut_; }
 
   void contendedEnter(fake::javaThread* thread) { vm.contendedEnter(thread, lock); }
@@ -198,14 +207,7 @@ TEST_F(vmEnd, noOwnerIsAskedForAnyMore) {
   vm.resetCalls();
   whileStuckIn(
       "GetTime", [&](fake::javaThread* thread) { contendedEnter(thread); },
-      [&] {
-        std::thread releasing([&] {
-          while (!agent::vmIsEnding()) std::this_thread::yield();
-          letGo();
-        });
-        exit();
-        releasing.join();
-      });
+      [&] { exitAndThenLetGo(); });
   EXPECT_EQ(vm.calls("GetObjectMonitorUsage"), 0U);
   EXPECT_EQ(errorsSaying(kOwnerUnknown), 0U);
 }
@@ -215,14 +217,7 @@ TEST_F(vmEnd, noVariableIsReadAnyMoreAndNoPartOfARecordIsDelivered) {
   vm.resetCalls();
   whileStuckIn(
       "GetLocalInt", [&](fake::javaThread* thread) { thrown(thread); },
-      [&] {
-        std::thread releasing([&] {
-          while (!agent::vmIsEnding()) std::this_thread::yield();
-          letGo();
-        });
-        exit();
-        releasing.join();
-      });
+      [&] { exitAndThenLetGo(); });
   EXPECT_EQ(vm.calls("GetLocalInt"), 1U);
   EXPECT_THAT(deliveries(), IsEmpty());
 }

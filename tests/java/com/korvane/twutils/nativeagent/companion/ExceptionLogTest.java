@@ -206,7 +206,8 @@ public final class ExceptionLogTest {
     file.failuresToCome = 3;
     log.close();
     same("failures used up", 0, file.failuresToCome);
-    Checks.contains("summary", "\n{\"recorded\":1,\"dropped\":0,\"own\":0}\n", Checks.text(log.path()));
+    Checks.contains("summary",
+        "\n{\"recorded\":1,\"dropped\":0,\"own\":0}\n", Checks.text(log.path()));
   }
 
   private static void linesThatAreCut(Path folder) throws Exception {
