@@ -11,12 +11,16 @@ bool lossLines::take(std::string_view className, exceptionCount reason, std::int
   entry* free = nullptr;
   for (entry& each : entries_) {
     if (each.until > now) {
-      if (each.key == key) return false;
+      if (each.key == key) {
+        return false;
+      }
     } else if (free == nullptr) {
       free = &each;
     }
   }
-  if (free == nullptr) return false;
+  if (free == nullptr) {
+    return false;
+  }
   *free = {key, now + kSeconds};
   return true;
 }

@@ -25,7 +25,9 @@ bool isContinuation(char byte) {
 
 // Whether a surrogate stands at `at`, with its second byte in the range.
 bool isSurrogate(std::string_view text, std::size_t at, unsigned char first, unsigned char last) {
-  if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != 0xED) return false;
+  if (at + 1 >= text.size() || static_cast<unsigned char>(text[at]) != 0xED) {
+    return false;
+  }
   const auto second = static_cast<unsigned char>(text[at + 1]);
   return second >= first && second <= last;
 }
@@ -63,16 +65,24 @@ typeCode codeOf(std::string_view signature) {
     default:
       break;
   }
-  if (signature == "Ljava/lang/String;") return typeCode::string;
-  if (signature == "Ljava/lang/StringBuilder;") return typeCode::stringBuilder;
+  if (signature == "Ljava/lang/String;") {
+    return typeCode::string;
+  }
+  if (signature == "Ljava/lang/StringBuilder;") {
+    return typeCode::stringBuilder;
+  }
   return typeCode::object;
 }
 
 std::string withoutValues(std::string_view text) {
   const std::size_t end = text.find(kEndHeader);
-  if (end == std::string_view::npos) return {};
+  if (end == std::string_view::npos) {
+    return {};
+  }
   std::string first(text.substr(0, end + kEndHeader.size()));
-  for (const std::string_view mark : {kEndClassVariables, kEndArguments, kEndLocals}) first += mark;
+  for (const std::string_view mark : {kEndClassVariables, kEndArguments, kEndLocals}) {
+    first += mark;
+  }
   return first;
 }
 
@@ -93,7 +103,9 @@ bool builder::fits(std::size_t bytes) {
 // a moment be in memory twice.
 void builder::makeRoom(std::size_t bytes) {
   const std::size_t most = limit_ + kSlack;
-  if (text_.size() + bytes > kShortText && text_.capacity() < most) text_.reserve(most);
+  if (text_.size() + bytes > kShortText && text_.capacity() < most) {
+    text_.reserve(most);
+  }
 }
 
 void builder::goBack(place to) {
@@ -104,7 +116,9 @@ void builder::goBack(place to) {
 bool builder::openFrame(std::string_view header) {
   constexpr std::size_t kClosing =
       kEndClassVariables.size() + kEndArguments.size() + kEndLocals.size() + kEndFrame.size();
-  if (!fits(header.size() + kClosing)) return false;
+  if (!fits(header.size() + kClosing)) {
+    return false;
+  }
   text_ += header;
   reserved_ += kClosing;
   return true;
@@ -123,7 +137,9 @@ void builder::appendHead(std::string_view name, typeCode code) {
 }
 
 void builder::appendEntry(std::string_view name, typeCode code, std::string_view value) {
-  if (!fits(lengthOfHead(name, code) + value.size() + kEnd.size())) return;
+  if (!fits(lengthOfHead(name, code) + value.size() + kEnd.size())) {
+    return;
+  }
   appendHead(name, code);
   text_ += value;
   text_ += kEnd;
@@ -148,7 +164,9 @@ void builder::appendFloat(std::string_view name, typeCode code, double value) {
 
 void builder::appendNullObject(std::string_view name) {
   const std::size_t opened = openObject(name);
-  if (opened == kNotOpen) return;
+  if (opened == kNotOpen) {
+    return;
+  }
   text_ += kNull;
   closeObject(opened);
 }
@@ -159,7 +177,9 @@ void builder::appendNullField(std::string_view name) {
 
 std::size_t builder::openObject(std::string_view name) {
   constexpr std::size_t kClosing = kNull.size() + kEndObject.size();
-  if (!fits(kOpenObject.size() + lengthOfHead(name, typeCode::object) + kClosing)) return kNotOpen;
+  if (!fits(kOpenObject.size() + lengthOfHead(name, typeCode::object) + kClosing)) {
+    return kNotOpen;
+  }
   text_ += kOpenObject;
   appendHead(name, typeCode::object);
   reserved_ += kClosing;
@@ -167,17 +187,23 @@ std::size_t builder::openObject(std::string_view name) {
 }
 
 void builder::closeObject(std::size_t opened) {
-  if (isCut_ && text_.size() == opened) text_ += kNull;  // none of it did fit
+  if (isCut_ && text_.size() == opened) {
+    text_ += kNull;  // none of it did fit
+  }
   text_ += kEndObject;
   reserved_ -= kNull.size() + kEndObject.size();
 }
 
 void builder::dropLastSeparator(std::size_t start) {
-  if (text_.size() - start > kSeparatorLength) text_.resize(text_.size() - kSeparatorLength);
+  if (text_.size() - start > kSeparatorLength) {
+    text_.resize(text_.size() - kSeparatorLength);
+  }
 }
 
 bool builder::openText(std::string_view name, typeCode code, std::size_t units) {
-  if (!fits(lengthOfHead(name, code) + std::min(units, kBytesOfPair) + kEnd.size())) return false;
+  if (!fits(lengthOfHead(name, code) + std::min(units, kBytesOfPair) + kEnd.size())) {
+    return false;
+  }
   appendHead(name, code);
   reserved_ += kEnd.size();
   return true;
@@ -190,7 +216,9 @@ void builder::closeText() {
 
 void builder::shortenText(std::size_t start, std::size_t bytes) {
   std::size_t end = start + bytes;
-  while (end > start && isContinuation(text_[end])) --end;
+  while (end > start && isContinuation(text_[end])) {
+    --end;
+  }
   const bool isSecondHalf = isLowSurrogate(text_, end) && end >= start + kSurrogateBytes &&
                             isHighSurrogate(text_, end - kSurrogateBytes);
   text_.resize(isSecondHalf ? end - kSurrogateBytes : end);

@@ -136,7 +136,9 @@ template <typename Read>
 builder::outcome builder::appendText(std::string_view name, typeCode code, std::size_t units,
                                      std::size_t most, Read&& read) {
   const place before = here();
-  if (!openText(name, code, units)) return outcome::noRoom;
+  if (!openText(name, code, units)) {
+    return outcome::noRoom;
+  }
   const std::size_t start = text_.size();
   const std::size_t bytes = room();
   // One more than what is written tells a pair at the end from half of one.
@@ -154,7 +156,9 @@ builder::outcome builder::appendText(std::string_view name, typeCode code, std::
     text_.resize(end + std::char_traits<char>::length(text_.data() + end));
     done += count;
   }
-  if (units > most && done == wanted) shortenText(start, text_.size() - start - 1);
+  if (units > most && done == wanted) {
+    shortenText(start, text_.size() - start - 1);
+  }
   if (text_.size() - start > bytes) {
     shortenText(start, bytes);
     isCut_ = true;

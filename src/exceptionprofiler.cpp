@@ -109,29 +109,43 @@ void say(const char* message) {
 
 ExceptionCaptureSettings::~ExceptionCaptureSettings() {
   void* jni = nullptr;
-  if (callbackClass == nullptr || vm_->GetEnv(&jni, JNI_VERSION_1_8) != JNI_OK) return;
+  if (callbackClass == nullptr || vm_->GetEnv(&jni, JNI_VERSION_1_8) != JNI_OK) {
+    return;
+  }
   static_cast<JNIEnv*>(jni)->DeleteGlobalRef(callbackClass);
 }
 
 void ExceptionCaptureSettings::findCallback(JNIEnv* jni) {
   const support::pendingExceptionGuard exceptions(jni);
-  if (jni->GetJavaVM(&vm_) != JNI_OK) return;
+  if (jni->GetJavaVM(&vm_) != JNI_OK) {
+    return;
+  }
   const support::localRef<jclass> found(jni, jni->FindClass(kCallbackClass));
-  if (!found) return;
+  if (!found) {
+    return;
+  }
   getObjectValueMethod = jni->GetStaticMethodID(found.get(), "getobjectValue",
                                                 "(Ljava/lang/Object;)Ljava/lang/String;");
-  if (getObjectValueMethod == nullptr) jni->ExceptionClear();
+  if (getObjectValueMethod == nullptr) {
+    jni->ExceptionClear();
+  }
   onExceptionOccuredMethod = jni->GetStaticMethodID(found.get(), "onExceptionOccured",
                                                     "(Ljava/lang/String;Ljava/lang/Object;)V");
-  if (onExceptionOccuredMethod == nullptr) jni->ExceptionClear();
+  if (onExceptionOccuredMethod == nullptr) {
+    jni->ExceptionClear();
+  }
   callbackClass = static_cast<jclass>(jni->NewGlobalRef(found.get()));
 }
 
 std::vector<std::string> parseBlackList(std::string_view text) {
-  if (text.empty()) throw std::out_of_range("invalid string position");
+  if (text.empty()) {
+    throw std::out_of_range("invalid string position");
+  }
   std::string names = support::lowerCase(text);
   names.pop_back();
-  if (!names.empty()) names.erase(0, 1);
+  if (!names.empty()) {
+    names.erase(0, 1);
+  }
   std::vector<std::string> list;
   support::forEachPiece(names, ',', [&](std::string_view name) { list.emplace_back(name); });
   return list;
@@ -139,13 +153,17 @@ std::vector<std::string> parseBlackList(std::string_view text) {
 
 void exceptionProfiler::setEventCallbacks() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
-  if (registry->environment() == nullptr) return;
+  if (registry->environment() == nullptr) {
+    return;
+  }
   registry->callbacks.Exception = ExceptionCallback;
 }
 
 void exceptionProfiler::addCapabilities() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
-  if (registry->environment() == nullptr) return;
+  if (registry->environment() == nullptr) {
+    return;
+  }
   registry->capabilities.can_get_source_file_name = 1;
   registry->capabilities.can_get_line_numbers = 1;
   registry->capabilities.can_access_local_variables = 1;
@@ -154,8 +172,12 @@ void exceptionProfiler::addCapabilities() {
 
 void exceptionProfiler::setProfilerEventMode(bool enable) {
   jvmtiEnv* const jvmti = getRegistry()->environment();
-  if (jvmti == nullptr) return;
-  if (enable) setState(kExceptionRunning);
+  if (jvmti == nullptr) {
+    return;
+  }
+  if (enable) {
+    setState(kExceptionRunning);
+  }
   for (const jvmtiEvent event : {JVMTI_EVENT_VM_INIT, JVMTI_EVENT_EXCEPTION}) {
     jvmti->SetEventNotificationMode(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, nullptr);
   }
@@ -185,7 +207,9 @@ std::int32_t exceptionProfiler::setProfileData(std::unique_ptr<sessionSettings> 
 // --- The filter ------------------------------------------------------------------------------
 
 bool exceptionProfiler::check(JNIEnv* jni, jvmtiEnv* jvmti, jvmtiError code) {
-  if (code == JVMTI_ERROR_NONE) return false;
+  if (code == JVMTI_ERROR_NONE) {
+    return false;
+  }
   const std::string name = support::errorName(jvmti, code);
   jni->ExceptionDescribe();
   jni->ExceptionClear();
@@ -223,7 +247,9 @@ struct exceptionProfiler::throwEvent {
   jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused
 
   bool failed(jvmtiError error) {
-    if (error == JVMTI_ERROR_NONE) return false;
+    if (error == JVMTI_ERROR_NONE) {
+      return false;
+    }
     lastError = error;
     return check(jni, jvmti, error);
   }
@@ -240,23 +266,31 @@ exceptionProfiler::classPtr exceptionProfiler::infoOf(jvmtiEnv* jvmti, JNIEnv* j
                                                       jvmtiError& error) {
   error = JVMTI_ERROR_NONE;
   const jint key = classes_.keyOf(jvmti, cls);
-  if (classPtr kept = classes_.find(jni, key, cls)) return kept;
+  if (classPtr kept = classes_.find(jni, key, cls)) {
+    return kept;
+  }
   support::jvmtiText signature(jvmti);
   error = signature.fill([&](char** out) { return jvmti->GetClassSignature(cls, out, nullptr); });
-  if (!signature) return nullptr;
+  if (!signature) {
+    return nullptr;
+  }
   return classes_.keep(jni, key, cls, signature.view());
 }
 
 bool exceptionProfiler::takeRate(const std::string& className, std::int32_t rate, std::time_t now) {
   const support::lockGuard guard(rateMutex_);
   const auto [entry, isNew] = rates_.try_emplace(className, ExceptionRateEntry{1, now});
-  if (isNew) return true;
+  if (isNew) {
+    return true;
+  }
   ExceptionRateEntry& known = entry->second;
   if (known.count != rate) {
     known.count = static_cast<std::int32_t>(static_cast<std::uint32_t>(known.count) + 1);
     return true;
   }
-  if (now - known.windowStart <= kWindowSeconds) return false;
+  if (now - known.windowStart <= kWindowSeconds) {
+    return false;
+  }
   known = {1, now};
   return true;
 }
@@ -265,7 +299,9 @@ void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, 
                                                   jmethodID method, jlocation /*location*/,
                                                   jobject exception, jmethodID /*catchMethod*/,
                                                   jlocation /*catchLocation*/) {
-  if (handlerRuns) return;
+  if (handlerRuns) {
+    return;
+  }
   const handlerScope scope;
   try {
     exceptionOccurred(jvmti, jni, thread, method, exception);
@@ -277,11 +313,19 @@ void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, 
 void exceptionProfiler::exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                           jmethodID method, jobject exception) {
   const std::shared_ptr<exceptionProfiler> self = getExceptionProfiler();
-  if (!self) return say("Unable to get Exception profiler");
+  if (!self) {
+    return say("Unable to get Exception profiler");
+  }
   std::shared_ptr<ExceptionCaptureSettings> settings = self->settings_.load();
-  if (!settings || !settings->enabled) return say("Exception is not enabled");
-  if (exception == nullptr) return say("exception object is NULL");
-  if (self->state() == kExceptionStopped) return say("Exception profiler stage is stopped");
+  if (!settings || !settings->enabled) {
+    return say("Exception is not enabled");
+  }
+  if (exception == nullptr) {
+    return say("exception object is NULL");
+  }
+  if (self->state() == kExceptionStopped) {
+    return say("Exception profiler stage is stopped");
+  }
   throwEvent event{jvmti, jni, thread, method, exception, std::move(settings)};
   exceptionCounts::ofProcess().add(exceptionCount::seen);
   self->exceptionThrown(event);
@@ -290,8 +334,12 @@ void exceptionProfiler::exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread 
 void exceptionProfiler::exceptionThrown(throwEvent& event) {
   try {
     const std::optional<exceptionCount> refused = refusal(event);
-    if (!refused) return recordAndDeliver(event);
-    if (*refused == exceptionCount::vm) return lose(event, *refused, nullptr);
+    if (!refused) {
+      return recordAndDeliver(event);
+    }
+    if (*refused == exceptionCount::vm) {
+      return lose(event, *refused, nullptr);
+    }
     exceptionCounts::ofProcess().add(*refused);
   } catch (const std::bad_alloc&) {
     lose(event, exceptionCount::noMemory, "there is no memory");
@@ -306,9 +354,13 @@ std::optional<exceptionCount> exceptionProfiler::refusal(throwEvent& event) {
   jvmtiError error = JVMTI_ERROR_NONE;
   const support::localRef<jclass> exceptionClass(event.jni,
                                                  event.jni->GetObjectClass(event.exception));
-  if (!exceptionClass) return exceptionCount::vm;
+  if (!exceptionClass) {
+    return exceptionCount::vm;
+  }
   event.info = infoOf(event.jvmti, event.jni, exceptionClass.get(), error);
-  if (event.failed(error) || !event.info) return exceptionCount::vm;
+  if (event.failed(error) || !event.info) {
+    return exceptionCount::vm;
+  }
 
   if (event.method != nullptr) {
     jclass declaring = nullptr;
@@ -317,7 +369,9 @@ std::optional<exceptionCount> exceptionProfiler::refusal(throwEvent& event) {
     }
     const support::localRef<jclass> throwerClass(event.jni, declaring);
     const classPtr thrower = infoOf(event.jvmti, event.jni, declaring, error);
-    if (event.failed(error)) return exceptionCount::vm;
+    if (event.failed(error)) {
+      return exceptionCount::vm;
+    }
     if (thrower && thrower->value.ignoredAsThrower) {
       TW_LOG(kLogDebug, kSeverityError, kCallback, "Default exception class %s  %s",
              thrower->value.name.c_str(), event.info->value.signature.c_str());
@@ -345,10 +399,14 @@ std::optional<exceptionCount> exceptionProfiler::refusal(throwEvent& event) {
 
 void exceptionProfiler::lose(const throwEvent& event, exceptionCount reason,
                              const char* why) noexcept {
-  if (event.lastError == JVMTI_ERROR_OUT_OF_MEMORY) reason = exceptionCount::noMemory;
+  if (event.lastError == JVMTI_ERROR_OUT_OF_MEMORY) {
+    reason = exceptionCount::noMemory;
+  }
   exceptionCounts::ofProcess().add(reason);
   // Nothing is recorded any more when the VM has ended.
-  if (twAprLib::level() < kLogWarn || event.lastError == JVMTI_ERROR_WRONG_PHASE) return;
+  if (twAprLib::level() < kLogWarn || event.lastError == JVMTI_ERROR_WRONG_PHASE) {
+    return;
+  }
   const char* const name = event.info ? event.info->value.name.c_str() : "a class without a name";
   const auto now = std::chrono::steady_clock::now().time_since_epoch();
   try {
@@ -375,14 +433,18 @@ void exceptionProfiler::recordAndDeliver(throwEvent& event) {
   raisedInHandler raised(event.jvmti, event.jni, event.thread);
   event.raised = &raised;
   record::builder built(static_cast<std::size_t>(recordBytes));
-  if (!record(event, built)) return lose(event, exceptionCount::vm, nullptr);
+  if (!record(event, built)) {
+    return lose(event, exceptionCount::vm, nullptr);
+  }
   if (built.isCut()) {
     exceptionCounts::ofProcess().add(exceptionCount::cut);
     TW_LOG(kLogError, kSeverityError, kCallback,
            "The record of a thrown %s is cut and ends after %zu bytes (recordBytes=%d)",
            event.info->value.name.c_str(), built.size(), static_cast<int>(recordBytes));
   }
-  if (vmIsEnding()) return lose(event, exceptionCount::vm, "the VM is ending");
+  if (vmIsEnding()) {
+    return lose(event, exceptionCount::vm, "the VM is ending");
+  }
   deliver(event, built);
 }
 
@@ -399,7 +461,9 @@ bool exceptionProfiler::record(throwEvent& event, record::builder& out) {
     return false;
   }
   for (jint i = 0; i < count && !out.isCut(); ++i) {
-    if (appendFrame(now, frames[static_cast<std::size_t>(i)], i) == outcome::failed) return false;
+    if (appendFrame(now, frames[static_cast<std::size_t>(i)], i) == outcome::failed) {
+      return false;
+    }
   }
   return true;
 }
@@ -425,13 +489,21 @@ exceptionProfiler::outcome exceptionProfiler::appendFrame(recording& now,
   }
   const support::localRef<jclass> declaring(event.jni, declaringRef);
   const classPtr info = infoOf(event.jvmti, event.jni, declaringRef, error);
-  if (event.failed(error)) return outcome::failed;
-  if (!info || info->value.name.empty()) return outcome::leftOut;
+  if (event.failed(error)) {
+    return outcome::failed;
+  }
+  if (!info || info->value.name.empty()) {
+    return outcome::leftOut;
+  }
 
   std::string header;
   const outcome named = appendHeader(event, frame, declaringRef, info->value, header);
-  if (named != outcome::written) return named;
-  if (!now.out.openFrame(header)) return outcome::leftOut;
+  if (named != outcome::written) {
+    return named;
+  }
+  if (!now.out.openFrame(header)) {
+    return outcome::leftOut;
+  }
 
   const ExceptionCaptureSettings& settings = *event.settings;
   if (index == 0 && settings.captureClassVariables &&
@@ -451,7 +523,9 @@ exceptionProfiler::outcome exceptionProfiler::appendFrame(recording& now,
     if (read == outcome::written && wanted) {
       read = appendVariables(now, frame, index, variables, arguments);
     }
-    if (read == outcome::failed) return read;
+    if (read == outcome::failed) {
+      return read;
+    }
     now.out.endSection(arguments ? record::kEndArguments : record::kEndLocals);
   }
   if (index == 0 && settings.captureThreadLocals && !now.out.isCut()) {
@@ -470,8 +544,12 @@ exceptionProfiler::outcome exceptionProfiler::appendHeader(throwEvent& event,
   support::jvmtiText method(jvmti);
   const jvmtiError error = method.fill(
       [&](char** out) { return jvmti->GetMethodName(frame.method, out, nullptr, nullptr); });
-  if (event.failed(error)) return outcome::failed;
-  if (method.view().empty()) return outcome::leftOut;
+  if (event.failed(error)) {
+    return outcome::failed;
+  }
+  if (method.view().empty()) {
+    return outcome::leftOut;
+  }
   text = info.name;
   text += '.';
   text += method.view();
@@ -496,8 +574,12 @@ exceptionProfiler::outcome exceptionProfiler::appendHeader(throwEvent& event,
 }
 
 jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count) {
-  if (location == kNoLocation || count <= 0) return -1;
-  if (count == 1) return table[0].line_number;
+  if (location == kNoLocation || count <= 0) {
+    return -1;
+  }
+  if (count == 1) {
+    return table[0].line_number;
+  }
   for (jint k = 1; k < count; ++k) {
     if (table[k].start_location > location && table[k - 1].start_location <= location) {
       return table[k - 1].line_number;
@@ -510,15 +592,25 @@ jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count) {
 exceptionProfiler::outcome exceptionProfiler::appendThis(recording& now, jmethodID method) {
   throwEvent& event = now.event;
   jint modifiers = 0;
-  if (event.failed(event.jvmti->GetMethodModifiers(method, &modifiers))) return outcome::failed;
-  if ((modifiers & (kStatic | kNative)) != 0) return outcome::leftOut;
+  if (event.failed(event.jvmti->GetMethodModifiers(method, &modifiers))) {
+    return outcome::failed;
+  }
+  if ((modifiers & (kStatic | kNative)) != 0) {
+    return outcome::leftOut;
+  }
   jobject self = nullptr;
   const jvmtiError error =
       readSlot([&] { return event.jvmti->GetLocalObject(event.thread, 0, 0, &self); });
-  if (hasNoValue(error)) return outcome::leftOut;
-  if (event.failed(error)) return outcome::failed;
+  if (hasNoValue(error)) {
+    return outcome::leftOut;
+  }
+  if (event.failed(error)) {
+    return outcome::failed;
+  }
   const support::localRef<> reference(event.jni, self);
-  if (!reference) return outcome::leftOut;
+  if (!reference) {
+    return outcome::leftOut;
+  }
   const std::size_t start = now.out.size();
   now.capture.appendFieldsOf(self, startingDepth(kCaptureThis, 0));
   now.out.dropLastSeparator(start);
@@ -535,12 +627,16 @@ exceptionProfiler::outcome exceptionProfiler::readVariables(throwEvent& event,
   if (jvmti->GetArgumentsSize(frame.method, &argumentSlots) != JVMTI_ERROR_NONE) {
     argumentSlots = 0;
   }
-  if (argumentSlots == 0 && !settings.captureLocalVariables) return outcome::leftOut;
+  if (argumentSlots == 0 && !settings.captureLocalVariables) {
+    return outcome::leftOut;
+  }
   const jvmtiError error = variables.table.read(frame.method);
   if (error == JVMTI_ERROR_ABSENT_INFORMATION || error == JVMTI_ERROR_NATIVE_METHOD) {
     return outcome::leftOut;
   }
-  if (event.failed(error)) return outcome::failed;
+  if (event.failed(error)) {
+    return outcome::failed;
+  }
   if (settings.captureLocalVariables &&
       jvmti->GetMaxLocals(frame.method, &slots) != JVMTI_ERROR_NONE) {
     slots = 0;
@@ -564,14 +660,18 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(recording& now,
                                                               const frameVariables& variables,
                                                               bool arguments) {
   for (const jvmtiLocalVariableEntry& variable : variables.table) {
-    if (now.out.isCut()) break;
+    if (now.out.isCut()) {
+      break;
+    }
     if (variable.slot < variables.first || variable.slot > variables.last ||
         (variable.slot < variables.argumentSlots) != arguments ||
         !holds(variable, frame.location) || variable.name == nullptr ||
         variable.signature == nullptr || std::string_view(variable.name) == "this") {
       continue;
     }
-    if (appendVariable(now, variable, index) == outcome::failed) return outcome::failed;
+    if (appendVariable(now, variable, index) == outcome::failed) {
+      return outcome::failed;
+    }
   }
   return outcome::written;
 }
@@ -579,7 +679,9 @@ exceptionProfiler::outcome exceptionProfiler::appendVariables(recording& now,
 template <typename Call>
 jvmtiError exceptionProfiler::readSlot(Call&& call) {
   const support::vmTurn turn(localTurns_);
-  if (vmIsEnding()) return JVMTI_ERROR_WRONG_PHASE;
+  if (vmIsEnding()) {
+    return JVMTI_ERROR_WRONG_PHASE;
+  }
   return std::forward<Call>(call)();
 }
 
@@ -595,8 +697,12 @@ exceptionProfiler::outcome exceptionProfiler::appendVariable(
   // Reads the slot as `Value` and, if there is a value, writes it.
   const auto readAndWrite = [&](auto value, auto read, auto write) {
     const jvmtiError error = readSlot([&] { return (jvmti->*read)(thread, index, slot, &value); });
-    if (hasNoValue(error)) return outcome::leftOut;
-    if (event.failed(error)) return outcome::failed;
+    if (hasNoValue(error)) {
+      return outcome::leftOut;
+    }
+    if (event.failed(error)) {
+      return outcome::failed;
+    }
     write(value);
     return outcome::written;
   };
@@ -643,7 +749,9 @@ exceptionProfiler::outcome exceptionProfiler::appendObjectVariable(
   }
   if (code == typeCode::object) {
     const std::size_t opened = now.out.openObject(variable.name);
-    if (opened == record::builder::kNotOpen) return outcome::leftOut;
+    if (opened == record::builder::kNotOpen) {
+      return outcome::leftOut;
+    }
     now.capture.appendFieldsOf(value, startingDepth(kCaptureVariables, index));
     now.out.closeObject(opened);
     return outcome::written;
@@ -653,8 +761,12 @@ exceptionProfiler::outcome exceptionProfiler::appendObjectVariable(
   jvmtiError error = JVMTI_ERROR_NONE;
   const support::localRef<jclass> cls(event.jni, event.jni->GetObjectClass(value));
   const classPtr info = infoOf(event.jvmti, event.jni, cls.get(), error);
-  if (event.failed(error)) return outcome::failed;
-  if (!info || info->value.signature != variable.signature) return outcome::leftOut;
+  if (event.failed(error)) {
+    return outcome::failed;
+  }
+  if (!info || info->value.signature != variable.signature) {
+    return outcome::leftOut;
+  }
   if (code == typeCode::string) {
     now.capture.appendShortText(variable.name, static_cast<jstring>(value));
   } else {
@@ -707,7 +819,9 @@ void exceptionProfiler::deliver(throwEvent& event, record::builder& built) {
       return exceptionCounts::ofProcess().add(exceptionCount::delivered);
     }
     loseByRaised(event, raised, static_cast<bool>(string));
-    if (raised != raisedInHandler::kind::noStack) return;
+    if (raised != raisedInHandler::kind::noStack) {
+      return;
+    }
   }
   keepForLater(event, std::move(text), isCut);
 }
@@ -727,7 +841,9 @@ void exceptionProfiler::loseByRaised(const throwEvent& event, raisedInHandler::k
     case kind::none:
       break;
   }
-  if (!wasCalled) return lose(event, exceptionCount::noMemory, "there is no memory");
+  if (!wasCalled) {
+    return lose(event, exceptionCount::noMemory, "there is no memory");
+  }
   std::array<char, 256> why;
   std::snprintf(why.data(), why.size(), "the callback threw %s", event.raised->className().c_str());
   lose(event, exceptionCount::callback, why.data());

@@ -21,7 +21,9 @@ constexpr jint kMoreReferences = 128;
 // The package of a dotted class name; none without a dot.
 std::optional<std::string_view> packageOf(std::string_view className) {
   const std::size_t dot = className.rfind('.');
-  if (dot == std::string_view::npos) return std::nullopt;
+  if (dot == std::string_view::npos) {
+    return std::nullopt;
+  }
   return className.substr(0, dot);
 }
 
@@ -39,7 +41,9 @@ jint JNICALL countObject(jlong /*classTag*/, jlong /*size*/, jlong* tag, jint /*
                          void* userData) {
   auto& met = *static_cast<taggedObjects*>(userData);
   ++met.count;
-  if (!isGeneration(*tag) || generationOf(*tag) == met.lastGeneration) return JVMTI_VISIT_OBJECTS;
+  if (!isGeneration(*tag) || generationOf(*tag) == met.lastGeneration) {
+    return JVMTI_VISIT_OBJECTS;
+  }
   try {
     met.lastGeneration = generationOf(*tag);
     met.generations.insert(met.lastGeneration);
@@ -89,7 +93,9 @@ taggedObjects countTaggedObjects(jvmtiEnv* jvmti) {
   jvmtiHeapCallbacks callbacks{};
   callbacks.heap_iteration_callback = countObject;
   met.status = jvmti->IterateThroughHeap(JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &callbacks, &met);
-  if (met.status != JVMTI_ERROR_NONE) met.complete = false;
+  if (met.status != JVMTI_ERROR_NONE) {
+    met.complete = false;
+  }
   return met;
 }
 
@@ -100,7 +106,9 @@ generationScan::generationScan(jvmtiEnv* jvmti, JNIEnv* jni, const classFilters&
 generationScan::answer generationScan::add(std::uint32_t first, std::uint32_t last) {
   std::vector<jlong> wanted;
   wanted.reserve(last - first + 1);
-  for (std::uint32_t each = first; each <= last; ++each) wanted.push_back(tagOf(each));
+  for (std::uint32_t each = first; each <= last; ++each) {
+    wanted.push_back(tagOf(each));
+  }
   jint found = 0;
   support::jvmtiPtr<jobject> objects(jvmti_);
   support::jvmtiPtr<jlong> tags(jvmti_);
@@ -110,10 +118,14 @@ generationScan::answer generationScan::add(std::uint32_t first, std::uint32_t la
                                         objectsOut, tagsOut);
     });
   });
-  if (error != JVMTI_ERROR_NONE) return {0, error};
+  if (error != JVMTI_ERROR_NONE) {
+    return {0, error};
+  }
   // The answer alone may hold more references than the frame was made for. Classes take the places
   // of objects that are counted. A request is ignored when the frame has had a larger one.
-  if (jni_->EnsureLocalCapacity(found + kMoreReferences) != JNI_OK) jni_->ExceptionClear();
+  if (jni_->EnsureLocalCapacity(found + kMoreReferences) != JNI_OK) {
+    jni_->ExceptionClear();
+  }
   for (jint i = 0; i < found; ++i) {
     count(support::localRef<>(jni_, objects[i]), generationOf(tags[i]));
   }
@@ -122,12 +134,18 @@ generationScan::answer generationScan::add(std::uint32_t first, std::uint32_t la
 
 void generationScan::count(support::localRef<> object, std::uint32_t generation) {
   support::localRef<jclass> cls(jni_, jni_->GetObjectClass(object.get()));
-  if (!cls) return;
+  if (!cls) {
+    return;
+  }
   jlong size = 0;
-  if (jvmti_->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) size = 0;
+  if (jvmti_->GetObjectSize(object.get(), &size) != JVMTI_ERROR_NONE) {
+    size = 0;
+  }
   const auto bytes = static_cast<std::uint64_t>(size);
   metClass* const met = find(std::move(cls), bytes);
-  if (met == nullptr || met->record == nullptr) return;
+  if (met == nullptr || met->record == nullptr) {
+    return;
+  }
   ++met->record->totalCount;
   met->record->totalSize += bytes;
   generationRecord& survived = met->survivedOf(generation);
@@ -148,17 +166,23 @@ generationScan::metClass* generationScan::find(support::localRef<jclass> cls,
   constexpr std::uint64_t kObjectAlignment = 8;
   recentClasses& recent = recent_[objectSize / kObjectAlignment % recent_.size()];
   for (metClass* each : recent.classes) {
-    if (each != nullptr && is(*each, cls.get())) return each;
+    if (each != nullptr && is(*each, cls.get())) {
+      return each;
+    }
   }
   jint hash = 0;
   jvmti_->GetObjectHashCode(cls.get(), &hash);
   const auto [begin, end] = byHash_.equal_range(hash);
   for (auto each = begin; each != end; ++each) {
-    if (is(each->second, cls.get())) return recent.add(each->second);
+    if (is(each->second, cls.get())) {
+      return recent.add(each->second);
+    }
   }
   support::jvmtiText signature(jvmti_);
   signature.fill([&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
-  if (!signature) return nullptr;  // asked for again with the next object
+  if (!signature) {
+    return nullptr;  // asked for again with the next object
+  }
   const std::string name = classNameOf(signature.view());
   classRecord* const record = filters_.excludes(name) ? nullptr : &records_[name];
   return recent.add(byHash_.emplace(hash, metClass{std::move(cls), record})->second);
@@ -181,12 +205,20 @@ classQueue selectClasses(classRecords records, const classFilters& filters, std:
   };
   const auto take = [&](auto& entry) { queue.push({entry.first, std::move(entry.second)}); };
   for (auto& entry : records) {
-    if (queue.size() >= most) return queue;
-    if (canBeTaken(entry) && filters.includes(entry.first)) take(entry);
+    if (queue.size() >= most) {
+      return queue;
+    }
+    if (canBeTaken(entry) && filters.includes(entry.first)) {
+      take(entry);
+    }
   }
-  if (queue.size() >= most) return queue;
+  if (queue.size() >= most) {
+    return queue;
+  }
   for (auto& entry : records) {
-    if (!canBeTaken(entry) || filters.includes(entry.first)) continue;
+    if (!canBeTaken(entry) || filters.includes(entry.first)) {
+      continue;
+    }
     if (queue.size() < most) {
       take(entry);
     } else if (entry.second.totalSize > queue.top().record.totalSize) {

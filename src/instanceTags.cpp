@@ -61,7 +61,9 @@ jint JNICALL tagObject(jvmtiHeapReferenceKind /*kind*/, const jvmtiHeapReference
                        jlong* /*referrerTag*/, jint /*length*/, void* userData) {
   const auto& walked = *static_cast<const walk*>(userData);
   instanceTally* const tally = walked.tallyOf(classTag);
-  if (tally != nullptr && *tag == 0) *tag = walked.tagOfOneMore(*tally);
+  if (tally != nullptr && *tag == 0) {
+    *tag = walked.tagOfOneMore(*tally);
+  }
   return JVMTI_VISIT_OBJECTS;
 }
 
@@ -97,7 +99,9 @@ class wantedClasses {
   }
   ~wantedClasses() {
     for (const marked& one : marked_) {
-      if (hasItsMark(one)) setTag(one, one.tag);
+      if (hasItsMark(one)) {
+        setTag(one, one.tag);
+      }
     }
   }
   wantedClasses(const wantedClasses&) = delete;
@@ -113,10 +117,14 @@ class wantedClasses {
     const auto found = std::find_if(marked_.begin(), marked_.end(), [&](const marked& one) {
       return jni_->IsSameObject(one.cls.get(), classOfClasses.get()) != JNI_FALSE;
     });
-    if (found == marked_.end()) return;
+    if (found == marked_.end()) {
+      return;
+    }
     instanceTally& tally = *walked.tallyOf(found->mark);
     for (marked& one : marked_) {
-      if (one.tag == 0 && hasItsMark(one)) one.tag = walked.tagOfOneMore(tally);
+      if (one.tag == 0 && hasItsMark(one)) {
+        one.tag = walked.tagOfOneMore(tally);
+      }
     }
   }
 
@@ -143,11 +151,15 @@ class wantedClasses {
     jlong own = 0;
     jvmtiError error = jvmti_->GetTag(cls.get(), &own);
     if (error == JVMTI_ERROR_NONE && isMark(own)) {
-      if (isMarked(cls.get())) return;  // named twice
-      own = 0;                          // an earlier mark that the VM did not let go of
+      if (isMarked(cls.get())) {
+        return;  // named twice
+      }
+      own = 0;  // an earlier mark that the VM did not let go of
     }
     marked one{std::move(cls), own, markOf(place)};
-    if (error == JVMTI_ERROR_NONE) error = jvmti_->SetTag(one.cls.get(), one.mark);
+    if (error == JVMTI_ERROR_NONE) {
+      error = jvmti_->SetTag(one.cls.get(), one.mark);
+    }
     if (error != JVMTI_ERROR_NONE) {
       logRefusal(jvmti_, "Marking a class", error);
       return;
@@ -157,7 +169,9 @@ class wantedClasses {
 
   void setTag(const marked& one, jlong tag) {
     const jvmtiError error = jvmti_->SetTag(one.cls.get(), tag);
-    if (error != JVMTI_ERROR_NONE) logRefusal(jvmti_, "SetTag", error);
+    if (error != JVMTI_ERROR_NONE) {
+      logRefusal(jvmti_, "SetTag", error);
+    }
   }
 
   jvmtiEnv* jvmti_;
@@ -177,11 +191,15 @@ constexpr jint kFurther = 8;  // references besides those to the classes
 
 std::int32_t tagInstances(jvmtiEnv* jvmti, JNIEnv* jni, jobjectArray classes,
                           std::uint32_t generation, std::span<instanceTally> tallies) {
-  if (generation == 0) return 0;
+  if (generation == 0) {
+    return 0;
+  }
   const support::lockGuard guard(oneWalk());
   const support::localFrame frame(jni, jni->GetArrayLength(classes) + kFurther);
   wantedClasses wanted(jvmti, jni, classes);
-  if (wanted.empty()) return 0;
+  if (wanted.empty()) {
+    return 0;
+  }
 
   walk walked{tagOf(generation), tallies};
   jvmtiHeapCallbacks callbacks{};
@@ -195,7 +213,9 @@ std::int32_t tagInstances(jvmtiEnv* jvmti, JNIEnv* jni, jobjectArray classes,
     logRefusal(jvmti, "FollowReferences", error);
   }
   std::int64_t tagged = 0;
-  for (const instanceTally& each : tallies) tagged += each.tagged;
+  for (const instanceTally& each : tallies) {
+    tagged += each.tagged;
+  }
   return static_cast<std::int32_t>(
       std::min<std::int64_t>(tagged, std::numeric_limits<std::int32_t>::max()));
 }
@@ -205,14 +225,18 @@ bool countTaggedInstances(jvmtiEnv* jvmti, JNIEnv* jni, jobjectArray classes,
   const support::lockGuard guard(oneWalk());
   const support::localFrame frame(jni, jni->GetArrayLength(classes) + kFurther);
   const wantedClasses wanted(jvmti, jni, classes);
-  if (wanted.empty()) return true;
+  if (wanted.empty()) {
+    return true;
+  }
 
   walk walked{0, tallies};
   jvmtiHeapCallbacks callbacks{};
   callbacks.heap_iteration_callback = countObject;
   const jvmtiError error = jvmti->IterateThroughHeap(
       JVMTI_HEAP_FILTER_UNTAGGED | JVMTI_HEAP_FILTER_CLASS_UNTAGGED, nullptr, &callbacks, &walked);
-  if (error != JVMTI_ERROR_NONE) logRefusal(jvmti, "IterateThroughHeap", error);
+  if (error != JVMTI_ERROR_NONE) {
+    logRefusal(jvmti, "IterateThroughHeap", error);
+  }
   return error == JVMTI_ERROR_NONE;
 }
 

@@ -101,13 +101,21 @@ std::string homeIn(const std::string& item) {
 // Values out of their range count as not given.
 void applyCaptureSettings(const startUpSettings& settings) {
   const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
-  if (!exceptions) return;
+  if (!exceptions) {
+    return;
+  }
   const auto within = [](std::int32_t value, std::int32_t first, std::int32_t last) {
     return value >= first && value <= last;
   };
-  if (within(settings.objectDepth, 0, 5)) exceptions->captureObjDepth = settings.objectDepth;
-  if (within(settings.objectType, 1, 7)) exceptions->captureObjType = settings.objectType;
-  if (within(settings.stackDepth, 4, 20)) exceptions->captureSTDepth = settings.stackDepth;
+  if (within(settings.objectDepth, 0, 5)) {
+    exceptions->captureObjDepth = settings.objectDepth;
+  }
+  if (within(settings.objectType, 1, 7)) {
+    exceptions->captureObjType = settings.objectType;
+  }
+  if (within(settings.stackDepth, 4, 20)) {
+    exceptions->captureSTDepth = settings.stackDepth;
+  }
 }
 
 // Where the options stand does not matter. Values out of their range count as not given.
@@ -117,7 +125,9 @@ void applyCostSettings(const startUpSettings& settings) {
     locks->limitOwnerLookups(settings.ownerLookupsPerSecond);
   }
   const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-  if (memory && settings.scanInOneQuery == 1) memory->scanInOneQuery();
+  if (memory && settings.scanInOneQuery == 1) {
+    memory->scanInOneQuery();
+  }
   const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
   if (exceptions && settings.recordBytes >= exceptionProfiler::kLeastRecordBytes &&
       settings.recordBytes <= exceptionProfiler::kMostRecordBytes) {
@@ -142,15 +152,33 @@ void createFeatures(profilerRegistry& registry, const std::string& item,
 
 void readItem(profilerRegistry& registry, const std::string& item, startUpSettings& settings) {
   const auto is = [&](std::string_view key) { return support::startsWithIgnoringCase(item, key); };
-  if (is(kLogLevelKey)) settings.logLevel = numberIn(item, kLogLevelKey);
-  if (is(kHomeKey)) settings.home = homeIn(item);
-  if (is(kObjectDepthKey)) settings.objectDepth = numberIn(item, kObjectDepthKey);
-  if (is(kObjectTypeKey)) settings.objectType = numberIn(item, kObjectTypeKey);
-  if (is(kStackDepthKey)) settings.stackDepth = numberIn(item, kStackDepthKey);
-  if (is(kOwnerLookupsKey)) settings.ownerLookupsPerSecond = numberIn(item, kOwnerLookupsKey);
-  if (is(kOneQueryKey)) settings.scanInOneQuery = numberIn(item, kOneQueryKey);
-  if (is(kRecordBytesKey)) settings.recordBytes = numberIn(item, kRecordBytesKey);
-  if (is(kFeaturesKey)) createFeatures(registry, item, settings);
+  if (is(kLogLevelKey)) {
+    settings.logLevel = numberIn(item, kLogLevelKey);
+  }
+  if (is(kHomeKey)) {
+    settings.home = homeIn(item);
+  }
+  if (is(kObjectDepthKey)) {
+    settings.objectDepth = numberIn(item, kObjectDepthKey);
+  }
+  if (is(kObjectTypeKey)) {
+    settings.objectType = numberIn(item, kObjectTypeKey);
+  }
+  if (is(kStackDepthKey)) {
+    settings.stackDepth = numberIn(item, kStackDepthKey);
+  }
+  if (is(kOwnerLookupsKey)) {
+    settings.ownerLookupsPerSecond = numberIn(item, kOwnerLookupsKey);
+  }
+  if (is(kOneQueryKey)) {
+    settings.scanInOneQuery = numberIn(item, kOneQueryKey);
+  }
+  if (is(kRecordBytesKey)) {
+    settings.recordBytes = numberIn(item, kRecordBytesKey);
+  }
+  if (is(kFeaturesKey)) {
+    createFeatures(registry, item, settings);
+  }
 }
 
 // Reads the options from left to right; the profilers named on the way get the capture settings
@@ -163,7 +191,9 @@ startUpSettings readOptions(profilerRegistry& registry, std::string_view options
   const bool all = options.empty() || options.find("features=ALL") != std::string_view::npos ||
                    options.find("features=") == std::string_view::npos;
   if (all) {
-    for (const std::int32_t kind : kProfilers) registry.createProfiler(kind);
+    for (const std::int32_t kind : kProfilers) {
+      registry.createProfiler(kind);
+    }
     applyCaptureSettings(settings);
   }
   applyCostSettings(settings);
@@ -187,8 +217,12 @@ int daysIn(int month, int year) {
 // Takes the profilers out; handlers finish with the share that they hold.
 void unload() {
   const std::shared_ptr<profilerRegistry> registry = findRegistry();
-  if (!registry) return;
-  for (const std::int32_t kind : kProfilers) registry->removeProfiler(kind);
+  if (!registry) {
+    return;
+  }
+  for (const std::int32_t kind : kProfilers) {
+    registry->removeProfiler(kind);
+  }
   registry->setEnvironment(nullptr);
   freeRegistry();
 }
@@ -201,7 +235,9 @@ void leaveBeforeVmEnds() {
   constexpr std::chrono::milliseconds kPause{1};
   const std::shared_ptr<profilerRegistry> registry = findRegistry();
   jvmtiEnv* const jvmti = registry ? registry->environment() : nullptr;
-  if (jvmti == nullptr) return;
+  if (jvmti == nullptr) {
+    return;
+  }
   for (const jvmtiEvent event :
        {JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED, JVMTI_EVENT_MONITOR_CONTENDED_ENTER,
         JVMTI_EVENT_MONITOR_CONTENDED_ENTERED, JVMTI_EVENT_EXCEPTION,
@@ -212,7 +248,9 @@ void leaveBeforeVmEnds() {
   std::transform(kProfilers.begin(), kProfilers.end(), leaving.begin(),
                  [&](std::int32_t kind) { return registry->find(kind); });
   unload();
-  if (exceptionProfiler::isInHandler()) return;
+  if (exceptionProfiler::isInHandler()) {
+    return;
+  }
   const auto end = std::chrono::steady_clock::now() + kPatience;
   const auto isOut = [](const std::weak_ptr<profiler>& each) { return each.expired(); };
   while (!std::all_of(leaving.begin(), leaving.end(), isOut) &&
@@ -226,7 +264,9 @@ jint load(JavaVM* vm, const char* options) {
   twAprLib::print("Starting Java Native Agent \n");
   void* environment = nullptr;
   vm->GetEnv(&environment, kToolInterfaceVersion);
-  if (environment == nullptr) return 0;
+  if (environment == nullptr) {
+    return 0;
+  }
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   registry->setEnvironment(jvmti);
@@ -235,7 +275,9 @@ jint load(JavaVM* vm, const char* options) {
   const startUpSettings settings = readOptions(*registry, options == nullptr ? "" : options);
 
   jvmtiError capabilities = JVMTI_ERROR_NONE;
-  if (!registry->empty()) capabilities = jvmti->AddCapabilities(&registry->capabilities);
+  if (!registry->empty()) {
+    capabilities = jvmti->AddCapabilities(&registry->capabilities);
+  }
   cleanUpOldLogs(settings.home + "\\logs", twAprLib::timeStamp(std::time(nullptr)).data());
 
   static twAprContext& context = *new twAprContext;
@@ -260,10 +302,14 @@ jint load(JavaVM* vm, const char* options) {
 
 std::optional<logDate> parseLogDate(std::string_view digits) {
   constexpr std::size_t kDigits = 8;
-  if (digits.size() < kDigits) return std::nullopt;
+  if (digits.size() < kDigits) {
+    return std::nullopt;
+  }
   const auto number = [&](std::size_t from, std::size_t length) {
     int value = 0;
-    for (const char digit : digits.substr(from, length)) value = value * 10 + (digit - '0');
+    for (const char digit : digits.substr(from, length)) {
+      value = value * 10 + (digit - '0');
+    }
     return value;
   };
   if (digits.substr(0, kDigits).find_first_not_of("0123456789") != std::string_view::npos) {
@@ -290,17 +336,25 @@ bool isOldLog(const logDate& file, const logDate& today) {
 
 void cleanUpOldLogs(const std::string& directory, const std::string& timeStamp) {
   struct stat status {};
-  if (::lstat(directory.c_str(), &status) != 0) return;  // no such entry: nothing is listed
+  if (::lstat(directory.c_str(), &status) != 0) {
+    return;  // no such entry: nothing is listed
+  }
   const std::size_t separator = directory.find_last_of("/\\");
   const std::string name =
       separator == std::string::npos ? directory : directory.substr(separator + 1);
-  if (name == "." || name == ".." || !name.starts_with(kLogNamePrefix)) return;
+  if (name == "." || name == ".." || !name.starts_with(kLogNamePrefix)) {
+    return;
+  }
   const std::optional<logDate> date =
       parseLogDate(std::string_view(name).substr(std::string_view(kLogNamePrefix).size()));
   const std::optional<logDate> today = parseLogDate(timeStamp);
-  if (!date || !today || !isOldLog(*date, *today)) return;
+  if (!date || !today || !isOldLog(*date, *today)) {
+    return;
+  }
   const std::string path = directory + "/" + name;
-  if (::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) ::unlink(path.c_str());
+  if (::stat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+    ::unlink(path.c_str());
+  }
 }
 
 }  // namespace agent
@@ -341,7 +395,9 @@ jint native(const char* function, Body&& body,
 
 void trace(const char* function, const char* message, jlong sessionId,
            support::sourcePlace where = support::sourcePlace::current()) {
-  if (twAprLib::level() < kLogTrace) return;
+  if (twAprLib::level() < kLogTrace) {
+    return;
+  }
   twAprLib::write(nullptr, 0, kLogModule, kSeverityTrace, where.file, where.line, function,
                   "%s%lld", message, static_cast<long long>(sessionId));
 }
@@ -358,8 +414,12 @@ void refuseBlackList(const std::string& text, const std::exception& error) {
 // One step of a lock session: the event switch, then the new state.
 void stepLockSession(bool events, std::int32_t state, bool rank = false) {
   const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
-  if (!locks) return;
-  if (rank) locks->sortData();
+  if (!locks) {
+    return;
+  }
+  if (rank) {
+    locks->sortData();
+  }
   locks->setProfilerEventMode(events);
   locks->setState(state);
 }
@@ -456,7 +516,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(startMemoryLeaksProfileSession)(
     settings->filters.includePackages = support::textOf(jni, includePackages);
     getRegistry()->switchProfiler(kMemoryProfiler, true);
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-    if (!memory) return 0;
+    if (!memory) {
+      return 0;
+    }
     memory->setProfilerEventMode(true);
     return memory->setProfileData(std::move(settings));
   });
@@ -470,7 +532,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(stopMemoryLeaksProfileSession)(JNIEnv* jni, jcl
     trace(kFunction, "******Stopping memory Profiling Session Id -> ", sessionId);
     const std::shared_ptr<profilerRegistry> registry = findRegistry();
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-    if (!registry || !memory) return 0;
+    if (!registry || !memory) {
+      return 0;
+    }
     registry->switchProfiler(kMemoryProfiler, false);
     memory->setProfilerEventMode(false);
     return memory->scanJavaHeap(jni, reportPath);
@@ -480,7 +544,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(stopMemoryLeaksProfileSession)(JNIEnv* jni, jcl
 JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* /*jni*/, jclass /*cls*/) {
   native(TW_NATIVE_NAME(forceGarbageCollection), [] {
     jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (jvmti != nullptr) jvmti->ForceGarbageCollection();
+    if (jvmti != nullptr) {
+      jvmti->ForceGarbageCollection();
+    }
     return 0;
   });
 }
@@ -488,7 +554,9 @@ JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* /*jni*/, jclass
 JNIEXPORT void JNICALL TW_NATIVE(setObjectTag)(JNIEnv* jni, jclass /*cls*/, jobject object) {
   native(TW_NATIVE_NAME(setObjectTag), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-    if (memory && object != nullptr) memory->setObjectTag(jni, object);
+    if (memory && object != nullptr) {
+      memory->setObjectTag(jni, object);
+    }
     return 0;
   });
 }
@@ -497,7 +565,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobj
   return native(TW_NATIVE_NAME(tagInstances), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (!memory || jvmti == nullptr || classes == nullptr) return 0;
+    if (!memory || jvmti == nullptr || classes == nullptr) {
+      return 0;
+    }
     const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
     std::vector<instanceTally> tallies(count);
     return tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
@@ -509,12 +579,16 @@ JNIEXPORT jint JNICALL TW_NATIVE(tagInstancesWithin)(JNIEnv* jni, jclass /*cls*/
   return native(TW_NATIVE_NAME(tagInstancesWithin), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (!memory || jvmti == nullptr || classes == nullptr || room == nullptr) return 0;
+    if (!memory || jvmti == nullptr || classes == nullptr || room == nullptr) {
+      return 0;
+    }
     const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
     std::vector<jint> rooms = support::numbersOf(jni, room, count);
     std::vector<instanceTally> tallies;
     tallies.reserve(count);
-    for (const jint each : rooms) tallies.push_back({.room = each});
+    for (const jint each : rooms) {
+      tallies.push_back({.room = each});
+    }
     const jint tagged = tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
     for (std::size_t i = 0; i < count; ++i) {
       rooms[i] = tallies[i].isCut ? -1 : tallies[i].room - tallies[i].tagged;
@@ -533,10 +607,14 @@ JNIEXPORT jint JNICALL TW_NATIVE(countTaggedInstances)(JNIEnv* jni, jclass /*cls
     }
     const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
     std::vector<instanceTally> tallies(count);
-    if (!countTaggedInstances(jvmti, jni, classes, tallies)) return 0;
+    if (!countTaggedInstances(jvmti, jni, classes, tallies)) {
+      return 0;
+    }
     std::vector<jint> numbers;
     numbers.reserve(count);
-    for (const instanceTally& each : tallies) numbers.push_back(each.tagged);
+    for (const instanceTally& each : tallies) {
+      numbers.push_back(each.tagged);
+    }
     support::setNumbers(jni, counts, numbers);
     return 1;
   });
@@ -546,7 +624,9 @@ JNIEXPORT jclass JNICALL TW_NATIVE(messageOriginOf)(JNIEnv* jni, jclass /*cls*/,
   jclass origin = nullptr;
   native(TW_NATIVE_NAME(messageOriginOf), [&] {
     jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (jvmti != nullptr && type != nullptr) origin = messageOriginOf(jvmti, jni, type);
+    if (jvmti != nullptr && type != nullptr) {
+      origin = messageOriginOf(jvmti, jni, type);
+    }
     return 0;
   });
   return origin;
@@ -554,7 +634,9 @@ JNIEXPORT jclass JNICALL TW_NATIVE(messageOriginOf)(JNIEnv* jni, jclass /*cls*/,
 
 JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jclass /*cls*/,
                                                                 jstring text) {
-  if (text == nullptr) return 0;
+  if (text == nullptr) {
+    return 0;
+  }
   const char* const chars = jni->GetStringUTFChars(text, nullptr);
   if (chars == nullptr) {
     jni->ExceptionClear();
@@ -595,11 +677,15 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     const support::lockGuard guard(oneCall);
     getRegistry()->switchProfiler(kExceptionProfiler, settings->enabled);
     const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
-    if (!exceptions) return 0;
+    if (!exceptions) {
+      return 0;
+    }
     exceptions->setProfilerEventMode(settings->enabled);
     return exceptions->setProfileData(std::move(settings));
   });
-  if (refused) std::rethrow_exception(refused);
+  if (refused) {
+    std::rethrow_exception(refused);
+  }
   return result;
 }
 
@@ -608,7 +694,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
 #define TW_COUNTERS(method) Java_com_korvane_twutils_nativeagent_AgentCounters_##method
 
 JNIEXPORT jlong JNICALL TW_COUNTERS(exceptions)(JNIEnv* /*jni*/, jclass /*cls*/, jint which) {
-  if (which < 0 || static_cast<std::size_t>(which) >= kExceptionCounts) return 0;
+  if (which < 0 || static_cast<std::size_t>(which) >= kExceptionCounts) {
+    return 0;
+  }
   return static_cast<jlong>(exceptionCounts::ofProcess().get(static_cast<exceptionCount>(which)));
 }
 
@@ -617,7 +705,9 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(isRecordCut)(JNIEnv* /*jni*/, jclass /*cl
 }
 
 JNIEXPORT void JNICALL TW_COUNTERS(sinkBegins)(JNIEnv* /*jni*/, jclass /*cls*/, jboolean now) {
-  if (now == JNI_TRUE) raisedInHandler::noteSink();
+  if (now == JNI_TRUE) {
+    raisedInHandler::noteSink();
+  }
 }
 
 // Time, thread, class, record, whether it is cut, and whether the thread was a virtual one.
@@ -626,16 +716,22 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cl
   constexpr const char* kFunction =
       "Java_com_korvane_twutils_nativeagent_AgentCounters_takeUndelivered";
   const jint taken = native(kFunction, [&] {
-    if (parts == nullptr) return 0;
+    if (parts == nullptr) {
+      return 0;
+    }
     std::optional<undeliveredRecord> record = undeliveredRecords::ofProcess().take();
-    if (!record) return 0;
+    if (!record) {
+      return 0;
+    }
     const std::string time = std::to_string(record->time);
     jsize index = 0;
     for (const char* each :
          {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
           record->text.c_str(), record->isCut ? "cut" : "", record->isVirtual ? "virtual" : ""}) {
       const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
-      if (text) jni->SetObjectArrayElement(parts, index++, text.get());
+      if (text) {
+        jni->SetObjectArrayElement(parts, index++, text.get());
+      }
       if (!text || jni->ExceptionCheck() != JNI_FALSE) {
         jni->ExceptionClear();
         undeliveredRecords::ofProcess().putBack(std::move(*record));

@@ -22,7 +22,9 @@ std::int32_t seconds(std::uint64_t nanos) {
 void mergeStackTraces(stackTraceBeans& into, const stackTraceBeans& from) {
   for (const auto& [hash, bean] : from) {
     const auto [merged, isNew] = into.try_emplace(hash, bean);
-    if (isNew) continue;
+    if (isNew) {
+      continue;
+    }
     merged->second.count += bean.count;
     merged->second.hashcode = hash;
   }
@@ -79,7 +81,9 @@ blockingThreadBeans mergeBlockingThreads(const std::map<std::string_view, topLoc
     const support::lockGuard guard(top->mutex);
     for (const auto& [ownerName, owner] : top->blockingThreads) {
       const auto [known, isNew] = merged.try_emplace(ownerName, owner);
-      if (isNew) continue;
+      if (isNew) {
+        continue;
+      }
       known->second.blockCount += owner.blockCount;
       known->second.blockingCount += owner.blockingCount;
       known->second.totalBlockingTime += owner.totalBlockingTime;
@@ -99,7 +103,9 @@ std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t gr
   {
     const support::lockGuard guard(lock.mutex);
     threads.reserve(lock.threadbean.size());
-    for (auto& [name, thread] : lock.threadbean) threads.emplace_back(name, &thread);
+    for (auto& [name, thread] : lock.threadbean) {
+      threads.emplace_back(name, &thread);
+    }
   }
   json.key(lock.lockName).beginObject();
   json.member("id", lock.name());
@@ -108,7 +114,9 @@ std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t gr
   json.member("totalBlockTime", seconds(lock.totalBlockTime.load()));
   json.member("totalWaitTime", seconds(lock.totalWaitTime.load()));
   json.key("threadbean").beginObject();
-  for (const auto& [name, thread] : threads) writeThread(json, name, *thread);
+  for (const auto& [name, thread] : threads) {
+    writeThread(json, name, *thread);
+  }
   json.endObject();
   json.endObject();
   return threads.size();
@@ -116,7 +124,9 @@ std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t gr
 
 void writeStackHashes(support::jsonWriter& json, const lockStore& store) {
   json.key("stacktracemap").beginObject();
-  for (const std::uint64_t hash : store.stackHashes()) json.member(std::to_string(hash), "");
+  for (const std::uint64_t hash : store.stackHashes()) {
+    json.member(std::to_string(hash), "");
+  }
   json.endObject();
 }
 

@@ -32,7 +32,9 @@ LockSessionConfig::LockSessionConfig(std::int64_t id, std::string name, std::int
 
 void countStackTrace(stackTraceBeans& beans, std::uint64_t hash) {
   const auto [bean, isNew] = beans.try_emplace(hash);
-  if (isNew) return;
+  if (isNew) {
+    return;
+  }
   ++bean->second.count;
   bean->second.hashcode = hash;
 }
@@ -42,7 +44,9 @@ void waiterTally::enter(std::uint32_t epoch) {
   std::uint64_t next = 0;
   do {
     const auto wordEpoch = static_cast<std::uint32_t>(word >> 32U);
-    if (static_cast<std::int32_t>(epoch - wordEpoch) < 0) return;  // counted for a later epoch
+    if (static_cast<std::int32_t>(epoch - wordEpoch) < 0) {
+      return;  // counted for a later epoch
+    }
     next = epoch == wordEpoch ? word + 1 : (std::uint64_t{epoch} << 32U) + 1;
   } while (!word_.compare_exchange_weak(word, next, std::memory_order_acq_rel));
 }
@@ -51,7 +55,9 @@ std::uint32_t waiterTally::leave(std::uint32_t epoch) {
   std::uint64_t word = word_.load(std::memory_order_acquire);
   do {
     const auto count = static_cast<std::uint32_t>(word);
-    if (static_cast<std::uint32_t>(word >> 32U) != epoch || count == 0) return 0;
+    if (static_cast<std::uint32_t>(word >> 32U) != epoch || count == 0) {
+      return 0;
+    }
   } while (!word_.compare_exchange_weak(word, word - 1, std::memory_order_acq_rel));
   return static_cast<std::uint32_t>(word) - 1;
 }
@@ -70,12 +76,18 @@ threadBean* lockBean::countEntry(std::string_view threadName, std::size_t slot) 
   if (found != threadbean.end()) {
     found->second.count.fetch_add(1, std::memory_order_relaxed);
   } else {
-    if (!takeThreadSlot()) return nullptr;
+    if (!takeThreadSlot()) {
+      return nullptr;
+    }
     found = threadbean.try_emplace(std::string(threadName), 1).first;
   }
   count.fetch_add(1, std::memory_order_relaxed);
-  if (slot >= graph.capacity()) graph.reserve(std::min(kGraphSlots, 2 * slot + 1));
-  if (slot >= graph.size()) graph.resize(slot + 1);
+  if (slot >= graph.capacity()) {
+    graph.reserve(std::min(kGraphSlots, 2 * slot + 1));
+  }
+  if (slot >= graph.size()) {
+    graph.resize(slot + 1);
+  }
   ++graph[slot];
   return &found->second;
 }
@@ -84,8 +96,12 @@ threadBean* lockBean::threadForWait(std::string_view threadName) {
   const support::lockGuard guard(mutex);
   setName();
   const auto found = threadbean.find(threadName);
-  if (found != threadbean.end()) return &found->second;
-  if (!takeThreadSlot()) return nullptr;
+  if (found != threadbean.end()) {
+    return &found->second;
+  }
+  if (!takeThreadSlot()) {
+    return nullptr;
+  }
   return &threadbean.try_emplace(std::string(threadName), 0).first->second;
 }
 
@@ -104,7 +120,9 @@ void lockBean::select() {
   topLockBean* top = nullptr;
   {
     const support::lockGuard guard(mutex);
-    if (!top_) top_ = std::make_unique<topLockBean>();
+    if (!top_) {
+      top_ = std::make_unique<topLockBean>();
+    }
     top = top_.get();
   }
   top->clear();
@@ -113,12 +131,16 @@ void lockBean::select() {
 
 void lockBean::deselect() {
   topLockBean* const top = selected_.exchange(nullptr, std::memory_order_acq_rel);
-  if (top != nullptr) top->clear();
+  if (top != nullptr) {
+    top->clear();
+  }
 }
 
 bool lockBean::takeThreadSlot() {
   constexpr std::int32_t kLowest = INT32_MIN;
-  if (threadSlotsLeft == kLowest) return false;
+  if (threadSlotsLeft == kLowest) {
+    return false;
+  }
   return threadSlotsLeft-- >= 1;
 }
 
@@ -154,9 +176,13 @@ lockStore::recordedLock lockStore::recordLock(const std::shared_ptr<const suppor
   auto entry = std::make_unique<node>(keyOf(hash), cls, lockNameOf(cls->value, hash),
                                       config->maxThreadPerLockCount);
   const support::lockGuard guard(lockMapMutex);
-  if (lockBean* const present = findLock(*cls, hash)) return {present, false};
+  if (lockBean* const present = findLock(*cls, hash)) {
+    return {present, false};
+  }
   const std::int32_t left = config->maxLockCount.takeAndTell();
-  if (left < 0) return {};
+  if (left < 0) {
+    return {};
+  }
   return {&lockmap_.insert(std::move(entry)).bean, true, left};
 }
 
@@ -172,7 +198,9 @@ std::vector<lockBean*> lockStore::locksByName() const {
 std::map<std::string_view, topLockBean*> lockStore::topLockMap() const {
   std::map<std::string_view, topLockBean*> selected;
   lockmap_.forEach([&](std::uint64_t, const lockEntry& each) {
-    if (topLockBean* const top = each.bean.top()) selected.emplace(each.bean.lockName, top);
+    if (topLockBean* const top = each.bean.top()) {
+      selected.emplace(each.bean.lockName, top);
+    }
   });
   return selected;
 }
@@ -182,7 +210,9 @@ void lockStore::clearTopLocks() {
 }
 
 void lockStore::lowerFirstStarts(std::int64_t time) {
-  if (time <= 0) return;  // the VM gave none
+  if (time <= 0) {
+    return;  // the VM gave none
+  }
   for (std::atomic<std::int64_t>* const each : {&firstStart_, &firstSinceLoss_}) {
     std::int64_t first = each->load(std::memory_order_relaxed);
     while (time < first && !each->compare_exchange_weak(first, time, std::memory_order_relaxed)) {
@@ -193,12 +223,16 @@ void lockStore::lowerFirstStarts(std::int64_t time) {
 bool lockStore::addStackTrace(std::uint64_t hash, std::string_view text) {
   std::string joined(text);
   std::replace(joined.begin(), joined.end(), '\n', ',');
-  if (!joined.empty()) joined.pop_back();
+  if (!joined.empty()) {
+    joined.pop_back();
+  }
 
   using node = support::insertOnlyMap<nothing>::node;
   auto entry = std::make_unique<node>(hash);
   const support::lockGuard guard(stackMapMutex);
-  if (knowsStackTrace(hash)) return false;
+  if (knowsStackTrace(hash)) {
+    return false;
+  }
   stacktracemap.insert_or_assign(hash, std::move(joined));
   stackHashMap_.insert(std::move(entry));
   return true;

@@ -37,7 +37,9 @@ class countdown {
   // Takes one and gives what it left; negative when there was none to take.
   std::int32_t takeAndTell() {
     constexpr std::int32_t kLowest = INT32_MIN / 2;
-    if (value_.load(std::memory_order_relaxed) < kLowest) return kLowest;
+    if (value_.load(std::memory_order_relaxed) < kLowest) {
+      return kLowest;
+    }
     return value_.fetch_sub(1, std::memory_order_relaxed) - 1;
   }
   std::int32_t value() const { return value_.load(std::memory_order_relaxed); }
@@ -147,7 +149,9 @@ struct lockBean {
     return named.load(std::memory_order_relaxed) ? lockName : std::string_view();
   }
   void setName() {
-    if (!named.load(std::memory_order_relaxed)) named.store(true, std::memory_order_relaxed);
+    if (!named.load(std::memory_order_relaxed)) {
+      named.store(true, std::memory_order_relaxed);
+    }
   }
 
   // Counts a contended entry of a detail session in a minute slot (0 to 300), and the thread's
@@ -241,7 +245,9 @@ class lockStore {
   //
   // An event of this session leaves one.
   void noteStart(std::int64_t time) {
-    if (time < firstSinceLoss_.load(std::memory_order_relaxed)) lowerFirstStarts(time);
+    if (time < firstSinceLoss_.load(std::memory_order_relaxed)) {
+      lowerFirstStarts(time);
+    }
   }
   // Events may have been lost until now.
   void noteLostEvents() { firstSinceLoss_.store(INT64_MAX, std::memory_order_relaxed); }

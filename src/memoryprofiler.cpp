@@ -70,7 +70,9 @@ std::string memoryReportOf(std::int32_t sessionId, classQueue chosen) {
   json.member("sessionname", kReportName);
   json.member("sessionid", sessionId);
   json.key("topNMemoryleakClass").beginObject();
-  for (; !chosen.empty(); chosen.pop()) writeClass(json, chosen.top());
+  for (; !chosen.empty(); chosen.pop()) {
+    writeClass(json, chosen.top());
+  }
   json.endObject();
   json.endObject();
   return json.text();
@@ -78,7 +80,9 @@ std::string memoryReportOf(std::int32_t sessionId, classQueue chosen) {
 
 void memoryProfiler::setEventCallbacks() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
-  if (registry->environment() == nullptr) return;
+  if (registry->environment() == nullptr) {
+    return;
+  }
   registry->callbacks.VMInit = VMInit;
   registry->callbacks.GarbageCollectionFinish = gc_finish;
 }
@@ -87,7 +91,9 @@ void JNICALL memoryProfiler::VMInit(jvmtiEnv* /*jvmti*/, JNIEnv* /*jni*/, jthrea
 
 void memoryProfiler::addCapabilities() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
-  if (registry->environment() == nullptr) return;
+  if (registry->environment() == nullptr) {
+    return;
+  }
   jvmti_.store(registry->environment());
   registry->capabilities.can_tag_objects = 1;
   registry->capabilities.can_generate_garbage_collection_events = 1;
@@ -97,7 +103,9 @@ std::int32_t memoryProfiler::setProfileData(std::unique_ptr<sessionSettings> set
   constexpr const char* kException = "Exception occured in  memoryprofiler : setProfileData";
   return contained(kSetProfileData, kException, 0, [&] {
     auto* const given = dynamic_cast<MemorySessionConfig*>(settings.get());
-    if (given == nullptr) return 0;
+    if (given == nullptr) {
+      return 0;
+    }
     {
       const support::lockGuard guard(settingsMutex_);
       settings_.reserve(settings_.size() + 1);
@@ -112,8 +120,12 @@ std::int32_t memoryProfiler::setProfileData(std::unique_ptr<sessionSettings> set
 
 void memoryProfiler::setProfilerEventMode(bool enable) {
   jvmtiEnv* const jvmti = getRegistry()->environment();
-  if (jvmti == nullptr) return;
-  if (enable) setState(kMemoryRunning);
+  if (jvmti == nullptr) {
+    return;
+  }
+  if (enable) {
+    setState(kMemoryRunning);
+  }
   const jvmtiError error = jvmti->SetEventNotificationMode(
       enable ? JVMTI_ENABLE : JVMTI_DISABLE, JVMTI_EVENT_GARBAGE_COLLECTION_FINISH, nullptr);
   TW_LOG(kLogTrace, kSeverityTrace, kSetProfilerEventMode, "*jvmti status: %d",
@@ -123,7 +135,9 @@ void memoryProfiler::setProfilerEventMode(bool enable) {
 void JNICALL memoryProfiler::gc_finish(jvmtiEnv* /*jvmti*/) {
   contained(kGcFinish, "Exception occured in  memoryprofiler : gc_finish", [] {
     const std::shared_ptr<memoryProfiler> self = getMemoryProfiler();
-    if (!self || self->config_.load() == nullptr || self->state() == kMemoryStopped) return;
+    if (!self || self->config_.load() == nullptr || self->state() == kMemoryStopped) {
+      return;
+    }
     const std::uint32_t counted = self->gcCounter_.fetch_add(1) + 1;
     TW_LOG(kLogDebug, kSeverityTrace, kGcFinish,
            "*GC Finish CallBack is Called, :GC_Counter/GC_Cycle Value is: %u", counted);
@@ -132,7 +146,9 @@ void JNICALL memoryProfiler::gc_finish(jvmtiEnv* /*jvmti*/) {
 
 void memoryProfiler::setObjectTag(JNIEnv* jni, jobject object) const {
   jvmtiEnv* const jvmti = jvmti_.load();
-  if (jvmti == nullptr) return;
+  if (jvmti == nullptr) {
+    return;
+  }
   const std::uint32_t generation = gcCounter();
   if (generation != 0) {
     jlong old = 0;
@@ -148,7 +164,9 @@ std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
   constexpr const char* kException = "Exception occured in memoryprofiler : scanJavaHeap";
   return contained(kScanJavaHeap, kException, 0, [&] {
     jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (!getMemoryProfiler() || jvmti == nullptr) return 0;
+    if (!getMemoryProfiler() || jvmti == nullptr) {
+      return 0;
+    }
     const MemorySessionConfig* const config = config_.load();
     const classFilters filters = config == nullptr ? classFilters() : config->filters;
     const auto most = static_cast<std::uint32_t>(config == nullptr ? 0 : config->topNClassCount);
@@ -192,7 +210,9 @@ void memoryProfiler::addGenerationsMet(jvmtiEnv* jvmti, const taggedObjects& tag
   const std::uint32_t end = endOfGenerations();
   const auto add = [&](std::uint32_t generation) {
     const jvmtiError error = scan.add(generation, generation).status;
-    if (error == JVMTI_ERROR_NONE) return true;
+    if (error == JVMTI_ERROR_NONE) {
+      return true;
+    }
     TW_LOG(kLogError, kSeverityError, kScanJavaHeap,
            "The objects of generation %u are not in the report: %s", generation,
            support::errorName(jvmti, error).c_str());
@@ -200,22 +220,30 @@ void memoryProfiler::addGenerationsMet(jvmtiEnv* jvmti, const taggedObjects& tag
   };
   if (tagged.complete) {
     for (const std::uint32_t generation : tagged.generations) {
-      if (generation >= 1 && generation < end) add(generation);
+      if (generation >= 1 && generation < end) {
+        add(generation);
+      }
     }
   } else {
     // A VM that refuses is not asked for each of what may be billions.
     std::uint32_t generation = 1;
-    while (generation < end && add(generation)) ++generation;
+    while (generation < end && add(generation)) {
+      ++generation;
+    }
   }
 }
 
 void memoryProfiler::addGenerationsAtOnce(jvmtiEnv* jvmti, generationScan& scan) const {
   const std::uint32_t end = gcCounter();
   generationScan::answer answer;  // as of a query that finds nothing: there is none for no tag
-  if (end > 1) answer = scan.add(1, end - 1);
+  if (end > 1) {
+    answer = scan.add(1, end - 1);
+  }
   logTaggedObjects(static_cast<std::uint64_t>(answer.count), answer.status);
   endOfGenerations();
-  if (answer.status == JVMTI_ERROR_NONE) return;
+  if (answer.status == JVMTI_ERROR_NONE) {
+    return;
+  }
   TW_LOG(kLogError, kSeverityError, kScanJavaHeap,
          "The objects of generations 1 to %u are not in the report: %s", end - 1,
          support::errorName(jvmti, answer.status).c_str());
@@ -231,7 +259,9 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
       const support::lockGuard guard(queueMutex_);
       chosen.swap(classQueue_);
     }
-    if (!getMemoryProfiler()) return 0;
+    if (!getMemoryProfiler()) {
+      return 0;
+    }
     const std::string reportPath = support::textOf(jni, path);
     if (reportPath.empty()) {
       TW_LOG(kLogError, kSeverityError, kDumpJson,
@@ -250,7 +280,9 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
     file.write(
         memoryReportOf(config == nullptr ? kNoSessionId : config->sessionId, std::move(chosen)));
     const std::string reason = file.close();
-    if (reason.empty()) return 1;
+    if (reason.empty()) {
+      return 1;
+    }
     TW_LOG(kLogError, kSeverityError, kDumpJson, "Unable to write memory report '%s'. Error = '%s'",
            reportPath.c_str(), reason.c_str());
     return 0;

@@ -72,7 +72,9 @@ std::string describe(const LockSessionConfig& config) {
 void logUnwritable(const char* function, const char* what, const std::string& path,
                    const std::string& reason,
                    support::sourcePlace where = support::sourcePlace::current()) {
-  if (twAprLib::level() < kLogError) return;
+  if (twAprLib::level() < kLogError) {
+    return;
+  }
   twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, function,
                   "Unable to write %s '%s'. Error = '%s'", what, path.c_str(), reason.c_str());
 }
@@ -92,7 +94,9 @@ struct mutexLockProfiler::handlerTexts {
 
   void error(const char* message,
              support::sourcePlace where = support::sourcePlace::current()) const {
-    if (message == nullptr || twAprLib::level() < kLogError) return;
+    if (message == nullptr || twAprLib::level() < kLogError) {
+      return;
+    }
     twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, function, "%s",
                     message);
   }
@@ -115,11 +119,15 @@ struct mutexLockProfiler::monitorEvent {
   bool detail() const { return state == kLockDetail; }
   bool saysWhoAndWhat() const { return texts.saysWhoAndWhat && twAprLib::level() >= kLogDebug; }
   void readTime() {
-    if (jvmti->GetTime(&time) != JVMTI_ERROR_NONE) time = 0;
+    if (jvmti->GetTime(&time) != JVMTI_ERROR_NONE) {
+      time = 0;
+    }
   }
   // The name of the event's thread; asked for when it is used first.
   const support::threadName& threadName() {
-    if (!nameIsRead) name.read(thread);
+    if (!nameIsRead) {
+      name.read(thread);
+    }
     nameIsRead = true;
     return name;
   }
@@ -146,7 +154,9 @@ std::shared_ptr<lockStore> mutexLockProfiler::store() const {
 // False, and nothing has changed, when this profiler was removed.
 bool mutexLockProfiler::useStore(std::shared_ptr<lockStore> next) {
   const support::lockGuard guard(storeMutex_);
-  if (!publishLockStore(*this, next)) return false;
+  if (!publishLockStore(*this, next)) {
+    return false;
+  }
   store_.swap(next);
   return true;
 }
@@ -156,7 +166,9 @@ void mutexLockProfiler::setState(std::int32_t state) {
   const bool ignoredEvents = this->state() == kLockStopped;
   profiler::setState(state);
   epoch_.fetch_add(1);
-  if (ignoredEvents) noteLostEvents();
+  if (ignoredEvents) {
+    noteLostEvents();
+  }
 }
 
 void mutexLockProfiler::noteLostEvents() {
@@ -166,7 +178,9 @@ void mutexLockProfiler::noteLostEvents() {
 
 void mutexLockProfiler::setEventCallbacks() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
-  if (registry->environment() == nullptr) return;
+  if (registry->environment() == nullptr) {
+    return;
+  }
   registry->callbacks.VMInit = VMInit;
   registry->callbacks.MonitorWait = MonitorWait;
   registry->callbacks.MonitorWaited = MonitorWaited;
@@ -184,7 +198,9 @@ void mutexLockProfiler::release() {
 
 void mutexLockProfiler::addCapabilities() {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
-  if (registry->environment() == nullptr) return;
+  if (registry->environment() == nullptr) {
+    return;
+  }
   registry->capabilities.can_get_owned_monitor_info = 1;
   registry->capabilities.can_get_current_contended_monitor = 1;
   registry->capabilities.can_get_monitor_info = 1;
@@ -195,13 +211,17 @@ std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> 
   constexpr const char* kException = "Exception occured in mutexlockprofiler : setProfileData";
   return contained(kSetProfileData, kException, 0, [&] {
     auto* const given = dynamic_cast<LockSessionConfig*>(settings.get());
-    if (given == nullptr) return 0;
+    if (given == nullptr) {
+      return 0;
+    }
     settings.release();
     const auto next = std::make_shared<lockStore>(std::unique_ptr<LockSessionConfig>(given));
     // Described before events take from its countdowns.
     const std::string details =
         twAprLib::level() >= kLogTrace ? describe(*next->config) : std::string();
-    if (!useStore(next)) return 0;
+    if (!useStore(next)) {
+      return 0;
+    }
     epoch_.fetch_add(1);
     TW_LOG(kLogTrace, kSeverityTrace, kSetProfileData, "%s", details.c_str());
     return 1;
@@ -211,7 +231,9 @@ std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> 
 void mutexLockProfiler::setProfilerEventMode(bool enable) {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   jvmtiEnv* const jvmti = registry->environment();
-  if (state() != kLockProfiling || jvmti == nullptr) return;
+  if (state() != kLockProfiling || jvmti == nullptr) {
+    return;
+  }
   for (const jvmtiEvent event :
        {JVMTI_EVENT_VM_INIT, JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED,
         JVMTI_EVENT_MONITOR_CONTENDED_ENTER, JVMTI_EVENT_MONITOR_CONTENDED_ENTERED}) {
@@ -252,7 +274,9 @@ void mutexLockProfiler::select(const std::shared_ptr<lockStore>& store,
   for (lockBean* const lock : locks) {
     const auto blockTime = static_cast<std::int64_t>(lock->totalBlockTime.load());
     if (selectionHeap.size() >= most) {
-      if (most == 0 || blockTime <= selectionHeap.top().blockTime) continue;
+      if (most == 0 || blockTime <= selectionHeap.top().blockTime) {
+        continue;
+      }
       selectionHeap.pop();
     }
     selectionHeap.push({lock->lockName, blockTime, store, lock});
@@ -288,7 +312,9 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
       "Exception occured in  mutexprofiler : dumpJsonObjectFromMapDS";
   return contained(kDumpJson, kException, 0, [&] {
     const std::shared_ptr<lockStore> current = store();
-    if (!getMutexProfiler()) return 0;
+    if (!getMutexProfiler()) {
+      return 0;
+    }
     if (!current->config) {
       TW_LOG(kLogError, kSeverityError, kDumpJson,
              "No lock report written: no lock profiling session was started");
@@ -320,7 +346,9 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     for (; !ranked.empty(); ranked.pop()) {
       const rankedLock& each = ranked.top();
       // A lock of an earlier session is not reported any more.
-      if (each.store.lock() != current || !each.bean->hasThreads()) continue;
+      if (each.store.lock() != current || !each.bean->hasThreads()) {
+        continue;
+      }
       if (writeLock(json, *each.bean, current->config->graphSize) == 0) {
         TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
                "Agent was not able to find any threadBean data for %s to report genuinely as no "
@@ -346,7 +374,9 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
 
     file.write(json.text());
     const std::string reason = file.close();
-    if (!reason.empty()) logUnwritable(kDumpJson, "lock report", reportPath, reason);
+    if (!reason.empty()) {
+      logUnwritable(kDumpJson, "lock report", reportPath, reason);
+    }
     logLeftOutOwnerLookups(*current);
     current->clearTopLocks();
     return 1;
@@ -354,7 +384,9 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
 }
 
 void mutexLockProfiler::logLeftOutOwnerLookups(const lockStore& store) const {
-  if (ownerLookups_.perSecond() == 0) return;
+  if (ownerLookups_.perSecond() == 0) {
+    return;
+  }
   TW_LOG(kLogTrace, kSeverityTrace, kDumpJson,
          "Owner lookups left out : %llu , at most %d a second were made",
          static_cast<unsigned long long>(store.leftOutOwnerLookups.load()),
@@ -362,13 +394,17 @@ void mutexLockProfiler::logLeftOutOwnerLookups(const lockStore& store) const {
 }
 
 void mutexLockProfiler::dumpStackInFile(lockStore& store) {
-  if (!store.config) return;
+  if (!store.config) {
+    return;
+  }
   const std::string& path = store.config->stackFilePath;
   std::size_t written = 0;
   std::string reason;
   {
     const support::lockGuard guard(store.stackMapMutex);
-    if (store.stacktracemap.empty()) return;
+    if (store.stacktracemap.empty()) {
+      return;
+    }
     support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::append);
     written = store.stacktracemap.size();
     for (const auto& [hash, text] : store.stacktracemap) {
@@ -389,7 +425,9 @@ void mutexLockProfiler::dumpStackInFile(lockStore& store) {
            "Agent was not able to find any stackMap data to report genuinely as no problem "
            "occurred");
   }
-  if (!reason.empty()) logUnwritable(kDumpStack, "stack trace file", path, reason);
+  if (!reason.empty()) {
+    logUnwritable(kDumpStack, "stack trace file", path, reason);
+  }
 }
 
 // --- Events ----------------------------------------------------------------------------------
@@ -410,7 +448,9 @@ void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEn
                                jthread thread, jobject object, Handle&& handleEvent) {
   contained(texts.function, texts.exception, [&] {
     const std::shared_ptr<const lockWork> work = getLockWork();
-    if (!work || !work->profiler->enabled()) return;
+    if (!work || !work->profiler->enabled()) {
+      return;
+    }
     mutexLockProfiler& self = *work->profiler;
     const std::uint32_t epoch = self.epoch_.load();  // before the state that it belongs to
     const std::int32_t state = self.state();
@@ -487,7 +527,9 @@ inline void mutexLockProfiler::leaveStart(monitorEvent& event) {
   openStart = event.time;
   void* const stored = reinterpret_cast<void*>(static_cast<std::intptr_t>(event.time));
   const jvmtiError error = event.jvmti->SetThreadLocalStorage(event.thread, stored);
-  if (error != JVMTI_ERROR_NONE) event.store.noteLostEvents();  // an older start stays there
+  if (error != JVMTI_ERROR_NONE) {
+    event.store.noteLostEvents();  // an older start stays there
+  }
 }
 
 // The start of the block or wait that the event ends, as an earlier event of the thread has left
@@ -509,17 +551,25 @@ inline std::optional<std::int64_t> mutexLockProfiler::takeStart(const monitorEve
 void mutexLockProfiler::contendedEnter(monitorEvent& event) {
   leaveStart(event);
   std::int64_t origin = startTime_.load();
-  if (origin < 1 && event.time > 0) startTime_.compare_exchange_strong(origin, event.time);
+  if (origin < 1 && event.time > 0) {
+    startTime_.compare_exchange_strong(origin, event.time);
+  }
 
   namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+    return;
+  }
   if (monitor.bean == nullptr) {
     bool made = false;
     monitor.bean = makeLock(event, monitor, made);
-    if (made) return;
+    if (made) {
+      return;
+    }
   }
   if (!event.detail()) {
-    if (monitor.bean == nullptr) return;
+    if (monitor.bean == nullptr) {
+      return;
+    }
     monitor.bean->count.fetch_add(1, std::memory_order_relaxed);
     monitor.bean->setName();
     return;
@@ -544,14 +594,18 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
     std::atomic<std::uint32_t>& epoch;
     bool missed = true;
     ~missedEvent() {
-      if (missed) epoch.fetch_add(1);
+      if (missed) {
+        epoch.fetch_add(1);
+      }
     }
   } guard{epoch_};
 
   event.readTime();
   const std::optional<std::int64_t> start = takeStart(event);
   namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+    return;
+  }
   if (monitor.bean == nullptr) {
     guard.missed = false;
     return;
@@ -571,7 +625,9 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
       thread->lastEnterTime.store(*start, std::memory_order_relaxed);
     }
   }
-  if (top == nullptr) return;
+  if (top == nullptr) {
+    return;
+  }
   closeOwnersPeriod(event, *top);
   openOwnPeriod(event, *top, hasKnownWaiters);
 }
@@ -579,7 +635,9 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
 void mutexLockProfiler::wait(monitorEvent& event) {
   leaveStart(event);
   namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+    return;
+  }
   if (monitor.bean == nullptr) {
     bool made = false;
     makeLock(event, monitor, made);
@@ -599,13 +657,21 @@ void mutexLockProfiler::waited(monitorEvent& event) {
   event.readTime();
   const std::optional<std::int64_t> start = takeStart(event);
   namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) return;
-  if (monitor.bean == nullptr) return;
+  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+    return;
+  }
+  if (monitor.bean == nullptr) {
+    return;
+  }
   threadBean* const thread = monitor.bean->threadForWait(event.threadName().view());
-  if (!start) return;
+  if (!start) {
+    return;
+  }
   const std::uint64_t waited = elapsed(*start, event.time);
   monitor.bean->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
-  if (thread == nullptr) return;
+  if (thread == nullptr) {
+    return;
+  }
   thread->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
   thread->lastWaitTime.store(*start, std::memory_order_relaxed);
 }
@@ -626,7 +692,9 @@ bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) 
       event.jvmti->GetObjectHashCode(event.object, &monitor.hash) == JVMTI_ERROR_NONE;
   if (hashed) {
     monitor.bean = event.store.findLock(event.jni, cls.get(), monitor.hash);
-    if (monitor.bean != nullptr) return true;
+    if (monitor.bean != nullptr) {
+      return true;
+    }
     // Beyond the budget, what a lock would be called matters only to those who read of it.
     if (!event.detail() && !event.saysWhoAndWhat() && event.store.refuses(monitor.hash)) {
       return true;
@@ -647,7 +715,9 @@ bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) 
       return false;
   }
   monitor.cls = std::move(named.found);
-  if (!hashed) return false;
+  if (!hashed) {
+    return false;
+  }
   monitor.bean = event.store.findLock(*monitor.cls, monitor.hash);
   return true;
 }
@@ -671,7 +741,9 @@ bool mutexLockProfiler::nameThread(monitorEvent& event, const namedMonitor& moni
 lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& monitor,
                                       bool& made) {
   lockStore& store = event.store;
-  if (!store.config) return nullptr;
+  if (!store.config) {
+    return nullptr;
+  }
   if (event.detail() || !monitor.cls) {
     store.config->maxLockCount.take();
     return nullptr;
@@ -697,7 +769,9 @@ std::size_t mutexLockProfiler::minuteSlot(std::int64_t time) const {
 
 // Takes one of the looks of this second; where there is none left, the event goes without an owner.
 bool mutexLockProfiler::mayLookUpOwner(const monitorEvent& event) {
-  if (ownerLookups_.perSecond() == 0) return true;
+  if (ownerLookups_.perSecond() == 0) {
+    return true;
+  }
   const bool may = ownerLookups_.take(event.time);
   lockStore& store = event.store;
   (may ? store.madeOwnerLookups : store.leftOutOwnerLookups)
@@ -713,8 +787,12 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     const support::lockGuard guard(top.mutex);
     top.ownerSeen = true;
     looks = !top.lookup || !top.lookup->join();
-    if (looks && !mayLookUpOwner(event)) return;
-    if (looks) top.lookup = std::make_shared<ownerLookup>();
+    if (looks && !mayLookUpOwner(event)) {
+      return;
+    }
+    if (looks) {
+      top.lookup = std::make_shared<ownerLookup>();
+    }
     lookup = top.lookup;
   }
   std::optional<foundOwner> found;
@@ -722,12 +800,20 @@ void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
     found = lookup->wait();
     if (!found) {  // nobody else is to wait for it
       const support::lockGuard guard(top.mutex);
-      if (top.lookup == lookup) top.lookup = nullptr;
-      if (!mayLookUpOwner(event)) return;
+      if (top.lookup == lookup) {
+        top.lookup = nullptr;
+      }
+      if (!mayLookUpOwner(event)) {
+        return;
+      }
     }
   }
-  if (!found) found = askForOwner(event, looks ? lookup.get() : nullptr);
-  if (!found) return;
+  if (!found) {
+    found = askForOwner(event, looks ? lookup.get() : nullptr);
+  }
+  if (!found) {
+    return;
+  }
   if (!found->isNamed) {
     event.texts.error("monitor usage owner not found");
     return;
@@ -752,7 +838,9 @@ std::optional<foundOwner> mutexLockProfiler::askForOwner(monitorEvent& event, ow
     ownerLookup* lookup;
     std::optional<foundOwner> found;
     ~announcement() {
-      if (lookup == nullptr) return;
+      if (lookup == nullptr) {
+        return;
+      }
       lookup->begin();
       lookup->publish(std::move(found));
     }
@@ -762,8 +850,12 @@ std::optional<foundOwner> mutexLockProfiler::askForOwner(monitorEvent& event, ow
   support::monitorUsage usage(event.jvmti, event.jni);
   {
     const support::vmTurn turn(usageTurns_);
-    if (lookup != nullptr) lookup->begin();
-    if (vmIsEnding()) return std::nullopt;
+    if (lookup != nullptr) {
+      lookup->begin();
+    }
+    if (vmIsEnding()) {
+      return std::nullopt;
+    }
     usage.read(event.object);
   }
   if (usage.owner() != nullptr) {
@@ -780,12 +872,18 @@ void mutexLockProfiler::closeOwnersPeriod(const monitorEvent& event, topLockBean
   std::string ownerName;
   {
     const support::lockGuard guard(top.mutex);
-    if (top.ownerName.empty() || !top.ownerSeen) return;
+    if (top.ownerName.empty() || !top.ownerSeen) {
+      return;
+    }
     const auto owner = top.blockingThreads.find(top.ownerName);
-    if (owner == top.blockingThreads.end()) return;
+    if (owner == top.blockingThreads.end()) {
+      return;
+    }
     owner->second.totalBlockingTime += elapsed(owner->second.blockStartTime, event.time);
     owner->second.blockStartTime = 0;
-    if (twAprLib::level() < kLogDebug) return;
+    if (twAprLib::level() < kLogDebug) {
+      return;
+    }
     ownerName = top.ownerName;
   }
   TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
@@ -803,29 +901,41 @@ void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, boo
   {
     const support::lockGuard guard(top.mutex);
     const auto own = top.blockingThreads.find(self);
-    if (own == top.blockingThreads.end()) return;
+    if (own == top.blockingThreads.end()) {
+      return;
+    }
     if (hasKnownWaiters) {
       open(own->second);
       return;
     }
   }
-  if (!ownerLookups_.take(event.time)) return;
+  if (!ownerLookups_.take(event.time)) {
+    return;
+  }
   support::monitorUsage usage(event.jvmti, event.jni);
   {
     const support::vmTurn turn(usageTurns_);
-    if (vmIsEnding()) return;
+    if (vmIsEnding()) {
+      return;
+    }
     usage.read(event.object);
   }
-  if (usage.waiterCount() <= 0) return;
+  if (usage.waiterCount() <= 0) {
+    return;
+  }
   const support::lockGuard guard(top.mutex);
   const auto own = top.blockingThreads.find(self);
-  if (own != top.blockingThreads.end()) open(own->second);
+  if (own != top.blockingThreads.end()) {
+    open(own->second);
+  }
 }
 
 // The hash of a trace's text; the text of a new trace is kept.
 std::uint64_t mutexLockProfiler::hashOf(const monitorEvent& event, stackFrames frames) {
   lockStore& store = event.store;
-  if (const auto known = store.stackTraces.find(event.jni, frames)) return *known;
+  if (const auto known = store.stackTraces.find(event.jni, frames)) {
+    return *known;
+  }
 
   stackText trace = textOfFrames(event.jvmti, event.jni, stackClasses_, frames);
   const std::uint64_t hash = support::fnv1a64(trace.text);
@@ -833,9 +943,13 @@ std::uint64_t mutexLockProfiler::hashOf(const monitorEvent& event, stackFrames f
     TW_LOG(kLogDebug, kSeverityDebug, kUpdateStackTrace, "Hashcode for current stackTrace : %llu",
            static_cast<unsigned long long>(hash));
     const bool inBudget = store.config && store.config->maxStackTraceCount.take();
-    if (inBudget && frames.size() + 1 > kMaxFrames) dumpStackInFile(store);
+    if (inBudget && frames.size() + 1 > kMaxFrames) {
+      dumpStackInFile(store);
+    }
   }
-  if (trace.classes) store.stackTraces.remember(frames, hash, *std::move(trace.classes));
+  if (trace.classes) {
+    store.stackTraces.remember(frames, hash, *std::move(trace.classes));
+  }
   return hash;
 }
 
@@ -859,7 +973,9 @@ void mutexLockProfiler::updateStackTrace(monitorEvent& event, threadBean* thread
     const std::string_view threadName = event.threadName().view();
     const support::lockGuard guard(top->mutex);
     const auto own = top->blockingThreads.find(threadName);
-    if (own != top->blockingThreads.end()) countStackTrace(own->second.stacktracebean, hash);
+    if (own != top->blockingThreads.end()) {
+      countStackTrace(own->second.stacktracebean, hash);
+    }
   }
 }
 

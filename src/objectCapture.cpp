@@ -36,7 +36,9 @@ using textOutcome = record::builder::outcome;
 std::int64_t processorNanos() {
   constexpr std::int64_t kNanosPerSecond = 1'000'000'000;
   timespec now{};
-  if (::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0) return 0;
+  if (::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now) != 0) {
+    return 0;
+  }
   return now.tv_sec * kNanosPerSecond + now.tv_nsec;
 }
 
@@ -107,14 +109,18 @@ bool objectCapture::mayGoOn() {
 
 void objectCapture::appendFieldsOf(jobject object, std::int32_t depth) {
   localRef<jclass> cls(jni_, jni_->GetObjectClass(object));
-  if (!cls) return;
+  if (!cls) {
+    return;
+  }
   const walk time(*this);
   std::unique_ptr<fieldTable> own;
   appendValues(object, tableOf(std::move(cls), own), depth);
 }
 
 void objectCapture::appendValues(jobject object, fieldTable& table, std::int32_t depth) {
-  if (!table.isArray) return GetObjectFieldsValue(object, table, depth);
+  if (!table.isArray) {
+    return GetObjectFieldsValue(object, table, depth);
+  }
   out_.appendNumber("length", typeCode::integer, jni_->GetArrayLength(static_cast<jarray>(object)));
 }
 
@@ -133,8 +139,12 @@ objectCapture::fieldTable& objectCapture::tableOf(localRef<jclass> cls,
       [&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
   own->isArray = signature.view().starts_with('[');
   own->cls = std::move(cls);
-  if (exceptionProfiler::check(jni_, jvmti_, own->error)) return *own;
-  if (tables_.size() == kMostTables || roomForTables_ < sizeof(fieldTable)) return *own;
+  if (exceptionProfiler::check(jni_, jvmti_, own->error)) {
+    return *own;
+  }
+  if (tables_.size() == kMostTables || roomForTables_ < sizeof(fieldTable)) {
+    return *own;
+  }
   roomForTables_ -= sizeof(fieldTable);
   tables_.push_back(std::move(own));
   return *tables_.back();
@@ -143,7 +153,9 @@ objectCapture::fieldTable& objectCapture::tableOf(localRef<jclass> cls,
 objectCapture::field* objectCapture::fieldAt(fieldTable& table, jint index,
                                              std::unique_ptr<field>& own) {
   const auto place = static_cast<std::size_t>(index);
-  if (place < table.known.size()) return &table.known[place];
+  if (place < table.known.size()) {
+    return &table.known[place];
+  }
   constexpr std::size_t kTexts = 64;  // name and signature, about
   field* made = nullptr;
   const bool isKept = place == table.known.size() && roomForTables_ >= sizeof(field) + kTexts;
@@ -165,7 +177,9 @@ objectCapture::field* objectCapture::fieldAt(fieldTable& table, jint index,
     error = jvmti_->GetFieldModifiers(cls, made->id, &modifiers);
   }
   if (exceptionProfiler::check(jni_, jvmti_, error)) {
-    if (isKept) table.known.pop_back();
+    if (isKept) {
+      table.known.pop_back();
+    }
     return nullptr;
   }
   made->code = record::codeOf(made->signature.view());
@@ -177,16 +191,24 @@ void objectCapture::GetObjectFieldsValue(jobject object, fieldTable& table, std:
   if (!table.isRead) {
     const jvmtiError error = table.ids.fill(
         [&](jfieldID** out) { return jvmti_->GetClassFields(table.cls.get(), &table.count, out); });
-    if (exceptionProfiler::check(jni_, jvmti_, error)) return;
+    if (exceptionProfiler::check(jni_, jvmti_, error)) {
+      return;
+    }
     table.isInitialized = isInitialized(table.cls.get());
     table.isRead = true;
   }
   for (jint i = 0; i < table.count && mayGoOn(); ++i) {
     std::unique_ptr<field> own;
     field* const each = fieldAt(table, i, own);
-    if (each == nullptr) return;
-    if (!each->name || !each->signature) continue;
-    if (!appendField(object, table, *each, depth)) return;
+    if (each == nullptr) {
+      return;
+    }
+    if (!each->name || !each->signature) {
+      continue;
+    }
+    if (!appendField(object, table, *each, depth)) {
+      return;
+    }
   }
 }
 
@@ -217,7 +239,9 @@ bool objectCapture::appendField(jobject object, const fieldTable& table, field& 
 // Asking for a field by name initialises the class, and would wait here while another thread runs
 // its initialiser. Until it is initialised, the ID that JVMTI gave serves.
 bool objectCapture::findId(const fieldTable& table, field& each) {
-  if (each.isFound || !table.isInitialized) return each.id != nullptr;
+  if (each.isFound || !table.isInitialized) {
+    return each.id != nullptr;
+  }
   const jclass cls = table.cls.get();
   const jfieldID id = each.isStatic
                           ? jni_->GetStaticFieldID(cls, each.name.get(), each.signature.get())
@@ -269,7 +293,9 @@ bool objectCapture::appendReference(jobject object, jclass cls, const field& eac
                                     std::int32_t depth) {
   const localRef<> value(jni_, each.isStatic ? jni_->GetStaticObjectField(cls, each.id)
                                              : jni_->GetObjectField(object, each.id));
-  if (value && each.code == typeCode::object) return appendNested(each, value.get(), depth);
+  if (value && each.code == typeCode::object) {
+    return appendNested(each, value.get(), depth);
+  }
   const std::string_view name = each.name.view();
   bool isWritten = false;
   if (value && each.code == typeCode::string) {
@@ -277,17 +303,23 @@ bool objectCapture::appendReference(jobject object, jclass cls, const field& eac
   } else if (value) {
     isWritten = appendText(name, each.code, beginningOf(value.get()).get(), kShortCharacters);
   }
-  if (!isWritten) out_.appendNullField(name);
+  if (!isWritten) {
+    out_.appendNullField(name);
+  }
   return true;
 }
 
 // Writes an object-valued field with the fields of its object.
 bool objectCapture::appendNested(const field& each, jobject value, std::int32_t depth) {
   localRef<jclass> cls(jni_, jni_->GetObjectClass(value));
-  if (!cls) return false;
+  if (!cls) {
+    return false;
+  }
   std::unique_ptr<fieldTable> own;
   fieldTable& table = tableOf(std::move(cls), own);
-  if (table.error != JVMTI_ERROR_NONE) return false;
+  if (table.error != JVMTI_ERROR_NONE) {
+    return false;
+  }
   const std::size_t opened = out_.openObject(each.name.view());
   if (opened == record::builder::kNotOpen) {
     out_.appendNullField(each.name.view());
@@ -299,8 +331,12 @@ bool objectCapture::appendNested(const field& each, jobject value, std::int32_t 
 }
 
 void objectCapture::sayNoFieldId(const field& each) {
-  if (twAprLib::level() < kLogError || each.code < typeCode::string) return;
-  if (each.code == typeCode::singleFloat) return;
+  if (twAprLib::level() < kLogError || each.code < typeCode::string) {
+    return;
+  }
+  if (each.code == typeCode::singleFloat) {
+    return;
+  }
   support::threadName name(jvmti_, jni_);
   name.read(thread_);
   TW_LOG(kLogError, kSeverityDebug, kFieldsFunction, "return fid name : %s ,thread  : %s",
@@ -317,7 +353,9 @@ bool objectCapture::isInitialized(jclass cls) {
 // be read or not even its beginning fits.
 bool objectCapture::appendText(std::string_view name, typeCode code, jstring string,
                                std::size_t most) {
-  if (string == nullptr) return false;
+  if (string == nullptr) {
+    return false;
+  }
   const auto units = static_cast<std::size_t>(jni_->GetStringLength(string));
   const auto read = [&](std::size_t start, std::size_t count, char* out) {
     *out = '\0';
@@ -328,30 +366,44 @@ bool objectCapture::appendText(std::string_view name, typeCode code, jstring str
 }
 
 void objectCapture::appendShortText(std::string_view name, jstring string) {
-  if (appendText(name, typeCode::string, string, kShortCharacters)) return;
+  if (appendText(name, typeCode::string, string, kShortCharacters)) {
+    return;
+  }
   out_.appendNullObject(name);
 }
 
 void objectCapture::appendShortTextOfBuilder(std::string_view name, jobject builder) {
   const localRef<jstring> text = beginningOf(builder);
-  if (appendText(name, typeCode::stringBuilder, text.get(), kShortCharacters)) return;
+  if (appendText(name, typeCode::stringBuilder, text.get(), kShortCharacters)) {
+    return;
+  }
   out_.appendNullObject(name);
 }
 
 localRef<jstring> objectCapture::beginningOf(jobject builder) {
   const localRef<jclass> cls(jni_, jni_->GetObjectClass(builder));
-  if (!cls) return {};
+  if (!cls) {
+    return {};
+  }
   const jmethodID length = jni_->GetMethodID(cls.get(), "length", "()I");
-  if (clearException() || length == nullptr) return {};
+  if (clearException() || length == nullptr) {
+    return {};
+  }
   const jmethodID substring = jni_->GetMethodID(cls.get(), "substring", "(II)Ljava/lang/String;");
-  if (clearException() || substring == nullptr) return {};
+  if (clearException() || substring == nullptr) {
+    return {};
+  }
   const jint units = jni_->CallIntMethod(builder, length);
-  if (clearException()) return {};
+  if (clearException()) {
+    return {};
+  }
   const jint taken = std::min(units, static_cast<jint>(kShortCharacters + 1));
   // Another thread may shorten it meanwhile, which throws.
   localRef<jstring> text(
       jni_, static_cast<jstring>(jni_->CallObjectMethod(builder, substring, jint{0}, taken)));
-  if (clearException()) return {};
+  if (clearException()) {
+    return {};
+  }
   return text;
 }
 
@@ -366,16 +418,24 @@ void objectCapture::appendThreadLocals(std::int32_t depth) {
   const auto error = [](const char* message) {
     TW_LOG(kLogError, kSeverityError, kThreadLocalsFunction, "%s", message);
   };
-  if (!getExceptionProfiler()) return error("Unable to get Exception profiler");
-  if (thread_ == nullptr) return error("Unable to get Exception thread");
+  if (!getExceptionProfiler()) {
+    return error("Unable to get Exception profiler");
+  }
+  if (thread_ == nullptr) {
+    return error("Unable to get Exception thread");
+  }
   localRef<jclass> threadClass(jni_, jni_->GetObjectClass(thread_));
-  if (!threadClass) return error("Unable to get Exception thread class");
+  if (!threadClass) {
+    return error("Unable to get Exception thread class");
+  }
   // Asking a class for a field initialises it, and would wait here for a running initialiser of the
   // thread's class. Until that is done, the class that declares the field is asked.
   if (!isInitialized(threadClass.get())) {
     threadClass = localRef<jclass>(jni_, jni_->FindClass("java/lang/Thread"));
     clearException();
-    if (!threadClass) return error("Unable to get field id for thread class");
+    if (!threadClass) {
+      return error("Unable to get field id for thread class");
+    }
   }
   const jfieldID mapField =
       jni_->GetFieldID(threadClass.get(), "threadLocals", "Ljava/lang/ThreadLocal$ThreadLocalMap;");
@@ -384,10 +444,14 @@ void objectCapture::appendThreadLocals(std::int32_t depth) {
     return error("Unable to get field id for thread class");
   }
   const localRef<> map(jni_, jni_->GetObjectField(thread_, mapField));
-  if (!map) return error("Unable to get threadmap object");
+  if (!map) {
+    return error("Unable to get threadmap object");
+  }
 
   const localRef<jclass> mapClass(jni_, jni_->GetObjectClass(map.get()));
-  if (!mapClass) return error("Unable to get threadmap class");
+  if (!mapClass) {
+    return error("Unable to get threadmap class");
+  }
   const jfieldID tableField =
       jni_->GetFieldID(mapClass.get(), "table", "[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;");
   if (tableField == nullptr) {
@@ -396,13 +460,17 @@ void objectCapture::appendThreadLocals(std::int32_t depth) {
   }
   const localRef<jobjectArray> table(
       jni_, static_cast<jobjectArray>(jni_->GetObjectField(map.get(), tableField)));
-  if (!table) return error("Unable to get entry array");
+  if (!table) {
+    return error("Unable to get entry array");
+  }
 
   const walk time(*this);
   const jsize length = jni_->GetArrayLength(table.get());
   for (jsize i = 0; i < length && mayGoOn(); ++i) {
     const localRef<> entry(jni_, jni_->GetObjectArrayElement(table.get(), i));
-    if (clearException() || !entry) continue;
+    if (clearException() || !entry) {
+      continue;
+    }
     const record::builder::place before = out_.here();
     try {
       appendThreadLocal("ThreadLocals" + std::to_string(i), entry.get(), depth);
@@ -415,7 +483,9 @@ void objectCapture::appendThreadLocals(std::int32_t depth) {
 
 void objectCapture::appendThreadLocal(std::string_view name, jobject entry, std::int32_t depth) {
   const std::size_t opened = out_.openObject(name);
-  if (opened == record::builder::kNotOpen) return;
+  if (opened == record::builder::kNotOpen) {
+    return;
+  }
   localRef<jclass> cls(jni_, jni_->GetObjectClass(entry));
   if (cls) {
     std::unique_ptr<fieldTable> own;

@@ -70,7 +70,9 @@ std::shared_ptr<profiler> make(std::int32_t kind) {
 
 bool profilerRegistry::createProfiler(std::int32_t kind) {
   std::shared_ptr<profiler> made = make(kind);
-  if (!made) return false;
+  if (!made) {
+    return false;
+  }
   made->addCapabilities();
   const support::lockGuard guard(mutex_);
   publish(kind, made);
@@ -80,7 +82,9 @@ bool profilerRegistry::createProfiler(std::int32_t kind) {
 
 void profilerRegistry::switchProfiler(std::int32_t kind, bool enable) {
   const support::lockGuard oneSwitch(switchMutex_);
-  if (const std::shared_ptr<profiler> switched = find(kind)) switched->setEnabled(enable);
+  if (const std::shared_ptr<profiler> switched = find(kind)) {
+    switched->setEnabled(enable);
+  }
 
   std::map<std::int32_t, std::shared_ptr<profiler>> all;
   {
@@ -89,19 +93,25 @@ void profilerRegistry::switchProfiler(std::int32_t kind, bool enable) {
   }
   callbacks = {};
   for (const auto& [eachKind, each] : all) {
-    if (each->enabled()) each->setEventCallbacks();
+    if (each->enabled()) {
+      each->setEventCallbacks();
+    }
   }
   if (jvmtiEnv* const jvmti = environment()) {
     jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));
   }
   // The VM takes the old handlers out before it puts the new ones in.
   const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
-  if (locks && locks->enabled()) locks->noteLostEvents();
+  if (locks && locks->enabled()) {
+    locks->noteLostEvents();
+  }
 }
 
 void profilerRegistry::removeProfiler(std::int32_t kind) {
   const std::shared_ptr<profiler> removed = find(kind);
-  if (!removed) return;
+  if (!removed) {
+    return;
+  }
   {
     const support::lockGuard guard(mutex_);
     publish(kind, nullptr);
@@ -122,9 +132,13 @@ bool profilerRegistry::empty() const {
 }
 
 std::shared_ptr<profilerRegistry> getRegistry() {
-  if (std::shared_ptr<profilerRegistry> known = findRegistry()) return known;
+  if (std::shared_ptr<profilerRegistry> known = findRegistry()) {
+    return known;
+  }
   const support::lockGuard guard(process().mutex);
-  if (std::shared_ptr<profilerRegistry> known = findRegistry()) return known;
+  if (std::shared_ptr<profilerRegistry> known = findRegistry()) {
+    return known;
+  }
   auto made = std::make_shared<profilerRegistry>();
   process().registry.store(made);
   return made;
@@ -156,7 +170,9 @@ std::shared_ptr<const lockWork> getLockWork() {
 bool publishLockStore(const mutexLockProfiler& profiler, std::shared_ptr<lockStore> store) {
   const support::lockGuard guard(process().lockMutex);
   const std::shared_ptr<const lockWork> old = process().lock.load();
-  if (!old || old->profiler.get() != &profiler) return false;
+  if (!old || old->profiler.get() != &profiler) {
+    return false;
+  }
   process().lock.store(std::make_shared<const lockWork>(lockWork{old->profiler, std::move(store)}));
   return true;
 }

@@ -31,7 +31,9 @@ class sender {
   static jvmtiEnv* of(JNIEnv* jni) {
     static sender& kept = *new sender;
     JavaVM* vm = nullptr;
-    if (jni->GetJavaVM(&vm) != JNI_OK) return nullptr;
+    if (jni->GetJavaVM(&vm) != JNI_OK) {
+      return nullptr;
+    }
     jvmtiEnv* const known = kept.find(vm);
     return known != nullptr ? known : kept.keep(vm, make(vm));
   }
@@ -39,7 +41,9 @@ class sender {
  private:
   static jvmtiEnv* make(JavaVM* vm) {
     void* made = nullptr;
-    if (vm->GetEnv(&made, kToolInterfaceVersion) != JNI_OK || made == nullptr) return nullptr;
+    if (vm->GetEnv(&made, kToolInterfaceVersion) != JNI_OK || made == nullptr) {
+      return nullptr;
+    }
     auto* const jvmti = static_cast<jvmtiEnv*>(made);
     jvmtiCapabilities wanted{};
     wanted.can_signal_thread = 1;
@@ -52,7 +56,9 @@ class sender {
   // Threads that come first together make one each; the last one is used from then on.
   jvmtiEnv* keep(JavaVM* vm, jvmtiEnv* made) EXCLUDES(mutex_) {
     const support::lockGuard guard(mutex_);
-    if (made == nullptr) return nullptr;
+    if (made == nullptr) {
+      return nullptr;
+    }
     vm_ = vm;
     jvmti_ = made;
     return made;
@@ -69,7 +75,9 @@ raisedInHandler::raisedInHandler(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread)
     : jvmti_(jvmti), jni_(jni), thread_(thread) {}
 
 raisedInHandler::~raisedInHandler() {
-  if (asynchronous_ == nullptr) return;
+  if (asynchronous_ == nullptr) {
+    return;
+  }
   jvmtiEnv* const jvmti = sender::of(jni_);
   const jvmtiError error =
       jvmti == nullptr ? JVMTI_ERROR_NOT_AVAILABLE : jvmti->StopThread(thread_, asynchronous_);
@@ -83,7 +91,9 @@ raisedInHandler::~raisedInHandler() {
 
 void raisedInHandler::noteSink() {
   hasSinkBegun = true;
-  if (!sinksAreNoted.load(std::memory_order_relaxed)) sinksAreNoted.store(true);
+  if (!sinksAreNoted.load(std::memory_order_relaxed)) {
+    sinksAreNoted.store(true);
+  }
 }
 
 void raisedInHandler::beginCallback() {
@@ -100,10 +110,14 @@ raisedInHandler::kind raisedInHandler::clearAfterCallback() {
 }
 
 raisedInHandler::kind raisedInHandler::clear(thrower possible) {
-  if (jni_->ExceptionCheck() == JNI_FALSE) return kind::none;
+  if (jni_->ExceptionCheck() == JNI_FALSE) {
+    return kind::none;
+  }
   const localRef<jthrowable> raised(jni_, jni_->ExceptionOccurred());
   jni_->ExceptionClear();
-  if (!raised) return kind::other;
+  if (!raised) {
+    return kind::other;
+  }
   const kind found = kindOf(raised.get(), possible);
   if (found == kind::asynchronous && asynchronous_ == nullptr) {
     asynchronous_ = jni_->NewGlobalRef(raised.get());
@@ -123,8 +137,12 @@ raisedInHandler::kind raisedInHandler::kindOf(jthrowable raised, thrower possibl
   const std::string signature = signatureOf(cls.get());
   className_.clear();
   support::appendDottedClass(className_, signature);
-  if (signature == "Ljava/lang/StackOverflowError;") return kind::noStack;
-  if (signature == "Ljava/lang/OutOfMemoryError;") return kind::noMemory;
+  if (signature == "Ljava/lang/StackOverflowError;") {
+    return kind::noStack;
+  }
+  if (signature == "Ljava/lang/OutOfMemoryError;") {
+    return kind::noMemory;
+  }
   const bool isJavaLangs = signature.starts_with("Ljava/lang/");
   const bool isSent = signature == "Ljava/lang/ThreadDeath;" || possible == thrower::nobody ||
                       (possible == thrower::javaLang && !isJavaLangs);

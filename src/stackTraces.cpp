@@ -43,20 +43,30 @@ class classSignature : public support::jvmtiText {
 // Whether a class is there as long as the VM, as its loader is one of the VM's own. False in doubt.
 bool staysLoaded(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls) {
   const classSignature signature(jvmti, cls);
-  if (!signature || mayBeHidden(signature.view())) return false;
+  if (!signature || mayBeHidden(signature.view())) {
+    return false;
+  }
   jobject reference = nullptr;
-  if (jvmti->GetClassLoader(cls, &reference) != JVMTI_ERROR_NONE) return false;
+  if (jvmti->GetClassLoader(cls, &reference) != JVMTI_ERROR_NONE) {
+    return false;
+  }
   const support::localRef<> loader(jni, reference);
-  if (!loader) return true;  // the bootstrap loader
+  if (!loader) {
+    return true;  // the bootstrap loader
+  }
   const support::localRef<jclass> loaderClass(jni, jni->GetObjectClass(loader.get()));
-  if (!loaderClass) return false;
+  if (!loaderClass) {
+    return false;
+  }
   const classSignature loaderSignature(jvmti, loaderClass.get());
   return loaderSignature && isBuiltInLoader(loaderSignature.view());
 }
 
 heldClasses::entryPtr hold(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, jclass cls) {
   const jint key = heldClasses::keyOf(jvmti, cls);
-  if (heldClasses::entryPtr kept = held.find(jni, key, cls)) return kept;
+  if (heldClasses::entryPtr kept = held.find(jni, key, cls)) {
+    return kept;
+  }
   return held.keep(jni, key, cls, stackClass{staysLoaded(jvmti, jni, cls)});
 }
 
@@ -72,10 +82,14 @@ bool appendLine(std::string& text, jvmtiEnv* jvmti, JNIEnv* jni, jmethodID metho
   support::jvmtiText name(jvmti);
   name.fill([&](char** out) { return jvmti->GetMethodName(method, out, nullptr, nullptr); });
   jclass cls = nullptr;
-  if (!name || jvmti->GetMethodDeclaringClass(method, &cls) != JVMTI_ERROR_NONE) return false;
+  if (!name || jvmti->GetMethodDeclaringClass(method, &cls) != JVMTI_ERROR_NONE) {
+    return false;
+  }
   declaring = support::localRef<jclass>(jni, cls);
   const classSignature signature(jvmti, cls);
-  if (!signature) return false;
+  if (!signature) {
+    return false;
+  }
   text += "at ";
   support::appendDottedClass(text, signature.view());
   text += '.';
@@ -97,7 +111,9 @@ stackText textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, stackFra
       result.classes.reset();
     } else if (result.classes) {
       heldClasses::entryPtr entry = hold(jvmti, jni, held, cls.get());
-      if (entry->value.staysLoaded) continue;
+      if (entry->value.staysLoaded) {
+        continue;
+      }
       if (entry->cls.held()) {
         holdOnce(*result.classes, std::move(entry));
       } else {
@@ -118,7 +134,9 @@ std::optional<std::uint64_t> knownStackTraces::find(JNIEnv* jni, stackFrames fra
                         [&](const auto& each) { return each->cls.unloaded(jni); });
   };
   const trace* const found = traces_.find(keyOf(frames), isThis);
-  if (found == nullptr) return std::nullopt;
+  if (found == nullptr) {
+    return std::nullopt;
+  }
   return found->hash;
 }
 
@@ -126,7 +144,9 @@ void knownStackTraces::remember(stackFrames frames, std::uint64_t hash,
                                 std::vector<heldClasses::entryPtr> classes) {
   std::vector<jmethodID> methods;
   methods.reserve(frames.size());
-  for (const jvmtiFrameInfo& each : frames) methods.push_back(each.method);
+  for (const jvmtiFrameInfo& each : frames) {
+    methods.push_back(each.method);
+  }
   using node = support::insertOnlyMap<trace>::node;
   auto entry = std::make_unique<node>(keyOf(frames), hash, std::move(methods), std::move(classes));
   const support::lockGuard guard(mutex_);

@@ -33,10 +33,14 @@ std::atomic<twLogger*> processLogger{nullptr};
 class aprLockGuard {
  public:
   explicit aprLockGuard(apr_thread_mutex_t* mutex) : mutex_(mutex) {
-    if (mutex_ != nullptr) apr_thread_mutex_lock(mutex_);
+    if (mutex_ != nullptr) {
+      apr_thread_mutex_lock(mutex_);
+    }
   }
   ~aprLockGuard() {
-    if (mutex_ != nullptr) apr_thread_mutex_unlock(mutex_);
+    if (mutex_ != nullptr) {
+      apr_thread_mutex_unlock(mutex_);
+    }
   }
   aprLockGuard(const aprLockGuard&) = delete;
   aprLockGuard& operator=(const aprLockGuard&) = delete;
@@ -47,7 +51,9 @@ class aprLockGuard {
 
 // A stream of its own on an opened file, or none.
 std::shared_ptr<std::FILE> streamOf(const support::openedFile& file, const char* mode) {
-  if (file.descriptor < 0) return nullptr;
+  if (file.descriptor < 0) {
+    return nullptr;
+  }
   std::FILE* stream = ::fdopen(file.descriptor, mode);
   if (stream == nullptr) {
     ::close(file.descriptor);
@@ -60,7 +66,9 @@ constexpr int kFirstYear = 1900;
 
 // Fills in "Error" when the system cannot tell the local time of `when`.
 bool localTime(std::time_t when, std::tm& local, twAprLib::timeText& text) {
-  if (::localtime_r(&when, &local) != nullptr) return true;
+  if (::localtime_r(&when, &local) != nullptr) {
+    return true;
+  }
   std::snprintf(text.data(), text.size(), "Error");
   return false;
 }
@@ -100,19 +108,27 @@ void twLogger::switchFiles() {
 void twLogger::openCurrent() {
   const support::openedFile opened =
       support::openRegularFile(path_[current_], O_WRONLY | O_CREAT | O_APPEND, kOwnerOnly);
-  if (opened.error == support::kNotRegular) refuse(path_[current_]);
+  if (opened.error == support::kNotRegular) {
+    refuse(path_[current_]);
+  }
   file_[current_] = streamOf(opened, "a");
   bytesWritten_.store(0, std::memory_order_relaxed);
-  if (!file_[current_] || !writeHeader_) return;
+  if (!file_[current_] || !writeHeader_) {
+    return;
+  }
   const int written = std::fprintf(file_[current_].get(), "%s\n%s", kHeaderLine, version_.c_str());
-  if (written > 0) countBytes(static_cast<std::size_t>(written));
+  if (written > 0) {
+    countBytes(static_cast<std::size_t>(written));
+  }
   std::fflush(file_[current_].get());
   writeHeader_ = false;
 }
 
 // Said once; every record tries again.
 void twLogger::refuse(const std::string& path) {
-  if (saidRefused_) return;
+  if (saidRefused_) {
+    return;
+  }
   saidRefused_ = true;
   twAprLib::print(stderr, "javanativeagent: nothing is logged to '%s': expected a regular file\n",
                   path.c_str());
@@ -163,7 +179,9 @@ void twAprLib::write(const char* threadName, std::int64_t threadId, const char* 
                      const char* severity, const char* sourceFile, int line, const char* function,
                      const char* format, ...) noexcept {
   twLogger* const logger = processLogger.load(std::memory_order_acquire);
-  if (logger == nullptr) return;
+  if (logger == nullptr) {
+    return;
+  }
 
   const std::int64_t systemThreadId = ::gettid();
   std::array<char, kRecordBytes> record;
@@ -173,7 +191,9 @@ void twAprLib::write(const char* threadName, std::int64_t threadId, const char* 
                     threadName == nullptr ? "(null)" : threadName,
                     static_cast<long long>(systemThreadId == 0 ? threadId : systemThreadId), module,
                     support::baseName(sourceFile).data(), line, function, severity);
-  if (fixedBytes < 0 || static_cast<std::size_t>(fixedBytes) >= record.size()) return;
+  if (fixedBytes < 0 || static_cast<std::size_t>(fixedBytes) >= record.size()) {
+    return;
+  }
 
   const auto fixed = static_cast<std::size_t>(fixedBytes);
   std::va_list arguments;
@@ -181,13 +201,17 @@ void twAprLib::write(const char* threadName, std::int64_t threadId, const char* 
   const int messageBytes =
       std::vsnprintf(record.data() + fixed, record.size() - fixed, format, arguments);
   va_end(arguments);
-  if (messageBytes < 0) return;
+  if (messageBytes < 0) {
+    return;
+  }
 
   const std::size_t length =
       std::min(fixed + static_cast<std::size_t>(messageBytes), record.size() - 1);
   try {
     const std::shared_ptr<std::FILE> stream = logger->stream();
-    if (!stream) return;
+    if (!stream) {
+      return;
+    }
     logger->countBytes(std::fwrite(record.data(), 1, length, stream.get()));
     std::fflush(stream.get());
   } catch (...) {
@@ -226,10 +250,16 @@ std::string twAprLib::readVersion(const std::string& path) {
   std::array<char, kLineBytes> line;
   while (file && std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
     std::string text = line.data();
-    if (text.empty() || kSkipped.find(text.front()) != std::string_view::npos) continue;
+    if (text.empty() || kSkipped.find(text.front()) != std::string_view::npos) {
+      continue;
+    }
     std::size_t end = text.find('\r');
-    if (end == std::string::npos) end = text.find('\n');
-    if (end != std::string::npos) text[end] = ' ';
+    if (end == std::string::npos) {
+      end = text.find('\n');
+    }
+    if (end != std::string::npos) {
+      text[end] = ' ';
+    }
     version += text;
   }
   return version;

@@ -49,7 +49,9 @@ std::int32_t twAprUtility::mkdir_ex(const std::string& path) {
   std::string folder;
   for (std::size_t i = 0; i + 1 < named; ++i) {
     folder += pieces[i];
-    if (::mkdir(folder.c_str(), kFolderMode) == 0 || errno == EEXIST) continue;
+    if (::mkdir(folder.c_str(), kFolderMode) == 0 || errno == EEXIST) {
+      continue;
+    }
     const std::string reason = std::generic_category().message(errno);
     constexpr const char* kRefused = "Error in creating directory. Path: '%s'. Error = '%s'";
     TW_LOG(kLogError, kSeverityError, kFunction, kRefused, folder.c_str(), reason.c_str());

@@ -15,10 +15,14 @@ undeliveredRecords& undeliveredRecords::ofProcess() {
 bool undeliveredRecords::keep(undeliveredRecord record) {
   record.text.shrink_to_fit();  // the record had its whole budget reserved
   const support::lockGuard guard(mutex_);
-  if (!isAsked_ || records_.size() == kMost) return false;
+  if (!isAsked_ || records_.size() == kMost) {
+    return false;
+  }
   if (bytes_ + record.text.capacity() > kMostBytes) {
     record.text = record::withoutValues(record.text);
-    if (!record.isCut) exceptionCounts::ofProcess().add(exceptionCount::cut);
+    if (!record.isCut) {
+      exceptionCounts::ofProcess().add(exceptionCount::cut);
+    }
     record.isCut = true;
   }
   records_.push_back(std::move(record));
@@ -29,7 +33,9 @@ bool undeliveredRecords::keep(undeliveredRecord record) {
 std::optional<undeliveredRecord> undeliveredRecords::take() {
   const support::lockGuard guard(mutex_);
   isAsked_ = true;
-  if (records_.empty()) return std::nullopt;
+  if (records_.empty()) {
+    return std::nullopt;
+  }
   undeliveredRecord oldest = std::move(records_.front());
   records_.pop_front();
   bytes_ -= oldest.text.capacity();
@@ -38,7 +44,9 @@ std::optional<undeliveredRecord> undeliveredRecords::take() {
 
 void undeliveredRecords::putBack(undeliveredRecord record) {
   const support::lockGuard guard(mutex_);
-  if (records_.size() == kMost || bytes_ + record.text.capacity() > kMostBytes) return;
+  if (records_.size() == kMost || bytes_ + record.text.capacity() > kMostBytes) {
+    return;
+  }
   records_.push_front(std::move(record));
   bytes_ += records_.front().text.capacity();
 }

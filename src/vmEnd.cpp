@@ -21,7 +21,9 @@ std::atomic<void (*)()> callAtEnd{nullptr};
 // The number of the JDK, as in 26: the VM gives it as the major version of its JVMTI.
 jint featureVersion(jvmtiEnv* jvmti) {
   jint version = 0;
-  if (jvmti->GetVersionNumber(&version) != JVMTI_ERROR_NONE) return 0;
+  if (jvmti->GetVersionNumber(&version) != JVMTI_ERROR_NONE) {
+    return 0;
+  }
   return (version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR;
 }
 
@@ -29,8 +31,12 @@ jint featureVersion(jvmtiEnv* jvmti) {
 // has no frame left; or it is the one that has waited for all others after main returned.
 bool endsVm(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
   jint frames = 0;
-  if (jvmti->GetFrameCount(thread, &frames) != JVMTI_ERROR_NONE) return false;
-  if (frames > 0) return true;
+  if (jvmti->GetFrameCount(thread, &frames) != JVMTI_ERROR_NONE) {
+    return false;
+  }
+  if (frames > 0) {
+    return true;
+  }
   support::threadName name(jvmti, jni);
   name.read(thread);
   return name.view() == kDestroyer;
@@ -38,7 +44,9 @@ bool endsVm(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
 
 void JNICALL ThreadEnd(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
   contained(kThreadEnd, "Exception occured in vmEnd : ThreadEnd", [&] {
-    if (!endsVm(jvmti, jni, thread) || isEnding.exchange(true)) return;
+    if (!endsVm(jvmti, jni, thread) || isEnding.exchange(true)) {
+      return;
+    }
     // Other threads end meanwhile, and this is a handler too.
     jvmti->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_THREAD_END, nullptr);
     callAtEnd.load()();
@@ -51,9 +59,13 @@ void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
   isEnding.store(false);
   callAtEnd.store(atEnd);
   void* environment = nullptr;
-  if (vm->GetEnv(&environment, JVMTI_VERSION_1_2) != JNI_OK || environment == nullptr) return;
+  if (vm->GetEnv(&environment, JVMTI_VERSION_1_2) != JNI_OK || environment == nullptr) {
+    return;
+  }
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
-  if (featureVersion(jvmti) < kFirstThatWaits) return;
+  if (featureVersion(jvmti) < kFirstThatWaits) {
+    return;
+  }
   jvmtiEventCallbacks callbacks{};
   callbacks.ThreadEnd = ThreadEnd;
   jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));

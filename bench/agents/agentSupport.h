@@ -10,7 +10,9 @@ namespace bench {
 
 // False, with a line on standard error, for a call that the VM refused.
 inline bool ok(jvmtiError error, const char* call) {
-  if (error == JVMTI_ERROR_NONE) return true;
+  if (error == JVMTI_ERROR_NONE) {
+    return true;
+  }
   std::fprintf(stderr, "%s gave JVMTI error %d\n", call, static_cast<int>(error));
   return false;
 }
@@ -18,7 +20,9 @@ inline bool ok(jvmtiError error, const char* call) {
 // A JVMTI environment of the agent's own; null, with a line on standard error, without one.
 inline jvmtiEnv* toolEnvironment(JavaVM* vm) {
   jvmtiEnv* jvmti = nullptr;
-  if (vm->GetEnv(reinterpret_cast<void**>(&jvmti), JVMTI_VERSION_1_1) == JNI_OK) return jvmti;
+  if (vm->GetEnv(reinterpret_cast<void**>(&jvmti), JVMTI_VERSION_1_1) == JNI_OK) {
+    return jvmti;
+  }
   std::fprintf(stderr, "the VM has no tool environment of version 1.1\n");
   return nullptr;
 }
@@ -27,7 +31,9 @@ inline jvmtiEnv* toolEnvironment(JavaVM* vm) {
 // Agent_OnLoad is to return: JNI_OK, or JNI_ERR after a line on standard error.
 inline jint enable(jvmtiEnv* jvmti, const jvmtiCapabilities& capabilities,
                    const jvmtiEventCallbacks& handlers, std::initializer_list<jvmtiEvent> events) {
-  if (!ok(jvmti->AddCapabilities(&capabilities), "AddCapabilities")) return JNI_ERR;
+  if (!ok(jvmti->AddCapabilities(&capabilities), "AddCapabilities")) {
+    return JNI_ERR;
+  }
   if (!ok(jvmti->SetEventCallbacks(&handlers, sizeof handlers), "SetEventCallbacks")) {
     return JNI_ERR;
   }

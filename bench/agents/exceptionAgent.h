@@ -18,7 +18,9 @@ namespace bench {
 // Gives JNI_OK, or JNI_ERR with a line on standard error, which makes the VM's start fail.
 inline jint listenToExceptions(JavaVM* vm, jvmtiEventException handler) {
   jvmtiEnv* const jvmti = toolEnvironment(vm);
-  if (jvmti == nullptr) return JNI_ERR;
+  if (jvmti == nullptr) {
+    return JNI_ERR;
+  }
   jvmtiCapabilities capabilities{};
   capabilities.can_get_source_file_name = 1;
   capabilities.can_get_line_numbers = 1;
@@ -35,7 +37,9 @@ inline jint framesOption(const char* options) {
   constexpr jint kMost = 100;
   const bool given = options != nullptr && std::strncmp(options, kKey, std::strlen(kKey)) == 0;
   const long frames = given ? std::strtol(options + std::strlen(kKey), nullptr, 10) : 0;
-  if (frames >= 1 && frames <= kMost) return static_cast<jint>(frames);
+  if (frames >= 1 && frames <= kMost) {
+    return static_cast<jint>(frames);
+  }
   std::fprintf(stderr, "expected frames= and a number from 1 to 100: %s\n",
                options == nullptr ? "" : options);
   return 0;
@@ -53,7 +57,9 @@ inline void deliver(JNIEnv* jni, jobject exception) {
       jni->CallStaticVoidMethod(companion.get(), method, record.get(), exception);
     }
   }
-  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
+  if (jni->ExceptionCheck() != JNI_FALSE) {
+    jni->ExceptionClear();
+  }
 }
 
 }  // namespace bench

@@ -23,7 +23,9 @@ inline void readClassName(jvmtiEnv* jvmti, jclass cls) {
 // Names and lines of a frame's method.
 inline void readHeader(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
   jclass written = nullptr;
-  if (jvmti->GetMethodDeclaringClass(method, &written) != JVMTI_ERROR_NONE) return;
+  if (jvmti->GetMethodDeclaringClass(method, &written) != JVMTI_ERROR_NONE) {
+    return;
+  }
   const support::localRef<jclass> declaring(jni, written);
   readClassName(jvmti, declaring.get());
   support::jvmtiText name(jvmti);
@@ -84,7 +86,9 @@ void readField(JNIEnv* jni, jobject object, jclass cls, jfieldID id, const char*
     default: {
       const support::localRef<> value(jni,
                                       get(&JNIEnv::GetStaticObjectField, &JNIEnv::GetObjectField));
-      if (value && isText(signature)) readText(value.get());
+      if (value && isText(signature)) {
+        readText(value.get());
+      }
     }
   }
 }
@@ -99,14 +103,18 @@ void readFields(jvmtiEnv* jvmti, JNIEnv* jni, jobject object, Resolve&& resolve,
   jint count = 0;
   support::jvmtiPtr<jfieldID> fields(jvmti);
   fields.fill([&](jfieldID** out) { return jvmti->GetClassFields(cls.get(), &count, out); });
-  if (!fields) return;
+  if (!fields) {
+    return;
+  }
   for (jint i = 0; i < count; ++i) {
     char* signatureWritten = nullptr;
     support::jvmtiText name(jvmti);
     const jvmtiError error = name.fill([&](char** out) {
       return jvmti->GetFieldName(cls.get(), fields[i], out, &signatureWritten, nullptr);
     });
-    if (error != JVMTI_ERROR_NONE) return;
+    if (error != JVMTI_ERROR_NONE) {
+      return;
+    }
     support::jvmtiText signature(jvmti);
     signature.adopt(signatureWritten);
     jint modifiers = 0;
@@ -149,9 +157,13 @@ void readLocal(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jint depth,
     }
     default: {
       jobject written = nullptr;
-      if (jvmti->GetLocalObject(thread, depth, variable.slot, &written) != JVMTI_ERROR_NONE) return;
+      if (jvmti->GetLocalObject(thread, depth, variable.slot, &written) != JVMTI_ERROR_NONE) {
+        return;
+      }
       const support::localRef<> value(jni, written);
-      if (value) readObject(value.get(), isText(variable.signature));
+      if (value) {
+        readObject(value.get(), isText(variable.signature));
+      }
     }
   }
 }
@@ -173,7 +185,9 @@ void readThis(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method,
     return;
   }
   const support::localRef<> self(jni, written);
-  if (self) readObject(self.get());
+  if (self) {
+    readObject(self.get());
+  }
 }
 
 // The frames from the top down, each given to `readFrame(frame, depth)`.
@@ -181,8 +195,12 @@ template <typename ReadFrame>
 void readStack(jvmtiEnv* jvmti, jthread thread, jint most, ReadFrame&& readFrame) {
   std::array<jvmtiFrameInfo, kMaxFrames> frames;
   jint count = 0;
-  if (jvmti->GetStackTrace(thread, 0, most, frames.data(), &count) != JVMTI_ERROR_NONE) return;
-  for (jint i = 0; i < count; ++i) readFrame(frames[static_cast<std::size_t>(i)], i);
+  if (jvmti->GetStackTrace(thread, 0, most, frames.data(), &count) != JVMTI_ERROR_NONE) {
+    return;
+  }
+  for (jint i = 0; i < count; ++i) {
+    readFrame(frames[static_cast<std::size_t>(i)], i);
+  }
 }
 
 }  // namespace bench

@@ -41,7 +41,9 @@ void readLock(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) {
 
 void readEvent(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object) {
   readLock(jvmti, jni, object);
-  if (detail) bench::readThreadName(jvmti, jni, thread);
+  if (detail) {
+    bench::readThreadName(jvmti, jni, thread);
+  }
 }
 
 void readStack(jvmtiEnv* jvmti, jthread thread) {
@@ -53,10 +55,14 @@ void readStack(jvmtiEnv* jvmti, jthread thread) {
 void JNICALL MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object) {
   storeStart(jvmti, thread);
   readEvent(jvmti, jni, thread, object);
-  if (!detail) return;
+  if (!detail) {
+    return;
+  }
   if (owners) {
     const localRef<jthread> owner = bench::readMonitorUsage(jvmti, jni, object);
-    if (owner) bench::readThreadName(jvmti, jni, owner.get());
+    if (owner) {
+      bench::readThreadName(jvmti, jni, owner.get());
+    }
   }
   readStack(jvmti, thread);
 }
@@ -72,7 +78,9 @@ void JNICALL MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject o
 }
 
 void JNICALL MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object, jboolean) {
-  if (!detail) return;
+  if (!detail) {
+    return;
+  }
   readStart(jvmti, thread);
   readEvent(jvmti, jni, thread, object);
 }

@@ -41,10 +41,14 @@ void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, const jvmtiFrameInf
                     [&](jobject self) { readFields(jvmti, jni, self); });
   }
   support::localVariables variables(jvmti);
-  if (variables.read(frame.method) != JVMTI_ERROR_NONE) return;
+  if (variables.read(frame.method) != JVMTI_ERROR_NONE) {
+    return;
+  }
   bench::readSlotCounts(jvmti, frame.method);
   for (const jvmtiLocalVariableEntry& variable : variables) {
-    if (bench::isThis(variable) || !inScope(variable, frame.location)) continue;
+    if (bench::isThis(variable) || !inScope(variable, frame.location)) {
+      continue;
+    }
     bench::readLocal(jvmti, jni, thread, depth, variable, [&](jobject value, bool isText) {
       if (isText) {
         readText(jni, value);
@@ -57,7 +61,9 @@ void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, const jvmtiFrameInf
 
 void JNICALL Exception(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID, jlocation,
                        jobject exception, jmethodID, jlocation) {
-  if (runs) return;
+  if (runs) {
+    return;
+  }
   runs = true;
   bench::readStack(jvmti, thread, frameCount, [&](const jvmtiFrameInfo& frame, jint depth) {
     readFrame(jvmti, jni, thread, frame, depth);

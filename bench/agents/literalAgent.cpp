@@ -53,9 +53,13 @@ localRef<> callObjectMethod(JNIEnv* jni, jobject object, const char* name, const
 
 void readLockName(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) {
   const localRef<> type = callObjectMethod(jni, object, "getClass", "()Ljava/lang/Class;");
-  if (!type) return;
+  if (!type) {
+    return;
+  }
   const localRef<> name = callObjectMethod(jni, type.get(), "getName", "()Ljava/lang/String;");
-  if (!name) return;
+  if (!name) {
+    return;
+  }
   const auto text = static_cast<jstring>(name.get());
   const char* chars = jni->GetStringUTFChars(text, nullptr);
   if (chars == nullptr) {
@@ -71,7 +75,9 @@ void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
   jvmtiText name(jvmti);
   name.fill([&](char** out) { return jvmti->GetMethodName(method, out, nullptr, nullptr); });
   jclass written = nullptr;
-  if (jvmti->GetMethodDeclaringClass(method, &written) != JVMTI_ERROR_NONE) return;
+  if (jvmti->GetMethodDeclaringClass(method, &written) != JVMTI_ERROR_NONE) {
+    return;
+  }
   const localRef<jclass> type(jni, written);
   jvmtiText signature(jvmti);
   signature.fill([&](char** out) { return jvmti->GetClassSignature(type.get(), out, nullptr); });
@@ -93,9 +99,13 @@ void JNICALL MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
   setStart(jvmti, thread, now(jvmti));
   readLockName(jvmti, jni, object);
   readThreadName(jvmti, jni, thread);
-  if (!detail) return;
+  if (!detail) {
+    return;
+  }
   const localRef<jthread> owner = readMonitorUsage(jvmti, jni, object);
-  if (owner) readThreadName(jvmti, jni, owner.get());
+  if (owner) {
+    readThreadName(jvmti, jni, owner.get());
+  }
   readStack(jvmti, jni, thread);
 }
 
@@ -104,7 +114,9 @@ void JNICALL MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni, jthread threa
   getStart(jvmti, thread);
   readLockName(jvmti, jni, object);
   readThreadName(jvmti, jni, thread);
-  if (!detail) return;
+  if (!detail) {
+    return;
+  }
   now(jvmti);
   readMonitorUsage(jvmti, jni, object);
 }
@@ -125,7 +137,9 @@ void JNICALL MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject
 }  // namespace
 
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void*) {
-  if (!bench::parseMode(options, detail)) return JNI_ERR;
+  if (!bench::parseMode(options, detail)) {
+    return JNI_ERR;
+  }
   jvmtiEventCallbacks handlers{};
   handlers.MonitorContendedEnter = MonitorContendedEnter;
   handlers.MonitorContendedEntered = MonitorContendedEntered;

@@ -19,7 +19,9 @@ void readThreadName(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
 
 void readThrower(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
   jclass written = nullptr;
-  if (jvmti->GetMethodDeclaringClass(method, &written) != JVMTI_ERROR_NONE) return;
+  if (jvmti->GetMethodDeclaringClass(method, &written) != JVMTI_ERROR_NONE) {
+    return;
+  }
   const support::localRef<jclass> thrower(jni, written);
   bench::readClassName(jvmti, thrower.get());
 }
@@ -53,7 +55,9 @@ void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method, j
   support::localVariables variables(jvmti);
   variables.read(method);
   for (const jvmtiLocalVariableEntry& variable : variables) {
-    if (bench::isThis(variable)) continue;
+    if (bench::isThis(variable)) {
+      continue;
+    }
     bench::readLocal(jvmti, jni, thread, depth, variable, [&](jobject value, bool isText) {
       if (isText) {
         readText(jni, value);
@@ -66,7 +70,9 @@ void readFrame(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method, j
 
 void JNICALL Exception(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method, jlocation,
                        jobject exception, jmethodID, jlocation) {
-  if (runs) return;
+  if (runs) {
+    return;
+  }
   runs = true;
   readThreadName(jvmti, jni, thread);
   const support::localRef<jclass> cls(jni, jni->GetObjectClass(exception));

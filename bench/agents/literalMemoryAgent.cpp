@@ -71,8 +71,12 @@ void readGeneration(JNIEnv* jni, jlong tag, scanTimes& times) {
   times.longestQuery = std::max(times.longestQuery, nanos(CLOCK_MONOTONIC) - asked);
   const jlong answered = processorNanos();
   times.queries += answered - before;
-  if (!bench::ok(error, "GetObjectsWithTags")) return;
-  for (jint i = 0; i < count; i++) readObject(jni, objects[i]);
+  if (!bench::ok(error, "GetObjectsWithTags")) {
+    return;
+  }
+  for (jint i = 0; i < count; i++) {
+    readObject(jni, objects[i]);
+  }
   times.objects += processorNanos() - answered;
   times.met += count;
 }
@@ -103,7 +107,9 @@ JNIEXPORT jlongArray JNICALL Java_LiteralMemory_scan(JNIEnv* jni, jclass, jint g
   bench::ok(jvmti->IterateThroughHeap(JVMTI_HEAP_FILTER_UNTAGGED, nullptr, &callbacks, &tagged),
             "IterateThroughHeap");
   times.walk = processorNanos() - start;
-  for (jlong tag = 1; tag <= generations; tag++) readGeneration(jni, tag, times);
+  for (jlong tag = 1; tag <= generations; tag++) {
+    readGeneration(jni, tag, times);
+  }
   const std::array<jlong, 5> members = {times.walk, times.queries, times.objects, times.met,
                                         times.longestQuery};
   jlongArray result = jni->NewLongArray(static_cast<jsize>(members.size()));
@@ -137,7 +143,9 @@ JNIEXPORT jlong JNICALL Java_LiteralMemory_processorNanos(JNIEnv*, jclass) {
 
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char*, void*) {
   jvmti = bench::toolEnvironment(vm);
-  if (jvmti == nullptr) return JNI_ERR;
+  if (jvmti == nullptr) {
+    return JNI_ERR;
+  }
   jvmtiCapabilities capabilities{};
   capabilities.can_tag_objects = 1;
   return bench::enable(jvmti, capabilities, {}, {});

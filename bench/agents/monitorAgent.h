@@ -10,7 +10,9 @@ namespace bench {
 // Called once, from Agent_OnLoad; gives what that is to return.
 inline jint listenToMonitors(JavaVM* vm, const jvmtiEventCallbacks& handlers) {
   jvmtiEnv* const jvmti = toolEnvironment(vm);
-  if (jvmti == nullptr) return JNI_ERR;
+  if (jvmti == nullptr) {
+    return JNI_ERR;
+  }
   jvmtiCapabilities capabilities{};
   capabilities.can_get_owned_monitor_info = 1;
   capabilities.can_get_current_contended_monitor = 1;

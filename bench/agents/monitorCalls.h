@@ -22,11 +22,15 @@ inline void readThreadName(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
 // Gives the owner; empty when the VM names none. One global safepoint.
 inline support::localRef<jthread> readMonitorUsage(jvmtiEnv* jvmti, JNIEnv* jni, jobject object) {
   jvmtiMonitorUsage usage{};
-  if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) return {};
+  if (jvmti->GetObjectMonitorUsage(object, &usage) != JVMTI_ERROR_NONE) {
+    return {};
+  }
   const auto deleteAll = [&](jthread* threads, jint count) {
     support::jvmtiPtr<jthread> owned(jvmti);
     owned.adopt(threads);
-    for (jint i = 0; i < count; i++) jni->DeleteLocalRef(threads[i]);
+    for (jint i = 0; i < count; i++) {
+      jni->DeleteLocalRef(threads[i]);
+    }
   };
   deleteAll(usage.waiters, usage.waiter_count);
   deleteAll(usage.notify_waiters, usage.notify_waiter_count);
@@ -40,7 +44,9 @@ inline bool parseMode(const char* options, bool& detail) {
     return true;
   }
   detail = std::strcmp(options, "mode=detail") == 0;
-  if (!detail) std::fprintf(stderr, "expected mode=summary or mode=detail: %s\n", options);
+  if (!detail) {
+    std::fprintf(stderr, "expected mode=summary or mode=detail: %s\n", options);
+  }
   return detail;
 }
 

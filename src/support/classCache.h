@@ -23,13 +23,19 @@ class weakClass {
  public:
   // Without memory for a reference it matches no class.
   weakClass(JNIEnv* jni, jclass cls) {
-    if (jni->GetJavaVM(&vm_) != JNI_OK) return;
+    if (jni->GetJavaVM(&vm_) != JNI_OK) {
+      return;
+    }
     reference_ = jni->NewWeakGlobalRef(cls);
-    if (reference_ == nullptr) jni->ExceptionClear();
+    if (reference_ == nullptr) {
+      jni->ExceptionClear();
+    }
   }
   ~weakClass() {
     void* jni = nullptr;
-    if (reference_ == nullptr || vm_->GetEnv(&jni, JNI_VERSION_1_8) != JNI_OK) return;
+    if (reference_ == nullptr || vm_->GetEnv(&jni, JNI_VERSION_1_8) != JNI_OK) {
+      return;
+    }
     static_cast<JNIEnv*>(jni)->DeleteWeakGlobalRef(reference_);
   }
   weakClass(const weakClass&) = delete;
@@ -71,7 +77,9 @@ class classCache {
   entryPtr find(JNIEnv* jni, jint key, jclass cls) const {
     for (std::size_t n = 0;; ++n) {
       entryPtr candidate = nth(key, n);
-      if (!candidate || candidate->cls.is(jni, cls)) return candidate;
+      if (!candidate || candidate->cls.is(jni, cls)) {
+        return candidate;
+      }
     }
   }
 
@@ -85,7 +93,9 @@ class classCache {
       byKey_.emplace(key, made);
       sweep = byKey_.size() >= sizeToSweep_;
     }
-    if (sweep) dropUnloaded(jni);
+    if (sweep) {
+      dropUnloaded(jni);
+    }
     return made;
   }
 
@@ -102,7 +112,9 @@ class classCache {
   entryPtr nth(jint key, std::size_t n) const {
     const std::shared_lock guard(mutex_);
     auto [each, end] = byKey_.equal_range(key);
-    for (; each != end && n > 0; ++each) --n;
+    for (; each != end && n > 0; ++each) {
+      --n;
+    }
     return each == end ? nullptr : each->second;
   }
 
@@ -112,7 +124,9 @@ class classCache {
     std::vector<entryPtr> gone;
     {
       const std::shared_lock guard(mutex_);
-      for (const auto& [key, each] : byKey_) gone.push_back(each);
+      for (const auto& [key, each] : byKey_) {
+        gone.push_back(each);
+      }
     }
     std::erase_if(gone, [&](const entryPtr& each) { return !each->cls.unloaded(jni); });
     std::sort(gone.begin(), gone.end());

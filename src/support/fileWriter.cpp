@@ -24,11 +24,15 @@ fileWriter::fileWriter(const std::string& path, mode how) {
 }
 
 fileWriter::~fileWriter() {
-  if (descriptor_ >= 0) ::close(descriptor_);
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+  }
 }
 
 void fileWriter::write(std::string_view text) {
-  if (error_ != 0) return;
+  if (error_ != 0) {
+    return;
+  }
   if (buffer_.size() + text.size() < kBufferBytes) {
     buffer_ += text;
     return;
@@ -42,7 +46,9 @@ std::string fileWriter::close() {
   flush(buffer_);
   buffer_.clear();
   if (descriptor_ >= 0) {
-    if (::close(descriptor_) != 0 && error_ == 0) error_ = errno;
+    if (::close(descriptor_) != 0 && error_ == 0) {
+      error_ = errno;
+    }
     descriptor_ = -1;
   }
   return error_ == 0 ? std::string() : reasonOf(error_);

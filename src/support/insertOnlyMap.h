@@ -46,8 +46,12 @@ class insertOnlyMap {
     const table& current = *current_.load(std::memory_order_acquire);
     for (std::size_t at = current.startOf(key);; at = current.after(at)) {
       node* const each = current.places[at].load(std::memory_order_acquire);
-      if (each == nullptr) return nullptr;
-      if (each->key == key && accepts(each->value)) return &each->value;
+      if (each == nullptr) {
+        return nullptr;
+      }
+      if (each->key == key && accepts(each->value)) {
+        return &each->value;
+      }
     }
   }
   Value* find(std::uint64_t key) const {
@@ -57,7 +61,9 @@ class insertOnlyMap {
   // Links an entry beside those already under its key. One thread at a time. Without memory to grow
   // it throws std::bad_alloc and leaves the map as it was.
   Value& insert(std::unique_ptr<node> entry) {
-    if (2 * (size() + 1) > table_->size()) grow();
+    if (2 * (size() + 1) > table_->size()) {
+      grow();
+    }
     node* const linked = entry.release();
     linked->nextOfAll = newest_.load(std::memory_order_relaxed);
     table_->link(linked);
@@ -92,7 +98,9 @@ class insertOnlyMap {
     std::size_t after(std::size_t place) const { return (place + 1) & mask; }
     void link(node* linked) {
       std::size_t at = startOf(linked->key);
-      while (places[at].load(std::memory_order_relaxed) != nullptr) at = after(at);
+      while (places[at].load(std::memory_order_relaxed) != nullptr) {
+        at = after(at);
+      }
       places[at].store(linked, std::memory_order_release);
     }
 

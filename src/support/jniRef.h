@@ -31,7 +31,9 @@ class localRef {
 
  private:
   void reset() {
-    if (ref_ != nullptr) jni_->DeleteLocalRef(ref_);
+    if (ref_ != nullptr) {
+      jni_->DeleteLocalRef(ref_);
+    }
     ref_ = nullptr;
   }
 
@@ -45,10 +47,14 @@ class localRef {
 class localFrame {
  public:
   localFrame(JNIEnv* jni, jint capacity) : jni_(jni), pushed_(jni->PushLocalFrame(capacity) == 0) {
-    if (!pushed_) jni->ExceptionClear();
+    if (!pushed_) {
+      jni->ExceptionClear();
+    }
   }
   ~localFrame() {
-    if (pushed_) jni_->PopLocalFrame(nullptr);
+    if (pushed_) {
+      jni_->PopLocalFrame(nullptr);
+    }
   }
   bool pushed() const { return pushed_; }
   localFrame(const localFrame&) = delete;
@@ -64,18 +70,24 @@ class localFrame {
 class pendingExceptionGuard {
  public:
   explicit pendingExceptionGuard(JNIEnv* jni) : jni_(jni), saved_(jni, jni->ExceptionOccurred()) {
-    if (saved_) jni_->ExceptionClear();
+    if (saved_) {
+      jni_->ExceptionClear();
+    }
   }
   ~pendingExceptionGuard() {
     clear();
-    if (saved_) jni_->Throw(saved_.get());
+    if (saved_) {
+      jni_->Throw(saved_.get());
+    }
   }
   pendingExceptionGuard(const pendingExceptionGuard&) = delete;
   pendingExceptionGuard& operator=(const pendingExceptionGuard&) = delete;
 
   // Clears an exception that a call of the agent has raised; true when there was one.
   bool clear() {
-    if (jni_->ExceptionCheck() == JNI_FALSE) return false;
+    if (jni_->ExceptionCheck() == JNI_FALSE) {
+      return false;
+    }
     jni_->ExceptionClear();
     return true;
   }
@@ -88,7 +100,9 @@ class pendingExceptionGuard {
 // The modified UTF-8 text of a Java string; none for null and when the VM has no memory for it (the
 // OutOfMemoryError is then cleared).
 inline std::optional<std::string> tryTextOf(JNIEnv* jni, jstring string) {
-  if (string == nullptr) return std::nullopt;
+  if (string == nullptr) {
+    return std::nullopt;
+  }
   const char* const chars = jni->GetStringUTFChars(string, nullptr);
   if (chars == nullptr) {
     jni->ExceptionClear();
@@ -113,14 +127,18 @@ inline std::string textOf(JNIEnv* jni, jstring string) {
 inline std::vector<jint> numbersOf(JNIEnv* jni, jintArray array, std::size_t count) {
   std::vector<jint> numbers(count);
   jni->GetIntArrayRegion(array, 0, static_cast<jsize>(count), numbers.data());
-  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
+  if (jni->ExceptionCheck() != JNI_FALSE) {
+    jni->ExceptionClear();
+  }
   return numbers;
 }
 
 // Writes numbers into a Java array; nothing when it does not have room for as many.
 inline void setNumbers(JNIEnv* jni, jintArray array, const std::vector<jint>& numbers) {
   jni->SetIntArrayRegion(array, 0, static_cast<jsize>(numbers.size()), numbers.data());
-  if (jni->ExceptionCheck() != JNI_FALSE) jni->ExceptionClear();
+  if (jni->ExceptionCheck() != JNI_FALSE) {
+    jni->ExceptionClear();
+  }
 }
 
 }  // namespace support

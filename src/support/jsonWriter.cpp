@@ -12,7 +12,9 @@ namespace {
 // Whether a JSON string has a byte as it is; the NUL, which ends a text, is not one of them.
 constexpr std::array<bool, 256> kPlainBytes = [] {
   std::array<bool, 256> plain{};
-  for (std::size_t byte = ' '; byte < plain.size(); ++byte) plain[byte] = true;
+  for (std::size_t byte = ' '; byte < plain.size(); ++byte) {
+    plain[byte] = true;
+  }
   plain['"'] = plain['\\'] = plain[127] = false;
   return plain;
 }();
@@ -79,7 +81,9 @@ void jsonWriter::open(char bracket, bool onOneLine) {
 void jsonWriter::close(char bracket) {
   const level closed = levels_.back();
   levels_.pop_back();
-  if (closed.hasValues && !closed.onOneLine) lineBreak();
+  if (closed.hasValues && !closed.onOneLine) {
+    lineBreak();
+  }
   text_ += bracket;
 }
 
@@ -88,11 +92,17 @@ void jsonWriter::separate() {
     afterKey_ = false;
     return;
   }
-  if (levels_.empty()) return;
+  if (levels_.empty()) {
+    return;
+  }
   level& current = levels_.back();
-  if (current.hasValues) text_ += current.onOneLine ? ", " : ",";
+  if (current.hasValues) {
+    text_ += current.onOneLine ? ", " : ",";
+  }
   current.hasValues = true;
-  if (!current.onOneLine) lineBreak();
+  if (!current.onOneLine) {
+    lineBreak();
+  }
 }
 
 void jsonWriter::lineBreak() {
@@ -112,7 +122,9 @@ void appendEscaped(std::string& out, std::string_view text) {
   while (true) {
     const auto plainEnd = std::find_if_not(text.begin(), text.end(), isPlain);
     out.append(text.begin(), plainEnd);
-    if (plainEnd == text.end() || *plainEnd == 0) return;
+    if (plainEnd == text.end() || *plainEnd == 0) {
+      return;
+    }
     const char special = *plainEnd;
     text.remove_prefix(static_cast<std::size_t>(plainEnd - text.begin()) + 1);
     switch (special) {

@@ -23,7 +23,9 @@ class jvmtiPtr {
     reset();
     T* written = nullptr;
     const jvmtiError error = call(&written);
-    if (error == JVMTI_ERROR_NONE) value_ = written;
+    if (error == JVMTI_ERROR_NONE) {
+      value_ = written;
+    }
     return error;
   }
 
@@ -39,7 +41,9 @@ class jvmtiPtr {
 
  private:
   void reset() {
-    if (value_ == nullptr) return;
+    if (value_ == nullptr) {
+      return;
+    }
     jvmti_->Deallocate(reinterpret_cast<unsigned char*>(value_));
     value_ = nullptr;
   }

@@ -17,7 +17,9 @@ class threadName {
 
   void read(jthread thread) {
     jvmtiThreadInfo info{};
-    if (jvmti_->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) return;
+    if (jvmti_->GetThreadInfo(thread, &info) != JVMTI_ERROR_NONE) {
+      return;
+    }
     name_.adopt(info.name);
     const localRef<> group(jni_, info.thread_group);
     const localRef<> loader(jni_, info.context_class_loader);
@@ -43,10 +45,18 @@ class monitorUsage {
         waiters_(jvmti),
         notifyWaiters_(jvmti) {}
   ~monitorUsage() {
-    if (frame_.pushed()) return;
-    if (owner_ != nullptr) jni_->DeleteLocalRef(owner_);
-    for (jint i = 0; i < waiterCount_; ++i) deleteAt(waiters_, i);
-    for (jint i = 0; i < notifyWaiterCount_; ++i) deleteAt(notifyWaiters_, i);
+    if (frame_.pushed()) {
+      return;
+    }
+    if (owner_ != nullptr) {
+      jni_->DeleteLocalRef(owner_);
+    }
+    for (jint i = 0; i < waiterCount_; ++i) {
+      deleteAt(waiters_, i);
+    }
+    for (jint i = 0; i < notifyWaiterCount_; ++i) {
+      deleteAt(notifyWaiters_, i);
+    }
   }
   monitorUsage(const monitorUsage&) = delete;
   monitorUsage& operator=(const monitorUsage&) = delete;
@@ -54,7 +64,9 @@ class monitorUsage {
   // Asks the VM, which takes a global safepoint.
   void read(jobject monitor) {
     jvmtiMonitorUsage usage{};
-    if (jvmti_->GetObjectMonitorUsage(monitor, &usage) != JVMTI_ERROR_NONE) return;
+    if (jvmti_->GetObjectMonitorUsage(monitor, &usage) != JVMTI_ERROR_NONE) {
+      return;
+    }
     waiters_.adopt(usage.waiters);
     notifyWaiters_.adopt(usage.notify_waiters);
     owner_ = usage.owner;
@@ -70,7 +82,9 @@ class monitorUsage {
   static constexpr jint kExpectedThreads = 1024;
 
   void deleteAt(jvmtiPtr<jthread>& threads, jint index) {
-    if (threads && threads[index] != nullptr) jni_->DeleteLocalRef(threads[index]);
+    if (threads && threads[index] != nullptr) {
+      jni_->DeleteLocalRef(threads[index]);
+    }
   }
 
   jvmtiEnv* jvmti_;
@@ -91,7 +105,9 @@ class localVariables {
     for (jint i = 0; i < count_; ++i) {
       const jvmtiLocalVariableEntry& each = table_[i];
       for (char* const text : {each.name, each.signature, each.generic_signature}) {
-        if (text != nullptr) jvmti_->Deallocate(reinterpret_cast<unsigned char*>(text));
+        if (text != nullptr) {
+          jvmti_->Deallocate(reinterpret_cast<unsigned char*>(text));
+        }
       }
     }
   }
@@ -103,7 +119,9 @@ class localVariables {
     const jvmtiError error = table_.fill([&](jvmtiLocalVariableEntry** out) {
       return jvmti_->GetLocalVariableTable(method, &count, out);
     });
-    if (error == JVMTI_ERROR_NONE) count_ = count;
+    if (error == JVMTI_ERROR_NONE) {
+      count_ = count;
+    }
     return error;
   }
 

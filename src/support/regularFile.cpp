@@ -21,7 +21,9 @@ bool isNullDevice(const struct stat& file) {
 openedFile openRegularFile(const std::string& path, int flags, mode_t mode) {
   const int descriptor = ::open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
   // No regular file gives ENXIO: it is of a FIFO that nobody reads from, a socket or a device.
-  if (descriptor < 0) return {-1, errno == ENXIO ? kNotRegular : errno};
+  if (descriptor < 0) {
+    return {-1, errno == ENXIO ? kNotRegular : errno};
+  }
   struct stat file {};
   int error = 0;
   if (::fstat(descriptor, &file) != 0) {
@@ -29,13 +31,17 @@ openedFile openRegularFile(const std::string& path, int flags, mode_t mode) {
   } else if (!S_ISREG(file.st_mode) && !isNullDevice(file)) {
     error = kNotRegular;
   }
-  if (error == 0) return {descriptor, 0};
+  if (error == 0) {
+    return {descriptor, 0};
+  }
   ::close(descriptor);
   return {-1, error};
 }
 
 std::string reasonOf(int error) {
-  if (error == kNotRegular) return "Not a regular file; a regular file or /dev/null is expected";
+  if (error == kNotRegular) {
+    return "Not a regular file; a regular file or /dev/null is expected";
+  }
   return std::generic_category().message(error);
 }
 

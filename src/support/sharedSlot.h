@@ -26,7 +26,9 @@ class sharedSlot {
   // thread is just copying the pointer of a cell, it takes the next cell's.
   std::shared_ptr<T> load() const {
     std::size_t place = cellOfThisProcessor();
-    while (!cells_[place].lock.try_lock()) place = (place + 1) % kCells;
+    while (!cells_[place].lock.try_lock()) {
+      place = (place + 1) % kCells;
+    }
     const std::lock_guard<briefLock> guard(cells_[place].lock, std::adopt_lock);
     return cells_[place].value;
   }
@@ -36,7 +38,9 @@ class sharedSlot {
   // to be serialised by the caller.
   void store(const std::shared_ptr<T>& value) {
     std::array<std::shared_ptr<T>, kCells> next;
-    for (std::shared_ptr<T>& each : next) each = withOwnCount(value);
+    for (std::shared_ptr<T>& each : next) {
+      each = withOwnCount(value);
+    }
     for (std::size_t i = 0; i < kCells; ++i) {
       const std::lock_guard<briefLock> guard(cells_[i].lock);
       cells_[i].value.swap(next[i]);
@@ -52,7 +56,9 @@ class sharedSlot {
    public:
     bool try_lock() { return !taken_.exchange(true, std::memory_order_acquire); }
     void lock() {
-      while (!try_lock()) std::this_thread::yield();
+      while (!try_lock()) {
+        std::this_thread::yield();
+      }
     }
     void unlock() { taken_.store(false, std::memory_order_release); }
 
@@ -78,7 +84,9 @@ class sharedSlot {
 
   // A pointer to the same object whose reference count is another one.
   static std::shared_ptr<T> withOwnCount(const std::shared_ptr<T>& value) {
-    if (!value) return nullptr;
+    if (!value) {
+      return nullptr;
+    }
     auto counted = std::make_shared<holder>();
     counted->value = value;
     T* object = value.get();

@@ -16,11 +16,15 @@ char lower(char c) {
 
 // The code unit in the three-byte sequence at `at`, when it is a surrogate in [first, first+0x3FF].
 bool surrogateAt(std::string_view text, std::size_t at, unsigned first, unsigned& unit) {
-  if (at + 3 > text.size()) return false;
+  if (at + 3 > text.size()) {
+    return false;
+  }
   const auto byte = [&](std::size_t i) {
     return static_cast<unsigned>(static_cast<unsigned char>(text[at + i]));
   };
-  if (byte(0) != 0xEDU || (byte(1) & 0xC0U) != 0x80U || (byte(2) & 0xC0U) != 0x80U) return false;
+  if (byte(0) != 0xEDU || (byte(1) & 0xC0U) != 0x80U || (byte(2) & 0xC0U) != 0x80U) {
+    return false;
+  }
   unit = 0xD000U | ((byte(1) & 0x3FU) << 6U) | (byte(2) & 0x3FU);
   return unit >= first && unit <= first + 0x3FFU;
 }
@@ -28,7 +32,9 @@ bool surrogateAt(std::string_view text, std::size_t at, unsigned first, unsigned
 }  // namespace
 
 void appendDottedClass(std::string& out, std::string_view signature) {
-  if (signature.size() < 2) return;
+  if (signature.size() < 2) {
+    return;
+  }
   const std::size_t start = out.size();
   out.append(signature.substr(1, signature.size() - 2));
   std::replace(out.begin() + static_cast<std::ptrdiff_t>(start), out.end(), '/', '.');
@@ -38,7 +44,9 @@ std::uint64_t fnv1a64(std::string_view text) {
   constexpr std::uint64_t kOffsetBasis = 0xcbf29ce484222325U;
   constexpr std::uint64_t kPrime = 0x100000001b3U;
   std::uint64_t hash = kOffsetBasis;
-  for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * kPrime;
+  for (const char c : text) {
+    hash = (hash ^ static_cast<unsigned char>(c)) * kPrime;
+  }
   return hash;
 }
 
@@ -63,8 +71,12 @@ std::int32_t toInt(const std::string& text) {
   const bool overflow = errno == ERANGE || value < std::numeric_limits<std::int32_t>::min() ||
                         value > std::numeric_limits<std::int32_t>::max();
   errno = savedErrno;
-  if (end == text.c_str()) throw std::invalid_argument("invalid stoi argument");
-  if (overflow) throw std::out_of_range("stoi argument out of range");
+  if (end == text.c_str()) {
+    throw std::invalid_argument("invalid stoi argument");
+  }
+  if (overflow) {
+    throw std::out_of_range("stoi argument out of range");
+  }
   return static_cast<std::int32_t>(value);
 }
 

@@ -32,7 +32,9 @@ void forEachPiece(std::string_view text, char separator, Visit&& visit) {
   while (!text.empty()) {
     const std::size_t end = text.find(separator);
     visit(text.substr(0, end));
-    if (end == std::string_view::npos) return;
+    if (end == std::string_view::npos) {
+      return;
+    }
     text.remove_prefix(end + 1);
   }
 }

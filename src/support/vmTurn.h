@@ -33,11 +33,15 @@ class vmTurn {
       isMine_ = lock_.try_lock();
     } else {
       isMine_ = lock_.try_lock_until(patienceClock::now() + kPatience);
-      if (!isMine_) turns.isStuck_.store(true);
+      if (!isMine_) {
+        turns.isStuck_.store(true);
+      }
     }
   }
   ~vmTurn() {
-    if (isMine_) turns_.isStuck_.store(false);
+    if (isMine_) {
+      turns_.isStuck_.store(false);
+    }
   }
   vmTurn(const vmTurn&) = delete;
   vmTurn& operator=(const vmTurn&) = delete;

@@ -16,7 +16,9 @@ std::uint64_t allocationsSoFar() {
 
 void* operator new(std::size_t size) {
   allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* const memory = std::malloc(size)) return memory;
+  if (void* const memory = std::malloc(size)) {
+    return memory;
+  }
   throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {

@@ -85,7 +85,9 @@ void run(benchmark::State& state, const contender& each, jmethodID method, bool 
   const std::uint64_t before = worker().records;
   runEvents(state, {&each, 1}, event);
   const std::uint64_t expected = recorded ? static_cast<std::uint64_t>(state.iterations()) : 0;
-  if (worker().records - before != expected) state.SkipWithError("other records than expected");
+  if (worker().records - before != expected) {
+    state.SkipWithError("other records than expected");
+  }
 }
 void runCalls(benchmark::State& state, const contender& each, jmethodID method) {
   runEvents(state, {&each, 1}, [method](jvmtiEnv* jvmti, JNIEnv* jni, jthread, jobject exception) {

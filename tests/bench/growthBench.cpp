@@ -32,7 +32,9 @@ constexpr std::size_t kOwners = 10000;  // at most; the locks have them in turn
 class largeProgram : public loadedAgent {
  public:
   jobject lock(std::size_t number) {
-    while (locks_.size() <= number) locks_.push_back(makeLock(owner(locks_.size() % kOwners)));
+    while (locks_.size() <= number) {
+      locks_.push_back(makeLock(owner(locks_.size() % kOwners)));
+    }
     return locks_[number];
   }
   jthread thread(std::size_t number) {
@@ -51,17 +53,23 @@ class largeProgram : public loadedAgent {
 
   std::vector<contender> onLocks(std::size_t count) {
     std::vector<contender> all;
-    for (std::size_t i = 0; i < count; ++i) all.push_back({thread(0), lock(i)});
+    for (std::size_t i = 0; i < count; ++i) {
+      all.push_back({thread(0), lock(i)});
+    }
     return all;
   }
   std::vector<contender> onThreads(std::size_t count) {
     std::vector<contender> all;
-    for (std::size_t i = 0; i < count; ++i) all.push_back({thread(i), lock(0)});
+    for (std::size_t i = 0; i < count; ++i) {
+      all.push_back({thread(i), lock(0)});
+    }
     return all;
   }
   std::vector<contender> onStacks(std::size_t count) {
     std::vector<contender> all;
-    for (std::size_t i = 0; i < count; ++i) all.push_back({stack(i), lock(0)});
+    for (std::size_t i = 0; i < count; ++i) {
+      all.push_back({stack(i), lock(0)});
+    }
     return all;
   }
 
@@ -72,7 +80,9 @@ class largeProgram : public loadedAgent {
     mutexLockProfiler::MonitorContendedEntered(vm.jvmti(), vm.env(), each.thread, each.object);
   }
   void enterAll(const std::vector<contender>& all) {
-    for (const contender& each : all) enter(each);
+    for (const contender& each : all) {
+      enter(each);
+    }
   }
   // A detail session that knows the locks of all contenders and selects the first of the ranking.
   void startDetailOn(const std::vector<contender>& all, jint topLocks) {
@@ -189,7 +199,9 @@ void ranking(benchmark::State& state) {
   program().startSummary(kSelectAll);
   program().enterAll(all);
   CALLGRIND_START_INSTRUMENTATION;
-  for (auto _ : state) program().startDetail();
+  for (auto _ : state) {
+    program().startDetail();
+  }
   CALLGRIND_STOP_INSTRUMENTATION;
   CALLGRIND_DUMP_STATS;
 }
@@ -316,6 +328,8 @@ int main(int argc, char** argv) {
   once("reportOfManyStacks", reportOfManyStacks);
 
   benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    return 1;
+  }
   benchmark::RunSpecifiedBenchmarks();
 }

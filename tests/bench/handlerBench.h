@@ -35,7 +35,9 @@ void runEvents(benchmark::State& state, std::span<const contender> contenders, E
 // Instructions are the same in each run, so that under callgrind a fixed number of events will do.
 template <benchmark::IterationCount Count>
 void setEvents(benchmark::internal::Benchmark* registered) {
-  if (RUNNING_ON_VALGRIND != 0) registered->Iterations(Count);
+  if (RUNNING_ON_VALGRIND != 0) {
+    registered->Iterations(Count);
+  }
 }
 
 #define EVENT_BENCHMARK(name) BENCHMARK(name)->Apply(setEvents<1600>)

@@ -15,7 +15,9 @@ std::atomic<std::size_t> peak{0};  // exact on one thread
 void noteTaken(void* memory) {
   const std::size_t size = malloc_usable_size(memory);
   const std::size_t now = inUse.fetch_add(size, std::memory_order_relaxed) + size;
-  if (now > peak.load(std::memory_order_relaxed)) peak.store(now, std::memory_order_relaxed);
+  if (now > peak.load(std::memory_order_relaxed)) {
+    peak.store(now, std::memory_order_relaxed);
+  }
 }
 
 void giveBack(void* memory) {
@@ -35,7 +37,9 @@ std::size_t takeHeapPeak() {
 
 void* operator new(std::size_t size) {
   void* const memory = std::malloc(size);
-  if (memory == nullptr) throw std::bad_alloc();
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
   noteTaken(memory);
   return memory;
 }

@@ -111,7 +111,9 @@ void runEvents(benchmark::State& state, loadedAgent& agent, std::span<const cont
   CALLGRIND_START_INSTRUMENTATION;
   for (auto _ : state) {
     event(jvmti, jni, contenders[next].thread, contenders[next].object);
-    if (++next == contenders.size()) next = 0;
+    if (++next == contenders.size()) {
+      next = 0;
+    }
   }
   CALLGRIND_STOP_INSTRUMENTATION;
   CALLGRIND_DUMP_STATS;

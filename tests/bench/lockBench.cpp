@@ -17,13 +17,17 @@ struct contention {
   contention() {
     fake::javaThread* const owner = agent.vm.makeThread("inventory-loader");
     const jthread worker = agent.vm.ref(agent.makeThread("http-worker-12", 0));
-    for (int i = 0; i < kLocks; ++i) contenders.push_back({worker, agent.makeLock(owner)});
+    for (int i = 0; i < kLocks; ++i) {
+      contenders.push_back({worker, agent.makeLock(owner)});
+    }
   }
   // In a detail session no lock is selected, or all are.
   void start(bool detail, jint topLocks) {
     agent.startSummary(topLocks);
     each(mutexLockProfiler::MonitorContendedEnter);
-    if (detail) agent.startDetail();
+    if (detail) {
+      agent.startDetail();
+    }
   }
   template <typename Event>
   void each(Event&& event) {

@@ -24,7 +24,9 @@ struct taggedHeap {
       classes.push_back(vm.makeClass("com.example.shop.Item" + std::to_string(i)));
     }
     for (int made = 0; made < kCounted; ++made) {
-      if (made % (kCounted / kGenerations) == 0) vm.garbageCollectionFinish();
+      if (made % (kCounted / kGenerations) == 0) {
+        vm.garbageCollectionFinish();
+      }
       const auto type = static_cast<std::size_t>(made % kClasses);
       fake::object* const object = vm.makeObject(classes[type]);
       object->size = 16 * (1 + static_cast<jlong>(type));
@@ -66,7 +68,9 @@ void runScans(benchmark::State& state, Scan&& scan) {
   scan();
   countAllocations(state, [&] {
     CALLGRIND_START_INSTRUMENTATION;
-    while (state.KeepRunningBatch(kCounted)) scan();
+    while (state.KeepRunningBatch(kCounted)) {
+      scan();
+    }
     CALLGRIND_STOP_INSTRUMENTATION;
     CALLGRIND_DUMP_STATS;
   });

@@ -36,8 +36,12 @@ inline void threadNameCalls(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
   jvmtiThreadInfo info{};
   jvmti->GetThreadInfo(thread, &info);
   jvmti->Deallocate(reinterpret_cast<unsigned char*>(info.name));
-  if (info.thread_group != nullptr) jni->DeleteLocalRef(info.thread_group);
-  if (info.context_class_loader != nullptr) jni->DeleteLocalRef(info.context_class_loader);
+  if (info.thread_group != nullptr) {
+    jni->DeleteLocalRef(info.thread_group);
+  }
+  if (info.context_class_loader != nullptr) {
+    jni->DeleteLocalRef(info.context_class_loader);
+  }
 }
 
 inline void stackCalls(jvmtiEnv* jvmti, jthread thread) {

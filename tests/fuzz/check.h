@@ -6,7 +6,9 @@
 
 // Ends the process with a message unless `holds`.
 inline void check(bool holds, const char* what) {
-  if (holds) return;
+  if (holds) {
+    return;
+  }
   std::fprintf(stderr, "does not hold: %s\n", what);
   std::abort();
 }

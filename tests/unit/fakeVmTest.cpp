@@ -262,10 +262,16 @@ TEST_F(fakeVmTest, referencesAreDeletedInAnyOrder) {
   jobject lock = vm.ref(vm.makeObject("com.example.Lock"));
   vm.native([&](JNIEnv* env) {
     std::vector<jobject> made(200);
-    for (jobject& reference : made) reference = env->NewLocalRef(lock);
+    for (jobject& reference : made) {
+      reference = env->NewLocalRef(lock);
+    }
     EXPECT_EQ(vm.localReferences(), 200U);
-    for (std::size_t at = 0; at < made.size(); at += 2) env->DeleteLocalRef(made[at]);
-    for (std::size_t at = made.size(); at > 0; at -= 2) env->DeleteLocalRef(made[at - 1]);
+    for (std::size_t at = 0; at < made.size(); at += 2) {
+      env->DeleteLocalRef(made[at]);
+    }
+    for (std::size_t at = made.size(); at > 0; at -= 2) {
+      env->DeleteLocalRef(made[at - 1]);
+    }
   });
   EXPECT_EQ(vm.localReferences(), 0U);
   EXPECT_EQ(vm.peakLocalReferences(), 201U);  // with the test's own

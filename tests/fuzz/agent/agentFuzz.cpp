@@ -73,7 +73,9 @@ class freshAgent : public test::lockTest {
     const std::string stacks = test::readFile(stackPath());
     TearDown();
 
-    if (names[0].empty()) return;  // a monitor whose class has no name is left out
+    if (names[0].empty()) {
+      return;  // a monitor whose class has no name is left out
+    }
     check(written == 1, "the report is written");
     const auto report = nlohmann::ordered_json::parse(text, nullptr, false);
     check(!report.is_discarded(), "the report is JSON");
@@ -105,7 +107,9 @@ std::vector<std::string> namesIn(std::string_view bytes) {
     }
   }
   constexpr std::size_t kNames = 6;
-  if (names.size() < kNames) names.resize(kNames);
+  if (names.size() < kNames) {
+    names.resize(kNames);
+  }
   return names;
 }
 

@@ -104,7 +104,9 @@ class documents {
 
  private:
   std::uint8_t next() {
-    if (left_.empty()) return 0;
+    if (left_.empty()) {
+      return 0;
+    }
     const auto byte = static_cast<std::uint8_t>(left_.front());
     left_.remove_prefix(1);
     return byte;
@@ -133,7 +135,9 @@ class documents {
       }
       default: {
         std::uint32_t bits = 0;
-        for (int i = 0; i < 4; ++i) bits = (bits << 8U) | next();
+        for (int i = 0; i < 4; ++i) {
+          bits = (bits << 8U) | next();
+        }
         writer_.number(static_cast<std::int32_t>(bits));
         return static_cast<std::int32_t>(bits);
       }
@@ -154,7 +158,9 @@ class documents {
   ordered_json array(int depth) {
     ordered_json made = ordered_json::array();
     writer_.beginArray();
-    for (int n = next() % 8; n > 0 && !left_.empty(); --n) made.push_back(value(depth + 1));
+    for (int n = next() % 8; n > 0 && !left_.empty(); --n) {
+      made.push_back(value(depth + 1));
+    }
     writer_.endArray();
     return made;
   }
@@ -242,7 +248,9 @@ void pieces(const std::string& text) {
   support::forEachPiece(text, ',', [&](std::string_view piece) { found.emplace_back(piece); });
   std::vector<std::string> expected;
   std::istringstream stream(text);
-  for (std::string piece; std::getline(stream, piece, ',');) expected.push_back(piece);
+  for (std::string piece; std::getline(stream, piece, ',');) {
+    expected.push_back(piece);
+  }
   check(found == expected, "pieces are those of std::getline");
   const std::string key = text.substr(0, text.find(','));
   check(support::startsWithIgnoringCase(text, support::lowerCase(key)), "case does not count");
@@ -257,7 +265,9 @@ void paths(const std::string& text) {
 
 void dates(std::string_view text) {
   const auto date = agent::parseLogDate(text);
-  if (!date) return;
+  if (!date) {
+    return;
+  }
   check(!agent::isOldLog(*date, *date), "a log is not old on its own day");
   const agent::logDate today{2026, 3, 1};
   agent::isOldLog(*date, today);

@@ -9,7 +9,9 @@ jvmtiEnv* environment = nullptr;
 
 extern "C" JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* /*options*/, void* /*reserved*/) {
   void* found = nullptr;
-  if (vm->GetEnv(&found, JVMTI_VERSION_1_1) != JNI_OK) return JNI_ERR;
+  if (vm->GetEnv(&found, JVMTI_VERSION_1_1) != JNI_OK) {
+    return JNI_ERR;
+  }
   environment = static_cast<jvmtiEnv*>(found);
   jvmtiCapabilities wanted{};
   wanted.can_signal_thread = 1;

@@ -47,9 +47,13 @@ void agentTest::TearDown() {
 
 jint agentTest::load(const char* options) {
   loaded_ = true;
-  if (options == nullptr) return Agent_OnLoad(vm.javaVm(), nullptr, nullptr);
+  if (options == nullptr) {
+    return Agent_OnLoad(vm.javaVm(), nullptr, nullptr);
+  }
   std::string text = "twHome=" + folder_.string();
-  if (*options != '\0') text += std::string(",") + options;
+  if (*options != '\0') {
+    text += std::string(",") + options;
+  }
   return loadWith(text);
 }
 
@@ -59,7 +63,9 @@ jint agentTest::loadWith(std::string options) {
 }
 
 void agentTest::unload() {
-  if (loaded_) Agent_OnUnload(vm.javaVm());
+  if (loaded_) {
+    Agent_OnUnload(vm.javaVm());
+  }
   loaded_ = false;
 }
 
@@ -115,7 +121,9 @@ void agentTest::beginDetail(const std::vector<fake::object*>& contended,
                             const lockSession& session) {
   beginSummary(session);
   fake::javaThread* const thread = vm.makeThread("summary thread");
-  for (fake::object* const lock : contended) contend(thread, lock);
+  for (fake::object* const lock : contended) {
+    contend(thread, lock);
+  }
   startDetail();
 }
 
@@ -132,7 +140,9 @@ std::string agentTest::nameOf(fake::object* lock) {
 agent::lockBean* agentTest::lockBeanOf(fake::object* lock) {
   const auto store = locks()->store();
   for (agent::lockBean* const bean : store->locksByName()) {
-    if (bean->lockName == nameOf(lock)) return bean;
+    if (bean->lockName == nameOf(lock)) {
+      return bean;
+    }
   }
   return nullptr;
 }
@@ -144,7 +154,9 @@ nlohmann::ordered_json agentTest::report() const {
 std::vector<std::string> agentTest::stackLines() const {
   std::vector<std::string> lines;
   std::istringstream text(readFile(stackPath()));
-  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  for (std::string line; std::getline(text, line);) {
+    lines.push_back(line);
+  }
   return lines;
 }
 
@@ -173,7 +185,9 @@ std::vector<logRecord> agentTest::log() const {
 std::vector<std::string> agentTest::messages(std::string_view severity) const {
   std::vector<std::string> texts;
   for (const logRecord& each : log()) {
-    if (each.severity == severity) texts.push_back(each.message);
+    if (each.severity == severity) {
+      texts.push_back(each.message);
+    }
   }
   return texts;
 }
@@ -192,7 +206,9 @@ fileLimit::~fileLimit() {
 
 std::vector<fs::path> agentTest::logFiles() const {
   std::vector<fs::path> files;
-  for (const auto& entry : fs::directory_iterator(folder_ / "logs")) files.push_back(entry.path());
+  for (const auto& entry : fs::directory_iterator(folder_ / "logs")) {
+    files.push_back(entry.path());
+  }
   std::sort(files.begin(), files.end());
   return files;
 }

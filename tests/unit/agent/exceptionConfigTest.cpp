@@ -70,7 +70,9 @@ TEST_F(exceptionConfig, stepsAreMadeInTheirOrder) {
   for (const std::string& each : vm.callLog()) {
     for (const char* wanted : {"GetStringUTFChars", "FindClass", "GetStaticMethodID",
                                "SetEventCallbacks", "SetEventNotificationMode"}) {
-      if (each == wanted) steps.push_back(each);
+      if (each == wanted) {
+        steps.push_back(each);
+      }
     }
   }
   EXPECT_THAT(steps, ElementsAre("GetStringUTFChars", "FindClass", "GetStaticMethodID",

@@ -37,7 +37,9 @@ TEST(lossLines, areDueOnceAMinuteForAClassAndAReason) {
 TEST(lossLines, areBoundedInAMinute) {
   lossLines lines;
   int taken = 0;
-  for (int i = 0; i < 1000; ++i) taken += lines.take(std::to_string(i), exceptionCount::vm, 1000);
+  for (int i = 0; i < 1000; ++i) {
+    taken += lines.take(std::to_string(i), exceptionCount::vm, 1000);
+  }
   EXPECT_EQ(taken, 128);
   EXPECT_TRUE(lines.take("one more", exceptionCount::vm, 1060));
 }
@@ -79,7 +81,9 @@ class exceptionCounted : public exceptionTest {
     std::vector<std::string> texts;
     for (fake::object* const each : parts->elements) {
       auto* const text = dynamic_cast<fake::javaString*>(each);
-      if (taken) texts.push_back(text == nullptr ? "(null)" : text->text);
+      if (taken) {
+        texts.push_back(text == nullptr ? "(null)" : text->text);
+      }
     }
     return texts;
   }
@@ -96,7 +100,9 @@ TEST_F(exceptionCounted, thoseThatTheFiltersKeepBack) {
   begin({.rate = 2, .blackList = "[x.black]"});
   recordOf({frameOf("sun.nio.A.m")});
   recordOf({frameOf("a.A.m")}, "x.Black");
-  for (int i = 0; i < 3; ++i) recordOf({frameOf("a.A.m")}, "x.Often");
+  for (int i = 0; i < 3; ++i) {
+    recordOf({frameOf("a.A.m")}, "x.Often");
+  }
   EXPECT_THAT(counts(), ElementsAre(5, 1, 1, 1, 2, 0, 0, 0, 0, 0));
 }
 
@@ -196,7 +202,9 @@ TEST_F(exceptionCounted, eachIsInOneOfTheCountsWhateverFails) {
   const std::set<std::string> never{"Deallocate",     "DeleteLocalRef", "DeleteWeakGlobalRef",
                                     "ExceptionCheck", "PopLocalFrame",  "ReleaseStringUTFChars"};
   for (const std::string& function : vm.callNames()) {
-    if (never.count(function) > 0) continue;
+    if (never.count(function) > 0) {
+      continue;
+    }
     vm.on(function, [] { throw std::bad_alloc(); });
     vm.exception(thread(), stack[0].code, 10, vm.makeObject(vm.makeClass(kFailure)));
     vm.off(function);
@@ -262,7 +270,9 @@ TEST(undelivered, areSixtyFourAtMostAndTheOldestComesFirst) {
   undeliveredRecords records;
   EXPECT_FALSE(records.keep(waiting("before anyone asks")));
   records.take();
-  for (int i = 0; i < 64; ++i) EXPECT_TRUE(records.keep(waiting(std::to_string(i))));
+  for (int i = 0; i < 64; ++i) {
+    EXPECT_TRUE(records.keep(waiting(std::to_string(i))));
+  }
   EXPECT_FALSE(records.keep(waiting("one more")));
   EXPECT_EQ(records.take()->text, "0");
   EXPECT_TRUE(records.keep(waiting("one more")));
@@ -274,11 +284,15 @@ TEST(undelivered, keepFourMebibytesOfTextAndThenSitesOnly) {
   records.take();
   const std::string frame = "a.A.m(A.java:42)%40%41";
   const std::string text = frame + std::string(1 << 20, 'x') + "%42%43%44";
-  for (int i = 0; i < 6; ++i) EXPECT_TRUE(records.keep(waiting(text)));
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_TRUE(records.keep(waiting(text)));
+  }
   std::vector<std::string> short_;
   while (const auto each = records.take()) {
     EXPECT_EQ(each->isCut, each->text != text);
-    if (each->isCut) short_.push_back(each->text);
+    if (each->isCut) {
+      short_.push_back(each->text);
+    }
   }
   EXPECT_THAT(short_, ElementsAre(frame + "%42%43%44", frame + "%42%43%44", frame + "%42%43%44"));
   EXPECT_TRUE(records.keep(waiting(text)));
@@ -294,7 +308,9 @@ TEST_F(exceptionCounted, aThreadWithoutStackForARecordBuildsNone) {
   const std::function<void()> deep = [&] {
     std::array<volatile char, 4096> used;
     used[0] = 0;
-    if (support::stackLeft() > std::size_t{44} << 10U) return deep();
+    if (support::stackLeft() > std::size_t{44} << 10U) {
+      return deep();
+    }
     vm.exception(thread(), frame.code, 10, thrown);
     used[1] = used[0];
   };

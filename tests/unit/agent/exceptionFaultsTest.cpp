@@ -115,7 +115,9 @@ class exceptionFaults : public exceptionTest {
                    const std::function<void(const std::string&)>& mend) {
     unsigned tried = 0;
     for (const auto& [function, count] : callsOfOneRecord()) {
-      if (!wanted(function)) continue;
+      if (!wanted(function)) {
+        continue;
+      }
       tried += count;
       for (unsigned number = 1; number <= count; ++number) {
         SCOPED_TRACE(function + ", call " + std::to_string(number));
@@ -126,7 +128,9 @@ class exceptionFaults : public exceptionTest {
         EXPECT_EQ(vm.memoryHeld(), 0U);
         EXPECT_EQ(vm.charactersHeld(), 0U);
         EXPECT_EQ(vm.localReferences(), 0U);
-        if (HasFailure()) return;
+        if (HasFailure()) {
+          return;
+        }
       }
     }
     EXPECT_GE(tried, 20U) << "of the calls that a record makes";
@@ -171,7 +175,9 @@ TEST_F(exceptionFaults, theVmEndsAtEachCall) {
       isJvmti,
       [&](const std::string& function, unsigned number) {
         vm.on(function, [this, calls = 0U, number]() mutable {
-          if (++calls == number) vm.setPhase(JVMTI_PHASE_DEAD);
+          if (++calls == number) {
+            vm.setPhase(JVMTI_PHASE_DEAD);
+          }
         });
       },
       [&](const std::string& function) {
@@ -186,7 +192,9 @@ TEST_F(exceptionFaults, somethingIsThrownAtEachCall) {
       anyFunction,
       [&](const std::string& function, unsigned number) {
         vm.on(function, [calls = 0U, number]() mutable {
-          if (++calls == number) throw std::bad_alloc();
+          if (++calls == number) {
+            throw std::bad_alloc();
+          }
         });
       },
       [&](const std::string& function) { vm.off(function); });
@@ -198,9 +206,13 @@ TEST_F(exceptionFaults, eachCallOfTheSwitchingFails) {
   vm.resetCalls();
   ASSERT_EQ(enable(kAll), 1);
   for (const std::string& function : vm.callNames()) {
-    if (kNeverFail.count(function) > 0) continue;
+    if (kNeverFail.count(function) > 0) {
+      continue;
+    }
     for (const bool throwing : {false, true}) {
-      if (throwing && (isJvmti(function) || function == "GetJavaVM")) continue;
+      if (throwing && (isJvmti(function) || function == "GetJavaVM")) {
+        continue;
+      }
       SCOPED_TRACE(function + (throwing ? " throws" : " fails"));
       vm.fail(function, {.throwing = throwing});
       enable(kAll);

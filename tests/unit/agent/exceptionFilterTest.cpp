@@ -19,7 +19,9 @@ class exceptionFilter : public exceptionTest {
   int deliveredOf(int count, std::string_view className = kFailure,
                   std::string_view method = "com.example.Shop.buy") {
     int all = 0;
-    for (int i = 0; i < count; ++i) all += recordOf({frameOf(method)}, className) != kNothing;
+    for (int i = 0; i < count; ++i) {
+      all += recordOf({frameOf(method)}, className) != kNothing;
+    }
     return all;
   }
   bool recordsFrom(std::string_view method) { return deliveredOf(1, kFailure, method) == 1; }
@@ -183,8 +185,9 @@ TEST_F(exceptionFilter, asManyAsTheRateAreDeliveredAndTheNextIsDropped) {
 TEST_F(exceptionFilter, moreThanAMinuteAfterTheFirstOneANewWindowOpens) {
   begin({.rate = 3});
   const std::time_t longAgo = std::time(nullptr) - 61;
-  for (int i = 0; i < 3; ++i)
+  for (int i = 0; i < 3; ++i) {
     ASSERT_TRUE(exceptions()->takeRate("com.example.failure", 3, longAgo));
+  }
   EXPECT_EQ(deliveredOf(4), 3) << "the first opens a window for itself and two more";
 }
 
@@ -327,7 +330,9 @@ TEST_F(exceptionFilter, noMoreFramesAreWalkedThanAskedFor) {
 TEST_F(exceptionFilter, aDepthOf500WalksAtMost100Frames) {
   begin({.depth = 500});
   std::vector<fake::frame> stack;
-  for (int i = 0; i < 150; ++i) stack.push_back(frameOf("a.A.m" + std::to_string(i)));
+  for (int i = 0; i < 150; ++i) {
+    stack.push_back(frameOf("a.A.m" + std::to_string(i)));
+  }
   const std::vector<frameSections> frames = framesIn(recordOf(stack));
   ASSERT_EQ(frames.size(), 100U);
   EXPECT_EQ(frames.back().header, "a.A.m99(A.java:42)%40%41");

@@ -585,8 +585,9 @@ TEST_F(exceptionRecord, aVariableTableOfANativeMethodLeavesTheSectionsEmpty) {
 TEST_F(exceptionRecord, genericSignaturesAreGivenBack) {
   begin(kVariables);
   fake::frame frame = frameOf("a.A.m", {}, {{"x", "I", jint{1}}, {"y", "Lx/Y;"}});
-  for (fake::variable& each : *frame.code->variables)
+  for (fake::variable& each : *frame.code->variables) {
     each.genericSignature = "Ljava/util/List<TT;>;";
+  }
   EXPECT_EQ(topOf({frame}).locals, "x%3A4%3A1%2C");
   EXPECT_EQ(vm.memoryHeld(), 0U);
 }

@@ -32,7 +32,9 @@ void exceptionTest::makeCallbackClass() {
       const std::lock_guard guard(mutex_);
       deliveries_.push_back({record == nullptr ? "(null)" : record->text, exception});
     }
-    if (inCallback) inCallback(call);
+    if (inCallback) {
+      inCallback(call);
+    }
     return {};
   };
   vm.makeMethod(type, "onExceptionOccured", "(Ljava/lang/String;Ljava/lang/Object;)V",
@@ -102,7 +104,9 @@ std::string exceptionTest::recordOf(const std::vector<fake::frame>& stack,
       vm.exception(thread(), stack.front().code, stack.front().location, thrown, nullptr, 0, how))
       << "the event is off";
   const std::vector<delivered> all = deliveries();
-  if (all.size() == before) return kNothing;
+  if (all.size() == before) {
+    return kNothing;
+  }
   EXPECT_EQ(all.size(), before + 1) << "delivered more than once";
   EXPECT_EQ(all.back().exception, thrown) << "delivered with another exception";
   return all.back().record;
@@ -131,7 +135,9 @@ std::vector<delivered> exceptionTest::deliveries() const {
 }
 
 fake::javaThread* exceptionTest::thread() {
-  if (thread_ == nullptr) thread_ = vm.makeThread("worker-1");
+  if (thread_ == nullptr) {
+    thread_ = vm.makeThread("worker-1");
+  }
   return thread_;
 }
 
@@ -152,7 +158,9 @@ std::vector<frameSections> framesIn(const std::string& record) {
     each.locals = cutBefore(frame, "%44");
     each.threadLocals = frame;
     frames.push_back(std::move(each));
-    if (::testing::Test::HasFailure()) break;
+    if (::testing::Test::HasFailure()) {
+      break;
+    }
   }
   return frames;
 }
@@ -175,7 +183,9 @@ std::string nullField(std::string_view name) {
 
 std::string repeated(std::string_view text, int count) {
   std::string all;
-  for (int i = 0; i < count; ++i) all += text;
+  for (int i = 0; i < count; ++i) {
+    all += text;
+  }
   return all;
 }
 

@@ -29,7 +29,9 @@ class exceptionThreads : public exceptionTest {
   }
   std::vector<std::unique_ptr<fake::attachedThread>> startAll(const task& body) {
     std::vector<std::unique_ptr<fake::attachedThread>> all;
-    for (int i = 0; i < kThreads; ++i) all.push_back(start(body));
+    for (int i = 0; i < kThreads; ++i) {
+      all.push_back(start(body));
+    }
     return all;
   }
   // Throws in a frame with an argument and a local.
@@ -43,7 +45,9 @@ class exceptionThreads : public exceptionTest {
   }
   std::vector<std::string> records() {
     std::vector<std::string> all;
-    for (const delivered& each : deliveries()) all.push_back(each.record);
+    for (const delivered& each : deliveries()) {
+      all.push_back(each.record);
+    }
     return all;
   }
 
@@ -60,7 +64,9 @@ TEST_F(exceptionThreads, everyThreadsExceptionsAreDelivered) {
   begin({.methodArguments = true});
   makeFrameAndException();
   startAll([&](fake::javaThread* java) {
-    for (int i = 0; i < 50; ++i) throwOn(java);
+    for (int i = 0; i < 50; ++i) {
+      throwOn(java);
+    }
   }).clear();
   EXPECT_EQ(deliveries().size(), 50U * kThreads);
   EXPECT_THAT(records(), Each(kArguments));
@@ -70,7 +76,9 @@ TEST_F(exceptionThreads, everyThreadsExceptionsAreCounted) {
   begin({.rate = 100});
   makeFrameAndException();
   startAll([&](fake::javaThread* java) {
-    for (int i = 0; i < 50; ++i) throwOn(java);
+    for (int i = 0; i < 50; ++i) {
+      throwOn(java);
+    }
   }).clear();
   const agent::exceptionCounts& counts = agent::exceptionCounts::ofProcess();
   EXPECT_EQ(counts.get(agent::exceptionCount::seen), 50U * kThreads);
@@ -95,10 +103,14 @@ TEST_F(exceptionThreads, recordsWithoutStackAreKeptAndTakenByManyThreads) {
     }
   };
   auto taker = start([&](fake::javaThread*) {
-    while (!isOver) takeAll();
+    while (!isOver) {
+      takeAll();
+    }
   });
   startAll([&](fake::javaThread* java) {
-    for (int i = 0; i < 50; ++i) throwOn(java);
+    for (int i = 0; i < 50; ++i) {
+      throwOn(java);
+    }
   }).clear();
   isOver = true;
   taker.reset();
@@ -121,7 +133,9 @@ TEST_F(exceptionThreads, anEnablingCallThatMeetsADisablingOneLeavesAllOnOrAllOff
     std::unique_ptr<fake::attachedThread> disabling;
     std::atomic<bool> first = true;
     vm.on(step, [&] {
-      if (!first.exchange(false)) return;
+      if (!first.exchange(false)) {
+        return;
+      }
       disabling = start([&](fake::javaThread*) {
         enable({.enable = false});
         disabled.set_value();
@@ -149,7 +163,9 @@ TEST_F(exceptionThreads, settingsMayChangeWhileOthersThrow) {
   auto threads = startAll([&](fake::javaThread* java) {
     throwOn(java);
     allThrown.count_down();
-    while (!enough) throwOn(java);
+    while (!enough) {
+      throwOn(java);
+    }
   });
   allThrown.wait();
   for (int i = 0; i < 30; ++i) {
@@ -168,7 +184,9 @@ TEST_F(exceptionThreads, theRateHoldsOverAllThreads) {
   load();
   std::atomic<int> taken = 0;
   startAll([&](fake::javaThread*) {
-    for (int i = 0; i < 1000; ++i) taken += exceptions()->takeRate("x.failure", 100, 1'000'000);
+    for (int i = 0; i < 1000; ++i) {
+      taken += exceptions()->takeRate("x.failure", 100, 1'000'000);
+    }
   }).clear();
   EXPECT_EQ(taken, 100);
 }
@@ -217,7 +235,9 @@ TEST_F(exceptionThreads, aCallbackThatBlocksStopsNoOtherThread) {
   std::latch goOn(1);
   std::atomic<bool> first = true;
   inCallback = [&](fake::invocation&) {
-    if (!first.exchange(false)) return;
+    if (!first.exchange(false)) {
+      return;
+    }
     blocked.count_down();
     goOn.wait();
   };
@@ -234,7 +254,9 @@ TEST_F(exceptionThreads, whileOneThreadRunsTheCallbackOthersAreRecorded) {
   makeFrameAndException();
   std::atomic<bool> first = true;
   inCallback = [&](fake::invocation&) {
-    if (first.exchange(false)) start([&](fake::javaThread* java) { throwOn(java); });
+    if (first.exchange(false)) {
+      start([&](fake::javaThread* java) { throwOn(java); });
+    }
   };
   throwOn(thread());
   EXPECT_EQ(deliveries().size(), 2U);
@@ -247,12 +269,16 @@ TEST_F(exceptionThreads, localsAreReadByOneThreadAtATime) {
   std::atomic<int> most = 0;
   vm.on("GetLocalInt", [&] {
     const int now = ++reading;
-    if (now > most) most = now;
+    if (now > most) {
+      most = now;
+    }
     std::this_thread::yield();
     --reading;
   });
   startAll([&](fake::javaThread* java) {
-    for (int i = 0; i < 20; ++i) throwOn(java);
+    for (int i = 0; i < 20; ++i) {
+      throwOn(java);
+    }
   }).clear();
   EXPECT_EQ(most, 1) << "calls that queue for a safepoint take turns";
   EXPECT_EQ(deliveries().size(), 20U * kThreads);
@@ -263,8 +289,9 @@ TEST_F(exceptionThreads, classesGoWhileOthersThrow) {
   makeFrameAndException();
   std::atomic<bool> enough = false;
   auto threads = startAll([&](fake::javaThread* java) {
-    do throwOn(java);
-    while (!enough);
+    do {
+      throwOn(java);
+    } while (!enough);
   });
   for (int i = 0; i < 100; ++i) {
     const fake::frame frame = frameOf("gone.C" + std::to_string(i) + ".m");

@@ -155,7 +155,9 @@ classRecords recordsOf(const std::vector<std::pair<std::string, std::uint64_t>>&
 // Names in the order in which the queue yields them.
 std::vector<std::string> drained(classQueue queue) {
   std::vector<std::string> names;
-  for (; !queue.empty(); queue.pop()) names.push_back(queue.top().name);
+  for (; !queue.empty(); queue.pop()) {
+    names.push_back(queue.top().name);
+  }
   return names;
 }
 
@@ -299,7 +301,9 @@ TEST_F(heapScan, theWalkCountsTaggedObjectsAndMeetsTheirGenerations) {
 }
 
 TEST_F(heapScan, generationsMayAlternateFromObjectToObject) {
-  for (int i = 0; i < 12; ++i) withTag("p.A", 1 + i % 3);
+  for (int i = 0; i < 12; ++i) {
+    withTag("p.A", 1 + i % 3);
+  }
   EXPECT_THAT(walk().generations, ElementsAre(1U, 2U, 3U));
 }
 
@@ -447,7 +451,9 @@ TEST_F(heapScan, theNameOfAClassIsReadOnceForAllItsObjects) {
 
 TEST_F(heapScan, manyClassesAreToldApart) {
   constexpr int kClasses = 20;
-  for (int i = 0; i < 5 * kClasses; ++i) withTag("p.C" + std::to_string(i % kClasses), 1, 8);
+  for (int i = 0; i < 5 * kClasses; ++i) {
+    withTag("p.C" + std::to_string(i % kClasses), 1, 8);
+  }
   EXPECT_TRUE(add(1));
   EXPECT_EQ(vm.calls("GetClassSignature"), static_cast<unsigned>(kClasses));
   ASSERT_EQ(records.size(), static_cast<std::size_t>(kClasses));
@@ -458,11 +464,15 @@ TEST_F(heapScan, manyClassesAreToldApart) {
 }
 
 TEST_F(heapScan, theNameOfAClassIsReadOnceForAllGenerations) {
-  for (jlong generation : {1, 2, 3}) withTag("p.A", generation, 10);
+  for (jlong generation : {1, 2, 3}) {
+    withTag("p.A", generation, 10);
+  }
   const classFilters none;
   vm.native([&](JNIEnv* jni) {
     agent::generationScan scan(vm.jvmti(), jni, none, records);
-    for (std::uint32_t generation : {1U, 2U, 3U}) scan.add(generation, generation);
+    for (std::uint32_t generation : {1U, 2U, 3U}) {
+      scan.add(generation, generation);
+    }
   });
   EXPECT_EQ(vm.calls("GetClassSignature"), 1U);
   EXPECT_EQ(records["p.A"].totalSize, 30U);
@@ -477,7 +487,9 @@ TEST_F(heapScan, aRefusedGenerationAddsNothing) {
 }
 
 TEST_F(heapScan, anExcludedClassIsNamedOnce) {
-  for (int i = 0; i < 10; ++i) withTag("p.A", 1);
+  for (int i = 0; i < 10; ++i) {
+    withTag("p.A", 1);
+  }
   EXPECT_TRUE(add(1, {.excludeClasses = "p.A"}));
   EXPECT_EQ(vm.calls("GetClassSignature"), 1U);
   EXPECT_EQ(vm.calls("GetObjectHashCode"), 1U);
@@ -486,7 +498,9 @@ TEST_F(heapScan, anExcludedClassIsNamedOnce) {
 // Objects of one size are compared with the classes that had it before: four of them at most.
 TEST_F(heapScan, fourClassesOfOneSizeAreToldApartWithoutHashCodes) {
   for (int i = 0; i < 40; ++i) {
-    for (const char* const name : {"p.A", "p.B", "p.C", "p.D"}) withTag(name, 1);
+    for (const char* const name : {"p.A", "p.B", "p.C", "p.D"}) {
+      withTag(name, 1);
+    }
   }
   EXPECT_TRUE(add(1));
   EXPECT_EQ(vm.calls("GetObjectHashCode"), 4U);
@@ -495,7 +509,9 @@ TEST_F(heapScan, fourClassesOfOneSizeAreToldApartWithoutHashCodes) {
 // One answer of the VM and a class at a time, however many objects there are.
 TEST_F(heapScan, referencesAreDeletedAsSoonAsTheirObjectWasCounted) {
   constexpr std::size_t kObjects = 1000;
-  for (std::size_t i = 0; i < kObjects; ++i) withTag("p.A", 1);
+  for (std::size_t i = 0; i < kObjects; ++i) {
+    withTag("p.A", 1);
+  }
   vm.resetCalls();
   std::vector<std::size_t> held;
   vm.on("GetObjectSize", [&] { held.push_back(vm.localReferences()); });

@@ -221,8 +221,12 @@ TEST_F(instanceTags, leaveOutWhatNobodyCanReach) {
 
 TEST_F(instanceTags, areNoMoreThanThereIsRoomFor) {
   begin();
-  for (int i = 0; i < 3; ++i) vm.makeObject(session_);
-  for (int i = 0; i < 3; ++i) vm.makeObject(longSession_);
+  for (int i = 0; i < 3; ++i) {
+    vm.makeObject(session_);
+  }
+  for (int i = 0; i < 3; ++i) {
+    vm.makeObject(longSession_);
+  }
   EXPECT_EQ(tagWithin({session_, nullptr, longSession_, other_}, {2, 5, 3, 0}),
             (std::vector<jint>{-1, 5, 0, 0}));
   EXPECT_EQ(tagged_, 5);
@@ -235,9 +239,13 @@ TEST_F(instanceTags, areNoMoreThanThereIsRoomFor) {
 TEST_F(instanceTags, ofClassesThemselvesKeepToTheirRoom) {
   begin();
   fake::javaClass* const classes = session_->type;
-  for (fake::javaClass* const each : {session_, longSession_, other_}) each->tag = 1;
+  for (fake::javaClass* const each : {session_, longSession_, other_}) {
+    each->tag = 1;
+  }
   tagAll({classes});
-  for (fake::javaClass* const each : {session_, longSession_, classes}) each->tag = 0;
+  for (fake::javaClass* const each : {session_, longSession_, classes}) {
+    each->tag = 0;
+  }
   EXPECT_EQ(tagWithin({classes, session_}, {2, 0}), (std::vector<jint>{-1, 0}));
   EXPECT_EQ(tagged_, 2);
 }

@@ -76,8 +76,12 @@ TEST(jsonStructure, twoMembersOfOneNameAreBothWritten) {
 TEST(jsonStructure, deepNestingReadsBack) {
   constexpr int kDepth = 200;
   jsonWriter json;
-  for (int i = 0; i < kDepth; ++i) json.beginObject().key("x").beginArray();
-  for (int i = 0; i < kDepth; ++i) json.endArray().endObject();
+  for (int i = 0; i < kDepth; ++i) {
+    json.beginObject().key("x").beginArray();
+  }
+  for (int i = 0; i < kDepth; ++i) {
+    json.endArray().endObject();
+  }
   ordered_json read = ordered_json::parse(json.text());
   int depth = 0;
   for (; read.is_object(); ++depth) {
@@ -132,7 +136,9 @@ TEST(jsonStrings, fiveCharactersHaveAShortForm) {
 
 TEST(jsonStrings, otherControlCharactersHaveFourHexadecimalDigits) {
   for (int byte = 1; byte <= 127; ++byte) {
-    if (byte == '\n' || byte == '\r' || byte == '\t' || (byte >= 32 && byte < 127)) continue;
+    if (byte == '\n' || byte == '\r' || byte == '\t' || (byte >= 32 && byte < 127)) {
+      continue;
+    }
     std::array<char, 8> expected{};
     std::snprintf(expected.data(), expected.size(), "\\u%04x", static_cast<unsigned>(byte));
     std::string written = escaped(std::string(1, static_cast<char>(byte)));
@@ -144,7 +150,9 @@ TEST(jsonStrings, otherControlCharactersHaveFourHexadecimalDigits) {
 
 TEST(jsonStrings, printableCharactersStay) {
   for (char c = ' '; c < 127; ++c) {
-    if (c == '"' || c == '\\') continue;
+    if (c == '"' || c == '\\') {
+      continue;
+    }
     EXPECT_EQ(escaped(std::string(1, c)), std::string(1, c));
   }
 }
@@ -177,7 +185,9 @@ TEST(jsonStrings, escapingAppends) {
 
 TEST(jsonStrings, readBackAsTheyWere) {
   std::string all;
-  for (char c = 1; c < 127; ++c) all += c;
+  for (char c = 1; c < 127; ++c) {
+    all += c;
+  }
   all += '\x7f';
   all += "\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80";
   EXPECT_EQ(readBack(all), all);
@@ -191,7 +201,9 @@ TEST(jsonStrings, randomAsciiReadsBack) {
   std::uniform_int_distribution<int> character(1, 127);
   for (int round = 0; round < 500; ++round) {
     std::string text(static_cast<std::size_t>(length(random)), ' ');
-    for (char& c : text) c = static_cast<char>(character(random));
+    for (char& c : text) {
+      c = static_cast<char>(character(random));
+    }
     ASSERT_EQ(readBack(text), text);
   }
 }

@@ -20,21 +20,29 @@ thread_local long allocationsUntilFailure = -1;  // below 0: none fails
 std::atomic<long> blocksHeld{0};                 // by all threads
 
 void* allocate(std::size_t size) {
-  if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) return nullptr;
+  if (allocationsUntilFailure >= 0 && allocationsUntilFailure-- == 0) {
+    return nullptr;
+  }
   void* const block = std::malloc(size == 0 ? 1 : size);
-  if (block != nullptr) blocksHeld.fetch_add(1, std::memory_order_relaxed);
+  if (block != nullptr) {
+    blocksHeld.fetch_add(1, std::memory_order_relaxed);
+  }
   return block;
 }
 
 void release(void* block) {
-  if (block != nullptr) blocksHeld.fetch_sub(1, std::memory_order_relaxed);
+  if (block != nullptr) {
+    blocksHeld.fetch_sub(1, std::memory_order_relaxed);
+  }
   std::free(block);
 }
 
 }  // namespace
 
 void* operator new(std::size_t size) {
-  if (void* const block = allocate(size)) return block;
+  if (void* const block = allocate(size)) {
+    return block;
+  }
   throw std::bad_alloc();
 }
 void* operator new(std::size_t size, const std::nothrow_t& /*unused*/) noexcept {
@@ -87,7 +95,9 @@ std::vector<situation> allSituations() {
   std::vector<situation> all;
   for (const event what : {event::enter, event::entered, event::wait, event::waited}) {
     for (const phase when : {phase::profiling, phase::summary, phase::detail}) {
-      for (const bool known : {false, true}) all.push_back({what, when, known});
+      for (const bool known : {false, true}) {
+        all.push_back({what, when, known});
+      }
     }
   }
   return all;
@@ -125,12 +135,20 @@ class lockFaultsOf : public lockFaults, public ::testing::WithParamInterface<sit
     agent::mutexLockProfiler::takeReportQueue();
     thread->storage = nullptr;
     beginDetailWithOwner(lock, thread, other);
-    if (GetParam().when == phase::profiling) locks()->setState(agent::kLockProfiling);
-    if (GetParam().when == phase::summary) locks()->setState(agent::kLockSummary);
+    if (GetParam().when == phase::profiling) {
+      locks()->setState(agent::kLockProfiling);
+    }
+    if (GetParam().when == phase::summary) {
+      locks()->setState(agent::kLockSummary);
+    }
     setStack(thread, {"a.B.m", "a.B.n"});
     subject = GetParam().known ? lock : vm.makeObject(vm.makeClass("fresh.Lock"));
-    if (GetParam().what == event::entered) vm.contendedEnter(thread, subject);
-    if (GetParam().what == event::waited) vm.monitorWait(thread, subject, 0);
+    if (GetParam().what == event::entered) {
+      vm.contendedEnter(thread, subject);
+    }
+    if (GetParam().what == event::waited) {
+      vm.monitorWait(thread, subject, 0);
+    }
     vm.resetCalls();
   }
 
@@ -158,7 +176,9 @@ class lockFaultsOf : public lockFaults, public ::testing::WithParamInterface<sit
     run();
     std::map<std::string, unsigned> calls;
     for (const std::string& each : vm.callNames()) {
-      if (wanted(each)) calls[each] = static_cast<unsigned>(vm.calls(each));
+      if (wanted(each)) {
+        calls[each] = static_cast<unsigned>(vm.calls(each));
+      }
     }
     return calls;
   }
@@ -227,7 +247,9 @@ TEST_P(lockFaultsOf, everyExceptionUnderWayEndsTheEventAndIsSaidOnce) {
       const std::size_t saidBefore = errors().size();
       unsigned n = 0;
       vm.on(call, [&] {
-        if (++n == at) throw std::bad_alloc();
+        if (++n == at) {
+          throw std::bad_alloc();
+        }
       });
       run();
       vm.off(call);
@@ -244,7 +266,9 @@ TEST_P(lockFaultsOf, nullArgumentsAreSurvived) {
   for (const bool nullThread : {false, true}) {
     begin();
     fake::javaThread* const wholeThread = thread;
-    if (nullThread) thread = nullptr;
+    if (nullThread) {
+      thread = nullptr;
+    }
     run();
     subject = nullptr;
     run();
@@ -336,7 +360,9 @@ TEST_F(lockFaults, eventsWithoutWeakReferencesDoNotPileUpMemory) {
   setStack(thread, {"a.B.m", "a.B.n"});
   vm.fail("NewWeakGlobalRef");
   const auto heldAfter = [&](int events) {
-    for (int i = 0; i < events; ++i) contend(thread, lock, 1);
+    for (int i = 0; i < events; ++i) {
+      contend(thread, lock, 1);
+    }
     return blocksHeld.load();
   };
   const long first = heldAfter(200);
@@ -508,7 +534,9 @@ TEST_F(lockFaults, twoHundredSessionsHoldNoMoreThanOne) {
 TEST_F(lockFaults, hostileNamesGoThroughAWholeSession) {
   load("logLevel=4");
   std::string odd = "%s%n%99999d|=[]";
-  for (char c = 1; c < 32; ++c) odd += c;
+  for (char c = 1; c < 32; ++c) {
+    odd += c;
+  }
   odd += "\"\\\x7F\xC3\xA9\xED\xA0\xB4\xED\xB4\x9E\xC0\x80";
   fake::object* const oddLock = vm.makeObject(vm.makeClass(odd));
   fake::javaThread* const oddThread = vm.makeThread(odd);

@@ -22,7 +22,9 @@ TEST_F(lockLimits, lockFirstMetWithoutBudgetIsNeverRecorded) {
   load();
   beginSummary({.locks = 0});
   fake::javaThread* const thread = vm.makeThread("t");
-  for (int i = 0; i < 2; ++i) contend(thread, lock, 10);
+  for (int i = 0; i < 2; ++i) {
+    contend(thread, lock, 10);
+  }
   EXPECT_EQ(lockCount(), 0U);
   EXPECT_EQ(locksLeft(), -2) << "each entry counts down, also below zero";
   wait(thread, lock, 10);
@@ -72,7 +74,9 @@ TEST_F(lockLimits, lockWithoutThreadBudgetIsRecordedWithCountOneAndNeverCountsMo
   vm.contendedEnter(vm.makeThread("t"), lock);
   EXPECT_EQ(lockBeanOf(lock)->count, 1U);
   locks()->setState(agent::kLockDetail);  // without the ranking, which would reset the count
-  for (int i = 0; i < 3; ++i) contend(vm.makeThread("t"), lock);
+  for (int i = 0; i < 3; ++i) {
+    contend(vm.makeThread("t"), lock);
+  }
   EXPECT_FALSE(lockBeanOf(lock)->hasThreads());
   EXPECT_EQ(lockBeanOf(lock)->count, 1U);
   EXPECT_EQ(minuteOf(lock, 0), 0U);
@@ -96,7 +100,9 @@ TEST_F(lockLimits, threadsPastTheBudgetOfALockAreNotCounted) {
   load();
   beginDetail({lock}, {.threadsPerLock = 2});
   for (int round = 0; round < 2; ++round) {
-    for (const char* name : {"one", "two", "three"}) contend(vm.makeThread(name), lock, 5);
+    for (const char* name : {"one", "two", "three"}) {
+      contend(vm.makeThread(name), lock, 5);
+    }
   }
   EXPECT_EQ(threadOf(lock, "one")->count, 2U);
   EXPECT_EQ(threadOf(lock, "two")->count, 2U);
@@ -150,7 +156,9 @@ TEST_F(lockLimits, knownOwnerGoesOnCountingWithoutBudget) {
   load();
   beginDetail({lock}, {.threads = 1});
   vm.setOwner(lock, vm.makeThread("first"));
-  for (int i = 0; i < 3; ++i) contend(vm.makeThread("t"), lock);
+  for (int i = 0; i < 3; ++i) {
+    contend(vm.makeThread("t"), lock);
+  }
   EXPECT_EQ(ownerOf(lock, "first")->blockingCount, 3U);
   EXPECT_EQ(ownersLeft(), 0);
 }
@@ -251,7 +259,9 @@ TEST_P(lockLimitsAllAt, selectedLockWithoutThreadsIsNotReported) {
   load();
   beginDetail({lock}, {.topLocks = -1, .threadsPerLock = limit, .threads = limit});
   vm.setOwner(lock, vm.makeThread("owner"));
-  for (int i = 0; i < 3; ++i) contend(vm.makeThread("t"), lock, 5);
+  for (int i = 0; i < 3; ++i) {
+    contend(vm.makeThread("t"), lock, 5);
+  }
   EXPECT_EQ(ownerNameOf(lock), "owner");
   EXPECT_FALSE(ownerOf(lock, "owner"));
   stopDetail();

@@ -37,7 +37,9 @@ class lockReport : public lockTest {
   }
   static std::vector<std::string> keysOf(const ordered_json& object) {
     std::vector<std::string> keys;
-    for (const auto& item : object.items()) keys.push_back(item.key());
+    for (const auto& item : object.items()) {
+      keys.push_back(item.key());
+    }
     return keys;
   }
   // The report's text without the blanks between its tokens.
@@ -46,8 +48,12 @@ class lockReport : public lockTest {
     bool quoted = false;
     char last = 0;
     for (const char c : readFile(reportPath())) {
-      if (c == '"' && last != '\\') quoted = !quoted;
-      if (quoted || (c != ' ' && c != '\n')) text += c;
+      if (c == '"' && last != '\\') {
+        quoted = !quoted;
+      }
+      if (quoted || (c != ' ' && c != '\n')) {
+        text += c;
+      }
       last = last == '\\' ? 0 : c;
     }
     return text;
@@ -182,7 +188,9 @@ TEST_F(lockReport, locksComeInTheOrderOfTheirBlockTimeAtTheRanking) {
     contend(worker, each, time);
   }
   startDetail();
-  for (agent::lockBean* const each : locks()->store()->locksByName()) each->countEntry("t", 0);
+  for (agent::lockBean* const each : locks()->store()->locksByName()) {
+    each->countEntry("t", 0);
+  }
   EXPECT_THAT(keysOf(finish()["lockmap"]),
               ElementsAre(StartsWith("L2@"), StartsWith("L5@"), StartsWith("L9@")));
 }
@@ -318,7 +326,9 @@ TEST_F(lockReport, stackHashesAreInNumericOrderWithEmptyTexts) {
   }
   const ordered_json map = finish()["stacktracemap"];
   EXPECT_THAT(keysOf(map), ElementsAre("20", "100", "18446744073709551615"));
-  for (const auto& item : map.items()) EXPECT_EQ(item.value(), "");
+  for (const auto& item : map.items()) {
+    EXPECT_EQ(item.value(), "");
+  }
 }
 
 // --- The graph.
@@ -386,7 +396,9 @@ TEST_F(lockReport, lockNameIsEscapedAsAMemberAndAsAnId) {
 TEST_F(lockReport, everyByteOfANameIsWrittenByItsRule) {
   load();
   std::string name;
-  for (char c = 1; c < 32; ++c) name += c;
+  for (char c = 1; c < 32; ++c) {
+    name += c;
+  }
   name += "\"\\/~\x7F\xC3\xA9\xE2\x82\xAC";
   beginDetail({lock});
   contend(vm.makeThread(name), lock);
@@ -545,7 +557,9 @@ TEST_F(lockReport, secondReportHasNoOwnersAndNoLocksButTheHashes) {
 TEST_F(lockReport, ownersAreThoseOfItsOwnSession) {
   for (const bool stops : {false, true}) {
     SCOPED_TRACE(stops);
-    if (!locks()) load("logLevel=1");
+    if (!locks()) {
+      load("logLevel=1");
+    }
     fake::object* const other = vm.makeObject("b.Lock");
     beginDetailWithOwner(lock, owner, worker);
     if (stops) {
@@ -647,7 +661,9 @@ TEST_F(lockReport, fifoInPlaceOfTheReportIsRefused) {
     const int reader = isRead ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
     beginDetail({lock});
     EXPECT_EQ(stopProfiling(path), 1);
-    if (reader >= 0) ::close(reader);
+    if (reader >= 0) {
+      ::close(reader);
+    }
   }
   EXPECT_THAT(errors(), ElementsAre(AllOf(HasSubstr(path), HasSubstr("regular file")),
                                     AllOf(HasSubstr(path), HasSubstr("regular file"))));
@@ -725,7 +741,9 @@ TEST_F(lockReport, twoSessionsInARowGiveTwoReports) {
   load();
   for (int session = 1; session <= 2; ++session) {
     beginDetail({lock}, {.id = session});
-    for (int i = 0; i < session; ++i) contend(worker, lock);
+    for (int i = 0; i < session; ++i) {
+      contend(worker, lock);
+    }
     stopDetail();
     stopSummary();
     const ordered_json all = finish();

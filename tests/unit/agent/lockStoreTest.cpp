@@ -44,7 +44,9 @@ TEST(countdownTest, givesAsManyAsItHoldsAndGoesBelowZero) {
 
 TEST(countdownTest, neverComesBackFromFarBelowZero) {
   countdown budget(std::numeric_limits<std::int32_t>::min());
-  for (int i = 0; i < 3; ++i) EXPECT_FALSE(budget.take());
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_FALSE(budget.take());
+  }
   EXPECT_LT(budget.value(), 0);
 }
 
@@ -100,7 +102,9 @@ TEST(lockBeanTest, graphReachesToTheLatestMinuteWithAnEntry) {
 
 TEST(lockBeanTest, knownThreadTakesNoSlot) {
   lockBean bean("a.Lock@1", 1);
-  for (int i = 0; i < 3; ++i) ASSERT_NE(bean.countEntry("same", 0), nullptr);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_NE(bean.countEntry("same", 0), nullptr);
+  }
   EXPECT_EQ(bean.threadSlotsLeft, 0);
   EXPECT_EQ(bean.findThread("same")->count, 3U);
 }
@@ -208,11 +212,15 @@ TEST_F(lockStoreTest, secondMakerGetsTheRecordOfTheFirst) {
 
 TEST_F(lockStoreTest, locksComeInTheByteOrderOfTheirNames) {
   lockStore store(settings(10));
-  for (const char* name : {"b", "\xC3\xA9", "B", "a"}) store.recordLock(named(name), 1);
+  for (const char* name : {"b", "\xC3\xA9", "B", "a"}) {
+    store.recordLock(named(name), 1);
+  }
   store.recordLock(named("a"), 10);
   store.recordLock(named("a"), -1);
   std::vector<std::string> names;
-  for (const lockBean* each : store.locksByName()) names.push_back(each->lockName);
+  for (const lockBean* each : store.locksByName()) {
+    names.push_back(each->lockName);
+  }
   EXPECT_THAT(names, ElementsAre("B@1", "a@-1", "a@1", "a@10", "b@1", "\xC3\xA9@1"));
 }
 
@@ -270,7 +278,9 @@ TEST_F(lockStoreTest, lookupsAreRightWhileOthersInsert) {
     store.addStackTrace(static_cast<std::uint64_t>(hash), "at a()\n");
   }
   done = true;
-  for (std::thread& each : readers) each.join();
+  for (std::thread& each : readers) {
+    each.join();
+  }
   EXPECT_EQ(store.locksByName().size(), static_cast<std::size_t>(kLocks));
   EXPECT_EQ(store.stackHashes().size(), static_cast<std::size_t>(kLocks));
 }

@@ -13,7 +13,9 @@ void lockTest::setStack(fake::javaThread* thread, const std::vector<std::string>
 
 void lockTest::setDeepStack(fake::javaThread* thread, int depth, int first) {
   std::vector<std::string> frames;
-  for (int i = 0; i < depth; ++i) frames.push_back("deep.C.m" + std::to_string(first + i));
+  for (int i = 0; i < depth; ++i) {
+    frames.push_back("deep.C.m" + std::to_string(first + i));
+  }
   setStack(thread, frames);
 }
 
@@ -37,7 +39,9 @@ agent::threadBean* lockTest::threadOf(fake::object* lock, std::string_view threa
 
 agent::stackTraceBeans lockTest::tracesOf(fake::object* lock, std::string_view threadName) {
   agent::threadBean* const thread = threadOf(lock, threadName);
-  if (thread == nullptr) return {};
+  if (thread == nullptr) {
+    return {};
+  }
   const support::lockGuard guard(thread->stackMutex);
   return thread->stacktracebean;
 }
@@ -51,23 +55,31 @@ std::uint32_t lockTest::minuteOf(fake::object* lock, std::size_t slot) {
 std::optional<agent::blockingThreadBean> lockTest::ownerOf(fake::object* lock,
                                                            std::string_view owner) {
   const auto top = locks()->findTopLock(nameOf(lock));
-  if (!top) return std::nullopt;
+  if (!top) {
+    return std::nullopt;
+  }
   const support::lockGuard guard(top->mutex);
   const auto found = top->blockingThreads.find(owner);
-  if (found == top->blockingThreads.end()) return std::nullopt;
+  if (found == top->blockingThreads.end()) {
+    return std::nullopt;
+  }
   return found->second;
 }
 
 std::string lockTest::ownerNameOf(fake::object* lock) {
   const auto top = locks()->findTopLock(nameOf(lock));
-  if (!top) return "(not selected)";
+  if (!top) {
+    return "(not selected)";
+  }
   const support::lockGuard guard(top->mutex);
   return top->ownerName;
 }
 
 std::string textOfStack(const std::vector<std::string>& frames) {
   std::string text;
-  for (const std::string& each : frames) text += "at " + each + "()\n";
+  for (const std::string& each : frames) {
+    text += "at " + each + "()\n";
+  }
   return text;
 }
 

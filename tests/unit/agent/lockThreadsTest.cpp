@@ -32,14 +32,17 @@ class lockThreads : public lockTest {
         body(i, java);
       }));
     }
-    for (const auto& each : threads) each->join();
+    for (const auto& each : threads) {
+      each->join();
+    }
   }
   static std::string nameOfThread(int i) { return "T" + std::to_string(i); }
 
   std::vector<fake::object*> makeLocks(int count) {
     std::vector<fake::object*> made;
-    for (int i = 0; i < count; ++i)
+    for (int i = 0; i < count; ++i) {
       made.push_back(vm.makeObject("L" + std::to_string(i) + ".Lock"));
+    }
     return made;
   }
 };
@@ -50,7 +53,9 @@ TEST_F(lockThreads, summaryCountsEveryEntryOfKnownAndNewLocks) {
   beginSummary();
   onThreads([&](int, fake::javaThread* thread) {
     for (int round = 0; round < kRounds; ++round) {
-      for (fake::object* const each : all) contend(thread, each);
+      for (fake::object* const each : all) {
+        contend(thread, each);
+      }
     }
   });
   for (fake::object* const each : all) {
@@ -65,7 +70,9 @@ TEST_F(lockThreads, detailCountsEveryEntryByLockThreadMinuteAndStack) {
   onThreads([&](int index, fake::javaThread* thread) {
     setStack(thread, {"a.B.m" + std::to_string(index)});
     for (int round = 0; round < kRounds; ++round) {
-      for (fake::object* const each : all) contend(thread, each);
+      for (fake::object* const each : all) {
+        contend(thread, each);
+      }
     }
   });
   for (fake::object* const each : all) {
@@ -88,7 +95,9 @@ TEST_F(lockThreads, threadsOfOneNameShareExactCounts) {
   onThreads([&](int, fake::javaThread* thread) {
     vm.rename(thread, "shared");
     setStack(thread, {"a.B.m"});
-    for (int round = 0; round < kRounds; ++round) contend(thread, lock);
+    for (int round = 0; round < kRounds; ++round) {
+      contend(thread, lock);
+    }
   });
   EXPECT_EQ(threadOf(lock, "shared")->count, static_cast<std::uint32_t>(kThreads * kRounds));
   EXPECT_EQ(tracesOf(lock, "shared").begin()->second.count,
@@ -131,7 +140,9 @@ TEST_F(lockThreads, ownersAreCountedExactly) {
   beginDetail({lock});
   vm.setOwner(lock, vm.makeThread("owner"));
   onThreads([&](int, fake::javaThread* thread) {
-    for (int round = 0; round < kRounds; ++round) contend(thread, lock);
+    for (int round = 0; round < kRounds; ++round) {
+      contend(thread, lock);
+    }
   });
   EXPECT_EQ(ownerOf(lock, "owner")->blockingCount, static_cast<std::uint32_t>(kThreads * kRounds));
 }
@@ -154,10 +165,14 @@ TEST_F(lockThreads, budgetOfThreadsIsNeverOverdrawn) {
   fake::object* const lock = makeLocks(1).front();
   beginDetail({lock}, {.threadsPerLock = 3});
   onThreads([&](int, fake::javaThread* thread) {
-    for (int round = 0; round < kRounds; ++round) contend(thread, lock);
+    for (int round = 0; round < kRounds; ++round) {
+      contend(thread, lock);
+    }
   });
   std::uint32_t threads = 0;
-  for (int i = 0; i < kThreads; ++i) threads += threadOf(lock, nameOfThread(i)) != nullptr ? 1 : 0;
+  for (int i = 0; i < kThreads; ++i) {
+    threads += threadOf(lock, nameOfThread(i)) != nullptr ? 1 : 0;
+  }
   EXPECT_EQ(threads, 3U);
   EXPECT_EQ(lockBeanOf(lock)->count, static_cast<std::uint32_t>(3 * kRounds));
 }
@@ -209,7 +224,9 @@ TEST_F(lockThreads, sessionsRunThroughAllPhasesUnderLiveContention) {
   load("logLevel=1");
   const std::vector<fake::object*> all = makeLocks(4);
   fake::javaThread* const owner = vm.makeThread("owner");
-  for (fake::object* const each : all) vm.setOwner(each, owner);
+  for (fake::object* const each : all) {
+    vm.setOwner(each, owner);
+  }
   std::atomic<bool> done{false};
   std::thread contenders([&] {
     onThreads([&](int index, fake::javaThread* thread) {
@@ -228,7 +245,9 @@ TEST_F(lockThreads, sessionsRunThroughAllPhasesUnderLiveContention) {
     EXPECT_EQ(startProfiling({.id = session}), 1);
     startSummary();
     startDetail();
-    if (session % 2 == 0) startDetail();
+    if (session % 2 == 0) {
+      startDetail();
+    }
     stopDetail();
     stopSummary();
     EXPECT_EQ(stopProfiling(), 1);
@@ -240,7 +259,9 @@ TEST_F(lockThreads, sessionsRunThroughAllPhasesUnderLiveContention) {
 
   beginDetail({all.front()}, {.id = 1000});
   onThreads([&](int, fake::javaThread* thread) {
-    for (int round = 0; round < kRounds; ++round) contend(thread, all.front());
+    for (int round = 0; round < kRounds; ++round) {
+      contend(thread, all.front());
+    }
   });
   EXPECT_EQ(lockBeanOf(all.front())->count, static_cast<std::uint32_t>(kThreads * kRounds))
       << "and the next session counts exactly";
@@ -259,7 +280,9 @@ TEST_F(lockThreads, newSettingsDuringEventsLoseNothingOfTheLastSession) {
       }
     });
   });
-  for (int session = 0; session < 100; ++session) beginSummary({.id = session, .locks = 2});
+  for (int session = 0; session < 100; ++session) {
+    beginSummary({.id = session, .locks = 2});
+  }
   done = true;
   contenders.join();
   EXPECT_LE(locks()->store()->lockCount(), 2U);
@@ -279,7 +302,9 @@ TEST_F(lockThreads, rankingDuringEventsKeepsCountsWithinWhatHappened) {
     vm.detach();
   });
   onThreads([&](int, fake::javaThread* thread) {
-    for (int round = 0; round < kRounds; ++round) contend(thread, lock);
+    for (int round = 0; round < kRounds; ++round) {
+      contend(thread, lock);
+    }
   });
   done = true;
   ranker.join();
@@ -347,7 +372,9 @@ class lockThreadsStuck : public lockThreads, public ::testing::WithParamInterfac
     setStack(stuck, {"a.B.m", "a.B.n"});
     std::atomic<bool> once{false};
     vm.on(GetParam(), [&](const fake::call&) {
-      if (vm.currentThread() != stuck || once.exchange(true)) return;
+      if (vm.currentThread() != stuck || once.exchange(true)) {
+        return;
+      }
       reached.count_down();
       release.wait();
     });

@@ -49,7 +49,9 @@ constexpr std::size_t kLongestRecord = 4095;  // of 4096, one for the terminator
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> all;
   std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) all.push_back(line);
+  for (std::string line; std::getline(stream, line);) {
+    all.push_back(line);
+  }
   return all;
 }
 
@@ -83,7 +85,9 @@ class agentLog : public test::agentTest {
   // Adds records to the file in use, which now holds `held` bytes, until it holds `wanted`.
   void fillTo(std::size_t held, std::size_t wanted) {
     constexpr std::size_t kStep = 4000;
-    for (; wanted - held >= 2 * kStep; held += kStep) writeRecord(kStep);
+    for (; wanted - held >= 2 * kStep; held += kStep) {
+      writeRecord(kStep);
+    }
     const std::size_t half = (wanted - held) / 2;  // both fit and hold at least a fixed part
     writeRecord(half);
     writeRecord(wanted - held - half);
@@ -248,7 +252,9 @@ TEST_F(agentLog, theSourceIsNamedWithoutItsFolders) {
     twAprLib::write(nullptr, 0, "NATIVE_AGENT", "Error", source, 1, "f", "x");
   }
   std::vector<std::string> names;
-  for (const test::logRecord& each : log()) names.push_back(each.sourceFile);
+  for (const test::logRecord& each : log()) {
+    names.push_back(each.sourceFile);
+  }
   EXPECT_THAT(names, ElementsAre("one.cpp", "two.cpp", "", ""));
 }
 
@@ -276,7 +282,9 @@ TEST_F(agentLog, aRecordThatJustFitsIsWhole) {
   std::vector<char> ends;
   std::vector<std::size_t> lengths;
   for (const std::string& each : messages("Error")) {
-    if (each.empty()) continue;
+    if (each.empty()) {
+      continue;
+    }
     ends.push_back(each.back());
     lengths.push_back(each.size() + fixed);
   }
@@ -435,7 +443,9 @@ TEST_F(agentLog, recordsOfManyThreadsStayWholeOverARotation) {
       }
     });
   }
-  for (std::thread& each : threads) each.join();
+  for (std::thread& each : threads) {
+    each.join();
+  }
 
   ASSERT_THAT(logFiles(), SizeIs(2));
   const std::regex whole("<([0-9.]+)-{100}([0-9.]+)>");
@@ -444,7 +454,9 @@ TEST_F(agentLog, recordsOfManyThreadsStayWholeOverARotation) {
     EXPECT_THAT(test::readFile(file), StartsWith(kHeader));
     for (const std::string& line : lines(test::readFile(file))) {
       const std::size_t message = line.rfind("|<");
-      if (message == std::string::npos) continue;
+      if (message == std::string::npos) {
+        continue;
+      }
       const std::string text = line.substr(message + 1);
       std::smatch parts;
       EXPECT_TRUE(std::regex_match(text, parts, whole)) << text;
@@ -453,7 +465,9 @@ TEST_F(agentLog, recordsOfManyThreadsStayWholeOverARotation) {
     }
   }
   EXPECT_EQ(seen.size(), kThreads * kRecords);
-  for (const auto& [name, times] : seen) EXPECT_EQ(times, 1) << name;
+  for (const auto& [name, times] : seen) {
+    EXPECT_EQ(times, 1) << name;
+  }
 }
 
 TEST_F(agentLog, aFreshFileGetsOneHeaderFromManyThreads) {
@@ -466,7 +480,9 @@ TEST_F(agentLog, aFreshFileGetsOneHeaderFromManyThreads) {
       write("one");
     });
   }
-  for (std::thread& each : threads) each.join();
+  for (std::thread& each : threads) {
+    each.join();
+  }
   ASSERT_THAT(logFiles(), SizeIs(1));
   const std::vector<std::string> all = lines(test::readFile(logFiles()[0]));
   EXPECT_EQ(std::count(all.begin(), all.end(), std::string(kHeader, std::strlen(kHeader) - 1)), 1);
@@ -632,7 +648,9 @@ TEST_F(folderMaker, keepsThirtyPieces) {
   for (int i = 0; i < 40; ++i) {
     path += static_cast<char>('A' + i);
     path += '/';
-    if (i < 30) longest += static_cast<char>('A' + i);
+    if (i < 30) {
+      longest += static_cast<char>('A' + i);
+    }
   }
   EXPECT_EQ(twAprUtility::mkdir_ex(path), 1);
   EXPECT_THAT(made(), SizeIs(30));
@@ -641,7 +659,9 @@ TEST_F(folderMaker, keepsThirtyPieces) {
 
 TEST_F(folderMaker, thirtyPiecesWithoutASlashAtTheEndMake29) {
   std::string path;
-  for (int i = 0; i < 40; ++i) path += std::string(1, static_cast<char>('A' + i)) + "/";
+  for (int i = 0; i < 40; ++i) {
+    path += std::string(1, static_cast<char>('A' + i)) + "/";
+  }
   path.pop_back();
   EXPECT_EQ(twAprUtility::mkdir_ex(path), 1);
   EXPECT_THAT(made(), SizeIs(29));

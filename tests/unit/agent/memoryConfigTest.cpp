@@ -60,7 +60,9 @@ TEST_F(memoryConfig, filtersAreNotLogged) {
          .excludePackages = "filterB",
          .includeClasses = "filterC",
          .includePackages = "filterD"});
-  for (const logRecord& each : log()) EXPECT_THAT(each.message, Not(HasSubstr("filter")));
+  for (const logRecord& each : log()) {
+    EXPECT_THAT(each.message, Not(HasSubstr("filter")));
+  }
 }
 
 TEST_F(memoryConfig, aNameThatLooksLikeAFormatIsLoggedAsItIs) {

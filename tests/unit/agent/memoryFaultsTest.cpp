@@ -37,10 +37,14 @@ class memoryFaults : public memoryTest {
  protected:
   // A session with two classes in two generations, ready to be stopped.
   void beginScene() {
-    if (!memory()) load("logLevel=3");
+    if (!memory()) {
+      load("logLevel=3");
+    }
     start();
     memory()->setGcCounter(1);
-    for (fake::object* const each : scene_) vm.collect(each);
+    for (fake::object* const each : scene_) {
+      vm.collect(each);
+    }
     scene_ = {tagged("p.A", 16), tagged("p.B", 32), tagged("p.A", 16)};
     collect();
     scene_.push_back(tagged("p.A", 16));
@@ -76,7 +80,9 @@ TEST_F(memoryFaults, theScansSceneIsReported) {
 // The fixture reports what is still held afterwards, and any pending exception.
 TEST_F(memoryFaults, everyRefusedCallOfAStopIsSurvivedAndTheNextStopIsWhole) {
   for (const auto& [call, count] : callsOfAStop()) {
-    if (cannotFail(call)) continue;
+    if (cannotFail(call)) {
+      continue;
+    }
     for (unsigned from = 1; from <= count; ++from) {
       for (const unsigned times : {1U, fake::failure::kAlways}) {
         SCOPED_TRACE(call + " refused at time " + std::to_string(from) +
@@ -110,7 +116,9 @@ TEST_F(memoryFaults, everyExceptionUnderWayEndsTheStopWith0AndOneError) {
       const std::size_t saidBefore = errors().size();
       unsigned n = 0;
       vm.on(call, [&] {
-        if (++n == at) throw std::bad_alloc();
+        if (++n == at) {
+          throw std::bad_alloc();
+        }
       });
       EXPECT_EQ(stop(), 0);
       vm.off(call);
@@ -270,7 +278,9 @@ TEST_F(memoryFaults, taggingNullCallsTheVmForNothing) {
 TEST_F(memoryFaults, everyRefusedCallOfATagIsSurvived) {
   for (const char* const call : {"GetTag", "SetTag", "DeleteGlobalRef"}) {
     SCOPED_TRACE(call);
-    if (!memory()) begin();
+    if (!memory()) {
+      begin();
+    }
     fake::object* const one = object("p.A");
     vm.fail(call, {.times = 1});
     tag(one);

@@ -32,7 +32,9 @@ class memoryReport : public memoryTest {};
 
 agent::classQueue queueOf(std::vector<std::pair<std::string, agent::classRecord>> classes) {
   agent::classQueue queue;
-  for (auto& [name, record] : classes) queue.push({name, std::move(record)});
+  for (auto& [name, record] : classes) {
+    queue.push({name, std::move(record)});
+  }
   return queue;
 }
 
@@ -212,7 +214,9 @@ TEST_P(meanwhile, anObjectThatDiesMeanwhileIsNotReported) {
   fake::object* const dying = tagged("p.Dying");
   collect();
   vm.on(GetParam(), [&] {
-    if (!dying->collected) vm.collect(dying);
+    if (!dying->collected) {
+      vm.collect(dying);
+    }
   });
   EXPECT_EQ(stop(), 1);
   EXPECT_THAT(classes(), ElementsAre("p.Alive"));
@@ -224,7 +228,9 @@ TEST_P(meanwhile, anObjectTaggedAnewMeanwhileIsOfTheCurrentGeneration) {
   collect();
   bool tagging = true;
   vm.on(GetParam(), [&] {
-    if (std::exchange(tagging, false)) tag(one);
+    if (std::exchange(tagging, false)) {
+      tag(one);
+    }
   });
   EXPECT_EQ(stop(), 1);
   EXPECT_EQ(one->tag, 2);
@@ -242,7 +248,9 @@ TEST_F(memoryReport, anUnloadedClassIsNotReported) {
   tagged("p.Alive");
   collect();
   vm.on("IterateThroughHeap", [&] {
-    if (!guest->collected) vm.unload(guest);
+    if (!guest->collected) {
+      vm.unload(guest);
+    }
   });
   EXPECT_EQ(stop(), 1);
   EXPECT_THAT(classes(), ElementsAre("p.Alive"));
@@ -336,7 +344,9 @@ TEST_F(oneQuery, reportsTheSameByteForByte) {
   begin({.id = 5, .topClasses = 12, .excludeClasses = "p.C3", .includeClasses = "p.C5"});
   for (int i = 0; i < 500; ++i) {
     tagged("p.C" + std::to_string(i * 7 % 23), 8 * (1 + i % 5));
-    if (i % 11 == 0) collect(1 + i % 3);
+    if (i % 11 == 0) {
+      collect(1 + i % 3);
+    }
   }
   tagged("[Lp.C1;", 400);
   tagged("p.Empty", 0);
@@ -465,7 +475,9 @@ TEST_F(memoryReport, theNumberZeroReportsNoClass) {
 
 TEST_F(memoryReport, aNegativeNumberReportsEveryClass) {
   begin({.topClasses = INT32_MIN});
-  for (int i = 0; i < 20; ++i) tagged("p.C" + std::to_string(i));
+  for (int i = 0; i < 20; ++i) {
+    tagged("p.C" + std::to_string(i));
+  }
   collect();
   stop();
   EXPECT_EQ(classes().size(), 20U);
@@ -652,7 +664,9 @@ TEST_F(memoryReport, aFifoAsPathGives0AndOneError) {
     tagged("p.A");
     collect();
     EXPECT_EQ(stop(path), 0);
-    if (reader >= 0) ::close(reader);
+    if (reader >= 0) {
+      ::close(reader);
+    }
     start();
   }
   EXPECT_THAT(errors(), ElementsAre(AllOf(HasSubstr(path), HasSubstr("regular file")),
@@ -676,7 +690,9 @@ TEST_F(memoryReport, classesOfAReportThatWasNotWrittenNeverTurnUpInTheNext) {
        {std::string(), folder().string(), std::string("/nowhere/report")}) {
     SCOPED_TRACE(path);
     agent::getRegistry();
-    if (!memory()) begin();
+    if (!memory()) {
+      begin();
+    }
     fake::object* const lost = tagged("p.Lost");
     collect();
     EXPECT_EQ(stop(path), 0);

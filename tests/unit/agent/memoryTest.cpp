@@ -35,7 +35,9 @@ void memoryTest::tag(fake::object* object) {
 }
 
 void memoryTest::collect(int times) {
-  for (int i = 0; i < times; ++i) vm.garbageCollectionFinish();
+  for (int i = 0; i < times; ++i) {
+    vm.garbageCollectionFinish();
+  }
 }
 
 void memoryTest::begin(const memorySession& session, const char* options) {
@@ -60,7 +62,9 @@ fake::object* memoryTest::tagged(std::string_view className, jlong size) {
 std::vector<std::string> memoryTest::classes() const {
   std::vector<std::string> names;
   const nlohmann::ordered_json root = report();
-  for (const auto& each : root.at("topNMemoryleakClass").items()) names.push_back(each.key());
+  for (const auto& each : root.at("topNMemoryleakClass").items()) {
+    names.push_back(each.key());
+  }
   return names;
 }
 
@@ -81,7 +85,9 @@ std::vector<std::string> memoryTest::survivors(const std::string& name) const {
 std::vector<std::string> memoryTest::linesOf(std::string_view function) const {
   std::vector<std::string> lines;
   for (const logRecord& each : log()) {
-    if (each.function == function) lines.push_back(each.severity + ": " + each.message);
+    if (each.function == function) {
+      lines.push_back(each.severity + ": " + each.message);
+    }
   }
   return lines;
 }

@@ -32,7 +32,9 @@ class memoryThreads : public memoryTest {
             body(i);
           }));
     }
-    for (const auto& each : threads) each->join();
+    for (const auto& each : threads) {
+      each->join();
+    }
   }
 
   // Objects of a class for each thread, "p.T0" and so on.
@@ -55,7 +57,9 @@ TEST_F(memoryThreads, everyObjectThatAnyThreadTaggedIsReported) {
   begin();
   makeObjects();
   onThreads([&](int i) {
-    for (fake::object* const each : objects_[static_cast<std::size_t>(i)]) tag(each);
+    for (fake::object* const each : objects_[static_cast<std::size_t>(i)]) {
+      tag(each);
+    }
   });
   collect();
   EXPECT_EQ(stop(), 1);
@@ -71,12 +75,15 @@ TEST_F(memoryThreads, objectsTaggedDuringCollectionsAreReportedOnce) {
   std::atomic<bool> done{false};
   {
     fake::attachedThread collector(vm, "VM thread", [&](JNIEnv*) {
-      do collect();
-      while (!done);
+      do {
+        collect();
+      } while (!done);
     });
     onThreads([&](int i) {
       for (int round = 0; round < 3; ++round) {
-        for (fake::object* const each : objects_[static_cast<std::size_t>(i)]) tag(each);
+        for (fake::object* const each : objects_[static_cast<std::size_t>(i)]) {
+          tag(each);
+        }
       }
     });
     done = true;
@@ -102,7 +109,9 @@ TEST_F(memoryThreads, scansRunIntoTaggingAndCollections) {
   fake::attachedThread taggers(vm, "taggers", [&](JNIEnv*) {
     onThreads([&](int i) {
       for (int round = 0; round < 5; ++round) {
-        for (fake::object* const each : objects_[static_cast<std::size_t>(i)]) tag(each);
+        for (fake::object* const each : objects_[static_cast<std::size_t>(i)]) {
+          tag(each);
+        }
         collect();
       }
       --busy;
@@ -126,9 +135,13 @@ TEST_F(memoryThreads, settingsMayBeReplacedWhileCollectionsReadThem) {
   begin();
   std::atomic<bool> done{false};
   fake::attachedThread collector(vm, "VM thread", [&](JNIEnv*) {
-    while (!done) collect();
+    while (!done) {
+      collect();
+    }
   });
-  for (int id = 1; id <= 50; ++id) EXPECT_EQ(start({.id = id}), 1);
+  for (int id = 1; id <= 50; ++id) {
+    EXPECT_EQ(start({.id = id}), 1);
+  }
   done = true;
   collector.join();
   stop();
@@ -150,7 +163,9 @@ TEST_F(memoryThreads, unloadMeetsTaggingAndCollections) {
       }
     });
   });
-  while (under < kThreads) std::this_thread::yield();
+  while (under < kThreads) {
+    std::this_thread::yield();
+  }
   unload();
   users.join();
   EXPECT_EQ(memory(), nullptr);

@@ -134,7 +134,9 @@ TEST_F(monitorEvents, classesAndArraysCanBeLocks) {
   vm.contendedEnter(makeThread(), cls);
   vm.contendedEnter(makeThread(), array);
   std::vector<std::string> names;
-  for (const auto* each : locks()->store()->locksByName()) names.push_back(each->lockName);
+  for (const auto* each : locks()->store()->locksByName()) {
+    names.push_back(each->lockName);
+  }
   EXPECT_THAT(names, ElementsAre(StartsWith("[La.Type;@"), StartsWith("java.lang.Class@")));
 }
 
@@ -193,7 +195,9 @@ TEST_F(monitorEvents, summaryCountsEntriesAndBlockTimeOfEachLock) {
   fake::object* const hot = makeLock("hot.Lock");
   fake::object* const cold = makeLock("cold.Lock");
   beginSummary();
-  for (int i = 0; i < 3; ++i) contend(makeThread(), hot, 10);
+  for (int i = 0; i < 3; ++i) {
+    contend(makeThread(), hot, 10);
+  }
   contend(makeThread(), cold, 7);
   EXPECT_EQ(countOf(hot), 3U);
   EXPECT_EQ(lockBeanOf(hot)->totalBlockTime, 30U);
@@ -205,7 +209,9 @@ TEST_F(monitorEvents, summaryTakesNoStackTraceNoOwnerAndMakesNoThread) {
   load();
   fake::object* const lock = makeLock();
   beginSummary();
-  for (int i = 0; i < 3; ++i) contend(makeThread(), lock, 10);
+  for (int i = 0; i < 3; ++i) {
+    contend(makeThread(), lock, 10);
+  }
   EXPECT_EQ(vm.calls("GetStackTrace"), 0U);
   EXPECT_EQ(vm.calls("GetObjectMonitorUsage"), 0U);
   EXPECT_FALSE(lockBeanOf(lock)->hasThreads());
@@ -632,7 +638,9 @@ TEST_F(monitorEvents, waitOnAKnownLockCountsNothing) {
   fake::object* const lock = makeLock();
   beginSummary();
   contend(makeThread(), lock);
-  for (int i = 0; i < 3; ++i) wait(makeThread(), lock, 10);
+  for (int i = 0; i < 3; ++i) {
+    wait(makeThread(), lock, 10);
+  }
   EXPECT_EQ(countOf(lock), 1U);
 }
 
@@ -707,7 +715,9 @@ class handlerMessages : public monitorEvents, public ::testing::WithParamInterfa
   void expectSaid(const char* message) {
     std::vector<std::string> said;
     for (const logRecord& each : log()) {
-      if (each.severity != "Error") continue;
+      if (each.severity != "Error") {
+        continue;
+      }
       said.push_back(each.message);
       EXPECT_EQ(each.function, GetParam().function);
       EXPECT_THAT(each.sourceFile, StartsWith("mutexlockprofiler"));

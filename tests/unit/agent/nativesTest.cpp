@@ -81,7 +81,9 @@ class natives : public test::agentTest {
 
   // Collects so often that the next tag is `generation`.
   void reachGeneration(unsigned generation) {
-    while (getMemoryProfiler()->gcCounter() < generation) forceCollection();
+    while (getMemoryProfiler()->gcCounter() < generation) {
+      forceCollection();
+    }
   }
 };
 
@@ -119,7 +121,9 @@ class traceLines : public natives {
   void expectTraces(const std::string& id, const std::string& intId) {
     std::size_t next = 0;
     for (const test::logRecord& each : log()) {
-      if (each.function.find("TWNativeAgentProfiling") == std::string::npos) continue;
+      if (each.function.find("TWNativeAgentProfiling") == std::string::npos) {
+        continue;
+      }
       ASSERT_LT(next, kTraced.size());
       const traced& expected = kTraced[next++];
       const bool takesInt = std::string(expected.method) == "startMemoryLeaksProfileSession";
@@ -729,7 +733,9 @@ TEST_F(wholeSessions, surviveEveryFailingCall) {
   for (const std::string& function : functions) {
     SCOPED_TRACE(function);
     for (const bool throwing : {false, true}) {
-      if (throwing && !throwers.contains(function)) continue;
+      if (throwing && !throwers.contains(function)) {
+        continue;
+      }
       vm.fail(function, {.throwing = throwing});
       run();
       vm.succeed(function);

@@ -21,10 +21,14 @@ class objectCapture : public exceptionTest {
   // The text of an object that is a local of the frame with this index.
   std::string textOf(fake::object* value, int index = 0) {
     std::vector<fake::frame> stack;
-    for (int i = 0; i < index; ++i) stack.push_back(frameOf("a.Above.m"));
+    for (int i = 0; i < index; ++i) {
+      stack.push_back(frameOf("a.Above.m"));
+    }
     stack.push_back(frameOf("com.example.Shop.buy", {}, {{"v", "Ljava/lang/Object;", value}}));
     const std::string record = recordOf(stack);
-    if (record == kNothing) return record;
+    if (record == kNothing) {
+      return record;
+    }
     const std::string locals = framesIn(record).back().locals;
     const std::string before = "!%23v%3A10%3A";
     const std::string after = "!%23%2C";
@@ -242,7 +246,9 @@ TEST_F(objectCapture, cyclesEndAtTheDepth) {
   fake::object* const ring = vm.makeObject(type);
   vm.setField(ring, next, ring);
   std::string expected = nullField("next");
-  for (int i = 0; i < 5; ++i) expected = objectEntry("next", expected);
+  for (int i = 0; i < 5; ++i) {
+    expected = objectEntry("next", expected);
+  }
   EXPECT_EQ(textOf(ring), expected);
 }
 

@@ -48,7 +48,9 @@ Function* next(const char* name) {
 extern "C" {
 
 apr_status_t apr_initialize() {
-  if (failsNow("apr_initialize")) return APR_EGENERAL;
+  if (failsNow("apr_initialize")) {
+    return APR_EGENERAL;
+  }
   inInitialize = true;
   const apr_status_t status = next<decltype(apr_initialize)>("apr_initialize")();
   inInitialize = false;
@@ -57,22 +59,30 @@ apr_status_t apr_initialize() {
 
 apr_status_t apr_pool_create_ex(apr_pool_t** pool, apr_pool_t* parent, apr_abortfunc_t abort,
                                 apr_allocator_t* allocator) {
-  if (failsNow("apr_pool_create_ex")) return APR_ENOPOOL;
+  if (failsNow("apr_pool_create_ex")) {
+    return APR_ENOPOOL;
+  }
   return next<decltype(apr_pool_create_ex)>("apr_pool_create_ex")(pool, parent, abort, allocator);
 }
 
 apr_hash_t* apr_hash_make(apr_pool_t* pool) {
-  if (failsNow("apr_hash_make")) return nullptr;
+  if (failsNow("apr_hash_make")) {
+    return nullptr;
+  }
   return next<decltype(apr_hash_make)>("apr_hash_make")(pool);
 }
 
 apr_status_t apr_thread_cond_create(apr_thread_cond_t** condition, apr_pool_t* pool) {
-  if (failsNow("apr_thread_cond_create")) return APR_EGENERAL;
+  if (failsNow("apr_thread_cond_create")) {
+    return APR_EGENERAL;
+  }
   return next<decltype(apr_thread_cond_create)>("apr_thread_cond_create")(condition, pool);
 }
 
 apr_status_t apr_thread_mutex_create(apr_thread_mutex_t** mutex, unsigned flags, apr_pool_t* pool) {
-  if (failsNow("apr_thread_mutex_create")) return APR_EGENERAL;
+  if (failsNow("apr_thread_mutex_create")) {
+    return APR_EGENERAL;
+  }
   return next<decltype(apr_thread_mutex_create)>("apr_thread_mutex_create")(mutex, flags, pool);
 }
 
@@ -87,9 +97,15 @@ class startUp : public test::agentTest {
   // The profilers there are, in the order of their kinds.
   static std::string profilers() {
     std::string found;
-    if (agent::getMutexProfiler()) found += "lock ";
-    if (agent::getMemoryProfiler()) found += "memory ";
-    if (agent::getExceptionProfiler()) found += "exception ";
+    if (agent::getMutexProfiler()) {
+      found += "lock ";
+    }
+    if (agent::getMemoryProfiler()) {
+      found += "memory ";
+    }
+    if (agent::getExceptionProfiler()) {
+      found += "exception ";
+    }
     return found;
   }
 };

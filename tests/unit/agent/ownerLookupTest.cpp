@@ -46,7 +46,9 @@ TEST_F(sharedLooks, eventsThatComeBeforeALookHasBegunShareIt) {
   std::latch goOn(1);
   std::atomic<int> asked{0};
   vm.on("GetObjectMonitorUsage", [&] {
-    if (asked.fetch_add(1) != 0) return;
+    if (asked.fetch_add(1) != 0) {
+      return;
+    }
     firstAsks.count_down();
     goOn.wait();
   });
@@ -60,7 +62,9 @@ TEST_F(sharedLooks, eventsThatComeBeforeALookHasBegunShareIt) {
                        [&](JNIEnv*) { vm.contendedEnter(vm.currentThread(), lock); });
   }
   // All of them have come while the first look was under way, which they cannot use.
-  while (usersOfNewestLook() < kLater) std::this_thread::yield();
+  while (usersOfNewestLook() < kLater) {
+    std::this_thread::yield();
+  }
   goOn.count_down();
   first.join();
   later.clear();

@@ -392,14 +392,18 @@ class ownersLimit : public owners {
   // How many looks `entries` contended entries at one time make.
   std::uint64_t looksOf(int entries) {
     return asks([&] {
-      for (int i = 0; i < entries; ++i) vm.contendedEnter(b, lock);
+      for (int i = 0; i < entries; ++i) {
+        vm.contendedEnter(b, lock);
+      }
     });
   }
   // What the log says of those left out.
   std::vector<std::string> leftOut() const {
     std::vector<std::string> found;
     for (const std::string& each : messages("Trace")) {
-      if (each.find("lookups left out") != std::string::npos) found.push_back(each);
+      if (each.find("lookups left out") != std::string::npos) {
+        found.push_back(each);
+      }
     }
     return found;
   }
@@ -575,7 +579,9 @@ TEST_F(ownersLook, sharedLookThatNamesNobodyIsSaidByEachEntry) {
   load("logLevel=1");
   beginDetail({lock});
   lookOf(lock)->publish(agent::foundOwner{});
-  for (int i = 0; i < 2; ++i) vm.contendedEnter(b, lock);
+  for (int i = 0; i < 2; ++i) {
+    vm.contendedEnter(b, lock);
+  }
   EXPECT_THAT(errors(),
               ElementsAre("monitor usage owner not found", "monitor usage owner not found"));
 }
@@ -668,7 +674,9 @@ class ownersSimulation : public owners, public ::testing::WithParamInterface<uns
 TEST_P(ownersSimulation, givesWhatAskingTheVmEachTimeWouldGive) {
   load("logLevel=1");
   std::vector<fake::javaThread*> threads;
-  for (int i = 0; i < 6; ++i) threads.push_back(vm.makeThread("T" + std::to_string(i)));
+  for (int i = 0; i < 6; ++i) {
+    threads.push_back(vm.makeThread("T" + std::to_string(i)));
+  }
   beginDetail({lock});
   owner = threads[0];
   vm.setOwner(lock, owner);

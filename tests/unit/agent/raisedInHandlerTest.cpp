@@ -16,7 +16,9 @@ class asynchronousExceptions : public exceptionTest {
   // callback came to its sink, or, with `inSink`, after that.
   fake::object* sentAgain(fake::object* pending, bool inSink = false) {
     inCallback = [=](fake::invocation& call) {
-      if (inSink) sinkBegins(call.env);
+      if (inSink) {
+        sinkBegins(call.env);
+      }
       call.vm.throwInJava(pending);
     };
     recordOf({frameOf("a.A.m")});

@@ -34,14 +34,18 @@ class ranking : public lockTest {
     std::vector<std::string> names;
     for (auto queue = mutexLockProfiler::takeReportQueue(); !queue.empty(); queue.pop()) {
       names.push_back(classOf(queue.top().lockName));
-      if (times != nullptr) times->push_back(queue.top().blockTime);
+      if (times != nullptr) {
+        times->push_back(queue.top().blockTime);
+      }
     }
     return names;
   }
   std::vector<std::string> selected() {
     std::vector<std::string> names;
     for (fake::object* const each : all) {
-      if (locks()->findTopLock(nameOf(each))) names.push_back(each->type->name);
+      if (locks()->findTopLock(nameOf(each))) {
+        names.push_back(each->type->name);
+      }
     }
     return names;
   }

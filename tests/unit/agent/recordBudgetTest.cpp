@@ -59,7 +59,9 @@ TEST(recordBudget, textsAreCutBetweenCharacters) {
   const std::vector<std::string> characters{"a", two, three, pair, lone, "b", pair, pair, "c"};
   std::string all;
   std::vector<std::string> ends{""};
-  for (const std::string& each : characters) ends.push_back(all += each);
+  for (const std::string& each : characters) {
+    ends.push_back(all += each);
+  }
   for (std::size_t room = 6; room <= all.size(); ++room) {
     builder out(kAround + room);
     append(out, all);
@@ -122,11 +124,19 @@ TEST(recordBudget, whatIsOpenIsAlwaysClosed) {
     std::vector<std::size_t> opened;
     for (int depth = 0; depth < 4 && !out.isCut(); ++depth) {
       const std::size_t each = out.openObject("object");
-      if (each != builder::kNotOpen) opened.push_back(each);
+      if (each != builder::kNotOpen) {
+        opened.push_back(each);
+      }
     }
-    for (int i = 0; i < 20 && !out.isCut(); ++i) out.appendNumber("n", typeCode::integer, i);
-    for (; !opened.empty(); opened.pop_back()) out.closeObject(opened.back());
-    for (const char* mark : {"%42", "%43", "%44", "%7C"}) out.endSection(mark);
+    for (int i = 0; i < 20 && !out.isCut(); ++i) {
+      out.appendNumber("n", typeCode::integer, i);
+    }
+    for (; !opened.empty(); opened.pop_back()) {
+      out.closeObject(opened.back());
+    }
+    for (const char* mark : {"%42", "%43", "%44", "%7C"}) {
+      out.endSection(mark);
+    }
     EXPECT_LE(out.size(), limit);
     EXPECT_THAT(out.text(), EndsWith("%42%43%44%7C")) << limit;
   }
@@ -150,7 +160,9 @@ TEST(recordBudget, theTextNeverHasRoomForMuchMoreThanTheLimit) {
   for (const std::size_t limit :
        {std::size_t{4096}, std::size_t{1} << 20U, std::size_t{5} << 20U}) {
     builder out(limit);
-    while (!out.isCut()) append(out, std::string(5000, 'x'));
+    while (!out.isCut()) {
+      append(out, std::string(5000, 'x'));
+    }
     EXPECT_LE(out.text().capacity(), limit + 4096 + 8);
   }
 }
@@ -314,14 +326,18 @@ TEST_F(recordBudgets, theFieldsOfAClassAreAskedForOnceInARecord) {
 TEST_F(recordBudgets, theWalkStopsWhenItTakesTooLong) {
   begin(kVariables, "logLevel=1");
   fake::javaClass* const type = vm.makeClass("com.example.Wide");
-  for (int i = 0; i < 5000; ++i) vm.makeField(type, "f" + std::to_string(i), "I");
+  for (int i = 0; i < 5000; ++i) {
+    vm.makeField(type, "f" + std::to_string(i), "I");
+  }
   vm.on("GetIntField", [] {
     timespec now{};
     const auto nanos = [&] {
       ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
       return now.tv_sec * 1'000'000'000 + now.tv_nsec;
     };
-    for (const long begun = nanos(); nanos() - begun < 20'000;) continue;
+    for (const long begun = nanos(); nanos() - begun < 20'000;) {
+      continue;
+    }
   });
   vm.resetCalls();
   const std::string record =

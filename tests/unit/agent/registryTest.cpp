@@ -62,12 +62,16 @@ class registry : public test::agentTest {
   // The registry as Agent_OnLoad leaves it, with these profilers.
   void SetUp() override { getRegistry()->setEnvironment(vm.jvmti()); }
   void TearDown() override {
-    for (const std::int32_t kind : {0, 1, 2}) getRegistry()->removeProfiler(kind);
+    for (const std::int32_t kind : {0, 1, 2}) {
+      getRegistry()->removeProfiler(kind);
+    }
     agent::freeRegistry();
     agentTest::TearDown();
   }
   static void create(std::initializer_list<std::int32_t> kinds) {
-    for (const std::int32_t kind : kinds) getRegistry()->createProfiler(kind);
+    for (const std::int32_t kind : kinds) {
+      getRegistry()->createProfiler(kind);
+    }
   }
   void expectEvents(std::vector<fake::eventMode> expected) {
     EXPECT_TRUE(vm.eventModes() == expected);
@@ -219,7 +223,9 @@ TEST_F(registry, theExceptionProfilerInstallsOneHandler) {
 
 TEST_F(registry, switchingOneNeverRemovesTheHandlersOfAnother) {
   create(kAllKinds);
-  for (const std::int32_t kind : {2, 0, 1}) getRegistry()->switchProfiler(kind, true);
+  for (const std::int32_t kind : {2, 0, 1}) {
+    getRegistry()->switchProfiler(kind, true);
+  }
   const jvmtiEventCallbacks all = vm.callbacks();
   EXPECT_NE(all.VMInit, nullptr);
   EXPECT_NE(all.MonitorContendedEnter, nullptr);
@@ -354,7 +360,9 @@ TEST_F(registry, withoutAnEnvironmentNoCapabilityIsAdded) {
 TEST_F(registry, withoutAnEnvironmentSetEventCallbacksDoesNothing) {
   create(kAllKinds);
   getRegistry()->setEnvironment(nullptr);
-  for (const std::int32_t kind : kAllKinds) getRegistry()->switchProfiler(kind, true);
+  for (const std::int32_t kind : kAllKinds) {
+    getRegistry()->switchProfiler(kind, true);
+  }
   EXPECT_TRUE(same(getRegistry()->callbacks, jvmtiEventCallbacks{}));
   EXPECT_EQ(getMutexProfiler()->state(), 1);
   EXPECT_TRUE(getMutexProfiler()->enabled());
@@ -365,7 +373,9 @@ TEST_F(registry, withoutAnEnvironmentSetProfilerEventModeDoesNothing) {
   create(kAllKinds);
   getMutexProfiler()->setState(agent::kLockProfiling);
   getRegistry()->setEnvironment(nullptr);
-  for (const std::int32_t kind : kAllKinds) getRegistry()->find(kind)->setProfilerEventMode(true);
+  for (const std::int32_t kind : kAllKinds) {
+    getRegistry()->find(kind)->setProfilerEventMode(true);
+  }
   EXPECT_EQ(getMemoryProfiler()->state(), 6);
   EXPECT_EQ(getExceptionProfiler()->state(), 8);
   EXPECT_THAT(vm.callNames(), IsEmpty());
@@ -522,7 +532,9 @@ TEST_F(registry, isReadWhileItChanges) {
     create({kind});
   }
   done = true;
-  for (std::thread& each : readers) each.join();
+  for (std::thread& each : readers) {
+    each.join();
+  }
 }
 
 }  // namespace

@@ -69,7 +69,9 @@ TEST_F(stackFile, linesAreInTheNumericOrderOfTheHashes) {
   load();
   beginDetail({lock});
   const auto store = locks()->store();
-  for (const std::uint64_t hash : {100U, 9U, 20U}) store->addStackTrace(hash, "at a()\n");
+  for (const std::uint64_t hash : {100U, 9U, 20U}) {
+    store->addStackTrace(hash, "at a()\n");
+  }
   store->addStackTrace(~std::uint64_t{0}, "at z()\n");
   stopProfiling();
   EXPECT_THAT(stackLines(), ElementsAre("9=[at a()]", "20=[at a()]", "100=[at a()]",
@@ -215,7 +217,9 @@ TEST_F(stackFile, fifoInPlaceOfTheFileIsRefused) {
     const int reader = isRead ? ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC) : -1;
     see({isRead ? "a.A.x" : "a.A.y"});
     locks()->dumpStackInFile(*locks()->store());
-    if (reader >= 0) ::close(reader);
+    if (reader >= 0) {
+      ::close(reader);
+    }
   }
   std::vector<std::string> said = errors();
   std::erase(said, "monitor usage owner not found");

@@ -90,7 +90,9 @@ TEST_F(stackTrace, sameMethodsInAnotherOrderOrNumberAreAnotherTrace) {
   for (int round = 0; round < 2; ++round) {
     for (const auto& stack : stacks) {
       std::vector<fake::frame> frames;
-      for (fake::method* const each : stack) frames.push_back({.code = each, .location = round});
+      for (fake::method* const each : stack) {
+        frames.push_back({.code = each, .location = round});
+      }
       thread->setFrames(std::move(frames));
       vm.contendedEnter(thread, lock);
     }

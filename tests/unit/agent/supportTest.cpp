@@ -49,7 +49,9 @@ void onThreads(int count, Body&& body) {
       body(i);
     });
   }
-  for (std::thread& each : threads) each.join();
+  for (std::thread& each : threads) {
+    each.join();
+  }
 }
 
 // --- Text ------------------------------------------------------------------------------------
@@ -147,7 +149,9 @@ TEST(text, piecesAreThoseOfGetline) {
        {"", ",", "a", "a,", ",a", "a,b", "a,,b", "a,b,", ",,", "a,b,,", " a , b "}) {
     std::vector<std::string> expected;
     std::istringstream stream(text);
-    for (std::string piece; std::getline(stream, piece, ',');) expected.push_back(piece);
+    for (std::string piece; std::getline(stream, piece, ',');) {
+      expected.push_back(piece);
+    }
     EXPECT_EQ(pieces(text, ','), expected) << '"' << text << '"';
   }
 }
@@ -378,7 +382,9 @@ TEST(insertOnlyMap, keepsItsEntriesInPlaceWhileItGrows) {
 
 TEST(insertOnlyMap, keepsManyUnderOneKeyWhileItGrows) {
   numbers map;
-  for (int i = 0; i < 1000; ++i) put(map, 7, i);
+  for (int i = 0; i < 1000; ++i) {
+    put(map, 7, i);
+  }
   put(map, 8, -1);
   for (int wanted = 0; wanted < 1000; ++wanted) {
     const int* found = map.find(7, [&](int each) { return each == wanted; });
@@ -391,7 +397,9 @@ TEST(insertOnlyMap, keepsManyUnderOneKeyWhileItGrows) {
 
 TEST(insertOnlyMap, visitsTheNewestFirst) {
   numbers map;
-  for (int i = 0; i < 4; ++i) put(map, static_cast<std::uint64_t>(100 + i), i);
+  for (int i = 0; i < 4; ++i) {
+    put(map, static_cast<std::uint64_t>(100 + i), i);
+  }
   std::vector<std::pair<std::uint64_t, int>> visited;
   map.forEach([&](std::uint64_t key, int value) { visited.emplace_back(key, value); });
   EXPECT_THAT(visited, ElementsAre(std::pair(103, 3), std::pair(102, 2), std::pair(101, 1),
@@ -688,7 +696,9 @@ TEST_F(jvmtiRecords, aMethodHasVariables) {
     EXPECT_EQ(variables.begin(), variables.end());
     EXPECT_EQ(variables.read(code->id), JVMTI_ERROR_NONE);
     std::vector<std::string> names;
-    for (const jvmtiLocalVariableEntry& each : variables) names.emplace_back(each.name);
+    for (const jvmtiLocalVariableEntry& each : variables) {
+      names.emplace_back(each.name);
+    }
     EXPECT_THAT(names, ElementsAre("this", "items"));
   }
   EXPECT_EQ(vm.memoryHeld(), 0U);
@@ -727,7 +737,9 @@ TEST_F(vmTurn, onlyTheFirstWaitsForAThreadThatKeepsIt) {
   std::optional<support::vmTurn> kept(std::in_place, turns_);
   EXPECT_FALSE(otherGetsIt());
   const auto before = std::chrono::steady_clock::now();
-  for (int i = 0; i < 20; ++i) EXPECT_FALSE(otherGetsIt());
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_FALSE(otherGetsIt());
+  }
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5))
       << "each of them waited";
   kept.reset();
@@ -919,7 +931,9 @@ TEST_F(classCaches, tellClassesOfOneHashCodeApart) {
     classes.back()->hash = 4711;
     keep(classes.back(), name);
   }
-  for (fake::javaClass* each : classes) EXPECT_EQ(find(each)->value, each->name);
+  for (fake::javaClass* each : classes) {
+    EXPECT_EQ(find(each)->value, each->name);
+  }
   EXPECT_EQ(cache_->size(), 3U);
 }
 
@@ -957,12 +971,18 @@ TEST_F(classCaches, dropUnloadedClasses) {
     classes.push_back(vm.makeClass("a.C" + std::to_string(i)));
     keep(classes.back(), "value");
   }
-  for (std::size_t i = 0; i < 50; ++i) vm.unload(classes[i]);
+  for (std::size_t i = 0; i < 50; ++i) {
+    vm.unload(classes[i]);
+  }
   // Twice as many as there were at first are enough to have them swept.
-  for (int i = 0; i < 70; ++i) keep(vm.makeClass("b.C" + std::to_string(i)), "value");
+  for (int i = 0; i < 70; ++i) {
+    keep(vm.makeClass("b.C" + std::to_string(i)), "value");
+  }
   EXPECT_LE(cache_->size(), 80U);
   EXPECT_EQ(vm.weakReferences(), cache_->size());
-  for (std::size_t i = 50; i < 60; ++i) EXPECT_NE(find(classes[i]), nullptr);
+  for (std::size_t i = 50; i < 60; ++i) {
+    EXPECT_NE(find(classes[i]), nullptr);
+  }
 }
 
 TEST_F(classCaches, stayBoundedWhileClassesComeAndGo) {
@@ -992,7 +1012,9 @@ TEST_F(classCaches, areReadAndFilledByManyThreads) {
   constexpr int kThreads = 8;
   constexpr int kRounds = 300;
   std::vector<fake::javaClass*> classes;
-  for (int i = 0; i < 100; ++i) classes.push_back(vm.makeClass("a.C" + std::to_string(i)));
+  for (int i = 0; i < 100; ++i) {
+    classes.push_back(vm.makeClass("a.C" + std::to_string(i)));
+  }
   std::latch start(kThreads);
   std::vector<std::unique_ptr<fake::attachedThread>> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -1004,14 +1026,18 @@ TEST_F(classCaches, areReadAndFilledByManyThreads) {
         jclass const asClass = static_cast<jclass>(ref);
         const jint key = cache::keyOf(vm.jvmti(), asClass);
         auto found = cache_->find(jni, key, asClass);
-        if (!found) found = cache_->keep(jni, key, asClass, cls->name);
+        if (!found) {
+          found = cache_->keep(jni, key, asClass, cls->name);
+        }
         ASSERT_EQ(found->value, cls->name);
         jni->DeleteLocalRef(ref);
       }
     }));
   }
   threads.clear();
-  for (fake::javaClass* each : classes) EXPECT_EQ(find(each)->value, each->name);
+  for (fake::javaClass* each : classes) {
+    EXPECT_EQ(find(each)->value, each->name);
+  }
 }
 
 // --- Names of classes ------------------------------------------------------------------------
@@ -1131,7 +1157,9 @@ TEST_F(classNames, leaveAPendingExceptionAsItWas) {
 TEST_F(classNames, areReadByManyThreads) {
   constexpr int kThreads = 8;
   std::vector<fake::object*> objects;
-  for (int i = 0; i < 40; ++i) objects.push_back(vm.makeObject("a.C" + std::to_string(i)));
+  for (int i = 0; i < 40; ++i) {
+    objects.push_back(vm.makeObject("a.C" + std::to_string(i)));
+  }
   std::latch start(kThreads);
   std::vector<std::unique_ptr<fake::attachedThread>> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -1156,7 +1184,9 @@ constexpr std::int64_t kStart = 5 * kSecond;
 // How many of `tries` at one time are taken.
 int takenOf(int tries, support::rateLimit& limit, std::int64_t now) {
   int taken = 0;
-  for (int i = 0; i < tries; ++i) taken += limit.take(now) ? 1 : 0;
+  for (int i = 0; i < tries; ++i) {
+    taken += limit.take(now) ? 1 : 0;
+  }
   return taken;
 }
 
@@ -1195,7 +1225,9 @@ TEST_P(rateLimits, areNotSavedUp) {
 TEST_P(rateLimits, holdInAnySecond) {
   std::vector<std::int64_t> taken;
   for (std::int64_t now = kStart; now < kStart + 10 * kSecond; now += kSecond / 1000) {
-    while (limit.take(now)) taken.push_back(now);
+    while (limit.take(now)) {
+      taken.push_back(now);
+    }
   }
   EXPECT_GE(taken.size(), 9U * static_cast<unsigned>(most));
   for (auto first = taken.begin(); first != taken.end(); ++first) {
@@ -1234,7 +1266,9 @@ TEST(rateLimit, holdsForManyThreadsTogether) {
       taken += takenOf(1000, limit, kStart);
     });
   }
-  for (std::thread& each : threads) each.join();
+  for (std::thread& each : threads) {
+    each.join();
+  }
   EXPECT_EQ(taken, 100);
 }
 

@@ -261,7 +261,9 @@ TEST_F(missingThreadLocals, whatIsThrownInsideEndsTheSectionOnly) {
   setEntries({entryWith(nullptr), entryWith(nullptr)});
   int elements = 0;
   vm.on("GetObjectArrayElement", [&elements] {
-    if (++elements % 2 == 0) throw std::bad_alloc();
+    if (++elements % 2 == 0) {
+      throw std::bad_alloc();
+    }
   });
   EXPECT_EQ(section() + "%2C", objectEntry("ThreadLocals0", nullField("value")));
   EXPECT_THAT(errors(),

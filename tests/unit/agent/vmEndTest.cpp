@@ -33,7 +33,9 @@ class vmEnd : public exceptionTest {
     fake::javaThread* const stuck = vm.makeThread("stuck");
     std::atomic<bool> once{false};
     vm.on(function, [&](const fake::call&) {
-      if (vm.currentThread() != stuck || once.exchange(true)) return;
+      if (vm.currentThread() != stuck || once.exchange(true)) {
+        return;
+      }
       reached_.count_down();
       release_.wait();
     });
@@ -43,7 +45,9 @@ class vmEnd : public exceptionTest {
     });
     reached_.wait();
     meanwhile();
-    if (!release_.try_wait()) release_.count_down();
+    if (!release_.try_wait()) {
+      release_.count_down();
+    }
     handler.join();
     vm.off(function);
   }
@@ -51,7 +55,9 @@ class vmEnd : public exceptionTest {
   // The end begins while a handler is stuck, and the handler goes on after that.
   void exitAndThenLetGo() {
     std::thread releasing([&] {
-      while (!agent::vmIsEnding()) std::this_thread::yield();
+      while (!agent::vmIsEnding()) {
+        std::this_thread::yield();
+      }
       letGo();
     });
     exit();
@@ -176,7 +182,9 @@ TEST_F(vmEnd, aHandlerAtWorkIsWaitedFor) {
       "GetObjectMonitorUsage", [&](fake::javaThread* thread) { contendedEnter(thread); },
       [&] {
         std::thread releasing([&] {
-          while (!agent::vmIsEnding()) std::this_thread::yield();
+          while (!agent::vmIsEnding()) {
+            std::this_thread::yield();
+          }
           std::this_thread::sleep_for(std::chrono::milliseconds(20));
           letGo();
         });

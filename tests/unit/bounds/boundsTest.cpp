@@ -30,15 +30,21 @@ struct alignas(std::max_align_t) blockHead {
 
 void* allocate(std::size_t size) {
   auto* const head = static_cast<blockHead*>(std::malloc(sizeof(blockHead) + size));
-  if (head == nullptr) throw std::bad_alloc();
+  if (head == nullptr) {
+    throw std::bad_alloc();
+  }
   head->agentsBytes = fake::agentCode::runs() ? size : 0;
   const std::size_t now = heldBytes += head->agentsBytes;
-  if (now > mostBytes) mostBytes = now;
+  if (now > mostBytes) {
+    mostBytes = now;
+  }
   return head + 1;
 }
 
 void release(void* memory) {
-  if (memory == nullptr) return;
+  if (memory == nullptr) {
+    return;
+  }
   blockHead* const head = static_cast<blockHead*>(memory) - 1;
   heldBytes -= head->agentsBytes;
   std::free(head);
@@ -82,9 +88,13 @@ struct growth {
 // Brings new things up, numbered from 0, and prints what each step left.
 growth grow(const char* what, const std::function<void(int)>& bring) {
   const std::size_t before = heldBytes;
-  for (int i = 0; i < kFirst; ++i) bring(i);
+  for (int i = 0; i < kFirst; ++i) {
+    bring(i);
+  }
   const std::size_t between = heldBytes;
-  for (int i = kFirst; i < kFirst + kSecond; ++i) bring(i);
+  for (int i = kFirst; i < kFirst + kSecond; ++i) {
+    bring(i);
+  }
   const std::size_t after = heldBytes;
   const growth found{between - before, after < between ? 0 : after - between};
   std::printf("measured: %s: %d hold %zu bytes, %d more add %zu (%zu each)\n", what, kFirst,
@@ -187,9 +197,13 @@ TEST_F(lockBounds, sessionAfterSessionHoldsWhatOneDoes) {
     stopDetail();
     stopProfiling();
   };
-  for (int i = 0; i < 10; ++i) session(i);
+  for (int i = 0; i < 10; ++i) {
+    session(i);
+  }
   const std::size_t before = heldBytes;
-  for (int i = 0; i < 100; ++i) session(i);
+  for (int i = 0; i < 100; ++i) {
+    session(i);
+  }
   std::printf("measured: 100 sessions more: %zu bytes before, %zu after\n", before,
               heldBytes.load());
   EXPECT_LE(heldBytes, before + 1024);
@@ -260,7 +274,9 @@ TEST_F(memoryBounds, eachSessionKeepsItsSettings) {
 
 TEST_F(memoryBounds, aReportOfManyClassesLeavesNothing) {
   begin();
-  for (int i = 0; i < kSecond; ++i) tagged(numbered("com.example.Session", i));
+  for (int i = 0; i < kSecond; ++i) {
+    tagged(numbered("com.example.Session", i));
+  }
   collect();
   const jstring path = vm.ref(vm.makeString(reportPath()));
   const std::size_t before = heldBytes;

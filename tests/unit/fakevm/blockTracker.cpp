@@ -10,13 +10,17 @@ namespace fake {
 
 blockTracker::~blockTracker() {
   for (shard& part : shards_) {
-    for (const auto& [block, what] : part.blocks) std::free(const_cast<void*>(block));
+    for (const auto& [block, what] : part.blocks) {
+      std::free(const_cast<void*>(block));
+    }
   }
 }
 
 unsigned char* blockTracker::allocate(std::size_t size, const char* origin, const void* about) {
   void* block = std::malloc(size == 0 ? 1 : size);
-  if (block == nullptr) throw std::bad_alloc();
+  if (block == nullptr) {
+    throw std::bad_alloc();
+  }
   std::memset(block, 0xCD, size);
   shard& part = shardOf(block);
   std::lock_guard hold(part.mutex);
@@ -30,7 +34,9 @@ blockTracker::result blockTracker::free(const void* block, const void* about) {
   {
     std::lock_guard hold(part.mutex);
     const auto found = part.blocks.find(block);
-    if (found == part.blocks.end()) return result::notOurs;
+    if (found == part.blocks.end()) {
+      return result::notOurs;
+    }
     matches = found->second.about == about;
     part.blocks.erase(found);
   }
@@ -51,7 +57,9 @@ std::string blockTracker::heldByOrigin() const {
   std::map<std::string, std::size_t> counts;
   for (const shard& part : shards_) {
     std::lock_guard hold(part.mutex);
-    for (const auto& [block, what] : part.blocks) ++counts[what.origin];
+    for (const auto& [block, what] : part.blocks) {
+      ++counts[what.origin];
+    }
   }
   std::string text;
   for (const auto& [origin, count] : counts) {

@@ -23,7 +23,9 @@ struct mallocAllocator {
   explicit(false) mallocAllocator(const mallocAllocator<Other>& /*other*/) {}
   T* allocate(std::size_t count) {
     void* block = std::malloc(count * sizeof(T));
-    if (block == nullptr) throw std::bad_alloc();
+    if (block == nullptr) {
+      throw std::bad_alloc();
+    }
     return static_cast<T*>(block);
   }
   void deallocate(T* block, std::size_t /*count*/) { std::free(block); }

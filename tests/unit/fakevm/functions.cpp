@@ -63,7 +63,9 @@ std::optional<functionId> functionNamed(std::string_view name) {
     name.remove_suffix(1);
   }
   for (std::size_t id = 0; id < kFunctions; ++id) {
-    if (kFunctionTraits[id].name == name) return static_cast<functionId>(id);
+    if (kFunctionTraits[id].name == name) {
+      return static_cast<functionId>(id);
+    }
   }
   return std::nullopt;
 }

@@ -9,9 +9,13 @@ jobject localReferences::add(object* target, const char* origin) {
   added.frame = static_cast<std::uint32_t>(frames_.size() - 1);
   added.previous = slots::kNone;
   added.next = top.head;
-  if (top.head != slots::kNone) table_.at(top.head).previous = number;
+  if (top.head != slots::kNone) {
+    table_.at(top.head).previous = number;
+  }
   top.head = number;
-  if (table_.live() > peak()) peak_.store(table_.live(), std::memory_order_relaxed);
+  if (table_.live() > peak()) {
+    peak_.store(table_.live(), std::memory_order_relaxed);
+  }
   return handle{handleKind::local, owner_, added.generation.load(std::memory_order_relaxed), number}
       .pack<jobject>();
 }
@@ -23,7 +27,9 @@ void localReferences::remove(std::uint32_t slot) {
   } else {
     frames_[removed.frame].head = removed.next;
   }
-  if (removed.next != slots::kNone) table_.at(removed.next).previous = removed.previous;
+  if (removed.next != slots::kNone) {
+    table_.at(removed.next).previous = removed.previous;
+  }
   table_.release(slot);
 }
 
@@ -32,7 +38,9 @@ void localReferences::pushFrame(bool boundary) {
 }
 
 void localReferences::popFrame() {
-  while (frames_.back().head != slots::kNone) remove(frames_.back().head);
+  while (frames_.back().head != slots::kNone) {
+    remove(frames_.back().head);
+  }
   frames_.pop_back();
 }
 
@@ -41,7 +49,9 @@ std::vector<const char*> localReferences::makersInTopFrame() const {
   for (std::uint32_t number = frames_.back().head; number != slots::kNone;
        number = table_.at(number).next) {
     const char* maker = table_.at(number).origin.load(std::memory_order_relaxed);
-    if (maker != nullptr) makers.push_back(maker);
+    if (maker != nullptr) {
+      makers.push_back(maker);
+    }
   }
   return makers;
 }

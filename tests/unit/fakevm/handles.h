@@ -71,7 +71,9 @@ class handleTable {
   explicit handleTable(std::uint32_t firstGeneration)
       : firstGeneration_(firstGeneration & handle::kLowMask & ~1U) {}
   ~handleTable() {
-    for (auto& chunk : chunks_) delete[] chunk.load();
+    for (auto& chunk : chunks_) {
+      delete[] chunk.load();
+    }
   }
   handleTable(const handleTable&) = delete;
   handleTable& operator=(const handleTable&) = delete;
@@ -99,7 +101,9 @@ class handleTable {
 
   // The slot that `wanted` names, if it still is the one it was; else null.
   slot* find(const handle& wanted) const {
-    if (wanted.slot >= size_.load(std::memory_order_acquire)) return nullptr;
+    if (wanted.slot >= size_.load(std::memory_order_acquire)) {
+      return nullptr;
+    }
     slot& found = at(wanted.slot);
     return (wanted.generation & 1U) != 0 &&
                    found.generation.load(std::memory_order_acquire) == wanted.generation
@@ -119,7 +123,9 @@ class handleTable {
   void forEachLive(Action action) const {
     const std::uint32_t size = size_.load(std::memory_order_acquire);
     for (std::uint32_t number = 0; number < size; ++number) {
-      if (slot& visited = at(number); visited.used()) action(visited);
+      if (slot& visited = at(number); visited.used()) {
+        action(visited);
+      }
     }
   }
 

@@ -12,7 +12,9 @@ jint perform(JavaVM* javaVm, functionId id, jint number, jint failed, Body body)
   machine& vm = machine::of(javaVm);
   threadEnv* env = vm.currentOrNull();
   vm.count(env, id);
-  if (vm.watched(id) && !vm.consult(env, id, {.number = number}).carriedOut) return failed;
+  if (vm.watched(id) && !vm.consult(env, id, {.number = number}).carriedOut) {
+    return failed;
+  }
   return body(vm, env);
 }
 
@@ -28,7 +30,9 @@ jint JNICALL getEnv(JavaVM* javaVm, void** result, jint version) {
                      *result = static_cast<jvmtiEnv*>(isMain ? &vm.jvmti : &vm.addEnvironment());
                      return JNI_OK;
                    }
-                   if (version < JNI_VERSION_1_1 || version > JNI_VERSION_10) return JNI_EVERSION;
+                   if (version < JNI_VERSION_1_1 || version > JNI_VERSION_10) {
+                     return JNI_EVERSION;
+                   }
                    *result = static_cast<JNIEnv*>(env);
                    return env == nullptr ? JNI_EDETACHED : JNI_OK;
                  });

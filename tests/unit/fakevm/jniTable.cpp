@@ -31,7 +31,9 @@ Result perform(JNIEnv* jni, functionId id, const rawArguments& arguments, Result
     machine::report(id, "not allowed with a pending exception");
     return failed;
   }
-  if (vm.watched(id) && !vm.consult(&env, id, arguments).carriedOut) return failed;
+  if (vm.watched(id) && !vm.consult(&env, id, arguments).carriedOut) {
+    return failed;
+  }
   return body(vm, env);
 }
 
@@ -78,7 +80,9 @@ jobject JNICALL newLocalRef(JNIEnv* jni, jobject reference) {
 void JNICALL deleteLocalRef(JNIEnv* jni, jobject reference) {
   constexpr functionId id = FAKE_JNI(DeleteLocalRef);
   performVoid(jni, id, {.target = reference}, [&](machine& vm, threadEnv& env) {
-    if (reference != nullptr) vm.removeLocal(env, id, reference);
+    if (reference != nullptr) {
+      vm.removeLocal(env, id, reference);
+    }
   });
 }
 
@@ -93,7 +97,9 @@ jobject JNICALL newShared(JNIEnv* jni, jobject reference) {
 template <functionId id, handleKind kind>
 void JNICALL deleteShared(JNIEnv* jni, jobject reference) {
   performVoid(jni, id, {.target = reference}, [&](machine& vm, threadEnv&) {
-    if (reference != nullptr) vm.removeShared(kind, id, reference);
+    if (reference != nullptr) {
+      vm.removeShared(kind, id, reference);
+    }
   });
 }
 
@@ -126,7 +132,9 @@ jobjectRefType JNICALL getObjectRefType(JNIEnv* jni, jobject reference) {
 jint JNICALL pushLocalFrame(JNIEnv* jni, jint capacity) {
   return perform(jni, FAKE_JNI(PushLocalFrame), {.number = capacity}, jint{JNI_ENOMEM},
                  [&](machine&, threadEnv& env) {
-                   if (capacity < 0) return jint{JNI_ERR};
+                   if (capacity < 0) {
+                     return jint{JNI_ERR};
+                   }
                    env.locals.pushFrame(false);
                    return jint{JNI_OK};
                  });
@@ -156,7 +164,9 @@ jint JNICALL throwObject(JNIEnv* jni, jthrowable exception) {
   constexpr functionId id = FAKE_JNI(Throw);
   return perform(jni, id, {.target = exception}, jint{JNI_ERR}, [&](machine& vm, threadEnv& env) {
     object* thrown = vm.needObject(env, id, exception);
-    if (thrown == nullptr) return jint{JNI_ERR};
+    if (thrown == nullptr) {
+      return jint{JNI_ERR};
+    }
     env.pending = thrown;
     return jint{JNI_OK};
   });
@@ -199,7 +209,9 @@ jclass JNICALL findClass(JNIEnv* jni, const char* name) {
     }
     std::replace(dotted.begin(), dotted.end(), '/', '.');
     javaClass* found = vm.findClass(dotted);
-    if (found == nullptr) vm.raise(env, vm.makeThrowable("java.lang.NoClassDefFoundError"));
+    if (found == nullptr) {
+      vm.raise(env, vm.makeThrowable("java.lang.NoClassDefFoundError"));
+    }
     return classReference(env, found, id);
   });
 }
@@ -237,9 +249,13 @@ jmethodID JNICALL getMethodId(JNIEnv* jni, jclass type, const char* name, const 
   const rawArguments arguments{.target = type, .name = name, .signature = signature};
   return perform(jni, id, arguments, jmethodID{}, [&](machine& vm, threadEnv& env) -> jmethodID {
     javaClass* searched = needClass(vm, env, id, type);
-    if (searched == nullptr) return nullptr;
+    if (searched == nullptr) {
+      return nullptr;
+    }
     const method* found = vm.findMethod(searched, name, signature, isStatic);
-    if (found != nullptr) return found->id;
+    if (found != nullptr) {
+      return found->id;
+    }
     vm.raise(env, vm.makeThrowable("java.lang.NoSuchMethodError"));
     return nullptr;
   });
@@ -250,9 +266,13 @@ jfieldID JNICALL getFieldId(JNIEnv* jni, jclass type, const char* name, const ch
   const rawArguments arguments{.target = type, .name = name, .signature = signature};
   return perform(jni, id, arguments, jfieldID{}, [&](machine& vm, threadEnv& env) -> jfieldID {
     javaClass* searched = needClass(vm, env, id, type);
-    if (searched == nullptr) return nullptr;
+    if (searched == nullptr) {
+      return nullptr;
+    }
     const field* found = vm.findField(searched, name, signature, isStatic);
-    if (found != nullptr) return found->id;
+    if (found != nullptr) {
+      return found->id;
+    }
     vm.raise(env, vm.makeThrowable("java.lang.NoSuchFieldError"));
     return nullptr;
   });
@@ -267,7 +287,9 @@ bool fits(functionId id, const field& which, bool isStatic) {
     machine::report(id, "the field " + which.name + " is " + (isStatic ? "not " : "") + "static");
     return false;
   }
-  if (alternativeOf(which.signature.front()) == value(T{}).index()) return true;
+  if (alternativeOf(which.signature.front()) == value(T{}).index()) {
+    return true;
+  }
   machine::report(id, "the field " + which.name + " has the type " + which.signature);
   return false;
 }
@@ -288,7 +310,9 @@ template <typename T, bool isStatic>
 T fieldValue(machine& vm, threadEnv& env, functionId id, jobject owner, jfieldID reference) {
   const object* found = receiver<isStatic>(vm, env, id, owner);
   const field* which = vm.needField(id, reference);
-  if (found == nullptr || which == nullptr || !fits<T>(id, *which, isStatic)) return T{};
+  if (found == nullptr || which == nullptr || !fits<T>(id, *which, isStatic)) {
+    return T{};
+  }
   if (!isStatic && !machine::isInstance(*found, *which->declaringClass)) {
     machine::report(id, "the object has no field " + which->name);
     return T{};
@@ -332,7 +356,9 @@ class argumentSource {
   explicit argumentSource(const jvalue* array) : array_(array) {}
   explicit argumentSource(va_list list) { va_copy(list_, list); }
   ~argumentSource() {
-    if (array_ == nullptr) va_end(list_);
+    if (array_ == nullptr) {
+      va_end(list_);
+    }
   }
   argumentSource(const argumentSource&) = delete;
   argumentSource& operator=(const argumentSource&) = delete;
@@ -411,12 +437,16 @@ class argumentSource {
 // call.
 method* target(machine& vm, functionId id, jmethodID code, object* self) {
   method* called = vm.needMethod(id, code);
-  if (called == nullptr) return nullptr;
+  if (called == nullptr) {
+    return nullptr;
+  }
   if (called->isStatic != (self == nullptr)) {
     machine::report(id, "the method " + called->name + " is static, or it is not");
     return nullptr;
   }
-  if (self == nullptr || self->type == called->declaringClass) return called;
+  if (self == nullptr || self->type == called->declaringClass) {
+    return called;
+  }
   if (!machine::isInstance(*self, *called->declaringClass)) {
     machine::report(id, "the object has no method " + called->name);
     return nullptr;
@@ -457,9 +487,13 @@ Result callMethod(JNIEnv* jni, jobject reference, jmethodID code, argumentSource
   const rawArguments raw{.target = reference, .code = code};
   return perform(jni, id, raw, Result{}, [&](machine& vm, threadEnv& env) {
     object* on = receiver<isStatic>(vm, env, id, reference);
-    if (on == nullptr) return Result{};
+    if (on == nullptr) {
+      return Result{};
+    }
     method* runs = target(vm, id, code, isStatic ? nullptr : on);
-    if (runs == nullptr) return Result{};
+    if (runs == nullptr) {
+      return Result{};
+    }
     if (!called<Result>::fits(returnType(runs->signature))) {
       machine::report(id, "the method " + runs->name + " gives another type: " + runs->signature);
       return Result{};
@@ -502,7 +536,9 @@ jobject JNICALL callNonvirtualObjectMethodV(JNIEnv* jni, jobject reference, jcla
     object* on = vm.needObject(env, id, reference);
     javaClass* declaring = needClass(vm, env, id, type);
     method* runs = vm.needMethod(id, code);
-    if (on == nullptr || declaring == nullptr || runs == nullptr) return nullptr;
+    if (on == nullptr || declaring == nullptr || runs == nullptr) {
+      return nullptr;
+    }
     if (!machine::isInstance(*on, *declaring)) {
       machine::report(id, "the object is none of the class " + declaring->name);
       return nullptr;
@@ -517,8 +553,12 @@ jobject JNICALL callNonvirtualObjectMethodV(JNIEnv* jni, jobject reference, jcla
 jstring JNICALL newStringUtf(JNIEnv* jni, const char* text) {
   constexpr functionId id = FAKE_JNI(NewStringUTF);
   return perform(jni, id, {.name = text}, jstring{}, [&](machine& vm, threadEnv& env) -> jstring {
-    if (text == nullptr) return nullptr;
-    if (!isModifiedUtf8(text)) machine::report(id, "the text is not modified UTF-8");
+    if (text == nullptr) {
+      return nullptr;
+    }
+    if (!isModifiedUtf8(text)) {
+      machine::report(id, "the text is not modified UTF-8");
+    }
     return static_cast<jstring>(machine::local(env, vm.makeString(text), id));
   });
 }
@@ -532,8 +572,12 @@ const char* JNICALL getStringUtfChars(JNIEnv* jni, jstring reference, jboolean* 
   return perform(jni, id, {.target = reference}, static_cast<const char*>(nullptr),
                  [&](machine& vm, threadEnv& env) -> const char* {
                    const javaString* found = needString(vm, env, id, reference);
-                   if (found == nullptr) return nullptr;
-                   if (isCopy != nullptr) *isCopy = JNI_TRUE;
+                   if (found == nullptr) {
+                     return nullptr;
+                   }
+                   if (isCopy != nullptr) {
+                     *isCopy = JNI_TRUE;
+                   }
                    unsigned char* copy =
                        vm.characters.allocate(found->text.size() + 1, nameOf(id), found);
                    std::memcpy(copy, found->text.c_str(), found->text.size() + 1);
@@ -581,7 +625,9 @@ void JNICALL getStringUtfRegion(JNIEnv* jni, jstring reference, jsize start, jsi
   constexpr functionId id = FAKE_JNI(GetStringUTFRegion);
   performVoid(jni, id, {.target = reference, .number = length}, [&](machine& vm, threadEnv& env) {
     const javaString* found = needString(vm, env, id, reference);
-    if (found == nullptr) return;
+    if (found == nullptr) {
+      return;
+    }
     if (start < 0 || length < 0 || start > utf16Length(found->text) - length) {
       vm.raise(env, vm.makeThrowable("java.lang.StringIndexOutOfBoundsException"));
       return;
@@ -605,7 +651,9 @@ jobject JNICALL getObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize
   const rawArguments arguments{.target = reference, .number = index};
   return perform(jni, id, arguments, jobject{}, [&](machine& vm, threadEnv& env) -> jobject {
     const auto* found = vm.need<objectArray>(env, id, reference, objectKind::objectArray);
-    if (found == nullptr) return nullptr;
+    if (found == nullptr) {
+      return nullptr;
+    }
     if (index >= 0 && static_cast<std::size_t>(index) < found->elements.size()) {
       return machine::local(env, found->elements[static_cast<std::size_t>(index)], id);
     }
@@ -619,7 +667,9 @@ void JNICALL setObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize in
   constexpr functionId id = FAKE_JNI(SetObjectArrayElement);
   performVoid(jni, id, {.target = reference, .number = index}, [&](machine& vm, threadEnv& env) {
     auto* found = vm.need<objectArray>(env, id, reference, objectKind::objectArray);
-    if (found == nullptr) return;
+    if (found == nullptr) {
+      return;
+    }
     if (index < 0 || static_cast<std::size_t>(index) >= found->elements.size()) {
       vm.raise(env, vm.makeThrowable("java.lang.ArrayIndexOutOfBoundsException"));
       return;
@@ -634,7 +684,9 @@ void intArrayRegion(JNIEnv* jni, jintArray reference, jsize start, jsize length,
                     Copy copy) {
   performVoid(jni, id, {.target = reference, .number = length}, [&](machine& vm, threadEnv& env) {
     auto* found = vm.need<intArray>(env, id, reference, objectKind::intArray);
-    if (found == nullptr) return;
+    if (found == nullptr) {
+      return;
+    }
     if (start < 0 || length < 0 || start > std::ssize(found->elements) - length) {
       vm.raise(env, vm.makeThrowable("java.lang.ArrayIndexOutOfBoundsException"));
       return;

@@ -27,18 +27,28 @@ jvmtiError perform(jvmtiEnv* jvmti, functionId id, const rawArguments& arguments
     return JVMTI_ERROR_INTERNAL;
   }
   if (vm.watched(id)) {
-    if (const verdict given = vm.consult(env, id, arguments); !given.carriedOut) return given.error;
+    if (const verdict given = vm.consult(env, id, arguments); !given.carriedOut) {
+      return given.error;
+    }
   }
-  if (env == nullptr && !traits.anyThread) return JVMTI_ERROR_UNATTACHED_THREAD;
-  if ((traits.phases & vm.phaseBits()) == 0) return JVMTI_ERROR_WRONG_PHASE;
+  if (env == nullptr && !traits.anyThread) {
+    return JVMTI_ERROR_UNATTACHED_THREAD;
+  }
+  if ((traits.phases & vm.phaseBits()) == 0) {
+    return JVMTI_ERROR_WRONG_PHASE;
+  }
   return body(vm, env);
 }
 
 // VM memory for the result of a call; null for no bytes, as the VM gives it.
 template <typename T = unsigned char>
 T* allocate(machine& vm, threadEnv* env, functionId id, std::size_t count) {
-  if (count == 0) return nullptr;
-  if (env != nullptr) ++env->memoryHeld;
+  if (count == 0) {
+    return nullptr;
+  }
+  if (env != nullptr) {
+    ++env->memoryHeld;
+  }
   return reinterpret_cast<T*>(vm.memory.allocate(count * sizeof(T), nameOf(id)));
 }
 
@@ -67,7 +77,9 @@ javaClass* givenClass(machine& vm, threadEnv& env, functionId id, jobject refere
 
 // Likewise for a thread; a null reference stands for the current one.
 javaThread* givenThread(machine& vm, threadEnv& env, functionId id, jobject reference) {
-  if (reference == nullptr) return env.current;
+  if (reference == nullptr) {
+    return env.current;
+  }
   object* found = vm.use(env, id, reference);
   return found != nullptr && found->kind == objectKind::javaThread ? static_cast<javaThread*>(found)
                                                                    : nullptr;
@@ -78,8 +90,12 @@ javaThread* givenThread(machine& vm, threadEnv& env, functionId id, jobject refe
 jvmtiError JNICALL allocateMemory(jvmtiEnv* jvmti, jlong size, unsigned char** result) {
   constexpr functionId id = FAKE_JVMTI(Allocate);
   return perform(jvmti, id, {.number = size}, [&](machine& vm, threadEnv* env) {
-    if (result == nullptr) return JVMTI_ERROR_NULL_POINTER;
-    if (size < 0) return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    if (result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    if (size < 0) {
+      return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    }
     *result = allocate(vm, env, id, static_cast<std::size_t>(size));
     return JVMTI_ERROR_NONE;
   });
@@ -88,7 +104,9 @@ jvmtiError JNICALL allocateMemory(jvmtiEnv* jvmti, jlong size, unsigned char** r
 jvmtiError JNICALL deallocate(jvmtiEnv* jvmti, unsigned char* block) {
   constexpr functionId id = FAKE_JVMTI(Deallocate);
   return perform(jvmti, id, {}, [&](machine& vm, threadEnv* env) {
-    if (block == nullptr) return JVMTI_ERROR_NONE;
+    if (block == nullptr) {
+      return JVMTI_ERROR_NONE;
+    }
     if (vm.memory.free(block) == blockTracker::result::notOurs) {
       machine::report(id, "not VM memory that is held now: freed before, or never allocated here");
     } else if (env != nullptr) {
@@ -102,7 +120,9 @@ jvmtiError JNICALL deallocate(jvmtiEnv* jvmti, unsigned char* block) {
 
 jvmtiError JNICALL getTime(jvmtiEnv* jvmti, jlong* nanos) {
   return perform(jvmti, FAKE_JVMTI(GetTime), {}, [&](machine& vm, threadEnv*) {
-    if (nanos == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (nanos == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const jlong step = vm.timeStep.load(std::memory_order_relaxed);
     *nanos = step == 0 ? vm.now.load(std::memory_order_relaxed)
                        : vm.now.fetch_add(step, std::memory_order_relaxed);
@@ -112,7 +132,9 @@ jvmtiError JNICALL getTime(jvmtiEnv* jvmti, jlong* nanos) {
 
 jvmtiError JNICALL getPhase(jvmtiEnv* jvmti, jvmtiPhase* phase) {
   return perform(jvmti, FAKE_JVMTI(GetPhase), {}, [&](machine& vm, threadEnv*) {
-    if (phase == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (phase == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     *phase = vm.phase;
     return JVMTI_ERROR_NONE;
   });
@@ -120,7 +142,9 @@ jvmtiError JNICALL getPhase(jvmtiEnv* jvmti, jvmtiPhase* phase) {
 
 jvmtiError JNICALL getVersionNumber(jvmtiEnv* jvmti, jint* version) {
   return perform(jvmti, FAKE_JVMTI(GetVersionNumber), {}, [&](machine& vm, threadEnv*) {
-    if (version == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (version == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     *version = vm.featureVersion << JVMTI_VERSION_SHIFT_MAJOR;
     return JVMTI_ERROR_NONE;
   });
@@ -192,9 +216,13 @@ const char* errorText(jvmtiError error) {
 jvmtiError JNICALL getErrorName(jvmtiEnv* jvmti, jvmtiError error, char** name) {
   constexpr functionId id = FAKE_JVMTI(GetErrorName);
   return perform(jvmti, id, {.number = error}, [&](machine& vm, threadEnv* env) {
-    if (name == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (name == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const char* text = errorText(error);
-    if (text == nullptr) return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    if (text == nullptr) {
+      return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    }
     *name = copyText(vm, env, id, text);
     return JVMTI_ERROR_NONE;
   });
@@ -202,7 +230,9 @@ jvmtiError JNICALL getErrorName(jvmtiEnv* jvmti, jvmtiError error, char** name) 
 
 jvmtiError JNICALL getPotentialCapabilities(jvmtiEnv* jvmti, jvmtiCapabilities* capabilities) {
   return perform(jvmti, FAKE_JVMTI(GetPotentialCapabilities), {}, [&](machine& vm, threadEnv*) {
-    if (capabilities == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (capabilities == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     std::lock_guard hold(vm.modelMutex);
     *capabilities = vm.potential;
     return JVMTI_ERROR_NONE;
@@ -211,7 +241,9 @@ jvmtiError JNICALL getPotentialCapabilities(jvmtiEnv* jvmti, jvmtiCapabilities* 
 
 jvmtiError JNICALL addCapabilities(jvmtiEnv* jvmti, const jvmtiCapabilities* capabilities) {
   return perform(jvmti, FAKE_JVMTI(AddCapabilities), {}, [&](machine& vm, threadEnv*) {
-    if (capabilities == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (capabilities == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     std::array<unsigned char, sizeof *capabilities> asked{};
     std::array<unsigned char, sizeof *capabilities> allowed{};
     std::array<unsigned char, sizeof *capabilities> sum{};
@@ -220,7 +252,9 @@ jvmtiError JNICALL addCapabilities(jvmtiEnv* jvmti, const jvmtiCapabilities* cap
     std::memcpy(allowed.data(), &vm.potential, allowed.size());
     std::memcpy(sum.data(), &vm.added, sum.size());
     for (std::size_t at = 0; at < asked.size(); ++at) {
-      if ((asked[at] & ~allowed[at]) != 0) return JVMTI_ERROR_NOT_AVAILABLE;
+      if ((asked[at] & ~allowed[at]) != 0) {
+        return JVMTI_ERROR_NOT_AVAILABLE;
+      }
       sum[at] = static_cast<unsigned char>(sum[at] | asked[at]);
     }
     std::memcpy(&vm.added, sum.data(), sum.size());
@@ -237,7 +271,9 @@ jvmtiError JNICALL setEventCallbacks(jvmtiEnv* jvmti, const jvmtiEventCallbacks*
       return JVMTI_ERROR_ILLEGAL_ARGUMENT;
     }
     std::array<void*, machine::kEvents> entries{};
-    if (callbacks != nullptr) std::memcpy(entries.data(), callbacks, sizeof *callbacks);
+    if (callbacks != nullptr) {
+      std::memcpy(entries.data(), callbacks, sizeof *callbacks);
+    }
     std::copy(entries.begin(), entries.end(), machine::environmentOf(jvmti).callbacks.begin());
     return JVMTI_ERROR_NONE;
   });
@@ -247,15 +283,21 @@ jvmtiError JNICALL setEventNotificationMode(jvmtiEnv* jvmti, jvmtiEventMode mode
                                             jthread thread, ...) {
   constexpr functionId id = FAKE_JVMTI(SetEventNotificationMode);
   return perform(jvmti, id, {.target = thread, .number = event}, [&](machine& vm, threadEnv*) {
-    if (mode != JVMTI_ENABLE && mode != JVMTI_DISABLE) return JVMTI_ERROR_ILLEGAL_ARGUMENT;
-    if (!machine::isEvent(event)) return JVMTI_ERROR_INVALID_EVENT_TYPE;
+    if (mode != JVMTI_ENABLE && mode != JVMTI_DISABLE) {
+      return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    }
+    if (!machine::isEvent(event)) {
+      return JVMTI_ERROR_INVALID_EVENT_TYPE;
+    }
     if (thread != nullptr) {
       machine::report(id, "events of single threads are not modelled");
       return JVMTI_ERROR_NOT_AVAILABLE;
     }
     std::lock_guard hold(vm.modelMutex);
     machine::environmentOf(jvmti).enabled(event) = mode == JVMTI_ENABLE;
-    if (jvmti == &vm.jvmti) vm.modes.push_back({mode, event});
+    if (jvmti == &vm.jvmti) {
+      vm.modes.push_back({mode, event});
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -263,7 +305,9 @@ jvmtiError JNICALL setEventNotificationMode(jvmtiEnv* jvmti, jvmtiEventMode mode
 jvmtiError JNICALL disposeEnvironment(jvmtiEnv* jvmti) {
   return perform(jvmti, FAKE_JVMTI(DisposeEnvironment), {}, [&](machine&, threadEnv*) {
     machine::environment& environment = machine::environmentOf(jvmti);
-    for (auto& enabled : environment.enabledEvents) enabled = false;
+    for (auto& enabled : environment.enabledEvents) {
+      enabled = false;
+    }
     environment.disposed = true;
     return JVMTI_ERROR_NONE;
   });
@@ -275,7 +319,9 @@ jvmtiError JNICALL setThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, const 
   constexpr functionId id = FAKE_JVMTI(SetThreadLocalStorage);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
     javaThread* owner = givenThread(vm, *env, id, thread);
-    if (owner == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    if (owner == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
     owner->storage.store(const_cast<void*>(data), std::memory_order_release);
     return JVMTI_ERROR_NONE;
   });
@@ -286,12 +332,18 @@ jvmtiError JNICALL stopThread(jvmtiEnv* jvmti, jthread thread, jobject exception
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
     {
       const std::lock_guard hold(vm.modelMutex);
-      if (vm.added.can_signal_thread == 0) return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
+      if (vm.added.can_signal_thread == 0) {
+        return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
+      }
     }
     javaThread* receiver = givenThread(vm, *env, id, thread);
-    if (receiver == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    if (receiver == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
     object* sent = vm.needObject(*env, id, exception);
-    if (sent == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (sent == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     receiver->sent = sent;
     return JVMTI_ERROR_NONE;
   });
@@ -300,9 +352,13 @@ jvmtiError JNICALL stopThread(jvmtiEnv* jvmti, jthread thread, jobject exception
 jvmtiError JNICALL getThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, void** data) {
   constexpr functionId id = FAKE_JVMTI(GetThreadLocalStorage);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
-    if (data == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (data == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     javaThread* owner = givenThread(vm, *env, id, thread);
-    if (owner == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    if (owner == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
     *data = owner->storage.load(std::memory_order_acquire);
     return JVMTI_ERROR_NONE;
   });
@@ -311,9 +367,13 @@ jvmtiError JNICALL getThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, void**
 jvmtiError JNICALL getThreadInfo(jvmtiEnv* jvmti, jthread thread, jvmtiThreadInfo* info) {
   constexpr functionId id = FAKE_JVMTI(GetThreadInfo);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
-    if (info == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (info == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaThread* asked = givenThread(vm, *env, id, thread);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
     const std::string* name = asked->name.load(std::memory_order_acquire);
     info->name = name == nullptr ? nullptr : copyText(vm, env, id, *name);
     info->priority = asked->priority;
@@ -328,9 +388,13 @@ jvmtiError JNICALL getStackTrace(jvmtiEnv* jvmti, jthread thread, jint start, ji
                                  jvmtiFrameInfo* result, jint* count) {
   constexpr functionId id = FAKE_JVMTI(GetStackTrace);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
-    if (result == nullptr || count == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (result == nullptr || count == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaThread* asked = givenThread(vm, *env, id, thread);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
     return asked->readFrames([&](const std::vector<frame>& frames) {
       const auto depth = static_cast<jint>(frames.size());
       const jint first = start < 0 ? depth + start : start;  // below 0: counted from the bottom
@@ -350,9 +414,13 @@ jvmtiError JNICALL getStackTrace(jvmtiEnv* jvmti, jthread thread, jint start, ji
 jvmtiError JNICALL getFrameCount(jvmtiEnv* jvmti, jthread thread, jint* count) {
   constexpr functionId id = FAKE_JVMTI(GetFrameCount);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
-    if (count == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (count == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaThread* asked = givenThread(vm, *env, id, thread);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_THREAD;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
     return asked->readFrames([&](const std::vector<frame>& frames) {
       *count = static_cast<jint>(frames.size());
       return JVMTI_ERROR_NONE;
@@ -365,14 +433,24 @@ template <typename Take>
 jvmtiError readLocal(jvmtiEnv* jvmti, functionId id, jthread thread, jint depth, jint slot,
                      const void* result, Take take) {
   return perform(jvmti, id, {.target = thread, .number = slot}, [&](machine& vm, threadEnv* env) {
-    if (result == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaThread* asked = givenThread(vm, *env, id, thread);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_THREAD;
-    if (depth < 0) return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
+    if (depth < 0) {
+      return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    }
     return asked->readFrames([&](const std::vector<frame>& frames) {
-      if (static_cast<std::size_t>(depth) >= frames.size()) return JVMTI_ERROR_NO_MORE_FRAMES;
+      if (static_cast<std::size_t>(depth) >= frames.size()) {
+        return JVMTI_ERROR_NO_MORE_FRAMES;
+      }
       const frame& one = frames[static_cast<std::size_t>(depth)];
-      if (one.code->isNative) return JVMTI_ERROR_OPAQUE_FRAME;
+      if (one.code->isNative) {
+        return JVMTI_ERROR_OPAQUE_FRAME;
+      }
       const auto found = one.locals.find(slot);
       if (slot < 0 || slot >= one.code->maxLocals || found == one.locals.end()) {
         return JVMTI_ERROR_INVALID_SLOT;
@@ -386,7 +464,9 @@ template <functionId id, typename T>
 jvmtiError JNICALL getLocal(jvmtiEnv* jvmti, jthread thread, jint depth, jint slot, T* result) {
   return readLocal(jvmti, id, thread, depth, slot, result, [&](threadEnv&, const value& found) {
     const T* fitting = std::get_if<T>(&found);
-    if (fitting != nullptr) *result = *fitting;
+    if (fitting != nullptr) {
+      *result = *fitting;
+    }
     return fitting != nullptr;
   });
 }
@@ -396,7 +476,9 @@ jvmtiError JNICALL getLocalObject(jvmtiEnv* jvmti, jthread thread, jint depth, j
   constexpr functionId id = FAKE_JVMTI(GetLocalObject);
   return readLocal(jvmti, id, thread, depth, slot, result, [&](threadEnv& env, const value& found) {
     object* const* fitting = std::get_if<object*>(&found);
-    if (fitting != nullptr) *result = machine::local(env, *fitting, id);
+    if (fitting != nullptr) {
+      *result = machine::local(env, *fitting, id);
+    }
     return fitting != nullptr;
   });
 }
@@ -408,12 +490,18 @@ jvmtiError JNICALL getMethodName(jvmtiEnv* jvmti, jmethodID code, char** name, c
   constexpr functionId id = FAKE_JVMTI(GetMethodName);
   return perform(jvmti, id, {.code = code}, [&](machine& vm, threadEnv* env) {
     const method* asked = vm.needMethod(id, code);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_METHODID;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_METHODID;
+    }
     if (name != nullptr) {
       *name = asked->nameIsNull ? nullptr : copyText(vm, env, id, asked->name);
     }
-    if (signature != nullptr) *signature = copyText(vm, env, id, asked->signature);
-    if (generic != nullptr) *generic = nullptr;
+    if (signature != nullptr) {
+      *signature = copyText(vm, env, id, asked->signature);
+    }
+    if (generic != nullptr) {
+      *generic = nullptr;
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -421,9 +509,13 @@ jvmtiError JNICALL getMethodName(jvmtiEnv* jvmti, jmethodID code, char** name, c
 jvmtiError JNICALL getMethodDeclaringClass(jvmtiEnv* jvmti, jmethodID code, jclass* result) {
   constexpr functionId id = FAKE_JVMTI(GetMethodDeclaringClass);
   return perform(jvmti, id, {.code = code}, [&](machine& vm, threadEnv* env) {
-    if (result == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const method* asked = vm.needMethod(id, code);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_METHODID;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_METHODID;
+    }
     *result = static_cast<jclass>(machine::local(*env, asked->declaringClass, id));
     return JVMTI_ERROR_NONE;
   });
@@ -432,9 +524,13 @@ jvmtiError JNICALL getMethodDeclaringClass(jvmtiEnv* jvmti, jmethodID code, jcla
 jvmtiError JNICALL getMethodModifiers(jvmtiEnv* jvmti, jmethodID code, jint* result) {
   constexpr functionId id = FAKE_JVMTI(GetMethodModifiers);
   return perform(jvmti, id, {.code = code}, [&](machine& vm, threadEnv*) {
-    if (result == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const method* asked = vm.needMethod(id, code);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_METHODID;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_METHODID;
+    }
     constexpr jint isPublic = 0x0001;
     constexpr jint isStatic = 0x0008;
     constexpr jint isNative = 0x0100;
@@ -447,9 +543,13 @@ jvmtiError JNICALL getMethodModifiers(jvmtiEnv* jvmti, jmethodID code, jint* res
 template <typename Read>
 jvmtiError aboutCode(jvmtiEnv* jvmti, functionId id, jmethodID code, bool hasRoom, Read read) {
   return perform(jvmti, id, {.code = code}, [&](machine& vm, threadEnv* env) {
-    if (!hasRoom) return JVMTI_ERROR_NULL_POINTER;
+    if (!hasRoom) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const method* asked = vm.needMethod(id, code);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_METHODID;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_METHODID;
+    }
     return asked->isNative ? JVMTI_ERROR_NATIVE_METHOD : read(vm, *env, *asked);
   });
 }
@@ -475,7 +575,9 @@ jvmtiError JNICALL getLineNumberTable(jvmtiEnv* jvmti, jmethodID code, jint* cou
   constexpr functionId id = FAKE_JVMTI(GetLineNumberTable);
   return aboutCode(jvmti, id, code, count != nullptr && result != nullptr,
                    [&](machine& vm, threadEnv& env, const method& asked) {
-                     if (!asked.lines) return JVMTI_ERROR_ABSENT_INFORMATION;
+                     if (!asked.lines) {
+                       return JVMTI_ERROR_ABSENT_INFORMATION;
+                     }
                      *count = static_cast<jint>(asked.lines->size());
                      *result = allocate<jvmtiLineNumberEntry>(vm, &env, id, asked.lines->size());
                      std::transform(asked.lines->begin(), asked.lines->end(), *result,
@@ -493,7 +595,9 @@ jvmtiLocalVariableEntry copyVariable(machine& vm, threadEnv& env, functionId id,
   entry.length = one.length;
   entry.name = copyText(vm, &env, id, one.name);
   entry.signature = copyText(vm, &env, id, one.signature);
-  if (one.genericSignature) entry.generic_signature = copyText(vm, &env, id, *one.genericSignature);
+  if (one.genericSignature) {
+    entry.generic_signature = copyText(vm, &env, id, *one.genericSignature);
+  }
   entry.slot = one.slot;
   return entry;
 }
@@ -503,7 +607,9 @@ jvmtiError JNICALL getLocalVariableTable(jvmtiEnv* jvmti, jmethodID code, jint* 
   constexpr functionId id = FAKE_JVMTI(GetLocalVariableTable);
   return aboutCode(jvmti, id, code, count != nullptr && result != nullptr,
                    [&](machine& vm, threadEnv& env, const method& asked) {
-                     if (!asked.variables) return JVMTI_ERROR_ABSENT_INFORMATION;
+                     if (!asked.variables) {
+                       return JVMTI_ERROR_ABSENT_INFORMATION;
+                     }
                      const auto& variables = *asked.variables;
                      *count = static_cast<jint>(variables.size());
                      *result = allocate<jvmtiLocalVariableEntry>(vm, &env, id, variables.size());
@@ -521,11 +627,15 @@ jvmtiError JNICALL getClassSignature(jvmtiEnv* jvmti, jclass type, char** signat
   constexpr functionId id = FAKE_JVMTI(GetClassSignature);
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
     const javaClass* asked = givenClass(vm, *env, id, type);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
     if (signature != nullptr) {
       *signature = asked->signature ? copyText(vm, env, id, *asked->signature) : nullptr;
     }
-    if (generic != nullptr) *generic = nullptr;
+    if (generic != nullptr) {
+      *generic = nullptr;
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -534,7 +644,9 @@ jvmtiError JNICALL getClassLoader(jvmtiEnv* jvmti, jclass type, jobject* loader)
   constexpr functionId id = FAKE_JVMTI(GetClassLoader);
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
     const javaClass* asked = givenClass(vm, *env, id, type);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
     *loader = machine::local(*env, asked->loader, id);
     return JVMTI_ERROR_NONE;
   });
@@ -543,9 +655,13 @@ jvmtiError JNICALL getClassLoader(jvmtiEnv* jvmti, jclass type, jobject* loader)
 jvmtiError JNICALL getClassStatus(jvmtiEnv* jvmti, jclass type, jint* status) {
   constexpr functionId id = FAKE_JVMTI(GetClassStatus);
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
-    if (status == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (status == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaClass* asked = givenClass(vm, *env, id, type);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
     if (asked->name.starts_with('[')) {
       *status = JVMTI_CLASS_STATUS_ARRAY;
     } else {
@@ -559,10 +675,16 @@ jvmtiError JNICALL getClassStatus(jvmtiEnv* jvmti, jclass type, jint* status) {
 jvmtiError JNICALL getSourceFileName(jvmtiEnv* jvmti, jclass type, char** name) {
   constexpr functionId id = FAKE_JVMTI(GetSourceFileName);
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
-    if (name == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (name == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaClass* asked = givenClass(vm, *env, id, type);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
-    if (!asked->sourceFile) return JVMTI_ERROR_ABSENT_INFORMATION;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
+    if (!asked->sourceFile) {
+      return JVMTI_ERROR_ABSENT_INFORMATION;
+    }
     *name = copyText(vm, env, id, *asked->sourceFile);
     return JVMTI_ERROR_NONE;
   });
@@ -571,9 +693,13 @@ jvmtiError JNICALL getSourceFileName(jvmtiEnv* jvmti, jclass type, char** name) 
 jvmtiError JNICALL getClassFields(jvmtiEnv* jvmti, jclass type, jint* count, jfieldID** result) {
   constexpr functionId id = FAKE_JVMTI(GetClassFields);
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
-    if (count == nullptr || result == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (count == nullptr || result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     const javaClass* asked = givenClass(vm, *env, id, type);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
     std::lock_guard hold(vm.modelMutex);
     *count = static_cast<jint>(asked->fieldsDeclared.size());
     *result = allocate<jfieldID>(vm, env, id, asked->fieldsDeclared.size());
@@ -587,9 +713,13 @@ jvmtiError JNICALL getClassFields(jvmtiEnv* jvmti, jclass type, jint* count, jfi
 template <typename Read>
 jvmtiError aboutField(jvmtiEnv* jvmti, functionId id, jclass type, jfieldID which, Read read) {
   return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
-    if (givenClass(vm, *env, id, type) == nullptr) return JVMTI_ERROR_INVALID_CLASS;
+    if (givenClass(vm, *env, id, type) == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
     const field* asked = vm.needField(id, which);
-    if (asked == nullptr) return JVMTI_ERROR_INVALID_FIELDID;
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_FIELDID;
+    }
     return read(vm, env, *asked);
   });
 }
@@ -598,9 +728,15 @@ jvmtiError JNICALL getFieldName(jvmtiEnv* jvmti, jclass type, jfieldID which, ch
                                 char** signature, char** generic) {
   constexpr functionId id = FAKE_JVMTI(GetFieldName);
   return aboutField(jvmti, id, type, which, [&](machine& vm, threadEnv* env, const field& asked) {
-    if (name != nullptr) *name = copyText(vm, env, id, asked.name);
-    if (signature != nullptr) *signature = copyText(vm, env, id, asked.signature);
-    if (generic != nullptr) *generic = nullptr;
+    if (name != nullptr) {
+      *name = copyText(vm, env, id, asked.name);
+    }
+    if (signature != nullptr) {
+      *signature = copyText(vm, env, id, asked.signature);
+    }
+    if (generic != nullptr) {
+      *generic = nullptr;
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -608,7 +744,9 @@ jvmtiError JNICALL getFieldName(jvmtiEnv* jvmti, jclass type, jfieldID which, ch
 jvmtiError JNICALL getFieldModifiers(jvmtiEnv* jvmti, jclass type, jfieldID which, jint* result) {
   return aboutField(jvmti, FAKE_JVMTI(GetFieldModifiers), type, which,
                     [&](machine&, threadEnv*, const field& asked) {
-                      if (result == nullptr) return JVMTI_ERROR_NULL_POINTER;
+                      if (result == nullptr) {
+                        return JVMTI_ERROR_NULL_POINTER;
+                      }
                       *result = asked.modifiers;
                       return JVMTI_ERROR_NONE;
                     });
@@ -620,7 +758,9 @@ jvmtiError JNICALL getFieldModifiers(jvmtiEnv* jvmti, jclass type, jfieldID whic
 template <typename Act>
 jvmtiError aboutObject(jvmtiEnv* jvmti, functionId id, jobject reference, bool hasRoom, Act act) {
   return perform(jvmti, id, {.target = reference}, [&](machine& vm, threadEnv* env) {
-    if (!hasRoom) return JVMTI_ERROR_NULL_POINTER;
+    if (!hasRoom) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     object* asked = vm.use(*env, id, reference);
     return asked == nullptr ? JVMTI_ERROR_INVALID_OBJECT : act(vm, *env, *asked);
   });
@@ -681,7 +821,9 @@ std::vector<object*> liveObjects(machine& vm) {
   std::vector<object*> live;
   std::lock_guard hold(vm.modelMutex);
   for (const auto& one : vm.heap) {
-    if (!one->collected) live.push_back(one.get());
+    if (!one->collected) {
+      live.push_back(one.get());
+    }
   }
   return live;
 }
@@ -689,7 +831,9 @@ std::vector<object*> liveObjects(machine& vm) {
 jvmtiError JNICALL getLoadedClasses(jvmtiEnv* jvmti, jint* count, jclass** classes) {
   constexpr functionId id = FAKE_JVMTI(GetLoadedClasses);
   return perform(jvmti, id, {}, [&](machine& vm, threadEnv* env) {
-    if (count == nullptr || classes == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (count == nullptr || classes == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     std::vector<object*> found = liveObjects(vm);
     std::erase_if(found, [](const object* one) { return one->kind != objectKind::javaClass; });
     *count = static_cast<jint>(found.size());
@@ -702,7 +846,9 @@ jvmtiError JNICALL getObjectsWithTags(jvmtiEnv* jvmti, jint tagCount, const jlon
                                       jint* count, jobject** objects, jlong** tagsOfObjects) {
   constexpr functionId id = FAKE_JVMTI(GetObjectsWithTags);
   return perform(jvmti, id, {.number = tagCount}, [&](machine& vm, threadEnv* env) {
-    if (tags == nullptr || count == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (tags == nullptr || count == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     if (tagCount <= 0 || std::count(tags, tags + tagCount, 0) > 0) {
       return JVMTI_ERROR_ILLEGAL_ARGUMENT;
     }
@@ -711,7 +857,9 @@ jvmtiError JNICALL getObjectsWithTags(jvmtiEnv* jvmti, jint tagCount, const jlon
       return std::count(tags, tags + tagCount, one->tag.load()) == 0;
     });
     *count = static_cast<jint>(found.size());
-    if (objects != nullptr) *objects = copyReferences(vm, *env, id, found);
+    if (objects != nullptr) {
+      *objects = copyReferences(vm, *env, id, found);
+    }
     if (tagsOfObjects != nullptr) {
       *tagsOfObjects = allocate<jlong>(vm, env, id, found.size());
       std::transform(found.begin(), found.end(), *tagsOfObjects,
@@ -740,23 +888,33 @@ jvmtiError JNICALL iterateThroughHeap(jvmtiEnv* jvmti, jint filter, jclass type,
                                       const jvmtiHeapCallbacks* callbacks, const void* data) {
   constexpr functionId id = FAKE_JVMTI(IterateThroughHeap);
   return perform(jvmti, id, {.target = type, .number = filter}, [&](machine& vm, threadEnv* env) {
-    if (callbacks == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (callbacks == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     if (callbacks->primitive_field_callback != nullptr ||
         callbacks->array_primitive_value_callback != nullptr ||
         callbacks->string_primitive_value_callback != nullptr) {
       machine::report(id, "only heap_iteration_callback is modelled");
     }
     const javaClass* only = type == nullptr ? nullptr : givenClass(vm, *env, id, type);
-    if (type != nullptr && only == nullptr) return JVMTI_ERROR_INVALID_CLASS;
-    if (callbacks->heap_iteration_callback == nullptr) return JVMTI_ERROR_NONE;
+    if (type != nullptr && only == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
+    if (callbacks->heap_iteration_callback == nullptr) {
+      return JVMTI_ERROR_NONE;
+    }
     const restricted within(*env, "a heap callback");
     for (object* one : liveObjects(vm)) {
-      if ((only != nullptr && one->type != only) || filteredOut(*one, filter)) continue;
+      if ((only != nullptr && one->type != only) || filteredOut(*one, filter)) {
+        continue;
+      }
       jlong tag = one->tag;
       const jint told = callbacks->heap_iteration_callback(one->type->tag, one->size, &tag,
                                                            lengthOf(*one), const_cast<void*>(data));
       one->tag = tag;
-      if ((told & JVMTI_VISIT_ABORT) != 0) break;
+      if ((told & JVMTI_VISIT_ABORT) != 0) {
+        break;
+      }
     }
     return JVMTI_ERROR_NONE;
   });
@@ -767,7 +925,9 @@ jvmtiError JNICALL followReferences(jvmtiEnv* jvmti, jint filter, jclass type, j
                                     const jvmtiHeapCallbacks* callbacks, const void* data) {
   constexpr functionId id = FAKE_JVMTI(FollowReferences);
   return perform(jvmti, id, {.number = filter}, [&](machine& vm, threadEnv* env) {
-    if (callbacks == nullptr) return JVMTI_ERROR_NULL_POINTER;
+    if (callbacks == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
     if (type != nullptr || initial != nullptr || callbacks->heap_reference_callback == nullptr) {
       machine::report(id, "only heap_reference_callback from the roots is modelled");
       return JVMTI_ERROR_INTERNAL;
@@ -775,13 +935,17 @@ jvmtiError JNICALL followReferences(jvmtiEnv* jvmti, jint filter, jclass type, j
     const restricted within(*env, "a heap callback");
     for (object* one : liveObjects(vm)) {
       for (int reference = 0; reference < 2; ++reference) {
-        if (!one->reachable || filteredOut(*one, filter)) continue;
+        if (!one->reachable || filteredOut(*one, filter)) {
+          continue;
+        }
         jlong tag = one->tag;
         const jint told = callbacks->heap_reference_callback(
             JVMTI_HEAP_REFERENCE_OTHER, nullptr, one->type->tag, 0, one->size, &tag, nullptr,
             lengthOf(*one), const_cast<void*>(data));
         one->tag = tag;
-        if ((told & JVMTI_VISIT_ABORT) != 0) return JVMTI_ERROR_NONE;
+        if ((told & JVMTI_VISIT_ABORT) != 0) {
+          return JVMTI_ERROR_NONE;
+        }
       }
     }
     return JVMTI_ERROR_NONE;

@@ -43,7 +43,9 @@ const char* originText(const char* origin) {
 
 std::string countsOf(const std::vector<const char*>& names) {
   std::map<std::string, int> counts;
-  for (const char* name : names) ++counts[name];
+  for (const char* name : names) {
+    ++counts[name];
+  }
   std::string text;
   for (const auto& [name, count] : counts) {
     text += (text.empty() ? "" : ", ") + std::to_string(count) + " of " + name;
@@ -83,7 +85,9 @@ machine::~machine() = default;
 threadEnv* machine::findCurrent() const {
   std::lock_guard hold(threadsMutex_);
   const auto found = attached_.find(threadToken());
-  if (found == attached_.end()) return nullptr;
+  if (found == attached_.end()) {
+    return nullptr;
+  }
   lastUsed = {serial, found->second};
   return found->second;
 }
@@ -104,16 +108,24 @@ machine::environment& machine::addEnvironment() {
 std::vector<machine::environment*> machine::allEnvironments() {
   std::vector<environment*> all{&jvmti};
   std::lock_guard hold(modelMutex);
-  for (const auto& each : environments) all.push_back(each.get());
+  for (const auto& each : environments) {
+    all.push_back(each.get());
+  }
   return all;
 }
 
 threadEnv& machine::attach(javaThread* as) {
-  if (threadEnv* env = currentOrNull()) return *env;
-  if (as == nullptr) as = makeThread("attached thread");
+  if (threadEnv* env = currentOrNull()) {
+    return *env;
+  }
+  if (as == nullptr) {
+    as = makeThread("attached thread");
+  }
   std::lock_guard hold(threadsMutex_);
   const auto index = static_cast<std::uint32_t>(envs_.size());
-  if (index >= handle::kMaxOwners) throw std::length_error("too many attached threads");
+  if (index >= handle::kMaxOwners) {
+    throw std::length_error("too many attached threads");
+  }
   envs_.push_back(std::make_unique<threadEnv>(*this, index, as));
   attached_[threadToken()] = envs_.back().get();
   lastUsed = {serial, envs_.back().get()};
@@ -122,7 +134,9 @@ threadEnv& machine::attach(javaThread* as) {
 
 void machine::detach() {
   threadEnv* env = currentOrNull();
-  if (env == nullptr) return;
+  if (env == nullptr) {
+    return;
+  }
   while (!env->locals.atBoundary()) {
     report("DetachCurrentThread", "PushLocalFrame without PopLocalFrame");
     env->locals.popFrame();
@@ -143,7 +157,9 @@ void machine::detach() {
 std::vector<threadEnv*> machine::allEnvs() const {
   std::lock_guard hold(threadsMutex_);
   std::vector<threadEnv*> envs;
-  for (const auto& env : envs_) envs.push_back(env.get());
+  for (const auto& env : envs_) {
+    envs.push_back(env.get());
+  }
   return envs;
 }
 
@@ -155,7 +171,9 @@ void machine::report(std::string_view where, std::string_view what) {
 
 std::uint64_t machine::totalCount(functionId id) const {
   std::uint64_t sum = unattachedCounts_[id].load(std::memory_order_relaxed);
-  for (const threadEnv* env : allEnvs()) sum += env->counts[id].load(std::memory_order_relaxed);
+  for (const threadEnv* env : allEnvs()) {
+    sum += env->counts[id].load(std::memory_order_relaxed);
+  }
   return sum - countsAtReset_[id];
 }
 
@@ -163,14 +181,20 @@ void machine::resetCounts() {
   for (std::size_t id = 0; id < kFunctions; ++id) {
     countsAtReset_[id] += totalCount(static_cast<functionId>(id));
   }
-  for (threadEnv* env : allEnvs()) env->locals.resetPeak();
+  for (threadEnv* env : allEnvs()) {
+    env->locals.resetPeak();
+  }
 }
 
 void machine::setLogging(bool on) {
   std::lock_guard hold(watchMutex_);
   logging_ = on;
-  if (on) log_.clear();
-  for (std::size_t id = 0; id < kFunctions; ++id) refreshWatched(static_cast<functionId>(id));
+  if (on) {
+    log_.clear();
+  }
+  for (std::size_t id = 0; id < kFunctions; ++id) {
+    refreshWatched(static_cast<functionId>(id));
+  }
 }
 
 std::vector<std::string> machine::log() const {
@@ -216,8 +240,12 @@ call machine::describe(threadEnv* env, functionId id, const rawArguments& argume
     described.name = described.code->name;
     described.signature = described.code->signature;
   }
-  if (arguments.name != nullptr) described.name = arguments.name;
-  if (arguments.signature != nullptr) described.signature = arguments.signature;
+  if (arguments.name != nullptr) {
+    described.name = arguments.name;
+  }
+  if (arguments.signature != nullptr) {
+    described.signature = arguments.signature;
+  }
   described.number = arguments.number;
   return described;
 }
@@ -227,23 +255,39 @@ verdict machine::consult(threadEnv* env, functionId id, const rawArguments& argu
   std::shared_ptr<const std::function<void(const call&)>> hook;
   {
     std::lock_guard hold(watchMutex_);
-    if (logging_) log_.emplace_back(nameOf(id));
-    if (const auto found = watches_.find(id); found != watches_.end()) hook = found->second.hook;
+    if (logging_) {
+      log_.emplace_back(nameOf(id));
+    }
+    if (const auto found = watches_.find(id); found != watches_.end()) {
+      hook = found->second.hook;
+    }
   }
-  if (hook != nullptr) (*hook)(described);
+  if (hook != nullptr) {
+    (*hook)(described);
+  }
 
   std::vector<std::shared_ptr<rule>> rules;
   {
     std::lock_guard hold(watchMutex_);
-    if (const auto found = watches_.find(id); found != watches_.end()) rules = found->second.rules;
+    if (const auto found = watches_.find(id); found != watches_.end()) {
+      rules = found->second.rules;
+    }
   }
   for (const auto& one : rules) {
     const failure& how = one->how;
-    if (!how.name.empty() && how.name != described.name) continue;
-    if (how.when && !how.when(described)) continue;
+    if (!how.name.empty() && how.name != described.name) {
+      continue;
+    }
+    if (how.when && !how.when(described)) {
+      continue;
+    }
     const unsigned number = ++one->matched;
-    if (number < how.from || number - how.from >= how.times) continue;
-    if (how.throwing && env != nullptr) raise(*env, how.exception);
+    if (number < how.from || number - how.from >= how.times) {
+      continue;
+    }
+    if (how.throwing && env != nullptr) {
+      raise(*env, how.exception);
+    }
     return {false, how.error};
   }
   return {};
@@ -259,7 +303,9 @@ machine::resolved machine::resolve(threadEnv& env, jobject reference) const {
   const handleTable<object>* table = nullptr;
   switch (wanted.kind) {
     case handleKind::local:
-      if (wanted.owner != env.index) return wrong("is a local reference of another thread");
+      if (wanted.owner != env.index) {
+        return wrong("is a local reference of another thread");
+      }
       table = &env.locals.table();
       break;
     case handleKind::global:
@@ -275,20 +321,30 @@ machine::resolved machine::resolve(threadEnv& env, jobject reference) const {
     default:
       return wrong("was never made by this VM");
   }
-  if (const auto* slot = table->find(wanted); slot != nullptr) return {slot->target.load(), {}};
+  if (const auto* slot = table->find(wanted); slot != nullptr) {
+    return {slot->target.load(), {}};
+  }
   return wrong("is stale");
 }
 
 object* machine::use(threadEnv& env, functionId id, jobject reference) {
-  if (reference == nullptr) return nullptr;
-  if (object* found = liveLocal(env, reference)) return found;
+  if (reference == nullptr) {
+    return nullptr;
+  }
+  if (object* found = liveLocal(env, reference)) {
+    return found;
+  }
   resolved found = resolve(env, reference);
-  if (!found.wrong.empty()) report(id, found.wrong);
+  if (!found.wrong.empty()) {
+    report(id, found.wrong);
+  }
   return found.target;
 }
 
 object* machine::needObject(threadEnv& env, functionId id, jobject reference) {
-  if (object* found = liveLocal(env, reference)) return found;
+  if (object* found = liveLocal(env, reference)) {
+    return found;
+  }
   if (reference == nullptr) {
     report(id, "a null reference where the VM needs an object");
     return nullptr;
@@ -304,7 +360,9 @@ object* machine::needObject(threadEnv& env, functionId id, jobject reference) {
 
 bool machine::isGood(threadEnv& env, functionId id, jobject reference) const {
   const resolved found = resolve(env, reference);
-  if (!found.wrong.empty()) report(id, found.wrong);
+  if (!found.wrong.empty()) {
+    report(id, found.wrong);
+  }
   return found.wrong.empty();
 }
 
@@ -410,7 +468,9 @@ void machine::addBuiltIns() {
   add(classClass, "getName", "()Ljava/lang/String;", [this](invocation& call) -> value {
     auto* named = static_cast<javaClass*>(call.self);
     object* name = named->nameString;
-    if (name != nullptr) return name;
+    if (name != nullptr) {
+      return name;
+    }
     object* made = makeString(named->name);
     return named->nameString.compare_exchange_strong(name, made) ? made : name;
   });
@@ -419,7 +479,9 @@ void machine::addBuiltIns() {
 javaClass* machine::makeClass(std::string_view name, javaClass* super) {
   auto* made = keep<javaClass>(classClass, nextHash(), std::string(name), signatureOf(name),
                                super == nullptr ? objectClass : super);
-  if (!name.starts_with("java.")) made->loader = appLoader;
+  if (!name.starts_with("java.")) {
+    made->loader = appLoader;
+  }
   std::lock_guard hold(modelMutex);
   loadedClasses.push_back(made);
   return made;
@@ -428,7 +490,9 @@ javaClass* machine::makeClass(std::string_view name, javaClass* super) {
 javaClass* machine::findClass(std::string_view name) {
   std::lock_guard hold(modelMutex);
   for (javaClass* loaded : loadedClasses) {
-    if (loaded->name == name) return loaded;
+    if (loaded->name == name) {
+      return loaded;
+    }
   }
   return nullptr;
 }
@@ -448,7 +512,9 @@ javaString* machine::makeString(std::string_view text) {
 
 javaThread* machine::makeThread(std::optional<std::string_view> name) {
   auto* made = keep<javaThread>(threadClass, nextHash());
-  if (name.has_value()) made->name = keepName(*name);
+  if (name.has_value()) {
+    made->name = keepName(*name);
+  }
   made->group = mainGroup;
   made->loader = appLoader;
   return made;
@@ -520,21 +586,29 @@ field* machine::findField(javaClass* type, std::string_view name, std::string_vi
 
 bool machine::isInstance(const object& what, const javaClass& type) {
   const javaClass* climbing = what.type;
-  while (climbing != nullptr && climbing != &type) climbing = climbing->super;
+  while (climbing != nullptr && climbing != &type) {
+    climbing = climbing->super;
+  }
   return climbing != nullptr;
 }
 
 void machine::checkCollectable(const object* unreachable) const {
   std::vector<const char*> holders;
   const auto look = [&](const auto& slot) {
-    if (slot.target.load() == unreachable) holders.push_back(originText(slot.origin.load()));
+    if (slot.target.load() == unreachable) {
+      holders.push_back(originText(slot.origin.load()));
+    }
   };
-  for (const threadEnv* env : allEnvs()) env->locals.table().forEachLive(look);
+  for (const threadEnv* env : allEnvs()) {
+    env->locals.table().forEachLive(look);
+  }
   {
     std::lock_guard hold(sharedMutex);
     globals.forEachLive(look);
   }
-  if (!holders.empty()) report("collect", "references hold the object: " + countsOf(holders));
+  if (!holders.empty()) {
+    report("collect", "references hold the object: " + countsOf(holders));
+  }
 }
 
 void machine::collect(object* unreachable) {
@@ -542,7 +616,9 @@ void machine::collect(object* unreachable) {
   unreachable->collected = true;
   std::lock_guard hold(sharedMutex);
   weaks.forEachLive([&](auto& slot) {
-    if (slot.target.load() == unreachable) slot.target = nullptr;
+    if (slot.target.load() == unreachable) {
+      slot.target = nullptr;
+    }
   });
 }
 
@@ -551,15 +627,23 @@ void machine::unload(javaClass* unreachable) {
   {
     std::lock_guard hold(modelMutex);
     for (const auto& one : heap) {
-      if (one->type == unreachable && !one->collected) instances.push_back(one.get());
+      if (one->type == unreachable && !one->collected) {
+        instances.push_back(one.get());
+      }
     }
   }
-  for (object* instance : instances) collect(instance);
-  if (object* name = unreachable->nameString) collect(name);
+  for (object* instance : instances) {
+    collect(instance);
+  }
+  if (object* name = unreachable->nameString) {
+    collect(name);
+  }
   collect(unreachable);
   std::lock_guard hold(modelMutex);
   std::erase(loadedClasses, unreachable);
-  for (const auto& one : unreachable->methods) methods_.release(handle::unpack(one->id).slot);
+  for (const auto& one : unreachable->methods) {
+    methods_.release(handle::unpack(one->id).slot);
+  }
   for (const auto& one : unreachable->fieldsDeclared) {
     fields_.release(handle::unpack(one->id).slot);
   }
@@ -569,13 +653,19 @@ void machine::unload(javaClass* unreachable) {
 
 value machine::invoke(threadEnv& env, method& code, object* self, std::vector<value> arguments) {
   const value nothing = zeroOf(returnType(code.signature));
-  if (!code.body) return nothing;
+  if (!code.body) {
+    return nothing;
+  }
   env.locals.pushFrame(true);
   invocation call{face, &env, self, std::move(arguments)};
   value given = code.body(call);
-  while (!env.locals.atBoundary()) env.locals.popFrame();
+  while (!env.locals.atBoundary()) {
+    env.locals.popFrame();
+  }
   env.locals.popFrame();
-  if (env.pending != nullptr) return nothing;
+  if (env.pending != nullptr) {
+    return nothing;
+  }
   if (given.index() != nothing.index()) {
     report(code.name, "the method's body gives a value of another type than " + code.signature);
     return nothing;
@@ -601,8 +691,12 @@ machine::entry machine::begin(threadEnv& env, javaThread* as) {
 }
 
 void machine::finish(threadEnv& env, const char* what, const entry& before) const {
-  if (env.locals.depth() > before.depth) report(what, "PushLocalFrame without PopLocalFrame");
-  while (env.locals.depth() > before.depth) env.locals.popFrame();
+  if (env.locals.depth() > before.depth) {
+    report(what, "PushLocalFrame without PopLocalFrame");
+  }
+  while (env.locals.depth() > before.depth) {
+    env.locals.popFrame();
+  }
   if (const auto makers = env.locals.makersInTopFrame(); !makers.empty()) {
     report(what, "local references not deleted: " + countsOf(makers));
   }

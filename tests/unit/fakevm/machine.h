@@ -126,7 +126,9 @@ class machine {
 
   // --- Calls.
   void count(threadEnv* env, functionId id) {
-    if (!recording.load(std::memory_order_relaxed)) return;
+    if (!recording.load(std::memory_order_relaxed)) {
+      return;
+    }
     if (env == nullptr) {
       unattachedCounts_[id].fetch_add(1, std::memory_order_relaxed);
     } else {
@@ -153,8 +155,12 @@ class machine {
   template <typename T>
   T* need(threadEnv& env, functionId id, jobject reference, objectKind kind) {
     object* found = needObject(env, id, reference);
-    if (found == nullptr) return nullptr;
-    if (found->kind == kind) return static_cast<T*>(found);
+    if (found == nullptr) {
+      return nullptr;
+    }
+    if (found->kind == kind) {
+      return static_cast<T*>(found);
+    }
     report(id,
            "the object is not of the kind that is asked for (it is a " + found->type->name + ")");
     return nullptr;
@@ -240,8 +246,12 @@ class machine {
   bool deliver(environment& in, jvmtiEvent event, const char* name, javaThread* as, delivery how,
                Action action) {
     auto callback = reinterpret_cast<Callback>(in.callbackOf(event));
-    if (callback == nullptr) return false;
-    if (how == delivery::ifEnabled && !in.enabled(event).load()) return false;
+    if (callback == nullptr) {
+      return false;
+    }
+    if (how == delivery::ifEnabled && !in.enabled(event).load()) {
+      return false;
+    }
     threadEnv& env = current(name);
     enter(env, name, as, [&] { action(agentEntry(callback), env); });
     return true;
@@ -317,7 +327,9 @@ class machine {
   // The short way for what most references are: null unless it is a good local reference.
   static object* liveLocal(const threadEnv& env, jobject reference) {
     const handle wanted = handle::unpack(reference);
-    if (wanted.kind != handleKind::local || wanted.owner != env.index) return nullptr;
+    if (wanted.kind != handleKind::local || wanted.owner != env.index) {
+      return nullptr;
+    }
     const auto* slot = env.locals.table().find(wanted);
     return slot == nullptr ? nullptr : slot->target.load(std::memory_order_relaxed);
   }

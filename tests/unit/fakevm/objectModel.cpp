@@ -8,8 +8,12 @@ namespace {
 
 // Where the type that starts at `at` ends.
 std::size_t typeEnd(std::string_view signature, std::size_t at) {
-  while (at < signature.size() && signature[at] == '[') ++at;
-  if (at < signature.size() && signature[at] == 'L') at = signature.find(';', at);
+  while (at < signature.size() && signature[at] == '[') {
+    ++at;
+  }
+  if (at < signature.size() && signature[at] == 'L') {
+    at = signature.find(';', at);
+  }
   return at == std::string_view::npos ? signature.size() : at + 1;
 }
 
@@ -20,8 +24,12 @@ bool isContinuation(std::string_view text, std::size_t at) {
 // Length of the sequence that starts at `at`; 0 when it is malformed.
 std::size_t sequenceLength(std::string_view text, std::size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
-  if (lead != 0 && lead < 0x80) return 1;
-  if ((lead & 0xE0U) == 0xC0U) return isContinuation(text, at + 1) ? 2 : 0;
+  if (lead != 0 && lead < 0x80) {
+    return 1;
+  }
+  if ((lead & 0xE0U) == 0xC0U) {
+    return isContinuation(text, at + 1) ? 2 : 0;
+  }
   if ((lead & 0xF0U) == 0xE0U) {
     return isContinuation(text, at + 1) && isContinuation(text, at + 2) ? 3 : 0;
   }
@@ -99,7 +107,9 @@ std::string signatureOf(std::string_view className) {
 bool isModifiedUtf8(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t length = sequenceLength(text, at);
-    if (length == 0) return false;
+    if (length == 0) {
+      return false;
+    }
     at += length;
   }
   return true;

@@ -27,8 +27,7 @@ Table tableOfUnmodelled() {
   auto** slots = reinterpret_cast<void**>(&table);
   [&]<std::size_t... number>(std::index_sequence<number...>) {
     ((slots[number] = reinterpret_cast<void*>(&unmodelled<first + number>)), ...);
-  }
-  (std::make_index_sequence<sizeof(Table) / sizeof(void*)>());
+  }(std::make_index_sequence<sizeof(Table) / sizeof(void*)>());
   return table;
 }
 

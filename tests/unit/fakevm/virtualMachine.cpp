@@ -13,14 +13,18 @@ namespace {
 
 functionId known(std::string_view name) {
   const auto id = functionNamed(name);
-  if (!id) throw std::invalid_argument("no VM function is called " + std::string(name));
+  if (!id) {
+    throw std::invalid_argument("no VM function is called " + std::string(name));
+  }
   return *id;
 }
 
 std::string makersOf(const handleTable<object>& table) {
   std::map<std::string, int> counts;
   table.forEachLive([&](const auto& slot) {
-    if (const char* origin = slot.origin.load()) ++counts[origin];
+    if (const char* origin = slot.origin.load()) {
+      ++counts[origin];
+    }
   });
   std::string text;
   for (const auto& [name, count] : counts) {
@@ -153,7 +157,9 @@ void virtualMachine::unload(javaClass* unreachable) {
 }
 
 jobject virtualMachine::ref(object* target) {
-  if (target == nullptr) return nullptr;
+  if (target == nullptr) {
+    return nullptr;
+  }
   return machine_->current("the test").locals.add(target, nullptr);
 }
 
@@ -326,7 +332,9 @@ std::set<std::string> virtualMachine::callNames() const {
   std::set<std::string> names;
   for (std::size_t id = 0; id < kFunctions; ++id) {
     const auto function = static_cast<functionId>(id);
-    if (machine_->totalCount(function) > 0) names.insert(nameOf(function));
+    if (machine_->totalCount(function) > 0) {
+      names.insert(nameOf(function));
+    }
   }
   return names;
 }
@@ -395,13 +403,17 @@ std::size_t virtualMachine::globalReferencesTo(const object* target) const {
 
 std::size_t virtualMachine::peakLocalReferences() const {
   std::size_t peak = 0;
-  for (const threadEnv* env : machine_->allEnvs()) peak = std::max(peak, env->locals.peak());
+  for (const threadEnv* env : machine_->allEnvs()) {
+    peak = std::max(peak, env->locals.peak());
+  }
   return peak;
 }
 
 void virtualMachine::checkNothingHeld() const {
   const auto report = [](const char* what, const std::string& held) {
-    if (!held.empty()) machine::report("still held at the end", what + (": " + held));
+    if (!held.empty()) {
+      machine::report("still held at the end", what + (": " + held));
+    }
   };
   report("VM memory", machine_->memory.heldByOrigin());
   report("UTF characters", machine_->characters.heldByOrigin());
@@ -409,7 +421,9 @@ void virtualMachine::checkNothingHeld() const {
   report("weak global references", makersOf(machine_->weaks));
   for (const threadEnv* env : machine_->allEnvs()) {
     report("local references", makersOf(env->locals.table()));
-    if (const object* pending = env->pending) report("a pending exception", pending->type->name);
+    if (const object* pending = env->pending) {
+      report("a pending exception", pending->type->name);
+    }
   }
 }
 

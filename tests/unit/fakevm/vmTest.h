@@ -31,7 +31,9 @@ class attachedThread {
   attachedThread& operator=(const attachedThread&) = delete;
 
   void join() {
-    if (thread_.joinable()) thread_.join();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
   }
   javaThread* asJava() const { return java_; }
 

@@ -34,16 +34,22 @@ struct allocationFault {
 thread_local allocationFault allocations;
 
 bool allocationFails() {
-  if (!allocations.counting || !fake::agentCode::runs()) return false;
+  if (!allocations.counting || !fake::agentCode::runs()) {
+    return false;
+  }
   ++allocations.made;
-  if (allocations.firstToFail == 0) return false;
+  if (allocations.firstToFail == 0) {
+    return false;
+  }
   return allocations.ever ? allocations.made >= allocations.firstToFail
                           : allocations.made == allocations.firstToFail;
 }
 
 void* allocate(std::size_t size) {
   if (!allocationFails()) {
-    if (void* const memory = std::malloc(size == 0 ? 1 : size)) return memory;
+    if (void* const memory = std::malloc(size == 0 ? 1 : size)) {
+      return memory;
+    }
   }
   throw std::bad_alloc();
 }
@@ -133,7 +139,9 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
                           {"b", "Ljava/lang/StringBuilder;", builder("c")},
                           {"o", "Lcom/example/Lock;", lock_}}),
                  frameOf("com.example.Main.main", {{"args", "[I", vm.makeArray("[I", {nullptr})}})};
-    for (int i = 0; i < 3; ++i) followed_.push_back(vm.makeObject("com.example.Session"));
+    for (int i = 0; i < 3; ++i) {
+      followed_.push_back(vm.makeObject("com.example.Session"));
+    }
   }
 
   // --- Native methods: the arguments are made first, then the agent's code runs.
@@ -385,7 +393,9 @@ TEST_P(faultInjection, eachCallIsRefusedWithEachError) {
   each.act();
   std::map<std::string, unsigned> calls;
   for (const std::string& function : vm.callNames()) {
-    if (kNeverFail.contains(function)) continue;
+    if (kNeverFail.contains(function)) {
+      continue;
+    }
     calls[function] = static_cast<unsigned>(vm.calls(function));
   }
   each.finish();
@@ -393,10 +403,14 @@ TEST_P(faultInjection, eachCallIsRefusedWithEachError) {
   for (const auto& [function, count] : calls) {
     std::vector<fake::failure> ways;
     if (isJvmti(function)) {
-      for (const jvmtiError error : kErrors) ways.push_back({.error = error});
+      for (const jvmtiError error : kErrors) {
+        ways.push_back({.error = error});
+      }
     } else {
       ways.push_back({});
-      if (kThrow.contains(function)) ways.push_back({.throwing = true});
+      if (kThrow.contains(function)) {
+        ways.push_back({.throwing = true});
+      }
     }
     for (fake::failure way : ways) {
       for (way.from = 1; way.from <= count; ++way.from) {
@@ -407,8 +421,12 @@ TEST_P(faultInjection, eachCallIsRefusedWithEachError) {
                   (way.times == 1 ? "" : " and all after it") + ", error " +
                   std::to_string(way.error) + (way.throwing ? ", throwing" : ""),
               [&] { vm.fail(function, way); }, [&] { vm.succeed(function); });
-          if (HasFailure()) return;
-          if (way.times != 1) break;
+          if (HasFailure()) {
+            return;
+          }
+          if (way.times != 1) {
+            break;
+          }
         }
       }
     }
@@ -432,7 +450,9 @@ TEST_P(faultInjection, eachAllocationFails) {
           "allocation " + std::to_string(number) + (ever ? " and all after it" : ""),
           [&] { allocations = {.counting = true, .firstToFail = number, .ever = ever}; },
           [&] { allocations.counting = false; });
-      if (HasFailure()) return;
+      if (HasFailure()) {
+        return;
+      }
     } while (allocations.made >= number);
   }
   const std::map<std::string, std::string> said = {

@@ -56,7 +56,9 @@ class logUnderStress : public test::agentTest {
         for (std::size_t r = 0; r < records; ++r) {
           if (r == records / 2) {
             halfWay.count_down();
-            if (t % 2 == 0) done.wait();  // the others go on meanwhile
+            if (t % 2 == 0) {
+              done.wait();  // the others go on meanwhile
+            }
           }
           write(messageOf(nameOf(t, r), filling));
         }
@@ -65,7 +67,9 @@ class logUnderStress : public test::agentTest {
     halfWay.wait();
     also();
     done.count_down();
-    for (std::thread& each : threads) each.join();
+    for (std::thread& each : threads) {
+      each.join();
+    }
   }
 
   // The records in the files by name, and what is neither a record nor the header.
@@ -90,7 +94,9 @@ class logUnderStress : public test::agentTest {
   // The name in the message of a line that is one whole record; else an empty text.
   static std::string nameIn(const std::string& line) {
     const std::size_t begin = line.find('<');
-    if (begin == std::string::npos) return "";
+    if (begin == std::string::npos) {
+      return "";
+    }
     const std::string columns = line.substr(0, begin);
     const std::size_t timeBytes = std::string("11/21/26 16:00:00").size();
     if (columns.find("|******|(null)|") != timeBytes ||
@@ -104,7 +110,9 @@ class logUnderStress : public test::agentTest {
     return whole ? name : "";
   }
   static void expectEachOnce(const content& all) {
-    for (const auto& [name, times] : all.records) EXPECT_EQ(times, 1) << name;
+    for (const auto& [name, times] : all.records) {
+      EXPECT_EQ(times, 1) << name;
+    }
   }
 };
 
@@ -219,10 +227,14 @@ class ordinaryUser {
  public:
   ordinaryUser() {
     constexpr uid_t kNobody = 65534;
-    if (before_ == 0) changed_ = ::seteuid(kNobody) == 0;
+    if (before_ == 0) {
+      changed_ = ::seteuid(kNobody) == 0;
+    }
   }
   ~ordinaryUser() {
-    if (changed_) changed_ = ::seteuid(before_) != 0;
+    if (changed_) {
+      changed_ = ::seteuid(before_) != 0;
+    }
   }
   ordinaryUser(const ordinaryUser&) = delete;
   ordinaryUser& operator=(const ordinaryUser&) = delete;
