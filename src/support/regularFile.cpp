@@ -38,6 +38,18 @@ openedFile openRegularFile(const std::string& path, int flags, mode_t mode) {
   return {-1, error};
 }
 
+std::shared_ptr<std::FILE> streamOf(const openedFile& file, const char* mode) {
+  if (file.descriptor < 0) {
+    return nullptr;
+  }
+  std::FILE* stream = ::fdopen(file.descriptor, mode);
+  if (stream == nullptr) {
+    ::close(file.descriptor);
+    return nullptr;
+  }
+  return {stream, [](std::FILE* opened) { std::fclose(opened); }};
+}
+
 std::string reasonOf(int error) {
   if (error == kNotRegular) {
     return "Not a regular file; a regular file or /dev/null is expected";

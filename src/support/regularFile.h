@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <cstdio>
+#include <memory>
 #include <string>
 
 namespace support {
@@ -18,6 +20,10 @@ inline constexpr int kNotRegular = -1;
 // starts do not inherit it. What is no regular file is refused, /dev/null apart: a FIFO would hold
 // the caller up until somebody reads from it.
 openedFile openRegularFile(const std::string& path, int flags, mode_t mode = 0);
+
+// A stream of `mode`, as of ::fdopen, on an opened file; it takes the descriptor over. None when
+// there is no descriptor or the system refuses.
+std::shared_ptr<std::FILE> streamOf(const openedFile& file, const char* mode);
 
 // What `error` of an openedFile, or an errno, means.
 std::string reasonOf(int error);

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "exceptionprofiler.h"
+#include "exceptions/exceptionprofiler.h"
 #include "handlerBench.h"
 #include "vmCalls.h"
 

@@ -18,7 +18,7 @@
 
 #include "heapUse.h"
 #include "loadedAgent.h"
-#include "mutexlockprofiler.h"
+#include "locks/mutexlockprofiler.h"
 #include "vmCalls.h"
 
 namespace {

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/profilerRegistry.h"
 #include "fakevm/fakeVm.h"
-#include "profilerRegistry.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
 

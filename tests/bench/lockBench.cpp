@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "handlerBench.h"
-#include "mutexlockprofiler.h"
+#include "locks/mutexlockprofiler.h"
 #include "vmCalls.h"
 
 namespace {

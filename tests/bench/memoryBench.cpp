@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "handlerBench.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 namespace {
 

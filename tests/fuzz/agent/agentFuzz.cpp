@@ -12,8 +12,8 @@
 
 #include "../../unit/agent/lockTest.h"
 #include "../check.h"
-#include "exceptionprofiler.h"
-#include "memoryprofiler.h"
+#include "exceptions/exceptionprofiler.h"
+#include "memory/memoryprofiler.h"
 
 // The log is set up for as long as the process lives. It is kept from that, so that start-up can be
 // run any number of times; the text fuzzer has it.

@@ -17,14 +17,14 @@
 #include <vector>
 
 #include "../check.h"
-#include "exceptionRecord.h"
-#include "exceptionprofiler.h"
-#include "heapScan.h"
-#include "jagent.h"
+#include "agent/jagent.h"
+#include "agent/twAprLib.h"
+#include "agent/twAprUtility.h"
+#include "exceptions/exceptionRecord.h"
+#include "exceptions/exceptionprofiler.h"
+#include "memory/heapScan.h"
 #include "support/jsonWriter.h"
 #include "support/text.h"
-#include "twAprLib.h"
-#include "twAprUtility.h"
 
 namespace {
 

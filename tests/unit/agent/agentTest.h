@@ -15,9 +15,9 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/profilerRegistry.h"
 #include "fakevm/fakeVm.h"
-#include "mutexlockprofiler.h"
-#include "profilerRegistry.h"
+#include "locks/mutexlockprofiler.h"
 
 namespace test {
 

@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "exceptionTest.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 namespace {
 

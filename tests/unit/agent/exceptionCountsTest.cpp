@@ -5,10 +5,10 @@
 #include <numeric>
 #include <set>
 
-#include "exceptionCounts.h"
 #include "exceptionTest.h"
+#include "exceptions/exceptionCounts.h"
+#include "exceptions/undeliveredRecords.h"
 #include "support/stackRoom.h"
-#include "undeliveredRecords.h"
 
 namespace {
 

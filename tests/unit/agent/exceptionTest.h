@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/twAprLib.h"
 #include "agentTest.h"
-#include "exceptionprofiler.h"
-#include "twAprLib.h"
+#include "exceptions/exceptionprofiler.h"
 
 namespace test {
 

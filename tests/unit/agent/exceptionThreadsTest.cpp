@@ -6,9 +6,9 @@
 #include <memory>
 #include <thread>
 
-#include "exceptionCounts.h"
 #include "exceptionTest.h"
-#include "undeliveredRecords.h"
+#include "exceptions/exceptionCounts.h"
+#include "exceptions/undeliveredRecords.h"
 
 namespace {
 

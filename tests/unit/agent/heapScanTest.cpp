@@ -1,5 +1,5 @@
 // Tags, names, filters, the choice of classes, and the two walks of a scan.
-#include "heapScan.h"
+#include "memory/heapScan.h"
 
 #include <algorithm>
 #include <cstdint>

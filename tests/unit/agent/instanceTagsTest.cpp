@@ -2,7 +2,7 @@
 #include <limits>
 
 #include "agentTest.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
 

@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "lockTest.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 namespace {
 

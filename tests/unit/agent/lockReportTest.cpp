@@ -1,5 +1,5 @@
 // The JSON lock report.
-#include "lockReport.h"
+#include "locks/lockReport.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

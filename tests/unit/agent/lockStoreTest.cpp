@@ -1,5 +1,5 @@
 // The records of a lock session, by themselves.
-#include "lockStore.h"
+#include "locks/lockStore.h"
 
 #include <atomic>
 #include <limits>

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/twAprLib.h"
 #include "agentTest.h"
-#include "twAprLib.h"
 
 namespace test {
 

@@ -1,6 +1,6 @@
 // The clean-up of old logs at start-up.
+#include "agent/jagent.h"
 #include "agentTest.h"
-#include "jagent.h"
 
 using agent::cleanUpOldLogs;
 using agent::isOldLog;

@@ -11,9 +11,9 @@
 #include <regex>
 #include <thread>
 
+#include "agent/twAprLib.h"
+#include "agent/twAprUtility.h"
 #include "agentTest.h"
-#include "twAprLib.h"
-#include "twAprUtility.h"
 
 using agent::kLogDebug;
 using agent::kLogError;

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/twAprLib.h"
 #include "memoryTest.h"
-#include "twAprLib.h"
 
 namespace {
 

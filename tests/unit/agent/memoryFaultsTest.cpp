@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/twAprLib.h"
 #include "memoryTest.h"
-#include "twAprLib.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "agent/twAprLib.h"
 #include "memoryTest.h"
-#include "twAprLib.h"
 
 namespace {
 

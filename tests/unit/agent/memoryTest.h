@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "agentTest.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 namespace test {
 

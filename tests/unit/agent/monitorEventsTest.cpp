@@ -1,5 +1,5 @@
 // Monitor events: what each handler records in each phase of a session, and what it says.
-#include "mutexlockprofiler.h"
+#include "locks/mutexlockprofiler.h"
 
 #include <new>
 #include <optional>

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "agentTest.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
 #define TW_NATIVE_NAME(method) \

@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <typeinfo>
 
+#include "agent/twAprLib.h"
 #include "agentTest.h"
-#include "exceptionprofiler.h"
-#include "memoryprofiler.h"
-#include "twAprLib.h"
+#include "exceptions/exceptionprofiler.h"
+#include "memory/memoryprofiler.h"
 
 using ::testing::AllOf;
 using ::testing::ElementsAre;

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "agentTest.h"
-#include "ownerLookup.h"
+#include "locks/ownerLookup.h"
 
 namespace test {
 

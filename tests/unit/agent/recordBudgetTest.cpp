@@ -4,8 +4,8 @@
 #include <cstring>
 #include <vector>
 
-#include "exceptionRecord.h"
 #include "exceptionTest.h"
+#include "exceptions/exceptionRecord.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The registry: profilers by kind, the capabilities they ask for, and the one callback table.
-#include "profilerRegistry.h"
+#include "agent/profilerRegistry.h"
 
 #include <atomic>
 #include <cstring>
@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "agentTest.h"
-#include "exceptionprofiler.h"
-#include "memoryprofiler.h"
-#include "mutexlockprofiler.h"
+#include "exceptions/exceptionprofiler.h"
+#include "locks/mutexlockprofiler.h"
+#include "memory/memoryprofiler.h"
 
 using agent::getExceptionProfiler;
 using agent::getMemoryProfiler;

@@ -1,5 +1,5 @@
 // The end of the VM: no handler is at work any more when the thread that ends it goes on.
-#include "vmEnd.h"
+#include "agent/vmEnd.h"
 
 #include <atomic>
 #include <chrono>

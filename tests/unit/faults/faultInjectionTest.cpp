@@ -17,7 +17,7 @@
 #include "agent/exceptionTest.h"
 #include "fakevm/agentCode.h"
 #include "fakevm/functions.h"
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
 

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "../agent/agentTest.h"
-#include "twAprLib.h"
+#include "agent/twAprLib.h"
 
 using agent::twAprLib;
 using ::testing::Ge;

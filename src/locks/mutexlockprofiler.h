@@ -18,9 +18,9 @@
 #include <string_view>
 #include <vector>
 
-#include "lockStore.h"
-#include "profiler.h"
-#include "stackTraces.h"
+#include "agent/profiler.h"
+#include "locks/lockStore.h"
+#include "locks/stackTraces.h"
 #include "support/annotations.h"
 #include "support/javaClasses.h"
 #include "support/rateLimit.h"

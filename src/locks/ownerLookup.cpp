@@ -1,4 +1,4 @@
-#include "ownerLookup.h"
+#include "locks/ownerLookup.h"
 
 #include <chrono>
 #include <utility>

@@ -1,15 +1,15 @@
-#include "instanceTags.h"
+#include "memory/instanceTags.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <utility>
 #include <vector>
 
-#include "heapScan.h"
+#include "agent/twAprLib.h"
+#include "memory/heapScan.h"
 #include "support/annotations.h"
 #include "support/jniRef.h"
 #include "support/jvmtiStatus.h"
-#include "twAprLib.h"
 
 namespace agent {
 

@@ -1,9 +1,9 @@
-#include "undeliveredRecords.h"
+#include "exceptions/undeliveredRecords.h"
 
 #include <utility>
 
-#include "exceptionCounts.h"
-#include "exceptionRecord.h"
+#include "exceptions/exceptionCounts.h"
+#include "exceptions/exceptionRecord.h"
 
 namespace agent {
 

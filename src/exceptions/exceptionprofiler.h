@@ -16,9 +16,9 @@
 #include <string_view>
 #include <vector>
 
-#include "exceptionCounts.h"
-#include "profiler.h"
-#include "raisedInHandler.h"
+#include "agent/profiler.h"
+#include "exceptions/exceptionCounts.h"
+#include "exceptions/raisedInHandler.h"
 #include "support/annotations.h"
 #include "support/classCache.h"
 #include "support/sharedSlot.h"

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "heapScan.h"
-#include "profiler.h"
+#include "agent/profiler.h"
+#include "memory/heapScan.h"
 #include "support/annotations.h"
 
 namespace agent {

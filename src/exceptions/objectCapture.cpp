@@ -1,4 +1,4 @@
-#include "objectCapture.h"
+#include "exceptions/objectCapture.h"
 
 #include <algorithm>
 #include <ctime>
@@ -6,14 +6,14 @@
 #include <string>
 #include <utility>
 
-#include "boundary.h"
-#include "exceptionprofiler.h"
-#include "profilerRegistry.h"
+#include "agent/boundary.h"
+#include "agent/profilerRegistry.h"
+#include "agent/twAprLib.h"
+#include "exceptions/exceptionprofiler.h"
 #include "support/classCache.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/text.h"
-#include "twAprLib.h"
 
 namespace agent {
 

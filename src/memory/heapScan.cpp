@@ -1,4 +1,4 @@
-#include "heapScan.h"
+#include "memory/heapScan.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,4 +1,4 @@
-#include "lockStore.h"
+#include "locks/lockStore.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "exceptionprofiler.h"
+#include "exceptions/exceptionprofiler.h"
 
 #include <algorithm>
 #include <array>
@@ -8,20 +8,20 @@
 #include <stdexcept>
 #include <utility>
 
-#include "boundary.h"
-#include "exceptionRecord.h"
-#include "objectCapture.h"
-#include "profilerRegistry.h"
-#include "raisedInHandler.h"
+#include "agent/boundary.h"
+#include "agent/profilerRegistry.h"
+#include "agent/twAprLib.h"
+#include "agent/vmEnd.h"
+#include "exceptions/exceptionRecord.h"
+#include "exceptions/objectCapture.h"
+#include "exceptions/raisedInHandler.h"
+#include "exceptions/undeliveredRecords.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/jvmtiStatus.h"
 #include "support/stackRoom.h"
 #include "support/text.h"
-#include "twAprLib.h"
-#include "undeliveredRecords.h"
-#include "vmEnd.h"
 
 namespace agent {
 

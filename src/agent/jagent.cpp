@@ -1,4 +1,4 @@
-#include "jagent.h"
+#include "agent/jagent.h"
 
 #include <com_korvane_twutils_nativeagent_AgentCounters.h>
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
@@ -18,22 +18,22 @@
 #include <utility>
 #include <vector>
 
-#include "boundary.h"
-#include "exceptionprofiler.h"
-#include "instanceTags.h"
-#include "memoryprofiler.h"
-#include "messageOrigin.h"
-#include "mutexlockprofiler.h"
-#include "profilerRegistry.h"
-#include "raisedInHandler.h"
+#include "agent/boundary.h"
+#include "agent/profilerRegistry.h"
+#include "agent/twAprLib.h"
+#include "agent/vmEnd.h"
+#include "exceptions/exceptionprofiler.h"
+#include "exceptions/messageOrigin.h"
+#include "exceptions/raisedInHandler.h"
+#include "exceptions/undeliveredRecords.h"
+#include "locks/mutexlockprofiler.h"
+#include "memory/instanceTags.h"
+#include "memory/memoryprofiler.h"
 #include "support/annotations.h"
 #include "support/jniRef.h"
 #include "support/jvmtiStatus.h"
 #include "support/sourcePlace.h"
 #include "support/text.h"
-#include "twAprLib.h"
-#include "undeliveredRecords.h"
-#include "vmEnd.h"
 
 namespace agent {
 

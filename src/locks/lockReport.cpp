@@ -1,4 +1,4 @@
-#include "lockReport.h"
+#include "locks/lockReport.h"
 
 #include <utility>
 #include <vector>

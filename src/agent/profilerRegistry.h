@@ -13,7 +13,7 @@
 #include <map>
 #include <memory>
 
-#include "profiler.h"
+#include "agent/profiler.h"
 #include "support/annotations.h"
 
 namespace agent {

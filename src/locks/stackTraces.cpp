@@ -1,4 +1,4 @@
-#include "stackTraces.h"
+#include "locks/stackTraces.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "messageOrigin.h"
+#include "exceptions/messageOrigin.h"
 
 namespace agent {
 

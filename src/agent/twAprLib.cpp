@@ -1,19 +1,15 @@
-#include "twAprLib.h"
+#include "agent/twAprLib.h"
 
-#include <apr_general.h>
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "support/regularFile.h"
 #include "support/text.h"
-#include "twAprUtility.h"
 
 namespace agent {
 
@@ -48,19 +44,6 @@ class aprLockGuard {
  private:
   apr_thread_mutex_t* mutex_;
 };
-
-// A stream of its own on an opened file, or none.
-std::shared_ptr<std::FILE> streamOf(const support::openedFile& file, const char* mode) {
-  if (file.descriptor < 0) {
-    return nullptr;
-  }
-  std::FILE* stream = ::fdopen(file.descriptor, mode);
-  if (stream == nullptr) {
-    ::close(file.descriptor);
-    return nullptr;
-  }
-  return {stream, [](std::FILE* opened) { std::fclose(opened); }};
-}
 
 constexpr int kFirstYear = 1900;
 
@@ -111,7 +94,7 @@ void twLogger::openCurrent() {
   if (opened.error == support::kNotRegular) {
     refuse(path_[current_]);
   }
-  file_[current_] = streamOf(opened, "a");
+  file_[current_] = support::streamOf(opened, "a");
   bytesWritten_.store(0, std::memory_order_relaxed);
   if (!file_[current_] || !writeHeader_) {
     return;
@@ -134,45 +117,8 @@ void twLogger::refuse(const std::string& path) {
                   path.c_str());
 }
 
-bool twAprLib::createContext(twAprContext& context) {
-  if (apr_initialize() != APR_SUCCESS) {
-    print(stderr, "Could not initialize \n");
-    return false;
-  }
-  if (apr_pool_create_ex(&context.pool, nullptr, nullptr, nullptr) != APR_SUCCESS) {
-    print("could not create apr pool");
-    return false;
-  }
-  context.hash = apr_hash_make(context.pool);
-  if (context.hash == nullptr) {
-    print("could not create apr hash");
-    return false;
-  }
-  if (apr_thread_cond_create(&context.condition, context.pool) != APR_SUCCESS) {
-    print("could not create condtion variable");
-    return false;
-  }
-  if (apr_thread_mutex_create(&context.mutex, APR_THREAD_MUTEX_NESTED, context.pool) !=
-      APR_SUCCESS) {
-    print("could not create apr mutex");
-    return false;
-  }
-  return true;
-}
-
-bool twAprLib::tw_apr_log_initialize(const twAprContext& context, const std::string& home) {
-  const std::string directory = home + "/logs";
-  twAprUtility::mkdir_ex(directory);
-  const std::string baseName = std::string("tw_NativeAgent_") +
-                               timeStamp(std::time(nullptr)).data() + "_" +
-                               std::to_string(::getpid()) + ".log";
-  auto logger = std::make_unique<twLogger>(context.pool, directory, baseName);
-  logger->setVersion(readVersion(home + "/etc/version"));
-  // A VM that loads the agent twice gets a second one. The first stays: threads may be using it.
-  static auto& all = *new std::vector<std::unique_ptr<twLogger>>;
-  all.push_back(std::move(logger));
-  processLogger.store(all.back().get(), std::memory_order_release);
-  return true;
+void twAprLib::use(twLogger& logger) {
+  processLogger.store(&logger, std::memory_order_release);
 }
 
 void twAprLib::write(const char* threadName, std::int64_t threadId, const char* module,
@@ -240,29 +186,6 @@ twAprLib::timeText twAprLib::recordTime(std::time_t when) {
                   local.tm_min, local.tm_sec);
   }
   return text;
-}
-
-std::string twAprLib::readVersion(const std::string& path) {
-  constexpr std::size_t kLineBytes = 1024;  // a line of at most 1023 bytes and its end
-  constexpr std::string_view kSkipped = "\t\n\r #";
-  const std::shared_ptr<std::FILE> file = streamOf(support::openRegularFile(path, O_RDONLY), "r");
-  std::string version;
-  std::array<char, kLineBytes> line;
-  while (file && std::fgets(line.data(), static_cast<int>(line.size()), file.get()) != nullptr) {
-    std::string text = line.data();
-    if (text.empty() || kSkipped.find(text.front()) != std::string_view::npos) {
-      continue;
-    }
-    std::size_t end = text.find('\r');
-    if (end == std::string::npos) {
-      end = text.find('\n');
-    }
-    if (end != std::string::npos) {
-      text[end] = ' ';
-    }
-    version += text;
-  }
-  return version;
 }
 
 void twAprLib::print(std::FILE* stream, const char* format, ...) {

@@ -1,4 +1,4 @@
-#include "twAprUtility.h"
+#include "agent/twAprUtility.h"
 
 #include <apr_strings.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <system_error>
 #include <vector>
 
-#include "twAprLib.h"
+#include "agent/twAprLib.h"
 
 namespace agent {
 

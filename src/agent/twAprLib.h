@@ -107,6 +107,9 @@ class twAprLib {
   static void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
  private:
+  // Records go to this logger from now on; it is never destroyed.
+  static void use(twLogger& logger);
+
   // 1 from process start, so that errors before the log is open pass the test.
   static inline std::atomic<std::int32_t> level_{kLogError};
 };

@@ -1,4 +1,4 @@
-#include "exceptionRecord.h"
+#include "exceptions/exceptionRecord.h"
 
 #include <array>
 #include <charconv>

@@ -15,8 +15,8 @@
 #include <string_view>
 #include <vector>
 
-#include "exceptionRecord.h"
-#include "raisedInHandler.h"
+#include "exceptions/exceptionRecord.h"
+#include "exceptions/raisedInHandler.h"
 #include "support/jniRef.h"
 
 namespace agent {

@@ -9,7 +9,7 @@
 #include <map>
 #include <string_view>
 
-#include "lockStore.h"
+#include "locks/lockStore.h"
 #include "support/jsonWriter.h"
 
 namespace agent {

@@ -18,9 +18,9 @@
 #include <string_view>
 #include <vector>
 
-#include "ownerLookup.h"
-#include "profiler.h"
-#include "stackTraces.h"
+#include "agent/profiler.h"
+#include "locks/ownerLookup.h"
+#include "locks/stackTraces.h"
 #include "support/annotations.h"
 #include "support/insertOnlyMap.h"
 #include "support/javaClasses.h"

@@ -1,20 +1,20 @@
-#include "mutexlockprofiler.h"
+#include "locks/mutexlockprofiler.h"
 
 #include <array>
 #include <optional>
 #include <utility>
 
-#include "boundary.h"
-#include "lockReport.h"
-#include "profilerRegistry.h"
+#include "agent/boundary.h"
+#include "agent/profilerRegistry.h"
+#include "agent/twAprLib.h"
+#include "agent/vmEnd.h"
+#include "locks/lockReport.h"
 #include "support/fileWriter.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
 #include "support/sourcePlace.h"
 #include "support/text.h"
-#include "twAprLib.h"
-#include "vmEnd.h"
 
 namespace agent {
 

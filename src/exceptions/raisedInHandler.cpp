@@ -1,14 +1,14 @@
-#include "raisedInHandler.h"
+#include "exceptions/raisedInHandler.h"
 
 #include <atomic>
 #include <string_view>
 
+#include "agent/twAprLib.h"
 #include "support/annotations.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiStatus.h"
 #include "support/text.h"
-#include "twAprLib.h"
 
 namespace agent {
 

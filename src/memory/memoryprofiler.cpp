@@ -1,10 +1,10 @@
-#include "memoryprofiler.h"
+#include "memory/memoryprofiler.h"
 
 #include <optional>
 #include <utility>
 
-#include "boundary.h"
-#include "profilerRegistry.h"
+#include "agent/boundary.h"
+#include "agent/profilerRegistry.h"
 #include "support/fileWriter.h"
 #include "support/jniRef.h"
 #include "support/jsonWriter.h"

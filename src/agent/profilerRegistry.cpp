@@ -1,10 +1,10 @@
-#include "profilerRegistry.h"
+#include "agent/profilerRegistry.h"
 
 #include <utility>
 
-#include "exceptionprofiler.h"
-#include "memoryprofiler.h"
-#include "mutexlockprofiler.h"
+#include "exceptions/exceptionprofiler.h"
+#include "locks/mutexlockprofiler.h"
+#include "memory/memoryprofiler.h"
 #include "support/sharedSlot.h"
 
 namespace agent {

@@ -3,8 +3,8 @@
 
 #include <utility>
 
+#include "agent/twAprLib.h"
 #include "support/sourcePlace.h"
-#include "twAprLib.h"
 
 namespace agent {
 

@@ -1,9 +1,9 @@
-#include "vmEnd.h"
+#include "agent/vmEnd.h"
 
 #include <atomic>
 #include <string_view>
 
-#include "boundary.h"
+#include "agent/boundary.h"
 #include "support/jvmtiRecords.h"
 
 namespace agent {

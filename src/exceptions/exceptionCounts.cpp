@@ -1,4 +1,4 @@
-#include "exceptionCounts.h"
+#include "exceptions/exceptionCounts.h"
 
 #include "support/text.h"
 
