@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace agent {
 
@@ -41,6 +42,14 @@ class profiler {
   profiler(const profiler&) = delete;
   profiler& operator=(const profiler&) = delete;
 
+  // Has the event handlers find this profiler from now on; `self` is a share of it. By the registry
+  // only, as the next two.
+  virtual void publish(const std::shared_ptr<profiler>& /*self*/) {}
+  // Handlers that begin from now on find no profiler of this kind; others finish with their share.
+  virtual void withdraw() {}
+  // The VM's handlers were taken out and put in again: events may have been lost meanwhile.
+  virtual void noteSwitchedHandlers() {}
+
   // Writes this profiler's handlers into the registry's callback table.
   virtual void setEventCallbacks() {}
   // Drops session data before destruction.
@@ -75,6 +84,20 @@ class profiler {
  private:
   std::atomic<std::int32_t> state_;
   std::atomic<bool> enabled_{false};
+};
+
+// Makes a kind of profiler known to the registry. Each profiler has one such object in its source
+// file, which is made when the library is loaded.
+class profilerKind {
+ public:
+  using maker = std::shared_ptr<profiler> (*)();
+
+  profilerKind(std::int32_t kind, maker function) noexcept;
+
+  // A new profiler of the kind; none for an unknown kind.
+  static std::shared_ptr<profiler> make(std::int32_t kind);
+  // Those that are known, in ascending order.
+  static std::vector<std::int32_t> all();
 };
 
 }  // namespace agent

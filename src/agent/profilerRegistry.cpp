@@ -2,24 +2,17 @@
 
 #include <utility>
 
-#include "exceptions/exceptionprofiler.h"
-#include "locks/mutexlockprofiler.h"
-#include "memory/memoryprofiler.h"
 #include "support/sharedSlot.h"
 
 namespace agent {
 
 namespace {
 
-// What event handlers and control calls of any thread may still look up while the process ends:
-// made on first use and never destroyed.
+// What control calls of any thread may still look up while the process ends: made on first use and
+// never destroyed.
 struct processState {
   support::mutex mutex;  // around making the registry and giving it up
   support::sharedSlot<profilerRegistry> registry;
-  support::mutex lockMutex;  // around publishing to the next
-  support::sharedSlot<const lockWork> lock;
-  support::sharedSlot<memoryProfiler> memory;
-  support::sharedSlot<exceptionProfiler> exception;
 };
 
 processState& process() {
@@ -27,55 +20,16 @@ processState& process() {
   return state;
 }
 
-void publishLock(std::shared_ptr<mutexLockProfiler> made) {
-  std::shared_ptr<const lockWork> work;
-  if (made) {
-    std::shared_ptr<lockStore> store = made->store();
-    work = std::make_shared<const lockWork>(lockWork{std::move(made), std::move(store)});
-  }
-  const support::lockGuard guard(process().lockMutex);
-  process().lock.store(work);
-}
-
-void publish(std::int32_t kind, const std::shared_ptr<profiler>& made) {
-  switch (kind) {
-    case kMutexLockProfiler:
-      publishLock(std::dynamic_pointer_cast<mutexLockProfiler>(made));
-      break;
-    case kMemoryProfiler:
-      process().memory.store(std::dynamic_pointer_cast<memoryProfiler>(made));
-      break;
-    case kExceptionProfiler:
-      process().exception.store(std::dynamic_pointer_cast<exceptionProfiler>(made));
-      break;
-    default:
-      break;
-  }
-}
-
-std::shared_ptr<profiler> make(std::int32_t kind) {
-  switch (kind) {
-    case kMutexLockProfiler:
-      return std::make_shared<mutexLockProfiler>();
-    case kMemoryProfiler:
-      return std::make_shared<memoryProfiler>();
-    case kExceptionProfiler:
-      return std::make_shared<exceptionProfiler>();
-    default:
-      return nullptr;
-  }
-}
-
 }  // namespace
 
 bool profilerRegistry::createProfiler(std::int32_t kind) {
-  std::shared_ptr<profiler> made = make(kind);
+  std::shared_ptr<profiler> made = profilerKind::make(kind);
   if (!made) {
     return false;
   }
   made->addCapabilities();
   const support::lockGuard guard(mutex_);
-  publish(kind, made);
+  made->publish(made);
   profilers_[kind].swap(made);
   return false;
 }
@@ -101,9 +55,10 @@ void profilerRegistry::switchProfiler(std::int32_t kind, bool enable) {
     jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));
   }
   // The VM takes the old handlers out before it puts the new ones in.
-  const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
-  if (locks && locks->enabled()) {
-    locks->noteLostEvents();
+  for (const auto& [eachKind, each] : all) {
+    if (each->enabled()) {
+      each->noteSwitchedHandlers();
+    }
   }
 }
 
@@ -114,7 +69,7 @@ void profilerRegistry::removeProfiler(std::int32_t kind) {
   }
   {
     const support::lockGuard guard(mutex_);
-    publish(kind, nullptr);
+    removed->withdraw();
     profilers_.erase(kind);
   }
   removed->release();
@@ -151,30 +106,6 @@ std::shared_ptr<profilerRegistry> findRegistry() {
 void freeRegistry() {
   const support::lockGuard guard(process().mutex);
   process().registry.store(nullptr);
-}
-
-std::shared_ptr<mutexLockProfiler> getMutexProfiler() {
-  const std::shared_ptr<const lockWork> work = getLockWork();
-  return work ? work->profiler : nullptr;
-}
-std::shared_ptr<memoryProfiler> getMemoryProfiler() {
-  return process().memory.load();
-}
-std::shared_ptr<exceptionProfiler> getExceptionProfiler() {
-  return process().exception.load();
-}
-
-std::shared_ptr<const lockWork> getLockWork() {
-  return process().lock.load();
-}
-bool publishLockStore(const mutexLockProfiler& profiler, std::shared_ptr<lockStore> store) {
-  const support::lockGuard guard(process().lockMutex);
-  const std::shared_ptr<const lockWork> old = process().lock.load();
-  if (!old || old->profiler.get() != &profiler) {
-    return false;
-  }
-  process().lock.store(std::make_shared<const lockWork>(lockWork{old->profiler, std::move(store)}));
-  return true;
 }
 
 }  // namespace agent

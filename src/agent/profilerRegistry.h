@@ -1,9 +1,10 @@
 // The registry of profilers: the JVMTI environment, the profilers by kind, the capabilities they
 // ask for and the one callback table of the process.
 //
-// It is used by Agent_OnLoad, Agent_OnUnload and the native methods. Event handlers do not touch
-// it: they reach their profiler through getMutexProfiler() and its siblings, which hand out shared
-// ownership, so a profiler that is removed meanwhile stays whole until its last handler returns.
+// It is used by Agent_OnLoad, Agent_OnUnload and the native methods, and knows profilers by their
+// base class alone. Event handlers do not touch it: they reach their profiler through
+// getMutexProfiler() and its siblings, which hand out shared ownership, so a profiler that is
+// removed meanwhile stays complete until its last handler returns.
 #pragma once
 
 #include <jvmti.h>
@@ -17,11 +18,6 @@
 #include "support/annotations.h"
 
 namespace agent {
-
-class lockStore;
-class mutexLockProfiler;
-class memoryProfiler;
-class exceptionProfiler;
 
 class profilerRegistry {
  public:
@@ -69,21 +65,5 @@ std::shared_ptr<profilerRegistry> getRegistry();
 std::shared_ptr<profilerRegistry> findRegistry();
 // Gives the registry up; the next getRegistry() makes a new one.
 void freeRegistry();
-
-// The profiler of one kind, or none. Any thread; never waits for a control call.
-std::shared_ptr<mutexLockProfiler> getMutexProfiler();
-std::shared_ptr<memoryProfiler> getMemoryProfiler();
-std::shared_ptr<exceptionProfiler> getExceptionProfiler();
-
-// The lock profiler and the store of its session, so that an event takes one reference for both.
-struct lockWork {
-  const std::shared_ptr<mutexLockProfiler> profiler;
-  const std::shared_ptr<lockStore> store;
-};
-// What lock events are to work on, or none. Any thread; never waits for a control call.
-std::shared_ptr<const lockWork> getLockWork();
-// Gives the events another store. False when `profiler` is not, or not any more, the lock profiler
-// of the process; throws std::bad_alloc and leaves the old one.
-bool publishLockStore(const mutexLockProfiler& profiler, std::shared_ptr<lockStore> store);
 
 }  // namespace agent

@@ -17,54 +17,23 @@
 #include <vector>
 
 #include "agent/profiler.h"
+#include "exceptions/captureSettings.h"
+#include "exceptions/currentProfiler.h"
 #include "exceptions/exceptionCounts.h"
+#include "exceptions/jvmtiCheck.h"
 #include "exceptions/raisedInHandler.h"
+#include "exceptions/throwEvent.h"
 #include "support/annotations.h"
-#include "support/classCache.h"
 #include "support/sharedSlot.h"
 #include "support/vmTurn.h"
 
 namespace agent {
-
-// What to capture, and whom to hand it to. Holds a global reference on the class of the callback.
-struct ExceptionCaptureSettings : sessionSettings {
-  ~ExceptionCaptureSettings() override;
-
-  // Looks the callback up; what cannot be found stays null. Leaves no Java exception behind.
-  void findCallback(JNIEnv* jni);
-
-  bool enabled = false;
-  bool captureClassVariables = false;  // fields of `this`
-  bool captureMethodArguments = false;
-  bool captureLocalVariables = false;
-  bool captureThreadLocals = false;
-  std::int32_t captureRate = 0;      // records for each exception class in 60 seconds; below 1: any
-  std::int32_t stackTraceDepth = 0;  // frames to walk
-  std::vector<std::string> blackList;  // lower-case names of exception classes
-
-  jclass callbackClass = nullptr;
-  jmethodID getObjectValueMethod = nullptr;
-  jmethodID onExceptionOccuredMethod = nullptr;
-
- private:
-  JavaVM* vm_ = nullptr;
-};
-
-// The entries of a black list as Java gives it: separated by commas and enclosed in one character
-// on each side; in lower case. Throws std::out_of_range "invalid string position" for an empty
-// text.
-std::vector<std::string> parseBlackList(std::string_view text);
 
 // How many records of one exception class went through in the current window.
 struct ExceptionRateEntry {
   std::int32_t count = 1;
   std::int64_t windowStart = 0;  // seconds since the epoch
 };
-
-// The line of a location: from its second entry on, the table's entry before the first one that
-// starts beyond the location. -1 for location -1, without a table, and in the table's last range;
-// a table of one entry gives its line.
-jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count);
 
 namespace record {
 class builder;
@@ -74,6 +43,8 @@ class exceptionProfiler : public profiler {
  public:
   exceptionProfiler() : profiler(kExceptionStopped) {}
 
+  void publish(const std::shared_ptr<profiler>& self) override;
+  void withdraw() override;
   void setEventCallbacks() override;
   void addCapabilities() override;
   // Takes ExceptionCaptureSettings; the rate counts go on.
@@ -85,9 +56,10 @@ class exceptionProfiler : public profiler {
                                         jmethodID method, jlocation location, jobject exception,
                                         jmethodID catchMethod, jlocation catchLocation);
 
-  // Whether `code` is an error. It is then logged, and a pending Java exception is described and
-  // cleared.
-  static bool check(JNIEnv* jni, jvmtiEnv* jvmti, jvmtiError code);
+  // See checkJvmti.
+  static bool check(JNIEnv* jni, jvmtiEnv* jvmti, jvmtiError code) {
+    return checkJvmti(jni, jvmti, code);
+  }
 
   // The bytes of a record, at most, from 4 KiB to 64 MiB; set by Agent_OnLoad only.
   static constexpr std::int32_t kLeastRecordBytes = 4096;
@@ -106,51 +78,28 @@ class exceptionProfiler : public profiler {
       EXCLUDES(rateMutex_);
 
  private:
-  struct throwEvent;
-  struct classInfo;
-  struct recording;
-  struct frameVariables;
-  using classPtr = std::shared_ptr<const support::classCache<classInfo>::entry>;
-  enum class outcome { written, leftOut, failed };
-
   static void exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method,
                                 jobject exception);
   void exceptionThrown(throwEvent& event);
   // Whether the event passes the filters; when not, why not.
   std::optional<exceptionCount> refusal(throwEvent& event);
+  std::optional<exceptionCount> refusalOfThrower(throwEvent& event);
+  std::optional<exceptionCount> refusalOfClass(const std::string& className,
+                                               const ExceptionCaptureSettings& settings);
   void recordAndDeliver(throwEvent& event);
-  bool record(throwEvent& event, record::builder& out);
-  outcome appendFrame(recording& now, const jvmtiFrameInfo& frame, jint index);
-  outcome appendHeader(throwEvent& event, const jvmtiFrameInfo& frame, jclass declaring,
-                       const classInfo& info, std::string& text);
-  outcome appendThis(recording& now, jmethodID method);
-  outcome readVariables(throwEvent& event, const jvmtiFrameInfo& frame, frameVariables& variables);
-  // The arguments of a frame, or its locals.
-  outcome appendVariables(recording& now, const jvmtiFrameInfo& frame, jint index,
-                          const frameVariables& variables, bool arguments);
-  outcome appendVariable(recording& now, const jvmtiLocalVariableEntry& variable, jint index);
-  outcome appendObjectVariable(recording& now, const jvmtiLocalVariableEntry& variable,
-                               jobject value, jint index);
   void deliver(throwEvent& event, record::builder& built);
+  raisedInHandler::kind handOver(throwEvent& event, const std::string& text, bool isCut);
   void loseByRaised(const throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
   static bool isVirtual(const throwEvent& event);
   static void keepForLater(const throwEvent& event, std::string text, bool isCut);
   // Counts the exception as lost, and says so once a minute for its class and the reason.
   void lose(const throwEvent& event, exceptionCount reason, const char* why) noexcept;
 
-  // What is known of the class; none when the VM does not give its signature.
-  classPtr infoOf(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error);
-  // The level that objects of a frame are expanded from.
-  std::int32_t startingDepth(std::int32_t mode, jint frameIndex) const;
-  // Makes one GetLocal call, in turn with other threads.
-  template <typename Call>
-  jvmtiError readSlot(Call&& call);
-
   support::mutex settingsMutex_;  // around publishing settings
   support::sharedSlot<ExceptionCaptureSettings> settings_;
   support::mutex rateMutex_;
   std::map<std::string, ExceptionRateEntry> rates_ GUARDED_BY(rateMutex_);
-  support::classCache<classInfo> classes_;
+  knownClasses classes_;
   support::vmTurns localTurns_;  // for GetLocal calls
   lossLines lossLines_;
 };

@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "agent/boundary.h"
-#include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
-#include "exceptions/exceptionprofiler.h"
+#include "exceptions/currentProfiler.h"
+#include "exceptions/jvmtiCheck.h"
 #include "support/classCache.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
@@ -139,7 +139,7 @@ objectCapture::fieldTable& objectCapture::tableOf(localRef<jclass> cls,
       [&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
   own->isArray = signature.view().starts_with('[');
   own->cls = std::move(cls);
-  if (exceptionProfiler::check(jni_, jvmti_, own->error)) {
+  if (checkJvmti(jni_, jvmti_, own->error)) {
     return *own;
   }
   if (tables_.size() == kMostTables || roomForTables_ < sizeof(fieldTable)) {
@@ -176,7 +176,7 @@ objectCapture::field* objectCapture::fieldAt(fieldTable& table, jint index,
     made->signature.adopt(signature);
     error = jvmti_->GetFieldModifiers(cls, made->id, &modifiers);
   }
-  if (exceptionProfiler::check(jni_, jvmti_, error)) {
+  if (checkJvmti(jni_, jvmti_, error)) {
     if (isKept) {
       table.known.pop_back();
     }
@@ -191,7 +191,7 @@ void objectCapture::GetObjectFieldsValue(jobject object, fieldTable& table, std:
   if (!table.isRead) {
     const jvmtiError error = table.ids.fill(
         [&](jfieldID** out) { return jvmti_->GetClassFields(table.cls.get(), &table.count, out); });
-    if (exceptionProfiler::check(jni_, jvmti_, error)) {
+    if (checkJvmti(jni_, jvmti_, error)) {
       return;
     }
     table.isInitialized = isInitialized(table.cls.get());

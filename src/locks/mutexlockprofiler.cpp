@@ -79,6 +79,10 @@ void logUnwritable(const char* function, const char* what, const std::string& pa
                   "Unable to write %s '%s'. Error = '%s'", what, path.c_str(), reason.c_str());
 }
 
+const profilerKind kThisKind(kMutexLockProfiler, []() -> std::shared_ptr<profiler> {
+  return std::make_shared<mutexLockProfiler>();
+});
+
 }  // namespace
 
 // What a handler says in the log; null texts are not said.
@@ -174,6 +178,14 @@ void mutexLockProfiler::setState(std::int32_t state) {
 void mutexLockProfiler::noteLostEvents() {
   epoch_.fetch_add(1);
   store()->noteLostEvents();
+}
+
+void mutexLockProfiler::publish(const std::shared_ptr<profiler>& self) {
+  publishLockWork(std::dynamic_pointer_cast<mutexLockProfiler>(self), store());
+}
+
+void mutexLockProfiler::withdraw() {
+  publishLockWork(nullptr, nullptr);
 }
 
 void mutexLockProfiler::setEventCallbacks() {

@@ -20,6 +20,7 @@
 
 #include "agent/profiler.h"
 #include "locks/lockStore.h"
+#include "locks/lockWork.h"
 #include "locks/stackTraces.h"
 #include "support/annotations.h"
 #include "support/javaClasses.h"
@@ -32,6 +33,9 @@ class mutexLockProfiler : public profiler {
  public:
   mutexLockProfiler();
 
+  void publish(const std::shared_ptr<profiler>& self) override;
+  void withdraw() override;
+  void noteSwitchedHandlers() override { noteLostEvents(); }
   void setEventCallbacks() override;
   void release() override;
   void addCapabilities() override;

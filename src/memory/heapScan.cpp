@@ -1,7 +1,6 @@
 #include "memory/heapScan.h"
 
 #include <algorithm>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -61,19 +60,6 @@ bool classFilters::excludes(std::string_view className) const {
 
 bool classFilters::includes(std::string_view className) const {
   return matches(includeClasses, includePackages, className);
-}
-
-jlong tagOf(std::uint32_t generation) {
-  return static_cast<std::int32_t>(generation);
-}
-
-bool isGeneration(jlong tag) {
-  return tag >= std::numeric_limits<std::int32_t>::min() &&
-         tag <= std::numeric_limits<std::uint32_t>::max();
-}
-
-std::uint32_t generationOf(jlong tag) {
-  return static_cast<std::uint32_t>(tag);
 }
 
 std::string classNameOf(std::string_view signature) {

@@ -19,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "memory/generation.h"
 #include "support/jniRef.h"
 
 namespace agent {
@@ -60,11 +61,6 @@ struct classFilters {
   bool excludes(std::string_view className) const;
   bool includes(std::string_view className) const;
 };
-
-// The tag of objects of a generation, and the generation of a tag of 32 bits.
-jlong tagOf(std::uint32_t generation);
-bool isGeneration(jlong tag);
-std::uint32_t generationOf(jlong tag);
 
 // The dotted name of a class by its signature: "Ljava/lang/String;" gives "java.lang.String", an
 // array keeps all of its signature, as in "[Ljava.lang.String;".

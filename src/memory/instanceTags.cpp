@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 #include <utility>
 #include <vector>
 
 #include "agent/twAprLib.h"
-#include "memory/heapScan.h"
+#include "memory/generation.h"
 #include "support/annotations.h"
 #include "support/jniRef.h"
 #include "support/jvmtiStatus.h"

@@ -9,6 +9,7 @@
 #include "support/jniRef.h"
 #include "support/jsonWriter.h"
 #include "support/jvmtiStatus.h"
+#include "support/sharedSlot.h"
 #include "support/text.h"
 
 namespace agent {
@@ -62,7 +63,21 @@ void writeClass(support::jsonWriter& json, const rankedClass& ranked) {
   json.endObject();
 }
 
+// What gc_finish and setObjectTag work on. Never destroyed: they may run while the process ends.
+support::sharedSlot<memoryProfiler>& published() {
+  static support::sharedSlot<memoryProfiler>& slot = *new support::sharedSlot<memoryProfiler>;
+  return slot;
+}
+
+const profilerKind kThisKind(kMemoryProfiler, []() -> std::shared_ptr<profiler> {
+  return std::make_shared<memoryProfiler>();
+});
+
 }  // namespace
+
+std::shared_ptr<memoryProfiler> getMemoryProfiler() {
+  return published().load();
+}
 
 std::string memoryReportOf(std::int32_t sessionId, classQueue chosen) {
   support::jsonWriter json;
@@ -76,6 +91,14 @@ std::string memoryReportOf(std::int32_t sessionId, classQueue chosen) {
   json.endObject();
   json.endObject();
   return json.text();
+}
+
+void memoryProfiler::publish(const std::shared_ptr<profiler>& self) {
+  published().store(std::dynamic_pointer_cast<memoryProfiler>(self));
+}
+
+void memoryProfiler::withdraw() {
+  published().store(nullptr);
 }
 
 void memoryProfiler::setEventCallbacks() {
@@ -158,6 +181,18 @@ void memoryProfiler::setObjectTag(JNIEnv* jni, jobject object) const {
     }
   }
   jvmti->SetTag(object, tagOf(generation));
+}
+
+std::int32_t memoryProfiler::tagInstances(JNIEnv* jni, jobjectArray classes,
+                                          std::span<instanceTally> tallies) const {
+  jvmtiEnv* const jvmti = jvmti_.load();
+  return jvmti == nullptr ? 0 : agent::tagInstances(jvmti, jni, classes, gcCounter(), tallies);
+}
+
+bool memoryProfiler::countTaggedInstances(JNIEnv* jni, jobjectArray classes,
+                                          std::span<instanceTally> tallies) const {
+  jvmtiEnv* const jvmti = jvmti_.load();
+  return jvmti != nullptr && agent::countTaggedInstances(jvmti, jni, classes, tallies);
 }
 
 std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {

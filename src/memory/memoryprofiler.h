@@ -12,11 +12,13 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "agent/profiler.h"
 #include "memory/heapScan.h"
+#include "memory/instanceTags.h"
 #include "support/annotations.h"
 
 namespace agent {
@@ -38,6 +40,8 @@ class memoryProfiler : public profiler {
  public:
   memoryProfiler() : profiler(kMemoryStopped) {}
 
+  void publish(const std::shared_ptr<profiler>& self) override;
+  void withdraw() override;
   void setEventCallbacks() override;
   void addCapabilities() override;
   // Takes a MemorySessionConfig; gcCounter goes on.
@@ -62,6 +66,14 @@ class memoryProfiler : public profiler {
   // without a JVMTI environment.
   void setObjectTag(JNIEnv* jni, jobject object) const;
 
+  // Gives instances of these classes the tag of the current generation; see agent::tagInstances.
+  // None without a JVMTI environment.
+  std::int32_t tagInstances(JNIEnv* jni, jobjectArray classes,
+                            std::span<instanceTally> tallies) const;
+  // Counts the tagged ones; see agent::countTaggedInstances. False without a JVMTI environment.
+  bool countTaggedInstances(JNIEnv* jni, jobjectArray classes,
+                            std::span<instanceTally> tallies) const;
+
   // Garbage collections finished since the first session was configured.
   std::uint32_t gcCounter() const { return gcCounter_.load(); }
   void setGcCounter(std::uint32_t value) { gcCounter_.store(value); }
@@ -82,5 +94,8 @@ class memoryProfiler : public profiler {
   support::mutex queueMutex_;
   classQueue classQueue_ GUARDED_BY(queueMutex_);  // what the last scan has chosen
 };
+
+// The memory profiler of the process, or none. Any thread; never waits for a control call.
+std::shared_ptr<memoryProfiler> getMemoryProfiler();
 
 }  // namespace agent

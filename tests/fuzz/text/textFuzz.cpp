@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "../check.h"
-#include "agent/jagent.h"
+#include "agent/oldLogs.h"
 #include "agent/twAprLib.h"
 #include "agent/twAprUtility.h"
 #include "exceptions/exceptionRecord.h"

@@ -1,5 +1,5 @@
 // The clean-up of old logs at start-up.
-#include "agent/jagent.h"
+#include "agent/oldLogs.h"
 #include "agentTest.h"
 
 using agent::cleanUpOldLogs;

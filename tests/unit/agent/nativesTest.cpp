@@ -132,7 +132,7 @@ class traceLines : public natives {
                     expected.method);
       EXPECT_EQ(each.message, expected.message + (takesInt ? intId : id));
       EXPECT_EQ(each.severity, "Trace");
-      EXPECT_EQ(each.sourceFile, "jagent.cpp");
+      EXPECT_EQ(each.sourceFile, "natives.cpp");
     }
     EXPECT_EQ(next, kTraced.size());
   }

@@ -1,8 +1,6 @@
-// Start-up of the agent: options and the clean-up of old logs. The entry points and native methods
-// themselves are declared by jvmti.h and by the companion class.
+// The clean-up of old log files at start-up.
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>

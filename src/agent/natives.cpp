@@ -1,0 +1,396 @@
+// The native methods of the companion: each takes C++ values out of JNI types, finds its profiler
+// and calls it.
+
+#include <com_korvane_twutils_nativeagent_AgentCounters.h>
+#include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
+#include <jvmti.h>
+
+#include <exception>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "agent/boundary.h"
+#include "agent/profilerRegistry.h"
+#include "agent/twAprLib.h"
+#include "exceptions/exceptionprofiler.h"
+#include "exceptions/messageOrigin.h"
+#include "exceptions/raisedInHandler.h"
+#include "exceptions/undeliveredRecords.h"
+#include "locks/mutexlockprofiler.h"
+#include "memory/instanceTags.h"
+#include "memory/memoryprofiler.h"
+#include "support/annotations.h"
+#include "support/jniRef.h"
+#include "support/sourcePlace.h"
+#include "support/text.h"
+
+using namespace agent;
+
+// --- Native methods of TWNativeAgentProfiling ------------------------------------------------
+
+#define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
+#define TW_NATIVE_NAME(method) \
+  "Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_" #method
+
+namespace {
+
+// A native method ends with a result and without a Java exception, whatever happens in it.
+template <typename Body>
+jint native(const char* function, Body&& body,
+            support::sourcePlace where = support::sourcePlace::current()) {
+  return contained(function, "Exception occured in jagent : native method", jint{0},
+                   std::forward<Body>(body), where);
+}
+
+void trace(const char* function, const char* message, jlong sessionId,
+           support::sourcePlace where = support::sourcePlace::current()) {
+  if (twAprLib::level() < kLogTrace) {
+    return;
+  }
+  twAprLib::write(nullptr, 0, kLogModule, kSeverityTrace, where.file, where.line, function,
+                  "%s%lld", message, static_cast<long long>(sessionId));
+}
+
+// Says on standard error what is wrong with a black list that is refused.
+void refuseBlackList(const std::string& text, const std::exception& error) {
+  twAprLib::print(stderr,
+                  "javanativeagent: enableCaptureVariableinException: argument 'blackList' is "
+                  "'%s': expected class names separated by commas within one character on each "
+                  "side, as in '[a.B,c.D]' (%s)\n",
+                  text.c_str(), error.what());
+}
+
+// One step of a lock session: the event switch, then the new state.
+void stepLockSession(bool events, std::int32_t state, bool rank = false) {
+  const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
+  if (!locks) {
+    return;
+  }
+  if (rank) {
+    locks->sortData();
+  }
+  locks->setProfilerEventMode(events);
+  locks->setState(state);
+}
+
+}  // namespace
+
+JNIEXPORT jint JNICALL TW_NATIVE(startMutexLockProfilingSession)(
+    JNIEnv* jni, jclass /*cls*/, jlong sessionId, jstring sessionName, jlong duration,
+    jint topLockCount, jint maxLockCount, jint maxThreadPerLockCount, jint maxThreadCount,
+    jint maxStackTraceCount, jint maxStackTraceCountPerThread, jstring stackFilePath) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(startMutexLockProfilingSession);
+  return native(kFunction, [&] {
+    trace(kFunction, "Initializing Lock Profiling Session Id -> ", sessionId);
+    constexpr std::int32_t kSecondsPerMinute = 60;
+    const std::int32_t graphSize = static_cast<std::int32_t>(duration) / kSecondsPerMinute;
+    auto settings = std::make_unique<LockSessionConfig>(
+        sessionId, support::textOf(jni, sessionName), duration, topLockCount, maxLockCount,
+        maxThreadPerLockCount, maxThreadCount, maxStackTraceCount, maxStackTraceCountPerThread,
+        support::textOf(jni, stackFilePath), graphSize);
+    getRegistry()->switchProfiler(kMutexLockProfiler, true);
+    const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
+    return locks ? locks->setProfileData(std::move(settings)) : 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(startMutexLockSummarySession)(JNIEnv* /*jni*/, jclass /*cls*/,
+                                                               jlong sessionId) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(startMutexLockSummarySession);
+  return native(kFunction, [&] {
+    trace(kFunction, "Initializing Lock Summary Session Id -> ", sessionId);
+    stepLockSession(true, kLockSummary);
+    return 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(startMutexLockDetailSession)(JNIEnv* /*jni*/, jclass /*cls*/,
+                                                              jlong sessionId) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(startMutexLockDetailSession);
+  return native(kFunction, [&] {
+    trace(kFunction, "Initializing Lock Detail Session Id -> ", sessionId);
+    stepLockSession(true, kLockDetail, true);
+    return 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(stopMutexLockSummarySession)(JNIEnv* /*jni*/, jclass /*cls*/,
+                                                              jlong sessionId) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(stopMutexLockSummarySession);
+  return native(kFunction, [&] {
+    trace(kFunction, "Stopping Lock Summary Session Id -> ", sessionId);
+    stepLockSession(false, kLockProfiling);
+    return 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(stopMutexLockDetailSession)(JNIEnv* /*jni*/, jclass /*cls*/,
+                                                             jlong sessionId) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(stopMutexLockDetailSession);
+  return native(kFunction, [&] {
+    trace(kFunction, "Stopping Lock Detail Session Id -> ", sessionId);
+    stepLockSession(false, kLockStopped);
+    return 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(stopMutexLockProfilingSession)(JNIEnv* jni, jclass /*cls*/,
+                                                                jlong sessionId,
+                                                                jstring reportPath) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(stopMutexLockProfilingSession);
+  return native(kFunction, [&] {
+    trace(kFunction, "Stopping Lock Profiling Session Id -> ", sessionId);
+    getRegistry()->switchProfiler(kMutexLockProfiler, false);
+    const std::shared_ptr<mutexLockProfiler> locks = getMutexProfiler();
+    return locks ? locks->dumpJsonObjectFromMapDS(jni, reportPath) : 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(startMemoryLeaksProfileSession)(
+    JNIEnv* jni, jclass /*cls*/, jboolean memoryLeakEnable, jlong duration, jint sessionId,
+    jstring sessionName, jint topNClassCount, jstring excludeClasses, jstring excludePackages,
+    jstring includeClasses, jstring includePackages) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(startMemoryLeaksProfileSession);
+  return native(kFunction, [&] {
+    trace(kFunction, "******Starting memory Profiling Session Id -> ", sessionId);
+    auto settings = std::make_unique<MemorySessionConfig>();
+    settings->memoryLeakEnable = memoryLeakEnable;
+    settings->duration = duration;
+    settings->sessionId = sessionId;
+    settings->sessionName = support::textOf(jni, sessionName);
+    settings->topNClassCount = topNClassCount;
+    settings->filters.excludeClasses = support::textOf(jni, excludeClasses);
+    settings->filters.excludePackages = support::textOf(jni, excludePackages);
+    settings->filters.includeClasses = support::textOf(jni, includeClasses);
+    settings->filters.includePackages = support::textOf(jni, includePackages);
+    getRegistry()->switchProfiler(kMemoryProfiler, true);
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    if (!memory) {
+      return 0;
+    }
+    memory->setProfilerEventMode(true);
+    return memory->setProfileData(std::move(settings));
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(stopMemoryLeaksProfileSession)(JNIEnv* jni, jclass /*cls*/,
+                                                                jlong sessionId,
+                                                                jstring reportPath) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(stopMemoryLeaksProfileSession);
+  return native(kFunction, [&] {
+    trace(kFunction, "******Stopping memory Profiling Session Id -> ", sessionId);
+    const std::shared_ptr<profilerRegistry> registry = findRegistry();
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    if (!registry || !memory) {
+      return 0;
+    }
+    registry->switchProfiler(kMemoryProfiler, false);
+    memory->setProfilerEventMode(false);
+    return memory->scanJavaHeap(jni, reportPath);
+  });
+}
+
+JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* /*jni*/, jclass /*cls*/) {
+  native(TW_NATIVE_NAME(forceGarbageCollection), [] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (jvmti != nullptr) {
+      jvmti->ForceGarbageCollection();
+    }
+    return 0;
+  });
+}
+
+JNIEXPORT void JNICALL TW_NATIVE(setObjectTag)(JNIEnv* jni, jclass /*cls*/, jobject object) {
+  native(TW_NATIVE_NAME(setObjectTag), [&] {
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    if (memory && object != nullptr) {
+      memory->setObjectTag(jni, object);
+    }
+    return 0;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobjectArray classes) {
+  return native(TW_NATIVE_NAME(tagInstances), [&] {
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!memory || jvmti == nullptr || classes == nullptr) {
+      return 0;
+    }
+    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
+    std::vector<instanceTally> tallies(count);
+    return tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(tagInstancesWithin)(JNIEnv* jni, jclass /*cls*/,
+                                                     jobjectArray classes, jintArray room) {
+  return native(TW_NATIVE_NAME(tagInstancesWithin), [&] {
+    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!memory || jvmti == nullptr || classes == nullptr || room == nullptr) {
+      return 0;
+    }
+    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
+    std::vector<jint> rooms = support::numbersOf(jni, room, count);
+    std::vector<instanceTally> tallies;
+    tallies.reserve(count);
+    for (const jint each : rooms) {
+      tallies.push_back({.room = each});
+    }
+    const jint tagged = tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
+    for (std::size_t i = 0; i < count; ++i) {
+      rooms[i] = tallies[i].isCut ? -1 : tallies[i].room - tallies[i].tagged;
+    }
+    support::setNumbers(jni, room, rooms);
+    return tagged;
+  });
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(countTaggedInstances)(JNIEnv* jni, jclass /*cls*/,
+                                                       jobjectArray classes, jintArray counts) {
+  return native(TW_NATIVE_NAME(countTaggedInstances), [&] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (!getMemoryProfiler() || jvmti == nullptr || classes == nullptr || counts == nullptr) {
+      return 0;
+    }
+    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
+    std::vector<instanceTally> tallies(count);
+    if (!countTaggedInstances(jvmti, jni, classes, tallies)) {
+      return 0;
+    }
+    std::vector<jint> numbers;
+    numbers.reserve(count);
+    for (const instanceTally& each : tallies) {
+      numbers.push_back(each.tagged);
+    }
+    support::setNumbers(jni, counts, numbers);
+    return 1;
+  });
+}
+
+JNIEXPORT jclass JNICALL TW_NATIVE(messageOriginOf)(JNIEnv* jni, jclass /*cls*/, jclass type) {
+  jclass origin = nullptr;
+  native(TW_NATIVE_NAME(messageOriginOf), [&] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    if (jvmti != nullptr && type != nullptr) {
+      origin = messageOriginOf(jvmti, jni, type);
+    }
+    return 0;
+  });
+  return origin;
+}
+
+JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jclass /*cls*/,
+                                                                jstring text) {
+  if (text == nullptr) {
+    return 0;
+  }
+  const char* const chars = jni->GetStringUTFChars(text, nullptr);
+  if (chars == nullptr) {
+    jni->ExceptionClear();
+  } else {
+    jni->ReleaseStringUTFChars(text, chars);
+  }
+  return 0;
+}
+
+// An empty black list throws out of here, as the text conversions of the start-up do.
+JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
+    JNIEnv* jni, jclass /*cls*/, jboolean enable, jboolean classVariables, jboolean methodArguments,
+    jboolean localVariables, jboolean threadLocals, jint captureRate, jint stackTraceDepth,
+    jstring blackList) {
+  constexpr const char* kFunction = TW_NATIVE_NAME(enableCaptureVariableinException);
+  std::exception_ptr refused;  // thrown on: what the black list is refused with is not contained
+  const jint result = native(kFunction, [&] {
+    auto settings = std::make_unique<ExceptionCaptureSettings>();
+    if (const auto text = support::tryTextOf(jni, blackList)) {
+      try {
+        settings->blackList = parseBlackList(*text);
+      } catch (const std::out_of_range& error) {
+        refuseBlackList(*text, error);
+        refused = std::current_exception();
+        return 0;
+      }
+    }
+    settings->enabled = enable == JNI_TRUE;
+    settings->captureClassVariables = classVariables == JNI_TRUE;
+    settings->captureMethodArguments = methodArguments == JNI_TRUE;
+    settings->captureLocalVariables = localVariables == JNI_TRUE;
+    settings->captureThreadLocals = threadLocals == JNI_TRUE;
+    settings->captureRate = captureRate;
+    settings->stackTraceDepth = stackTraceDepth;
+    settings->findCallback(jni);
+    // Calls that meet would leave the events of the one with the settings of the other.
+    static support::mutex& oneCall = *new support::mutex;
+    const support::lockGuard guard(oneCall);
+    getRegistry()->switchProfiler(kExceptionProfiler, settings->enabled);
+    const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler();
+    if (!exceptions) {
+      return 0;
+    }
+    exceptions->setProfilerEventMode(settings->enabled);
+    return exceptions->setProfileData(std::move(settings));
+  });
+  if (refused) {
+    std::rethrow_exception(refused);
+  }
+  return result;
+}
+
+// --- Native methods of AgentCounters ---------------------------------------------------------
+
+#define TW_COUNTERS(method) Java_com_korvane_twutils_nativeagent_AgentCounters_##method
+
+JNIEXPORT jlong JNICALL TW_COUNTERS(exceptions)(JNIEnv* /*jni*/, jclass /*cls*/, jint which) {
+  if (which < 0 || static_cast<std::size_t>(which) >= kExceptionCounts) {
+    return 0;
+  }
+  return static_cast<jlong>(exceptionCounts::ofProcess().get(static_cast<exceptionCount>(which)));
+}
+
+JNIEXPORT jboolean JNICALL TW_COUNTERS(isRecordCut)(JNIEnv* /*jni*/, jclass /*cls*/) {
+  return exceptionProfiler::isRecordCut() ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT void JNICALL TW_COUNTERS(sinkBegins)(JNIEnv* /*jni*/, jclass /*cls*/, jboolean now) {
+  if (now == JNI_TRUE) {
+    raisedInHandler::noteSink();
+  }
+}
+
+// Time, thread, class, record, whether it is cut, and whether the thread was a virtual one.
+JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cls*/,
+                                                        jobjectArray parts) {
+  constexpr const char* kFunction =
+      "Java_com_korvane_twutils_nativeagent_AgentCounters_takeUndelivered";
+  const jint taken = native(kFunction, [&] {
+    if (parts == nullptr) {
+      return 0;
+    }
+    std::optional<undeliveredRecord> record = undeliveredRecords::ofProcess().take();
+    if (!record) {
+      return 0;
+    }
+    const std::string time = std::to_string(record->time);
+    jsize index = 0;
+    for (const char* each :
+         {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
+          record->text.c_str(), record->isCut ? "cut" : "", record->isVirtual ? "virtual" : ""}) {
+      const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
+      if (text) {
+        jni->SetObjectArrayElement(parts, index++, text.get());
+      }
+      if (!text || jni->ExceptionCheck() != JNI_FALSE) {
+        jni->ExceptionClear();
+        undeliveredRecords::ofProcess().putBack(std::move(*record));
+        return 0;
+      }
+    }
+    exceptionCounts::ofProcess().deliverLate();
+    return 1;
+  });
+  return taken == 1 ? JNI_TRUE : JNI_FALSE;
+}

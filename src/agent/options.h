@@ -1,0 +1,29 @@
+// The option string of -agentpath, read by Agent_OnLoad.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "agent/profilerRegistry.h"
+
+namespace agent {
+
+// What the option string sets.
+struct startUpSettings {
+  std::string home = "C:\\opt\\korvane\\tracewell";
+  std::int32_t logLevel = 3;
+  std::int32_t objectType = 0;    // unset
+  std::int32_t stackDepth = 0;    // unset
+  std::int32_t objectDepth = -1;  // unset
+  std::int32_t ownerLookupsPerSecond = 0;
+  std::int32_t scanInOneQuery = 0;
+  std::int32_t recordBytes = 0;  // unset
+};
+
+// Reads the options from left to right, and makes the profilers that they name, or all. Those named
+// on the way get the capture settings that stand before them. Throws what the text conversions
+// throw for a number that is none, after naming the item on standard error.
+startUpSettings readOptions(profilerRegistry& registry, std::string_view options);
+
+}  // namespace agent

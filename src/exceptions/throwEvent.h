@@ -1,0 +1,69 @@
+// One thrown exception, and what its handler knows of classes.
+//
+// Used on the throwing thread, within one handler; what is known of classes is shared by all.
+#pragma once
+
+#include <jvmti.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "exceptions/captureSettings.h"
+#include "exceptions/jvmtiCheck.h"
+#include "exceptions/raisedInHandler.h"
+#include "support/classCache.h"
+#include "support/sourcePlace.h"
+
+namespace agent {
+
+inline constexpr const char* kExceptionCallback = "exceptionProfiler::ExceptionCallback";
+
+// Logs at Debug why the handler goes no further.
+void logRefusal(const char* message, support::sourcePlace where = support::sourcePlace::current());
+
+struct knownClass {
+  explicit knownClass(std::string_view classSignature);
+
+  std::string signature;
+  std::string name;  // dotted
+  std::string lowerCaseName;
+  bool ignoredAsThrower = false;     // what its methods throw is never recorded
+  bool framesWithoutValues = false;  // frames of its methods have no arguments and locals
+};
+
+// Any thread.
+class knownClasses {
+ public:
+  using entry = std::shared_ptr<const support::classCache<knownClass>::entry>;
+
+  // What is known of the class; none when the VM does not give its signature, and then `error` says
+  // why.
+  entry of(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error);
+
+ private:
+  support::classCache<knownClass> classes_;
+};
+
+// What the handler works on.
+struct throwEvent {
+  jvmtiEnv* jvmti;
+  JNIEnv* jni;
+  jthread thread;
+  jmethodID method;
+  jobject exception;
+  std::shared_ptr<ExceptionCaptureSettings> settings;
+  knownClasses::entry info{};               // of the exception's class, once it is known
+  raisedInHandler* raised = nullptr;        // once a record is built
+  jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused
+
+  bool failed(jvmtiError error) {
+    if (error == JVMTI_ERROR_NONE) {
+      return false;
+    }
+    lastError = error;
+    return checkJvmti(jni, jvmti, error);
+  }
+};
+
+}  // namespace agent
