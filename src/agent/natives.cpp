@@ -1,25 +1,18 @@
 // The native methods of the companion: each takes C++ values out of JNI types, finds its profiler
 // and calls it.
 
-#include <com_korvane_twutils_nativeagent_AgentCounters.h>
-#include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <jvmti.h>
 
 #include <exception>
 #include <memory>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
-#include "agent/boundary.h"
+#include "agent/nativeMethod.h"
 #include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
 #include "exceptions/exceptionprofiler.h"
-#include "exceptions/messageOrigin.h"
-#include "exceptions/raisedInHandler.h"
-#include "exceptions/undeliveredRecords.h"
 #include "locks/mutexlockprofiler.h"
-#include "memory/instanceTags.h"
 #include "memory/memoryprofiler.h"
 #include "support/annotations.h"
 #include "support/jniRef.h"
@@ -28,21 +21,7 @@
 
 using namespace agent;
 
-// --- Native methods of TWNativeAgentProfiling ------------------------------------------------
-
-#define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
-#define TW_NATIVE_NAME(method) \
-  "Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_" #method
-
 namespace {
-
-// A native method ends with a result and without a Java exception, whatever happens in it.
-template <typename Body>
-jint native(const char* function, Body&& body,
-            support::sourcePlace where = support::sourcePlace::current()) {
-  return contained(function, "Exception occured in jagent : native method", jint{0},
-                   std::forward<Body>(body), where);
-}
 
 void trace(const char* function, const char* message, jlong sessionId,
            support::sourcePlace where = support::sourcePlace::current()) {
@@ -212,77 +191,6 @@ JNIEXPORT void JNICALL TW_NATIVE(setObjectTag)(JNIEnv* jni, jclass /*cls*/, jobj
   });
 }
 
-JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobjectArray classes) {
-  return native(TW_NATIVE_NAME(tagInstances), [&] {
-    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-    jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (!memory || jvmti == nullptr || classes == nullptr) {
-      return 0;
-    }
-    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
-    std::vector<instanceTally> tallies(count);
-    return tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
-  });
-}
-
-JNIEXPORT jint JNICALL TW_NATIVE(tagInstancesWithin)(JNIEnv* jni, jclass /*cls*/,
-                                                     jobjectArray classes, jintArray room) {
-  return native(TW_NATIVE_NAME(tagInstancesWithin), [&] {
-    const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
-    jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (!memory || jvmti == nullptr || classes == nullptr || room == nullptr) {
-      return 0;
-    }
-    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
-    std::vector<jint> rooms = support::numbersOf(jni, room, count);
-    std::vector<instanceTally> tallies;
-    tallies.reserve(count);
-    for (const jint each : rooms) {
-      tallies.push_back({.room = each});
-    }
-    const jint tagged = tagInstances(jvmti, jni, classes, memory->gcCounter(), tallies);
-    for (std::size_t i = 0; i < count; ++i) {
-      rooms[i] = tallies[i].isCut ? -1 : tallies[i].room - tallies[i].tagged;
-    }
-    support::setNumbers(jni, room, rooms);
-    return tagged;
-  });
-}
-
-JNIEXPORT jint JNICALL TW_NATIVE(countTaggedInstances)(JNIEnv* jni, jclass /*cls*/,
-                                                       jobjectArray classes, jintArray counts) {
-  return native(TW_NATIVE_NAME(countTaggedInstances), [&] {
-    jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (!getMemoryProfiler() || jvmti == nullptr || classes == nullptr || counts == nullptr) {
-      return 0;
-    }
-    const auto count = static_cast<std::size_t>(jni->GetArrayLength(classes));
-    std::vector<instanceTally> tallies(count);
-    if (!countTaggedInstances(jvmti, jni, classes, tallies)) {
-      return 0;
-    }
-    std::vector<jint> numbers;
-    numbers.reserve(count);
-    for (const instanceTally& each : tallies) {
-      numbers.push_back(each.tagged);
-    }
-    support::setNumbers(jni, counts, numbers);
-    return 1;
-  });
-}
-
-JNIEXPORT jclass JNICALL TW_NATIVE(messageOriginOf)(JNIEnv* jni, jclass /*cls*/, jclass type) {
-  jclass origin = nullptr;
-  native(TW_NATIVE_NAME(messageOriginOf), [&] {
-    jvmtiEnv* const jvmti = getRegistry()->environment();
-    if (jvmti != nullptr && type != nullptr) {
-      origin = messageOriginOf(jvmti, jni, type);
-    }
-    return 0;
-  });
-  return origin;
-}
-
 JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jclass /*cls*/,
                                                                 jstring text) {
   if (text == nullptr) {
@@ -338,59 +246,4 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     std::rethrow_exception(refused);
   }
   return result;
-}
-
-// --- Native methods of AgentCounters ---------------------------------------------------------
-
-#define TW_COUNTERS(method) Java_com_korvane_twutils_nativeagent_AgentCounters_##method
-
-JNIEXPORT jlong JNICALL TW_COUNTERS(exceptions)(JNIEnv* /*jni*/, jclass /*cls*/, jint which) {
-  if (which < 0 || static_cast<std::size_t>(which) >= kExceptionCounts) {
-    return 0;
-  }
-  return static_cast<jlong>(exceptionCounts::ofProcess().get(static_cast<exceptionCount>(which)));
-}
-
-JNIEXPORT jboolean JNICALL TW_COUNTERS(isRecordCut)(JNIEnv* /*jni*/, jclass /*cls*/) {
-  return exceptionProfiler::isRecordCut() ? JNI_TRUE : JNI_FALSE;
-}
-
-JNIEXPORT void JNICALL TW_COUNTERS(sinkBegins)(JNIEnv* /*jni*/, jclass /*cls*/, jboolean now) {
-  if (now == JNI_TRUE) {
-    raisedInHandler::noteSink();
-  }
-}
-
-// Time, thread, class, record, whether it is cut, and whether the thread was a virtual one.
-JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cls*/,
-                                                        jobjectArray parts) {
-  constexpr const char* kFunction =
-      "Java_com_korvane_twutils_nativeagent_AgentCounters_takeUndelivered";
-  const jint taken = native(kFunction, [&] {
-    if (parts == nullptr) {
-      return 0;
-    }
-    std::optional<undeliveredRecord> record = undeliveredRecords::ofProcess().take();
-    if (!record) {
-      return 0;
-    }
-    const std::string time = std::to_string(record->time);
-    jsize index = 0;
-    for (const char* each :
-         {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
-          record->text.c_str(), record->isCut ? "cut" : "", record->isVirtual ? "virtual" : ""}) {
-      const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
-      if (text) {
-        jni->SetObjectArrayElement(parts, index++, text.get());
-      }
-      if (!text || jni->ExceptionCheck() != JNI_FALSE) {
-        jni->ExceptionClear();
-        undeliveredRecords::ofProcess().putBack(std::move(*record));
-        return 0;
-      }
-    }
-    exceptionCounts::ofProcess().deliverLate();
-    return 1;
-  });
-  return taken == 1 ? JNI_TRUE : JNI_FALSE;
 }
