@@ -2,10 +2,13 @@
 // instances of whole classes are tagged, and what the agent has counted and kept is read. Java
 // calls them on any thread.
 #include <com_korvane_twutils_nativeagent_AgentCounters.h>
+#include <com_korvane_twutils_nativeagent_AgentReports.h>
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <jvmti.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,6 +17,7 @@
 
 #include "agent/nativeMethod.h"
 #include "agent/profilerRegistry.h"
+#include "agent/reportOutcome.h"
 #include "exceptions/exceptionCounts.h"
 #include "exceptions/exceptionprofiler.h"
 #include "exceptions/messageOrigin.h"
@@ -24,7 +28,28 @@
 
 using namespace agent;
 
-// --- Native methods of TWNativeAgentProfiling, in addition to those of natives.cpp ---------------
+namespace {
+
+// Sets the first elements of an array of strings to copies of `texts`. False, with no exception
+// left, when Java has no memory for them or the array is too short.
+bool setTexts(JNIEnv* jni, jobjectArray array, std::initializer_list<const char*> texts) {
+  jsize index = 0;
+  for (const char* const each : texts) {
+    const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
+    if (text) {
+      jni->SetObjectArrayElement(array, index++, text.get());
+    }
+    if (!text || jni->ExceptionCheck() != JNI_FALSE) {
+      jni->ExceptionClear();
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+// --- Native methods of TWNativeAgentProfiling, in addition to those of natives.cpp --------------
 
 JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobjectArray classes) {
   return native(TW_NATIVE_NAME(tagInstances), [&] {
@@ -130,22 +155,47 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cl
       return 0;
     }
     const std::string time = std::to_string(record->time);
-    jsize index = 0;
-    for (const char* each :
-         {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
-          record->text.c_str(), record->isCut ? "cut" : "", record->isVirtual ? "virtual" : ""}) {
-      const support::localRef<jstring> text(jni, jni->NewStringUTF(each));
-      if (text) {
-        jni->SetObjectArrayElement(parts, index++, text.get());
-      }
-      if (!text || jni->ExceptionCheck() != JNI_FALSE) {
-        jni->ExceptionClear();
-        undeliveredRecords::ofProcess().putBack(std::move(*record));
-        return 0;
-      }
+    if (!setTexts(jni, parts,
+                  {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
+                   record->text.c_str(), record->isCut ? "cut" : "",
+                   record->isVirtual ? "virtual" : ""})) {
+      undeliveredRecords::ofProcess().putBack(std::move(*record));
+      return 0;
     }
     exceptionCounts::ofProcess().deliverLate();
     return 1;
   });
   return taken == 1 ? JNI_TRUE : JNI_FALSE;
+}
+
+// --- Native methods of AgentReports ----------------------------------------------------------
+
+static_assert(com_korvane_twutils_nativeagent_AgentReports_LOCKS == kMutexLockProfiler);
+static_assert(com_korvane_twutils_nativeagent_AgentReports_MEMORY == kMemoryProfiler);
+
+// Path, problem, bytes, and the owner lookups made and skipped, which are empty without a limit.
+JNIEXPORT jboolean JNICALL Java_com_korvane_twutils_nativeagent_AgentReports_last(
+    JNIEnv* jni, jclass /*cls*/, jint kind, jobjectArray parts) {
+  constexpr const char* kFunction = "Java_com_korvane_twutils_nativeagent_AgentReports_last";
+  const jint told = native(kFunction, [&] {
+    const std::shared_ptr<const reportOutcome> last = reportOutcomes::ofProcess().last(kind);
+    if (parts == nullptr || !last) {
+      return 0;
+    }
+    const auto& lookups = last->ownerLookups;
+    const std::string bytes = std::to_string(last->bytes);
+    const std::string made = lookups ? std::to_string(lookups->made) : std::string();
+    const std::string skipped = lookups ? std::to_string(lookups->skipped) : std::string();
+    // The system's reasons are in the encoding of its locale.
+    std::string problem = last->problem;
+    std::replace_if(
+        problem.begin(), problem.end(), [](char c) { return static_cast<signed char>(c) < 0; },
+        '?');
+    return setTexts(
+               jni, parts,
+               {last->path.c_str(), problem.c_str(), bytes.c_str(), made.c_str(), skipped.c_str()})
+               ? 1
+               : 0;
+  });
+  return told == 1 ? JNI_TRUE : JNI_FALSE;
 }

@@ -144,12 +144,16 @@ void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& 
   json.endObject();
 }
 
-void writeOwnerLookups(support::jsonWriter& json, const lockStore& store, std::int32_t perSecond) {
+ownerLookupCounts writeOwnerLookups(support::jsonWriter& json, const lockStore& store,
+                                    std::int32_t perSecond) {
+  const ownerLookupCounts counts{store.madeOwnerLookups.load(std::memory_order_relaxed),
+                                 store.leftOutOwnerLookups.load(std::memory_order_relaxed)};
   json.key("ownerLookups").beginObject();
   json.member("perSecond", perSecond);
-  json.member("made", store.madeOwnerLookups.load(std::memory_order_relaxed));
-  json.member("leftOut", store.leftOutOwnerLookups.load(std::memory_order_relaxed));
+  json.member("made", counts.made);
+  json.member("leftOut", counts.skipped);
   json.endObject();
+  return counts;
 }
 
 }  // namespace agent

@@ -9,6 +9,7 @@
 #include <map>
 #include <string_view>
 
+#include "agent/reportOutcome.h"
 #include "locks/lockStore.h"
 #include "support/jsonWriter.h"
 
@@ -26,7 +27,9 @@ std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t gr
 void writeStackHashes(support::jsonWriter& json, const lockStore& store);
 // "blockingThreads".
 void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& owners);
-// "ownerLookups": of what the owners are a sample. Only where looks for them are limited.
-void writeOwnerLookups(support::jsonWriter& json, const lockStore& store, std::int32_t perSecond);
+// "ownerLookups": of what the owners are a sample. Only where lookups of them are limited. Returns
+// what it has written.
+ownerLookupCounts writeOwnerLookups(support::jsonWriter& json, const lockStore& store,
+                                    std::int32_t perSecond);
 
 }  // namespace agent

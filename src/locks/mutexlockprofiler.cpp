@@ -6,6 +6,7 @@
 
 #include "agent/boundary.h"
 #include "agent/profilerRegistry.h"
+#include "agent/reportOutcome.h"
 #include "agent/twAprLib.h"
 #include "agent/vmEnd.h"
 #include "locks/lockReport.h"
@@ -323,6 +324,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
   constexpr const char* kException =
       "Exception occured in  mutexprofiler : dumpJsonObjectFromMapDS";
   return contained(kDumpJson, kException, 0, [&] {
+    reportOutcomes::ofProcess().begin(kMutexLockProfiler);
     const std::shared_ptr<lockStore> current = store();
     if (!getMutexProfiler()) {
       return 0;
@@ -379,13 +381,16 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
              "problem occurred");
     }
     writeBlockingThreads(json, owners);
+    std::optional<ownerLookupCounts> lookups;
     if (ownerLookups_.perSecond() > 0) {
-      writeOwnerLookups(json, *current, ownerLookups_.perSecond());
+      lookups = writeOwnerLookups(json, *current, ownerLookups_.perSecond());
     }
     json.endObject();
 
     file.write(json.text());
     const std::string reason = file.close();
+    reportOutcomes::ofProcess().end(kMutexLockProfiler, reportPath, reason, file.written(),
+                                    lookups);
     if (!reason.empty()) {
       logUnwritable(kDumpJson, "lock report", reportPath, reason);
     }

@@ -5,6 +5,7 @@
 
 #include "agent/boundary.h"
 #include "agent/profilerRegistry.h"
+#include "agent/reportOutcome.h"
 #include "support/fileWriter.h"
 #include "support/jniRef.h"
 #include "support/jsonWriter.h"
@@ -288,6 +289,7 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
   constexpr const char* kException =
       "Exception occured in memoryprofiler : dumpJsonObjectFromMapDS";
   return contained(kDumpJson, kException, 0, [&] {
+    reportOutcomes::ofProcess().begin(kMemoryProfiler);
     // Taken whether or not it can be written: nothing of it turns up in the next report.
     classQueue chosen;
     {
@@ -315,6 +317,7 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
     file.write(
         memoryReportOf(config == nullptr ? kNoSessionId : config->sessionId, std::move(chosen)));
     const std::string reason = file.close();
+    reportOutcomes::ofProcess().end(kMemoryProfiler, reportPath, reason, file.written());
     if (reason.empty()) {
       return 1;
     }

@@ -59,6 +59,7 @@ void fileWriter::flush(std::string_view bytes) {
     const ssize_t written = ::write(descriptor_, bytes.data(), bytes.size());
     if (written >= 0) {
       bytes.remove_prefix(static_cast<std::size_t>(written));
+      written_ += static_cast<std::uint64_t>(written);
     } else if (errno != EINTR) {
       error_ = errno;
     }

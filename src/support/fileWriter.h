@@ -1,6 +1,7 @@
 // A file written from front to back. Errors are kept, the first one wins, and close() tells it.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -24,11 +25,15 @@ class fileWriter {
   // opening, or an empty text when everything was written.
   std::string close();
 
+  // How many bytes the system has taken so far.
+  std::uint64_t written() const { return written_; }
+
  private:
   void flush(std::string_view bytes);
 
   int descriptor_ = -1;
   int error_ = 0;  // of the first failure, as reasonOf takes it
+  std::uint64_t written_ = 0;
   std::string buffer_;
 };
 

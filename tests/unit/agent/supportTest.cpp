@@ -232,6 +232,7 @@ TEST_F(files, mayBeOfAnySize) {
   }
   EXPECT_EQ(file.close(), "");
   EXPECT_EQ(content(), expected);
+  EXPECT_EQ(file.written(), expected.size());
 }
 
 TEST_F(files, areNotWritableForOthers) {
@@ -265,7 +266,10 @@ TEST_F(files, aFullDiskIsNotFullOfNothing) {
 TEST_F(files, aPartlyWrittenFileIsSaid) {
   {
     const test::fileLimit limit(1000);
-    EXPECT_EQ(put(path(), std::string(5000, 'x')), "File too large");
+    fileWriter file(path(), fileWriter::mode::truncate);
+    file.write(std::string(5000, 'x'));
+    EXPECT_EQ(file.close(), "File too large");
+    EXPECT_EQ(file.written(), 1000U);
   }
   EXPECT_EQ(content().size(), 1000U);
 }
