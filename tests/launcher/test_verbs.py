@@ -101,11 +101,11 @@ def test_start_and_stop(launcher, folder):
 
         wait_for(names_the_turnstile, "a session with contention")
         shown = status("locks")
-        told = re.search(r"/(locks-\d+\.json) \(owner looks: (\d+) made, (\d+) left out\)$", shown)
+        told = re.search(r"/(locks-\d+\.json) \(owner lookups: (\d+) made, (\d+) skipped\)$", shown)
         assert told, shown
-        made, left_out = int(told[2]), int(told[3])
+        made, skipped = int(told[2]), int(told[3])
         assert made > 0 and found.json(told[1])["ownerLookups"] == {
-            "perSecond": 100, "made": made, "leftOut": left_out}
+            "perSecond": 100, "made": made, "leftOut": skipped}
 
         verb("start", "--exceptions")
         some = launcher.run("stop", process.pid, "--locks", "--exceptions", folder=folder)

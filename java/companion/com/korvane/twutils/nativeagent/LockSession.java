@@ -7,11 +7,11 @@ import java.time.Duration;
 /**
  * A lock session that is under way: begun by {@link NativeAgent#startLocks}, over with {@link
  * #stop}. In its summary phase it gathers the locks; for the detail phase they are ranked, and the
- * top ones are followed.
+ * top ones are followed. It may be stopped in any phase; without a detail phase its report is empty.
  *
  * <p>Any thread may call.
  */
-public final class LockSession {
+public final class LockSession extends AgentSession {
   /** What a session is doing. */
   public enum Phase {
     /** Nothing yet. */
@@ -27,30 +27,20 @@ public final class LockSession {
     }
   }
 
-  private final long id;
   private final LockSettings settings;
-  private final ReportFile report;
   private final ReportFile stacks;
   private volatile Phase phase = Phase.BEGUN;
-
-  // How far the end has come, within NativeAgent.locked: one that failed for want of memory is
-  // taken up where it is.
-  private boolean isQuiet; // the phase records nothing more
-  private Boolean isReported;
-  private boolean isOver;
-  private Path whole; // the report, the stacks perhaps not yet
-  private Path written;
+  private boolean isQuiet; // the phase records nothing more; within NativeAgent.locked
 
   private LockSession(long id, LockSettings settings) {
-    this.id = id;
+    super(Feature.LOCKS, AgentReports.LOCKS, id, settings.report);
     this.settings = settings;
-    report = new ReportFile("lock report", settings.report);
     ReportFile made = null;
     try {
       made = new ReportFile("stack file", settings.stacks);
     } finally {
       if (made == null) {
-        report.discard();
+        super.discardFiles();
       }
     }
     stacks = made;
@@ -62,25 +52,15 @@ public final class LockSession {
       throw Check.refused("settings", null, "the settings of a lock session");
     }
     LockSession session = new LockSession(id, settings);
-    boolean isBegun = false;
-    try {
-      isBegun = session.begin();
-    } finally {
-      if (!isBegun) {
-        session.report.discard();
-        session.stacks.discard();
-      }
-    }
-    if (!isBegun) {
-      throw NativeAgent.missing(Feature.LOCKS);
-    }
+    session.start();
     return session;
   }
 
-  private boolean begin() {
+  @Override
+  boolean begin() {
     long seconds = settings.summary.plus(settings.detail).getSeconds();
     return TWNativeAgentProfiling.startMutexLockProfilingSession(
-            id,
+            id(),
             settings.name,
             seconds,
             settings.topLocks,
@@ -91,11 +71,6 @@ public final class LockSession {
             settings.maxStackTracesPerThread,
             stacks.partPath())
         == 1;
-  }
-
-  /** The number of the session, which its report bears too. */
-  public long id() {
-    return id;
   }
 
   public Phase phase() {
@@ -111,7 +86,7 @@ public final class LockSession {
     NativeAgent.locked(
         () -> {
           require(Phase.BEGUN, "the summary phase");
-          TWNativeAgentProfiling.startMutexLockSummarySession(id);
+          TWNativeAgentProfiling.startMutexLockSummarySession(id());
           phase = Phase.SUMMARY;
           return null;
         });
@@ -126,7 +101,7 @@ public final class LockSession {
     NativeAgent.locked(
         () -> {
           require(Phase.SUMMARY, "the detail phase");
-          TWNativeAgentProfiling.startMutexLockDetailSession(id);
+          TWNativeAgentProfiling.startMutexLockDetailSession(id());
           phase = Phase.DETAIL;
           return null;
         });
@@ -141,8 +116,8 @@ public final class LockSession {
    */
   public Path run() throws IOException {
     startSummary();
-    boolean isWhole = pause(settings.summary);
-    if (isWhole) {
+    boolean isUninterrupted = pause(settings.summary);
+    if (isUninterrupted) {
       startDetail();
       pause(settings.detail);
     }
@@ -159,28 +134,6 @@ public final class LockSession {
     }
   }
 
-  /**
-   * Stops the session in any phase and writes its report, which is empty without a detail phase.
-   * Stopped once more, it does nothing.
-   *
-   * @return the report
-   * @throws IOException when the report or the stack file was not written whole; the session is
-   *     over all the same
-   * @throws OutOfMemoryError when what there is of the report waits for another call
-   */
-  public Path stop() throws IOException {
-    return NativeAgent.<Path, IOException>locked(
-        () -> {
-          if (!isOver) {
-            finish();
-          }
-          if (written == null) {
-            throw new IOException("the lock report " + settings.report + " was not written");
-          }
-          return written;
-        });
-  }
-
   /** Whether other control calls would end the phase. Within {@link NativeAgent#locked}. */
   boolean isInDetail() {
     return phase == Phase.DETAIL && !isQuiet;
@@ -192,44 +145,39 @@ public final class LockSession {
       return;
     }
     if (phase == Phase.SUMMARY) {
-      TWNativeAgentProfiling.stopMutexLockSummarySession(id);
+      TWNativeAgentProfiling.stopMutexLockSummarySession(id());
     } else if (phase == Phase.DETAIL) {
-      TWNativeAgentProfiling.stopMutexLockDetailSession(id);
+      TWNativeAgentProfiling.stopMutexLockDetailSession(id());
     }
     isQuiet = true;
   }
 
-  private void finish() throws IOException {
+  @Override
+  void end() {
     quiet();
     phase = Phase.STOPPED;
     NativeAgent.ended(this);
-    try {
-      if (isReported == null) {
-        String path = report.partPath();
-        isReported =
-            TWNativeAgentProfiling.stopMutexLockProfilingSession(id, path) == 1
-                ? Boolean.TRUE
-                : Boolean.FALSE;
-      }
-      if (!isReported) {
-        throw new IOException(
-            "the agent wrote no lock report " + settings.report + ": its log says why");
-      }
-      if (whole == null) {
-        whole = report.publishJson();
-      }
-      stacks.publishLines();
-      written = whole;
-      close();
-    } catch (IOException | RuntimeException e) {
-      close();
-      throw e;
-    }
   }
 
-  private void close() {
-    isOver = true;
-    report.close();
+  @Override
+  boolean writeReport(String part) {
+    return TWNativeAgentProfiling.stopMutexLockProfilingSession(id(), part) == 1;
+  }
+
+  @Override
+  void publishRest() throws IOException {
+    stacks.publishLines();
+  }
+
+  @Override
+  void discardFiles() {
+    super.discardFiles();
+    stacks.discard();
+  }
+
+  @Override
+  void closeFiles() {
+    super.closeFiles();
     stacks.close();
   }
 

@@ -1,7 +1,5 @@
 package com.korvane.twutils.nativeagent;
 
-import java.io.IOException;
-import java.nio.file.Path;
 import java.util.function.Consumer;
 
 /**
@@ -11,25 +9,16 @@ import java.util.function.Consumer;
  *
  * <p>Any thread may call.
  */
-public final class MemorySession {
+public final class MemorySession extends AgentSession {
   /** Tags outlive the session. */
   private static final FollowedCounts FOLLOWED = new FollowedCounts(FollowedCounts.NATIVES);
 
-  private final long id;
   private final MemorySettings settings;
-  private final ReportFile report;
   private volatile boolean isStopped;
 
-  // How far the end has come, within NativeAgent.locked: one that failed for want of memory is
-  // taken up where it is.
-  private Boolean isReported;
-  private boolean isOver;
-  private Path written;
-
   private MemorySession(long id, MemorySettings settings) {
-    this.id = id;
+    super(Feature.MEMORY, AgentReports.MEMORY, id, settings.report);
     this.settings = settings;
-    report = new ReportFile("memory report", settings.report);
   }
 
   /** Within {@link NativeAgent#locked}. */
@@ -38,25 +27,16 @@ public final class MemorySession {
       throw Check.refused("settings", null, "the settings of a memory session");
     }
     MemorySession session = new MemorySession(id, settings);
-    boolean isBegun = false;
-    try {
-      isBegun = session.begin();
-    } finally {
-      if (!isBegun) {
-        session.report.discard();
-      }
-    }
-    if (!isBegun) {
-      throw NativeAgent.missing(Feature.MEMORY);
-    }
+    session.start();
     return session;
   }
 
-  private boolean begin() {
+  @Override
+  boolean begin() {
     return TWNativeAgentProfiling.startMemoryLeaksProfileSession(
             true,
             settings.duration.getSeconds(),
-            (int) id,
+            (int) id(),
             settings.name,
             settings.topClasses,
             settings.excludedClasses,
@@ -64,11 +44,6 @@ public final class MemorySession {
             settings.includedClasses,
             settings.includedPackages)
         == 1;
-  }
-
-  /** The number of the session, which its report bears too. */
-  public long id() {
-    return id;
   }
 
   public boolean isStopped() {
@@ -130,55 +105,17 @@ public final class MemorySession {
         () -> isStopped || copy.length == 0 ? 0 : FOLLOWED.add(copy, limit, full));
   }
 
-  /**
-   * Stops the session and writes its report. Stopped once more, it does nothing.
-   *
-   * @return the report
-   * @throws IOException when the report was not written whole; the session is over all the same
-   * @throws IllegalStateException when a lock session is in its detail phase; the session goes on
-   * @throws OutOfMemoryError when what there is of the report waits for another call
-   */
-  public Path stop() throws IOException {
-    return NativeAgent.<Path, IOException>locked(
-        () -> {
-          if (!isOver) {
-            if (!isStopped) {
-              NativeAgent.requireNoDetail("stopping the memory session");
-            }
-            finish();
-          }
-          if (written == null) {
-            throw new IOException("the memory report " + settings.report + " was not written");
-          }
-          return written;
-        });
-  }
-
-  private void finish() throws IOException {
+  @Override
+  void end() {
+    if (!isStopped) {
+      NativeAgent.requireNoDetail("stopping the memory session");
+    }
     isStopped = true;
     NativeAgent.ended(this);
-    try {
-      if (isReported == null) {
-        String path = report.partPath();
-        isReported =
-            TWNativeAgentProfiling.stopMemoryLeaksProfileSession(id, path) == 1
-                ? Boolean.TRUE
-                : Boolean.FALSE;
-      }
-      if (!isReported) {
-        throw new IOException(
-            "the agent wrote no memory report " + settings.report + ": its log says why");
-      }
-      written = report.publishJson();
-      close();
-    } catch (IOException | RuntimeException e) {
-      close();
-      throw e;
-    }
   }
 
-  private void close() {
-    isOver = true;
-    report.close();
+  @Override
+  boolean writeReport(String part) {
+    return TWNativeAgentProfiling.stopMemoryLeaksProfileSession(id(), part) == 1;
   }
 }

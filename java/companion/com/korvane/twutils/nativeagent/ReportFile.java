@@ -1,20 +1,19 @@
 package com.korvane.twutils.nativeagent;
 
-import java.io.BufferedInputStream;
-import java.io.FileInputStream;
 import java.io.IOException;
-import java.io.InputStream;
 import java.io.RandomAccessFile;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.AtomicMoveNotSupportedException;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
 import java.nio.file.attribute.PosixFilePermissions;
+import java.util.Arrays;
 import java.util.HashSet;
 import java.util.Set;
 
 /**
- * A file that the agent writes, which bears its name only once it is whole. Until then it stands
+ * A file that the agent writes, which bears its name only once it is complete. Until then it stands
  * beside it, with ".part" at the end of its name. Only its owner may read it.
  *
  * <p>No operation minds that its thread is interrupted. They are for one thread at a time, whatever
@@ -22,6 +21,10 @@ import java.util.Set;
  */
 final class ReportFile {
   private static final String PART = ".part";
+  private static final String FULL_DISK = " (is the disk full?)";
+
+  /** How a JSON document of the agent ends, and nothing else in it: all within is indented. */
+  private static final String END_OF_JSON = "\n}";
 
   /** Parts that sessions of this JVM write, by their real paths. */
   private static final Set<Path> OWNED = new HashSet<>();
@@ -83,33 +86,44 @@ final class ReportFile {
     }
   }
 
-  /** Gives the file its name, if it is a whole JSON document. */
-  Path publishJson() throws IOException {
-    String problem;
-    try (InputStream in = new BufferedInputStream(new FileInputStream(part.toFile()))) {
-      problem = JsonCheck.problemOf(in);
+  /**
+   * Gives the JSON document its name, if it is complete.
+   *
+   * @param outcome what the agent reports of it; null when that is not known, and the file is judged
+   *     by its end
+   */
+  Path publishJson(ReportOutcome outcome) throws IOException {
+    long length = part.toFile().length();
+    if (outcome == null) {
+      return publish(endsWith(END_OF_JSON) ? null : "its end is missing" + FULL_DISK);
     }
-    return publish(problem);
+    boolean isCut = outcome.problem == null && length != outcome.bytes;
+    return publish(isCut ? "it has " + length + " of " + outcome.bytes + " bytes" : outcome.problem);
   }
 
-  /** Gives the file its name, if it is empty or its last line is whole. */
+  /** Gives the file its name, if it is empty or its last line is complete. */
   Path publishLines() throws IOException {
-    boolean isCut = false;
+    boolean isCut = part.toFile().length() > 0 && !endsWith("\n");
+    return publish(isCut ? "its last line is cut off" + FULL_DISK : null);
+  }
+
+  private boolean endsWith(String text) throws IOException {
+    byte[] end = text.getBytes(StandardCharsets.US_ASCII);
     try (RandomAccessFile file = new RandomAccessFile(part.toFile(), "r")) {
-      if (file.length() > 0) {
-        file.seek(file.length() - 1);
-        isCut = file.read() != '\n';
+      if (file.length() < end.length) {
+        return false;
       }
+      byte[] found = new byte[end.length];
+      file.seek(file.length() - end.length);
+      file.readFully(found);
+      return Arrays.equals(end, found);
     }
-    return publish(isCut ? "its last line is cut off" : null);
   }
 
   private Path publish(String problem) throws IOException {
     if (problem != null) {
       String rest = part.toFile().length() == 0 ? "" : "; what there is of it is in " + part;
-      throw new IOException(
-          "the " + label + " " + path + " is not whole: " + problem + " (is the disk full?)"
-              + rest);
+      throw new IOException("the " + label + " " + path + " is not complete: " + problem + rest);
     }
     try {
       Files.move(part, path, StandardCopyOption.ATOMIC_MOVE, StandardCopyOption.REPLACE_EXISTING);

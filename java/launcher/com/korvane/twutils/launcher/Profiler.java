@@ -4,99 +4,46 @@ import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.companion.NativeAgentMXBean;
 import java.io.IOException;
 import java.util.Arrays;
+import java.util.function.BiConsumer;
+import java.util.function.Function;
 
 /** A profiler by the name of its option, with the part of the companion's bean that is its. */
 enum Profiler {
-  LOCKS("locks", Feature.LOCKS) {
-    @Override
-    String state(NativeAgentMXBean bean) {
-      return bean.getLockState();
-    }
-
-    @Override
-    String details(NativeAgentMXBean bean) {
-      return counted(bean.getLockSessions(), "session") + last("report", bean.getLastLockReport())
-          + ownerLooks(bean);
-    }
-
-    private String ownerLooks(NativeAgentMXBean bean) {
-      long made = bean.getOwnerLooksMade();
-      return made < 0
-          ? ""
-          : " (owner looks: " + made + " made, " + bean.getOwnerLooksLeftOut() + " left out)";
-    }
-
-    @Override
-    void start(NativeAgentMXBean bean, String options) {
-      bean.startLocks(options);
-    }
-
-    @Override
-    String stop(NativeAgentMXBean bean) throws IOException {
-      return bean.stopLocks();
-    }
-  },
-
-  EXCEPTIONS("exceptions", Feature.EXCEPTIONS) {
-    @Override
-    String state(NativeAgentMXBean bean) {
-      return bean.getExceptionState();
-    }
-
-    @Override
-    String details(NativeAgentMXBean bean) {
-      return bean.getExceptionsRecorded() + " recorded, " + bean.getExceptionsDropped() + " dropped"
-          + last("file", bean.getExceptionFile());
-    }
-
-    @Override
-    void start(NativeAgentMXBean bean, String options) {
-      bean.startExceptions(options);
-    }
-
-    @Override
-    String stop(NativeAgentMXBean bean) throws IOException {
-      return bean.stopExceptions();
-    }
-  },
-
-  MEMORY("memory", Feature.MEMORY) {
-    @Override
-    String state(NativeAgentMXBean bean) {
-      return bean.getMemoryState();
-    }
-
-    @Override
-    String details(NativeAgentMXBean bean) {
-      String sweeps =
-          bean.getSweeps() == 0
-              ? ""
-              : String.format(
-                  ", %s (the last %.1f ms), %s followed",
-                  counted(bean.getSweeps(), "sweep"),
-                  bean.getLastSweepMillis(),
-                  counted(bean.getObjectsFollowed(), "object"));
-      return counted(bean.getMemorySessions(), "session") + sweeps
-          + last("report", bean.getLastMemoryReport());
-    }
-
-    @Override
-    void start(NativeAgentMXBean bean, String options) {
-      bean.startMemory(options);
-    }
-
-    @Override
-    String stop(NativeAgentMXBean bean) throws IOException {
-      return bean.stopMemory();
-    }
-  };
+  LOCKS(
+      "locks", Feature.LOCKS, NativeAgentMXBean::getLockState, Profiler::lockDetails,
+      NativeAgentMXBean::startLocks, NativeAgentMXBean::stopLocks),
+  EXCEPTIONS(
+      "exceptions", Feature.EXCEPTIONS, NativeAgentMXBean::getExceptionState,
+      Profiler::exceptionDetails, NativeAgentMXBean::startExceptions,
+      NativeAgentMXBean::stopExceptions),
+  MEMORY(
+      "memory", Feature.MEMORY, NativeAgentMXBean::getMemoryState, Profiler::memoryDetails,
+      NativeAgentMXBean::startMemory, NativeAgentMXBean::stopMemory);
 
   private final String word;
   private final Feature feature;
+  private final Function<NativeAgentMXBean, String> state;
+  private final Function<NativeAgentMXBean, String> details;
+  private final BiConsumer<NativeAgentMXBean, String> start;
+  private final Stop stop;
 
-  Profiler(String word, Feature feature) {
+  private interface Stop {
+    String of(NativeAgentMXBean bean) throws IOException;
+  }
+
+  Profiler(
+      String word,
+      Feature feature,
+      Function<NativeAgentMXBean, String> state,
+      Function<NativeAgentMXBean, String> details,
+      BiConsumer<NativeAgentMXBean, String> start,
+      Stop stop) {
     this.word = word;
     this.feature = feature;
+    this.state = state;
+    this.details = details;
+    this.start = start;
+    this.stop = stop;
   }
 
   /** The one with this name. */
@@ -113,20 +60,57 @@ enum Profiler {
     return !state(bean).equals("off");
   }
 
-  abstract String state(NativeAgentMXBean bean);
+  /** What it is doing, in a word. */
+  String state(NativeAgentMXBean bean) {
+    return state.apply(bean);
+  }
 
   /** What it has done so far. */
-  abstract String details(NativeAgentMXBean bean);
+  String details(NativeAgentMXBean bean) {
+    return details.apply(bean);
+  }
 
   /** Starts it with KEY=VALUE,... */
-  abstract void start(NativeAgentMXBean bean, String options);
+  void start(NativeAgentMXBean bean, String options) {
+    start.accept(bean, options);
+  }
 
   /** Stops it; gives the file that it wrote, or null. */
-  abstract String stop(NativeAgentMXBean bean) throws IOException;
+  String stop(NativeAgentMXBean bean) throws IOException {
+    return stop.of(bean);
+  }
 
   @Override
   public String toString() {
     return word;
+  }
+
+  private static String lockDetails(NativeAgentMXBean bean) {
+    long made = bean.getOwnerLooksMade();
+    String lookups =
+        made < 0
+            ? ""
+            : " (owner lookups: " + made + " made, " + bean.getOwnerLooksLeftOut() + " skipped)";
+    return counted(bean.getLockSessions(), "session") + last("report", bean.getLastLockReport())
+        + lookups;
+  }
+
+  private static String exceptionDetails(NativeAgentMXBean bean) {
+    return bean.getExceptionsRecorded() + " recorded, " + bean.getExceptionsDropped() + " dropped"
+        + last("file", bean.getExceptionFile());
+  }
+
+  private static String memoryDetails(NativeAgentMXBean bean) {
+    String sweeps =
+        bean.getSweeps() == 0
+            ? ""
+            : String.format(
+                ", %s (the last %.1f ms), %s followed",
+                counted(bean.getSweeps(), "sweep"),
+                bean.getLastSweepMillis(),
+                counted(bean.getObjectsFollowed(), "object"));
+    return counted(bean.getMemorySessions(), "session") + sweeps
+        + last("report", bean.getLastMemoryReport());
   }
 
   private static String counted(long count, String thing) {

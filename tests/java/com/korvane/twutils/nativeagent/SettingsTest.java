@@ -124,15 +124,14 @@ public final class SettingsTest {
     ReportFile report = new ReportFile("lock report", path);
     same("before", "r.json.part", Checks.names(folder));
     same("mode", "rw-------", Checks.mode(Paths.get(report.partPath())));
-    refused(IOException.class, "is not whole: it is empty", report::publishJson);
-    Checks.write(Paths.get(report.partPath()), "{\"a\": [1,");
-    refused(IOException.class, "the lock report " + path + " is not whole: it ends early",
-        report::publishJson);
+    Checks.write(Paths.get(report.partPath()), "{\n \"a\": [1,");
+    refused(IOException.class, "the lock report " + path + " is not complete: its end is missing",
+        () -> report.publishJson(null));
     same("kept", "r.json.part", Checks.names(folder));
 
-    Checks.write(Paths.get(report.partPath()), "{\"a\": [1, 2]}");
+    Checks.write(Paths.get(report.partPath()), "{\n \"a\": [1, 2]\n}");
     Thread.currentThread().interrupt();
-    same("published", path, report.publishJson());
+    same("published", path, report.publishJson(null));
     same("interrupted all the same", true, Thread.interrupted());
     same("after", "r.json", Checks.names(folder));
     same("mode", "rw-------", Checks.mode(path));

@@ -1,6 +1,7 @@
 package com.korvane.twutils.nativeagent.companion;
 
-import com.korvane.twutils.nativeagent.ExceptionSettings;
+import com.korvane.twutils.nativeagent.AgentSession;
+import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.LockSession;
 import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.IOException;
@@ -17,7 +18,7 @@ import java.util.concurrent.atomic.AtomicReference;
 import java.util.function.BiConsumer;
 
 /**
- * Runs the sessions of one JVM, as the options and the calls from outside ask for, until the JVM
+ * Runs the profilers of one JVM, as the options and the calls from outside ask for, until the JVM
  * ends. Any thread may call.
  */
 final class Controller {
@@ -31,26 +32,16 @@ final class Controller {
   private final Map<String, String> options;
   private final Instrumentation instrumentation;
   private final Timetable timetable = new Timetable();
-  private final Timetable.Step lockStep = timetable.step(this::advanceLocks);
-  private final Timetable.Step memoryStep = timetable.step(this::advanceMemory);
-  private final Timetable.Step sweepStep = timetable.step(this::sweep);
+
+  /** In the order in which they are started. */
+  private final Map<Feature, Instrument> instruments = new LinkedHashMap<>();
 
   // Changed in turn, read at any time.
   private volatile RunFolder folder;
-  private volatile LockPlan locks;
-  private volatile MemoryPlan memory;
-  private volatile ExceptionLog exceptions;
-  private volatile boolean areExceptionsOn;
+  private volatile ExceptionLog exceptions; // of the last capture
+  private volatile SweepTotals sweeps = SweepTotals.NONE;
   private volatile boolean hasEnded;
-  private volatile int lockSessions;
-  private volatile int memorySessions;
-  private volatile int sweeps;
-  private volatile long objectsAdded;
-  private volatile double lastSweepMillis;
-  private volatile Path lastLockReport;
-  private volatile OwnerLooks lastOwnerLooks;
-  private volatile Path lastMemoryReport;
-  private volatile BiConsumer<String, Path> reportListener = (kind, report) -> {};
+  private volatile BiConsumer<Feature, Path> reportListener = (feature, report) -> {};
   private volatile long untold; // reports
 
   /**
@@ -60,6 +51,19 @@ final class Controller {
   Controller(Map<String, String> options, Instrumentation instrumentation) {
     this.options = options;
     this.instrumentation = instrumentation;
+    instruments.put(
+        Feature.EXCEPTIONS,
+        new Instrument(
+            OptionKey.EXCEPTIONS, "exception capture is",
+            reader -> new ExceptionCapture(this, reader)));
+    instruments.put(
+        Feature.MEMORY,
+        new Instrument(
+            OptionKey.MEMORY, "memory sessions are", reader -> new MemoryPlan(this, reader)));
+    // The locks come last: switching another profiler would end their detail phase.
+    instruments.put(
+        Feature.LOCKS,
+        new Instrument(OptionKey.LOCKS, "lock sessions are", reader -> new LockPlan(this, reader)));
   }
 
   /** What is to be done at its time is done from now on; there may be no thread to be had. */
@@ -70,19 +74,15 @@ final class Controller {
   /** Starts the profilers that the options name; says on standard error which could not be. */
   void begin() {
     OptionReader given = new OptionReader(options, Console::say);
-    // The locks come last: switching another profiler would end their detail phase.
-    List<Runnable> starts = new ArrayList<>();
-    if (given.flag(OptionKey.EXCEPTIONS, false)) {
-      starts.add(() -> startExceptions(""));
-    }
-    if (given.flag(OptionKey.MEMORY, false)) {
-      starts.add(() -> startMemory(""));
-    }
-    if (given.flag(OptionKey.LOCKS, false)) {
-      starts.add(() -> startLocks(""));
-    }
-    if (!starts.isEmpty() && begin(() -> timetable.inTurn(this::folder))) {
-      starts.forEach(Controller::begin);
+    List<Feature> wanted = new ArrayList<>();
+    instruments.forEach(
+        (feature, instrument) -> {
+          if (given.flag(instrument.key(), false)) {
+            wanted.add(feature);
+          }
+        });
+    if (!wanted.isEmpty() && begin(() -> timetable.inTurn(this::folder))) {
+      wanted.forEach(feature -> begin(() -> start(feature, "")));
     }
   }
 
@@ -113,10 +113,9 @@ final class Controller {
   }
 
   private void endSessions() {
-    endPart(() -> stopLocks(true));
+    endPart(instruments.get(Feature.LOCKS)::end);
     endPart(Controller::stopLocksOfProgram);
-    endPart(() -> stopExceptions(true));
-    endPart(() -> stopMemory(true));
+    instruments.values().forEach(each -> endPart(each::end));
     RunFolder written = folder;
     if (written != null && written.removedReports() > 0) {
       Console.say(written.removedReports() + " reports were deleted, the oldest ones, so that "
@@ -154,121 +153,21 @@ final class Controller {
     }
   }
 
-  // --- What can be asked for: with options as in "summary=10s,detail=1m", in place of those that
-  // the JVM was started with. Refused with an IllegalArgumentException or IllegalStateException.
-
-  void startLocks(String given) {
-    start("locks.", given, reader -> {
-      requireOff(locks != null && !locks.isOver(), "lock sessions are");
-      locks = new LockPlan(this, lockStep, reader);
-      locks.begin();
-    });
-  }
-
-  void startExceptions(String given) {
-    start("exceptions.", given, reader -> {
-      requireOff(areExceptionsOn, "exception capture is");
-      ExceptionSettings settings = exceptionSettings(reader);
-      int files = reader.number(OptionKey.EXCEPTIONS_FILES, 1, Integer.MAX_VALUE, 10);
-      RotatingFile file =
-          folder().exceptions(reader.size(OptionKey.EXCEPTIONS_FILE_SIZE, 10 << 20), files);
-      int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE, 1, 1_000_000, 1000);
-      ExceptionLog log = new ExceptionLog(file, queue);
-      startWriter(log);
-      boolean isStarted = false;
-      try {
-        NativeAgent.startExceptions(settings, log);
-        isStarted = true;
-      } finally {
-        if (!isStarted) {
-          log.abandon();
-        }
-      }
-      exceptions = log;
-      areExceptionsOn = true;
-    });
-  }
-
-  private static void startWriter(ExceptionLog log) {
-    try {
-      log.start();
-    } catch (OutOfMemoryError e) {
-      throw new IllegalStateException("exceptions cannot be captured: " + e.getMessage(), e);
-    }
-  }
-
-  void startMemory(String given) {
-    start("memory.", given, reader -> {
-      requireOff(memory != null && !memory.isOver(), "memory sessions are");
-      memory = new MemoryPlan(this, memoryStep, sweepStep, reader);
-      memory.begin();
-    });
-  }
-
-  /** The report; null when no session was running. */
-  Path stopLocks() throws IOException {
-    return inTurn(() -> stopLocks(false));
-  }
-
-  /** The newest file of exceptions. */
-  Path stopExceptions() throws IOException {
-    return inTurn(() -> stopExceptions(false));
-  }
-
-  /** The report; null when no session was running. */
-  Path stopMemory() throws IOException {
-    return inTurn(() -> stopMemory(false));
-  }
-
-  private void advanceLocks() {
-    locks.advance();
-  }
-
-  private void advanceMemory() {
-    memory.advance();
-  }
-
-  private void sweep() {
-    memory.sweep();
-  }
-
-  private Path stopLocks(boolean isEnd) throws IOException {
-    if (!isEnd) {
-      requireOn(locks != null && !locks.isOver(), "lock sessions are");
-    }
-    return locks == null || locks.isOver() ? null : locks.stop();
-  }
-
-  private Path stopExceptions(boolean isEnd) {
-    if (!isEnd) {
-      requireOn(areExceptionsOn, "exception capture is");
-    }
-    if (!areExceptionsOn) {
-      return null;
-    }
-    NativeAgent.stopExceptions();
-    areExceptionsOn = false;
-    exceptions.close();
-    return exceptions.path();
-  }
-
-  private Path stopMemory(boolean isEnd) throws IOException {
-    if (!isEnd) {
-      requireOn(memory != null && !memory.isOver(), "memory sessions are");
-    }
-    return memory == null || memory.isOver() ? null : memory.stop();
-  }
-
-  private interface Start {
-    void with(OptionReader reader);
-  }
-
-  private void start(String prefix, String given, Start start) {
-    Options own = Options.parseWithin(prefix, given);
+  /**
+   * Starts a profiler.
+   *
+   * @param given options of it as in "summary=10s,detail=1m", in place of those that the JVM was
+   *     started with
+   * @throws IllegalArgumentException when an option is refused
+   * @throws IllegalStateException when the profiler cannot be started now
+   */
+  void start(Feature feature, String given) {
+    Instrument instrument = instruments.get(feature);
+    Options own = Options.parseWithin(instrument.key() + ".", given);
     refuse(own.problems().isEmpty() ? null : own.problems().get(0));
     Map<String, String> values = new LinkedHashMap<>(options);
     values.putAll(own.values());
-    // What the JVM was started with is told and left out; what is asked for now is refused.
+    // What the JVM was started with is reported and ignored; what is asked for now is refused.
     OptionReader reader =
         new OptionReader(values, own.values().isEmpty() ? Console::say : Controller::refuse);
     timetable.inTurn(
@@ -276,7 +175,7 @@ final class Controller {
           if (hasEnded) {
             throw new IllegalStateException("the JVM is about to end");
           }
-          start.with(reader);
+          instrument.begin(reader);
         });
   }
 
@@ -286,29 +185,20 @@ final class Controller {
     }
   }
 
-  private static void requireOff(boolean isOn, String what) {
-    if (isOn) {
-      throw new IllegalStateException(what + " running already: stop first");
-    }
-  }
-
-  private static void requireOn(boolean isOn, String what) {
-    if (!isOn) {
-      throw new IllegalStateException(what + " not running");
-    }
-  }
-
-  private interface Stop {
-    Path run() throws IOException;
-  }
-
-  private Path inTurn(Stop stop) throws IOException {
+  /**
+   * Stops a profiler.
+   *
+   * @return the file that it has written last; null when there is none
+   * @throws IOException when the file is not complete
+   * @throws IllegalStateException when the profiler is off, or cannot be stopped now
+   */
+  Path stop(Feature feature) throws IOException {
     AtomicReference<Path> result = new AtomicReference<>();
     AtomicReference<IOException> failure = new AtomicReference<>();
     timetable.inTurn(
         () -> {
           try {
-            result.set(stop.run());
+            result.set(instruments.get(feature).stop());
           } catch (IOException e) {
             failure.set(e);
           }
@@ -319,41 +209,22 @@ final class Controller {
     return result.get();
   }
 
-  private static ExceptionSettings exceptionSettings(OptionReader reader) {
-    return new ExceptionSettings()
-        .fields(reader.flag(OptionKey.EXCEPTIONS_FIELDS, true))
-        .arguments(reader.flag(OptionKey.EXCEPTIONS_ARGUMENTS, true))
-        .locals(reader.flag(OptionKey.EXCEPTIONS_LOCALS, true))
-        .threadLocals(reader.flag(OptionKey.EXCEPTIONS_THREAD_LOCALS, false))
-        .rate(reader.number(OptionKey.EXCEPTIONS_RATE, 0, Integer.MAX_VALUE, 10))
-        .depth(reader.number(OptionKey.EXCEPTIONS_DEPTH, 1, 100, 20))
-        .exclude(reader.list(OptionKey.EXCEPTIONS_EXCLUDE));
-  }
-
   /** Has the action done once, when that time has passed. */
   void after(Duration delay, Runnable action) {
     Timetable.Step step = timetable.step(action);
     timetable.inTurn(() -> step.after(delay));
   }
 
-  // --- For the plans, in turn ---
+  // --- For the activities, in turn ---
 
-  Path nextLockReport() {
+  Timetable.Step step(Runnable action) {
+    return timetable.step(action);
+  }
+
+  /** The number of the session that is about to begin. */
+  int nextSession(Feature feature) {
     removeOldReports();
-    return folder().lockReport(++lockSessions);
-  }
-
-  int nextMemorySession() {
-    removeOldReports();
-    return ++memorySessions;
-  }
-
-  Path memoryReport(int session) {
-    return folder().memoryReport(session);
-  }
-
-  Path sweeps(int session) {
-    return folder().sweeps(session);
+    return instruments.get(feature).nextSession();
   }
 
   Class<?>[] loadedClasses() {
@@ -361,56 +232,33 @@ final class Controller {
   }
 
   void swept(int added, long nanos) {
-    sweeps++;
-    objectsAdded += added;
-    lastSweepMillis = nanos / 1e6;
+    sweeps = sweeps.plus(added, nanos);
+  }
+
+  void captures(ExceptionLog log) {
+    exceptions = log;
   }
 
   /** Never fails. */
-  void lockReported(Path report) {
-    lastLockReport = report;
+  void reported(Feature feature, AgentSession session) {
+    instruments.get(feature).reported(session);
     try {
-      lastOwnerLooks = null;
-      lastOwnerLooks = ownerLooksOf(report);
-      reported("lock", report);
+      reportListener.accept(feature, session.report());
+      removeOldReports();
     } catch (Throwable e) {
       untold++;
     }
-  }
-
-  /** Never fails. */
-  void memoryReported(Path report) {
-    lastMemoryReport = report;
-    try {
-      reported("memory", report);
-    } catch (Throwable e) {
-      untold++;
-    }
-  }
-
-  private void reported(String kind, Path report) {
-    reportListener.accept(kind, report);
-    removeOldReports();
   }
 
   /** Reports of sessions that are running are not among them. */
   private void removeOldReports() {
-    boolean isLockSession = locks != null && locks.isRunning();
-    boolean isMemorySession = memory != null && memory.isRunning();
     folder().removeOldReports(
-        isLockSession ? lockSessions : 0, isMemorySession ? memorySessions : 0);
-  }
-
-  private static OwnerLooks ownerLooksOf(Path report) {
-    try {
-      return OwnerLooks.of(report);
-    } catch (IOException e) {
-      return null; // gone already; whoever reads the report is told
-    }
+        instruments.get(Feature.LOCKS).runningSession(),
+        instruments.get(Feature.MEMORY).runningSession());
   }
 
   /** Made when there is something to write; in turn. */
-  private RunFolder folder() {
+  RunFolder folder() {
     if (folder == null) {
       String output = options.getOrDefault(OptionKey.OUTPUT.toString(), DEFAULT_OUTPUT);
       try {
@@ -427,66 +275,13 @@ final class Controller {
 
   // --- What there is to know ---
 
-  /** Told the kind of each report that is written, and where it is. */
-  void onReport(BiConsumer<String, Path> listener) {
+  /** Gets each report that is written, and which profiler it is of. */
+  void onReport(BiConsumer<Feature, Path> listener) {
     reportListener = listener;
   }
 
-  String lockState() {
-    LockPlan plan = locks;
-    return plan == null ? "off" : plan.state();
-  }
-
-  String memoryState() {
-    MemoryPlan plan = memory;
-    return plan == null ? "off" : plan.state();
-  }
-
-  String exceptionState() {
-    return areExceptionsOn ? "on" : "off";
-  }
-
-  /** Null before the first session. */
-  Path runFolder() {
+  Status status() {
     RunFolder made = folder;
-    return made == null ? null : made.path();
-  }
-
-  int lockSessions() {
-    return lockSessions;
-  }
-
-  int memorySessions() {
-    return memorySessions;
-  }
-
-  int sweeps() {
-    return sweeps;
-  }
-
-  long objectsAdded() {
-    return objectsAdded;
-  }
-
-  double lastSweepMillis() {
-    return lastSweepMillis;
-  }
-
-  Path lastLockReport() {
-    return lastLockReport;
-  }
-
-  /** Of the last lock report; null when it does not tell. */
-  OwnerLooks lastOwnerLooks() {
-    return lastOwnerLooks;
-  }
-
-  Path lastMemoryReport() {
-    return lastMemoryReport;
-  }
-
-  /** The last log of exceptions; null before the first. */
-  ExceptionLog exceptions() {
-    return exceptions;
+    return new Status(instruments, made == null ? null : made.path(), exceptions, sweeps);
   }
 }

@@ -1,10 +1,9 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.MemorySession;
 import com.korvane.twutils.nativeagent.MemorySettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
-import java.io.IOException;
-import java.nio.file.Path;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.HashSet;
@@ -13,52 +12,36 @@ import java.util.Set;
 import java.util.function.Consumer;
 
 /**
- * Takes memory sessions through their time, one after the other, and looks for new objects to
- * follow at an interval. Used in turn only, but for {@link #state}, which any thread may ask for.
- *
- * <p>Each step takes up what one that failed has left.
+ * Takes memory sessions through their time, and looks for new objects to follow at an interval.
  */
-final class MemoryPlan {
+final class MemoryPlan extends SessionPlan<MemorySession> {
   /** How long to wait for the end of a lock session's detail phase before it is looked at again. */
   private static final Duration PATIENCE = Duration.ofMillis(200);
-
-  private static final Duration AGAIN = Duration.ofSeconds(1);
 
   /** A look for objects may take one part of so many of the time: 2 %. */
   private static final int PARTS_OF_TIME = 50;
 
   private static final int MOST_LINES = 5; // on the console, about classes
 
-  private final Controller controller;
-  private final Timetable.Step next;
-  private final Timetable.Step nextSweep;
   private final ClassPatterns tracked;
   private final Duration interval;
   private final int limit;
-  private final Duration delay;
   private final Duration duration;
   private final Consumer<MemorySettings> settings;
   private final Set<String> told = new HashSet<>();
   private final Set<String> toldFull = new HashSet<>(); // names of classes
-  private int sessionsToCome; // negative for no end of them
 
-  private volatile MemorySession session;
+  private Timetable.Step nextSweep; // there from the begin on
   private boolean isSetUp; // the session is
   private SweepLog sweeps;
   private Duration untilNextSweep;
-  private volatile boolean isOver;
 
   /**
-   * @param next calls {@link #advance}
-   * @param nextSweep calls {@link #sweep}
    * @throws IllegalArgumentException for names and patterns that are none, and for sessions without
    *     length
    */
-  MemoryPlan(
-      Controller controller, Timetable.Step next, Timetable.Step nextSweep, OptionReader options) {
-    this.controller = controller;
-    this.next = next;
-    this.nextSweep = nextSweep;
+  MemoryPlan(Controller controller, OptionReader options) {
+    super(controller, Feature.MEMORY);
     tracked = new ClassPatterns(options.list(OptionKey.MEMORY_TRACK));
     interval = options.duration(OptionKey.MEMORY_INTERVAL, Duration.ofSeconds(10));
     if (interval.isZero()) {
@@ -87,76 +70,29 @@ final class MemoryPlan {
                 .excludePackages(options.list(OptionKey.MEMORY_EXCLUDE_PACKAGES));
   }
 
-  void begin() {
-    next.after(delay.isZero() ? AGAIN : delay);
-    if (delay.isZero()) {
-      advance();
-    }
+  @Override
+  public void begin() {
+    nextSweep = controller.step(this::sweep);
+    super.begin();
   }
 
-  boolean isOver() {
-    return isOver;
+  @Override
+  void end() {
+    super.end();
+    nextSweep.remove();
   }
 
-  /** Whether a session is. */
-  boolean isRunning() {
-    return session != null;
+  @Override
+  String stateOf(MemorySession current) {
+    return "running";
   }
 
-  /** What it is doing, in a word. */
-  String state() {
-    return isOver ? "off" : session == null ? "waiting" : "running";
-  }
-
-  /**
-   * Ends the plan, and the session that is running, with its report.
-   *
-   * @return the report; null when no session was running
-   * @throws IllegalStateException when a lock session is in its detail phase: all goes on
-   */
-  Path stop() throws IOException {
-    try {
-      if (session == null) {
-        return null;
-      }
-      Path report = stopSession();
-      tellUnmatched();
-      return report;
-    } finally {
-      if (session == null) {
-        end();
-      }
-    }
-  }
-
-  private void end() {
-    isOver = true;
-    next.cancel();
-    nextSweep.cancel();
-  }
-
-  /** Does what comes next, when its time has come. */
-  void advance() {
-    if (isOver) {
-      return;
-    }
+  @Override
+  void takeStep() {
     if (NativeAgent.isDetailRunning() && (session == null || isSetUp)) {
       next.after(PATIENCE);
       return;
     }
-    try {
-      takeStep();
-    } catch (RuntimeException e) {
-      if (session == null) {
-        end();
-        throw e;
-      }
-      next.after(AGAIN);
-      Console.say("", e);
-    }
-  }
-
-  private void takeStep() {
     if (session == null) {
       startSession();
     }
@@ -168,10 +104,10 @@ final class MemoryPlan {
   }
 
   private void startSession() {
-    int number = controller.nextMemorySession();
-    MemorySettings chosen = new MemorySettings(controller.memoryReport(number));
+    int number = controller.nextSession(Feature.MEMORY);
+    MemorySettings chosen = new MemorySettings(controller.folder().memoryReport(number));
     settings.accept(chosen);
-    sweeps = new SweepLog(controller.sweeps(number));
+    sweeps = new SweepLog(controller.folder().sweeps(number));
     isSetUp = false;
     session = NativeAgent.startMemory(chosen);
   }
@@ -194,8 +130,8 @@ final class MemoryPlan {
   }
 
   /** Looks for new objects. */
-  void sweep() {
-    if (!isOver && session != null) {
+  private void sweep() {
+    if (!isOver() && session != null) {
       nextSweep.after(untilNextSweep); // in case that this one fails
       addInstances();
       nextSweep.after(untilNextSweep);
@@ -244,44 +180,17 @@ final class MemoryPlan {
     }
   }
 
-  private void finishSession() {
-    try {
-      stopSession();
-    } catch (IOException e) {
-      Console.say("", e);
-    }
-    if (sessionsToCome > 0) {
-      sessionsToCome--;
-    }
-    if (sessionsToCome == 0) {
-      end();
-      tellUnmatched();
-    } else {
-      takeStep();
-    }
-  }
-
-  /** There is a session afterwards only when it goes on or this fails with an error. */
-  private Path stopSession() throws IOException {
-    MemorySession stopping = session;
+  @Override
+  void prepareStop(MemorySession stopping) {
     if (!tracked.isEmpty() && !stopping.isStopped() && !NativeAgent.isDetailRunning()) {
       addInstances();
       stopping.collect(); // what was followed since the last collection is not reported
     }
-    Path report;
-    try {
-      report = stopping.stop();
-    } catch (IOException e) {
-      closeSession();
-      throw e;
-    }
-    closeSession();
-    controller.memoryReported(report);
-    return report;
   }
 
-  private void closeSession() {
-    session = null;
+  @Override
+  void closeSession() {
+    super.closeSession();
     nextSweep.cancel();
     sweeps.close();
   }
@@ -293,7 +202,8 @@ final class MemoryPlan {
     }
   }
 
-  private void tellUnmatched() {
+  @Override
+  void tellAtEnd() {
     for (String pattern : tracked.unmatched()) {
       Console.say("memory.track: no class that was loaded matches '" + pattern
           + "' (nested classes are written com.example.Outer$Inner)");

@@ -53,7 +53,7 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
         bean = made;
       }
       NativeAgentBean known = bean;
-      controller.onReport((kind, report) -> known.tellLater(name, kind, report));
+      controller.onReport((feature, report) -> known.tellLater(name, feature, report));
       ManagementFactory.getPlatformMBeanServer().registerMBean(known, name);
     } catch (InstanceAlreadyExistsException e) {
       if (isFirst) {
@@ -64,8 +64,8 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
     }
   }
 
-  private void tellLater(ObjectName name, String kind, Path report) {
-    String message = "The " + kind + " report " + report + " was written";
+  private void tellLater(ObjectName name, Feature feature, Path report) {
+    String message = "The " + feature + " report " + report + " was written";
     Notification notification =
         new Notification(REPORT_WRITTEN, name, lastNotification.incrementAndGet(), message);
     notification.setUserData(report.toString());
@@ -74,8 +74,9 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
 
   @Override
   public String getState() {
-    return "locks: " + getLockState() + ", exceptions: " + getExceptionState() + ", memory: "
-        + getMemoryState();
+    Status now = controller.status();
+    return "locks: " + now.of(Feature.LOCKS).state + ", exceptions: "
+        + now.of(Feature.EXCEPTIONS).state + ", memory: " + now.of(Feature.MEMORY).state;
   }
 
   @Override
@@ -85,129 +86,128 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
 
   @Override
   public String getOutputFolder() {
-    return text(controller.runFolder());
+    return text(controller.status().runFolder);
   }
 
   @Override
   public String getLockState() {
-    return controller.lockState();
+    return of(Feature.LOCKS).state;
   }
 
   @Override
   public String getExceptionState() {
-    return controller.exceptionState();
+    return of(Feature.EXCEPTIONS).state;
   }
 
   @Override
   public String getMemoryState() {
-    return controller.memoryState();
+    return of(Feature.MEMORY).state;
   }
 
   @Override
   public int getLockSessions() {
-    return controller.lockSessions();
+    return of(Feature.LOCKS).sessions;
   }
 
   @Override
   public int getMemorySessions() {
-    return controller.memorySessions();
+    return of(Feature.MEMORY).sessions;
   }
 
   @Override
   public long getExceptionsRecorded() {
-    ExceptionLog log = controller.exceptions();
-    return log == null ? 0 : log.recorded();
+    return controller.status().exceptionsRecorded;
   }
 
   @Override
   public long getExceptionsDropped() {
-    ExceptionLog log = controller.exceptions();
-    return log == null ? 0 : log.dropped();
+    return controller.status().exceptionsDropped;
   }
 
   @Override
   public int getSweeps() {
-    return controller.sweeps();
+    return controller.status().sweeps.count;
   }
 
   @Override
   public double getLastSweepMillis() {
-    return controller.lastSweepMillis();
+    return controller.status().sweeps.lastMillis;
   }
 
   @Override
   public long getObjectsFollowed() {
-    return controller.objectsAdded();
+    return controller.status().sweeps.added;
   }
 
   @Override
   public String getLastLockReport() {
-    return text(controller.lastLockReport());
+    return text(of(Feature.LOCKS).report);
   }
 
   @Override
   public long getOwnerLooksMade() {
-    OwnerLooks looks = controller.lastOwnerLooks();
-    return looks == null ? -1 : looks.made;
+    return of(Feature.LOCKS).ownerLookupsMade;
   }
 
   @Override
   public long getOwnerLooksLeftOut() {
-    OwnerLooks looks = controller.lastOwnerLooks();
-    return looks == null ? -1 : looks.leftOut;
+    return of(Feature.LOCKS).ownerLookupsSkipped;
   }
 
   @Override
   public String getLastMemoryReport() {
-    return text(controller.lastMemoryReport());
+    return text(of(Feature.MEMORY).report);
   }
 
   @Override
   public String getExceptionFile() {
-    ExceptionLog log = controller.exceptions();
-    return log == null ? null : text(log.path());
+    return text(controller.status().exceptionFile);
   }
 
   @Override
   public void startLocks(String options) {
-    AgentThread.help(
-        () -> {
-          controller.startLocks(options);
-          return null;
-        });
+    start(Feature.LOCKS, options);
   }
 
   @Override
   public String stopLocks() throws IOException {
-    return text(AgentThread.<Path, IOException>help(controller::stopLocks));
+    return stop(Feature.LOCKS);
   }
 
   @Override
   public void startExceptions(String options) {
-    AgentThread.help(
-        () -> {
-          controller.startExceptions(options);
-          return null;
-        });
+    start(Feature.EXCEPTIONS, options);
   }
 
   @Override
   public String stopExceptions() throws IOException {
-    return text(AgentThread.<Path, IOException>help(controller::stopExceptions));
+    return stop(Feature.EXCEPTIONS);
   }
 
   @Override
   public void startMemory(String options) {
-    AgentThread.help(
-        () -> {
-          controller.startMemory(options);
-          return null;
-        });
+    start(Feature.MEMORY, options);
   }
 
   @Override
   public String stopMemory() throws IOException {
-    return text(AgentThread.<Path, IOException>help(controller::stopMemory));
+    return stop(Feature.MEMORY);
+  }
+
+  private Status.Part of(Feature feature) {
+    return controller.status().of(feature);
+  }
+
+  private void start(Feature feature, String options) {
+    AgentThread.help(
+        () -> {
+          controller.start(feature, options);
+          return null;
+        });
+  }
+
+  private String stop(Feature feature) throws IOException {
+    return text(AgentThread.<Path, IOException>help(() -> controller.stop(feature)));
   }
 
   private static String text(Path path) {

@@ -53,12 +53,12 @@ public interface NativeAgentMXBean {
   String getLastLockReport();
 
   /**
-   * The looks for owners of monitors that the last lock report is based on; -1 when it does not
-   * tell, for the JVM was started without {@code ownerLookupsPerSecond}.
+   * The lookups of owners of monitors that the last lock report is based on; -1 when that is not
+   * known, for the JVM was started without {@code ownerLookupsPerSecond}.
    */
   long getOwnerLooksMade();
 
-  /** Those that the limit left out; -1 as above. */
+  /** Those that were skipped because of the limit; -1 as above. */
   long getOwnerLooksLeftOut();
 
   /** Null before the first. */

@@ -1,7 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import java.time.Duration;
-import java.util.Arrays;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
@@ -21,7 +20,7 @@ final class Timetable {
   private final ReentrantLock turn = new ReentrantLock();
   private final AgentThread clock = AgentThread.repeating("control", this::round);
 
-  private Step[] steps = {}; // in turn
+  private Step last; // in turn; each knows the one that was made before it
   private Error failure; // of a step, to be told; the clock's own
   private boolean hasFailed;
 
@@ -30,6 +29,7 @@ final class Timetable {
     private final Runnable action;
     private long at; // System.nanoTime()
     private boolean isDue;
+    private Step before;
 
     private Step(Runnable action) {
       this.action = action;
@@ -46,23 +46,34 @@ final class Timetable {
       LockSupport.unpark(clock);
     }
 
-    /** In turn: there is no time for it any more. */
+    /** In turn: it has no time any more. */
     void cancel() {
       isDue = false;
+    }
+
+    /** In turn: it never comes again. Allocates nothing. */
+    void remove() {
+      cancel();
+      if (last == this) {
+        last = before;
+      }
+      for (Step each = last; each != null; each = each.before) {
+        if (each.before == this) {
+          each.before = before;
+        }
+      }
     }
   }
 
   /**
-   * A step, which has no time yet. They stay for ever. What the action throws is said on standard
-   * error.
+   * A step, which has no time yet. What the action throws is said on standard error.
    */
   Step step(Runnable action) {
     Step step = new Step(action);
     inTurn(
         () -> {
-          Step[] more = Arrays.copyOf(steps, steps.length + 1);
-          more[steps.length] = step;
-          steps = more;
+          step.before = last;
+          last = step;
         });
     return step;
   }
@@ -125,7 +136,7 @@ final class Timetable {
   /** Tells when the next one comes, or it is to be looked anyway. */
   private long runSteps() {
     long next = System.nanoTime() + LONGEST_PARK_NANOS;
-    for (Step step : steps) {
+    for (Step step = last; step != null; step = step.before) {
       if (step.isDue && step.at - System.nanoTime() <= 0) {
         run(step);
       }

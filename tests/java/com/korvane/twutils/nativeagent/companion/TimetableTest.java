@@ -16,6 +16,7 @@ public final class TimetableTest {
   public static void main(String[] args) throws Exception {
     rounds();
     times();
+    removedSteps();
     failingSteps();
     patience();
     listeners();
@@ -78,6 +79,40 @@ public final class TimetableTest {
         });
     same("in time", true, done.await(20, TimeUnit.SECONDS));
     same("order", "early late ", order.toString());
+  }
+
+  /** The others go on, whichever it is, and also when it is done by a step. */
+  private static void removedSteps() throws Exception {
+    Timetable timetable = new Timetable();
+    StringBuffer order = new StringBuffer();
+    CountDownLatch done = new CountDownLatch(3);
+    Timetable.Step[] steps = new Timetable.Step[6];
+    for (int i = 0; i < steps.length; i++) {
+      int number = i;
+      steps[i] =
+          timetable.step(
+              () -> {
+                order.append(number);
+                steps[number].remove();
+                steps[3].remove();
+                done.countDown();
+              });
+    }
+    timetable.inTurn(
+        () -> {
+          for (Timetable.Step each : steps) {
+            each.after(Duration.ZERO);
+          }
+          steps[0].remove();
+          steps[5].remove();
+        });
+    timetable.start();
+    same("in time", true, done.await(20, TimeUnit.SECONDS));
+    CountDownLatch last = new CountDownLatch(1);
+    Timetable.Step more = timetable.step(last::countDown);
+    timetable.inTurn(() -> more.after(Duration.ZERO));
+    same("one more", true, last.await(20, TimeUnit.SECONDS));
+    same("order", "421", order.toString());
   }
 
   /** A step that fails with an error comes again until it is done, and then no more. */

@@ -1,0 +1,141 @@
+package com.korvane.twutils.nativeagent;
+
+import java.io.IOException;
+import java.nio.file.Path;
+
+/**
+ * A session of a profiler that is under way, and that leaves a report when it is stopped.
+ *
+ * <p>Any thread may call.
+ */
+public abstract class AgentSession {
+  private final Feature feature;
+  private final int kind; // of its report
+  private final long id;
+  private final Path path;
+  private final ReportFile report;
+
+  // How far the end has come, within NativeAgent.locked: one that failed for want of memory is
+  // taken up where it is.
+  private Boolean isReported;
+  private boolean isOver;
+  private Path complete; // the report; what belongs to it perhaps not yet
+  private volatile ReportOutcome outcome;
+  private volatile Path written;
+
+  /**
+   * @param kind as {@link AgentReports} names it
+   * @throws IllegalArgumentException when the report cannot be written
+   */
+  AgentSession(Feature feature, int kind, long id, Path path) {
+    this.feature = feature;
+    this.kind = kind;
+    this.id = id;
+    this.path = path;
+    report = new ReportFile(feature + " report", path);
+  }
+
+  /** Begins; leaves no files when that fails. Within {@link NativeAgent#locked}. */
+  final void start() {
+    boolean isBegun = false;
+    try {
+      isBegun = begin();
+    } finally {
+      if (!isBegun) {
+        discardFiles();
+      }
+    }
+    if (!isBegun) {
+      throw NativeAgent.missing(feature);
+    }
+  }
+
+  /** The number of the session, which its report bears too. */
+  public final long id() {
+    return id;
+  }
+
+  /** The report; null until it is written. */
+  public final Path report() {
+    return written;
+  }
+
+  /** What became of the report; null until the session is stopped, and when it is not known. */
+  public final ReportOutcome outcome() {
+    return outcome;
+  }
+
+  /**
+   * Stops the session and writes its report. Stopped once more, it does nothing.
+   *
+   * @return the report
+   * @throws IOException when the report, or a file that belongs to it, was not written completely;
+   *     the session is over all the same
+   * @throws IllegalStateException when that would disturb a lock session in its detail phase; the
+   *     session goes on
+   * @throws OutOfMemoryError when what there is of the report waits for another call
+   */
+  public final Path stop() throws IOException {
+    return NativeAgent.<Path, IOException>locked(
+        () -> {
+          if (!isOver) {
+            finish();
+          }
+          if (written == null) {
+            throw new IOException("the " + feature + " report " + path + " was not written");
+          }
+          return written;
+        });
+  }
+
+  private void finish() throws IOException {
+    end();
+    try {
+      String part = report.partPath();
+      if (isReported == null) {
+        isReported = writeReport(part) ? Boolean.TRUE : Boolean.FALSE;
+      }
+      if (complete == null) {
+        outcome = ReportOutcome.last(kind, part);
+        if (!isReported && outcome == null) {
+          throw new IOException(
+              "the agent wrote no " + feature + " report " + path + ": its log says why");
+        }
+        complete = report.publishJson(outcome);
+      }
+      publishRest();
+      written = complete;
+      close();
+    } catch (IOException | RuntimeException e) {
+      close();
+      throw e;
+    }
+  }
+
+  private void close() {
+    isOver = true;
+    closeFiles();
+  }
+
+  // --- What the sessions differ in, within NativeAgent.locked ---
+
+  /** Has the agent begin; false when it has no such profiler. */
+  abstract boolean begin();
+
+  /** Records nothing more, once and for all; refused with an IllegalStateException. */
+  abstract void end();
+
+  /** Has the agent write the report; whether it says that it has. */
+  abstract boolean writeReport(String part);
+
+  /** Gives the other files of the session their names. */
+  void publishRest() throws IOException {}
+
+  void discardFiles() {
+    report.discard();
+  }
+
+  void closeFiles() {
+    report.close();
+  }
+}

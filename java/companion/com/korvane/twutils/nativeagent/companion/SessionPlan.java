@@ -1,0 +1,154 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import com.korvane.twutils.nativeagent.AgentSession;
+import com.korvane.twutils.nativeagent.Feature;
+import java.io.IOException;
+import java.nio.file.Path;
+import java.time.Duration;
+
+/**
+ * Takes the sessions of one profiler through their time, one after the other.
+ *
+ * <p>Each step begins with what the session is doing, and so takes up what one that failed has
+ * left.
+ */
+abstract class SessionPlan<S extends AgentSession> implements Activity {
+  private static final Duration AGAIN = Duration.ofSeconds(1);
+
+  final Controller controller;
+
+  // Set by the constructors.
+  Duration delay; // of the first session
+  int sessionsToCome; // negative for no end of them
+
+  /** The one that is under way; null when none is. */
+  volatile S session;
+
+  /** Calls {@link #advance}; there from the begin on. */
+  Timetable.Step next;
+
+  private final Feature feature;
+  private volatile boolean isOver = true;
+
+  SessionPlan(Controller controller, Feature feature) {
+    this.controller = controller;
+    this.feature = feature;
+  }
+
+  @Override
+  public void begin() {
+    next = controller.step(this::advance);
+    isOver = false;
+    next.after(delay.isZero() ? AGAIN : delay);
+    if (delay.isZero()) {
+      advance();
+    }
+  }
+
+  /** Does what comes next, when its time has come. */
+  private void advance() {
+    if (isOver) {
+      return;
+    }
+    try {
+      takeStep();
+    } catch (RuntimeException e) {
+      if (session == null) {
+        end();
+        throw e;
+      }
+      next.after(AGAIN);
+      Console.say("", e);
+    }
+  }
+
+  @Override
+  public final boolean isOver() {
+    return isOver;
+  }
+
+  @Override
+  public final boolean isRunning() {
+    return session != null;
+  }
+
+  @Override
+  public final String state() {
+    S current = session;
+    return isOver ? OFF : current == null ? "waiting" : stateOf(current);
+  }
+
+  @Override
+  public final Path stop() throws IOException {
+    try {
+      if (session == null) {
+        return null;
+      }
+      Path report = stopSession();
+      tellAtEnd();
+      return report;
+    } finally {
+      if (session == null) {
+        end();
+      }
+    }
+  }
+
+  /** Stops the session that is under way, and goes on to the next if there is one. */
+  final void finishSession() {
+    try {
+      stopSession();
+    } catch (IOException e) {
+      Console.say("", e);
+    }
+    if (sessionsToCome > 0) {
+      sessionsToCome--;
+    }
+    if (sessionsToCome == 0) {
+      end();
+      tellAtEnd();
+    } else {
+      takeStep();
+    }
+  }
+
+  /** There is a session afterwards only when it goes on or this fails with an error. */
+  private Path stopSession() throws IOException {
+    S stopping = session;
+    prepareStop(stopping);
+    Path report;
+    try {
+      report = stopping.stop();
+    } catch (IOException e) {
+      closeSession();
+      throw e;
+    }
+    closeSession();
+    controller.reported(feature, stopping);
+    return report;
+  }
+
+  // --- What the plans differ in ---
+
+  /** Begins a session when none is under way, and does what comes next in it. */
+  abstract void takeStep();
+
+  abstract String stateOf(S current);
+
+  /** Just before the session is stopped. */
+  abstract void prepareStop(S stopping);
+
+  /** The session has been stopped. */
+  void closeSession() {
+    session = null;
+  }
+
+  /** There is no next session. */
+  void tellAtEnd() {}
+
+  /** Allocates nothing. */
+  void end() {
+    isOver = true;
+    next.remove();
+  }
+}

@@ -1,0 +1,63 @@
+package com.korvane.twutils.nativeagent;
+
+import static com.korvane.twutils.nativeagent.Checks.refused;
+import static com.korvane.twutils.nativeagent.Checks.same;
+
+import java.io.IOException;
+import java.nio.file.Path;
+
+/** How sessions end, well and badly; nothing is known of the outcome, as with an older agent. */
+public final class AgentSessionTest {
+  private AgentSessionTest() {}
+
+  public static void main(String[] args) throws Exception {
+    Checks.inFolder(AgentSessionTest::reports);
+    Checks.inFolder(AgentSessionTest::failures);
+    Checks.inFolder(AgentSessionTest::withoutAProfiler);
+    Checks.end();
+  }
+
+  private static void reports(Path folder) throws Exception {
+    Path path = folder.resolve("r.json");
+    OddSession session = new OddSession(7, path, true).started();
+    same("number", 7L, session.id());
+    same("no report yet", null, session.report());
+    session.refusal = new IllegalStateException("not now");
+    refused(IllegalStateException.class, "not now", session::stop);
+    same("it goes on", 0, session.asked);
+    session.refusal = null;
+    session.failure = new OutOfMemoryError("once");
+    try {
+      session.stop();
+      same("failure", "thrown", "nothing");
+    } catch (OutOfMemoryError e) {
+      same("not yet", null, session.report());
+    }
+    same("stopped", path, session.stop());
+    same("stopped again", path, session.stop());
+    same("report", path, session.report());
+    same("asked for once", 1, session.asked);
+    same("not known", null, session.outcome());
+    same("left", "r.json", Checks.names(folder));
+  }
+
+  private static void failures(Path folder) throws Exception {
+    OddSession half = new OddSession(1, folder.resolve("half.json"), true).started();
+    half.content = "{";
+    refused(IOException.class, "is not complete: its end is missing", half::stop);
+    refused(IOException.class, "half.json was not written", half::stop);
+    same("no report", null, half.report());
+    OddSession none = new OddSession(2, folder.resolve("none.json"), true).started();
+    none.content = null;
+    refused(IOException.class,
+        "the agent wrote no lock report " + folder.resolve("none.json") + ": its log says why",
+        none::stop);
+    same("left", "half.json.part", Checks.names(folder));
+  }
+
+  private static void withoutAProfiler(Path folder) throws Exception {
+    refused(IllegalStateException.class, "there is no lock profiler",
+        () -> new OddSession(1, folder.resolve("r.json"), false).started());
+    same("left", "", Checks.names(folder));
+  }
+}

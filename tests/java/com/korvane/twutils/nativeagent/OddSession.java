@@ -1,0 +1,66 @@
+package com.korvane.twutils.nativeagent;
+
+import java.io.IOException;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+
+/** A session without an agent, which fails as its test wants. */
+public final class OddSession extends AgentSession {
+  /** What the report is; null when it is not written. */
+  public String content = "{\n}";
+
+  /** Thrown when it is to end, once. */
+  public Error failure;
+
+  /** Thrown when it is to end. */
+  public RuntimeException refusal;
+
+  /** How many reports were asked for. */
+  public int asked;
+
+  private final boolean isThere;
+
+  public OddSession(long id, Path report, boolean isThere) {
+    super(Feature.LOCKS, AgentReports.LOCKS, id, report);
+    this.isThere = isThere;
+  }
+
+  public OddSession started() {
+    start();
+    return this;
+  }
+
+  @Override
+  boolean begin() {
+    return isThere;
+  }
+
+  @Override
+  void end() {
+    if (refusal != null) {
+      throw refusal;
+    }
+  }
+
+  @Override
+  boolean writeReport(String part) {
+    asked++;
+    try {
+      if (content != null) {
+        Checks.write(Paths.get(part), content);
+      }
+    } catch (Exception e) {
+      throw new IllegalStateException(e);
+    }
+    return content != null;
+  }
+
+  @Override
+  void publishRest() throws IOException {
+    Error thrown = failure;
+    failure = null;
+    if (thrown != null) {
+      throw thrown;
+    }
+  }
+}
