@@ -366,7 +366,6 @@ def test_looks_that_take_long_come_less_often(start):
     ("memory=true,memory.duration=10ms,memory.repeat=3",
      "option 'memory.duration=10ms' is refused: expected sessions of at least 500ms with"
      " 'memory.repeat=3', found 10ms"),
-    ("memory=true,memory.interval=0", "option 'memory.interval=0': expected a duration above 0"),
 ])
 def test_sessions_without_length_are_refused(start, given, refusal):
     run = start("OtherAgent", given=f"output={OUTPUT},{given}", quiet=False)
@@ -413,20 +412,20 @@ def test_options_that_are_wrong_stop_nothing(start):
     given = f"output={OUTPUT},{LOCKS},lokcs.name=x,exceptions,locks.top=many,memory=yes"
     run = start("Profiled", "detail", "return", OUTPUT, given=given, quiet=False)
     assert run.err.splitlines() == [
-        SAY + "there is no option 'lokcs.name' (given as 'lokcs.name=x'): did you mean"
-        " 'locks.name'?",
-        SAY + "option 'exceptions' is left out: expected key=value, as in 'exceptions=true'; a"
-        " comma within a value is written '\\,'",
-        SAY + "option 'memory=yes' is left out: expected true or false",
-        SAY + "option 'locks.top=many' is left out: expected a number from -1 on",
+        SAY + "unknown option 'lokcs.name'; did you mean 'locks.name'?",
+        SAY + "ignoring option 'exceptions': expected key=value, as in 'exceptions=true'; a comma"
+        " within a value is written '\\,'",
+        SAY + "ignoring option 'locks.top=many': expected a number from 1 to 2147483647, or -1 for"
+        " all",
+        SAY + "ignoring option 'memory=yes': expected true or false",
     ]
     assert "locks-1.json" in names(run_folder(run))
 
 
-def test_patterns_that_are_wrong_stop_only_their_profiler(start):
-    given = f"output={OUTPUT},{LOCKS},memory=true,memory.track=a b"
+def test_sessions_without_length_stop_only_their_profiler(start):
+    given = f"output={OUTPUT},{LOCKS},memory=true,memory.duration=1ms,memory.repeat=2"
     run = start("Profiled", "detail", "return", OUTPUT, given=given, quiet=False)
-    assert run.err.startswith(SAY + "there is no class pattern 'a b': expected names")
+    assert run.err.startswith(SAY + "option 'memory.duration=1ms' is refused: expected sessions of")
     assert "locks-1.json" in names(run_folder(run))
 
 

@@ -212,7 +212,8 @@ def test_the_cost_is_bounded(launcher, folder):
     shown = launcher.run("run", "--", "sh", "-c", "echo $JAVA_TOOL_OPTIONS", folder=folder).out
     bounds = "ownerLookupsPerSecond=100,scanInOneQuery=1"
     assert f",{bounds},features=" in shown
-    assert bounds in launcher.run("help", "run", folder=folder).out
+    shown = launcher.run("help", "run", folder=folder).out
+    assert all(f"\n      {bound} " in shown for bound in bounds.split(","))
 
 
 def test_settings_reach_the_controller(launcher, folder):
@@ -230,22 +231,6 @@ def test_settings_reach_the_controller(launcher, folder):
         "memory.limit=9",
         "memory.top=3",
     ]
-
-
-@pytest.mark.parametrize(
-    "option",
-    (
-        "--locks=summary=0,detail=1ms",
-        "--locks=summary=250ms,detail=250ms,repeat=forever",
-        "--locks=summary=0,detail=500ms,repeat=1",
-        "--locks=summary=08ms,detail=1h,repeat=9",
-        "--memory=duration=0,repeat=forever",
-        "--memory=duration=1ms",
-        "--memory=duration=500ms,repeat=3",
-    ),
-)
-def test_short_sessions_that_make_sense(launcher, folder, option):
-    assert launcher.run("run", option, "--", "true", folder=folder).code == 0
 
 
 def test_the_files_of_a_run_have_a_cap(launcher, folder):
@@ -320,17 +305,17 @@ def test_old_settings_go(launcher, folder):
     (
         ([], "expected a command"),
         (["--"], "expected a command"),
-        (["--lokcs", "--", "true"], "no option '--lokcs' (did you mean '--locks'?)"),
-        (["--locks=sumary=3s", "--", "true"], "no setting 'sumary' (did you mean 'summary'?)"),
-        (["--locks=xyzzy=3s", "--", "true"], "(there are: delay summary detail repeat top name)"),
-        (["--locks=summary=3 s", "--", "true"], "summary is '3 s'; expected a duration"),
-        (["--locks=summary=-3s", "--", "true"], "summary is '-3s'; expected a duration"),
-        (["--locks=summary=", "--", "true"], "summary is ''; expected a duration"),
-        (["--locks=30s", "--", "true"], "'30s' stands alone; expected KEY=VALUE"),
-        (["--locks=", "--", "true"], "nothing behind the '='"),
-        (["--locks=top=0", "--", "true"], "top is '0'; expected a number from 1, or -1"),
-        (["--exceptions=locals=yes", "--", "true"], "locals is 'yes'; expected true or false"),
-        (["--memory=track=a b", "--", "true"], "expected names separated by commas"),
+        (["--lokcs", "--", "true"], "run: unknown option '--lokcs'; did you mean '--locks'?\n"),
+        (
+            ["--locks=xyzzy=3s", "--", "true"],
+            "unknown option 'xyzzy'; expected delay, summary, detail, repeat, top, name\n",
+        ),
+        (
+            ["--locks=summary=3 s", "--", "true"],
+            "--locks: invalid option 'summary=3 s': expected a duration from 0 to 240000h, such as",
+        ),
+        (["--locks=30s", "--", "true"], "unexpected argument '30s': expected KEY=VALUE"),
+        (["--locks=", "--", "true"], "expected KEY=VALUE after the '='"),
         (["--locks", "--locks", "--", "true"], "--locks is given twice"),
         (
             ["--locks=summary=0,detail=0ms", "--", "true"],
@@ -349,10 +334,9 @@ def test_old_settings_go(launcher, folder):
             ["--memory=duration=0499ms,repeat=2", "--", "true"],
             "--memory: duration is '0499ms' with repeat '2'; expected 500ms at least\n",
         ),
-        (["--memory=interval=0s", "--", "true"], "interval is '0s'; expected a duration above 0\n"),
-        (["--files=0", "--", "true"], "--files is '0'; expected a number from 1\n"),
-        (["--files", "many", "--", "true"], "--files is 'many'; expected a number from 1\n"),
-        (["--files"], "--files: expected a number behind it"),
+        (["--files=0", "--", "true"], "invalid option '--files=0': expected a number from 1 to 1000000\n"),
+        (["--files", "many", "--", "true"], "invalid option '--files=many': expected a number"),
+        (["--files"], "--files: expected a number after it"),
         (["-o"], "-o: expected a folder"),
         (["-o", "", "--", "true"], "name is empty"),
     ),

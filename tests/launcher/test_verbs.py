@@ -164,23 +164,23 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
     "words, told",
     (
         ((), "Usage: twprofile VERB"),
-        (("rnu",), "no verb 'rnu' (did you mean 'run'?)"),
-        (("xyzzy",), "no verb 'xyzzy' (there are: run list"),
-        (("run list",), "no verb 'run list'"),
-        (("help", "stat"), "no verb 'stat' (did you mean 'start'?)"),
-        (("list", "all"), "'all' is too much"),
+        (("rnu",), "unknown verb 'rnu'; did you mean 'run'?"),
+        (("xyzzy",), "unknown verb 'xyzzy'; expected run, list,"),
+        (("run list",), "unknown verb 'run list'"),
+        (("help", "stat"), "unknown verb 'stat'; did you mean 'start'?"),
+        (("list", "all"), "unexpected argument 'all'"),
         (("status",), "expected a process id"),
-        (("status", "x"), "'x' is no process id"),
-        (("status", "1", "2"), "'2' is too much"),
+        (("status", "x"), "'x' is not a process id"),
+        (("status", "1", "2"), "unexpected argument '2'"),
         (("start", "1"), "expected a profiler"),
-        (("start", "1", "--lock"), "no option '--lock' (did you mean '--locks'?)"),
-        (("start", "1", "--locks=detial=3s"), "no setting 'detial' (did you mean 'detail'?)"),
-        (("stop", "-1"), "'-1' is no process id"),
-        (("stop", "1", "--locks=top=3"), "locks.top=3 is too much"),
-        (("run", "-o", "--", "java"), "-o: expected a folder behind it"),
+        (("start", "1", "--lock"), "unknown option '--lock'; did you mean '--locks'?"),
+        (("start", "1", "--locks=detial=3s"), "unknown option 'detial'; did you mean 'detail'?"),
+        (("stop", "-1"), "'-1' is not a process id"),
+        (("stop", "1", "--locks=top=3"), "unexpected argument 'locks.top=3'"),
+        (("run", "-o", "--", "java"), "-o: expected a folder after it"),
         (("start", "1", "--locks=summary=0,detail=0"), "expected one of them above 0"),
-        (("doctor", "-o", "--", "java"), "-o: expected a folder behind it"),
-        (("doctor", "--otput=x"), "no option '--otput=x' (did you mean '--output'?)"),
+        (("doctor", "-o", "--", "java"), "-o: expected a folder after it"),
+        (("doctor", "--otput=x"), "unknown option '--otput'; did you mean '--output'?"),
     ),
 )
 def test_wrong_use(launcher, folder, words, told):
@@ -344,17 +344,10 @@ def test_completion_of_verbs_and_options():
     assert completions("twprofile run --f") == ["--files"]
     assert completions("twprofile run --locks=summary=3s,de") == ["3s,delay=", "3s,detail="]
     assert completions("twprofile run --locks=repeat=") == ["forever"]
+    assert completions("twprofile run --locks=delay=3s,top=") == ["-1"]
+    assert completions("twprofile run --memory=track=") == []
     assert completions("twprofile start 12 --exceptions=locals=t") == ["true"]
     assert completions("twprofile help rep") == ["report"]
-
-
-def test_completion_knows_the_settings_of_the_help(launcher, folder):
-    for profiler in ("locks", "exceptions", "memory"):
-        told = launcher.run("run", f"--{profiler}=xyzzyxyzzy=1", "--", "true", folder=folder).err
-        keys = told.split("(there are: ")[1].rstrip(")\n").split()
-        assert completions(f"twprofile run --{profiler}=") == [key + "=" for key in keys]
-        shown = done(launcher, "help", "run", folder=folder)
-        assert all(re.search(rf"\b{key}\b", shown) for key in keys)
 
 
 def test_completion_of_process_ids(launcher, folder):

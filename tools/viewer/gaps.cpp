@@ -16,8 +16,10 @@ namespace {
 constexpr const char* kEndless = "the JVM was killed, or still runs";
 
 // The companion's defaults and limits.
+// BEGIN options: made by scripts/make-options
 constexpr int kDefaultTopLocks = 20;
 constexpr int kDefaultTopClasses = 50;
+// END options
 constexpr std::size_t kMostLocks = 10'000;
 
 // Exceptions thrown by classes whose names begin so are never recorded.

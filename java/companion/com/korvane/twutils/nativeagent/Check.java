@@ -42,26 +42,28 @@ final class Check {
     return value;
   }
 
-  static int within(String setting, int least, int most, int value) {
-    if (value < least || value > most) {
-      throw refused(setting, value, "a number from " + least + " to " + most);
+  /** What the option takes, too. */
+  static int number(String setting, OptionKey option, int value) {
+    if (!option.accepts(value)) {
+      throw refused(setting, value, option.expected());
     }
     return value;
   }
 
-  /** A number of things to report, or -1 for all of them. */
-  static int top(String setting, int value) {
-    if (value < -1 || value == 0) {
-      throw refused(setting, value, "a number from 1 on, or -1 for all");
+  /** What the option takes, too. */
+  static Duration duration(String setting, OptionKey option, Duration value) {
+    if (value == null || value.isNegative() || !option.accepts(milliseconds(value))) {
+      throw refused(setting, value, option.expected());
     }
     return value;
   }
 
-  static Duration duration(String setting, Duration value) {
-    if (value == null || value.isNegative() || value.getSeconds() > Integer.MAX_VALUE / 2) {
-      throw refused(setting, value, "a duration from 0 to 34 years");
+  private static long milliseconds(Duration value) {
+    try {
+      return value.toMillis();
+    } catch (ArithmeticException e) {
+      return Long.MAX_VALUE;
     }
-    return value;
   }
 
   /** Names of classes or packages. */
@@ -76,13 +78,17 @@ final class Check {
     return Collections.unmodifiableList(checked);
   }
 
-  private static String name(String setting, String name) {
+  static boolean isName(String name) {
     boolean isName = name != null && !name.isEmpty();
     for (int i = 0; isName && i < name.length(); i++) {
       char c = name.charAt(i);
       isName = c > ' ' && NO_NAME_PART.indexOf(c) < 0;
     }
-    if (!isName) {
+    return isName;
+  }
+
+  private static String name(String setting, String name) {
+    if (!isName(name)) {
       String shown = name == null ? "null" : '\'' + name + '\'';
       throw refused("a name in " + setting, shown, "one as in com.example.Shop");
     }

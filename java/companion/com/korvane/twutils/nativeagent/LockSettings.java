@@ -4,17 +4,18 @@ import java.nio.file.Path;
 import java.time.Duration;
 
 /**
- * The settings of a lock session. Those that are not set have the values that their methods name.
+ * The settings of a lock session. Those that are not set have the values that their methods
+ * name, or else the default of the companion's option ({@link OptionKey}).
  *
  * <p>Each method refuses a value that makes no sense with an {@link IllegalArgumentException}.
  */
 public final class LockSettings {
   final Path report;
   Path stacks;
-  String name = "locks";
-  Duration summary = Duration.ofSeconds(5);
-  Duration detail = Duration.ofSeconds(60);
-  int topLocks = 20;
+  String name = OptionKey.LOCKS_NAME.defaultValue();
+  Duration summary = Duration.ofMillis(OptionKey.LOCKS_SUMMARY.defaultAmount());
+  Duration detail = Duration.ofMillis(OptionKey.LOCKS_DETAIL.defaultAmount());
+  int topLocks = (int) OptionKey.LOCKS_TOP.defaultAmount();
   int maxLocks = 10_000;
   int maxThreadsPerLock = 1_000;
   int maxThreads = 1_000;
@@ -42,27 +43,27 @@ public final class LockSettings {
     return this;
   }
 
-  /** The name in the report; "locks". */
+  /** The name in the report; {@code locks.name}. */
   public LockSettings name(String text) {
     name = Check.text("name", text);
     return this;
   }
 
-  /** How long {@link LockSession#run} gathers the locks; 5 seconds. */
+  /** How long {@link LockSession#run} gathers the locks; {@code locks.summary}. */
   public LockSettings summary(Duration length) {
-    summary = Check.duration("summary", length);
+    summary = Check.duration("summary", OptionKey.LOCKS_SUMMARY, length);
     return this;
   }
 
-  /** How long {@link LockSession#run} follows the top locks; 60 seconds. */
+  /** How long {@link LockSession#run} records the top locks; {@code locks.detail}. */
   public LockSettings detail(Duration length) {
-    detail = Check.duration("detail", length);
+    detail = Check.duration("detail", OptionKey.LOCKS_DETAIL, length);
     return this;
   }
 
-  /** How many locks are followed in detail, -1 for all; 20. */
+  /** How many locks are recorded in detail, -1 for all; {@code locks.top}. */
   public LockSettings topLocks(int count) {
-    topLocks = Check.top("topLocks", count);
+    topLocks = Check.number("topLocks", OptionKey.LOCKS_TOP, count);
     return this;
   }
 

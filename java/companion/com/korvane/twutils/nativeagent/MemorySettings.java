@@ -5,7 +5,8 @@ import java.time.Duration;
 import java.util.Collection;
 
 /**
- * The settings of a memory session. Those that are not set have the values that their methods name.
+ * The settings of a memory session. Those that are not set have the values that their methods
+ * name, or else the default of the companion's option ({@link OptionKey}).
  *
  * <p>The agent looks for a class's name anywhere in the list that it is given: a list with {@code
  * a.Shopping} holds {@code a.Shop} too.
@@ -15,8 +16,8 @@ import java.util.Collection;
 public final class MemorySettings {
   final Path report;
   String name = "memory";
-  Duration duration = Duration.ZERO;
-  int topClasses = 50;
+  Duration duration = Duration.ofMillis(OptionKey.MEMORY_DURATION.defaultAmount());
+  int topClasses = (int) OptionKey.MEMORY_TOP.defaultAmount();
   String includedClasses = "";
   String includedPackages = "";
   String excludedClasses = "";
@@ -35,13 +36,13 @@ public final class MemorySettings {
 
   /** How long the session is meant to be, for the agent's log; 0 while that is not known. */
   public MemorySettings duration(Duration length) {
-    duration = Check.duration("duration", length);
+    duration = Check.duration("duration", OptionKey.MEMORY_DURATION, length);
     return this;
   }
 
-  /** How many classes are reported, -1 for all; 50. */
+  /** How many classes are reported, -1 for all; {@code memory.top}. */
   public MemorySettings topClasses(int count) {
-    topClasses = Check.top("topClasses", count);
+    topClasses = Check.number("topClasses", OptionKey.MEMORY_TOP, count);
     return this;
   }
 

@@ -41,8 +41,9 @@ public final class SettingsTest {
     refused(ARGUMENT, "NUL", () -> settings.name("a\0b"));
     refused(ARGUMENT, "summary is PT-1S", () -> settings.summary(Duration.ofSeconds(-1)));
     refused(ARGUMENT, "detail is null", () -> settings.detail(null));
-    refused(ARGUMENT, "34 years", () -> settings.detail(Duration.ofDays(20_000)));
-    refused(ARGUMENT, "topLocks is 0: expected a number from 1 on, or -1 for all",
+    refused(ARGUMENT, "to 240000h", () -> settings.detail(Duration.ofDays(10_001)));
+    refused(ARGUMENT, "detail is PT", () -> settings.detail(Duration.ofSeconds(Long.MAX_VALUE)));
+    refused(ARGUMENT, "topLocks is 0: expected a number from 1 to 2147483647, or -1 for all",
         () -> settings.topLocks(0));
     refused(ARGUMENT, "topLocks is -2", () -> settings.topLocks(-2));
     refused(ARGUMENT, "maxLocks is 0", () -> settings.maxLocks(0));

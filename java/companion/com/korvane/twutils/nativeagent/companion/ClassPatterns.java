@@ -14,16 +14,11 @@ final class ClassPatterns {
   private final List<String> prefixes = new ArrayList<>();
   private final Set<String> unmatched = new LinkedHashSet<>();
 
-  /** @throws IllegalArgumentException for what is no such pattern */
+  /** @param patterns as the option {@code memory.track} accepts them */
   ClassPatterns(List<String> patterns) {
     for (String pattern : patterns) {
       boolean isPrefix = pattern.endsWith("*");
       String name = isPrefix ? pattern.substring(0, pattern.length() - 1) : pattern;
-      if (name.isEmpty() || !name.matches("[^\\s*?/\\\\,;]+")) {
-        throw new IllegalArgumentException(
-            "there is no class pattern '" + pattern
-                + "': expected names as in com.example.Session, or com.example.cache.*");
-      }
       (isPrefix ? prefixes : names).add(name);
       unmatched.add(pattern);
     }

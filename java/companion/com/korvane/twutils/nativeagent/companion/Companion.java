@@ -44,7 +44,7 @@ public final class Companion {
   /** @param cleanUp what is done first, when the agent is there */
   private static void start(String text, Instrumentation instrumentation, Runnable cleanUp) {
     if (!IS_STARTED.compareAndSet(false, true)) {
-      Console.say("the companion runs already: its options '" + text + "' are left out");
+      Console.say("the companion runs already: ignoring the options '" + text + "'");
       return;
     }
     try {

@@ -4,6 +4,7 @@ import com.korvane.twutils.nativeagent.AgentSession;
 import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.LockSession;
 import com.korvane.twutils.nativeagent.NativeAgent;
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.io.IOException;
 import java.lang.instrument.Instrumentation;
 import java.nio.file.InvalidPathException;
@@ -22,8 +23,6 @@ import java.util.function.BiConsumer;
  * ends. Any thread may call.
  */
 final class Controller {
-  private static final String DEFAULT_OUTPUT = "profiling";
-
   // At the end of the JVM, how long to wait for others to be done.
   private static final Duration PATIENCE_TO_STOP = Duration.ofSeconds(2);
   private static final Duration PATIENCE_TO_END = Duration.ofSeconds(10);
@@ -73,11 +72,11 @@ final class Controller {
 
   /** Starts the profilers that the options name; says on standard error which could not be. */
   void begin() {
-    OptionReader given = new OptionReader(options, Console::say);
+    OptionReader given = new OptionReader(options);
     List<Feature> wanted = new ArrayList<>();
     instruments.forEach(
         (feature, instrument) -> {
-          if (given.flag(instrument.key(), false)) {
+          if (given.flag(instrument.key())) {
             wanted.add(feature);
           }
         });
@@ -164,12 +163,12 @@ final class Controller {
   void start(Feature feature, String given) {
     Instrument instrument = instruments.get(feature);
     Options own = Options.parseWithin(instrument.key() + ".", given);
-    refuse(own.problems().isEmpty() ? null : own.problems().get(0));
+    if (!own.problems().isEmpty()) {
+      throw new IllegalArgumentException(own.problems().get(0));
+    }
     Map<String, String> values = new LinkedHashMap<>(options);
     values.putAll(own.values());
-    // What the JVM was started with is reported and ignored; what is asked for now is refused.
-    OptionReader reader =
-        new OptionReader(values, own.values().isEmpty() ? Console::say : Controller::refuse);
+    OptionReader reader = new OptionReader(values);
     timetable.inTurn(
         () -> {
           if (hasEnded) {
@@ -177,12 +176,6 @@ final class Controller {
           }
           instrument.begin(reader);
         });
-  }
-
-  private static void refuse(String problem) {
-    if (problem != null) {
-      throw new IllegalArgumentException(problem);
-    }
   }
 
   /**
@@ -260,10 +253,10 @@ final class Controller {
   /** Made when there is something to write; in turn. */
   RunFolder folder() {
     if (folder == null) {
-      String output = options.getOrDefault(OptionKey.OUTPUT.toString(), DEFAULT_OUTPUT);
+      OptionReader reader = new OptionReader(options);
+      String output = reader.text(OptionKey.OUTPUT);
       try {
-        OptionReader reader = new OptionReader(options, Console::say);
-        int files = reader.number(OptionKey.FILES, 1, 1_000_000, 1000);
+        int files = reader.number(OptionKey.FILES);
         folder = RunFolder.create(Paths.get(output).toAbsolutePath(), options, files);
       } catch (IOException | InvalidPathException e) {
         throw new IllegalStateException(

@@ -2,6 +2,7 @@ package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.ExceptionSettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.nio.file.Path;
 
 /** Captures exceptions into the files of a log. */
@@ -14,22 +15,22 @@ final class ExceptionCapture implements Activity {
   ExceptionCapture(Controller controller, OptionReader reader) {
     this.controller = controller;
     settings = exceptionSettings(reader);
-    int files = reader.number(OptionKey.EXCEPTIONS_FILES, 1, Integer.MAX_VALUE, 10);
+    int files = reader.number(OptionKey.EXCEPTIONS_FILES);
     RotatingFile file =
         controller.folder().exceptions(
-            reader.size(OptionKey.EXCEPTIONS_FILE_SIZE, 10 << 20), files);
-    int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE, 1, 1_000_000, 1000);
+            reader.size(OptionKey.EXCEPTIONS_FILE_SIZE), files);
+    int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE);
     log = new ExceptionLog(file, queue);
   }
 
   private static ExceptionSettings exceptionSettings(OptionReader reader) {
     return new ExceptionSettings()
-        .fields(reader.flag(OptionKey.EXCEPTIONS_FIELDS, true))
-        .arguments(reader.flag(OptionKey.EXCEPTIONS_ARGUMENTS, true))
-        .locals(reader.flag(OptionKey.EXCEPTIONS_LOCALS, true))
-        .threadLocals(reader.flag(OptionKey.EXCEPTIONS_THREAD_LOCALS, false))
-        .rate(reader.number(OptionKey.EXCEPTIONS_RATE, 0, Integer.MAX_VALUE, 10))
-        .depth(reader.number(OptionKey.EXCEPTIONS_DEPTH, 1, 100, 20))
+        .fields(reader.flag(OptionKey.EXCEPTIONS_FIELDS))
+        .arguments(reader.flag(OptionKey.EXCEPTIONS_ARGUMENTS))
+        .locals(reader.flag(OptionKey.EXCEPTIONS_LOCALS))
+        .threadLocals(reader.flag(OptionKey.EXCEPTIONS_THREAD_LOCALS))
+        .rate(reader.number(OptionKey.EXCEPTIONS_RATE))
+        .depth(reader.number(OptionKey.EXCEPTIONS_DEPTH))
         .exclude(reader.list(OptionKey.EXCEPTIONS_EXCLUDE));
   }
 

@@ -1,6 +1,7 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.AgentSession;
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.function.Function;

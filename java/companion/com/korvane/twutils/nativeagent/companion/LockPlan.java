@@ -4,6 +4,7 @@ import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.LockSession;
 import com.korvane.twutils.nativeagent.LockSettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.time.Duration;
 
 /** Takes lock sessions through their phases. */
@@ -16,16 +17,15 @@ final class LockPlan extends SessionPlan<LockSession> {
   /** @throws IllegalArgumentException for sessions without length */
   LockPlan(Controller controller, OptionReader options) {
     super(controller, Feature.LOCKS);
-    delay = options.duration(OptionKey.LOCKS_DELAY, Duration.ZERO);
-    summary = options.duration(OptionKey.LOCKS_SUMMARY, Duration.ofSeconds(5));
-    detail = options.duration(OptionKey.LOCKS_DETAIL, Duration.ofSeconds(60));
-    sessionsToCome = options.repeat(OptionKey.LOCKS_REPEAT);
+    delay = options.duration(OptionKey.LOCKS_DELAY);
+    summary = options.duration(OptionKey.LOCKS_SUMMARY);
+    detail = options.duration(OptionKey.LOCKS_DETAIL);
+    sessionsToCome = options.number(OptionKey.LOCKS_REPEAT);
     options.requireLength(
         summary.plus(detail), sessionsToCome, OptionKey.LOCKS_REPEAT, OptionKey.LOCKS_SUMMARY,
         OptionKey.LOCKS_DETAIL);
-    top = options.top(OptionKey.LOCKS_TOP, 20);
-    String given = options.text(OptionKey.LOCKS_NAME);
-    name = given == null ? "locks" : given;
+    top = options.number(OptionKey.LOCKS_TOP);
+    name = options.text(OptionKey.LOCKS_NAME);
   }
 
   @Override

@@ -4,6 +4,7 @@ import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.MemorySession;
 import com.korvane.twutils.nativeagent.MemorySettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.HashSet;
@@ -36,29 +37,21 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   private SweepLog sweeps;
   private Duration untilNextSweep;
 
-  /**
-   * @throws IllegalArgumentException for names and patterns that are none, and for sessions without
-   *     length
-   */
+  /** @throws IllegalArgumentException for sessions without length */
   MemoryPlan(Controller controller, OptionReader options) {
     super(controller, Feature.MEMORY);
     tracked = new ClassPatterns(options.list(OptionKey.MEMORY_TRACK));
-    interval = options.duration(OptionKey.MEMORY_INTERVAL, Duration.ofSeconds(10));
-    if (interval.isZero()) {
-      throw new IllegalArgumentException(
-          "option '" + OptionKey.MEMORY_INTERVAL + '=' + options.text(OptionKey.MEMORY_INTERVAL)
-              + "': expected a duration above 0");
-    }
+    interval = options.duration(OptionKey.MEMORY_INTERVAL);
     untilNextSweep = interval;
-    limit = options.number(OptionKey.MEMORY_LIMIT, 1, Integer.MAX_VALUE, 200_000);
-    delay = options.duration(OptionKey.MEMORY_DELAY, Duration.ZERO);
-    duration = options.duration(OptionKey.MEMORY_DURATION, Duration.ZERO);
-    sessionsToCome = duration.isZero() ? 1 : options.repeat(OptionKey.MEMORY_REPEAT);
+    limit = options.number(OptionKey.MEMORY_LIMIT);
+    delay = options.duration(OptionKey.MEMORY_DELAY);
+    duration = options.duration(OptionKey.MEMORY_DURATION);
+    sessionsToCome = duration.isZero() ? 1 : options.number(OptionKey.MEMORY_REPEAT);
     if (!duration.isZero()) {
       options.requireLength(
           duration, sessionsToCome, OptionKey.MEMORY_REPEAT, OptionKey.MEMORY_DURATION);
     }
-    int top = options.top(OptionKey.MEMORY_TOP, 50);
+    int top = options.number(OptionKey.MEMORY_TOP);
     settings =
         session ->
             session

@@ -1,36 +1,40 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.io.FileInputStream;
 import java.io.IOException;
 import java.io.InputStreamReader;
 import java.io.Reader;
 import java.nio.charset.StandardCharsets;
 import java.util.ArrayList;
+import java.util.Arrays;
 import java.util.Collections;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
 import java.util.Properties;
 import java.util.TreeMap;
+import java.util.stream.Collectors;
 
 /**
  * Option texts by their keys, from a text {@code key=value,key=value} or a properties file. What is
- * malformed or unknown is left out, and told among the problems.
+ * malformed, unknown or no value of its option is ignored, and told among the problems.
  */
 final class Options {
-  private static final String CONFIG_KEY = "config";
-
   private final Map<String, String> values = new LinkedHashMap<>();
   private final List<String> problems = new ArrayList<>();
+  private final String refusal; // how a problem begins
 
-  private Options() {}
+  private Options(String refusal) {
+    this.refusal = refusal;
+  }
 
   /**
-   * What stands behind {@code -javaagent:JAR=}; null when nothing does. An option given twice has
+   * What stands after {@code -javaagent:JAR=}; null when nothing does. An option given twice has
    * its last value; those of a file come in the place of {@code config=FILE}.
    */
   static Options parse(String text) {
-    Options options = new Options();
+    Options options = new Options("ignoring");
     for (String item : split(text == null ? "" : text)) {
       options.readItem(item);
     }
@@ -38,35 +42,37 @@ final class Options {
   }
 
   /**
-   * Options of one profiler, without the {@code prefix} of their keys, as in "locks.". A piece
-   * without "=" goes on with the value before it.
+   * Options of one profiler that were asked for, without the {@code prefix} of their keys, as in
+   * "locks.". A piece without "=" goes on with the value before it.
    */
   static Options parseWithin(String prefix, String text) {
-    Options options = new Options();
-    String last = null;
+    Options options = new Options("invalid");
+    String key = null;
+    StringBuilder value = new StringBuilder();
     for (String item : split(text == null ? "" : text)) {
       int equals = item.indexOf('=');
-      if (item.trim().isEmpty()) {
-        continue;
-      }
       if (equals >= 0) {
-        last = prefix + item.substring(0, equals).trim();
-        options.put(last, item.substring(equals + 1).trim());
-      } else if (last != null) {
-        options.values.computeIfPresent(last, (key, value) -> value + ',' + item.trim());
+        options.put(key, value);
+        key = prefix + item.substring(0, equals).trim();
+        value = new StringBuilder(item.substring(equals + 1).trim());
+      } else if (item.trim().isEmpty()) {
+        continue;
+      } else if (key != null) {
+        value.append(',').append(item.trim());
       } else {
         options.malformed(item, prefix + item.trim());
       }
     }
+    options.put(key, value);
     return options;
   }
 
-  /** By key; only keys that exist. */
+  /** By key; only keys that exist, with values that they accept. */
   Map<String, String> values() {
     return Collections.unmodifiableMap(values);
   }
 
-  /** A sentence for each thing that was left out. */
+  /** A sentence for each thing that was ignored. */
   List<String> problems() {
     return Collections.unmodifiableList(problems);
   }
@@ -100,7 +106,7 @@ final class Options {
     }
     if (equals < 0) {
       malformed(item, key);
-    } else if (key.equals(CONFIG_KEY)) {
+    } else if (OptionKey.of(key) == OptionKey.CONFIG) {
       readFile(item.substring(equals + 1).trim());
     } else {
       put(key, item.substring(equals + 1).trim());
@@ -112,7 +118,7 @@ final class Options {
     try (Reader in = new InputStreamReader(new FileInputStream(file), StandardCharsets.UTF_8)) {
       properties.load(in);
     } catch (IOException | IllegalArgumentException e) {
-      problems.add("option 'config=" + file + "' is left out: expected a properties file ("
+      problems.add(refusal + " option 'config=" + file + "': expected a properties file ("
           + e.getMessage() + ")");
       return;
     }
@@ -125,18 +131,35 @@ final class Options {
     }
   }
 
-  private void put(String key, String value) {
-    if (OptionKey.of(key) == null) {
-      problems.add("there is no option '" + key + "' (given as '" + key + '=' + value
-          + "'): did you mean '" + OptionKey.nearest(key) + "'?");
-    } else {
+  private void put(String key, CharSequence text) {
+    if (key == null) {
+      return;
+    }
+    OptionKey option = OptionKey.of(key);
+    String value = text.toString();
+    if (option == null) {
+      problems.add("unknown option '" + key + "'; " + instead(key));
+    } else if (option == OptionKey.CONFIG) {
+      problems.add(refusal + " option 'config=" + value + "': expected it outside of a file");
+    } else if (option.accepts(value)) {
       values.put(key, value);
+    } else {
+      problems.add(
+          refusal + " option '" + key + '=' + value + "': expected " + option.expected());
     }
   }
 
+  private static String instead(String key) {
+    OptionKey nearest = OptionKey.nearest(key);
+    return nearest != null
+        ? "did you mean '" + nearest + "'?"
+        : "expected " + Arrays.stream(OptionKey.values()).map(OptionKey::toString)
+            .collect(Collectors.joining(", "));
+  }
+
   private void malformed(String item, String key) {
-    OptionKey nearest = OptionKey.of(key) == null ? OptionKey.nearest(key) : OptionKey.of(key);
-    problems.add("option '" + item + "' is left out: expected key=value, as in '" + nearest + '='
+    OptionKey nearest = OptionKey.nearest(key) == null ? OptionKey.LOCKS : OptionKey.nearest(key);
+    problems.add(refusal + " option '" + item + "': expected key=value, as in '" + nearest + '='
         + nearest.sample() + "'; a comma within a value is written '\\,'");
   }
 }

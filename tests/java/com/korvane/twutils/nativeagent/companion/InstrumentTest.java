@@ -7,6 +7,7 @@ import static com.korvane.twutils.nativeagent.Checks.same;
 import com.korvane.twutils.nativeagent.Checks;
 import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.OddSession;
+import com.korvane.twutils.nativeagent.OptionKey;
 import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.nio.file.Files;
