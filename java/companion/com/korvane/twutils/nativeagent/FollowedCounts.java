@@ -12,7 +12,7 @@ import java.util.function.Consumer;
  * since the VM's tags were counted last count as alive. For one thread at a time.
  */
 final class FollowedCounts {
-  /** Looks in which a class is left out when its count has come to the limit. */
+  /** Walks in which a class is skipped when its count has come to the limit. */
   private static final int REST = 10;
 
   /** What the agent is asked for. */
@@ -39,7 +39,7 @@ final class FollowedCounts {
 
   private static final class Followed {
     int count;
-    int rest; // looks to come without the class
+    int rest; // walks to come without the class
   }
 
   private final Tags tags;

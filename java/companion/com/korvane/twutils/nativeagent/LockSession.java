@@ -7,7 +7,8 @@ import java.time.Duration;
 /**
  * A lock session that is under way: begun by {@link NativeAgent#startLocks}, over with {@link
  * #stop}. In its summary phase it gathers the locks; for the detail phase they are ranked, and the
- * top ones are followed. It may be stopped in any phase; without a detail phase its report is empty.
+ * top ones are followed. It may be stopped in any phase: without a detail phase its report is
+ * empty.
  *
  * <p>Any thread may call.
  */

@@ -89,16 +89,18 @@ final class ReportFile {
   /**
    * Gives the JSON document its name, if it is complete.
    *
-   * @param outcome what the agent reports of it; null when that is not known, and the file is judged
-   *     by its end
+   * @param outcome what the agent reports of it; null when that is not known: the file is judged by
+   *     its end
    */
   Path publishJson(ReportOutcome outcome) throws IOException {
     long length = part.toFile().length();
     if (outcome == null) {
       return publish(endsWith(END_OF_JSON) ? null : "its end is missing" + FULL_DISK);
     }
-    boolean isCut = outcome.problem == null && length != outcome.bytes;
-    return publish(isCut ? "it has " + length + " of " + outcome.bytes + " bytes" : outcome.problem);
+    if (outcome.problem == null && length != outcome.bytes) {
+      return publish("it has " + length + " of " + outcome.bytes + " bytes");
+    }
+    return publish(outcome.problem);
   }
 
   /** Gives the file its name, if it is empty or its last line is complete. */

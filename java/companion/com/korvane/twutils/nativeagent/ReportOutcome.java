@@ -14,11 +14,11 @@ public final class ReportOutcome {
 
   /**
    * How often the session asked for the owner of a monitor; -1 when the agent does not limit these
-   * lookups, or looks for no owners.
+   * lookups, or the report has no owners.
    */
   public final long ownerLookupsMade;
 
-  /** How often it did not, because of the limit: the owners in the report are a sample. -1 as above. */
+  /** How often it did not, because of the limit; -1 as above. */
   public final long ownerLookupsSkipped;
 
   private ReportOutcome(String problem, long bytes, long made, long skipped) {

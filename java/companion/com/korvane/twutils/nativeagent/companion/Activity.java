@@ -4,8 +4,8 @@ import java.io.IOException;
 import java.nio.file.Path;
 
 /**
- * What runs for one profiler, from its begin to its end. Used in turn, except for {@link #state} and
- * {@link #isOver}, which any thread may ask for.
+ * What runs for one profiler, from its begin to its end. Used in turn, except for {@link #state}
+ * and {@link #isOver}, which any thread may ask for.
  */
 interface Activity {
   /** The {@link #state} of one that is over. */

@@ -7,8 +7,8 @@ import java.nio.file.Path;
 import java.util.function.Function;
 
 /**
- * One profiler as the companion runs it: one activity after the other, and what they have in common.
- * Used in turn, except for {@link #status}, which any thread may ask for.
+ * One profiler as the companion runs it: one activity after the other, and what they have in
+ * common. Used in turn, except for {@link #status}, which any thread may ask for.
  */
 final class Instrument {
   private final OptionKey key;
