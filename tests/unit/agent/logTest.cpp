@@ -5,11 +5,8 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <latch>
 #include <limits>
-#include <map>
 #include <regex>
-#include <thread>
 
 #include "agent/twAprLib.h"
 #include "agent/twAprUtility.h"
@@ -422,71 +419,6 @@ TEST_F(agentLog, aFileThatCannotBeSwitchedToIsTriedAgain) {
   fs::remove(other);
   write("kept");
   EXPECT_THAT(test::readFile(other), AllOf(StartsWith(kHeader), EndsWith("|kept")));
-}
-
-TEST_F(agentLog, recordsOfManyThreadsStayWholeOverARotation) {
-  constexpr std::size_t kThreads = 32;
-  constexpr std::size_t kRecords = 100;
-  open();
-  fixedBytes();
-  // About half of the records go to each file.
-  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes - kThreads * kRecords * 100);
-
-  std::latch start(kThreads);
-  std::vector<std::thread> threads;
-  for (std::size_t t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      start.arrive_and_wait();
-      for (std::size_t r = 0; r < kRecords; ++r) {
-        const std::string name = std::to_string(t) + "." + std::to_string(r);
-        write("<" + name + std::string(100, '-') + name + ">");
-      }
-    });
-  }
-  for (std::thread& each : threads) {
-    each.join();
-  }
-
-  ASSERT_THAT(logFiles(), SizeIs(2));
-  const std::regex whole("<([0-9.]+)-{100}([0-9.]+)>");
-  std::map<std::string, int> seen;
-  for (const fs::path& file : logFiles()) {
-    EXPECT_THAT(test::readFile(file), StartsWith(kHeader));
-    for (const std::string& line : lines(test::readFile(file))) {
-      const std::size_t message = line.rfind("|<");
-      if (message == std::string::npos) {
-        continue;
-      }
-      const std::string text = line.substr(message + 1);
-      std::smatch parts;
-      EXPECT_TRUE(std::regex_match(text, parts, whole)) << text;
-      EXPECT_EQ(parts[1], parts[2]);
-      ++seen[parts[1]];
-    }
-  }
-  EXPECT_EQ(seen.size(), kThreads * kRecords);
-  for (const auto& [name, times] : seen) {
-    EXPECT_EQ(times, 1) << name;
-  }
-}
-
-TEST_F(agentLog, aFreshFileGetsOneHeaderFromManyThreads) {
-  open();
-  std::latch start(16);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 16; ++t) {
-    threads.emplace_back([&] {
-      start.arrive_and_wait();
-      write("one");
-    });
-  }
-  for (std::thread& each : threads) {
-    each.join();
-  }
-  ASSERT_THAT(logFiles(), SizeIs(1));
-  const std::vector<std::string> all = lines(test::readFile(logFiles()[0]));
-  EXPECT_EQ(std::count(all.begin(), all.end(), std::string(kHeader, std::strlen(kHeader) - 1)), 1);
-  EXPECT_THAT(messages("Error"), SizeIs(16));
 }
 
 // --- Times -----------------------------------------------------------------------------------

@@ -1,11 +1,8 @@
 // The registry: profilers by kind, the capabilities they ask for, and the one callback table.
 #include "agent/profilerRegistry.h"
 
-#include <atomic>
 #include <cstring>
 #include <functional>
-#include <latch>
-#include <thread>
 
 #include "agentTest.h"
 #include "exceptions/exceptionprofiler.h"
@@ -496,45 +493,6 @@ TEST_F(vmInit, saysNothingAtLevelZero) {
   stopDetail();
   deliver();
   EXPECT_THAT(logFiles(), IsEmpty());
-}
-
-// --- Many threads ----------------------------------------------------------------------------
-
-// Handlers look profilers up while control calls make, switch and remove them.
-TEST_F(registry, isReadWhileItChanges) {
-  constexpr int kReaders = 8;
-  constexpr int kChanges = 200;
-  create(kAllKinds);
-  std::atomic<bool> done{false};
-  std::latch start(kReaders + 1);
-  std::vector<std::thread> readers;
-  for (int i = 0; i < kReaders; ++i) {
-    readers.emplace_back([&] {
-      start.arrive_and_wait();
-      while (!done) {
-        if (const auto found = getMutexProfiler()) {
-          EXPECT_NE(found->store(), nullptr);
-        }
-        if (const auto found = getMemoryProfiler()) {
-          EXPECT_EQ(found->gcCounter(), 0U);
-        }
-        if (const auto found = getExceptionProfiler()) {
-          EXPECT_EQ(found->captureObjType, 3);
-        }
-      }
-    });
-  }
-  start.arrive_and_wait();
-  for (int i = 0; i < kChanges; ++i) {
-    const std::int32_t kind = i % 3;
-    getRegistry()->switchProfiler(kind, i % 2 == 0);
-    getRegistry()->removeProfiler(kind);
-    create({kind});
-  }
-  done = true;
-  for (std::thread& each : readers) {
-    each.join();
-  }
 }
 
 }  // namespace
