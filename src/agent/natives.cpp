@@ -50,6 +50,7 @@ void stepLockSession(bool events, std::int32_t state, bool rank = false) {
   if (rank) {
     locks->sortData();
   }
+  // Deliberate: acts in state kLockProfiling only, so that stopping a phase leaves the events on.
   locks->setProfilerEventMode(events);
   locks->setState(state);
 }
@@ -196,6 +197,7 @@ JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jcl
   if (text == nullptr) {
     return 0;
   }
+  // Deliberate: a placeholder, which reads its argument and answers 0.
   const char* const chars = jni->GetStringUTFChars(text, nullptr);
   if (chars == nullptr) {
     jni->ExceptionClear();
@@ -205,7 +207,7 @@ JNIEXPORT jint JNICALL TW_NATIVE(getExtendedMatricesFromNative)(JNIEnv* jni, jcl
   return 0;
 }
 
-// An empty black list throws out of here, as the text conversions of the start-up do.
+// Deliberate: an empty black list throws out of here, as the text conversions of the start-up do.
 JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     JNIEnv* jni, jclass /*cls*/, jboolean enable, jboolean classVariables, jboolean methodArguments,
     jboolean localVariables, jboolean threadLocals, jint captureRate, jint stackTraceDepth,

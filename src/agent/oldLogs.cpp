@@ -60,6 +60,7 @@ bool isOldLog(const logDate& file, const logDate& today) {
 }
 
 void cleanUpOldLogs(const std::string& directory, const std::string& timeStamp) {
+  // Deliberate: the entry itself is looked up, without a wildcard, so that at most one file goes.
   struct stat status {};
   if (::lstat(directory.c_str(), &status) != 0) {
     return;  // no such entry: nothing is listed

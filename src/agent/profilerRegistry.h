@@ -31,7 +31,7 @@ class profilerRegistry {
   void setEnvironment(jvmtiEnv* jvmti) { environment_.store(jvmti, std::memory_order_release); }
 
   // Makes the profiler of `kind` and has it add its capabilities. One that stood under that kind is
-  // replaced, and goes with its last user. Always false; unknown kinds are refused.
+  // replaced, and goes with its last user. Unknown kinds are refused. Deliberate: always false.
   bool createProfiler(std::int32_t kind);
 
   // Sets the enabled flag of the profiler of `kind`, if there is one, and installs the handlers of

@@ -77,7 +77,8 @@ void twLogger::countBytes(std::size_t written) {
   bytesWritten_.fetch_add(static_cast<std::uint32_t>(written), std::memory_order_relaxed);
 }
 
-// The file being left stays open until its turn comes again: it is then deleted and started afresh.
+// Deliberate: the file being left stays open until its turn comes again. It is then deleted and
+// started afresh.
 void twLogger::switchFiles() {
   current_ = 1 - current_;
   if (file_[current_]) {

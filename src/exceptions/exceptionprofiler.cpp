@@ -126,6 +126,7 @@ bool exceptionProfiler::takeRate(const std::string& className, std::int32_t rate
     known.count = static_cast<std::int32_t>(static_cast<std::uint32_t>(known.count) + 1);
     return true;
   }
+  // Deliberate: rates below 1 equal no count, and so set no limit.
   if (now - known.windowStart <= kWindowSeconds) {
     return false;
   }
@@ -335,6 +336,7 @@ raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const std::
     loseByRaised(event, raised, false);
     return raised;
   }
+  // Deliberate: "38" is text.
   TW_LOG(kLogDebug, kSeverityDebug, kExceptionCallback, "Going to Dump 38 Record for -> %s\n\n\n",
          text.c_str());
   recordIsCut = isCut;

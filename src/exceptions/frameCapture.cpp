@@ -59,8 +59,8 @@ jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count) {
 struct frameCapture::frameVariables {
   explicit frameVariables(jvmtiEnv* jvmti) : table(jvmti) {}
 
-  // Whether it is written as an argument, or as a local. Both ends of the slots are inclusive, so
-  // that the last one is one that no variable has.
+  // Whether it is written as an argument, or as a local. Deliberate: both ends of the slots are
+  // inclusive, so that the last one is one that no variable has.
   bool has(const jvmtiLocalVariableEntry& variable, bool asArgument) const {
     return variable.slot >= first && variable.slot <= last &&
            (variable.slot < argumentSlots) == asArgument && variable.name != nullptr &&

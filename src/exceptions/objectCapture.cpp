@@ -320,6 +320,7 @@ bool objectCapture::appendNested(const field& each, jobject value, std::int32_t 
   if (table.error != JVMTI_ERROR_NONE) {
     return false;
   }
+  // Deliberate: of every class. "java.lang.Object" is not, but signatures never begin like that.
   const std::size_t opened = out_.openObject(each.name.view());
   if (opened == record::builder::kNotOpen) {
     out_.appendNullField(each.name.view());

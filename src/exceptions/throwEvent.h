@@ -19,7 +19,7 @@ namespace agent {
 
 inline constexpr const char* kExceptionCallback = "exceptionProfiler::ExceptionCallback";
 
-// Logs at Debug why the handler goes no further.
+// Logs at Debug why the handler goes no further. Deliberate: with the word "Error".
 void logRefusal(const char* message, support::sourcePlace where = support::sourcePlace::current());
 
 struct knownClass {

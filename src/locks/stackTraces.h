@@ -1,9 +1,10 @@
 // Stack traces as text, and the hashes of those met before.
 //
 // The text of a trace takes three calls into the VM for each frame. A trace is therefore remembered
-// by its methods, together with weak references on their classes: method IDs die with their class,
-// and may then come to mean other methods, so a trace counts as known only while all of its classes
-// are loaded. Classes of the VM's own loaders, which are never unloaded, need no reference.
+// by its methods, together with weak references on their classes: method IDs die with their class
+// (JDK-8268364), and may then come to mean other methods, so a trace counts as known only while all
+// of its classes are loaded. Classes of the VM's own loaders, which are never unloaded, need no
+// reference.
 #pragma once
 
 #include <jvmti.h>

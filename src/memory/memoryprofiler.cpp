@@ -23,7 +23,8 @@ constexpr const char* kGcFinish = "memoryProfiler::gc_finish";
 constexpr const char* kScanJavaHeap = "memoryProfiler::scanJavaHeap";
 constexpr const char* kDumpJson = "memoryProfiler::dumpJsonObjectFromMapDS";
 
-constexpr const char* kReportName = "memoryLeak";  // whatever the session is called
+// Deliberate: whatever the session is called.
+constexpr const char* kReportName = "memoryLeak";
 constexpr std::int32_t kNoSessionId = 1;
 
 // The VM compares the tag of each object with one generation after the other. With more of them
@@ -111,6 +112,7 @@ void memoryProfiler::setEventCallbacks() {
   registry->callbacks.GarbageCollectionFinish = gc_finish;
 }
 
+// Deliberate: does nothing.
 void JNICALL memoryProfiler::VMInit(jvmtiEnv* /*jvmti*/, JNIEnv* /*jni*/, jthread /*thread*/) {}
 
 void memoryProfiler::addCapabilities() {
@@ -163,6 +165,7 @@ void JNICALL memoryProfiler::gc_finish(jvmtiEnv* /*jvmti*/) {
       return;
     }
     const std::uint32_t counted = self->gcCounter_.fetch_add(1) + 1;
+    // Deliberate: the word "Trace" at Debug.
     TW_LOG(kLogDebug, kSeverityTrace, kGcFinish,
            "*GC Finish CallBack is Called, :GC_Counter/GC_Cycle Value is: %u", counted);
   });
@@ -176,7 +179,7 @@ void memoryProfiler::setObjectTag(JNIEnv* jni, jobject object) const {
   const std::uint32_t generation = gcCounter();
   if (generation != 0) {
     jlong old = 0;
-    // A tag of 32 bits is a generation. What lies beyond is taken for a global reference.
+    // Deliberate: an old tag is taken for a global reference. One of 32 bits is a generation.
     if (jvmti->GetTag(object, &old) == JVMTI_ERROR_NONE && !isGeneration(old)) {
       jni->DeleteGlobalRef(reinterpret_cast<jobject>(static_cast<std::intptr_t>(old)));
     }
@@ -229,7 +232,7 @@ std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
   });
 }
 
-// The current generation: it and those after it have survived nothing yet.
+// Deliberate: the current generation is not among those that are counted; it has survived nothing.
 std::uint32_t memoryProfiler::endOfGenerations() const {
   const std::uint32_t current = gcCounter();
   if (current == 0) {
