@@ -1,10 +1,10 @@
 // The end of the VM, as the event handlers that still run see it.
 //
 // HotSpot 26 and later wait at their end, up to a minute, until no handler runs any more
-// (JDK-8355631), and at first in a state that lets no safepoint begin (JDK-8387045). Whatever handler waits for a
-// safepoint then, because it asks for one or because it returns to the VM while one is due, holds
-// the end up for that minute. So handlers have to be out before. The VM posts ThreadEnd for the
-// thread that ends it just before it begins to wait.
+// (JDK-8355631), and at first in a state that lets no safepoint begin (JDK-8387045). Whatever
+// handler waits for a safepoint then, because it asks for one or because it returns to the VM while
+// one is due, holds the end up for that minute. So handlers have to be out before. The VM posts
+// ThreadEnd for the thread that ends it just before it begins to wait.
 #pragma once
 
 #include <jvmti.h>
