@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "support/annotations.h"
 
 namespace support {
 
@@ -89,7 +89,7 @@ class classCache {
     auto made = std::make_shared<const entry>(jni, cls, std::forward<Args>(args)...);
     bool sweep = false;
     {
-      const std::unique_lock guard(mutex_);
+      const lockGuard guard(mutex_);
       byKey_.emplace(key, made);
       sweep = byKey_.size() >= sizeToSweep_;
     }
@@ -101,7 +101,7 @@ class classCache {
 
   // How many classes are kept, unloaded ones not yet dropped included.
   std::size_t size() const {
-    const std::shared_lock guard(mutex_);
+    const sharedLockGuard guard(mutex_);
     return byKey_.size();
   }
 
@@ -110,7 +110,7 @@ class classCache {
 
   // The n-th entry under `key`; more than one is rare.
   entryPtr nth(jint key, std::size_t n) const {
-    const std::shared_lock guard(mutex_);
+    const sharedLockGuard guard(mutex_);
     auto [each, end] = byKey_.equal_range(key);
     for (; each != end && n > 0; ++each) {
       --n;
@@ -123,23 +123,23 @@ class classCache {
   void dropUnloaded(JNIEnv* jni) {
     std::vector<entryPtr> gone;
     {
-      const std::shared_lock guard(mutex_);
+      const sharedLockGuard guard(mutex_);
       for (const auto& [key, each] : byKey_) {
         gone.push_back(each);
       }
     }
     std::erase_if(gone, [&](const entryPtr& each) { return !each->cls.unloaded(jni); });
     std::sort(gone.begin(), gone.end());
-    const std::unique_lock guard(mutex_);
+    const lockGuard guard(mutex_);
     std::erase_if(byKey_, [&](const auto& kept) {
       return std::binary_search(gone.begin(), gone.end(), kept.second);
     });
     sizeToSweep_ = std::max(kFirstSweep, 2 * byKey_.size());
   }
 
-  mutable std::shared_mutex mutex_;  // guards the two below
-  std::unordered_multimap<jint, entryPtr> byKey_;
-  std::size_t sizeToSweep_ = kFirstSweep;
+  mutable sharedMutex mutex_;
+  std::unordered_multimap<jint, entryPtr> byKey_ GUARDED_BY(mutex_);
+  std::size_t sizeToSweep_ GUARDED_BY(mutex_) = kFirstSweep;
 };
 
 }  // namespace support

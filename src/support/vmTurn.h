@@ -4,7 +4,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
+
+#include "support/annotations.h"
 
 namespace support {
 
@@ -18,7 +19,7 @@ using patienceClock = std::chrono::steady_clock;
 // Where threads take turns.
 class vmTurns {
   friend class vmTurn;
-  std::timed_mutex mutex_;
+  timedMutex mutex_;
   // The thread whose turn it is keeps it for too long: nobody waits until it gives it back.
   std::atomic<bool> isStuck_{false};
 };
@@ -28,19 +29,21 @@ class vmTurns {
 // everybody goes on without one, all but the first without waiting.
 class vmTurn {
  public:
-  explicit vmTurn(vmTurns& turns) : turns_(turns), lock_(turns.mutex_, std::defer_lock) {
+  // The analysis knows of no lock that is held or not.
+  explicit vmTurn(vmTurns& turns) NO_THREAD_SAFETY_ANALYSIS : turns_(turns) {
     if (turns.isStuck_.load()) {
-      isMine_ = lock_.try_lock();
+      isMine_ = turns.mutex_.tryLock();
     } else {
-      isMine_ = lock_.try_lock_until(patienceClock::now() + kPatience);
+      isMine_ = turns.mutex_.tryLockUntil(patienceClock::now() + kPatience);
       if (!isMine_) {
         turns.isStuck_.store(true);
       }
     }
   }
-  ~vmTurn() {
+  ~vmTurn() NO_THREAD_SAFETY_ANALYSIS {
     if (isMine_) {
       turns_.isStuck_.store(false);
+      turns_.mutex_.unlock();
     }
   }
   vmTurn(const vmTurn&) = delete;
@@ -52,7 +55,6 @@ class vmTurn {
  private:
   static constexpr std::chrono::seconds kPatience{1};
   vmTurns& turns_;
-  std::unique_lock<std::timed_mutex> lock_;
   bool isMine_ = false;
 };
 
