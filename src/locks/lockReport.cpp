@@ -1,7 +1,7 @@
 #include "locks/lockReport.h"
 
+#include <string>
 #include <utility>
-#include <vector>
 
 namespace agent {
 
@@ -9,25 +9,15 @@ namespace {
 
 constexpr std::int64_t kNanosPerSecond = 1000000000;
 
-// Every number of the report is the low 32 bits of its value, signed.
+// Deliberate: every number of the report is the low 32 bits of its value, signed.
 template <typename Number>
 std::int32_t cut(Number value) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(value));
 }
 
+// Deliberate: whole seconds, cut towards 0 and then to 32 bits.
 std::int32_t seconds(std::uint64_t nanos) {
   return cut(static_cast<std::int64_t>(nanos) / kNanosPerSecond);
-}
-
-void mergeStackTraces(stackTraceBeans& into, const stackTraceBeans& from) {
-  for (const auto& [hash, bean] : from) {
-    const auto [merged, isNew] = into.try_emplace(hash, bean);
-    if (isNew) {
-      continue;
-    }
-    merged->second.count += bean.count;
-    merged->second.hashcode = hash;
-  }
 }
 
 // `beans` has pairs of hash and bean.
@@ -43,28 +33,19 @@ void writeStackTraces(support::jsonWriter& json, const Beans& beans) {
   json.endObject();
 }
 
-void writeThread(support::jsonWriter& json, std::string_view name, threadBean& thread) {
-  std::vector<std::pair<std::uint64_t, stackTraceBean>> stackTraces;
-  {
-    const support::lockGuard guard(thread.stackMutex);
-    stackTraces.assign(thread.stacktracebean.begin(), thread.stacktracebean.end());
-  }
-  json.key(name).beginObject();
-  json.member("name", name);
-  json.member("count", cut(thread.count.load()));
-  json.member("totalBlockTime", seconds(thread.totalBlockTime.load()));
-  json.member("totalWaitTime", seconds(thread.totalWaitTime.load()));
-  writeStackTraces(json, stackTraces);
+void writeThread(support::jsonWriter& json, const threadSnapshot& thread) {
+  json.key(thread.name).beginObject();
+  json.member("name", thread.name);
+  json.member("count", cut(thread.count));
+  json.member("totalBlockTime", seconds(thread.totalBlockTime));
+  json.member("totalWaitTime", seconds(thread.totalWaitTime));
+  writeStackTraces(json, thread.stacktracebean);
   json.endObject();
 }
 
 // "graph": exactly `size` numbers; slots beyond those that are counted are 0.
-void writeGraph(support::jsonWriter& json, lockBean& lock, std::int32_t size) {
-  std::vector<std::uint32_t> slots;
-  {
-    const support::lockGuard guard(lock.mutex);
-    slots = lock.graph;
-  }
+void writeGraph(support::jsonWriter& json, const std::vector<std::uint32_t>& slots,
+                std::int32_t size) {
   json.key("graph").beginArray();
   for (std::int32_t i = 0; i < size; ++i) {
     const auto slot = static_cast<std::size_t>(i);
@@ -73,58 +54,25 @@ void writeGraph(support::jsonWriter& json, lockBean& lock, std::int32_t size) {
   json.endArray();
 }
 
-}  // namespace
-
-blockingThreadBeans mergeBlockingThreads(const std::map<std::string_view, topLockBean*>& topLocks) {
-  blockingThreadBeans merged;
-  for (const auto& [lockName, top] : topLocks) {
-    const support::lockGuard guard(top->mutex);
-    for (const auto& [ownerName, owner] : top->blockingThreads) {
-      const auto [known, isNew] = merged.try_emplace(ownerName, owner);
-      if (isNew) {
-        continue;
-      }
-      known->second.blockCount += owner.blockCount;
-      known->second.blockingCount += owner.blockingCount;
-      known->second.totalBlockingTime += owner.totalBlockingTime;
-      mergeStackTraces(known->second.stacktracebean, owner.stacktracebean);
-    }
-  }
-  return merged;
-}
-
-void writeSession(support::jsonWriter& json, const LockSessionConfig& config) {
-  json.member("sessionname", config.sessionName);
-  json.member("sessionid", cut(config.sessionId));
-}
-
-std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t graphSize) {
-  std::vector<std::pair<std::string_view, threadBean*>> threads;
-  {
-    const support::lockGuard guard(lock.mutex);
-    threads.reserve(lock.threadbean.size());
-    for (auto& [name, thread] : lock.threadbean) {
-      threads.emplace_back(name, &thread);
-    }
-  }
+void writeLock(support::jsonWriter& json, const lockSnapshot& lock, std::int32_t graphSize) {
   json.key(lock.lockName).beginObject();
-  json.member("id", lock.name());
-  json.member("count", cut(lock.count.load()));
-  writeGraph(json, lock, graphSize);
-  json.member("totalBlockTime", seconds(lock.totalBlockTime.load()));
-  json.member("totalWaitTime", seconds(lock.totalWaitTime.load()));
+  json.member("id", lock.id);
+  json.member("count", cut(lock.count));
+  writeGraph(json, lock.graph, graphSize);
+  json.member("totalBlockTime", seconds(lock.totalBlockTime));
+  json.member("totalWaitTime", seconds(lock.totalWaitTime));
   json.key("threadbean").beginObject();
-  for (const auto& [name, thread] : threads) {
-    writeThread(json, name, *thread);
+  for (const threadSnapshot& each : lock.threads) {
+    writeThread(json, each);
   }
   json.endObject();
   json.endObject();
-  return threads.size();
 }
 
-void writeStackHashes(support::jsonWriter& json, const lockStore& store) {
+// Deliberate: the texts are empty; they are in the stack file.
+void writeStackHashes(support::jsonWriter& json, const std::vector<std::uint64_t>& hashes) {
   json.key("stacktracemap").beginObject();
-  for (const std::uint64_t hash : store.stackHashes()) {
+  for (const std::uint64_t hash : hashes) {
     json.member(std::to_string(hash), "");
   }
   json.endObject();
@@ -144,16 +92,57 @@ void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& 
   json.endObject();
 }
 
-ownerLookupCounts writeOwnerLookups(support::jsonWriter& json, const lockStore& store,
-                                    std::int32_t perSecond) {
-  const ownerLookupCounts counts{store.madeOwnerLookups.load(std::memory_order_relaxed),
-                                 store.leftOutOwnerLookups.load(std::memory_order_relaxed)};
+void writeOwnerLookups(support::jsonWriter& json, const ownerLookupCounts& lookups,
+                       std::int32_t perSecond) {
   json.key("ownerLookups").beginObject();
   json.member("perSecond", perSecond);
-  json.member("made", counts.made);
-  json.member("leftOut", counts.skipped);
+  json.member("made", lookups.made);
+  json.member("leftOut", lookups.skipped);
   json.endObject();
-  return counts;
+}
+
+}  // namespace
+
+sessionSnapshot snapshotOf(const std::shared_ptr<lockStore>& store, rankedLocks ranked,
+                           std::int32_t lookupsPerSecond) {
+  sessionSnapshot session;
+  session.sessionName = store->config->sessionName;
+  session.sessionId = store->config->sessionId;
+  session.graphSize = store->config->graphSize;
+  session.nothingRanked = ranked.empty();
+  for (; !ranked.empty(); ranked.pop()) {
+    const rankedLock& each = ranked.top();
+    // A lock of an earlier session is not reported any more.
+    if (each.store.lock() == store && each.bean->hasThreads()) {
+      session.locks.push_back(each.bean->snapshot());
+    }
+  }
+  session.stackHashes = store->stackTraces.hashes();
+  for (const auto& [lockName, top] : store->topLockMap()) {
+    mergeBlockingThreads(session.blockingThreads, top->snapshot().blockingThreads);
+  }
+  if (lookupsPerSecond > 0) {
+    session.lookupsPerSecond = lookupsPerSecond;
+    session.ownerLookups = {store->ownerLookups.made.load(), store->ownerLookups.skipped.load()};
+  }
+  return session;
+}
+
+void writeLockReport(support::jsonWriter& json, const sessionSnapshot& session) {
+  json.beginObject();
+  json.member("sessionname", session.sessionName);
+  json.member("sessionid", cut(session.sessionId));
+  json.key("lockmap").beginObject();
+  for (const lockSnapshot& each : session.locks) {
+    writeLock(json, each, session.graphSize);
+  }
+  json.endObject();
+  writeStackHashes(json, session.stackHashes);
+  writeBlockingThreads(json, session.blockingThreads);
+  if (session.ownerLookups) {
+    writeOwnerLookups(json, *session.ownerLookups, session.lookupsPerSecond);
+  }
+  json.endObject();
 }
 
 }  // namespace agent

@@ -1,35 +1,43 @@
-// The JSON lock report: how the records of a lock session are laid out in it.
+// The lock report: what a session has gathered, as it is at one moment, and the JSON of it.
 //
-// Numbers are written as signed 32-bit values (wider ones are cut to their low 32 bits) but for
-// those of "ownerLookups", which are whole; times in whole seconds, hashes as unsigned decimal
-// text. Events may still be filling the records while they are written: each is read under its own
-// mutex.
+// A snapshot is taken record by record, each under its own mutex, while events may still be filling
+// them; the report is written from it without any lock.
 #pragma once
 
-#include <map>
+#include <cstdint>
+#include <memory>
+#include <optional>
 #include <string_view>
+#include <vector>
 
 #include "agent/reportOutcome.h"
+#include "locks/lockRanking.h"
 #include "locks/lockStore.h"
 #include "support/jsonWriter.h"
 
 namespace agent {
 
-// The owners of all selected locks merged by name: counts and times add up, stack traces are merged
-// by hash; one known to both carries its true hash.
-blockingThreadBeans mergeBlockingThreads(const std::map<std::string_view, topLockBean*>& topLocks);
+// What a report says of a session. Valid as long as its store, whose names it has.
+struct sessionSnapshot {
+  std::string_view sessionName;
+  std::int64_t sessionId = 0;
+  std::int32_t graphSize = 0;
+  bool nothingRanked = false;                     // not even locks that are not reported
+  std::vector<lockSnapshot> locks;                // in the order of the ranking
+  std::vector<std::uint64_t> stackHashes;         // in ascending order
+  blockingThreadBeans blockingThreads;            // of all selected locks
+  std::int32_t lookupsPerSecond = 0;              // 0 where lookups of owners are not limited
+  std::optional<ownerLookupCounts> ownerLookups;  // only where they are
+};
 
-// Members of the report's root, in this order.
-void writeSession(support::jsonWriter& json, const LockSessionConfig& config);
-// One member of "lockmap": the lock under its name. Returns how many threads it has.
-std::size_t writeLock(support::jsonWriter& json, lockBean& lock, std::int32_t graphSize);
-// "stacktracemap": every stack hash met, with an empty text.
-void writeStackHashes(support::jsonWriter& json, const lockStore& store);
-// "blockingThreads".
-void writeBlockingThreads(support::jsonWriter& json, const blockingThreadBeans& owners);
-// "ownerLookups": of what the owners are a sample. Only where lookups of them are limited. Returns
-// what it has written.
-ownerLookupCounts writeOwnerLookups(support::jsonWriter& json, const lockStore& store,
-                                    std::int32_t perSecond);
+// Of a session with settings: the locks ranked that are of it and have threads, and the owners of
+// all its selected locks. `lookupsPerSecond` is 0 where they are not limited.
+sessionSnapshot snapshotOf(const std::shared_ptr<lockStore>& store, rankedLocks ranked,
+                           std::int32_t lookupsPerSecond);
+
+// Writes the report. Numbers are signed 32-bit values (wider ones are cut to their low 32 bits)
+// except for those of "ownerLookups", which are whole; times in whole seconds, hashes as unsigned
+// decimal text.
+void writeLockReport(support::jsonWriter& json, const sessionSnapshot& session);
 
 }  // namespace agent

@@ -1,11 +1,10 @@
-// What a lock session gathers: locks, their threads and stack traces, owners, and the settings that
-// bound them. No call into the VM is made here but to compare classes.
+// What a lock session gathers: locks, their threads, owners and stack traces, and the starts of
+// blocks and waits.
 //
 // Event handlers fill these records on many threads at once. Lookups of locks, of selected locks
-// and of stack hashes take no lock. Each mutex is taken alone: lockStore::lockMapMutex (only to
-// link a new lockBean), lockStore::stackMapMutex, a lockBean's mutex, a threadBean's stackMutex, a
-// topLockBean's mutex. None is held across a call into the VM. Counters and countdowns that no
-// mutex guards are atomics.
+// and of stack hashes take no lock. Each record keeps its mutex to itself, and takes it alone; none
+// is held across a call into the VM. Counters and countdowns that no mutex guards are atomics.
+// Nothing here writes to the log.
 //
 // Times are nanoseconds of JVMTI GetTime.
 #pragma once
@@ -14,12 +13,14 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
-#include "agent/profiler.h"
-#include "locks/ownerLookup.h"
+#include "locks/lockOwners.h"
+#include "locks/lockSessionConfig.h"
 #include "locks/stackTraces.h"
 #include "support/annotations.h"
 #include "support/insertOnlyMap.h"
@@ -27,124 +28,115 @@
 
 namespace agent {
 
-// A budget that is only ever counted down: it goes on below zero, far enough never to come back.
-class countdown {
+// Starts of blocks and waits. An event that begins one leaves its time in its thread's storage,
+// where the event that ends it finds it. Any thread; each for itself.
+class blockStarts {
  public:
-  explicit countdown(std::int32_t value) : value_(value) {}
-
-  // Takes one; whether there was one to take.
-  bool take() { return takeAndTell() >= 0; }
-  // Takes one and gives what it left; negative when there was none to take.
-  std::int32_t takeAndTell() {
-    constexpr std::int32_t kLowest = INT32_MIN / 2;
-    if (value_.load(std::memory_order_relaxed) < kLowest) {
-      return kLowest;
+  // The calling thread `thread` begins a block or wait at `time`.
+  void leave(jvmtiEnv* jvmti, jthread thread, std::int64_t time) {
+    note(time);
+    open_ = time;
+    void* const stored = reinterpret_cast<void*>(static_cast<std::intptr_t>(time));
+    if (jvmti->SetThreadLocalStorage(thread, stored) != JVMTI_ERROR_NONE) {
+      noteLostEvents();  // an older start stays there
     }
-    return value_.fetch_sub(1, std::memory_order_relaxed) - 1;
   }
-  std::int32_t value() const { return value_.load(std::memory_order_relaxed); }
+  // The start of the block or wait that the calling thread ends; none when it is not known. What an
+  // earlier session has left is not known. What was left before events were lost may have ended
+  // since, unless this native thread is in it still.
+  std::optional<std::int64_t> take(jvmtiEnv* jvmti, jthread thread) const {
+    const std::int64_t open = std::exchange(open_, 0);
+    void* stored = nullptr;
+    if (jvmti->GetThreadLocalStorage(thread, &stored) != JVMTI_ERROR_NONE || stored == nullptr) {
+      return std::nullopt;
+    }
+    const auto start = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stored));
+    const bool known = hasLeftSinceLoss(start) || (start == open && hasLeft(start));
+    return known ? std::optional(start) : std::nullopt;
+  }
+  // The calling thread's block or wait has ended, or another has begun whose start is not left.
+  static void forget() { open_ = 0; }
+
+  // An event of this session leaves a start at `time`.
+  void note(std::int64_t time) {
+    if (time < firstSinceLoss_.load(std::memory_order_relaxed)) {
+      lowerFirstStarts(time);
+    }
+  }
+  // Whether this session has left `start`, rather than an earlier one.
+  bool hasLeft(std::int64_t start) const {
+    return start >= firstStart_.load(std::memory_order_relaxed);
+  }
+  // Whether it has, and no event was lost since.
+  bool hasLeftSinceLoss(std::int64_t start) const {
+    return start >= firstSinceLoss_.load(std::memory_order_relaxed);
+  }
+  // Events may have been lost until now.
+  void noteLostEvents() { firstSinceLoss_.store(INT64_MAX, std::memory_order_relaxed); }
 
  private:
-  std::atomic<std::int32_t> value_;
+  void lowerFirstStarts(std::int64_t time);
+
+  // The start of the block or wait that this native thread is in, 0 for none. A virtual thread may
+  // end it on another one.
+  static inline thread_local std::int64_t open_ = 0;
+
+  // The earliest starts left in this session: in all, and since events were lost.
+  std::atomic<std::int64_t> firstStart_{INT64_MAX};
+  std::atomic<std::int64_t> firstSinceLoss_{INT64_MAX};
 };
 
-// The settings of a lock session, as they arrive from Java. The countdowns are restored only by the
-// next session.
-struct LockSessionConfig : sessionSettings {
-  LockSessionConfig(std::int64_t id, std::string name, std::int64_t seconds, std::int32_t topLocks,
-                    std::int32_t locks, std::int32_t threadsPerLock, std::int32_t threads,
-                    std::int32_t stackTraces, std::int32_t stackTracesPerThread,
-                    std::string stackFile, std::int32_t graphSlots);
-
-  const std::int64_t sessionId;
-  const std::string sessionName;  // modified UTF-8, as all names
-  const std::int64_t duration;    // seconds
-  const std::int32_t topLockCount;
-  countdown maxLockCount;
-  const std::int32_t maxThreadPerLockCount;
-  const std::int32_t maxThreadCount;
-  countdown maxThreadCountCopy;  // the budget of blockingThreadBeans
-  countdown maxStackTraceCount;
-  const std::int32_t maxStackTraceCountPerThread;
-  const std::string stackFilePath;
-  const std::int32_t graphSize;
+// What a report says of a thread on a lock. The name is that of the lock's record.
+struct threadSnapshot {
+  std::string_view name;
+  std::uint32_t count = 0;
+  std::uint64_t totalBlockTime = 0;
+  std::uint64_t totalWaitTime = 0;
+  std::vector<std::pair<std::uint64_t, stackTraceBean>> stacktracebean;  // in ascending order
 };
 
-// How often one stack trace was seen; its hash stays 0 until the second time.
-struct stackTraceBean {
-  std::uint64_t hashcode = 0;
-  std::uint32_t count = 1;
+// What a report says of a lock. The names are those of its record.
+struct lockSnapshot {
+  std::string_view lockName;
+  std::string_view id;
+  std::uint32_t count = 0;
+  std::vector<std::uint32_t> graph;  // up to the latest slot with an entry
+  std::uint64_t totalBlockTime = 0;
+  std::uint64_t totalWaitTime = 0;
+  std::vector<threadSnapshot> threads;  // in ascending order of their names
 };
 
-// Stack traces by hash.
-using stackTraceBeans = std::map<std::uint64_t, stackTraceBean>;
-
-// Counts one sighting of the trace `hash`.
-void countStackTrace(stackTraceBeans& beans, std::uint64_t hash);
-
-// One thread on one lock. The thread's name is its key in lockBean::threadbean.
-struct threadBean {
+// One thread on one lock. The thread's name is its key in lockBean::threadbean_.
+class threadBean {
+ public:
   explicit threadBean(std::uint32_t contendedEntries) : count(contendedEntries) {}
+
+  // Counts a sighting of the trace `hash`.
+  void countStack(std::uint64_t hash) EXCLUDES(stackMutex_);
+  stackTraceBeans stackTraces() const EXCLUDES(stackMutex_);
+  threadSnapshot snapshot(std::string_view name) const EXCLUDES(stackMutex_);
 
   std::atomic<std::int64_t> lastEnterTime{0};
   std::atomic<std::int64_t> lastWaitTime{0};
   std::atomic<std::uint64_t> totalBlockTime{0};
   std::atomic<std::uint64_t> totalWaitTime{0};
   std::atomic<std::uint32_t> count;
-  support::mutex stackMutex;
-  stackTraceBeans stacktracebean GUARDED_BY(stackMutex);
-};
-
-// One thread that owned a monitor while others waited for it.
-struct blockingThreadBean {
-  std::uint32_t blockingCount = 1;
-  std::uint32_t blockCount = 0;
-  std::uint64_t totalBlockingTime = 0;
-  std::int64_t blockStartTime = 0;  // 0 while no period is open
-  stackTraceBeans stacktracebean;
-};
-
-// Owners by thread name.
-using blockingThreadBeans = std::map<std::string, blockingThreadBean, std::less<>>;
-
-// The threads known to be between their contended-enter and contended-entered events on a monitor.
-//
-// A count holds for one epoch: whenever events may have been missed (a control call, a handler that
-// gave up early) the profiler's epoch moves on and the count starts anew. It may fall behind the
-// truth, never run ahead of it: who is counted does wait.
-class waiterTally {
- public:
-  // The calling thread has begun to wait.
-  void enter(std::uint32_t epoch);
-  // The calling thread got the monitor; how many others are known to wait still.
-  std::uint32_t leave(std::uint32_t epoch);
 
  private:
-  std::atomic<std::uint64_t> word_{0};  // epoch, then count
-};
-
-// The owners met on a lock that the ranking selected.
-struct topLockBean {
-  // Back to the state of a new record.
-  void clear() EXCLUDES(mutex);
-
-  waiterTally waiters;
-  support::mutex mutex;
-  std::string ownerName GUARDED_BY(mutex);
-  blockingThreadBeans blockingThreads GUARDED_BY(mutex);
-  bool ownerSeen GUARDED_BY(mutex) = false;
-  // The newest look for the monitor's owner; none before the first.
-  std::shared_ptr<ownerLookup> lookup GUARDED_BY(mutex);
+  mutable support::mutex stackMutex_;
+  stackTraceBeans stacktracebean_ GUARDED_BY(stackMutex_);
 };
 
 // One lock.
-struct lockBean {
+class lockBean {
+ public:
+  // Deliberate: minute 300 has a slot of its own, one beyond the five hours.
   static constexpr std::size_t kGraphSlots = 301;
 
   lockBean(std::string name, std::int32_t threadSlots)
-      : lockName(std::move(name)), threadSlotsLeft(threadSlots) {}
+      : lockName(std::move(name)), threadSlotsLeft_(threadSlots) {}
 
-  // The reported name: empty until an event after the one that made the record.
+  // The reported name. Deliberate: empty until an event after the one that made the record.
   std::string_view name() const {
     return named.load(std::memory_order_relaxed) ? lockName : std::string_view();
   }
@@ -154,43 +146,59 @@ struct lockBean {
     }
   }
 
+  // Counts a contended entry of a summary.
+  void countEntry() {
+    count.fetch_add(1, std::memory_order_relaxed);
+    setName();
+  }
   // Counts a contended entry of a detail session in a minute slot (0 to 300), and the thread's
   // share in it. The thread's record, made when there was none and a slot was left; none when the
   // thread was refused: nothing is counted then.
-  threadBean* countEntry(std::string_view threadName, std::size_t slot) EXCLUDES(mutex);
+  threadBean* countEntry(std::string_view threadName, std::size_t slot) EXCLUDES(mutex_);
+  // Adds a block, or a wait, from `start` to `end`, also to a thread's if it is given.
+  void addBlock(threadBean* thread, std::int64_t start, std::int64_t end);
+  void addWait(threadBean* thread, std::int64_t start, std::int64_t end);
+
   // The thread's record for a wait, made without a contended entry when there was none and a slot
   // was left.
-  threadBean* threadForWait(std::string_view threadName) EXCLUDES(mutex);
+  threadBean* threadForWait(std::string_view threadName) EXCLUDES(mutex_);
   // The thread's record, or none. Records stay as long as the lock.
-  threadBean* findThread(std::string_view threadName) EXCLUDES(mutex);
-  bool hasThreads() EXCLUDES(mutex);
+  threadBean* findThread(std::string_view threadName) EXCLUDES(mutex_);
+  bool hasThreads() const EXCLUDES(mutex_);
+  // How many more threads it may take; below 0 by those that it has refused.
+  std::int32_t threadSlotsLeft() const EXCLUDES(mutex_);
 
+  // A detail session begins.
+  void resetCounts();
   // The ranking selects the lock: its owners are recorded from now on, and those of an earlier
   // selection are dropped.
-  void select() EXCLUDES(mutex);
+  void select() EXCLUDES(mutex_);
   void deselect();
   // The owners met, or none when the lock is not selected. The record stays as long as the lock. No
   // lock is taken.
   topLockBean* top() const { return selected_.load(std::memory_order_acquire); }
 
+  // Valid as long as the lock.
+  lockSnapshot snapshot() const EXCLUDES(mutex_);
+
   const std::string lockName;
   std::atomic<bool> named{false};
+  // Deliberate: 1 for a lock that a wait has made, too.
   std::atomic<std::uint32_t> count{1};
   std::atomic<std::uint64_t> totalBlockTime{0};
   std::atomic<std::uint64_t> totalWaitTime{0};
 
-  support::mutex mutex;
-  std::int32_t threadSlotsLeft GUARDED_BY(mutex);
-  std::map<std::string, threadBean, std::less<>> threadbean GUARDED_BY(mutex);
+ private:
+  bool takeThreadSlot() REQUIRES(mutex_);
+
+  mutable support::mutex mutex_;
+  std::int32_t threadSlotsLeft_ GUARDED_BY(mutex_);
+  std::map<std::string, threadBean, std::less<>> threadbean_ GUARDED_BY(mutex_);
   // Contended entries of a detail session by minute, up to the latest minute that has one; at most
   // kGraphSlots.
-  std::vector<std::uint32_t> graph GUARDED_BY(mutex);
-
- private:
-  bool takeThreadSlot() REQUIRES(mutex);
-
-  std::unique_ptr<topLockBean> top_ GUARDED_BY(mutex);  // made by the first selection
-  std::atomic<topLockBean*> selected_{nullptr};         // top_ while the lock is selected
+  std::vector<std::uint32_t> graph_ GUARDED_BY(mutex_);
+  std::unique_ptr<topLockBean> top_ GUARDED_BY(mutex_);  // made by the first selection
+  std::atomic<topLockBean*> selected_{nullptr};          // top_ while the lock is selected
 };
 
 // A lock in the lock map, with the class that its events are recognised by.
@@ -206,6 +214,26 @@ struct lockEntry {
 // The class name of a monitor object, "@", and its identity hash code in signed decimal.
 std::string lockNameOf(const std::string& className, jint hash);
 
+// Why a monitor was not identified.
+enum class identityFailure {
+  none,
+  objectIsNull,
+  noGetClass,
+  noGetName,
+  classIsEmpty,
+  noHash,
+};
+
+// The lock of a monitor object: its record, or what it would be recorded under.
+struct identifiedLock {
+  lockBean* bean = nullptr;
+  // Its class, where a record may yet be made or looked up by name.
+  std::shared_ptr<const support::namedClass> cls;
+  jint hash = 0;
+
+  std::string name() const { return bean ? bean->lockName : lockNameOf(cls->value, hash); }
+};
+
 // The store of one session; a new session brings a new one. Handlers share its ownership, so it
 // outlives its session until the last of them returns.
 class lockStore {
@@ -218,10 +246,10 @@ class lockStore {
   // The same for a class whose name is known: also finds a lock that another class of that name
   // has made.
   lockBean* findLock(const support::namedClass& cls, jint hash) const;
-
-  // Whether a lock of that hash is not in the map and cannot be recorded any more, whatever its
-  // class. No lock is taken.
-  bool refuses(jint hash) const;
+  // Asks the VM which lock a monitor object is, and looks it up. Where no record is there and none
+  // can be made, it is named only if `named` is set.
+  identityFailure identify(jvmtiEnv* jvmti, JNIEnv* jni, jobject object,
+                           support::javaClasses& classes, bool named, identifiedLock& lock) const;
 
   struct recordedLock {
     lockBean* bean = nullptr;  // none when the budget is spent
@@ -230,7 +258,7 @@ class lockStore {
   };
   // Takes from maxLockCount and makes the lock, unless it is there by now. Needs settings.
   recordedLock recordLock(const std::shared_ptr<const support::namedClass>& cls, jint hash)
-      EXCLUDES(lockMapMutex);
+      EXCLUDES(lockMapMutex_);
 
   // All locks in ascending order of their names (byte comparison).
   std::vector<lockBean*> locksByName() const;
@@ -241,56 +269,18 @@ class lockStore {
   // Deselects all.
   void clearTopLocks();
 
-  // Starts of blocks and waits, which events leave in their thread's storage. Any thread.
-  //
-  // An event of this session leaves one.
-  void noteStart(std::int64_t time) {
-    if (time < firstSinceLoss_.load(std::memory_order_relaxed)) {
-      lowerFirstStarts(time);
-    }
-  }
-  // Events may have been lost until now.
-  void noteLostEvents() { firstSinceLoss_.store(INT64_MAX, std::memory_order_relaxed); }
-  // Whether this session has left `start`, rather than an earlier one.
-  bool hasLeft(std::int64_t start) const {
-    return start >= firstStart_.load(std::memory_order_relaxed);
-  }
-  // Whether it has, and no event was lost since.
-  bool hasLeftSinceLoss(std::int64_t start) const {
-    return start >= firstSinceLoss_.load(std::memory_order_relaxed);
-  }
-
-  // Remembers a stack trace; `text` has one line for each frame. True when it is a new one.
-  bool addStackTrace(std::uint64_t hash, std::string_view text) EXCLUDES(stackMapMutex);
-  bool knowsStackTrace(std::uint64_t hash) const { return stackHashMap_.find(hash) != nullptr; }
-  // All hashes met, in ascending order.
-  std::vector<std::uint64_t> stackHashes() const;
-
   const std::unique_ptr<LockSessionConfig> config;
-
   knownStackTraces stackTraces;
-
-  // Where looks are limited: the events that asked the VM for the owner, and those that did not
-  // because others had made all looks of their second. One that shares the look of another event is
-  // in neither.
-  std::atomic<std::uint64_t> madeOwnerLookups{0};
-  std::atomic<std::uint64_t> leftOutOwnerLookups{0};
-
-  support::mutex lockMapMutex;   // guards insertion of locks
-  support::mutex stackMapMutex;  // guards insertion of stack hashes, and the texts
-  // Texts of the stack traces met since the stack file was last written.
-  std::map<std::uint64_t, std::string> stacktracemap GUARDED_BY(stackMapMutex);
+  blockStarts starts;
+  ownerLookupTally ownerLookups;
 
  private:
-  struct nothing {};
+  // Whether a lock of that hash is not in the map and cannot be recorded any more, whatever its
+  // class. No lock is taken.
+  bool refuses(jint hash) const;
 
-  void lowerFirstStarts(std::int64_t time);
-
-  support::insertOnlyMap<lockEntry> lockmap_;     // by identity hash
-  support::insertOnlyMap<nothing> stackHashMap_;  // by stack hash
-  // The earliest start left: in all, and since events were lost.
-  std::atomic<std::int64_t> firstStart_{INT64_MAX};
-  std::atomic<std::int64_t> firstSinceLoss_{INT64_MAX};
+  support::mutex lockMapMutex_;                // serialises insertion
+  support::insertOnlyMap<lockEntry> lockmap_;  // by identity hash
 };
 
 }  // namespace agent

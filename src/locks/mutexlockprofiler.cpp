@@ -2,18 +2,19 @@
 
 #include <array>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "agent/boundary.h"
 #include "agent/profilerRegistry.h"
 #include "agent/reportOutcome.h"
 #include "agent/twAprLib.h"
 #include "agent/vmEnd.h"
+#include "locks/lockRanking.h"
 #include "locks/lockReport.h"
+#include "locks/monitorEvent.h"
 #include "support/fileWriter.h"
-#include "support/jniRef.h"
-#include "support/jvmtiPtr.h"
-#include "support/jvmtiRecords.h"
 #include "support/sourcePlace.h"
 #include "support/text.h"
 
@@ -34,40 +35,27 @@ constexpr jint kMaxFrames = 100;
 constexpr std::int64_t kNanosPerMinute = 60000000000;
 constexpr std::uint32_t kLastMinuteSlot = 300;
 
-// The locks ranked since the last report; of the process, not of a profiler.
-struct reportQueueOfProcess {
-  support::mutex mutex;
-  mutexLockProfiler::rankedLocks locks GUARDED_BY(mutex);
-};
-
-reportQueueOfProcess& reportQueue() {
-  static reportQueueOfProcess& queue = *new reportQueueOfProcess;
-  return queue;
+// An error of a handler; a null text is not written.
+void logError(const handlerTexts& texts, const char* message,
+              support::sourcePlace where = support::sourcePlace::current()) {
+  if (message == nullptr || twAprLib::level() < kLogError) {
+    return;
+  }
+  twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, texts.function,
+                  "%s", message);
 }
 
-// The start of the block or wait that this native thread is in, 0 for none. A virtual thread may
-// end it on another one.
-thread_local std::int64_t openStart = 0;
-
-// The time from `start` to `end`; 0 when one of them is not known.
-std::uint64_t elapsed(std::int64_t start, std::int64_t end) {
-  return start > 0 && end > start ? static_cast<std::uint64_t>(end - start) : 0;
+// Why an event goes no further; without a failure it has no thread.
+void logUnidentified(const handlerTexts& texts, identityFailure failure) {
+  logError(texts, failure == identityFailure::none
+                      ? texts.threadIsNull
+                      : texts.notIdentified.at(static_cast<std::size_t>(failure)));
 }
 
-std::string describe(const LockSessionConfig& config) {
-  std::string text = "*********Session Details :\n\t\tSession Id : ";
-  text += std::to_string(config.sessionId);
-  text += "\n\t\tSession Name : " + config.sessionName;
-  text += "\n\t\tDuration : " + std::to_string(config.duration);
-  text += "\n\t\tMax Locks Count  : " + std::to_string(config.maxLockCount.value());
-  text += "\n\t\tTop Lock count to capture : " + std::to_string(config.topLockCount);
-  text += "\n\t\tMax Thread Per Lock Count : " + std::to_string(config.maxThreadPerLockCount);
-  text += "\n\t\tMax Thread Count : " + std::to_string(config.maxThreadCount);
-  text += "\n\t\tMax StackTrace Count : " + std::to_string(config.maxStackTraceCount.value());
-  text += "\n\t\tMax StackTrace Count Per Thread : " +
-          std::to_string(config.maxStackTraceCountPerThread);
-  text += "\n\t\tSize of graph array : " + std::to_string(config.graphSize);
-  return text;
+void logThreadAndLock(monitorEvent& event, const identifiedLock& lock) {
+  TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
+         "Current Thread is : %s , Curent lock name : %s", event.threadName().c_str(),
+         lock.name().c_str());
 }
 
 void logUnwritable(const char* function, const char* what, const std::string& path,
@@ -85,68 +73,6 @@ const profilerKind kThisKind(kMutexLockProfiler, []() -> std::shared_ptr<profile
 });
 
 }  // namespace
-
-// What a handler says in the log; null texts are not said.
-struct mutexLockProfiler::handlerTexts {
-  const char* function;
-  const char* objectIsNull;
-  const char* noGetClass;
-  const char* noGetName;
-  const char* classIsEmpty;
-  const char* threadIsNull;
-  const char* exception;
-  bool saysWhoAndWhat = true;  // thread and lock of every event, at Debug
-
-  void error(const char* message,
-             support::sourcePlace where = support::sourcePlace::current()) const {
-    if (message == nullptr || twAprLib::level() < kLogError) {
-      return;
-    }
-    twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line, function, "%s",
-                    message);
-  }
-};
-
-// One event, and what its handler works on.
-struct mutexLockProfiler::monitorEvent {
-  jvmtiEnv* jvmti;
-  JNIEnv* jni;
-  jthread thread;
-  jobject object;
-  const handlerTexts& texts;
-  std::int32_t state;
-  std::uint32_t epoch;
-  lockStore& store;
-  support::threadName name;
-  bool nameIsRead = false;
-  jlong time = 0;  // 0 when the VM gave none
-
-  bool detail() const { return state == kLockDetail; }
-  bool saysWhoAndWhat() const { return texts.saysWhoAndWhat && twAprLib::level() >= kLogDebug; }
-  void readTime() {
-    if (jvmti->GetTime(&time) != JVMTI_ERROR_NONE) {
-      time = 0;
-    }
-  }
-  // The name of the event's thread; asked for when it is used first.
-  const support::threadName& threadName() {
-    if (!nameIsRead) {
-      name.read(thread);
-    }
-    nameIsRead = true;
-    return name;
-  }
-};
-
-// The lock of an event: its record, or what it would be recorded under.
-struct mutexLockProfiler::namedMonitor {
-  lockBean* bean = nullptr;
-  // Its class, where a record may yet be made or looked up by name.
-  std::shared_ptr<const support::namedClass> cls;
-  jint hash = 0;
-
-  std::string name() const { return bean ? bean->lockName : lockNameOf(cls->value, hash); }
-};
 
 mutexLockProfiler::mutexLockProfiler()
     : profiler(kLockStopped), store_(std::make_shared<lockStore>(nullptr)) {}
@@ -178,7 +104,7 @@ void mutexLockProfiler::setState(std::int32_t state) {
 
 void mutexLockProfiler::noteLostEvents() {
   epoch_.fetch_add(1);
-  store()->noteLostEvents();
+  store()->starts.noteLostEvents();
 }
 
 void mutexLockProfiler::publish(const std::shared_ptr<profiler>& self) {
@@ -228,10 +154,11 @@ std::int32_t mutexLockProfiler::setProfileData(std::unique_ptr<sessionSettings> 
       return 0;
     }
     settings.release();
+    // Deliberate: a new session keeps the graphs' origin and the queue of ranked locks.
     const auto next = std::make_shared<lockStore>(std::unique_ptr<LockSessionConfig>(given));
     // Described before events take from its countdowns.
     const std::string details =
-        twAprLib::level() >= kLogTrace ? describe(*next->config) : std::string();
+        twAprLib::level() >= kLogTrace ? next->config->describe() : std::string();
     if (!useStore(next)) {
       return 0;
     }
@@ -270,52 +197,19 @@ void mutexLockProfiler::sortData() {
     if (locks.empty()) {
       TW_LOG(kLogError, kSeverityError, kSortData, "No lock object found");
     }
-    select(current, locks);
+    lockRanking::ofProcess().select(current, locks);
+    epoch_.fetch_add(1);
     TW_LOG(kLogDebug, kSeverityDebug, kSortData, "Going to reset count");
     for (lockBean* const lock : locks) {
-      lock->count.store(0);
-      lock->totalBlockTime.store(0);
+      lock->resetCounts();
     }
   });
-}
-
-// Keeps the locks with the longest block times; at the cut, the one met first stays.
-void mutexLockProfiler::select(const std::shared_ptr<lockStore>& store,
-                               const std::vector<lockBean*>& locks) {
-  const auto most = static_cast<std::uint32_t>(store->config ? store->config->topLockCount : 0);
-  rankedLocks selectionHeap;
-  for (lockBean* const lock : locks) {
-    const auto blockTime = static_cast<std::int64_t>(lock->totalBlockTime.load());
-    if (selectionHeap.size() >= most) {
-      if (most == 0 || blockTime <= selectionHeap.top().blockTime) {
-        continue;
-      }
-      selectionHeap.pop();
-    }
-    selectionHeap.push({lock->lockName, blockTime, store, lock});
-  }
-
-  for (; !selectionHeap.empty(); selectionHeap.pop()) {
-    {
-      const support::lockGuard guard(reportQueue().mutex);
-      reportQueue().locks.push(selectionHeap.top());
-    }
-    selectionHeap.top().bean->select();
-  }
-  epoch_.fetch_add(1);
 }
 
 topLockBean* mutexLockProfiler::findTopLock(std::string_view lockName) const {
   const std::map<std::string_view, topLockBean*> selected = store()->topLockMap();
   const auto found = selected.find(lockName);
   return found == selected.end() ? nullptr : found->second;
-}
-
-mutexLockProfiler::rankedLocks mutexLockProfiler::takeReportQueue() {
-  rankedLocks taken;
-  const support::lockGuard guard(reportQueue().mutex);
-  taken.swap(reportQueue().locks);
-  return taken;
 }
 
 // --- Reports ---------------------------------------------------------------------------------
@@ -343,71 +237,50 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
              "No lock report written: the report path is null or empty");
       return 0;
     }
-    support::fileWriter file(support::fileSystemPath(reportPath),
-                             support::fileWriter::mode::truncate);
-
-    support::jsonWriter json;
-    json.beginObject();
-    writeSession(json, *current->config);
-
-    json.key("lockmap").beginObject();
-    rankedLocks ranked = takeReportQueue();
-    if (ranked.empty()) {
-      TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
-             "Agent was not able to find any lockBean data to report genuinely as no problem "
-             "occurred");
+    writeReport(current, reportPath);
+    if (lookups_.perSecond() > 0) {
+      TW_LOG(kLogTrace, kSeverityTrace, kDumpJson,
+             "Owner lookups left out : %llu , at most %d a second were made",
+             static_cast<unsigned long long>(current->ownerLookups.skipped.load()),
+             lookups_.perSecond());
     }
-    for (; !ranked.empty(); ranked.pop()) {
-      const rankedLock& each = ranked.top();
-      // A lock of an earlier session is not reported any more.
-      if (each.store.lock() != current || !each.bean->hasThreads()) {
-        continue;
-      }
-      if (writeLock(json, *each.bean, current->config->graphSize) == 0) {
-        TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
-               "Agent was not able to find any threadBean data for %s to report genuinely as no "
-               "problem occurred",
-               each.lockName.c_str());
-      }
-    }
-    json.endObject();
-
-    writeStackHashes(json, *current);
-
-    const blockingThreadBeans owners = mergeBlockingThreads(current->topLockMap());
-    if (owners.empty()) {
-      TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
-             "Agent was not able to find any blocking thread data to report genuinely as no "
-             "problem occurred");
-    }
-    writeBlockingThreads(json, owners);
-    std::optional<ownerLookupCounts> lookups;
-    if (ownerLookups_.perSecond() > 0) {
-      lookups = writeOwnerLookups(json, *current, ownerLookups_.perSecond());
-    }
-    json.endObject();
-
-    file.write(json.text());
-    const std::string reason = file.close();
-    reportOutcomes::ofProcess().end(kMutexLockProfiler, reportPath, reason, file.written(),
-                                    lookups);
-    if (!reason.empty()) {
-      logUnwritable(kDumpJson, "lock report", reportPath, reason);
-    }
-    logLeftOutOwnerLookups(*current);
     current->clearTopLocks();
-    return 1;
+    return 1;  // Deliberate: also when the file could not be written; the log has the reason
   });
 }
 
-void mutexLockProfiler::logLeftOutOwnerLookups(const lockStore& store) const {
-  if (ownerLookups_.perSecond() == 0) {
-    return;
+void mutexLockProfiler::writeReport(const std::shared_ptr<lockStore>& store,
+                                    const std::string& path) const {
+  support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::truncate);
+  const sessionSnapshot session =
+      snapshotOf(store, lockRanking::ofProcess().takeReportQueue(), lookups_.perSecond());
+  if (session.nothingRanked) {
+    TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+           "Agent was not able to find any lockBean data to report genuinely as no problem "
+           "occurred");
   }
-  TW_LOG(kLogTrace, kSeverityTrace, kDumpJson,
-         "Owner lookups left out : %llu , at most %d a second were made",
-         static_cast<unsigned long long>(store.leftOutOwnerLookups.load()),
-         ownerLookups_.perSecond());
+  for (const lockSnapshot& each : session.locks) {
+    if (each.threads.empty()) {  // Deliberate: never, as locks without threads are not reported
+      TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+             "Agent was not able to find any threadBean data for %s to report genuinely as no "
+             "problem occurred",
+             std::string(each.lockName).c_str());
+    }
+  }
+  if (session.blockingThreads.empty()) {
+    TW_LOG(kLogWarn, kSeverityWarn, kDumpJson,
+           "Agent was not able to find any blocking thread data to report genuinely as no "
+           "problem occurred");
+  }
+  support::jsonWriter json;
+  writeLockReport(json, session);
+  file.write(json.text());
+  const std::string reason = file.close();
+  reportOutcomes::ofProcess().end(kMutexLockProfiler, path, reason, file.written(),
+                                  session.ownerLookups);
+  if (!reason.empty()) {
+    logUnwritable(kDumpJson, "lock report", path, reason);
+  }
 }
 
 void mutexLockProfiler::dumpStackInFile(lockStore& store) {
@@ -415,35 +288,21 @@ void mutexLockProfiler::dumpStackInFile(lockStore& store) {
     return;
   }
   const std::string& path = store.config->stackFilePath;
-  std::size_t written = 0;
-  std::string reason;
-  {
-    const support::lockGuard guard(store.stackMapMutex);
-    if (store.stacktracemap.empty()) {
-      return;
-    }
-    support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::append);
-    written = store.stacktracemap.size();
-    for (const auto& [hash, text] : store.stacktracemap) {
-      file.write(std::to_string(hash));
-      file.write("=[");
-      file.write(text);
-      file.write("]\n");
-    }
-    store.stacktracemap.clear();
-    // Only the low half of the graphs' origin goes.
-    constexpr std::int64_t kHighHalf = ~std::int64_t{0xFFFFFFFF};
-    startTime_.fetch_and(kHighHalf);
-    reason = file.close();
+  const std::optional<knownStackTraces::written> written = store.stackTraces.writeTexts(path);
+  if (!written) {
+    return;
   }
-  TW_LOG(kLogDebug, kSeverityDebug, kDumpStack, "StackMap size is : %zu", written);
-  if (written == 0) {
+  // Deliberate: only the low half of the graphs' origin goes.
+  constexpr std::int64_t kHighHalf = ~std::int64_t{0xFFFFFFFF};
+  startTime_.fetch_and(kHighHalf);
+  TW_LOG(kLogDebug, kSeverityDebug, kDumpStack, "StackMap size is : %zu", written->traces);
+  if (written->traces == 0) {  // Deliberate: never, as nothing is written then
     TW_LOG(kLogWarn, kSeverityWarn, kDumpStack,
            "Agent was not able to find any stackMap data to report genuinely as no problem "
            "occurred");
   }
-  if (!reason.empty()) {
-    logUnwritable(kDumpStack, "stack trace file", path, reason);
+  if (!written->error.empty()) {
+    logUnwritable(kDumpStack, "stack trace file", path, written->error);
   }
 }
 
@@ -472,7 +331,7 @@ void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEn
     const std::uint32_t epoch = self.epoch_.load();  // before the state that it belongs to
     const std::int32_t state = self.state();
     if (state == kLockStopped) {
-      openStart = 0;  // it has ended now, or another one has begun whose start is not left
+      blockStarts::forget();
       return;
     }
     monitorEvent event{jvmti,  jni,          thread,
@@ -484,125 +343,63 @@ void mutexLockProfiler::handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEn
 
 void JNICALL mutexLockProfiler::MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                                       jobject object) {
-  static constexpr handlerTexts kTexts = {
-      "mutexLockProfiler::MonitorContendedEnter",
-      "monitor object is NULL",
-      "Unable to get method id of class object",
-      "Unable to get method id for java/lang/string",
-      "object class is empty",
-      "object thread is NULL",
-      "Exception occured in mutexprofiler : MonitorContendedEnter"};
-  handle(kTexts, jvmti, jni, thread, object,
+  handle(kEnterTexts, jvmti, jni, thread, object,
          [](mutexLockProfiler& self, monitorEvent& event) { self.contendedEnter(event); });
 }
 
 void JNICALL mutexLockProfiler::MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni,
                                                         jthread thread, jobject object) {
-  static constexpr handlerTexts kTexts = {
-      "mutexLockProfiler::MonitorContendedEntered",
-      "monitor entered object is NULL",
-      "entered method is not found",
-      "entered mid for java/lang/string not found",
-      "enter class is empty",
-      "entered thread is NULL",
-      "Exception occured in  mutexprofiler : MonitorContendedEntered"};
-  handle(kTexts, jvmti, jni, thread, object,
+  handle(kEnteredTexts, jvmti, jni, thread, object,
          [](mutexLockProfiler& self, monitorEvent& event) { self.contendedEntered(event); });
 }
 
 void JNICALL mutexLockProfiler::MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                             jobject object, jlong /*timeout*/) {
-  static constexpr handlerTexts kTexts = {"mutexLockProfiler::MonitorWait",
-                                          "wait object is NULL",
-                                          "wait method is is empty",
-                                          "wait mid for java/lang/string is empty",
-                                          "wait class is empty",
-                                          "wait thread is NULL",
-                                          "Exception occured in  mutexprofiler : MonitorWait"};
-  handle(kTexts, jvmti, jni, thread, object,
+  handle(kWaitTexts, jvmti, jni, thread, object,
          [](mutexLockProfiler& self, monitorEvent& event) { self.wait(event); });
 }
 
 void JNICALL mutexLockProfiler::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                               jobject object, jboolean /*timedOut*/) {
-  static constexpr handlerTexts kTexts = {"mutexLockProfiler::MonitorWaited",
-                                          nullptr,
-                                          nullptr,
-                                          nullptr,
-                                          nullptr,
-                                          "waited thread is NULL",
-                                          "Exception occured in  mutexprofiler : MonitorWaited",
-                                          false};
-  handle(kTexts, jvmti, jni, thread, object,
+  handle(kWaitedTexts, jvmti, jni, thread, object,
          [](mutexLockProfiler& self, monitorEvent& event) { self.waited(event); });
 }
 
-// Leaves the event's time in its thread's storage, as the start of a block or wait.
-inline void mutexLockProfiler::leaveStart(monitorEvent& event) {
-  event.readTime();
-  event.store.noteStart(event.time);
-  openStart = event.time;
-  void* const stored = reinterpret_cast<void*>(static_cast<std::intptr_t>(event.time));
-  const jvmtiError error = event.jvmti->SetThreadLocalStorage(event.thread, stored);
-  if (error != JVMTI_ERROR_NONE) {
-    event.store.noteLostEvents();  // an older start stays there
+// Which lock the event is about. False, and the reason is in the log, when the VM does not name it
+// or the event has no thread.
+inline bool mutexLockProfiler::identify(monitorEvent& event, identifiedLock& lock) {
+  const bool isShown = event.showsThreadAndLock();
+  const identityFailure failure = event.store.identify(event.jvmti, event.jni, event.object,
+                                                       classes_, event.detail() || isShown, lock);
+  if (failure != identityFailure::none || event.thread == nullptr) {
+    logUnidentified(event.texts, failure);
+    return false;
   }
-}
-
-// The start of the block or wait that the event ends, as an earlier event of the thread has left
-// it; none when it is not known. What an earlier session has left is not known. What was left
-// before events were lost may have ended since, unless this native thread is in it still.
-inline std::optional<std::int64_t> mutexLockProfiler::takeStart(const monitorEvent& event) const {
-  const std::int64_t open = std::exchange(openStart, 0);
-  void* stored = nullptr;
-  if (event.jvmti->GetThreadLocalStorage(event.thread, &stored) != JVMTI_ERROR_NONE ||
-      stored == nullptr) {
-    return std::nullopt;
+  if (isShown) {
+    logThreadAndLock(event, lock);
   }
-  const auto start = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stored));
-  const bool known =
-      event.store.hasLeftSinceLoss(start) || (start == open && event.store.hasLeft(start));
-  return known ? std::optional(start) : std::nullopt;
+  return true;
 }
 
 void mutexLockProfiler::contendedEnter(monitorEvent& event) {
-  leaveStart(event);
-  std::int64_t origin = startTime_.load();
-  if (origin < 1 && event.time > 0) {
-    startTime_.compare_exchange_strong(origin, event.time);
-  }
-
-  namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+  event.leaveStart();
+  beginGraphs(event.time);
+  identifiedLock lock;
+  if (!identify(event, lock)) {
     return;
   }
-  if (monitor.bean == nullptr) {
-    bool made = false;
-    monitor.bean = makeLock(event, monitor, made);
-    if (made) {
+  if (lock.bean == nullptr) {
+    const lockStore::recordedLock recorded = recordLock(event, lock);
+    if (recorded.made) {
       return;
     }
+    lock.bean = recorded.bean;
   }
-  if (!event.detail()) {
-    if (monitor.bean == nullptr) {
-      return;
-    }
-    monitor.bean->count.fetch_add(1, std::memory_order_relaxed);
-    monitor.bean->setName();
-    return;
+  if (event.detail()) {
+    countDetail(event, lock.bean);
+  } else if (lock.bean != nullptr) {
+    lock.bean->countEntry();
   }
-
-  threadBean* thread = nullptr;
-  if (monitor.bean != nullptr) {
-    thread = monitor.bean->countEntry(event.threadName().view(), minuteSlot(event.time));
-  }
-  // A lock without a record cannot be selected: the ranking takes what has one.
-  topLockBean* const top = monitor.bean != nullptr ? monitor.bean->top() : nullptr;
-  if (top != nullptr) {
-    top->waiters.enter(event.epoch);
-    lookUpOwner(event, *top);
-  }
-  updateStackTrace(event, thread, top);
 }
 
 void mutexLockProfiler::contendedEntered(monitorEvent& event) {
@@ -617,47 +414,39 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
     }
   } guard{epoch_};
 
-  event.readTime();
-  const std::optional<std::int64_t> start = takeStart(event);
-  namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+  const std::optional<std::int64_t> start = event.takeStart();
+  identifiedLock lock;
+  if (!identify(event, lock)) {
     return;
   }
-  if (monitor.bean == nullptr) {
+  if (lock.bean == nullptr) {
     guard.missed = false;
     return;
   }
-  topLockBean* const top = event.detail() ? monitor.bean->top() : nullptr;
+  topLockBean* const top = event.detail() ? lock.bean->top() : nullptr;
   const bool hasKnownWaiters = top != nullptr && top->waiters.leave(event.epoch) > 0;
   guard.missed = false;
 
-  monitor.bean->setName();
+  lock.bean->setName();
   if (start) {
-    const std::uint64_t blocked = elapsed(*start, event.time);
-    monitor.bean->totalBlockTime.fetch_add(blocked, std::memory_order_relaxed);
     threadBean* const thread =
-        event.detail() ? monitor.bean->findThread(event.threadName().view()) : nullptr;
-    if (thread != nullptr) {
-      thread->totalBlockTime.fetch_add(blocked, std::memory_order_relaxed);
-      thread->lastEnterTime.store(*start, std::memory_order_relaxed);
-    }
+        event.detail() ? lock.bean->findThread(event.threadName().view()) : nullptr;
+    lock.bean->addBlock(thread, *start, event.time);
   }
-  if (top == nullptr) {
-    return;
+  if (top != nullptr) {
+    closePeriod(event, *top);
+    openPeriod(event, *top, hasKnownWaiters);
   }
-  closeOwnersPeriod(event, *top);
-  openOwnPeriod(event, *top, hasKnownWaiters);
 }
 
 void mutexLockProfiler::wait(monitorEvent& event) {
-  leaveStart(event);
-  namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+  event.leaveStart();
+  identifiedLock lock;
+  if (!identify(event, lock)) {
     return;
   }
-  if (monitor.bean == nullptr) {
-    bool made = false;
-    makeLock(event, monitor, made);
+  if (lock.bean == nullptr) {
+    recordLock(event, lock);
   }
   TW_LOG(kLogDebug, kSeverityDebug, event.texts.function, "wait start time%lld",
          static_cast<long long>(event.time));
@@ -665,309 +454,115 @@ void mutexLockProfiler::wait(monitorEvent& event) {
 
 void mutexLockProfiler::waited(monitorEvent& event) {
   if (!event.detail()) {  // waits are measured in detail sessions only
-    openStart = 0;
+    blockStarts::forget();
     if (event.object != nullptr && event.thread == nullptr) {
-      event.texts.error(event.texts.threadIsNull);
+      logError(event.texts, event.texts.threadIsNull);
     }
     return;
   }
-  event.readTime();
-  const std::optional<std::int64_t> start = takeStart(event);
-  namedMonitor monitor;
-  if (!nameMonitor(event, monitor) || !nameThread(event, monitor)) {
+  const std::optional<std::int64_t> start = event.takeStart();
+  identifiedLock lock;
+  if (!identify(event, lock) || lock.bean == nullptr) {
     return;
   }
-  if (monitor.bean == nullptr) {
-    return;
+  threadBean* const thread = lock.bean->threadForWait(event.threadName().view());
+  if (start) {
+    lock.bean->addWait(thread, *start, event.time);
   }
-  threadBean* const thread = monitor.bean->threadForWait(event.threadName().view());
-  if (!start) {
-    return;
-  }
-  const std::uint64_t waited = elapsed(*start, event.time);
-  monitor.bean->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
-  if (thread == nullptr) {
-    return;
-  }
-  thread->totalWaitTime.fetch_add(waited, std::memory_order_relaxed);
-  thread->lastWaitTime.store(*start, std::memory_order_relaxed);
-}
-
-// Finds the lock of the event, or the class name and hash it would be recorded under. False, after
-// saying so, when the VM does not tell them.
-bool mutexLockProfiler::nameMonitor(monitorEvent& event, namedMonitor& monitor) {
-  if (event.object == nullptr) {
-    event.texts.error(event.texts.objectIsNull);
-    return false;
-  }
-  const support::localRef<jclass> cls(event.jni, event.jni->GetObjectClass(event.object));
-  if (!cls) {
-    event.texts.error(event.texts.noGetClass);
-    return false;
-  }
-  const bool hashed =
-      event.jvmti->GetObjectHashCode(event.object, &monitor.hash) == JVMTI_ERROR_NONE;
-  if (hashed) {
-    monitor.bean = event.store.findLock(event.jni, cls.get(), monitor.hash);
-    if (monitor.bean != nullptr) {
-      return true;
-    }
-    // Beyond the budget, what a lock would be called matters only to those who read of it.
-    if (!event.detail() && !event.saysWhoAndWhat() && event.store.refuses(monitor.hash)) {
-      return true;
-    }
-  }
-  support::classNameResult named = classes_.of(event.jvmti, event.jni, event.object, cls.get());
-  switch (named.failure) {
-    case support::classNameFailure::none:
-      break;
-    case support::classNameFailure::noGetClass:
-      event.texts.error(event.texts.noGetClass);
-      return false;
-    case support::classNameFailure::noGetName:
-      event.texts.error(event.texts.noGetName);
-      return false;
-    case support::classNameFailure::empty:
-      event.texts.error(event.texts.classIsEmpty);
-      return false;
-  }
-  monitor.cls = std::move(named.found);
-  if (!hashed) {
-    return false;
-  }
-  monitor.bean = event.store.findLock(*monitor.cls, monitor.hash);
-  return true;
-}
-
-// Whether the event has a thread; at Debug, says which thread and lock it is about.
-bool mutexLockProfiler::nameThread(monitorEvent& event, const namedMonitor& monitor) {
-  if (event.thread == nullptr) {
-    event.texts.error(event.texts.threadIsNull);
-    return false;
-  }
-  if (event.saysWhoAndWhat()) {
-    TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
-           "Current Thread is : %s , Curent lock name : %s", event.threadName().c_str(),
-           monitor.name().c_str());
-  }
-  return true;
 }
 
 // Records a lock met for the first time, budget permitting; none are made in a detail session. When
-// another event has made it meanwhile, `made` is false and that record is given.
-lockBean* mutexLockProfiler::makeLock(monitorEvent& event, const namedMonitor& monitor,
-                                      bool& made) {
+// another event has made it meanwhile, that record is given.
+lockStore::recordedLock mutexLockProfiler::recordLock(monitorEvent& event,
+                                                      const identifiedLock& lock) {
   lockStore& store = event.store;
   if (!store.config) {
-    return nullptr;
+    return {};
   }
-  if (event.detail() || !monitor.cls) {
+  // Deliberate: a detail session records no new lock, yet takes from the budget.
+  if (event.detail() || !lock.cls) {
     store.config->maxLockCount.take();
-    return nullptr;
+    return {};
   }
-  const lockStore::recordedLock recorded = store.recordLock(monitor.cls, monitor.hash);
-  made = recorded.made;
-  if (made) {
+  const lockStore::recordedLock recorded = store.recordLock(lock.cls, lock.hash);
+  if (recorded.made) {
     TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
            "Going to create lockbean obj,Max Locks Count is :  %d and top n mutex lock is : %d",
            recorded.budgetLeft, store.config->topLockCount);
-    // An error word at the debug threshold, as operators know it.
+    // Deliberate: an error word at the debug threshold, as operators know it.
     TW_LOG(kLogDebug, kSeverityError, event.texts.function, "add new object %s",
            recorded.bean->lockName.c_str());
   }
-  return recorded.bean;
+  return recorded;
 }
 
-// The whole minutes since the first contended entry; 0 for what lies outside the graph.
+// A contended entry of a detail session; `lock` is null when it has no record, and then it is not
+// selected: the ranking takes what has one.
+void mutexLockProfiler::countDetail(monitorEvent& event, lockBean* lock) {
+  threadBean* thread = nullptr;
+  topLockBean* top = nullptr;
+  if (lock != nullptr) {
+    thread = lock->countEntry(event.threadName().view(), minuteSlot(event.time));
+    top = lock->top();
+  }
+  if (top != nullptr) {
+    top->waiters.enter(event.epoch);
+    findOwner(event, *top);
+  }
+  updateStackTrace(event, thread, top);
+}
+
+// The first contended entry is the origin of the minute graphs.
+inline void mutexLockProfiler::beginGraphs(std::int64_t time) {
+  std::int64_t origin = startTime_.load();
+  if (origin < 1 && time > 0) {
+    startTime_.compare_exchange_strong(origin, time);
+  }
+}
+
+// The whole minutes since the first contended entry. Deliberate: their low 32 bits without sign,
+// and 0 for what lies outside the graph then.
 std::size_t mutexLockProfiler::minuteSlot(std::int64_t time) const {
   const auto slot = static_cast<std::uint32_t>((time - startTime_.load()) / kNanosPerMinute);
   return slot > kLastMinuteSlot ? 0 : slot;
 }
 
-// Takes one of the looks of this second; where there is none left, the event goes without an owner.
-bool mutexLockProfiler::mayLookUpOwner(const monitorEvent& event) {
-  if (ownerLookups_.perSecond() == 0) {
-    return true;
-  }
-  const bool may = ownerLookups_.take(event.time);
-  lockStore& store = event.store;
-  (may ? store.madeOwnerLookups : store.leftOutOwnerLookups)
-      .fetch_add(1, std::memory_order_relaxed);
-  return may;
-}
-
 // Finds out who owns the monitor that the event's thread waits for, and counts that owner.
-void mutexLockProfiler::lookUpOwner(monitorEvent& event, topLockBean& top) {
-  std::shared_ptr<ownerLookup> lookup;
-  bool looks = false;
-  {
-    const support::lockGuard guard(top.mutex);
-    top.ownerSeen = true;
-    looks = !top.lookup || !top.lookup->join();
-    if (looks && !mayLookUpOwner(event)) {
-      return;
-    }
-    if (looks) {
-      top.lookup = std::make_shared<ownerLookup>();
-    }
-    lookup = top.lookup;
-  }
-  std::optional<foundOwner> found;
-  if (!looks) {
-    found = lookup->wait();
-    if (!found) {  // nobody else is to wait for it
-      const support::lockGuard guard(top.mutex);
-      if (top.lookup == lookup) {
-        top.lookup = nullptr;
-      }
-      if (!mayLookUpOwner(event)) {
-        return;
-      }
-    }
-  }
-  if (!found) {
-    found = askForOwner(event, looks ? lookup.get() : nullptr);
-  }
-  if (!found) {
+void mutexLockProfiler::findOwner(monitorEvent& event, topLockBean& top) {
+  const std::optional<foundOwner> owner =
+      top.findOwner(lookups_, event.question(), event.store.ownerLookups);
+  if (!owner) {
     return;
   }
-  if (!found->isNamed) {
-    event.texts.error("monitor usage owner not found");
+  if (!owner->isNamed) {
+    logError(event.texts, "monitor usage owner not found");
     return;
   }
   TW_LOG(kLogDebug, kSeverityDebug, event.texts.function, "Monitor owner name :  %s",
-         found->name.c_str());
-
-  const support::lockGuard guard(top.mutex);
-  top.ownerName = found->name;
-  const auto owner = top.blockingThreads.find(found->name);
-  if (owner != top.blockingThreads.end()) {
-    ++owner->second.blockingCount;
-  } else if (event.store.config && event.store.config->maxThreadCountCopy.take()) {
-    top.blockingThreads.try_emplace(found->name);
-  }
+         owner->name.c_str());
+  LockSessionConfig* const config = event.store.config.get();
+  top.found(owner->name, config == nullptr ? nullptr : &config->maxThreadCountCopy);
 }
 
-// Asks the VM for the owner; what is found is told to those who wait for `lookup`, if it is given.
-// Nothing when the VM is ending.
-std::optional<foundOwner> mutexLockProfiler::askForOwner(monitorEvent& event, ownerLookup* lookup) {
-  struct announcement {
-    ownerLookup* lookup;
-    std::optional<foundOwner> found;
-    ~announcement() {
-      if (lookup == nullptr) {
-        return;
-      }
-      lookup->begin();
-      lookup->publish(std::move(found));
-    }
-  } announced{lookup, std::nullopt};
-
-  foundOwner found;
-  support::monitorUsage usage(event.jvmti, event.jni);
-  {
-    const support::vmTurn turn(usageTurns_);
-    if (lookup != nullptr) {
-      lookup->begin();
-    }
-    if (vmIsEnding()) {
-      return std::nullopt;
-    }
-    usage.read(event.object);
+// The owner last seen has let the monitor go.
+void mutexLockProfiler::closePeriod(const monitorEvent& event, topLockBean& top) {
+  const bool isLogged = twAprLib::level() >= kLogDebug;
+  std::string owner;
+  if (!top.closePeriod(event.time, isLogged ? &owner : nullptr) || !isLogged) {
+    return;
   }
-  if (usage.owner() != nullptr) {
-    support::threadName owner(event.jvmti, event.jni);
-    owner.read(usage.owner());
-    found = {true, std::string(owner.view())};
-  }
-  announced.found = found;
-  return found;
-}
-
-// The owner last seen has let the monitor go: charges it with the period it held up others.
-void mutexLockProfiler::closeOwnersPeriod(const monitorEvent& event, topLockBean& top) {
-  std::string ownerName;
-  {
-    const support::lockGuard guard(top.mutex);
-    if (top.ownerName.empty() || !top.ownerSeen) {
-      return;
-    }
-    const auto owner = top.blockingThreads.find(top.ownerName);
-    if (owner == top.blockingThreads.end()) {
-      return;
-    }
-    owner->second.totalBlockingTime += elapsed(owner->second.blockStartTime, event.time);
-    owner->second.blockStartTime = 0;
-    if (twAprLib::level() < kLogDebug) {
-      return;
-    }
-    ownerName = top.ownerName;
-  }
+  // Deliberate: the flag is always 1, as without it no period is closed.
   TW_LOG(kLogDebug, kSeverityDebug, event.texts.function,
-         "Current blocking thread : %s ,flag is : %d", ownerName.c_str(), 1);
+         "Current blocking thread : %s ,flag is : %d", owner.c_str(), 1);
 }
 
 // The event's thread owns the monitor now. If it is a known owner and others wait, a period in
 // which it holds them up begins. The VM is asked for waiters only when the events told of none.
-void mutexLockProfiler::openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters) {
+void mutexLockProfiler::openPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters) {
   const std::string_view self = event.threadName().view();
-  const auto open = [&](blockingThreadBean& own) {
-    ++own.blockCount;
-    own.blockStartTime = event.time;
-  };
-  {
-    const support::lockGuard guard(top.mutex);
-    const auto own = top.blockingThreads.find(self);
-    if (own == top.blockingThreads.end()) {
-      return;
-    }
-    if (hasKnownWaiters) {
-      open(own->second);
-      return;
-    }
+  if (hasKnownWaiters || (top.knows(self) && lookups_.hasWaiters(event.question()))) {
+    top.openPeriod(self, event.time);
   }
-  if (!ownerLookups_.take(event.time)) {
-    return;
-  }
-  support::monitorUsage usage(event.jvmti, event.jni);
-  {
-    const support::vmTurn turn(usageTurns_);
-    if (vmIsEnding()) {
-      return;
-    }
-    usage.read(event.object);
-  }
-  if (usage.waiterCount() <= 0) {
-    return;
-  }
-  const support::lockGuard guard(top.mutex);
-  const auto own = top.blockingThreads.find(self);
-  if (own != top.blockingThreads.end()) {
-    open(own->second);
-  }
-}
-
-// The hash of a trace's text; the text of a new trace is kept.
-std::uint64_t mutexLockProfiler::hashOf(const monitorEvent& event, stackFrames frames) {
-  lockStore& store = event.store;
-  if (const auto known = store.stackTraces.find(event.jni, frames)) {
-    return *known;
-  }
-
-  stackText trace = textOfFrames(event.jvmti, event.jni, stackClasses_, frames);
-  const std::uint64_t hash = support::fnv1a64(trace.text);
-  if (!store.knowsStackTrace(hash) && store.addStackTrace(hash, trace.text)) {
-    TW_LOG(kLogDebug, kSeverityDebug, kUpdateStackTrace, "Hashcode for current stackTrace : %llu",
-           static_cast<unsigned long long>(hash));
-    const bool inBudget = store.config && store.config->maxStackTraceCount.take();
-    if (inBudget && frames.size() + 1 > kMaxFrames) {
-      dumpStackInFile(store);
-    }
-  }
-  if (trace.classes) {
-    store.stackTraces.remember(frames, hash, *std::move(trace.classes));
-  }
-  return hash;
 }
 
 // Names the stack of the event's thread by its hash, and counts the sighting for the thread on this
@@ -983,17 +578,36 @@ void mutexLockProfiler::updateStackTrace(monitorEvent& event, threadBean* thread
   const std::uint64_t hash =
       hashOf(event, stackFrames(frames.data(), static_cast<std::size_t>(count)));
   if (thread != nullptr) {
-    const support::lockGuard guard(thread->stackMutex);
-    countStackTrace(thread->stacktracebean, hash);
+    thread->countStack(hash);
   }
   if (top != nullptr) {
-    const std::string_view threadName = event.threadName().view();
-    const support::lockGuard guard(top->mutex);
-    const auto own = top->blockingThreads.find(threadName);
-    if (own != top->blockingThreads.end()) {
-      countStackTrace(own->second.stacktracebean, hash);
+    top->countStack(event.threadName().view(), hash);
+  }
+}
+
+// The hash of a trace's text; the text of a new trace is kept.
+std::uint64_t mutexLockProfiler::hashOf(const monitorEvent& event, stackFrames frames) {
+  lockStore& store = event.store;
+  if (const auto known = store.stackTraces.find(event.jni, frames)) {
+    return *known;
+  }
+
+  stackText trace = textOfFrames(event.jvmti, event.jni, stackClasses_, frames);
+  const std::uint64_t hash = support::fnv1a64(trace.text);
+  if (store.stackTraces.add(hash, trace.text)) {
+    TW_LOG(kLogDebug, kSeverityDebug, kUpdateStackTrace, "Hashcode for current stackTrace : %llu",
+           static_cast<unsigned long long>(hash));
+    const bool inBudget = store.config && store.config->maxStackTraceCount.take();
+    // Deliberate: the budget bounds nothing but this early writing. One more than the frames is
+    // above the limit only for a trace that was cut there.
+    if (inBudget && frames.size() + 1 > kMaxFrames) {
+      dumpStackInFile(store);
     }
   }
+  if (trace.classes) {
+    store.stackTraces.remember(frames, hash, *std::move(trace.classes));
+  }
+  return hash;
 }
 
 }  // namespace agent

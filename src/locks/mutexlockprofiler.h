@@ -11,23 +11,22 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <queue>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "agent/profiler.h"
+#include "locks/lockOwners.h"
 #include "locks/lockStore.h"
 #include "locks/lockWork.h"
 #include "locks/stackTraces.h"
 #include "support/annotations.h"
 #include "support/javaClasses.h"
-#include "support/rateLimit.h"
-#include "support/vmTurn.h"
 
 namespace agent {
+
+struct handlerTexts;
+struct monitorEvent;
 
 class mutexLockProfiler : public profiler {
  public:
@@ -46,9 +45,9 @@ class mutexLockProfiler : public profiler {
   void sortData() override;
   std::int32_t dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) override;
 
-  // At most so many looks for the owner or the waiters of a monitor a second, from all events; no
+  // At most so many lookups for the owner or the waiters of a monitor a second, from all events; no
   // limit for 0. By Agent_OnLoad only.
-  void limitOwnerLookups(std::int32_t perSecond) { ownerLookups_.set(perSecond); }
+  void limitOwnerLookups(std::int32_t perSecond) { lookups_.limit(perSecond); }
 
   // Every change of the state also ends what is known about waiting threads.
   void setState(std::int32_t state);
@@ -79,28 +78,7 @@ class mutexLockProfiler : public profiler {
   void setStartTime(std::int64_t nanos) { startTime_.store(nanos); }
   std::size_t classNameCount() const { return classes_.size(); }
 
-  // What sortData hands to the report: a lock of one store, and its block time when it was ranked.
-  struct rankedLock {
-    std::string lockName;
-    std::int64_t blockTime = 0;
-    std::weak_ptr<lockStore> store;
-    lockBean* bean = nullptr;  // valid while `store` is
-  };
-  struct longerBlocked {
-    bool operator()(const rankedLock& a, const rankedLock& b) const {
-      return a.blockTime > b.blockTime;
-    }
-  };
-  // The shortest block time is on top.
-  using rankedLocks = std::priority_queue<rankedLock, std::vector<rankedLock>, longerBlocked>;
-  // Takes the locks ranked since the last report.
-  static rankedLocks takeReportQueue();
-
  private:
-  struct handlerTexts;
-  struct monitorEvent;
-  struct namedMonitor;
-
   template <typename Handle>
   static void handle(const handlerTexts& texts, jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                      jobject object, Handle&& handleEvent);
@@ -110,23 +88,19 @@ class mutexLockProfiler : public profiler {
   void wait(monitorEvent& event);
   void waited(monitorEvent& event);
 
-  bool nameMonitor(monitorEvent& event, namedMonitor& monitor);
-  bool nameThread(monitorEvent& event, const namedMonitor& monitor);
-  lockBean* makeLock(monitorEvent& event, const namedMonitor& monitor, bool& made);
+  bool identify(monitorEvent& event, identifiedLock& lock);
+  lockStore::recordedLock recordLock(monitorEvent& event, const identifiedLock& lock);
+  void countDetail(monitorEvent& event, lockBean* lock);
+  void beginGraphs(std::int64_t time);
   std::size_t minuteSlot(std::int64_t time) const;
-  void leaveStart(monitorEvent& event);
-  std::optional<std::int64_t> takeStart(const monitorEvent& event) const;
-  bool mayLookUpOwner(const monitorEvent& event);
-  void lookUpOwner(monitorEvent& event, topLockBean& top);
-  std::optional<foundOwner> askForOwner(monitorEvent& event, ownerLookup* lookup);
-  void closeOwnersPeriod(const monitorEvent& event, topLockBean& top);
-  void openOwnPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters);
-  std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);
+  void findOwner(monitorEvent& event, topLockBean& top);
+  void closePeriod(const monitorEvent& event, topLockBean& top);
+  void openPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters);
   void updateStackTrace(monitorEvent& event, threadBean* thread, topLockBean* top);
+  std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);
 
   bool useStore(std::shared_ptr<lockStore> next) EXCLUDES(storeMutex_);
-  void logLeftOutOwnerLookups(const lockStore& store) const;
-  void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks);
+  void writeReport(const std::shared_ptr<lockStore>& store, const std::string& path) const;
 
   mutable support::mutex storeMutex_;
   std::shared_ptr<lockStore> store_ GUARDED_BY(storeMutex_);
@@ -136,9 +110,7 @@ class mutexLockProfiler : public profiler {
 
   support::javaClasses classes_;  // of monitors
   heldClasses stackClasses_;      // of methods on stacks
-
-  support::vmTurns usageTurns_;  // for GetObjectMonitorUsage
-  support::rateLimit ownerLookups_;
+  monitorLookups lookups_;
 };
 
 }  // namespace agent

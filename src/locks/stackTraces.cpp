@@ -1,7 +1,9 @@
 #include "locks/stackTraces.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "support/fileWriter.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/text.h"
@@ -100,6 +102,27 @@ bool appendLine(std::string& text, jvmtiEnv* jvmti, JNIEnv* jni, jmethodID metho
 
 }  // namespace
 
+void countStackTrace(stackTraceBeans& beans, std::uint64_t hash) {
+  const auto [bean, isNew] = beans.try_emplace(hash);
+  if (isNew) {
+    return;
+  }
+  ++bean->second.count;
+  bean->second.hashcode = hash;
+}
+
+void mergeStackTraces(stackTraceBeans& into, const stackTraceBeans& from) {
+  for (const auto& [hash, bean] : from) {
+    const auto [merged, isNew] = into.try_emplace(hash, bean);
+    if (isNew) {
+      continue;
+    }
+    merged->second.count += bean.count;
+    merged->second.hashcode = hash;
+  }
+}
+
+// Deliberate: "()" whatever the arguments, and no line numbers.
 stackText textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, stackFrames frames) {
   constexpr std::size_t kUsualLine = 80;
   stackText result;
@@ -149,8 +172,61 @@ void knownStackTraces::remember(stackFrames frames, std::uint64_t hash,
   }
   using node = support::insertOnlyMap<trace>::node;
   auto entry = std::make_unique<node>(keyOf(frames), hash, std::move(methods), std::move(classes));
-  const support::lockGuard guard(mutex_);
+  const support::lockGuard guard(tracesMutex_);
   traces_.insert(std::move(entry));
+}
+
+bool knownStackTraces::add(std::uint64_t hash, std::string_view text) {
+  if (knows(hash)) {
+    return false;
+  }
+  // Deliberate: the hash is that of the lines, the text kept has commas instead.
+  std::string joined(text);
+  std::replace(joined.begin(), joined.end(), '\n', ',');
+  if (!joined.empty()) {
+    joined.pop_back();
+  }
+
+  using node = support::insertOnlyMap<nothing>::node;
+  auto entry = std::make_unique<node>(hash);
+  const support::lockGuard guard(stackMapMutex_);
+  if (knows(hash)) {
+    return false;
+  }
+  stacktracemap_.insert_or_assign(hash, std::move(joined));
+  stackHashMap_.insert(std::move(entry));
+  return true;
+}
+
+std::vector<std::uint64_t> knownStackTraces::hashes() const {
+  std::vector<std::uint64_t> hashes;
+  hashes.reserve(stackHashMap_.size());
+  stackHashMap_.forEach([&](std::uint64_t hash, const nothing&) { hashes.push_back(hash); });
+  std::sort(hashes.begin(), hashes.end());
+  return hashes;
+}
+
+std::map<std::uint64_t, std::string> knownStackTraces::texts() const {
+  const support::lockGuard guard(stackMapMutex_);
+  return stacktracemap_;
+}
+
+std::optional<knownStackTraces::written> knownStackTraces::writeTexts(const std::string& path) {
+  const support::lockGuard guard(stackMapMutex_);
+  if (stacktracemap_.empty()) {
+    return std::nullopt;
+  }
+  support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::append);
+  written result{stacktracemap_.size(), {}};
+  for (const auto& [hash, text] : stacktracemap_) {
+    file.write(std::to_string(hash));
+    file.write("=[");
+    file.write(text);
+    file.write("]\n");
+  }
+  stacktracemap_.clear();  // Deliberate: also of what could not be written
+  result.error = file.close();
+  return result;
 }
 
 }  // namespace agent

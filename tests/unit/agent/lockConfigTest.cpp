@@ -16,7 +16,6 @@ using ::testing::Not;
 
 class lockConfig : public lockTest {
  protected:
-  const LockSessionConfig& config() { return *locks()->store()->config; }
   std::int32_t graphSizeFor(jlong duration) {
     EXPECT_EQ(startProfiling({.duration = duration}), 1);
     return config().graphSize;
@@ -145,7 +144,7 @@ TEST_F(lockConfig, nullConfigurationGives0AndKeepsEverything) {
   EXPECT_EQ(locks()->setProfileData(nullptr), 0);
   EXPECT_EQ(config().sessionName, "checkout");
   EXPECT_NE(lockBeanOf(lock), nullptr);
-  EXPECT_FALSE(locks()->store()->stackHashes().empty());
+  EXPECT_FALSE(stackHashes().empty());
 }
 
 TEST_F(lockConfig, configurationOfAnotherProfilerIsNotTaken) {

@@ -10,11 +10,6 @@ using ::testing::IsEmpty;
 
 class lockLimits : public lockTest {
  protected:
-  std::int32_t locksLeft() { return locks()->store()->config->maxLockCount.value(); }
-  std::int32_t ownersLeft() { return locks()->store()->config->maxThreadCountCopy.value(); }
-  std::int32_t tracesLeft() { return locks()->store()->config->maxStackTraceCount.value(); }
-  std::size_t lockCount() { return locks()->store()->lockCount(); }
-
   fake::object* lock = vm.makeObject("a.Lock");
 };
 
@@ -93,7 +88,7 @@ TEST_F(lockLimits, lockPastItsThreadBudgetStillGetsOwnerAndStack) {
   EXPECT_EQ(threadOf(lock, "t"), nullptr);
   ASSERT_TRUE(ownerOf(lock, "owner"));
   EXPECT_EQ(ownerOf(lock, "owner")->blockingCount, 1U);
-  EXPECT_TRUE(locks()->store()->knowsStackTrace(fnv1a(textOfStack({"a.B.run"}))));
+  EXPECT_THAT(stackHashes(), ::testing::ElementsAre(fnv1a(textOfStack({"a.B.run"}))));
 }
 
 TEST_F(lockLimits, threadsPastTheBudgetOfALockAreNotCounted) {
@@ -185,7 +180,7 @@ TEST_F(lockLimits, stackTracesAreKeptWithoutBudget) {
     contend(thread, lock);
   }
   EXPECT_EQ(tracesOf(lock, "t").size(), 3U);
-  EXPECT_EQ(locks()->store()->stacktracemap.size(), 3U);
+  EXPECT_EQ(stackTexts().size(), 3U);
   EXPECT_EQ(tracesLeft(), -3);
 }
 
@@ -210,7 +205,7 @@ TEST_F(lockLimits, nothingIsGivenBackWithinASession) {
   startDetail();
   EXPECT_EQ(locksLeft(), 2);
   EXPECT_EQ(ownersLeft(), 0);
-  EXPECT_EQ(lockBeanOf(lock)->threadSlotsLeft, 0);
+  EXPECT_EQ(lockBeanOf(lock)->threadSlotsLeft(), 0);
 }
 
 TEST_F(lockLimits, nextSessionRestoresAll) {
@@ -222,7 +217,7 @@ TEST_F(lockLimits, nextSessionRestoresAll) {
   EXPECT_EQ(locksLeft(), 1);
   EXPECT_EQ(ownersLeft(), 2);
   EXPECT_EQ(tracesLeft(), 2);
-  EXPECT_EQ(lockBeanOf(lock)->threadSlotsLeft, 2);
+  EXPECT_EQ(lockBeanOf(lock)->threadSlotsLeft(), 2);
 }
 
 // A whole session with every limit at a value that allows nothing.

@@ -35,6 +35,11 @@ class lockReport : public lockTest {
     EXPECT_EQ(stopProfiling(), 1);
     return report();
   }
+  static ordered_json reportOf(const agent::sessionSnapshot& session) {
+    support::jsonWriter json;
+    agent::writeLockReport(json, session);
+    return ordered_json::parse(json.text());
+  }
   static std::vector<std::string> keysOf(const ordered_json& object) {
     std::vector<std::string> keys;
     for (const auto& item : object.items()) {
@@ -142,11 +147,9 @@ TEST_F(lockReport, endsWithTheLooksForOwnersWhereTheyAreLimited) {
 }
 
 TEST_F(lockReport, looksForOwnersAreWrittenWhole) {
-  load("ownerLookupsPerSecond=2147483647");
-  beginDetail({lock});
-  locks()->store()->madeOwnerLookups = 4294967296;
-  locks()->store()->leftOutOwnerLookups = std::numeric_limits<std::uint64_t>::max();
-  EXPECT_EQ(finish()["ownerLookups"].dump(),
+  agent::sessionSnapshot session;
+  session.ownerLookups = {2147483647, 4294967296, std::numeric_limits<std::uint64_t>::max()};
+  EXPECT_EQ(reportOf(session)["ownerLookups"].dump(),
             R"({"perSecond":2147483647,"made":4294967296,"leftOut":18446744073709551615})");
 }
 
@@ -156,7 +159,7 @@ TEST_F(lockReport, withoutADetailSessionItHasNoLocksAndSaysSo) {
   load("logLevel=1");
   beginSummary();
   contend(worker, lock, kSecond);
-  locks()->store()->addStackTrace(5, "at a()\n");
+  addStack(5);
   const ordered_json all = finish();
   EXPECT_EQ(all["lockmap"], ordered_json::object());
   EXPECT_EQ(all["stacktracemap"], ordered_json({{"5", ""}}));
@@ -182,14 +185,14 @@ TEST_F(lockReport, nothingIsMissedWhereThereAreLocksAndOwners) {
 TEST_F(lockReport, locksComeInTheOrderOfTheirBlockTimeAtTheRanking) {
   load();
   beginSummary();
-  std::vector<std::string> expected;
+  std::vector<fake::object*> all;
   for (const jlong time : {9, 2, 5}) {
-    fake::object* const each = vm.makeObject("L" + std::to_string(time));
-    contend(worker, each, time);
+    all.push_back(vm.makeObject("L" + std::to_string(time)));
+    contend(worker, all.back(), time);
   }
   startDetail();
-  for (agent::lockBean* const each : locks()->store()->locksByName()) {
-    each->countEntry("t", 0);
+  for (fake::object* const each : all) {
+    vm.contendedEnter(worker, each);
   }
   EXPECT_THAT(keysOf(finish()["lockmap"]),
               ElementsAre(StartsWith("L2@"), StartsWith("L5@"), StartsWith("L9@")));
@@ -201,7 +204,7 @@ TEST_F(lockReport, lockWithoutThreadsIsLeftOutAndLeavesTheQueue) {
   beginDetail({lock, idle});
   contend(worker, lock);
   EXPECT_THAT(keysOf(finish()["lockmap"]), ElementsAre(nameOf(lock)));
-  EXPECT_TRUE(agent::mutexLockProfiler::takeReportQueue().empty());
+  EXPECT_TRUE(takeRanked().empty());
   EXPECT_THAT(warnings(), Not(Contains(kNoLocks)));
 }
 
@@ -284,16 +287,16 @@ TEST_F(lockReport, sessionIdIsCutToItsLow32Bits) {
 }
 
 TEST_F(lockReport, countsAndTimesAreCutToTheirLow32BitsSigned) {
-  load();
-  beginDetail({lock}, {.duration = 60});
-  contend(worker, lock);
-  agent::lockBean& bean = *lockBeanOf(lock);
+  agent::sessionSnapshot session;
+  session.graphSize = 1;
+  agent::lockSnapshot& bean = session.locks.emplace_back();
+  bean.lockName = "a.Lock@1";
   bean.count = 4294967295U;
-  bean.graph.at(0) = 2147483648U;
+  bean.graph = {2147483648U};
   bean.totalBlockTime = 5'000'000'000U * std::uint64_t{kSecond};  // seconds beyond 32 bits
   bean.totalWaitTime = 2'147'483'648U * std::uint64_t{kSecond};
-  bean.findThread("worker-3")->count = 3000000000U;
-  const ordered_json one = finish()["lockmap"][nameOf(lock)];
+  bean.threads.push_back({"worker-3", 3000000000U, 0, 0, {}});
+  const ordered_json one = reportOf(session)["lockmap"]["a.Lock@1"];
   EXPECT_EQ(one["count"], -1);
   EXPECT_EQ(one["graph"], ordered_json::array({std::numeric_limits<std::int32_t>::min()}));
   EXPECT_EQ(one["totalBlockTime"], 705032704);
@@ -302,17 +305,9 @@ TEST_F(lockReport, countsAndTimesAreCutToTheirLow32BitsSigned) {
 }
 
 TEST_F(lockReport, countsOfOwnersAreCutToo) {
-  load();
-  beginDetailWithOwner(lock, owner, worker);
-  {
-    const auto top = locks()->findTopLock(nameOf(lock));
-    const support::lockGuard guard(top->mutex);
-    agent::blockingThreadBean& bean = top->blockingThreads.find("worker-1")->second;
-    bean.blockingCount = 4294967294U;
-    bean.blockCount = 2147483648U;
-    bean.totalBlockingTime = 1'999'999'999;
-  }
-  const ordered_json one = finish()["blockingThreads"]["worker-1"];
+  agent::sessionSnapshot session;
+  session.blockingThreads["worker-1"] = {4294967294U, 2147483648U, 1'999'999'999, 0, {}};
+  const ordered_json one = reportOf(session)["blockingThreads"]["worker-1"];
   EXPECT_EQ(one["blockingCount"], -2);
   EXPECT_EQ(one["blockCount"], std::numeric_limits<std::int32_t>::min());
   EXPECT_EQ(one["totalBlockingTime"], 1);
@@ -322,7 +317,7 @@ TEST_F(lockReport, stackHashesAreInNumericOrderWithEmptyTexts) {
   load();
   beginSummary();
   for (const std::uint64_t hash : {std::uint64_t{100}, std::uint64_t{20}, ~std::uint64_t{0}}) {
-    locks()->store()->addStackTrace(hash, "at a()\n");
+    addStack(hash);
   }
   const ordered_json map = finish()["stacktracemap"];
   EXPECT_THAT(keysOf(map), ElementsAre("20", "100", "18446744073709551615"));
@@ -466,18 +461,12 @@ TEST_F(lockReport, threadWithVeryManyTracesIsWrittenWhole) {
 
 class lockReportMerge : public lockReport {
  protected:
-  static std::shared_ptr<agent::topLockBean> lockOwnedBy(const std::string& name,
-                                                         const agent::blockingThreadBean& bean) {
-    auto top = std::make_shared<agent::topLockBean>();
-    top->blockingThreads.emplace(name, bean);
-    return top;
-  }
   static agent::blockingThreadBeans mergedOf(const std::string& name,
                                              const agent::blockingThreadBean& one,
                                              const agent::blockingThreadBean& two) {
-    const auto first = lockOwnedBy(name, one);
-    const auto second = lockOwnedBy(name, two);
-    return agent::mergeBlockingThreads({{"a", first.get()}, {"b", second.get()}});
+    agent::blockingThreadBeans merged = {{name, one}};
+    agent::mergeBlockingThreads(merged, {{name, two}});
+    return merged;
   }
 };
 
@@ -508,11 +497,17 @@ TEST_F(lockReportMerge, traceKnownToOneKeepsItsHashAndToBothGetsTheTrueOne) {
 }
 
 TEST_F(lockReportMerge, mergingLeavesTheRecordsOfTheLocksAlone) {
-  const auto first = lockOwnedBy("o", {1, 2, 10, 0, {}});
-  const auto second = lockOwnedBy("o", {1, 2, 10, 0, {}});
-  agent::mergeBlockingThreads({{"a", first.get()}, {"b", second.get()}});
-  EXPECT_EQ(first->blockingThreads.at("o").blockingCount, 1U);
-  EXPECT_EQ(second->blockingThreads.at("o").blockingCount, 1U);
+  load();
+  fake::object* const other = vm.makeObject("b.Lock");
+  beginDetail({lock, other});
+  for (fake::object* const each : {lock, other}) {
+    vm.setOwner(each, owner);
+    contend(worker, each);
+  }
+  const agent::sessionSnapshot session = agent::snapshotOf(locks()->store(), {}, 0);
+  EXPECT_EQ(session.blockingThreads.at("worker-1").blockingCount, 2U);
+  EXPECT_EQ(blockingCountOf(lock, "worker-1"), 1U);
+  EXPECT_EQ(blockingCountOf(other, "worker-1"), 1U);
 }
 
 TEST_F(lockReportMerge, reportMergesOwnersOfAllSelectedLocksByName) {
@@ -581,13 +576,13 @@ TEST_F(lockReport, cleanUpLeavesLocksHashesAndBudgets) {
   load();
   beginDetailWithOwner(lock, owner, worker, {.locks = 5, .threads = 5, .stackTraces = 5});
   finish();
-  EXPECT_EQ(locks()->findTopLock(nameOf(lock)), nullptr);
+  EXPECT_FALSE(isSelected(lock));
   ASSERT_NE(lockBeanOf(lock), nullptr);
   EXPECT_EQ(lockBeanOf(lock)->count, 1U);
   EXPECT_NE(threadOf(lock, "worker-3"), nullptr);
-  EXPECT_EQ(locks()->store()->config->maxLockCount.value(), 4);
-  EXPECT_EQ(locks()->store()->config->maxThreadCountCopy.value(), 4);
-  EXPECT_EQ(locks()->store()->config->maxStackTraceCount.value(), 4);
+  EXPECT_EQ(locksLeft(), 4);
+  EXPECT_EQ(ownersLeft(), 4);
+  EXPECT_EQ(tracesLeft(), 4);
 }
 
 TEST_F(lockReport, lockIsNoLongerASelectedOneAfterTheReport) {
@@ -631,8 +626,8 @@ TEST_F(lockReport, unwritablePathIsSaidAndTheResultIsStill1) {
   const std::string path = folder() / "missing" / "report.json";
   EXPECT_EQ(stopProfiling(path), 1);
   EXPECT_THAT(errors(), Contains(AllOf(HasSubstr(path), HasSubstr("No such file or directory"))));
-  EXPECT_EQ(locks()->findTopLock(nameOf(lock)), nullptr) << "the clean-up was made";
-  EXPECT_TRUE(agent::mutexLockProfiler::takeReportQueue().empty());
+  EXPECT_FALSE(isSelected(lock)) << "the clean-up was made";
+  EXPECT_TRUE(takeRanked().empty());
 }
 
 TEST_F(lockReport, fullDiskIsSaidAndTheResultIsStill1) {

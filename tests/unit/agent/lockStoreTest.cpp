@@ -66,7 +66,7 @@ TEST(lockBeanTest, startsWithOneEntryAndNothingElse) {
   EXPECT_EQ(bean.count, 1U);
   EXPECT_EQ(bean.totalBlockTime, 0U);
   EXPECT_EQ(bean.totalWaitTime, 0U);
-  EXPECT_EQ(bean.threadSlotsLeft, 5);
+  EXPECT_EQ(bean.threadSlotsLeft(), 5);
   EXPECT_FALSE(bean.hasThreads());
 }
 
@@ -75,7 +75,7 @@ TEST(lockBeanTest, entryMakesAThreadWithCountOneAndAWaitOneWithCountZero) {
   EXPECT_EQ(bean.countEntry("enters", 0)->count, 1U);
   EXPECT_EQ(bean.threadForWait("waits")->count, 0U);
   EXPECT_EQ(bean.count, 2U) << "1 when made, and one entry; a wait does not count";
-  EXPECT_EQ(bean.graph.at(0), 1U);
+  EXPECT_EQ(bean.snapshot().graph.at(0), 1U);
 }
 
 TEST(lockBeanTest, refusedThreadLeavesCountAndGraphAlone) {
@@ -84,20 +84,20 @@ TEST(lockBeanTest, refusedThreadLeavesCountAndGraphAlone) {
   EXPECT_EQ(bean.countEntry("second", 3), nullptr);
   EXPECT_EQ(bean.threadForWait("third"), nullptr);
   EXPECT_EQ(bean.count, 2U);
-  EXPECT_EQ(bean.graph.at(3), 1U);
-  EXPECT_EQ(bean.threadSlotsLeft, -2) << "each attempt takes one";
+  EXPECT_EQ(bean.snapshot().graph.at(3), 1U);
+  EXPECT_EQ(bean.threadSlotsLeft(), -2) << "each attempt takes one";
 }
 
 TEST(lockBeanTest, graphReachesToTheLatestMinuteWithAnEntry) {
   lockBean bean("a.Lock@1", 5);
-  EXPECT_TRUE(bean.graph.empty());
+  EXPECT_TRUE(bean.snapshot().graph.empty());
   bean.countEntry("t", 2);
-  EXPECT_THAT(bean.graph, ElementsAre(0, 0, 1));
+  EXPECT_THAT(bean.snapshot().graph, ElementsAre(0, 0, 1));
   bean.countEntry("t", 0);
-  EXPECT_THAT(bean.graph, ElementsAre(1, 0, 1));
+  EXPECT_THAT(bean.snapshot().graph, ElementsAre(1, 0, 1));
   bean.countEntry("t", 300);
-  EXPECT_EQ(bean.graph.size(), 301U);
-  EXPECT_EQ(bean.graph[300], 1U);
+  EXPECT_EQ(bean.snapshot().graph.size(), 301U);
+  EXPECT_EQ(bean.snapshot().graph[300], 1U);
 }
 
 TEST(lockBeanTest, knownThreadTakesNoSlot) {
@@ -105,7 +105,7 @@ TEST(lockBeanTest, knownThreadTakesNoSlot) {
   for (int i = 0; i < 3; ++i) {
     ASSERT_NE(bean.countEntry("same", 0), nullptr);
   }
-  EXPECT_EQ(bean.threadSlotsLeft, 0);
+  EXPECT_EQ(bean.threadSlotsLeft(), 0);
   EXPECT_EQ(bean.findThread("same")->count, 3U);
 }
 
@@ -151,14 +151,60 @@ TEST(waiterTallyTest, epochsMayWrapAround) {
 }
 
 TEST(topLockBeanTest, clearLeavesAnEmptyRecord) {
-  agent::topLockBean top;
-  top.ownerName = "owner";
-  top.blockingThreads.try_emplace("owner");
-  top.ownerSeen = true;
+  agent::topLockBean top({"owner", true, {{"owner", {}}}});
   top.clear();
-  EXPECT_EQ(top.ownerName, "");
-  EXPECT_TRUE(top.blockingThreads.empty());
-  EXPECT_FALSE(top.ownerSeen);
+  EXPECT_EQ(top.snapshot().ownerName, "");
+  EXPECT_TRUE(top.snapshot().blockingThreads.empty());
+  EXPECT_FALSE(top.snapshot().ownerSeen);
+}
+
+TEST(topLockBeanTest, countsWhoIsFoundWithinTheBudget) {
+  agent::topLockBean top;
+  countdown budget(1);
+  for (const char* const name : {"a", "b", "a"}) {
+    top.found(name, &budget);
+  }
+  EXPECT_EQ(top.snapshot().ownerName, "a");
+  EXPECT_EQ(top.snapshot().blockingThreads.at("a").blockingCount, 2U);
+  EXPECT_TRUE(top.knows("a"));
+  EXPECT_FALSE(top.knows("b"));
+  EXPECT_EQ(budget.value(), -1);
+  top.found("c", nullptr);
+  EXPECT_FALSE(top.knows("c")) << "without settings nobody is recorded";
+  EXPECT_EQ(top.snapshot().ownerName, "c");
+}
+
+TEST(topLockBeanTest, aPeriodLastsFromItsOpeningToTheNextClosing) {
+  agent::topLockBean top({"a", true, {{"a", {}}}});
+  top.openPeriod("a", 100);
+  top.openPeriod("stranger", 100);
+  std::string owner;
+  EXPECT_TRUE(top.closePeriod(130, &owner));
+  EXPECT_EQ(owner, "a");
+  EXPECT_TRUE(top.closePeriod(150, nullptr));
+  const agent::blockingThreadBean a = top.snapshot().blockingThreads.at("a");
+  EXPECT_EQ(a.blockCount, 1U);
+  EXPECT_EQ(a.totalBlockingTime, 30U);
+  EXPECT_EQ(a.blockStartTime, 0);
+  EXPECT_FALSE(top.knows("stranger"));
+}
+
+TEST(topLockBeanTest, aPeriodStaysOpenWhereNoOwnerWasLookedFor) {
+  agent::topLockBean top({"a", false, {{"a", {1, 1, 0, 100, {}}}}});
+  std::string owner;
+  EXPECT_FALSE(top.closePeriod(130, &owner));
+  EXPECT_EQ(owner, "");
+  EXPECT_EQ(top.snapshot().blockingThreads.at("a").blockStartTime, 100);
+  EXPECT_EQ(top.snapshot().blockingThreads.at("a").totalBlockingTime, 0U);
+}
+
+TEST(topLockBeanTest, countsTheStacksOfKnownOwners) {
+  agent::topLockBean top({"a", true, {{"a", {}}}});
+  top.countStack("a", 5);
+  top.countStack("a", 5);
+  top.countStack("stranger", 5);
+  EXPECT_EQ(top.snapshot().blockingThreads.at("a").stacktracebean.at(5).count, 2U);
+  EXPECT_FALSE(top.knows("stranger"));
 }
 
 TEST(lockNameTest, isClassNameAtSignedDecimalHash) {
@@ -235,22 +281,22 @@ TEST_F(lockStoreTest, refusesLocksPastTheBudget) {
 
 TEST_F(lockStoreTest, storesAStackTraceOnceWithItsLinesJoinedByCommas) {
   lockStore store(settings(1));
-  EXPECT_FALSE(store.knowsStackTrace(9));
-  EXPECT_TRUE(store.addStackTrace(9, "at a.A.x()\nat b.B.y()\n"));
-  EXPECT_FALSE(store.addStackTrace(9, "at a.A.x()\nat b.B.y()\n"));
-  EXPECT_TRUE(store.knowsStackTrace(9));
-  EXPECT_EQ(store.stacktracemap.at(9), "at a.A.x(),at b.B.y()");
-  EXPECT_TRUE(store.addStackTrace(8, ""));
-  EXPECT_EQ(store.stacktracemap.at(8), "");
+  EXPECT_FALSE(store.stackTraces.knows(9));
+  EXPECT_TRUE(store.stackTraces.add(9, "at a.A.x()\nat b.B.y()\n"));
+  EXPECT_FALSE(store.stackTraces.add(9, "at a.A.x()\nat b.B.y()\n"));
+  EXPECT_TRUE(store.stackTraces.knows(9));
+  EXPECT_EQ(store.stackTraces.texts().at(9), "at a.A.x(),at b.B.y()");
+  EXPECT_TRUE(store.stackTraces.add(8, ""));
+  EXPECT_EQ(store.stackTraces.texts().at(8), "");
 }
 
 TEST_F(lockStoreTest, stackHashesAreInAscendingOrder) {
   lockStore store(settings(1));
   const std::uint64_t most = std::numeric_limits<std::uint64_t>::max();
   for (const std::uint64_t hash : {most, std::uint64_t{10}, std::uint64_t{0}, std::uint64_t{9}}) {
-    store.addStackTrace(hash, "at a()\n");
+    store.stackTraces.add(hash, "at a()\n");
   }
-  EXPECT_THAT(store.stackHashes(), ElementsAre(0U, 9U, 10U, most));
+  EXPECT_THAT(store.stackTraces.hashes(), ElementsAre(0U, 9U, 10U, most));
 }
 
 // Run under a thread sanitizer: lookups take no lock while locks and hashes are put in.
@@ -268,21 +314,21 @@ TEST_F(lockStoreTest, lookupsAreRightWhileOthersInsert) {
           if (bean != nullptr && bean->lockName != agent::lockNameOf("a.Lock", hash)) {
             ADD_FAILURE() << hash << " found " << bean->lockName;
           }
-          store.knowsStackTrace(static_cast<std::uint64_t>(hash));
+          store.stackTraces.knows(static_cast<std::uint64_t>(hash));
         }
       }
     });
   }
   for (int hash = 0; hash < kLocks; ++hash) {
     store.recordLock(cls, hash);
-    store.addStackTrace(static_cast<std::uint64_t>(hash), "at a()\n");
+    store.stackTraces.add(static_cast<std::uint64_t>(hash), "at a()\n");
   }
   done = true;
   for (std::thread& each : readers) {
     each.join();
   }
   EXPECT_EQ(store.locksByName().size(), static_cast<std::size_t>(kLocks));
-  EXPECT_EQ(store.stackHashes().size(), static_cast<std::size_t>(kLocks));
+  EXPECT_EQ(store.stackTraces.hashes().size(), static_cast<std::size_t>(kLocks));
 }
 
 // --- The profiler's store over sessions.
@@ -292,40 +338,40 @@ TEST_F(lockStoreTest, newSessionEmptiesLocksHashesAndTexts) {
   fake::object* const lock = vm.makeObject("a.Lock");
   beginDetail({lock});
   contend(vm.makeThread("t"), lock);
-  ASSERT_EQ(locks()->store()->lockCount(), 1U);
-  ASSERT_FALSE(locks()->store()->stackHashes().empty());
+  ASSERT_EQ(lockCount(), 1U);
+  ASSERT_FALSE(stackHashes().empty());
 
   startProfiling();
 
-  EXPECT_EQ(locks()->store()->lockCount(), 0U);
-  EXPECT_THAT(locks()->store()->stackHashes(), IsEmpty());
-  EXPECT_TRUE(locks()->store()->stacktracemap.empty());
+  EXPECT_EQ(lockCount(), 0U);
+  EXPECT_THAT(stackHashes(), IsEmpty());
+  EXPECT_TRUE(stackTexts().empty());
 }
 
-TEST_F(lockStoreTest, startsFromBeforeItsFirstAreNotItsOwn) {
-  agent::lockStore store(nullptr);
-  EXPECT_FALSE(store.hasLeft(1000));
-  store.noteStart(0);  // the VM gave no time
-  EXPECT_FALSE(store.hasLeft(1000));
-  store.noteStart(50);
-  store.noteStart(60);
-  EXPECT_TRUE(store.hasLeft(50));
-  EXPECT_FALSE(store.hasLeft(49));
-  store.noteStart(40);  // of a thread that read the time before
-  EXPECT_TRUE(store.hasLeft(40));
+TEST(blockStartsTest, startsFromBeforeItsFirstAreNotItsOwn) {
+  agent::blockStarts starts;
+  EXPECT_FALSE(starts.hasLeft(1000));
+  starts.note(0);  // the VM gave no time
+  EXPECT_FALSE(starts.hasLeft(1000));
+  starts.note(50);
+  starts.note(60);
+  EXPECT_TRUE(starts.hasLeft(50));
+  EXPECT_FALSE(starts.hasLeft(49));
+  starts.note(40);  // of a thread that read the time before
+  EXPECT_TRUE(starts.hasLeft(40));
 }
 
-TEST_F(lockStoreTest, startsFromBeforeEventsWereLostAreToldApart) {
-  agent::lockStore store(nullptr);
-  store.noteStart(50);
-  EXPECT_TRUE(store.hasLeftSinceLoss(50));
-  store.noteLostEvents();
-  EXPECT_FALSE(store.hasLeftSinceLoss(50));
-  EXPECT_TRUE(store.hasLeft(50));
-  store.noteStart(70);
-  EXPECT_FALSE(store.hasLeftSinceLoss(60));
-  EXPECT_TRUE(store.hasLeftSinceLoss(70));
-  EXPECT_TRUE(store.hasLeft(60));
+TEST(blockStartsTest, startsFromBeforeEventsWereLostAreToldApart) {
+  agent::blockStarts starts;
+  starts.note(50);
+  EXPECT_TRUE(starts.hasLeftSinceLoss(50));
+  starts.noteLostEvents();
+  EXPECT_FALSE(starts.hasLeftSinceLoss(50));
+  EXPECT_TRUE(starts.hasLeft(50));
+  starts.note(70);
+  EXPECT_FALSE(starts.hasLeftSinceLoss(60));
+  EXPECT_TRUE(starts.hasLeftSinceLoss(70));
+  EXPECT_TRUE(starts.hasLeft(60));
 }
 
 TEST_F(lockStoreTest, newSessionLeavesStartTimeAloneAndHasNoSelectedLocks) {
@@ -336,8 +382,8 @@ TEST_F(lockStoreTest, newSessionLeavesStartTimeAloneAndHasNoSelectedLocks) {
   ASSERT_GT(origin, 0);
   startProfiling();
   EXPECT_EQ(locks()->startTime(), origin);
-  EXPECT_EQ(locks()->findTopLock(nameOf(lock)), nullptr);
-  EXPECT_THAT(locks()->store()->topLockMap(), IsEmpty());
+  EXPECT_FALSE(isSelected(lock));
+  EXPECT_FALSE(anySelected());
 }
 
 }  // namespace

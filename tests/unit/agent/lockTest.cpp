@@ -37,42 +37,63 @@ agent::threadBean* lockTest::threadOf(fake::object* lock, std::string_view threa
   return bean == nullptr ? nullptr : bean->findThread(threadName);
 }
 
-agent::stackTraceBeans lockTest::tracesOf(fake::object* lock, std::string_view threadName) {
-  agent::threadBean* const thread = threadOf(lock, threadName);
-  if (thread == nullptr) {
-    return {};
+std::vector<std::string> lockTest::lockNames() {
+  std::vector<std::string> names;
+  for (const agent::lockBean* const each : locks()->store()->locksByName()) {
+    names.push_back(each->lockName);
   }
-  const support::lockGuard guard(thread->stackMutex);
-  return thread->stacktracebean;
+  return names;
+}
+
+std::pair<std::uint64_t, std::uint64_t> lockTest::ownerLookups() {
+  const auto store = locks()->store();
+  return {store->ownerLookups.made, store->ownerLookups.skipped};
+}
+
+std::shared_ptr<agent::ownerLookup> lockTest::pendingLookup(fake::object* lock) {
+  agent::monitorLookups unlimited;
+  agent::ownerLookupTally counts;
+  return topOf(lock)->takeShare(unlimited, 0, counts).lookup;
+}
+
+long lockTest::usersOfPendingLookup(fake::object* lock) {
+  agent::monitorLookups spent;
+  spent.limit(1);
+  agent::ownerLookupTally counts;
+  spent.take(1, counts);
+  const auto newest = topOf(lock)->takeShare(spent, 1, counts).lookup;
+  return newest ? newest.use_count() - 2 : 0;  // without the lock's own and this one
+}
+
+agent::stackTraceBeans lockTest::tracesOf(fake::object* lock, std::string_view threadName) {
+  const agent::threadBean* const thread = threadOf(lock, threadName);
+  return thread == nullptr ? agent::stackTraceBeans() : thread->stackTraces();
 }
 
 std::uint32_t lockTest::minuteOf(fake::object* lock, std::size_t slot) {
-  agent::lockBean* const bean = lockBeanOf(lock);
-  const support::lockGuard guard(bean->mutex);
-  return slot < bean->graph.size() ? bean->graph[slot] : 0;
+  const std::vector<std::uint32_t> graph = lockBeanOf(lock)->snapshot().graph;
+  return slot < graph.size() ? graph[slot] : 0;
 }
 
 std::optional<agent::blockingThreadBean> lockTest::ownerOf(fake::object* lock,
                                                            std::string_view owner) {
-  const auto top = locks()->findTopLock(nameOf(lock));
-  if (!top) {
+  const agent::topLockBean* const top = topOf(lock);
+  if (top == nullptr) {
     return std::nullopt;
   }
-  const support::lockGuard guard(top->mutex);
-  const auto found = top->blockingThreads.find(owner);
-  if (found == top->blockingThreads.end()) {
-    return std::nullopt;
-  }
-  return found->second;
+  const agent::blockingThreadBeans owners = top->snapshot().blockingThreads;
+  const auto found = owners.find(owner);
+  return found == owners.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::uint32_t lockTest::blockingCountOf(fake::object* lock, std::string_view owner) {
+  const auto found = ownerOf(lock, owner);
+  return found ? found->blockingCount : 0;
 }
 
 std::string lockTest::ownerNameOf(fake::object* lock) {
-  const auto top = locks()->findTopLock(nameOf(lock));
-  if (!top) {
-    return "(not selected)";
-  }
-  const support::lockGuard guard(top->mutex);
-  return top->ownerName;
+  const agent::topLockBean* const top = topOf(lock);
+  return top == nullptr ? "(not selected)" : top->snapshot().ownerName;
 }
 
 std::string textOfStack(const std::vector<std::string>& frames) {

@@ -157,7 +157,7 @@ TEST_F(lockThreads, budgetOfLocksIsNeverOverdrawn) {
       vm.contendedEnter(thread, all[static_cast<std::size_t>((i * 7 + index * 13) % 100)]);
     }
   });
-  EXPECT_EQ(locks()->store()->lockCount(), static_cast<std::size_t>(kBudget));
+  EXPECT_EQ(lockCount(), static_cast<std::size_t>(kBudget));
 }
 
 TEST_F(lockThreads, budgetOfThreadsIsNeverOverdrawn) {
@@ -189,7 +189,7 @@ TEST_F(lockThreads, threadsThatMeetANewLockAtOnceMakeItOnce) {
       vm.contendedEnter(thread, each);
     }
   });
-  EXPECT_EQ(locks()->store()->lockCount(), static_cast<std::size_t>(kNew));
+  EXPECT_EQ(lockCount(), static_cast<std::size_t>(kNew));
   for (fake::object* const each : all) {
     EXPECT_EQ(lockBeanOf(each)->count, static_cast<std::uint32_t>(kThreads));
   }
@@ -285,7 +285,7 @@ TEST_F(lockThreads, newSettingsDuringEventsLoseNothingOfTheLastSession) {
   }
   done = true;
   contenders.join();
-  EXPECT_LE(locks()->store()->lockCount(), 2U);
+  EXPECT_LE(lockCount(), 2U);
 }
 
 TEST_F(lockThreads, rankingDuringEventsKeepsCountsWithinWhatHappened) {
@@ -297,7 +297,7 @@ TEST_F(lockThreads, rankingDuringEventsKeepsCountsWithinWhatHappened) {
     vm.attach();
     while (!done) {
       locks()->sortData();
-      agent::mutexLockProfiler::takeReportQueue();
+      takeRanked();
     }
     vm.detach();
   });
@@ -410,7 +410,7 @@ TEST_P(lockThreadsStuck, newSettingsDoNotWaitForIt) {
   load("logLevel=1");
   beginDetailWithOwner(lock, vm.makeThread("stuck"), vm.makeThread("other"));
   whileAnEntryIsStuck([&] { EXPECT_EQ(startProfiling({.id = 43}), 1); });
-  EXPECT_EQ(locks()->store()->config->sessionId, 43);
+  EXPECT_EQ(config().sessionId, 43);
 }
 
 TEST_P(lockThreadsStuck, aWholeSessionEndAndStartDoNotWaitForIt) {
@@ -423,7 +423,7 @@ TEST_P(lockThreadsStuck, aWholeSessionEndAndStartDoNotWaitForIt) {
     EXPECT_TRUE(report().contains("lockmap"));
     beginDetail({lock}, {.id = 43});
   });
-  EXPECT_EQ(locks()->store()->config->sessionId, 43);
+  EXPECT_EQ(config().sessionId, 43);
 }
 
 TEST_P(lockThreadsStuck, otherThreadsGoOn) {

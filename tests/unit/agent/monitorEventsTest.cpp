@@ -110,8 +110,8 @@ TEST_F(monitorEvents, lockIsNamedByClassAndSignedHash) {
   lock->hash = -5;
   beginSummary();
   vm.contendedEnter(makeThread(), lock);
-  ASSERT_EQ(locks()->store()->lockCount(), 1U);
-  EXPECT_EQ(locks()->store()->locksByName().front()->lockName, "com.example.Lock@-5");
+  ASSERT_EQ(lockCount(), 1U);
+  EXPECT_EQ(lockNames().front(), "com.example.Lock@-5");
 }
 
 TEST_F(monitorEvents, twoObjectsOfAClassAreTwoLocks) {
@@ -133,11 +133,7 @@ TEST_F(monitorEvents, classesAndArraysCanBeLocks) {
   beginSummary();
   vm.contendedEnter(makeThread(), cls);
   vm.contendedEnter(makeThread(), array);
-  std::vector<std::string> names;
-  for (const auto* each : locks()->store()->locksByName()) {
-    names.push_back(each->lockName);
-  }
-  EXPECT_THAT(names, ElementsAre(StartsWith("[La.Type;@"), StartsWith("java.lang.Class@")));
+  EXPECT_THAT(lockNames(), ElementsAre(StartsWith("[La.Type;@"), StartsWith("java.lang.Class@")));
 }
 
 TEST_F(monitorEvents, nameOfARecordIsEmptyUntilItsFirstUpdate) {
@@ -231,7 +227,7 @@ TEST_F(monitorEvents, enteredOnAnUnknownLockRecordsNothing) {
   load();
   beginSummary();
   EXPECT_TRUE(vm.contendedEntered(makeThread(), makeLock()));
-  EXPECT_EQ(locks()->store()->lockCount(), 0U);
+  EXPECT_EQ(lockCount(), 0U);
 }
 
 // --- Detail sessions.
@@ -299,7 +295,7 @@ TEST_F(monitorEvents, contendedEntryOnALockUnknownInADetailSessionMakesNoLockBut
   setStack(thread, {"a.B.run"});
   vm.contendedEnter(thread, unknown);
   EXPECT_EQ(lockBeanOf(unknown), nullptr);
-  EXPECT_THAT(locks()->store()->stackHashes(), ElementsAre(fnv1a(textOfStack({"a.B.run"}))));
+  EXPECT_THAT(stackHashes(), ElementsAre(fnv1a(textOfStack({"a.B.run"}))));
 }
 
 TEST_F(monitorEvents, everyLockGetsStackTracesInADetailSessionSelectedOrNot) {
@@ -491,8 +487,8 @@ TEST_F(earlierStarts, doNotRankALock) {
   vm.contendedEntered(thread, lock);
   contend(other, hot, 2000);
   startDetail();
-  EXPECT_NE(locks()->findTopLock(nameOf(hot)), nullptr);
-  EXPECT_EQ(locks()->findTopLock(nameOf(lock)), nullptr);
+  EXPECT_TRUE(isSelected(hot));
+  EXPECT_FALSE(isSelected(lock));
 }
 
 // The VM has no handler for a moment while another profiler is switched.
@@ -598,7 +594,7 @@ TEST_F(earlierStarts, aSecondSessionCountsFromItsStartOn) {
   EXPECT_EQ(lockBeanOf(lock)->count, 2U);
   EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 20U);
   startDetail();
-  EXPECT_NE(locks()->findTopLock(nameOf(lock)), nullptr) << "without a summary";
+  EXPECT_TRUE(isSelected(lock)) << "without a summary";
 }
 
 TEST_F(monitorEvents, enterAndEnteredMayRunOnTwoCarriersOfAVirtualThread) {
@@ -630,7 +626,7 @@ TEST_F(monitorEvents, waitMakesAnUnknownLockWithCountOne) {
   ASSERT_NE(lockBeanOf(lock), nullptr);
   EXPECT_EQ(countOf(lock), 1U);
   EXPECT_FALSE(lockBeanOf(lock)->hasThreads());
-  EXPECT_EQ(locks()->store()->config->maxLockCount.value(), 99);
+  EXPECT_EQ(locksLeft(), 99);
 }
 
 TEST_F(monitorEvents, waitOnAKnownLockCountsNothing) {
@@ -727,7 +723,7 @@ class handlerMessages : public monitorEvents, public ::testing::WithParamInterfa
     } else {
       EXPECT_THAT(said, ElementsAre(message));
     }
-    EXPECT_EQ(locks()->store()->lockCount(), 0U);
+    EXPECT_EQ(lockCount(), 0U);
   }
 };
 

@@ -6,7 +6,7 @@
 #include <set>
 #include <utility>
 
-#include "agentTest.h"
+#include "lockTest.h"
 #include "memory/memoryprofiler.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
@@ -33,7 +33,7 @@ struct memorySession {
   jint topClasses = 3;
 };
 
-class natives : public test::agentTest {
+class natives : public test::lockTest {
  protected:
   jint startMemory(const memorySession& s = {}) {
     return vm.native([&](JNIEnv* jni) {
@@ -77,7 +77,6 @@ class natives : public test::agentTest {
   std::string memoryPath() const { return folder() / "memory.json"; }
 
   // The settings that the lock profiler holds.
-  const agent::LockSessionConfig& config() { return *locks()->store()->config; }
 
   // Collects so often that the next tag is `generation`.
   void reachGeneration(unsigned generation) {
@@ -325,7 +324,7 @@ TEST_F(natives, detailRanksBeforeItsStateAndKeepsTheEvents) {
   startDetail();
   EXPECT_EQ(vm.calls("SetEventNotificationMode"), 0U);  // acts in state 2 only
   EXPECT_TRUE(vm.isEnabled(JVMTI_EVENT_MONITOR_CONTENDED_ENTER));
-  EXPECT_NE(locks()->findTopLock(nameOf(lock)), nullptr);
+  EXPECT_TRUE(isSelected(lock));
   EXPECT_EQ(locks()->state(), 4);
 }
 

@@ -1,17 +1,16 @@
-// Looks for a monitor's owner that several events share.
+// Lookups for a monitor's owner that several events share.
 #include <atomic>
 #include <deque>
 #include <latch>
 #include <thread>
 
-#include "agentTest.h"
-#include "locks/ownerLookup.h"
+#include "lockTest.h"
 
 namespace test {
 
 namespace {
 
-class sharedLooks : public agentTest {
+class sharedLooks : public lockTest {
  protected:
   void SetUp() override {
     load();
@@ -19,20 +18,6 @@ class sharedLooks : public agentTest {
     vm.setOwner(lock, vm.makeThread("holder"));
     beginDetail({lock});
     vm.resetCalls();
-  }
-
-  // How many events hold the newest look, or wait for it.
-  long usersOfNewestLook() {
-    const auto top = locks()->findTopLock(nameOf(lock));
-    const support::lockGuard guard(top->mutex);
-    return top->lookup ? top->lookup.use_count() - 1 : 0;
-  }
-
-  std::uint32_t blockingCount(const std::string& owner) {
-    const auto top = locks()->findTopLock(nameOf(lock));
-    const support::lockGuard guard(top->mutex);
-    const auto found = top->blockingThreads.find(owner);
-    return found == top->blockingThreads.end() ? 0 : found->second.blockingCount;
   }
 
   fake::object* lock = nullptr;
@@ -62,7 +47,7 @@ TEST_F(sharedLooks, eventsThatComeBeforeALookHasBegunShareIt) {
                        [&](JNIEnv*) { vm.contendedEnter(vm.currentThread(), lock); });
   }
   // All of them have come while the first look was under way, which they cannot use.
-  while (usersOfNewestLook() < kLater) {
+  while (usersOfPendingLookup(lock) < kLater) {
     std::this_thread::yield();
   }
   goOn.count_down();
@@ -70,7 +55,7 @@ TEST_F(sharedLooks, eventsThatComeBeforeALookHasBegunShareIt) {
   later.clear();
 
   EXPECT_EQ(vm.calls("GetObjectMonitorUsage"), 2U);
-  EXPECT_EQ(blockingCount("holder"), 1U + kLater);
+  EXPECT_EQ(blockingCountOf(lock, "holder"), 1U + kLater);
 }
 
 TEST_F(sharedLooks, anEventAfterALookAsksAnew) {
@@ -78,8 +63,8 @@ TEST_F(sharedLooks, anEventAfterALookAsksAnew) {
   vm.setOwner(lock, vm.makeThread("another holder"));
   vm.contendedEnter(vm.makeThread("b"), lock);
   EXPECT_EQ(vm.calls("GetObjectMonitorUsage"), 2U);
-  EXPECT_EQ(blockingCount("holder"), 1U);
-  EXPECT_EQ(blockingCount("another holder"), 1U);
+  EXPECT_EQ(blockingCountOf(lock, "holder"), 1U);
+  EXPECT_EQ(blockingCountOf(lock, "another holder"), 1U);
 }
 
 TEST(ownerLookup, isJoinedUntilItBegins) {

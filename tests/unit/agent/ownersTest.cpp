@@ -48,7 +48,7 @@ TEST_F(owners, ownerOfASelectedLockIsCounted) {
   vm.contendedEnter(c, lock);
   EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 2U);
   EXPECT_EQ(ownerNameOf(lock), "A");
-  EXPECT_TRUE(locks()->findTopLock(nameOf(lock))->ownerSeen);
+  EXPECT_TRUE(ownerSeen(lock));
 }
 
 TEST_F(owners, theLastOwnerFoundIsTheOwner) {
@@ -92,8 +92,8 @@ TEST_F(owners, noOwnerIsSaidAndCountsNobody) {
   EXPECT_THAT(errors(), ElementsAre("monitor usage owner not found"));
   EXPECT_EQ(log().back().function, "mutexLockProfiler::MonitorContendedEnter");
   EXPECT_EQ(ownerNameOf(lock), "");
-  EXPECT_TRUE(locks()->findTopLock(nameOf(lock))->ownerSeen);
-  EXPECT_EQ(locks()->store()->config->maxThreadCountCopy.value(), 100) << "no budget was taken";
+  EXPECT_TRUE(ownerSeen(lock));
+  EXPECT_EQ(ownersLeft(), 100) << "no budget was taken";
 }
 
 TEST_F(owners, noOwnerIsNotSaidAtLevel0) {
@@ -225,19 +225,6 @@ TEST_F(owners, threadsNotKnownAsOwnersOpenNoPeriod) {
   EXPECT_FALSE(ownerOf(lock, "B"));
 }
 
-TEST_F(owners, periodOfALockThatNoOneWasFoundOwningStaysOpen) {
-  load();
-  beginDetailWithOwner(lock, a, b);
-  vm.contendedEnter(a, lock);
-  vm.contendedEnter(c, lock);
-  vm.contendedEntered(a, lock);
-  locks()->findTopLock(nameOf(lock))->ownerSeen = false;
-  vm.advance(700);
-  vm.contendedEntered(c, lock);
-  EXPECT_EQ(ownerOf(lock, "A")->totalBlockingTime, 0U);
-  EXPECT_GT(ownerOf(lock, "A")->blockStartTime, 0);
-}
-
 TEST_F(owners, anEntryWithoutAKnownStartStillClosesAndOpensPeriods) {
   load();
   beginDetailWithOwner(lock, a, b);
@@ -279,7 +266,7 @@ TEST_F(owners, anotherDetailSessionForgetsOwners) {
   startDetail();
   EXPECT_FALSE(ownerOf(lock, "A"));
   EXPECT_EQ(ownerNameOf(lock), "");
-  EXPECT_FALSE(locks()->findTopLock(nameOf(lock))->ownerSeen);
+  EXPECT_FALSE(ownerSeen(lock));
 }
 
 // --- What the events tell of waiters need not be asked.
@@ -407,11 +394,6 @@ class ownersLimit : public owners {
     }
     return found;
   }
-  // The looks of the session so far: those made, and those left out.
-  std::pair<std::uint64_t, std::uint64_t> looks() {
-    const auto store = locks()->store();
-    return {store->madeOwnerLookups, store->leftOutOwnerLookups};
-  }
   // Ends the session; what its report says of the looks.
   std::string reportedLooks() {
     stopDetail();
@@ -441,7 +423,7 @@ TEST_F(ownersLimit, entryWithoutALookSaysNothingOfItsOwner) {
   beginDetail({lock});
   looksOf(3);
   EXPECT_THAT(errors(), ElementsAre("monitor usage owner not found"));
-  EXPECT_TRUE(locks()->findTopLock(nameOf(lock))->ownerSeen);
+  EXPECT_TRUE(ownerSeen(lock));
 }
 
 TEST_F(ownersLimit, isThatOfASecond) {
@@ -472,7 +454,7 @@ TEST_F(ownersLimit, coversTheQuestionForWaiters) {
   vm.setWaiters(lock, {c});
   EXPECT_EQ(asks([&] { vm.contendedEntered(a, lock); }), 0U);
   EXPECT_EQ(ownerOf(lock, "A")->blockCount, 0U);
-  EXPECT_THAT(looks(), Pair(2, 0));  // which are for owners alone
+  EXPECT_THAT(ownerLookups(), Pair(2, 0));  // which are for owners alone
 }
 
 TEST_F(ownersLimit, isNotTouchedByPeriodsThatNeedNoLook) {
@@ -482,7 +464,7 @@ TEST_F(ownersLimit, isNotTouchedByPeriodsThatNeedNoLook) {
   vm.contendedEnter(c, lock);
   vm.contendedEntered(a, lock);  // C is known to wait
   EXPECT_EQ(ownerOf(lock, "A")->blockCount, 1U);
-  EXPECT_THAT(looks(), Pair(1, 2));  // those of A's and of C's entry are left out
+  EXPECT_THAT(ownerLookups(), Pair(1, 2));  // those of A's and of C's entry are left out
 }
 
 class noOwnersLimit : public ownersLimit, public ::testing::WithParamInterface<const char*> {};
@@ -493,7 +475,7 @@ TEST_P(noOwnersLimit, eachEntryLooks) {
   EXPECT_EQ(looksOf(500), 500U);
   stopProfiling();
   EXPECT_THAT(leftOut(), IsEmpty());
-  EXPECT_THAT(looks(), Pair(0, 0));
+  EXPECT_THAT(ownerLookups(), Pair(0, 0));
   EXPECT_FALSE(report().contains("ownerLookups"));
 }
 
@@ -541,35 +523,21 @@ TEST_F(ownersLimit, isNoMatterOfALookThatIsShared) {
   beginDetail({lock});
   vm.setOwner(lock, a);
   EXPECT_EQ(looksOf(1), 1U);
-  const auto top = locks()->findTopLock(nameOf(lock));
-  const auto shared = std::make_shared<agent::ownerLookup>();
-  shared->publish(agent::foundOwner{true, "A"});
-  {
-    const support::lockGuard guard(top->mutex);
-    top->lookup = shared;
-  }
+  pendingLookup(lock)->publish(agent::foundOwner{true, "A"});
   EXPECT_EQ(looksOf(1), 0U);
   EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 2U);
-  EXPECT_THAT(looks(), Pair(1, 0));
+  EXPECT_THAT(ownerLookups(), Pair(1, 0));
 }
 
 // --- Events that share one look for the owner.
 
-class ownersLook : public owners {
- protected:
-  std::shared_ptr<agent::ownerLookup> lookOf(fake::object* monitor) {
-    const auto top = locks()->findTopLock(nameOf(monitor));
-    const support::lockGuard guard(top->mutex);
-    top->lookup = std::make_shared<agent::ownerLookup>();
-    return top->lookup;
-  }
-};
+using ownersLook = owners;
 
 TEST_F(ownersLook, entryTakesWhatALookThatHadNotBegunFinds) {
   load();
   beginDetail({lock});
   vm.setOwner(lock, a);
-  lookOf(lock)->publish(agent::foundOwner{true, "A"});
+  pendingLookup(lock)->publish(agent::foundOwner{true, "A"});
   EXPECT_EQ(asks([&] { vm.contendedEnter(b, lock); }), 0U);
   EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 1U);
   EXPECT_EQ(ownerNameOf(lock), "A");
@@ -578,7 +546,7 @@ TEST_F(ownersLook, entryTakesWhatALookThatHadNotBegunFinds) {
 TEST_F(ownersLook, sharedLookThatNamesNobodyIsSaidByEachEntry) {
   load("logLevel=1");
   beginDetail({lock});
-  lookOf(lock)->publish(agent::foundOwner{});
+  pendingLookup(lock)->publish(agent::foundOwner{});
   for (int i = 0; i < 2; ++i) {
     vm.contendedEnter(b, lock);
   }
@@ -590,7 +558,7 @@ TEST_F(ownersLook, entryAsksItselfWhenTheLookHasBegun) {
   load();
   beginDetail({lock});
   vm.setOwner(lock, a);
-  const auto look = lookOf(lock);
+  const auto look = pendingLookup(lock);
   look->begin();
   look->publish(agent::foundOwner{true, "outdated"});
   EXPECT_EQ(asks([&] { vm.contendedEnter(b, lock); }), 1U);
@@ -602,7 +570,7 @@ TEST_F(ownersLook, entryAsksItselfWhenTheLookCameToNothing) {
   load();
   beginDetail({lock});
   vm.setOwner(lock, a);
-  lookOf(lock)->publish(std::nullopt);
+  pendingLookup(lock)->publish(std::nullopt);
   EXPECT_EQ(asks([&] { vm.contendedEnter(b, lock); }), 1U);
   EXPECT_EQ(ownerOf(lock, "A")->blockingCount, 1U);
 }
@@ -611,10 +579,9 @@ TEST_F(ownersLook, isLeftOutOnceWhereItCameToNothingAndNoneIsLeft) {
   load("ownerLookupsPerSecond=1");
   beginDetail({lock});
   vm.contendedEnter(b, lock);
-  lookOf(lock)->publish(std::nullopt);
+  pendingLookup(lock)->publish(std::nullopt);
   EXPECT_EQ(asks([&] { vm.contendedEnter(b, lock); }), 0U);
-  EXPECT_EQ(locks()->store()->madeOwnerLookups, 1U);
-  EXPECT_EQ(locks()->store()->leftOutOwnerLookups, 1U);
+  EXPECT_THAT(ownerLookups(), Pair(1, 1));
 }
 
 TEST_F(ownersLook, oneAfterTheOtherEachEntryAsksItself) {

@@ -7,7 +7,6 @@
 namespace {
 
 using namespace test;
-using agent::mutexLockProfiler;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -30,9 +29,9 @@ class ranking : public lockTest {
     return lockName.substr(0, lockName.find('@'));
   }
   // Takes what the ranking handed over, in its order.
-  static std::vector<std::string> takeRanked(std::vector<std::int64_t>* times = nullptr) {
+  static std::vector<std::string> takeNames(std::vector<std::int64_t>* times = nullptr) {
     std::vector<std::string> names;
-    for (auto queue = mutexLockProfiler::takeReportQueue(); !queue.empty(); queue.pop()) {
+    for (auto queue = takeRanked(); !queue.empty(); queue.pop()) {
       names.push_back(classOf(queue.top().lockName));
       if (times != nullptr) {
         times->push_back(queue.top().blockTime);
@@ -43,7 +42,7 @@ class ranking : public lockTest {
   std::vector<std::string> selected() {
     std::vector<std::string> names;
     for (fake::object* const each : all) {
-      if (locks()->findTopLock(nameOf(each))) {
+      if (isSelected(each)) {
         names.push_back(each->type->name);
       }
     }
@@ -58,7 +57,7 @@ TEST_F(ranking, longestBlockedAreTakenAndComeOutShortestFirst) {
   startDetail();
   EXPECT_THAT(selected(), ElementsAre("A", "C", "D"));
   std::vector<std::int64_t> times;
-  EXPECT_THAT(takeRanked(&times), UnorderedElementsAre("A", "C", "D"));
+  EXPECT_THAT(takeNames(&times), UnorderedElementsAre("A", "C", "D"));
   EXPECT_THAT(times, ElementsAre(4, 4, 5));
 }
 
@@ -78,20 +77,20 @@ TEST_F(ranking, moreThanThereAreTakesAll) {
   summaryWith({3, 0, 2}, 100);
   startDetail();
   EXPECT_THAT(selected(), ElementsAre("A", "B", "C"));
-  EXPECT_THAT(takeRanked(), ElementsAre("B", "C", "A"));
+  EXPECT_THAT(takeNames(), ElementsAre("B", "C", "A"));
 }
 
 TEST_F(ranking, negativeCountTakesAll) {
   summaryWith({3, 1, 2}, -1);
   startDetail();
-  EXPECT_THAT(takeRanked(), ElementsAre("B", "C", "A"));
+  EXPECT_THAT(takeNames(), ElementsAre("B", "C", "A"));
 }
 
 TEST_F(ranking, countOf0TakesNoneAndStillResets) {
   summaryWith({3, 1}, 0);
   startDetail();
   EXPECT_THAT(selected(), IsEmpty());
-  EXPECT_THAT(takeRanked(), IsEmpty());
+  EXPECT_THAT(takeNames(), IsEmpty());
   EXPECT_EQ(lockBeanOf(all[0])->count, 0U);
   EXPECT_EQ(lockBeanOf(all[0])->totalBlockTime, 0U);
 }
@@ -115,7 +114,7 @@ TEST_F(ranking, noLockIsSaidAndChangesNothing) {
   startDetail();
   EXPECT_THAT(errors(), ElementsAre("No lock object found"));
   EXPECT_EQ(log().back().function, "mutexLockProfiler::sortData");
-  EXPECT_THAT(takeRanked(), IsEmpty());
+  EXPECT_THAT(takeNames(), IsEmpty());
   EXPECT_EQ(locks()->state(), 4);
 }
 
@@ -154,7 +153,7 @@ TEST_F(ranking, nothingIsSaidAtTrace) {
 
 TEST_F(ranking, profilerThatIsNotRegisteredSaysSo) {
   load("logLevel=1,features=memoryprofiling");
-  mutexLockProfiler loose;
+  agent::mutexLockProfiler loose;
   loose.sortData();
   EXPECT_THAT(errors(), ElementsAre("Unable to get mutex profiler"));
   EXPECT_EQ(log().back().function, "mutexLockProfiler::sortData");
@@ -162,7 +161,7 @@ TEST_F(ranking, profilerThatIsNotRegisteredSaysSo) {
 
 TEST_F(ranking, profilerThatIsNotRegisteredIsSilentAtLevel0) {
   load("logLevel=0,features=memoryprofiling");
-  mutexLockProfiler loose;
+  agent::mutexLockProfiler loose;
   loose.sortData();
   EXPECT_THAT(log(), IsEmpty());
 }
@@ -197,7 +196,7 @@ TEST_F(ranking, secondRankingRanksWhatTheFirstDetailSessionGathered) {
   takeRanked();
   contend(vm.makeThread("t"), all[1], 5);
   startDetail();
-  EXPECT_THAT(takeRanked(), ElementsAre("B"));
+  EXPECT_THAT(takeNames(), ElementsAre("B"));
 }
 
 TEST_F(ranking, secondRankingWithoutAReportAddsToTheFirst) {
@@ -206,7 +205,7 @@ TEST_F(ranking, secondRankingWithoutAReportAddsToTheFirst) {
   contend(vm.makeThread("t"), all[0], 5);
   startDetail();
   std::vector<std::int64_t> times;
-  EXPECT_THAT(takeRanked(&times), UnorderedElementsAre("A", "B", "A", "B"));
+  EXPECT_THAT(takeNames(&times), UnorderedElementsAre("A", "B", "A", "B"));
   EXPECT_THAT(times, ElementsAre(0, 1, 5, 9));
 }
 
@@ -256,7 +255,7 @@ TEST_F(ranking, orderIsThatOfTheRankingWhateverHappensLater) {
   startDetail();
   contend(vm.makeThread("t"), all[1], 100);
   std::vector<std::int64_t> times;
-  EXPECT_THAT(takeRanked(&times), ElementsAre("B", "A"));
+  EXPECT_THAT(takeNames(&times), ElementsAre("B", "A"));
   EXPECT_THAT(times, ElementsAre(1, 2));
 }
 

@@ -68,11 +68,10 @@ TEST_F(stackFile, hasOneLineForEachTrace) {
 TEST_F(stackFile, linesAreInTheNumericOrderOfTheHashes) {
   load();
   beginDetail({lock});
-  const auto store = locks()->store();
   for (const std::uint64_t hash : {100U, 9U, 20U}) {
-    store->addStackTrace(hash, "at a()\n");
+    addStack(hash);
   }
-  store->addStackTrace(~std::uint64_t{0}, "at z()\n");
+  addStack(~std::uint64_t{0}, "at z()\n");
   stopProfiling();
   EXPECT_THAT(stackLines(), ElementsAre("9=[at a()]", "20=[at a()]", "100=[at a()]",
                                         "18446744073709551615=[at z()]"));
@@ -81,7 +80,7 @@ TEST_F(stackFile, linesAreInTheNumericOrderOfTheHashes) {
 TEST_F(stackFile, hashOf0IsWrittenAsOneDigit) {
   load();
   beginDetail({lock});
-  locks()->store()->addStackTrace(0, "at a.A.x()\n");
+  addStack(0, "at a.A.x()\n");
   stopProfiling();
   EXPECT_THAT(stackLines(), ElementsAre("0=[at a.A.x()]"));
 }
@@ -191,7 +190,7 @@ TEST_F(stackFile, unopenedFileIsSaidAndItsTracesAreGone) {
   see({"a.A.x"});
   EXPECT_EQ(stopProfiling(), 1) << "the report itself is not touched by it";
   EXPECT_THAT(errors(), Contains(AllOf(HasSubstr(path), HasSubstr("No such file or directory"))));
-  EXPECT_TRUE(locks()->store()->stacktracemap.empty());
+  EXPECT_TRUE(stackTexts().empty());
   std::filesystem::create_directories(folder() / "missing");
   stopProfiling();
   EXPECT_FALSE(std::filesystem::exists(path));

@@ -19,12 +19,10 @@ class stackTrace : public lockTest {
  protected:
   // The one text in the map of texts.
   std::string onlyText() {
-    const auto store = locks()->store();
-    const support::lockGuard guard(store->stackMapMutex);
-    EXPECT_EQ(store->stacktracemap.size(), 1U);
-    return store->stacktracemap.empty() ? "" : store->stacktracemap.begin()->second;
+    const auto texts = stackTexts();
+    EXPECT_EQ(texts.size(), 1U);
+    return texts.empty() ? "" : texts.begin()->second;
   }
-  std::vector<std::uint64_t> hashes() { return locks()->store()->stackHashes(); }
 
   fake::object* lock = vm.makeObject("a.Lock");
   fake::javaThread* thread = vm.makeThread("T");
@@ -57,7 +55,7 @@ TEST_F(stackTrace, hashIsThatOfTheWholeTextWithItsLineFeeds) {
   beginDetail({lock});
   setStack(thread, {"a.b.C.m", "x.Y.run"});
   vm.contendedEnter(thread, lock);
-  EXPECT_THAT(hashes(), ElementsAre(fnv1a("at a.b.C.m()\nat x.Y.run()\n")));
+  EXPECT_THAT(stackHashes(), ElementsAre(fnv1a("at a.b.C.m()\nat x.Y.run()\n")));
 }
 
 TEST_F(stackTrace, classOutsideAnyPackageIsNamedByItself) {
@@ -77,7 +75,7 @@ TEST_F(stackTrace, neitherLinesNorSignaturesMakeADifference) {
   vm.contendedEnter(thread, lock);
   thread->setFrames({{.code = other, .location = 9}});
   vm.contendedEnter(thread, lock);
-  EXPECT_EQ(hashes().size(), 1U);
+  EXPECT_EQ(stackHashes().size(), 1U);
 }
 
 TEST_F(stackTrace, sameMethodsInAnotherOrderOrNumberAreAnotherTrace) {
@@ -97,7 +95,7 @@ TEST_F(stackTrace, sameMethodsInAnotherOrderOrNumberAreAnotherTrace) {
       vm.contendedEnter(thread, lock);
     }
   }
-  EXPECT_EQ(hashes().size(), stacks.size());
+  EXPECT_EQ(stackHashes().size(), stacks.size());
   for (const auto& [hash, trace] : tracesOf(lock, "T")) {
     EXPECT_EQ(trace.count, 2U);
     EXPECT_EQ(trace.hashcode, hash);
@@ -140,8 +138,8 @@ TEST_F(stackTrace, traceKnownToTheLastSessionIsNewToTheNext) {
     beginDetail({lock}, {.stackTraces = 5});
     vm.contendedEnter(thread, lock);
     EXPECT_EQ(onlyText(), "at a.B.m()");
-    EXPECT_EQ(hashes().size(), 1U);
-    EXPECT_EQ(locks()->store()->config->maxStackTraceCount.value(), 4);
+    EXPECT_EQ(stackHashes().size(), 1U);
+    EXPECT_EQ(tracesLeft(), 4);
   }
 }
 
@@ -149,7 +147,7 @@ TEST_F(stackTrace, emptyStackHasTheHashOfNoText) {
   load();
   beginDetail({lock});
   vm.contendedEnter(thread, lock);
-  EXPECT_THAT(hashes(), ElementsAre(kHashOfNothing));
+  EXPECT_THAT(stackHashes(), ElementsAre(kHashOfNothing));
   EXPECT_EQ(onlyText(), "");
 }
 
@@ -159,7 +157,7 @@ TEST_F(stackTrace, refusedStackIsAnEmptyOne) {
   setStack(thread, {"a.b.C.m"});
   vm.fail("GetStackTrace");
   vm.contendedEnter(thread, lock);
-  EXPECT_THAT(hashes(), ElementsAre(kHashOfNothing));
+  EXPECT_THAT(stackHashes(), ElementsAre(kHashOfNothing));
   EXPECT_EQ(tracesOf(lock, "T").at(kHashOfNothing).count, 1U);
 }
 
@@ -209,7 +207,7 @@ TEST_F(stackTrace, onlyTheTop100FramesCount) {
   vm.contendedEnter(thread, lock);
   setDeepStack(thread, 5000);
   vm.contendedEnter(thread, lock);
-  ASSERT_EQ(hashes().size(), 1U) << "stacks that differ only below frame 100 share a hash";
+  ASSERT_EQ(stackHashes().size(), 1U) << "stacks that differ only below frame 100 share a hash";
   EXPECT_EQ(tracesOf(lock, "T").begin()->second.count, 3U);
 }
 
@@ -261,7 +259,7 @@ TEST_F(stackTrace, sightingsAreCountedPerLockAndThread) {
   EXPECT_EQ(tracesOf(lock, "T").at(hash).count, 1U);
   EXPECT_EQ(tracesOf(other, "T").at(hash).count, 1U);
   EXPECT_EQ(tracesOf(lock, "S").at(hash).count, 1U);
-  EXPECT_EQ(hashes().size(), 1U) << "its text is kept once";
+  EXPECT_EQ(stackHashes().size(), 1U) << "its text is kept once";
 }
 
 TEST_F(stackTrace, waitsTakeNoStackTrace) {
@@ -320,7 +318,7 @@ TEST_F(stackTrace, eachNewTraceTakesFromTheBudget) {
   vm.contendedEnter(thread, lock);
   setStack(thread, {"a.B.n"});
   vm.contendedEnter(thread, lock);
-  EXPECT_EQ(locks()->store()->config->maxStackTraceCount.value(), 3);
+  EXPECT_EQ(tracesLeft(), 3);
 }
 
 TEST_F(stackTrace, newTraceOf100FramesIsWrittenAtOnce) {
@@ -330,8 +328,8 @@ TEST_F(stackTrace, newTraceOf100FramesIsWrittenAtOnce) {
   vm.contendedEnter(thread, lock);
   ASSERT_EQ(stackLines().size(), 1U);
   EXPECT_THAT(stackLines().front(), HasSubstr("=[at deep.C.m0(),"));
-  EXPECT_TRUE(locks()->store()->stacktracemap.empty());
-  EXPECT_EQ(hashes().size(), 1U) << "its hash stays known";
+  EXPECT_TRUE(stackTexts().empty());
+  EXPECT_EQ(stackHashes().size(), 1U) << "its hash stays known";
 }
 
 TEST_F(stackTrace, traceOf99FramesIsNotWrittenAtOnce) {
@@ -359,7 +357,7 @@ TEST_F(stackTrace, spentBudgetWritesNothingAtOnce) {
   setDeepStack(thread, 100);
   vm.contendedEnter(thread, lock);
   EXPECT_FALSE(std::filesystem::exists(stackPath()));
-  EXPECT_EQ(locks()->store()->stacktracemap.size(), 2U);
+  EXPECT_EQ(stackTexts().size(), 2U);
 }
 
 TEST_F(stackTrace, lastOfTheBudgetIsStillWrittenAtOnce) {

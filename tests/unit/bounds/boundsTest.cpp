@@ -141,7 +141,7 @@ TEST_F(lockBounds, aNewLockEachTimeStopsAtTheLimitInTheSummaryToo) {
   const growth found =
       grow("locks of one class", [&](int) { contend(thread, vm.makeObject("a.Lock")); });
   EXPECT_EQ(found.second, 0U);
-  EXPECT_EQ(locks()->store()->lockCount(), std::size_t{kLimit});
+  EXPECT_EQ(lockCount(), std::size_t{kLimit});
 }
 
 TEST_F(lockBounds, aNewThreadNameEachTimeStopsAtTheLimitOfThreads) {
