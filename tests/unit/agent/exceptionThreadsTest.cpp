@@ -262,7 +262,11 @@ TEST_F(exceptionThreads, whileOneThreadRunsTheCallbackOthersAreRecorded) {
   EXPECT_EQ(deliveries().size(), 2U);
 }
 
+// Who has waited a second for its turn goes on without one, as on a slow machine. So the test takes
+// the first round in which nobody had to.
 TEST_F(exceptionThreads, localsAreReadByOneThreadAtATime) {
+  constexpr std::size_t kEach = 5;
+  constexpr std::size_t kRounds = 20;
   begin({.methodArguments = true, .localVariables = true});
   makeFrameAndException();
   std::atomic<int> reading = 0;
@@ -275,13 +279,24 @@ TEST_F(exceptionThreads, localsAreReadByOneThreadAtATime) {
     std::this_thread::yield();
     --reading;
   });
-  startAll([&](fake::javaThread* java) {
-    for (int i = 0; i < 20; ++i) {
-      throwOn(java);
-    }
-  }).clear();
+  std::atomic<bool> anyoneWaited = true;
+  std::size_t rounds = 0;
+  for (; anyoneWaited && rounds < kRounds; ++rounds) {
+    anyoneWaited = false;
+    most = 0;
+    startAll([&](fake::javaThread* java) {
+      for (std::size_t i = 0; i < kEach; ++i) {
+        const auto before = std::chrono::steady_clock::now();
+        throwOn(java);
+        if (std::chrono::steady_clock::now() - before > std::chrono::milliseconds(900)) {
+          anyoneWaited = true;
+        }
+      }
+    }).clear();
+  }
+  EXPECT_FALSE(anyoneWaited);
   EXPECT_EQ(most, 1) << "calls that queue for a safepoint take turns";
-  EXPECT_EQ(deliveries().size(), 20U * kThreads);
+  EXPECT_EQ(deliveries().size(), rounds * kEach * kThreads);
 }
 
 TEST_F(exceptionThreads, classesGoWhileOthersThrow) {
