@@ -315,7 +315,7 @@ def sweeps_of(run):
 def test_only_objects_that_are_alive_are_followed(start, collector):
     given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
              "memory.interval=50ms")
-    run = start("Churning", OUTPUT, 5, 30, 100_000, given=given, vm=[f"-XX:+Use{collector}GC"],
+    run = start("Churning", OUTPUT, 3, 30, 100_000, given=given, vm=[f"-XX:+Use{collector}GC"],
                 quiet=False)
     added = [sweep["added"] for sweep in sweeps_of(run)]
     assert 30 <= added[0] <= 32, "the last one that was made is alive, too"
