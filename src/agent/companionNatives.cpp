@@ -178,7 +178,7 @@ JNIEXPORT jboolean JNICALL Java_com_korvane_twutils_nativeagent_AgentReports_las
     JNIEnv* jni, jclass /*cls*/, jint kind, jobjectArray parts) {
   constexpr const char* kFunction = "Java_com_korvane_twutils_nativeagent_AgentReports_last";
   const jint told = native(kFunction, [&] {
-    const std::shared_ptr<const reportOutcome> last = reportOutcomes::ofProcess().last(kind);
+    const std::optional<reportOutcome> last = reportOutcomes::ofProcess().last(kind);
     if (parts == nullptr || !last) {
       return 0;
     }

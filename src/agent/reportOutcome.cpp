@@ -1,31 +1,23 @@
 #include "agent/reportOutcome.h"
 
-#include <exception>
+#include <utility>
 
 namespace agent {
 
 void reportOutcomes::begin(std::int32_t kind) {
   const support::lockGuard guard(mutex_);
-  outcomes_.erase(kind);
+  outcomes_[kind].reset();
 }
 
-void reportOutcomes::end(std::int32_t kind, const std::string& path, const std::string& problem,
-                         std::uint64_t bytes,
-                         std::optional<ownerLookupCounts> ownerLookups) noexcept {
-  try {
-    auto ended =
-        std::make_shared<const reportOutcome>(reportOutcome{path, problem, bytes, ownerLookups});
-    const support::lockGuard guard(mutex_);
-    outcomes_[kind].swap(ended);
-  } catch (const std::exception&) {
-    // Whoever asks finds none, as after begin().
-  }
+void reportOutcomes::end(std::int32_t kind, reportOutcome outcome) {
+  const support::lockGuard guard(mutex_);
+  outcomes_[kind] = std::move(outcome);
 }
 
-std::shared_ptr<const reportOutcome> reportOutcomes::last(std::int32_t kind) const {
+std::optional<reportOutcome> reportOutcomes::last(std::int32_t kind) const {
   const support::lockGuard guard(mutex_);
   const auto found = outcomes_.find(kind);
-  return found == outcomes_.end() ? nullptr : found->second;
+  return found == outcomes_.end() ? std::nullopt : found->second;
 }
 
 reportOutcomes& reportOutcomes::ofProcess() {

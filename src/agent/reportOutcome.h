@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -26,24 +25,22 @@ struct reportOutcome {
   std::optional<ownerLookupCounts> ownerLookups{};  // only where they are limited
 };
 
-// The newest outcome of each kind of profiler. Any thread; nothing waits but for a copied pointer.
+// The newest outcome of each kind of profiler. Any thread; nothing waits but for copied texts.
 class reportOutcomes {
  public:
   // A report of the profiler of `kind` is about to be written: of an earlier one nothing is known
-  // any more.
+  // any more. Throws std::bad_alloc.
   void begin(std::int32_t kind) EXCLUDES(mutex_);
-  // What became of it, as in reportOutcome. Without memory nothing is known of it.
-  void end(std::int32_t kind, const std::string& path, const std::string& problem,
-           std::uint64_t bytes, std::optional<ownerLookupCounts> ownerLookups = {}) noexcept
-      EXCLUDES(mutex_);
+  // What became of it. Allocates nothing after begin().
+  void end(std::int32_t kind, reportOutcome outcome) EXCLUDES(mutex_);
   // The outcome of the last report, if there is one that has come to its end.
-  std::shared_ptr<const reportOutcome> last(std::int32_t kind) const EXCLUDES(mutex_);
+  std::optional<reportOutcome> last(std::int32_t kind) const EXCLUDES(mutex_);
 
   static reportOutcomes& ofProcess();
 
  private:
   mutable support::mutex mutex_;
-  std::map<std::int32_t, std::shared_ptr<const reportOutcome>> outcomes_ GUARDED_BY(mutex_);
+  std::map<std::int32_t, std::optional<reportOutcome>> outcomes_ GUARDED_BY(mutex_);
 };
 
 }  // namespace agent

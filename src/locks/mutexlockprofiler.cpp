@@ -230,14 +230,14 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
     }
     dumpStackInFile(*current);
 
-    const std::string reportPath = support::textOf(jni, path);
+    std::string reportPath = support::textOf(jni, path);
     TW_LOG(kLogTrace, kSeverityTrace, kDumpJson, "File Path to dump json : %s", reportPath.c_str());
     if (reportPath.empty()) {
       TW_LOG(kLogError, kSeverityError, kDumpJson,
              "No lock report written: the report path is null or empty");
       return 0;
     }
-    writeReport(current, reportPath);
+    writeReport(current, std::move(reportPath));
     if (lookups_.perSecond() > 0) {
       TW_LOG(kLogTrace, kSeverityTrace, kDumpJson,
              "Owner lookups left out : %llu , at most %d a second were made",
@@ -250,7 +250,7 @@ std::int32_t mutexLockProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring pat
 }
 
 void mutexLockProfiler::writeReport(const std::shared_ptr<lockStore>& store,
-                                    const std::string& path) const {
+                                    std::string path) const {
   support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::truncate);
   const sessionSnapshot session =
       snapshotOf(store, lockRanking::ofProcess().takeReportQueue(), lookups_.perSecond());
@@ -275,12 +275,12 @@ void mutexLockProfiler::writeReport(const std::shared_ptr<lockStore>& store,
   support::jsonWriter json;
   writeLockReport(json, session);
   file.write(json.text());
-  const std::string reason = file.close();
-  reportOutcomes::ofProcess().end(kMutexLockProfiler, path, reason, file.written(),
-                                  session.ownerLookups);
+  std::string reason = file.close();
   if (!reason.empty()) {
     logUnwritable(kDumpJson, "lock report", path, reason);
   }
+  reportOutcomes::ofProcess().end(kMutexLockProfiler, {std::move(path), std::move(reason),
+                                                       file.written(), session.ownerLookups});
 }
 
 void mutexLockProfiler::dumpStackInFile(lockStore& store) {

@@ -100,7 +100,7 @@ class mutexLockProfiler : public profiler {
   std::uint64_t hashOf(const monitorEvent& event, stackFrames frames);
 
   bool useStore(std::shared_ptr<lockStore> next) EXCLUDES(storeMutex_);
-  void writeReport(const std::shared_ptr<lockStore>& store, const std::string& path) const;
+  void writeReport(const std::shared_ptr<lockStore>& store, std::string path) const;
 
   mutable support::mutex storeMutex_;
   std::shared_ptr<lockStore> store_ GUARDED_BY(storeMutex_);

@@ -302,7 +302,7 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
     if (!getMemoryProfiler()) {
       return 0;
     }
-    const std::string reportPath = support::textOf(jni, path);
+    std::string reportPath = support::textOf(jni, path);
     if (reportPath.empty()) {
       TW_LOG(kLogError, kSeverityError, kDumpJson,
              "No memory report written: the report path is null or empty");
@@ -319,14 +319,16 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
     const MemorySessionConfig* const config = config_.load();
     file.write(
         memoryReportOf(config == nullptr ? kNoSessionId : config->sessionId, std::move(chosen)));
-    const std::string reason = file.close();
-    reportOutcomes::ofProcess().end(kMemoryProfiler, reportPath, reason, file.written());
-    if (reason.empty()) {
-      return 1;
+    std::string reason = file.close();
+    const bool isWritten = reason.empty();
+    if (!isWritten) {
+      TW_LOG(kLogError, kSeverityError, kDumpJson,
+             "Unable to write memory report '%s'. Error = '%s'", reportPath.c_str(),
+             reason.c_str());
     }
-    TW_LOG(kLogError, kSeverityError, kDumpJson, "Unable to write memory report '%s'. Error = '%s'",
-           reportPath.c_str(), reason.c_str());
-    return 0;
+    reportOutcomes::ofProcess().end(kMemoryProfiler,
+                                    {std::move(reportPath), std::move(reason), file.written()});
+    return isWritten ? 1 : 0;
   });
 }
 

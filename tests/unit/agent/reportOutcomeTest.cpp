@@ -167,24 +167,24 @@ class reportOutcome : public agentTest {};
 
 TEST_F(reportOutcome, countsAreGivenInFull) {
   const std::uint64_t large = 9223372036854775807U;
-  reportOutcomes::ofProcess().end(kLocks, "p", "", large, agent::ownerLookupCounts{large, 3});
+  reportOutcomes::ofProcess().end(kLocks, {"p", "", large, agent::ownerLookupCounts{large, 3}});
   EXPECT_THAT(lastOf(vm, kLocks),
               ElementsAre("p", "", "9223372036854775807", "9223372036854775807", "3"));
 }
 
 TEST_F(reportOutcome, aReasonInAnotherEncodingIsGivenInAscii) {
-  reportOutcomes::ofProcess().end(kLocks, "p", "nicht verf\xfcgbar", 1);
+  reportOutcomes::ofProcess().end(kLocks, {"p", "nicht verf\xfcgbar", 1});
   EXPECT_EQ(lastOf(vm, kLocks).at(1), "nicht verf?gbar");
 }
 
 TEST_F(reportOutcome, isUnknownForOtherKinds) {
-  reportOutcomes::ofProcess().end(kLocks, "p", "", 1);
+  reportOutcomes::ofProcess().end(kLocks, {"p", "", 1});
   EXPECT_THAT(lastOf(vm, 2), IsEmpty());
   EXPECT_THAT(lastOf(vm, -1), IsEmpty());
 }
 
 TEST_F(reportOutcome, isNotGivenWhereJavaCannotTakeIt) {
-  reportOutcomes::ofProcess().end(kLocks, "p", "", 1);
+  reportOutcomes::ofProcess().end(kLocks, {"p", "", 1});
   EXPECT_THAT(lastOf(vm, kLocks, kParts - 1), IsEmpty());
   for (const char* function : {"NewStringUTF", "SetObjectArrayElement"}) {
     vm.fail(function, {.from = 3, .times = 1, .throwing = true});
@@ -203,7 +203,7 @@ TEST_F(reportOutcome, isReadWhileReportsAreWritten) {
   const auto write = [](jint kind, const std::string& path) {
     for (int i = 0; i < kRounds; ++i) {
       reportOutcomes::ofProcess().begin(kind);
-      reportOutcomes::ofProcess().end(kind, path, path, path.size());
+      reportOutcomes::ofProcess().end(kind, {path, path, path.size()});
     }
   };
   std::vector<std::thread> threads;
