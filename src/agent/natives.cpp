@@ -32,7 +32,7 @@ void trace(const char* function, const char* message, jlong sessionId,
                   "%s%lld", message, static_cast<long long>(sessionId));
 }
 
-// Says on standard error what is wrong with a black list that is refused.
+// Reports on standard error what is wrong with a black list that is refused.
 void refuseBlackList(const std::string& text, const std::exception& error) {
   twAprLib::print(stderr,
                   "javanativeagent: enableCaptureVariableinException: argument 'blackList' is "

@@ -25,7 +25,7 @@ struct reportOutcome {
   std::optional<ownerLookupCounts> ownerLookups{};  // only where they are limited
 };
 
-// The newest outcome of each kind of profiler. Any thread; nothing waits but for copied texts.
+// The newest outcome of each kind of profiler. Any thread; nothing waits except for copied texts.
 class reportOutcomes {
  public:
   // A report of the profiler of `kind` is about to be written: of an earlier one nothing is known

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kFunction = "twAprUtility::mkdir_ex";
 constexpr std::size_t kLongestPath = 8000;
-// Deliberate: what the message says is allowed is not what is tested.
+// Deliberate: the length in the message is not the one that is tested.
 constexpr int kLengthShown = 8192;
 constexpr std::size_t kMostPieces = 30;
 constexpr mode_t kFolderMode = 0755;  // others never write there, whatever the umask

@@ -1,4 +1,4 @@
-// What exception capture is told to do.
+// The settings of exception capture.
 #pragma once
 
 #include <jvmti.h>
@@ -16,7 +16,7 @@ namespace agent {
 struct ExceptionCaptureSettings : sessionSettings {
   ~ExceptionCaptureSettings() override;
 
-  // Looks the callback up; what cannot be found stays null. Leaves no Java exception behind.
+  // Looks the callback up; what cannot be found stays null. Leaves no Java exception pending.
   void findCallback(JNIEnv* jni);
 
   bool enabled = false;

@@ -14,7 +14,7 @@ namespace agent {
 
 // In the order in which Java asks for them by number.
 enum class exceptionCount : std::int32_t {
-  seen,      // each one, but for those that the agent's own calls into Java throw
+  seen,      // each one, except for those that the agent's own calls into Java throw
   filtered,  // thrown by a class whose exceptions are never recorded
   blackListed,
   overRate,

@@ -26,7 +26,7 @@ inline constexpr std::string_view kEndFrame = "%7C";
 // The last separator of a section or record, which is dropped, has this many characters.
 inline constexpr std::size_t kSeparatorLength = 3;
 
-// What a value is, as its entry says in decimal.
+// What a value is; its entry has the number in decimal.
 enum class typeCode : int {
   boolean = 0,
   character = 1,
@@ -51,7 +51,7 @@ std::string withoutValues(std::string_view text);
 //
 // What is open can always be closed: room for that is kept from the moment of opening. Something
 // that does not fit is not appended and leaves the record cut; whoever walks over values then stops
-// and closes what it has opened, so that a cut record ends after its last whole entry.
+// and closes what it has opened, so that a cut record ends after its last complete entry.
 class builder {
  public:
   explicit builder(std::size_t limit);
@@ -82,7 +82,7 @@ class builder {
   enum class outcome { written, unreadable, noRoom };
   // Appends a text of `units` UTF-16 code units, up to `most` of them, and as many as fit: it is
   // never cut within a character. `read(start, count, out)` gives units as modified UTF-8 with a
-  // NUL behind them, or false when it cannot.
+  // NUL after them, or false when it cannot.
   template <typename Read>
   outcome appendText(std::string_view name, typeCode code, std::size_t units, std::size_t most,
                      Read&& read);

@@ -92,7 +92,7 @@ class exceptionProfiler : public profiler {
   void loseByRaised(const throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
   static bool isVirtual(const throwEvent& event);
   static void keepForLater(const throwEvent& event, std::string text, bool isCut);
-  // Counts the exception as lost, and says so once a minute for its class and the reason.
+  // Counts the exception as lost, and logs it once a minute for its class and the reason.
   void lose(const throwEvent& event, exceptionCount reason, const char* why) noexcept;
 
   support::mutex settingsMutex_;  // around publishing settings

@@ -21,7 +21,7 @@ constexpr const char* kSend = "raisedInHandler::send";
 
 // Whether the callback that this thread's handler called last has come to its sink.
 thread_local bool hasSinkBegun = false;
-// Whether the callback of this process says when it does; it has by the first record of a sink.
+// Whether the callback of this process announces its sink; it has by the first record of a sink.
 std::atomic<bool> sinksAreNoted{false};
 
 // An environment with the capability to send exceptions, made when the first one is to be sent:

@@ -39,7 +39,7 @@ class raisedInHandler {
   const std::string& className() const { return className_; }
 
   // The callback is about to call its sink, on this thread. What comes up from now on may be the
-  // sink's. A callback that never says so may throw at any point.
+  // sink's. A callback that never announces it may throw at any point.
   static void noteSink();
 
  private:

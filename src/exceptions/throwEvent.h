@@ -37,7 +37,7 @@ class knownClasses {
  public:
   using entry = std::shared_ptr<const support::classCache<knownClass>::entry>;
 
-  // What is known of the class; none when the VM does not give its signature, and then `error` says
+  // What is known of the class; none when the VM does not give its signature, and then `error` is
   // why.
   entry of(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error);
 

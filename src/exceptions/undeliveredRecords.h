@@ -23,7 +23,7 @@ struct undeliveredRecord {
 
 // At most 64 records with 4 MiB of text; a text that does not fit is shortened to its first frame,
 // without values, and counts as cut. Nothing is kept before someone has asked for a record: whoever
-// takes none would have them kept for ever. Any thread; nothing waits but for a move of strings.
+// takes none would have them kept for ever. Any thread; nothing waits except for a move of strings.
 class undeliveredRecords {
  public:
   static constexpr std::size_t kMost = 64;

@@ -39,7 +39,7 @@ class lockRanking {
   static lockRanking& ofProcess();
 
   // Selects those of the store's locks that were blocked longest, as many as its settings want, and
-  // queues them for the report, behind those of earlier rankings.
+  // queues them for the report, after those of earlier rankings.
   void select(const std::shared_ptr<lockStore>& store, const std::vector<lockBean*>& locks)
       EXCLUDES(mutex_);
   // Takes the locks ranked since the last report.

@@ -17,7 +17,7 @@
 
 namespace agent {
 
-// What a report says of a session. Valid as long as its store, whose names it has.
+// What a report has of a session. Valid as long as its store, whose names it has.
 struct sessionSnapshot {
   std::string_view sessionName;
   std::int64_t sessionId = 0;

@@ -86,7 +86,7 @@ class blockStarts {
   std::atomic<std::int64_t> firstSinceLoss_{INT64_MAX};
 };
 
-// What a report says of a thread on a lock. The name is that of the lock's record.
+// What a report has of a thread on a lock. The name is that of the lock's record.
 struct threadSnapshot {
   std::string_view name;
   std::uint32_t count = 0;
@@ -95,7 +95,7 @@ struct threadSnapshot {
   std::vector<std::pair<std::uint64_t, stackTraceBean>> stacktracebean;  // in ascending order
 };
 
-// What a report says of a lock. The names are those of its record.
+// What a report has of a lock. The names are those of its record.
 struct lockSnapshot {
   std::string_view lockName;
   std::string_view id;

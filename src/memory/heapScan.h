@@ -78,7 +78,7 @@ struct taggedObjects {
 taggedObjects countTaggedObjects(jvmtiEnv* jvmti);
 
 // Adds the objects of some generations after others to the records of their classes; those that the
-// filters exclude are left out. What the VM tells of a class is read once for all of them. Belongs
+// filters exclude are omitted. What the VM reports of a class is read once for all of them. Belongs
 // to one thread, within one native method; `filters` and `records` outlive it.
 class generationScan {
  public:
@@ -86,7 +86,7 @@ class generationScan {
 
   // What GetObjectsWithTags has answered; nothing was added when `status` is an error.
   struct answer {
-    jint count = 0;  // of objects, also those that were left out
+    jint count = 0;  // of objects, also those that were omitted
     jvmtiError status = JVMTI_ERROR_NONE;
   };
   // Adds the objects of the generations from `first` up to `last`, in one query.
@@ -95,7 +95,7 @@ class generationScan {
  private:
   struct metClass {
     support::localRef<jclass> cls;
-    classRecord* record;  // none when the class is left out
+    classRecord* record;  // none when the class is omitted
     std::uint32_t lastGeneration = 0;
     generationRecord* last = nullptr;  // of lastGeneration
 

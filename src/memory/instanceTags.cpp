@@ -36,7 +36,7 @@ struct walk {
   jlong tag;
   std::span<instanceTally> tallies;
 
-  // Null for the tag of a class that is not wanted, but followed itself.
+  // Null for the tag of a class that is not wanted, but tracked itself.
   instanceTally* tallyOf(jlong classTag) const {
     const jlong place = kFirstMark - classTag;
     return isMark(classTag) && place < std::ssize(tallies)

@@ -39,7 +39,7 @@ std::string describe(const MemorySessionConfig& config) {
          "|Number of top N Class :" + std::to_string(config.topNClassCount);
 }
 
-// What the log says of the call that found the tagged objects.
+// What is logged of the call that found the tagged objects.
 void logTaggedObjects(std::uint64_t count, jvmtiError status) {
   if (count == 0) {
     TW_LOG(kLogWarn, kSeverityWarn, kScanJavaHeap,

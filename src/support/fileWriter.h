@@ -1,4 +1,4 @@
-// A file written from front to back. Errors are kept, the first one wins, and close() tells it.
+// A file written from front to back. Errors are kept, the first one wins, and close() returns it.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ class fileWriter {
   enum class mode { truncate, append };
 
   // Opens or creates the file, without ever waiting; the group and others cannot write a file
-  // created here. What is no regular file is an error, /dev/null apart.
+  // created here. What is not a regular file is an error, /dev/null apart.
   fileWriter(const std::string& path, mode how);
   ~fileWriter();
   fileWriter(const fileWriter&) = delete;

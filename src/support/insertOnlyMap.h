@@ -1,4 +1,4 @@
-// A hash table whose entries stay until the whole table goes.
+// A hash table whose entries stay until the table goes.
 //
 // Lookups take no lock: an entry is complete before it is linked, and its key and value objects
 // never move. Inserting is serialised by the caller's mutex and holds up nobody who looks something
@@ -6,8 +6,8 @@
 //
 // Entries are found by linear probing in a table of pointers, at most half of which are in use.
 // When it is full, a table of twice the size takes its place. The old one stays, as lookups may
-// still be in it, so all tables together have less than eight pointers for each entry, but for the
-// smallest table.
+// still be in it, so all tables together have less than eight pointers for each entry, except
+// for the smallest table.
 #pragma once
 
 #include <atomic>

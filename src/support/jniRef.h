@@ -66,7 +66,7 @@ class localFrame {
 };
 
 // Puts a pending Java exception aside while the agent makes calls that are not allowed with one,
-// clears whatever those calls left behind, and raises the exception again at the end.
+// clears whatever those calls left pending, and raises the exception again at the end.
 class pendingExceptionGuard {
  public:
   explicit pendingExceptionGuard(JNIEnv* jni) : jni_(jni), saved_(jni, jni->ExceptionOccurred()) {

@@ -17,8 +17,8 @@ struct openedFile {
 inline constexpr int kNotRegular = -1;
 
 // Opens the file at `path` as ::open does with `flags` and `mode`; the programs that the process
-// starts do not inherit it. What is no regular file is refused, /dev/null apart: a FIFO would hold
-// the caller up until somebody reads from it.
+// starts do not inherit it. What is not a regular file is refused, /dev/null apart: a FIFO would
+// hold the caller up until somebody reads from it.
 openedFile openRegularFile(const std::string& path, int flags, mode_t mode = 0);
 
 // A stream of `mode`, as of ::fdopen, on an opened file; it takes the descriptor over. None when
