@@ -110,6 +110,7 @@ sessionSnapshot snapshotOf(const std::shared_ptr<lockStore>& store, rankedLocks 
   session.sessionId = store->config->sessionId;
   session.graphSize = store->config->graphSize;
   session.nothingRanked = ranked.empty();
+  session.locks.reserve(ranked.size());
   for (; !ranked.empty(); ranked.pop()) {
     const rankedLock& each = ranked.top();
     // A lock of an earlier session is not reported any more.
