@@ -148,7 +148,8 @@ TEST_F(lockReport, endsWithTheLooksForOwnersWhereTheyAreLimited) {
 
 TEST_F(lockReport, looksForOwnersAreWrittenWhole) {
   agent::sessionSnapshot session;
-  session.ownerLookups = {2147483647, 4294967296, std::numeric_limits<std::uint64_t>::max()};
+  session.lookupsPerSecond = 2147483647;
+  session.ownerLookups = {4294967296, std::numeric_limits<std::uint64_t>::max()};
   EXPECT_EQ(reportOf(session)["ownerLookups"].dump(),
             R"({"perSecond":2147483647,"made":4294967296,"leftOut":18446744073709551615})");
 }
