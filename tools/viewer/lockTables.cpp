@@ -87,7 +87,7 @@ std::string sampleNote(const lockReport& report) {
     return "";
   }
   const auto& [perSecond, made, leftOut] = *report.lookups;
-  const std::string looks =
+  std::string looks =
       fmt::format("Owners are a sample: {} looks made, {} left out, at most {} a second.\n", made,
                   leftOut, perSecond);
   if (report.blockers.empty() || report.ownerScale <= 1) {
