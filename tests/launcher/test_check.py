@@ -41,7 +41,7 @@ def test_a_lock_session(launcher, folder):
 def test_a_lock_session_that_ended_in_its_summary(launcher, folder):
     profiled(launcher, folder, "--locks=summary=1h", until=lambda run: run.folder.exists())
     done = check(launcher, folder, "--max-blocked-seconds", "*=100000")
-    assert done.code == 1 and "no lock was followed in session 1: it ended before its detail" in done.out
+    assert done.code == 1 and "no lock was recorded in session 1: it ended before its detail" in done.out
 
 
 def test_jvms_that_were_killed(launcher, folder):
@@ -54,10 +54,10 @@ def test_jvms_that_were_killed(launcher, folder):
               "--no-exception", "a.b.C")
     done = check(launcher, folder, *limits)
     assert done.code == 1 and done.out.splitlines() == [
-        "*=9: a lock session did not end: the JVM was killed, or still runs (locks-1.json.part)",
-        "example.Idle$Ticket=9@1: a memory session did not end: the JVM was killed, or still runs "
+        "*=9: a lock session did not end: the JVM was killed or is still running (locks-1.json.part)",
+        "example.Idle$Ticket=9@1: a memory session did not end: the JVM was killed or is still running "
         "(memory-1.json.part)",
-        "a.b.C: there is no end line: the JVM was killed, or still runs",
+        "a.b.C: there is no end line: the JVM was killed or is still running",
         *[line for line in done.out.splitlines() if line.startswith("note: ")],
     ], done
 
@@ -76,17 +76,17 @@ def test_the_killed_one_of_two_jvms(launcher, folder):
     assert f"{killed.folder.name}: *=100000: a lock session did not end" in done.out, done
 
 
-def test_classes_that_nothing_followed(launcher, folder):
+def test_classes_that_nothing_tracked(launcher, folder):
     def swept(run):
         sweeps = run.folder / "memory-1.sweeps"
         return sweeps.exists() and '"classes":1' in sweeps.read_text()
 
     profiled(launcher, folder, "--memory=track=example.Idle$Ticket,interval=100ms", until=swept)
-    whole = check(launcher, folder, "--max-survivors", "example.Idle$Ticket=100000000@1")
-    assert whole.code == 0, whole
+    tracked = check(launcher, folder, "--max-survivors", "example.Idle$Ticket=100000000@1")
+    assert tracked.code == 0, tracked
     misspelt = check(launcher, folder, "--max-survivors", "example.Idle$Tiket=0@1")
     assert misspelt.code == 1, misspelt
-    assert "not all such classes were followed, or none: memory.track=example.Idle$Ticket" in misspelt.out
+    assert "not all matching classes were tracked: memory.track=example.Idle$Ticket" in misspelt.out
 
 
 def test_classes_that_memory_track_misspells(launcher, folder):
@@ -95,7 +95,7 @@ def test_classes_that_memory_track_misspells(launcher, folder):
 
     profiled(launcher, folder, "--memory=track=example.Idle$Tiket,interval=100ms", until=swept)
     done = check(launcher, folder, "--max-survivors", "example.Idle$Tiket=0@1")
-    assert done.code == 1 and "no more than 0 of the classes of memory.track=" in done.out, done
+    assert done.code == 1 and "at most 0 of the classes of memory.track=" in done.out, done
 
 
 def test_a_run_without_the_profiler(launcher, folder):

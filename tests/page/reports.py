@@ -64,7 +64,7 @@ class LockSession:
             add_stack(self.owners[thread], self.stack(frames), count)
 
     def limit_lookups(self, per_second, made, left_out):
-        """The agent looked for owners `made` times, and `left_out` times not."""
+        """The agent made `made` owner lookups and skipped `left_out`."""
         self.lookups = {"perSecond": per_second, "made": made, "leftOut": left_out}
 
     def write(self, folder):

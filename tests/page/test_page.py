@@ -328,13 +328,13 @@ def owner_page(page_of, folder, *lookups, found=2):
     return page_of(session.write(folder))
 
 
-def test_owners_are_scaled_where_looks_for_them_were_left_out(browser, page_of, tmp_path):
+def test_owners_are_scaled_where_owner_lookups_were_skipped(browser, page_of, tmp_path):
     page = owner_page(page_of, tmp_path, 100, 1000, 15000)
     browser.open(page)
     assert "found owning 2 times, in all ≈ 32" in browser.text()
     browser.open(page, "blockers")
     note = browser.one("#owner-sample").text
-    assert "1,000 looks made, 15,000 left out, at most 100 a second. About 6 % were found" in note
+    assert "1,000 owner lookups made, 15,000 skipped, at most 100 a second. About 6 % were found" in note
     assert "sums of the owners are exact" not in browser.text()
     cells = browser.all(".matrix tbody tr > *")
     assert [cell.text for cell in cells][:3] == ["worker-1", "2", "32"]
@@ -345,15 +345,15 @@ def test_owners_are_scaled_where_looks_for_them_were_left_out(browser, page_of, 
     assert rows["worker-1"]["Blocking periods"] == "3" and rows["worker-1"]["Blocking s"] == "4"
 
 
-# Shared looks can find an owner for each entry, however many looks were left out.
+# Shared lookups can find an owner for each entry, however many lookups were skipped.
 def test_a_sample_that_has_all_entries_is_not_said_to_be_scaled(browser, page_of, tmp_path):
     browser.open(owner_page(page_of, tmp_path, 100, 10, 5, found=50), "blockers")
     note = browser.one("#owner-sample").text
-    assert "10 looks made, 5 left out, at most 100 a second." in note and "scaled" not in note
+    assert "10 owner lookups made, 5 skipped, at most 100 a second." in note and "scaled" not in note
 
 
-@pytest.mark.parametrize("lookups", [(), (100, 50, 0)], ids=["no-limit", "none-left-out"])
-def test_owners_are_as_counted_where_no_look_was_left_out(browser, page_of, tmp_path, lookups):
+@pytest.mark.parametrize("lookups", [(), (100, 50, 0)], ids=["no-limit", "none-skipped"])
+def test_owners_are_as_counted_where_no_owner_lookup_was_skipped(browser, page_of, tmp_path, lookups):
     page = owner_page(page_of, tmp_path, *lookups)
     browser.open(page)
     assert "found owning 2 times" in browser.text() and "in all" not in browser.text()
@@ -364,7 +364,7 @@ def test_owners_are_as_counted_where_no_look_was_left_out(browser, page_of, tmp_
     assert pair["≈ Times"] == "2"
 
 
-def test_a_report_with_malformed_looks_is_a_problem(twreport, tmp_path):
+def test_a_report_with_malformed_owner_lookups_is_a_problem(twreport, tmp_path):
     session = reports.LockSession()
     session.limit_lookups(100, "many", 0)
     done = subprocess.run([twreport, session.write(tmp_path), "-o", tmp_path / "page.html"],
@@ -393,21 +393,21 @@ def test_exceptions_that_are_not_among_the_records(browser, page_of, tmp_path):
             "in packages that are not recorded, 3 without a record (stack 3), 6 handed over as "
             "records. Records that were cut: 1.") in browser.text()
     assert "4 records were dropped." in browser.text()
-    assert "of 3 exceptions no record could be made (stack 3)." in browser.text()
+    assert "no record could be made of 3 exceptions (stack 3)." in browser.text()
     groups = browser.table("Exceptions by class and site")
     groups.choose("a.b.Whole")
     assert "was cut" not in browser.text()
     groups.choose("a.b.Cut")
     assert "The record was too long and was cut" in browser.text()
     browser.go("Overview")
-    assert "recorded; not all is here" in browser.text()
+    assert "recorded; incomplete" in browser.text()
     assert "memory-2.json.part" in browser.text() and "5 older reports" in browser.text()
 
 
 def test_exceptions_of_a_jvm_that_was_killed(browser, page_of, tmp_path):
     reports.write_json(tmp_path / "exceptions.jsonl", reports.record("a.b.X", []))
     browser.open(page_of(tmp_path), "exceptions")
-    assert "there is no end line: the JVM was killed, or still runs." in browser.text()
+    assert "there is no end line: the JVM was killed or is still running." in browser.text()
     assert "The agent saw" not in browser.text()
 
 

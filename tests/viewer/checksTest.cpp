@@ -103,15 +103,15 @@ TEST(checks, areBrokenWhenThereIsNothingToCheck) {
       brokenLimits(runWith({{"locks", "true"}, {"memory", "TRUE"}, {"exceptions", "true"}}),
                    limits),
       ElementsAre(
-          "a.*=2: no lock report: no session began, or the JVM was killed, or still runs",
-          "a.B=0@3: no memory report: no session began, or the JVM was killed, or still runs",
-          "a.X: no exception file: the JVM was killed, or still runs"));
+          "a.*=2: no lock report: no session began, or the JVM was killed or is still running",
+          "a.B=0@3: no memory report: no session began, or the JVM was killed or is still running",
+          "a.X: no exception file: the JVM was killed or is still running"));
 }
 
 TEST(checks, areBrokenByExceptionsThatAreNotInTheFiles) {
   EXPECT_THAT(brokenBy(endLine(0)), IsEmpty());
   EXPECT_THAT(brokenBy(thrown("b.X")),
-              ElementsAre("a.*: there is no end line: the JVM was killed, or still runs"));
+              ElementsAre("a.*: there is no end line: the JVM was killed or is still running"));
   EXPECT_THAT(brokenBy(""), ElementsAre(HasSubstr("there is no end line")));
   EXPECT_THAT(brokenBy(endLine(0) + thrown("b.X")),
               ElementsAre(HasSubstr("1 records come after the last end line: the JVM was killed")))
@@ -125,9 +125,9 @@ TEST(checks, areBrokenByExceptionsOfWhichTheAgentMadeNoRecord) {
   const std::string failed =
       replaced(replaced(kComplete, "\"stack\":0", "\"stack\":3"), "\"vm\":0", "\"vm\":1");
   EXPECT_THAT(brokenBy(endLine(0, 0, failed)),
-              ElementsAre("a.*: of 4 exceptions no record could be made (stack 3, vm 1)"));
+              ElementsAre("a.*: no record could be made of 4 exceptions (stack 3, vm 1)"));
   EXPECT_THAT(brokenBy(R"({"recorded":0,"dropped":0})"),
-              ElementsAre("a.*: the end line does not tell what the agent could not record: an "
+              ElementsAre("a.*: the end line lacks what the agent could not record: an "
                           "older version wrote it"));
   EXPECT_THAT(brokenBy(endLine(0, 0, replaced(kComplete, "\"overRate\":0", "\"overRate\":9"))),
               IsEmpty())
@@ -146,15 +146,16 @@ TEST(checks, areBrokenByExcludedExceptionsThatWereThrown) {
   EXPECT_THAT(broken(some, "a.c.*"), IsEmpty());
   EXPECT_THAT(broken(endLine(0), "a.*"), IsEmpty()) << "none of them was thrown";
   EXPECT_THAT(brokenBy(some + some, "x.*", {{"exceptions.exclude", "a.X"}}),
-              ElementsAre(HasSubstr("it is not known which these are")))
+              ElementsAre(HasSubstr("it is not known which ones")))
       << "the second session may have excluded others";
   EXPECT_THAT(brokenBy(some, "x.*", {{"exceptions", "false"}}),
-              ElementsAre(HasSubstr("it is not known which these are")));
+              ElementsAre(HasSubstr("it is not known which ones")));
 }
 
 TEST(checks, areBrokenWhereAllIsFiltered) {
-  EXPECT_THAT(brokenBy(endLine(0), "sun.security.*"),
-              ElementsAre("sun.security.*: what classes of sun.* throw is never recorded"));
+  EXPECT_THAT(
+      brokenBy(endLine(0), "sun.security.*"),
+      ElementsAre("sun.security.*: exceptions thrown by classes of sun.* are never recorded"));
   EXPECT_THAT(brokenBy(endLine(0), "java.lang.ClassCastException"), IsEmpty());
   profile all = runWith({{"exceptions", "true"}});
   std::vector<std::string> none;
@@ -162,7 +163,7 @@ TEST(checks, areBrokenWhereAllIsFiltered) {
       bytesOfText(endLine(0, 0, replaced(kComplete, "filtered\":0", "filtered\":12"))), "e", none);
   const verdict found = check(all, {.exceptions = {"*"}});
   EXPECT_THAT(found.broken, IsEmpty()) << "a JVM's start always has some";
-  EXPECT_THAT(found.notes, ElementsAre(StartsWith("12 exceptions were not looked at: they were "
+  EXPECT_THAT(found.notes, ElementsAre(StartsWith("12 exceptions were not covered: they were "
                                                   "thrown by classes of sun.*, ")));
 }
 
@@ -171,7 +172,7 @@ TEST(checks, areBrokenByDeletedFiles) {
   std::vector<std::string> none;
   all.exceptions.emplace().add(bytesOfText(endLine(0)), "run-1/exceptions-3.jsonl", none);
   EXPECT_THAT(brokenLimits(all, {.exceptions = {"a.*"}}),
-              ElementsAre(HasSubstr("exception file 1 to 2 is gone")));
+              ElementsAre(HasSubstr("exception file 1 to 2 is missing")));
 }
 
 TEST(checks, areBrokenByLockSessionsWithoutADetailPhase) {
@@ -180,8 +181,9 @@ TEST(checks, areBrokenByLockSessionsWithoutADetailPhase) {
                                      "stacktracemap":{},"blockingThreads":{}})")};
   EXPECT_THAT(
       brokenLimits(all, {.blocked = {{"a.*", 2}}}),
-      ElementsAre(StartsWith("a.*=2: no lock was followed in session 7: it ended before its "
-                             "detail phase, or no thread had blocked")));
+      ElementsAre(StartsWith("a.*=2: no lock was recorded in session 7: it ended before its "
+                             "detail phase (use a shorter locks.summary), or no thread had "
+                             "blocked before that phase (use a longer one)")));
 }
 
 TEST(checks, areBrokenByLockSessionsWithoutAReport) {
@@ -189,7 +191,8 @@ TEST(checks, areBrokenByLockSessionsWithoutAReport) {
   all.unfinished = {"out/run-1/memory-1.json.part", "out/run-1/locks-2.json.part"};
   const checkedLimits limits = {.blocked = {{"a.*", 5}}};
   const std::string killed =
-      "a.*=5: a lock session did not end: the JVM was killed, or still runs (locks-2.json.part)";
+      "a.*=5: a lock session did not end: the JVM was killed or is still running "
+      "(locks-2.json.part)";
   EXPECT_THAT(brokenLimits(all, limits), ElementsAre(killed));
   all.lockReports = {parsedReport()};
   all.lockReports[0].source = "out/run-1/locks-1.json";
@@ -214,10 +217,9 @@ TEST(checks, areBrokenWhenMoreLocksMayHaveBeenContended) {
     all.lockReports = {parsedReport()};
     return check(all, {.blocked = {{"a.*", 5}}});
   };
-  EXPECT_THAT(
-      broken({{"locks.top", "2"}}).broken,
-      ElementsAre("a.*=5: session 42 followed 2 locks and no more: locks.top bounds them, -1 "
-                  "takes all"));
+  EXPECT_THAT(broken({{"locks.top", "2"}}).broken,
+              ElementsAre("a.*=5: session 42 recorded 2 locks and had no room for more: locks.top "
+                          "limits them, -1 for all"));
   EXPECT_THAT(broken({{"locks.top", "3"}}).broken, IsEmpty());
   EXPECT_THAT(broken({}).notes, ElementsAre(StartsWith("at most 20 locks of a session were")));
   EXPECT_THAT(broken({{"locks.top", "-1"}}).notes, IsEmpty());
@@ -247,21 +249,21 @@ TEST(checks, areBrokenByClassesThatNothingFollowed) {
   EXPECT_THAT(broken(session, session, 1), IsEmpty());
   EXPECT_THAT(
       broken("com.example.shop.Sesion", session, 1),
-      ElementsAre("com.example.shop.Sesion=1000000@1: not all such classes were followed, or "
-                  "none: memory.track=com.example.shop.Session"));
+      ElementsAre("com.example.shop.Sesion=1000000@1: not all matching classes were tracked: "
+                  "memory.track=com.example.shop.Session"));
   EXPECT_THAT(broken("com.example.shop.Cart", "com.example.shop.Cart", 1), IsEmpty())
       << "it was loaded, and no object of it survived";
   EXPECT_THAT(broken("a.Sesion", "a.Sesion", 0), ElementsAre(HasSubstr("is a name misspelt?")));
   EXPECT_THAT(broken("a.Sesion", session + ",a.Sesion", 1),
-              ElementsAre(HasSubstr("no more than 1 of the classes of memory.track=")));
+              ElementsAre(HasSubstr("at most 1 of the classes of memory.track=")));
   EXPECT_THAT(broken("a.b.Sesion", "a.*", 3),
-              ElementsAre(HasSubstr("memory.track=a.* does not name it: is it misspelt?")));
+              ElementsAre(HasSubstr("memory.track=a.* does not name the class: is it misspelt?")));
   EXPECT_THAT(broken("a.b.*", "a.b.*", 3), IsEmpty());
   EXPECT_THAT(broken("com.example.shop.*", session, 1), SizeIs(1)) << "other classes were not";
   EXPECT_THAT(broken("com.example.shop.*", "com.example.*", 9), IsEmpty());
   EXPECT_THAT(broken("a.B", "", 0), ElementsAre(HasSubstr("started without memory.track")));
   EXPECT_THAT(brokenLimits(memory(), {.survivors = {{"com.example.shop.Sesion", 0, 1}}}),
-              ElementsAre(HasSubstr("no run.json says which classes were followed")));
+              ElementsAre(HasSubstr("there is no run.json with the classes that were tracked")));
 }
 
 TEST(checks, areBrokenByObjectsThatWereTooManyToFollow) {
@@ -275,7 +277,7 @@ TEST(checks, areBrokenByObjectsThatWereTooManyToFollow) {
   profile all = memory();
   all.sweeps.emplace().isCut = true;
   EXPECT_THAT(brokenLimits(all, {.survivors = {{session, 1'000'000, 1}}}),
-              ElementsAre(HasSubstr("the file of sweeps was full")));
+              ElementsAre(HasSubstr("the sweep file was full")));
 }
 
 TEST(checks, areBrokenByClassesThatAreNotReported) {
@@ -284,23 +286,22 @@ TEST(checks, areBrokenByClassesThatAreNotReported) {
     return brokenBySurvivors(pattern, {{"memory.track", pattern}, {option, value}}, 9);
   };
   EXPECT_THAT(broken("a.B", "memory.excludeClasses", "x.Y, a.B"),
-              ElementsAre(HasSubstr("memory.excludeClasses leaves a.B out")));
+              ElementsAre(HasSubstr("memory.excludeClasses names a.B")));
   EXPECT_THAT(broken("a.*", "memory.excludeClasses", "a.B"), SizeIs(1));
   EXPECT_THAT(broken("a.B", "memory.excludePackages", "a"),
-              ElementsAre(HasSubstr("memory.excludePackages leaves a out")));
+              ElementsAre(HasSubstr("memory.excludePackages names a")));
   EXPECT_THAT(broken("a.*", "memory.excludePackages", "a.b"), SizeIs(1));
   EXPECT_THAT(broken("a.*", "memory.excludePackages", "b.a"), IsEmpty());
-  EXPECT_THAT(
-      broken("a.B", "memory.top", "2"),
-      ElementsAre(HasSubstr("has 2 classes, and no room for more: memory.top bounds them")));
+  EXPECT_THAT(broken("a.B", "memory.top", "2"),
+              ElementsAre(HasSubstr("has 2 classes and no room for more: memory.top limits them")));
   EXPECT_THAT(broken("com.example.shop.Session", "memory.top", "2"), IsEmpty()) << "it is there";
   EXPECT_THAT(broken("Main", "memory.top", "9"),
-              ElementsAre(HasSubstr("classes in no package are never reported")));
+              ElementsAre(HasSubstr("classes in the unnamed package are never reported")));
 }
 
 TEST(checks, noteClassesThatAreInNoReport) {
   EXPECT_THAT(check(locks(), {.blocked = {{"b.*", 0}}}).notes,
-              ElementsAre("b.*=0: no lock of such a class was followed"));
+              ElementsAre("b.*=0: no lock of a matching class was recorded"));
 }
 
 TEST(checks, readTheirLimits) {

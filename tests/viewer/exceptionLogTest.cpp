@@ -73,7 +73,7 @@ TEST(exceptionLog, readsTheSummary) {
   ASSERT_TRUE(log.counted());
   EXPECT_EQ(log.counted()->recorded, 1U);
   EXPECT_EQ(log.counted()->dropped, 7U);
-  EXPECT_FALSE(log.counted()->agent) << "an older version does not tell";
+  EXPECT_FALSE(log.counted()->agent) << "an older version does not count them";
   EXPECT_FALSE(readLog(kFull).log.counted());
 }
 
@@ -157,7 +157,7 @@ TEST(exceptionLog, tellsOfManyBadLinesInFew) {
   }
   const auto [log, problems] = readLog(text);
   ASSERT_THAT(problems, SizeIs(6));
-  EXPECT_EQ(problems.back(), "e.jsonl: 995 more lines are no exception records");
+  EXPECT_EQ(problems.back(), "e.jsonl: 995 more lines are not exception records");
 }
 
 TEST(exceptionLog, refusesEndlessNesting) {
@@ -218,11 +218,11 @@ TEST(exceptionTables, tellWhatIsNotAmongTheRecords) {
       "The agent saw 12,238 exceptions: 12,000 over the rate, 20 of excluded classes, 200 "
       "thrown in packages that are not recorded, 3 without a record (callback 1, stack 2), 15 "
       "handed over as records. Records that were cut: 2.\n"
-      "Not all is here: 5 records were dropped.\n"
-      "Not all is here: of 3 exceptions no record could be made (callback 1, stack 2).\n");
+      "Incomplete: 5 records were dropped.\n"
+      "Incomplete: no record could be made of 3 exceptions (callback 1, stack 2).\n");
   EXPECT_EQ(exceptionLine(readLog(kFull).log),
             "Exceptions: 1 records\n"
-            "Not all is here: there is no end line: the JVM was killed, or still runs.\n");
+            "Incomplete: there is no end line: the JVM was killed or is still running.\n");
 }
 
 TEST(exceptionTables, accountForEachExceptionThatWasSeen) {
@@ -239,7 +239,7 @@ TEST(exceptionTables, accountForEachExceptionThatWasSeen) {
 TEST(exceptionTables, tellThatARecordWasCut) {
   const auto [log, problems] = readLog(replaced(kFull, "\"caught\"", "\"cut\":true,\"caught\""));
   EXPECT_THAT(problems, IsEmpty());
-  EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("  cut: the record was too long, so that values"));
+  EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("  cut: the record was too long, values"));
   EXPECT_THAT(recordTree(readLog(kFull).log, 1, {}), testing::Not(HasSubstr("cut:")));
 }
 

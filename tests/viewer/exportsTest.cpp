@@ -95,7 +95,7 @@ TEST(csvTables, haveAHeadingAndARowForEach) {
             "42,worker-1,9,4,1,9\r\n");
 }
 
-TEST(csvTables, scaleOwnersWhereLooksForThemWereLeftOut) {
+TEST(csvTables, scaleOwnersWhereOwnerLookupsWereSkipped) {
   EXPECT_THAT(csv(runOf(kSampledReport), csvTable::blockers),
               EndsWith("\r\n42,worker-2,1,2,5,4\r\n42,worker-1,2,4,1,8\r\n"));
 }
@@ -161,7 +161,7 @@ TEST(prometheus, addsUpWhatHasTheSameLabels) {
   EXPECT_THAT(prometheus(twice), HasSubstr("lock=\"a.Cart@7\"} 6\n"));
 }
 
-TEST(prometheus, scalesOwnersWhereLooksForThemWereLeftOut) {
+TEST(prometheus, scalesOwnersWhereOwnerLookupsWereSkipped) {
   const std::string owner = "{session=\"42\",thread=\"worker-2\"} ";
   const std::string exact = prometheus(runOf(kReport));
   EXPECT_THAT(exact, HasSubstr("\njavanativeagent_owner_found" + owner + "3\n"));

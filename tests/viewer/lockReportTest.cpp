@@ -89,7 +89,7 @@ TEST(lockReportReader, readsBlockers) {
   ASSERT_EQ(blocker.stacks.size(), 1U);
 }
 
-TEST(lockReportReader, readsTheLooksForOwners) {
+TEST(lockReportReader, readsTheOwnerLookups) {
   EXPECT_FALSE(parsedReport().lookups) << "of an agent without the limit";
   const lockReport report = parsedReport(kSampledReport);
   ASSERT_TRUE(report.lookups);
@@ -100,7 +100,7 @@ TEST(lockReportReader, readsTheLooksForOwners) {
   EXPECT_EQ(large.lookups->leftOut, 9223372036854775807);
 }
 
-TEST(lockReportReader, reportsMalformedLooksForOwners) {
+TEST(lockReportReader, reportsMalformedOwnerLookups) {
   const auto problem = [](const std::string& from, const std::string& to) {
     return problemOfReport(replaced(kSampledReport, from, to));
   };
@@ -118,15 +118,15 @@ TEST(lockReportReader, reportsMalformedLooksForOwners) {
 }
 
 // What is made of the one time that worker-2 was found, with `entries` contended entries in all.
-std::uint64_t estimateOf(const std::string& looks, const std::string& entries = "1000000") {
+std::uint64_t estimateOf(const std::string& lookups, const std::string& entries = "1000000") {
   const std::string report =
-      replaced(replaced(kSampledReport, R"("made": 812, "leftOut": 2436)", looks), "\"count\": 12",
-               "\"count\": " + entries);
+      replaced(replaced(kSampledReport, R"("made": 812, "leftOut": 2436)", lookups),
+               "\"count\": 12", "\"count\": " + entries);
   const lockReport read = parsedReport(report);
   return estimatedTimesOwner(read, read.blockers[0]);
 }
 
-TEST(ownerEstimates, scaleCountsByTheLooksLeftOut) {
+TEST(ownerEstimates, scaleCountsByTheLookupsSkipped) {
   EXPECT_EQ(estimateOf(R"("made": 10, "leftOut": 0)"), 1U);
   EXPECT_EQ(estimateOf(R"("made": 10, "leftOut": 30)"), 4U);
   EXPECT_EQ(estimateOf(R"("made": 10, "leftOut": 15)"), 3U) << "2.5, rounded";
@@ -151,7 +151,7 @@ TEST(ownerEstimates, areTheSameForASelectionOfLocks) {
   EXPECT_EQ(estimatedTimesOwner(all.lockReports[0], all.lockReports[0].blockers[0]), 4U);
 }
 
-TEST(ownerEstimates, areNeededWhereLooksWereLeftOut) {
+TEST(ownerEstimates, areNeededWhereLookupsWereSkipped) {
   EXPECT_FALSE(ownersAreSampled(parsedReport()));
   EXPECT_FALSE(ownersAreSampled(parsedReport(replaced(kSampledReport, "2436", "0"))));
   EXPECT_TRUE(ownersAreSampled(parsedReport(kSampledReport)));

@@ -92,10 +92,10 @@ TEST(lockTablesOf, rankBlockersByBlockingTime) {
 }
 
 constexpr const char* kSampleNote =
-    "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n"
+    "Owners are a sample: 812 owner lookups made, 2436 skipped, at most 100 a second.\n"
     "About 25 % were found; \"Estimate\" scales the counts, not periods and seconds.\n";
 
-TEST(lockTablesOf, scaleOwnersWhereLooksForThemWereLeftOut) {
+TEST(lockTablesOf, scaleOwnersWhereOwnerLookupsWereSkipped) {
   const lockReport sampled = parsedReport(kSampledReport);
   EXPECT_EQ(blockers(sampled, 9, {}),
             "Blockers (2)\n"
@@ -113,7 +113,7 @@ TEST(lockTablesOf, scaleOwnersWhereLooksForThemWereLeftOut) {
           std::string(kSampleNote));
 }
 
-TEST(lockTablesOf, takeOwnersAsTheyAreWhereNoLookWasLeftOut) {
+TEST(lockTablesOf, takeOwnersAsTheyAreWhereNoOwnerLookupWasSkipped) {
   for (const std::string& text : {kReport, replaced(kSampledReport, "2436", "0")}) {
     const lockReport all = parsedReport(text);
     const std::string tables = blockers(all, 9, {}) + topThreads(all, {}, {});
@@ -130,11 +130,11 @@ TEST(lockTablesOf, tellTheShareOfOwnersFound) {
   few.blockers.clear();
   EXPECT_EQ(blockers(few, 9, {}),
             "No blocking thread is in the report.\n"
-            "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n");
+            "Owners are a sample: 812 owner lookups made, 2436 skipped, at most 100 a second.\n");
 }
 
 TEST(lockTablesOf, tellNoShareWhereTheEntriesLeaveNothingToScale) {
-  // The owners were found as often as there are entries: looks left out could have found no more.
+  // The owners were found as often as there are entries: skipped lookups could have found no more.
   const lockReport capped = parsedReport(replaced(kSampledReport, "Count\": 2", "Count\": 14"));
   EXPECT_EQ(capped.ownerScale, 1);
   EXPECT_EQ(blockers(capped, 9, {}),
@@ -143,7 +143,7 @@ TEST(lockTablesOf, tellNoShareWhereTheEntriesLeaveNothingToScale) {
             "------------  ------------  --------  ----------------  ----------\n"
             "worker-2                 1         1                 2           5\n"
             "worker-1                14        14                 4           1\n"
-            "Owners are a sample: 812 looks made, 2436 left out, at most 100 a second.\n");
+            "Owners are a sample: 812 owner lookups made, 2436 skipped, at most 100 a second.\n");
 }
 
 TEST(lockTablesOf, sayWhenThereIsNothing) {
@@ -163,7 +163,7 @@ TEST(lockTablesOf, keepWithinTheTerminal) {
   for (std::uint64_t hash : {11U, 22U}) {
     deep.add(hash, {"com.example." + std::string(200, 'y') + ".take"});
   }
-  const look narrow = {.width = 80};
+  const terminalStyle narrow = {.width = 80};
   const std::string text =
       topLocks(wide, {.rows = 1}, narrow) + lockDetails(wide, deep, {.rows = 1}, narrow);
   std::istringstream lines(text);

@@ -62,8 +62,9 @@ TEST_F(inputs, ofARunTellWhatIsNotFinished) {
   const profile all = readProfile({folder_});
   EXPECT_THAT(all.problems, IsEmpty());
   EXPECT_THAT(all.unfinished, ElementsAre((folder_ / "locks-1.json.part").string()));
-  EXPECT_THAT(profileTables(all, {}, {}),
-              HasSubstr("locks-1.json.part: not finished: the JVM was killed, or still runs.\n"));
+  EXPECT_THAT(
+      profileTables(all, {}, {}),
+      HasSubstr("locks-1.json.part: not finished: the JVM was killed or is still running.\n"));
   std::ostringstream json;
   writeJson(all, json);
   EXPECT_EQ(nlohmann::json::parse(json.str())["unfinished"].size(), 1U);
@@ -189,7 +190,7 @@ TEST_F(inputs, thatCannotBeReadAreToldAndTheOthersRead) {
             folder_.string() + "/missing: cannot be read: No such file or directory");
 }
 
-TEST_F(inputs, ofAFolderWithTheAgentsNamesAreComplainedAboutWhenDamaged) {
+TEST_F(inputs, ofAFolderWithTheAgentsNamesAreReportedWhenDamaged) {
   write("locks-1.json", std::string(100, '\0'));
   write("memory-1.json", "[]");
   write("locks-2.stacks", "gone");
@@ -339,7 +340,7 @@ TEST(profileTables, fitEveryLineToTheWidth) {
                            R"(]}],"ambiguous":[")" + name + "\"]}";
   all.exceptions.emplace().add(bytesOfText(line), "e.jsonl", problems);
   ASSERT_THAT(problems, IsEmpty());
-  const look terminal = {.width = 110};
+  const terminalStyle terminal = {.width = 110};
   for (const std::size_t record : {0, 1}) {
     std::istringstream text(profileTables(all, {.limits = {}, .record = record}, terminal));
     for (std::string one; std::getline(text, one);) {
@@ -377,7 +378,7 @@ TEST(jsonForm, holdsLocksWithStacksAndFramesByIndex) {
   EXPECT_EQ(session["blockers"][0]["blockingSeconds"], 5);
 }
 
-TEST(jsonForm, holdsTheLooksForOwnersAndWhatTheyAreAShareOf) {
+TEST(jsonForm, holdsTheOwnerLookupsAndWhatTheyAreAShareOf) {
   const auto sessionOf = [](const std::string& report) {
     profile all;
     all.lockReports = {parsedReport(report)};

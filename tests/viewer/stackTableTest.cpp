@@ -78,7 +78,7 @@ TEST(stackFileReader, tellsOfManyBadLinesInFew) {
   }
   const std::vector<std::string> problems = problemsOfStacks(text);
   ASSERT_EQ(problems.size(), 6U);
-  EXPECT_EQ(problems.back(), "s.txt: 995 more lines are no stacks");
+  EXPECT_EQ(problems.back(), "s.txt: 995 more lines are not stacks");
 }
 
 TEST(stackFileReader, knowsItsLinesByTheirStart) {

@@ -66,8 +66,8 @@ inline std::string replaced(std::string text, const std::string& from, const std
   return text.replace(text.find(from), from.size(), to);
 }
 
-// The same of an agent that left out three of four looks, and found one owner once, the other
-// twice.
+// The same of an agent that skipped three of four owner lookups, and found one owner once, the
+// other twice.
 inline const std::string kSampledReport =
     replaced(replaced(kReport.substr(0, kReport.size() - 1), "Count\": 9", "Count\": 2"),
              "Count\": 3, \"blockC", "Count\": 1, \"blockC") +

@@ -105,7 +105,8 @@ TEST(twreport, keepsAGoodPageWhenNothingCouldBeRead) {
 TEST(twreport, saysThatATextIsNowhere) {
   const outcome result = twreport(kRun + " --grep nowhere-in-it");
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_THAT(result.output, HasSubstr("twreport: --grep nowhere-in-it: nothing holds this text"));
+  EXPECT_THAT(result.output,
+              HasSubstr("twreport: --grep nowhere-in-it: nothing contains this text"));
   EXPECT_THAT(twreport(kRun + " --grep PriceCache").output,
               testing::Not(HasSubstr("nothing holds")));
 }
@@ -255,9 +256,9 @@ TEST_F(runs, areCheckedOneByOne) {
   EXPECT_EQ(both.exitCode, 1);
   EXPECT_THAT(
       both.output,
-      HasSubstr("run-2: java.io.*: no exception file: the JVM was killed, or still runs\n"));
+      HasSubstr("run-2: java.io.*: no exception file: the JVM was killed or is still running\n"));
   EXPECT_THAT(both.output, testing::Not(HasSubstr("\nrun-1")));
-  EXPECT_THAT(both.output, HasSubstr("note: run-1: 8 exceptions were not looked at"));
+  EXPECT_THAT(both.output, HasSubstr("note: run-1: 8 exceptions were not covered"));
   EXPECT_EQ(twreport("check --max-blocked-seconds '*=1000' " + folder_).exitCode, 0)
       << "locks were recorded in both";
 }
@@ -268,8 +269,8 @@ TEST_F(runs, holdALimitWithNotesOnly) {
       "'com.example.shop.Session=0@9' --no-exception 'java.io.*' " +
       whole());
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_EQ(result.output.find("note: at most 20 locks of a session were followed"), 0U);
-  EXPECT_THAT(result.output, HasSubstr("\nnote: 8 exceptions were not looked at: "));
+  EXPECT_EQ(result.output.find("note: at most 20 locks of a session were recorded"), 0U);
+  EXPECT_THAT(result.output, HasSubstr("\nnote: 8 exceptions were not covered: "));
 }
 
 TEST(twreport, checksLimits) {

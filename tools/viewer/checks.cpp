@@ -20,14 +20,14 @@ std::optional<number> parsed(std::string_view text) {
   return problem == std::errc() && stop == end ? std::optional(value) : std::nullopt;
 }
 
-// The pattern and what stands behind the last "=".
+// The pattern and what follows the last "=".
 std::pair<std::string, std::string> atLastEquals(const std::string& text) {
   const std::size_t equals = text.rfind('=');
   return equals == text.npos ? std::pair(std::string(), std::string())
                              : std::pair(text.substr(0, equals), text.substr(equals + 1));
 }
 
-// The things that `reasons` name are not looked at, so that a limit does not hold.
+// What `reasons` name is not covered by the run, so that a limit does not hold.
 void addReasons(verdict& found, const std::string& limit, const std::vector<std::string>& reasons) {
   for (const std::string& reason : reasons) {
     found.broken.push_back(limit + ": " + reason);
@@ -52,7 +52,7 @@ void checkBlocked(const profile& all, const blockedLimit& limit, verdict& found)
     }
   }
   if (!isThere && !all.lockReports.empty()) {
-    found.notes.push_back(name + ": no lock of such a class was followed");
+    found.notes.push_back(name + ": no lock of a matching class was recorded");
   }
 }
 
@@ -89,7 +89,7 @@ void checkSurvivors(const profile& all, const survivorLimit& limit, verdict& fou
     }
   }
   if (!isThere && !all.memoryReports.empty()) {
-    found.notes.push_back(name + ": no object of such a class is in a report");
+    found.notes.push_back(name + ": no object of a matching class is in a report");
   }
 }
 
@@ -153,8 +153,8 @@ verdict check(const profile& all, const checkedLimits& limits) {
       found.notes.push_back(*note);
     }
   };
-  addNote(!limits.blocked.empty(), locksNotFollowed(all));
-  addNote(!limits.exceptions.empty(), exceptionsNotLookedAt(all));
+  addNote(!limits.blocked.empty(), locksNotCovered(all));
+  addNote(!limits.exceptions.empty(), exceptionsNotCovered(all));
   return found;
 }
 

@@ -12,7 +12,7 @@ namespace viewer {
 // Patterns of names are as matches() takes them.
 struct blockedLimit {
   std::string lockClass;
-  double seconds;  // of each lock of such a class
+  double seconds;  // of each lock of these classes
 };
 
 struct survivorLimit {
@@ -37,11 +37,11 @@ std::string parseExceptionLimit(const std::string& text);
 
 // What came of the limits, a line for each thing.
 struct verdict {
-  std::vector<std::string> broken;  // limits that are broken, or were not looked at to the end
+  std::vector<std::string> broken;  // limits that are broken, or not covered by the run
   std::vector<std::string> notes;   // what the limits do not cover
 };
 
-// Checks the run of one JVM. A limit holds only where it was looked at: it is broken, too, when
+// Checks the run of one JVM. A limit holds only where the run covers it: it is broken, too, when
 // what it speaks of was not recorded, or not all of it (gaps.h).
 //
 // A memory report does not say how many collections had finished at its end. The newest generation

@@ -41,7 +41,7 @@ struct comparison {
   threshold limit;
   // Locks by class in blocked seconds (identities differ from run to run), sites in entries,
   // exceptions by class and site in records, classes in surviving bytes. Each is summed over the
-  // sessions of a run. A kind of report that neither run has is left out.
+  // sessions of a run. A kind of report that neither run has is omitted.
   std::vector<comparedTable> tables;
 };
 

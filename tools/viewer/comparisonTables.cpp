@@ -55,7 +55,7 @@ std::string sessionsLine(const comparedTable& table) {
 }
 
 std::string changesOf(const comparedTable& table, const threshold& limit, std::size_t rows,
-                      const look& terminal) {
+                      const terminalStyle& terminal) {
   std::vector<const comparedSum*> changed;
   for (const comparedSum& row : table.rows) {
     if (changeOf(row, limit) != change::same) {
@@ -80,7 +80,8 @@ std::string changesOf(const comparedTable& table, const threshold& limit, std::s
 
 }  // namespace
 
-std::string comparisonTables(const comparison& both, std::size_t rows, const look& terminal) {
+std::string comparisonTables(const comparison& both, std::size_t rows,
+                             const terminalStyle& terminal) {
   std::string result = fmt::format("A difference counts from {} % and {} on.\n", both.limit.percent,
                                    both.limit.least);
   for (const comparedTable& table : both.tables) {

@@ -5,12 +5,13 @@
 #include <string>
 
 #include "comparison.h"
-#include "look.h"
+#include "terminalStyle.h"
 
 namespace viewer {
 
 // For each kind of report at most `rows` of what differs by the threshold, the largest difference
 // first, and how much is the same.
-std::string comparisonTables(const comparison& both, std::size_t rows, const look& terminal);
+std::string comparisonTables(const comparison& both, std::size_t rows,
+                             const terminalStyle& terminal);
 
 }  // namespace viewer

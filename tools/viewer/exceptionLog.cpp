@@ -292,11 +292,11 @@ std::uint64_t exceptionLog::recordsGone() const {
 std::vector<std::string> lossesOf(const exceptionLog& log) {
   std::vector<std::string> losses;
   if (log.ends() == 0) {
-    losses.push_back("there is no end line: the JVM was killed, or still runs");
+    losses.push_back("there is no end line: the JVM was killed or is still running");
   } else if (log.recordsWithoutEnd() > 0) {
-    losses.push_back(
-        fmt::format("{} records come after the last end line: the JVM was killed, or still runs",
-                    log.recordsWithoutEnd()));
+    losses.push_back(fmt::format(
+        "{} records come after the last end line: the JVM was killed or is still running",
+        log.recordsWithoutEnd()));
   }
   if (log.recordsGone() > 0) {
     losses.push_back(fmt::format(
@@ -308,7 +308,7 @@ std::vector<std::string> lossesOf(const exceptionLog& log) {
     losses.push_back(fmt::format("{} records were dropped", log.counted()->dropped));
   }
   if (log.counted() && log.counted()->agent && failuresOf(*log.counted()->agent) > 0) {
-    losses.push_back(fmt::format("of {} exceptions no record could be made ({})",
+    losses.push_back(fmt::format("no record could be made of {} exceptions ({})",
                                  failuresOf(*log.counted()->agent),
                                  failureReasons(*log.counted()->agent)));
   }

@@ -61,7 +61,7 @@ struct exceptionGroup {
 // What became of the exceptions that the agent saw while it captured, from the start of the JVM on.
 struct agentCounts {
   std::uint64_t seen = 0;
-  std::uint64_t filtered = 0;     // thrown in packages that are never looked at
+  std::uint64_t filtered = 0;     // thrown in packages that are never recorded
   std::uint64_t blackListed = 0;  // of classes that the user has excluded
   std::uint64_t overRate = 0;     // beyond the records of one class that a minute may have
   std::uint64_t delivered = 0;    // to the companion, as records
@@ -114,7 +114,7 @@ class exceptionLog {
   // The records that were written and are in no file: the oldest files of a long run are deleted.
   std::uint64_t recordsGone() const;
 
-  // Adds the records of one file. A line that is none is left out and told in `problems`.
+  // Adds the records of one file. A line of another form is skipped and reported in `problems`.
   void add(byteSource bytes, const std::string& source, std::vector<std::string>& problems);
 
   // Keeps only the records that `wanted` accepts.

@@ -34,7 +34,7 @@ std::string shownValue(const capturedValue& one) {
 }
 
 void appendValues(std::string& tree, const std::vector<capturedValue>& values, std::size_t indent,
-                  const look& terminal) {
+                  const terminalStyle& terminal) {
   for (const capturedValue& one : values) {
     tree += endCutLine(std::string(indent, ' '), one.name + ": " + one.type + shownValue(one), "",
                        terminal);
@@ -45,7 +45,7 @@ void appendValues(std::string& tree, const std::vector<capturedValue>& values, s
 }
 
 void appendSection(std::string& tree, const char* name, const std::vector<capturedValue>& values,
-                   const look& terminal) {
+                   const terminalStyle& terminal) {
   if (!values.empty()) {
     tree += terminal.faint(fmt::format("{:{}}{}\n", "", 2 * kStep, name));
     appendValues(tree, values, 3 * kStep, terminal);
@@ -63,7 +63,7 @@ std::string groupCaught(const exceptionGroup& group) {
 
 constexpr std::size_t kDate = 10;  // "2026-11-21" of "2026-11-21T14:35:15.123Z"
 
-// The date that all records have; empty when there is no such.
+// The date that all records have; empty when they differ.
 std::string commonDate(const std::vector<exceptionGroup>& groups) {
   const auto dateOf = [](const std::string& time) {
     return time.size() > kDate && time[kDate] == 'T' ? time.substr(0, kDate) : "";
@@ -75,7 +75,7 @@ std::string commonDate(const std::vector<exceptionGroup>& groups) {
   return isCommon ? date : "";
 }
 
-// To the second, and without the date when it is told elsewhere.
+// To the second, and without the date when that is printed elsewhere.
 std::string shownTime(const std::string& time, bool hasDate) {
   constexpr std::size_t kSeconds = 19;
   return hasDate ? time.substr(kDate + 1, kSeconds - kDate - 1) : time.substr(0, kSeconds);
@@ -118,12 +118,13 @@ std::string exceptionLine(const exceptionLog& log) {
     line += agentLine(*counted->agent);
   }
   for (const std::string& loss : lossesOf(log)) {
-    line += "Not all is here: " + printable(loss) + ".\n";
+    line += "Incomplete: " + printable(loss) + ".\n";
   }
   return line;
 }
 
-std::string topExceptions(const exceptionLog& log, std::size_t rows, const look& terminal) {
+std::string topExceptions(const exceptionLog& log, std::size_t rows,
+                          const terminalStyle& terminal) {
   const std::vector<exceptionGroup> groups = log.groups();
   if (groups.empty()) {
     return "No exception was recorded.\n";
@@ -146,7 +147,7 @@ std::string topExceptions(const exceptionLog& log, std::size_t rows, const look&
   return title(name, groups.size(), rows, terminal) + table.render(terminal);
 }
 
-std::string recordTree(const exceptionLog& log, std::size_t number, const look& terminal) {
+std::string recordTree(const exceptionLog& log, std::size_t number, const terminalStyle& terminal) {
   const exceptionRecord record = log.record(number - 1);
   std::string tree = terminal.strong(startCutLine(
       fmt::format("Record {} of {}: ", number, log.size()), record.className, "", terminal));
@@ -164,7 +165,7 @@ std::string recordTree(const exceptionLog& log, std::size_t number, const look& 
     appendSection(tree, "thread locals", frame.threadLocals, terminal);
   }
   if (record.isCut) {
-    tree += indent + "cut: the record was too long, so that values or frames are missing\n";
+    tree += indent + "cut: the record was too long, values or frames are missing\n";
   }
   for (const std::string& reason : record.ambiguous) {
     tree += endCutLine(indent + "in doubt: ", reason, "", terminal);

@@ -12,7 +12,7 @@
 namespace viewer {
 namespace {
 
-// What stands in a stack for what the report leaves out.
+// What stands in a stack for what the report omits.
 constexpr const char* kNoStack = "(no stack recorded)";
 constexpr const char* kOtherThreads = "(threads beyond the limit)";
 
@@ -118,7 +118,7 @@ class speedscopeWriter {
   std::unordered_map<std::string, std::size_t> ids_;
 };
 
-// A spreadsheet would take a name that begins like a formula for one, also behind blanks.
+// A spreadsheet would take a name that begins like a formula for one, also after blanks.
 std::string csvCell(const std::string& text) {
   std::string cell = printable(text);
   const std::string_view start = afterBlanks(text).substr(0, 1);
@@ -263,7 +263,7 @@ void lockGauges(const profile& all, std::ostream& out) {
   gauge threadBlocked("lock_thread_blocked_seconds", "Time that a thread blocked on a lock.");
   gauge owner("owner_found", "How often a thread was found owning a lock that others came to.");
   gauge estimate("owner_estimate",
-                 "How often it would have been, with no look for owners left out.");
+                 "How often it would have been, had no owner lookup been skipped.");
   gauge blocking("owner_blocking_seconds", "How long a thread kept others blocked.");
   for (const lockReport& report : all.lockReports) {
     const std::string session = std::to_string(report.sessionId);
@@ -349,7 +349,7 @@ void writePrometheus(const profile& all, std::ostream& out) {
                    group.records.size());
   }
   exceptions.write(out);
-  gauge missing("exceptions_without_record", "Exceptions that are no records, by the reason.");
+  gauge missing("exceptions_without_record", "Exceptions without a record, by reason.");
   if (all.exceptions && all.exceptions->counted()) {
     addMissing(*all.exceptions->counted(), missing);
   }

@@ -1,4 +1,4 @@
-// What was read in the forms that other tools take. The caller looks at the stream's state.
+// What was read in the forms that other tools take. The caller checks the stream's state.
 #pragma once
 
 #include <ostream>
@@ -9,7 +9,7 @@ namespace viewer {
 
 // The stacks of lock reports, one a line: the lock, the thread and the frames from the bottom up,
 // joined by ";", a blank, and how often the thread came to the lock with that stack. In names ";"
-// is written as ":". Entries that the report has no stack for have a frame that says so: the sum is
+// is written as ":". Entries that the report has no stack for have a frame of that name: the sum is
 // that of all entries of threads.
 void writeCollapsed(const profile& all, std::ostream& out);
 

@@ -13,7 +13,7 @@
 namespace viewer {
 namespace {
 
-constexpr const char* kEndless = "the JVM was killed, or still runs";
+constexpr const char* kEndless = "the JVM was killed or is still running";
 
 // The companion's defaults and limits.
 // BEGIN options: made by scripts/make-options
@@ -70,7 +70,7 @@ std::string fileName(const std::string& path) {
   return std::filesystem::path(path).filename();
 }
 
-// Says which sessions of a run have no report though a later one has: "2, 3". The files of a run
+// The sessions of a run that have no report though a later one has: "2, 3". The files of a run
 // are numbered from 1: "locks-1.json".
 std::string gapsIn(const profile& all, const std::vector<std::string>& files,
                    std::string_view before) {
@@ -150,8 +150,7 @@ std::optional<std::string> excluded(const profile& all, const std::string& patte
   const std::string thrown = fmt::format("{} exceptions of excluded classes were thrown",
                                          isCounted ? counted->agent->blackListed : 0);
   if (!isOn(all, "exceptions") || all.exceptions->ends() > 1) {
-    return isCounted ? std::optional(thrown + ", and it is not known which these are")
-                     : std::nullopt;
+    return isCounted ? std::optional(thrown + ", and it is not known which ones") : std::nullopt;
   }
   for (const std::string& name : namesOf(all, "exceptions.exclude")) {
     if (matches(lowerCase(pattern), lowerCase(name))) {
@@ -181,8 +180,8 @@ bool mayBeginWith(const std::string& pattern, const std::string& start) {
          (!isExact(pattern) && start.starts_with(pattern.substr(0, pattern.find('*'))));
 }
 
-// Why it is not known that instances of these classes were followed.
-std::optional<std::string> notFollowed(const profile& all, const std::string& pattern) {
+// Why it is not known that instances of these classes were tracked.
+std::optional<std::string> notTracked(const profile& all, const std::string& pattern) {
   const bool isReported = hasClass(all, pattern);
   if (isReported && isExact(pattern)) {
     return {};
@@ -190,16 +189,16 @@ std::optional<std::string> notFollowed(const profile& all, const std::string& pa
   if (!all.run) {
     return isReported ? std::nullopt
                       : std::optional<std::string>(
-                            "no object of such a class is in the report, and "
-                            "no run.json says which classes were followed");
+                            "no object of a matching class is in the report, and there is no "
+                            "run.json with the classes that were tracked");
   }
   const std::vector<std::string> tracked = namesOf(all, "memory.track");
   const std::string list = fmt::format("memory.track={}", fmt::join(tracked, ","));
   if (tracked.empty()) {
     return isReported ? std::nullopt
                       : std::optional<std::string>(
-                            "no object of such a class was followed: the run "
-                            "was started without memory.track");
+                            "no object of a matching class was tracked: the run was started "
+                            "without memory.track");
   }
   const bool isNamed = std::find(tracked.begin(), tracked.end(), pattern) != tracked.end();
   const bool isCovered =
@@ -207,7 +206,7 @@ std::optional<std::string> notFollowed(const profile& all, const std::string& pa
         return !isExact(one) && allBeginWith(pattern, one.substr(0, one.size() - 1));
       });
   if (!isCovered) {
-    return fmt::format("not all such classes were followed, or none: {}", list);
+    return fmt::format("not all matching classes were tracked: {}", list);
   }
   if (isReported) {
     return {};
@@ -216,48 +215,47 @@ std::optional<std::string> notFollowed(const profile& all, const std::string& pa
   const bool areAllNames = std::all_of(tracked.begin(), tracked.end(), isExact);
   if (found == 0 || (areAllNames && found < tracked.size())) {
     return fmt::format(
-        "no object of such a class is in the report, and no more than {} of the "
-        "classes of {} were loaded: is a name misspelt?",
+        "no object of a matching class is in the report, and at most {} of the classes of {} were "
+        "loaded: is a name misspelt?",
         found, list);
   }
   return isNamed ? std::nullopt
                  : std::optional(fmt::format(
-                       "no object of such a class is in the report, and {} does not name it: is it "
-                       "misspelt? Named there, it can be checked",
+                       "no object of a matching class is in the report, and {} does not name the "
+                       "class: is it misspelt? To check it, name it there",
                        list));
 }
 
-// Why not all objects of a class that was followed were.
-std::optional<std::string> notAllFollowed(const profile& all, const std::string& pattern) {
+// Why some objects of a tracked class were not tracked.
+std::optional<std::string> notAllTracked(const profile& all, const std::string& pattern) {
   if (!all.sweeps) {
     return {};
   }
   for (const std::string& name : all.sweeps->full) {
     if (matches(pattern, name)) {
       return fmt::format(
-          "{} had more objects than memory.limit allows, and those beyond it were not "
-          "followed",
+          "{} had more objects than memory.limit allows, and those beyond it were not tracked",
           name);
     }
   }
   return all.sweeps->isCut ? std::optional<std::string>(
-                                 "the file of sweeps was full, so that it is not known "
-                                 "whether all objects were followed")
+                                 "the sweep file was full, so it is not known whether all objects "
+                                 "were tracked")
                            : std::nullopt;
 }
 
-// Why objects that were followed may not be in the report.
+// Why tracked objects may not be in the report.
 std::optional<std::string> notReported(const profile& all, const std::string& pattern) {
   if (isExact(pattern) && hasClass(all, pattern)) {
     return {};
   }
   if (isExact(pattern) && pattern.find('.') == pattern.npos) {
-    return "classes in no package are never reported";
+    return "classes in the unnamed package are never reported";
   }
   for (const std::string& name : namesOf(all, "memory.excludeClasses")) {
-    // The agent looks for a name anywhere in the text of the option.
+    // The agent searches for a name anywhere in the text of the option.
     if (matches(pattern, name) || (isExact(pattern) && name.find(pattern) != name.npos)) {
-      return fmt::format("memory.excludeClasses leaves {} out", name);
+      return fmt::format("memory.excludeClasses names {}", name);
     }
   }
   for (const std::string& package : namesOf(all, "memory.excludePackages")) {
@@ -265,15 +263,16 @@ std::optional<std::string> notReported(const profile& all, const std::string& pa
                           ? package.find(pattern.substr(0, pattern.rfind('.'))) != package.npos
                           : mayBeginWith(pattern, package + '.');
     if (isIn) {
-      return fmt::format("memory.excludePackages leaves {} out", package);
+      return fmt::format("memory.excludePackages names {}", package);
     }
   }
   const std::optional<std::size_t> most = mostOf(all, "memory.top", kDefaultTopClasses);
   for (const memoryReport& report : all.memoryReports) {
     if (most && report.classes.size() >= *most) {
       return fmt::format(
-          "the report of session {} has {} classes, and no room for more: memory.top "
-          "bounds them, -1 takes all",
+          "the report of session {} has {} classes and no room for more: memory.top limits them, "
+          "-1 "
+          "for all",
           report.sessionId, report.classes.size());
     }
   }
@@ -288,14 +287,15 @@ std::vector<std::string> lockGaps(const profile& all) {
   for (const lockReport& report : all.lockReports) {
     if (report.locks.empty()) {
       reasons.push_back(
-          fmt::format("no lock was followed in session {}: it ended before its detail phase, or no "
-                      "thread had blocked before that began; a shorter locks.summary helps against "
-                      "the one, a longer against the other",
+          fmt::format("no lock was recorded in session {}: it ended before its detail phase (use a "
+                      "shorter locks.summary), or no thread had blocked before that phase (use a "
+                      "longer one)",
                       report.sessionId));
     } else if (report.locks.size() >= std::min(most.value_or(kMostLocks), kMostLocks)) {
-      reasons.push_back(fmt::format(
-          "session {} followed {} locks and no more: locks.top bounds them, -1 takes all",
-          report.sessionId, report.locks.size()));
+      reasons.push_back(
+          fmt::format("session {} recorded {} locks and had no room for more: locks.top limits "
+                      "them, -1 for all",
+                      report.sessionId, report.locks.size()));
     }
   }
   return reasons;
@@ -315,14 +315,12 @@ std::vector<std::string> exceptionGaps(const profile& all, const std::string& pa
     reasons = lossesOf(*all.exceptions);
     if (all.exceptions->counted() && !all.exceptions->counted()->agent) {
       reasons.push_back(
-          "the end line does not tell what the agent could not record: an older version wrote it");
+          "the end line lacks what the agent could not record: an older version wrote it");
     }
     const std::string missing = gapsIn(all, all.exceptions->sources(), "exceptions-");
     if (!missing.empty() && all.exceptions->recordsGone() == 0) {
-      reasons.push_back(
-          fmt::format("exception file {} is gone: the oldest files of a run are "
-                      "deleted",
-                      missing));
+      reasons.push_back(fmt::format(
+          "exception file {} is missing: the oldest files of a run are deleted", missing));
     }
     if (const std::optional<std::string> reason = excluded(all, pattern)) {
       reasons.push_back(*reason);
@@ -330,7 +328,8 @@ std::vector<std::string> exceptionGaps(const profile& all, const std::string& pa
   }
   if (const auto found = std::find_if(kNeverRecorded.begin(), kNeverRecorded.end(), isFiltered);
       found != kNeverRecorded.end()) {
-    reasons.push_back(fmt::format("what classes of {}* throw is never recorded", *found));
+    reasons.push_back(
+        fmt::format("exceptions thrown by classes of {}* are never recorded", *found));
   }
   return reasons;
 }
@@ -341,7 +340,7 @@ std::vector<std::string> survivorGaps(const profile& all, const std::string& pat
     return reasons;
   }
   for (const auto& reason :
-       {notFollowed(all, pattern), notAllFollowed(all, pattern), notReported(all, pattern)}) {
+       {notTracked(all, pattern), notAllTracked(all, pattern), notReported(all, pattern)}) {
     if (reason) {
       reasons.push_back(*reason);
     }
@@ -349,25 +348,24 @@ std::vector<std::string> survivorGaps(const profile& all, const std::string& pat
   return reasons;
 }
 
-std::optional<std::string> locksNotFollowed(const profile& all) {
+std::optional<std::string> locksNotCovered(const profile& all) {
   const std::optional<std::size_t> most = mostOf(all, "locks.top", kDefaultTopLocks);
   if (!most || all.lockReports.empty()) {
     return {};
   }
   return fmt::format(
-      "at most {} locks of a session were followed (locks.top; -1 takes all): those on "
-      "which threads had blocked longest before",
+      "at most {} locks of a session were recorded (locks.top; -1 for all): those on which threads "
+      "had blocked longest before the detail phase",
       *most);
 }
 
-std::optional<std::string> exceptionsNotLookedAt(const profile& all) {
+std::optional<std::string> exceptionsNotCovered(const profile& all) {
   if (!all.exceptions || !all.exceptions->counted() || !all.exceptions->counted()->agent ||
       all.exceptions->counted()->agent->filtered == 0) {
     return {};
   }
   return fmt::format(
-      "{} exceptions were not looked at: they were thrown by classes of {}* or by "
-      "java.lang.Class",
+      "{} exceptions were not covered: they were thrown by classes of {}* or by java.lang.Class",
       all.exceptions->counted()->agent->filtered, fmt::join(kNeverRecorded, "*, "));
 }
 

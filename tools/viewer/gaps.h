@@ -1,4 +1,4 @@
-// What a run did not look at, in words for the user: reasons for which its reports cannot show that
+// What a run did not cover, in words for the user: reasons for which its reports cannot show that
 // a limit was kept. None when they can. Plain functions without state; `pattern` is as matches()
 // takes it.
 #pragma once
@@ -20,8 +20,8 @@ std::vector<std::string> exceptionGaps(const profile& all, const std::string& pa
 // Objects of these classes.
 std::vector<std::string> survivorGaps(const profile& all, const std::string& pattern);
 
-// What is left out of every run as it is set up, and so no reason for a limit to be broken.
-std::optional<std::string> locksNotFollowed(const profile& all);
-std::optional<std::string> exceptionsNotLookedAt(const profile& all);
+// What a run never covers as it is set up, and so no reason for a limit to be broken.
+std::optional<std::string> locksNotCovered(const profile& all);
+std::optional<std::string> exceptionsNotCovered(const profile& all);
 
 }  // namespace viewer

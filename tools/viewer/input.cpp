@@ -114,7 +114,7 @@ void readLines(byteSource bytes, const std::string& source, const char* what,
   }
   if (bad > kProblemsOfAFile) {
     problems.push_back(
-        fmt::format("{}: {} more lines are no {}", source, bad - kProblemsOfAFile, what));
+        fmt::format("{}: {} more lines are not {}", source, bad - kProblemsOfAFile, what));
   }
 }
 

@@ -101,7 +101,8 @@ place appended(void* target) {
 void readJson(byteSource bytes, const std::string& source, place root);
 
 // The name of the first member of the document's outermost object that `known` accepts; empty when
-// there is none or the document is no object. Reads no further. Throws inputError like readJson().
+// there is none or the document is not an object. Reads no further. Throws inputError like
+// readJson().
 std::string firstMember(byteSource bytes, const std::string& source,
                         const std::function<bool(std::string_view)>& known);
 

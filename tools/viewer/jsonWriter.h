@@ -1,4 +1,4 @@
-// Writes JSON to a stream piece by piece. One thread at a time; the caller looks at the stream's
+// Writes JSON to a stream piece by piece. One thread at a time; the caller checks the stream's
 // state.
 #pragma once
 

@@ -87,7 +87,7 @@ place count(void* owner) {
   return {&number, at<member>(owner).target};
 }
 
-// A text that has to be there and is not kept.
+// A text that has to be there and is not used.
 place droppedText(void*) {
   static const shape text = {.expected = "a string", .text = [](void*, std::string&) {}};
   return {&text, nullptr};
@@ -220,7 +220,7 @@ const shape& reportShape() {
   return result;
 }
 
-// As if the looks left out were like those made. Entries that shared a look were found on top of
+// As if the lookups skipped were like those made. Entries that shared one were found on top of
 // those, but an entry has one owner, so that all owners together come to no more than the entries.
 double ownerScaleOf(const lockReport& report) {
   double found = 0;

@@ -44,7 +44,7 @@ struct blockerEntry {
   std::vector<stackUse> stacks;
 };
 
-// How often the agent looked for the owner of a monitor, and how often it did not because it may do
+// How often the agent looked up the owner of a monitor, and how often it did not because it may do
 // so only `perSecond` times a second.
 struct ownerLookups {
   std::int64_t perSecond = 0;
@@ -62,7 +62,7 @@ struct lockReport {
   std::vector<lockEntry> locks;
   std::vector<blockerEntry> blockers;
   std::optional<ownerLookups> lookups;  // none of an agent without that limit
-  double ownerScale = 1;                // times timesOwner: an estimate with no look left out
+  double ownerScale = 1;                // times timesOwner: an estimate of none being skipped
   std::size_t distinctStacks = 0;
 };
 
@@ -85,10 +85,10 @@ struct lockTotals {
 
 lockTotals totalsOf(const lockReport& report);
 
-// Whether looks for owners were left out, so that the counts of owners are only a share.
+// Whether owner lookups were skipped, so that the counts of owners are only a share.
 bool ownersAreSampled(const lockReport& report);
 
-// How often the owner would have been found, had no look been left out; its count where none was.
+// How often the owner would have been found, had no lookup been skipped; its count where none was.
 std::uint64_t estimatedTimesOwner(const lockReport& report, const blockerEntry& owner);
 
 // One thread over all locks of a session, and as a blocker.

@@ -30,7 +30,7 @@ std::map<std::uint64_t, std::uint64_t> stacksOf(const lockEntry& lock) {
 }
 
 std::string framesOf(std::uint64_t hash, const stackTable& stacks, const tableLimits& limits,
-                     const look& terminal) {
+                     const terminalStyle& terminal) {
   const std::string indent(kIndent + 2, ' ');
   const std::vector<frameId>* frames = stacks.find(hash);
   if (frames == nullptr) {
@@ -45,7 +45,7 @@ std::string framesOf(std::uint64_t hash, const stackTable& stacks, const tableLi
 }
 
 std::string mostFrequentStack(const lockEntry& lock, const stackTable& stacks,
-                              const tableLimits& limits, const look& terminal) {
+                              const tableLimits& limits, const terminalStyle& terminal) {
   const auto counts = stacksOf(lock);
   if (counts.empty()) {
     return "";
@@ -62,7 +62,8 @@ std::string mostFrequentStack(const lockEntry& lock, const stackTable& stacks,
          framesOf(top->first, stacks, limits, terminal);
 }
 
-std::string threadTable(const lockEntry& lock, const tableLimits& limits, const look& terminal) {
+std::string threadTable(const lockEntry& lock, const tableLimits& limits,
+                        const terminalStyle& terminal) {
   textTable table({{"Thread", align::left, shorten::end},
                    {"Entries", align::right},
                    {"Blocked s", align::right},
@@ -76,32 +77,32 @@ std::string threadTable(const lockEntry& lock, const tableLimits& limits, const 
   return table.render(terminal, kIndent) + moreLine(lock.threads.size(), limits.threads, kIndent);
 }
 
-std::string graphOf(const lockEntry& lock, const look& terminal) {
+std::string graphOf(const lockEntry& lock, const terminalStyle& terminal) {
   return terminal.sparkline({lock.entriesPerMinute.begin(), lock.entriesPerMinute.end()},
                             kGraphColumns);
 }
 
-// Of what the owners are a sample; nothing where no look was left out.
+// Of what the owners are a sample; nothing where no owner lookup was skipped.
 std::string sampleNote(const lockReport& report) {
   if (!ownersAreSampled(report)) {
     return "";
   }
-  const auto& [perSecond, made, leftOut] = *report.lookups;
-  std::string looks =
-      fmt::format("Owners are a sample: {} looks made, {} left out, at most {} a second.\n", made,
-                  leftOut, perSecond);
+  const auto& [perSecond, made, skipped] = *report.lookups;
+  std::string lookups =
+      fmt::format("Owners are a sample: {} owner lookups made, {} skipped, at most {} a second.\n",
+                  made, skipped, perSecond);
   if (report.blockers.empty() || report.ownerScale <= 1) {
-    return looks;
+    return lookups;
   }
   const double percent = 100 / report.ownerScale;
-  return looks +
+  return lookups +
          fmt::format("About {} % were found; \"{}\" scales the counts, not periods and seconds.\n",
                      percent < 1 ? "<1" : fmt::format("{:.0f}", percent), kEstimate);
 }
 
 }  // namespace
 
-std::string sessionLine(const lockReport& report, const look& terminal) {
+std::string sessionLine(const lockReport& report, const terminalStyle& terminal) {
   const lockTotals totals = totalsOf(report);
   return endCutLine(fmt::format("Lock session {} \"", report.sessionId), report.sessionName,
                     fmt::format("\": {} locks, {} s blocked, {} s waited, {} distinct stacks",
@@ -110,7 +111,8 @@ std::string sessionLine(const lockReport& report, const look& terminal) {
                     terminal);
 }
 
-std::string topLocks(const lockReport& report, const tableLimits& limits, const look& terminal) {
+std::string topLocks(const lockReport& report, const tableLimits& limits,
+                     const terminalStyle& terminal) {
   if (report.locks.empty()) {
     return "No lock is in the report: nothing was contended, or no detail session was run.\n";
   }
@@ -147,7 +149,7 @@ std::string topLocks(const lockReport& report, const tableLimits& limits, const 
 }
 
 std::string lockDetails(const lockReport& report, const stackTable& stacks,
-                        const tableLimits& limits, const look& terminal) {
+                        const tableLimits& limits, const terminalStyle& terminal) {
   std::string result;
   std::size_t rank = 1;
   for (const lockEntry& lock : first(report.locks, limits.rows)) {
@@ -160,7 +162,8 @@ std::string lockDetails(const lockReport& report, const stackTable& stacks,
   return result;
 }
 
-std::string topThreads(const lockReport& report, const tableLimits& limits, const look& terminal) {
+std::string topThreads(const lockReport& report, const tableLimits& limits,
+                       const terminalStyle& terminal) {
   const bool isSample = ownersAreSampled(report);
   std::vector<column> columns = {
       {"#", align::right},           {"Thread", align::left, shorten::end},
@@ -193,7 +196,7 @@ std::string topThreads(const lockReport& report, const tableLimits& limits, cons
 }
 
 std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
-                     const look& terminal) {
+                     const terminalStyle& terminal) {
   textTable table({{"#", align::right},
                    {"Method", align::left, shorten::start},
                    {"Entries", align::right},
@@ -216,7 +219,7 @@ std::string topSites(const lockReport& report, const stackTable& stacks, const t
   return title("Top sites", sites.size(), limits.rows, terminal) + table.render(terminal);
 }
 
-std::string blockers(const lockReport& report, std::size_t rows, const look& terminal) {
+std::string blockers(const lockReport& report, std::size_t rows, const terminalStyle& terminal) {
   if (report.blockers.empty()) {
     return "No blocking thread is in the report.\n" + sampleNote(report);
   }
@@ -243,7 +246,7 @@ std::string blockers(const lockReport& report, std::size_t rows, const look& ter
 }
 
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
-                       const tableLimits& limits, const look& terminal) {
+                       const tableLimits& limits, const terminalStyle& terminal) {
   const std::string head = sessionLine(report, terminal) + '\n';
   switch (by) {
     case ranking::thread:

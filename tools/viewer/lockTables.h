@@ -5,8 +5,8 @@
 #include <string>
 
 #include "lockReport.h"
-#include "look.h"
 #include "stackTable.h"
+#include "terminalStyle.h"
 
 namespace viewer {
 
@@ -17,33 +17,35 @@ struct tableLimits {
 };
 
 // The session and the sums over its locks, in one line.
-std::string sessionLine(const lockReport& report, const look& terminal);
+std::string sessionLine(const lockReport& report, const terminalStyle& terminal);
 
 // The locks by blocked time, then waited time, then contended entries, the largest first; with
 // their entries by minute when the session had more than one.
-std::string topLocks(const lockReport& report, const tableLimits& limits, const look& terminal);
+std::string topLocks(const lockReport& report, const tableLimits& limits,
+                     const terminalStyle& terminal);
 
 // For each of the same locks its threads and the stack that was seen most often on it. A hash that
 // `stacks` does not know is shown as it is.
 std::string lockDetails(const lockReport& report, const stackTable& stacks,
-                        const tableLimits& limits, const look& terminal);
+                        const tableLimits& limits, const terminalStyle& terminal);
 
 // The threads over all locks, by blocked time.
-std::string topThreads(const lockReport& report, const tableLimits& limits, const look& terminal);
+std::string topThreads(const lockReport& report, const tableLimits& limits,
+                       const terminalStyle& terminal);
 
 // The methods in which threads came to contended locks, by entries.
 std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
-                     const look& terminal);
+                     const terminalStyle& terminal);
 
-// At most `rows` threads that owned locks while others came to wait, by blocking time. Where looks
-// for owners were left out, this and topThreads() say so and show estimates beside the counts.
-std::string blockers(const lockReport& report, std::size_t rows, const look& terminal);
+// At most `rows` threads that owned locks while others came to wait, by blocking time. Where
+// owner lookups were skipped, this and topThreads() report it and show estimates beside the counts.
+std::string blockers(const lockReport& report, std::size_t rows, const terminalStyle& terminal);
 
 // What the report is ranked by.
 enum class ranking { lock, thread, site, blocker };
 
 // The session line and the ranking; that of locks has their details and the blockers too.
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
-                       const tableLimits& limits, const look& terminal);
+                       const tableLimits& limits, const terminalStyle& terminal);
 
 }  // namespace viewer

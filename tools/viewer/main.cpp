@@ -42,34 +42,34 @@ std::size_t terminalWidth(std::size_t otherwise) {
   return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : otherwise;
 }
 
-viewer::look lookOfOutput() {
-  viewer::look result;
+viewer::terminalStyle styleOfOutput() {
+  viewer::terminalStyle result;
   result.width = terminalWidth(result.width);
   result.colour = isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
   result.blocks = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
   return result;
 }
 
-void complain(const std::string& problem) {
+void warn(const std::string& problem) {
   std::fprintf(stderr, "twreport: %s\n", viewer::printable(problem).c_str());
 }
 
-// Tells what of the inputs could not be read.
-int complainAbout(const viewer::profile& all) {
+// Prints what could not be read.
+int reportProblems(const viewer::profile& all) {
   for (const std::string& problem : all.problems) {
-    complain(problem);
+    warn(problem);
   }
   return all.problems.empty() ? kDone : kFailed;
 }
 
-// What the command line says; each command reads its part.
+// The values of the command line; each command reads its part.
 struct arguments {
   std::vector<std::string> inputs;
   std::string grep;
   bool json = false;
   std::string page;
   viewer::tableOptions tables;
-  viewer::look look = lookOfOutput();
+  viewer::terminalStyle style = styleOfOutput();
   viewer::threshold limit;
   format exportFormat = format::collapsed;
   viewer::csvTable table = viewer::csvTable::locks;
@@ -81,7 +81,7 @@ viewer::profile readInputs(const std::vector<std::string>& inputs, const std::st
   if (!grep.empty()) {
     viewer::filter(all, grep);
     if (!viewer::holdsAny(all) && !all.empty()) {
-      complain("--grep " + grep + ": nothing holds this text");
+      warn("--grep " + grep + ": nothing contains this text");
     }
   }
   return all;
@@ -101,9 +101,9 @@ int show(const arguments& given) {
   } else if (given.json) {
     viewer::writeJson(all, std::cout);
   } else {
-    std::cout << viewer::profileTables(all, given.tables, given.look);
+    std::cout << viewer::profileTables(all, given.tables, given.style);
   }
-  return complainAbout(all);
+  return reportProblems(all);
 }
 
 int diff(const arguments& given) {
@@ -117,9 +117,9 @@ int diff(const arguments& given) {
   } else if (given.json) {
     viewer::writeJson(both, std::cout);
   } else {
-    std::cout << viewer::comparisonTables(both, given.tables.limits.rows, given.look);
+    std::cout << viewer::comparisonTables(both, given.tables.limits.rows, given.style);
   }
-  return std::max(complainAbout(both.before), complainAbout(both.after));
+  return std::max(reportProblems(both.before), reportProblems(both.after));
 }
 
 int exportTo(const arguments& given) {
@@ -138,7 +138,7 @@ int exportTo(const arguments& given) {
       viewer::writePrometheus(all, std::cout);
       break;
   }
-  return complainAbout(all);
+  return reportProblems(all);
 }
 
 int check(const arguments& given) {
@@ -154,7 +154,7 @@ int check(const arguments& given) {
     for (const std::string& one : found.notes) {
       std::cout << viewer::printable("note: " + where + one) << '\n';
     }
-    result = std::max({result, complainAbout(run), found.broken.empty() ? kDone : kFailed});
+    result = std::max({result, reportProblems(run), found.broken.empty() ? kDone : kFailed});
   }
   return result;
 }
@@ -184,14 +184,14 @@ CLI::Option* addChoice(CLI::App& to, const char* name, type& chosen,
 
 void addInputs(CLI::App& to, arguments& given) {
   to.add_option("INPUT", given.inputs, "Folders with reports, or report files");
-  to.add_option("--grep", given.grep, "Only locks, exceptions and classes that hold this text");
+  to.add_option("--grep", given.grep, "Only locks, exceptions and classes that contain this text");
 }
 
 void addTables(CLI::App& to, arguments& given) {
   addLimit(to, "--top", given.tables.limits.rows, "Rows to show of each table");
-  addLimit(to, "--width", given.look.width, "Columns to fit the tables into");
+  addLimit(to, "--width", given.style.width, "Columns to fit the tables into");
   CLI::Option* json = to.add_flag("--json", given.json, "Print all as JSON");
-  to.add_option("-o,--output", given.page, "Write all as an HTML page into this file instead")
+  to.add_option("-o,--output", given.page, "Write an HTML page to this file instead")
       ->option_text("FILE")
       ->check([](const std::string& file) {
         return file.empty() || file == "-" ? "expected the name of a file, found '" + file + "'"
@@ -210,7 +210,7 @@ void addShow(CLI::App& app, arguments& given) {
                       {"site", ranking::site},
                       {"blocker", ranking::blocker}},
                      "What lock reports are ranked by");
-  addLimit(app, "--show", given.tables.record, "Print the exception record of this number");
+  addLimit(app, "--show", given.tables.record, "Print the exception record with this number");
   app.get_option("--show")->excludes("--json")->excludes("--output");
   addLimit(app, "--threads", given.tables.limits.threads,
            "Threads to show for each lock, and blockers");
@@ -223,10 +223,11 @@ CLI::App* addDiff(CLI::App& app, arguments& given) {
   diff->get_option("INPUT")->expected(2)->required()->option_text("BEFORE AFTER");
   addTables(*diff, given);
   diff->add_option("--threshold", given.limit.percent,
-                   "The percentage that a difference has to reach")
+                   "Smallest difference that counts, in percent")
       ->check(CLI::Range(0, 100))
       ->capture_default_str();
-  diff->add_option("--least", given.limit.least, "The least difference that counts")
+  diff->add_option("--least", given.limit.least,
+                   "Smallest difference that counts, in the measure of the table")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   return diff;
@@ -251,15 +252,16 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
                        {"blockers", csvTable::blockers},
                        {"exceptions", csvTable::exceptions},
                        {"classes", csvTable::classes}},
-                      "What to print as csv; locks unless given");
+                      "Table to print as csv; by default locks");
   return to;
 }
 
 CLI::App* addCheck(CLI::App& app, arguments& given) {
-  CLI::App* check =
-      app.add_subcommand("check", "Prints which limits are broken; the exit code is 1 when any is");
+  CLI::App* check = app.add_subcommand(
+      "check", "Prints the limits that are broken; the exit code is 1 if there are any");
   check
-      ->add_option("INPUT", given.inputs, "Folders with reports, or report files: all runs in them")
+      ->add_option("INPUT", given.inputs,
+                   "Folders with reports, or report files; all runs are checked")
       ->required();
   const auto addLimits = [check](const char* name, auto& limits, auto parse, const char* form,
                                  const char* description) {
@@ -279,13 +281,13 @@ CLI::App* addCheck(CLI::App& app, arguments& given) {
             "CLASSES=SECONDS", "Time that threads may block on any one lock of these classes");
   addLimits("--max-survivors", given.limits.survivors, viewer::parseSurvivorLimit,
             "CLASSES=OBJECTS@COLLECTIONS",
-            "Objects of each of these classes that may outlive so many collections");
+            "Objects of each of these classes that may outlive this many collections");
   addLimits("--no-exception", given.limits.exceptions, viewer::parseExceptionLimit, "CLASSES",
             "Exceptions that must not have been thrown");
   return check;
 }
 
-// Throws CLI::ParseError for what the options alone do not tell.
+// Throws CLI::ParseError for what the declarations of the options cannot express.
 void expectUsable(const CLI::App& app, const CLI::App& check, const arguments& given) {
   const auto fail = [](const std::string& problem) {
     throw CLI::ParseError(problem, CLI::ExitCodes::ValidationError);
@@ -320,7 +322,7 @@ int running(action command) {
                               "the output cannot be written");
     }
   } catch (const std::exception& e) {
-    complain(e.what());
+    warn(e.what());
     result = kFailed;
   }
   std::cout.rdbuf(former);

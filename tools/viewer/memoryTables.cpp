@@ -23,7 +23,8 @@ std::vector<std::uint64_t> histogramOf(const classEntry& one,
 
 }  // namespace
 
-std::string memoryTables(const memoryReport& report, std::size_t rows, const look& terminal) {
+std::string memoryTables(const memoryReport& report, std::size_t rows,
+                         const terminalStyle& terminal) {
   const std::vector<std::uint32_t> generations = generationsOf(report);
   std::string sums = fmt::format("\": {} classes", report.classes.size());
   if (!generations.empty()) {

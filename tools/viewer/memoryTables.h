@@ -4,13 +4,14 @@
 #include <cstddef>
 #include <string>
 
-#include "look.h"
 #include "memoryReport.h"
+#include "terminalStyle.h"
 
 namespace viewer {
 
 // The session and at most `rows` classes with what survived of them, the most bytes first, each
 // with a histogram of its objects by generation from the oldest on.
-std::string memoryTables(const memoryReport& report, std::size_t rows, const look& terminal);
+std::string memoryTables(const memoryReport& report, std::size_t rows,
+                         const terminalStyle& terminal);
 
 }  // namespace viewer

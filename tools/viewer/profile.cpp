@@ -55,7 +55,7 @@ kind kindOfDocument(byteSource bytes, const std::string& source) {
   return member.empty() ? kind::unknown : tellingMembers().find(member)->second;
 }
 
-// What a line tells of a file whose lines stand for themselves.
+// The kind of a file whose lines stand for themselves, by one of them.
 kind kindOfLine(const std::string& line) {
   if (isStackLine(line)) {
     return kind::stackFile;
@@ -175,7 +175,7 @@ const shape& sweepShape() {
   return result;
 }
 
-// A line that is none costs only itself.
+// A line of another form costs only itself.
 void readSweeps(profile& all, const fs::path& file) {
   sweepSum& sum = all.sweeps ? *all.sweeps : all.sweeps.emplace();
   std::vector<std::string> ignored;
@@ -194,7 +194,7 @@ void readFile(profile& all, const fs::path& file, kind what) {
   const std::string name = nameOf(file);
   if (what == kind::sweeps) {
     readSweeps(all, file);
-    return;  // it says how the memory report came about, not what is in it
+    return;  // of how the memory report came about, not of what is in it
   }
   all.inputs.push_back(name);
   switch (what) {
@@ -226,7 +226,7 @@ void readFile(profile& all, const fs::path& file, kind what) {
   }
 }
 
-// Runs `read`, telling what goes wrong in the profile's problems.
+// Runs `read`, reporting what goes wrong in the profile's problems.
 template <typename action>
 void noting(profile& all, action read) {
   try {
@@ -271,7 +271,7 @@ bool isLost(const fs::path& file) {
   return file.extension() == ".json";
 }
 
-// Whether the agent or its companion gives files such a name: one that is nothing they write was
+// Whether the agent or its companion uses this name for files: one that is nothing they write was
 // damaged.
 bool isOwnName(const fs::path& file) {
   const std::string name = file.filename();
@@ -280,7 +280,7 @@ bool isOwnName(const fs::path& file) {
          fits("exceptions*.jsonl") || fits("run.json");
 }
 
-// Whether a file in a folder is no report and nothing is lost with it.
+// Whether a file in a folder is not a report, so that nothing is lost with it.
 bool isOther(const fs::path& file, kind what) {
   return (what == kind::empty && !isLost(file)) || (what == kind::unknown && !isOwnName(file));
 }
@@ -290,8 +290,8 @@ bool readFilesOf(profile& all, const fs::path& folder) {
   bool any = false;
   for (const fs::path& file : listed(folder, mayBeReport)) {
     if (file.extension() == kPart) {
-      const fs::path whole = fs::path(file).replace_extension();
-      if (isLost(whole) && isOwnName(whole)) {
+      const fs::path complete = fs::path(file).replace_extension();
+      if (isLost(complete) && isOwnName(complete)) {
         all.unfinished.push_back(nameOf(file));
       }
       continue;

@@ -26,11 +26,11 @@ struct runInfo {
   std::int64_t removedReports = 0;             // deleted because there were too many
 };
 
-// How the memory reports came about: what the companion's looks for objects to follow told.
+// How the memory reports came about: what the companion's sweeps found.
 struct sweepSum {
-  std::uint64_t classes = 0;      // the most that one of them looked for
-  std::vector<std::string> full;  // classes of which not all objects could be followed
-  bool isCut = false;             // the file has not all looks
+  std::uint64_t classes = 0;      // the most that one of them searched for
+  std::vector<std::string> full;  // classes of which not all objects could be tracked
+  bool isCut = false;             // the file does not have all sweeps
 };
 
 struct profile {
@@ -49,10 +49,10 @@ struct profile {
 };
 
 // Reads files, and folders with such files; a folder with none of its own stands for the newest
-// run-* folder in it. What a file is, is told by its content. In a folder, files of other kinds are
+// run-* folder in it. The content decides what a file is. In a folder, files of other kinds are
 // passed over unless they have a name that the agent or its companion gives. Of those that are
 // being written (*.part) only the names are kept, of the companion's *.sweeps only what they come
-// to. What cannot be read is told in `problems`; nothing is thrown for it.
+// to. What cannot be read is reported in `problems`; nothing is thrown for it.
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
 
 // The same for each JVM: one profile for each folder of a run, be it named or in a folder that is

@@ -10,7 +10,7 @@
 namespace viewer {
 namespace {
 
-std::string runLine(const runInfo& run, const look& terminal) {
+std::string runLine(const runInfo& run, const terminalStyle& terminal) {
   constexpr std::size_t kLongest = 40;  // columns of what is short unless it is wrong
   std::string facts = run.pid ? fmt::format(", process {}", *run.pid) : "";
   const auto add = [&facts](const char* before, const std::optional<std::string>& text) {
@@ -24,7 +24,7 @@ std::string runLine(const runInfo& run, const look& terminal) {
   return endCutLine(run.command ? "Run of " : "Run", run.command.value_or(""), facts, terminal);
 }
 
-std::string shownRecord(const profile& all, std::size_t number, const look& terminal) {
+std::string shownRecord(const profile& all, std::size_t number, const terminalStyle& terminal) {
   const std::size_t records = all.exceptions ? all.exceptions->size() : 0;
   if (number > records) {
     throw inputError(
@@ -38,14 +38,15 @@ std::string shownRecord(const profile& all, std::size_t number, const look& term
 std::string unfinishedLines(const profile& all) {
   std::string lines;
   for (const std::string& file : all.unfinished) {
-    lines += printable(file) + ": not finished: the JVM was killed, or still runs.\n";
+    lines += printable(file) + ": not finished: the JVM was killed or is still running.\n";
   }
   return lines;
 }
 
 }  // namespace
 
-std::string profileTables(const profile& all, const tableOptions& options, const look& terminal) {
+std::string profileTables(const profile& all, const tableOptions& options,
+                          const terminalStyle& terminal) {
   if (options.record != 0) {
     return shownRecord(all, options.record, terminal);
   }

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "lockTables.h"
-#include "look.h"
 #include "profile.h"
+#include "terminalStyle.h"
 
 namespace viewer {
 
@@ -17,6 +17,7 @@ struct tableOptions {
 };
 
 // The run, then each report. Throws inputError when there is no record of that number.
-std::string profileTables(const profile& all, const tableOptions& options, const look& terminal);
+std::string profileTables(const profile& all, const tableOptions& options,
+                          const terminalStyle& terminal);
 
 }  // namespace viewer

@@ -36,14 +36,14 @@ class stackTable {
   std::unordered_map<std::uint64_t, std::vector<frameId>> stacks_;
 };
 
-// The hash that a decimal text is; nothing when it is none.
+// The hash that a decimal text is; nothing when it is not one.
 std::optional<std::uint64_t> parseHash(std::string_view digits);
 
 // Whether the line begins as those of a stack file do.
 bool isStackLine(std::string_view line);
 
-// Reads a stack file, one stack a line, into `stacks`. A line of another form is left out and told
-// in `problems`.
+// Reads a stack file, one stack a line, into `stacks`. A line of another form is skipped and
+// reported in `problems`.
 void readStackFile(byteSource bytes, const std::string& source, stackTable& stacks,
                    std::vector<std::string>& problems);
 

@@ -10,7 +10,7 @@ namespace viewer {
 namespace {
 
 // A name keeps so many columns even where that makes the line wider than the terminal.
-std::size_t roomBeside(const std::string& others, const look& terminal) {
+std::size_t roomBeside(const std::string& others, const terminalStyle& terminal) {
   constexpr std::size_t kNarrowest = 12;
   const std::size_t taken = std::min(displayColumns(others), terminal.width);
   return std::max(kNarrowest, terminal.width - taken);
@@ -19,17 +19,17 @@ std::size_t roomBeside(const std::string& others, const look& terminal) {
 }  // namespace
 
 std::string startCutLine(const std::string& before, const std::string& name,
-                         const std::string& after, const look& terminal) {
+                         const std::string& after, const terminalStyle& terminal) {
   return before + cutStart(printable(name), roomBeside(before + after, terminal)) + after + '\n';
 }
 
 std::string endCutLine(const std::string& before, const std::string& name, const std::string& after,
-                       const look& terminal) {
+                       const terminalStyle& terminal) {
   return before + cutEnd(printable(name), roomBeside(before + after, terminal)) + after + '\n';
 }
 
 std::string title(const std::string& name, std::size_t all, std::size_t shown,
-                  const look& terminal) {
+                  const terminalStyle& terminal) {
   return terminal.strong(shown < all ? fmt::format("{} ({} of {})\n", name, shown, all)
                                      : fmt::format("{} ({})\n", name, all));
 }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "look.h"
+#include "terminalStyle.h"
 
 namespace viewer {
 
@@ -18,14 +18,14 @@ std::span<const entry> first(const std::vector<entry>& entries, std::size_t limi
 
 // "NAME (21)", or "NAME (5 of 21)" where not all are shown, as a line.
 std::string title(const std::string& name, std::size_t all, std::size_t shown,
-                  const look& terminal);
+                  const terminalStyle& terminal);
 
 // A line of `before`, the name and `after`, in which the name is cut to what the terminal's width
 // leaves it: at its start, or at its end. It is made printable, the others are as they are.
 std::string startCutLine(const std::string& before, const std::string& name,
-                         const std::string& after, const look& terminal);
+                         const std::string& after, const terminalStyle& terminal);
 std::string endCutLine(const std::string& before, const std::string& name, const std::string& after,
-                       const look& terminal);
+                       const terminalStyle& terminal);
 
 // "... 16 more" as a line where not all are shown, else nothing.
 std::string moreLine(std::size_t all, std::size_t shown, std::size_t indent);

@@ -25,7 +25,7 @@ void textTable::addRow(std::vector<std::string> cells) {
   rows_.push_back(std::move(cells));
 }
 
-std::string textTable::render(const look& terminal, std::size_t indent) const {
+std::string textTable::render(const terminalStyle& terminal, std::size_t indent) const {
   const std::vector<std::size_t> widths =
       fittedWidths(terminal.width - std::min(terminal.width, indent));
   std::vector<std::string> headings;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "look.h"
+#include "terminalStyle.h"
 
 namespace viewer {
 
@@ -30,7 +30,7 @@ class textTable {
   // The heading, a line below it and the rows, each indented by `indent` blanks and ended by a line
   // feed. No line is longer than the width of the terminal as long as the columns that may be
   // shortened can give way.
-  std::string render(const look& terminal, std::size_t indent = 0) const;
+  std::string render(const terminalStyle& terminal, std::size_t indent = 0) const;
 
  private:
   std::vector<std::size_t> fittedWidths(std::size_t width) const;

@@ -102,7 +102,7 @@ constexpr std::array<codeRange, 7> kControls = {{{0x00, 0x1F},
                                                  {0x202A, 0x202E},
                                                  {0x2066, 0x2069}}};
 
-// Those that are no controls.
+// Those that are not controls.
 constexpr std::array<codeRange, 9> kBlanks = {{{0x20, 0x20},
                                                {0xA0, 0xA0},
                                                {0xAD, 0xAD},

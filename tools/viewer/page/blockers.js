@@ -16,7 +16,7 @@ const blockerView = {
           'pairs. The cells are therefore estimates (≈): the count of an owner is spread over the ' +
           'locks that it owned and the threads that came to them. ' +
           (ownersAreSampled(session) ? '' : 'The sums of the owners are exact. ') + 'A ' +
-          'hatched row is an owner that never blocked itself: its locks are not known, all are taken.'),
+          'hatched row is an owner that never blocked itself: its locks are not known, so all are taken.'),
         sampleNote(session),
         session.blockers.length > 0 ? matrix(session, pairs)
           : el('p', {class: 'note'}, 'No thread was found owning a lock while others came to it.')),
@@ -25,7 +25,7 @@ const blockerView = {
   },
 };
 
-// Of what the owners are a sample; nothing where no look was left out.
+// Of what the owners are a sample; nothing where no owner lookup was skipped.
 function sampleNote(session) {
   if (!ownersAreSampled(session)) {
     return null;
@@ -34,7 +34,7 @@ function sampleNote(session) {
   const timesOf = (member) => sum(session.blockers.map((owner) => owner[member]));
   const [found, estimated] = [timesOf('timesOwner'), timesOf('estimatedTimesOwner')];
   return el('p', {class: 'note', id: 'owner-sample'}, el('strong', null, 'Owners are a sample: '),
-    `${plural(made, 'look', 'looks')} made, ${formatNumber(leftOut)} left out, at most ${
+    `${plural(made, 'owner lookup', 'owner lookups')} made, ${formatNumber(leftOut)} skipped, at most ${
       formatNumber(perSecond)} a second.`,
     estimated > found && ` About ${formatShare(found, estimated)} were found; “≈ In all” and the ` +
       'estimates of the pairs are scaled up, blocking periods and seconds are as found.');

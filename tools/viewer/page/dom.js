@@ -40,7 +40,7 @@ function appendAll(element, children) {
 }
 
 // el('td', {class: 'number', click: listener}, 'text', otherElement, [more]). Attributes and
-// children that are null, undefined or false are left out; a function is a listener.
+// children that are null, undefined or false are omitted; a function is a listener.
 function el(name, attributes, ...children) {
   const element = document.createElement(name);
   setAttributes(element, attributes ?? {});
@@ -56,7 +56,7 @@ function svg(name, attributes, ...children) {
   return element;
 }
 
-// Has a screen reader say the text.
+// Has a screen reader read the text out.
 function announce(text) {
   document.getElementById('announcer').textContent = visibleText(text);
 }

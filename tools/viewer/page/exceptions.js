@@ -73,7 +73,7 @@ const exceptionView = {
     chooseGroup(null);
 
     const losses = exceptions.losses.length > 0 && el('div', {class: 'note problems'},
-      el('p', null, 'Not all is here:'),
+      el('p', null, 'Incomplete:'),
       el('ul', null, exceptions.losses.map((loss) => el('li', null, `${loss}.`))));
     const seen = exceptions.agent && el('p', {class: 'note'}, agentText(exceptions.agent));
     return {

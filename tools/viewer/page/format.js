@@ -33,7 +33,7 @@ const formatExactBytes = (bytes) => numberFormat.format(BigInt(bytes));
 // "2026-11-21T14:35:15.123Z" as "2026-11-21 14:35:15.123".
 const formatTime = (time) => (time ?? '').replace('T', ' ').replace(/Z$/, '');
 
-// A formatTime that leaves out the day when all times are of the same.
+// A formatTime that omits the day when all times are of the same.
 function timeFormatFor(times) {
   const days = new Set(times.filter(Boolean).map((time) => time.split('T')[0]));
   return days.size === 1 ? (time) => formatTime(time).replace(/^\S+ /, '') : formatTime;

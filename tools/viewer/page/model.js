@@ -55,14 +55,14 @@ function stacksOfLock(session, lockIndex) {
   return [...counts].sort((a, b) => b[1] - a[1]);
 }
 
-// Whether looks for owners were left out, so that the counts of owners are only a share.
+// Whether owner lookups were skipped, so that the counts of owners are only a share.
 const ownersAreSampled = ({ownerLookups}) => ownerLookups !== null && ownerLookups.leftOut > 0;
 
-// Whom each owner blocked, as well as a report can tell. It has how often each thread owned a lock
+// Whom each owner blocked, as far as a report shows it. It has how often each thread owned a lock
 // that another one came to, over all locks, and how often each thread came to each lock. So each
 // owner's count is spread over its locks, and from there over the other threads that came to them,
 // in proportion to their entries. The parts are estimates; the sums of the owners are exact unless
-// looks for owners were left out.
+// owner lookups were skipped.
 //
 // Gives {owner, blocked, estimate, locks (indexes that both came to), spread} for each pair;
 // `spread` when the owner itself never blocked, so that nothing tells which locks it owned.

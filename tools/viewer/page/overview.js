@@ -27,7 +27,7 @@ const overviewView = {
   },
 };
 
-// What of the inputs could not be read; nothing when all could.
+// The inputs that could not be read; nothing when all could.
 const problemList = (problems) => problems.length > 0 &&
   el('section', {class: 'panel problems', 'aria-label': 'Problems'},
     el('h3', null, 'Not everything could be read'),
@@ -36,7 +36,7 @@ const problemList = (problems) => problems.length > 0 &&
 // Sessions without a report.
 const unfinishedList = (files) => files.length > 0 &&
   el('section', {class: 'panel problems', 'aria-label': 'Not finished'},
-    el('h3', null, 'Sessions that did not end: the JVM was killed, or still runs'),
+    el('h3', null, 'Sessions that did not end: the JVM was killed or is still running'),
     el('ul', null, files.map((file) => el('li', null, file))));
 
 function lockTiles(session) {
@@ -59,7 +59,7 @@ function exceptionTiles({exceptions}) {
     return [];
   }
   const classes = new Set(exceptions.groups.map((group) => group.class)).size;
-  const note = exceptions.losses.length > 0 ? 'recorded; not all is here'
+  const note = exceptions.losses.length > 0 ? 'recorded; incomplete'
     : exceptions.agent ? `recorded, of ${formatNumber(exceptions.agent.seen)} that were thrown`
       : `of ${plural(classes, 'class', 'classes')}`;
   return [['Exceptions', formatNumber(exceptions.records.length), note]];

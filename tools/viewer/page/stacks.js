@@ -3,7 +3,7 @@
 // for, which keeps 100 thousand stacks as quick as ten.
 
 class StackTree {
-  // `counts` weighs the stacks of the session by index; those of weight 0 are left out. `without` are
+  // `counts` weighs the stacks of the session by index; those of weight 0 are omitted. `without` are
   // the entries that have no stack. Frames go from the outermost caller to the contended one, or the
   // other way when `fromContended`.
   constructor(session, counts, without, fromContended) {

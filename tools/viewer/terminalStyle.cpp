@@ -1,4 +1,4 @@
-#include "look.h"
+#include "terminalStyle.h"
 
 #include <fmt/format.h>
 
@@ -20,15 +20,16 @@ std::size_t stepOf(std::uint64_t value, std::uint64_t largest) {
 
 }  // namespace
 
-std::string look::strong(std::string_view text) const {
+std::string terminalStyle::strong(std::string_view text) const {
   return styled("1", text);
 }
 
-std::string look::faint(std::string_view text) const {
+std::string terminalStyle::faint(std::string_view text) const {
   return styled("2", text);
 }
 
-std::string look::sparkline(const std::vector<std::uint64_t>& values, std::size_t columns) const {
+std::string terminalStyle::sparkline(const std::vector<std::uint64_t>& values,
+                                     std::size_t columns) const {
   if (values.empty() || columns == 0) {
     return "";
   }
@@ -43,7 +44,7 @@ std::string look::sparkline(const std::vector<std::uint64_t>& values, std::size_
   return result;
 }
 
-std::string look::styled(std::string_view code, std::string_view text) const {
+std::string terminalStyle::styled(std::string_view code, std::string_view text) const {
   if (!colour) {
     return std::string(text);
   }

@@ -1,4 +1,4 @@
-// How output looks on the terminal that it goes to. Values without state.
+// How output is styled for the terminal that it goes to. Values without state.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace viewer {
 
-struct look {
+struct terminalStyle {
   std::size_t width = 100;  // columns
   bool colour = false;
   bool blocks = false;  // whether block characters can be shown, which need UTF-8
