@@ -85,7 +85,7 @@ def costs(bench):
     return found
 
 
-def complaints(found, heap):
+def problems(found, heap):
     """What grows too fast, from the costs of events and reports and the heap that reports take."""
     said = []
     for name, (few, many, most) in ALL.items():
@@ -142,7 +142,7 @@ def main():
     for name, ratios in heap.items():
         print(f"{name:24}" + "".join(f"{what:>16}{ratios[what]:6.2f}, at most {most}"
                                      for what, most in HEAP.items()))
-    said = complaints(found, heap)
+    said = problems(found, heap)
     if said:
         sys.exit("\n".join(said))
 

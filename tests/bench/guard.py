@@ -70,7 +70,7 @@ def count(bench):
     return counted
 
 
-def complaints(expected, counted):
+def problems(expected, counted):
     """What has grown by more than 5 %, and which benchmarks are on one side only; a line each."""
     found = [f"{name}: not in expected.json" for name in counted if name not in expected]
     found += [f"{name}: did not run" for name in expected if name not in counted]
@@ -95,7 +95,7 @@ def main():
     for name, values in counted.items():
         print(f"{name:26}{values['instructions']:8} instructions{values['allocations']:8} "
               f"allocations, expected {expected.get(name)}")
-    found = complaints(expected, counted)
+    found = problems(expected, counted)
     if found:
         again = f"{sys.argv[0]} {arguments.bench} --rewrite"
         sys.exit("\n".join([*found, f"Where that is meant to be: {again}"]))

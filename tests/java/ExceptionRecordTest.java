@@ -227,13 +227,13 @@ public final class ExceptionRecordTest {
     same("imitated", "[t: String = \"a\", b: int = 3]", record.frames().get(0).arguments());
   }
 
-  // --- Texts that are no records ---
+  // --- Texts that are not records ---
 
   private static void damagedRecords() {
     reason(ExceptionRecord.parse("hello"), "a frame without a head");
     reason(ExceptionRecord.parse("%7C"), "a frame without a head");
     reason(ExceptionRecord.parse("hello%40%41%42%43%44"), "class.method(source:line)");
-    reason(ExceptionRecord.parse("a.b(c:d)%40%41%42%43%44"), "the line of a frame is no number");
+    reason(ExceptionRecord.parse("a.b(c:d)%40%41%42%43%44"), "the line of a frame is not a number");
     same("raw head", "hello", ExceptionRecord.parse("hello").frames().get(0));
 
     ExceptionRecord record =

@@ -57,7 +57,7 @@ def lines(file):
 
 
 def said(run):
-    """All that the companion says but for one thing, which is up to the machine."""
+    """All that the companion prints except for one thing, which is up to the machine."""
     told = run.err.splitlines(keepends=True)
     return "".join(line for line in told if "more than 2 % of" not in line)
 
@@ -100,7 +100,7 @@ def test_what_a_run_leaves(start):
     given = (f"output={OUTPUT},{LOCKS},locks.name=the till,exceptions=true,memory=true,"
              "memory.track=com.example.tracked.*\\,no.such.Class")
     run = start("Profiled", "detail", "exit", OUTPUT, given=given, exit_code=7, quiet=False)
-    assert said(run) == (SAY + "memory.track: no class that was loaded matches 'no.such.Class'"
+    assert said(run) == (SAY + "memory.track: no loaded class matches 'no.such.Class'"
                        " (nested classes are written com.example.Outer$Inner)\n")
     folder = run_folder(run)
     assert names(folder) == ["exceptions.jsonl", "locks-1.json", "locks-1.stacks", "memory-1.json",
@@ -174,12 +174,12 @@ def test_memory_sessions_repeat(start, repeat):
         assert last["com.example.tracked.Tracked"]["totalCount"] == 50
 
 
-def test_memory_sessions_that_follow_nothing(start):
-    """Each reason is told once."""
-    untagged = SAY + "memory sessions follow only what the program tags: memory.track names classes"
-    unpackaged = SAY + "class Profiled$Till is in no package: memory reports leave such classes out"
+def test_memory_sessions_that_track_nothing(start):
+    """Each reason is printed once."""
+    untagged = SAY + "memory sessions track only what the program tags: name classes to track with"
+    unpackaged = SAY + "class Profiled$Till is in the unnamed package: memory reports omit it"
     repeat = "memory=true,memory.duration=500ms,memory.repeat=2"
-    for track, told in (("", f"{untagged} to follow\n"),
+    for track, told in (("", f"{untagged} memory.track\n"),
                         (",memory.track=Profiled$Till", unpackaged + "\n")):
         run = start("Profiled", "memory-2.json", "return", OUTPUT, quiet=False,
                     given=f"output={OUTPUT},{repeat}{track}")
@@ -312,7 +312,7 @@ def sweeps_of(run):
 
 
 @pytest.mark.parametrize("collector", COLLECTORS)
-def test_only_objects_that_are_alive_are_followed(start, collector):
+def test_only_objects_that_are_alive_are_tracked(start, collector):
     given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
              "memory.interval=50ms")
     run = start("Churning", OUTPUT, 3, 30, 100_000, given=given, vm=[f"-XX:+Use{collector}GC"],
@@ -324,22 +324,22 @@ def test_only_objects_that_are_alive_are_followed(start, collector):
     assert 30 <= memory["com.example.tracked.Tracked"]["totalCount"] <= 31
 
 
-def test_no_more_objects_are_followed_than_the_limit_says(start):
+def test_no_more_objects_are_tracked_than_the_limit_allows(start):
     given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
              "memory.interval=50ms,memory.limit=500")
     run = start("Churning", OUTPUT, 4, 2000, 1, given=given, quiet=False)
     sweeps = sweeps_of(run)
     assert [sweep["added"] for sweep in sweeps] == [500] + [0] * (len(sweeps) - 1)
     assert sweeps[0]["full"] == ["com.example.tracked.Tracked"]
-    assert all("full" not in sweep for sweep in sweeps[1:]), "said once"
-    full = [line for line in run.err.splitlines() if "are followed" in line]
-    assert full == [SAY + "memory.track: 500 objects of com.example.tracked.Tracked are followed,"
+    assert all("full" not in sweep for sweep in sweeps[1:]), "printed once"
+    full = [line for line in run.err.splitlines() if "are tracked" in line]
+    assert full == [SAY + "memory.track: 500 objects of com.example.tracked.Tracked are tracked,"
                     " and no more until some of them are gone (memory.limit)"]
     memory = Report(run_folder(run) / "memory-1.json").root["topNMemoryleakClass"]
     assert 499 <= memory["com.example.tracked.Tracked"]["totalCount"] <= 500
 
 
-def test_looks_that_take_long_come_less_often(start):
+def test_sweeps_that_take_long_come_less_often(start):
     given = (f"output={OUTPUT},memory=true,memory.track=com.example.tracked.Tracked,"
              "memory.interval=1ms")
     run = start("Churning", OUTPUT, 5, 200_000, 1, given=given, quiet=False)
@@ -358,13 +358,13 @@ def test_looks_that_take_long_come_less_often(start):
 
 @pytest.mark.parametrize("given, refusal", [
     ("locks=true,locks.summary=0,locks.detail=0,locks.repeat=forever",
-     "option 'locks.summary=0,locks.detail=0' is refused: expected sessions of at least 500ms with"
+     "invalid option 'locks.summary=0,locks.detail=0': expected sessions of at least 500ms with"
      " 'locks.repeat=forever', found 0ms"),
     ("locks=true,locks.summary=0s,locks.detail=0",
-     "option 'locks.summary=0s,locks.detail=0' is refused: expected a session that is longer than"
+     "invalid option 'locks.summary=0s,locks.detail=0': expected a session that is longer than"
      " 0, found 0ms"),
     ("memory=true,memory.duration=10ms,memory.repeat=3",
-     "option 'memory.duration=10ms' is refused: expected sessions of at least 500ms with"
+     "invalid option 'memory.duration=10ms': expected sessions of at least 500ms with"
      " 'memory.repeat=3', found 10ms"),
 ])
 def test_sessions_without_length_are_refused(start, given, refusal):
@@ -384,7 +384,7 @@ def test_the_oldest_reports_go(start):
     assert sorted(kept) == sorted(stacks) == [last - 1, last]
     removed = json.loads((folder / "run.json").read_text())["removed"]
     assert removed == {"reports": last - 2, "files": 2 * (last - 2), "kept": 2}
-    told = f"{SAY}{last - 2} reports were deleted, the oldest ones, so that 2 stay (files=2)\n"
+    told = f"{SAY}{last - 2} reports were deleted, the oldest ones, to keep 2 (files=2)\n"
     assert told in run.err
     assert (folder / "exceptions.jsonl").exists()
 
@@ -425,7 +425,7 @@ def test_options_that_are_wrong_stop_nothing(start):
 def test_sessions_without_length_stop_only_their_profiler(start):
     given = f"output={OUTPUT},{LOCKS},memory=true,memory.duration=1ms,memory.repeat=2"
     run = start("Profiled", "detail", "return", OUTPUT, given=given, quiet=False)
-    assert run.err.startswith(SAY + "option 'memory.duration=1ms' is refused: expected sessions of")
+    assert run.err.startswith(SAY + "invalid option 'memory.duration=1ms': expected sessions of")
     assert "locks-1.json" in names(run_folder(run))
 
 
@@ -615,7 +615,7 @@ def test_folders_of_the_program_stay(jvm, start):
 def test_the_typed_api(jvm):
     run = jvm.run("TypedApi", ".", vm=["-Xcheck:jni"])
     assert run.facts["features"] == "[lock, memory, exception]"
-    assert run.facts["refused.second"] == "a lock session is running already: stop it first"
+    assert run.facts["refused.second"] == "a lock session is already running: stop it first"
     assert run.facts["refused.early"] == \
         "the detail phase cannot begin: the lock session is begun, expected summary"
     assert run.facts["phase"] == "detail"
@@ -658,7 +658,7 @@ def test_management_clients(start):
     assert "did you mean 'locks.summary'?" in facts["unknown"]
     assert "expected a duration" in facts["malformed"]
     assert facts["startLocks"] == "done"
-    assert facts["twice"] == "lock sessions are running already: stop first"
+    assert facts["twice"] == "lock sessions are already running: stop first"
     assert facts["waiting"] == "done"
     assert "would end the detail phase" in facts["disturbing"]
     assert facts["undisturbed"] == "locks: detail, exceptions: off, memory: waiting"

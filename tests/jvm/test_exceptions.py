@@ -84,7 +84,7 @@ THROWN = {
     "ownLoader": "ClassNotFoundException 1",
     "forName": "ClassNotFoundException +",
     "missingMethod": "NoSuchMethodError 1",
-    # The cause comes from java.lang.ClassLoader, which is left out; of the error itself the VM
+    # The cause comes from java.lang.ClassLoader, which is filtered; of the error itself the VM
     # raises no event.
     "missingClass": "NoClassDefFoundError *, ClassNotFoundException 0",
     "notAClass": "ClassFormatError 0",  # from java.lang.ClassLoader
@@ -108,7 +108,7 @@ THROWN = {
     "overflowingSink": "ArithmeticException 0",
     "nestedSink": "ArithmeticException 0",
     "afterSinks": "ArithmeticException 1",
-    # What classes of these names throw is left out.
+    # What classes of these names throw is not recorded.
     "ofClass": "ClassCastException 0",
     "ofTheAgent": "IllegalStateException 0",
     "ofTheMaker": "IllegalStateException 0",

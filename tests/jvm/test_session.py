@@ -172,7 +172,7 @@ def test_every_contended_entry_is_counted(jvm):
         assert sum(s["count"] for s in bean["stacktracebean"].values()) == bean["count"]
 
 
-def test_looks_for_owners_beyond_the_limit_are_reported(jvm):
+def test_owner_lookups_beyond_the_limit_are_reported(jvm):
     per_second = 10
     began = time.monotonic()
     options = f"{DEFAULT_OPTIONS},ownerLookupsPerSecond={per_second}"
@@ -180,13 +180,13 @@ def test_looks_for_owners_beyond_the_limit_are_reported(jvm):
     seconds = time.monotonic() - began
     report, lock = run.report(), run.facts["lock"]
     assert list(report.root)[-1] == "ownerLookups"
-    looks = report.root["ownerLookups"]
-    assert list(looks) == ["perSecond", "made", "leftOut"] and looks["perSecond"] == per_second
-    assert 1 <= looks["made"] <= per_second * (seconds + 1)
-    assert looks["leftOut"] > looks["made"]
-    # An entry and its end take one look each at most.
-    assert looks["made"] + looks["leftOut"] <= 2 * report.locks[lock]["count"]
-    assert any(f"left out : {looks['leftOut']} ," in text for text in run.messages("Trace"))
+    lookups = report.root["ownerLookups"]
+    assert list(lookups) == ["perSecond", "made", "leftOut"] and lookups["perSecond"] == per_second
+    assert 1 <= lookups["made"] <= per_second * (seconds + 1)
+    assert lookups["leftOut"] > lookups["made"]
+    # An entry and its end take one lookup each at most.
+    assert lookups["made"] + lookups["leftOut"] <= 2 * report.locks[lock]["count"]
+    assert any(f"left out : {lookups['leftOut']} ," in text for text in run.messages("Trace"))
 
 
 def test_summary_only(jvm):

@@ -16,7 +16,7 @@ LIMIT = 120
 GREETING = "Starting Java Native Agent \n"  # the agent's, on standard output
 # On standard error: the JVM's word, and the companion's of a session that has nothing to report.
 TOLD = re.compile(
-    r"^(Picked up JAVA_TOOL_OPTIONS:|javanativeagent: (lock session \d+ ends|memory.track: (no class|a look)))"
+    r"^(Picked up JAVA_TOOL_OPTIONS:|javanativeagent: (lock session \d+ ends|memory.track: (no loaded class|a sweep)))"
     r".*\n",
     re.M,
 )

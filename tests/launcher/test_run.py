@@ -241,7 +241,7 @@ def test_the_files_of_a_run_have_a_cap(launcher, folder):
         assert "files=7" in settings.read_text("ascii").splitlines()
 
 
-ARCHIVED = "under an agent a JVM cannot write the archive, and ends with exit code 1"
+ARCHIVED = "under an agent a JVM cannot write the archive and ends with exit code 1"
 
 
 @pytest.mark.parametrize(
@@ -351,17 +351,17 @@ def test_wrong_use(launcher, folder, words, told):
 def test_a_command_that_is_not_there(launcher, folder):
     refused = launcher.run("run", "--", "no-such-command", folder=folder)
     assert (refused.code, refused.out) == (1, "")
-    assert refused.err == "twprofile: run: there is no command 'no-such-command'\n"
+    assert refused.err == "twprofile: run: unknown command 'no-such-command'\n"
     assert os.listdir(folder) == []
 
 
 def test_the_agent_twice(launcher, folder):
     nested = launcher.command("run", "--", "java", "-version")
     refused = launcher.run("run", "--", *nested, folder=folder)
-    assert refused.code == 1 and "JAVA_TOOL_OPTIONS has the agent already" in refused.err
+    assert refused.code == 1 and "JAVA_TOOL_OPTIONS already has the agent" in refused.err
     agent = "-agentpath:/opt/libjavanativeagent.so=features=ALL"
     refused = launcher.run("run", "--", "java", agent, "-version", folder=folder)
-    assert refused.code == 1 and "the command has the agent already" in refused.err
+    assert refused.code == 1 and "the command already has the agent" in refused.err
 
 
 def test_output_folder_that_cannot_be(launcher, folder):

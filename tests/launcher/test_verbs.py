@@ -94,7 +94,7 @@ def test_start_and_stop(launcher, folder):
             assert started == "locks: summary\n"
             wait_for(lambda: "detail" in status("locks"), "detail phase")
             twice = launcher.run("start", process.pid, "--locks", folder=folder)
-            assert twice.code == 1 and "running already" in twice.err, twice
+            assert twice.code == 1 and "already running" in twice.err, twice
             (report,) = re.findall(r"^locks: (.*/locks-\d+\.json)$", verb("stop", "--locks"), re.M)
             assert found.json(Path(report).name)["sessionname"] == name.replace(", ", ",")
             return "example.Idle$Turnstile" in found.locks()
@@ -113,7 +113,7 @@ def test_start_and_stop(launcher, folder):
         assert some.out.startswith("exceptions: ") and "off" in status("exceptions"), some
 
         assert "memory: running\n" == verb("start", "--memory=delay=0")
-        wait_for(lambda: re.search(r" [1-9]\d* objects followed", status("memory")), "sweep")
+        wait_for(lambda: re.search(r" [1-9]\d* objects tracked", status("memory")), "sweep")
         assert re.search(r"^memory: .*/memory-\d+\.json$", verb("stop"), re.M)
 
         assert "example.Idle$Ticket" in found.memory()
@@ -152,9 +152,9 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
         told = refusal(pid)
         assert "was started without the agent; start it with: twprofile run -- " in told
         assert told.endswith(" example.Idle\n")
-    assert "is no JVM" in refusal(os.getpid())
+    assert "is not a JVM" in refusal(os.getpid())
     assert "null" not in refusal(1)
-    assert "there is no process 999999999" in refusal(999999999)
+    assert "no such process: 999999999" in refusal(999999999)
     agent = f"-agentpath:{launcher.root}/lib/libjavanativeagent.so=twHome=."
     with plain_jvm(launcher, folder, agent) as pid:
         assert "has the agent, but not the companion" in refusal(pid)
@@ -228,8 +228,8 @@ def test_report_of_a_run_that_finished_nothing(launcher, folder):
     (old / "exceptions.jsonl").write_text('{"recorded":0,"dropped":0}\n')
     for words in ((), (f"{OUTPUT}/{new.name}",)):
         refused = launcher.run("report", *words, folder=folder)
-        assert refused.code == 1 and f"nothing was finished in '{OUTPUT}/{new.name}'" in refused.err
-    assert "nothing was finished" not in launcher.run(
+        assert refused.code == 1 and f"no report is complete in '{OUTPUT}/{new.name}'" in refused.err
+    assert "is complete in" not in launcher.run(
         "report", f"{OUTPUT}/{old.name}", folder=folder).err
 
 
@@ -275,16 +275,16 @@ def test_doctor_names_classes_without_variables(launcher, folder):
     assert [level for level, _ in classes] == ["ok", "hint", "hint", "hint"], run
     assert classes[0][1].startswith(launcher.programs)
     assert classes[1][1].startswith("bare: frames of 1 of 2 classes show no locals (Bare); compile")
-    assert classes[2][1] == "missing.jar is not there"
+    assert classes[2][1] == "missing.jar does not exist"
     assert classes[3][1].startswith("./bare.jar: frames of 1 of 2 classes")
 
     run = launcher.run("doctor", "--", "java", "-jar", "bare.jar", folder=folder)
     assert [f[2][:8] for f in findings(run) if f[1] == "classes"] == ["bare.jar"]
 
 
-def test_doctor_looks_at_the_command(launcher, folder):
+def test_doctor_checks_the_command(launcher, folder):
     run = launcher.run("doctor", "--", "no-such-command", folder=folder)
-    assert run.code == 1 and ("FAULT", "command", "there is no command 'no-such-command'") in findings(run)
+    assert run.code == 1 and ("FAULT", "command", "unknown command 'no-such-command'") in findings(run)
     run = launcher.run("doctor", "--", "sh", "start.sh", folder=folder)
     assert run.code == 0 and any(f[:2] == ("hint", "classes") for f in findings(run))
 
@@ -293,16 +293,16 @@ def test_doctor_finds_a_library_that_does_not_load(launcher, folder):
     root, lib = own_lib(launcher, folder)
     (lib / "libjavanativeagent.so").unlink()
     run = launcher.run("doctor", folder=folder, root=root)
-    assert run.code == 1 and "libjavanativeagent.so is not there; build it" in run.out, run
+    assert run.code == 1 and "libjavanativeagent.so does not exist; build it" in run.out, run
     (lib / "libjavanativeagent.so").write_text("no library")
     run = launcher.run("doctor", folder=folder, root=root)
     assert run.code == 1 and any(f[:2] == ("FAULT", "agent") for f in findings(run)), run
 
 
-def test_doctor_looks_at_the_output_folder(launcher, folder):
+def test_doctor_checks_the_output_folder(launcher, folder):
     (folder / "file").write_text("")
     for words, told in (
-        (("-o", "file"), "is no folder"),
+        (("-o", "file"), "is not a folder"),
         (("-o", "/proc/inner"), "cannot be written"),
         (("-o", "deep/a,b"), "has a comma"),
         (("-o", "a,b", "--", "sh"), "has a comma"),
@@ -330,7 +330,7 @@ printf '%s\\n' "${COMPREPLY[@]}"
 
 
 def completions(line):
-    """What bash offers behind this line, whose words readline takes apart at "="."""
+    """What bash offers after this line, whose words readline takes apart at "="."""
     words = re.findall(r"=|[^\s=]+", line) + ([""] if line.endswith(" ") else [])
     command = ["bash", "-c", COMPLETE, "-", SOURCE / "completions" / "twprofile", line, *words]
     shown = subprocess.run(command, capture_output=True, text=True, check=True)

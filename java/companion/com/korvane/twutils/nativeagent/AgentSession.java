@@ -99,7 +99,7 @@ public abstract class AgentSession {
         outcome = ReportOutcome.last(kind, part);
         if (!isReported && outcome == null) {
           throw new IOException(
-              "the agent wrote no " + feature + " report " + path + ": its log says why");
+              "the agent did not write the " + feature + " report " + path + ": see its log");
         }
         complete = report.publishJson(outcome);
       }
@@ -125,7 +125,7 @@ public abstract class AgentSession {
   /** Records nothing more, once and for all; refused with an IllegalStateException. */
   abstract void end();
 
-  /** Has the agent write the report; whether it says that it has. */
+  /** Has the agent write the report; whether it reports that it has. */
   abstract boolean writeReport(String part);
 
   /** Gives the other files of the session their names. */

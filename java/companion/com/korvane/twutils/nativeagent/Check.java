@@ -9,7 +9,7 @@ import java.util.List;
 
 /** Checks of settings; each refusal names the setting, what it was and what was expected. */
 final class Check {
-  /** Class and package names, as "a.b.Outer$Inner"; also what is no letter in Java's own sense. */
+  /** Class and package names, as "a.b.Outer$Inner"; also with what is not a letter for Java. */
   private static final String NO_NAME_PART = ",;[]()<>\"'*?/\\";
 
   private Check() {}

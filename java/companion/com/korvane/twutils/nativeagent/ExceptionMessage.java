@@ -4,7 +4,7 @@ package com.korvane.twutils.nativeagent;
 public final class ExceptionMessage {
   private static final int MAX_LENGTH = 8192; // characters; a longer one is cut
 
-  /** Tells the class that declares the {@code getMessage} of an exception's class, or null. */
+  /** Finds the class that declares the {@code getMessage} of an exception's class, or null. */
   interface Origins {
     Class<?> of(Class<?> type);
   }

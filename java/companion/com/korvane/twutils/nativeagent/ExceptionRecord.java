@@ -10,7 +10,7 @@ import java.util.List;
  * <p>Values and names are not escaped in a record, so that any text may hold what looks like a
  * separator. A text value is taken to end at the first place where the record can go on from.
  * Where that, or anything else, is not certain, {@link #doubts} names the place. A value that
- * imitates whole entries cannot be told from them; {@link #text} keeps what was delivered.
+ * imitates whole entries cannot be distinguished from them; {@link #text} keeps what was delivered.
  *
  * <p>Immutable.
  */
@@ -110,7 +110,7 @@ public final class ExceptionRecord {
       return className;
     }
 
-    /** The whole head of the frame when it could not be read. */
+    /** The complete head of the frame when it could not be read. */
     public String methodName() {
       return methodName;
     }

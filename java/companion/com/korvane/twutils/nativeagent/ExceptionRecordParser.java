@@ -10,7 +10,7 @@ import java.util.regex.Pattern;
  * for the end of a text, which is the first separator that the record can go on from.
  */
 final class ExceptionRecordParser {
-  /** Deeper objects are none: the agent expands six levels at most. */
+  /** Nothing deeper is an object: the agent expands six levels at most. */
   private static final int MAX_DEPTH = 16;
 
   private static final int MAX_NUMBER_LENGTH = 330; // the largest double, with sign and fraction
@@ -30,7 +30,7 @@ final class ExceptionRecordParser {
     ARGUMENTS("%43"),
     LOCALS("%44"),
     FRAME("%7C"),
-    /** Stands behind the last character. */
+    /** Stands after the last character. */
     END_OF_TEXT("");
 
     private static final Mark[] ALL = values();
@@ -46,7 +46,7 @@ final class ExceptionRecordParser {
     }
   }
 
-  /** A section of a frame, and the mark behind it: that of the last section is the frame's. */
+  /** A section of a frame, and the mark after it: that of the last section is the frame's. */
   private enum Section {
     CLASS_VARIABLES(Mark.CLASS_VARIABLES, "class variables", true),
     ARGUMENTS(Mark.ARGUMENTS, "arguments", false),
@@ -232,7 +232,7 @@ final class ExceptionRecordParser {
     return section.isCut && isAt(i, Mark.OPEN) && sectionEnds(i + 1, section);
   }
 
-  /** Whether the record can go on at mark i behind an entry at this depth. */
+  /** Whether the record can go on at mark i after an entry at this depth. */
   private boolean canGoOn(int i, Section section, int depth) {
     int at = i;
     int level = depth;
@@ -302,7 +302,7 @@ final class ExceptionRecordParser {
     try {
       line = Integer.parseInt(head.substring(colon + 1, head.length() - 1));
     } catch (NumberFormatException e) {
-      doubt(start, "the line of a frame is no number");
+      doubt(start, "the line of a frame is not a number");
       return frameOf(head, sections);
     }
     if (head.indexOf('(') != open) {
@@ -425,7 +425,7 @@ final class ExceptionRecordParser {
     return mark(i) == Mark.CLOSE ? endOf(i) - Mark.END.text.length() : starts[i];
   }
 
-  /** Goes behind mark i when it belongs to the value, before it when it ends the section. */
+  /** Goes past mark i when it belongs to the value, before it when it ends the section. */
   private void goToEndOfValue(int i) {
     if (mark(i) == Mark.END || mark(i) == Mark.CLOSE) {
       goBehind(i);
@@ -434,7 +434,7 @@ final class ExceptionRecordParser {
     }
   }
 
-  /** A piece that is no entry, up to and with the next END. */
+  /** A piece that is not an entry, up to and with the next END. */
   private CapturedValue readUnreadable() {
     int start = here;
     doubt(start, "no entry begins here");

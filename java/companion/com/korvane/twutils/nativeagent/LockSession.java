@@ -7,8 +7,8 @@ import java.time.Duration;
 /**
  * A lock session that is under way: begun by {@link NativeAgent#startLocks}, over with {@link
  * #stop}. In its summary phase it gathers the locks; for the detail phase they are ranked, and the
- * top ones are followed. It may be stopped in any phase: without a detail phase its report is
- * empty.
+ * top ones are recorded in detail. It may be stopped in any phase: without a detail phase its
+ * report is empty.
  *
  * <p>Any thread may call.
  */
@@ -94,7 +94,7 @@ public final class LockSession extends AgentSession {
   }
 
   /**
-   * Ranks the locks gathered so far, and follows the top ones.
+   * Ranks the locks gathered so far, and records the top ones in detail.
    *
    * @throws IllegalStateException unless the session is in its summary phase
    */
@@ -109,8 +109,8 @@ public final class LockSession extends AgentSession {
   }
 
   /**
-   * Takes the session through both phases, each as long as the settings say, and stops it. When the
-   * thread is interrupted it is stopped at once, and the thread stays interrupted.
+   * Takes the session through both phases, each as long as the settings define, and stops it. When
+   * the thread is interrupted it is stopped at once, and the thread stays interrupted.
    *
    * @return the report
    * @throws IOException as {@link #stop} does

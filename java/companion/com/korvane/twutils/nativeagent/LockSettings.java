@@ -91,7 +91,7 @@ public final class LockSettings {
     return this;
   }
 
-  /** How many stack traces a thread may have; 1000. Told in the agent's log. */
+  /** How many stack traces a thread may have; 1000. Printed in the agent's log. */
   public LockSettings maxStackTracesPerThread(int count) {
     maxStackTracesPerThread = Check.atLeast("maxStackTracesPerThread", 1, count);
     return this;

@@ -4,14 +4,14 @@ import java.util.function.Consumer;
 
 /**
  * A memory session that is under way: begun by {@link NativeAgent#startMemory}, over with {@link
- * #stop}. Objects that are followed are reported by class and by the number of garbage collections
+ * #stop}. Tracked objects are reported by class and by the number of garbage collections
  * that they have outlived.
  *
  * <p>Any thread may call.
  */
 public final class MemorySession extends AgentSession {
   /** Tags outlive the session. */
-  private static final FollowedCounts FOLLOWED = new FollowedCounts(FollowedCounts.NATIVES);
+  private static final TrackedCounts TRACKED = new TrackedCounts(TrackedCounts.NATIVES);
 
   private final MemorySettings settings;
   private volatile boolean isStopped;
@@ -51,7 +51,7 @@ public final class MemorySession extends AgentSession {
   }
 
   /**
-   * Runs a garbage collection. Objects can be followed after the first one; what was followed
+   * Runs a garbage collection. Objects can be tracked after the first one; what was tracked
    * before the last one is reported.
    */
   public void collect() {
@@ -64,7 +64,7 @@ public final class MemorySession extends AgentSession {
         });
   }
 
-  /** Follows this object. Nothing once the session is stopped. */
+  /** Tracks this object. Does nothing once the session is stopped. */
   public void track(Object object) {
     if (!isStopped && object != null) {
       TWNativeAgentProfiling.setObjectTag(object);
@@ -72,7 +72,7 @@ public final class MemorySession extends AgentSession {
   }
 
   /**
-   * Follows all instances of exactly these classes that are not followed yet and that can be
+   * Tracks all instances of exactly these classes that are not tracked yet and that can be
    * reached. The program stands still meanwhile, longer the more objects are alive.
    *
    * @return how many were added; 0 once the session is stopped
@@ -87,12 +87,12 @@ public final class MemorySession extends AgentSession {
   }
 
   /**
-   * Does the same, but follows no more than so many instances of each class at once, those that are
-   * followed already included. For a class that has come to the limit it counts, at times, how many
+   * Does the same, but tracks at most {@code limit} instances of each class at once, those that are
+   * tracked already included. For a class that has come to the limit it counts, at times, how many
    * of them the VM still knows.
    *
    * @param limit from 1 on
-   * @param full is told each class that has as many
+   * @param full is given each class that has as many
    * @return how many were added; 0 once the session is stopped
    */
   public int track(Class<?>[] classes, int limit, Consumer<Class<?>> full) {
@@ -102,7 +102,7 @@ public final class MemorySession extends AgentSession {
     Check.atLeast("limit", 1, limit);
     Class<?>[] copy = classes.clone();
     return NativeAgent.locked(
-        () -> isStopped || copy.length == 0 ? 0 : FOLLOWED.add(copy, limit, full));
+        () -> isStopped || copy.length == 0 ? 0 : TRACKED.add(copy, limit, full));
   }
 
   @Override

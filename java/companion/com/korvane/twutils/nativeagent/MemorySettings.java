@@ -8,8 +8,8 @@ import java.util.Collection;
  * The settings of a memory session. Those that are not set have the values that their methods
  * name, or else the default of the companion's option ({@link OptionKey}).
  *
- * <p>The agent looks for a class's name anywhere in the list that it is given: a list with {@code
- * a.Shopping} holds {@code a.Shop} too.
+ * <p>The agent searches for a class's name anywhere in the list that it is given: a list with
+ * {@code a.Shopping} contains {@code a.Shop} too.
  *
  * <p>Each method refuses a value that makes no sense with an {@link IllegalArgumentException}.
  */
@@ -58,13 +58,13 @@ public final class MemorySettings {
     return this;
   }
 
-  /** Classes that are left out; none. */
+  /** Classes that are not reported; none. */
   public MemorySettings excludeClasses(Collection<String> names) {
     excludedClasses = list("excludeClasses", names);
     return this;
   }
 
-  /** Packages whose classes are left out; none. */
+  /** Packages whose classes are not reported; none. */
   public MemorySettings excludePackages(Collection<String> names) {
     excludedPackages = list("excludePackages", names);
     return this;

@@ -12,7 +12,7 @@ import java.util.concurrent.locks.ReentrantLock;
  *
  * <p>Any thread may call; calls that reach the agent wait for each other, and go on when their
  * thread is interrupted. What cannot be done is refused with an {@link IllegalStateException} that
- * says what to change.
+ * names what to change.
  *
  * <p>Switching a profiler on or off ends the detail phase of a lock session that is running, so it
  * is refused until that session is stopped.
@@ -41,7 +41,7 @@ public final class NativeAgent {
   }
 
   /**
-   * The profilers that the agent was started with, as far as the JVM's arguments tell. Asking has
+   * The profilers that the agent was started with, as far as the JVM's arguments show. Asking has
    * the JVM settle on its log manager.
    */
   public static Set<Feature> features() {
@@ -65,7 +65,7 @@ public final class NativeAgent {
   }
 
   /**
-   * Begins a memory session: from its first garbage collection on objects can be followed.
+   * Begins a memory session: from its first garbage collection on objects can be tracked.
    *
    * @throws IllegalArgumentException when its report cannot be written
    * @throws IllegalStateException when there is no memory profiler, a memory session is running, or
@@ -135,7 +135,7 @@ public final class NativeAgent {
   }
 
   /**
-   * Records nothing more: ends the phase of a lock session, whoever runs it, and captures no more
+   * Records nothing more: ends the phase of any running lock session, and captures no more
    * exceptions. Sessions are still to be stopped. Where another control call does not come to its
    * end in time, exceptions are captured no more all the same. For the end of the JVM.
    *
@@ -230,7 +230,7 @@ public final class NativeAgent {
 
   private static void requireNone(Object session, String what) {
     if (session != null) {
-      throw new IllegalStateException(what + " is running already: stop it first");
+      throw new IllegalStateException(what + " is already running: stop it first");
     }
   }
 

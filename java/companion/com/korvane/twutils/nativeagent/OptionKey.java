@@ -284,7 +284,7 @@ public enum OptionKey {
     return nearest;
   }
 
-  /** Null for what is no number, flag or word of this kind. */
+  /** Null for what is not a number, flag or word of this kind. */
   private Long read(String value) {
     String text = value.toLowerCase(Locale.ROOT);
     if (kind == Kind.FLAG) {

@@ -50,7 +50,7 @@ final class ReportFile {
       }
       owned = part.getParent().toRealPath().resolve(part.getFileName());
       if (OWNED.contains(owned)) {
-        throw new IOException("a session that is running writes it");
+        throw new IOException("a running session is writing it");
       }
       Files.deleteIfExists(part);
       Files.createFile(
@@ -124,7 +124,7 @@ final class ReportFile {
 
   private Path publish(String problem) throws IOException {
     if (problem != null) {
-      String rest = part.toFile().length() == 0 ? "" : "; what there is of it is in " + part;
+      String rest = part.toFile().length() == 0 ? "" : "; what was written of it is in " + part;
       throw new IOException("the " + label + " " + path + " is not complete: " + problem + rest);
     }
     try {

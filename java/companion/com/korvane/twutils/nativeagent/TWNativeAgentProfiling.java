@@ -21,7 +21,7 @@ public final class TWNativeAgentProfiling {
    * @param sessionId reported as "sessionid" (its low 32 bits)
    * @param sessionName reported as "sessionname"
    * @param durationSeconds length of the session; each whole minute is one slot of the lock graphs
-   * @param topLockCount how many locks the detail session follows; negative for all
+   * @param topLockCount how many locks the detail session records; negative for all
    * @param maxLockCount how many distinct locks are recorded
    * @param maxThreadPerLockCount how many threads are recorded for each lock
    * @param maxThreadCount how many owner threads are recorded
@@ -64,8 +64,8 @@ public final class TWNativeAgentProfiling {
   /**
    * Opens a memory session.
    *
-   * @param excludeClasses a text; a class whose dotted name occurs in it is left out
-   * @param excludePackages a text; a class whose package occurs in it is left out
+   * @param excludeClasses a text; a class whose dotted name occurs in it is not reported
+   * @param excludePackages a text; a class whose package occurs in it is not reported
    * @param includeClasses a text; a class whose dotted name occurs in it is reported first
    * @param includePackages a text; a class whose package occurs in it is reported first
    * @return 1 when the session was configured, else 0
@@ -91,7 +91,7 @@ public final class TWNativeAgentProfiling {
   /** Runs a full garbage collection. */
   public static native void forceGarbageCollection();
 
-  /** Marks an object as one to follow, with the current garbage-collection generation. */
+  /** Marks an object as one to track, with the current garbage-collection generation. */
   public static native void setObjectTag(Object object);
 
   /**
@@ -108,7 +108,7 @@ public final class TWNativeAgentProfiling {
    * Does the same, but marks no more instances of a class than there is room for.
    *
    * @param room for each class, how many instances may be marked; afterwards how many more may, or
-   *     -1 when an instance was left out
+   *     -1 when an instance was skipped
    */
   static native int tagInstancesWithin(Class<?>[] classes, int[] room);
 
@@ -125,7 +125,7 @@ public final class TWNativeAgentProfiling {
    * The class, {@code type} or one above it, whose {@code getMessage()} answers for exceptions of
    * {@code type}. Loads and initializes no class.
    *
-   * @return null for a class that is not initialized, and when it cannot be told
+   * @return null for a class that is not initialized, and when it is not known
    */
   static native Class<?> messageOriginOf(Class<?> type);
 

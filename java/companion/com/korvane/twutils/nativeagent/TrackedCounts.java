@@ -8,10 +8,10 @@ import java.util.WeakHashMap;
 import java.util.function.Consumer;
 
 /**
- * How many instances of each class are followed at most, as far as is known: those that were added
+ * How many instances of each class are tracked at most, as far as is known: those that were added
  * since the VM's tags were counted last count as alive. For one thread at a time.
  */
-final class FollowedCounts {
+final class TrackedCounts {
   /** Walks in which a class is skipped when its count has come to the limit. */
   private static final int REST = 10;
 
@@ -37,15 +37,15 @@ final class FollowedCounts {
         }
       };
 
-  private static final class Followed {
+  private static final class Tracked {
     int count;
     int rest; // walks to come without the class
   }
 
   private final Tags tags;
-  private final Map<Class<?>, Followed> byClass = new WeakHashMap<>();
+  private final Map<Class<?>, Tracked> byClass = new WeakHashMap<>();
 
-  FollowedCounts(Tags tags) {
+  TrackedCounts(Tags tags) {
     this.tags = tags;
   }
 
@@ -53,8 +53,8 @@ final class FollowedCounts {
   int add(Class<?>[] classes, int limit, Consumer<Class<?>> full) {
     List<Class<?>> due = new ArrayList<>();
     for (Class<?> each : classes) {
-      Followed followed = of(each);
-      if (followed.count >= limit && followed.rest-- <= 0) {
+      Tracked tracked = of(each);
+      if (tracked.count >= limit && tracked.rest-- <= 0) {
         due.add(each);
       }
     }
@@ -68,11 +68,11 @@ final class FollowedCounts {
     return added;
   }
 
-  private Followed of(Class<?> type) {
-    return byClass.computeIfAbsent(type, each -> new Followed());
+  private Tracked of(Class<?> type) {
+    return byClass.computeIfAbsent(type, each -> new Tracked());
   }
 
-  /** Follows instances of those classes that have room for them. */
+  /** Tracks instances of those classes that have room for them. */
   private int walk(List<Class<?>> classes, int limit, List<Class<?>> cut) {
     List<Class<?>> open = new ArrayList<>(classes);
     open.removeIf(each -> of(each).count >= limit);
@@ -102,9 +102,9 @@ final class FollowedCounts {
       return;
     }
     for (int i = 0; i < counted.length; i++) {
-      Followed followed = of(counted[i]);
-      followed.count = counts[i];
-      followed.rest = counts[i] >= limit ? REST : 0;
+      Tracked tracked = of(counted[i]);
+      tracked.count = counts[i];
+      tracked.rest = counts[i] >= limit ? REST : 0;
       if (counts[i] >= limit) {
         full.accept(counted[i]);
       }

@@ -15,7 +15,7 @@ public enum ValueType {
   FLOAT("float"),
   /** Any other object, an array, or a null reference of any type. */
   OBJECT("object"),
-  /** A piece of the record that is no entry; it has no code. */
+  /** A piece of the record that is not an entry; it has no code. */
   UNREADABLE("unreadable");
 
   private final String label;

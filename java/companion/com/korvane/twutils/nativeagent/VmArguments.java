@@ -14,8 +14,8 @@ import java.util.Locale;
 import java.util.Set;
 
 /**
- * What the JVM's arguments say of the native agent; those from the environment and from argument
- * files are among them. Without the module java.management they are not known.
+ * What the JVM's arguments contain of the native agent; those from the environment and from
+ * argument files are among them. Without the module java.management they are not known.
  *
  * <p>To ask for them has the JVM settle on its log manager, which a program may choose in its
  * {@code main}.
@@ -94,7 +94,7 @@ public final class VmArguments {
     return words;
   }
 
-  /** The agent's option text, empty when it has none; null when there is no agent or no telling. */
+  /** The agent's option text, empty when it has none; null without an agent and when not known. */
   String options() {
     return options;
   }

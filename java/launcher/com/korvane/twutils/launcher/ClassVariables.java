@@ -11,7 +11,7 @@ final class ClassVariables {
     PRESENT,
     /** Methods have variables, and none has a table of them. */
     MISSING,
-    /** No method would have such a table in any case. */
+    /** No method would have a table in any case. */
     NOT_NEEDED
   }
 
@@ -31,7 +31,7 @@ final class ClassVariables {
   /**
    * Reads one class file; the stream should be buffered, and stays open.
    *
-   * @throws IOException when it cannot be read or is no class file
+   * @throws IOException when it cannot be read or is not a class file
    */
   static Answer of(InputStream in) throws IOException {
     ClassVariables reader = new ClassVariables(in);
@@ -44,7 +44,7 @@ final class ClassVariables {
 
   private void readClass() throws IOException {
     if (in.readInt() != MAGIC) {
-      throw new IOException("no class file");
+      throw new IOException("not a class file");
     }
     skip(4); // versions
     readConstants();

@@ -48,7 +48,7 @@ final class CompanionConnection implements AutoCloseable {
     while (!server.isRegistered(name)) {
       if (System.nanoTime() - end > 0) {
         throw new IOException(
-            "its companion does not answer; what does the JVM say on standard error?");
+            "its companion does not answer; see the standard error of the JVM");
       }
       try {
         Thread.sleep(100);

@@ -19,7 +19,7 @@ import java.util.concurrent.TimeUnit;
 import java.util.zip.ZipEntry;
 import java.util.zip.ZipFile;
 
-/** Checks what profiling needs, one line for each point, and says what to change. */
+/** Checks what profiling needs, one line for each point, with what to change. */
 final class Doctor {
   private static final String AGENT_GREETING = "Starting Java Native Agent";
   private static final long LITTLE_SPACE = 64L << 20;
@@ -78,7 +78,7 @@ final class Doctor {
         ok("file", file.toString());
       } else {
         all = false;
-        fault("file", file + " is not there; build it: cmake -S . -B build/run && cmake --build"
+        fault("file", file + " does not exist; build it: cmake -S . -B build/run && cmake --build"
             + " build/run");
       }
     }
@@ -89,8 +89,8 @@ final class Doctor {
     }
     Path viewer = root.resolve("lib/twreport");
     if (!Files.isExecutable(viewer)) {
-      hint("file", viewer + " is not there: report needs it; install libcli11-dev, libfmt-dev and"
-          + " nlohmann-json3-dev and build again");
+      hint("file", viewer + " does not exist, but report needs it; install libcli11-dev,"
+          + " libfmt-dev and nlohmann-json3-dev and build again");
     }
     return all;
   }
@@ -123,7 +123,7 @@ final class Doctor {
       place = place.getParent();
     }
     if (place == null || !Files.isDirectory(place)) {
-      fault("output", "'" + place + "' is no folder; choose another with -o DIR");
+      fault("output", "'" + place + "' is not a folder; choose another with -o DIR");
     } else if (!isWritable(place)) {
       fault("output", "'" + place + "' cannot be written; choose another with -o DIR");
     } else {
@@ -140,7 +140,7 @@ final class Doctor {
     }
   }
 
-  /** Found out by writing: rights alone do not tell of file systems that take nothing. */
+  /** Found out by writing: rights alone do not reveal file systems that take nothing. */
   private static boolean isWritable(Path folder) {
     try {
       Files.delete(Files.createTempFile(folder, "twprofile", null));
@@ -163,18 +163,18 @@ final class Doctor {
     String program = command.get(0);
     String found = findProgram(program);
     if (found == null) {
-      fault("command", "there is no command '" + program + "'");
+      fault("command", "unknown command '" + program + "'");
       return;
     }
     ok("command", found);
     if (command.stream().anyMatch(word -> word.equals("-XX:+DisableAttachMechanism"))) {
       hint("command", "-XX:+DisableAttachMechanism keeps list, status, start and stop from working;"
-          + " take it away");
+          + " remove it");
     }
     if (!JavaCommand.isJava(command)) {
       checkLoading(built, ProcessHandle.current().info().command().orElse("java"));
-      hint("classes", "not looked at, since the command is not java; name the java command that it"
-          + " starts to have its classes checked");
+      hint("classes", "not checked, because the command is not java; to check them, name the java"
+          + " command that it starts");
       return;
     }
     checkLoading(built, found);
@@ -187,7 +187,7 @@ final class Doctor {
     }
     Path folder = Files.createTempDirectory("twprofile-doctor");
     try {
-      // The home "." leaves no folders behind, and level 0 no log.
+      // The home "." leaves no folders, and level 0 no log.
       String agent = "-agentpath:" + library() + "=twHome=.,logLevel=0,features=ALL";
       Outcome run = execute(List.of(java, agent, "-version"), folder.toFile());
       if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
@@ -214,17 +214,17 @@ final class Doctor {
           countJar(place, count);
         }
       } catch (NoSuchFileException e) {
-        hint("classes", place + " is not there");
+        hint("classes", place + " does not exist");
         continue;
       } catch (IOException e) {
         hint("classes", place + " cannot be read: " + e.getMessage());
         continue;
       }
-      tell(place, count);
+      printCount(place, count);
     }
   }
 
-  private void tell(Path place, Count count) {
+  private void printCount(Path place, Count count) {
     if (count.classes == 0) {
       return;
     }

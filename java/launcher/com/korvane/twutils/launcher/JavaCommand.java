@@ -13,7 +13,7 @@ import java.util.jar.Attributes;
 import java.util.jar.JarFile;
 import java.util.jar.Manifest;
 
-/** A command that starts {@code java}: what its words say of the application's classes. */
+/** A command that starts {@code java}: what its words reveal of the application's classes. */
 final class JavaCommand {
   /** Options whose value is the next word, beside those read here. */
   private static final Set<String> WITH_VALUE =
@@ -57,7 +57,7 @@ final class JavaCommand {
     return found;
   }
 
-  /** Returns whether the main class or jar was met, behind which the program's arguments stand. */
+  /** Returns whether the main class or jar was met, after which the program's arguments come. */
   private boolean readWords(List<String> words) throws IOException {
     for (int i = 0; i < words.size(); i++) {
       String word = words.get(i);
@@ -182,7 +182,7 @@ final class JavaCommand {
         addWithManifest(Path.of(base.toUri().resolve(entry)), found);
       }
     } catch (IOException | IllegalArgumentException e) {
-      // What is no jar, or names no file: whoever reads the place tells.
+      // Not a jar, or not a file: that is reported where the place is read.
     }
   }
 }

@@ -105,7 +105,7 @@ enum Profiler {
         bean.getSweeps() == 0
             ? ""
             : String.format(
-                ", %s (the last %.1f ms), %s followed",
+                ", %s (the last %.1f ms), %s tracked",
                 counted(bean.getSweeps(), "sweep"),
                 bean.getLastSweepMillis(),
                 counted(bean.getObjectsFollowed(), "object"));

@@ -66,7 +66,7 @@ final class RunningJvm {
         throw new IOException("process " + pid + " belongs to another user");
       }
       if (!jvm.hasMapped("libjvm.so")) {
-        throw new IOException("process " + pid + " is no JVM; see: twprofile list");
+        throw new IOException("process " + pid + " is not a JVM; see: twprofile list");
       }
       if (!jvm.hasAgent()) {
         throw new IOException(
@@ -80,9 +80,9 @@ final class RunningJvm {
       }
       return jvm;
     } catch (NoSuchFileException e) {
-      throw new IOException("there is no process " + pid + "; see: twprofile list", e);
+      throw new IOException("no such process: " + pid + "; see: twprofile list", e);
     } catch (FileSystemException e) {
-      throw new IOException("process " + pid + " cannot be looked at: " + reasonOf(e), e);
+      throw new IOException("cannot inspect process " + pid + ": " + reasonOf(e), e);
     }
   }
 

@@ -18,8 +18,8 @@ public final class Tools {
   /**
    * @param args the verb, then: nothing for list; a process id for status; a process id, names of
    *     profilers and settings as {@code locks.summary=30s} for start and stop; the folder that
-   *     holds {@code lib}, the output folder, what is to be said of class archives and the command
-   *     for doctor
+   *     holds {@code lib}, the output folder, what is to be reported of class archives and the
+   *     command for doctor
    */
   public static void main(String[] args) {
     try {
@@ -57,7 +57,8 @@ public final class Tools {
     List<RunningJvm> jvms = RunningJvm.withCompanion();
     if (jvms.isEmpty()) {
       System.out.println(
-          "No JVM of yours has the companion; start one with: twprofile run -- COMMAND");
+          "None of your JVMs was started with twprofile run; start one with: twprofile run --"
+              + " COMMAND");
       return;
     }
     System.out.printf("%-8s  %s%n", "PID", "COMMAND");
@@ -90,11 +91,11 @@ public final class Tools {
   private static void showStatus(RunningJvm jvm, NativeAgentMXBean bean) throws IOException {
     System.out.println("JVM " + jvm.pid() + ": " + jvm.command());
     for (Profiler profiler : Profiler.values()) {
-      String told =
+      String shown =
           profiler.isLoaded(bean)
               ? profiler.state(bean) + "; " + profiler.details(bean)
               : "the JVM was started without it";
-      System.out.printf("%-10s  %s%n", profiler, told);
+      System.out.printf("%-10s  %s%n", profiler, shown);
     }
     String folder = bean.getOutputFolder();
     System.out.printf("%-10s  %s%n", "results", folder == null ? "none yet" : folder);
@@ -115,7 +116,7 @@ public final class Tools {
     }
   }
 
-  /** Stops as many as it can; says on standard error which it could not, and why. */
+  /** Stops as many as it can; prints on standard error which it could not, and why. */
   private static boolean stop(RunningJvm jvm, NativeAgentMXBean bean, List<String> words) {
     List<Profiler> chosen = profilersIn(words);
     if (chosen.isEmpty()) {
@@ -124,17 +125,17 @@ public final class Tools {
     if (chosen.isEmpty()) {
       throw new IllegalStateException("nothing is being profiled in JVM " + jvm.pid());
     }
-    boolean isWhole = true;
+    boolean isComplete = true;
     for (Profiler profiler : chosen) {
       try {
         String file = profiler.stop(bean);
         System.out.println(profiler + ": " + (file == null ? "stopped before it began" : file));
       } catch (IOException | IllegalArgumentException | IllegalStateException e) {
         System.err.println("twprofile: stop: " + profiler + ": " + e.getMessage());
-        isWhole = false;
+        isComplete = false;
       }
     }
-    return isWhole;
+    return isComplete;
   }
 
   private static List<Profiler> profilersIn(List<String> words) {

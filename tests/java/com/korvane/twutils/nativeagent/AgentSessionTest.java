@@ -50,7 +50,7 @@ public final class AgentSessionTest {
     OddSession none = new OddSession(2, folder.resolve("none.json"), true).started();
     none.content = null;
     refused(IOException.class,
-        "the agent wrote no lock report " + folder.resolve("none.json") + ": its log says why",
+        "the agent did not write the lock report " + folder.resolve("none.json") + ": see its log",
         none::stop);
     same("left", "half.json.part", Checks.names(folder));
   }

@@ -50,7 +50,7 @@ public final class ReportFileTest {
     for (Path other : new Path[] {path, link.resolve("report.json")}) {
       Checks.refused(
           IllegalArgumentException.class,
-          "a session that is running writes it",
+          "a running session is writing it",
           () -> new ReportFile("memory report", other));
     }
     first.publishJson(null);
@@ -67,7 +67,7 @@ public final class ReportFileTest {
     ReportFile half = new ReportFile("lock report", folder.resolve("half.json"));
     Files.write(folder.resolve("half.json.part"), new byte[] {'{'});
     Checks.refused(
-        IOException.class, "what there is of it is in", () -> half.publishJson(null));
+        IOException.class, "what was written of it is in", () -> half.publishJson(null));
     half.close();
     same("left", "half.json.part", Checks.names(folder));
   }
@@ -77,7 +77,7 @@ public final class ReportFileTest {
     Path part = folder.resolve("r.json.part");
     ReportFile file = new ReportFile("memory report", path);
     Checks.write(part, "{\n}");
-    String rest = "; what there is of it is in " + part;
+    String rest = "; what was written of it is in " + part;
     String[] row = {"p", "No space left on device", "3", "", ""};
     Checks.refused(IOException.class,
         "the memory report " + path + " is not complete: No space left on device" + rest,

@@ -6,10 +6,10 @@ import java.util.HashMap;
 import java.util.Map;
 import java.util.StringJoiner;
 
-/** How many objects of a class are followed at once. */
-public final class FollowedCountsTest {
+/** How many objects of a class are tracked at once. */
+public final class TrackedCountsTest {
   /** A heap: objects to come, and those that have a tag. */
-  private static final class Heap implements FollowedCounts.Tags {
+  private static final class Heap implements TrackedCounts.Tags {
     final Map<Class<?>, Integer> untagged = new HashMap<>();
     final Map<Class<?>, Integer> tagged = new HashMap<>();
     boolean canCount = true;
@@ -41,7 +41,7 @@ public final class FollowedCountsTest {
     }
   }
 
-  private FollowedCountsTest() {}
+  private TrackedCountsTest() {}
 
   public static void main(String[] args) {
     limit();
@@ -52,7 +52,7 @@ public final class FollowedCountsTest {
 
   private static void limit() {
     Heap heap = new Heap();
-    FollowedCounts counts = new FollowedCounts(heap);
+    TrackedCounts counts = new TrackedCounts(heap);
     StringJoiner full = new StringJoiner(" ");
     heap.untagged.put(String.class, 30);
     heap.untagged.put(Integer.class, 3);
@@ -63,20 +63,20 @@ public final class FollowedCountsTest {
     same("the other class goes on", 2, add(counts, both, full));
     same("counted once", 1, heap.counts);
     for (int i = 0; i < 9; i++) {
-      same("left out", 0, add(counts, both, full));
+      same("skipped", 0, add(counts, both, full));
     }
     same("rests", 1, heap.counts);
     add(counts, both, full);
     same("counted again", 2, heap.counts);
     same("never above", 10, heap.tagged.get(String.class));
     int walks = heap.walks;
-    same("nothing to look for", 0, add(counts, new Class<?>[] {String.class}, full));
+    same("nothing to track", 0, add(counts, new Class<?>[] {String.class}, full));
     same("no walk", walks, heap.walks);
   }
 
   private static void objectsThatGo() {
     Heap heap = new Heap();
-    FollowedCounts counts = new FollowedCounts(heap);
+    TrackedCounts counts = new TrackedCounts(heap);
     StringJoiner full = new StringJoiner(" ");
     Class<?>[] one = {String.class};
     for (int i = 0; i < 20; i++) {
@@ -90,7 +90,7 @@ public final class FollowedCountsTest {
   private static void noCount() {
     Heap heap = new Heap();
     heap.canCount = false;
-    FollowedCounts counts = new FollowedCounts(heap);
+    TrackedCounts counts = new TrackedCounts(heap);
     StringJoiner full = new StringJoiner(" ");
     Class<?>[] one = {String.class};
     heap.untagged.put(String.class, 100);
@@ -101,7 +101,7 @@ public final class FollowedCountsTest {
     same("when it is known", 6, add(counts, one, full));
   }
 
-  private static int add(FollowedCounts counts, Class<?>[] classes, StringJoiner full) {
+  private static int add(TrackedCounts counts, Class<?>[] classes, StringJoiner full) {
     return counts.add(classes, 10, type -> full.add(type.getSimpleName()));
   }
 }

@@ -107,7 +107,7 @@ final class AgentThread extends Thread {
         awaitEnd(each);
       }
       if (!areEnough) {
-        LockSupport.parkNanos(REST_NANOS); // the system is a moment behind
+        LockSupport.parkNanos(REST_NANOS); // the system frees them a moment later
       }
     }
   }

@@ -12,7 +12,7 @@ import java.util.concurrent.atomic.AtomicBoolean;
 
 /**
  * Where a JVM starts the companion, with {@code -javaagent:javanativeagent.jar=OPTIONS}. Whatever
- * goes wrong is said on standard error, and the program runs on.
+ * goes wrong is printed on standard error, and the program runs on.
  */
 public final class Companion {
   /**
@@ -33,7 +33,7 @@ public final class Companion {
     try {
       start(options, instrumentation, Companion::deleteStrayFolders);
     } catch (Throwable e) {
-      // Not even this could be said. The program runs on.
+      // Not even this could be printed. The program runs on.
     }
   }
 
@@ -44,25 +44,25 @@ public final class Companion {
   /** @param cleanUp what is done first, when the agent is there */
   private static void start(String text, Instrumentation instrumentation, Runnable cleanUp) {
     if (!IS_STARTED.compareAndSet(false, true)) {
-      Console.say("the companion runs already: ignoring the options '" + text + "'");
+      Console.print("the companion is already running: ignoring the options '" + text + "'");
       return;
     }
     try {
       start(Options.parse(text), instrumentation, cleanUp);
     } catch (SecurityException e) {
-      Console.say("the security manager lets nothing be profiled: the policy has to grant"
+      Console.print("the security manager prevents profiling: the policy has to grant"
           + " java.security.AllPermission to javanativeagent.jar (" + e.getMessage() + ")");
     } catch (Throwable e) {
-      Console.say("nothing is profiled: ", e);
+      Console.print("nothing is profiled: ", e);
     }
   }
 
   private static void start(Options options, Instrumentation instrumentation, Runnable cleanUp) {
     for (String problem : options.problems()) {
-      Console.say(problem);
+      Console.print(problem);
     }
     if (!NativeAgent.isLoaded()) {
-      Console.say("nothing is profiled: the JVM was started without"
+      Console.print("nothing is profiled: the JVM was started without"
           + " -agentpath:/path/to/libjavanativeagent.so");
       return;
     }
@@ -85,7 +85,7 @@ public final class Companion {
       controller.end();
       deleteOldLogs();
     } catch (Throwable e) {
-      Console.say("", e);
+      Console.print("", e);
     }
   }
 

@@ -7,10 +7,10 @@ import java.io.OutputStream;
 import java.nio.charset.Charset;
 import java.nio.charset.StandardCharsets;
 
-/** Says on standard error what the user has to know; nothing when all goes well. Never fails. */
+/** Prints on standard error what the user has to know; nothing when all goes well. Never fails. */
 final class Console {
   private static final String NAME = "javanativeagent: ";
-  private static final byte[] UNSAID =
+  private static final byte[] NO_MEMORY =
       (NAME + "there was no memory for a message\n").getBytes(StandardCharsets.US_ASCII);
 
   private static volatile OutputStream out = standardError();
@@ -19,28 +19,28 @@ final class Console {
 
   private Console() {}
 
-  static void say(String message) {
+  static void print(String message) {
     try {
       out.write((NAME + message + '\n').getBytes(CHARSET));
     } catch (Throwable e) {
-      sayLess();
+      printLess();
     }
   }
 
   /** What went wrong, with what failed before it; null for nothing to add. */
-  static void say(String what, Throwable failure) {
+  static void print(String what, Throwable failure) {
     try {
-      say(what + messageOf(failure));
+      print(what + messageOf(failure));
     } catch (Throwable e) {
-      sayLess();
+      printLess();
     }
   }
 
-  private static void sayLess() {
+  private static void printLess() {
     try {
-      out.write(UNSAID);
+      out.write(NO_MEMORY);
     } catch (IOException | RuntimeException | Error e) {
-      // Nobody can be told.
+      // Nothing can be printed.
     }
   }
 
@@ -54,7 +54,7 @@ final class Console {
     return isSentence ? failure.getMessage() : failure.toString();
   }
 
-  /** Says it there from now on. */
+  /** Prints there from now on. */
   static void redirect(OutputStream to) {
     out = to;
   }

@@ -41,11 +41,11 @@ final class Controller {
   private volatile SweepTotals sweeps = SweepTotals.NONE;
   private volatile boolean hasEnded;
   private volatile BiConsumer<Feature, Path> reportListener = (feature, report) -> {};
-  private volatile long untold; // reports
+  private volatile long unannounced; // reports
 
   /**
    * @param options by key, checked to exist
-   * @param instrumentation tells the classes that are loaded
+   * @param instrumentation names the classes that are loaded
    */
   Controller(Map<String, String> options, Instrumentation instrumentation) {
     this.options = options;
@@ -70,7 +70,7 @@ final class Controller {
     timetable.start();
   }
 
-  /** Starts the profilers that the options name; says on standard error which could not be. */
+  /** Starts the profilers that the options name; prints on standard error which could not be. */
   void begin() {
     OptionReader given = new OptionReader(options);
     List<Feature> wanted = new ArrayList<>();
@@ -90,7 +90,7 @@ final class Controller {
       start.run();
       return true;
     } catch (RuntimeException | Error e) {
-      Console.say("", e);
+      Console.print("", e);
       return false;
     }
   }
@@ -105,8 +105,8 @@ final class Controller {
     endPart(
         () -> {
           if (!timetable.inTurn(PATIENCE_TO_END, this::endSessions)) {
-            throw new IOException("sessions that are running get no report: something else was"
-                + " being started or stopped for too long");
+            throw new IOException("running sessions get no report: another start or stop took"
+                + " too long");
           }
         });
   }
@@ -117,11 +117,11 @@ final class Controller {
     instruments.values().forEach(each -> endPart(each::end));
     RunFolder written = folder;
     if (written != null && written.removedReports() > 0) {
-      Console.say(written.removedReports() + " reports were deleted, the oldest ones, so that "
-          + written.maxReports() + " stay (files=" + written.maxReports() + ")");
+      Console.print(written.removedReports() + " reports were deleted, the oldest ones, to keep "
+          + written.maxReports() + " (files=" + written.maxReports() + ")");
     }
-    if (untold > 0) {
-      Console.say(untold + " reports were written that listeners were not told of");
+    if (unannounced > 0) {
+      Console.print(unannounced + " reports were written without a notification to the listeners");
     }
   }
 
@@ -136,10 +136,10 @@ final class Controller {
         part.run();
         return;
       } catch (IOException | RuntimeException e) {
-        Console.say("", e);
+        Console.print("", e);
         return;
       } catch (Error e) {
-        Console.say("", e);
+        Console.print("", e);
       }
     }
   }
@@ -239,7 +239,7 @@ final class Controller {
       reportListener.accept(feature, session.report());
       removeOldReports();
     } catch (Throwable e) {
-      untold++;
+      unannounced++;
     }
   }
 

@@ -8,11 +8,11 @@ final class ExceptionEvent {
   final long millis;
   final String thread;
   final String record;
-  final Object exception; // null when the agent has only told its class
+  final Object exception; // null when the agent has only named its class
   final String className; // null when the exception is there to be asked
   final boolean isCut; // the record
   final Class<?> threadClass;
-  final boolean isKeptOfVirtual; // the agent has told that its thread was a virtual one
+  final boolean isKeptOfVirtual; // the agent has reported that its thread was a virtual one
 
   // Within the queue: the event before it, and how many and how long all up to this one are.
   ExceptionEvent before;

@@ -35,7 +35,7 @@ final class ExceptionLine {
     json.key("thread").value(event.thread);
     json.key("class").value(className);
     json.key("message").value(message);
-    json.key("caught").literal("null"); // the agent does not tell
+    json.key("caught").literal("null"); // the agent does not know
     if (event.isCut) {
       json.key("cut").value(true);
     }

@@ -42,7 +42,7 @@ final class ExceptionLog implements ExceptionSink {
 
   // The writer's own.
   private ExceptionEvent pending; // taken from the queue and not yet written, the oldest first
-  private Throwable failure; // to be told
+  private Throwable failure; // to be printed
   private boolean hasFailed;
   private boolean isEndTried;
 
@@ -100,7 +100,7 @@ final class ExceptionLog implements ExceptionSink {
         LockSupport.unpark(writer);
       }
     } catch (StackOverflowError e) {
-      // It looks by itself soon, and the agent is not to keep a record that is in the queue.
+      // It checks by itself soon, and the agent is not to keep a record that is in the queue.
     }
   }
 
@@ -147,7 +147,7 @@ final class ExceptionLog implements ExceptionSink {
     if (isAbandoned) {
       return false;
     }
-    tellFailure();
+    printFailure();
     writePending();
     boolean isLast = isClosing; // asked before the queue: what came before is still written
     pending = isLast ? queue.takeLast() : queue.take();
@@ -225,11 +225,11 @@ final class ExceptionLog implements ExceptionSink {
     } catch (IOException e) {
       failure = e;
     }
-    tellFailure();
+    printFailure();
     if (dropped() > 0) {
       String advice =
           hasFailed ? "" : ": a longer exceptions.queue or a lower exceptions.rate helps";
-      Console.say(dropped() + " exception records were dropped, " + recorded + " are in "
+      Console.print(dropped() + " exception records were dropped, " + recorded + " are in "
           + path() + advice);
     }
   }
@@ -239,10 +239,10 @@ final class ExceptionLog implements ExceptionSink {
   }
 
   /** The first one, whatever follows. */
-  private void tellFailure() {
+  private void printFailure() {
     if (failure != null && !hasFailed) {
       hasFailed = true;
-      Console.say("exceptions cannot be written to " + path() + ": ", failure);
+      Console.print("exceptions cannot be written to " + path() + ": ", failure);
     }
     failure = null;
   }

@@ -37,7 +37,7 @@ final class ExceptionQueue {
     queue.takeLast();
   }
 
-  /** Adds an exception that this thread is throwing now; tells whether it could be. */
+  /** Adds an exception that this thread is throwing now; returns whether that was possible. */
   boolean add(String record, Object exception) {
     ExceptionEvent event = null;
     try {

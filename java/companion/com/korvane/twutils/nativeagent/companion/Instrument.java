@@ -37,7 +37,7 @@ final class Instrument {
   /** @throws IllegalStateException when an activity is under way */
   void begin(OptionReader options) {
     if (isOn()) {
-      throw new IllegalStateException(label + " running already: stop first");
+      throw new IllegalStateException(label + " already running: stop first");
     }
     Activity next = activities.apply(options);
     activity = next;

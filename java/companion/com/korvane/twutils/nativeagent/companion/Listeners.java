@@ -19,8 +19,8 @@ final class Listeners {
   }
 
   /** @throws RejectedExecutionException when too much waits already */
-  void execute(Runnable told) {
-    if (!waiting.offer(told)) {
+  void execute(Runnable notification) {
+    if (!waiting.offer(notification)) {
       throw new RejectedExecutionException("listeners are too slow");
     }
   }

@@ -62,9 +62,9 @@ final class LockPlan extends SessionPlan<LockSession> {
   @Override
   void prepareStop(LockSession stopping) {
     if (stopping.phase() == LockSession.Phase.SUMMARY) {
-      Console.say(
-          "lock session " + stopping.id() + " ends in its summary phase, so that its report names"
-              + " no lock: a shorter locks.summary helps");
+      Console.print(
+          "lock session " + stopping.id() + " ends in its summary phase, so its report has no"
+              + " locks: a shorter locks.summary helps");
     }
   }
 }

@@ -13,13 +13,13 @@ import java.util.Set;
 import java.util.function.Consumer;
 
 /**
- * Takes memory sessions through their time, and looks for new objects to follow at an interval.
+ * Takes memory sessions through their time, with a sweep for new objects to track at an interval.
  */
 final class MemoryPlan extends SessionPlan<MemorySession> {
-  /** How long to wait for the end of a lock session's detail phase before it is looked at again. */
+  /** How long to wait for the end of a lock session's detail phase before it is checked again. */
   private static final Duration PATIENCE = Duration.ofMillis(200);
 
-  /** A look for objects may take one part of so many of the time: 2 %. */
+  /** A sweep may take one part of so many of the time: 2 %. */
   private static final int PARTS_OF_TIME = 50;
 
   private static final int MOST_LINES = 5; // on the console, about classes
@@ -29,8 +29,8 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   private final int limit;
   private final Duration duration;
   private final Consumer<MemorySettings> settings;
-  private final Set<String> told = new HashSet<>();
-  private final Set<String> toldFull = new HashSet<>(); // names of classes
+  private final Set<String> printed = new HashSet<>();
+  private final Set<String> reportedFull = new HashSet<>(); // names of classes
 
   private Timetable.Step nextSweep; // there from the begin on
   private boolean isSetUp; // the session is
@@ -107,11 +107,11 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
 
   private void setUp() {
     if (tracked.isEmpty()) {
-      tell("untracked",
-          "memory sessions follow only what the program tags: memory.track names classes to"
-              + " follow");
+      printOnce("untracked",
+          "memory sessions track only what the program tags: name classes to track with"
+              + " memory.track");
     } else {
-      session.collect(); // nothing can be followed before the first collection
+      session.collect(); // nothing can be tracked before the first collection
       nextSweep.after(untilNextSweep);
     }
     if (duration.isZero()) {
@@ -122,7 +122,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     isSetUp = true;
   }
 
-  /** Looks for new objects. */
+  /** Tracks new objects. */
   private void sweep() {
     if (!isOver() && session != null) {
       nextSweep.after(untilNextSweep); // in case that this one fails
@@ -135,41 +135,42 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     Class<?>[] classes = tracked.select(controller.loadedClasses());
     for (Class<?> each : classes) {
       if (each.getName().indexOf('.') < 0) {
-        tell("unpackaged",
-            "class " + each.getName() + " is in no package: memory reports leave such classes out");
+        printOnce("unpackaged",
+            "class " + each.getName() + " is in the unnamed package: memory reports omit it");
       }
     }
     List<String> full = new ArrayList<>();
     long before = System.nanoTime();
-    int count = session.track(classes, limit, type -> tellFull(type, full));
+    int count = session.track(classes, limit, type -> reportFull(type, full));
     long nanos = System.nanoTime() - before;
     setInterval(nanos);
     sweeps.add(classes.length, count, nanos, untilNextSweep, full);
     controller.swept(count, nanos);
   }
 
-  private void tellFull(Class<?> type, List<String> full) {
-    if (toldFull.add(type.getName())) {
+  private void reportFull(Class<?> type, List<String> full) {
+    if (reportedFull.add(type.getName())) {
       full.add(type.getName());
-      if (toldFull.size() <= MOST_LINES) {
-        Console.say("memory.track: " + limit + " objects of " + type.getName() + " are followed,"
+      if (reportedFull.size() <= MOST_LINES) {
+        Console.print("memory.track: " + limit + " objects of " + type.getName() + " are tracked,"
             + " and no more until some of them are gone (memory.limit)");
       } else {
-        tell("full", "memory.track: there are more such classes: " + sweeps.path() + " names them");
+        printOnce(
+            "full", "memory.track: more classes have reached memory.limit: see " + sweeps.path());
       }
     }
   }
 
-  /** The program stands still for a look: it has to wait for the next one the longer. */
+  /** The program stands still for a sweep: the longer it took, the later the next one comes. */
   private void setInterval(long nanos) {
     Duration least = Duration.ofNanos(nanos).multipliedBy(PARTS_OF_TIME);
     boolean isShort = interval.compareTo(least) < 0;
     untilNextSweep = isShort ? least : interval;
     if (isShort) {
-      tell("interval",
-          "memory.track: a look for objects took " + nanos / 1_000_000 + " ms, more than 2 % of"
-              + " the " + interval.toMillis() + " ms of memory.interval: whenever one does, the"
-              + " next comes after " + PARTS_OF_TIME + " times as long");
+      printOnce("interval",
+          "memory.track: a sweep took " + nanos / 1_000_000 + " ms, more than 2 % of the "
+              + interval.toMillis() + " ms of memory.interval: the next one then comes after "
+              + PARTS_OF_TIME + " times as long");
     }
   }
 
@@ -177,7 +178,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   void prepareStop(MemorySession stopping) {
     if (!tracked.isEmpty() && !stopping.isStopped() && !NativeAgent.isDetailRunning()) {
       addInstances();
-      stopping.collect(); // what was followed since the last collection is not reported
+      stopping.collect(); // what was tracked since the last collection is not reported
     }
   }
 
@@ -188,17 +189,17 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     sweeps.close();
   }
 
-  /** Says a thing once, however many sessions there are. */
-  private void tell(String thing, String message) {
-    if (told.add(thing)) {
-      Console.say(message);
+  /** Prints a message once, however many sessions there are. */
+  private void printOnce(String thing, String message) {
+    if (printed.add(thing)) {
+      Console.print(message);
     }
   }
 
   @Override
-  void tellAtEnd() {
+  void printAtEnd() {
     for (String pattern : tracked.unmatched()) {
-      Console.say("memory.track: no class that was loaded matches '" + pattern
+      Console.print("memory.track: no loaded class matches '" + pattern
           + "' (nested classes are written com.example.Outer$Inner)");
     }
   }

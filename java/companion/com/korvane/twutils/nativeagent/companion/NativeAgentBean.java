@@ -16,8 +16,8 @@ import javax.management.ObjectName;
 import javax.management.RuntimeMBeanException;
 
 /**
- * The controller for management clients. Listeners are told on a thread of their own: code of the
- * program, which may take its time, control the agent or end the JVM, must not have the turn.
+ * The controller for management clients. Listeners are notified on a thread of their own: code of
+ * the program, which may take its time, control the agent or end the JVM, must not have the turn.
  */
 final class NativeAgentBean extends NotificationBroadcasterSupport implements NativeAgentMXBean {
   private static final String NAME = "com.korvane.tracewell:type=NativeAgent";
@@ -53,18 +53,18 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
         bean = made;
       }
       NativeAgentBean known = bean;
-      controller.onReport((feature, report) -> known.tellLater(name, feature, report));
+      controller.onReport((feature, report) -> known.notifyLater(name, feature, report));
       ManagementFactory.getPlatformMBeanServer().registerMBean(known, name);
     } catch (InstanceAlreadyExistsException e) {
       if (isFirst) {
-        Console.say("there is no MBean of the companion: " + e);
+        Console.print("the companion's MBean cannot be registered: " + e);
       }
     } catch (JMException e) {
-      Console.say("there is no MBean of the companion: " + e);
+      Console.print("the companion's MBean cannot be registered: " + e);
     }
   }
 
-  private void tellLater(ObjectName name, Feature feature, Path report) {
+  private void notifyLater(ObjectName name, Feature feature, Path report) {
     String message = "The " + feature + " report " + report + " was written";
     Notification notification =
         new Notification(REPORT_WRITTEN, name, lastNotification.incrementAndGet(), message);

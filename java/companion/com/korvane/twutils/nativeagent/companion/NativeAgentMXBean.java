@@ -4,7 +4,7 @@ import java.io.IOException;
 
 /**
  * The agent as management clients see it, under the name {@code
- * com.korvane.tracewell:type=NativeAgent}. A notification tells of each report that is written.
+ * com.korvane.tracewell:type=NativeAgent}. A notification is sent for each report that is written.
  *
  * <p>Options of an operation are those of the JVM's start without the profiler's name, as in {@code
  * summary=10s,detail=1m}; those not given are as the JVM was started with.
@@ -40,21 +40,21 @@ public interface NativeAgentMXBean {
   /** Exceptions since then that did not fit into the queue or could not be written. */
   long getExceptionsDropped();
 
-  /** Looks for new objects to follow. */
+  /** Sweeps for new objects to track. */
   int getSweeps();
 
   /** How long the program stood still for the last one. */
   double getLastSweepMillis();
 
-  /** Objects followed so far. */
+  /** Objects tracked so far. */
   long getObjectsFollowed();
 
   /** Null before the first. */
   String getLastLockReport();
 
   /**
-   * The lookups of owners of monitors that the last lock report is based on; -1 when that is not
-   * known, for the JVM was started without {@code ownerLookupsPerSecond}.
+   * The owner lookups that the last lock report is based on; -1 when that is not known, as in a JVM
+   * that was started without {@code ownerLookupsPerSecond}.
    */
   long getOwnerLooksMade();
 

@@ -82,7 +82,6 @@ final class OptionReader {
             : "sessions of at least " + least.toMillis() + "ms with '" + repeat + '='
                 + text(repeat) + '\'';
     throw new IllegalArgumentException(
-        "option '" + given + "' is refused: expected " + many + ", found " + length.toMillis()
-            + "ms");
+        "invalid option '" + given + "': expected " + many + ", found " + length.toMillis() + "ms");
   }
 }

@@ -18,7 +18,7 @@ import java.util.stream.Collectors;
 
 /**
  * Option texts by their keys, from a text {@code key=value,key=value} or a properties file. What is
- * malformed, unknown or no value of its option is ignored, and told among the problems.
+ * malformed or unknown, or not a value of its option, is ignored and reported as a problem.
  */
 final class Options {
   private final Map<String, String> values = new LinkedHashMap<>();

@@ -14,7 +14,7 @@ import java.util.regex.Pattern;
  * A file of lines that begins anew when it is full: the full one goes on as NAME-1.EXTENSION, the
  * next as NAME-2 and so on, and the oldest are deleted when there are too many.
  *
- * <p>For one thread. A line is written as a whole or not at all, and after a failure of any kind
+ * <p>For one thread. A line is written completely or not at all, and after a failure of any kind
  * the next one is tried anew.
  */
 class RotatingFile {
@@ -25,7 +25,7 @@ class RotatingFile {
   private final int maxFiles;
 
   private RandomAccessFile file; // null when it has to be opened
-  private long size; // of whole lines
+  private long size; // of complete lines
   private boolean isCut; // what follows them is part of a line
 
   /**

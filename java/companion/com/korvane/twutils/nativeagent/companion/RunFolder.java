@@ -113,7 +113,7 @@ final class RunFolder {
 
   /**
    * Deletes what the oldest sessions have left until there are as few as may be. How many were
-   * deleted is told in the description of the run. What cannot be deleted stays.
+   * deleted is in the description of the run. What cannot be deleted stays.
    *
    * @param lockSession that is running and does not count; 0 for none
    * @param memorySession the same
@@ -138,7 +138,7 @@ final class RunFolder {
     } catch (IOException | DirectoryIteratorException e) {
       if (!hasFailed) {
         hasFailed = true;
-        Console.say("old reports in " + path + " cannot be deleted: ", e);
+        Console.print("old reports in " + path + " cannot be deleted: ", e);
       }
     }
   }
@@ -198,10 +198,10 @@ final class RunFolder {
       json.key("kept").value(maxReports).endObject();
     }
     json.endObject();
-    writeWhole(path.resolve("run.json"), json.toString() + '\n');
+    writeComplete(path.resolve("run.json"), json.toString() + '\n');
   }
 
-  private static void writeWhole(Path file, String text) throws IOException {
+  private static void writeComplete(Path file, String text) throws IOException {
     Path part = file.resolveSibling(file.getFileName() + ".part");
     Files.deleteIfExists(part); // of a time that failed
     PrivateFiles.createFile(part);

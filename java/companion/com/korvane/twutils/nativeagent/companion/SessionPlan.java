@@ -58,7 +58,7 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
         throw e;
       }
       next.after(AGAIN);
-      Console.say("", e);
+      Console.print("", e);
     }
   }
 
@@ -85,7 +85,7 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
         return null;
       }
       Path report = stopSession();
-      tellAtEnd();
+      printAtEnd();
       return report;
     } finally {
       if (session == null) {
@@ -99,14 +99,14 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
     try {
       stopSession();
     } catch (IOException e) {
-      Console.say("", e);
+      Console.print("", e);
     }
     if (sessionsToCome > 0) {
       sessionsToCome--;
     }
     if (sessionsToCome == 0) {
       end();
-      tellAtEnd();
+      printAtEnd();
     } else {
       takeStep();
     }
@@ -143,8 +143,8 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
     session = null;
   }
 
-  /** There is no next session. */
-  void tellAtEnd() {}
+  /** Called when there are no more sessions. */
+  void printAtEnd() {}
 
   /** Allocates nothing. */
   void end() {

@@ -11,13 +11,13 @@ import java.util.List;
 import java.util.Locale;
 
 /**
- * A file with a JSON object a line for each sweep: when it was, how many classes were looked for,
+ * A file with a JSON object a line for each sweep: when it was, how many classes it covered,
  * how many objects were added, how long the program stood still, how long it is until the next one,
- * and of which classes no more objects are followed for now. Made with its first line. Sweeps for
- * which it has no room are left out, and that is its last line.
+ * and of which classes no more objects are tracked for now. Made with its first line. Sweeps for
+ * which it has no room are skipped, and its last line says so.
  */
 final class SweepLog {
-  private static final int MAX_SIZE = 10 << 20; // bytes, but for the last line
+  private static final int MAX_SIZE = 10 << 20; // bytes, except for the last line
   private static final String LAST_LINE = "{\"leftOut\":\"all that follow\"}";
 
   private final Path path;
@@ -58,11 +58,11 @@ final class SweepLog {
         write(json.toString());
         if (size >= MAX_SIZE) {
           write(LAST_LINE);
-          Console.say("sweeps are not written to " + path + " any more: it has " + size + " bytes");
+          Console.print("no more sweeps are written to " + path + ": it has " + size + " bytes");
         }
       }
     } catch (IOException e) {
-      tellFailure(e);
+      printFailure(e);
     }
   }
 
@@ -78,14 +78,14 @@ final class SweepLog {
         out.close();
       }
     } catch (IOException e) {
-      tellFailure(e);
+      printFailure(e);
     }
   }
 
-  private void tellFailure(IOException failure) {
+  private void printFailure(IOException failure) {
     if (!hasFailed) {
       hasFailed = true;
-      Console.say("sweeps cannot be written to " + path + ": ", failure);
+      Console.print("sweeps cannot be written to " + path + ": ", failure);
     }
   }
 }

@@ -21,7 +21,7 @@ final class Timetable {
   private final AgentThread clock = AgentThread.repeating("control", this::round);
 
   private Step last; // in turn; each knows the one that was made before it
-  private Error failure; // of a step, to be told; the clock's own
+  private Error failure; // of a step, to be printed; the clock's own
   private boolean hasFailed;
 
   /** Something that is done at its time, once or many times. */
@@ -66,7 +66,7 @@ final class Timetable {
   }
 
   /**
-   * A step, which has no time yet. What the action throws is said on standard error.
+   * A step, which has no time yet. What the action throws is printed on standard error.
    */
   Step step(Runnable action) {
     Step step = new Step(action);
@@ -93,7 +93,7 @@ final class Timetable {
     }
   }
 
-  /** The same, unless the time passes before. Tells whether it was run. */
+  /** The same, unless the time passes before. Returns whether it was run. */
   boolean inTurn(Duration patience, Runnable action) {
     long end = System.nanoTime() + patience.toNanos();
     boolean isInterrupted = false;
@@ -121,7 +121,7 @@ final class Timetable {
   }
 
   private boolean round() {
-    tellFailure();
+    printFailure();
     long next;
     turn.lock();
     try {
@@ -133,7 +133,7 @@ final class Timetable {
     return true;
   }
 
-  /** Tells when the next one comes, or it is to be looked anyway. */
+  /** Returns when the next one is due, or the next check. */
   private long runSteps() {
     long next = System.nanoTime() + LONGEST_PARK_NANOS;
     for (Step step = last; step != null; step = step.before) {
@@ -152,7 +152,7 @@ final class Timetable {
     try {
       step.action.run();
     } catch (RuntimeException e) {
-      Console.say("", e);
+      Console.print("", e);
     } catch (Error e) {
       failure = e; // nothing is allocated here
       if (!step.isDue) {
@@ -162,11 +162,11 @@ final class Timetable {
   }
 
   /** The first one, whatever follows. */
-  private void tellFailure() {
+  private void printFailure() {
     if (failure != null && !hasFailed) {
       hasFailed = true;
-      Console.say(
-          "what the companion was about to do is tried again until it can be done: ", failure);
+      Console.print(
+          "the companion will retry what failed until it succeeds: ", failure);
     }
     failure = null;
   }

@@ -86,7 +86,7 @@ public final class InstrumentTest {
 
     instrument.begin(null);
     same("begun", "busy", instrument.status().state);
-    refused(STATE, "lock sessions are running already: stop first", () -> instrument.begin(null));
+    refused(STATE, "lock sessions are already running: stop first", () -> instrument.begin(null));
     same("no session yet", 0, instrument.runningSession());
     same("first", 1, instrument.nextSession());
     same("running", 1, instrument.runningSession());

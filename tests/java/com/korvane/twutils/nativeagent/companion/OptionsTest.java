@@ -193,10 +193,10 @@ public final class OptionsTest {
 
   private static void lengths() {
     refusedLength("summary=0,detail=0ms",
-        "option 'locks.summary=0,locks.detail=0ms' is refused: expected a session that is longer"
+        "invalid option 'locks.summary=0,locks.detail=0ms': expected a session that is longer"
             + " than 0, found 0ms");
     refusedLength("summary=100ms,detail=0,repeat=2",
-        "option 'locks.summary=100ms,locks.detail=0' is refused: expected sessions of at least"
+        "invalid option 'locks.summary=100ms,locks.detail=0': expected sessions of at least"
             + " 500ms with 'locks.repeat=2', found 100ms");
     refusedLength("summary=0,detail=0,repeat=forever", "with 'locks.repeat=forever', found 0ms");
   }

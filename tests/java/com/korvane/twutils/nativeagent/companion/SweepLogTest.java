@@ -46,7 +46,7 @@ public final class SweepLogTest {
     same("bounded", true, Files.size(file) < 20L << 20);
     String text = Checks.text(file);
     same("said in the file", true, text.endsWith("}\n{\"leftOut\":\"all that follow\"}\n"));
-    Checks.contains("and outside", "sweeps are not written to " + file + " any more",
+    Checks.contains("and outside", "no more sweeps are written to " + file + ": it has",
         said.toString("UTF-8"));
     same("once", 1, said.toString("UTF-8").split("\n").length);
   }

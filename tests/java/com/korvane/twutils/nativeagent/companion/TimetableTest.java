@@ -150,7 +150,7 @@ public final class TimetableTest {
     same("the clock goes on", true, done.await(20, TimeUnit.SECONDS));
     String text = said.toString("UTF-8");
     Checks.contains("said",
-        "tried again until it can be done: java.lang.OutOfMemoryError: injected", text);
+        "retry what failed until it succeeds: java.lang.OutOfMemoryError: injected", text);
     Checks.contains("refusal", "javanativeagent: refused\n", text);
     same("said once", 2, text.split("\n").length);
   }
@@ -206,8 +206,8 @@ public final class TimetableTest {
             throw new OutOfMemoryError();
           }
         });
-    Console.say("anything");
-    Console.say("what: ", new OutOfMemoryError());
-    Console.say("what: ", null);
+    Console.print("anything");
+    Console.print("what: ", new OutOfMemoryError());
+    Console.print("what: ", null);
   }
 }
