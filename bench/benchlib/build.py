@@ -14,7 +14,7 @@ _PACKAGES = ("cmake", "g++", "make", "pkg-config", "libapr1-dev")
 
 
 class BenchError(Exception):
-    """A step failed; the text says which and where to look."""
+    """A step failed; the text names it and where to find out more."""
 
 
 @dataclasses.dataclass(frozen=True)

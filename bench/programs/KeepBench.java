@@ -7,7 +7,7 @@ import java.util.concurrent.atomic.AtomicLongArray;
 import javax.management.JMException;
 
 /**
- * Keeps objects of several generations alive, while the agent follows all of them and the flight
+ * Keeps objects of several generations alive, while the agent tracks all of them and the flight
  * recorder samples what lives long.
  *
  * <p>Prints lines of JSON: for each turn the processor time of allocating without the recorder and

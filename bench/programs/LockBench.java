@@ -336,7 +336,7 @@ public final class LockBench extends Load {
     startMutexLockSummarySession(1);
   }
 
-  /** A detail phase follows the locks that the summary has met, here during the warm-up. */
+  /** A detail phase records the locks that the summary has met, here during the warm-up. */
   private void enterMeasuredPhase() throws InterruptedException {
     if (settings.session.equals("detail")) {
       startMutexLockDetailSession(1);

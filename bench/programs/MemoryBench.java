@@ -139,7 +139,7 @@ public final class MemoryBench {
         library, literal, parts[0], parts[1], parts[2], parts[4], query);
   }
 
-  // All objects carry a tag already, as objects do that are followed.
+  // All objects carry a tag already, as tracked objects do.
   private static void tag(int round, Object[] kept) {
     int count = Math.min(kept.length, TAGS);
     int passes = TAGS / count;
