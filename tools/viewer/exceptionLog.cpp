@@ -104,16 +104,16 @@ const shape& endShape() {
 }
 
 line parseLine(const std::string& text, const std::string& source) {
-  const auto tells = [](const shape& one, std::string_view member) {
+  const auto identifies = [](const shape& one, std::string_view member) {
     return std::any_of(one.members.begin(), one.members.end(),
                        [&](const memberShape& known) { return known.name == member; });
   };
   const std::string member = firstMember(bytesOfText(text), source, [&](std::string_view name) {
-    return tells(endShape(), name) || tells(recordShape(), name);
+    return identifies(endShape(), name) || identifies(recordShape(), name);
   });
   line result;
-  const place root = tells(endShape(), member) ? place{&endShape(), &result.end.emplace()}
-                                               : place{&recordShape(), &result.record};
+  const place root = identifies(endShape(), member) ? place{&endShape(), &result.end.emplace()}
+                                                    : place{&recordShape(), &result.record};
   readJson(bytesOfText(text), source, root);
   return result;
 }

@@ -1,5 +1,5 @@
 // Reads JSON straight into the viewer's model, whatever the size of the document: nothing but the
-// model is kept of it. What is expected where, and where it goes, is said by shapes.
+// model is kept of it. What is expected where, and where it goes, is described by shapes.
 #pragma once
 
 #include <cstdint>

@@ -24,8 +24,8 @@ namespace fs = std::filesystem;
 
 enum class kind { unknown, empty, lockReport, stackFile, exceptionLog, memoryReport, run, sweeps };
 
-// The members that tell documents apart.
-const std::map<std::string, kind, std::less<>>& tellingMembers() {
+// The members that identify documents.
+const std::map<std::string, kind, std::less<>>& identifyingMembers() {
   static const std::map<std::string, kind, std::less<>> members = {
       {"lockmap", kind::lockReport},
       {"stacktracemap", kind::lockReport},
@@ -50,9 +50,9 @@ std::string nameOf(const fs::path& file) {
 
 kind kindOfDocument(byteSource bytes, const std::string& source) {
   const std::string member = firstMember(std::move(bytes), source, [](std::string_view name) {
-    return tellingMembers().contains(name);
+    return identifyingMembers().contains(name);
   });
-  return member.empty() ? kind::unknown : tellingMembers().find(member)->second;
+  return member.empty() ? kind::unknown : identifyingMembers().find(member)->second;
 }
 
 // The kind of a file whose lines stand for themselves, by one of them.
@@ -68,7 +68,7 @@ kind kindOfLine(const std::string& line) {
   }
 }
 
-// By the first line that tells, so that a damaged one before it costs no more than itself.
+// By the first line that shows it, so that a damaged one before it costs no more than itself.
 kind kindOfLines(const fs::path& file) {
   constexpr std::size_t kSearched = 1024 * 1024;  // bytes
   std::size_t seen = 0;

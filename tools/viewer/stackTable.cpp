@@ -10,7 +10,7 @@ namespace {
 constexpr std::string_view kAfterHash = "=[";
 
 // "at a.b.C.m(),at d.E.n()" as "a.b.C.m" and "d.E.n"; nothing when the text is of another form. The
-// frames are told apart by all of "(),at ", for a method's name may hold a comma.
+// frames are separated by all of "(),at ", for a method's name may hold a comma.
 std::optional<std::vector<std::string>> parseFrames(std::string_view text) {
   constexpr std::string_view kStart = "at ";
   constexpr std::string_view kBetween = "(),at ";

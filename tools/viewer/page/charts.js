@@ -71,7 +71,7 @@ function stackedBar(parts, whole, label) {
   return picture;
 }
 
-// A colour between dark blue (0, the oldest) and yellow (1, the youngest), told apart by lightness
+// A colour between dark blue (0, the oldest) and yellow (1, the youngest), which differ in lightness
 // and so in every kind of colour vision.
 function ageColour(place) {
   const stops = [[44, 82, 140], [134, 133, 130], [245, 218, 104]];

@@ -264,7 +264,7 @@ function flameGraph() {
   return {element, setTree, highlight, draw};
 }
 
-// The colours tell the JDK's own frames from all others, whose packages differ in lightness.
+// The colours separate the JDK's own frames from all others, whose packages differ in lightness.
 function flameColours() {
   const kTints = ['--flame-1', '--flame-2', '--flame-3', '--flame-4'].map(themeColour);
   const jdk = themeColour('--flame-jdk');

@@ -65,7 +65,7 @@ const ownersAreSampled = ({ownerLookups}) => ownerLookups !== null && ownerLooku
 // owner lookups were skipped.
 //
 // Gives {owner, blocked, estimate, locks (indexes that both came to), spread} for each pair;
-// `spread` when the owner itself never blocked, so that nothing tells which locks it owned.
+// `spread` when the owner itself never blocked, so that it is not known which locks it owned.
 function blockingPairs(session) {
   const entriesOfThread = new Map();  // name to Map of lock index to entries
   session.locks.forEach((lock, index) => {
