@@ -42,6 +42,10 @@ std::int64_t processorNanos() {
   return now.tv_sec * kNanosPerSecond + now.tv_nsec;
 }
 
+void logNoThreadLocals(const char* message) {
+  TW_LOG(kLogError, kSeverityError, kThreadLocalsFunction, "%s", message);
+}
+
 }  // namespace
 
 // A declared field of a class.
@@ -416,55 +420,14 @@ void objectCapture::getThreadLocalVars(std::int32_t depth) {
 }
 
 void objectCapture::appendThreadLocals(std::int32_t depth) {
-  const auto error = [](const char* message) {
-    TW_LOG(kLogError, kSeverityError, kThreadLocalsFunction, "%s", message);
-  };
   if (!getExceptionProfiler()) {
-    return error("Unable to get Exception profiler");
+    return logNoThreadLocals("Unable to get Exception profiler");
   }
-  if (thread_ == nullptr) {
-    return error("Unable to get Exception thread");
-  }
-  localRef<jclass> threadClass(jni_, jni_->GetObjectClass(thread_));
-  if (!threadClass) {
-    return error("Unable to get Exception thread class");
-  }
-  // Asking a class for a field initialises it, and would wait here for a running initialiser of the
-  // thread's class. Until that is done, the class that declares the field is asked.
-  if (!isInitialized(threadClass.get())) {
-    threadClass = localRef<jclass>(jni_, jni_->FindClass("java/lang/Thread"));
-    clearException();
-    if (!threadClass) {
-      return error("Unable to get field id for thread class");
-    }
-  }
-  const jfieldID mapField =
-      jni_->GetFieldID(threadClass.get(), "threadLocals", "Ljava/lang/ThreadLocal$ThreadLocalMap;");
-  if (mapField == nullptr) {
-    clearException();
-    return error("Unable to get field id for thread class");
-  }
-  const localRef<> map(jni_, jni_->GetObjectField(thread_, mapField));
-  if (!map) {
-    return error("Unable to get threadmap object");
-  }
-
-  const localRef<jclass> mapClass(jni_, jni_->GetObjectClass(map.get()));
-  if (!mapClass) {
-    return error("Unable to get threadmap class");
-  }
-  const jfieldID tableField =
-      jni_->GetFieldID(mapClass.get(), "table", "[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;");
-  if (tableField == nullptr) {
-    clearException();
-    return error("Unable to get field id");
-  }
-  const localRef<jobjectArray> table(
-      jni_, static_cast<jobjectArray>(jni_->GetObjectField(map.get(), tableField)));
+  const localRef<> map = threadLocalMap();
+  const localRef<jobjectArray> table = map ? entriesOf(map.get()) : localRef<jobjectArray>();
   if (!table) {
-    return error("Unable to get entry array");
+    return;
   }
-
   const walk time(*this);
   const jsize length = jni_->GetArrayLength(table.get());
   for (jsize i = 0; i < length && mayGoOn(); ++i) {
@@ -480,6 +443,58 @@ void objectCapture::appendThreadLocals(std::int32_t depth) {
       throw;
     }
   }
+}
+
+localRef<> objectCapture::threadLocalMap() {
+  if (thread_ == nullptr) {
+    logNoThreadLocals("Unable to get Exception thread");
+    return {};
+  }
+  localRef<jclass> threadClass(jni_, jni_->GetObjectClass(thread_));
+  if (!threadClass) {
+    logNoThreadLocals("Unable to get Exception thread class");
+    return {};
+  }
+  // Asking a class for a field initialises it, and would wait here for a running initialiser of the
+  // thread's class. Until that is done, the class that declares the field is asked.
+  if (!isInitialized(threadClass.get())) {
+    threadClass = localRef<jclass>(jni_, jni_->FindClass("java/lang/Thread"));
+    clearException();
+  }
+  const jfieldID mapField = threadClass ? jni_->GetFieldID(threadClass.get(), "threadLocals",
+                                                           "Ljava/lang/ThreadLocal$ThreadLocalMap;")
+                                        : nullptr;
+  if (mapField == nullptr) {
+    clearException();
+    logNoThreadLocals("Unable to get field id for thread class");
+    return {};
+  }
+  localRef<> map(jni_, jni_->GetObjectField(thread_, mapField));
+  if (!map) {
+    logNoThreadLocals("Unable to get threadmap object");
+  }
+  return map;
+}
+
+localRef<jobjectArray> objectCapture::entriesOf(jobject map) {
+  const localRef<jclass> mapClass(jni_, jni_->GetObjectClass(map));
+  if (!mapClass) {
+    logNoThreadLocals("Unable to get threadmap class");
+    return {};
+  }
+  const jfieldID tableField =
+      jni_->GetFieldID(mapClass.get(), "table", "[Ljava/lang/ThreadLocal$ThreadLocalMap$Entry;");
+  if (tableField == nullptr) {
+    clearException();
+    logNoThreadLocals("Unable to get field id");
+    return {};
+  }
+  localRef<jobjectArray> table(jni_,
+                               static_cast<jobjectArray>(jni_->GetObjectField(map, tableField)));
+  if (!table) {
+    logNoThreadLocals("Unable to get entry array");
+  }
+  return table;
 }
 
 void objectCapture::appendThreadLocal(std::string_view name, jobject entry, std::int32_t depth) {

@@ -69,6 +69,10 @@ class objectCapture {
   bool appendNested(const field& each, jobject value, std::int32_t depth);
   bool appendText(std::string_view name, record::typeCode code, jstring string, std::size_t most);
   void appendThreadLocals(std::int32_t depth);
+  // The thread's map, and the table of its entries; none, and the reason is in the log, when they
+  // cannot be read.
+  support::localRef<> threadLocalMap();
+  support::localRef<jobjectArray> entriesOf(jobject map);
   void appendThreadLocal(std::string_view name, jobject entry, std::int32_t depth);
 
   // What is known of a class; kept for the next object of it, or else in `own`.
