@@ -198,29 +198,4 @@ TEST_F(reportOutcome, isNotGivenWhereJavaCannotTakeIt) {
   EXPECT_EQ(lastOf(vm, kLocks).at(0), "p");
 }
 
-TEST_F(reportOutcome, isReadWhileReportsAreWritten) {
-  constexpr int kRounds = 2000;
-  const auto write = [](jint kind, const std::string& path) {
-    for (int i = 0; i < kRounds; ++i) {
-      reportOutcomes::ofProcess().begin(kind);
-      reportOutcomes::ofProcess().end(kind, {path, path, path.size()});
-    }
-  };
-  std::vector<std::thread> threads;
-  threads.emplace_back(write, kLocks, std::string(30, 'a'));
-  threads.emplace_back(write, kLocks, std::string(40, 'b'));
-  threads.emplace_back(write, kMemory, std::string(50, 'c'));
-  for (int i = 0; i < kRounds; ++i) {
-    for (const jint kind : {kLocks, kMemory}) {
-      if (const auto last = reportOutcomes::ofProcess().last(kind)) {
-        EXPECT_EQ(last->path, last->problem);
-        EXPECT_EQ(last->path.size(), last->bytes);
-      }
-    }
-  }
-  for (std::thread& each : threads) {
-    each.join();
-  }
-}
-
 }  // namespace
