@@ -10,6 +10,8 @@
 #include <iterator>
 #include <sstream>
 
+#include "agent/twAprLib.h"
+
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
 
 namespace test {
@@ -202,6 +204,19 @@ fileLimit::fileLimit(rlim_t bytes) : before_(std::signal(SIGXFSZ, SIG_IGN)) {
 fileLimit::~fileLimit() {
   ::setrlimit(RLIMIT_FSIZE, &old_);
   std::signal(SIGXFSZ, before_);
+}
+
+std::vector<std::string> agentTest::loggedFrom(std::int32_t level,
+                                               const std::function<void()>& call,
+                                               std::string_view severity) const {
+  const auto before = static_cast<std::ptrdiff_t>(messages(severity).size());
+  agent::twAprLib::setLevel(level);
+  call();
+  const std::vector<std::string> all = messages(severity);
+  agent::twAprLib::setLevel(level - 1);
+  call();
+  EXPECT_EQ(messages(severity), all) << "logged below level " << level;
+  return {all.begin() + before, all.end()};
 }
 
 std::vector<fs::path> agentTest::logFiles() const {

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -84,6 +85,9 @@ class agentTest : public fake::vmTest {
   std::vector<logRecord> log() const;
   std::vector<std::string> messages(std::string_view severity) const;
   std::vector<std::filesystem::path> logFiles() const;  // in the order of their names
+  // What `call` logs with this severity at a level; at the one below it has to log nothing so.
+  std::vector<std::string> loggedFrom(std::int32_t level, const std::function<void()>& call,
+                                      std::string_view severity = "Error") const;
 
   const std::filesystem::path& folder() const { return folder_; }
 

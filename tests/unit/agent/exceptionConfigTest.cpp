@@ -160,13 +160,9 @@ const captureSettings kAllDifferentSettings{
     .classVariables = true, .localVariables = true, .rate = -7, .depth = 500};
 
 TEST_F(exceptionConfig, enablingIsLoggedWithTheSettings) {
-  begin(kAllDifferentSettings, "logLevel=3");
-  EXPECT_THAT(messages("Trace"), Contains(kAllDifferent));
-}
-
-TEST_F(exceptionConfig, enablingIsNotLoggedBelowLevel3) {
-  begin(kAllDifferentSettings, "logLevel=2");
-  EXPECT_THAT(log(), IsEmpty());
+  begin();
+  const auto change = [&] { enable(kAllDifferentSettings); };
+  EXPECT_THAT(loggedFrom(3, change, "Trace"), Contains(kAllDifferent));
 }
 
 TEST_F(exceptionConfig, theOtherTwoFlagsReachTheirPlace) {
@@ -185,15 +181,9 @@ TEST_F(exceptionConfig, linesNameTheFunction) {
 }
 
 TEST_F(exceptionConfig, settingsOfNoneAreRefusedWithAnError) {
-  load("logLevel=1");
-  EXPECT_EQ(take(nullptr), 0);
-  EXPECT_THAT(errors(), ElementsAre("Unable to get Exception profiler"));
-}
-
-TEST_F(exceptionConfig, settingsOfNoneAreRefusedWithoutAnErrorAtLevel0) {
-  load("logLevel=0");
-  EXPECT_EQ(take(nullptr), 0);
-  EXPECT_THAT(log(), IsEmpty());
+  load();
+  EXPECT_THAT(loggedFrom(1, [&] { EXPECT_EQ(take(nullptr), 0); }),
+              ElementsAre("Unable to get Exception profiler"));
 }
 
 TEST_F(exceptionConfig, settingsOfAnotherKindAreRefused) {
@@ -222,9 +212,11 @@ TEST_F(exceptionConfig, callbackClassIsHeldAsLongAsItsSettings) {
 }
 
 TEST_F(exceptionConfig, missingCallbackClassIsFoundOutByTheHandler) {
-  load("logLevel=4");
+  load();
   EXPECT_EQ(enable(), 1) << "and no Java exception reaches the caller";
-  EXPECT_EQ(recordOf({frameOf("com.example.Shop.buy")}), kNothing);
+  const auto record = [&] { return recordOf({frameOf("com.example.Shop.buy")}); };
+  EXPECT_THAT(loggedFrom(4, [&] { EXPECT_EQ(record(), kNothing); }),
+              Contains("exception id  not found").Times(1));
   EXPECT_EQ(errorsSaying("exception id  not found"), 1U);
 }
 
@@ -243,13 +235,6 @@ TEST_F(exceptionConfig, missingTextMethodDoesNotMatter) {
   load();
   EXPECT_EQ(enable(), 1);
   EXPECT_NE(recordOf({frameOf("com.example.Shop.buy")}), kNothing);
-}
-
-TEST_F(exceptionConfig, missingCallbackIsNotLoggedBelowLevel4) {
-  load("logLevel=3");
-  enable();
-  EXPECT_EQ(recordOf({frameOf("com.example.Shop.buy")}), kNothing);
-  EXPECT_THAT(errors(), IsEmpty());
 }
 
 // --- The black list.
@@ -325,15 +310,9 @@ TEST_F(exceptionConfig, noErrorIsNone) {
 }
 
 TEST_F(exceptionConfig, errorsAreLoggedByNameAndCode) {
-  load("logLevel=4");
-  EXPECT_TRUE(check(JVMTI_ERROR_WRONG_PHASE));
-  EXPECT_THAT(errors(), ElementsAre("Error name is JVMTI_ERROR_WRONG_PHASE and error code is 112"));
-}
-
-TEST_F(exceptionConfig, errorsAreNotLoggedBelowLevel4) {
-  load("logLevel=3");
-  EXPECT_TRUE(check(JVMTI_ERROR_WRONG_PHASE));
-  EXPECT_THAT(errors(), IsEmpty());
+  load();
+  EXPECT_THAT(loggedFrom(4, [&] { EXPECT_TRUE(check(JVMTI_ERROR_WRONG_PHASE)); }),
+              ElementsAre("Error name is JVMTI_ERROR_WRONG_PHASE and error code is 112"));
 }
 
 TEST_F(exceptionConfig, errorsThatTheVmHasNoNameForStillCount) {

@@ -26,16 +26,6 @@ class exceptionFilter : public exceptionTest {
   }
   bool recordsFrom(std::string_view method) { return deliveredOf(1, kFailure, method) == 1; }
 
-  // Calls the handler at level 4, then at level 3; what was logged as errors at each.
-  std::vector<std::string> errorsAtLevel4Only(const std::function<void()>& call) {
-    agent::twAprLib::setLevel(4);
-    call();
-    std::vector<std::string> said = errors();
-    agent::twAprLib::setLevel(3);
-    call();
-    EXPECT_EQ(errors(), said) << "logged below level 4";
-    return said;
-  }
   void callHandlerWithFailure() { callHandler(vm.makeObject(kFailure)); }
 };
 
@@ -44,27 +34,27 @@ class exceptionFilter : public exceptionTest {
 TEST_F(exceptionFilter, withoutAProfilerTheHandlerSaysSo) {
   begin();
   unload();
-  EXPECT_THAT(errorsAtLevel4Only([&] { callHandlerWithFailure(); }),
+  EXPECT_THAT(loggedFrom(4, [&] { callHandlerWithFailure(); }),
               ElementsAre("Unable to get Exception profiler"));
 }
 
 TEST_F(exceptionFilter, withoutSettingsCaptureIsNotEnabled) {
   load();
-  EXPECT_THAT(errorsAtLevel4Only([&] { callHandlerWithFailure(); }),
+  EXPECT_THAT(loggedFrom(4, [&] { callHandlerWithFailure(); }),
               ElementsAre("Exception is not enabled"));
 }
 
 TEST_F(exceptionFilter, disabledSettingsDoNotCapture) {
   begin();
   enable({.enable = false});
-  EXPECT_THAT(errorsAtLevel4Only([&] { callHandlerWithFailure(); }),
+  EXPECT_THAT(loggedFrom(4, [&] { callHandlerWithFailure(); }),
               ElementsAre("Exception is not enabled"));
   EXPECT_THAT(deliveries(), IsEmpty());
 }
 
 TEST_F(exceptionFilter, anExceptionOfNullIsRefused) {
   begin();
-  EXPECT_THAT(errorsAtLevel4Only([&] { callHandler(nullptr); }),
+  EXPECT_THAT(loggedFrom(4, [&] { callHandler(nullptr); }),
               ElementsAre("exception object is NULL"));
 }
 
@@ -74,7 +64,7 @@ TEST_F(exceptionFilter, aStoppedProfilerCapturesNothing) {
   settings->enabled = true;
   exceptions()->setProfileData(std::move(settings));
   ASSERT_EQ(exceptions()->state(), agent::kExceptionStopped);
-  EXPECT_THAT(errorsAtLevel4Only([&] { callHandlerWithFailure(); }),
+  EXPECT_THAT(loggedFrom(4, [&] { callHandlerWithFailure(); }),
               ElementsAre("Exception profiler stage is stopped"));
 }
 
@@ -120,7 +110,7 @@ TEST_F(exceptionFilter, withoutItsClassAnExceptionIsDroppedSilently) {
 TEST_F(exceptionFilter, anEmptyClassNameIsRefused) {
   begin();
   vm.classNamed(kFailure)->signature = "L;";
-  EXPECT_THAT(errorsAtLevel4Only([&] { EXPECT_EQ(deliveredOf(1), 0); }),
+  EXPECT_THAT(loggedFrom(4, [&] { EXPECT_EQ(deliveredOf(1), 0); }),
               ElementsAre("exception class is empty"));
 }
 
@@ -162,7 +152,7 @@ TEST_F(exceptionFilter, otherPackagesAreDelivered) {
 
 TEST_F(exceptionFilter, theMessageNamesTheThrowerAndTheExceptionsSignature) {
   begin();
-  EXPECT_THAT(errorsAtLevel4Only([&] { EXPECT_FALSE(recordsFrom("sun.nio.Net.connect")); }),
+  EXPECT_THAT(loggedFrom(4, [&] { EXPECT_FALSE(recordsFrom("sun.nio.Net.connect")); }),
               ElementsAre("Default exception class sun.nio.Net  Lcom/example/Failure;"));
 }
 
@@ -178,7 +168,7 @@ TEST_F(exceptionFilter, exceptionsOfTheAgentsOwnPackagesAreNeverCounted) {
 TEST_F(exceptionFilter, asManyAsTheRateAreDeliveredAndTheNextIsDropped) {
   begin({.rate = 3});
   EXPECT_EQ(deliveredOf(3), 3);
-  EXPECT_THAT(errorsAtLevel4Only([&] { EXPECT_EQ(deliveredOf(1), 0); }),
+  EXPECT_THAT(loggedFrom(4, [&] { EXPECT_EQ(deliveredOf(1), 0); }),
               Contains("exception ratecount exceed").Times(1));
 }
 
@@ -229,14 +219,12 @@ TEST_F(exceptionFilter, aRateOfOneLetsOneThrough) {
   EXPECT_EQ(deliveredOf(3), 1);
 }
 
-TEST_F(exceptionFilter, aRateOfZeroIsNoLimit) {
-  begin({.rate = 0});
-  EXPECT_EQ(deliveredOf(50), 50);
-}
-
-TEST_F(exceptionFilter, aNegativeRateIsNoLimit) {
-  begin({.rate = -1});
-  EXPECT_EQ(deliveredOf(50), 50);
+TEST_F(exceptionFilter, ratesBelowOneAreNoLimit) {
+  begin();
+  for (const jint rate : {0, -1}) {
+    enable({.rate = rate});
+    EXPECT_EQ(deliveredOf(50), 50) << "rate " << rate;
+  }
 }
 
 TEST_F(exceptionFilter, eachClassHasItsOwnRate) {
@@ -280,7 +268,7 @@ TEST_F(exceptionFilter, aRateBelowTheCountIsNeverMet) {
 
 TEST_F(exceptionFilter, listedClassesAreDropped) {
   begin({.blackList = "[com.example.Other,COM.example.failure]"});
-  EXPECT_THAT(errorsAtLevel4Only([&] { EXPECT_EQ(deliveredOf(1), 0); }),
+  EXPECT_THAT(loggedFrom(4, [&] { EXPECT_EQ(deliveredOf(1), 0); }),
               ElementsAre("exception class com.example.failure found in black list"));
 }
 
@@ -338,14 +326,12 @@ TEST_F(exceptionFilter, aDepthOf500WalksAtMost100Frames) {
   EXPECT_EQ(frames.back().header, "a.A.m99(A.java:42)%40%41");
 }
 
-TEST_F(exceptionFilter, aDepthOfZeroDeliversNothing) {
-  begin({.depth = 0});
-  EXPECT_EQ(deliveredOf(1), 0);
-}
-
-TEST_F(exceptionFilter, aNegativeDepthDeliversNothing) {
-  begin({.depth = -1});
-  EXPECT_EQ(deliveredOf(1), 0);
+TEST_F(exceptionFilter, depthsBelowOneDeliverNothing) {
+  begin();
+  for (const jint depth : {0, -1}) {
+    enable({.depth = depth});
+    EXPECT_EQ(deliveredOf(1), 0) << "depth " << depth;
+  }
   enable();
   EXPECT_EQ(deliveredOf(1), 1);
 }

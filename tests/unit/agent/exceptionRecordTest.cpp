@@ -315,16 +315,10 @@ TEST_F(exceptionRecord, anyLineTableErrorGivesNoLine) {
 }
 
 TEST_F(exceptionRecord, everyFrameIsLoggedByItsMethod) {
-  begin({}, "logLevel=4");
-  recordOf({frameOf("a.A.one"), frameOf("b.B.two")});
-  EXPECT_THAT(errors(), ElementsAre("FQM :- a.A.one()", "FQM :- b.B.two()"));
-}
-
-TEST_F(exceptionRecord, framesAreNotLoggedBelowLevel4) {
-  begin({}, "logLevel=3");
-  recordOf({frameOf("a.A.one")});
-  EXPECT_THAT(errors(), IsEmpty());
-  EXPECT_THAT(messages("Debug"), IsEmpty());
+  begin();
+  const auto record = [&] { recordOf({frameOf("a.A.one"), frameOf("b.B.two")}); };
+  EXPECT_THAT(loggedFrom(4, record), ElementsAre("FQM :- a.A.one()", "FQM :- b.B.two()"));
+  EXPECT_THAT(messages("Debug"), ::testing::SizeIs(1)) << "at level 4 only";
 }
 
 TEST_F(exceptionRecord, aFrameWithoutAMethodNameIsLeftOut) {
@@ -724,19 +718,15 @@ TEST_F(exceptionRecord, eachExceptionIsDeliveredByItself) {
 }
 
 TEST_F(exceptionRecord, aFailedDeclaringClassEndsTheRecordWithAMessage) {
-  begin({}, "logLevel=4");
-  // The first call is for the method that throws, the second for the top frame.
-  vm.fail("GetMethodDeclaringClass", {.error = JVMTI_ERROR_INVALID_METHODID, .from = 2});
-  EXPECT_EQ(recordOf({frameOf("a.A.m")}), kNothing);
+  begin();
+  loggedFrom(4, [&] {
+    // The first call is for the method that throws, the second for the top frame.
+    vm.fail("GetMethodDeclaringClass", {.error = JVMTI_ERROR_INVALID_METHODID, .from = 2});
+    EXPECT_EQ(recordOf({frameOf("a.A.m")}), kNothing);
+    vm.succeed("GetMethodDeclaringClass");
+  });
   EXPECT_EQ(errorsSaying("unable to get desclaring class "), 1U);
   EXPECT_EQ(errorsSaying("Error name is JVMTI_ERROR_INVALID_METHODID and error code is 23"), 1U);
-}
-
-TEST_F(exceptionRecord, aFailedDeclaringClassIsNotLoggedBelowLevel4) {
-  begin({}, "logLevel=3");
-  vm.fail("GetMethodDeclaringClass", {.from = 2});
-  EXPECT_EQ(recordOf({frameOf("a.A.m")}), kNothing);
-  EXPECT_THAT(errors(), IsEmpty());
 }
 
 }  // namespace

@@ -199,20 +199,14 @@ TEST_F(memoryConfig, theNextSessionGoesOnCounting) {
 }
 
 TEST_F(memoryConfig, aCollectionIsLoggedAsTraceAtLevel4) {
-  load("logLevel=4");
+  load();
   start();
-  collect(2);
+  loggedFrom(
+      4, [&] { collect(2); }, "Trace");
   EXPECT_THAT(
       linesOf(kGcFinish),
       ElementsAre("Trace: *GC Finish CallBack is Called, :GC_Counter/GC_Cycle Value is: 1",
                   "Trace: *GC Finish CallBack is Called, :GC_Counter/GC_Cycle Value is: 2"));
-}
-
-TEST_F(memoryConfig, aCollectionIsNotLoggedAtLevel3) {
-  load("logLevel=3");
-  start();
-  collect();
-  EXPECT_THAT(linesOf(kGcFinish), IsEmpty());
 }
 
 TEST_F(memoryConfig, aCollectionThatDoesNotCountIsNotLogged) {

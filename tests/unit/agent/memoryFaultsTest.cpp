@@ -133,11 +133,15 @@ TEST_F(memoryFaults, everyExceptionUnderWayEndsTheStopWith0AndOneError) {
 }
 
 TEST_F(memoryFaults, anExceptionInTheScanIsLoggedByTheScan) {
-  begin({}, "logLevel=1");
-  tagged("p.A");
-  collect();
+  load();
   vm.on("GetClassSignature", [] { throw std::bad_alloc(); });
-  EXPECT_EQ(stop(), 0);
+  loggedFrom(1, [&] {
+    start();
+    collect();
+    tagged("p.A");
+    collect();
+    EXPECT_EQ(stop(), 0);
+  });
   EXPECT_THAT(linesOf("memoryProfiler::scanJavaHeap"),
               ElementsAre("Error: Exception occured in memoryprofiler : scanJavaHeap"));
 }
@@ -148,15 +152,6 @@ TEST_F(memoryFaults, anExceptionInTheReportIsLoggedByTheReport) {
   EXPECT_EQ(stop(), 0);
   EXPECT_EQ(linesOf("memoryProfiler::dumpJsonObjectFromMapDS").size(), 1U);
   EXPECT_THAT(linesOf("memoryProfiler::dumpJsonObjectFromMapDS"), Each(StartsWith("Error: ")));
-}
-
-TEST_F(memoryFaults, exceptionsAreNotLoggedAtLevel0) {
-  begin({}, "logLevel=0");
-  tagged("p.A");
-  collect();
-  vm.on("GetClassSignature", [] { throw std::bad_alloc(); });
-  EXPECT_EQ(stop(), 0);
-  EXPECT_THAT(logFiles(), IsEmpty());
 }
 
 // --- What single failures lead to ------------------------------------------------------------

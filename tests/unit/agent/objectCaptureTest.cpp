@@ -209,35 +209,40 @@ TEST_F(objectCapture, depthOneWritesTheObjectsOfFieldsWithTheirsInNullForm) {
   EXPECT_EQ(textOf(chain(3)), "n%3A4%3A0%2C!%23next%3A10%3An%3A4%3A1%2Cnext%3A10%3ANULL%2C!%23%2C");
 }
 
-TEST_F(objectCapture, depthZeroWritesNoObjectOfAField) {
-  begin(kVariables, "captureObjDepth=0");
-  EXPECT_EQ(textOf(chain(3)), chainText(0, 0));
+struct expansion {
+  const char* options;
+  int length;  // of the chain
+  int index;   // of the frame
+  int last;    // object that is expanded
+};
+void PrintTo(const expansion& one, std::ostream* out) {
+  *out << "'" << one.options << "', chain of " << one.length << " in frame " << one.index;
 }
 
-TEST_F(objectCapture, depthTwoExpandsTwoLevels) {
-  begin(kVariables, "captureObjDepth=2");
-  EXPECT_EQ(textOf(chain(9)), chainText(0, 2));
+class objectDepths : public objectCapture, public ::testing::WithParamInterface<expansion> {};
+
+TEST_P(objectDepths, decideHowFarObjectsAreExpanded) {
+  const expansion& one = GetParam();
+  begin(kVariables, one.options);
+  EXPECT_EQ(textOf(chain(one.length), one.index), chainText(0, one.last));
 }
 
-TEST_F(objectCapture, depthThreeExpandsThreeLevels) {
-  begin(kVariables, "captureObjDepth=3");
-  EXPECT_EQ(textOf(chain(9)), chainText(0, 3));
-}
+INSTANTIATE_TEST_SUITE_P(ofObjects, objectDepths,
+                         ::testing::Values(expansion{"", 9, 0, 1},
+                                           expansion{"captureObjDepth=0", 3, 0, 0},
+                                           expansion{"captureObjDepth=2", 9, 0, 2},
+                                           expansion{"captureObjDepth=3", 9, 0, 3},
+                                           expansion{"captureObjDepth=4", 9, 0, 4},
+                                           expansion{"captureObjDepth=5", 9, 0, 5},
+                                           expansion{"captureObjDepth=6", 9, 0, 1},  // is not taken
+                                           expansion{"captureObjDepth=5", 2, 0, 1}));
 
-TEST_F(objectCapture, depthFourExpandsFourLevels) {
-  begin(kVariables, "captureObjDepth=4");
-  EXPECT_EQ(textOf(chain(9)), chainText(0, 4));
-}
-
-TEST_F(objectCapture, depthFiveExpandsFiveLevels) {
-  begin(kVariables, "captureObjDepth=5");
-  EXPECT_EQ(textOf(chain(9)), chainText(0, 5));
-}
-
-TEST_F(objectCapture, chainsThatEndEarlierEndWithNull) {
-  begin(kVariables, "captureObjDepth=5");
-  EXPECT_EQ(textOf(chain(2)), chainText(0, 1));
-}
+INSTANTIATE_TEST_SUITE_P(ofFrames, objectDepths,
+                         ::testing::Values(expansion{"", 3, 2, 1}, expansion{"", 3, 3, 0},
+                                           expansion{"", 3, 9, 0},
+                                           expansion{"captureSTDepth=4", 3, 3, 1},
+                                           expansion{"captureSTDepth=4", 3, 4, 0},
+                                           expansion{"captureObjDepth=5", 9, 3, 0}));
 
 TEST_F(objectCapture, cyclesEndAtTheDepth) {
   begin(kVariables, "captureObjDepth=5");
@@ -281,11 +286,6 @@ TEST_F(objectCapture, nothingIsReadThatIsNotWritten) {
   EXPECT_EQ(vm.calls("GetObjectField"), 0U);
 }
 
-TEST_F(objectCapture, depthsOutsideTheirRangeAreNotTaken) {
-  begin(kVariables, "captureObjDepth=6");
-  EXPECT_EQ(textOf(chain(9)), chainText(0, 1)) << "1 is what holds without the option";
-}
-
 // --- Arrays.
 
 TEST_F(objectCapture, arrayFieldsAreWrittenWithTheirLength) {
@@ -313,16 +313,8 @@ TEST_F(objectCapture, elementsOfArraysAreNotWritten) {
 
 // --- Which frames' objects, and whose, are expanded.
 
-TEST_F(objectCapture, objectsOfTheTopThreeFramesAreExpanded) {
+TEST_F(objectCapture, aFrameAtTheStackDepthHasPrimitiveAndTextFieldsOnly) {
   begin(kVariables);
-  EXPECT_EQ(textOf(chain(3), 0), chainText(0, 1));
-  EXPECT_EQ(textOf(chain(3), 2), chainText(0, 1));
-}
-
-TEST_F(objectCapture, aFrameAtTheStackDepthOrDeeperHasPrimitiveAndTextFieldsOnly) {
-  begin(kVariables);
-  EXPECT_EQ(textOf(chain(3), 3), chainText(0, 0));
-  EXPECT_EQ(textOf(chain(3), 9), chainText(0, 0));
   fake::object* const text =
       objectWith("a.A", {{"s", "Ljava/lang/String;", vm.makeString("pen")},
                          {"b", "Ljava/lang/StringBuilder;", builder("ink")},
@@ -330,42 +322,31 @@ TEST_F(objectCapture, aFrameAtTheStackDepthOrDeeperHasPrimitiveAndTextFieldsOnly
   EXPECT_EQ(textOf(text, 3), entry("s", 7, "pen") + entry("b", 8, "ink") + nullField("o"));
 }
 
-TEST_F(objectCapture, theStackDepthIsAnOption) {
-  begin(kVariables, "captureSTDepth=4");
-  EXPECT_EQ(textOf(chain(3), 3), chainText(0, 1));
-  EXPECT_EQ(textOf(chain(3), 4), chainText(0, 0));
-}
-
-TEST_F(objectCapture, evenAtDepthFiveADeepFrameExpandsNothing) {
-  begin(kVariables, "captureObjDepth=5");
-  EXPECT_EQ(textOf(chain(9), 3), chainText(0, 0));
-}
-
 const captureSettings kAll{.classVariables = true, .methodArguments = true, .localVariables = true};
 
-TEST_F(objectCapture, variablesAndThisAreExpandedAtFirst) {
-  begin(kAll);
-  EXPECT_EQ(textOf(chain(3)), chainText(0, 1));
-  EXPECT_EQ(textOfThis(chain(3)), chainText(0, 1));
+struct expandedKinds {
+  const char* options;
+  int variables;  // the last object that is expanded of a chain in a local
+  int self;       // and in `this`
+};
+void PrintTo(const expandedKinds& one, std::ostream* out) {
+  *out << "'" << one.options << "'";
 }
 
-TEST_F(objectCapture, typeBitOneIsForVariables) {
-  begin(kAll, "captureObjType=1");
-  EXPECT_EQ(textOf(chain(3)), chainText(0, 1));
-  EXPECT_EQ(textOfThis(chain(3)), chainText(0, 0));
+class objectTypes : public objectCapture, public ::testing::WithParamInterface<expandedKinds> {};
+
+TEST_P(objectTypes, decideWhoseObjectsAreExpanded) {
+  const expandedKinds& one = GetParam();
+  begin(kAll, one.options);
+  EXPECT_EQ(textOf(chain(3)), chainText(0, one.variables));
+  EXPECT_EQ(textOfThis(chain(3)), chainText(0, one.self));
 }
 
-TEST_F(objectCapture, typeBitTwoIsForThis) {
-  begin(kAll, "captureObjType=2");
-  EXPECT_EQ(textOf(chain(3)), chainText(0, 0));
-  EXPECT_EQ(textOfThis(chain(3)), chainText(0, 1));
-}
-
-TEST_F(objectCapture, typeBitFourIsForNeither) {
-  begin(kAll, "captureObjType=4");
-  EXPECT_EQ(textOf(chain(3)), chainText(0, 0));
-  EXPECT_EQ(textOfThis(chain(3)), chainText(0, 0));
-}
+INSTANTIATE_TEST_SUITE_P(bits, objectTypes,
+                         ::testing::Values(expandedKinds{"", 1, 1},
+                                           expandedKinds{"captureObjType=1", 1, 0},
+                                           expandedKinds{"captureObjType=2", 0, 1},
+                                           expandedKinds{"captureObjType=4", 0, 0}));
 
 TEST_F(objectCapture, argumentsAreExpandedLikeLocals) {
   begin(kAll);
@@ -394,18 +375,12 @@ TEST_F(objectCapture, aMissingStaticFieldIdHasTheNullForm) {
 }
 
 TEST_F(objectCapture, aMissingFieldIdIsLoggedWithTheThread) {
-  begin(kVariables, "logLevel=1");
+  begin(kVariables);
   vm.fail("GetFieldID", {.name = "gone", .throwing = true});
-  textOf(objectWith("a.A", {{"gone", "Ljava/lang/Object;"}}));
-  EXPECT_THAT(messages("Debug"), ElementsAre("return fid name : gone ,thread  : worker-1"));
+  const auto capture = [&] { textOf(objectWith("a.A", {{"gone", "Ljava/lang/Object;"}})); };
+  EXPECT_THAT(loggedFrom(1, capture, "Debug"),
+              ElementsAre("return fid name : gone ,thread  : worker-1"));
   EXPECT_EQ(log().back().function, "exceptionProfiler::GetObjectFieldsValue");
-}
-
-TEST_F(objectCapture, aMissingFieldIdIsNotLoggedAtLevel0) {
-  begin(kVariables, "logLevel=0");
-  vm.fail("GetFieldID", {.name = "gone", .throwing = true});
-  textOf(objectWith("a.A", {{"gone", "Ljava/lang/Object;"}}));
-  EXPECT_THAT(log(), IsEmpty());
 }
 
 TEST_F(objectCapture, aMissingFieldIdOfAPrimitiveIsNotLogged) {
