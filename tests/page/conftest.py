@@ -74,4 +74,4 @@ def requests(driver):
 @pytest.fixture(scope="session")
 def recorded():
     """The lock report and the stack file of a real session."""
-    return DATA / "lock-report.json", DATA / "lock-stacks.txt"
+    return DATA / "shop-run" / "locks-1.json", DATA / "shop-run" / "locks-1.stacks"

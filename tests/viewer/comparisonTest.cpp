@@ -77,7 +77,7 @@ TEST(comparison, ofRecordedRunsHasAllKinds) {
   const std::filesystem::path data = DATA_FOLDER;
   const comparison both =
       compare(readProfile({data / "shop-run"}),
-              readProfile({data / "lock-report.json", data / "memory-report.json"}), {});
+              readProfile({data / "shop-run" / "locks-1.json", data / "memory-report.json"}), {});
   ASSERT_EQ(both.tables.size(), 4U);
   EXPECT_EQ(both.tables[3].rows[0].name, "com.example.shop.Session");
   EXPECT_EQ(both.tables[3].rows[0].after, 696640U);

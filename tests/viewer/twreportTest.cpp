@@ -18,8 +18,9 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::string kSample = DATA_FOLDER "/lock-report.json " DATA_FOLDER "/lock-stacks.txt";
 const std::string kRun = DATA_FOLDER "/shop-run";
+const std::string kReport = kRun + "/locks-1.json";
+const std::string kSample = kReport + " " + kRun + "/locks-1.stacks";
 
 struct outcome {
   int exitCode;
@@ -47,14 +48,14 @@ outcome twreport(const std::string& arguments) {
 TEST(twreport, printsTheRecordedSession) {
   const outcome result = twreport(kSample);
   EXPECT_EQ(result.exitCode, 0);
-  EXPECT_THAT(result.output, StartsWith("Lock session 1 \"shop under load\": "));
+  EXPECT_THAT(result.output, StartsWith("Lock session 2 \"shop\": "));
   EXPECT_THAT(result.output, HasSubstr("\n1  com.example.shop.Inventory@"));
   EXPECT_THAT(result.output, HasSubstr("at com.example.shop.Inventory."));
   EXPECT_THAT(result.output, HasSubstr("\nBlockers ("));
 }
 
 TEST(twreport, worksWithoutAStackFile) {
-  const outcome result = twreport(DATA_FOLDER "/lock-report.json");
+  const outcome result = twreport(kReport);
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.output, HasSubstr("not in a stack file that was given"));
 }
@@ -67,11 +68,11 @@ TEST(twreport, obeysItsOptions) {
 }
 
 TEST(twreport, saysWhatIsWrongWithAnInput) {
-  const outcome missing = twreport(DATA_FOLDER "/lock-report.json /nowhere/stacks.txt");
+  const outcome missing = twreport(kReport + " /nowhere/stacks.txt");
   EXPECT_EQ(missing.exitCode, 1);
   EXPECT_THAT(missing.output,
               HasSubstr("twreport: /nowhere/stacks.txt: cannot be read: No such file"));
-  EXPECT_THAT(missing.output, HasSubstr("Lock session 1")) << "what can be read is shown";
+  EXPECT_THAT(missing.output, HasSubstr("Lock session 2")) << "what can be read is shown";
 }
 
 TEST(twreport, failsWhenItsOutputIsLost) {
@@ -168,8 +169,8 @@ TEST(twreport, refusesWrongArguments) {
 }
 
 TEST(twreport, ranksByWhatItIsAskedFor) {
-  EXPECT_THAT(twreport(kSample + " --by site").output, HasSubstr("Top sites (5 of 9)"));
-  EXPECT_THAT(twreport(kSample + " --by thread").output, HasSubstr("Top threads (5 of 12)"));
+  EXPECT_THAT(twreport(kSample + " --by site").output, HasSubstr("Top sites (5 of 7)"));
+  EXPECT_THAT(twreport(kSample + " --by thread").output, HasSubstr("Top threads (5 of 13)"));
 }
 
 TEST(twreport, showsOneRecord) {
@@ -197,7 +198,17 @@ TEST(twreport, drawsWithWhatTheTerminalHas) {
 }
 
 TEST(twreport, comparesTwoRuns) {
-  const outcome result = twreport("diff " DATA_FOLDER "/lock-report.json " + kRun);
+  // The recording, as if one lock had been blocked on for a minute longer.
+  std::ifstream recorded(kReport);
+  nlohmann::json slower = nlohmann::json::parse(recorded);
+  for (auto& [name, lock] : slower["lockmap"].items()) {
+    if (name.starts_with("com.example.shop.Inventory@")) {
+      lock["totalBlockTime"] = lock["totalBlockTime"].get<int>() + 60;
+    }
+  }
+  const std::string before = ::testing::TempDir() + "slower.json";
+  std::ofstream(before) << slower;
+  const outcome result = twreport("diff " + before + " " + kRun);
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_THAT(result.output, StartsWith("A difference counts from 10 % and 1 on.\n"));
   EXPECT_THAT(result.output, HasSubstr("better  com.example.shop.Inventory "));
