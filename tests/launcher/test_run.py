@@ -366,7 +366,7 @@ def test_the_agent_twice(launcher, folder):
 
 def test_output_folder_that_cannot_be(launcher, folder):
     (folder / "file").write_text("")
-    for output, told in (("file", "there is a file"), ("file/inner", "Not a directory"),
+    for output, told in (("file", "is not a folder"), ("file/inner", "Not a directory"),
                          ("/proc/inner", "No such file or directory")):
         refused = launcher.run("run", "-o", output, "--", "true", folder=folder)
         assert refused.code == 1 and told in refused.err and "-o DIR" in refused.err, refused

@@ -204,7 +204,7 @@ def test_version(launcher, folder):
 
 def test_report_shows_the_newest_run(launcher, folder):
     refused = launcher.run("report", folder=folder)
-    assert refused.code == 1 and f"no folder '{OUTPUT}'" in refused.err, refused
+    assert refused.code == 1 and f"no such folder: '{OUTPUT}'" in refused.err, refused
     options = ("--locks=summary=300ms,detail=1h,top=-1", "--exceptions")
     with idle(launcher, folder, *options) as process:
         def state():
