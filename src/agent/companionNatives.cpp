@@ -177,7 +177,7 @@ static_assert(com_korvane_twutils_nativeagent_AgentReports_MEMORY == kMemoryProf
 JNIEXPORT jboolean JNICALL Java_com_korvane_twutils_nativeagent_AgentReports_last(
     JNIEnv* jni, jclass /*cls*/, jint kind, jobjectArray parts) {
   constexpr const char* kFunction = "Java_com_korvane_twutils_nativeagent_AgentReports_last";
-  const jint told = native(kFunction, [&] {
+  const jint given = native(kFunction, [&] {
     const std::optional<reportOutcome> last = reportOutcomes::ofProcess().last(kind);
     if (parts == nullptr || !last) {
       return 0;
@@ -197,5 +197,5 @@ JNIEXPORT jboolean JNICALL Java_com_korvane_twutils_nativeagent_AgentReports_las
                ? 1
                : 0;
   });
-  return told == 1 ? JNI_TRUE : JNI_FALSE;
+  return given == 1 ? JNI_TRUE : JNI_FALSE;
 }

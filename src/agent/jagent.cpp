@@ -3,12 +3,12 @@
 #include <jvmti.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <ctime>
 #include <memory>
 #include <new>
 #include <thread>
-#include <vector>
 
 #include "agent/boundary.h"
 #include "agent/oldLogs.h"
@@ -57,10 +57,9 @@ void leaveBeforeVmEnds() {
         JVMTI_EVENT_GARBAGE_COLLECTION_FINISH}) {
     jvmti->SetEventNotificationMode(JVMTI_DISABLE, event, nullptr);
   }
-  std::vector<std::weak_ptr<profiler>> leaving;
-  for (const std::int32_t kind : profilerKind::all()) {
-    leaving.push_back(registry->find(kind));
-  }
+  std::array<std::weak_ptr<profiler>, profilerKind::kMost> leaving;
+  std::transform(profilerKind::all().begin(), profilerKind::all().end(), leaving.begin(),
+                 [&](std::int32_t kind) { return registry->find(kind); });
   unload();
   if (exceptionProfiler::isInHandler()) {
     return;
@@ -119,7 +118,7 @@ jint load(JavaVM* vm, const char* options) {
 
 using namespace agent;
 
-// A malformed option throws out of here: the VM then ends with the exception's text.
+// Deliberate: a malformed option throws out of here; the VM then ends with the exception's text.
 JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* /*reserved*/) {
   try {
     return load(vm, options);

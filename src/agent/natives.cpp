@@ -65,6 +65,7 @@ JNIEXPORT jint JNICALL TW_NATIVE(startMutexLockProfilingSession)(
   return native(kFunction, [&] {
     trace(kFunction, "Initializing Lock Profiling Session Id -> ", sessionId);
     constexpr std::int32_t kSecondsPerMinute = 60;
+    // Deliberate: of the low 32 bits of the duration; a graph has no slots for less than a minute.
     const std::int32_t graphSize = static_cast<std::int32_t>(duration) / kSecondsPerMinute;
     auto settings = std::make_unique<LockSessionConfig>(
         sessionId, support::textOf(jni, sessionName), duration, topLockCount, maxLockCount,

@@ -60,7 +60,7 @@ bool isOldLog(const logDate& file, const logDate& today) {
 }
 
 void cleanUpOldLogs(const std::string& directory, const std::string& timeStamp) {
-  // Deliberate: the entry itself is looked up, without a wildcard, so that at most one file goes.
+  // Deliberate: the entry itself is looked up, without a wildcard; "logs" does not name a log.
   struct stat status {};
   if (::lstat(directory.c_str(), &status) != 0) {
     return;  // no such entry: nothing is listed

@@ -22,8 +22,8 @@ std::optional<logDate> parseLogDate(std::string_view digits);
 // months or years.
 bool isOldLog(const logDate& file, const logDate& today);
 
-// Deletes the log file that the entry `directory` names, if it is old at `timeStamp`
-// (YYYYMMDDhhmmss). `directory` is looked up as it stands, nothing below it.
+// Deletes the file "<directory>/<its last component>" when that component is the name of a log that
+// is old at `timeStamp` (YYYYMMDDhhmmss). `directory` is looked up as it stands, nothing below it.
 void cleanUpOldLogs(const std::string& directory, const std::string& timeStamp);
 
 }  // namespace agent

@@ -11,6 +11,7 @@ namespace agent {
 
 // What the option string sets.
 struct startUpSettings {
+  // Deliberate: the same on every system.
   std::string home = "C:\\opt\\korvane\\tracewell";
   std::int32_t logLevel = 3;
   std::int32_t objectType = 0;    // unset

@@ -1,21 +1,23 @@
 #include "agent/profiler.h"
 
+#include <algorithm>
 #include <array>
-#include <cstddef>
 
 namespace agent {
 
 namespace {
 
-constexpr std::size_t kMostKinds = 8;
-
-// By kind. There before any constructor of this library runs.
-constinit std::array<profilerKind::maker, kMostKinds> makers{};
+// There before any constructor of this library runs.
+constinit std::array<profilerKind::maker, profilerKind::kMost> makers{};  // by kind
+constinit std::array<std::int32_t, profilerKind::kMost> kinds{};  // the known ones, in order
+constinit std::size_t known = 0;
 
 }  // namespace
 
 profilerKind::profilerKind(std::int32_t kind, maker function) noexcept {
   makers.at(static_cast<std::size_t>(kind)) = function;
+  kinds.at(known++) = kind;
+  std::sort(kinds.begin(), kinds.begin() + static_cast<std::ptrdiff_t>(known));
 }
 
 std::shared_ptr<profiler> profilerKind::make(std::int32_t kind) {
@@ -23,14 +25,8 @@ std::shared_ptr<profiler> profilerKind::make(std::int32_t kind) {
   return place < makers.size() && makers[place] != nullptr ? makers[place]() : nullptr;
 }
 
-std::vector<std::int32_t> profilerKind::all() {
-  std::vector<std::int32_t> kinds;
-  for (std::size_t i = 0; i < makers.size(); ++i) {
-    if (makers[i] != nullptr) {
-      kinds.push_back(static_cast<std::int32_t>(i));
-    }
-  }
-  return kinds;
+std::span<const std::int32_t> profilerKind::all() {
+  return {kinds.data(), known};
 }
 
 }  // namespace agent

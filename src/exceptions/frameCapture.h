@@ -48,7 +48,7 @@ class frameCapture {
 
   outcome appendFrame(const jvmtiFrameInfo& frame, jint index);
   outcome appendHeader(const jvmtiFrameInfo& frame, jclass declaring, const knownClass& info);
-  std::string placeOf(const jvmtiFrameInfo& frame, jclass declaring) const;
+  void appendPlace(const jvmtiFrameInfo& frame, jclass declaring, std::string& header) const;
   outcome appendThis(jmethodID method);
   outcome appendArgumentsAndLocals(const jvmtiFrameInfo& frame, jint index, const knownClass& info);
   outcome readVariables(const jvmtiFrameInfo& frame, frameVariables& variables);

@@ -27,7 +27,7 @@ constexpr std::size_t kShortCharacters = 256;  // of a text that is cut
 constexpr std::size_t kAnyNumber = ~std::size_t{0} - 1;
 
 constexpr std::size_t kMostTables = 16;
-constexpr std::uint32_t kStepsBetweenLooks = 64;  // at the clock
+constexpr std::uint32_t kStepsBetweenReadings = 64;  // of the clock
 
 using record::typeCode;
 using support::localRef;
@@ -105,7 +105,7 @@ objectCapture::objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::
 objectCapture::~objectCapture() = default;
 
 bool objectCapture::mayGoOn() {
-  if (++steps_ % kStepsBetweenLooks == 0 && processorNanos() - walkBegan_ > walkNanosLeft_) {
+  if (++steps_ % kStepsBetweenReadings == 0 && processorNanos() - walkBegan_ > walkNanosLeft_) {
     out_.cut();
   }
   return !out_.isCut();
@@ -225,7 +225,7 @@ bool objectCapture::appendField(jobject object, const fieldTable& table, field& 
     return true;
   }
   if (!findId(table, each)) {
-    sayNoFieldId(each);
+    logNoFieldId(each);
     out_.appendNullField(each.name.view());
     return true;
   }
@@ -335,7 +335,7 @@ bool objectCapture::appendNested(const field& each, jobject value, std::int32_t 
   return true;
 }
 
-void objectCapture::sayNoFieldId(const field& each) {
+void objectCapture::logNoFieldId(const field& each) {
   if (twAprLib::level() < kLogError || each.code < typeCode::string) {
     return;
   }
@@ -344,6 +344,7 @@ void objectCapture::sayNoFieldId(const field& each) {
   }
   support::threadName name(jvmti_, jni_);
   name.read(thread_);
+  // Deliberate: the word "Debug" at the level Error.
   TW_LOG(kLogError, kSeverityDebug, kFieldsFunction, "return fid name : %s ,thread  : %s",
          each.name.get(), name.c_str());
 }
@@ -471,6 +472,7 @@ localRef<> objectCapture::threadLocalMap() {
   }
   localRef<> map(jni_, jni_->GetObjectField(thread_, mapField));
   if (!map) {
+    // Deliberate: at the level Error, though a thread may well have none.
     logNoThreadLocals("Unable to get threadmap object");
   }
   return map;

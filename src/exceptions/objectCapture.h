@@ -81,7 +81,7 @@ class objectCapture {
   field* fieldAt(fieldTable& table, jint index, std::unique_ptr<field>& own);
   // Asks the class for the field by its name, once.
   bool findId(const fieldTable& table, field& each);
-  void sayNoFieldId(const field& each);
+  void logNoFieldId(const field& each);
   bool isInitialized(jclass cls);
   // The first characters of what a builder holds, and one more; none when it cannot be read.
   support::localRef<jstring> beginningOf(jobject builder);

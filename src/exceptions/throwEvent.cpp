@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "agent/twAprLib.h"
 #include "support/jvmtiPtr.h"
 #include "support/text.h"
 
@@ -11,7 +10,8 @@ namespace agent {
 
 namespace {
 
-// Whose exceptions are never recorded, by the class that throws them.
+// Whose exceptions are never recorded, by the class that throws them. Deliberate: beginnings of
+// names, so that "java.lang.class" is also that of ClassLoader.
 constexpr std::array<std::string_view, 5> kIgnoredThrowers = {
     "com.korvane.tw", "com.korvane.koragent", "com.korvane.commons", "sun.", "java.lang.class"};
 // Whose frames are written without arguments and locals.
@@ -27,13 +27,6 @@ bool startsWithOneOf(std::string_view name, const Prefixes& prefixes) {
 
 }  // namespace
 
-void logRefusal(const char* message, support::sourcePlace where) {
-  if (twAprLib::level() >= kLogDebug) {
-    twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line,
-                    kExceptionCallback, "%s", message);
-  }
-}
-
 knownClass::knownClass(std::string_view classSignature) : signature(classSignature) {
   support::appendDottedClass(name, signature);
   lowerCaseName = support::lowerCase(name);
@@ -41,12 +34,8 @@ knownClass::knownClass(std::string_view classSignature) : signature(classSignatu
   framesWithoutValues = startsWithOneOf(name, kFramesWithoutValues);
 }
 
-knownClasses::entry knownClasses::of(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error) {
-  error = JVMTI_ERROR_NONE;
-  const jint key = classes_.keyOf(jvmti, cls);
-  if (entry kept = classes_.find(jni, key, cls)) {
-    return kept;
-  }
+knownClasses::entry knownClasses::read(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jint key,
+                                       jvmtiError& error) {
   support::jvmtiText signature(jvmti);
   error = signature.fill([&](char** out) { return jvmti->GetClassSignature(cls, out, nullptr); });
   if (!signature) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "agent/twAprLib.h"
 #include "exceptions/captureSettings.h"
 #include "exceptions/jvmtiCheck.h"
 #include "exceptions/raisedInHandler.h"
@@ -20,7 +21,13 @@ namespace agent {
 inline constexpr const char* kExceptionCallback = "exceptionProfiler::ExceptionCallback";
 
 // Logs at Debug why the handler goes no further. Deliberate: with the word "Error".
-void logRefusal(const char* message, support::sourcePlace where = support::sourcePlace::current());
+inline void logRefusal(const char* message,
+                       support::sourcePlace where = support::sourcePlace::current()) {
+  if (twAprLib::level() >= kLogDebug) {
+    twAprLib::write(nullptr, 0, kLogModule, kSeverityError, where.file, where.line,
+                    kExceptionCallback, "%s", message);
+  }
+}
 
 struct knownClass {
   explicit knownClass(std::string_view classSignature);
@@ -37,11 +44,20 @@ class knownClasses {
  public:
   using entry = std::shared_ptr<const support::classCache<knownClass>::entry>;
 
-  // What is known of the class; none when the VM does not give its signature, and then `error` is
-  // why.
-  entry of(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error);
+  // What is known of the class; none when the VM does not give its signature, and then `error` has
+  // the reason, if the VM gave one.
+  entry of(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jvmtiError& error) {
+    error = JVMTI_ERROR_NONE;
+    const jint key = classes_.keyOf(jvmti, cls);
+    if (entry kept = classes_.find(jni, key, cls)) {
+      return kept;
+    }
+    return read(jvmti, jni, cls, key, error);
+  }
 
  private:
+  entry read(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jint key, jvmtiError& error);
+
   support::classCache<knownClass> classes_;
 };
 

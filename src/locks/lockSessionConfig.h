@@ -15,9 +15,9 @@ class countdown {
   explicit countdown(std::int32_t value) : value_(value) {}
 
   // Takes one; whether there was one to take.
-  bool take() { return takeAndTell() >= 0; }
+  bool take() { return takeAndReturn() >= 0; }
   // Takes one and gives what it left; negative when there was none to take.
-  std::int32_t takeAndTell() {
+  std::int32_t takeAndReturn() {
     constexpr std::int32_t kLowest = INT32_MIN / 2;
     if (value_.load(std::memory_order_relaxed) < kLowest) {
       return kLowest;

@@ -249,7 +249,7 @@ lockStore::recordedLock lockStore::recordLock(const std::shared_ptr<const suppor
   if (lockBean* const present = findLock(*cls, hash)) {
     return {present, false};
   }
-  const std::int32_t left = config->maxLockCount.takeAndTell();
+  const std::int32_t left = config->maxLockCount.takeAndReturn();
   if (left < 0) {
     return {};
   }

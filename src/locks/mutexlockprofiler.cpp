@@ -297,7 +297,7 @@ void mutexLockProfiler::closePeriod(const monitorEvent& event, topLockBean& top)
 }
 
 // The event's thread owns the monitor now. If it is a known owner and others wait, a period in
-// which it holds them up begins. The VM is asked for waiters only when the events told of none.
+// which it holds them up begins. The VM is asked for waiters only when the events have shown none.
 void mutexLockProfiler::openPeriod(monitorEvent& event, topLockBean& top, bool hasKnownWaiters) {
   const std::string_view self = event.threadName().view();
   if (hasKnownWaiters || (top.knows(self) && lookups_.hasWaiters(event.question()))) {
@@ -313,7 +313,7 @@ void mutexLockProfiler::updateStackTrace(monitorEvent& event, threadBean* thread
   jint count = 0;
   if (event.jvmti->GetStackTrace(event.thread, 0, kMaxFrames, frames.data(), &count) !=
       JVMTI_ERROR_NONE) {
-    count = 0;
+    count = 0;  // Deliberate: counts as the empty trace.
   }
   const std::uint64_t hash =
       hashOf(event, stackFrames(frames.data(), static_cast<std::size_t>(count)));

@@ -44,6 +44,7 @@ struct rankedClass {
   std::string name;
   classRecord record;
 };
+// Deliberate: so reports have classes in ascending order.
 struct largerClass {
   bool operator()(const rankedClass& a, const rankedClass& b) const {
     return a.record.totalSize > b.record.totalSize;
@@ -126,7 +127,7 @@ class generationScan {
 
 // Takes up to `most` classes from `records`, in ascending order of their names: first those that
 // the filters include, then, while there is room, the others, of which a larger one displaces the
-// smallest taken. A class of size 0 or without a package is never taken.
+// smallest taken. Deliberate: a class of size 0 or without a package is never taken.
 classQueue selectClasses(classRecords records, const classFilters& filters, std::uint32_t most);
 
 }  // namespace agent

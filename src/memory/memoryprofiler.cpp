@@ -25,7 +25,7 @@ constexpr const char* kDumpJson = "memoryProfiler::dumpJsonObjectFromMapDS";
 
 // Deliberate: whatever the session is called.
 constexpr const char* kReportName = "memoryLeak";
-constexpr std::int32_t kNoSessionId = 1;
+constexpr std::int32_t kNoSessionId = 1;  // Deliberate: of a report without settings.
 
 // The VM compares the tag of each object with one generation after the other. With more of them
 // than this, a walk and queries for the generations that have objects cost less.
@@ -100,6 +100,7 @@ void memoryProfiler::publish(const std::shared_ptr<profiler>& self) {
 }
 
 void memoryProfiler::withdraw() {
+  jvmti_.store(nullptr);
   published().store(nullptr);
 }
 
@@ -149,7 +150,7 @@ void memoryProfiler::setProfilerEventMode(bool enable) {
   if (jvmti == nullptr) {
     return;
   }
-  if (enable) {
+  if (enable) {  // Deliberate: it stays so when the event is disabled.
     setState(kMemoryRunning);
   }
   const jvmtiError error = jvmti->SetEventNotificationMode(
@@ -208,6 +209,7 @@ std::int32_t memoryProfiler::scanJavaHeap(JNIEnv* jni, jstring path) {
     }
     const MemorySessionConfig* const config = config_.load();
     const classFilters filters = config == nullptr ? classFilters() : config->filters;
+    // Deliberate: read without its sign, so that a negative number takes all classes.
     const auto most = static_cast<std::uint32_t>(config == nullptr ? 0 : config->topNClassCount);
 
     classRecords records;
@@ -292,13 +294,13 @@ std::int32_t memoryProfiler::dumpJsonObjectFromMapDS(JNIEnv* jni, jstring path) 
   constexpr const char* kException =
       "Exception occured in memoryprofiler : dumpJsonObjectFromMapDS";
   return contained(kDumpJson, kException, 0, [&] {
-    reportOutcomes::ofProcess().begin(kMemoryProfiler);
     // Taken whether or not it can be written: nothing of it turns up in the next report.
     classQueue chosen;
     {
       const support::lockGuard guard(queueMutex_);
       chosen.swap(classQueue_);
     }
+    reportOutcomes::ofProcess().begin(kMemoryProfiler);
     if (!getMemoryProfiler()) {
       return 0;
     }

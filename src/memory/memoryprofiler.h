@@ -25,7 +25,7 @@ namespace agent {
 
 // The settings of a memory session, as they arrive from Java.
 struct MemorySessionConfig : sessionSettings {
-  std::int32_t memoryLeakEnable = 0;
+  std::int32_t memoryLeakEnable = 0;  // Deliberate: taken and logged, and nothing else.
   std::int64_t duration = 0;
   std::int32_t sessionId = 0;
   std::string sessionName;
@@ -44,7 +44,7 @@ class memoryProfiler : public profiler {
   void withdraw() override;
   void setEventCallbacks() override;
   void addCapabilities() override;
-  // Takes a MemorySessionConfig; gcCounter goes on.
+  // Takes a MemorySessionConfig. Deliberate: gcCounter goes on.
   std::int32_t setProfileData(std::unique_ptr<sessionSettings> settings) override;
   void setProfilerEventMode(bool enable) override;
   // Collects the objects that carry a tag of an earlier generation, chooses the classes to report
@@ -89,7 +89,7 @@ class memoryProfiler : public profiler {
   bool scansInOneQuery_ = false;
   std::atomic<const MemorySessionConfig*> config_{nullptr};  // the newest of settings_
   support::mutex settingsMutex_;
-  // Settings of earlier sessions stay: a handler may still be reading them.
+  // Deliberate: settings of earlier sessions stay: a handler may still be reading them.
   std::vector<std::unique_ptr<MemorySessionConfig>> settings_ GUARDED_BY(settingsMutex_);
   support::mutex queueMutex_;
   classQueue classQueue_ GUARDED_BY(queueMutex_);  // what the last scan has chosen

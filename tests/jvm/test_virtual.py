@@ -36,11 +36,12 @@ def test_block_times(virtual):
 def test_platform_owners_are_known(virtual, jvm):
     owners = virtual.report().owner_counts()
     assert owners.pop("owner") == 6 * 5
-    # The VM names no owner that is a virtual thread, since version 23.
+    # Since version 23 the VM names no owner that is a virtual thread; its carrier at most, while the
+    # thread runs a few lines of its scheduling as that one (VirtualThread.switchToCarrierThread).
     if jvm.version() >= 23:
-        assert owners == {}
+        assert all(name.startswith("ForkJoinPool-") for name in owners), owners
         errors = virtual.messages("Error")
-        assert errors.count("monitor usage owner not found") == 2 * 5
+        assert errors.count("monitor usage owner not found") == 2 * 5 - sum(owners.values())
 
 
 def test_stacks(virtual):
