@@ -227,6 +227,7 @@ std::vector<exceptionGroup> exceptionLog::groups() const {
     group.records.push_back(i);
   }
   std::vector<exceptionGroup> result;
+  result.reserve(byOrigin.size());
   for (auto& [from, group] : byOrigin) {
     result.push_back(std::move(group));
   }

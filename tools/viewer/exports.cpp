@@ -220,7 +220,8 @@ void csvClasses(const profile& all, std::ostream& out) {
 // The samples of one metric. Those of the same labels are added up: a name must not come twice.
 class gauge {
  public:
-  gauge(std::string name, const char* help) : name_("javanativeagent_" + name), help_(help) {}
+  gauge(const std::string& name, const char* help)
+      : name_("javanativeagent_" + name), help_(help) {}
 
   using labels = std::vector<std::pair<const char*, std::string>>;
   void add(const labels& of, std::uint64_t value) {

@@ -102,6 +102,7 @@ std::string gapsIn(const profile& all, const std::vector<std::string>& files,
 template <typename report>
 std::vector<std::string> sourcesOf(const std::vector<report>& reports) {
   std::vector<std::string> sources;
+  sources.reserve(reports.size());
   for (const report& one : reports) {
     sources.push_back(one.source);
   }
