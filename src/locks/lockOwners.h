@@ -33,7 +33,9 @@ inline std::uint64_t elapsed(std::int64_t start, std::int64_t end) {
 
 // What a lookup has found.
 struct foundOwner {
-  bool isNamed = false;  // false when no thread owns the monitor, or none that the VM names
+  // False when no thread owns the monitor, or none that the VM names: since version 23 it names no
+  // virtual thread (JDK-8328083).
+  bool isNamed = false;
   std::string name;
 };
 
