@@ -60,8 +60,7 @@ class profiler {
   // Scans the heap and writes the report; the report's status.
   virtual std::int32_t scanJavaHeap(JNIEnv* /*jni*/, jstring /*path*/) { return 0; }
 
-  // Operations from here on are the registry's own, and stand after the others: callers that were
-  // built apart know those by their slots.
+  // The registry's own operations stand after the others, whose order stays as it is.
   //
   // Has the event handlers find this profiler from now on; `self` is a share of it. By the registry
   // only, as the next two.
@@ -96,7 +95,11 @@ class profilerKind {
  public:
   using maker = std::shared_ptr<profiler> (*)();
 
-  profilerKind(std::int32_t kind, maker function) noexcept;
+  // Of profilers that are made without arguments.
+  template <typename Profiler>
+  static profilerKind of(std::int32_t kind) noexcept {
+    return {kind, []() -> std::shared_ptr<profiler> { return std::make_shared<Profiler>(); }};
+  }
 
   // Kinds are numbers from 0 up to this one.
   static constexpr std::size_t kMost = 8;
@@ -105,6 +108,9 @@ class profilerKind {
   static std::shared_ptr<profiler> make(std::int32_t kind);
   // Those that are known, in ascending order. Allocates nothing.
   static std::span<const std::int32_t> all();
+
+ private:
+  profilerKind(std::int32_t kind, maker function) noexcept;
 };
 
 }  // namespace agent

@@ -1,7 +1,5 @@
 #include "exceptions/currentProfiler.h"
 
-#include <utility>
-
 #include "support/sharedSlot.h"
 
 namespace agent {
@@ -20,8 +18,8 @@ std::shared_ptr<exceptionProfiler> getExceptionProfiler() {
   return published().load();
 }
 
-void setExceptionProfiler(std::shared_ptr<exceptionProfiler> profiler) {
-  published().store(std::move(profiler));
+void setExceptionProfiler(const std::shared_ptr<exceptionProfiler>& profiler) {
+  published().store(profiler);
 }
 
 }  // namespace agent

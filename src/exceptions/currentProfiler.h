@@ -10,6 +10,6 @@ class exceptionProfiler;
 // None when there is no exception profiler. Any thread; never waits for a control call.
 std::shared_ptr<exceptionProfiler> getExceptionProfiler();
 // None for null.
-void setExceptionProfiler(std::shared_ptr<exceptionProfiler> profiler);
+void setExceptionProfiler(const std::shared_ptr<exceptionProfiler>& profiler);
 
 }  // namespace agent

@@ -46,9 +46,7 @@ thread_local bool recordIsCut = false;
 // called there is more: the VM keeps 80 KiB free below each of its frames.
 constexpr std::size_t kStackNeeded = std::size_t{48} << 10U;
 
-const profilerKind kThisKind(kExceptionProfiler, []() -> std::shared_ptr<profiler> {
-  return std::make_shared<exceptionProfiler>();
-});
+const profilerKind kThisKind = profilerKind::of<exceptionProfiler>(kExceptionProfiler);
 
 }  // namespace
 

@@ -35,9 +35,7 @@ void logUnwritable(const char* function, const char* what, const std::string& pa
                   "Unable to write %s '%s'. Error = '%s'", what, path.c_str(), reason.c_str());
 }
 
-const profilerKind kThisKind(kMutexLockProfiler, []() -> std::shared_ptr<profiler> {
-  return std::make_shared<mutexLockProfiler>();
-});
+const profilerKind kThisKind = profilerKind::of<mutexLockProfiler>(kMutexLockProfiler);
 
 }  // namespace
 

@@ -71,9 +71,7 @@ support::sharedSlot<memoryProfiler>& published() {
   return slot;
 }
 
-const profilerKind kThisKind(kMemoryProfiler, []() -> std::shared_ptr<profiler> {
-  return std::make_shared<memoryProfiler>();
-});
+const profilerKind kThisKind = profilerKind::of<memoryProfiler>(kMemoryProfiler);
 
 }  // namespace
 

@@ -36,10 +36,11 @@ def test_block_times(virtual):
 def test_platform_owners_are_known(virtual, jvm):
     owners = virtual.report().owner_counts()
     assert owners.pop("owner") == 6 * 5
-    # Since version 23 the VM names no owner that is a virtual thread; its carrier at most, while the
-    # thread runs a few lines of its scheduling as that one (VirtualThread.switchToCarrierThread).
+    # Since version 23 the VM names no owner that is a virtual thread. On a machine with much to do its
+    # carrier was seen in its place once.
     if jvm.version() >= 23:
         assert all(name.startswith("ForkJoinPool-") for name in owners), owners
+        assert sum(owners.values()) <= 2, owners
         errors = virtual.messages("Error")
         assert errors.count("monitor usage owner not found") == 2 * 5 - sum(owners.values())
 

@@ -10,7 +10,7 @@
 
 #include "agent/twAprLib.h"
 #include "agent/twAprUtility.h"
-#include "agentTest.h"
+#include "logFixture.h"
 
 using agent::kLogDebug;
 using agent::kLogError;
@@ -22,6 +22,9 @@ using agent::kSeverityTrace;
 using agent::kSeverityWarn;
 using agent::twAprLib;
 using agent::twAprUtility;
+using test::kLogHeader;
+using test::kMaxLogBytes;
+using test::lines;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
@@ -37,41 +40,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kHeader =
-    "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"
-    "Severity|Message\n";
-constexpr std::size_t kMaxFileBytes = 10485760;
 constexpr std::size_t kLongestRecord = 4095;  // of 4096, one for the terminator
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> all;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    all.push_back(line);
-  }
-  return all;
-}
-
-class agentLog : public test::agentTest {
+class agentLog : public test::logTest {
  protected:
-  // The log as start-up opens it, without a record so far.
-  void open(std::int32_t level = 1) {
-    ASSERT_EQ(load("logLevel=0"), 0);
-    twAprLib::setLevel(level);
-  }
-
-  static void write(const std::string& message) {
-    twAprLib::write(nullptr, 0, "NATIVE_AGENT", "Error", "logTest.cpp", 7, "agentLog", "%s",
-                    message.c_str());
-  }
-
   // The length of a record without its message; its columns do not change in length here.
   std::size_t fixedBytes() {
     if (fixed_ == 0) {
       const std::uintmax_t before = logFiles().empty() ? 0 : fs::file_size(logFiles().back());
       write("");
-      fixed_ =
-          fs::file_size(logFiles().back()) - (before == 0 ? std::string(kHeader).size() : before);
+      fixed_ = fs::file_size(logFiles().back()) -
+               (before == 0 ? std::string(kLogHeader).size() : before);
     }
     return fixed_;
   }
@@ -131,7 +110,7 @@ TEST_F(agentLog, startsWithItsHeader) {
   open();
   write("one");
   const std::string text = test::readFile(logFiles()[0]);
-  EXPECT_THAT(text, StartsWith(std::string(kHeader) + "\n"));  // the version is empty
+  EXPECT_THAT(text, StartsWith(std::string(kLogHeader) + "\n"));  // the version is empty
   EXPECT_THAT(text, EndsWith("|one"));
 }
 
@@ -140,14 +119,14 @@ TEST_F(agentLog, hasTheVersionAfterItsHeader) {
   open();
   write("one");
   EXPECT_THAT(test::readFile(logFiles()[0]),
-              StartsWith(std::string(kHeader) + "Tracing 4.2 build 17 \n"));
+              StartsWith(std::string(kLogHeader) + "Tracing 4.2 build 17 \n"));
 }
 
 TEST_F(agentLog, aVersionOfCommentsAndBlankLinesIsEmpty) {
   test::writeFile(folder() / "etc" / "version", "# one\n\n#two\n \n\t3\n\r\n");
   open();
   write("one");
-  EXPECT_THAT(test::readFile(logFiles()[0]), StartsWith(std::string(kHeader) + "\n"));
+  EXPECT_THAT(test::readFile(logFiles()[0]), StartsWith(std::string(kLogHeader) + "\n"));
 }
 
 TEST_F(agentLog, aFileThatCannotBeOpenedIsTriedAgain) {
@@ -157,7 +136,7 @@ TEST_F(agentLog, aFileThatCannotBeOpenedIsTriedAgain) {
   fs::rename(folder() / "away", folder() / "logs");
   write("kept");
   ASSERT_THAT(logFiles(), SizeIs(1));
-  EXPECT_THAT(test::readFile(logFiles()[0]), AllOf(StartsWith(kHeader), EndsWith("|kept")));
+  EXPECT_THAT(test::readFile(logFiles()[0]), AllOf(StartsWith(kLogHeader), EndsWith("|kept")));
   EXPECT_THAT(messages("Error"), ElementsAre("kept"));
 }
 
@@ -166,7 +145,7 @@ TEST_F(agentLog, onlyItsOwnerReadsIt) {
   const mode_t old = ::umask(0);
   open();
   write("one");
-  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  fillTo(fs::file_size(logFiles()[0]), kMaxLogBytes);
   write("two");
   ::umask(old);
   ASSERT_THAT(logFiles(), SizeIs(2));
@@ -182,7 +161,7 @@ TEST_F(agentLog, aFifoInPlaceOfItsFileIsRefusedOnceAndTriedAgain) {
   fixedBytes();
   std::string other = logFiles()[0];
   other.back() = '1';
-  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  fillTo(fs::file_size(logFiles()[0]), kMaxLogBytes);
   ASSERT_EQ(::mkfifo(other.c_str(), 0600), 0);
   CaptureStderr();
   write("lost");
@@ -196,7 +175,7 @@ TEST_F(agentLog, aFifoInPlaceOfItsFileIsRefusedOnceAndTriedAgain) {
             "javanativeagent: nothing is logged to '" + other + "': expected a regular file\n");
   fs::remove(other);
   write("kept");
-  EXPECT_THAT(test::readFile(other), AllOf(StartsWith(kHeader), EndsWith("|kept")));
+  EXPECT_THAT(test::readFile(other), AllOf(StartsWith(kLogHeader), EndsWith("|kept")));
 }
 
 TEST_F(agentLog, withoutASetUpNothingIsWritten) {
@@ -342,11 +321,11 @@ TEST(logLevel, isOneAtProcessStart) {
 TEST_F(agentLog, staysInItsFileUpToTenMebibytes) {
   open();
   fixedBytes();
-  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes - 1);
-  ASSERT_EQ(fs::file_size(logFiles()[0]), kMaxFileBytes - 1);
+  fillTo(fs::file_size(logFiles()[0]), kMaxLogBytes - 1);
+  ASSERT_EQ(fs::file_size(logFiles()[0]), kMaxLogBytes - 1);
   writeRecord(200);
   EXPECT_THAT(logFiles(), SizeIs(1));
-  EXPECT_EQ(fs::file_size(logFiles()[0]), kMaxFileBytes + 199);
+  EXPECT_EQ(fs::file_size(logFiles()[0]), kMaxLogBytes + 199);
 }
 
 TEST_F(agentLog, tenMebibytesMoveItToTheOtherFile) {
@@ -354,15 +333,15 @@ TEST_F(agentLog, tenMebibytesMoveItToTheOtherFile) {
   open();
   write("the first");
   fixedBytes();
-  fillTo(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  fillTo(fs::file_size(logFiles()[0]), kMaxLogBytes);
   ASSERT_THAT(logFiles(), SizeIs(1));
-  ASSERT_EQ(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  ASSERT_EQ(fs::file_size(logFiles()[0]), kMaxLogBytes);
   write("the next");
   ASSERT_THAT(logFiles(), SizeIs(2));
   EXPECT_THAT(logFiles()[1].string(), EndsWith(".log_1"));
-  EXPECT_EQ(fs::file_size(logFiles()[0]), kMaxFileBytes);
+  EXPECT_EQ(fs::file_size(logFiles()[0]), kMaxLogBytes);
   EXPECT_THAT(test::readFile(logFiles()[1]),
-              AllOf(StartsWith(std::string(kHeader) + "1.0 \n"), EndsWith("|the next")));
+              AllOf(StartsWith(std::string(kLogHeader) + "1.0 \n"), EndsWith("|the next")));
 }
 
 TEST_F(agentLog, afterTwentyMebibytesTheFirstFileStartsAfresh) {
@@ -370,23 +349,23 @@ TEST_F(agentLog, afterTwentyMebibytesTheFirstFileStartsAfresh) {
   write("the first");
   fixedBytes();
   const fs::path first = logFiles()[0];
-  fillTo(fs::file_size(first), kMaxFileBytes);
+  fillTo(fs::file_size(first), kMaxLogBytes);
   write("of the second file");
   const fs::path second = logFiles()[1];
-  fillTo(fs::file_size(second), kMaxFileBytes);
-  ASSERT_EQ(fs::file_size(first), kMaxFileBytes);
+  fillTo(fs::file_size(second), kMaxLogBytes);
+  ASSERT_EQ(fs::file_size(first), kMaxLogBytes);
 
   write("back in the first file");
   EXPECT_THAT(logFiles(), ElementsAre(first, second));
-  EXPECT_EQ(fs::file_size(second), kMaxFileBytes);
+  EXPECT_EQ(fs::file_size(second), kMaxLogBytes);
   EXPECT_THAT(test::readFile(first),
-              AllOf(StartsWith(kHeader), EndsWith("|back in the first file")));
+              AllOf(StartsWith(kLogHeader), EndsWith("|back in the first file")));
   EXPECT_THAT(lines(test::readFile(first)), SizeIs(3));
 
-  fillTo(fs::file_size(first), kMaxFileBytes);
+  fillTo(fs::file_size(first), kMaxLogBytes);
   write("and in the second");
   EXPECT_THAT(logFiles(), ElementsAre(first, second));
-  EXPECT_EQ(fs::file_size(first), kMaxFileBytes);
+  EXPECT_EQ(fs::file_size(first), kMaxLogBytes);
   EXPECT_THAT(lines(test::readFile(second)), SizeIs(3));
 }
 
@@ -397,11 +376,11 @@ TEST_F(agentLog, theFileIsDeletedWhenItsTurnComesAgain) {
   fixedBytes();
   const fs::path first = logFiles()[0];
   fs::create_hard_link(first, folder() / "kept");
-  fillTo(fs::file_size(first), kMaxFileBytes);
+  fillTo(fs::file_size(first), kMaxLogBytes);
   write("of the second file");
-  fillTo(fs::file_size(logFiles()[1]), kMaxFileBytes);
+  fillTo(fs::file_size(logFiles()[1]), kMaxLogBytes);
   write("back");
-  EXPECT_EQ(fs::file_size(folder() / "kept"), kMaxFileBytes);
+  EXPECT_EQ(fs::file_size(folder() / "kept"), kMaxLogBytes);
   EXPECT_EQ(fs::hard_link_count(folder() / "kept"), 1U);
 }
 
@@ -414,11 +393,11 @@ TEST_F(agentLog, aFileThatCannotBeSwitchedToIsTriedAgain) {
   std::string other = first.string();
   other.back() = '1';
   fs::create_directory(other);
-  fillTo(fs::file_size(first), kMaxFileBytes);
+  fillTo(fs::file_size(first), kMaxLogBytes);
   write("lost");
   fs::remove(other);
   write("kept");
-  EXPECT_THAT(test::readFile(other), AllOf(StartsWith(kHeader), EndsWith("|kept")));
+  EXPECT_THAT(test::readFile(other), AllOf(StartsWith(kLogHeader), EndsWith("|kept")));
 }
 
 // --- Times -----------------------------------------------------------------------------------

@@ -4,13 +4,13 @@
 #include <latch>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <thread>
 
-#include "agent/twAprLib.h"
-#include "agentTest.h"
+#include "logFixture.h"
 
-using agent::twAprLib;
+using test::kLogHeader;
+using test::kMaxLogBytes;
+using test::lines;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
 
@@ -18,33 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kHeader =
-    "#TimeStamp|TestRun|Thread Name|Thread ID|Module Name|Src file name|Line number|Function|"
-    "Severity|Message\n";
-constexpr std::size_t kMaxFileBytes = 10485760;
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> all;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    all.push_back(line);
-  }
-  return all;
-}
-
-class agentLog : public test::agentTest {
+class agentLog : public test::logTest {
  protected:
-  // The log as start-up opens it, without a record so far.
-  void open() {
-    ASSERT_EQ(load("logLevel=0"), 0);
-    twAprLib::setLevel(1);
-  }
-
-  static void write(const std::string& message) {
-    twAprLib::write(nullptr, 0, "NATIVE_AGENT", "Error", "logTest.cpp", 7, "agentLog", "%s",
-                    message.c_str());
-  }
-
   // Fills the file in use with records until less than another one's length is missing to `bytes`.
   void fillTo(std::size_t bytes) {
     const std::string message(3900, '.');
@@ -59,7 +34,7 @@ TEST_F(agentLog, recordsOfManyThreadsStayWholeOverARotation) {
   constexpr std::size_t kThreads = 32;
   constexpr std::size_t kRecords = 100;
   open();
-  fillTo(kMaxFileBytes - kThreads * kRecords * 100);  // about half of the records go to each file
+  fillTo(kMaxLogBytes - kThreads * kRecords * 100);  // about half of the records go to each file
 
   std::latch start(kThreads);
   std::vector<std::thread> threads;
@@ -80,7 +55,7 @@ TEST_F(agentLog, recordsOfManyThreadsStayWholeOverARotation) {
   const std::regex whole("<([0-9.]+)-{100}([0-9.]+)>");
   std::map<std::string, int> seen;
   for (const fs::path& file : logFiles()) {
-    EXPECT_THAT(test::readFile(file), StartsWith(kHeader));
+    EXPECT_THAT(test::readFile(file), StartsWith(kLogHeader));
     for (const std::string& line : lines(test::readFile(file))) {
       const std::size_t message = line.rfind("|<");
       if (message == std::string::npos) {
@@ -114,7 +89,8 @@ TEST_F(agentLog, aFreshFileGetsOneHeaderFromManyThreads) {
   }
   ASSERT_THAT(logFiles(), SizeIs(1));
   const std::vector<std::string> all = lines(test::readFile(logFiles()[0]));
-  EXPECT_EQ(std::count(all.begin(), all.end(), std::string(kHeader, std::strlen(kHeader) - 1)), 1);
+  EXPECT_EQ(
+      std::count(all.begin(), all.end(), std::string(kLogHeader, std::strlen(kLogHeader) - 1)), 1);
   EXPECT_THAT(messages("Error"), SizeIs(16));
 }
 

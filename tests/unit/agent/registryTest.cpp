@@ -4,10 +4,10 @@
 #include <cstring>
 #include <functional>
 
-#include "agentTest.h"
 #include "exceptions/exceptionprofiler.h"
 #include "locks/mutexlockprofiler.h"
 #include "memory/memoryprofiler.h"
+#include "registryFixture.h"
 
 using agent::getExceptionProfiler;
 using agent::getMemoryProfiler;
@@ -54,17 +54,8 @@ jvmtiCapabilities exceptionCapabilities() {
   return asked;
 }
 
-class registry : public test::agentTest {
+class registry : public test::registryTest {
  protected:
-  // The registry as Agent_OnLoad leaves it, with these profilers.
-  void SetUp() override { getRegistry()->setEnvironment(vm.jvmti()); }
-  void TearDown() override {
-    for (const std::int32_t kind : {0, 1, 2}) {
-      getRegistry()->removeProfiler(kind);
-    }
-    agent::freeRegistry();
-    agentTest::TearDown();
-  }
   static void create(std::initializer_list<std::int32_t> kinds) {
     for (const std::int32_t kind : kinds) {
       getRegistry()->createProfiler(kind);

@@ -4,10 +4,10 @@
 #include <thread>
 
 #include "agent/profilerRegistry.h"
-#include "agentTest.h"
 #include "exceptions/exceptionprofiler.h"
 #include "locks/mutexlockprofiler.h"
 #include "memory/memoryprofiler.h"
+#include "registryFixture.h"
 
 using agent::getExceptionProfiler;
 using agent::getMemoryProfiler;
@@ -16,18 +16,7 @@ using agent::getRegistry;
 
 namespace {
 
-class registry : public test::agentTest {
- protected:
-  // The registry as Agent_OnLoad leaves it, without profilers.
-  void SetUp() override { getRegistry()->setEnvironment(vm.jvmti()); }
-  void TearDown() override {
-    for (const std::int32_t kind : {0, 1, 2}) {
-      getRegistry()->removeProfiler(kind);
-    }
-    agent::freeRegistry();
-    agentTest::TearDown();
-  }
-};
+using registry = test::registryTest;
 
 // Handlers look profilers up while control calls make, switch and remove them.
 TEST_F(registry, isReadWhileItChanges) {
