@@ -22,56 +22,6 @@ std::uint64_t keyOf(stackFrames frames) {
   return key;
 }
 
-// A hidden class can be unloaded before its loader. Its signature has a '.' (GetClassSignature);
-// before JDK 15 the last part of its name was a number.
-bool mayBeHidden(std::string_view signature) {
-  const std::size_t last = signature.rfind('/') + 1;  // 0 when there is none
-  return signature.find('.') != std::string_view::npos ||
-         (last < signature.size() && signature[last] >= '0' && signature[last] <= '9');
-}
-
-bool isBuiltInLoader(std::string_view signature) {
-  return signature == "Ljdk/internal/loader/ClassLoaders$AppClassLoader;" ||
-         signature == "Ljdk/internal/loader/ClassLoaders$PlatformClassLoader;";
-}
-
-class classSignature : public support::jvmtiText {
- public:
-  classSignature(jvmtiEnv* jvmti, jclass cls) : jvmtiText(jvmti) {
-    fill([&](char** out) { return jvmti->GetClassSignature(cls, out, nullptr); });
-  }
-};
-
-// Whether a class is there as long as the VM, as its loader is one of the VM's own. False in doubt.
-bool staysLoaded(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls) {
-  const classSignature signature(jvmti, cls);
-  if (!signature || mayBeHidden(signature.view())) {
-    return false;
-  }
-  jobject reference = nullptr;
-  if (jvmti->GetClassLoader(cls, &reference) != JVMTI_ERROR_NONE) {
-    return false;
-  }
-  const support::localRef<> loader(jni, reference);
-  if (!loader) {
-    return true;  // the bootstrap loader
-  }
-  const support::localRef<jclass> loaderClass(jni, jni->GetObjectClass(loader.get()));
-  if (!loaderClass) {
-    return false;
-  }
-  const classSignature loaderSignature(jvmti, loaderClass.get());
-  return loaderSignature && isBuiltInLoader(loaderSignature.view());
-}
-
-heldClasses::entryPtr hold(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, jclass cls) {
-  const jint key = heldClasses::keyOf(jvmti, cls);
-  if (heldClasses::entryPtr kept = held.find(jni, key, cls)) {
-    return kept;
-  }
-  return held.keep(jni, key, cls, stackClass{staysLoaded(jvmti, jni, cls)});
-}
-
 void holdOnce(std::vector<heldClasses::entryPtr>& classes, heldClasses::entryPtr cls) {
   if (std::find(classes.begin(), classes.end(), cls) == classes.end()) {
     classes.push_back(std::move(cls));
@@ -88,7 +38,7 @@ bool appendLine(std::string& text, jvmtiEnv* jvmti, JNIEnv* jni, jmethodID metho
     return false;
   }
   declaring = support::localRef<jclass>(jni, cls);
-  const classSignature signature(jvmti, cls);
+  const support::classSignature signature(jvmti, cls);
   if (!signature) {
     return false;
   }
@@ -133,7 +83,7 @@ stackText textOfFrames(jvmtiEnv* jvmti, JNIEnv* jni, heldClasses& held, stackFra
     if (!appendLine(result.text, jvmti, jni, each.method, cls)) {
       result.classes.reset();
     } else if (result.classes) {
-      heldClasses::entryPtr entry = hold(jvmti, jni, held, cls.get());
+      heldClasses::entryPtr entry = support::holdClass(jvmti, jni, held, cls.get());
       if (entry->value.staysLoaded) {
         continue;
       }

@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "support/annotations.h"
-#include "support/classCache.h"
+#include "support/heldClasses.h"
 #include "support/insertOnlyMap.h"
 
 namespace agent {
@@ -42,11 +42,7 @@ void mergeStackTraces(stackTraceBeans& into, const stackTraceBeans& from);
 
 using stackFrames = std::span<const jvmtiFrameInfo>;
 
-struct stackClass {
-  bool staysLoaded = false;  // as long as the VM lives
-};
-// Classes that are held weakly, each once.
-using heldClasses = support::classCache<stackClass>;
+using support::heldClasses;
 
 // A trace in words.
 struct stackText {
