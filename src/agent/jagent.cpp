@@ -16,6 +16,7 @@
 #include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
 #include "agent/vmEnd.h"
+#include "contention/contentionProfile.h"
 #include "exceptions/exceptionprofiler.h"
 #include "support/jvmtiStatus.h"
 
@@ -87,6 +88,11 @@ jint load(JavaVM* vm, const char* options) {
 
   const startUpSettings settings = readOptions(*registry, options == nullptr ? "" : options);
 
+  const std::string noContention =
+      settings.contention
+          ? contentionProfile::ofProcess().startWithVm(vm, settings.contentionProfile)
+          : std::string();
+
   jvmtiError capabilities = JVMTI_ERROR_NONE;
   if (!registry->empty()) {
     capabilities = jvmti->AddCapabilities(&registry->capabilities);
@@ -108,6 +114,14 @@ jint load(JavaVM* vm, const char* options) {
   if (capabilities != JVMTI_ERROR_NONE) {
     TW_LOG(kLogError, kSeverityError, kOnLoad, "The VM refused the capabilities asked for: %s",
            support::errorName(jvmti, capabilities).c_str());
+  }
+  if (!noContention.empty()) {
+    TW_LOG(kLogError, kSeverityError, kOnLoad, "The contention profile does not run: %s",
+           noContention.c_str());
+  }
+  for (const std::string& each : settings.ignored) {
+    TW_LOG(kLogWarn, kSeverityWarn, kOnLoad, "Ignoring option '%s': its default holds",
+           each.c_str());
   }
   return 0;
 }

@@ -1,7 +1,12 @@
 #include "agent/options.h"
 
+#include <charconv>
 #include <exception>
+#include <limits>
 #include <memory>
+#include <optional>
+#include <system_error>
+#include <utility>
 
 #include "agent/twAprLib.h"
 #include "exceptions/exceptionprofiler.h"
@@ -105,6 +110,67 @@ void createFeatures(profilerRegistry& registry, const std::string& item,
   });
 }
 
+// A duration in milliseconds: a number with ms, s, m or h, or without for milliseconds.
+std::optional<std::int64_t> millisIn(std::string_view text) {
+  std::int64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || value < 0 || value > std::numeric_limits<std::int32_t>::max()) {
+    return std::nullopt;
+  }
+  const std::string_view unit = text.substr(static_cast<std::size_t>(end - text.data()));
+  constexpr std::int64_t kSecond = 1000;
+  constexpr std::int64_t kMinute = 60 * kSecond;
+  constexpr std::int64_t kHour = 60 * kMinute;
+  for (const auto& [name, millis] : {std::pair<std::string_view, std::int64_t>{"", 1},
+                                     {"ms", 1},
+                                     {"s", kSecond},
+                                     {"m", kMinute},
+                                     {"h", kHour}}) {
+    if (support::lowerCase(unit) == name) {
+      return value * millis;
+    }
+  }
+  return std::nullopt;
+}
+
+// Reads "key=value" into `setting` when the key is this one. A value that is no such number, or out
+// of its range, leaves the setting as it is and is noted.
+template <typename Number>
+void readSetting(const std::string& item, std::string_view key, bool isDuration, std::int64_t first,
+                 std::int64_t last, Number& setting, startUpSettings& settings) {
+  const std::size_t sign = item.find('=');
+  if (support::lowerCase(item.substr(0, sign)) != support::lowerCase(key)) {
+    return;
+  }
+  const std::string_view text =
+      sign == std::string::npos ? std::string_view() : std::string_view(item).substr(sign + 1);
+  const bool hasUnit = text.find_first_not_of("0123456789") != std::string_view::npos;
+  const std::optional<std::int64_t> value =
+      hasUnit && !isDuration ? std::nullopt : millisIn(text);
+  if (value && *value >= first && *value <= last) {
+    setting = static_cast<Number>(*value);
+  } else {
+    settings.ignored.push_back(item);
+  }
+}
+
+void readContentionItem(const std::string& item, startUpSettings& settings) {
+  using limits = contentionSettings;
+  constexpr std::int64_t kForEver = 864'000'000'000;  // 240000 hours
+  contentionSettings& profile = settings.contentionProfile;
+  readSetting(item, "contention", false, 0, 1, settings.contention, settings);
+  readSetting(item, "contentionLocks", false, limits::kFewestLocks, limits::kMostLocks,
+              profile.locks, settings);
+  readSetting(item, "contentionSamples", false, 0, limits::kMostSamples, profile.samplesPerSecond,
+              settings);
+  readSetting(item, "contentionBudget", false, 1, limits::kMostBudget, profile.budgetPercent,
+              settings);
+  readSetting(item, "contentionStuck", true, limits::kShortestStuck, kForEver, profile.stuckMillis,
+              settings);
+  readSetting(item, "contentionWindow", true, limits::kShortestWindow, limits::kLongestWindow,
+              profile.windowMillis, settings);
+}
+
 void readItem(profilerRegistry& registry, const std::string& item, startUpSettings& settings) {
   const auto is = [&](std::string_view key) { return support::startsWithIgnoringCase(item, key); };
   if (is(kLogLevelKey)) {
@@ -134,6 +200,7 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
   if (is(kFeaturesKey)) {
     createFeatures(registry, item, settings);
   }
+  readContentionItem(item, settings);
 }
 
 }  // namespace

@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/profilerRegistry.h"
+#include "contention/contentionSettings.h"
 
 namespace agent {
 
@@ -20,6 +22,10 @@ struct startUpSettings {
   std::int32_t ownerLookupsPerSecond = 0;
   std::int32_t scanInOneQuery = 0;
   std::int32_t recordBytes = 0;  // unset
+  bool contention = false;       // runs from the start of the VM
+  contentionSettings contentionProfile;
+  // Items of the contention profile whose values count as not given, for the log.
+  std::vector<std::string> ignored;
 };
 
 // Reads the options from left to right, and makes the profilers that they name, or all. Those named

@@ -21,8 +21,8 @@ constexpr std::array<bool, 256> kPlainBytes = [] {
 
 }  // namespace
 
-jsonWriter& jsonWriter::beginObject() {
-  open('{', false);
+jsonWriter& jsonWriter::beginObject(layout values) {
+  open('{', values);
   return *this;
 }
 
@@ -31,8 +31,8 @@ jsonWriter& jsonWriter::endObject() {
   return *this;
 }
 
-jsonWriter& jsonWriter::beginArray() {
-  open('[', true);
+jsonWriter& jsonWriter::beginArray(layout values) {
+  open('[', values);
   return *this;
 }
 
@@ -63,6 +63,20 @@ jsonWriter& jsonWriter::number(std::uint64_t value) {
   return decimal(value);
 }
 
+jsonWriter& jsonWriter::boolean(bool value) {
+  return word(value ? "true" : "false");
+}
+
+jsonWriter& jsonWriter::null() {
+  return word("null");
+}
+
+jsonWriter& jsonWriter::word(std::string_view text) {
+  separate();
+  text_ += text;
+  return *this;
+}
+
 template <typename Number>
 jsonWriter& jsonWriter::decimal(Number value) {
   separate();
@@ -72,9 +86,10 @@ jsonWriter& jsonWriter::decimal(Number value) {
   return *this;
 }
 
-void jsonWriter::open(char bracket, bool onOneLine) {
+void jsonWriter::open(char bracket, layout values) {
   separate();
   text_ += bracket;
+  const bool onOneLine = values == layout::oneLine;
   levels_.push_back({false, onOneLine || (!levels_.empty() && levels_.back().onOneLine)});
 }
 

@@ -12,15 +12,20 @@ namespace support {
 
 class jsonWriter {
  public:
+  // Whether each value has a line of its own; what is within one line stays in it.
+  enum class layout { lines, oneLine };
+
   // A value at the current place: in an array, or after key().
-  jsonWriter& beginObject();
+  jsonWriter& beginObject(layout values = layout::lines);
   jsonWriter& endObject();
-  jsonWriter& beginArray();
+  jsonWriter& beginArray(layout values = layout::oneLine);
   jsonWriter& endArray();
   jsonWriter& key(std::string_view name);
   jsonWriter& string(std::string_view text);
   jsonWriter& number(std::int32_t value);
   jsonWriter& number(std::uint64_t value);
+  jsonWriter& boolean(bool value);
+  jsonWriter& null();
 
   // Members of the current object.
   jsonWriter& member(std::string_view name, std::string_view text) {
@@ -28,6 +33,8 @@ class jsonWriter {
   }
   jsonWriter& member(std::string_view name, std::int32_t value) { return key(name).number(value); }
   jsonWriter& member(std::string_view name, std::uint64_t value) { return key(name).number(value); }
+
+  jsonWriter& nullMember(std::string_view name) { return key(name).null(); }
 
   // The text written so far.
   const std::string& text() const { return text_; }
@@ -38,11 +45,12 @@ class jsonWriter {
     bool onOneLine = false;
   };
 
-  void open(char bracket, bool onOneLine);
+  void open(char bracket, layout values);
   void close(char bracket);
   void separate();
   void lineBreak();
   void quote(std::string_view text);
+  jsonWriter& word(std::string_view text);
   template <typename Number>
   jsonWriter& decimal(Number value);
 

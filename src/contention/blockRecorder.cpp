@@ -1,0 +1,235 @@
+#include "contention/blockRecorder.h"
+
+#include <algorithm>
+
+#include "instruments/costAccount.h"
+
+namespace agent {
+
+namespace {
+
+// What the word of a thread is about, in its lowest bits.
+enum class wordKind : std::uint8_t {
+  nothing,
+  slot,       // its block is in a slot
+  noSlot,     // it is blocked, and the word has the lock and the time
+  begun,      // an acquisition has begun, without a park as yet
+  acquiring,  // between two parks of an acquisition: the lock and the time so far
+  idle,       // it is blocked by what is not recorded
+};
+
+constexpr unsigned kKindBits = 3;
+constexpr unsigned kSlotBits = 16;
+constexpr unsigned kPlaceBits = 19;  // whether of others, channel, and place of lock or class
+constexpr unsigned kTimeBits = 64 - kKindBits - kPlaceBits;
+constexpr unsigned kCoarse = 10;  // times without a slot are in units of 1024 ns: 52 days at most
+
+constexpr std::uint64_t low(std::uint64_t value, unsigned bits) {
+  return value & ((std::uint64_t{1} << bits) - 1);
+}
+
+std::uint64_t packed(wordKind kind, std::uint64_t rest) {
+  return (rest << kKindBits) | static_cast<std::uint64_t>(kind);
+}
+
+wordKind kindOf(std::uint64_t word) {
+  return static_cast<wordKind>(low(word, kKindBits));
+}
+
+std::uint64_t wordOf(blockedThreads::token taken) {
+  return packed(wordKind::slot, (std::uint64_t{taken.turn} << kSlotBits) | taken.slot);
+}
+
+blockedThreads::token tokenIn(std::uint64_t word) {
+  const std::uint64_t rest = word >> kKindBits;
+  return {static_cast<std::uint32_t>(low(rest, kSlotBits)),
+          static_cast<std::uint32_t>(rest >> kSlotBits)};
+}
+
+// A place in fewer bits: the bit of the others moves down.
+std::uint64_t narrow(std::uint32_t place) {
+  constexpr unsigned kOthersBit = 18;
+  return (place & blockRecorder::kOthers) != 0
+             ? (std::uint64_t{1} << kOthersBit) | low(place, kOthersBit)
+             : place;
+}
+
+std::uint32_t wide(std::uint64_t place) {
+  constexpr unsigned kOthersBit = 18;
+  const auto rest = static_cast<std::uint32_t>(low(place, kOthersBit));
+  return (place >> kOthersBit) != 0 ? blockRecorder::kOthers | rest : rest;
+}
+
+std::uint64_t wordOf(wordKind kind, std::uint32_t place, std::uint64_t time) {
+  const std::uint64_t most = (std::uint64_t{1} << kTimeBits) - 1;
+  return packed(kind, (std::min(time, most) << kPlaceBits) | narrow(place));
+}
+
+std::uint32_t placeIn(std::uint64_t word) {
+  return wide(low(word >> kKindBits, kPlaceBits));
+}
+
+std::uint64_t timeIn(std::uint64_t word) {
+  return word >> (kKindBits + kPlaceBits);
+}
+
+std::uint64_t wordOf(jvmtiEnv* jvmti, jthread thread) {
+  void* word = nullptr;
+  return jvmti->GetThreadLocalStorage(thread, &word) == JVMTI_ERROR_NONE
+             ? reinterpret_cast<std::uintptr_t>(word)
+             : 0;
+}
+
+void setWord(jvmtiEnv* jvmti, jthread thread, std::uint64_t word) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the VM stores it and never follows it
+  jvmti->SetThreadLocalStorage(thread, reinterpret_cast<void*>(word));
+}
+
+}  // namespace
+
+void blockRecorder::begin(JNIEnv* jni, std::int32_t locks, const parkClasses& parks) {
+  parks_ = parks;
+  threads_.begin(jni);
+  locks_.begin(jni, locks);
+  for (auto* const each : {&omitted_.startsNotSeen, &omitted_.notSampled, &omitted_.otherLocks,
+                           &omitted_.classes}) {
+    each->store(0);
+  }
+  isOn_.store(true);
+}
+
+void blockRecorder::blockBegins(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage, jthread thread,
+                                channel by, jobject object) {
+  const instruments::handlerGate::pass inside(gate_);
+  if (!isOn()) {
+    return;
+  }
+  blockedThreads::block begun;
+  begun.outer = wordOf(jvmti, storage);
+  std::uint32_t cls = 0;
+  begun.place = locks_.find(jvmti, jni, parks_, by, object, cls);
+  if (begun.place == lockTable::kNone) {
+    begun.place = othersOf(by, cls);
+    ++omitted_.otherLocks;
+    omitted_.classes += cls == 0 ? 1 : 0;
+  }
+  const lockKind kind = kindOf(begun.place);
+  if (kind == lockKind::idle) {
+    setWord(jvmti, storage, packed(wordKind::idle, 0));
+    return;
+  }
+  if (kind == lockKind::lock && agent::kindOf(begun.outer) == wordKind::acquiring &&
+      placeIn(begun.outer) == begun.place) {
+    begun.goesOn = true;
+    begun.before = timeIn(begun.outer);
+  }
+  begun.since = instruments::steadyNanos();
+  setWord(jvmti, storage, wordFor(begun, jni, thread));
+}
+
+// Takes a slot for a block that begins.
+std::uint64_t blockRecorder::wordFor(const blockedThreads::block& begun, JNIEnv* jni,
+                                     jthread thread) {
+  jobject reference = nullptr;
+  if ((begun.place & kOthers) == 0) {
+    std::atomic<std::int32_t>& wanted = locks_.at(begun.place).threadsWanted;
+    if (wanted.load(std::memory_order_relaxed) > 0 && wanted.fetch_sub(1) > 0) {
+      reference = jni->NewGlobalRef(thread);
+    }
+  }
+  const blockedThreads::token taken = threads_.enter(begun, reference);
+  if (taken.slot != blockedThreads::kNone) {
+    return wordOf(taken);
+  }
+  if (reference != nullptr) {
+    jni->DeleteGlobalRef(reference);
+  }
+  ++omitted_.notSampled;
+  return wordOf(wordKind::noSlot, begun.place,
+                static_cast<std::uint64_t>(begun.since) >> kCoarse);
+}
+
+void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
+  const instruments::handlerGate::pass inside(gate_);
+  if (!isOn()) {
+    return;
+  }
+  const std::uint64_t word = wordOf(jvmti, storage);
+  const std::int64_t now = instruments::steadyNanos();
+  blockedThreads::block ended;
+  switch (agent::kindOf(word)) {
+    case wordKind::slot:
+      break;
+    case wordKind::noSlot:
+      ended.place = placeIn(word);
+      ended.since = static_cast<std::int64_t>(timeIn(word) << kCoarse);
+      add(ended, now);
+      setWord(jvmti, storage, 0);
+      return;
+    case wordKind::idle:
+      setWord(jvmti, storage, 0);
+      return;
+    default:
+      ++omitted_.startsNotSeen;
+      return;
+  }
+  const blockedThreads::token taken = tokenIn(word);
+  if (!threads_.read(taken, ended)) {
+    ++omitted_.startsNotSeen;  // the word is of an earlier block
+    return;
+  }
+  add(ended, now);  // before the slot is free: a record without slots may be given up
+  const wordKind outer = agent::kindOf(ended.outer);
+  if (kindOf(ended.place) == lockKind::lock && (outer == wordKind::begun || ended.goesOn)) {
+    const auto nanos = static_cast<std::uint64_t>(std::max<std::int64_t>(now - ended.since, 0));
+    setWord(jvmti, storage, wordOf(wordKind::acquiring, ended.place, ended.before + nanos));
+  } else if (blockedThreads::block still; outer == wordKind::slot &&
+             threads_.read(tokenIn(ended.outer), still)) {
+    setWord(jvmti, storage, ended.outer);  // a block within another one
+  }
+  threads_.leave(jni, taken);
+}
+
+void blockRecorder::acquisitionBegins(jvmtiEnv* jvmti) {
+  const instruments::handlerGate::pass inside(gate_);
+  if (!isOn()) {
+    return;
+  }
+  const std::uint64_t word = wordOf(jvmti, nullptr);
+  blockedThreads::block still;
+  if (agent::kindOf(word) == wordKind::slot && threads_.read(tokenIn(word), still)) {
+    return;  // of the carrier of a virtual thread that is about to park
+  }
+  setWord(jvmti, nullptr, packed(wordKind::begun, 0));
+}
+
+std::uint32_t blockRecorder::awaitedBy(jvmtiEnv* jvmti, jthread thread) const {
+  const std::uint64_t word = wordOf(jvmti, thread);
+  blockedThreads::block found;
+  if (agent::kindOf(word) != wordKind::slot || !threads_.read(tokenIn(word), found) ||
+      !isContention(kindOf(found.place))) {
+    return lockTable::kNone;
+  }
+  return found.place;
+}
+
+lockKind blockRecorder::kindOf(std::uint32_t place) const {
+  if ((place & kOthers) == 0) {
+    return locks_.at(place).kind;
+  }
+  const auto by = static_cast<channel>((place >> 16U) & 3U);
+  return lockTable::kindOf(by, locks_.classAt(place & 0xFFFFU));
+}
+
+void blockRecorder::add(const blockedThreads::block& ended, std::int64_t end) {
+  countsOf(ended.place).add(ended.since, end, ended.goesOn, ended.before);
+}
+
+blockCounts& blockRecorder::countsOf(std::uint32_t place) {
+  if ((place & kOthers) == 0) {
+    return locks_.at(place).counts;
+  }
+  return locks_.classAt(place & 0xFFFFU).sums[(place >> 16U) & 3U];
+}
+
+}  // namespace agent

@@ -1,0 +1,332 @@
+#include "contention/contentionProfile.h"
+
+#include <chrono>
+#include <cinttypes>
+#include <cstddef>
+#include <thread>
+#include <vector>
+
+#include "agent/boundary.h"
+#include "agent/twAprLib.h"
+#include "contention/parkHook.h"
+#include "instruments/costAccount.h"
+#include "support/fileWriter.h"
+#include "support/jniRef.h"
+#include "support/text.h"
+#include "support/vmTurn.h"
+
+namespace agent {
+
+namespace {
+
+constexpr const char* kThreadName = "Contention profile";
+constexpr const char* kStart = "contentionProfile::start";
+constexpr std::chrono::seconds kPatience{2};
+constexpr std::chrono::milliseconds kPause{1};
+
+const std::vector<jvmtiEvent>& events() {
+  static const std::vector<jvmtiEvent> all = {
+      JVMTI_EVENT_MONITOR_CONTENDED_ENTER, JVMTI_EVENT_MONITOR_CONTENDED_ENTERED,
+      JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED};
+  return all;
+}
+
+jvmtiCapabilities wantedCapabilities() {
+  jvmtiCapabilities wanted{};
+  wanted.can_generate_monitor_events = 1;
+  wanted.can_get_monitor_info = 1;
+  wanted.can_get_owned_monitor_stack_depth_info = 1;
+  wanted.can_get_line_numbers = 1;
+  wanted.can_get_source_file_name = 1;
+  wanted.can_retransform_classes = 1;
+  return wanted;
+}
+
+// A class by name, for good; null when the JDK has none of that name.
+jclass classFor(JNIEnv* jni, const char* name) {
+  const support::localRef<jclass> cls(jni, jni->FindClass(name));
+  if (!cls) {
+    jni->ExceptionClear();
+    return nullptr;
+  }
+  return static_cast<jclass>(jni->NewGlobalRef(cls.get()));
+}
+
+// Waits for `condition`, a while.
+template <typename Condition>
+bool comes(Condition&& condition) {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
+}  // namespace
+
+contentionProfile& contentionProfile::ofProcess() {
+  static contentionProfile& profile = *new contentionProfile;
+  return profile;
+}
+
+contentionProfile::contentionProfile() : sampler_(recorder_, samples_) {}
+
+// --- Handlers -----------------------------------------------------------------------------------
+
+void JNICALL contentionProfile::VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread /*thread*/) {
+  contained("contentionProfile::VMInit", "Exception occured in contentionProfile : VMInit", [&] {
+    jvmti->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_VM_INIT, nullptr);
+    contentionProfile& self = ofProcess();
+    const std::string problem = self.start(self.environment_.vm(), jni, self.settingsForVm_);
+    if (!problem.empty()) {
+      TW_LOG(kLogError, kSeverityError, kStart, "The contention profile does not run: %s",
+             problem.c_str());
+    }
+  });
+}
+
+void JNICALL contentionProfile::MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                                      jobject object) {
+  ofProcess().recorder_.blockBegins(jvmti, jni, nullptr, thread, channel::enter, object);
+}
+
+void JNICALL contentionProfile::MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni,
+                                                        jthread /*thread*/, jobject /*object*/) {
+  ofProcess().recorder_.blockEnds(jvmti, jni, nullptr);
+}
+
+void JNICALL contentionProfile::MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                            jobject object, jlong /*timeout*/) {
+  ofProcess().recorder_.blockBegins(jvmti, jni, nullptr, thread, channel::wait, object);
+}
+
+void JNICALL contentionProfile::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread /*thread*/,
+                                              jobject /*object*/, jboolean /*timedOut*/) {
+  ofProcess().recorder_.blockEnds(jvmti, jni, nullptr);
+}
+
+void contentionProfile::acquisitionBegins(JNIEnv* /*jni*/) {
+  contentionProfile& self = ofProcess();
+  self.recorder_.acquisitionBegins(self.environment_.jvmti());
+}
+
+// The thread may be a carrier in the midst of its virtual thread's work: its own word counts.
+void contentionProfile::blockerSet(JNIEnv* jni, jthread thread, jobject blocker) {
+  contentionProfile& self = ofProcess();
+  jvmtiEnv* const jvmti = self.environment_.jvmti();
+  if (blocker != nullptr) {
+    self.recorder_.blockBegins(jvmti, jni, thread, thread, channel::park, blocker);
+  } else {
+    self.recorder_.blockEnds(jvmti, jni, thread);
+  }
+}
+
+// --- Control ------------------------------------------------------------------------------------
+
+std::string contentionProfile::open(JavaVM* vm) {
+  jvmtiEventCallbacks callbacks{};
+  callbacks.VMInit = VMInit;
+  callbacks.MonitorContendedEnter = MonitorContendedEnter;
+  callbacks.MonitorContendedEntered = MonitorContendedEntered;
+  callbacks.MonitorWait = MonitorWait;
+  callbacks.MonitorWaited = MonitorWaited;
+  callbacks.ClassFileLoadHook = parkHook::ClassFileLoadHook;
+  const std::string problem = environment_.open(vm, wantedCapabilities(), callbacks);
+  if (!problem.empty()) {
+    return problem;
+  }
+  const jvmtiCapabilities& given = environment_.capabilities();
+  return given.can_generate_monitor_events == 0 || given.can_get_monitor_info == 0
+             ? "the VM does not give the events of monitors"
+             : "";
+}
+
+std::string contentionProfile::startWithVm(JavaVM* vm, const contentionSettings& settings) {
+  std::string problem = open(vm);
+  settingsForVm_ = settings;
+  if (problem.empty() && !environment_.enable({JVMTI_EVENT_VM_INIT})) {
+    problem = "the VM refuses its event VMInit";
+  }
+  return problem;
+}
+
+bool contentionProfile::handlersHaveLeft() {
+  instruments::handlerGate::departure departure;
+  return comes([&] { return departure.isOver(recorder_.gate()); });
+}
+
+bool contentionProfile::samplerHasEnded() {
+  return comes([&] {
+    const support::lockGuard guard(wakeMutex_);
+    return !hasThread_;
+  });
+}
+
+void contentionProfile::findClasses(JNIEnv* jni) NO_THREAD_SAFETY_ANALYSIS {
+  if (parks_.synchronizer != nullptr) {
+    return;
+  }
+  parks_.synchronizer =
+      classFor(jni, "java/util/concurrent/locks/AbstractOwnableSynchronizer");
+  parks_.latch = classFor(jni, "java/util/concurrent/CountDownLatch$Sync");
+  parks_.stampedLock = classFor(jni, "java/util/concurrent/locks/StampedLock");
+  parks_.pool = classFor(jni, "java/util/concurrent/ForkJoinPool");
+  owners_.synchronizer = parks_.synchronizer;
+  owners_.virtualThread = classFor(jni, "java/lang/BaseVirtualThread");
+  if (owners_.synchronizer != nullptr) {
+    owners_.owner =
+        jni->GetFieldID(owners_.synchronizer, "exclusiveOwnerThread", "Ljava/lang/Thread;");
+    if (owners_.owner == nullptr) {
+      jni->ExceptionClear();
+    }
+  }
+}
+
+// What is to be said of parks in the report.
+std::string contentionProfile::hookParks(JNIEnv* jni) {
+  static constexpr parkCallbacks kCallbacks{acquisitionBegins, blockerSet};
+  if (environment_.capabilities().can_retransform_classes == 0) {
+    return "the VM does not let classes be retransformed";
+  }
+  const parkHookResult hooked = parkHook::install(environment_.jvmti(), jni, kCallbacks);
+  if (hooked.level == parkHookLevel::exact) {
+    return "exact";
+  }
+  TW_LOG(kLogWarn, kSeverityWarn, kStart, "Locks of java.util.concurrent: %s",
+         hooked.missing.c_str());
+  return hooked.level == parkHookLevel::parks ? "parks" : hooked.missing;
+}
+
+std::string contentionProfile::start(JavaVM* vm, JNIEnv* jni, const contentionSettings& settings) {
+  const support::lockGuard oneCall(controlMutex_);
+  if (isRunning()) {
+    return "the contention profile runs already";
+  }
+  std::string problem = open(vm);
+  if (!problem.empty()) {
+    return problem;
+  }
+  if (!handlersHaveLeft() || !samplerHasEnded()) {
+    return "the contention profile of before has not ended yet";
+  }
+  findClasses(jni);
+  {
+    const support::lockGuard guard(samplesMutex_);
+    session_ = {settings, instruments::steadyNanos(), 0, "not yet"};
+    recorder_.begin(jni, settings.locks, parks_);
+    const bool canCheck = environment_.capabilities().can_get_owned_monitor_stack_depth_info != 0;
+    sampler_.begin(settings, owners_, canCheck, session_.started);
+  }
+  {
+    const support::lockGuard guard(wakeMutex_);
+    isSampling_ = true;
+    hasThread_ = environment_.run(jni, kThreadName, runSampler, this);
+    problem = hasThread_ ? "" : "the VM gives it no thread";
+  }
+  if (problem.empty() && !environment_.enable(events())) {
+    problem = "the VM refuses the events of monitors";
+  }
+  if (!problem.empty()) {
+    recorder_.end();
+    const support::lockGuard guard(wakeMutex_);
+    isSampling_ = false;
+    wake_.notifyAll();
+    return problem;
+  }
+  const std::string parks = hookParks(jni);
+  const support::lockGuard guard(samplesMutex_);
+  session_.parks = parks;
+  return "";
+}
+
+bool contentionProfile::stop(JNIEnv* jni) {
+  const support::lockGuard oneCall(controlMutex_);
+  if (!isRunning()) {
+    return false;
+  }
+  environment_.disable(events());
+  {
+    const support::lockGuard guard(samplesMutex_);
+    recorder_.end();
+    session_.ended = instruments::steadyNanos();
+    sampler_.catchUp(environment_.jvmti(), jni, session_.ended);
+  }
+  {
+    const support::lockGuard guard(wakeMutex_);
+    isSampling_ = false;
+    wake_.notifyAll();
+  }
+  const std::string problem = parkHook::remove(environment_.jvmti(), jni);
+  if (!problem.empty()) {
+    TW_LOG(kLogWarn, kSeverityWarn, "contentionProfile::stop", "%s", problem.c_str());
+  }
+  return true;
+}
+
+std::string contentionProfile::snapshot(JNIEnv* jni, const std::string& path) {
+  const support::lockGuard oneCall(controlMutex_);
+  return write(jni, path);
+}
+
+std::string contentionProfile::write(JNIEnv* jni, const std::string& path) {
+  support::jsonWriter json;
+  {
+    const support::lockGuard guard(samplesMutex_);
+    if (session_.started == 0) {
+      return "the contention profile was never started";
+    }
+    const std::int64_t now = session_.ended == 0 ? instruments::steadyNanos() : session_.ended;
+    if (session_.ended == 0) {
+      sampler_.catchUp(environment_.jvmti(), jni, now);
+    }
+    writeContentionReport(json, jni, session_, recorder_, samples_, sampler_.blocked(), now);
+  }
+  support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::truncate);
+  file.write(json.text());
+  file.write("\n");
+  const std::string reason = file.close();
+  return reason.empty() ? reason : path + ": " + reason;
+}
+
+// --- The profile's own thread -------------------------------------------------------------------
+
+void JNICALL contentionProfile::runSampler(jvmtiEnv* /*jvmti*/, JNIEnv* jni, void* profile) {
+  auto& self = *static_cast<contentionProfile*>(profile);
+  contained("contentionProfile::runSampler", "Exception occured in contentionProfile : runSampler",
+            [&] { self.sampleUntilStopped(jni); });
+  contained("contentionProfile::runSampler", "Exception occured in contentionProfile : runSampler",
+            [&] {
+              const support::lockGuard guard(self.wakeMutex_);
+              self.hasThread_ = false;
+            });
+}
+
+void contentionProfile::sampleUntilStopped(JNIEnv* jni) {
+  constexpr jint kReferences = 64;
+  std::int64_t next = 0;
+  while (true) {
+    {
+      const support::lockGuard guard(wakeMutex_);
+      const std::int64_t pause = next - instruments::steadyNanos();
+      const auto end = support::patienceClock::now() + std::chrono::nanoseconds(pause);
+      while (isSampling_ && pause > 0 && wake_.waitUntil(wakeMutex_, end)) {
+      }
+      if (!isSampling_) {
+        return;
+      }
+    }
+    const support::lockGuard guard(samplesMutex_);
+    if (session_.ended != 0) {
+      return;
+    }
+    const support::localFrame frame(jni, kReferences);
+    const std::int64_t now = instruments::steadyNanos();
+    sampler_.step(environment_.jvmti(), jni, now);
+    next = sampler_.nextStep(instruments::steadyNanos());
+  }
+}
+
+}  // namespace agent

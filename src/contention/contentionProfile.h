@@ -1,0 +1,86 @@
+// The contention profile: which locks threads are blocked by, for how long, who holds them
+// meanwhile and where; all the time, at little cost.
+//
+// It has a JVMTI environment of its own. Events write counts (blockRecorder); a thread of its own
+// looks at the blocked threads so many times a second (contentionSampler). Control calls come from
+// Java on any thread, and take turns. There is one in the process, and it is never destroyed:
+// handlers and its thread may run while the process ends.
+#pragma once
+
+#include <jvmti.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "contention/blockRecorder.h"
+#include "contention/contentionReport.h"
+#include "contention/contentionSampler.h"
+#include "contention/contentionSamples.h"
+#include "contention/contentionSettings.h"
+#include "contention/lockLook.h"
+#include "instruments/ownEnvironment.h"
+#include "support/annotations.h"
+
+namespace agent {
+
+class contentionProfile {
+ public:
+  static contentionProfile& ofProcess();
+
+  // Has it start when the VM is ready; for Agent_OnLoad, where more capabilities can be had than
+  // later. Why it will not, or an empty text.
+  std::string startWithVm(JavaVM* vm, const contentionSettings& settings);
+
+  // The next four: see AgentContention.java. Texts are empty when all went well.
+  std::string start(JavaVM* vm, JNIEnv* jni, const contentionSettings& settings)
+      EXCLUDES(controlMutex_);
+  bool isRunning() const { return recorder_.isOn(); }
+  std::string snapshot(JNIEnv* jni, const std::string& path) EXCLUDES(controlMutex_);
+  bool stop(JNIEnv* jni) EXCLUDES(controlMutex_);
+
+ private:
+  contentionProfile();
+
+  static void JNICALL VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
+  static void JNICALL MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                            jobject object);
+  static void JNICALL MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                              jobject object);
+  static void JNICALL MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object,
+                                  jlong timeout);
+  static void JNICALL MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object,
+                                    jboolean timedOut);
+  static void acquisitionBegins(JNIEnv* jni);
+  static void blockerSet(JNIEnv* jni, jthread thread, jobject blocker);
+  static void JNICALL runSampler(jvmtiEnv* jvmti, JNIEnv* jni, void* profile);
+
+  std::string open(JavaVM* vm);
+  bool handlersHaveLeft();
+  bool samplerHasEnded();
+  void findClasses(JNIEnv* jni);
+  std::string hookParks(JNIEnv* jni);
+  void sampleUntilStopped(JNIEnv* jni);
+  std::string write(JNIEnv* jni, const std::string& path) EXCLUDES(samplesMutex_);
+
+  instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
+  blockRecorder recorder_;
+  contentionSettings settingsForVm_;
+
+  support::mutex controlMutex_;  // outside samplesMutex_: one control call at a time
+  parkClasses parks_ GUARDED_BY(controlMutex_);
+  ownerClasses owners_ GUARDED_BY(controlMutex_);
+
+  // Held for a look at the blocked threads, calls into the VM included; no handler takes it.
+  support::mutex samplesMutex_;
+  contentionSession session_ GUARDED_BY(samplesMutex_);
+  contentionSamples samples_ GUARDED_BY(samplesMutex_);
+  contentionSampler sampler_ GUARDED_BY(samplesMutex_);
+
+  support::mutex wakeMutex_;
+  support::condition wake_;
+  bool isSampling_ GUARDED_BY(wakeMutex_) = false;  // its thread is to go on
+  bool hasThread_ GUARDED_BY(wakeMutex_) = false;
+};
+
+}  // namespace agent

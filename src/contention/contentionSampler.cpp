@@ -1,0 +1,437 @@
+#include "contention/contentionSampler.h"
+
+#include <algorithm>
+#include <string>
+
+#include "agent/twAprLib.h"
+#include "support/heldClasses.h"
+#include "support/jniRef.h"
+#include "support/text.h"
+
+namespace agent {
+
+namespace {
+
+constexpr std::int64_t kNanosPerSecond = 1'000'000'000;
+constexpr std::int64_t kNanosPerMilli = 1'000'000;
+constexpr std::int64_t kUpkeep = 100 * kNanosPerMilli;
+
+std::uint64_t since(std::uint64_t now, std::uint64_t before) {
+  return now > before ? now - before : 0;
+}
+
+std::string dotted(std::string_view signature) {
+  std::string name;
+  if (!signature.empty() && signature.front() == 'L') {
+    support::appendDottedClass(name, signature);
+  } else {
+    name = signature;
+    std::replace(name.begin(), name.end(), '/', '.');
+  }
+  return name;
+}
+
+}  // namespace
+
+void contentionSampler::begin(const contentionSettings& settings, const ownerClasses& classes,
+                              bool canCheck, std::int64_t now) {
+  settings_ = settings;
+  classes_ = classes;
+  canCheck_ = canCheck;
+  const auto locks = static_cast<std::size_t>(settings.locks);
+  waiting_.assign(locks, {});
+  waitedFor_.clear();
+  blocked_.assign(locks, {});
+  weights_.assign(locks, 0);
+  baselines_.assign(locks, {});
+  contended_ = {};
+  waits_ = {};
+  nextTick_ = now;
+  lastTick_ = now;
+  lastWaitTick_ = now;
+  nextUpkeep_ = now;
+  nextStuckLook_ = now;
+  tickNumber_ = 0;
+  stuckSince_.clear();
+  reportedStuck_.clear();
+  reportedDeadlocks_.clear();
+  samples_.clear();
+  samples_.cost.setBudget(settings.budgetPercent);
+  samples_.current.start = now;
+}
+
+std::int64_t contentionSampler::nextStep(std::int64_t now) const {
+  const std::int64_t next =
+      settings_.samplesPerSecond > 0 ? std::min(nextTick_, nextUpkeep_) : nextUpkeep_;
+  return std::max(next, now);
+}
+
+void contentionSampler::step(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
+  scan(now);
+  if (settings_.samplesPerSecond > 0 && now >= nextTick_) {
+    nextTick_ = now + kNanosPerSecond / settings_.samplesPerSecond;
+    if (samples_.cost.takeTick(now)) {
+      tick(jvmti, jni, now);
+    }
+  }
+  findStuck(jvmti, jni, now);
+  if (now >= nextUpkeep_) {
+    nextUpkeep_ = now + kUpkeep;
+    readNames(jvmti, jni);
+    std::vector<bool> isUsed(blocked_.size());
+    std::transform(blocked_.begin(), blocked_.end(), isUsed.begin(),
+                   [](const blockedNow& each) { return each.threads > 0; });
+    recorder_.locks().makeRoom(jni, recorder_.gate(), isUsed);
+    if (now - samples_.current.start >= settings_.windowMillis * kNanosPerMilli) {
+      endWindow(sumUp(now), now);
+    }
+  }
+  samples_.cost.endTick();
+}
+
+void contentionSampler::catchUp(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
+  readNames(jvmti, jni);
+  fillWindow(sumUp(now), now);
+}
+
+// Who is blocked by what. The order in which slots are read changes, so that no thread is always
+// among the first.
+void contentionSampler::scan(std::int64_t now) {
+  for (const std::uint32_t place : waitedFor_) {
+    waiting_[place].clear();
+    blocked_[place] = {};
+  }
+  waitedFor_.clear();
+  otherContended_ = 0;
+  otherWaits_ = 0;
+  const std::uint32_t end = recorder_.threads().end();
+  constexpr std::uint64_t kStride = 0x9E3779B1U;
+  const auto start = static_cast<std::uint32_t>(++tickNumber_ * kStride);
+  for (std::uint32_t i = 0; i < end; ++i) {
+    const std::uint32_t slot = (start + i) & (end - 1);
+    blockedThread found{};
+    if (!recorder_.threads().read(slot, found)) {
+      continue;
+    }
+    const auto nanos = static_cast<std::uint64_t>(std::max<std::int64_t>(now - found.since, 0));
+    if (found.place >= blocked_.size()) {
+      (isContention(recorder_.kindOf(found.place)) ? otherContended_ : otherWaits_) += nanos;
+      continue;
+    }
+    blockedNow& lock = blocked_[found.place];
+    if (lock.threads++ == 0) {
+      waitedFor_.push_back(found.place);
+      lock.since = found.since;
+    }
+    lock.nanos += nanos;
+    lock.since = std::min(lock.since, found.since);
+    if (waiting_[found.place].size() < kMostWaiting) {
+      waiting_[found.place].push_back({slot, found});
+    }
+  }
+}
+
+void contentionSampler::tick(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
+  weigh(now);
+  std::vector<std::uint32_t> places;
+  std::copy_if(waitedFor_.begin(), waitedFor_.end(), std::back_inserter(places),
+               [&](std::uint32_t place) { return weights_[place] > 0; });
+  if (places.size() > kLocksPerTick) {
+    samples_.locksNotSampled += places.size() - kLocksPerTick;
+    std::partial_sort(places.begin(), places.begin() + kLocksPerTick, places.end(),
+                      [&](std::uint32_t a, std::uint32_t b) { return weights_[a] > weights_[b]; });
+    places.resize(kLocksPerTick);
+  }
+  lockLook look(jvmti, jni, recorder_, samples_, classes_, canCheck_);
+  for (const std::uint32_t place : places) {
+    sample(look, place);
+  }
+}
+
+// Each thread that is blocked now stands for the time since the last look.
+void contentionSampler::weigh(std::int64_t now) {
+  const bool withWaits = samples_.cost.total().ticks % kWaitShare == 0;
+  const auto nanos = static_cast<std::uint64_t>(now - lastTick_);
+  const auto waitNanos = static_cast<std::uint64_t>(now - lastWaitTick_);
+  for (const std::uint32_t place : waitedFor_) {
+    if (isContention(recorder_.kindOf(place))) {
+      weights_[place] += blocked_[place].threads * nanos;
+    } else if (withWaits) {
+      weights_[place] += blocked_[place].threads * waitNanos;
+    }
+  }
+  lastTick_ = now;
+  if (withWaits) {
+    lastWaitTick_ = now;
+  }
+}
+
+void contentionSampler::sample(lockLook& look, std::uint32_t place) {
+  lockRecord& record = recorder_.locks().at(place);
+  const lockSeen seen = look.at(place, waiting_[place], kWaitersPerLock);
+  record.threadsWanted.store(kWaitersPerLock, std::memory_order_relaxed);
+  if (seen.waiters.empty()) {
+    return;  // its time waits for a sample
+  }
+  const std::uint64_t share = weights_[place] / seen.waiters.size();
+  weights_[place] = 0;
+  for (const waiterSeen& each : seen.waiters) {
+    book({record.id, each.thread, each.stack, seen.owner}, record, share);
+  }
+}
+
+void contentionSampler::book(const pairKey& key, const lockRecord& record, std::uint64_t nanos) {
+  pairCounts* const counts = samples_.pairs.at(key);
+  if (counts == nullptr) {
+    ++samples_.pairsDropped;
+    samples_.pairNanosDropped += nanos;
+    return;
+  }
+  counts->nanos += nanos;
+  ++counts->samples;
+  counts->cls = record.cls;
+  counts->by = record.by;
+}
+
+void contentionSampler::readNames(jvmtiEnv* jvmti, JNIEnv* jni) {
+  lockTable& locks = recorder_.locks();
+  for (std::uint32_t i = 1; i < lockTable::kClasses; ++i) {
+    if (!samples_.classNames[i].empty() || !locks.isClass(i)) {
+      continue;
+    }
+    const support::localRef<jclass> cls(
+        jni, static_cast<jclass>(jni->NewLocalRef(locks.classAt(i).cls)));
+    if (cls) {
+      samples_.classNames[i] = dotted(support::classSignature(jvmti, cls.get()).view());
+    }
+  }
+}
+
+// Sums are read before the threads that are blocked still: what ends in between is missing now and
+// there the next time, but never counted twice.
+contentionSampler::allSums contentionSampler::sumUp(std::int64_t now) {
+  const lockTable& locks = recorder_.locks();
+  allSums all;
+  all.locks.resize(blocked_.size());
+  for (std::uint32_t i = 0; i < locks.end(); ++i) {
+    if (locks.isLive(i)) {
+      all.locks[i] = {locks.at(i).counts.nanos(), locks.at(i).counts.entries()};
+    }
+  }
+  for (std::uint32_t i = 0; i < lockTable::kClasses; ++i) {
+    for (std::size_t by = 0; locks.isClass(i) && by < kChannels; ++by) {
+      const lockClass& cls = locks.classAt(i);
+      sums& sum = isContention(lockTable::kindOf(static_cast<channel>(by), cls)) ? all.contended
+                                                                                 : all.waits;
+      sum.nanos += cls.sums[by].nanos();
+      sum.entries += cls.sums[by].entries();
+    }
+  }
+  scan(now);
+  all.contended.nanos += otherContended_;
+  all.waits.nanos += otherWaits_;
+  for (std::uint32_t i = 0; i < locks.end(); ++i) {
+    if (!locks.isLive(i)) {
+      continue;
+    }
+    all.locks[i].nanos += blocked_[i].nanos;
+    sums& sum = isContention(locks.at(i).kind) ? all.contended : all.waits;
+    sum.nanos += all.locks[i].nanos;
+    sum.entries += all.locks[i].entries;
+  }
+  return all;
+}
+
+void contentionSampler::fillWindow(const allSums& now, std::int64_t end) {
+  contentionWindow& window = samples_.current;
+  window.end = end;
+  window.nanos = since(now.contended.nanos, contended_.nanos);
+  window.entries = since(now.contended.entries, contended_.entries);
+  window.waitNanos = since(now.waits.nanos, waits_.nanos);
+  window.waits = since(now.waits.entries, waits_.entries);
+  window.locks.clear();
+  const lockTable& locks = recorder_.locks();
+  for (std::uint32_t i = 0; i < locks.end(); ++i) {
+    if (!locks.isLive(i)) {
+      continue;
+    }
+    const std::uint32_t id = locks.at(i).id;
+    const baseline before = baselines_[i].id == id ? baselines_[i] : baseline{};
+    const windowShare share{id, since(now.locks[i].nanos, before.nanos),
+                            since(now.locks[i].entries, before.entries)};
+    if (share.nanos > 0 || share.entries > 0) {
+      window.locks.push_back(share);
+    }
+  }
+  const std::size_t kept = std::min(window.locks.size(), contentionSamples::kWindowLocks);
+  std::partial_sort(
+      window.locks.begin(), window.locks.begin() + static_cast<std::ptrdiff_t>(kept),
+      window.locks.end(),
+      [](const windowShare& a, const windowShare& b) { return a.nanos > b.nanos; });
+}
+
+void contentionSampler::endWindow(const allSums& now, std::int64_t end) {
+  fillWindow(now, end);
+  const auto raise = [](baseline& before, const sums& sum) {
+    before.nanos = std::max(before.nanos, sum.nanos);
+    before.entries = std::max(before.entries, sum.entries);
+  };
+  raise(contended_, now.contended);
+  raise(waits_, now.waits);
+  const lockTable& locks = recorder_.locks();
+  for (std::uint32_t i = 0; i < locks.end(); ++i) {
+    if (locks.isLive(i)) {
+      if (baselines_[i].id != locks.at(i).id) {
+        baselines_[i] = {locks.at(i).id, 0, 0};
+      }
+      raise(baselines_[i], now.locks[i]);
+    }
+  }
+  std::vector<windowShare>& shares = samples_.current.locks;
+  if (shares.size() > contentionSamples::kWindowLocks) {
+    samples_.windowLocksDropped += shares.size() - contentionSamples::kWindowLocks;
+    shares.resize(contentionSamples::kWindowLocks);
+    shares.shrink_to_fit();
+  }
+  samples_.windows.add(std::move(samples_.current));
+  samples_.current = {};
+  samples_.current.start = end;
+}
+
+void contentionSampler::findStuck(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
+  std::vector<std::uint32_t> places;
+  std::vector<std::int64_t> starts;
+  for (const std::uint32_t place : waitedFor_) {
+    if (isContention(recorder_.kindOf(place)) &&
+        now - blocked_[place].since >= settings_.stuckMillis * kNanosPerMilli) {
+      places.push_back(place);
+    }
+  }
+  std::sort(places.begin(), places.end(), [&](std::uint32_t a, std::uint32_t b) {
+    return blocked_[a].since < blocked_[b].since;
+  });
+  std::transform(places.begin(), places.end(), std::back_inserter(starts),
+                 [&](std::uint32_t place) { return blocked_[place].since; });
+  if (starts == stuckSince_ && now < nextStuckLook_) {
+    return;
+  }
+  stuckSince_ = starts;
+  nextStuckLook_ = now + kNanosPerSecond;
+  samples_.stuck.clear();
+  samples_.stuckDropped = 0;
+  lockLook look(jvmti, jni, recorder_, samples_, classes_, canCheck_);
+  for (const std::uint32_t place : places) {
+    if (samples_.stuck.size() == contentionSamples::kMostStuck) {
+      ++samples_.stuckDropped;
+      continue;
+    }
+    const std::vector<waitingThread> waiting = stuckAt(jvmti, jni, place, now);
+    if (waiting.empty()) {
+      continue;
+    }
+    const lockSeen seen = look.at(place, waiting, contentionSamples::kMostStuckThreads);
+    stuckLock stuck{recorder_.locks().at(place).id, waiting.front().block.since,
+                    blocked_[place].threads, {}, seen.owner};
+    for (const waiterSeen& each : seen.waiters) {
+      stuck.waiters.push_back({each.thread, each.since, each.stack});
+    }
+    samples_.stuck.push_back(std::move(stuck));
+  }
+  findDeadlocks();
+  reportStuck(now);
+}
+
+// The threads that are blocked for too long, the longest first. One that has ended is none: its
+// block was left without an event.
+std::vector<waitingThread> contentionSampler::stuckAt(jvmtiEnv* jvmti, JNIEnv* jni,
+                                                      std::uint32_t place, std::int64_t now) {
+  std::vector<waitingThread> stuck;
+  for (const waitingThread& each : waiting_[place]) {
+    if (now - each.block.since < settings_.stuckMillis * kNanosPerMilli) {
+      continue;
+    }
+    const support::localRef<jthread> thread(
+        jni, recorder_.threads().threadOf(jni, each.slot, each.block));
+    jint state = 0;
+    if (thread && jvmti->GetThreadState(thread.get(), &state) == JVMTI_ERROR_NONE &&
+        (state & JVMTI_THREAD_STATE_ALIVE) == 0) {
+      recorder_.threads().drop(jni, each.slot, each.block);
+      continue;
+    }
+    stuck.push_back(each);
+  }
+  std::sort(stuck.begin(), stuck.end(), [](const waitingThread& a, const waitingThread& b) {
+    return a.block.since < b.block.since;
+  });
+  return stuck;
+}
+
+// Circles of stuck locks whose owners wait for the next one.
+void contentionSampler::findDeadlocks() {
+  samples_.deadlocks.clear();
+  const std::vector<stuckLock>& stuck = samples_.stuck;
+  const auto nextOf = [&](const stuckLock& lock) {
+    return std::find_if(stuck.begin(), stuck.end(), [&](const stuckLock& each) {
+      return lock.owner.waitsFor != 0 && each.lock == lock.owner.waitsFor;
+    });
+  };
+  std::set<std::uint32_t> seen;
+  for (const stuckLock& first : stuck) {
+    std::vector<const stuckLock*> path;
+    const stuckLock* each = &first;
+    while (each != nullptr && seen.insert(each->lock).second) {
+      path.push_back(each);
+      const auto next = nextOf(*each);
+      each = next == stuck.end() ? nullptr : &*next;
+    }
+    const auto begin = std::find(path.begin(), path.end(), each);
+    if (each == nullptr || begin == path.end()) {
+      continue;
+    }
+    std::vector<deadlockStep> circle;
+    std::transform(begin, path.end(), std::back_inserter(circle), [](const stuckLock* lock) {
+      return deadlockStep{lock->owner.thread, lock->owner.waitsFor};
+    });
+    samples_.deadlocks.push_back(std::move(circle));
+  }
+}
+
+// Once to the log for each.
+void contentionSampler::reportStuck(std::int64_t now) {
+  constexpr const char* kFunction = "contentionSampler::findStuck";
+  const auto nameOf = [&](std::uint32_t id) {
+    return id == 0 ? "unknown thread" : samples_.names.at(id).c_str();
+  };
+  decltype(reportedStuck_) still;
+  for (const stuckLock& each : samples_.stuck) {
+    const std::pair<std::uint32_t, std::int64_t> key{each.lock, each.since};
+    still.insert(key);
+    if (reportedStuck_.contains(key) || each.waiters.empty()) {
+      continue;
+    }
+    TW_LOG(kLogWarn, kSeverityWarn, kFunction,
+           "Thread %s has been blocked by lock %u for %lld ms; held by: %s",
+           nameOf(each.waiters.front().thread), each.lock,
+           static_cast<long long>((now - each.since) / kNanosPerMilli),
+           each.owner.note == ownerNote::known ? nameOf(each.owner.thread) : "not known");
+  }
+  reportedStuck_ = std::move(still);
+  decltype(reportedDeadlocks_) circles;
+  for (const std::vector<deadlockStep>& circle : samples_.deadlocks) {
+    std::vector<std::uint32_t> locks;
+    std::string text;
+    for (const deadlockStep& step : circle) {
+      locks.push_back(step.waitsFor);
+      text += (text.empty() ? "" : ", ") + std::string(nameOf(step.thread)) +
+              " waits for lock " + std::to_string(step.waitsFor);
+    }
+    std::sort(locks.begin(), locks.end());
+    if (!reportedDeadlocks_.contains(locks)) {
+      TW_LOG(kLogWarn, kSeverityWarn, kFunction, "Deadlock: %s", text.c_str());
+    }
+    circles.insert(std::move(locks));
+  }
+  reportedDeadlocks_ = std::move(circles);
+}
+
+}  // namespace agent

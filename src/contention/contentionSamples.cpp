@@ -1,0 +1,61 @@
+#include "contention/contentionSamples.h"
+
+namespace agent {
+
+std::uint32_t nameTable::idOf(std::string_view name) {
+  const auto known = ids_.find(name);
+  if (known != ids_.end()) {
+    return known->second;
+  }
+  if (ids_.size() == kMost) {
+    return 0;
+  }
+  const auto id = static_cast<std::uint32_t>(ids_.size() + 1);
+  order_.push_back(&ids_.emplace(name, id).first->first);
+  return id;
+}
+
+void nameTable::clear() {
+  ids_.clear();
+  order_.clear();
+}
+
+std::size_t pairHash::operator()(const pairKey& key) const {
+  constexpr std::uint64_t kPrime = 0x100000001b3U;
+  std::uint64_t hash = 0;
+  for (const std::uint64_t each :
+       {std::uint64_t{key.lock}, std::uint64_t{key.waiter}, std::uint64_t{key.waiterStack},
+        std::uint64_t{key.owner.thread}, std::uint64_t{key.owner.stack},
+        static_cast<std::uint64_t>(key.owner.holdingFrame), std::uint64_t{key.owner.waitsFor},
+        static_cast<std::uint64_t>(key.owner.note)}) {
+    hash = (hash ^ each) * kPrime;
+    hash ^= hash >> 29U;
+  }
+  return hash;
+}
+
+std::string_view contentionSamples::fieldOf(std::uint32_t lock) const {
+  const auto found = fields.find(lock);
+  return found == fields.end() ? std::string_view() : found->second;
+}
+
+void contentionSamples::clear() {
+  stacks.clear();
+  names.clear();
+  pairs.clear();
+  windows.clear();
+  current = {};
+  stuck.clear();
+  deadlocks.clear();
+  cost.clear();
+  locksNotSampled = 0;
+  ownersChanged = 0;
+  pairsDropped = 0;
+  pairNanosDropped = 0;
+  windowLocksDropped = 0;
+  stuckDropped = 0;
+  fields.clear();
+  classNames.assign(lockTable::kClasses, {});
+}
+
+}  // namespace agent

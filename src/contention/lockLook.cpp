@@ -1,0 +1,177 @@
+#include "contention/lockLook.h"
+
+#include <algorithm>
+#include <span>
+#include <string_view>
+
+#include "support/jniRef.h"
+#include "support/jvmtiPtr.h"
+
+namespace agent {
+
+namespace {
+
+// The frames of monitors that a thread holds, with local references.
+class heldMonitors {
+ public:
+  heldMonitors(jvmtiEnv* jvmti, JNIEnv* jni) : jni_(jni), held_(jvmti) {}
+  ~heldMonitors() {
+    for (jint i = 0; i < count_; ++i) {
+      jni_->DeleteLocalRef(held_[i].monitor);
+    }
+  }
+  heldMonitors(const heldMonitors&) = delete;
+  heldMonitors& operator=(const heldMonitors&) = delete;
+
+  jvmtiError read(jvmtiEnv* jvmti, jthread thread) {
+    jint count = 0;
+    const jvmtiError error = held_.fill([&](jvmtiMonitorStackDepthInfo** out) {
+      return jvmti->GetOwnedMonitorStackDepthInfo(thread, &count, out);
+    });
+    count_ = error == JVMTI_ERROR_NONE ? count : 0;
+    return error;
+  }
+
+  std::span<const jvmtiMonitorStackDepthInfo> all() const {
+    return {held_.get(), static_cast<std::size_t>(count_)};
+  }
+
+ private:
+  JNIEnv* jni_;
+  support::jvmtiPtr<jvmtiMonitorStackDepthInfo> held_;
+  jint count_ = 0;
+};
+
+}  // namespace
+
+lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& waiting,
+                      std::size_t most) {
+  constexpr jint kExpected = 64;
+  lockSeen seen;
+  const support::localFrame frame(jni_, kExpected);
+  lockRecord& record = recorder_.locks().at(place);
+  jobject const lock = frame.pushed() ? jni_->NewLocalRef(record.object) : nullptr;
+  if (lock == nullptr) {
+    return seen;
+  }
+  std::vector<jthread> threads;
+  for (auto each = waiting.begin(); each != waiting.end() && threads.size() < most; ++each) {
+    if (jthread const thread = recorder_.threads().threadOf(jni_, each->slot, each->block)) {
+      threads.push_back(thread);
+      seen.waiters.push_back({nameOf(thread), 0, each->block.since});
+      record.hasVirtuals |= classes_.virtualThread != nullptr &&
+                            jni_->IsInstanceOf(thread, classes_.virtualThread) != JNI_FALSE;
+    }
+  }
+  support::monitorUsage usage(jvmti_, jni_);
+  jthread const owner = ownerOf(record, lock, usage);
+  if (owner != nullptr) {
+    threads.push_back(owner);
+  }
+  const std::vector<std::uint32_t> stacks = stacksOf(threads);
+  for (std::size_t i = 0; i < seen.waiters.size(); ++i) {
+    seen.waiters[i].stack = stacks[i];
+  }
+  if (owner == nullptr) {
+    seen.owner.note = noteWithout(record);
+  } else if (!holdsStill(record, lock, owner, seen.owner.holdingFrame)) {
+    seen.owner.note = ownerNote::changed;
+    ++samples_.ownersChanged;
+  } else {
+    seen.owner.note = ownerNote::known;
+    seen.owner.thread = nameOf(owner);
+    seen.owner.stack = stacks.back();
+    const std::uint32_t awaited = recorder_.awaitedBy(jvmti_, owner);
+    if (awaited < blockRecorder::kOthers) {
+      seen.owner.waitsFor = recorder_.locks().at(awaited).id;
+    }
+  }
+  return seen;
+}
+
+jthread lockLook::ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage) {
+  if (record.kind == lockKind::monitor) {
+    samples_.cost.safepoint([&] { usage.read(lock); });
+    return usage.owner();
+  }
+  if (record.kind != lockKind::lock || classes_.owner == nullptr ||
+      jni_->IsInstanceOf(lock, classes_.synchronizer) == JNI_FALSE) {
+    return nullptr;
+  }
+  return jni_->GetObjectField(lock, classes_.owner);
+}
+
+ownerNote lockLook::noteWithout(const lockRecord& record) const {
+  if (!isContention(record.kind)) {
+    return ownerNote::none;
+  }
+  if (record.kind == lockKind::monitor) {
+    return record.hasVirtuals ? ownerNote::isVirtual : ownerNote::none;
+  }
+  const std::string_view name = samples_.classNames[record.cls];
+  constexpr std::string_view kReentrant = "java.util.concurrent.locks.ReentrantLock$";
+  if (name.substr(0, kReentrant.size()) != kReentrant) {
+    return ownerNote::notKept;
+  }
+  return name.substr(kReentrant.size()) == "FairSync" ? ownerNote::handedOver : ownerNote::none;
+}
+
+bool lockLook::holdsStill(const lockRecord& record, jobject lock, jthread owner,
+                          std::int32_t& holdingFrame) {
+  if (record.kind != lockKind::monitor) {
+    jobject const now = jni_->GetObjectField(lock, classes_.owner);
+    return jni_->IsSameObject(now, owner) != JNI_FALSE;
+  }
+  return holdsMonitor(lock, owner, holdingFrame);
+}
+
+bool lockLook::holdsMonitor(jobject monitor, jthread owner, std::int32_t& holdingFrame) {
+  if (canCheck_) {
+    heldMonitors held(jvmti_, jni_);
+    if (samples_.cost.handshake([&] { return held.read(jvmti_, owner); }) == JVMTI_ERROR_NONE) {
+      const auto all = held.all();
+      const auto found = std::find_if(all.begin(), all.end(), [&](const auto& each) {
+        return jni_->IsSameObject(each.monitor, monitor) != JNI_FALSE;
+      });
+      holdingFrame = found == all.end() ? -1 : found->stack_depth;
+      return found != all.end();
+    }
+  }
+  support::monitorUsage again(jvmti_, jni_);
+  samples_.cost.safepoint([&] { again.read(monitor); });
+  return again.owner() != nullptr && jni_->IsSameObject(again.owner(), owner) != JNI_FALSE;
+}
+
+// Ids of stacks, one for each thread; 0 for those that the VM does not give.
+std::vector<std::uint32_t> lockLook::stacksOf(const std::vector<jthread>& threads) {
+  constexpr jint kDepth = instruments::stackTable::kMostDepth;
+  std::vector<std::uint32_t> ids(threads.size(), 0);
+  if (threads.empty()) {
+    return ids;
+  }
+  const auto count = static_cast<jint>(threads.size());
+  support::jvmtiPtr<jvmtiStackInfo> stacks(jvmti_);
+  const auto read = [&] {
+    return stacks.fill([&](jvmtiStackInfo** out) {
+      return jvmti_->GetThreadListStackTraces(count, threads.data(), kDepth + 1, out);
+    });
+  };
+  const jvmtiError error = count == 1 ? samples_.cost.handshake(read) : samples_.cost.safepoint(read);
+  for (jint i = 0; error == JVMTI_ERROR_NONE && i < count; ++i) {
+    const jvmtiStackInfo& each = stacks[i];
+    const auto frames = static_cast<std::size_t>(std::min(each.frame_count, kDepth));
+    if (frames > 0) {
+      ids[static_cast<std::size_t>(i)] = samples_.stacks.idOf(
+          jvmti_, jni_, {each.frame_buffer, frames}, each.frame_count > kDepth);
+    }
+  }
+  return ids;
+}
+
+std::uint32_t lockLook::nameOf(jthread thread) {
+  support::threadName name(jvmti_, jni_);
+  name.read(thread);
+  return samples_.names.idOf(name.view());
+}
+
+}  // namespace agent
