@@ -1,5 +1,6 @@
 // The JNI functions.
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstring>
 
@@ -213,6 +214,47 @@ jclass JNICALL findClass(JNIEnv* jni, const char* name) {
       vm.raise(env, vm.makeThrowable("java.lang.NoClassDefFoundError"));
     }
     return classReference(env, found, id);
+  });
+}
+
+// Of the bytes only the magic number is looked at.
+jclass JNICALL defineClass(JNIEnv* jni, const char* name, jobject loader, const jbyte* bytes,
+                           jsize size) {
+  constexpr functionId id = FAKE_JNI(DefineClass);
+  const rawArguments arguments{.target = loader, .name = name, .number = size};
+  return perform(jni, id, arguments, jclass{}, [&](machine& vm, threadEnv& env) -> jclass {
+    const std::vector<unsigned char> given(bytes, bytes + size);
+    const std::array<unsigned char, 4> magic{0xCA, 0xFE, 0xBA, 0xBE};
+    if (given.size() < magic.size() || !std::equal(magic.begin(), magic.end(), given.begin())) {
+      vm.raise(env, vm.makeThrowable("java.lang.ClassFormatError"));
+      return nullptr;
+    }
+    std::string dotted(name);
+    std::replace(dotted.begin(), dotted.end(), '/', '.');
+    if (vm.findClass(dotted) != nullptr) {
+      vm.raise(env, vm.makeThrowable("java.lang.LinkageError"));
+      return nullptr;
+    }
+    javaClass* made = vm.makeClass(dotted, vm.objectClass);
+    made->loader = vm.use(env, id, loader);
+    made->originalBytes = given;
+    made->bytes = given;
+    return classReference(env, made, id);
+  });
+}
+
+jint JNICALL registerNatives(JNIEnv* jni, jclass type, const JNINativeMethod* methods, jint count) {
+  constexpr functionId id = FAKE_JNI(RegisterNatives);
+  const rawArguments arguments{.target = type, .number = count};
+  return perform(jni, id, arguments, jint{JNI_ERR}, [&](machine& vm, threadEnv& env) -> jint {
+    javaClass* found = needClass(vm, env, id, type);
+    if (found == nullptr) {
+      return JNI_ERR;
+    }
+    for (jint i = 0; i < count; ++i) {
+      found->natives[methods[i].name] = methods[i].fnPtr;
+    }
+    return JNI_OK;
   });
 }
 
@@ -775,6 +817,8 @@ JNINativeInterface_ makeTable() {
   table.GetVersion = getVersion;
   table.GetJavaVM = getJavaVm;
   table.FindClass = findClass;
+  table.DefineClass = defineClass;
+  table.RegisterNatives = registerNatives;
   table.GetObjectClass = getObjectClass;
   table.GetSuperclass = getSuperclass;
   table.IsInstanceOf = isInstanceOf;

@@ -752,6 +752,43 @@ jvmtiError JNICALL getFieldModifiers(jvmtiEnv* jvmti, jclass type, jfieldID whic
                     });
 }
 
+// Classes are changed one after the other; the VM would change none when it refuses one of them.
+jvmtiError JNICALL retransformClasses(jvmtiEnv* jvmti, jint count, const jclass* classes) {
+  constexpr functionId id = FAKE_JVMTI(RetransformClasses);
+  // What a rule for single classes asks of is the first.
+  const jclass first = count > 0 && classes != nullptr ? classes[0] : nullptr;
+  return perform(jvmti, id, {.target = first, .number = count}, [&](machine& vm, threadEnv* env) {
+    {
+      const std::lock_guard hold(vm.modelMutex);
+      if (vm.added.can_retransform_classes == 0) {
+        return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
+      }
+    }
+    if (count < 0) {
+      return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    }
+    if (classes == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    std::vector<javaClass*> asked;
+    for (jint i = 0; i < count; ++i) {
+      asked.push_back(givenClass(vm, *env, id, classes[i]));
+      if (asked.back() == nullptr) {
+        return JVMTI_ERROR_INVALID_CLASS;
+      }
+      if (asked.back()->originalBytes.empty()) {
+        return JVMTI_ERROR_UNMODIFIABLE_CLASS;
+      }
+    }
+    for (javaClass* const each : asked) {
+      std::string name = each->name;
+      std::replace(name.begin(), name.end(), '.', '/');
+      each->bytes = vm.face.classFileLoad(name.c_str(), each->originalBytes, each->loader, each);
+    }
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 // --- Objects and the heap.
 
 // Checks the object of a call, then has `act` do the rest.
@@ -1000,6 +1037,7 @@ jvmtiInterface_1 makeTable() {
   table.GetClassFields = getClassFields;
   table.GetFieldName = getFieldName;
   table.GetFieldModifiers = getFieldModifiers;
+  table.RetransformClasses = retransformClasses;
   table.GetObjectHashCode = getObjectHashCode;
   table.GetObjectSize = getObjectSize;
   table.GetObjectMonitorUsage = getObjectMonitorUsage;

@@ -270,6 +270,15 @@ class machine {
   std::atomic<unsigned> eventsPerCollection{1};
   std::atomic<jint> featureVersion{26};
 
+  // Frees VM memory of that thread; reports under `id` what is none.
+  void giveBack(threadEnv& env, unsigned char* block, functionId id) {
+    if (memory.free(block) == blockTracker::result::notOurs) {
+      report(id, "not VM memory that is held now: freed before, or never allocated here");
+    } else {
+      --env.memoryHeld;
+    }
+  }
+
   blockTracker memory;
   blockTracker characters;
 

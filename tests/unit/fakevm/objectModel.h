@@ -144,6 +144,10 @@ struct javaClass : object {
   object* loader = nullptr;                 // null for the bootstrap loader
   std::optional<std::string> sourceFile{};  // without one: ABSENT_INFORMATION
   std::atomic<bool> initialized{true};      // as GetClassStatus tells it
+  // What the class was loaded from, and what it is now; a class without bytes is not modifiable.
+  std::vector<unsigned char> originalBytes{};
+  std::vector<unsigned char> bytes{};
+  std::map<std::string, void*, std::less<>> natives{};  // those of RegisterNatives, by their names
 
   // Grown by the virtualMachine, which guards both.
   std::vector<std::unique_ptr<method>> methods{};

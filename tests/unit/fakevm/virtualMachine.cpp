@@ -317,6 +317,26 @@ bool virtualMachine::exception(javaThread* thread, method* code, jlocation locat
       });
 }
 
+std::vector<unsigned char> virtualMachine::classFileLoad(const char* name,
+                                                         std::vector<unsigned char> bytes,
+                                                         object* loader, javaClass* redefined) {
+  for (machine::environment* const each : machine_->allEnvironments()) {
+    machine_->deliver<jvmtiEventClassFileLoadHook>(
+        *each, JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, "ClassFileLoadHook", nullptr, delivery::ifEnabled,
+        [&](auto callback, threadEnv& env) {
+          jint newSize = 0;
+          unsigned char* newBytes = nullptr;
+          callback(each, &env, ref(redefined), ref(loader), name, nullptr,
+                   static_cast<jint>(bytes.size()), bytes.data(), &newSize, &newBytes);
+          if (newBytes != nullptr) {
+            bytes.assign(newBytes, newBytes + newSize);
+            machine_->giveBack(env, newBytes, FAKE_JVMTI(RetransformClasses));
+          }
+        });
+  }
+  return bytes;
+}
+
 void virtualMachine::runNative(const std::function<void(JNIEnv*)>& body) {
   threadEnv& env = machine_->current("the test");
   machine_->enter(env, "native method", nullptr, [&] { body(&env); });

@@ -176,6 +176,13 @@ class virtualMachine {
                  method* catchCode = nullptr, jlocation catchLocation = 0,
                  delivery how = delivery::ifEnabled);
 
+  // Posts ClassFileLoadHook for these bytes in all environments, one after the other, and gives
+  // what they make of them. `redefined` is the class when it is loaded already. The name is as the
+  // VM has it, with slashes; it may be null.
+  std::vector<unsigned char> classFileLoad(const char* name, std::vector<unsigned char> bytes,
+                                           object* loader = nullptr,
+                                           javaClass* redefined = nullptr);
+
   // Runs `body(JNIEnv*)` as a native method of the calling thread and gives what it gives.
   template <typename Body>
   auto native(Body&& body) {
