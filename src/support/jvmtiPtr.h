@@ -6,6 +6,7 @@
 #include <jvmti.h>
 
 #include <string_view>
+#include <utility>
 
 namespace support {
 
@@ -34,6 +35,9 @@ class jvmtiPtr {
     reset();
     value_ = value;
   }
+
+  // Leaves the memory to the caller.
+  T* release() { return std::exchange(value_, nullptr); }
 
   T* get() const { return value_; }
   T& operator[](jint index) const { return value_[index]; }
