@@ -48,8 +48,7 @@ std::string refusal(const contentionSettings& settings) {
 }  // namespace
 
 #define TW_CONTENTION(method) Java_com_korvane_twutils_nativeagent_AgentContention_##method
-#define TW_CONTENTION_NAME(method) \
-  "Java_com_korvane_twutils_nativeagent_AgentContention_" #method
+#define TW_CONTENTION_NAME(method) "Java_com_korvane_twutils_nativeagent_AgentContention_" #method
 
 JNIEXPORT jstring JNICALL TW_CONTENTION(start)(JNIEnv* jni, jclass /*cls*/, jint locks,
                                                jint samples, jint budget, jlong stuckMillis,
@@ -85,8 +84,7 @@ JNIEXPORT jstring JNICALL TW_CONTENTION(snapshot)(JNIEnv* jni, jclass /*cls*/, j
 }
 
 JNIEXPORT jboolean JNICALL TW_CONTENTION(stop)(JNIEnv* jni, jclass /*cls*/) {
-  const jint stopped = native(TW_CONTENTION_NAME(stop), [&] {
-    return contentionProfile::ofProcess().stop(jni) ? 1 : 0;
-  });
+  const jint stopped = native(TW_CONTENTION_NAME(stop),
+                              [&] { return contentionProfile::ofProcess().stop(jni) ? 1 : 0; });
   return stopped == 1 ? JNI_TRUE : JNI_FALSE;
 }

@@ -88,10 +88,9 @@ jint load(JavaVM* vm, const char* options) {
 
   const startUpSettings settings = readOptions(*registry, options == nullptr ? "" : options);
 
-  const std::string noContention =
-      settings.contention
-          ? contentionProfile::ofProcess().startWithVm(vm, settings.contentionProfile)
-          : std::string();
+  const std::string noContention = settings.contention ? contentionProfile::ofProcess().startWithVm(
+                                                             vm, settings.contentionProfile)
+                                                       : std::string();
 
   jvmtiError capabilities = JVMTI_ERROR_NONE;
   if (!registry->empty()) {

@@ -133,8 +133,8 @@ std::optional<std::int64_t> millisIn(std::string_view text) {
   return std::nullopt;
 }
 
-// Reads "key=value" into `setting` when the key is this one. A value that is no such number, or out
-// of its range, leaves the setting as it is and is noted.
+// Reads "key=value" into `setting` when the key is this one. Any other value, and one
+// out of its range, leaves the setting as it is and is noted.
 template <typename Number>
 void readSetting(const std::string& item, std::string_view key, bool isDuration, std::int64_t first,
                  std::int64_t last, Number& setting, startUpSettings& settings) {
@@ -145,8 +145,7 @@ void readSetting(const std::string& item, std::string_view key, bool isDuration,
   const std::string_view text =
       sign == std::string::npos ? std::string_view() : std::string_view(item).substr(sign + 1);
   const bool hasUnit = text.find_first_not_of("0123456789") != std::string_view::npos;
-  const std::optional<std::int64_t> value =
-      hasUnit && !isDuration ? std::nullopt : millisIn(text);
+  const std::optional<std::int64_t> value = hasUnit && !isDuration ? std::nullopt : millisIn(text);
   if (value && *value >= first && *value <= last) {
     setting = static_cast<Number>(*value);
   } else {

@@ -105,8 +105,7 @@ class blockCounts {
  private:
   static void raise(std::atomic<std::uint64_t>& most, std::uint64_t value) {
     std::uint64_t known = most.load(std::memory_order_relaxed);
-    while (known < value &&
-           !most.compare_exchange_weak(known, value, std::memory_order_relaxed)) {
+    while (known < value && !most.compare_exchange_weak(known, value, std::memory_order_relaxed)) {
     }
   }
 

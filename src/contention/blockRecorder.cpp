@@ -91,8 +91,8 @@ void blockRecorder::begin(JNIEnv* jni, std::int32_t locks, const parkClasses& pa
   parks_ = parks;
   threads_.begin(jni);
   locks_.begin(jni, locks);
-  for (auto* const each : {&omitted_.startsNotSeen, &omitted_.notSampled, &omitted_.otherLocks,
-                           &omitted_.classes}) {
+  for (auto* const each :
+       {&omitted_.startsNotSeen, &omitted_.notSampled, &omitted_.otherLocks, &omitted_.classes}) {
     each->store(0);
   }
   isOn_.store(true);
@@ -132,8 +132,9 @@ std::uint64_t blockRecorder::wordFor(const blockedThreads::block& begun, JNIEnv*
                                      jthread thread) {
   jobject reference = nullptr;
   if ((begun.place & kOthers) == 0) {
-    std::atomic<std::int32_t>& wanted = locks_.at(begun.place).threadsWanted;
-    if (wanted.load(std::memory_order_relaxed) > 0 && wanted.fetch_sub(1) > 0) {
+    lockRecord& record = locks_.at(begun.place);
+    const std::uint64_t number = record.begun.fetch_add(1, std::memory_order_relaxed);
+    if ((number & record.thinning.load(std::memory_order_relaxed)) == 0) {
       reference = jni->NewGlobalRef(thread);
     }
   }
@@ -145,8 +146,7 @@ std::uint64_t blockRecorder::wordFor(const blockedThreads::block& begun, JNIEnv*
     jni->DeleteGlobalRef(reference);
   }
   ++omitted_.notSampled;
-  return wordOf(wordKind::noSlot, begun.place,
-                static_cast<std::uint64_t>(begun.since) >> kCoarse);
+  return wordOf(wordKind::noSlot, begun.place, static_cast<std::uint64_t>(begun.since) >> kCoarse);
 }
 
 void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
@@ -183,8 +183,8 @@ void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
   if (kindOf(ended.place) == lockKind::lock && (outer == wordKind::begun || ended.goesOn)) {
     const auto nanos = static_cast<std::uint64_t>(std::max<std::int64_t>(now - ended.since, 0));
     setWord(jvmti, storage, wordOf(wordKind::acquiring, ended.place, ended.before + nanos));
-  } else if (blockedThreads::block still; outer == wordKind::slot &&
-             threads_.read(tokenIn(ended.outer), still)) {
+  } else if (blockedThreads::block still;
+             outer == wordKind::slot && threads_.read(tokenIn(ended.outer), still)) {
     setWord(jvmti, storage, ended.outer);  // a block within another one
   }
   threads_.leave(jni, taken);
@@ -211,6 +211,14 @@ std::uint32_t blockRecorder::awaitedBy(jvmtiEnv* jvmti, jthread thread) const {
     return lockTable::kNone;
   }
   return found.place;
+}
+
+std::uint32_t blockRecorder::slotOf(jvmtiEnv* jvmti, jthread thread) const {
+  const std::uint64_t word = wordOf(jvmti, thread);
+  blockedThreads::block found;
+  return agent::kindOf(word) == wordKind::slot && threads_.read(tokenIn(word), found)
+             ? tokenIn(word).slot
+             : blockedThreads::kNone;
 }
 
 lockKind blockRecorder::kindOf(std::uint32_t place) const {

@@ -34,6 +34,9 @@ class blockRecorder {
   // sampler.
   std::uint32_t awaitedBy(jvmtiEnv* jvmti, jthread thread) const;
 
+  // The slot of a blocked thread; blockedThreads::kNone for others. Likewise.
+  std::uint32_t slotOf(jvmtiEnv* jvmti, jthread thread) const;
+
   // Places from here on stand for the locks of a class that have no record.
   static constexpr std::uint32_t kOthers = 0x8000'0000;
   static std::uint32_t othersOf(channel by, std::uint32_t cls) {

@@ -109,6 +109,23 @@ jthread blockedThreads::threadOf(JNIEnv* jni, std::uint32_t index, const blocked
   return thread;
 }
 
+void blockedThreads::adopt(JNIEnv* jni, std::uint32_t index, const blockedThread& found,
+                           jthread thread) {
+  slot& each = slots_[index];
+  const std::uint64_t turn = found.word >> kStateBits;
+  std::uint64_t word = found.word;
+  if (!each.word.compare_exchange_strong(word, wordOf(turn, kRead))) {
+    return;
+  }
+  if (each.thread.load(std::memory_order_relaxed) == nullptr) {
+    each.thread.store(jni->NewGlobalRef(thread), std::memory_order_relaxed);
+  }
+  word = wordOf(turn, kRead);
+  if (!each.word.compare_exchange_strong(word, wordOf(turn, kBlocked))) {
+    free(jni, each, turn);
+  }
+}
+
 void blockedThreads::drop(JNIEnv* jni, std::uint32_t index, const blockedThread& found) {
   slot& each = slots_[index];
   std::uint64_t word = found.word;

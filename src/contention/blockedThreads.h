@@ -52,11 +52,14 @@ class blockedThreads {
   // Slots below are in use.
   std::uint32_t end() const { return active_.load(std::memory_order_relaxed); }
   // The thread in a slot; false when there is none. For the sampler, as the rest.
-  bool read(std::uint32_t slot, blockedThread& found) const;
+  bool read(std::uint32_t index, blockedThread& found) const;
   // A local reference to it; null when it has left, or when no reference was taken.
-  jthread threadOf(JNIEnv* jni, std::uint32_t slot, const blockedThread& found);
+  jthread threadOf(JNIEnv* jni, std::uint32_t index, const blockedThread& found);
+  bool hasThread(std::uint32_t index) const { return slots_[index].thread.load() != nullptr; }
+  // Gives a slot without a reference one to its thread.
+  void adopt(JNIEnv* jni, std::uint32_t index, const blockedThread& found, jthread thread);
   // Gives a slot free whose thread will not leave it.
-  void drop(JNIEnv* jni, std::uint32_t slot, const blockedThread& found);
+  void drop(JNIEnv* jni, std::uint32_t index, const blockedThread& found);
 
   // Drops all blocks that began before; no handler is inside.
   void begin(JNIEnv* jni);

@@ -25,9 +25,9 @@ constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kPause{1};
 
 const std::vector<jvmtiEvent>& events() {
-  static const std::vector<jvmtiEvent> all = {
-      JVMTI_EVENT_MONITOR_CONTENDED_ENTER, JVMTI_EVENT_MONITOR_CONTENDED_ENTERED,
-      JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED};
+  static const std::vector<jvmtiEvent> all = {JVMTI_EVENT_MONITOR_CONTENDED_ENTER,
+                                              JVMTI_EVENT_MONITOR_CONTENDED_ENTERED,
+                                              JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED};
   return all;
 }
 
@@ -134,7 +134,7 @@ std::string contentionProfile::open(JavaVM* vm) {
   callbacks.MonitorWait = MonitorWait;
   callbacks.MonitorWaited = MonitorWaited;
   callbacks.ClassFileLoadHook = parkHook::ClassFileLoadHook;
-  const std::string problem = environment_.open(vm, wantedCapabilities(), callbacks);
+  std::string problem = environment_.open(vm, wantedCapabilities(), callbacks);
   if (!problem.empty()) {
     return problem;
   }
@@ -169,8 +169,7 @@ void contentionProfile::findClasses(JNIEnv* jni) NO_THREAD_SAFETY_ANALYSIS {
   if (parks_.synchronizer != nullptr) {
     return;
   }
-  parks_.synchronizer =
-      classFor(jni, "java/util/concurrent/locks/AbstractOwnableSynchronizer");
+  parks_.synchronizer = classFor(jni, "java/util/concurrent/locks/AbstractOwnableSynchronizer");
   parks_.latch = classFor(jni, "java/util/concurrent/CountDownLatch$Sync");
   parks_.stampedLock = classFor(jni, "java/util/concurrent/locks/StampedLock");
   parks_.pool = classFor(jni, "java/util/concurrent/ForkJoinPool");

@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <map>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 
+#include "contention/lockNames.h"
 #include "instruments/costAccount.h"
 
 namespace agent {
@@ -19,20 +19,11 @@ using support::jsonWriter;
 constexpr jsonWriter::layout kLines = jsonWriter::layout::lines;
 
 constexpr std::array<const char*, 5> kKinds = {"monitor", "lock", "wait", "park", "idle"};
-constexpr std::array<const char*, 6> kNotes = {"", "virtual", "handedOver", "notKept", "changed",
-                                               "none"};
+constexpr std::array<const char*, 6> kNotes = {"",        "virtual", "handedOver",
+                                               "notKept", "changed", "none"};
 
 using pairEntry = std::pair<const pairKey, pairCounts>;
 using pairList = std::vector<const pairEntry*>;
-
-std::string hexadecimal(jint hash) {
-  constexpr int kBase = 16;
-  std::array<char, 8> digits;
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(),
-                                 static_cast<std::uint32_t>(hash), kBase)
-                       .ptr;
-  return {digits.data(), end};
-}
 
 std::uint64_t millis(std::int64_t steady) {
   return static_cast<std::uint64_t>(instruments::epochMillisOf(steady));
@@ -53,14 +44,6 @@ void writeId(jsonWriter& json, std::string_view name, std::uint32_t id) {
   } else {
     json.member(name, std::uint64_t{id});
   }
-}
-
-// The public class of what is inside it: "ReentrantLock" for its synchronizer.
-std::string_view publicName(std::string_view name, lockKind kind) {
-  constexpr std::string_view kConcurrent = "java.util.concurrent.";
-  const bool isInside = (kind == lockKind::lock || kind == lockKind::park) &&
-                        name.substr(0, kConcurrent.size()) == kConcurrent;
-  return isInside ? name.substr(0, name.find('$')) : name;
 }
 
 // Writes the parts of one report.
@@ -84,8 +67,7 @@ class reportWriter {
     contentionSampler::blockedNow blocked;
   };
 
-  std::vector<lockRow> rows(JNIEnv* jni,
-                            const std::vector<contentionSampler::blockedNow>& blocked);
+  std::vector<lockRow> rows(JNIEnv* jni, const std::vector<contentionSampler::blockedNow>& blocked);
   std::map<std::uint32_t, pairList> pairsByLock() const;
   void writeName(std::string_view member, std::uint32_t id);
   void writeTotals(const blockTotals& totals);
@@ -177,8 +159,8 @@ void reportWriter::writeLocks(JNIEnv* jni,
     const lockRecord& record = *each.record;
     json_.beginObject();
     json_.member("id", std::uint64_t{record.id});
-    writeText(json_, "class", publicName(samples_.classNames[record.cls], record.kind));
-    json_.member("identity", hexadecimal(record.hash));
+    writeText(json_, "class", publicClass(samples_.classNames[record.cls], record.kind));
+    json_.member("identity", identityText(record.hash));
     writeText(json_, "field", samples_.fieldOf(record.id));
     json_.member("kind", kKinds.at(static_cast<std::size_t>(record.kind)));
     writeTotals(each.totals);
@@ -212,7 +194,7 @@ void reportWriter::writeOthers(const std::map<std::uint32_t, pairList>& pairs) {
         continue;
       }
       json_.beginObject();
-      writeText(json_, "class", publicName(samples_.classNames[i], kind));
+      writeText(json_, "class", publicClass(samples_.classNames[i], kind));
       json_.member("kind", kKinds.at(static_cast<std::size_t>(kind)));
       writeTotals(totals);
       writePairs(own == byClass.end() ? pairList() : own->second);

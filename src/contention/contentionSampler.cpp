@@ -1,9 +1,11 @@
 #include "contention/contentionSampler.h"
 
 #include <algorithm>
+#include <bit>
 #include <string>
 
 #include "agent/twAprLib.h"
+#include "contention/lockNames.h"
 #include "support/heldClasses.h"
 #include "support/jniRef.h"
 #include "support/text.h"
@@ -15,20 +17,10 @@ namespace {
 constexpr std::int64_t kNanosPerSecond = 1'000'000'000;
 constexpr std::int64_t kNanosPerMilli = 1'000'000;
 constexpr std::int64_t kUpkeep = 100 * kNanosPerMilli;
+constexpr std::int64_t kThinning = 20 * kNanosPerMilli;
 
 std::uint64_t since(std::uint64_t now, std::uint64_t before) {
   return now > before ? now - before : 0;
-}
-
-std::string dotted(std::string_view signature) {
-  std::string name;
-  if (!signature.empty() && signature.front() == 'L') {
-    support::appendDottedClass(name, signature);
-  } else {
-    name = signature;
-    std::replace(name.begin(), name.end(), '/', '.');
-  }
-  return name;
 }
 
 }  // namespace
@@ -50,6 +42,8 @@ void contentionSampler::begin(const contentionSettings& settings, const ownerCla
   lastTick_ = now;
   lastWaitTick_ = now;
   nextUpkeep_ = now;
+  nextThinning_ = now;
+  begunBefore_.assign(locks, 0);
   nextStuckLook_ = now;
   tickNumber_ = 0;
   stuckSince_.clear();
@@ -75,6 +69,7 @@ void contentionSampler::step(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
     }
   }
   findStuck(jvmti, jni, now);
+  thinOut(now);
   if (now >= nextUpkeep_) {
     nextUpkeep_ = now + kUpkeep;
     readNames(jvmti, jni);
@@ -131,6 +126,34 @@ void contentionSampler::scan(std::int64_t now) {
   }
 }
 
+// Of the threads of a lock that many meet, only some leave a reference to themselves: every n-th,
+// whatever the length of its block, so that those who can be looked at are like the others.
+void contentionSampler::thinOut(std::int64_t now) {
+  constexpr std::uint64_t kPerLock = 64;
+  constexpr std::uint64_t kInAll = 1024;
+  if (now < nextThinning_) {
+    return;
+  }
+  nextThinning_ = now + kThinning;
+  lockTable& locks = recorder_.locks();
+  std::vector<std::pair<std::uint32_t, std::uint64_t>> busy;
+  for (std::uint32_t i = 0; i < locks.end(); ++i) {
+    const std::uint64_t begun = locks.at(i).begun.load(std::memory_order_relaxed);
+    if (locks.isLive(i) && begun != begunBefore_[i]) {
+      busy.emplace_back(i, begun - begunBefore_[i]);
+      begunBefore_[i] = begun;
+    } else {
+      locks.at(i).thinning.store(0, std::memory_order_relaxed);
+    }
+  }
+  const std::uint64_t each =
+      std::max<std::uint64_t>(std::min(kPerLock, kInAll / (busy.size() + 1)), 1);
+  for (const auto& [place, number] : busy) {
+    locks.at(place).thinning.store(static_cast<std::uint32_t>(std::bit_ceil(number / each + 1) - 1),
+                                   std::memory_order_relaxed);
+  }
+}
+
 void contentionSampler::tick(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
   weigh(now);
   std::vector<std::uint32_t> places;
@@ -167,9 +190,8 @@ void contentionSampler::weigh(std::int64_t now) {
 }
 
 void contentionSampler::sample(lockLook& look, std::uint32_t place) {
-  lockRecord& record = recorder_.locks().at(place);
+  const lockRecord& record = recorder_.locks().at(place);
   const lockSeen seen = look.at(place, waiting_[place], kWaitersPerLock);
-  record.threadsWanted.store(kWaitersPerLock, std::memory_order_relaxed);
   if (seen.waiters.empty()) {
     return;  // its time waits for a sample
   }
@@ -202,7 +224,8 @@ void contentionSampler::readNames(jvmtiEnv* jvmti, JNIEnv* jni) {
     const support::localRef<jclass> cls(
         jni, static_cast<jclass>(jni->NewLocalRef(locks.classAt(i).cls)));
     if (cls) {
-      samples_.classNames[i] = dotted(support::classSignature(jvmti, cls.get()).view());
+      samples_.classNames[i] =
+          support::classNameOf(support::classSignature(jvmti, cls.get()).view());
     }
   }
 }
@@ -264,10 +287,9 @@ void contentionSampler::fillWindow(const allSums& now, std::int64_t end) {
     }
   }
   const std::size_t kept = std::min(window.locks.size(), contentionSamples::kWindowLocks);
-  std::partial_sort(
-      window.locks.begin(), window.locks.begin() + static_cast<std::ptrdiff_t>(kept),
-      window.locks.end(),
-      [](const windowShare& a, const windowShare& b) { return a.nanos > b.nanos; });
+  std::partial_sort(window.locks.begin(), window.locks.begin() + static_cast<std::ptrdiff_t>(kept),
+                    window.locks.end(),
+                    [](const windowShare& a, const windowShare& b) { return a.nanos > b.nanos; });
 }
 
 void contentionSampler::endWindow(const allSums& now, std::int64_t end) {
@@ -319,6 +341,7 @@ void contentionSampler::findStuck(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now
   nextStuckLook_ = now + kNanosPerSecond;
   samples_.stuck.clear();
   samples_.stuckDropped = 0;
+  readNames(jvmti, jni);
   lockLook look(jvmti, jni, recorder_, samples_, classes_, canCheck_);
   for (const std::uint32_t place : places) {
     if (samples_.stuck.size() == contentionSamples::kMostStuck) {
@@ -329,9 +352,16 @@ void contentionSampler::findStuck(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now
     if (waiting.empty()) {
       continue;
     }
+    adoptThreads(jvmti, jni, waiting);
     const lockSeen seen = look.at(place, waiting, contentionSamples::kMostStuckThreads);
-    stuckLock stuck{recorder_.locks().at(place).id, waiting.front().block.since,
-                    blocked_[place].threads, {}, seen.owner};
+    const lockRecord& record = recorder_.locks().at(place);
+    stuckLock stuck{record.id,
+                    std::string(publicClass(samples_.classNames[record.cls], record.kind)) + '@' +
+                        identityText(record.hash),
+                    waiting.front().block.since,
+                    blocked_[place].threads,
+                    {},
+                    seen.owner};
     for (const waiterSeen& each : seen.waiters) {
       stuck.waiters.push_back({each.thread, each.since, each.stack});
     }
@@ -366,6 +396,30 @@ std::vector<waitingThread> contentionSampler::stuckAt(jvmtiEnv* jvmti, JNIEnv* j
   return stuck;
 }
 
+// Platform threads that left no reference to themselves get one here.
+void contentionSampler::adoptThreads(jvmtiEnv* jvmti, JNIEnv* jni,
+                                     const std::vector<waitingThread>& waiting) {
+  const std::size_t count = std::min(waiting.size(), contentionSamples::kMostStuckThreads);
+  const bool isMissing = std::any_of(
+      waiting.begin(), waiting.begin() + static_cast<std::ptrdiff_t>(count),
+      [&](const waitingThread& each) { return !recorder_.threads().hasThread(each.slot); });
+  if (!isMissing) {
+    return;
+  }
+  jint threadCount = 0;
+  support::jvmtiPtr<jthread> threads(jvmti);
+  threads.fill([&](jthread** out) { return jvmti->GetAllThreads(&threadCount, out); });
+  for (jint i = 0; threads && i < threadCount; ++i) {
+    const support::localRef<jthread> thread(jni, threads[i]);
+    const std::uint32_t slot = recorder_.slotOf(jvmti, thread.get());
+    const auto found = std::find_if(waiting.begin(), waiting.end(),
+                                    [&](const waitingThread& each) { return each.slot == slot; });
+    if (found != waiting.end()) {
+      recorder_.threads().adopt(jni, slot, found->block, thread.get());
+    }
+  }
+}
+
 // Circles of stuck locks whose owners wait for the next one.
 void contentionSampler::findDeadlocks() {
   samples_.deadlocks.clear();
@@ -389,8 +443,8 @@ void contentionSampler::findDeadlocks() {
       continue;
     }
     std::vector<deadlockStep> circle;
-    std::transform(begin, path.end(), std::back_inserter(circle), [](const stuckLock* lock) {
-      return deadlockStep{lock->owner.thread, lock->owner.waitsFor};
+    std::transform(begin, path.end(), std::back_inserter(circle), [&](const stuckLock* lock) {
+      return deadlockStep{lock->owner.thread, lock->owner.waitsFor, nextOf(*lock)->name};
     });
     samples_.deadlocks.push_back(std::move(circle));
   }
@@ -410,8 +464,8 @@ void contentionSampler::reportStuck(std::int64_t now) {
       continue;
     }
     TW_LOG(kLogWarn, kSeverityWarn, kFunction,
-           "Thread %s has been blocked by lock %u for %lld ms; held by: %s",
-           nameOf(each.waiters.front().thread), each.lock,
+           "Thread %s has been blocked by %s for %lld ms; held by: %s",
+           nameOf(each.waiters.front().thread), each.name.c_str(),
            static_cast<long long>((now - each.since) / kNanosPerMilli),
            each.owner.note == ownerNote::known ? nameOf(each.owner.thread) : "not known");
   }
@@ -422,8 +476,8 @@ void contentionSampler::reportStuck(std::int64_t now) {
     std::string text;
     for (const deadlockStep& step : circle) {
       locks.push_back(step.waitsFor);
-      text += (text.empty() ? "" : ", ") + std::string(nameOf(step.thread)) +
-              " waits for lock " + std::to_string(step.waitsFor);
+      text += (text.empty() ? "" : ", ") + std::string(nameOf(step.thread)) + " waits for lock " +
+              std::to_string(step.waitsFor);
     }
     std::sort(locks.begin(), locks.end());
     if (!reportedDeadlocks_.contains(locks)) {

@@ -46,8 +46,9 @@ class contentionSampler {
  private:
   static constexpr std::size_t kLocksPerTick = 8;
   static constexpr std::size_t kWaitersPerLock = 8;
-  static constexpr std::size_t kMostWaiting = 256;  // of a lock, among whom a look finds its waiters
-  static constexpr std::uint64_t kWaitShare = 20;   // one tick in so many looks at waits
+  static constexpr std::size_t kMostWaiting =
+      256;                                         // of a lock, among whom a look finds its waiters
+  static constexpr std::uint64_t kWaitShare = 20;  // one tick in so many looks at waits
 
   // Sums of a lock, or of all, when the current window began.
   struct baseline {
@@ -65,10 +66,10 @@ class contentionSampler {
     sums waits;
   };
 
-  bool isDue(std::int64_t now) const;
   void scan(std::int64_t now);
   void tick(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now);
   void weigh(std::int64_t now);
+  void thinOut(std::int64_t now);
   void sample(lockLook& look, std::uint32_t place);
   void book(const pairKey& key, const lockRecord& record, std::uint64_t nanos);
   void readNames(jvmtiEnv* jvmti, JNIEnv* jni);
@@ -78,6 +79,7 @@ class contentionSampler {
   void findStuck(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now);
   std::vector<waitingThread> stuckAt(jvmtiEnv* jvmti, JNIEnv* jni, std::uint32_t place,
                                      std::int64_t now);
+  void adoptThreads(jvmtiEnv* jvmti, JNIEnv* jni, const std::vector<waitingThread>& waiting);
   void findDeadlocks();
   void reportStuck(std::int64_t now);
 
@@ -92,14 +94,16 @@ class contentionSampler {
   std::vector<blockedNow> blocked_;                  // by place
   std::uint64_t otherContended_ = 0;                 // nanoseconds of blocked threads without place
   std::uint64_t otherWaits_ = 0;
-  std::vector<std::uint64_t> weights_;  // by place: time that no sample stands for yet
-  std::vector<baseline> baselines_;     // by place
+  std::vector<std::uint64_t> weights_;      // by place: time that no sample stands for yet
+  std::vector<baseline> baselines_;         // by place
+  std::vector<std::uint64_t> begunBefore_;  // by place: blocks at the last thinning
   baseline contended_;
   baseline waits_;
   std::int64_t nextTick_ = 0;
   std::int64_t lastTick_ = 0;
   std::int64_t lastWaitTick_ = 0;
   std::int64_t nextUpkeep_ = 0;
+  std::int64_t nextThinning_ = 0;
   std::int64_t nextStuckLook_ = 0;
   std::uint64_t tickNumber_ = 0;
   std::vector<std::int64_t> stuckSince_;  // of the locks that were stuck at the last step

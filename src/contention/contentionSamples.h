@@ -96,6 +96,7 @@ struct stuckThread {
 
 struct stuckLock {
   std::uint32_t lock;  // its id
+  std::string name;    // "com.example.Stock@1f"
   std::int64_t since;
   std::uint32_t waiterCount;
   std::vector<stuckThread> waiters;  // the first ones
@@ -105,6 +106,7 @@ struct stuckLock {
 struct deadlockStep {
   std::uint32_t thread;
   std::uint32_t waitsFor;  // the id of a lock
+  std::string lock;        // and its name
 };
 
 // Under the profile's lock.
@@ -129,7 +131,7 @@ struct contentionSamples {
   std::uint64_t pairNanosDropped = 0;
   std::uint64_t windowLocksDropped = 0;
   std::uint64_t stuckDropped = 0;
-  std::vector<std::string> classNames;  // by place; empty when not known
+  std::vector<std::string> classNames;                    // by place; empty when not known
   std::unordered_map<std::uint32_t, std::string> fields;  // of locks, by id
 
   // The field that holds a lock; empty when none is known.

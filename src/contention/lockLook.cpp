@@ -55,9 +55,11 @@ lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& wai
     return seen;
   }
   std::vector<jthread> threads;
+  std::vector<waitingThread> shown;
   for (auto each = waiting.begin(); each != waiting.end() && threads.size() < most; ++each) {
     if (jthread const thread = recorder_.threads().threadOf(jni_, each->slot, each->block)) {
       threads.push_back(thread);
+      shown.push_back(*each);
       seen.waiters.push_back({nameOf(thread), 0, each->block.since});
       record.hasVirtuals |= classes_.virtualThread != nullptr &&
                             jni_->IsInstanceOf(thread, classes_.virtualThread) != JNI_FALSE;
@@ -69,8 +71,12 @@ lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& wai
     threads.push_back(owner);
   }
   const std::vector<std::uint32_t> stacks = stacksOf(threads);
-  for (std::size_t i = 0; i < seen.waiters.size(); ++i) {
+  for (std::size_t i = seen.waiters.size(); i-- > 0;) {
     seen.waiters[i].stack = stacks[i];
+    blockedThread now{};
+    if (!recorder_.threads().read(shown[i].slot, now) || now.word != shown[i].block.word) {
+      seen.waiters.erase(seen.waiters.begin() + static_cast<std::ptrdiff_t>(i));  // it went on
+    }
   }
   if (owner == nullptr) {
     seen.owner.note = noteWithout(record);
@@ -156,7 +162,8 @@ std::vector<std::uint32_t> lockLook::stacksOf(const std::vector<jthread>& thread
       return jvmti_->GetThreadListStackTraces(count, threads.data(), kDepth + 1, out);
     });
   };
-  const jvmtiError error = count == 1 ? samples_.cost.handshake(read) : samples_.cost.safepoint(read);
+  const jvmtiError error =
+      count == 1 ? samples_.cost.handshake(read) : samples_.cost.safepoint(read);
   for (jint i = 0; error == JVMTI_ERROR_NONE && i < count; ++i) {
     const jvmtiStackInfo& each = stacks[i];
     const auto frames = static_cast<std::size_t>(std::min(each.frame_count, kDepth));

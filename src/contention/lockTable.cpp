@@ -136,8 +136,7 @@ std::uint32_t lockTable::add(JNIEnv* jni, channel by, jint hash, jobject object,
   record.kind = kindOf(by, classes_[cls]);
   record.id = ++lastId_;
   record.hasVirtuals = false;
-  constexpr std::int32_t kFirstThreads = 16;
-  record.threadsWanted.store(kFirstThreads, std::memory_order_relaxed);
+  record.thinning.store(0, std::memory_order_relaxed);
   record.state.store(kLive, std::memory_order_release);
   link(place);
   return place;

@@ -59,11 +59,14 @@ struct alignas(64) lockRecord {
   jint hash;
   channel by;
   lockKind kind;
-  std::uint16_t cls;       // its index in the table of classes
-  std::uint32_t id;        // in reports; never used again
-  bool hasVirtuals;        // virtual threads wait for it; of the sampler only
+  std::uint16_t cls;  // its index in the table of classes
+  std::uint32_t id;   // in reports; never used again
+  bool hasVirtuals;   // virtual threads wait for it; of the sampler only
   jweak object;
-  std::atomic<std::int32_t> threadsWanted;  // references that handlers may take, for the sampler
+  // Blocks begun, and which of them leave a reference to their thread for the sampler: those whose
+  // number has none of these bits.
+  std::atomic<std::uint64_t> begun;
+  std::atomic<std::uint32_t> thinning;
   blockCounts counts;
 };
 
@@ -96,8 +99,7 @@ class lockTable {
   // Makes room when there is little: unlinks locks that have died, and gives those free that no
   // handler and no thread in `isUsed`, by place, uses any more; their counts go to their classes.
   // One thread, again and again.
-  void makeRoom(JNIEnv* jni, const instruments::handlerGate& gate,
-                const std::vector<bool>& isUsed);
+  void makeRoom(JNIEnv* jni, const instruments::handlerGate& gate, const std::vector<bool>& isUsed);
 
  private:
   // States of a record, and of a class up to kLive.
@@ -126,7 +128,7 @@ class lockTable {
   instruments::reservedArray<lockClass> classes_;
   std::uint32_t limit_ = 0;
   std::uint32_t slotMask_ = 0;
-  std::atomic<std::uint32_t> used_{0};    // places taken for the first time
+  std::atomic<std::uint32_t> used_{0};  // places taken for the first time
   std::atomic<std::uint32_t> lastId_{0};
   // Places that were given back, as a ring: makeRoom() puts, handlers take.
   instruments::reservedArray<std::atomic<std::uint32_t>> returned_;

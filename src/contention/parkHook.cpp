@@ -164,6 +164,7 @@ std::vector<foundClass> findClasses(JNIEnv* jni, support::pendingExceptionGuard&
 // or of each alone when some cannot be changed. Empty, or what the VM answered.
 std::string retransform(jvmtiEnv* jvmti, const std::vector<foundClass>& classes) {
   std::vector<jclass> all;
+  all.reserve(classes.size());
   for (const foundClass& each : classes) {
     all.push_back(each.cls.get());
   }

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-
 namespace instruments {
 
 // Nanoseconds of the steady clock.

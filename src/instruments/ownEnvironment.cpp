@@ -99,8 +99,8 @@ bool ownEnvironment::run(JNIEnv* jni, const char* name, jvmtiStartFunction body,
   if (exceptions.clear() || !text) {
     return false;
   }
-  const support::localRef<jthread> thread(
-      jni, jni->NewObject(cls.get(), made, group.get(), text.get()));
+  const support::localRef<jthread> thread(jni,
+                                          jni->NewObject(cls.get(), made, group.get(), text.get()));
   if (exceptions.clear() || !thread) {
     return false;
   }

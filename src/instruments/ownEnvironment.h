@@ -27,8 +27,8 @@ class ownEnvironment {
   bool enable(const std::vector<jvmtiEvent>& events);
   void disable(const std::vector<jvmtiEvent>& events);
 
-  // Runs `body(argument)` on a Java thread of that name, a daemon in the system's group. False, with
-  // no exception left, when the VM refuses. On a Java thread, in the live phase.
+  // Runs `body(argument)` on a Java thread of that name, a daemon in the system's group. False,
+  // with no exception left, when the VM refuses. On a Java thread, in the live phase.
   bool run(JNIEnv* jni, const char* name, jvmtiStartFunction body, void* argument);
 
  private:

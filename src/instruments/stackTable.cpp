@@ -27,34 +27,21 @@ std::optional<jint> lineAt(const Lines& lines, jlocation place) {
 
 }  // namespace
 
-std::uint32_t stackTable::idOf(jvmtiEnv* jvmti, JNIEnv* jni,
-                               std::span<const jvmtiFrameInfo> frames, bool isCut) {
+std::uint32_t stackTable::idOf(jvmtiEnv* jvmti, JNIEnv* jni, std::span<const jvmtiFrameInfo> frames,
+                               bool isCut) {
   stack trace{{}, isCut};
   trace.frames.reserve(frames.size());
   for (const jvmtiFrameInfo& each : frames) {
-    const knownMethod& method = methodOf(jvmti, jni, each.method);
-    std::string text = method.name;
-    if (method.isNative) {
-      text += "Native Method";
-    } else if (method.file.empty()) {
-      text += "Unknown Source";
-    } else {
-      text += method.file;
-      if (const std::optional<jint> line = lineAt(method.lines, each.location)) {
-        text += ':' + std::to_string(*line);
-      }
-    }
-    text += ')';
-    const std::optional<std::uint32_t> id = frameId(std::move(text));
+    const std::optional<std::uint32_t> id = frameOf(jvmti, jni, each);
     if (!id) {
       ++dropped_;
       return 0;
     }
     trace.frames.push_back(*id);
   }
-  const auto known = stacks_.find(trace);
-  if (known != stacks_.end()) {
-    return known->second;
+  const auto kept = stacks_.find(trace);
+  if (kept != stacks_.end()) {
+    return kept->second;
   }
   if (stacks_.size() == kMostStacks) {
     ++dropped_;
@@ -74,7 +61,32 @@ void stackTable::clear() {
   dropped_ = 0;
 }
 
-const stackTable::knownMethod& stackTable::methodOf(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
+std::optional<std::uint32_t> stackTable::frameOf(jvmtiEnv* jvmti, JNIEnv* jni,
+                                                 const jvmtiFrameInfo& frame) {
+  knownMethod& method = methodOf(jvmti, jni, frame.method);
+  const auto known = method.frames.find(frame.location);
+  if (known != method.frames.end()) {
+    return known->second;
+  }
+  std::string text = method.name;
+  if (method.isNative) {
+    text += "Native Method";
+  } else if (method.file.empty()) {
+    text += "Unknown Source";
+  } else {
+    text += method.file;
+    if (const std::optional<jint> number = lineAt(method.lines, frame.location)) {
+      text += ':' + std::to_string(*number);
+    }
+  }
+  const std::optional<std::uint32_t> id = idOfText(text + ')');
+  if (id) {
+    method.frames[frame.location] = *id;
+  }
+  return id;
+}
+
+stackTable::knownMethod& stackTable::methodOf(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method) {
   const auto found = methods_.find(method);
   if (found != methods_.end()) {
     const support::heldClasses::entryPtr& cls = found->second.cls;
@@ -103,8 +115,7 @@ stackTable::knownMethod stackTable::readMethod(jvmtiEnv* jvmti, JNIEnv* jni, jme
     return read;
   }
   read.cls = support::holdClass(jvmti, jni, classes_, cls.get());
-  read.name.clear();
-  support::appendDottedClass(read.name, signature.view());
+  read.name = support::classNameOf(signature.view());
   read.name += '.';
   read.name += name.view();
   read.name += '(';
@@ -115,9 +126,8 @@ stackTable::knownMethod stackTable::readMethod(jvmtiEnv* jvmti, JNIEnv* jni, jme
   }
   jint count = 0;
   support::jvmtiPtr<jvmtiLineNumberEntry> lines(jvmti);
-  const jvmtiError error = lines.fill([&](jvmtiLineNumberEntry** out) {
-    return jvmti->GetLineNumberTable(method, &count, out);
-  });
+  const jvmtiError error = lines.fill(
+      [&](jvmtiLineNumberEntry** out) { return jvmti->GetLineNumberTable(method, &count, out); });
   read.isNative = error == JVMTI_ERROR_NATIVE_METHOD;
   if (error == JVMTI_ERROR_NONE) {
     for (jint i = 0; i < count; ++i) {
@@ -127,7 +137,7 @@ stackTable::knownMethod stackTable::readMethod(jvmtiEnv* jvmti, JNIEnv* jni, jme
   return read;
 }
 
-std::optional<std::uint32_t> stackTable::frameId(std::string text) {
+std::optional<std::uint32_t> stackTable::idOfText(std::string text) {
   const auto found = frames_.find(text);
   if (found != frames_.end()) {
     return found->second;

@@ -52,15 +52,17 @@ class stackTable {
     std::string file;                    // empty when there is none
     bool isNative = false;
     std::vector<lineStart> lines;
+    std::map<jlocation, std::uint32_t> frames;  // their ids, by place in the method
   };
-  const knownMethod& methodOf(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method);
+  knownMethod& methodOf(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method);
   knownMethod readMethod(jvmtiEnv* jvmti, JNIEnv* jni, jmethodID method);
-  std::optional<std::uint32_t> frameId(std::string text);
+  std::optional<std::uint32_t> frameOf(jvmtiEnv* jvmti, JNIEnv* jni, const jvmtiFrameInfo& frame);
+  std::optional<std::uint32_t> idOfText(std::string text);
 
   support::heldClasses classes_;
   std::unordered_map<jmethodID, knownMethod> methods_;
   std::map<std::string, std::uint32_t, std::less<>> frames_;
-  std::vector<std::string> texts_;  // by frame
+  std::vector<std::string> texts_;         // by frame
   std::map<stack, std::uint32_t> stacks_;  // and their ids
   std::vector<const stack*> order_;        // by id
   std::uint64_t dropped_ = 0;

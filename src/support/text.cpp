@@ -40,6 +40,22 @@ void appendDottedClass(std::string& out, std::string_view signature) {
   std::replace(out.begin() + static_cast<std::ptrdiff_t>(start), out.end(), '/', '.');
 }
 
+std::string classNameOf(std::string_view signature) {
+  if (!signature.empty() && signature.front() == 'L') {
+    signature.remove_prefix(1);
+    signature.remove_suffix(signature.empty() ? 0 : 1);
+  }
+  std::string name(signature);
+  for (char& each : name) {
+    if (each == '/') {
+      each = '.';
+    } else if (each == '.') {
+      each = '/';  // of a hidden class
+    }
+  }
+  return name;
+}
+
 std::uint64_t fnv1a64(std::string_view text) {
   constexpr std::uint64_t kOffsetBasis = 0xcbf29ce484222325U;
   constexpr std::uint64_t kPrime = 0x100000001b3U;

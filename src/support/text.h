@@ -11,6 +11,10 @@ namespace support {
 // dropped, every "/" a ".". A signature shorter than two characters adds nothing.
 void appendDottedClass(std::string& out, std::string_view signature);
 
+// The name that Class.getName gives for a signature: "com.example.Lock", "[I",
+// "a.Shop$$Lambda/0x1f".
+std::string classNameOf(std::string_view signature);
+
 // 64-bit FNV-1a hash.
 std::uint64_t fnv1a64(std::string_view text);
 

@@ -18,7 +18,8 @@ final class AgentContention {
    * @param windowMillis the length of a window of the time line
    * @return null when it has started, else why it has not
    */
-  static native String start(int locks, int samples, int budget, long stuckMillis, long windowMillis);
+  static native String start(
+      int locks, int samples, int budget, long stuckMillis, long windowMillis);
 
   /** Whether it runs: from the agent's option {@code contention=1} or {@link #start} on. */
   static native boolean isRunning();
