@@ -476,8 +476,8 @@ void contentionSampler::reportStuck(std::int64_t now) {
     std::string text;
     for (const deadlockStep& step : circle) {
       locks.push_back(step.waitsFor);
-      text += (text.empty() ? "" : ", ") + std::string(nameOf(step.thread)) + " waits for lock " +
-              std::to_string(step.waitsFor);
+      text +=
+          (text.empty() ? "" : ", ") + std::string(nameOf(step.thread)) + " waits for " + step.lock;
     }
     std::sort(locks.begin(), locks.end());
     if (!reportedDeadlocks_.contains(locks)) {
