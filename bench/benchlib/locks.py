@@ -30,6 +30,7 @@ class Subject:
     session: str = ""  # "", "summary" or "detail"; what mode a reference agent is in
     options: tuple = ()
     agent_options: str = ""  # of the library, beside the usual ones
+    features: str = "mutexprofiling_memoryprofiling"  # of the library
 
 
 _TURNS = "--turns=true"
@@ -80,6 +81,7 @@ _FURTHER_WORKLOADS = (
 WORKLOADS = _MAIN_WORKLOADS + _FURTHER_WORKLOADS
 
 NONE, LOADED, EMPTY = "none", "loaded", "empty"
+COUNTS, CONTENTION = "contention-counts", "contention"
 SUBJECTS = (
     Subject(NONE, "no agent"),
     Subject(LOADED, "library, nothing switched on", "library"),
@@ -98,12 +100,26 @@ SUBJECTS = (
         "detail",
         agent_options=",ownerLookupsPerSecond=100",
     ),
+    Subject(
+        COUNTS,
+        "contention profile, counts only",
+        "library",
+        agent_options=",contention=1,contentionSamples=0",
+        features="contention",
+    ),
+    Subject(
+        CONTENTION,
+        "contention profile",
+        "library",
+        agent_options=",contention=1",
+        features="contention",
+    ),
     Subject("recorder", "flight recorder"),
     Subject("sampler", "flight recorder, samples only"),
     Subject("monitoring", "ThreadMXBean monitoring", options=("--monitoring=true",)),
 )
 _LEFT_OUT = {
-    "quick": (EMPTY, "floor-summary", "literal-summary", "floor-detail", "sampler", "monitoring"),
+    "quick": ("floor-summary", "literal-summary", "floor-detail", "sampler", "monitoring"),
     "default": ("literal-summary", "floor-detail"),
     "full": (),
 }
@@ -140,6 +156,21 @@ _GOALS = (
         "summary: at least 0.93 of the throughput without an agent",
         _share_of_none("library-summary"),
         dict.fromkeys(_ALL, 0.93),
+    ),
+    tables.Goal(
+        "contention profile, counts only: at least 0.97 of the throughput with empty handlers",
+        _beside(COUNTS, EMPTY),
+        dict.fromkeys(_ALL, 0.97),
+    ),
+    tables.Goal(
+        "contention profile: at least 0.93 of the throughput without an agent",
+        _share_of_none(CONTENTION),
+        dict.fromkeys(_ALL, 0.93),
+    ),
+    tables.Goal(
+        "contention profile: samples take less than 2 %",
+        _beside(CONTENTION, COUNTS),
+        dict.fromkeys(_ALL, 0.98),
     ),
     tables.Goal(
         "summary: p99 of getting a monitor within 1.05 of that without an agent",
@@ -211,7 +242,7 @@ def java_arguments(workload, subject, library, plan, folder):
     session = "none"
     warmup = plan.warmup * (_VIRTUAL_WARMUPS if _VIRTUAL in workload.options else 1)
     if subject.agent == "library":
-        features = "features=mutexprofiling_memoryprofiling"
+        features = f"features={subject.features}"
         options = f"twHome={folder},logLevel=1,{features}{subject.agent_options}"
         agent_options = [f"-agentpath:{library}={options}"]
         session = subject.session or "none"
