@@ -1,0 +1,120 @@
+"""Threads that park in java.util.concurrent are seen, whatever else happens to its classes."""
+
+import zipfile
+from pathlib import Path
+
+import pytest
+
+from harness import Jvm
+
+LOCKS = ("unfair", "fair", "read", "write", "stampedRead", "stampedWrite", "semaphore", "latch")
+WAITS = ("pool", "future")  # nothing is acquired
+KINDS = (*LOCKS, "condition", *WAITS)
+
+
+@pytest.fixture(scope="module")
+def hook(jvm):
+    """The Java under test with an agent that is nothing but the hook."""
+    agent = Path(jvm.class_path.split(":")[0]).parent / "libparkHookAgent.so"
+    return Jvm(jvm.java, agent, jvm.class_path, jvm.make_folder)
+
+
+def parks(hook, *steps, program="Parks", vm=()):
+    return hook.run(program, *steps, options=None, vm=vm)
+
+
+def counts(run, step):
+    """Of each kind how many acquisitions and parks began, and how many parks ended."""
+    return {
+        kind: tuple(run.fact(f"{step}.{kind}.{what}") for what in ("begins", "parks", "ends"))
+        for kind in KINDS
+    }
+
+
+def assert_seen(run, step):
+    for kind, (begins, begun, ended) in counts(run, step).items():
+        assert begun == ended > 0, kind
+        assert begins == (0 if kind in WAITS else 1), kind
+
+
+def assert_unseen(run, step):
+    assert set(counts(run, step).values()) == {(0, 0, 0)}
+
+
+VM = {
+    "plain": (),
+    "verified": ("-Xverify:all",),
+    "checked": ("-Xcheck:jni",),
+    "shared": ("-Xshare:on",),
+    "unshared": ("-Xshare:off",),
+    "interpreted": ("-Xint",),
+}
+
+
+@pytest.mark.parametrize("vm", VM.values(), ids=VM)
+def test_each_kind_is_seen(hook, vm):
+    if not hook.supports(*vm):
+        pytest.skip(f"this Java does not start with {vm[0]}")
+    run = hook.run("Parks", "install", "kinds", options=None, vm=vm, quiet=vm != VM["verified"])
+    assert run.facts["0.install"] == "exact "
+    assert_seen(run, 1)
+
+
+@pytest.mark.parametrize("vm", [(), ("-Xcheck:jni",)], ids=["plain", "checked"])
+def test_each_kind_is_seen_on_virtual_threads(hook, vm):
+    if hook.version() < 21:
+        pytest.skip("this Java has no virtual threads")
+    assert_seen(parks(hook, "install", "kinds", program="VirtualParks", vm=vm), 1)
+
+
+def test_nothing_is_seen_once_it_is_removed(hook):
+    run = parks(hook, "kinds", "install", "remove", "deliver", "kinds", "install", "kinds")
+    assert_unseen(run, 0)
+    assert run.facts["2.remove"] == ""
+    assert_unseen(run, 4)
+    assert_seen(run, 6)
+
+
+def test_another_agent_may_retransform_the_classes(hook):
+    folder = hook.new_folder()
+    with zipfile.ZipFile(folder / "other.jar", "w") as jar:
+        jar.writestr(
+            "META-INF/MANIFEST.MF",
+            "Premain-Class: Retransformer\nCan-Retransform-Classes: true\n",
+        )
+    other = f"-javaagent:{folder / 'other.jar'}"
+    run = parks(hook, "retransform", "install", "kinds", "retransform", "kinds", "remove",
+                "deliver", "kinds", "retransform", "kinds", vm=[other])
+    assert run.fact("0.retransform") == 4
+    assert_seen(run, 2)
+    assert run.fact("3.retransform") == 8
+    assert_seen(run, 4)
+    assert_unseen(run, 7)
+    assert run.fact("8.retransform") == 12
+    assert_unseen(run, 9)
+
+
+def test_a_flight_recording_may_start_later(hook):
+    run = parks(hook, "install", "record", "kinds", "remove", "deliver", "kinds")
+    assert_seen(run, 2)
+    assert_unseen(run, 5)
+
+
+def test_javac_runs_with_a_call_in_each_of_its_methods(hook):
+    folder = hook.new_folder()
+    source = folder / "Sum.java"
+    source.write_text(
+        "import java.util.*;\n"
+        "class Sum<T extends Number> {\n"
+        "  int of(List<? extends T> list) {\n"
+        "    try { return list.stream().mapToInt(n -> n.intValue()).sum(); }\n"
+        "    finally { switch (list.size()) { case 0: case 7: list = null; } }\n"
+        "  }\n"
+        "}\n"
+    )
+    run = hook.run("com.sun.tools.javac.Main", "-d", folder, source, options="every",
+                   vm=["-Xverify:all"], folder=folder, quiet=False)
+    assert (folder / "Sum.class").exists()
+    assert run.fact("refused") == 0
+    assert run.fact("methods") > 1000
+    assert run.fact("calls") > 10_000
