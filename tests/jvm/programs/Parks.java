@@ -15,8 +15,8 @@ import java.util.concurrent.locks.StampedLock;
 import javax.management.ObjectName;
 
 /**
- * A thread that waits once in each kind of java.util.concurrent's synchronizers, until it is let go.
- * The arguments are steps: what is counted has the number of its step in its name.
+ * A thread that waits once in each kind of java.util.concurrent's synchronizers, until it is let
+ * go. The arguments are steps: what is counted has the number of its step in its name.
  */
 public final class Parks {
   /** What the thread does that waits, and what lets it go. */

@@ -262,8 +262,8 @@ TEST(classFile, tablesThatReferBeyondTheCodeAreRefused) {
        .attributes = {{"LocalVariableTable", {0, 1, 0, 1, 0, 20, 0, 1, 0, 1, 0, 1}}}},
       {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 64, 8, 0, 20}}}},
       {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 64, 9}}}},
-      {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 128}}}},
-      {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 246}}}},
+      {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 128, 0, 0}}}},
+      {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 246, 0, 0}}}},
       {.instructions = body, .attributes = {{"StackMapTable", {0, 1, 251, 0xFF, 0xFF}}}},
   };
   ASSERT_TRUE(changed({.instructions = body}));
