@@ -67,6 +67,14 @@ def test_each_kind_is_seen_on_virtual_threads(hook, vm):
     assert_seen(parks(hook, "install", "kinds", program="VirtualParks", vm=vm), 1)
 
 
+@pytest.mark.parametrize("program", ["Parks", "VirtualParks"])
+def test_every_park_is_seen_in_compiled_code(hook, program):
+    if program == "VirtualParks" and hook.version() < 21:
+        pytest.skip("this Java has no virtual threads")
+    run = parks(hook, "install", "pingPong", program=program)
+    assert run.fact("1.parks") == run.fact("1.ends") == run.fact("1.parked") > 1000
+
+
 def test_nothing_is_seen_once_it_is_removed(hook):
     run = parks(hook, "kinds", "install", "remove", "deliver", "kinds", "install", "kinds")
     assert_unseen(run, 0)

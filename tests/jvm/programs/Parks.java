@@ -7,8 +7,11 @@ import java.util.concurrent.ForkJoinPool;
 import java.util.concurrent.ForkJoinTask;
 import java.util.concurrent.Semaphore;
 import java.util.concurrent.ThreadFactory;
+import java.util.concurrent.atomic.AtomicInteger;
+import java.util.concurrent.atomic.AtomicIntegerArray;
 import java.util.concurrent.locks.Condition;
 import java.util.concurrent.locks.Lock;
+import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
 import java.util.concurrent.locks.ReentrantReadWriteLock;
 import java.util.concurrent.locks.StampedLock;
@@ -19,6 +22,8 @@ import javax.management.ObjectName;
  * go. The arguments are steps: what is counted has the number of its step in its name.
  */
 public final class Parks {
+  private static final int TURNS = 20_000;
+
   /** What the thread does that waits, and what lets it go. */
   private static final class Kind {
     final Runnable waits;
@@ -58,6 +63,9 @@ public final class Parks {
               new Object[] {new String[] {"settings=profile"}},
               new String[] {String[].class.getName()});
           break;
+        case "pingPong":
+          pingPong(i + ".", threads);
+          break;
         default:
           park(i + ".", threads);
       }
@@ -78,6 +86,34 @@ public final class Parks {
       Facts.put(name + ".parks", Hooked.parks());
       Facts.put(name + ".ends", Hooked.ends());
     }
+  }
+
+  /** Two threads that wake each other; one counts its parks itself. */
+  private static void pingPong(String step, ThreadFactory threads) throws Exception {
+    Thread[] players = new Thread[2];
+    AtomicInteger turn = new AtomicInteger();
+    AtomicIntegerArray parks = new AtomicIntegerArray(2);
+    for (int player = 0; player < 2; player++) {
+      int mine = player;
+      players[mine] = threads.newThread(() -> {
+        for (int i = 0; i < TURNS; i++) {
+          while (turn.get() != mine) {
+            parks.incrementAndGet(mine);
+            LockSupport.park(turn);
+          }
+          turn.set(1 - mine);
+          LockSupport.unpark(players[1 - mine]);
+        }
+      });
+    }
+    Hooked.watch(players[0]);
+    players[0].start();
+    players[1].start();
+    players[0].join();
+    players[1].join();
+    Facts.put(step + "parked", parks.get(0));
+    Facts.put(step + "parks", Hooked.parks());
+    Facts.put(step + "ends", Hooked.ends());
   }
 
   /** Synchronizers that this thread has taken, or that nobody has let go yet. */
