@@ -1013,4 +1013,73 @@ TEST_F(fakeVmTest, arraysHaveElements) {
   vm.clearException();
 }
 
+// --- Changing classes.
+
+unsigned char foreignBytes = 7;
+
+// Gives other bytes: of VM memory for small classes, of its own for larger ones.
+void JNICALL changeBytes(jvmtiEnv* jvmti, JNIEnv*, jclass, jobject, const char*, jobject, jint size,
+                         const unsigned char*, jint* newSize, unsigned char** newBytes) {
+  *newSize = 1;
+  if (size > 4) {
+    *newBytes = &foreignBytes;
+  } else {
+    jvmti->Allocate(1, newBytes);
+    **newBytes = 9;
+  }
+}
+
+class changedClasses : public fakeVmTest {
+ protected:
+  jvmtiError retransform(fake::javaClass* type) {
+    jclass reference = vm.ref(type);
+    return jvmti->RetransformClasses(1, &reference);
+  }
+  fake::javaClass* classOf(std::vector<unsigned char> bytes) {
+    fake::javaClass* const made = vm.makeClass("a.A");
+    made->originalBytes = std::move(bytes);
+    return made;
+  }
+  void begin() {
+    jvmtiCapabilities wanted{};
+    wanted.can_retransform_classes = 1;
+    jvmti->AddCapabilities(&wanted);
+    jvmtiEventCallbacks callbacks{};
+    callbacks.ClassFileLoadHook = changeBytes;
+    jvmti->SetEventCallbacks(&callbacks, sizeof callbacks);
+    jvmti->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, nullptr);
+  }
+};
+
+TEST_F(changedClasses, areWhatTheHookMakesOfTheOriginal) {
+  fake::javaClass* const type = classOf({1, 2, 3});
+  EXPECT_EQ(retransform(type), JVMTI_ERROR_MUST_POSSESS_CAPABILITY);
+  begin();
+  EXPECT_EQ(retransform(vm.makeClass("a.WithoutBytes")), JVMTI_ERROR_UNMODIFIABLE_CLASS);
+  EXPECT_EQ(retransform(type), JVMTI_ERROR_NONE);
+  EXPECT_EQ(type->bytes, std::vector<unsigned char>{9});
+  jvmti->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_CLASS_FILE_LOAD_HOOK, nullptr);
+  EXPECT_EQ(retransform(type), JVMTI_ERROR_NONE);
+  EXPECT_EQ(type->bytes, type->originalBytes);
+}
+
+TEST_F(changedClasses, areMadeOfVmMemory) {
+  begin();
+  fake::javaClass* const type = classOf({1, 2, 3, 4, 5});
+  EXPECT_NONFATAL_FAILURE(retransform(type), "not VM memory");
+}
+
+TEST_F(changedClasses, areDefinedOnce) {
+  const std::array<jbyte, 4> magic{-54, -2, -70, -66};
+  jclass made = jni->DefineClass("a/A", nullptr, magic.data(), 4);
+  EXPECT_EQ(vm.target(made)->type->name, "java.lang.Class");
+  jni->DeleteLocalRef(made);
+  EXPECT_EQ(jni->DefineClass("a/A", nullptr, magic.data(), 4), nullptr);
+  EXPECT_EQ(vm.pendingException()->type->name, "java.lang.LinkageError");
+  vm.clearException();
+  EXPECT_EQ(jni->DefineClass("a/B", nullptr, magic.data(), 3), nullptr);
+  EXPECT_EQ(vm.pendingException()->type->name, "java.lang.ClassFormatError");
+  vm.clearException();
+}
+
 }  // namespace
