@@ -56,7 +56,7 @@ class blockCounts {
     }
     histogram_[bucketOf(whole)].fetch_add(1, std::memory_order_relaxed);
     raise(max_, whole);
-    raise(last_, static_cast<std::uint64_t>(end));
+    last_.store(static_cast<std::uint64_t>(end), std::memory_order_relaxed);
     if (first_.load(std::memory_order_relaxed) == 0) {
       std::uint64_t none = 0;
       first_.compare_exchange_strong(none, static_cast<std::uint64_t>(start));

@@ -132,9 +132,9 @@ std::uint64_t blockRecorder::wordFor(const blockedThreads::block& begun, JNIEnv*
                                      jthread thread) {
   jobject reference = nullptr;
   if ((begun.place & kOthers) == 0) {
-    lockRecord& record = locks_.at(begun.place);
-    const std::uint64_t number = record.begun.fetch_add(1, std::memory_order_relaxed);
-    if ((number & record.thinning.load(std::memory_order_relaxed)) == 0) {
+    constexpr unsigned kUnitBits = 4;
+    const auto chance = static_cast<std::uint64_t>(begun.since) >> kUnitBits;
+    if ((chance & locks_.at(begun.place).thinning.load(std::memory_order_relaxed)) == 0) {
       reference = jni->NewGlobalRef(thread);
     }
   }

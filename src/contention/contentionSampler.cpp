@@ -43,7 +43,7 @@ void contentionSampler::begin(const contentionSettings& settings, const ownerCla
   lastWaitTick_ = now;
   nextUpkeep_ = now;
   nextThinning_ = now;
-  begunBefore_.assign(locks, 0);
+  entriesBefore_.assign(locks, 0);
   nextStuckLook_ = now;
   tickNumber_ = 0;
   stuckSince_.clear();
@@ -138,13 +138,13 @@ void contentionSampler::thinOut(std::int64_t now) {
   lockTable& locks = recorder_.locks();
   std::vector<std::pair<std::uint32_t, std::uint64_t>> busy;
   for (std::uint32_t i = 0; i < locks.end(); ++i) {
-    const std::uint64_t begun = locks.at(i).begun.load(std::memory_order_relaxed);
-    if (locks.isLive(i) && begun != begunBefore_[i]) {
-      busy.emplace_back(i, begun - begunBefore_[i]);
-      begunBefore_[i] = begun;
+    const std::uint64_t entries = locks.at(i).counts.entries();
+    if (locks.isLive(i) && entries > entriesBefore_[i]) {
+      busy.emplace_back(i, entries - entriesBefore_[i]);
     } else {
       locks.at(i).thinning.store(0, std::memory_order_relaxed);
     }
+    entriesBefore_[i] = entries;
   }
   const std::uint64_t each =
       std::max<std::uint64_t>(std::min(kPerLock, kInAll / (busy.size() + 1)), 1);
@@ -159,11 +159,13 @@ void contentionSampler::tick(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
   std::vector<std::uint32_t> places;
   std::copy_if(waitedFor_.begin(), waitedFor_.end(), std::back_inserter(places),
                [&](std::uint32_t place) { return weights_[place] > 0; });
-  if (places.size() > kLocksPerTick) {
-    samples_.locksNotSampled += places.size() - kLocksPerTick;
-    std::partial_sort(places.begin(), places.begin() + kLocksPerTick, places.end(),
+  const std::size_t most = std::clamp<std::size_t>(samples_.cost.affordable(), 1, kLocksPerTick);
+  if (places.size() > most) {
+    samples_.locksNotSampled += places.size() - most;
+    std::partial_sort(places.begin(), places.begin() + static_cast<std::ptrdiff_t>(most),
+                      places.end(),
                       [&](std::uint32_t a, std::uint32_t b) { return weights_[a] > weights_[b]; });
-    places.resize(kLocksPerTick);
+    places.resize(most);
   }
   lockLook look(jvmti, jni, recorder_, samples_, classes_, canCheck_);
   for (const std::uint32_t place : places) {

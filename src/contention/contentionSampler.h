@@ -45,7 +45,7 @@ class contentionSampler {
 
  private:
   static constexpr std::size_t kLocksPerTick = 8;
-  static constexpr std::size_t kWaitersPerLock = 8;
+  static constexpr std::size_t kWaitersPerLock = 4;
   static constexpr std::size_t kMostWaiting =
       256;                                         // of a lock, among whom a look finds its waiters
   static constexpr std::uint64_t kWaitShare = 20;  // one tick in so many looks at waits
@@ -94,9 +94,9 @@ class contentionSampler {
   std::vector<blockedNow> blocked_;                  // by place
   std::uint64_t otherContended_ = 0;                 // nanoseconds of blocked threads without place
   std::uint64_t otherWaits_ = 0;
-  std::vector<std::uint64_t> weights_;      // by place: time that no sample stands for yet
-  std::vector<baseline> baselines_;         // by place
-  std::vector<std::uint64_t> begunBefore_;  // by place: blocks at the last thinning
+  std::vector<std::uint64_t> weights_;        // by place: time that no sample stands for yet
+  std::vector<baseline> baselines_;           // by place
+  std::vector<std::uint64_t> entriesBefore_;  // by place: as of the last thinning
   baseline contended_;
   baseline waits_;
   std::int64_t nextTick_ = 0;

@@ -1,6 +1,7 @@
 #include "contention/lockLook.h"
 
 #include <algorithm>
+#include <array>
 #include <span>
 #include <string_view>
 
@@ -65,34 +66,38 @@ lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& wai
                             jni_->IsInstanceOf(thread, classes_.virtualThread) != JNI_FALSE;
     }
   }
-  support::monitorUsage usage(jvmti_, jni_);
-  jthread const owner = ownerOf(record, lock, usage);
-  if (owner != nullptr) {
-    threads.push_back(owner);
-  }
-  const std::vector<std::uint32_t> stacks = stacksOf(threads);
+  readOwner(record, lock, seen.owner);
   for (std::size_t i = seen.waiters.size(); i-- > 0;) {
-    seen.waiters[i].stack = stacks[i];
+    seen.waiters[i].stack = stackOf(threads[i]);
     blockedThread now{};
     if (!recorder_.threads().read(shown[i].slot, now) || now.word != shown[i].block.word) {
       seen.waiters.erase(seen.waiters.begin() + static_cast<std::ptrdiff_t>(i));  // it went on
     }
   }
-  if (owner == nullptr) {
-    seen.owner.note = noteWithout(record);
-  } else if (!holdsStill(record, lock, owner, seen.owner.holdingFrame)) {
-    seen.owner.note = ownerNote::changed;
-    ++samples_.ownersChanged;
-  } else {
-    seen.owner.note = ownerNote::known;
-    seen.owner.thread = nameOf(owner);
-    seen.owner.stack = stacks.back();
-    const std::uint32_t awaited = recorder_.awaitedBy(jvmti_, owner);
-    if (awaited < blockRecorder::kOthers) {
-      seen.owner.waitsFor = recorder_.locks().at(awaited).id;
-    }
-  }
   return seen;
+}
+
+// Its stack counts only when it holds the lock afterwards, too.
+void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen) {
+  support::monitorUsage usage(jvmti_, jni_);
+  jthread const owner = ownerOf(record, lock, usage);
+  if (owner == nullptr) {
+    seen.note = noteWithout(record);
+    return;
+  }
+  const std::uint32_t stack = stackOf(owner);
+  if (!holdsStill(record, lock, owner, seen.holdingFrame)) {
+    seen.note = ownerNote::changed;
+    ++samples_.ownersChanged;
+    return;
+  }
+  seen.note = ownerNote::known;
+  seen.thread = nameOf(owner);
+  seen.stack = stack;
+  const std::uint32_t awaited = recorder_.awaitedBy(jvmti_, owner);
+  if (awaited < blockRecorder::kOthers) {
+    seen.waitsFor = recorder_.locks().at(awaited).id;
+  }
 }
 
 jthread lockLook::ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage) {
@@ -148,31 +153,20 @@ bool lockLook::holdsMonitor(jobject monitor, jthread owner, std::int32_t& holdin
   return again.owner() != nullptr && jni_->IsSameObject(again.owner(), owner) != JNI_FALSE;
 }
 
-// Ids of stacks, one for each thread; 0 for those that the VM does not give.
-std::vector<std::uint32_t> lockLook::stacksOf(const std::vector<jthread>& threads) {
+// The id of a thread's stack; 0 when the VM does not give it. One thread is asked for at a time: a
+// call for several stops the whole program.
+std::uint32_t lockLook::stackOf(jthread thread) {
   constexpr jint kDepth = instruments::stackTable::kMostDepth;
-  std::vector<std::uint32_t> ids(threads.size(), 0);
-  if (threads.empty()) {
-    return ids;
+  std::array<jvmtiFrameInfo, kDepth + 1> frames;
+  jint count = 0;
+  const jvmtiError error = samples_.cost.handshake(
+      [&] { return jvmti_->GetStackTrace(thread, 0, kDepth + 1, frames.data(), &count); });
+  if (error != JVMTI_ERROR_NONE || count <= 0) {
+    return 0;
   }
-  const auto count = static_cast<jint>(threads.size());
-  support::jvmtiPtr<jvmtiStackInfo> stacks(jvmti_);
-  const auto read = [&] {
-    return stacks.fill([&](jvmtiStackInfo** out) {
-      return jvmti_->GetThreadListStackTraces(count, threads.data(), kDepth + 1, out);
-    });
-  };
-  const jvmtiError error =
-      count == 1 ? samples_.cost.handshake(read) : samples_.cost.safepoint(read);
-  for (jint i = 0; error == JVMTI_ERROR_NONE && i < count; ++i) {
-    const jvmtiStackInfo& each = stacks[i];
-    const auto frames = static_cast<std::size_t>(std::min(each.frame_count, kDepth));
-    if (frames > 0) {
-      ids[static_cast<std::size_t>(i)] = samples_.stacks.idOf(
-          jvmti_, jni_, {each.frame_buffer, frames}, each.frame_count > kDepth);
-    }
-  }
-  return ids;
+  return samples_.stacks.idOf(jvmti_, jni_,
+                              {frames.data(), static_cast<std::size_t>(std::min(count, kDepth))},
+                              count > kDepth);
 }
 
 std::uint32_t lockLook::nameOf(jthread thread) {

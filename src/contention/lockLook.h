@@ -54,13 +54,14 @@ class lockLook {
   lockSeen at(std::uint32_t place, const std::vector<waitingThread>& waiting, std::size_t most);
 
  private:
+  void readOwner(const lockRecord& record, jobject lock, ownerSeen& seen);
   // The owner as the VM or a field names it; null when none is.
   jthread ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage);
   ownerNote noteWithout(const lockRecord& record) const;
   bool holdsStill(const lockRecord& record, jobject lock, jthread owner,
                   std::int32_t& holdingFrame);
   bool holdsMonitor(jobject monitor, jthread owner, std::int32_t& holdingFrame);
-  std::vector<std::uint32_t> stacksOf(const std::vector<jthread>& threads);
+  std::uint32_t stackOf(jthread thread);
   std::uint32_t nameOf(jthread thread);
 
   jvmtiEnv* jvmti_;

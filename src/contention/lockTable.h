@@ -63,9 +63,8 @@ struct alignas(64) lockRecord {
   std::uint32_t id;   // in reports; never used again
   bool hasVirtuals;   // virtual threads wait for it; of the sampler only
   jweak object;
-  // Blocks begun, and which of them leave a reference to their thread for the sampler: those whose
-  // number has none of these bits.
-  std::atomic<std::uint64_t> begun;
+  // Which blocks leave a reference to their thread for the sampler: those whose start has none of
+  // these bits, in units of 16 ns.
   std::atomic<std::uint32_t> thinning;
   blockCounts counts;
 };

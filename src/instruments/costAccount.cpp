@@ -33,17 +33,13 @@ std::int64_t epochMillisOf(std::int64_t steady) {
   return (nanosOf(CLOCK_REALTIME) - (steadyNanos() - steady)) / kNanosPerMilli;
 }
 
-costAccount::entry::entry(std::uint64_t& number, std::uint64_t& nanos, std::int64_t* counted)
-    : nanos_(nanos), counted_(counted), begin_(steadyNanos()) {
+costAccount::entry::entry(std::uint64_t& number, std::uint64_t& nanos)
+    : nanos_(nanos), begin_(steadyNanos()) {
   ++number;
 }
 
 costAccount::entry::~entry() {
-  const std::int64_t taken = steadyNanos() - begin_;
-  nanos_ += static_cast<std::uint64_t>(taken);
-  if (counted_ != nullptr) {
-    *counted_ += std::min(taken, kMostPerSafepoint);
-  }
+  nanos_ += static_cast<std::uint64_t>(steadyNanos() - begin_);
 }
 
 void costAccount::clear() {

@@ -1,6 +1,7 @@
 // What an instrument's own thread costs, and how often it may work to stay within its budget.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace instruments {
@@ -32,37 +33,42 @@ class costAccount {
   // Runs a VM call that waits for all threads, or for one, and books its time.
   template <typename Call>
   auto safepoint(Call&& call) {
-    const entry booked(total_.safepoints, total_.safepointNanos, &counted_);
+    const entry booked(total_.safepoints, total_.safepointNanos);
+    counted_ += kPerSafepoint;
     return call();
   }
   template <typename Call>
   auto handshake(Call&& call) {
-    const entry booked(total_.handshakes, total_.handshakeNanos, nullptr);
+    const entry booked(total_.handshakes, total_.handshakeNanos);
     return call();
   }
 
   // Whether a tick at `now` is within the budget; one that is not is counted as left out.
   bool takeTick(std::int64_t now);
+  // How many safepoints are within the budget now.
+  std::size_t affordable() const {
+    return counted_ < 0 ? static_cast<std::size_t>(-counted_ / kPerSafepoint) : 0;
+  }
   // The tick is over; books the processor time since the last call.
   void endTick();
 
   const cost& total() const { return total_; }
 
  private:
-  // A safepoint counts with the time of its call, and with this at most: what a call takes longer
-  // it has waited for a processor, not stopped the program.
-  static constexpr std::int64_t kMostPerSafepoint = 250'000;
+  // What a safepoint takes from a program that keeps the processors busy, its threads' stop and
+  // start included: measured as lost throughput of 64 threads. The time of the call is no measure,
+  // for most of it may be a wait for a processor.
+  static constexpr std::int64_t kPerSafepoint = 250'000;
 
   class entry {
    public:
-    entry(std::uint64_t& number, std::uint64_t& nanos, std::int64_t* counted);
+    entry(std::uint64_t& number, std::uint64_t& nanos);
     ~entry();
     entry(const entry&) = delete;
     entry& operator=(const entry&) = delete;
 
    private:
     std::uint64_t& nanos_;
-    std::int64_t* counted_;
     std::int64_t begin_;
   };
 
