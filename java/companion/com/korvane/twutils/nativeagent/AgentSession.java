@@ -10,7 +10,6 @@ import java.nio.file.Path;
  */
 public abstract class AgentSession {
   private final Feature feature;
-  private final int kind; // of its report
   private final long id;
   private final Path path;
   private final ReportFile report;
@@ -24,12 +23,10 @@ public abstract class AgentSession {
   private volatile Path written;
 
   /**
-   * @param kind as {@link AgentReports} names it
    * @throws IllegalArgumentException when the report cannot be written
    */
-  AgentSession(Feature feature, int kind, long id, Path path) {
+  AgentSession(Feature feature, long id, Path path) {
     this.feature = feature;
-    this.kind = kind;
     this.id = id;
     this.path = path;
     report = new ReportFile(feature + " report", path);
@@ -60,7 +57,7 @@ public abstract class AgentSession {
     return written;
   }
 
-  /** What became of the report; null until the session is stopped, and when it is not known. */
+  /** What became of the report; null until it is written, and when it is not known. */
   public final ReportOutcome outcome() {
     return outcome;
   }
@@ -70,7 +67,7 @@ public abstract class AgentSession {
    *
    * @return the report
    * @throws IOException when the report, or a file that belongs to it, was not written completely;
-   *     the session is over all the same
+   *     the session is over all the same, except for a {@link ContentionSession}
    * @throws IllegalStateException when that would disturb a lock session in its detail phase; the
    *     session goes on
    * @throws OutOfMemoryError when what there is of the report waits for another call
@@ -91,25 +88,41 @@ public abstract class AgentSession {
   private void finish() throws IOException {
     end();
     try {
-      String part = report.partPath();
-      if (isReported == null) {
-        isReported = writeReport(part) ? Boolean.TRUE : Boolean.FALSE;
-      }
       if (complete == null) {
-        outcome = ReportOutcome.last(kind, part);
-        if (!isReported && outcome == null) {
-          throw new IOException(
-              "the agent did not write the " + feature + " report " + path + ": see its log");
-        }
-        complete = report.publishJson(outcome);
+        complete = publishReport();
       }
       publishRest();
       written = complete;
       close();
     } catch (IOException | RuntimeException e) {
-      close();
+      if (!isRepeatable()) {
+        close();
+      }
       throw e;
     }
+  }
+
+  /** Has the agent write the report, and gives it its name. */
+  private Path publishReport() throws IOException {
+    String part = report.partPath();
+    if (isReported == null || isRepeatable()) {
+      isReported = writeReport(part) ? Boolean.TRUE : Boolean.FALSE;
+    }
+    outcome = outcomeOf(part);
+    if (!isReported && outcome == null) {
+      throw new IOException(
+          "the agent did not write the " + feature + " report " + path + ": see its log");
+    }
+    return report.publishJson(outcome);
+  }
+
+  /**
+   * Writes the report with what there is so far, in place of one that was written before. Within
+   * {@link NativeAgent#locked}.
+   */
+  final Path writeSoFar() throws IOException {
+    written = publishReport();
+    return written;
   }
 
   private void close() {
@@ -127,6 +140,14 @@ public abstract class AgentSession {
 
   /** Has the agent write the report; whether it reports that it has. */
   abstract boolean writeReport(String part);
+
+  /** What became of the report that was written there last; null when it is not known. */
+  abstract ReportOutcome outcomeOf(String part);
+
+  /** Whether the agent writes the report as often as it is asked to. */
+  boolean isRepeatable() {
+    return false;
+  }
 
   /** Gives the other files of the session their names. */
   void publishRest() throws IOException {}

@@ -34,7 +34,7 @@ public final class LockSession extends AgentSession {
   private boolean isQuiet; // the phase records nothing more; within NativeAgent.locked
 
   private LockSession(long id, LockSettings settings) {
-    super(Feature.LOCKS, AgentReports.LOCKS, id, settings.report);
+    super(Feature.LOCKS, id, settings.report);
     this.settings = settings;
     ReportFile made = null;
     try {
@@ -163,6 +163,11 @@ public final class LockSession extends AgentSession {
   @Override
   boolean writeReport(String part) {
     return TWNativeAgentProfiling.stopMutexLockProfilingSession(id(), part) == 1;
+  }
+
+  @Override
+  ReportOutcome outcomeOf(String part) {
+    return ReportOutcome.last(AgentReports.LOCKS, part);
   }
 
   @Override

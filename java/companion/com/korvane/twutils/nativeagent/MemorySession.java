@@ -17,7 +17,7 @@ public final class MemorySession extends AgentSession {
   private volatile boolean isStopped;
 
   private MemorySession(long id, MemorySettings settings) {
-    super(Feature.MEMORY, AgentReports.MEMORY, id, settings.report);
+    super(Feature.MEMORY, id, settings.report);
     this.settings = settings;
   }
 
@@ -117,5 +117,10 @@ public final class MemorySession extends AgentSession {
   @Override
   boolean writeReport(String part) {
     return TWNativeAgentProfiling.stopMemoryLeaksProfileSession(id(), part) == 1;
+  }
+
+  @Override
+  ReportOutcome outcomeOf(String part) {
+    return ReportOutcome.last(AgentReports.MEMORY, part);
   }
 }

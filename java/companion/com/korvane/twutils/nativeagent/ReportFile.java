@@ -52,15 +52,19 @@ final class ReportFile {
       if (OWNED.contains(owned)) {
         throw new IOException("a running session is writing it");
       }
-      Files.deleteIfExists(part);
-      Files.createFile(
-          part,
-          PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
+      makeEmpty(part);
       OWNED.add(owned);
     } catch (IOException e) {
       throw new IllegalArgumentException(
           "the " + label + " " + path + " cannot be written: " + reasonOf(e), e);
     }
+  }
+
+  /** Makes a file that has nothing in it, in place of one that is there. */
+  static void makeEmpty(Path file) throws IOException {
+    Files.deleteIfExists(file);
+    Files.createFile(
+        file, PosixFilePermissions.asFileAttribute(PosixFilePermissions.fromString("rw-------")));
   }
 
   /** What the agent is given as the path. */
@@ -136,7 +140,7 @@ final class ReportFile {
   }
 
   /** Why a file operation failed: a file system exception's message is often the path alone. */
-  private static String reasonOf(IOException e) {
+  static String reasonOf(IOException e) {
     String kind = e.getClass() == IOException.class ? "" : e.getClass().getSimpleName() + ", ";
     return kind + e.getMessage();
   }

@@ -29,6 +29,15 @@ public final class ReportOutcome {
   }
 
   /**
+   * Of a report without owner lookups.
+   *
+   * @param problem why it is not complete; null when it is
+   */
+  static ReportOutcome of(String problem, long bytes) {
+    return new ReportOutcome(problem == null ? "" : problem, bytes, -1, -1);
+  }
+
+  /**
    * What became of the last report of that kind, if it is the one that went to this path; null when
    * that is not known, as with an agent that is older than this class.
    */

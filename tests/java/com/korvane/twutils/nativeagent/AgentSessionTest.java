@@ -13,6 +13,7 @@ public final class AgentSessionTest {
   public static void main(String[] args) throws Exception {
     Checks.inFolder(AgentSessionTest::reports);
     Checks.inFolder(AgentSessionTest::failures);
+    Checks.inFolder(AgentSessionTest::reportsInBetween);
     Checks.inFolder(AgentSessionTest::withoutAProfiler);
     Checks.end();
   }
@@ -53,6 +54,31 @@ public final class AgentSessionTest {
         "the agent did not write the lock report " + folder.resolve("none.json") + ": see its log",
         none::stop);
     same("left", "half.json.part", Checks.names(folder));
+  }
+
+  private static void reportsInBetween(Path folder) throws Exception {
+    Path path = folder.resolve("r.json");
+    OddSession session = new OddSession(1, path, true).started();
+    session.isRepeatable = true;
+    same("so far", path, session.writeSoFar());
+    same("report", path, session.report());
+    session.content = "{";
+    refused(IOException.class, "r.json is not complete", session::writeSoFar);
+    same("the one before", "{\n}", Checks.text(path));
+    same("report", path, session.report());
+    session.content = "{\n\n}";
+    session.writeSoFar();
+    same("the next one", "{\n\n}", Checks.text(path));
+
+    session.content = "{";
+    refused(IOException.class, "r.json is not complete", session::stop);
+    session.content = "{\n\n\n}";
+    same("stopped again", path, session.stop());
+    same("the last one", "{\n\n\n}", Checks.text(path));
+    same("left", "r.json", Checks.names(folder));
+    session.content = "{\n}";
+    session.stop();
+    same("over", "{\n\n\n}", Checks.text(path));
   }
 
   private static void withoutAProfiler(Path folder) throws Exception {

@@ -15,13 +15,16 @@ public final class OddSession extends AgentSession {
   /** Thrown when it is to end. */
   public RuntimeException refusal;
 
+  /** Whether its report can be written again and again. */
+  public boolean isRepeatable;
+
   /** How many reports were asked for. */
   public int asked;
 
   private final boolean isThere;
 
   public OddSession(long id, Path report, boolean isThere) {
-    super(Feature.LOCKS, AgentReports.LOCKS, id, report);
+    super(Feature.LOCKS, id, report);
     this.isThere = isThere;
   }
 
@@ -53,6 +56,16 @@ public final class OddSession extends AgentSession {
       throw new IllegalStateException(e);
     }
     return content != null;
+  }
+
+  @Override
+  ReportOutcome outcomeOf(String part) {
+    return ReportOutcome.last(AgentReports.LOCKS, part);
+  }
+
+  @Override
+  boolean isRepeatable() {
+    return isRepeatable;
   }
 
   @Override

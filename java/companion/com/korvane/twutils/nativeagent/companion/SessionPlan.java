@@ -120,7 +120,7 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
     try {
       report = stopping.stop();
     } catch (IOException e) {
-      closeSession();
+      closeFailed();
       throw e;
     }
     closeSession();
@@ -141,6 +141,11 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
   /** The session has been stopped. */
   void closeSession() {
     session = null;
+  }
+
+  /** The session has been stopped, without a complete report. */
+  void closeFailed() {
+    closeSession();
   }
 
   /** Called when there are no more sessions. */
