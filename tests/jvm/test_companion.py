@@ -639,6 +639,101 @@ def test_the_typed_api(jvm):
         assert stat.S_IMODE((run.folder / name).stat().st_mode) == 0o600
 
 
+def contention(file):
+    """A contention report; there is no other with this name than complete ones."""
+    report = json.loads(file.read_text("utf-8"))
+    assert report["report"] == "contention"
+    assert report["startedAt"] <= (report["endedAt"] or report["writtenAt"]) <= report["writtenAt"]
+    return report
+
+
+def entries_of(report, name, identity):
+    found = [lock["entries"] for lock in report["locks"]
+             if (lock["class"], lock["identity"]) == (name, identity)]
+    assert len(found) <= 1
+    return sum(found)
+
+
+@pytest.mark.parametrize("way, exit_code", [("exit", 7), ("return", 0), ("term", 143), ("kill", 137)])
+@pytest.mark.parametrize("switch", ["", ",contention=1"])
+def test_the_contention_profile_to_the_end(start, way, exit_code, switch):
+    given = f"output={OUTPUT},contention=true,contention.interval=1s,contention.samples=20"
+    run = start("Profiled", "contention-1.json", way, OUTPUT, given=given, exit_code=exit_code,
+                options=f"twHome={HOME}{switch},contentionSamples=30,features=contention")
+    folder = run_folder(run)
+    assert {"contention-1.json", "run.json"} == set(names(folder)) - {"contention-1.json.part"}
+    report = contention(folder / "contention-1.json")
+    hash_ = int(run.facts["lock"].split("@")[1])
+    assert entries_of(report, "Profiled$Till", f"{hash_:x}") >= 9, "each clerk has blocked a few times"
+    # A profile that has begun with the JVM has the settings that it was given there.
+    assert report["settings"]["samplesPerSecond"] == (30 if switch else 20)
+    assert (report["endedAt"] is None) == (way == "kill")
+    assert stat.S_IMODE((folder / "contention-1.json").stat().st_mode) == 0o600
+    if way != "kill":
+        assert names(folder) == ["contention-1.json", "run.json"]
+
+
+def test_the_contention_report_while_hooks_of_the_program_run(start):
+    run = start("LongEnding", OUTPUT, given=f"output={OUTPUT},contention=true", exit_code=7)
+    assert (run.facts["before"], run.facts["meanwhile"]) == ("false", "true")
+    assert contention(run_folder(run) / "contention-1.json")["endedAt"] is not None
+
+
+def test_all_profilers_at_once(start):
+    given = (f"output={OUTPUT},{LOCKS},exceptions=true,memory=true,"
+             "memory.track=com.example.tracked.*,contention=true")
+    run = start("Profiled", "detail", "exit", OUTPUT, given=given, exit_code=7, quiet=False)
+    assert said(run) == ""
+    folder = run_folder(run)
+    assert {"contention-1.json", "exceptions.jsonl", "locks-1.json", "memory-1.json"} <= \
+        set(names(folder))
+    lock = run.facts["lock"]
+    assert set(Report(folder / "locks-1.json").locks[lock]["threadbean"]) == \
+        {"clerk-1", "clerk-2", "clerk-3"}
+    till = f"{int(lock.split('@')[1]):x}"
+    report = contention(folder / "contention-1.json")
+    assert report["endedAt"] is not None and entries_of(report, "Profiled$Till", till) > 0
+
+
+def test_the_contention_profile_by_the_typed_api(jvm):
+    run = jvm.run("ContentionApi", ".", vm=["-Xcheck:jni"])
+    facts = run.facts
+    assert "IllegalArgumentException" in facts["refused.nowhere"]
+    running = "IllegalStateException: a contention session is already running: stop it first"
+    assert facts["refused.second"] == facts["refused.while unwritten"] == running
+    assert facts["snapshot"] == "a.json null"
+    assert facts["refused.snapshot"].startswith("FileSystemException: ")
+    assert facts["refused.stop"].startswith("FileSystemException: ") and facts["stopped"] == "true"
+    assert facts["refused.afterwards"] == "IllegalStateException: the contention session is stopped"
+    assert facts["stop"] == "a.json true" and facts["stopAgain"] == "a.json"
+    assert facts["bytes"] == "true" and facts["undisturbed"] == "detail"
+    assert facts["next"] == "b.json"
+
+    till = ("ContentionApi$Till", facts["lock"])
+    so_far, last, second = (contention(run.folder / f"{name}.json") for name in ("a-1", "a", "b"))
+    assert so_far["endedAt"] is None and last["endedAt"] is not None
+    assert entries_of(so_far, *till) == entries_of(last, *till) == 2
+    assert last["settings"] == {"locks": 4096, "samplesPerSecond": 50, "budgetPercent": 1,
+                                "stuckMillis": 30_000, "windowMillis": 10_000}
+    assert second["settings"] == {"locks": 64, "samplesPerSecond": 7, "budgetPercent": 3,
+                                  "stuckMillis": 123, "windowMillis": 2_000}
+    assert entries_of(second, *till) == 0, "what was before is dropped"
+    (lock,) = [name for name in run.report("l.json").locks if name.startswith("ContentionApi$Till@")]
+    assert run.report("l.json").locks[lock]["threadbean"].keys() == {"customer"}
+    assert not list(run.folder.glob("*.part"))
+
+
+def test_contention_options_out_of_their_range(start):
+    run = start("OtherAgent", quiet=False,
+                given=f"output={OUTPUT},contention.samples=1001,contention.window=1ms,contention=yes")
+    assert run.err.splitlines() == [
+        SAY + "ignoring option 'contention.samples=1001': expected a number from 0 to 1000",
+        SAY + "ignoring option 'contention.window=1ms': expected a duration from 1s to 1h, such as"
+        " 500ms, 30s, 2m or 1h",
+        SAY + "ignoring option 'contention=yes': expected true or false",
+    ]
+
+
 def test_threads_of_the_companion_are_interrupted(start):
     given = f"output={OUTPUT},locks=true,locks.summary=50ms,locks.detail=200ms,exceptions=true"
     run = start("Interrupter", OUTPUT, given=given)
@@ -651,7 +746,7 @@ def test_management_clients(start):
     run = start("Managed", given=f"output={OUTPUT}", quiet=False)
     assert said(run) == ""
     facts = run.facts
-    assert facts["state"] == "locks: off, exceptions: off, memory: off"
+    assert facts["state"] == "locks: off, exceptions: off, memory: off, contention: off"
     assert facts["features"] == "mutexprofiling memoryprofiling exceptionprofiling"
     assert facts["folder"] == "null"
     assert facts["notRunning"] == "lock sessions are not running"
@@ -661,7 +756,7 @@ def test_management_clients(start):
     assert facts["twice"] == "lock sessions are already running: stop first"
     assert facts["waiting"] == "done"
     assert "would end the detail phase" in facts["disturbing"]
-    assert facts["undisturbed"] == "locks: detail, exceptions: off, memory: waiting"
+    assert facts["undisturbed"] == "locks: detail, exceptions: off, memory: waiting, contention: off"
     assert facts["withdrawn"] == "done"
     assert facts["stopLocks"] == "done"
     assert facts["told"] == "tracewell.report.written true"
@@ -670,6 +765,14 @@ def test_management_clients(start):
     assert facts["followed"] == "1" and facts["paused"] == "true"
     assert facts["startExceptions"] == facts["stopExceptions"] == "done"
     assert facts["dropped"] == "0"
+    assert facts["noContention"] == "the contention profile is not running"
+    assert facts["manySamples"] == \
+        "invalid option 'contention.samples=1001': expected a number from 0 to 1000"
+    assert facts["noContentionReport"] == "null"
+    assert facts["startContention"] == facts["stopContention"] == "done"
+    assert facts["contention"] == "running 1"
+    assert facts["contentionTwice"] == "the contention profile is already running: stop first"
+    assert facts["contentionTold"] == facts["lastContentionReport"] == "true"
     assert facts["sessions"] == "1 1"
     assert facts["end"] == facts["state"]
     records, summary = lines(run_folder(run) / "exceptions.jsonl")

@@ -27,7 +27,7 @@ def catalogue():
         elif line and not line.startswith("#"):
             key, kind, _, default, sample, _ = (cell.strip() for cell in line.split("|"))
             rows.setdefault(profiler, []).append((key, kind, default, sample))
-    return {name: rows[name] for name in ("locks", "exceptions", "memory")}
+    return {name: rows[name] for name in ("locks", "contention", "exceptions", "memory")}
 
 
 # OptionsTest has the companion take and refuse the same.

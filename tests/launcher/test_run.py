@@ -125,7 +125,8 @@ def test_signals_reach_the_command_itself(launcher, folder, through, number):
         process.send_signal(number)
         assert process.wait(60) == 128 + number
     (found,) = results(folder / "out")
-    assert found.json("locks-1.json")["sessionid"] == 1
+    report = found.json("contention-1.json")
+    assert report["report"] == "contention" and report["endedAt"] >= report["startedAt"]
 
 
 def test_a_command_that_a_signal_ends(launcher, folder):
@@ -204,8 +205,38 @@ def test_profilers_choose_the_features(launcher, folder):
                              folder=folder).out
         return shown.split("features=")[1].split()[0]
 
-    assert features() == features("--locks") == "mutexprofiling"
+    assert features() == features("--contention") == "contention"
+    assert features("--locks") == features("--contention", "--locks") == "mutexprofiling"
     assert features("--memory=track=a.B", "--exceptions") == "memoryprofiling_exceptionprofiling"
+
+
+def test_the_contention_profile_is_the_choice_of_those_that_choose_none(launcher, folder):
+    launcher.run("run", "--", "true", folder=folder)
+    (settings,) = (folder / OUTPUT).glob("settings-*.properties")
+    assert settings.read_text("ascii").splitlines() == [f"output={folder / OUTPUT}", "contention=true"]
+
+
+@pytest.mark.parametrize(
+    "options, expected",
+    (
+        ((), "contention=1"),
+        (("--contention",), "contention=1"),
+        (("--contention", "--locks=top=3"), "contention=1"),
+        (("--contention=interval=5s",), "contention=1"),
+        (
+            ("--contention=window=1M,stuck=500MS,budget=02,locks=64,samples=0",),
+            "contention=1,contentionSamples=0,contentionLocks=64,contentionBudget=2,"
+            "contentionStuck=500,contentionWindow=60000",
+        ),
+        (("--contention=stuck=1s,stuck=2",), "contention=1,contentionStuck=2000"),
+        (("--locks", "--exceptions", "--memory"), None),
+    ),
+)
+def test_the_contention_profile_starts_with_the_jvm(launcher, folder, options, expected):
+    shown = launcher.run("run", *options, "--", "sh", "-c", "echo $JAVA_TOOL_OPTIONS", folder=folder)
+    assert shown.code == 0, shown
+    words = shown.out.split()[0].split(",")
+    assert ",".join(w for w in words if w.startswith("contention")) == (expected or ""), shown
 
 
 def test_the_cost_is_bounded(launcher, folder):
@@ -217,19 +248,23 @@ def test_the_cost_is_bounded(launcher, folder):
 
 
 def test_settings_reach_the_controller(launcher, folder):
-    options = ["--locks=summary = 30s, detail=10s,name=Käse, two 😀", "--memory=track=a.B,c.*,limit=9,top=3"]
+    options = ["--locks=summary = 30s, detail=10s,name=Käse, two 😀", "--memory=track=a.B,c.*,limit=9,top=3",
+               "--contention=stuck=5s,interval=10s"]
     launcher.run("run", *options, "--", "true", folder=folder)
     (settings,) = (folder / OUTPUT).glob("settings-*.properties")
     assert settings.read_text("ascii").splitlines() == [
         f"output={folder / OUTPUT}",
         "locks=true",
         "memory=true",
+        "contention=true",
         "locks.summary=30s",
         "locks.detail=10s",
         r"locks.name=K\u00e4se,two \ud83d\ude00",
         "memory.track=a.B,c.*",
         "memory.limit=9",
         "memory.top=3",
+        "contention.stuck=5s",
+        "contention.interval=10s",
     ]
 
 
@@ -333,6 +368,10 @@ def test_old_settings_go(launcher, folder):
         (
             ["--memory=duration=0499ms,repeat=2", "--", "true"],
             "--memory: duration is '0499ms' with repeat '2'; expected 500ms at least\n",
+        ),
+        (
+            ["--contention=samples=1001", "--", "true"],
+            "--contention: invalid option 'samples=1001': expected a number from 0 to 1000\n",
         ),
         (["--files=0", "--", "true"], "invalid option '--files=0': expected a number from 1 to 1000000\n"),
         (["--files", "many", "--", "true"], "invalid option '--files=many': expected a number"),

@@ -120,6 +120,113 @@ def test_start_and_stop(launcher, folder):
         assert {e["class"] for e in found.exceptions()} == {"example.Idle$Jam"}
 
 
+def contention_of(found, name):
+    """A contention report, which is complete whenever it is there."""
+    report = found.json(name)
+    assert report["report"] == "contention" and report["writtenAt"] >= report["startedAt"]
+    return report
+
+
+def blocked_by_turnstile(report):
+    return [lock["entries"] for lock in report["locks"] if lock["class"] == "example.Idle$Turnstile"]
+
+
+def test_the_contention_profile_beside_a_lock_session(launcher, folder):
+    options = ("--contention=interval=1s,samples=100", "--locks=summary=200ms,detail=1h,top=-1")
+    with idle(launcher, folder, *options) as process:
+        def verb(name, *words):
+            return done(launcher, name, process.pid, *words, folder=folder)
+
+        def status(profiler):
+            return re.search(rf"^{profiler} +(.*)$", verb("status"), re.M)[1]
+
+        (found,) = results(folder / OUTPUT)
+        report = found.folder / "contention-1.json"
+        wait_for(report.exists, "first report")
+        seen = set()
+
+        def is_written_anew():
+            seen.add(contention_of(found, report.name)["writtenAt"])
+            return len(seen) == 3
+
+        wait_for(is_written_anew, "a third report")
+        wait_for(lambda: blocked_by_turnstile(contention_of(found, report.name)), "contention")
+        assert contention_of(found, report.name)["endedAt"] is None
+        assert status("contention") == f"running; 1 session, last report {report}"
+        wait_for(lambda: "detail" in status("locks"), "detail phase")
+
+        assert verb("stop", "--contention") == f"contention: {report}\n"
+        last = contention_of(found, report.name)
+        assert last["endedAt"] >= max(seen) and last["settings"]["samplesPerSecond"] == 100
+        assert "detail" in status("locks") and status("contention").startswith("off; 1 session")
+        again = launcher.run("stop", process.pid, "--contention", folder=folder)
+        assert again.code == 1 and "the contention profile is not running" in again.err, again
+
+        assert verb("start", "--contention=stuck=700ms,locks=64") == "contention: running\n"
+        twice = launcher.run("start", process.pid, "--contention", folder=folder)
+        assert twice.code == 1 and "the contention profile is already running" in twice.err, twice
+        wait_for(lambda: (found.folder / "contention-2.json").exists(), "report of the second")
+        process.terminate()
+        assert process.wait(60) == 143
+    second = contention_of(found, "contention-2.json")
+    assert second["startedAt"] >= last["endedAt"] and second["endedAt"] is not None
+    assert (second["settings"]["stuckMillis"], second["settings"]["locks"]) == (700, 64)
+    assert second["settings"]["samplesPerSecond"] == 100, "as given to run"
+    assert blocked_by_turnstile(second) and "example.Idle$Turnstile" in found.locks()
+    assert not list(found.folder.glob("*.part"))
+
+
+def test_a_jvm_that_was_started_without_the_contention_profile(launcher, folder):
+    with idle(launcher, folder, "--exceptions") as process:
+        shown = done(launcher, "status", process.pid, folder=folder)
+        assert re.search("^contention +off; 0 sessions$", shown, re.M), shown
+        done(launcher, "start", process.pid, "--contention=interval=1s", folder=folder)
+        (found,) = results(folder / OUTPUT)
+        report = found.folder / "contention-1.json"
+        wait_for(lambda: report.exists() and blocked_by_turnstile(contention_of(found, report.name)),
+                 "contention")
+        process.kill()
+        process.wait(60)
+    assert contention_of(found, report.name)["endedAt"] is None, "the last one before the end"
+
+
+def takes_the_name(report):
+    """Makes a folder where the report is to be."""
+    try:
+        report.mkdir()
+        return True
+    except FileExistsError:
+        report.unlink()
+        return False
+
+
+def test_a_contention_report_that_cannot_be_written(launcher, folder):
+    with idle(launcher, folder, "--contention=interval=1s") as process:
+        (found,) = results(folder / OUTPUT)
+        report = found.folder / "contention-1.json"
+        wait_for(lambda: takes_the_name(report), "folder with the report's name")
+        part = report.with_suffix(".json.part")
+        tries = set()
+
+        def is_tried_again():
+            if part.exists():
+                tries.add(part.stat().st_mtime_ns)
+            return len(tries) == 3
+
+        wait_for(is_tried_again, "a third report that cannot have its name")
+        refused = launcher.run("stop", process.pid, folder=folder)
+        assert refused.code == 1 and f"{report}.part -> {report}" in refused.err, refused
+        shown = done(launcher, "status", process.pid, folder=folder)
+        assert re.search("^contention +stopped; 1 session", shown, re.M), shown
+        report.rmdir()
+        stopped = done(launcher, "stop", process.pid, folder=folder)
+        assert stopped == f"contention: {report}\n"
+        process.terminate()
+        told = [line for line in process.communicate(timeout=60)[1].splitlines() if ".part" in line]
+        assert len(told) == 1, "printed once"
+    assert contention_of(found, report.name)["endedAt"] is not None
+
+
 def test_a_jvm_whose_library_and_jar_were_replaced(launcher, folder):
     library, jar = "libjavanativeagent.so", "javanativeagent.jar"
     for name in (library, jar):
@@ -342,6 +449,8 @@ def test_completion_of_verbs_and_options():
     assert completions("twprofile s") == ["status", "start", "stop"]
     assert completions("twprofile run --l") == ["--locks"]
     assert completions("twprofile run --f") == ["--files"]
+    assert completions("twprofile stop 12 --c") == ["--contention"]
+    assert completions("twprofile run --contention=samples=9,w") == ["9,window="]
     assert completions("twprofile run --locks=summary=3s,de") == ["3s,delay=", "3s,detail="]
     assert completions("twprofile run --locks=repeat=") == ["forever"]
     assert completions("twprofile run --locks=delay=3s,top=") == ["-1"]

@@ -79,6 +79,18 @@ public final class Managed {
     invoke("refusedMeanwhile", "startLocks", "sumary=1s");
     invoke("stopExceptions", "stopExceptions");
     Facts.put("dropped", get("ExceptionsDropped"));
+
+    invoke("noContention", "stopContention");
+    invoke("manySamples", "startContention", "samples=1001");
+    Facts.put("noContentionReport", get("LastContentionReport"));
+    invoke("startContention", "startContention", "samples=10,interval=1s");
+    Await.that("contention report", () -> get("LastContentionReport") != null);
+    Facts.put("contention", get("ContentionState") + " " + get("ContentionSessions"));
+    invoke("contentionTwice", "startContention", "");
+    told.clear();
+    Object profile = invoke("stopContention", "stopContention");
+    Facts.put("contentionTold", told.poll(60, TimeUnit.SECONDS).getUserData().equals(profile));
+    Facts.put("lastContentionReport", profile.equals(get("LastContentionReport")));
     Facts.put("sessions", get("LockSessions") + " " + get("MemorySessions"));
     Facts.put("end", get("State"));
   }

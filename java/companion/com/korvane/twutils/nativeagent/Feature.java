@@ -1,10 +1,17 @@
 package com.korvane.twutils.nativeagent;
 
-/** A profiler of the agent, chosen with {@code features=} when the JVM is started. */
+import java.util.EnumSet;
+
+/**
+ * A profiler of the agent. All except for the contention profile are chosen with {@code features=}
+ * when the JVM is started.
+ */
 public enum Feature {
   LOCKS("mutexprofiling", "lock"),
   MEMORY("memoryprofiling", "memory"),
-  EXCEPTIONS("exceptionprofiling", "exception");
+  EXCEPTIONS("exceptionprofiling", "exception"),
+  /** It needs no choice: any JVM with the agent can start it. */
+  CONTENTION("contention", "contention");
 
   private final String word;
   private final String label;
@@ -12,6 +19,11 @@ public enum Feature {
   Feature(String word, String label) {
     this.word = word;
     this.label = label;
+  }
+
+  /** Those that are chosen with {@code features=}. */
+  static EnumSet<Feature> choices() {
+    return EnumSet.complementOf(EnumSet.of(CONTENTION));
   }
 
   /** The word that stands for it in {@code features=}. */

@@ -24,8 +24,10 @@ public final class NativeAgent {
   // Sessions of each kind have numbers of their own.
   private static long lastLockSession;
   private static long lastMemorySession;
+  private static long lastContentionSession;
   private static LockSession lockSession;
   private static MemorySession memorySession;
+  private static ContentionSession contentionSession;
   private static boolean areExceptionsCaptured;
 
   private NativeAgent() {}
@@ -41,8 +43,8 @@ public final class NativeAgent {
   }
 
   /**
-   * The profilers that the agent was started with, as far as the JVM's arguments show. Asking has
-   * the JVM settle on its log manager.
+   * The profilers that were chosen when the agent was started, as far as the JVM's arguments show.
+   * The contention profile needs no choice. Asking has the JVM settle on its log manager.
    */
   public static Set<Feature> features() {
     return isLoaded() ? VmArguments.ofThisJvm().features() : EnumSet.noneOf(Feature.class);
@@ -79,6 +81,25 @@ public final class NativeAgent {
           requireLoaded();
           memorySession = MemorySession.start(++lastMemorySession, settings);
           return memorySession;
+        });
+  }
+
+  /**
+   * Begins the contention profile, which disturbs no other profiler. One that runs already because
+   * the JVM was started with {@code contention=1} becomes the session, with the settings that it
+   * was given there.
+   *
+   * @throws IllegalArgumentException when its report cannot be written
+   * @throws IllegalStateException when the agent cannot start it, or a contention session is
+   *     running
+   */
+  public static ContentionSession startContention(ContentionSettings settings) {
+    return locked(
+        () -> {
+          requireNone(contentionSession, "a contention session");
+          requireLoaded();
+          contentionSession = ContentionSession.start(++lastContentionSession, settings);
+          return contentionSession;
         });
   }
 
@@ -203,6 +224,13 @@ public final class NativeAgent {
   static void ended(MemorySession session) {
     if (memorySession == session) {
       memorySession = null;
+    }
+  }
+
+  /** Within {@link #locked}. */
+  static void ended(ContentionSession session) {
+    if (contentionSession == session) {
+      contentionSession = null;
     }
   }
 

@@ -53,6 +53,34 @@ public enum OptionKey {
       "locks.name", Kind.TEXT, 0, 1, "locks",
       "checkout",
       "a text, such as checkout"),
+  CONTENTION(
+      "contention", Kind.FLAG, 0, 1, "false",
+      "true",
+      "true or false"),
+  CONTENTION_SAMPLES(
+      "contention.samples", Kind.NUMBER, 0, 1000, "50",
+      "100",
+      "a number from 0 to 1000"),
+  CONTENTION_LOCKS(
+      "contention.locks", Kind.NUMBER, 64, 65536, "4096",
+      "1024",
+      "a number from 64 to 65536"),
+  CONTENTION_BUDGET(
+      "contention.budget", Kind.NUMBER, 1, 100, "1",
+      "2",
+      "a number from 1 to 100"),
+  CONTENTION_STUCK(
+      "contention.stuck", Kind.DURATION, 100, 864000000000L, "30s",
+      "1m",
+      "a duration from 100ms to 240000h, such as 500ms, 30s, 2m or 1h"),
+  CONTENTION_WINDOW(
+      "contention.window", Kind.DURATION, 1000, 3600000, "10s",
+      "1m",
+      "a duration from 1s to 1h, such as 500ms, 30s, 2m or 1h"),
+  CONTENTION_INTERVAL(
+      "contention.interval", Kind.DURATION, 1000, 864000000000L, "1m",
+      "10s",
+      "a duration from 1s to 240000h, such as 500ms, 30s, 2m or 1h"),
   EXCEPTIONS(
       "exceptions", Kind.FLAG, 0, 1, "false",
       "true",

@@ -110,14 +110,17 @@ public final class VmArguments {
     return home;
   }
 
-  /** The profilers that the agent was asked for; all when the arguments are not known. */
+  /**
+   * The profilers that were chosen with {@code features=}; all of them when the arguments are not
+   * known.
+   */
   public Set<Feature> features() {
     if (isKnown && options == null) {
       return Collections.emptySet();
     }
     String text = options == null ? "" : options;
     boolean isAll = !text.contains(FEATURES_KEY + '=') || text.contains(FEATURES_KEY + "=ALL");
-    Set<Feature> features = isAll ? EnumSet.allOf(Feature.class) : EnumSet.noneOf(Feature.class);
+    Set<Feature> features = isAll ? Feature.choices() : EnumSet.noneOf(Feature.class);
     for (String item : items()) {
       if (item.toLowerCase(Locale.ROOT).startsWith(FEATURES_KEY)) {
         addFeatures(features, item.substring(item.indexOf('=') + 1));
@@ -128,7 +131,7 @@ public final class VmArguments {
 
   private static void addFeatures(Set<Feature> features, String words) {
     for (String word : words.split("_")) {
-      for (Feature feature : Feature.values()) {
+      for (Feature feature : Feature.choices()) {
         if (word.equals(feature.word())) {
           features.add(feature);
         }

@@ -12,6 +12,10 @@ enum Profiler {
   LOCKS(
       "locks", Feature.LOCKS, NativeAgentMXBean::getLockState, Profiler::lockDetails,
       NativeAgentMXBean::startLocks, NativeAgentMXBean::stopLocks),
+  CONTENTION(
+      "contention", Feature.CONTENTION, NativeAgentMXBean::getContentionState,
+      Profiler::contentionDetails, NativeAgentMXBean::startContention,
+      NativeAgentMXBean::stopContention),
   EXCEPTIONS(
       "exceptions", Feature.EXCEPTIONS, NativeAgentMXBean::getExceptionState,
       Profiler::exceptionDetails, NativeAgentMXBean::startExceptions,
@@ -51,9 +55,10 @@ enum Profiler {
     return Arrays.stream(values()).filter(each -> each.word.equals(word)).findFirst().orElseThrow();
   }
 
-  /** Whether the JVM was started with it. */
+  /** Whether it can be started in the JVM. */
   boolean isLoaded(NativeAgentMXBean bean) {
-    return Arrays.asList(bean.getFeatures()).contains(feature.word());
+    return feature == Feature.CONTENTION
+        || Arrays.asList(bean.getFeatures()).contains(feature.word());
   }
 
   boolean isOn(NativeAgentMXBean bean) {
@@ -93,6 +98,11 @@ enum Profiler {
             : " (owner lookups: " + made + " made, " + bean.getOwnerLooksLeftOut() + " skipped)";
     return counted(bean.getLockSessions(), "session") + last("report", bean.getLastLockReport())
         + lookups;
+  }
+
+  private static String contentionDetails(NativeAgentMXBean bean) {
+    return counted(bean.getContentionSessions(), "session")
+        + last("report", bean.getLastContentionReport());
   }
 
   private static String exceptionDetails(NativeAgentMXBean bean) {

@@ -24,6 +24,7 @@ public final class SettingsTest {
     lockSettings();
     exceptionSettings();
     memorySettings();
+    contentionSettings();
     withoutTheAgent();
     vmArguments();
     Checks.inFolder(SettingsTest::reportFiles);
@@ -83,6 +84,29 @@ public final class SettingsTest {
     same("list", "a.B,c.D", settings.includeClasses(Arrays.asList("a.B", "c.D")).includedClasses);
   }
 
+  private static void contentionSettings() {
+    ContentionSettings settings = new ContentionSettings(REPORT);
+    same("defaults", "50 4096 1 PT30S PT10S", settings.samples + " " + settings.locks + " "
+        + settings.budget + " " + settings.stuck + " " + settings.window);
+    refused(ARGUMENT, "report is null", () -> new ContentionSettings(null));
+    refused(ARGUMENT, "samples is -1: expected a number from 0 to 1000",
+        () -> settings.samples(-1));
+    refused(ARGUMENT, "samples is 1001", () -> settings.samples(1001));
+    refused(ARGUMENT, "locks is 63: expected a number from 64 to 65536", () -> settings.locks(63));
+    refused(ARGUMENT, "locks is 65537", () -> settings.locks(65_537));
+    refused(ARGUMENT, "budget is 0: expected a number from 1 to 100", () -> settings.budget(0));
+    refused(ARGUMENT, "budget is 101", () -> settings.budget(101));
+    refused(ARGUMENT, "stuck is PT0.099S: expected a duration from 100ms to 240000h",
+        () -> settings.stuck(Duration.ofMillis(99)));
+    refused(ARGUMENT, "window is PT0.999S: expected a duration from 1s to 1h",
+        () -> settings.window(Duration.ofMillis(999)));
+    refused(ARGUMENT, "window is null", () -> settings.window(null));
+    settings.samples(0).locks(64).budget(100).stuck(Duration.ofMillis(100))
+        .window(Duration.ofHours(1));
+    same("taken", "0 64 100 PT0.1S PT1H", settings.samples + " " + settings.locks + " "
+        + settings.budget + " " + settings.stuck + " " + settings.window);
+  }
+
   private static void withoutTheAgent() {
     same("loaded", false, NativeAgent.isLoaded());
     same("features", EnumSet.noneOf(Feature.class), NativeAgent.features());
@@ -90,6 +114,7 @@ public final class SettingsTest {
     Class<IllegalStateException> state = IllegalStateException.class;
     refused(state, expected, () -> NativeAgent.startLocks(new LockSettings(REPORT)));
     refused(state, expected, () -> NativeAgent.startMemory(new MemorySettings(REPORT)));
+    refused(state, expected, () -> NativeAgent.startContention(new ContentionSettings(REPORT)));
     refused(state, expected,
         () -> NativeAgent.startExceptions(new ExceptionSettings(), (record, exception) -> {}));
     NativeAgent.stopExceptions();
@@ -98,17 +123,20 @@ public final class SettingsTest {
 
   private static void vmArguments() {
     String library = "-agentpath:/opt/x=y/libjavanativeagent.so";
-    same("unknown", EnumSet.allOf(Feature.class), new VmArguments(null).features());
+    EnumSet<Feature> all = EnumSet.of(Feature.LOCKS, Feature.MEMORY, Feature.EXCEPTIONS);
+    same("unknown", all, new VmArguments(null).features());
     same("no agent", EnumSet.noneOf(Feature.class), arguments("-Xmx1g").features());
-    same("all", EnumSet.allOf(Feature.class), arguments("-agentlib:javanativeagent").features());
+    same("all", all, arguments("-agentlib:javanativeagent").features());
     same("home", null, arguments("-agentlib:javanativeagent").home());
     VmArguments some =
         arguments("-Dx", "-agentpath:/a/libjavanativeagent.so=TWHOME=/h,features=mutexprofiling_x");
     same("options", "TWHOME=/h,features=mutexprofiling_x", some.options());
     same("home", "/h", some.home());
     same("one", EnumSet.of(Feature.LOCKS), some.features());
-    same("ALL", EnumSet.allOf(Feature.class),
+    same("ALL", all,
         arguments("-agentpath:/a/libjavanativeagent.so=features=ALL_x").features());
+    String contention = "-agentpath:/a/libjavanativeagent.so=contention=1,features=contention";
+    same("none", EnumSet.noneOf(Feature.class), arguments(contention).features());
     same("another agent", null, arguments("-agentpath:/a/other.so=twHome=/h").options());
     same("a path that the VM cuts", null, arguments(library).options());
     same("words", Arrays.asList("-a", "-b=c d", "e'f"),

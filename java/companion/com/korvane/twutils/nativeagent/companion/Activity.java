@@ -14,6 +14,9 @@ interface Activity {
   /** Once. When it throws an exception, it is over. */
   void begin();
 
+  /** The JVM begins to end; {@link #stop} is to follow. */
+  default void endBegins() {}
+
   /**
    * Ends it.
    *

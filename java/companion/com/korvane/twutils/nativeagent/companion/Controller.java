@@ -12,9 +12,11 @@ import java.nio.file.Path;
 import java.nio.file.Paths;
 import java.time.Duration;
 import java.util.ArrayList;
+import java.util.HashSet;
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.concurrent.atomic.AtomicReference;
 import java.util.function.BiConsumer;
 
@@ -59,10 +61,16 @@ final class Controller {
         Feature.MEMORY,
         new Instrument(
             OptionKey.MEMORY, "memory sessions are", reader -> new MemoryPlan(this, reader)));
-    // The locks come last: switching another profiler would end their detail phase.
+    // The locks come after these: switching another profiler would end their detail phase.
     instruments.put(
         Feature.LOCKS,
         new Instrument(OptionKey.LOCKS, "lock sessions are", reader -> new LockPlan(this, reader)));
+    // Disturbs none of them, and ends last: the program's shutdown hooks may run as long.
+    instruments.put(
+        Feature.CONTENTION,
+        new Instrument(
+            OptionKey.CONTENTION, "the contention profile is",
+            reader -> new ContentionPlan(this, reader)));
   }
 
   /** What is to be done at its time is done from now on; there may be no thread to be had. */
@@ -112,6 +120,7 @@ final class Controller {
   }
 
   private void endSessions() {
+    endPart(instruments.get(Feature.CONTENTION)::endBegins);
     endPart(instruments.get(Feature.LOCKS)::end);
     endPart(Controller::stopLocksOfProgram);
     instruments.values().forEach(each -> endPart(each::end));
@@ -232,6 +241,11 @@ final class Controller {
     exceptions = log;
   }
 
+  /** The report of a session that goes on was written anew. */
+  void updated(Feature feature, AgentSession session) {
+    instruments.get(feature).reported(session);
+  }
+
   /** Never fails. */
   void reported(Feature feature, AgentSession session) {
     instruments.get(feature).reported(session);
@@ -245,9 +259,9 @@ final class Controller {
 
   /** Reports of sessions that are running are not among them. */
   private void removeOldReports() {
-    folder().removeOldReports(
-        instruments.get(Feature.LOCKS).runningSession(),
-        instruments.get(Feature.MEMORY).runningSession());
+    Set<String> running = new HashSet<>();
+    instruments.values().forEach(each -> running.add(each.key() + "-" + each.runningSession()));
+    folder().removeOldReports(running);
   }
 
   /** Made when there is something to write; in turn. */

@@ -52,7 +52,14 @@ final class Instrument {
     return activity.stop();
   }
 
-  /** The same; nothing when no activity is under way. */
+  /** The JVM begins to end; {@link #end} is to follow. */
+  void endBegins() {
+    if (isOn()) {
+      activity.endBegins();
+    }
+  }
+
+  /** The same as {@link #stop}; nothing when no activity is under way. */
   void end() throws IOException {
     if (isOn()) {
       activity.stop();

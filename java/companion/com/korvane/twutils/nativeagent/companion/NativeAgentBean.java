@@ -76,7 +76,8 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   public String getState() {
     Status now = controller.status();
     return "locks: " + now.of(Feature.LOCKS).state + ", exceptions: "
-        + now.of(Feature.EXCEPTIONS).state + ", memory: " + now.of(Feature.MEMORY).state;
+        + now.of(Feature.EXCEPTIONS).state + ", memory: " + now.of(Feature.MEMORY).state
+        + ", contention: " + now.of(Feature.CONTENTION).state;
   }
 
   @Override
@@ -105,6 +106,11 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   }
 
   @Override
+  public String getContentionState() {
+    return of(Feature.CONTENTION).state;
+  }
+
+  @Override
   public int getLockSessions() {
     return of(Feature.LOCKS).sessions;
   }
@@ -112,6 +118,11 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   @Override
   public int getMemorySessions() {
     return of(Feature.MEMORY).sessions;
+  }
+
+  @Override
+  public int getContentionSessions() {
+    return of(Feature.CONTENTION).sessions;
   }
 
   @Override
@@ -160,6 +171,11 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   }
 
   @Override
+  public String getLastContentionReport() {
+    return text(of(Feature.CONTENTION).report);
+  }
+
+  @Override
   public String getExceptionFile() {
     return text(controller.status().exceptionFile);
   }
@@ -192,6 +208,16 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   @Override
   public String stopMemory() throws IOException {
     return stop(Feature.MEMORY);
+  }
+
+  @Override
+  public void startContention(String options) {
+    start(Feature.CONTENTION, options);
+  }
+
+  @Override
+  public String stopContention() throws IOException {
+    return stop(Feature.CONTENTION);
   }
 
   private Status.Part of(Feature feature) {

@@ -10,10 +10,16 @@ import java.io.IOException;
  * summary=10s,detail=1m}; those not given are as the JVM was started with.
  */
 public interface NativeAgentMXBean {
-  /** All three profilers in a line, as in "locks: detail, exceptions: on, memory: off". */
+  /**
+   * All profilers in a line, as in "locks: detail, exceptions: on, memory: off, contention:
+   * running".
+   */
   String getState();
 
-  /** The feature words of the profilers that the JVM was started with. */
+  /**
+   * The feature words of the profilers that the JVM was started with; the contention profile, which
+   * any JVM with the agent can start, has none.
+   */
   String[] getFeatures();
 
   /** The folder of this run; null before the first session. */
@@ -28,11 +34,17 @@ public interface NativeAgentMXBean {
   /** off, waiting or running. */
   String getMemoryState();
 
+  /** off, running, or stopped while the report could not be written. */
+  String getContentionState();
+
   /** Lock sessions begun so far. */
   int getLockSessions();
 
   /** Memory sessions begun so far. */
   int getMemorySessions();
+
+  /** Contention profiles begun so far. */
+  int getContentionSessions();
 
   /** Exceptions in the files since capture was started last. */
   long getExceptionsRecorded();
@@ -64,6 +76,9 @@ public interface NativeAgentMXBean {
   /** Null before the first. */
   String getLastMemoryReport();
 
+  /** It is written anew while the profile runs. Null before it was written first. */
+  String getLastContentionReport();
+
   /** The file that exceptions are written to; null before the first capture. */
   String getExceptionFile();
 
@@ -84,4 +99,13 @@ public interface NativeAgentMXBean {
 
   /** Ends memory sessions; gives the report of the one that was running, or null. */
   String stopMemory() throws IOException;
+
+  /**
+   * Begins the contention profile. One that the JVM was started with ({@code contention=1}) goes on
+   * as it is.
+   */
+  void startContention(String options);
+
+  /** Ends the contention profile; gives its report. When that fails, it can be called again. */
+  String stopContention() throws IOException;
 }

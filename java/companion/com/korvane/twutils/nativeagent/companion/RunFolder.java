@@ -20,6 +20,7 @@ import java.util.Collections;
 import java.util.HashMap;
 import java.util.List;
 import java.util.Map;
+import java.util.Set;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
@@ -29,7 +30,7 @@ final class RunFolder {
 
   /** What a session writes: its number is the same in all names. */
   private static final Pattern OF_SESSION =
-      Pattern.compile("(locks|memory)-([0-9]{1,9})\\.(json|stacks|sweeps)(\\.part)?");
+      Pattern.compile("(locks|memory|contention)-([0-9]{1,9})\\.(json|stacks|sweeps)(\\.part)?");
 
   private final Path path;
   private final Instant started;
@@ -87,6 +88,10 @@ final class RunFolder {
     return path.resolve("locks-" + session + ".json");
   }
 
+  Path contentionReport(int session) {
+    return path.resolve("contention-" + session + ".json");
+  }
+
   Path memoryReport(int session) {
     return path.resolve("memory-" + session + ".json");
   }
@@ -115,14 +120,12 @@ final class RunFolder {
    * Deletes what the oldest sessions have left until there are as few as may be. How many were
    * deleted is in the description of the run. What cannot be deleted stays.
    *
-   * @param lockSession that is running and does not count; 0 for none
-   * @param memorySession the same
+   * @param running sessions that do not count, as in "locks-2"
    */
-  void removeOldReports(int lockSession, int memorySession) {
+  void removeOldReports(Set<String> running) {
     try {
       List<Session> over = sessions();
-      over.removeIf(
-          each -> each.number == (each.name.startsWith("locks") ? lockSession : memorySession));
+      over.removeIf(each -> running.contains(each.name));
       if (over.size() <= maxReports) {
         return;
       }

@@ -39,6 +39,11 @@ public final class InstrumentTest {
     String state = OFF;
 
     @Override
+    public void endBegins() {
+      state = "ending";
+    }
+
+    @Override
     public void begin() {
       if (refusal != null) {
         throw refusal;
@@ -83,6 +88,8 @@ public final class InstrumentTest {
     same("before", "off", instrument.status().state);
     refused(STATE, "lock sessions are not running", instrument::stop);
     instrument.end();
+    instrument.endBegins();
+    same("nothing to end", "off", instrument.status().state);
 
     instrument.begin(null);
     same("begun", "busy", instrument.status().state);
@@ -101,6 +108,8 @@ public final class InstrumentTest {
     refusal[0] = null;
     instrument.begin(null);
     same("next", 2, instrument.nextSession());
+    instrument.endBegins();
+    same("about to end", "ending", instrument.status().state);
     instrument.end();
     same("ended", "off", instrument.status().state);
     same("sessions", 2, instrument.status().sessions);
@@ -185,6 +194,7 @@ public final class InstrumentTest {
     private final boolean isThere;
     private int number;
     private String content = "{\n}";
+    private boolean isRepeatable;
 
     OddPlan(Controller controller, Path folder, boolean isThere, int count) {
       super(controller, Feature.LOCKS);
@@ -200,6 +210,7 @@ public final class InstrumentTest {
         number++;
         session = new OddSession(number, folder.resolve("s" + number), isThere).started();
         session.content = content;
+        session.isRepeatable = isRepeatable;
         next.after(Duration.ofHours(1));
       } else {
         finishSession();
@@ -213,6 +224,13 @@ public final class InstrumentTest {
 
     @Override
     void prepareStop(OddSession stopping) {}
+
+    @Override
+    void closeFailed() {
+      if (!isRepeatable) {
+        super.closeFailed();
+      }
+    }
   }
 
   private static void plans(Path folder) throws Exception {
@@ -271,5 +289,15 @@ public final class InstrumentTest {
     refused(IOException.class, "s2 is not complete", half::stop);
     same("over", true, half.isOver());
     same("no report", null, controller.status().of(Feature.LOCKS).report);
+
+    OddPlan again = new OddPlan(controller, folder.resolve("out"), true, 1);
+    again.isRepeatable = true;
+    again.content = "{";
+    again.begin();
+    refused(IOException.class, "s1 is not complete", again::stop);
+    same("stays", false, again.isOver());
+    again.session.content = "{\n}";
+    same("stopped again", folder.resolve("out/s1"), again.stop());
+    same("over", true, again.isOver());
   }
 }

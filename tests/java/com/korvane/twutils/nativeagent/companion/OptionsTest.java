@@ -156,6 +156,7 @@ public final class OptionsTest {
     try {
       new LockPlan(null, reader);
       new MemoryPlan(null, reader);
+      new ContentionPlan(null, reader);
       return "";
     } catch (IllegalArgumentException e) {
       return e.getMessage();

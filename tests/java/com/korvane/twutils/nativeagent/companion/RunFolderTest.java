@@ -6,7 +6,9 @@ import com.korvane.twutils.nativeagent.Checks;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.attribute.FileTime;
+import java.util.Arrays;
 import java.util.Collections;
+import java.util.HashSet;
 
 /** How many reports a run keeps, and what it says of the others. */
 public final class RunFolderTest {
@@ -24,20 +26,20 @@ public final class RunFolderTest {
     for (int i = 1; i <= 3; i++) {
       make(run, i, "locks-" + i + ".json", "locks-" + i + ".stacks");
     }
-    folder.removeOldReports(0, 0);
+    folder.removeOldReports(Collections.emptySet());
     same("as many as may be", 0, folder.removedReports());
     String before = Checks.text(run.resolve("run.json"));
     same("nothing said", false, before.contains("removed"));
     make(run, 4, "memory-1.json", "memory-1.sweeps");
-    make(run, 5, "locks-10.json", "locks-10.stacks");
-    folder.removeOldReports(0, 0);
+    make(run, 5, "contention-2.json");
+    make(run, 6, "locks-10.json", "locks-10.stacks");
+    folder.removeOldReports(Collections.emptySet());
     same("left",
-        "locks-10.json locks-10.stacks locks-3.json locks-3.stacks memory-1.json memory-1.sweeps"
-            + " run.json",
+        "contention-2.json locks-10.json locks-10.stacks memory-1.json memory-1.sweeps run.json",
         Checks.names(run));
-    same("removed", 2, folder.removedReports());
+    same("removed", 3, folder.removedReports());
     String after = Checks.text(run.resolve("run.json"));
-    Checks.contains("said", ",\"removed\":{\"reports\":2,\"files\":4,\"kept\":3}}\n", after);
+    Checks.contains("said", ",\"removed\":{\"reports\":3,\"files\":6,\"kept\":3}}\n", after);
     Checks.contains("the rest stands", before.substring(0, before.length() - 2), after);
     same("mode", "rw-------", Checks.mode(run.resolve("run.json")));
   }
@@ -47,16 +49,18 @@ public final class RunFolderTest {
     Path run = folder.path();
     make(run, 1, "locks-1.json.part", "locks-1.stacks.part", "exceptions.jsonl",
         "exceptions-1.jsonl", "locks-x.json", "notes.txt");
-    make(run, 2, "memory-1.sweeps", "memory-1.json.part");
+    make(run, 2, "memory-1.sweeps", "memory-1.json.part", "contention-1.json",
+        "contention-2.json");
     make(run, 3, "locks-2.json", "locks-2.stacks");
     make(run, 4, "locks-3.json.part", "locks-3.stacks.part");
-    folder.removeOldReports(3, 1);
+    folder.removeOldReports(
+        new HashSet<>(Arrays.asList("locks-3", "memory-1", "contention-2")));
     same("left",
-        "exceptions-1.jsonl exceptions.jsonl locks-2.json locks-2.stacks locks-3.json.part"
-            + " locks-3.stacks.part locks-x.json memory-1.json.part memory-1.sweeps notes.txt"
-            + " run.json",
+        "contention-2.json exceptions-1.jsonl exceptions.jsonl locks-2.json locks-2.stacks"
+            + " locks-3.json.part locks-3.stacks.part locks-x.json memory-1.json.part"
+            + " memory-1.sweeps notes.txt run.json",
         Checks.names(run));
-    same("removed", 1, folder.removedReports());
+    same("removed", 2, folder.removedReports());
   }
 
   private static void make(Path run, int time, String... names) throws Exception {
