@@ -84,6 +84,8 @@ public final class AgentSessionTest {
   private static void withoutAProfiler(Path folder) throws Exception {
     refused(IllegalStateException.class, "there is no lock profiler",
         () -> new OddSession(1, folder.resolve("r.json"), false).started());
+    refused(IllegalStateException.class, "the agent is older than the companion",
+        () -> ContentionSession.start(1, new ContentionSettings(folder.resolve("r.json"))));
     same("left", "", Checks.names(folder));
   }
 }
