@@ -225,10 +225,10 @@ def test_the_contention_profile_is_the_choice_of_those_that_choose_none(launcher
         (("--contention=interval=5s",), "contention=1"),
         (
             ("--contention=window=1M,stuck=500MS,budget=02,locks=64,samples=0",),
-            "contention=1,contentionSamples=0,contentionLocks=64,contentionBudget=2,"
-            "contentionStuck=500,contentionWindow=60000",
+            "contention=1,contentionSamples=0,contentionLocks=64,contentionBudget=02,"
+            "contentionStuck=500MS,contentionWindow=1M",
         ),
-        (("--contention=stuck=1s,stuck=2",), "contention=1,contentionStuck=2000"),
+        (("--contention=stuck=1s,stuck=2",), "contention=1,contentionStuck=2s"),
         (("--locks", "--exceptions", "--memory"), None),
     ),
 )
@@ -237,6 +237,15 @@ def test_the_contention_profile_starts_with_the_jvm(launcher, folder, options, e
     assert shown.code == 0, shown
     words = shown.out.split()[0].split(",")
     assert ",".join(w for w in words if w.startswith("contention")) == (expected or ""), shown
+
+
+def test_the_agent_takes_what_the_contention_profile_was_given(launcher, folder):
+    options = "--contention=samples=07,locks=100,budget=2,stuck=240000H,window=5,interval=1h"
+    launcher.run("run", options, "--", *echo(launcher, 0), folder=folder)
+    (found,) = results(folder / OUTPUT)
+    assert found.json("contention-1.json")["settings"] == {
+        "samplesPerSecond": 7, "locks": 100, "budgetPercent": 2,
+        "stuckMillis": 864_000_000_000, "windowMillis": 5_000}
 
 
 def test_the_cost_is_bounded(launcher, folder):
