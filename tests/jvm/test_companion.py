@@ -673,9 +673,9 @@ def test_the_contention_profile_to_the_end(start, way, exit_code, switch):
         assert names(folder) == ["contention-1.json", "run.json"]
 
 
-def test_the_contention_report_while_hooks_of_the_program_run(start):
+def test_the_contention_report_when_the_end_begins_and_when_all_else_is_ended(start):
     run = start("LongEnding", OUTPUT, given=f"output={OUTPUT},contention=true", exit_code=7)
-    assert (run.facts["before"], run.facts["meanwhile"]) == ("false", "true")
+    assert (run.facts["before"], run.facts["written"]) == ("false", "2")
     assert contention(run_folder(run) / "contention-1.json")["endedAt"] is not None
 
 
