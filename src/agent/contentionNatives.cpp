@@ -83,6 +83,17 @@ JNIEXPORT jstring JNICALL TW_CONTENTION(snapshot)(JNIEnv* jni, jclass /*cls*/, j
   return textFor(jni, problem);
 }
 
+JNIEXPORT jboolean JNICALL TW_CONTENTION(reportAtEnd)(JNIEnv* jni, jclass /*cls*/, jstring path,
+                                                      jboolean isEnding) {
+  const jint runs = native(TW_CONTENTION_NAME(reportAtEnd), [&] {
+    const std::string name = support::textOf(jni, path);
+    return !name.empty() && contentionProfile::ofProcess().reportAtEnd(name, isEnding == JNI_TRUE)
+               ? 1
+               : 0;
+  });
+  return runs == 1 ? JNI_TRUE : JNI_FALSE;
+}
+
 JNIEXPORT jboolean JNICALL TW_CONTENTION(stop)(JNIEnv* jni, jclass /*cls*/) {
   const jint stopped = native(TW_CONTENTION_NAME(stop),
                               [&] { return contentionProfile::ofProcess().stop(jni) ? 1 : 0; });

@@ -1,8 +1,8 @@
 #include "contention/contentionProfile.h"
 
+#include <cerrno>
 #include <chrono>
-#include <cinttypes>
-#include <cstddef>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -12,6 +12,7 @@
 #include "instruments/costAccount.h"
 #include "support/fileWriter.h"
 #include "support/jniRef.h"
+#include "support/regularFile.h"
 #include "support/text.h"
 #include "support/vmTurn.h"
 
@@ -25,9 +26,9 @@ constexpr std::chrono::seconds kPatience{2};
 constexpr std::chrono::milliseconds kPause{1};
 
 const std::vector<jvmtiEvent>& events() {
-  static const std::vector<jvmtiEvent> all = {JVMTI_EVENT_MONITOR_CONTENDED_ENTER,
-                                              JVMTI_EVENT_MONITOR_CONTENDED_ENTERED,
-                                              JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED};
+  static const std::vector<jvmtiEvent> all = {
+      JVMTI_EVENT_MONITOR_CONTENDED_ENTER, JVMTI_EVENT_MONITOR_CONTENDED_ENTERED,
+      JVMTI_EVENT_MONITOR_WAIT, JVMTI_EVENT_MONITOR_WAITED, JVMTI_EVENT_VM_DEATH};
   return all;
 }
 
@@ -88,6 +89,11 @@ void JNICALL contentionProfile::VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread /*t
   });
 }
 
+void JNICALL contentionProfile::VMDeath(jvmtiEnv* /*jvmti*/, JNIEnv* jni) {
+  contained("contentionProfile::VMDeath", "Exception occured in contentionProfile : VMDeath",
+            [&] { ofProcess().endWithVm(jni); });
+}
+
 void JNICALL contentionProfile::MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                                       jobject object) {
   ofProcess().recorder_.blockBegins(jvmti, jni, nullptr, thread, channel::enter, object);
@@ -129,6 +135,7 @@ void contentionProfile::blockerSet(JNIEnv* jni, jthread thread, jobject blocker)
 std::string contentionProfile::open(JavaVM* vm) {
   jvmtiEventCallbacks callbacks{};
   callbacks.VMInit = VMInit;
+  callbacks.VMDeath = VMDeath;
   callbacks.MonitorContendedEnter = MonitorContendedEnter;
   callbacks.MonitorContendedEntered = MonitorContendedEntered;
   callbacks.MonitorWait = MonitorWait;
@@ -246,6 +253,13 @@ bool contentionProfile::stop(JNIEnv* jni) {
   if (!isRunning()) {
     return false;
   }
+  {
+    const support::lockGuard guard(endMutex_);
+    if (isEnding_) {
+      return true;
+    }
+    endPath_.clear();
+  }
   environment_.disable(events());
   {
     const support::lockGuard guard(samplesMutex_);
@@ -265,29 +279,89 @@ bool contentionProfile::stop(JNIEnv* jni) {
   return true;
 }
 
-std::string contentionProfile::snapshot(JNIEnv* jni, const std::string& path) {
+bool contentionProfile::reportAtEnd(const std::string& path, bool isEnding) {
   const support::lockGuard oneCall(controlMutex_);
-  return write(jni, path);
+  if (!isRunning()) {
+    return false;
+  }
+  const support::lockGuard guard(endMutex_);
+  endPath_ = path;
+  isEnding_ = isEnding;
+  return true;
 }
 
-std::string contentionProfile::write(JNIEnv* jni, const std::string& path) {
-  support::jsonWriter json;
+// The last words, after all of the program's shutdown hooks. Nothing here waits for long: what has
+// not come by then was suspended by a debugger.
+void contentionProfile::endWithVm(JNIEnv* jni) {
+  constexpr const char* kFunction = "contentionProfile::endWithVm";
+  std::string path;
+  {
+    const support::lockGuard guard(endMutex_);
+    path = endPath_;
+  }
+  if (path.empty() || !isRunning()) {
+    return;
+  }
+  recorder_.end();
+  {
+    const support::lockGuard guard(wakeMutex_);
+    isSampling_ = false;
+    wake_.notifyAll();
+  }
+  std::string text;
+  if (!samplerHasEnded() ||
+      !samplesMutex_.tryLockUntil(support::patienceClock::now() + kPatience)) {
+    TW_LOG(kLogError, kSeverityError, kFunction, "%s was not written at the end", path.c_str());
+    return;
+  }
+  try {
+    session_.ended = instruments::steadyNanos();
+    sampler_.catchUp(environment_.jvmti(), jni, session_.ended);
+    text = reportText(jni);
+  } catch (...) {
+    samplesMutex_.unlock();
+    throw;
+  }
+  samplesMutex_.unlock();
+  const std::string name = support::fileSystemPath(path);
+  const std::string part = name + ".end";
+  support::fileWriter file(part, support::fileWriter::mode::truncate,
+                           support::fileWriter::readers::owner);
+  file.write(text);
+  std::string reason = file.close();
+  if (reason.empty() && std::rename(part.c_str(), name.c_str()) != 0) {
+    reason = support::reasonOf(errno);
+  }
+  if (!reason.empty()) {
+    TW_LOG(kLogError, kSeverityError, kFunction, "%s was not written at the end: %s", path.c_str(),
+           reason.c_str());
+  }
+}
+
+std::string contentionProfile::snapshot(JNIEnv* jni, const std::string& path) {
+  const support::lockGuard oneCall(controlMutex_);
+  std::string text;
   {
     const support::lockGuard guard(samplesMutex_);
     if (session_.started == 0) {
       return "the contention profile was never started";
     }
-    const std::int64_t now = session_.ended == 0 ? instruments::steadyNanos() : session_.ended;
     if (session_.ended == 0) {
-      sampler_.catchUp(environment_.jvmti(), jni, now);
+      sampler_.catchUp(environment_.jvmti(), jni, instruments::steadyNanos());
     }
-    writeContentionReport(json, jni, session_, recorder_, samples_, sampler_.blocked(), now);
+    text = reportText(jni);
   }
   support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::truncate);
-  file.write(json.text());
-  file.write("\n");
+  file.write(text);
   const std::string reason = file.close();
   return reason.empty() ? reason : path + ": " + reason;
+}
+
+std::string contentionProfile::reportText(JNIEnv* jni) {
+  support::jsonWriter json;
+  const std::int64_t now = session_.ended == 0 ? instruments::steadyNanos() : session_.ended;
+  writeContentionReport(json, jni, session_, recorder_, samples_, sampler_.blocked(), now);
+  return json.text() + '\n';
 }
 
 // --- The profile's own thread -------------------------------------------------------------------

@@ -32,17 +32,19 @@ class contentionProfile {
   // later. Why it will not, or an empty text.
   std::string startWithVm(JavaVM* vm, const contentionSettings& settings);
 
-  // The next four: see AgentContention.java. Texts are empty when all went well.
+  // The next five: see AgentContention.java. Texts are empty when all went well.
   std::string start(JavaVM* vm, JNIEnv* jni, const contentionSettings& settings)
       EXCLUDES(controlMutex_);
   bool isRunning() const { return recorder_.isOn(); }
   std::string snapshot(JNIEnv* jni, const std::string& path) EXCLUDES(controlMutex_);
   bool stop(JNIEnv* jni) EXCLUDES(controlMutex_);
+  bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_, endMutex_);
 
  private:
   contentionProfile();
 
   static void JNICALL VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
+  static void JNICALL VMDeath(jvmtiEnv* jvmti, JNIEnv* jni);
   static void JNICALL MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                             jobject object);
   static void JNICALL MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
@@ -61,7 +63,8 @@ class contentionProfile {
   void findClasses(JNIEnv* jni);
   std::string hookParks(JNIEnv* jni);
   void sampleUntilStopped(JNIEnv* jni);
-  std::string write(JNIEnv* jni, const std::string& path) EXCLUDES(samplesMutex_);
+  void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_, endMutex_);
+  std::string reportText(JNIEnv* jni) REQUIRES(samplesMutex_);
 
   instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
   blockRecorder recorder_;
@@ -72,10 +75,14 @@ class contentionProfile {
   ownerClasses owners_ GUARDED_BY(controlMutex_);
 
   // Held for a look at the blocked threads, calls into the VM included; no handler takes it.
-  support::mutex samplesMutex_;
+  support::timedMutex samplesMutex_;
   contentionSession session_ GUARDED_BY(samplesMutex_);
   contentionSamples samples_ GUARDED_BY(samplesMutex_);
   contentionSampler sampler_ GUARDED_BY(samplesMutex_);
+
+  support::mutex endMutex_;
+  std::string endPath_ GUARDED_BY(endMutex_);    // of the report that the end of the VM writes
+  bool isEnding_ GUARDED_BY(endMutex_) = false;  // and nobody stops it before
 
   support::mutex wakeMutex_;
   support::condition wake_;

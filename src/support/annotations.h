@@ -42,6 +42,7 @@ class CAPABILITY("mutex") mutex {
 // One whose owner others wait for only so long.
 class CAPABILITY("mutex") timedMutex {
  public:
+  void lock() ACQUIRE() { mutex_.lock(); }
   bool tryLock() TRY_ACQUIRE(true) { return mutex_.try_lock(); }
   template <typename Clock, typename Duration>
   bool tryLockUntil(const std::chrono::time_point<Clock, Duration>& end) TRY_ACQUIRE(true) {

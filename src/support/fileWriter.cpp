@@ -12,13 +12,15 @@ namespace support {
 namespace {
 
 constexpr mode_t kOwnerWrites = 0644;
+constexpr mode_t kOwnerOnly = 0600;
 constexpr std::size_t kBufferBytes = std::size_t{64} * 1024;
 
 }  // namespace
 
-fileWriter::fileWriter(const std::string& path, mode how) {
+fileWriter::fileWriter(const std::string& path, mode how, readers who) {
   const int start = how == mode::append ? O_APPEND : O_TRUNC;
-  const openedFile opened = openRegularFile(path, O_WRONLY | O_CREAT | start, kOwnerWrites);
+  const openedFile opened = openRegularFile(path, O_WRONLY | O_CREAT | start,
+                                            who == readers::all ? kOwnerWrites : kOwnerOnly);
   descriptor_ = opened.descriptor;
   error_ = opened.error;
 }

@@ -11,9 +11,12 @@ class fileWriter {
  public:
   enum class mode { truncate, append };
 
-  // Opens or creates the file, without ever waiting; the group and others cannot write a file
-  // created here. What is not a regular file is an error, /dev/null apart.
-  fileWriter(const std::string& path, mode how);
+  // Who may read a file that is created; nobody else may write it.
+  enum class readers { all, owner };
+
+  // Opens or creates the file, without ever waiting. What is not a regular file is an error,
+  // /dev/null apart.
+  fileWriter(const std::string& path, mode how, readers who = readers::all);
   ~fileWriter();
   fileWriter(const fileWriter&) = delete;
   fileWriter& operator=(const fileWriter&) = delete;

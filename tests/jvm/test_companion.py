@@ -676,6 +676,14 @@ def test_the_contention_profile_to_the_end(start, way, exit_code, switch):
 def test_the_contention_report_when_the_end_begins_and_when_all_else_is_ended(start):
     run = start("LongEnding", OUTPUT, given=f"output={OUTPUT},contention=true", exit_code=7)
     assert (run.facts["before"], run.facts["written"]) == ("false", "2")
+    assert names(run_folder(run)) == ["contention-1.json", "run.json"]
+    report = contention(run_folder(run) / "contention-1.json")
+    assert report["endedAt"] is not None
+    assert [lock["entries"] for lock in report["locks"] if lock["class"] == "LongEnding$Door"] == [1]
+
+
+def test_the_contention_report_of_a_jvm_that_halts(start):
+    run = start("LongEnding", OUTPUT, "halt", given=f"output={OUTPUT},contention=true", exit_code=7)
     assert contention(run_folder(run) / "contention-1.json")["endedAt"] is not None
 
 

@@ -7,13 +7,19 @@ import java.nio.file.WatchEvent;
 import java.nio.file.WatchKey;
 import java.nio.file.WatchService;
 
-/** Ends when a shutdown hook has seen that the contention report was written twice. */
+/**
+ * Ends when a shutdown hook has seen that the contention report was written twice, and has held up
+ * another thread after that.
+ */
 public final class LongEnding {
+  static final class Door {}
+
   private static final String REPORT = "contention-1.json";
+  private static final Door DOOR = new Door();
 
   private LongEnding() {}
 
-  /** Argument: the output folder. */
+  /** Arguments: the output folder, and "halt" to end without hooks. */
   public static void main(String[] args) throws Exception {
     Path run;
     try (DirectoryStream<Path> runs = Files.newDirectoryStream(Paths.get(args[0]), "run-*")) {
@@ -24,6 +30,9 @@ public final class LongEnding {
     Facts.put("before", Files.exists(run.resolve(REPORT)));
     Thread hook = new Thread(() -> awaitReports(watch), "closing time");
     Runtime.getRuntime().addShutdownHook(hook);
+    if (args.length > 1) {
+      Runtime.getRuntime().halt(7);
+    }
     System.exit(7);
   }
 
@@ -31,6 +40,18 @@ public final class LongEnding {
     int[] written = {0};
     Await.that("two reports", () -> (written[0] += reportsIn(watch.poll())) == 2);
     Facts.put("written", written[0]);
+    Thread late = new Thread(LongEnding::pass, "late");
+    synchronized (DOOR) {
+      late.start();
+      Await.that("somebody at the door", () -> late.getState() == Thread.State.BLOCKED);
+    }
+    Await.that("nobody at the door", () -> !late.isAlive());
+  }
+
+  private static void pass() {
+    synchronized (DOOR) {
+      Facts.put("passed", true);
+    }
   }
 
   private static int reportsIn(WatchKey key) {

@@ -33,6 +33,16 @@ final class AgentContention {
   static native String snapshot(String path);
 
   /**
+   * Has the VM write the report when it ends, in whatever way but by a signal that kills it: after
+   * all shutdown hooks, to {@code path} with {@code .end}, and then under its name. Until it is
+   * stopped.
+   *
+   * @param isEnding the VM is ending: {@link #stop} does nothing any more
+   * @return whether it runs
+   */
+  static native boolean reportAtEnd(String path, boolean isEnding);
+
+  /**
    * Stops it. What was gathered can be written until the next start.
    *
    * @return whether it ran

@@ -8,6 +8,8 @@ import java.nio.file.Paths;
  * A contention profile that is under way: begun by {@link NativeAgent#startContention}, over with
  * {@link #stop}. Its report can be written at any time meanwhile; each replaces the one before.
  *
+ * <p>A JVM that ends meanwhile writes the report, unless it is killed.
+ *
  * <p>When {@link #stop} fails with an {@link IOException}, nothing is recorded any more, but what
  * there is stays: {@code stop} can be called again to write it.
  *
@@ -40,6 +42,7 @@ public final class ContentionSession extends AgentSession {
       if (refusal != null) {
         throw new IllegalStateException("the contention profile cannot be started: " + refusal);
       }
+      reportAtEnd(false);
       return true;
     } catch (UnsatisfiedLinkError e) {
       throw new IllegalStateException(
@@ -76,6 +79,18 @@ public final class ContentionSession extends AgentSession {
           }
           return writeSoFar();
         });
+  }
+
+  /**
+   * The JVM is about to end: the profile goes on to the very end, and its report is then written
+   * once more. {@link #stop} only writes it before, as of an unfinished profile.
+   */
+  public void endWithVm() {
+    reportAtEnd(true);
+  }
+
+  private void reportAtEnd(boolean isEnding) {
+    AgentContention.reportAtEnd(settings.report.toAbsolutePath().toString(), isEnding);
   }
 
   @Override

@@ -66,10 +66,12 @@ final class ContentionPlan extends SessionPlan<ContentionSession> {
     }
   }
 
+  /** The VM writes the last report, after the shutdown hooks of the program. */
   @Override
   public void endBegins() {
     if (session != null) {
       writeSoFar();
+      session.endWithVm();
     }
   }
 
