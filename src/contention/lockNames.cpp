@@ -7,6 +7,11 @@
 namespace agent {
 
 std::string_view publicClass(std::string_view name, lockKind kind) {
+  constexpr std::string_view kConditionObject = "$ConditionObject";
+  const std::size_t last = name.rfind('$');
+  if (last != std::string_view::npos && name.substr(last) == kConditionObject) {
+    return "java.util.concurrent.locks.Condition";
+  }
   constexpr std::string_view kConcurrent = "java.util.concurrent.";
   const bool isInside = (kind == lockKind::lock || kind == lockKind::park) &&
                         name.substr(0, kConcurrent.size()) == kConcurrent;
