@@ -35,8 +35,13 @@ std::size_t pairHash::operator()(const pairKey& key) const {
 }
 
 std::string_view contentionSamples::fieldOf(std::uint32_t lock) const {
-  const auto found = fields.find(lock);
-  return found == fields.end() ? std::string_view() : found->second;
+  const lockField* const known = fields.find(lock);
+  return known == nullptr ? std::string_view() : known->name;
+}
+
+bool contentionSamples::takeFieldLook(std::uint32_t lock) {
+  lockField* const known = fields.at(lock);
+  return known != nullptr && known->name.empty() && known->looks++ < kMostFieldLooks;
 }
 
 void contentionSamples::clear() {

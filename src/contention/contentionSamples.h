@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "contention/contentionSettings.h"
 #include "contention/lockTable.h"
 #include "instruments/boundedMap.h"
 #include "instruments/costAccount.h"
@@ -131,11 +132,19 @@ struct contentionSamples {
   std::uint64_t pairNanosDropped = 0;
   std::uint64_t windowLocksDropped = 0;
   std::uint64_t stuckDropped = 0;
-  std::vector<std::string> classNames;                    // by place; empty when not known
-  std::unordered_map<std::uint32_t, std::string> fields;  // of locks, by id
+  std::vector<std::string> classNames;  // by place; empty when not known
+  // The fields of locks, by their ids: those that were looked for.
+  struct lockField {
+    std::string name;  // empty when none was found
+    std::int32_t looks = 0;
+  };
+  static constexpr std::int32_t kMostFieldLooks = 3;
+  instruments::boundedMap<std::uint32_t, lockField> fields{contentionSettings::kMostLocks};
 
   // The field that holds a lock; empty when none is known.
   std::string_view fieldOf(std::uint32_t lock) const;
+  // Whether to look for it once more.
+  bool takeFieldLook(std::uint32_t lock);
   void clear();
 };
 

@@ -5,6 +5,7 @@
 #include <span>
 #include <string_view>
 
+#include "contention/lockField.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 
@@ -67,6 +68,9 @@ lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& wai
     }
   }
   readOwner(record, lock, seen.owner);
+  if (!threads.empty() && isContention(record.kind) && samples_.takeFieldLook(record.id)) {
+    samples_.fields.at(record.id)->name = staticFieldOf(jvmti_, jni_, lock, threads.front());
+  }
   for (std::size_t i = seen.waiters.size(); i-- > 0;) {
     seen.waiters[i].stack = stackOf(threads[i]);
     blockedThread now{};

@@ -20,6 +20,11 @@ class boundedMap {
     }
     return entries_.size() < limit_ ? &entries_[key] : nullptr;
   }
+  // Null when there is none.
+  const Value* find(const Key& key) const {
+    const auto known = entries_.find(key);
+    return known == entries_.end() ? nullptr : &known->second;
+  }
   void clear() { entries_.clear(); }
 
   auto begin() const { return entries_.begin(); }
