@@ -108,11 +108,11 @@ line parseLine(const std::string& text, const std::string& source) {
     return std::any_of(one.members.begin(), one.members.end(),
                        [&](const memberShape& known) { return known.name == member; });
   };
-  const std::string member = firstMember(bytesOfText(text), source, [&](std::string_view name) {
+  const foundMember member = firstMember(bytesOfText(text), source, [&](std::string_view name) {
     return identifies(endShape(), name) || identifies(recordShape(), name);
   });
   line result;
-  const place root = identifies(endShape(), member) ? place{&endShape(), &result.end.emplace()}
+  const place root = identifies(endShape(), member.name) ? place{&endShape(), &result.end.emplace()}
                                                     : place{&recordShape(), &result.record};
   readJson(bytesOfText(text), source, root);
   return result;

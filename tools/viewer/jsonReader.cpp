@@ -281,33 +281,40 @@ class memberFinder : public handler {
   memberFinder(const std::string& source, const std::function<bool(std::string_view)>& known)
       : handler(source), known_(known) {}
 
-  bool null() { return depth_ > 0; }
-  bool boolean(bool) { return depth_ > 0; }
-  bool number_integer(json::number_integer_t) { return depth_ > 0; }
-  bool number_unsigned(json::number_unsigned_t) { return depth_ > 0; }
-  bool number_float(json::number_float_t, const json::string_t&) { return depth_ > 0; }
-  bool string(json::string_t&) { return depth_ > 0; }
+  bool null() { return goesOn(); }
+  bool boolean(bool) { return goesOn(); }
+  bool number_integer(json::number_integer_t) { return goesOn(); }
+  bool number_unsigned(json::number_unsigned_t) { return goesOn(); }
+  bool number_float(json::number_float_t, const json::string_t&) { return goesOn(); }
+  bool string(json::string_t& value) {
+    if (isFound()) {
+      found_.text = std::move(value);
+    }
+    return goesOn();
+  }
   bool start_object(std::size_t) {
     depth_++;
-    return true;
+    return goesOn();
   }
   bool key(json::string_t& name) {
     if (depth_ == 1 && known_(name)) {
-      found_ = name;
-      return false;
+      found_.name = name;
     }
     return true;
   }
   bool end_object() { return --depth_ > 0; }
-  bool start_array(std::size_t) { return depth_++ > 0; }
+  bool start_array(std::size_t) { return depth_++ > 0 && goesOn(); }
   bool end_array() { return --depth_ > 0; }
 
-  const std::string& found() const { return found_; }
+  const foundMember& found() const { return found_; }
 
  private:
+  bool isFound() const { return !found_.name.empty(); }
+  bool goesOn() const { return depth_ > 0 && !isFound(); }
+
   const std::function<bool(std::string_view)>& known_;
   std::size_t depth_ = 0;
-  std::string found_;
+  foundMember found_;
 };
 
 template <typename type, typename value>
@@ -394,10 +401,16 @@ void readJson(byteSource bytes, const std::string& source, place root) {
   parse(std::move(bytes), source, filler, true);
 }
 
-std::string firstMember(byteSource bytes, const std::string& source,
+foundMember firstMember(byteSource bytes, const std::string& source,
                         const std::function<bool(std::string_view)>& known) {
   memberFinder finder(source, known);
-  parse(std::move(bytes), source, finder, false);
+  try {
+    parse(std::move(bytes), source, finder, false);
+  } catch (const inputError&) {
+    if (finder.found().name.empty()) {
+      throw;
+    }
+  }
   return finder.found();
 }
 

@@ -100,10 +100,14 @@ place appended(void* target) {
 // The model is then half filled.
 void readJson(byteSource bytes, const std::string& source, place root);
 
-// The name of the first member of the document's outermost object that `known` accepts; empty when
-// there is none or the document is not an object. Reads no further. Throws inputError like
-// readJson().
-std::string firstMember(byteSource bytes, const std::string& source,
+struct foundMember {
+  std::string name;  // empty when there is none
+  std::string text;  // its value; empty when that is not a text
+};
+
+// The first member of the document's outermost object that `known` accepts; none, too, when the
+// document is not an object. Reads no further. Throws inputError like readJson().
+foundMember firstMember(byteSource bytes, const std::string& source,
                         const std::function<bool(std::string_view)>& known);
 
 }  // namespace viewer

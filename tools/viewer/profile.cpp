@@ -22,9 +22,22 @@ namespace {
 
 namespace fs = std::filesystem;
 
-enum class kind { unknown, empty, lockReport, stackFile, exceptionLog, memoryReport, run, sweeps };
+enum class kind {
+  unknown,
+  empty,
+  lockReport,
+  stackFile,
+  exceptionLog,
+  memoryReport,
+  contentionReport,
+  run,
+  sweeps
+};
 
-// The members that identify documents.
+// Its value names the kind of a report.
+constexpr std::string_view kReportMember = "report";
+
+// The other members that identify documents.
 const std::map<std::string, kind, std::less<>>& identifyingMembers() {
   static const std::map<std::string, kind, std::less<>> members = {
       {"lockmap", kind::lockReport},
@@ -49,10 +62,13 @@ std::string nameOf(const fs::path& file) {
 }
 
 kind kindOfDocument(byteSource bytes, const std::string& source) {
-  const std::string member = firstMember(std::move(bytes), source, [](std::string_view name) {
-    return identifyingMembers().contains(name);
+  const foundMember member = firstMember(std::move(bytes), source, [](std::string_view name) {
+    return name == kReportMember || identifyingMembers().contains(name);
   });
-  return member.empty() ? kind::unknown : identifyingMembers().find(member)->second;
+  if (member.name == kReportMember) {
+    return member.text == kContention ? kind::contentionReport : kind::unknown;
+  }
+  return member.name.empty() ? kind::unknown : identifyingMembers().find(member.name)->second;
 }
 
 // The kind of a file whose lines stand for themselves, by one of them.
@@ -213,6 +229,9 @@ void readFile(profile& all, const fs::path& file, kind what) {
     case kind::memoryReport:
       all.memoryReports.push_back(readMemoryReport(bytesOfFile(file), name));
       break;
+    case kind::contentionReport:
+      all.contentionReports.push_back(readContentionReport(bytesOfFile(file), name, all.problems));
+      break;
     case kind::run:
       readRun(all, file);
       break;
@@ -221,8 +240,8 @@ void readFile(profile& all, const fs::path& file, kind what) {
     case kind::sweeps:
     case kind::unknown:
       throw inputError(name +
-                       ": expected a lock report, stack file, memory report, exception file or "
-                       "run.json, found none of them");
+                       ": expected a contention report, lock report, stack file, memory report, "
+                       "exception file or run.json, found none of them");
   }
 }
 
@@ -276,8 +295,8 @@ bool isLost(const fs::path& file) {
 bool isOwnName(const fs::path& file) {
   const std::string name = file.filename();
   const auto fits = [&name](const char* pattern) { return matches(pattern, name); };
-  return fits("locks-*.json") || fits("memory-*.json") || fits("*.stacks") ||
-         fits("exceptions*.jsonl") || fits("run.json");
+  return fits("contention-*.json") || fits("locks-*.json") || fits("memory-*.json") ||
+         fits("*.stacks") || fits("exceptions*.jsonl") || fits("run.json");
 }
 
 // Whether a file in a folder is not a report, so that nothing is lost with it.
@@ -449,6 +468,9 @@ void filter(profile& all, const std::string& text) {
       return !contains(one.name, text) && !contains(one.stacks, all.stacks, text);
     });
   }
+  for (contentionReport& report : all.contentionReports) {
+    keepLocks(report, [&](const std::string& in) { return contains(in, text); });
+  }
   for (memoryReport& report : all.memoryReports) {
     std::erase_if(report.classes, [&](const classEntry& one) { return !contains(one.name, text); });
   }
@@ -462,6 +484,7 @@ bool holdsAny(const profile& all) {
          std::any_of(
              all.lockReports.begin(), all.lockReports.end(),
              [](const lockReport& one) { return !one.locks.empty() || !one.blockers.empty(); }) ||
+         std::any_of(all.contentionReports.begin(), all.contentionReports.end(), holdsLocks) ||
          std::any_of(all.memoryReports.begin(), all.memoryReports.end(),
                      [](const memoryReport& one) { return !one.classes.empty(); });
 }

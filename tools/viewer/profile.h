@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "contentionReport.h"
 #include "exceptionLog.h"
 #include "lockReport.h"
 #include "memoryReport.h"
@@ -41,11 +42,15 @@ struct profile {
   stackTable stacks;  // of all stack files: a hash stands for one stack wherever it turns up
   std::optional<exceptionLog> exceptions;
   std::vector<memoryReport> memoryReports;
+  std::vector<contentionReport> contentionReports;
   std::optional<sweepSum> sweeps;
   std::vector<std::string> unfinished;  // reports that were begun and have not got their name
   std::vector<std::string> problems;    // what could not be read, or not to its end
 
-  bool empty() const { return !run && lockReports.empty() && !exceptions && memoryReports.empty(); }
+  bool empty() const {
+    return !run && lockReports.empty() && !exceptions && memoryReports.empty() &&
+           contentionReports.empty();
+  }
 };
 
 // Reads files, and folders with such files; a folder with none of its own stands for the newest
@@ -69,7 +74,7 @@ bool isOn(const profile& all, const std::string& option);
 std::optional<std::string> optionOf(const profile& all, const std::string& option);
 
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
-// threads and stacks, blockers, exception records by anything in them, classes by name.
+// field, threads and stacks, blockers, exception records by anything in them, classes by name.
 void filter(profile& all, const std::string& text);
 
 // Whether there is any lock, blocker, exception record or class.

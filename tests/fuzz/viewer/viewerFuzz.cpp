@@ -39,6 +39,9 @@ profile readAll(std::string_view text) {
   profile all;
   reading(all, [&] { all.lockReports.push_back(readLockReport(bytesOfText(text), "l")); });
   reading(all, [&] { all.memoryReports.push_back(readMemoryReport(bytesOfText(text), "m")); });
+  reading(all, [&] {
+    all.contentionReports.push_back(readContentionReport(bytesOfText(text), "c", all.problems));
+  });
   reading(all, [&] { readStackFile(bytesOfText(text), "s", all.stacks, all.problems); });
   reading(all, [&] {
     exceptionLog log;
