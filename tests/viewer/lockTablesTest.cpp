@@ -198,11 +198,21 @@ TEST(lockTablesOf, rankSites) {
   EXPECT_THAT(topSites(report(), {}, {}, {}), HasSubstr("(not in a stack file)       14"));
 }
 
+TEST(lockTablesOf, rankClasses) {
+  lockReport two = report();
+  two.locks[1].name = "a.Stock@7";
+  EXPECT_EQ(topLockClasses(two, {}, {}),
+            "Top classes of locks (1)\n"
+            "#  Class    Locks  Entries  Blocked s  Waited s  Share\n"
+            "-  -------  -----  -------  ---------  --------  -----\n"
+            "1  a.Stock      2       15          4         2  100 %\n");
+}
+
 TEST(lockTablesOf, showWhatTheyAreAskedFor) {
   const auto by = [](ranking what) { return lockTables(report(), stacks(), what, {}, {}); };
   EXPECT_THAT(by(ranking::thread), HasSubstr("Top threads"));
   EXPECT_THAT(by(ranking::site), HasSubstr("Top sites"));
-  EXPECT_THAT(by(ranking::blocker), Not(HasSubstr("Top locks")));
+  EXPECT_THAT(by(ranking::owner), Not(HasSubstr("Top locks")));
   EXPECT_THAT(by(ranking::lock), HasSubstr("Blockers"));
 }
 

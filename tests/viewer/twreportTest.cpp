@@ -150,7 +150,8 @@ TEST(twreport, refusesWrongArguments) {
   EXPECT_EQ(twreport("--help").exitCode, 0);
   const outcome by = twreport(kSample + " --by weight");
   EXPECT_EQ(by.exitCode, 2);
-  EXPECT_THAT(by.output, HasSubstr("--by: expected blocker|lock|site|thread, found 'weight'"));
+  EXPECT_THAT(by.output,
+              HasSubstr("--by: expected blocker|class|lock|owner|site|thread, found 'weight'"));
   const std::string diff = "diff " + kRun + " " + kRun;
   for (const std::string& misplaced : {kRun + " " + diff, "--top 3 " + diff, "--json " + diff,
                                        "--grep x check --no-exception x " + kRun}) {
@@ -171,6 +172,8 @@ TEST(twreport, refusesWrongArguments) {
 TEST(twreport, ranksByWhatItIsAskedFor) {
   EXPECT_THAT(twreport(kSample + " --by site").output, HasSubstr("Top sites (5 of 7)"));
   EXPECT_THAT(twreport(kSample + " --by thread").output, HasSubstr("Top threads (5 of 13)"));
+  EXPECT_THAT(twreport(kSample + " --by class").output, HasSubstr("Top classes of locks ("));
+  EXPECT_EQ(twreport(kSample + " --by owner").output, twreport(kSample + " --by blocker").output);
 }
 
 TEST(twreport, showsOneRecord) {

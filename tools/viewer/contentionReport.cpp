@@ -74,7 +74,7 @@ std::uint64_t totalOf(const contentionLock& lock) {
 }
 
 std::string classNameOf(const contentionLock& lock) {
-  return lock.className.value_or("(unloaded class)");
+  return lock.className.value_or(lock.identity ? "(unloaded class)" : "(classes not told apart)");
 }
 
 std::string nameOf(const contentionLock& lock) {

@@ -175,7 +175,7 @@ std::uint64_t plus(std::uint64_t left, std::uint64_t right);
 // The time of blocks that have ended and of those that have not.
 std::uint64_t totalOf(const contentionLock& lock);
 
-// "a.B@7"; of sums "a.B", and of a class without a name "(unloaded class)@7".
+// "a.B@7"; of sums "a.B". What has no name is in brackets: "(unloaded class)@7".
 std::string nameOf(const contentionLock& lock);
 std::string classNameOf(const contentionLock& lock);
 

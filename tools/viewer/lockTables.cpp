@@ -219,6 +219,49 @@ std::string topSites(const lockReport& report, const stackTable& stacks, const t
   return title("Top sites", sites.size(), limits.rows, terminal) + table.render(terminal);
 }
 
+std::string topLockClasses(const lockReport& report, const tableLimits& limits,
+                           const terminalStyle& terminal) {
+  struct classSum {
+    std::string name;
+    std::size_t locks = 0;
+    std::uint64_t entries = 0;
+    std::uint64_t blockedSeconds = 0;
+    std::uint64_t waitedSeconds = 0;
+  };
+  std::map<std::string, classSum> sums;
+  for (const lockEntry& lock : report.locks) {
+    classSum& sum = sums[classOf(lock.name)];
+    sum.name = classOf(lock.name);
+    sum.locks++;
+    sum.entries += lock.entries;
+    sum.blockedSeconds += lock.blockedSeconds;
+    sum.waitedSeconds += lock.waitedSeconds;
+  }
+  std::vector<classSum> classes;
+  for (auto& [name, sum] : sums) {
+    classes.push_back(std::move(sum));
+  }
+  std::stable_sort(classes.begin(), classes.end(), [](const classSum& left, const classSum& right) {
+    return weight(left) > weight(right);
+  });
+  textTable table({{"#", align::right},
+                   {"Class", align::left, shorten::start},
+                   {"Locks", align::right},
+                   {"Entries", align::right},
+                   {"Blocked s", align::right},
+                   {"Waited s", align::right},
+                   {"Share", align::right}});
+  const std::uint64_t allBlocked = totalsOf(report).blockedSeconds;
+  std::size_t rank = 1;
+  for (const classSum& one : first(classes, limits.rows)) {
+    table.addRow({std::to_string(rank++), one.name, std::to_string(one.locks),
+                  std::to_string(one.entries), std::to_string(one.blockedSeconds),
+                  std::to_string(one.waitedSeconds), percentage(one.blockedSeconds, allBlocked)});
+  }
+  return title("Top classes of locks", classes.size(), limits.rows, terminal) +
+         table.render(terminal);
+}
+
 std::string blockers(const lockReport& report, std::size_t rows, const terminalStyle& terminal) {
   if (report.blockers.empty()) {
     return "No blocking thread is in the report.\n" + sampleNote(report);
@@ -253,7 +296,9 @@ std::string lockTables(const lockReport& report, const stackTable& stacks, ranki
       return head + topThreads(report, limits, terminal);
     case ranking::site:
       return head + topSites(report, stacks, limits, terminal);
-    case ranking::blocker:
+    case ranking::lockClass:
+      return head + topLockClasses(report, limits, terminal);
+    case ranking::owner:
       return head + blockers(report, limits.rows, terminal);
     case ranking::lock:
       break;

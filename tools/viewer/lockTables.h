@@ -6,15 +6,10 @@
 
 #include "lockReport.h"
 #include "stackTable.h"
+#include "tableParts.h"
 #include "terminalStyle.h"
 
 namespace viewer {
-
-struct tableLimits {
-  std::size_t rows = 5;      // of each ranking
-  std::size_t threads = 12;  // of each lock, and blockers
-  std::size_t frames = 6;    // of each stack
-};
 
 // The session and the sums over its locks, in one line.
 std::string sessionLine(const lockReport& report, const terminalStyle& terminal);
@@ -41,8 +36,9 @@ std::string topSites(const lockReport& report, const stackTable& stacks, const t
 // owner lookups were skipped, this and topThreads() report it and show estimates beside the counts.
 std::string blockers(const lockReport& report, std::size_t rows, const terminalStyle& terminal);
 
-// What the report is ranked by.
-enum class ranking { lock, thread, site, blocker };
+// The classes of locks, by blocked time.
+std::string topLockClasses(const lockReport& report, const tableLimits& limits,
+                           const terminalStyle& terminal);
 
 // The session line and the ranking; that of locks has their details and the blockers too.
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,

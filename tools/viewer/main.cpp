@@ -206,10 +206,12 @@ void addShow(CLI::App& app, arguments& given) {
   addTables(app, given);
   addChoice<ranking>(app, "--by", given.tables.by,
                      {{"lock", ranking::lock},
+                      {"class", ranking::lockClass},
                       {"thread", ranking::thread},
                       {"site", ranking::site},
-                      {"blocker", ranking::blocker}},
-                     "What lock reports are ranked by");
+                      {"owner", ranking::owner},
+                      {"blocker", ranking::owner}},
+                     "What reports of locks are ranked by");
   addLimit(app, "--show", given.tables.record, "Print the exception record with this number");
   app.get_option("--show")->excludes("--json")->excludes("--output");
   addLimit(app, "--threads", given.tables.limits.threads,

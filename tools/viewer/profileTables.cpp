@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "contentionTables.h"
 #include "exceptionTables.h"
 #include "memoryTables.h"
 #include "tableParts.h"
@@ -53,6 +54,9 @@ std::string profileTables(const profile& all, const tableOptions& options,
   std::vector<std::string> parts;
   if (all.run) {
     parts.push_back(runLine(*all.run, terminal));
+  }
+  for (const contentionReport& report : all.contentionReports) {
+    parts.push_back(contentionTables(report, options.by, options.limits, terminal));
   }
   for (const lockReport& report : all.lockReports) {
     parts.push_back(lockTables(report, all.stacks, options.by, options.limits, terminal));

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <ctime>
 
 #include "utf8.h"
 
@@ -14,6 +15,18 @@ std::size_t roomBeside(const std::string& others, const terminalStyle& terminal)
   constexpr std::size_t kNarrowest = 12;
   const std::size_t taken = std::min(displayColumns(others), terminal.width);
   return std::max(kNarrowest, terminal.width - taken);
+}
+
+std::string utcText(std::uint64_t millis, const char* form) {
+  constexpr std::uint64_t kLast = 253'402'300'799;  // second of the year 9999
+  if (millis / 1000 > kLast) {
+    return "?";
+  }
+  const auto seconds = static_cast<std::time_t>(millis / 1000);
+  std::tm parts{};
+  std::array<char, 32> text{};
+  gmtime_r(&seconds, &parts);
+  return {text.data(), std::strftime(text.data(), text.size(), form, &parts)};
 }
 
 }  // namespace
@@ -58,6 +71,36 @@ std::string sizeText(std::uint64_t bytes) {
     size /= 1024;
   }
   return fmt::format("{:.{}f} {}", size, size < 10 && unit > 0 ? 1 : 0, kUnits[unit]);
+}
+
+std::string milliText(std::uint64_t nanos) {
+  constexpr std::uint64_t kNanos = 1'000'000;
+  constexpr std::uint64_t kExactBelow = 100;  // milliseconds
+  if (nanos >= kExactBelow * kNanos) {
+    return grouped(nanos / kNanos + (nanos % kNanos >= kNanos / 2 ? 1 : 0));
+  }
+  if (nanos > 0 && nanos < kNanos / 10) {
+    return "<0.1";
+  }
+  return nanos == 0 ? "0" : fmt::format("{:.1f}", double(nanos) / double(kNanos));
+}
+
+std::string durationText(std::uint64_t millis) {
+  const std::uint64_t seconds = millis / 1000;
+  const std::uint64_t minutes = seconds / 60;
+  if (minutes == 0) {
+    return fmt::format("{}.{} s", seconds, millis % 1000 / 100);
+  }
+  return minutes < 60 ? fmt::format("{} min {} s", minutes, seconds % 60)
+                      : fmt::format("{} h {} min", grouped(minutes / 60), minutes % 60);
+}
+
+std::string timeText(std::uint64_t millis) {
+  return utcText(millis, "%H:%M:%S");
+}
+
+std::string dayAndTimeText(std::uint64_t millis) {
+  return utcText(millis, "%Y-%m-%d %H:%M:%S");
 }
 
 }  // namespace viewer

@@ -11,6 +11,16 @@
 
 namespace viewer {
 
+// How much is shown.
+struct tableLimits {
+  std::size_t rows = 5;      // of each ranking
+  std::size_t threads = 12;  // of each lock, and blockers
+  std::size_t frames = 6;    // of each stack
+};
+
+// What lock reports and contention reports are ranked by. A blocker is an owner.
+enum class ranking { lock, lockClass, thread, site, owner };
+
 template <typename entry>
 std::span<const entry> first(const std::vector<entry>& entries, std::size_t limit) {
   return std::span(entries).first(std::min(limit, entries.size()));
@@ -38,5 +48,15 @@ std::string grouped(std::uint64_t number);
 
 // "64 B", "1.5 KiB", "20 MiB".
 std::string sizeText(std::uint64_t bytes);
+
+// Nanoseconds in milliseconds, without the unit: "12,238", "12.2" below 100, "<0.1", "0".
+std::string milliText(std::uint64_t nanos);
+
+// Milliseconds as "12.2 s", "3 min 5 s", "2 h 10 min".
+std::string durationText(std::uint64_t millis);
+
+// Milliseconds since 1970 in UTC: "12:00:59", "2026-11-22 12:00:59". "?" beyond the year 9999.
+std::string timeText(std::uint64_t millis);
+std::string dayAndTimeText(std::uint64_t millis);
 
 }  // namespace viewer

@@ -77,7 +77,8 @@ void expectJson(const char* what, const std::string& text) {
 }
 
 void writeAll(const profile& all) {
-  for (ranking by : {ranking::lock, ranking::thread, ranking::site, ranking::blocker}) {
+  for (ranking by : {ranking::lock, ranking::thread, ranking::site, ranking::owner,
+                     ranking::lockClass}) {
     expectPrintable("tables", profileTables(all, {.by = by, .limits = {}}, {.width = 60}));
   }
   for (std::size_t i = 0; all.exceptions && i < all.exceptions->size(); i++) {
