@@ -2,6 +2,7 @@
 
 #include <unordered_map>
 
+#include "contentionForm.h"
 #include "jsonWriter.h"
 #include "sites.h"
 
@@ -9,21 +10,6 @@ namespace viewer {
 namespace {
 
 constexpr int kVersion = 1;
-
-// Calls `write` for each element, between the brackets of an array.
-template <typename range, typename action>
-void writeArray(jsonWriter& json, std::string_view name, const range& elements, action write) {
-  json.key(name).beginArray();
-  for (const auto& element : elements) {
-    write(element);
-  }
-  json.endArray();
-}
-
-template <typename range>
-void writeValues(jsonWriter& json, std::string_view name, const range& elements) {
-  writeArray(json, name, elements, [&](const auto& element) { json.value(element); });
-}
 
 void writeRun(jsonWriter& json, const std::optional<runInfo>& run) {
   json.key("run");
@@ -316,6 +302,8 @@ void writeJson(const profile& all, std::ostream& out) {
   writeArray(json, "locks", all.lockReports, [&](const lockReport& report) {
     lockSessionWriter(json, report, all.stacks).write();
   });
+  writeArray(json, "contention", all.contentionReports,
+             [&](const contentionReport& report) { writeContention(json, report); });
   writeExceptions(json, all.exceptions);
   writeArray(json, "memory", all.memoryReports,
              [&](const memoryReport& report) { writeMemory(json, report); });

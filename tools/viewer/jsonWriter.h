@@ -52,4 +52,19 @@ class jsonWriter {
   bool needsComma_ = false;
 };
 
+// Calls `write` for each element, between the brackets of an array.
+template <typename range, typename action>
+void writeArray(jsonWriter& json, std::string_view name, const range& elements, action write) {
+  json.key(name).beginArray();
+  for (const auto& element : elements) {
+    write(element);
+  }
+  json.endArray();
+}
+
+template <typename range>
+void writeValues(jsonWriter& json, std::string_view name, const range& elements) {
+  writeArray(json, name, elements, [&](const auto& element) { json.value(element); });
+}
+
 }  // namespace viewer
