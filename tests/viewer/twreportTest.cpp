@@ -331,6 +331,51 @@ TEST(twreport, sendsNoControlCharacters) {
   }
 }
 
+TEST(twreport, readsAContentionProfile) {
+  const std::string profile = DATA_FOLDER "/contention-run";
+  EXPECT_THAT(twreport(profile).output, HasSubstr("\nSTUCK at 12:05:00 UTC"));
+  const outcome check = twreport("check --no-deadlock --max-blocked-ms '*=1' " + profile);
+  EXPECT_EQ(check.exitCode, 1);
+  EXPECT_THAT(check.output, HasSubstr("deadlock in contention-1.json: "));
+  EXPECT_EQ(twreport("check --max-blocked-ms 'a.*=1' " + profile).exitCode, 0);
+  EXPECT_EQ(twreport("check --max-blocked-ms 'a.*=x' " + profile).exitCode, 2);
+  EXPECT_EQ(twreport("check --no-deadlock " + kRun).exitCode, 1) << "it has no such report";
+  EXPECT_THAT(twreport("export --format csv " + profile).output, StartsWith("report,lock,class,"))
+      << "the table that there is";
+  EXPECT_THAT(twreport("export --format csv --table locks " + profile).output,
+              StartsWith("session,lock,"));
+  const outcome both = twreport("export --format collapsed " + kReport + " " + profile);
+  EXPECT_THAT(both.output, HasSubstr("twreport: only contention reports are in this output"));
+  EXPECT_EQ(both.exitCode, 0);
+}
+
+TEST(twreport, sendsNoControlCharactersOfAContentionProfile) {
+  std::ifstream recorded(DATA_FOLDER "/contention-run/contention-1.json");
+  nlohmann::json hostile = nlohmann::json::parse(recorded);
+  const nlohmann::json values = hostile.flatten();
+  for (const auto& [path, value] : values.items()) {
+    const bool isFixed = path.ends_with("/kind") || path == "/report" || path == "/parks";
+    if (value.is_string() && !isFixed) {
+      hostile[nlohmann::json::json_pointer(path)] = "\x1b[2J\xC2\x9B" + value.get<std::string>();
+    }
+  }
+  const std::string report = testing::TempDir() + "hostile-contention.json";
+  std::ofstream(report) << hostile;
+  for (const std::string& arguments :
+       {report, "--by class " + report, "--by site " + report, "--by owner " + report,
+        "--by thread " + report, "--json " + report, "diff " + report + " " + report,
+        "diff /dev/null " + report, "export --format collapsed " + report,
+        "export --format speedscope " + report, "export --format csv " + report,
+        "export --format csv --table pairs " + report, "export --format prometheus " + report,
+        "check --max-blocked-ms '*=0' --no-deadlock " + report}) {
+    const std::string output = twreport(arguments).output;
+    for (unsigned char c : output) {
+      EXPECT_TRUE(c >= 0x20 || c == '\n' || c == '\r') << int(c) << " of " << arguments;
+    }
+    EXPECT_EQ(output.find("\xC2\x9B"), std::string::npos) << arguments;
+  }
+}
+
 TEST(twreport, printsTheSampleOfTheReadme) {
   std::ostringstream readme;
   readme << std::ifstream(README_FILE).rdbuf();

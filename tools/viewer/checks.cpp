@@ -7,6 +7,8 @@
 #include <cmath>
 #include <optional>
 
+#include "contentionChecks.h"
+#include "contentionGaps.h"
 #include "gaps.h"
 
 namespace viewer {
@@ -104,16 +106,26 @@ void checkExceptions(const profile& all, const std::string& pattern, verdict& fo
   }
 }
 
+std::pair<std::string, double> parseTimeLimit(const std::string& text, const char* form,
+                                              const char* example) {
+  const auto [pattern, limit] = atLastEquals(text);
+  const std::optional<double> number = parsed<double>(limit);
+  if (pattern.empty() || !number || !std::isfinite(*number) || *number < 0) {
+    throw inputError(fmt::format("expected {}, as in '{}', found '{}'", form, example, text));
+  }
+  return {pattern, *number};
+}
+
 }  // namespace
 
 blockedLimit parseBlockedLimit(const std::string& text) {
-  const auto [pattern, limit] = atLastEquals(text);
-  const std::optional<double> seconds = parsed<double>(limit);
-  if (pattern.empty() || !seconds || !std::isfinite(*seconds) || *seconds < 0) {
-    throw inputError(
-        fmt::format("expected CLASSES=SECONDS, as in 'com.example.*=2', found '{}'", text));
-  }
-  return {pattern, *seconds};
+  const auto [pattern, seconds] = parseTimeLimit(text, "CLASSES=SECONDS", "com.example.*=2");
+  return {pattern, seconds};
+}
+
+contentionLimit parseContentionLimit(const std::string& text) {
+  const auto [pattern, millis] = parseTimeLimit(text, "CLASSES=MILLISECONDS", "com.example.*=200");
+  return {pattern, millis};
 }
 
 survivorLimit parseSurvivorLimit(const std::string& text) {
@@ -142,6 +154,12 @@ verdict check(const profile& all, const checkedLimits& limits) {
   for (const blockedLimit& limit : limits.blocked) {
     checkBlocked(all, limit, found);
   }
+  for (const contentionLimit& limit : limits.contention) {
+    checkContention(all, limit, found);
+  }
+  if (limits.noDeadlock) {
+    checkDeadlocks(all, found);
+  }
   for (const survivorLimit& limit : limits.survivors) {
     checkSurvivors(all, limit, found);
   }
@@ -153,6 +171,11 @@ verdict check(const profile& all, const checkedLimits& limits) {
       found.notes.push_back(*note);
     }
   };
+  if (!limits.contention.empty() || limits.noDeadlock) {
+    for (const std::string& note : contentionNotes(all)) {
+      found.notes.push_back(note);
+    }
+  }
   addNote(!limits.blocked.empty(), locksNotCovered(all));
   addNote(!limits.exceptions.empty(), exceptionsNotCovered(all));
   return found;

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "contentionChecks.h"
 #include "profile.h"
+#include "verdict.h"
 
 namespace viewer {
 
@@ -23,23 +25,23 @@ struct survivorLimit {
 
 struct checkedLimits {
   std::vector<blockedLimit> blocked = {};
+  std::vector<contentionLimit> contention = {};
+  bool noDeadlock = false;
   std::vector<survivorLimit> survivors = {};
   std::vector<std::string> exceptions = {};  // classes of which there must be no record
 
-  bool empty() const { return blocked.empty() && survivors.empty() && exceptions.empty(); }
+  bool empty() const {
+    return blocked.empty() && contention.empty() && !noDeadlock && survivors.empty() &&
+           exceptions.empty();
+  }
 };
 
-// "PATTERN=SECONDS" and "PATTERN=OBJECTS@COLLECTIONS" ("PATTERN=OBJECTS" for those that have
-// outlived any), "PATTERN". Throw inputError for a text of another form.
+// "PATTERN=SECONDS", "PATTERN=MILLISECONDS" and "PATTERN=OBJECTS@COLLECTIONS" ("PATTERN=OBJECTS"
+// for those that have outlived any), "PATTERN". Throw inputError for a text of another form.
 blockedLimit parseBlockedLimit(const std::string& text);
+contentionLimit parseContentionLimit(const std::string& text);
 survivorLimit parseSurvivorLimit(const std::string& text);
 std::string parseExceptionLimit(const std::string& text);
-
-// What came of the limits, a line for each thing.
-struct verdict {
-  std::vector<std::string> broken;  // limits that are broken, or not covered by the run
-  std::vector<std::string> notes;   // what the limits do not cover
-};
 
 // Checks the run of one JVM. A limit holds only where the run covers it: it is broken, too, when
 // what it speaks of was not recorded, or not all of it (gaps.h).

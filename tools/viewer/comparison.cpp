@@ -1,9 +1,13 @@
 #include "comparison.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <map>
 
+#include "contentionSites.h"
 #include "sites.h"
+#include "tableParts.h"
 
 namespace viewer {
 namespace {
@@ -74,12 +78,87 @@ sums bytesByClass(const profile& all) {
   return result;
 }
 
+std::uint64_t inMillis(std::uint64_t nanos) {
+  constexpr std::uint64_t kNanos = 1'000'000;
+  return nanos / kNanos + (nanos % kNanos >= kNanos / 2 ? 1 : 0);
+}
+
+sums inMillis(sums nanos) {
+  for (auto& [name, sum] : nanos) {
+    sum = inMillis(sum);
+  }
+  return nanos;
+}
+
+sums contentionByClass(const profile& all) {
+  sums result;
+  for (const contentionReport& report : all.contentionReports) {
+    for (const lockClassSum& one : lockClassesOf(
+             report, [](const contentionLock& lock) { return isContention(lock.kind); })) {
+      result[one.name] = plus(result[one.name], one.nanos);
+    }
+  }
+  return inMillis(std::move(result));
+}
+
+// Line numbers differ from version to version.
+sums contentionBySite(const profile& all) {
+  sums result;
+  for (const contentionReport& report : all.contentionReports) {
+    for (const sampledSum& one : waiterSitesOf(report)) {
+      const std::string method = one.name.starts_with('(') ? one.name : methodOf(one.name);
+      result[method] = plus(result[method], one.blockedNanos);
+    }
+  }
+  return inMillis(std::move(result));
+}
+
+std::size_t contentionSessions(const profile& all) {
+  return all.contentionReports.size();
+}
+
+std::size_t sampledSessions(const profile& all) {
+  return static_cast<std::size_t>(std::count_if(
+      all.contentionReports.begin(), all.contentionReports.end(),
+      [](const contentionReport& report) { return report.settings.samplesPerSecond > 0; }));
+}
+
+std::uint64_t contentionLength(const profile& all) {
+  std::uint64_t millis = 0;
+  for (const contentionReport& report : all.contentionReports) {
+    millis = plus(millis, lengthOf(report));
+  }
+  return millis;
+}
+
+void addContentionNotes(const profile& side, const char* name, std::vector<std::string>& notes) {
+  for (const contentionReport& report : side.contentionReports) {
+    if (!report.endedAt) {
+      notes.push_back(fmt::format("{} was not stopped when its report was written.", name));
+    }
+    if (!hasParks(report)) {
+      notes.push_back(fmt::format("{} does not have the locks of java.util.concurrent: {}.", name,
+                                  report.parks));
+    }
+  }
+}
+
+std::vector<std::string> contentionNotes(const profile& before, const profile& after) {
+  std::vector<std::string> notes = {
+      fmt::format("The profiles ran for {} before and {} after; sums are not scaled.",
+                  durationText(contentionLength(before)), durationText(contentionLength(after)))};
+  addContentionNotes(before, "BEFORE", notes);
+  addContentionNotes(after, "AFTER", notes);
+  return notes;
+}
+
 }  // namespace
 
 comparison compare(profile before, profile after, threshold limit) {
   comparison result = {std::move(before), std::move(after), limit, {}};
   const auto add = [&result](const char* name, const char* measure, sums (*of)(const profile&),
-                             std::size_t (*sessionsOf)(const profile&)) {
+                             std::size_t (*sessionsOf)(const profile&),
+                             std::vector<std::string> notes = {}) {
     comparedTable table = {.name = name,
                            .measure = measure,
                            .rows = {},
@@ -93,9 +172,14 @@ comparison compare(profile before, profile after, threshold limit) {
       table.notRecordedIn = table.sessionsBefore == 0 ? "BEFORE" : "AFTER";
     } else {
       table.rows = joined(of(result.before), of(result.after));
+      table.notes = std::move(notes);
     }
     result.tables.push_back(std::move(table));
   };
+  const std::vector<std::string> notes = contentionNotes(result.before, result.after);
+  add("contention", "blocked milliseconds", contentionByClass, contentionSessions, notes);
+  add("contention sites", "blocked milliseconds from samples", contentionBySite, sampledSessions,
+      notes);
   const auto lockSessions = [](const profile& all) { return all.lockReports.size(); };
   add("locks", "blocked seconds", blockedByClass, lockSessions);
   add("sites", "contended entries", entriesBySite, lockSessions);

@@ -27,6 +27,7 @@ struct comparedTable {
   std::optional<std::string> notRecordedIn;
   std::size_t sessionsBefore = 1;  // that the sums are of
   std::size_t sessionsAfter = 1;
+  std::vector<std::string> notes = {};  // why sums differ, or are missing, for other reasons
 };
 
 // When a difference counts: it has to reach both.
@@ -39,9 +40,10 @@ struct comparison {
   profile before;
   profile after;
   threshold limit;
-  // Locks by class in blocked seconds (identities differ from run to run), sites in entries,
-  // exceptions by class and site in records, classes in surviving bytes. Each is summed over the
-  // sessions of a run. A kind of report that neither run has is omitted.
+  // Contention reports by class and, from samples, by the method that came to the lock, both in
+  // blocked milliseconds; lock reports by class in blocked seconds (identities differ from run to
+  // run), sites in entries, exceptions by class and site in records, classes in surviving bytes.
+  // Each is summed over the sessions of a run. A kind of report that neither run has is omitted.
   std::vector<comparedTable> tables;
 };
 

@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "contentionWords.h"
 #include "tableParts.h"
 #include "textTable.h"
 
@@ -86,7 +87,7 @@ std::string comparisonTables(const comparison& both, std::size_t rows,
                                    both.limit.least);
   for (const comparedTable& table : both.tables) {
     result += '\n' + terminal.strong(countsLine(table, both.limit)) + sessionsLine(table) +
-              changesOf(table, both.limit, rows, terminal);
+              sentenceLines(table.notes, terminal) + changesOf(table, both.limit, rows, terminal);
   }
   return result;
 }

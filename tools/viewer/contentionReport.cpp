@@ -110,7 +110,7 @@ longestBlock longestOf(const contentionReport& report, const contentionLock& loc
   if (lock.stillBlocked == 0) {
     return {lock.maxNanos, false};
   }
-  // The longest of several is no shorter than their mean.
+  // The longest of several is at least as long as their mean.
   std::uint64_t soFar = lock.stillBlockedNanos / lock.stillBlocked;
   for (const stuckLock& stuck : report.stuck) {
     if (stuck.lock == lock.id) {

@@ -113,7 +113,7 @@ line parseLine(const std::string& text, const std::string& source) {
   });
   line result;
   const place root = identifies(endShape(), member.name) ? place{&endShape(), &result.end.emplace()}
-                                                    : place{&recordShape(), &result.record};
+                                                         : place{&recordShape(), &result.record};
   readJson(bytesOfText(text), source, root);
   return result;
 }

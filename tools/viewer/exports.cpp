@@ -6,14 +6,14 @@
 #include <map>
 #include <unordered_map>
 
+#include "contentionExports.h"
+#include "exportParts.h"
 #include "jsonWriter.h"
-#include "utf8.h"
 
 namespace viewer {
 namespace {
 
 // What stands in a stack for what the report omits.
-constexpr const char* kNoStack = "(no stack recorded)";
 constexpr const char* kOtherThreads = "(threads beyond the limit)";
 
 // The entries of `whole` that are not among `part`: more than there are in no case.
@@ -53,12 +53,6 @@ void forEachStack(const lockReport& report, const stackTable& stacks, visitor vi
   }
 }
 
-std::string collapsedName(const std::string& name) {
-  std::string result = printable(name);
-  std::replace(result.begin(), result.end(), ';', ':');
-  return result;
-}
-
 class speedscopeWriter {
  public:
   explicit speedscopeWriter(std::ostream& out) : json_(out) {}
@@ -69,7 +63,18 @@ class speedscopeWriter {
     json_.member("exporter", "twreport").member("name", "Contended locks");
     json_.key("profiles").beginArray();
     for (const lockReport& report : all.lockReports) {
-      writeProfile(report, all.stacks);
+      writeProfile(fmt::format("Lock session {} \"{}\"", report.sessionId, report.sessionName),
+                   "none", [&](const auto& visit) {
+                     forEachStack(report, all.stacks,
+                                  [&](const lockEntry& lock, const std::string& thread,
+                                      const std::vector<std::string>& frames, std::uint64_t count) {
+                                    visit(lock.name, thread, frames, count);
+                                  });
+                   });
+    }
+    for (const contentionReport& report : all.contentionReports) {
+      writeProfile("Blocked time, " + report.source, "nanoseconds",
+                   [&](const auto& visit) { forEachBlockedStack(report, visit); });
     }
     json_.endArray();
     json_.key("shared").beginObject().key("frames").beginArray();
@@ -80,24 +85,23 @@ class speedscopeWriter {
   }
 
  private:
-  void writeProfile(const lockReport& report, const stackTable& stacks) {
+  // `forEach` gives each stack with its lock, thread and weight to what it is called with.
+  template <typename source>
+  void writeProfile(const std::string& name, const char* unit, source forEach) {
     std::vector<std::uint64_t> weights;
     std::uint64_t all = 0;
-    json_.beginObject().member("type", "sampled").member("unit", "none");
-    json_.member("name",
-                 fmt::format("Lock session {} \"{}\"", report.sessionId, report.sessionName));
+    json_.beginObject().member("type", "sampled").member("unit", unit).member("name", name);
     json_.key("samples").beginArray();
-    forEachStack(report, stacks,
-                 [&](const lockEntry& lock, const std::string& thread,
-                     const std::vector<std::string>& frames, std::uint64_t count) {
-                   json_.beginArray().value(idOf(lock.name)).value(idOf(thread));
-                   for (const std::string& frame : frames) {
-                     json_.value(idOf(frame));
-                   }
-                   json_.endArray();
-                   weights.push_back(count);
-                   all += count;
-                 });
+    forEach([&](const std::string& lock, const std::string& thread,
+                const std::vector<std::string>& frames, std::uint64_t weight) {
+      json_.beginArray().value(idOf(lock)).value(idOf(thread));
+      for (const std::string& frame : frames) {
+        json_.value(idOf(frame));
+      }
+      json_.endArray();
+      weights.push_back(weight);
+      all = plus(all, weight);
+    });
     json_.endArray().key("weights").beginArray();
     for (std::uint64_t weight : weights) {
       json_.value(weight);
@@ -117,37 +121,6 @@ class speedscopeWriter {
   std::vector<std::string> names_;
   std::unordered_map<std::string, std::size_t> ids_;
 };
-
-// A spreadsheet would take a name that begins like a formula for one, also after blanks.
-std::string csvCell(const std::string& text) {
-  std::string cell = printable(text);
-  const std::string_view start = afterBlanks(text).substr(0, 1);
-  if (!start.empty() && std::string_view("=+-@").find(start) != std::string_view::npos) {
-    cell.insert(0, 1, '\'');
-  }
-  if (cell.find_first_of(",\"") == cell.npos) {
-    return cell;
-  }
-  for (std::size_t at = cell.find('"'); at != cell.npos; at = cell.find('"', at + 2)) {
-    cell.insert(at, 1, '"');
-  }
-  return '"' + cell + '"';
-}
-
-std::string csvCell(const char* text) {
-  return csvCell(std::string(text));
-}
-
-std::string csvCell(std::integral auto number) {
-  return std::to_string(number);
-}
-
-template <typename... cells>
-void csvRow(std::ostream& out, const cells&... content) {
-  const char* separator = "";
-  ((out << separator << csvCell(content), separator = ","), ...);
-  out << "\r\n";
-}
 
 void csvLocks(const profile& all, std::ostream& out) {
   csvRow(out, "session", "lock", "class", "entries", "blocked_seconds", "waited_seconds",
@@ -217,45 +190,6 @@ void csvClasses(const profile& all, std::ostream& out) {
   }
 }
 
-// The samples of one metric. Those of the same labels are added up: a name must not come twice.
-class gauge {
- public:
-  gauge(const std::string& name, const char* help)
-      : name_("javanativeagent_" + name), help_(help) {}
-
-  using labels = std::vector<std::pair<const char*, std::string>>;
-  void add(const labels& of, std::uint64_t value) {
-    std::string text;
-    for (const auto& [name, content] : of) {
-      text += fmt::format("{}{}=\"{}\"", text.empty() ? "" : ",", name, escaped(content));
-    }
-    samples_[text] += value;
-  }
-
-  void write(std::ostream& out) const {
-    if (samples_.empty()) {
-      return;
-    }
-    out << fmt::format("# HELP {0} {1}\n# TYPE {0} gauge\n", name_, help_);
-    for (const auto& [of, value] : samples_) {
-      out << fmt::format("{}{{{}}} {}\n", name_, of, value);
-    }
-  }
-
- private:
-  static std::string escaped(const std::string& text) {
-    std::string result;
-    for (char c : printable(text)) {
-      result += c == '"' || c == '\\' ? std::string{'\\', c} : std::string{c};
-    }
-    return result;
-  }
-
-  std::string name_;
-  const char* help_;
-  std::map<std::string, std::uint64_t> samples_;
-};
-
 void lockGauges(const profile& all, std::ostream& out) {
   gauge entries("lock_entries", "Contended entries of a lock.");
   gauge blocked("lock_blocked_seconds", "Time that threads blocked on a lock.");
@@ -307,15 +241,19 @@ void addMissing(const captureEnd& counted, gauge& missing) {
 }  // namespace
 
 void writeCollapsed(const profile& all, std::ostream& out) {
+  if (!all.contentionReports.empty()) {
+    for (const contentionReport& report : all.contentionReports) {
+      forEachBlockedStack(
+          report, [&](const auto& lock, const auto& thread, const auto& frames,
+                      std::uint64_t nanos) { collapsedLine(out, lock, thread, frames, nanos); });
+    }
+    return;
+  }
   for (const lockReport& report : all.lockReports) {
     forEachStack(report, all.stacks,
                  [&](const lockEntry& lock, const std::string& thread,
                      const std::vector<std::string>& frames, std::uint64_t count) {
-                   out << collapsedName(lock.name) << ';' << collapsedName(thread);
-                   for (const std::string& frame : frames) {
-                     out << ';' << collapsedName(frame);
-                   }
-                   out << ' ' << count << '\n';
+                   collapsedLine(out, lock.name, thread, frames, count);
                  });
   }
 }
@@ -339,11 +277,16 @@ void writeCsv(const profile& all, csvTable what, std::ostream& out) {
       return csvExceptions(all, out);
     case csvTable::classes:
       return csvClasses(all, out);
+    case csvTable::contention:
+      return csvContention(all.contentionReports, out);
+    case csvTable::pairs:
+      return csvPairs(all.contentionReports, out);
   }
 }
 
 void writePrometheus(const profile& all, std::ostream& out) {
   lockGauges(all, out);
+  contentionGauges(all.contentionReports, out);
   gauge exceptions("exceptions", "Recorded exceptions of a class thrown at a site.");
   for (const exceptionGroup& group : groupsOf(all)) {
     exceptions.add({{"class", group.className}, {"site", group.site.value_or("")}},

@@ -7,17 +7,18 @@
 
 namespace viewer {
 
-// The stacks of lock reports, one a line: the lock, the thread and the frames from the bottom up,
-// joined by ";", a blank, and how often the thread came to the lock with that stack. In names ";"
-// is written as ":". Entries that the report has no stack for have a frame of that name: the sum is
-// that of all entries of threads.
+// The stacks of contention reports, one a line: the lock, the thread that was blocked and the
+// frames from the bottom up, joined by ";", a blank, and for how many nanoseconds. In names ";" is
+// written as ":". Time that the report has no stack for has a frame of that name: the sum is that
+// of all blocked time. Without such a report those of lock reports, in the same way by how often
+// the thread came to the lock with that stack: counts and times do not stand in one output.
 void writeCollapsed(const profile& all, std::ostream& out);
 
-// The same as a document for speedscope, one profile for each lock report.
+// The same as a document for speedscope, one profile for each report of both kinds.
 void writeSpeedscope(const profile& all, std::ostream& out);
 
 // What a table in CSV lists.
-enum class csvTable { locks, threads, stacks, blockers, exceptions, classes };
+enum class csvTable { locks, threads, stacks, blockers, exceptions, classes, contention, pairs };
 
 // RFC 4180, in UTF-8, with a heading. A text that begins like a formula has a "'" before it; what
 // is not known is empty.

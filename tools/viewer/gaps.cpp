@@ -70,35 +70,6 @@ std::string fileName(const std::string& path) {
   return std::filesystem::path(path).filename();
 }
 
-// The sessions of a run that have no report though a later one has: "2, 3". The files of a run
-// are numbered from 1: "locks-1.json".
-std::string gapsIn(const profile& all, const std::vector<std::string>& files,
-                   std::string_view before) {
-  std::set<std::int64_t> numbers;
-  for (const std::string& file : files) {
-    const std::string name = fileName(file);
-    std::int64_t number = 0;
-    if (name.starts_with(before) &&
-        std::from_chars(name.data() + before.size(), name.data() + name.size(), number).ec ==
-            std::errc()) {
-      numbers.insert(number);
-    }
-  }
-  if (all.name.empty() || numbers.empty()) {
-    return "";
-  }
-  std::string missing;
-  std::int64_t next = 1;
-  for (const std::int64_t number : numbers) {
-    if (next < number) {
-      missing += fmt::format("{}{}", missing.empty() ? "" : ", ", next);
-      missing += number - next > 1 ? fmt::format(" to {}", number - 1) : "";
-    }
-    next = number + 1;
-  }
-  return missing;
-}
-
 template <typename report>
 std::vector<std::string> sourcesOf(const std::vector<report>& reports) {
   std::vector<std::string> sources;
@@ -131,7 +102,8 @@ std::vector<std::string> reportGaps(const profile& all, const std::vector<report
                           all.run->removedReports)
             : fmt::format("no {} report: no session began, or {}", kind, kEndless));
   }
-  if (const std::string missing = gapsIn(all, sourcesOf(reports), before); !missing.empty()) {
+  if (const std::string missing = missingNumbers(all, sourcesOf(reports), before);
+      !missing.empty()) {
     reasons.push_back(fmt::format(
         "no report of {} session {}: it was not written, or was deleted when the run had too many "
         "files",
@@ -282,6 +254,33 @@ std::optional<std::string> notReported(const profile& all, const std::string& pa
 
 }  // namespace
 
+std::string missingNumbers(const profile& all, const std::vector<std::string>& files,
+                           std::string_view before) {
+  std::set<std::int64_t> numbers;
+  for (const std::string& file : files) {
+    const std::string name = fileName(file);
+    std::int64_t number = 0;
+    if (name.starts_with(before) &&
+        std::from_chars(name.data() + before.size(), name.data() + name.size(), number).ec ==
+            std::errc()) {
+      numbers.insert(number);
+    }
+  }
+  if (all.name.empty() || numbers.empty()) {
+    return "";
+  }
+  std::string missing;
+  std::int64_t next = 1;
+  for (const std::int64_t number : numbers) {
+    if (next < number) {
+      missing += fmt::format("{}{}", missing.empty() ? "" : ", ", next);
+      missing += number - next > 1 ? fmt::format(" to {}", number - 1) : "";
+    }
+    next = number + 1;
+  }
+  return missing;
+}
+
 std::vector<std::string> lockGaps(const profile& all) {
   std::vector<std::string> reasons = reportGaps(all, all.lockReports, "lock", "locks");
   const std::optional<std::size_t> most = mostOf(all, "locks.top", kDefaultTopLocks);
@@ -318,7 +317,7 @@ std::vector<std::string> exceptionGaps(const profile& all, const std::string& pa
       reasons.push_back(
           "the end line lacks what the agent could not record: an older version wrote it");
     }
-    const std::string missing = gapsIn(all, all.exceptions->sources(), "exceptions-");
+    const std::string missing = missingNumbers(all, all.exceptions->sources(), "exceptions-");
     if (!missing.empty() && all.exceptions->recordsGone() == 0) {
       reasons.push_back(fmt::format(
           "exception file {} is missing: the oldest files of a run are deleted", missing));

@@ -283,6 +283,7 @@ void writeJson(const comparison& both, std::ostream& out) {
     json.member("notRecordedIn", table.notRecordedIn);
     json.member("sessionsBefore", table.sessionsBefore);
     json.member("sessionsAfter", table.sessionsAfter);
+    writeValues(json, "notes", table.notes);
     writeArray(json, "rows", table.rows, [&](const comparedSum& row) {
       json.beginObject().member("name", row.name).member("before", row.before);
       json.member("after", row.after);

@@ -12,6 +12,7 @@
 #include <exception>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -72,7 +73,7 @@ struct arguments {
   viewer::terminalStyle style = styleOfOutput();
   viewer::threshold limit;
   format exportFormat = format::collapsed;
-  viewer::csvTable table = viewer::csvTable::locks;
+  std::optional<viewer::csvTable> table;
   viewer::checkedLimits limits;
 };
 
@@ -122,17 +123,25 @@ int diff(const arguments& given) {
   return std::max(reportProblems(both.before), reportProblems(both.after));
 }
 
+viewer::csvTable defaultTable(const viewer::profile& all) {
+  const bool hasOnlyContention = all.lockReports.empty() && !all.contentionReports.empty();
+  return hasOnlyContention ? viewer::csvTable::contention : viewer::csvTable::locks;
+}
+
 int exportTo(const arguments& given) {
   const viewer::profile all = readInputs(given.inputs, given.grep);
   switch (given.exportFormat) {
     case format::collapsed:
+      if (!all.contentionReports.empty() && !all.lockReports.empty()) {
+        warn("only contention reports are in this output: collapsed stacks have one unit");
+      }
       viewer::writeCollapsed(all, std::cout);
       break;
     case format::speedscope:
       viewer::writeSpeedscope(all, std::cout);
       break;
     case format::csv:
-      viewer::writeCsv(all, given.table, std::cout);
+      viewer::writeCsv(all, given.table.value_or(defaultTable(all)), std::cout);
       break;
     case format::prometheus:
       viewer::writePrometheus(all, std::cout);
@@ -165,8 +174,8 @@ void addLimit(CLI::App& to, const char* name, std::size_t& limit, const char* de
 }
 
 // An option whose value is one of the names.
-template <typename type>
-CLI::Option* addChoice(CLI::App& to, const char* name, type& chosen,
+template <typename type, typename target>
+CLI::Option* addChoice(CLI::App& to, const char* name, target& chosen,
                        const std::map<std::string, type>& names, const char* description) {
   std::string all;
   for (const auto& [one, value] : names) {
@@ -253,8 +262,10 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
                        {"stacks", csvTable::stacks},
                        {"blockers", csvTable::blockers},
                        {"exceptions", csvTable::exceptions},
-                       {"classes", csvTable::classes}},
-                      "Table to print as csv; by default locks");
+                       {"classes", csvTable::classes},
+                       {"contention", csvTable::contention},
+                       {"pairs", csvTable::pairs}},
+                      "Table to print as csv; by default locks, of contention reports contention");
   return to;
 }
 
@@ -281,6 +292,12 @@ CLI::App* addCheck(CLI::App& app, arguments& given) {
   };
   addLimits("--max-blocked-seconds", given.limits.blocked, viewer::parseBlockedLimit,
             "CLASSES=SECONDS", "Time that threads may block on any one lock of these classes");
+  addLimits(
+      "--max-blocked-ms", given.limits.contention, viewer::parseContentionLimit,
+      "CLASSES=MILLISECONDS",
+      "Time that threads may be blocked by any one lock of these classes, in contention reports");
+  check->add_flag("--no-deadlock", given.limits.noDeadlock,
+                  "No deadlock may be in a contention report");
   addLimits("--max-survivors", given.limits.survivors, viewer::parseSurvivorLimit,
             "CLASSES=OBJECTS@COLLECTIONS",
             "Objects of each of these classes that may outlive this many collections");
@@ -306,7 +323,9 @@ void expectUsable(const CLI::App& app, const CLI::App& check, const arguments& g
     throw CLI::RequiredError("INPUT");
   }
   if (check.parsed() && given.limits.empty()) {
-    fail("expected a limit to check: --max-blocked-seconds, --max-survivors or --no-exception");
+    fail(
+        "expected a limit to check: --max-blocked-ms, --no-deadlock, --max-blocked-seconds, "
+        "--max-survivors or --no-exception");
   }
 }
 

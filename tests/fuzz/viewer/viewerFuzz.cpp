@@ -77,8 +77,8 @@ void expectJson(const char* what, const std::string& text) {
 }
 
 void writeAll(const profile& all) {
-  for (ranking by : {ranking::lock, ranking::thread, ranking::site, ranking::owner,
-                     ranking::lockClass}) {
+  for (ranking by :
+       {ranking::lock, ranking::thread, ranking::site, ranking::owner, ranking::lockClass}) {
     expectPrintable("tables", profileTables(all, {.by = by, .limits = {}}, {.width = 60}));
   }
   for (std::size_t i = 0; all.exceptions && i < all.exceptions->size(); i++) {
@@ -88,8 +88,9 @@ void writeAll(const profile& all) {
   expectJson("speedscope", textOf([&](std::ostream& out) { writeSpeedscope(all, out); }));
   expectPrintable("collapsed", textOf([&](std::ostream& out) { writeCollapsed(all, out); }));
   expectPrintable("prometheus", textOf([&](std::ostream& out) { writePrometheus(all, out); }));
-  for (csvTable what : {csvTable::locks, csvTable::threads, csvTable::stacks, csvTable::blockers,
-                        csvTable::exceptions, csvTable::classes}) {
+  for (csvTable what :
+       {csvTable::locks, csvTable::threads, csvTable::stacks, csvTable::blockers,
+        csvTable::exceptions, csvTable::classes, csvTable::contention, csvTable::pairs}) {
     expectPrintable("csv", textOf([&](std::ostream& out) { writeCsv(all, what, out); }));
   }
 }
@@ -103,7 +104,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const std::string& problem : all.problems) {
     expectPrintable("problem", printable(problem));
   }
-  check(all, {.blocked = {{"*", 0}}, .survivors = {{"*", 0, 2}}, .exceptions = {"*a*"}});
+  check(all, {.blocked = {{"*", 0}},
+              .contention = {{"*", 0}, {"a*", 9}},
+              .noDeadlock = true,
+              .survivors = {{"*", 0, 2}},
+              .exceptions = {"*a*"}});
   const comparison both = compare(std::move(all), readAll(text), {});
   expectPrintable("comparison", comparisonTables(both, 5, {}));
   expectJson("comparison", textOf([&](std::ostream& out) { writeJson(both, out); }));

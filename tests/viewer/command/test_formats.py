@@ -115,3 +115,54 @@ def test_prometheus_keeps_names(tmp_path):
     (sample,) = families["javanativeagent_surviving_objects"].samples
     assert sample.labels == {"session": "1", "class": name, "generation": "4"}
     assert sample.value == 2
+
+
+@pytest.fixture(params=["recorded", "hostile"])
+def contention(request, tmp_path):
+    """A folder with a contention report, and the report."""
+    report = json.loads((DATA / "contention-run" / "contention-1.json").read_text("utf-8"))
+    if request.param == "hostile":
+        for lock in report["locks"]:
+            lock["class"] += HOSTILE
+            for pair in lock["pairs"]:
+                pair["waiterThread"] = HOSTILE
+        for stack in report["stacks"]:
+            stack["frames"][0] += HOSTILE
+    (tmp_path / "contention-1.json").write_text(json.dumps(report), "utf-8")
+    return tmp_path, report
+
+
+def blocked_nanos(report):
+    return sum(lock["blockedNanos"] + lock.get("stillBlockedNanos", 0)
+               for lock in report["locks"] + report["otherLocks"]
+               if lock["kind"] in ("monitor", "lock"))
+
+
+def test_contention_in_collapsed_and_speedscope_adds_up_to_the_blocked_time(contention):
+    folder, report = contention
+    lines = export(folder, "--format", "collapsed").splitlines()
+    assert sum(int(line.rsplit(" ", 1)[1]) for line in lines) == blocked_nanos(report)
+    document = json.loads(export(folder, "--format", "speedscope"))
+    jsonschema.validate(document, json.loads((HERE / "speedscope-schema.json").read_text()))
+    (profile,) = document["profiles"]
+    assert profile["unit"] == "nanoseconds"
+    assert sum(profile["weights"]) == profile["endValue"] == blocked_nanos(report)
+
+
+@pytest.mark.parametrize("table", ["contention", "pairs"])
+def test_contention_in_csv_has_rows_of_the_same_length(contention, table):
+    folder, report = contention
+    heading, *rows = csv.reader(io.StringIO(
+        export(folder, "--format", "csv", "--table", table), newline=""), strict=True)
+    assert all(len(row) == len(heading) for row in rows)
+    locks = report["locks"] + report["otherLocks"]
+    expected = len(locks) if table == "contention" else sum(len(one["pairs"]) for one in locks)
+    assert len(rows) == expected
+
+
+def test_contention_in_prometheus_adds_up_to_the_blocked_time(contention):
+    folder, report = contention
+    families = {one.name: one for one in text_string_to_metric_families(
+        export(folder, "--format", "prometheus"))}
+    samples = families["javanativeagent_contention_blocked_nanoseconds"].samples
+    assert sum(sample.value for sample in samples) == blocked_nanos(report)

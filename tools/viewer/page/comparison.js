@@ -24,7 +24,7 @@ const comparisonView = {
 const sideText = (side) => [side.run?.command, side.run?.started && formatTime(side.run.started),
   side.inputs.join(', ')].filter(Boolean).join(' · ');
 
-function comparedPanel({name, measure, rows, notRecordedIn, sessionsBefore, sessionsAfter}) {
+function comparedPanel({name, measure, rows, notRecordedIn, sessionsBefore, sessionsAfter, notes}) {
   const counts = kChanges.map((change) =>
     [change, rows.filter((row) => row.change === change).length]);
   const difference = (row) => Number(row.after ?? 0) - Number(row.before ?? 0);
@@ -52,6 +52,7 @@ function comparedPanel({name, measure, rows, notRecordedIn, sessionsBefore, sess
   return panel(`${title}, ${measure}`,
     Math.max(sessionsBefore, sessionsAfter) > 1 && el('p', {class: 'note'},
       `Summed over the sessions of each run: ${sessionsBefore} before, ${sessionsAfter} after.`),
+    notes.map((note) => el('p', {class: 'note'}, note)),
     el('dl', {class: 'tiles small'}, counts.map(([change, count]) =>
       el('div', null, el('dt', null, change), el('dd', {class: 'value'}, formatNumber(count))))),
     table.element);
