@@ -62,6 +62,7 @@ bool isIdle(const contentionReport& report, const contentionPair& pair) {
 template <typename sum>
 std::vector<sum> ranked(std::map<std::string, sum> sums, std::uint64_t sum::*by) {
   std::vector<sum> result;
+  result.reserve(sums.size());
   for (auto& [name, one] : sums) {
     result.push_back(std::move(one));
   }

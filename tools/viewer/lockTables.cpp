@@ -238,6 +238,7 @@ std::string topLockClasses(const lockReport& report, const tableLimits& limits,
     sum.waitedSeconds += lock.waitedSeconds;
   }
   std::vector<classSum> classes;
+  classes.reserve(sums.size());
   for (auto& [name, sum] : sums) {
     classes.push_back(std::move(sum));
   }
