@@ -7,7 +7,7 @@ const overviewView = {
 
   build(report, session) {
     const parts = [problemList(report.problems), unfinishedList(report.unfinished)];
-    const tiles = [...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
+    const tiles = [...contentionTiles(report), ...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
       el('div', null, el('dt', null, title), el('dd', {class: 'value'}, number),
         el('dd', {class: 'note'}, note)))));
@@ -38,6 +38,17 @@ const unfinishedList = (files) => files.length > 0 &&
   el('section', {class: 'panel problems', 'aria-label': 'Not finished'},
     el('h3', null, 'Sessions that did not end: the JVM was killed or is still running'),
     el('ul', null, files.map((file) => el('li', null, file))));
+
+// Of several contention reports each has its own.
+function contentionTiles(report) {
+  return (report.contention ?? []).flatMap((one) => [
+    ['Blocked', `${formatMillis(one.totals.totalNanos)} ms`, `by ${
+      plural(one.totals.locks, 'monitor or lock', 'monitors and locks')}, ${
+      plural(one.totals.entries, 'entry', 'entries')}`],
+    ['Stuck', plural(one.stuck.length, 'lock', 'locks'),
+      `${plural(one.deadlocks.length, 'deadlock', 'deadlocks')} when the report was written`],
+  ]);
+}
 
 function lockTiles(session) {
   if (!session) {
