@@ -200,7 +200,7 @@ TEST_F(inputs, ofAFolderWithTheAgentsNamesAreReportedWhenDamaged) {
   const profile all = readProfile({folder_});
   EXPECT_THAT(all.problems, SizeIs(5));
   for (const std::string& problem : all.problems) {
-    EXPECT_THAT(problem, HasSubstr("expected a lock report, stack file, ")) << problem;
+    EXPECT_THAT(problem, HasSubstr("expected a contention report, lock report, ")) << problem;
   }
 }
 
@@ -245,8 +245,8 @@ TEST_F(inputs, thatAreNoReportsAreRefused) {
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   const profile all = readProfile({text, json, folder_ / "empty", pipe});
   ASSERT_THAT(all.problems, SizeIs(4));
-  EXPECT_THAT(all.problems[0], HasSubstr("a.txt: expected a lock report, stack file, "));
-  EXPECT_THAT(all.problems[1], HasSubstr("a.json: expected a lock report, stack file, "));
+  EXPECT_THAT(all.problems[0], HasSubstr("a.txt: expected a contention report, lock report, "));
+  EXPECT_THAT(all.problems[1], HasSubstr("a.json: expected a contention report, lock report, "));
   EXPECT_THAT(all.problems[2], HasSubstr("empty: expected reports in the folder, found none"));
   EXPECT_THAT(all.problems[3], HasSubstr("pipe: expected a file, found a pipe or device"));
 }
