@@ -5,6 +5,7 @@ import shutil
 
 import pytest
 from selenium.webdriver.common.action_chains import ActionChains
+from selenium.webdriver.common.keys import Keys
 
 from conftest import DATA
 
@@ -73,6 +74,30 @@ def test_times_that_are_dragged_over_select_windows(browser, page):
     assert "com.example.shop.PriceCache@5c29bfd1" not in [row["Lock"] for row in rows]
     browser.one_of(browser.all("button"), "All times").click()
     assert len(browser.table("Locks by blocked time").rows()) == 7
+
+
+def test_the_flame_graph_is_as_wide_as_the_blocked_time(browser, page):
+    browser.open(page, "blocked")
+    assert browser.one(".flame-line").text == "All stacks: 779,073 ms"
+    assert "779,073 ms in all" in browser.text()
+    browser.choose("Lock", "com.example.shop.Inventory@1f7a2c09")
+    assert browser.one(".flame-line").text == "All stacks: 94,212 ms"
+    browser.run("document.querySelector('.flame-frame').focus()")
+    browser.keys(Keys.ARROW_DOWN)
+    assert browser.one(".flame-line").text == (
+        "java.lang.Thread.run(Thread.java:840): 92,300 ms, 98 % of all")
+
+
+def test_the_flame_graph_has_a_twin_by_the_stacks_of_owners(browser, page):
+    browser.open(page, "blocked")
+    browser.choose("Lock", "com.example.shop.Inventory@1f7a2c09")
+    browser.choose("Stacks of", "the owners meanwhile")
+    assert browser.one(".flame-line").text == "All stacks: 92,300 ms"
+    browser.field("Innermost method first").click()
+    browser.run("document.querySelector('.flame-frame').focus()")
+    browser.keys(Keys.ARROW_DOWN)
+    assert browser.one(".flame-line").text == (
+        "java.lang.Thread.sleep(Native Method): 83,400 ms, 90 % of all")
 
 
 def test_idle_waits_are_folded(browser, page):

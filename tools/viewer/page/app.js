@@ -2,8 +2,8 @@
 // address's part after "#": the view's id, and after a slash what to show in it.
 
 // The report of one run, or a comparison, which has one view.
-const kViews = [comparisonView, overviewView, contentionView, lockView, flameView, blockerView,
-  exceptionView, memoryView];
+const kViews = [comparisonView, overviewView, contentionView, contentionFlameView, lockView, flameView,
+  blockerView, exceptionView, memoryView];
 
 class Page {
   constructor(report) {

@@ -91,8 +91,8 @@ function select(all, names) {
 }
 
 // Gives {element, setTree, highlight, draw}; draw is to be called when the element has become
-// visible and when colours have changed.
-function flameGraph() {
+// visible and when colours have changed. `amount` is a weight as a text.
+function flameGraph(amount = (total) => plural(total, 'entry', 'entries')) {
   const canvas = el('canvas', {class: 'flame'});
   const line = el('p', {class: 'flame-line', id: newId('flame'), 'aria-live': 'polite'});
   const reset = el('button', {type: 'button', click: () => zoom(tree.root)}, 'Zoom out');
@@ -113,7 +113,7 @@ function flameGraph() {
   function describe(node) {
     const whole = tree.total(tree.root);
     const total = tree.total(node);
-    line.textContent = visibleText(`${named(node.name)}: ${plural(total, 'entry', 'entries')}` +
+    line.textContent = visibleText(`${named(node.name)}: ${amount(total)}` +
       (whole > 0 && node !== tree.root ? `, ${formatShare(total, whole)} of all` : ''));
   }
 
@@ -285,8 +285,9 @@ function flameColours() {
       if (/^(java|javax|jdk|sun|com\.sun)\./.test(name)) {
         return jdk;
       }
-      const end = name.lastIndexOf('.');
-      const class_ = end < 0 ? name : name.slice(0, end);
+      const method = name.replace(/\([^]*/, '');
+      const end = method.lastIndexOf('.');
+      const class_ = end < 0 ? method : method.slice(0, end);
       if (!tints.has(class_)) {
         tints.set(class_, tintOf(class_));
       }

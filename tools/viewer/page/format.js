@@ -44,7 +44,12 @@ function shortName(name, parts = 1) {
   const pieces = name.split('.');
   return pieces.slice(-parts).join('.');
 }
-const shortMethod = (name) => shortName(name, 2);
+
+// "a.b.C.m" as "C.m", and "a.b.C.m(C.java:7)" as "C.m:7".
+function shortMethod(name) {
+  const [, method, line] = /^([^(]+)\([^]*?(:\d+)?\)$/.exec(name) ?? [null, name, ''];
+  return shortName(method, 2) + (line ?? '');
+}
 
 const plural = (count, one, many) => `${formatNumber(count)} ${count === 1 ? one : many}`;
 
