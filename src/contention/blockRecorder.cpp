@@ -22,7 +22,10 @@ constexpr unsigned kKindBits = 3;
 constexpr unsigned kSlotBits = 16;
 constexpr unsigned kPlaceBits = 19;  // whether of others, channel, and place of lock or class
 constexpr unsigned kTimeBits = 64 - kKindBits - kPlaceBits;
-constexpr unsigned kCoarse = 10;  // times without a slot are in units of 1024 ns: 52 days at most
+constexpr unsigned kCoarse = 10;  // times in words are in units of 1024 ns
+// An acquisition has its session in front of its time, which is 73 minutes at most.
+constexpr unsigned kAcquiredBits = 32;
+constexpr unsigned kSessionBits = kTimeBits - kAcquiredBits;
 
 constexpr std::uint64_t low(std::uint64_t value, unsigned bits) {
   return value & ((std::uint64_t{1} << bits) - 1);
@@ -61,8 +64,7 @@ std::uint32_t wide(std::uint64_t place) {
 }
 
 std::uint64_t wordOf(wordKind kind, std::uint32_t place, std::uint64_t time) {
-  const std::uint64_t most = (std::uint64_t{1} << kTimeBits) - 1;
-  return packed(kind, (std::min(time, most) << kPlaceBits) | narrow(place));
+  return packed(kind, (low(time, kTimeBits) << kPlaceBits) | narrow(place));
 }
 
 std::uint32_t placeIn(std::uint64_t word) {
@@ -73,6 +75,27 @@ std::uint64_t timeIn(std::uint64_t word) {
   return word >> (kKindBits + kPlaceBits);
 }
 
+std::uint64_t acquiringWord(std::uint32_t place, std::uint64_t nanos, std::uint32_t session) {
+  constexpr std::uint64_t kMost = (std::uint64_t{1} << kAcquiredBits) - 1;
+  const std::uint64_t time = std::min(nanos >> kCoarse, kMost);
+  return wordOf(wordKind::acquiring, place, (std::uint64_t{session} << kAcquiredBits) | time);
+}
+
+// The nanoseconds of an acquisition so far; its histogram has them and these in the same place.
+std::uint64_t acquiredIn(std::uint64_t word) {
+  return low(timeIn(word), kAcquiredBits) << kCoarse;
+}
+
+bool isOf(std::uint64_t acquiring, std::uint32_t session) {
+  return timeIn(acquiring) >> kAcquiredBits == low(session, kSessionBits);
+}
+
+// When a block without a slot began, `now` being less than 52 days after it.
+std::int64_t startIn(std::uint64_t word, std::int64_t now) {
+  const std::uint64_t units = static_cast<std::uint64_t>(now) >> kCoarse;
+  return static_cast<std::int64_t>((units - low(units - timeIn(word), kTimeBits)) << kCoarse);
+}
+
 std::uint64_t wordOf(jvmtiEnv* jvmti, jthread thread) {
   void* word = nullptr;
   return jvmti->GetThreadLocalStorage(thread, &word) == JVMTI_ERROR_NONE
@@ -80,16 +103,19 @@ std::uint64_t wordOf(jvmtiEnv* jvmti, jthread thread) {
              : 0;
 }
 
-void setWord(jvmtiEnv* jvmti, jthread thread, std::uint64_t word) {
+bool setWord(jvmtiEnv* jvmti, jthread thread, std::uint64_t word) {
   // NOLINTNEXTLINE(performance-no-int-to-ptr): the VM stores it and never follows it
-  jvmti->SetThreadLocalStorage(thread, reinterpret_cast<void*>(word));
+  void* const data = reinterpret_cast<void*>(word);
+  return jvmti->SetThreadLocalStorage(thread, data) == JVMTI_ERROR_NONE;
 }
 
 }  // namespace
 
 void blockRecorder::begin(JNIEnv* jni, std::int32_t locks, const parkClasses& parks) {
   parks_ = parks;
-  threads_.begin(jni);
+  ++session_;
+  started_ = instruments::steadyNanos() >> kCoarse << kCoarse;
+  threads_.dropAll(jni);
   locks_.begin(jni, locks);
   for (auto* const each :
        {&omitted_.startsNotSeen, &omitted_.notSampled, &omitted_.otherLocks, &omitted_.classes}) {
@@ -119,12 +145,15 @@ void blockRecorder::blockBegins(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage, j
     return;
   }
   if (kind == lockKind::lock && agent::kindOf(begun.outer) == wordKind::acquiring &&
-      placeIn(begun.outer) == begun.place) {
+      placeIn(begun.outer) == begun.place && isOf(begun.outer, session_)) {
     begun.goesOn = true;
-    begun.before = timeIn(begun.outer);
+    begun.before = acquiredIn(begun.outer);
   }
   begun.since = instruments::steadyNanos();
-  setWord(jvmti, storage, wordFor(begun, jni, thread));
+  const std::uint64_t word = wordFor(begun, jni, thread);
+  if (!setWord(jvmti, storage, word) && agent::kindOf(word) == wordKind::slot) {
+    threads_.leave(jni, tokenIn(word));  // the end of the block could not find it
+  }
 }
 
 // Takes a slot for a block that begins.
@@ -162,8 +191,12 @@ void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
       break;
     case wordKind::noSlot:
       ended.place = placeIn(word);
-      ended.since = static_cast<std::int64_t>(timeIn(word) << kCoarse);
-      add(ended, now);
+      ended.since = startIn(word, now);
+      if (ended.since < started_) {
+        ++omitted_.startsNotSeen;
+      } else {
+        add(ended, now);
+      }
       setWord(jvmti, storage, 0);
       return;
     case wordKind::idle:
@@ -182,9 +215,10 @@ void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
   const wordKind outer = agent::kindOf(ended.outer);
   if (kindOf(ended.place) == lockKind::lock && (outer == wordKind::begun || ended.goesOn)) {
     const auto nanos = static_cast<std::uint64_t>(std::max<std::int64_t>(now - ended.since, 0));
-    setWord(jvmti, storage, wordOf(wordKind::acquiring, ended.place, ended.before + nanos));
+    setWord(jvmti, storage, acquiringWord(ended.place, ended.before + nanos, session_));
   } else if (blockedThreads::block still;
-             outer == wordKind::slot && threads_.read(tokenIn(ended.outer), still)) {
+             outer == wordKind::noSlot ||
+             (outer == wordKind::slot && threads_.read(tokenIn(ended.outer), still))) {
     setWord(jvmti, storage, ended.outer);  // a block within another one
   }
   threads_.leave(jni, taken);

@@ -68,7 +68,10 @@ class blockRecorder {
   std::atomic<bool> isOn_{false};
   lockTable locks_;
   blockedThreads threads_;
-  parkClasses parks_;  // constant while handlers record
+  // Constant while handlers record.
+  parkClasses parks_;
+  std::uint32_t session_ = 0;  // how many have begun
+  std::int64_t started_ = 0;
   omissions omitted_;
 };
 

@@ -53,12 +53,13 @@ bool blockedThreads::read(token taken, block& found) const {
       (word != wordOf(turn, kBlocked) && word != wordOf(turn, kRead))) {
     return false;
   }
-  found.place = mine.place.load(std::memory_order_relaxed);
-  found.since = mine.since.load(std::memory_order_relaxed);
-  found.before = mine.before.load(std::memory_order_relaxed);
-  found.goesOn = mine.goesOn.load(std::memory_order_relaxed);
-  found.outer = mine.outer.load(std::memory_order_relaxed);
-  return true;
+  found.place = mine.place.load(std::memory_order_acquire);
+  found.since = mine.since.load(std::memory_order_acquire);
+  found.before = mine.before.load(std::memory_order_acquire);
+  found.goesOn = mine.goesOn.load(std::memory_order_acquire);
+  found.outer = mine.outer.load(std::memory_order_acquire);
+  // Of another thread's slot the block may have ended meanwhile.
+  return mine.word.load(std::memory_order_relaxed) >> kStateBits == turn;
 }
 
 void blockedThreads::leave(JNIEnv* jni, token taken) {
@@ -135,7 +136,7 @@ void blockedThreads::drop(JNIEnv* jni, std::uint32_t index, const blockedThread&
   }
 }
 
-void blockedThreads::begin(JNIEnv* jni) {
+void blockedThreads::dropAll(JNIEnv* jni) {
   for (std::uint32_t i = 0; i < end(); ++i) {
     blockedThread found{};
     if (read(i, found)) {

@@ -44,7 +44,7 @@ class blockedThreads {
   // Takes a slot; slot kNone when there is none near. `thread`: a global reference or null, which
   // is deleted when the slot is left.
   token enter(const block& begun, jobject thread);
-  // What a thread's own slot has; false when the token does not name a taken one.
+  // What a slot has; false when the token does not name a taken one.
   bool read(token taken, block& found) const;
   // Leaves it.
   void leave(JNIEnv* jni, token taken);
@@ -61,8 +61,8 @@ class blockedThreads {
   // Gives a slot free whose thread will not leave it.
   void drop(JNIEnv* jni, std::uint32_t index, const blockedThread& found);
 
-  // Drops all blocks that began before; no handler is inside.
-  void begin(JNIEnv* jni);
+  // Drops all blocks; that of a thread which enters or leaves just now may stay.
+  void dropAll(JNIEnv* jni);
 
  private:
   // The word of a slot: its turn, and one of these.
