@@ -65,16 +65,18 @@ class blockCounts {
 
   // Adds sums; one thread.
   void add(const blockTotals& totals) {
-    blockTotals sum = read();
-    sum.add(totals);
     entries_.fetch_add(totals.entries);
     nanos_.fetch_add(totals.nanos);
     for (std::size_t i = 0; i < blockTotals::kBuckets; ++i) {
       histogram_[i].fetch_add(totals.histogram[i]);
     }
-    raise(max_, sum.maxNanos);
-    raise(last_, static_cast<std::uint64_t>(sum.last));
-    first_.store(static_cast<std::uint64_t>(sum.first));
+    raise(max_, totals.maxNanos);
+    raise(last_, static_cast<std::uint64_t>(totals.last));
+    const auto first = static_cast<std::uint64_t>(totals.first);
+    std::uint64_t known = first_.load();
+    while (first != 0 && (known == 0 || known > first) &&
+           !first_.compare_exchange_weak(known, first)) {
+    }
   }
 
   std::uint64_t entries() const { return entries_.load(std::memory_order_relaxed); }
