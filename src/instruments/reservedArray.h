@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include <cstddef>
+#include <cstring>
 #include <new>
 #include <type_traits>
 
@@ -34,7 +35,12 @@ class reservedArray {
   std::size_t size() const { return size_; }
 
   // All zeros again, and the memory back to the system. Nobody may use the array meanwhile.
-  void clear() { ::madvise(elements_, size_ * sizeof(T), MADV_DONTNEED); }
+  void clear() {
+    // Memory that the program has locked stays.
+    if (::madvise(elements_, size_ * sizeof(T), MADV_DONTNEED) != 0) {
+      std::memset(static_cast<void*>(elements_), 0, size_ * sizeof(T));
+    }
+  }
 
  private:
   T* elements_;
