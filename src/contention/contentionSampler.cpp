@@ -34,7 +34,7 @@ void contentionSampler::begin(const contentionSettings& settings, const ownerCla
   waiting_.assign(locks, {});
   waitedFor_.clear();
   blocked_.assign(locks, {});
-  weights_.assign(locks, 0);
+  weights_.assign(locks, {});
   baselines_.assign(locks, {});
   contended_ = {};
   waits_ = {};
@@ -119,10 +119,13 @@ void contentionSampler::scan(std::int64_t now) {
       lock.since = found.since;
     }
     lock.nanos += nanos;
-    lock.since = std::min(lock.since, found.since);
-    if (waiting_[found.place].size() < kMostWaiting) {
-      waiting_[found.place].push_back({slot, found});
+    std::vector<waitingThread>& waiting = waiting_[found.place];
+    if (waiting.size() < kMostWaiting) {
+      waiting.push_back({slot, found});
+    } else if (found.since < lock.since) {
+      waiting.front() = {slot, found};  // the one that is blocked longest is always among them
     }
+    lock.since = std::min(lock.since, found.since);
   }
 }
 
@@ -158,19 +161,28 @@ void contentionSampler::tick(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
   weigh(now);
   std::vector<std::uint32_t> places;
   std::copy_if(waitedFor_.begin(), waitedFor_.end(), std::back_inserter(places),
-               [&](std::uint32_t place) { return weights_[place] > 0; });
+               [&](std::uint32_t place) { return weightOf(place) > 0; });
   const std::size_t most = std::clamp<std::size_t>(samples_.cost.affordable(), 1, kLocksPerTick);
   if (places.size() > most) {
     samples_.locksNotSampled += places.size() - most;
     std::partial_sort(places.begin(), places.begin() + static_cast<std::ptrdiff_t>(most),
                       places.end(),
-                      [&](std::uint32_t a, std::uint32_t b) { return weights_[a] > weights_[b]; });
+                      [&](std::uint32_t a, std::uint32_t b) { return weightOf(a) > weightOf(b); });
     places.resize(most);
   }
   lockLook look(jvmti, jni, recorder_, samples_, classes_, canCheck_);
   for (const std::uint32_t place : places) {
     sample(look, place);
   }
+}
+
+// The record may be that of another lock than the last time.
+std::uint64_t& contentionSampler::weightOf(std::uint32_t place) {
+  const std::uint32_t id = recorder_.locks().at(place).id;
+  if (weights_[place].id != id) {
+    weights_[place] = {id, 0};
+  }
+  return weights_[place].nanos;
 }
 
 // Each thread that is blocked now stands for the time since the last look.
@@ -180,9 +192,9 @@ void contentionSampler::weigh(std::int64_t now) {
   const auto waitNanos = static_cast<std::uint64_t>(now - lastWaitTick_);
   for (const std::uint32_t place : waitedFor_) {
     if (isContention(recorder_.kindOf(place))) {
-      weights_[place] += blocked_[place].threads * nanos;
+      weightOf(place) += blocked_[place].threads * nanos;
     } else if (withWaits) {
-      weights_[place] += blocked_[place].threads * waitNanos;
+      weightOf(place) += blocked_[place].threads * waitNanos;
     }
   }
   lastTick_ = now;
@@ -197,8 +209,9 @@ void contentionSampler::sample(lockLook& look, std::uint32_t place) {
   if (seen.waiters.empty()) {
     return;  // its time waits for a sample
   }
-  const std::uint64_t share = weights_[place] / seen.waiters.size();
-  weights_[place] = 0;
+  std::uint64_t& nanos = weightOf(place);
+  const std::uint64_t share = nanos / seen.waiters.size();
+  nanos = 0;
   for (const waiterSeen& each : seen.waiters) {
     book({record.id, each.thread, each.stack, seen.owner}, record, share);
   }
@@ -461,8 +474,11 @@ void contentionSampler::reportStuck(std::int64_t now) {
   decltype(reportedStuck_) still;
   for (const stuckLock& each : samples_.stuck) {
     const std::pair<std::uint32_t, std::int64_t> key{each.lock, each.since};
-    still.insert(key);
-    if (reportedStuck_.contains(key) || each.waiters.empty()) {
+    const bool isReported = reportedStuck_.contains(key);
+    if (isReported || !each.waiters.empty()) {
+      still.insert(key);
+    }
+    if (isReported || each.waiters.empty()) {
       continue;
     }
     TW_LOG(kLogWarn, kSeverityWarn, kFunction,

@@ -56,6 +56,11 @@ class contentionSampler {
     std::uint64_t nanos = 0;
     std::uint64_t entries = 0;
   };
+  // Blocked time of a lock that no sample stands for yet.
+  struct weight {
+    std::uint32_t id = 0;
+    std::uint64_t nanos = 0;
+  };
   struct sums {
     std::uint64_t nanos = 0;
     std::uint64_t entries = 0;
@@ -69,6 +74,7 @@ class contentionSampler {
   void scan(std::int64_t now);
   void tick(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now);
   void weigh(std::int64_t now);
+  std::uint64_t& weightOf(std::uint32_t place);
   void thinOut(std::int64_t now);
   void sample(lockLook& look, std::uint32_t place);
   void book(const pairKey& key, const lockRecord& record, std::uint64_t nanos);
@@ -94,7 +100,7 @@ class contentionSampler {
   std::vector<blockedNow> blocked_;                  // by place
   std::uint64_t otherContended_ = 0;                 // nanoseconds of blocked threads without place
   std::uint64_t otherWaits_ = 0;
-  std::vector<std::uint64_t> weights_;        // by place: time that no sample stands for yet
+  std::vector<weight> weights_;               // by place
   std::vector<baseline> baselines_;           // by place
   std::vector<std::uint64_t> entriesBefore_;  // by place: as of the last thinning
   baseline contended_;
