@@ -69,6 +69,11 @@ class reportWriter {
 
   std::vector<lockRow> rows(JNIEnv* jni, const std::vector<contentionSampler::blockedNow>& blocked);
   std::map<std::uint32_t, pairList> pairsByLock() const;
+  // The id that a lock has in this report.
+  std::uint32_t idOf(std::uint32_t lock) const {
+    const auto same = sameLock_.find(lock);
+    return same == sameLock_.end() ? lock : same->second;
+  }
   void writeName(std::string_view member, std::uint32_t id);
   void writeTotals(const blockTotals& totals);
   void writeHistogram(const blockTotals& totals);
@@ -144,8 +149,7 @@ std::vector<reportWriter::lockRow> reportWriter::rows(
 std::map<std::uint32_t, pairList> reportWriter::pairsByLock() const {
   std::map<std::uint32_t, pairList> pairs;
   for (const pairEntry& each : samples_.pairs) {
-    const auto same = sameLock_.find(each.first.lock);
-    pairs[same == sameLock_.end() ? each.first.lock : same->second].push_back(&each);
+    pairs[idOf(each.first.lock)].push_back(&each);
   }
   return pairs;
 }
@@ -257,7 +261,7 @@ void reportWriter::writePair(const pairEntry& pair) {
     json_.member("holdingFrame", key.owner.holdingFrame);
   }
   writeText(json_, "ownerNote", kNotes.at(static_cast<std::size_t>(key.owner.note)));
-  writeId(json_, "ownerWaitsFor", key.owner.waitsFor);
+  writeId(json_, "ownerWaitsFor", idOf(key.owner.waitsFor));
   json_.member("nanos", counts.nanos).member("samples", counts.samples);
   json_.endObject();
 }
@@ -271,9 +275,8 @@ void reportWriter::writeWindow(const contentionWindow& window) {
   const std::size_t count = std::min(window.locks.size(), contentionSamples::kWindowLocks);
   for (std::size_t i = 0; i < count; ++i) {
     const windowShare& each = window.locks[i];
-    const auto same = sameLock_.find(each.lock);
     json_.beginObject(jsonWriter::layout::oneLine);
-    json_.member("id", std::uint64_t{same == sameLock_.end() ? each.lock : same->second});
+    json_.member("id", std::uint64_t{idOf(each.lock)});
     json_.member("blockedNanos", each.nanos).member("entries", each.entries);
     json_.endObject();
   }
@@ -309,7 +312,7 @@ void reportWriter::writeStacks() {
 void reportWriter::writeStuck() {
   json_.key("stuck").beginArray(kLines);
   for (const stuckLock& each : samples_.stuck) {
-    json_.beginObject().member("lock", std::uint64_t{each.lock});
+    json_.beginObject().member("lock", std::uint64_t{idOf(each.lock)});
     json_.member("sinceAt", millis(each.since));
     json_.member("waiterCount", std::uint64_t{each.waiterCount});
     json_.key("waiters").beginArray(kLines);
@@ -331,7 +334,7 @@ void reportWriter::writeStuck() {
     for (const deadlockStep& step : circle) {
       json_.beginObject(jsonWriter::layout::oneLine);
       writeName("thread", step.thread);
-      json_.member("waitsFor", std::uint64_t{step.waitsFor});
+      json_.member("waitsFor", std::uint64_t{idOf(step.waitsFor)});
       json_.endObject();
     }
     json_.endArray();
@@ -349,7 +352,7 @@ void reportWriter::writeOwner(const ownerSeen& owner) {
     } else {
       json_.member("holdingFrame", owner.holdingFrame);
     }
-    writeId(json_, "waitsFor", owner.waitsFor);
+    writeId(json_, "waitsFor", idOf(owner.waitsFor));
     json_.endObject();
   } else {
     json_.nullMember("owner");
