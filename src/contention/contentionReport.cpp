@@ -379,6 +379,7 @@ void reportWriter::writeOmissions() {
   json_.member("ownersChanged", samples_.ownersChanged);
   json_.member("otherLocks", omitted.otherLocks.load()).member("classes", omitted.classes.load());
   json_.member("pairs", samples_.pairsDropped).member("pairNanos", samples_.pairNanosDropped);
+  json_.member("names", samples_.names.dropped());
   json_.member("stacks", samples_.stacks.dropped());
   json_.member("windows", samples_.windows.dropped());
   json_.member("windowLocks", samples_.windowLocksDropped);

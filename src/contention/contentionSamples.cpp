@@ -8,6 +8,7 @@ std::uint32_t nameTable::idOf(std::string_view name) {
     return known->second;
   }
   if (ids_.size() == kMost) {
+    ++dropped_;
     return 0;
   }
   const auto id = static_cast<std::uint32_t>(ids_.size() + 1);
@@ -18,6 +19,7 @@ std::uint32_t nameTable::idOf(std::string_view name) {
 void nameTable::clear() {
   ids_.clear();
   order_.clear();
+  dropped_ = 0;
 }
 
 std::size_t pairHash::operator()(const pairKey& key) const {

@@ -37,11 +37,13 @@ class nameTable {
   // 0 when there is no room.
   std::uint32_t idOf(std::string_view name);
   const std::string& at(std::uint32_t id) const { return *order_.at(id - 1); }
+  std::uint64_t dropped() const { return dropped_; }
   void clear();
 
  private:
   std::map<std::string, std::uint32_t, std::less<>> ids_;
   std::vector<const std::string*> order_;
+  std::uint64_t dropped_ = 0;
 };
 
 // An owner at some moment; names and stacks by id, 0 for none.
