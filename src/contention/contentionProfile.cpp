@@ -172,17 +172,19 @@ bool contentionProfile::samplerHasEnded() {
   });
 }
 
-void contentionProfile::findClasses(JNIEnv* jni) NO_THREAD_SAFETY_ANALYSIS {
-  if (parks_.synchronizer != nullptr) {
-    return;
-  }
-  parks_.synchronizer = classFor(jni, "java/util/concurrent/locks/AbstractOwnableSynchronizer");
-  parks_.latch = classFor(jni, "java/util/concurrent/CountDownLatch$Sync");
-  parks_.stampedLock = classFor(jni, "java/util/concurrent/locks/StampedLock");
-  parks_.pool = classFor(jni, "java/util/concurrent/ForkJoinPool");
+void contentionProfile::findClasses(JNIEnv* jni) {
+  const auto find = [&](jclass& cls, const char* name) {
+    if (cls == nullptr) {
+      cls = classFor(jni, name);
+    }
+  };
+  find(parks_.synchronizer, "java/util/concurrent/locks/AbstractOwnableSynchronizer");
+  find(parks_.latch, "java/util/concurrent/CountDownLatch$Sync");
+  find(parks_.stampedLock, "java/util/concurrent/locks/StampedLock");
+  find(parks_.pool, "java/util/concurrent/ForkJoinPool");
   owners_.synchronizer = parks_.synchronizer;
-  owners_.virtualThread = classFor(jni, "java/lang/BaseVirtualThread");
-  if (owners_.synchronizer != nullptr) {
+  find(owners_.virtualThread, "java/lang/BaseVirtualThread");
+  if (owners_.synchronizer != nullptr && owners_.owner == nullptr) {
     owners_.owner =
         jni->GetFieldID(owners_.synchronizer, "exclusiveOwnerThread", "Ljava/lang/Thread;");
     if (owners_.owner == nullptr) {
@@ -197,6 +199,10 @@ std::string contentionProfile::hookParks(JNIEnv* jni) {
   if (environment_.capabilities().can_retransform_classes == 0) {
     return "the VM does not let classes be retransformed";
   }
+  if (parks_.synchronizer == nullptr || parks_.latch == nullptr || parks_.stampedLock == nullptr ||
+      parks_.pool == nullptr) {
+    return "the VM does not give the classes that tell locks from other parks";
+  }
   const parkHookResult hooked = parkHook::install(environment_.jvmti(), jni, kCallbacks);
   if (hooked.level == parkHookLevel::exact) {
     return "exact";
@@ -204,6 +210,30 @@ std::string contentionProfile::hookParks(JNIEnv* jni) {
   TW_LOG(kLogWarn, kSeverityWarn, kStart, "Locks of java.util.concurrent: %s",
          hooked.missing.c_str());
   return hooked.level == parkHookLevel::parks ? "parks" : hooked.missing;
+}
+
+// The tables of a new session, and its handlers on. What throws leaves none.
+void contentionProfile::begin(JNIEnv* jni, const contentionSettings& settings) {
+  const support::lockGuard guard(samplesMutex_);
+  session_ = {};
+  const std::int64_t now = instruments::steadyNanos();
+  const bool canCheck = environment_.capabilities().can_get_owned_monitor_stack_depth_info != 0;
+  sampler_.begin(settings, owners_, canCheck, now);
+  session_ = {settings, now, 0, "not yet"};
+  recorder_.begin(jni, settings.locks, parks_);
+}
+
+// Of a start that came to nothing.
+void contentionProfile::takeBack(JNIEnv* jni) {
+  recorder_.end();
+  {
+    const support::lockGuard guard(wakeMutex_);
+    isSampling_ = false;
+    wake_.notifyAll();
+  }
+  const support::lockGuard guard(samplesMutex_);
+  recorder_.threads().dropAll(jni);
+  session_ = {};
 }
 
 std::string contentionProfile::start(JavaVM* vm, JNIEnv* jni, const contentionSettings& settings) {
@@ -219,13 +249,7 @@ std::string contentionProfile::start(JavaVM* vm, JNIEnv* jni, const contentionSe
     return "the contention profile of before has not ended yet";
   }
   findClasses(jni);
-  {
-    const support::lockGuard guard(samplesMutex_);
-    session_ = {settings, instruments::steadyNanos(), 0, "not yet"};
-    recorder_.begin(jni, settings.locks, parks_);
-    const bool canCheck = environment_.capabilities().can_get_owned_monitor_stack_depth_info != 0;
-    sampler_.begin(settings, owners_, canCheck, session_.started);
-  }
+  begin(jni, settings);
   {
     const support::lockGuard guard(wakeMutex_);
     isSampling_ = true;
@@ -236,10 +260,7 @@ std::string contentionProfile::start(JavaVM* vm, JNIEnv* jni, const contentionSe
     problem = "the VM refuses the events of monitors";
   }
   if (!problem.empty()) {
-    recorder_.end();
-    const support::lockGuard guard(wakeMutex_);
-    isSampling_ = false;
-    wake_.notifyAll();
+    takeBack(jni);
     return problem;
   }
   const std::string parks = hookParks(jni);
@@ -276,6 +297,9 @@ bool contentionProfile::stop(JNIEnv* jni) {
   if (!problem.empty()) {
     TW_LOG(kLogWarn, kSeverityWarn, "contentionProfile::stop", "%s", problem.c_str());
   }
+  handlersHaveLeft();  // so that none leaves a reference to its thread any more
+  const support::lockGuard guard(samplesMutex_);
+  recorder_.threads().dropAll(jni);
   return true;
 }
 

@@ -60,8 +60,11 @@ class contentionProfile {
   std::string open(JavaVM* vm);
   bool handlersHaveLeft();
   bool samplerHasEnded();
-  void findClasses(JNIEnv* jni);
-  std::string hookParks(JNIEnv* jni);
+  void findClasses(JNIEnv* jni) REQUIRES(controlMutex_);
+  std::string hookParks(JNIEnv* jni) REQUIRES(controlMutex_);
+  void begin(JNIEnv* jni, const contentionSettings& settings) REQUIRES(controlMutex_)
+      EXCLUDES(samplesMutex_);
+  void takeBack(JNIEnv* jni) EXCLUDES(samplesMutex_, wakeMutex_);
   void sampleUntilStopped(JNIEnv* jni);
   void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_, endMutex_);
   std::string reportText(JNIEnv* jni) REQUIRES(samplesMutex_);
