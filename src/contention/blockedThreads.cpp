@@ -4,24 +4,29 @@ namespace agent {
 
 namespace {
 
+std::uint32_t spread(std::uint64_t value) {
+  constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
+  constexpr unsigned kShift = 40;
+  return static_cast<std::uint32_t>((value * kSpread) >> kShift);
+}
+
 // Threads begin to look at different places: by the place of their stack.
 std::uint32_t startOfThread() {
-  constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
   constexpr unsigned kPageBits = 12;
-  constexpr unsigned kShift = 40;
   const char here = 0;
-  return static_cast<std::uint32_t>(
-      ((reinterpret_cast<std::uintptr_t>(&here) >> kPageBits) * kSpread) >> kShift);
+  return spread(reinterpret_cast<std::uintptr_t>(&here) >> kPageBits);
 }
 
 }  // namespace
 
 blockedThreads::token blockedThreads::enter(const block& begun, jobject thread) {
   const std::uint32_t start = startOfThread();
+  // Virtual threads have the stack of their carrier: so many would not find a place there.
+  const std::uint32_t other = spread(static_cast<std::uint64_t>(begun.since));
   while (true) {
     std::uint32_t active = active_.load(std::memory_order_relaxed);
-    for (std::uint32_t i = 0; i < kProbes; ++i) {
-      const std::uint32_t index = (start + i) & (active - 1);
+    for (std::uint32_t i = 0; i < 2 * kProbes; ++i) {
+      const std::uint32_t index = ((i < kProbes ? start : other) + i) & (active - 1);
       slot& each = slots_[index];
       std::uint64_t word = each.word.load(std::memory_order_relaxed);
       const std::uint64_t turn = word >> kStateBits;
