@@ -22,7 +22,7 @@ constexpr std::array<functionTraits, kFunctions> makeTraits() {
 
   for (const functionId id :
        {FAKE_JVMTI(Allocate), FAKE_JVMTI(Deallocate), FAKE_JVMTI(GetTime), FAKE_JVMTI(GetErrorName),
-        FAKE_JVMTI(GetPhase), FAKE_JVMTI(DisposeEnvironment)}) {
+        FAKE_JVMTI(GetPhase), FAKE_JVMTI(GetCapabilities), FAKE_JVMTI(DisposeEnvironment)}) {
     traits[id].phases = phaseBit::kAny;
     traits[id].anyThread = true;
   }

@@ -590,6 +590,23 @@ jobject JNICALL callNonvirtualObjectMethodV(JNIEnv* jni, jobject reference, jcla
   });
 }
 
+// The C++ form of NewObject comes here, too. Threads are those of makeThread.
+jobject JNICALL newObjectV(JNIEnv* jni, jclass type, jmethodID code, va_list list) {
+  constexpr functionId id = FAKE_JNI(NewObject);
+  const rawArguments raw{.target = type, .code = code};
+  return perform(jni, id, raw, jobject{}, [&](machine& vm, threadEnv& env) -> jobject {
+    javaClass* asked = needClass(vm, env, id, type);
+    method* runs = vm.needMethod(id, code);
+    if (asked == nullptr || runs == nullptr || runs->name != "<init>") {
+      machine::report(id, "no class or no constructor");
+      return nullptr;
+    }
+    object* made = asked == vm.threadClass ? vm.makeThread(std::nullopt) : vm.makeObject(asked);
+    vm.invoke(env, *runs, made, argumentSource(list).read(vm, env, id, *runs));
+    return env.pending == nullptr ? machine::local(env, made, id) : nullptr;
+  });
+}
+
 // --- Strings and arrays.
 
 jstring JNICALL newStringUtf(JNIEnv* jni, const char* text) {
@@ -810,6 +827,7 @@ void addCalls(JNINativeInterface_& table) {
   FAKE_CALLS(CallStaticVoidMethod, true, bool, jclass, void)
 #undef FAKE_CALLS
   table.CallNonvirtualObjectMethodV = callNonvirtualObjectMethodV;
+  table.NewObjectV = newObjectV;
 }
 
 JNINativeInterface_ makeTable() {

@@ -250,14 +250,26 @@ jvmtiError JNICALL addCapabilities(jvmtiEnv* jvmti, const jvmtiCapabilities* cap
     std::lock_guard hold(vm.modelMutex);
     std::memcpy(asked.data(), capabilities, asked.size());
     std::memcpy(allowed.data(), &vm.potential, allowed.size());
-    std::memcpy(sum.data(), &vm.added, sum.size());
+    jvmtiCapabilities& added = machine::environmentOf(jvmti).added;
+    std::memcpy(sum.data(), &added, sum.size());
     for (std::size_t at = 0; at < asked.size(); ++at) {
       if ((asked[at] & ~allowed[at]) != 0) {
         return JVMTI_ERROR_NOT_AVAILABLE;
       }
       sum[at] = static_cast<unsigned char>(sum[at] | asked[at]);
     }
-    std::memcpy(&vm.added, sum.data(), sum.size());
+    std::memcpy(&added, sum.data(), sum.size());
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+jvmtiError JNICALL getCapabilities(jvmtiEnv* jvmti, jvmtiCapabilities* capabilities) {
+  return perform(jvmti, FAKE_JVMTI(GetCapabilities), {}, [&](machine& vm, threadEnv*) {
+    if (capabilities == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    std::lock_guard hold(vm.modelMutex);
+    *capabilities = machine::environmentOf(jvmti).added;
     return JVMTI_ERROR_NONE;
   });
 }
@@ -322,7 +334,12 @@ jvmtiError JNICALL setThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, const 
     if (owner == nullptr) {
       return JVMTI_ERROR_INVALID_THREAD;
     }
-    owner->storage.store(const_cast<void*>(data), std::memory_order_release);
+    if (jvmti == &vm.jvmti) {
+      owner->storage.store(const_cast<void*>(data), std::memory_order_release);
+    } else {
+      std::lock_guard hold(vm.modelMutex);
+      owner->otherStorage[jvmti] = const_cast<void*>(data);
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -332,7 +349,7 @@ jvmtiError JNICALL stopThread(jvmtiEnv* jvmti, jthread thread, jobject exception
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
     {
       const std::lock_guard hold(vm.modelMutex);
-      if (vm.added.can_signal_thread == 0) {
+      if (machine::environmentOf(jvmti).added.can_signal_thread == 0) {
         return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
       }
     }
@@ -359,7 +376,12 @@ jvmtiError JNICALL getThreadLocalStorage(jvmtiEnv* jvmti, jthread thread, void**
     if (owner == nullptr) {
       return JVMTI_ERROR_INVALID_THREAD;
     }
-    *data = owner->storage.load(std::memory_order_acquire);
+    if (jvmti == &vm.jvmti) {
+      *data = owner->storage.load(std::memory_order_acquire);
+    } else {
+      std::lock_guard hold(vm.modelMutex);
+      *data = owner->otherStorage[jvmti];
+    }
     return JVMTI_ERROR_NONE;
   });
 }
@@ -480,6 +502,111 @@ jvmtiError JNICALL getLocalObject(jvmtiEnv* jvmti, jthread thread, jint depth, j
       *result = machine::local(env, *fitting, id);
     }
     return fitting != nullptr;
+  });
+}
+
+std::vector<object*> liveObjects(machine& vm) {
+  std::vector<object*> live;
+  std::lock_guard hold(vm.modelMutex);
+  for (const auto& one : vm.heap) {
+    if (!one->collected) {
+      live.push_back(one.get());
+    }
+  }
+  return live;
+}
+
+// Platform threads that are alive.
+jvmtiError JNICALL getAllThreads(jvmtiEnv* jvmti, jint* count, jthread** threads) {
+  constexpr functionId id = FAKE_JVMTI(GetAllThreads);
+  return perform(jvmti, id, {}, [&](machine& vm, threadEnv* env) {
+    if (count == nullptr || threads == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    std::vector<object*> found = liveObjects(vm);
+    std::erase_if(found, [](const object* one) {
+      const auto* const thread = dynamic_cast<const javaThread*>(one);
+      return thread == nullptr || thread->isVirtual || !thread->isAlive;
+    });
+    *count = static_cast<jint>(found.size());
+    *threads = copyReferences(vm, *env, id, found);
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+// The system's group, and one that is beside it.
+jvmtiError JNICALL getTopThreadGroups(jvmtiEnv* jvmti, jint* count, jthreadGroup** groups) {
+  constexpr functionId id = FAKE_JVMTI(GetTopThreadGroups);
+  return perform(jvmti, id, {}, [&](machine& vm, threadEnv* env) {
+    if (count == nullptr || groups == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    const std::vector<object*> all{vm.mainGroup, vm.makeObject(vm.mainGroup->type)};
+    *count = static_cast<jint>(all.size());
+    *groups = copyReferences(vm, *env, id, all);
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+jvmtiError JNICALL getThreadState(jvmtiEnv* jvmti, jthread thread, jint* state) {
+  constexpr functionId id = FAKE_JVMTI(GetThreadState);
+  return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
+    if (state == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    const javaThread* asked = givenThread(vm, *env, id, thread);
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
+    *state = asked->isAlive ? JVMTI_THREAD_STATE_ALIVE : JVMTI_THREAD_STATE_TERMINATED;
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+jvmtiError JNICALL getOwnedMonitorStackDepthInfo(jvmtiEnv* jvmti, jthread thread, jint* count,
+                                                 jvmtiMonitorStackDepthInfo** result) {
+  constexpr functionId id = FAKE_JVMTI(GetOwnedMonitorStackDepthInfo);
+  return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
+    if (count == nullptr || result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    const javaThread* asked = givenThread(vm, *env, id, thread);
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
+    std::vector<std::pair<object*, jint>> owned;
+    for (object* const one : liveObjects(vm)) {
+      std::lock_guard hold(vm.modelMutex);
+      if (one->monitor.owner == asked) {
+        owned.emplace_back(one, one->monitor.depth);
+      }
+    }
+    *count = static_cast<jint>(owned.size());
+    *result = allocate<jvmtiMonitorStackDepthInfo>(vm, env, id, owned.size());
+    std::transform(owned.begin(), owned.end(), *result, [&](const auto& one) {
+      return jvmtiMonitorStackDepthInfo{machine::local(*env, one.first, id), one.second};
+    });
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+// The body waits for virtualMachine::runAgentThreads().
+jvmtiError JNICALL runAgentThread(jvmtiEnv* jvmti, jthread thread, jvmtiStartFunction body,
+                                  const void* argument, jint priority) {
+  constexpr functionId id = FAKE_JVMTI(RunAgentThread);
+  const rawArguments arguments{.target = thread, .number = priority};
+  return perform(jvmti, id, arguments, [&](machine& vm, threadEnv* env) {
+    if (body == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    javaThread* given = thread == nullptr ? nullptr : givenThread(vm, *env, id, thread);
+    if (given == nullptr) {
+      return JVMTI_ERROR_INVALID_THREAD;
+    }
+    given->isDaemon = true;
+    std::lock_guard hold(vm.modelMutex);
+    vm.agentThreads.push_back({&machine::environmentOf(jvmti), given, body, argument});
+    return JVMTI_ERROR_NONE;
   });
 }
 
@@ -760,7 +887,7 @@ jvmtiError JNICALL retransformClasses(jvmtiEnv* jvmti, jint count, const jclass*
   return perform(jvmti, id, {.target = first, .number = count}, [&](machine& vm, threadEnv* env) {
     {
       const std::lock_guard hold(vm.modelMutex);
-      if (vm.added.can_retransform_classes == 0) {
+      if (machine::environmentOf(jvmti).added.can_retransform_classes == 0) {
         return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
       }
     }
@@ -852,17 +979,6 @@ jvmtiError JNICALL setTag(jvmtiEnv* jvmti, jobject reference, jlong tag) {
                        asked.tag = tag;
                        return JVMTI_ERROR_NONE;
                      });
-}
-
-std::vector<object*> liveObjects(machine& vm) {
-  std::vector<object*> live;
-  std::lock_guard hold(vm.modelMutex);
-  for (const auto& one : vm.heap) {
-    if (!one->collected) {
-      live.push_back(one.get());
-    }
-  }
-  return live;
 }
 
 jvmtiError JNICALL getLoadedClasses(jvmtiEnv* jvmti, jint* count, jclass** classes) {
@@ -1008,6 +1124,7 @@ jvmtiInterface_1 makeTable() {
   table.GetErrorName = getErrorName;
   table.GetPotentialCapabilities = getPotentialCapabilities;
   table.AddCapabilities = addCapabilities;
+  table.GetCapabilities = getCapabilities;
   table.SetEventCallbacks = setEventCallbacks;
   table.SetEventNotificationMode = setEventNotificationMode;
   table.DisposeEnvironment = disposeEnvironment;
@@ -1015,6 +1132,11 @@ jvmtiInterface_1 makeTable() {
   table.SetThreadLocalStorage = setThreadLocalStorage;
   table.GetThreadLocalStorage = getThreadLocalStorage;
   table.GetThreadInfo = getThreadInfo;
+  table.GetAllThreads = getAllThreads;
+  table.GetTopThreadGroups = getTopThreadGroups;
+  table.GetThreadState = getThreadState;
+  table.GetOwnedMonitorStackDepthInfo = getOwnedMonitorStackDepthInfo;
+  table.RunAgentThread = runAgentThread;
   table.GetStackTrace = getStackTrace;
   table.GetFrameCount = getFrameCount;
   table.GetVersionNumber = getVersionNumber;

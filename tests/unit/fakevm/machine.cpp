@@ -102,6 +102,7 @@ machine::environment& machine::addEnvironment() {
   made->functions = jvmti.functions;
   made->owner = this;
   std::lock_guard hold(modelMutex);
+  hasOtherEnvironments = true;
   return *environments.emplace_back(std::move(made));
 }
 
@@ -463,6 +464,13 @@ void machine::addBuiltIns() {
     const auto hash = static_cast<std::uint32_t>(call.self->hash.load());
     return makeString(call.self->type->name + "@" + hex(hash).substr(2));
   });
+  add(threadClass, "<init>", "(Ljava/lang/ThreadGroup;Ljava/lang/String;)V",
+      [this](invocation& call) -> value {
+        auto* made = static_cast<javaThread*>(call.self);
+        made->group = std::get<object*>(call.arguments[0]);
+        made->name = keepName(static_cast<javaString*>(std::get<object*>(call.arguments[1]))->text);
+        return {};
+      });
   add(stringClass, "toString", "()Ljava/lang/String;",
       [](invocation& call) -> value { return call.self; });
   add(classClass, "getName", "()Ljava/lang/String;", [this](invocation& call) -> value {

@@ -89,6 +89,7 @@ class machine {
   struct environment : _jvmtiEnv {
     machine* owner;
     std::atomic<bool> disposed{false};
+    jvmtiCapabilities added{};  // guarded by modelMutex
     std::array<std::atomic<void*>, kEvents> callbacks{};
     std::array<std::atomic<bool>, kEvents> enabledEvents{};
 
@@ -110,6 +111,7 @@ class machine {
   // Another environment, which the machine owns.
   environment& addEnvironment();
   std::vector<environment*> allEnvironments();  // `jvmti` first
+  std::atomic<bool> hasOtherEnvironments{false};
 
   // --- Threads.
   threadEnv* currentOrNull() const {
@@ -256,6 +258,23 @@ class machine {
     enter(env, name, as, [&] { action(agentEntry(callback), env); });
     return true;
   }
+  // The same in all environments, one after the other; `action` has the environment, too.
+  template <typename Callback, typename Action>
+  bool deliverToAll(jvmtiEvent event, const char* name, javaThread* as, delivery how,
+                    Action action) {
+    const auto deliverTo = [&](environment& in) {
+      return deliver<Callback>(in, event, name, as, how, [&](auto callback, threadEnv& env) {
+        action(callback, static_cast<jvmtiEnv*>(&in), env);
+      });
+    };
+    bool isDelivered = deliverTo(jvmti);
+    if (hasOtherEnvironments.load(std::memory_order_acquire)) {
+      for (environment* const each : allEnvironments()) {
+        isDelivered |= each != &jvmti && deliverTo(*each);
+      }
+    }
+    return isDelivered;
+  }
 
   static bool isEvent(jint event) {
     return event >= JVMTI_MIN_EVENT_TYPE_VAL &&
@@ -287,9 +306,17 @@ class machine {
   std::vector<std::unique_ptr<object>> heap;
   std::vector<javaClass*> loadedClasses;
   jvmtiCapabilities potential{};
-  jvmtiCapabilities added{};
   std::vector<eventMode> modes;                            // of the main environment
   std::vector<std::unique_ptr<environment>> environments;  // besides that
+
+  // Of RunAgentThread, not run yet.
+  struct agentThread {
+    environment* in;
+    javaThread* thread;
+    jvmtiStartFunction body;
+    const void* argument;
+  };
+  std::vector<agentThread> agentThreads;
 
   javaClass* objectClass = nullptr;
   javaClass* classClass = nullptr;

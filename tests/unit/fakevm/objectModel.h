@@ -104,6 +104,7 @@ struct frame {
 struct monitorState {
   javaThread* owner = nullptr;
   jint entryCount = 0;
+  jint depth = 0;                            // of the owner's frame that entered it
   std::vector<javaThread*> waiters{};        // wait to enter
   std::vector<javaThread*> notifyWaiters{};  // wait to be notified
 };
@@ -183,8 +184,10 @@ struct javaThread : object {
       : object(objectKind::javaThread, threadClass, identityHash) {}
 
   std::atomic<const std::string*> name{nullptr};  // null: the VM gives a null name
-  std::atomic<void*> storage{nullptr};            // JVMTI thread-local storage
+  std::atomic<void*> storage{nullptr};            // JVMTI thread-local storage, main environment
+  std::map<const void*, void*> otherStorage{};    // by environment; guarded by the virtualMachine
   std::atomic<object*> sent{nullptr};             // by StopThread, last
+  std::atomic<bool> isAlive{true};
   bool isVirtual = false;  // GetObjectMonitorUsage does not name a virtual thread as owner
   bool isDaemon = false;
   jint priority = 5;

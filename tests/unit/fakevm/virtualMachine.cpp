@@ -133,8 +133,9 @@ void virtualMachine::setStatic(field* which, value to) {
   which->staticValue = to;
 }
 
-void virtualMachine::setOwner(object* monitor, javaThread* owner, jint entryCount) {
+void virtualMachine::setOwner(object* monitor, javaThread* owner, jint entryCount, jint depth) {
   std::lock_guard hold(machine_->modelMutex);
+  monitor->monitor.depth = depth;
   monitor->monitor.owner = owner;
   monitor->monitor.entryCount = owner == nullptr ? 0 : entryCount;
 }
@@ -193,7 +194,7 @@ void virtualMachine::setPotentialCapabilities(const jvmtiCapabilities& capabilit
 
 jvmtiCapabilities virtualMachine::capabilities() const {
   std::lock_guard hold(machine_->modelMutex);
-  return machine_->added;
+  return machine_->jvmti.added;
 }
 
 jvmtiEventCallbacks virtualMachine::callbacks() const {
@@ -241,9 +242,9 @@ void virtualMachine::clearException() {
 // --- Events.
 
 bool virtualMachine::vmInit(javaThread* thread, delivery how) {
-  return machine_->deliver<jvmtiEventVMInit>(
+  return machine_->deliverToAll<jvmtiEventVMInit>(
       JVMTI_EVENT_VM_INIT, "VMInit", thread, how,
-      [&](auto callback, threadEnv& env) { callback(jvmti(), &env, ref(thread)); });
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) { callback(in, &env, ref(thread)); });
 }
 
 bool virtualMachine::vmDeath(delivery how) {
@@ -253,39 +254,41 @@ bool virtualMachine::vmDeath(delivery how) {
 }
 
 bool virtualMachine::threadEnd(javaThread* thread) {
-  bool isDelivered = false;
-  for (machine::environment* const each : machine_->allEnvironments()) {
-    isDelivered |= machine_->deliver<jvmtiEventThreadEnd>(
-        *each, JVMTI_EVENT_THREAD_END, "ThreadEnd", thread, delivery::ifEnabled,
-        [&](auto callback, threadEnv& env) { callback(each, &env, ref(thread)); });
-  }
-  return isDelivered;
+  return machine_->deliverToAll<jvmtiEventThreadEnd>(
+      JVMTI_EVENT_THREAD_END, "ThreadEnd", thread, delivery::ifEnabled,
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) { callback(in, &env, ref(thread)); });
 }
 
 bool virtualMachine::contendedEnter(javaThread* thread, object* monitor, delivery how) {
-  return machine_->deliver<jvmtiEventMonitorContendedEnter>(
+  return machine_->deliverToAll<jvmtiEventMonitorContendedEnter>(
       JVMTI_EVENT_MONITOR_CONTENDED_ENTER, "MonitorContendedEnter", thread, how,
-      [&](auto callback, threadEnv& env) { callback(jvmti(), &env, ref(thread), ref(monitor)); });
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
+        callback(in, &env, ref(thread), ref(monitor));
+      });
 }
 
 bool virtualMachine::contendedEntered(javaThread* thread, object* monitor, delivery how) {
-  return machine_->deliver<jvmtiEventMonitorContendedEntered>(
+  return machine_->deliverToAll<jvmtiEventMonitorContendedEntered>(
       JVMTI_EVENT_MONITOR_CONTENDED_ENTERED, "MonitorContendedEntered", thread, how,
-      [&](auto callback, threadEnv& env) { callback(jvmti(), &env, ref(thread), ref(monitor)); });
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
+        callback(in, &env, ref(thread), ref(monitor));
+      });
 }
 
 bool virtualMachine::monitorWait(javaThread* thread, object* monitor, jlong timeout, delivery how) {
-  return machine_->deliver<jvmtiEventMonitorWait>(
-      JVMTI_EVENT_MONITOR_WAIT, "MonitorWait", thread, how, [&](auto callback, threadEnv& env) {
-        callback(jvmti(), &env, ref(thread), ref(monitor), timeout);
+  return machine_->deliverToAll<jvmtiEventMonitorWait>(
+      JVMTI_EVENT_MONITOR_WAIT, "MonitorWait", thread, how,
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
+        callback(in, &env, ref(thread), ref(monitor), timeout);
       });
 }
 
 bool virtualMachine::monitorWaited(javaThread* thread, object* monitor, bool timedOut,
                                    delivery how) {
-  return machine_->deliver<jvmtiEventMonitorWaited>(
-      JVMTI_EVENT_MONITOR_WAITED, "MonitorWaited", thread, how, [&](auto callback, threadEnv& env) {
-        callback(jvmti(), &env, ref(thread), ref(monitor), timedOut ? JNI_TRUE : JNI_FALSE);
+  return machine_->deliverToAll<jvmtiEventMonitorWaited>(
+      JVMTI_EVENT_MONITOR_WAITED, "MonitorWaited", thread, how,
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
+        callback(in, &env, ref(thread), ref(monitor), timedOut ? JNI_TRUE : JNI_FALSE);
       });
 }
 
@@ -335,6 +338,20 @@ std::vector<unsigned char> virtualMachine::classFileLoad(const char* name,
         });
   }
   return bytes;
+}
+
+void virtualMachine::runAgentThreads() {
+  std::vector<machine::agentThread> waiting;
+  {
+    std::lock_guard hold(machine_->modelMutex);
+    waiting.swap(machine_->agentThreads);
+  }
+  threadEnv& env = machine_->current("an agent thread");
+  for (const machine::agentThread& each : waiting) {
+    machine_->enter(env, "agent thread", each.thread, [&] {
+      machine::agentEntry(each.body)(each.in, &env, const_cast<void*>(each.argument));
+    });
+  }
 }
 
 void virtualMachine::runNative(const std::function<void(JNIEnv*)>& body) {

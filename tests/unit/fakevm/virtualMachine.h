@@ -83,7 +83,8 @@ class virtualMachine {
   virtualMachine& operator=(const virtualMachine&) = delete;
 
   // --- What the agent gets hold of. GetEnv gives the main JVMTI environment for this version, and
-  // one of its own each time for others. What the machine is asked of events is about the main one.
+  // one of its own each time for others. What the machine is asked of events and capabilities is
+  // about the main one.
   static constexpr jint kMainInterfaceVersion = 0x30010000;
   JavaVM* javaVm();
   jvmtiEnv* jvmti();
@@ -116,7 +117,8 @@ class virtualMachine {
   void rename(javaThread* thread, std::optional<std::string_view> name);
   void setField(object* owner, field* which, value to);
   void setStatic(field* which, value to);
-  void setOwner(object* monitor, javaThread* owner, jint entryCount = 1);
+  // `depth`: the index of the owner's frame that entered the monitor.
+  void setOwner(object* monitor, javaThread* owner, jint entryCount = 1, jint depth = 0);
   void setWaiters(object* monitor, std::vector<javaThread*> waiters);
   void setNotifyWaiters(object* monitor, std::vector<javaThread*> waiters);
 
@@ -160,10 +162,11 @@ class virtualMachine {
   void clearException();
 
   // --- Events, run on the calling thread in a fresh local frame with fresh references; null stays
-  // null. They give whether a callback was run.
+  // null. Those of threads, monitors and the start of the VM go to all environments. They give
+  // whether a callback was run.
   bool vmInit(javaThread* thread, delivery how = delivery::ifEnabled);
   bool vmDeath(delivery how = delivery::ifEnabled);
-  bool threadEnd(javaThread* thread);  // in all environments
+  bool threadEnd(javaThread* thread);
   bool contendedEnter(javaThread* thread, object* monitor, delivery how = delivery::ifEnabled);
   bool contendedEntered(javaThread* thread, object* monitor, delivery how = delivery::ifEnabled);
   bool monitorWait(javaThread* thread, object* monitor, jlong timeout,
@@ -175,6 +178,9 @@ class virtualMachine {
   bool exception(javaThread* thread, method* code, jlocation location, object* thrown,
                  method* catchCode = nullptr, jlocation catchLocation = 0,
                  delivery how = delivery::ifEnabled);
+
+  // Runs what RunAgentThread was given since the last time, on the calling thread.
+  void runAgentThreads();
 
   // Posts ClassFileLoadHook for these bytes in all environments, one after the other, and gives
   // what they make of them. `redefined` is the class when it is loaded already. The name is as the
