@@ -22,9 +22,10 @@ constexpr unsigned kKindBits = 3;
 constexpr unsigned kSlotBits = 16;
 constexpr unsigned kPlaceBits = 19;  // whether of others, channel, and place of lock or class
 constexpr unsigned kTimeBits = 64 - kKindBits - kPlaceBits;
-constexpr unsigned kCoarse = 10;  // times in words are in units of 1024 ns
-// An acquisition has its session in front of its time, which is 73 minutes at most.
-constexpr unsigned kAcquiredBits = 32;
+constexpr unsigned kCoarse = 10;  // times without a slot are in units of 1024 ns
+// An acquisition has its session in front of its time: units of 16 ns, 73 minutes at most.
+constexpr unsigned kAcquiredUnit = 4;
+constexpr unsigned kAcquiredBits = 38;
 constexpr unsigned kSessionBits = kTimeBits - kAcquiredBits;
 
 constexpr std::uint64_t low(std::uint64_t value, unsigned bits) {
@@ -77,13 +78,13 @@ std::uint64_t timeIn(std::uint64_t word) {
 
 std::uint64_t acquiringWord(std::uint32_t place, std::uint64_t nanos, std::uint32_t session) {
   constexpr std::uint64_t kMost = (std::uint64_t{1} << kAcquiredBits) - 1;
-  const std::uint64_t time = std::min(nanos >> kCoarse, kMost);
+  const std::uint64_t time = std::min(nanos >> kAcquiredUnit, kMost);
   return wordOf(wordKind::acquiring, place, (std::uint64_t{session} << kAcquiredBits) | time);
 }
 
 // The nanoseconds of an acquisition so far; its histogram has them and these in the same place.
 std::uint64_t acquiredIn(std::uint64_t word) {
-  return low(timeIn(word), kAcquiredBits) << kCoarse;
+  return low(timeIn(word), kAcquiredBits) << kAcquiredUnit;
 }
 
 bool isOf(std::uint64_t acquiring, std::uint32_t session) {

@@ -25,7 +25,7 @@ blockedThreads::token blockedThreads::enter(const block& begun, jobject thread) 
   const std::uint32_t other = spread(static_cast<std::uint64_t>(begun.since));
   while (true) {
     std::uint32_t active = active_.load(std::memory_order_relaxed);
-    for (std::uint32_t i = 0; i < 2 * kProbes; ++i) {
+    for (std::uint32_t i = 0; i < kProbes + kMoreProbes; ++i) {
       const std::uint32_t index = ((i < kProbes ? start : other) + i) & (active - 1);
       slot& each = slots_[index];
       std::uint64_t word = each.word.load(std::memory_order_relaxed);

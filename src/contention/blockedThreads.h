@@ -74,6 +74,7 @@ class blockedThreads {
   static constexpr unsigned kStateBits = 8;
   static constexpr std::uint32_t kFirstActive = 64;
   static constexpr std::uint32_t kProbes = 8;
+  static constexpr std::uint32_t kMoreProbes = 32;
 
   struct alignas(64) slot {
     std::atomic<std::uint64_t> word;
