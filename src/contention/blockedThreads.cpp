@@ -22,11 +22,11 @@ std::uint32_t startOfThread() {
 blockedThreads::token blockedThreads::enter(const block& begun, jobject thread) {
   const std::uint32_t start = startOfThread();
   // Virtual threads have the stack of their carrier: so many would not find a place there.
-  const std::uint32_t other = spread(static_cast<std::uint64_t>(begun.since));
+  const std::uint32_t other = spread(static_cast<std::uint64_t>(begun.since ^ begun.since >> 7));
   while (true) {
     std::uint32_t active = active_.load(std::memory_order_relaxed);
     for (std::uint32_t i = 0; i < kProbes + kMoreProbes; ++i) {
-      const std::uint32_t index = ((i < kProbes ? start : other) + i) & (active - 1);
+      const std::uint32_t index = (i < kProbes ? start + i : other + i * kStride) & (active - 1);
       slot& each = slots_[index];
       std::uint64_t word = each.word.load(std::memory_order_relaxed);
       const std::uint64_t turn = word >> kStateBits;

@@ -74,7 +74,8 @@ class blockedThreads {
   static constexpr unsigned kStateBits = 8;
   static constexpr std::uint32_t kFirstActive = 64;
   static constexpr std::uint32_t kProbes = 8;
-  static constexpr std::uint32_t kMoreProbes = 32;
+  static constexpr std::uint32_t kMoreProbes = 32;  // all over the slots
+  static constexpr std::uint32_t kStride = 0x9E3779B1U;
 
   struct alignas(64) slot {
     std::atomic<std::uint64_t> word;
