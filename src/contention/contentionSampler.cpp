@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::int64_t kNanosPerSecond = 1'000'000'000;
 constexpr std::int64_t kNanosPerMilli = 1'000'000;
+constexpr std::uint64_t kStride = 0x9E3779B1U;
 constexpr std::int64_t kUpkeep = 100 * kNanosPerMilli;
 constexpr std::int64_t kThinning = 20 * kNanosPerMilli;
 
@@ -89,8 +90,8 @@ void contentionSampler::catchUp(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) 
   fillWindow(sumUp(now), now);
 }
 
-// Who is blocked by what. The order in which slots are read changes, so that no thread is always
-// among the first.
+// Who is blocked by what. The order in which slots are read changes, so that of more threads than
+// there is room for not always the same are left out.
 void contentionSampler::scan(std::int64_t now) {
   for (const std::uint32_t place : waitedFor_) {
     waiting_[place].clear();
@@ -100,7 +101,6 @@ void contentionSampler::scan(std::int64_t now) {
   otherContended_ = 0;
   otherWaits_ = 0;
   const std::uint32_t end = recorder_.threads().end();
-  constexpr std::uint64_t kStride = 0x9E3779B1U;
   const auto start = static_cast<std::uint32_t>(++tickNumber_ * kStride);
   for (std::uint32_t i = 0; i < end; ++i) {
     const std::uint32_t slot = (start + i) & (end - 1);
@@ -205,7 +205,13 @@ void contentionSampler::weigh(std::int64_t now) {
 
 void contentionSampler::sample(lockLook& look, std::uint32_t place) {
   const lockRecord& record = recorder_.locks().at(place);
-  const lockSeen seen = look.at(place, waiting_[place], kWaitersPerLock);
+  // The first ones are shown: each of them as often as the others.
+  std::vector<waitingThread>& waiting = waiting_[place];
+  const std::uint64_t turn = static_cast<std::uint32_t>(tickNumber_ * kStride);
+  std::rotate(waiting.begin(),
+              waiting.begin() + static_cast<std::ptrdiff_t>(turn * waiting.size() >> 32U),
+              waiting.end());
+  const lockSeen seen = look.at(place, waiting, kWaitersPerLock);
   if (seen.waiters.empty()) {
     return;  // its time waits for a sample
   }
