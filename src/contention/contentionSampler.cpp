@@ -427,6 +427,8 @@ void contentionSampler::adoptThreads(jvmtiEnv* jvmti, JNIEnv* jni,
   if (!isMissing) {
     return;
   }
+  constexpr jint kExpectedThreads = 4096;
+  const support::localFrame frame(jni, kExpectedThreads);
   jint threadCount = 0;
   support::jvmtiPtr<jthread> threads(jvmti);
   threads.fill([&](jthread** out) { return jvmti->GetAllThreads(&threadCount, out); });

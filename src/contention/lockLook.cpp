@@ -16,8 +16,12 @@ namespace {
 // The frames of monitors that a thread holds, with local references.
 class heldMonitors {
  public:
-  heldMonitors(jvmtiEnv* jvmti, JNIEnv* jni) : jni_(jni), held_(jvmti) {}
+  heldMonitors(jvmtiEnv* jvmti, JNIEnv* jni)
+      : jni_(jni), frame_(jni, kExpectedMonitors), held_(jvmti) {}
   ~heldMonitors() {
+    if (frame_.pushed()) {
+      return;
+    }
     for (jint i = 0; i < count_; ++i) {
       jni_->DeleteLocalRef(held_[i].monitor);
     }
@@ -39,7 +43,10 @@ class heldMonitors {
   }
 
  private:
+  static constexpr jint kExpectedMonitors = 1024;
+
   JNIEnv* jni_;
+  support::localFrame frame_;  // the references
   support::jvmtiPtr<jvmtiMonitorStackDepthInfo> held_;
   jint count_ = 0;
 };

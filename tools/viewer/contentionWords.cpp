@@ -95,7 +95,7 @@ void addSampleOmissions(const contentionReport& report, std::vector<std::string>
                   counted(omitted.blocksNotSampled, "block was", "blocks were")));
   add(to, omitted.locksNotSampled,
       fmt::format("{} a lock with blocked threads was passed over, as there were too many at that "
-                  "moment: its pairs have less time than it has.",
+                  "moment: later samples of it stand for that time, too.",
                   counted(omitted.locksNotSampled, "time", "times")));
   add(to, omitted.ownersChanged,
       fmt::format("In {} the owner let go meanwhile, so that it is not known.",

@@ -54,7 +54,8 @@ public final class Chaos {
 
   private static List<Storm> storms(String folder, List<String> names) {
     List<Storm> all = new ArrayList<>(Arrays.asList(new Contention(), new Throwing(),
-        new Following(), new Loading(), new Churn(), new Collecting(), new Sessions(folder)));
+        new Following(), new Loading(), new Churn(), new Collecting(), new Sessions(folder),
+        new Profiles(folder)));
     Storm virtual = VirtualThreads.storm();
     if (virtual != null) {
       all.add(virtual);
