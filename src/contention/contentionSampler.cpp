@@ -91,7 +91,7 @@ void contentionSampler::catchUp(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) 
 }
 
 // Who is blocked by what. The order in which slots are read changes, so that of more threads than
-// there is room for not always the same are left out.
+// there is room for not always the same are skipped.
 void contentionSampler::scan(std::int64_t now) {
   for (const std::uint32_t place : waitedFor_) {
     waiting_[place].clear();
