@@ -66,6 +66,7 @@ TEST(contentionForm, hasPairsWithBothStacks) {
   EXPECT_EQ(pair["owner"][pair["holdingFrame"].get<std::size_t>()],
             "com.example.shop.Inventory.restock(Inventory.java:52)");
   EXPECT_EQ(pair["ownerSite"], "com.example.shop.Inventory.restock(Inventory.java:52)");
+  EXPECT_EQ(pair["ownerNow"], "java.lang.Thread.sleep(Native Method)");
   EXPECT_EQ(pair["waiterThread"], "http-worker-1");
   EXPECT_EQ(pair["ownerThread"], "restocker");
   EXPECT_EQ(pair["nanos"], 38'400'000'000);
@@ -95,6 +96,7 @@ TEST(contentionForm, hasWhatIsStuck) {
   EXPECT_EQ(stuck["name"], "com.example.shop.PriceCache@5c29bfd1");
   EXPECT_EQ(stuck["waiters"][0]["site"], "com.example.shop.PriceCache.price(PriceCache.java:37)");
   EXPECT_EQ(stuck["owner"]["thread"], "price-loader");
+  EXPECT_EQ(stuck["owner"]["now"], "sun.nio.ch.SocketDispatcher.read0(Native Method)");
   EXPECT_EQ(
       form["deadlocks"][0][1],
       json({{"thread", "refunds-2"}, {"waitsFor", 4}, {"name", "com.example.shop.Cart@27ab01e4"}}));

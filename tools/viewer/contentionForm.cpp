@@ -120,7 +120,8 @@ class contentionWriter {
     writeStack("owner", pair.ownerStack);
     json_.member("waiterThread", pair.waiterThread).member("ownerThread", pair.ownerThread);
     json_.member("waiterSite", siteOf(report_, pair.waiterStack));
-    json_.member("ownerSite", ownerPlaceOf(report_, pair.ownerStack, pair.holdingFrame).site);
+    const ownerPlace owner = ownerPlaceOf(report_, pair.ownerStack, pair.holdingFrame);
+    json_.member("ownerSite", owner.site).member("ownerNow", owner.now);
     json_.member("waiterCut", isCut(pair.waiterStack)).member("ownerCut", isCut(pair.ownerStack));
     json_.member("holdingFrame", pair.holdingFrame).member("ownerNote", pair.ownerNote);
     json_.member("ownerWaitsFor", pair.ownerWaitsFor);
@@ -153,7 +154,8 @@ class contentionWriter {
   void writeStuckOwner(const stuckOwner& owner) {
     json_.beginObject().member("thread", owner.thread);
     writeStack("stack", owner.stack);
-    json_.member("site", ownerPlaceOf(report_, owner.stack, owner.holdingFrame).site);
+    const ownerPlace place = ownerPlaceOf(report_, owner.stack, owner.holdingFrame);
+    json_.member("site", place.site).member("now", place.now);
     json_.member("holdingFrame", owner.holdingFrame).member("waitsFor", owner.waitsFor);
     json_.endObject();
   }
