@@ -12,54 +12,21 @@ const flameView = {
     const lock = select('All locks', session.locks.map((one) => one.name));
     const threads = session.threads.filter((one) => one.entries > 0).map((one) => one.name);
     const thread = select('All threads', threads);
-    const search = el('input', {type: 'search', autocomplete: 'off', spellcheck: 'false'});
     const fromContended = el('input', {type: 'checkbox'});
-    const matches = el('span', {class: 'count', role: 'status'});
-    const graph = flameGraph();
-    const table = dataTable({caption: 'Methods of the flame graph', rows: [], sortBy: 1,
-      onSelect: (row) => {
-        search.value = row.name;
-        applySearch();
-      },
-      columns: [
-        {title: 'Method', wide: true, value: (row) => row.name,
-          show: (row) => javaName(row.name)},
-        {title: 'Contended here', numeric: true, value: (row) => row.contended},
-        {title: 'In stacks of', numeric: true, value: (row) => row.total},
-        {title: 'Share', numeric: true, value: (row) => row.total,
-          show: (row) => formatShare(row.total, tree.total(tree.root)),
-          share: (row) => row.total / tree.total(tree.root)},
-      ]});
-    let tree = null;
-    let methods = [];
+    const flame = searchedFlame({methodTitles: ['Contended here', 'In stacks of'],
+      amountText: (total) => plural(total, 'entry', 'entries')});
+    let isShown = false;
 
     const rebuild = () => {
+      isShown = true;
       const threadName = thread.value === '' ? null : threads[Number(thread.value)];
       const lockIndex = lock.value === '' ? -1 : Number(lock.value);
-      tree = new StackTree(session, stackCounts(session, lockIndex, threadName),
-        entriesWithoutStack(session, lockIndex, threadName), fromContended.checked);
-      methods = tree.methods();
-      graph.setTree(tree);
-      applySearch();
-    };
-    const applySearch = () => {
-      const wanted = search.value.toLowerCase();
-      const found = methods.filter((row) => row.name.toLowerCase().includes(wanted));
-      table.setRows(found);
-      const flags = new Uint8Array(tree.names.length);
-      if (wanted !== '') {
-        found.forEach((row) => { flags[row.frame] = 1; });
-      }
-      graph.highlight(flags);
-      const whole = tree.total(tree.root);
-      const matched = tree.matching(flags);
-      matches.textContent = wanted === '' ? '' : `${plural(found.length, 'method', 'methods')} in ${
-        plural(matched, 'entry', 'entries')} (${formatShare(matched, whole) || '0 %'})`;
+      flame.setTree(new StackTree(session, stackCounts(session, lockIndex, threadName),
+        entriesWithoutStack(session, lockIndex, threadName), fromContended.checked));
     };
     for (const control of [lock, thread, fromContended]) {
       control.addEventListener('change', rebuild);
     }
-    search.addEventListener('input', afterTyping(applySearch));
 
     return {
       element: el('div', null, panel('Contended entries by stack',
@@ -67,22 +34,78 @@ const flameView = {
           'stacks that go through it. Click a box or press Enter to zoom, Escape to go back; the arrow ' +
           'keys move.'),
         el('div', {class: 'controls'}, field('Lock', lock), field('Thread', thread),
-          field('Search methods', search), matches,
+          flame.search,
           el('label', {class: 'check'}, fromContended, ' Contended method first')),
-        graph.element, el('h4', null, 'Methods'), table.element)),
+        flame.element)),
       open(argument) {
         if (argument !== '' && session.locks[Number(argument)]) {
           lock.value = argument;
           rebuild();
-        } else if (!tree) {
+        } else if (!isShown) {
           rebuild();
         }
-        graph.draw();
+        flame.draw();
       },
-      redraw: () => graph.draw(),
+      redraw: () => flame.draw(),
     };
   },
 };
+
+// A flame graph with a search and the table of its methods: gives {search (its controls), element,
+// setTree, draw}.
+//   methodTitles  the columns of what ends in a method, and of what goes through it
+//   amountText    writes an amount, such as "3 entries"
+//   amountCell    the same in the table, where it is not the bare number
+function searchedFlame({methodTitles, amountText, amountCell = null}) {
+  const search = el('input', {type: 'search', autocomplete: 'off', spellcheck: 'false'});
+  const matches = el('span', {class: 'count', role: 'status'});
+  const graph = flameGraph(amountText);
+  let tree = null;
+  let methods = [];
+  const amountColumn = (title, value) => ({title, numeric: true, value,
+    show: amountCell && ((row) => amountCell(value(row)))});
+  const table = dataTable({caption: 'Methods of the flame graph', rows: [], sortBy: 1,
+    onSelect: (row) => {
+      search.value = row.name;
+      applySearch();
+    },
+    columns: [
+      {title: 'Method', wide: true, value: (row) => row.name, show: (row) => javaName(row.name)},
+      amountColumn(methodTitles[0], (row) => row.contended),
+      amountColumn(methodTitles[1], (row) => row.total),
+      {title: 'Share', numeric: true, value: (row) => row.total,
+        show: (row) => formatShare(row.total, tree.total(tree.root)),
+        share: (row) => row.total / tree.total(tree.root)},
+    ]});
+
+  const applySearch = () => {
+    const wanted = search.value.toLowerCase();
+    const found = methods.filter((row) => row.name.toLowerCase().includes(wanted));
+    table.setRows(found);
+    const flags = new Uint8Array(tree.names.length);
+    if (wanted !== '') {
+      found.forEach((row) => { flags[row.frame] = 1; });
+    }
+    graph.highlight(flags);
+    const whole = tree.total(tree.root);
+    const matched = tree.matching(flags);
+    matches.textContent = wanted === '' ? '' : `${plural(found.length, 'method', 'methods')} in ${
+      amountText(matched)} (${formatShare(matched, whole) || '0 %'})`;
+  };
+  search.addEventListener('input', afterTyping(applySearch));
+
+  return {
+    search: [field('Search methods', search), matches],
+    element: el('div', null, graph.element, el('h4', null, 'Methods'), table.element),
+    setTree(newTree) {
+      tree = newTree;
+      methods = tree.methods();
+      graph.setTree(tree);
+      applySearch();
+    },
+    draw: graph.draw,
+  };
+}
 
 // A choice between everything, whose value is empty, and the names by index.
 function select(all, names) {
@@ -91,8 +114,8 @@ function select(all, names) {
 }
 
 // Gives {element, setTree, highlight, draw}; draw is to be called when the element has become
-// visible and when colours have changed. `amount` is a weight as a text.
-function flameGraph(amount = (total) => plural(total, 'entry', 'entries')) {
+// visible and when colours have changed. `amountText` writes the amount of a node.
+function flameGraph(amountText) {
   const canvas = el('canvas', {class: 'flame'});
   const line = el('p', {class: 'flame-line', id: newId('flame'), 'aria-live': 'polite'});
   const reset = el('button', {type: 'button', click: () => zoom(tree.root)}, 'Zoom out');
@@ -113,7 +136,7 @@ function flameGraph(amount = (total) => plural(total, 'entry', 'entries')) {
   function describe(node) {
     const whole = tree.total(tree.root);
     const total = tree.total(node);
-    line.textContent = visibleText(`${named(node.name)}: ${amount(total)}` +
+    line.textContent = visibleText(`${named(node.name)}: ${amountText(total)}` +
       (whole > 0 && node !== tree.root ? `, ${formatShare(total, whole)} of all` : ''));
   }
 
@@ -285,9 +308,8 @@ function flameColours() {
       if (/^(java|javax|jdk|sun|com\.sun)\./.test(name)) {
         return jdk;
       }
-      const method = name.replace(/\([^]*/, '');
-      const end = method.lastIndexOf('.');
-      const class_ = end < 0 ? method : method.slice(0, end);
+      const end = methodName(name).lastIndexOf('.');
+      const class_ = end < 0 ? name : name.slice(0, end);
       if (!tints.has(class_)) {
         tints.set(class_, tintOf(class_));
       }

@@ -45,10 +45,42 @@ function shortName(name, parts = 1) {
   return pieces.slice(-parts).join('.');
 }
 
-// "a.b.C.m" as "C.m", and "a.b.C.m(C.java:7)" as "C.m:7".
+// "a.b.C.m" as "C.m", and "a.b.C.m(C.java:7)" as "C.m(C.java:7)".
 function shortMethod(name) {
-  const [, method, line] = /^([^(]+)\([^]*?(:\d+)?\)$/.exec(name) ?? [null, name, ''];
-  return shortName(method, 2) + (line ?? '');
+  const place = name.indexOf('(', 1);
+  return place < 0 ? shortName(name, 2) : shortName(name.slice(0, place), 2) + name.slice(place);
+}
+
+// "a.b.C.m(C.java:7)" as "a.b.C.m"; what stands in brackets as a whole stays.
+function methodName(frame) {
+  const place = frame.indexOf('(', 1);
+  return place < 0 || frame.startsWith('(') ? frame : frame.slice(0, place);
+}
+
+const kNanosOfMilli = 1e6;
+
+// Nanoseconds as milliseconds, with a tenth where there are few.
+function formatMillis(nanos) {
+  const millis = nanos / kNanosOfMilli;
+  return millis >= 100 || nanos === 0 ? formatNumber(Math.round(millis))
+    : millis < 0.1 ? '<0.1' : millis.toFixed(1);
+}
+
+// Nanoseconds in the unit that suits them.
+function formatNanos(nanos) {
+  const units = [['ns', 1, 1e3], ['µs', 1e3, 1e6], ['ms', 1e6, 1e9], ['s', 1e9, 120e9],
+    ['min', 60e9, 120 * 60e9], ['h', 3600e9, Infinity]];
+  const [unit, size] = units.find(([, , end]) => nanos < end);
+  const value = nanos / size;
+  return `${value >= 100 || unit === 'ns' ? formatNumber(Math.round(value)) : value.toFixed(1)} ${
+    unit}`;
+}
+
+// Milliseconds since 1970 as "14:35:15" UTC, with the day, unless all of `times` are of one day.
+function momentFormatFor(times) {
+  const textOf = (time) => new Date(time).toISOString();
+  const format = timeFormatFor(times.map(textOf));
+  return (time) => format(textOf(time)).replace(/\.\d+$/, '');
 }
 
 const plural = (count, one, many) => `${formatNumber(count)} ${count === 1 ? one : many}`;

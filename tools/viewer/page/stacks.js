@@ -3,12 +3,13 @@
 // for, which keeps 100 thousand stacks as quick as ten.
 
 class StackTree {
-  // `counts` weighs the stacks of the session by index; those of weight 0 are omitted. `without` are
-  // the entries that have no stack. Frames go from the outermost caller to the contended one, or the
-  // other way when `fromContended`.
+  // `session` has `stacks` and the `frames` that they refer to, and may have a name for stacks that are
+  // not known. `counts` weighs the stacks of the session by index; those of weight 0 are omitted.
+  // `without` are the entries that have no stack. Frames go from the outermost caller to the contended
+  // one, or the other way when `fromContended`.
   constructor(session, counts, without, fromContended) {
     const unknown = session.frames.length;
-    this.names = [...session.frames, kUnknownStack, kNoStack];
+    this.names = [...session.frames, session.unknownStack ?? kUnknownStack, kNoStack];
     const rank = new Int32Array(this.names.length);
     [...this.names.keys()]
       .sort((a, b) => (this.names[a] < this.names[b] ? -1 : this.names[a] > this.names[b] ? 1 : 0))
