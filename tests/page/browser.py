@@ -105,6 +105,27 @@ class Browser:
     def text(self):
         return self.run("return document.body.innerText")
 
+    def expect_readable(self, view):
+        """Everything in the view has what assistive technology needs."""
+        assert self.one("#views a[aria-current=page]").text == view
+        assert not self.run(
+            "return [...document.querySelectorAll('main input, main select')]"
+            ".filter(e => e.labels.length === 0).length"), view
+        assert not self.run(
+            "return [...document.querySelectorAll('table')].filter(e => !e.caption).length"), view
+        assert not self.run(
+            "return [...document.querySelectorAll('button, a, summary')]"
+            ".filter(e => !e.textContent.trim()).length"), view
+        pictures = self.run(
+            "return [...document.querySelectorAll('svg')].filter(e => "
+            "!e.hasAttribute('aria-label') && e.getAttribute('aria-hidden') !== 'true').length")
+        assert pictures == 0, view
+        figures = self.all("figure")
+        assert all(self.all("table.data", figure) for figure in figures), view
+        levels = self.run("return [...document.querySelectorAll('h1,h2,h3,h4,h5,h6')]"
+                             ".map(e => Number(e.tagName[1]))")
+        assert all(b - a <= 1 for a, b in zip(levels, levels[1:])), (view, levels)
+
 
 class Table:
     def __init__(self, browser, element):

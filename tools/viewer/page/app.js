@@ -2,15 +2,16 @@
 // address's part after "#": the view's id, and after a slash what to show in it.
 
 // The report of one run, or a comparison, which has one view.
-const kViews = [comparisonView, overviewView, contentionView, contentionFlameView, lockView, flameView,
-  blockerView, exceptionView, memoryView];
+const kViews = [comparisonView, overviewView, contentionView, blockedFlameView, pairView, lockView,
+  flameView, blockerView, exceptionView, memoryView];
 
 class Page {
   constructor(report) {
     this.report = report;
     this.session = report.locks?.[0] ?? null;
+    this.profile = mostContended(report.contention ?? []);
     this.built = new Map();  // view id to what its build() gave
-    this.views = kViews.filter((view) => view.isIn(report, this.session));
+    this.views = kViews.filter((view) => view.isIn(report, this.session, this.profile));
     this.content = document.getElementById('content');
     this.showTitle();
     this.showSessions();
@@ -41,24 +42,32 @@ class Page {
   }
 
   showSessions() {
-    const sessions = this.report.locks ?? [];
-    if (sessions.length < 2) {
-      return;
-    }
-    const choice = document.getElementById('session');
-    choice.append(...sessions.map((session, index) =>
-      el('option', {value: index}, `${session.id}: ${session.name}`)));
-    choice.addEventListener('change', () => {
-      this.session = sessions[Number(choice.value)];
-      this.built.clear();
-      history.replaceState(null, '', `#${this.viewId()}`);
-      this.open(false);
-    });
-    document.getElementById('session-switch').hidden = false;
+    this.showChoice('session', this.report.locks ?? [],
+      (session) => `${session.id}: ${session.name}`);
+    this.showChoice('profile', this.report.contention ?? [],
+      (profile) => `${profile.source}, ${momentFormatFor([])(profile.started)}`);
   }
 
-  viewId() {
-    return location.hash.slice(1).split('/')[0];
+  // The choice among what there is more than one of, for the member of this name.
+  showChoice(member, all, nameOf) {
+    if (all.length < 2) {
+      return;
+    }
+    const choice = document.getElementById(member);
+    choice.append(...all.map((one, index) =>
+      el('option', {value: index, selected: one === this[member]}, nameOf(one))));
+    choice.addEventListener('change', () => {
+      this[member] = all[Number(choice.value)];
+      this.built.clear();
+      history.replaceState(null, '', `#${this.view.id}`);
+      this.open(false);
+    });
+    document.getElementById(`${member}-switch`).hidden = false;
+  }
+
+  // What the page opens on.
+  firstView() {
+    return this.profile && hasContention(this.profile) ? contentionView : this.views[0];
   }
 
   // Shows the view that the address names; the focus goes to it when the reader went there.
@@ -67,9 +76,10 @@ class Page {
     if (id === 'content') {
       return;  // the link that skips the navigation
     }
-    const view = this.views.find((one) => one.id === id) ?? this.views[0];
+    const view = this.views.find((one) => one.id === id) ?? this.firstView();
+    this.view = view;
     if (!this.built.has(view.id)) {
-      this.built.set(view.id, view.build(this.report, this.session));
+      this.built.set(view.id, view.build(this.report, this.session, this.profile));
     }
     const built = this.built.get(view.id);
     if (this.current !== built) {

@@ -1,90 +1,65 @@
-// The flame graph of blocked time: by the stacks of those who waited, or of the owners meanwhile.
+// The flame graphs of a contention profile: what threads did that were blocked, and what those did
+// that held the locks meanwhile.
 
-const contentionFlameView = {
-  id: 'blocked',
-  title: 'Blocked time',
-  isIn: (report) => (report.contention ?? []).some((one) => one.locks.some(isBlocking)),
+const blockedFlameView = {
+  id: 'blockedstacks',
+  title: 'Blocked stacks',
+  isIn: (report, session, profile) => Boolean(profile),
 
-  build(report) {
-    const reports = report.contention;
-    const profile = el('select', null,
-      reports.map((one, index) => el('option', {value: index}, contentionTitle(one))));
-    const holder = el('span');
-    const side = el('select', null, el('option', {value: 'waiter'}, 'those who waited'),
-      el('option', {value: 'owner'}, 'the owners meanwhile'));
+  build(report, session, profile) {
+    const choices = [
+      ['All monitors and locks', allLocks(profile).filter(isContention)],
+      ['All waits that are not idle', allLocks(profile).filter(isWait)],
+      ...allLocks(profile).filter((lock) => lock.pairs.length > 0)
+        .map((lock) => [lockText(lock), [lock]]),
+    ];
+    const lock = el('select', null, choices.map(([name], index) =>
+      el('option', {value: index}, name)));
+    const side = el('select', null, el('option', {value: 'waiter'}, 'Threads that were blocked'),
+      el('option', {value: 'owner'}, 'Threads that held the lock'));
+    const weight = el('select', null, el('option', {value: 'nanos'}, 'Blocked time'),
+      el('option', {value: 'samples'}, 'Samples'));
+    const withLines = el('input', {type: 'checkbox'});
     const innermostFirst = el('input', {type: 'checkbox'});
-    const graph = flameGraph((nanos) => `${formatMillis(nanos)} ms`);
-    const note = el('p', {class: 'note'});
-    let lock = null;
-    let locks = [];
+    const known = el('p', {class: 'note', id: 'sampled-time'});
+    const amountText = (amount) => (weight.value === 'nanos' ? formatNanos(amount)
+      : plural(amount, 'sample', 'samples'));
+    const flame = searchedFlame({methodTitles: ['Ends here', 'In stacks of'], amountText,
+      amountCell: (amount) => (weight.value === 'nanos' ? `${formatMillis(amount)} ms`
+        : formatNumber(amount))});
+    let isShown = false;
 
     const rebuild = () => {
-      const chosen = lock.value === '' ? locks : [locks[Number(lock.value)]];
-      const {session, counts, without, whole} = blockedStacks(chosen, side.value);
-      graph.setTree(new StackTree(session, counts, without, innermostFirst.checked));
-      graph.draw();
-      note.textContent = side.value === 'owner'
-        ? 'Each box is a method of a thread that held the lock, as wide as the time that others were ' +
-          'blocked by it, from samples. Where the owner is not known, the box is the reason.'
-        : `Each box is a method that led to a lock, as wide as the time that threads were blocked ` +
-          `there: ${formatMillis(whole)} ms in all. Samples show the stacks; time that they do not ` +
-          `stand for is ${kNoStack}.`;
+      isShown = true;
+      const locks = choices[Number(lock.value)][1];
+      const {session: stacks, weights} = pairStacks(locks, side.value,
+        (pair) => pair[weight.value], withLines.checked);
+      flame.setTree(new StackTree(stacks, weights, 0, innermostFirst.checked));
+      known.textContent = `The samples of these locks stand for ${
+        formatNanos(sum(locks.flatMap((one) => one.pairs.map((pair) => pair.nanos))))}, of ${
+        formatNanos(sum(locks.map(totalNanos)))} that threads spent there.`;
     };
-    const showLocks = () => {
-      const one = reports[Number(profile.value)];
-      locks = [...one.locks, ...one.otherLocks].filter(isBlocking);
-      lock = select('All monitors and locks', locks.map(lockName));
-      lock.addEventListener('change', rebuild);
-      holder.replaceChildren(field('Lock', lock));
-      rebuild();
-    };
-    for (const control of [side, innermostFirst]) {
+    for (const control of [lock, side, weight, withLines, innermostFirst]) {
       control.addEventListener('change', rebuild);
     }
-    profile.addEventListener('change', showLocks);
-
     return {
-      element: panel('Blocked time by stack', note,
-        el('div', {class: 'controls'}, reports.length > 1 && field('Profile', profile), holder,
-          field('Stacks of', side),
+      element: el('div', null, panel('Blocked time by stack',
+        el('p', {class: 'note'}, 'Each box is a method, as wide as the time that threads were blocked ' +
+          'while it was on the stack: on that of the blocked thread, or on that of the owner that ' +
+          'kept it so. Stacks are known from samples; entries are counted by lock and not by stack. ' +
+          'Click a box or press Enter to zoom, Escape to go back; the arrow keys move.'),
+        el('div', {class: 'controls'}, field('Stacks of', side), field('Width', weight),
+          field('Lock', lock), flame.search,
+          el('label', {class: 'check'}, withLines, ' Line numbers'),
           el('label', {class: 'check'}, innermostFirst, ' Innermost method first')),
-        graph.element),
+        known, flame.element)),
       open() {
-        if (lock === null) {
-          showLocks();
+        if (!isShown) {
+          rebuild();
         }
-        graph.draw();
+        flame.draw();
       },
-      redraw: () => graph.draw(),
+      redraw: () => flame.draw(),
     };
   },
 };
-
-// The stacks of the pairs of these locks in the form that StackTree takes, weighed by nanoseconds.
-function blockedStacks(locks, side) {
-  const frames = new Map();  // name to index
-  const stacks = new Map();  // joined indexes to {frames, nanos}
-  const frameOf = (name) => {
-    if (!frames.has(name)) {
-      frames.set(name, frames.size);
-    }
-    return frames.get(name);
-  };
-  let without = 0;
-  for (const lock of locks) {
-    const sampled = sum(lock.pairs.map((pair) => pair.nanos));
-    without += side === 'waiter' ? Math.max(0, timeOf(lock) - sampled) : 0;
-    for (const pair of lock.pairs) {
-      const names = pair[side] ?? [side === 'owner' && pair.ownerThread === null
-        ? `(${ownerNote(pair.ownerNote)})` : '(stack not known)'];
-      const indexes = names.map(frameOf);
-      const key = indexes.join();
-      const stack = stacks.get(key) ?? {frames: indexes, nanos: 0};
-      stack.nanos += pair.nanos;
-      stacks.set(key, stack);
-    }
-  }
-  const all = [...stacks.values()];
-  return {session: {frames: [...frames.keys()], stacks: all}, counts: all.map((one) => one.nanos),
-    without, whole: without + sum(all.map((one) => one.nanos))};
-}

@@ -5,13 +5,16 @@ const overviewView = {
   title: 'Overview',
   isIn: (report) => !report.tables,
 
-  build(report, session) {
+  build(report, session, profile) {
     const parts = [problemList(report.problems), unfinishedList(report.unfinished)];
-    const tiles = [...contentionTiles(report), ...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
+    const tiles = [...profileTiles(profile), ...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
       el('div', null, el('dt', null, title), el('dd', {class: 'value'}, number),
         el('dd', {class: 'note'}, note)))));
     const columns = el('div', {class: 'columns'});
+    if (profile) {
+      columns.append(mostBlockedClasses(profile), mostBlockingSites(profile));
+    }
     if (session) {
       columns.append(mostBlocked(session), mostContendedSites(session), topOwners(session));
     }
@@ -39,15 +42,40 @@ const unfinishedList = (files) => files.length > 0 &&
     el('h3', null, 'Sessions that did not end: the JVM was killed or is still running'),
     el('ul', null, files.map((file) => el('li', null, file))));
 
-// Of several contention reports each has its own.
-function contentionTiles(report) {
-  return (report.contention ?? []).flatMap((one) => [
-    ['Blocked', `${formatMillis(one.totals.totalNanos)} ms`, `by ${
-      plural(one.totals.locks, 'monitor or lock', 'monitors and locks')}, ${
-      plural(one.totals.entries, 'entry', 'entries')}`],
-    ['Stuck', plural(one.stuck.length, 'lock', 'locks'),
-      `${plural(one.deadlocks.length, 'deadlock', 'deadlocks')} when the report was written`],
-  ]);
+function profileTiles(profile) {
+  if (!profile) {
+    return [];
+  }
+  const {totals, deadlocks, stuck} = profile;
+  const stuckText = deadlocks.length > 0 ? plural(deadlocks.length, 'deadlock', 'deadlocks')
+    : stuck.length > 0 ? `stuck at ${plural(stuck.length, 'lock', 'locks')}` : 'none is stuck';
+  return [
+    ['Blocked, contention profile', formatNanos(totals.totalNanos), `${
+      plural(totals.entries, 'entry', 'entries')} of monitors and locks`],
+    ['Still blocked', formatNumber(totals.stillBlocked), stuckText],
+  ];
+}
+
+const mostBlockedClasses = (profile) => ranking('Contended locks by class',
+  lockRows(profile, isContention, true, null).sort((a, b) => b.nanos - a.nanos).slice(0, kRanked)
+    .map((row) => ({
+      name: shortName(row.name), title: row.field ?? row.name, amount: row.nanos,
+      text: `${formatNanos(row.nanos)}, ${plural(row.entries, 'entry', 'entries')}`,
+      href: '#contention',
+    })), {href: '#contention', text: 'All locks of the contention profile'});
+
+function mostBlockingSites(profile) {
+  const nanosOf = new Map();
+  for (const pair of sitePairs(allLocks(profile).filter(isContention))) {
+    if (pair.isKnown) {
+      const site = siteText(pair.owner);
+      nanosOf.set(site, (nanosOf.get(site) ?? 0) + pair.nanos);
+    }
+  }
+  return ranking('Where locks were held while others waited', [...nanosOf]
+    .sort((a, b) => b[1] - a[1]).slice(0, kRanked).map(([site, nanos]) => ({
+      name: shortMethod(site), title: site, amount: nanos, text: formatNanos(nanos), href: '#pairs',
+    })), {href: '#pairs', text: 'All waiters and owners'});
 }
 
 function lockTiles(session) {
