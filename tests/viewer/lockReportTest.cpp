@@ -35,6 +35,13 @@ TEST(lockReportReader, readsTheSessionAndItsLocks) {
   EXPECT_THAT(stock.entriesPerMinute, ElementsAre(5, 7));
 }
 
+TEST(lockReportReader, tellsWhichStacksAreOfNoLock) {
+  EXPECT_THAT(parsedReport().stacksOfNoLock, IsEmpty());
+  const lockReport more = parsedReport(
+      replaced(kReport, R"({"11": "", "22": ""})", R"({"33": "", "11": "", "5": ""})"));
+  EXPECT_THAT(more.stacksOfNoLock, ElementsAre(33U, 5U));
+}
+
 TEST(lockReportReader, ranksEqualLocksByWaitsThenEntries) {
   const std::string lock = R"("%": {"id": "", "count": 1, "graph": [], "totalBlockTime": 0,
                                     "totalWaitTime": 0, "threadbean": {}})";

@@ -297,6 +297,18 @@ TEST(filter, keepsLocksByNameThreadAndStack) {
   EXPECT_EQ(locksWith("none"), 0U);
 }
 
+TEST(filter, keepsStacksOfNoLockByTheirFrames) {
+  profile all = small();
+  all.lockReports[0].locks.clear();
+  all.lockReports[0].blockers.clear();
+  all.lockReports[0].stacksOfNoLock = {11, 22, 33};
+  filter(all, "stock.PUT");
+  EXPECT_EQ(all.lockReports[0].stacksOfNoLock, std::vector<std::uint64_t>{22});
+  EXPECT_TRUE(holdsAny(all));
+  filter(all, "none");
+  EXPECT_FALSE(holdsAny(all));
+}
+
 TEST(filter, keepsExceptionsByAnythingInThem) {
   const auto recordsWith = [](const std::string& text) {
     profile all = readProfile({kData / "shop-run"});

@@ -63,6 +63,8 @@ class lockSessionWriter {
                [&](const siteSum& one) { writeSite(one); });
     writeArray(json_, "blockers", report_.blockers,
                [&](const blockerEntry& one) { writeBlocker(one); });
+    writeArray(json_, "stacksOfNoLock", report_.stacksOfNoLock,
+               [&](std::uint64_t hash) { json_.value(hashes_.of(hash)); });
     writeArray(json_, "stacks", hashes_.all(), [&](std::uint64_t hash) { writeStack(hash); });
     writeArray(json_, "frames", frames_.all(),
                [&](frameId frame) { json_.value(stacks_.method(frame)); });

@@ -99,8 +99,13 @@ const shape& membersShape() {
   return result;
 }
 
-place countedStack(void* target, std::string&) {
-  static_cast<lockReport*>(target)->distinctStacks++;
+// Its place, whichever thread it is of, is found when all has been read.
+place countedStack(void* target, std::string& name) {
+  lockReport& report = *static_cast<lockReport*>(target);
+  report.distinctStacks++;
+  if (const auto hash = parseHash(name)) {
+    report.stacksOfNoLock.push_back(*hash);
+  }
   return droppedText(nullptr);
 }
 
@@ -235,6 +240,19 @@ double ownerScaleOf(const lockReport& report) {
   return std::max(1.0, std::min(scale, static_cast<double>(totalsOf(report).entries) / found));
 }
 
+void dropStacksOfLocks(lockReport& report) {
+  std::unordered_set<std::uint64_t> ofLocks;
+  for (const lockEntry& lock : report.locks) {
+    for (const threadEntry& thread : lock.threads) {
+      for (const stackUse& use : thread.stacks) {
+        ofLocks.insert(use.hash);
+      }
+    }
+  }
+  std::erase_if(report.stacksOfNoLock,
+                [&](std::uint64_t hash) { return !ofLocks.insert(hash).second; });
+}
+
 }  // namespace
 
 lockReport readLockReport(byteSource bytes, const std::string& source) {
@@ -247,6 +265,7 @@ lockReport readLockReport(byteSource bytes, const std::string& source) {
     rank(lock.threads, weight<threadEntry>);
   }
   report.ownerScale = ownerScaleOf(report);
+  dropStacksOfLocks(report);
   return report;
 }
 

@@ -64,6 +64,11 @@ struct lockReport {
   std::optional<ownerLookups> lookups;  // none of an agent without that limit
   double ownerScale = 1;                // times timesOwner: an estimate of none being skipped
   std::size_t distinctStacks = 0;
+
+  // Stacks that no thread of a lock has, in the order of the report: of threads that were blocked
+  // by a lock that the summary session did not meet, or that had no room there. A lower bound, for
+  // such a thread may have the stack of another one. How often they were seen was not counted.
+  std::vector<std::uint64_t> stacksOfNoLock;
 };
 
 // Throws inputError: `source` (the name for the text in errors), the place and what was expected.

@@ -6,6 +6,7 @@
 #include <map>
 #include <span>
 
+#include "contentionWords.h"
 #include "sites.h"
 #include "tableParts.h"
 #include "textTable.h"
@@ -114,7 +115,9 @@ std::string sessionLine(const lockReport& report, const terminalStyle& terminal)
 std::string topLocks(const lockReport& report, const tableLimits& limits,
                      const terminalStyle& terminal) {
   if (report.locks.empty()) {
-    return "No lock is in the report: nothing was contended, or no detail session was run.\n";
+    return report.stacksOfNoLock.empty()
+               ? "No lock is in the report: nothing was contended, or no detail session was run.\n"
+               : "No lock is in the report, but threads were blocked by some: see below.\n";
   }
   const bool hasGraph =
       std::any_of(report.locks.begin(), report.locks.end(),
@@ -289,25 +292,47 @@ std::string blockers(const lockReport& report, std::size_t rows, const terminalS
          sampleNote(report);
 }
 
+std::string stacksOfNoLock(const lockReport& report, const stackTable& stacks,
+                           const tableLimits& limits, const terminalStyle& terminal) {
+  if (report.stacksOfNoLock.empty()) {
+    return "";
+  }
+  const std::size_t count = report.stacksOfNoLock.size();
+  std::string result =
+      terminal.strong(fmt::format("Blocked, but at no lock of the report: {} {}\n", grouped(count),
+                                  count == 1 ? "stack" : "stacks"));
+  result +=
+      sentenceLines({"They belong to locks that the summary session did not know, or to threads "
+                     "that had no room. How often and how long these were blocked is not known."},
+                    terminal);
+  std::size_t rank = 1;
+  for (std::uint64_t hash : first(report.stacksOfNoLock, limits.rows)) {
+    result += fmt::format("{:>{}}.\n", rank++, kIndent) + framesOf(hash, stacks, limits, terminal);
+  }
+  return result + moreLine(count, limits.rows, 0);
+}
+
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
                        const tableLimits& limits, const terminalStyle& terminal) {
   const std::string head = sessionLine(report, terminal) + '\n';
+  const std::string elsewhere = stacksOfNoLock(report, stacks, limits, terminal);
+  const std::string end = elsewhere.empty() ? "" : '\n' + elsewhere;
   switch (by) {
     case ranking::thread:
-      return head + topThreads(report, limits, terminal);
+      return head + topThreads(report, limits, terminal) + end;
     case ranking::site:
-      return head + topSites(report, stacks, limits, terminal);
+      return head + topSites(report, stacks, limits, terminal) + end;
     case ranking::lockClass:
-      return head + topLockClasses(report, limits, terminal);
+      return head + topLockClasses(report, limits, terminal) + end;
     case ranking::owner:
-      return head + blockers(report, limits.rows, terminal);
+      return head + blockers(report, limits.rows, terminal) + end;
     case ranking::lock:
       break;
   }
   const std::string details =
       report.locks.empty() ? "" : '\n' + lockDetails(report, stacks, limits, terminal);
   return head + topLocks(report, limits, terminal) + details + '\n' +
-         blockers(report, limits.threads, terminal);
+         blockers(report, limits.threads, terminal) + end;
 }
 
 }  // namespace viewer

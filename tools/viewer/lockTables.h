@@ -40,7 +40,12 @@ std::string blockers(const lockReport& report, std::size_t rows, const terminalS
 std::string topLockClasses(const lockReport& report, const tableLimits& limits,
                            const terminalStyle& terminal);
 
-// The session line and the ranking; that of locks has their details and the blockers too.
+// The stacks of threads that were blocked, but at no lock of the report; nothing where none were.
+std::string stacksOfNoLock(const lockReport& report, const stackTable& stacks,
+                           const tableLimits& limits, const terminalStyle& terminal);
+
+// The session line, the ranking, and the stacks of no lock; the ranking of locks has their details
+// and the blockers too.
 std::string lockTables(const lockReport& report, const stackTable& stacks, ranking by,
                        const tableLimits& limits, const terminalStyle& terminal);
 

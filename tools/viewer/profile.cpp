@@ -380,14 +380,17 @@ bool contains(const exceptionRecord& one, const std::string& text) {
          });
 }
 
+bool contains(std::uint64_t stack, const stackTable& stacks, const std::string& text) {
+  const std::vector<frameId>* frames = stacks.find(stack);
+  return frames != nullptr && std::any_of(frames->begin(), frames->end(), [&](frameId frame) {
+           return contains(stacks.method(frame), text);
+         });
+}
+
 bool contains(const std::vector<stackUse>& uses, const stackTable& stacks,
               const std::string& text) {
-  return std::any_of(uses.begin(), uses.end(), [&](const stackUse& use) {
-    const std::vector<frameId>* frames = stacks.find(use.hash);
-    return frames != nullptr && std::any_of(frames->begin(), frames->end(), [&](frameId frame) {
-             return contains(stacks.method(frame), text);
-           });
-  });
+  return std::any_of(uses.begin(), uses.end(),
+                     [&](const stackUse& use) { return contains(use.hash, stacks, text); });
 }
 
 }  // namespace
@@ -467,6 +470,8 @@ void filter(profile& all, const std::string& text) {
     std::erase_if(report.blockers, [&](const blockerEntry& one) {
       return !contains(one.name, text) && !contains(one.stacks, all.stacks, text);
     });
+    std::erase_if(report.stacksOfNoLock,
+                  [&](std::uint64_t stack) { return !contains(stack, all.stacks, text); });
   }
   for (contentionReport& report : all.contentionReports) {
     keepLocks(report, [&](const std::string& in) { return contains(in, text); });
@@ -481,9 +486,11 @@ void filter(profile& all, const std::string& text) {
 
 bool holdsAny(const profile& all) {
   return (all.exceptions && all.exceptions->size() > 0) ||
-         std::any_of(
-             all.lockReports.begin(), all.lockReports.end(),
-             [](const lockReport& one) { return !one.locks.empty() || !one.blockers.empty(); }) ||
+         std::any_of(all.lockReports.begin(), all.lockReports.end(),
+                     [](const lockReport& one) {
+                       return !one.locks.empty() || !one.blockers.empty() ||
+                              !one.stacksOfNoLock.empty();
+                     }) ||
          std::any_of(all.contentionReports.begin(), all.contentionReports.end(), holdsLocks) ||
          std::any_of(all.memoryReports.begin(), all.memoryReports.end(),
                      [](const memoryReport& one) { return !one.classes.empty(); });
