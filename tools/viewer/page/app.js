@@ -8,7 +8,11 @@ const kViews = [comparisonView, overviewView, contentionView, blockedFlameView, 
 class Page {
   constructor(report) {
     this.report = report;
-    this.session = report.locks?.[0] ?? null;
+    this.sessions = report.locks ?? [];
+    if (this.sessions.length > 1) {
+      this.sessions = [mergedSession(this.sessions), ...this.sessions];
+    }
+    this.session = this.sessions[0] ?? null;
     this.profile = mostContended(report.contention ?? []);
     this.built = new Map();  // view id to what its build() gave
     this.views = kViews.filter((view) => view.isIn(report, this.session, this.profile));
@@ -42,8 +46,8 @@ class Page {
   }
 
   showSessions() {
-    this.showChoice('session', this.report.locks ?? [],
-      (session) => `${session.id}: ${session.name}`);
+    this.showChoice('session', this.sessions,
+      (session) => (session.parts ? 'All sessions' : `${session.id}: ${session.name}`));
     this.showChoice('profile', this.report.contention ?? [],
       (profile) => `${profile.source}, ${momentFormatFor([])(profile.started)}`);
   }
@@ -65,9 +69,15 @@ class Page {
     document.getElementById(`${member}-switch`).hidden = false;
   }
 
-  // What the page opens on.
+  // What the page opens on: the most blocked time, if there is any.
   firstView() {
-    return this.profile && hasContention(this.profile) ? contentionView : this.views[0];
+    const {profile, session} = this;
+    const blockedSeconds = session?.totals.blockedSeconds ?? 0;
+    if (profile && hasContention(profile) &&
+        profile.totals.totalNanos >= blockedSeconds * kNanosOfSecond) {
+      return contentionView;
+    }
+    return blockedSeconds > 0 || session?.stacksOfNoLock.length > 0 ? lockView : this.views[0];
   }
 
   // Shows the view that the address names; the focus goes to it when the reader went there.

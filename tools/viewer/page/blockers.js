@@ -15,11 +15,10 @@ const blockerView = {
           'that another thread came to, and how often each thread came to each lock, but not the ' +
           'pairs. The cells are therefore estimates (≈): the count of an owner is spread over the ' +
           'locks that it owned and the threads that came to them. ' +
-          (ownersAreSampled(session) ? '' : 'The sums of the owners are exact. ') + 'A ' +
-          'hatched row is an owner that never blocked itself: its locks are not known, so all are taken.'),
-        sampleNote(session),
-        session.blockers.length > 0 ? matrix(session, pairs)
-          : el('p', {class: 'note'}, 'No thread was found owning a lock while others came to it.')),
+          (ownersAreSampled(session) ? '' : 'The sums of the owners are exact.')),
+        sampleNote(session), unknownLocksNote(session, pairs),
+        pairs.length > 0 ? matrix(session, pairs) : session.blockers.length === 0 &&
+          el('p', {class: 'note'}, 'No thread was found owning a lock while others came to it.')),
       panel('Pairs', pairTable(session, pairs)),
       panel('Threads', threadsTable(session)))};
   },
@@ -40,13 +39,28 @@ function sampleNote(session) {
       'estimates of the pairs are scaled up, blocking periods and seconds are as found.');
 }
 
+// The owners that are not in pairs.
+function unknownLocksNote(session, pairs) {
+  const known = new Set(pairs.map((pair) => pair.owner));
+  const kShown = 5;
+  const others = session.blockers.filter((owner) => !known.has(owner.name))
+    .sort((a, b) => b.timesOwner - a.timesOwner);
+  return others.length > 0 && el('p', {class: 'note', id: 'owners-without-locks'},
+    'Not in a pair, as it is not known which locks they owned: ', others.slice(0, kShown).map((owner) =>
+      `${named(owner.name)} (found owning ${plural(owner.timesOwner, 'time', 'times')})`).join(', '),
+    others.length > kShown ? ` and ${plural(others.length - kShown, 'more owner', 'more owners')}.`
+      : '.');
+}
+
 // The column of scaled counts, where they are needed.
 const inAll = (session, column) => (ownersAreSampled(session) ? [column] : []);
 
 function matrix(session, pairs) {
-  const owners = [...session.blockers].sort((a, b) => b.timesOwner - a.timesOwner)
-    .slice(0, kMatrixSide);
-  const blocked = session.threads.filter((thread) => thread.entries > 0)
+  const names = (member) => new Set(pairs.map((pair) => pair[member]));
+  const [allOwners, allBlocked] = [names('owner'), names('blocked')];
+  const owners = session.blockers.filter((owner) => allOwners.has(owner.name))
+    .sort((a, b) => b.timesOwner - a.timesOwner).slice(0, kMatrixSide);
+  const blocked = session.threads.filter((thread) => allBlocked.has(thread.name))
     .sort((a, b) => b.entries - a.entries).slice(0, kMatrixSide);
   const highest = Math.max(maximum(pairs.map((pair) => pair.estimate)), 1);
   const cells = new Map(pairs.map((pair) => [JSON.stringify([pair.owner, pair.blocked]), pair]));
@@ -56,13 +70,13 @@ function matrix(session, pairs) {
     }
     const pair = cells.get(JSON.stringify([owner.name, thread.name]));
     const estimate = Math.round(pair?.estimate ?? 0);
-    const element = el('td', {class: pair?.spread ? 'spread' : null,
+    const element = el('td', {
       title: `${named(owner.name)} blocks ${named(thread.name)}: ≈ ${formatNumber(estimate)}`},
     estimate > 0 ? formatNumber(estimate) : '');
     element.style.setProperty('--heat', `${(50 * (pair?.estimate ?? 0)) / highest}%`);
     return element;
   };
-  const hidden = session.blockers.length > kMatrixSide || blocked.length === kMatrixSide;
+  const hidden = allOwners.size > kMatrixSide || allBlocked.size > kMatrixSide;
   return el('div', {class: 'scroller matrix-frame', tabindex: '0', role: 'region',
     'aria-label': 'Matrix of owner threads and blocked threads'},
   el('table', {class: 'matrix'},
@@ -81,8 +95,8 @@ function matrix(session, pairs) {
 }
 
 function pairTable(session, pairs) {
-  const lockNames = (pair) => pair.spread ? 'not known'
-    : pair.locks.map((index) => shortName(session.locks[index].name)).join(', ');
+  const lockNames = (pair) =>
+    pair.locks.map((index) => shortName(session.locks[index].name)).join(', ');
   return filteredTable({caption: 'Pairs of owner and blocked thread', rows: pairs, sortBy: 2,
     columns: [
       {title: 'Owner', wide: true, value: (row) => named(row.owner)},

@@ -58,6 +58,7 @@ function methodName(frame) {
 }
 
 const kNanosOfMilli = 1e6;
+const kNanosOfSecond = 1e9;
 
 // Nanoseconds as milliseconds, with a tenth where there are few.
 function formatMillis(nanos) {

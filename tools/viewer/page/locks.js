@@ -7,7 +7,8 @@ const lockView = {
 
   build(report, session) {
     const highest = Math.max(1, maximum(session.locks.map((lock) => maximum(lock.graph))));
-    const rows = session.locks.map((lock, index) => ({...lock, index}));
+    const all = session.locks.map((lock, index) => ({...lock, index}));
+    const rows = all.filter((lock) => !isIdleLock(lock));
     const total = session.totals.blockedSeconds;
     const detail = el('div');
     const show = (row) => {
@@ -31,19 +32,59 @@ const lockView = {
       ],
     }, (row) => row.name);
     return {
-      element: el('div', null, panel(`Locks of session ${session.id} “${session.name}”`,
+      element: el('div', null, panel(`Locks of ${sessionTitle(session)}`,
         el('p', {class: 'note'}, 'A lock is one object: its class and identity hash code. Times are ' +
           'whole seconds, cut off. Choose a lock for its graph, threads and stacks.'),
-        table.element), detail),
+        all.length === 0 && el('p', {class: 'note'}, noLockText(session)),
+        table.element, idleLocks(all.filter(isIdleLock))), detail, stacksOfNoLock(session)),
+      // Without an argument on the lock with the most blocked time.
       open(argument) {
-        const row = argument === '' && detail.hasChildNodes() ? null : rows[Number(argument)];
-        if (row) {
+        const row = argument === '' ? rows.find((one) => one.blockedSeconds > 0)
+          : all[Number(argument)];
+        if (row && !(argument === '' && detail.hasChildNodes())) {
           table.select(row);
         }
       },
     };
   },
 };
+
+const noLockText = (session) => (session.stacksOfNoLock.length > 0
+  ? 'No lock is in the report, but threads were blocked by some: their stacks are below.'
+  : 'No lock is in the report: nothing was contended, or no detail session was run.');
+
+// Waits of threads that wait for something to do, below a line that opens.
+const idleLocks = (locks) => locks.length > 0 && el('details', {id: 'idle-locks', class: 'numbers'},
+  el('summary', null, `Idle: ${formatSeconds(sum(locks.map((lock) => lock.waitedSeconds)))} of waits ` +
+    'of threads of the VM for references and cleaners, and of the agent’s own'),
+  dataTable({caption: 'Idle waits', rows: locks, sortBy: 1, columns: [
+    {title: 'Lock', wide: true, value: (row) => row.name, show: (row) => javaName(row.name)},
+    {title: 'Waited s', numeric: true, value: (row) => row.waitedSeconds},
+    {title: 'Threads', wide: true, value: (row) => row.threads.map((thread) => thread.name).join(', ')},
+  ]}).element);
+
+// What is known of threads that were blocked at locks that the report does not have.
+function stacksOfNoLock(session) {
+  const kShown = 20;
+  const stacks = session.stacksOfNoLock;
+  if (stacks.length === 0) {
+    return null;
+  }
+  const rest = stacks.length - kShown;
+  const section = panel(`Blocked, but at no lock of the report: ${
+    plural(stacks.length, 'stack', 'stacks')}`,
+  el('p', {class: 'note'}, 'They belong to locks that the summary session did not know, or to threads ' +
+    'that had no room. How often and how long these were blocked is not known.'),
+  el('div', {class: 'stacks'}, stacks.slice(0, kShown).map((stack, place) => {
+    const names = frameNames(session, stack);
+    return el('details', {open: place === 0},
+      el('summary', null, el('code', null, shortMethod(names[0] ?? '(no frames)'))),
+      el('ol', {class: 'stack'}, names.map((name) => el('li', null, name))));
+  })),
+  rest > 0 && el('p', {class: 'note'}, `${plural(rest, 'more stack', 'more stacks')}.`));
+  section.id = 'stacks-of-no-lock';
+  return section;
+}
 
 function lockDetail(session, index) {
   const lock = session.locks[index];
@@ -55,7 +96,7 @@ function lockDetail(session, index) {
       ['Threads', formatNumber(lock.threads.length)],
     ].map(([title, value]) =>
       el('div', null, el('dt', null, title), el('dd', {class: 'value'}, value)))),
-    minuteFigure(lock),
+    minuteFigure(session, lock),
     el('h4', null, 'Threads'), threadTable(lock),
     el('h4', null, 'Stacks'), stackList(session, index),
     el('p', {class: 'more'}, el('a', {href: `#flame/${index}`}, 'All stacks of this lock as a flame graph')));
@@ -63,12 +104,13 @@ function lockDetail(session, index) {
   return section;
 }
 
-function minuteFigure(lock) {
+function minuteFigure(session, lock) {
   if (lock.graph.length === 0) {
     return el('p', {class: 'note'}, 'The session was shorter than a minute, so there is no graph.');
   }
   const rows = lock.graph.map((entries, minute) => ({minute: minute + 1, entries}));
-  return figure('Contended entries by minute',
+  return figure(session.parts ? 'Contended entries by minute, one session after the other'
+    : 'Contended entries by minute',
     minuteChart(lock.graph, `Contended entries by minute on ${lock.name}; the most are ${
       formatNumber(maximum(lock.graph))}`),
     dataTable({caption: `Contended entries by minute on ${lock.name}`, rows, columns: [

@@ -60,13 +60,27 @@ const ownersAreSampled = ({ownerLookups}) => ownerLookups !== null && ownerLooku
 
 // Whom each owner blocked, as far as a report shows it. It has how often each thread owned a lock
 // that another one came to, over all locks, and how often each thread came to each lock. So each
-// owner's count is spread over its locks, and from there over the other threads that came to them,
-// in proportion to their entries. The parts are estimates; the sums of the owners are exact unless
-// owner lookups were skipped.
+// owner's count is spread over the locks that it owned, and from there over the other threads that
+// came to them, in proportion to their entries. The parts are estimates; the sums of the owners are
+// exact unless owner lookups were skipped. Of owners whose locks are not known there are no pairs.
 //
-// Gives {owner, blocked, estimate, locks (indexes that both came to), spread} for each pair;
-// `spread` when the owner itself never blocked, so that it is not known which locks it owned.
+// Gives {owner, blocked, estimate, locks (indexes that both came to)} for each pair. Of sessions that
+// were merged, those of one are not paired with those of another.
 function blockingPairs(session) {
+  const sums = new Map();
+  for (const {session: part, lockIndexes} of session.parts ?? [{session}]) {
+    for (const pair of pairsOfSession(part)) {
+      const key = JSON.stringify([pair.owner, pair.blocked]);
+      const merged = sums.get(key) ?? {...pair, estimate: 0, locks: []};
+      merged.estimate += pair.estimate;
+      merged.locks.push(...pair.locks.map((index) => lockIndexes?.[index] ?? index));
+      sums.set(key, merged);
+    }
+  }
+  return [...sums.values()].map((pair) => ({...pair, locks: [...new Set(pair.locks)]}));
+}
+
+function pairsOfSession(session) {
   const entriesOfThread = new Map();  // name to Map of lock index to entries
   session.locks.forEach((lock, index) => {
     for (const thread of lock.threads) {
@@ -82,12 +96,10 @@ function blockingPairs(session) {
 }
 
 function pairsOfOwner(session, owner, entriesOfThread, lockEntries) {
-  const own = ownedLocks(session, owner, entriesOfThread);
-  const spread = own === null;
-  const weights = own ?? new Map(lockEntries.map((entries, index) => [index, entries]));
   const othersOn = (index) =>
     lockEntries[index] - (entriesOfThread.get(owner.name)?.get(index) ?? 0);
-  const usable = [...weights].filter(([index]) => othersOn(index) > 0);
+  const usable = ownedLocks(session, owner, entriesOfThread)
+    .filter(([index]) => othersOn(index) > 0);
   const whole = sum(usable.map(([, weight]) => weight));
   const pairs = new Map();
   for (const [index, weight] of usable) {
@@ -95,11 +107,9 @@ function pairsOfOwner(session, owner, entriesOfThread, lockEntries) {
     for (const thread of session.locks[index].threads) {
       if (thread.name !== owner.name && thread.entries > 0) {
         const pair = pairs.get(thread.name) ??
-          {owner: owner.name, blocked: thread.name, estimate: 0, locks: [], spread};
+          {owner: owner.name, blocked: thread.name, estimate: 0, locks: []};
         pair.estimate += (blocks * thread.entries) / othersOn(index);
-        if (!spread) {
-          pair.locks.push(index);
-        }
+        pair.locks.push(index);
         pairs.set(thread.name, pair);
       }
     }
@@ -107,18 +117,27 @@ function pairsOfOwner(session, owner, entriesOfThread, lockEntries) {
   return [...pairs.values()];
 }
 
-// The locks that the thread can have owned, with its own entries of each; null when unknown. The
+// The locks that the thread has owned, with its own entries of each, as far as they are known: the
 // stacks of a blocker are those with which it came to locks that it had owned before.
 function ownedLocks(session, owner, entriesOfThread) {
-  const entries = entriesOfThread.get(owner.name);
-  if (!entries) {
-    return null;
-  }
   const stacks = new Set(owner.stacks.map(([stack]) => stack));
-  const shown = [...entries].filter(([index]) => session.locks[index].threads.some((thread) =>
-    thread.name === owner.name && thread.stacks.some(([stack]) => stacks.has(stack))));
-  return new Map(shown.length > 0 ? shown : entries);
+  return [...entriesOfThread.get(owner.name) ?? []].filter(([index]) =>
+    session.locks[index].threads.some((thread) =>
+      thread.name === owner.name && thread.stacks.some(([stack]) => stacks.has(stack))));
 }
+
+// Locks at which nothing was contended, and only threads that wait for something to do waited: those
+// of the VM for references and cleaners, and the agent's own.
+function isIdleLock(lock) {
+  const kClasses = ['java.lang.ref.ReferenceQueue$Lock', 'java.lang.ref.NativeReferenceQueue$Lock'];
+  const kThreads = /^(Reference Handler|Finalizer|Common-Cleaner|Cleaner-\d+|javanativeagent( .*)?)$/;
+  return lock.entries === 0 && lock.blockedSeconds === 0 && (kClasses.includes(lock.class) ||
+    (lock.threads.length > 0 && lock.threads.every((thread) => kThreads.test(thread.name))));
+}
+
+// What the session is called in titles.
+const sessionTitle = (session) => (session.parts
+  ? `all ${formatNumber(session.parts.length)} sessions` : `session ${session.id} “${session.name}”`);
 
 // All texts of an exception record in lower case, for searching.
 function searchText(record) {

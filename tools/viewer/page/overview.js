@@ -18,6 +18,9 @@ const overviewView = {
     if (session) {
       columns.append(mostBlocked(session), mostContendedSites(session), topOwners(session));
     }
+    if (session?.stacksOfNoLock.length > 0) {
+      parts.push(stacksOfNoLock(session));
+    }
     if (report.exceptions) {
       columns.append(mostExceptions(report.exceptions));
     }
@@ -83,13 +86,15 @@ function lockTiles(session) {
     return [];
   }
   const totals = session.totals;
+  const idle = sum(session.locks.filter(isIdleLock).map((lock) => lock.waitedSeconds));
   return [
     ['Blocked', formatSeconds(totals.blockedSeconds), 'waiting for a monitor'],
     ['Contended entries', formatNumber(totals.entries), `of ${
       plural(totals.threads, 'thread', 'threads')}`],
     ['Contended locks', formatNumber(totals.locks), plural(session.stacks.length,
       'distinct stack', 'distinct stacks')],
-    ['Waited', formatSeconds(totals.waitedSeconds), 'in Object.wait'],
+    ['Waited', formatSeconds(totals.waitedSeconds - idle), idle > 0
+      ? `in Object.wait, and ${formatSeconds(idle)} in idle threads` : 'in Object.wait'],
   ];
 }
 
