@@ -160,6 +160,15 @@ def test_locks_ungrouped_are_those_of_the_report(browser, page, report):
     assert "com.example.shop.Requestothers" in rows
 
 
+def test_filter_leaves_the_locks_with_the_text_in_name_or_field(browser, page):
+    browser.open(page, "contention")
+    browser.type_into("Filter", "LEDGER.refunds")
+    browser.until(lambda: browser.table("Locks by blocked time").column("Lock") == [
+        "java.util.concurrent.locks.ReentrantLock2 locks"])
+    share = browser.table("Locks by blocked time").column("Share")
+    assert share == ["11 %"], "of all locks"
+
+
 def selected_sums(report, first, last):
     """Of some windows: the time and entries of each lock by id, and the time of all."""
     nanos, entries, whole = Counter(), Counter(), 0

@@ -137,6 +137,7 @@ const stackDetails = (stack, ...text) => (stack === null ? el('p', {class: 'bare
 // The table of locks. Gives {element, select(selection) and open(), which shows the first row}.
 function lockPanel(profile, onRow) {
   const byClass = el('input', {type: 'checkbox', checked: true});
+  const filter = el('input', {type: 'search', autocomplete: 'off', spellcheck: 'false'});
   const note = el('p', {class: 'note', id: 'selection-note', hidden: true});
   const starts = profile.windows.map((window) => window.started);
   let selection = null;
@@ -178,16 +179,20 @@ function lockPanel(profile, onRow) {
     note.textContent = selection ? `Entries and blocked time are of the selected windows.${without > 0
       ? ` ${formatMillis(without)} ms of them were at other locks: a window has only those with most time.`
       : ''} “Longest” and “Still” are of the complete profile.` : '';
-    table.setRows(rows);
+    const wanted = filter.value.toLowerCase();
+    table.setRows(rows.filter((row) =>
+      [row.name, ...row.locks.map((lock) => lock.field)].join('\n').toLowerCase().includes(wanted)));
   };
   byClass.addEventListener('change', rebuild);
+  filter.addEventListener('input', afterTyping(rebuild));
   rebuild();
   return {
     element: panel('Locks',
       el('p', {class: 'note'}, 'Choose a row for the pairs of waiters and owners, and for the locks of ' +
         'a class. “Still” are threads that were blocked when this was written; “+” is the time until ' +
         'then of a block that goes on.'),
-      el('div', {class: 'controls'}, el('label', {class: 'check'}, byClass, ' Group by class')),
+      el('div', {class: 'controls'}, field('Filter', filter),
+        el('label', {class: 'check'}, byClass, ' Group by class')),
       note, table.element),
     select(newSelection) {
       selection = newSelection;

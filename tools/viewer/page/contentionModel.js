@@ -55,7 +55,9 @@ function lockRows(profile, isWanted, byClass, selection) {
     const isOther = lock.id === undefined;
     if (isWanted(lock) && !(selection && isOther)) {
       const key = byClass ? `${lock.kind} ${className(lock)}` : String(index);
-      groups.set(key, [...groups.get(key) ?? [], lock]);
+      const group = groups.get(key) ?? [];
+      group.push(lock);
+      groups.set(key, group);
     }
   });
   const rows = [...groups.values()].map((locks) => lockRow(locks, selection));

@@ -86,12 +86,13 @@ function lockTiles(session) {
     return [];
   }
   const totals = session.totals;
-  const idle = sum(session.locks.filter(isIdleLock).map((lock) => lock.waitedSeconds));
+  const idleLocks = session.locks.filter(isIdleLock);
+  const idle = sum(idleLocks.map((lock) => lock.waitedSeconds));
   return [
     ['Blocked', formatSeconds(totals.blockedSeconds), 'waiting for a monitor'],
     ['Contended entries', formatNumber(totals.entries), `of ${
       plural(totals.threads, 'thread', 'threads')}`],
-    ['Contended locks', formatNumber(totals.locks), plural(session.stacks.length,
+    ['Contended locks', formatNumber(totals.locks - idleLocks.length), plural(session.stacks.length,
       'distinct stack', 'distinct stacks')],
     ['Waited', formatSeconds(totals.waitedSeconds - idle), idle > 0
       ? `in Object.wait, and ${formatSeconds(idle)} in idle threads` : 'in Object.wait'],
@@ -132,12 +133,15 @@ function ranking(title, rows, more) {
 
 const kRanked = 5;
 
-const mostBlocked = (session) => ranking('Locks with the most blocked time',
-  session.locks.slice(0, kRanked).map((lock, index) => ({
+function mostBlocked(session) {
+  const locks = session.locks.map((lock, index) => ({...lock, index}))
+    .filter((lock) => !isIdleLock(lock));
+  return ranking('Locks with the most blocked time', locks.slice(0, kRanked).map((lock) => ({
     name: shortName(lock.name), title: lock.name, amount: lock.blockedSeconds,
     text: `${formatSeconds(lock.blockedSeconds)}, ${plural(lock.entries, 'entry', 'entries')}`,
-    href: `#locks/${index}`,
-  })), {href: '#locks', text: `All ${formatNumber(session.locks.length)} locks`});
+    href: `#locks/${lock.index}`,
+  })), {href: '#locks', text: `All ${formatNumber(locks.length)} locks`});
+}
 
 const mostContendedSites = (session) => ranking('Methods that came to a taken lock',
   session.sites.slice(0, kRanked).map((site) => ({
