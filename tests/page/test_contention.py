@@ -245,6 +245,10 @@ def test_chosen_class_shows_its_locks_and_pairs(browser, page):
     assert first.splitlines()[0] == "com.example.shop.Cart.merge(Cart.java:71) refunds-1"
     assert "← held by com.example.shop.Ledger.refund(Ledger.java:130) refunds-2" in first
     assert "again: a circle" in first
+    browser.one("#row-detail .pairs summary").click()
+    waiter, owner = browser.all("#row-detail .pairs > li:first-child .both .stack")
+    assert waiter.text.startswith("jdk.internal.misc.Unsafe.park")
+    assert "com.example.shop.Ledger.refund(Ledger.java:130) took the lock" in owner.text
 
 
 def test_waits_are_apart_and_idle_ones_folded(browser, page, report):
@@ -281,6 +285,11 @@ def test_pairs_are_those_of_the_samples(browser, page, report):
     assert top["Blocked ms"] == "71,500" and top["Samples"] == "3,575"
     assert top["Owner was in"] == "java.lang.Thread.sleep(Native Method)"
     assert top["Owners"] == "restocker" and top["Waiters"] == "http-worker-1 and 1 more"
+    browser.table("Pairs of waiting and holding site").choose(top["Waited in"])
+    waiter, owner = browser.all("#pair-stacks .stack")
+    assert "com.example.shop.Inventory.reserve(Inventory.java:41)" in waiter.text
+    assert browser.one("strong", owner).text == (
+        "com.example.shop.Inventory.restock(Inventory.java:52) took the lock")
     assert "≈" not in browser.text() and not browser.all(".matrix"), "no estimates"
     unknown = browser.one_of(browser.all("h3"), "Time without a known owner").find_element(
         "xpath", "..").text

@@ -99,8 +99,8 @@ const nanosOfNoLock = (profile, selection) => Math.max(0,
 
 // The pairs of locks from one site of waiters to one site of owners: {waiter, owner (a site or null),
 // isKnown (whether there is an owner), isHolding (whether its site is where it took the lock), now
-// (where it was most, if elsewhere), note, waitsFor (id of a lock), locks, nanos, samples, waiterThreads, ownerThreads}, the
-// most time first. Of different classes of locks there are different pairs.
+// (where it was most, if elsewhere), note, waitsFor (id of a lock), locks, nanos, samples, waiterThreads, ownerThreads, top
+// (the pair of threads and stacks with the most time)}, the most time first. Of different classes of locks there are different pairs.
 function sitePairs(locks) {
   const pairs = new Map();
   for (const lock of locks) {
@@ -111,10 +111,11 @@ function sitePairs(locks) {
       const sums = pairs.get(key) ?? {
         waiter: pair.waiterSite, owner: pair.ownerSite, isHolding, note: pair.ownerNote,
         waitsFor: pair.ownerWaitsFor, isKnown: hasOwner(pair), locks: new Set(), nanos: 0, samples: 0,
-        waiterThreads: new Set(), ownerThreads: new Set(), places: new Map()};
+        waiterThreads: new Set(), ownerThreads: new Set(), places: new Map(), top: pair};
       sums.nanos += pair.nanos;
       sums.samples += pair.samples;
       sums.locks.add(lock);
+      sums.top = pair.nanos > sums.top.nanos ? pair : sums.top;
       sums.waiterThreads.add(pair.waiterThread);
       if (hasOwner(pair)) {
         sums.ownerThreads.add(pair.ownerThread);

@@ -28,24 +28,47 @@ const lockText = (lock) => (lock.name ?? `${className(lock)} (others)`) +
 const someOf = (all, text) => (all.size === 0 ? '' : text([...all][0]) +
   (all.size > 1 ? ` and ${formatNumber(all.size - 1)} more` : ''));
 
-const sitePairTable = (pairs, whole) => filteredTable({
-  caption: 'Pairs of waiting and holding site', rows: pairs, sortBy: 0, columns: [
-    millisColumn('Blocked ms', (row) => row.nanos),
-    {title: 'Share', numeric: true, value: (row) => row.nanos,
-      show: (row) => formatShare(row.nanos, whole),
-      share: (row) => (whole > 0 ? row.nanos / whole : 0)},
-    {title: 'Waited in', wide: true, value: (row) => siteText(row.waiter),
-      show: (row) => javaName(siteText(row.waiter))},
-    {title: 'Held by', wide: true, value: (row) => siteText(row.owner),
-      show: (row) => javaName(siteText(row.owner))},
-    {title: 'Owner was in', value: (row) => row.now ?? '',
-      show: (row) => (row.now === null ? '' : javaName(row.now))},
-    {title: 'Lock', value: (row) => someOf(row.locks, lockText)},
-    {title: 'Samples', numeric: true, value: (row) => row.samples},
-    {title: 'Waiters', value: (row) => someOf(row.waiterThreads, threadText)},
-    {title: 'Owners', value: (row) => someOf(row.ownerThreads, threadText)},
-  ]}, (row) => [row.waiter, row.owner, row.now, ...[...row.locks].map(lockText),
-  ...row.waiterThreads, ...row.ownerThreads].join('\n')).element;
+// The pairs as a table; the one that is chosen shows its stacks below.
+function sitePairTable(pairs, whole) {
+  const stacks = el('div', {id: 'pair-stacks'});
+  const table = filteredTable({caption: 'Pairs of waiting and holding site', rows: pairs, sortBy: 2,
+    onSelect: (row) => {
+      stacks.replaceChildren(bothStacks(row));
+      announce('Both stacks below');
+    },
+    columns: [
+      {title: 'Waited in', wide: true, value: (row) => siteText(row.waiter),
+        show: (row) => javaName(siteText(row.waiter))},
+      {title: 'Held by', wide: true, value: (row) => siteText(row.owner),
+        show: (row) => javaName(siteText(row.owner))},
+      millisColumn('Blocked ms', (row) => row.nanos),
+      {title: 'Share', numeric: true, value: (row) => row.nanos,
+        show: (row) => formatShare(row.nanos, whole),
+        share: (row) => (whole > 0 ? row.nanos / whole : 0)},
+      {title: 'Owner was in', value: (row) => row.now ?? '',
+        show: (row) => (row.now === null ? '' : javaName(row.now))},
+      {title: 'Lock', value: (row) => someOf(row.locks, lockText)},
+      {title: 'Samples', numeric: true, value: (row) => row.samples},
+      {title: 'Waiters', value: (row) => someOf(row.waiterThreads, threadText)},
+      {title: 'Owners', value: (row) => someOf(row.ownerThreads, threadText)},
+    ]}, (row) => [row.waiter, row.owner, row.now, ...[...row.locks].map(lockText),
+    ...row.waiterThreads, ...row.ownerThreads].join('\n'));
+  return [el('p', {class: 'note'}, 'Choose a row for both stacks.'), table.element, stacks];
+}
+
+// The stacks of the two threads of a pair that were seen most, side by side.
+function bothStacks({top}) {
+  const side = (title, thread, frames, isCut, holding) => el('div', null,
+    el('h4', null, `${title}: ${threadText(thread)}`),
+    frames === null ? el('p', {class: 'note'}, kStackNotKnown)
+      : el('ol', {class: 'stack'}, frames.map((frame, index) => el('li', null,
+        index === holding ? el('strong', null, `${frame} took the lock`) : frame)),
+      isCut && el('li', null, '…')));
+  return el('div', {class: 'columns both'},
+    side('Waits', top.waiterThread, top.waiter, top.waiterCut, null),
+    hasOwner(top) && side('Holds the lock', top.ownerThread, top.owner, top.ownerCut,
+      top.holdingFrame));
+}
 
 // Pairs as a list with bars: waiting site ← holding site.
 function pairList(profile, pairs, whole) {
@@ -60,7 +83,8 @@ function pairList(profile, pairs, whole) {
     return el('li', null,
       el('div', null, code(siteText(pair.waiter)), ' ', el('span', {class: 'dim'},
         someOf(pair.waiterThreads, threadText)), el('br'), '← ', ownerOf(pair),
-      chainItems(profile, pair)),
+      chainItems(profile, pair),
+      el('details', null, el('summary', null, 'Stacks'), bothStacks(pair))),
       el('span', {class: 'amount'}, `${formatMillis(pair.nanos)} ms, ${
         formatShare(pair.nanos, whole)}, ${plural(pair.samples, 'sample', 'samples')}`), bar);
   })), rest > 0 && el('p', {class: 'note'}, `${plural(rest, 'more pair', 'more pairs')}.`)];

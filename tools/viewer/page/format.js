@@ -45,10 +45,10 @@ function shortName(name, parts = 1) {
   return pieces.slice(-parts).join('.');
 }
 
-// "a.b.C.m" as "C.m", and "a.b.C.m(C.java:7)" as "C.m(C.java:7)".
+// "a.b.C.m" as "C.m", and "a.b.C.m(C.java:7)" as "C.m:7".
 function shortMethod(name) {
-  const place = name.indexOf('(', 1);
-  return place < 0 ? shortName(name, 2) : shortName(name.slice(0, place), 2) + name.slice(place);
+  const line = /:\d+(?=\)$)/.exec(name)?.[0] ?? '';
+  return shortName(methodName(name), 2) + line;
 }
 
 // "a.b.C.m(C.java:7)" as "a.b.C.m"; what stands in brackets as a whole stays.
