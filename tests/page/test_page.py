@@ -500,7 +500,7 @@ def test_idle_waits_are_folded(browser, page_of, tmp_path):
     for name, thread in waits.items():
         session.lock(name, waited=10)
         session.enter(name, thread, ["a.B.c"], 0)
-    session.lock("java.lang.ref.ReferenceQueue$Lock@5", blocked=2, waited=3)  # contended as well
+    session.lock("java.lang.ref.ReferenceQueue$Lock@5", waited=3)  # contended as well
     session.enter("java.lang.ref.ReferenceQueue$Lock@5", "Finalizer", ["a.B.c"], 4)
     browser.open(page_of(session.write(tmp_path)), "locks")
     assert set(browser.table("Locks").column("Lock")) == {
