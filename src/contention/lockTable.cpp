@@ -117,7 +117,8 @@ std::uint32_t lockTable::lookUp(JNIEnv* jni, channel by, jint hash, jobject obje
   return kNone;
 }
 
-// Two threads that meet a new lock at once may both take a record; a report adds them up.
+// Two threads that meet a new lock at once may both take a record. They go on with the one that is
+// found first; a report adds up what the other has.
 std::uint32_t lockTable::add(JNIEnv* jni, channel by, jint hash, jobject object,
                              std::uint32_t cls) {
   const std::uint32_t place = takePlace();
@@ -139,7 +140,8 @@ std::uint32_t lockTable::add(JNIEnv* jni, channel by, jint hash, jobject object,
   record.thinning.store(0, std::memory_order_relaxed);
   record.state.store(kLive, std::memory_order_release);
   link(place);
-  return place;
+  const std::uint32_t found = lookUp(jni, by, hash, object);
+  return found == kNone ? place : found;
 }
 
 std::uint32_t lockTable::takePlace() {
