@@ -1,6 +1,7 @@
 // Many threads in the handlers of the contention profile at once, among themselves and with its own
 // thread and control calls. Meant for a thread sanitizer as much as for what is counted here.
 #include <atomic>
+#include <barrier>
 #include <functional>
 #include <latch>
 #include <memory>
@@ -58,6 +59,12 @@ class contentionThreads : public contentionTest {
   nlohmann::json written() {
     const std::lock_guard hold(samplesMutex);
     return contentionReport(std::max(now, instruments::steadyNanos()));
+  }
+
+  // While no look holds the lock.
+  void collect(fake::object* unreachable) {
+    const std::lock_guard hold(samplesMutex);
+    vm.collect(unreachable);
   }
 
   std::mutex samplesMutex;  // as the profile's own
@@ -118,7 +125,7 @@ TEST_F(contentionThreads, locksThatComeAndGoAreCountedExactly) {
           fake::object* const made = vm.makeObject(passing);
           enter(thread, made);
           entered(thread);
-          vm.collect(made);
+          collect(made);
         }
       },
       [&] { lookAtThem(); });
@@ -137,7 +144,7 @@ TEST_F(contentionThreads, windowsAddUpToTheCounts) {
           fake::object* const made = vm.makeObject(passing);
           enter(thread, made);
           entered(thread);
-          vm.collect(made);
+          collect(made);
         }
       },
       [&] { lookAtThem(); });
@@ -149,6 +156,36 @@ TEST_F(contentionThreads, windowsAddUpToTheCounts) {
   if (report.at("omitted").at("windows") == 0) {
     EXPECT_EQ(entries, std::uint64_t{kThreads} * kRounds);
   }
+  EXPECT_EQ(allEntries(), std::uint64_t{kThreads} * kRounds);
+}
+
+// Whoever meets a lock at the same time goes on with the same record.
+TEST_F(contentionThreads, anAcquisitionOfANewLockCountsOnce) {
+  begin({.locks = 65536});
+  std::vector<fake::object*> fresh;
+  for (int i = 0; i < kRounds; ++i) {
+    fresh.push_back(vm.makeObject(types.fairLock));
+  }
+  // Each thread has looked for the lock in vain when the first one makes its record known.
+  std::barrier together(kThreads);
+  vm.on("NewWeakGlobalRef", [&](const fake::call& call) {
+    if (call.target->type == types.fairLock) {
+      together.arrive_and_wait();
+    }
+  });
+  onThreads(
+      vm,
+      [&](int, fake::javaThread* thread) {
+        for (fake::object* const each : fresh) {
+          acquire(thread);
+          park(thread, each);
+          unpark(thread);
+          park(thread, each);
+          unpark(thread);
+          together.arrive_and_wait();
+        }
+      },
+      [] {});
   EXPECT_EQ(allEntries(), std::uint64_t{kThreads} * kRounds);
 }
 
