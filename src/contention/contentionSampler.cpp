@@ -61,16 +61,23 @@ std::int64_t contentionSampler::nextStep(std::int64_t now) const {
   return std::max(next, now);
 }
 
+// Threads are scanned for what needs it only: there may be tens of thousands of them.
 void contentionSampler::step(jvmtiEnv* jvmti, JNIEnv* jni, std::int64_t now) {
-  scan(now);
-  if (settings_.samplesPerSecond > 0 && now >= nextTick_) {
+  thinOut(now);
+  const bool isTick = settings_.samplesPerSecond > 0 && now >= nextTick_;
+  if (isTick) {
     nextTick_ = now + kNanosPerSecond / settings_.samplesPerSecond;
-    if (samples_.cost.takeTick(now)) {
-      tick(jvmti, jni, now);
-    }
+  }
+  const bool isTaken = isTick && samples_.cost.takeTick(now);
+  if (!isTaken && now < nextUpkeep_) {
+    samples_.cost.endTick();
+    return;
+  }
+  scan(now);
+  if (isTaken) {
+    tick(jvmti, jni, now);
   }
   findStuck(jvmti, jni, now);
-  thinOut(now);
   if (now >= nextUpkeep_) {
     nextUpkeep_ = now + kUpkeep;
     readNames(jvmti, jni);
