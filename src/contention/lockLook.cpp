@@ -88,7 +88,7 @@ lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& wai
   return seen;
 }
 
-// Its stack counts only when it holds the lock afterwards, too.
+// Its stack counts only when it holds the lock before and afterwards, too.
 void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen) {
   support::monitorUsage usage(jvmti_, jni_);
   jthread const owner = ownerOf(record, lock, usage);
@@ -96,12 +96,18 @@ void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen
     seen.note = noteWithout(record);
     return;
   }
-  const std::uint32_t stack = stackOf(owner);
-  if (!holdsStill(record, lock, owner, seen.holdingFrame)) {
+  std::int32_t frameBefore = -1;
+  std::int32_t frame = -1;
+  const bool held = holdsStill(record, lock, owner, frameBefore);
+  const std::uint32_t stack = held ? stackOf(owner) : 0;
+  if (!held || !holdsStill(record, lock, owner, frame)) {
     seen.note = ownerNote::changed;
     ++samples_.ownersChanged;
     return;
   }
+  // One that runs may have called or returned, so that the number is that of another frame.
+  seen.holdingFrame =
+      frame == frameBefore && frame < instruments::stackTable::kMostDepth ? frame : -1;
   seen.note = ownerNote::known;
   seen.thread = nameOf(owner);
   seen.stack = stack;
