@@ -1082,4 +1082,108 @@ TEST_F(changedClasses, areDefinedOnce) {
   vm.clearException();
 }
 
+// --- Further environments, and threads of agents.
+
+class otherEnvironment : public fakeVmTest {
+ protected:
+  void SetUp() override {
+    fakeVmTest::SetUp();
+    void* made = nullptr;
+    ASSERT_EQ(vm.javaVm()->GetEnv(&made, JVMTI_VERSION_1_2), JNI_OK);
+    other = static_cast<jvmtiEnv*>(made);
+  }
+
+  jvmtiEnv* other = nullptr;
+  fake::javaThread* worker = vm.makeThread("worker");
+};
+
+TEST_F(otherEnvironment, hasEventsCapabilitiesAndStorageOfItsOwn) {
+  static int events;
+  events = 0;
+  jvmtiEventCallbacks callbacks{};
+  callbacks.MonitorContendedEnter = [](jvmtiEnv* in, JNIEnv*, jthread, jobject) {
+    const char one = 1;
+    ++events;
+    in->SetThreadLocalStorage(nullptr, &one);
+  };
+  other->SetEventCallbacks(&callbacks, sizeof callbacks);
+  EXPECT_FALSE(vm.contendedEnter(worker, vm.makeObject("a.Lock")));
+  other->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_MONITOR_CONTENDED_ENTER, nullptr);
+  EXPECT_TRUE(vm.contendedEnter(worker, vm.makeObject("a.Lock")));
+  EXPECT_EQ(events, 1);
+  EXPECT_EQ(worker->storage, nullptr);
+  void* stored = nullptr;
+  EXPECT_EQ(other->GetThreadLocalStorage(vm.ref(worker), &stored), JVMTI_ERROR_NONE);
+  EXPECT_NE(stored, nullptr);
+
+  jvmtiCapabilities wanted{};
+  wanted.can_get_monitor_info = 1;
+  EXPECT_EQ(other->AddCapabilities(&wanted), JVMTI_ERROR_NONE);
+  EXPECT_EQ(vm.capabilities().can_get_monitor_info, 0U);
+  jvmtiCapabilities added{};
+  EXPECT_EQ(other->GetCapabilities(&added), JVMTI_ERROR_NONE);
+  EXPECT_EQ(added.can_get_monitor_info, 1U);
+}
+
+TEST_F(otherEnvironment, runsItsThreadsWhenTheTestWants) {
+  static std::string ranAs;
+  const auto body = [](jvmtiEnv* in, JNIEnv*, void* argument) {
+    jvmtiThreadInfo info{};
+    in->GetThreadInfo(nullptr, &info);
+    ranAs = info.name;
+    in->Deallocate(reinterpret_cast<unsigned char*>(info.name));
+    static_cast<JNIEnv*>(argument)->DeleteLocalRef(info.thread_group);
+    static_cast<JNIEnv*>(argument)->DeleteLocalRef(info.context_class_loader);
+  };
+  EXPECT_EQ(other->RunAgentThread(vm.ref(worker), body, jni, JVMTI_THREAD_NORM_PRIORITY),
+            JVMTI_ERROR_NONE);
+  EXPECT_EQ(ranAs, "");
+  vm.runAgentThreads();
+  EXPECT_EQ(ranAs, "worker");
+  ranAs.clear();
+  vm.runAgentThreads();
+  EXPECT_EQ(ranAs, "") << "once";
+}
+
+TEST_F(otherEnvironment, threadsAreMadeByTheirConstructor) {
+  jclass const cls = jni->FindClass("java/lang/Thread");
+  jmethodID const made =
+      jni->GetMethodID(cls, "<init>", "(Ljava/lang/ThreadGroup;Ljava/lang/String;)V");
+  jstring const name = jni->NewStringUTF("named");
+  jobject const thread = jni->NewObject(cls, made, nullptr, name);
+  EXPECT_EQ(*static_cast<fake::javaThread*>(vm.target(thread))->name.load(), "named");
+  for (jobject const each : {static_cast<jobject>(cls), static_cast<jobject>(name), thread}) {
+    jni->DeleteLocalRef(each);
+  }
+}
+
+TEST_F(otherEnvironment, threadsHaveStatesAndMonitors) {
+  vm.makeVirtualThread("virtual");
+  jint count = 0;
+  jthread* threads = nullptr;
+  EXPECT_EQ(jvmti->GetAllThreads(&count, &threads), JVMTI_ERROR_NONE);
+  EXPECT_EQ(count, 2) << "main and worker";
+  for (jint i = 0; i < count; ++i) {
+    jni->DeleteLocalRef(threads[i]);
+  }
+  jvmti->Deallocate(reinterpret_cast<unsigned char*>(threads));
+
+  jint state = 0;
+  EXPECT_EQ(jvmti->GetThreadState(vm.ref(worker), &state), JVMTI_ERROR_NONE);
+  EXPECT_EQ(state, JVMTI_THREAD_STATE_ALIVE);
+  worker->isAlive = false;
+  EXPECT_EQ(jvmti->GetThreadState(vm.ref(worker), &state), JVMTI_ERROR_NONE);
+  EXPECT_EQ(state, JVMTI_THREAD_STATE_TERMINATED);
+
+  fake::object* const lock = vm.makeObject("a.Lock");
+  vm.setOwner(lock, worker, 1, 3);
+  jvmtiMonitorStackDepthInfo* held = nullptr;
+  EXPECT_EQ(jvmti->GetOwnedMonitorStackDepthInfo(vm.ref(worker), &count, &held), JVMTI_ERROR_NONE);
+  ASSERT_EQ(count, 1);
+  EXPECT_EQ(vm.target(held->monitor), lock);
+  EXPECT_EQ(held->stack_depth, 3);
+  jni->DeleteLocalRef(held->monitor);
+  jvmti->Deallocate(reinterpret_cast<unsigned char*>(held));
+}
+
 }  // namespace
