@@ -433,6 +433,7 @@ class contentionStuck : public contentionSampling {
 TEST_F(contentionStuck, areThoseThatAreBlockedForSoLong) {
   vm.setOwner(lock, holder);
   enter(worker, lock);
+  pass(kMicro);
   enter(vm.makeThread("another"), vm.makeObject("com.example.Other"));
   wait(vm.makeThread("idle"), vm.makeObject("com.example.Queue"));
   pass(970 * kMilli);
