@@ -57,11 +57,13 @@ class contention : public contentionTest {
       step(stoppedClock::now());
     }
   }
-  // Blocks threads until none gets a slot any more; they stay blocked.
+  // Takes every slot, for blocks that stay.
   void useUpSlots() {
-    fake::object* const crowded = vm.makeObject("com.example.Crowded");
-    while (recorder->omitted().notSampled == 0) {
-      enter(vm.makeThread("one of many"), crowded);
+    block(other, vm.makeObject("com.example.Crowded"), 0);
+    std::uint32_t taken = 0;
+    for (std::int64_t since = 0; taken < blockedThreads::kSlots; ++since) {
+      const auto token = recorder->threads().enter({.place = 0, .since = since}, nullptr);
+      taken += token.slot == blockedThreads::kNone ? 0 : 1;
     }
   }
   std::uint64_t startsNotSeen() const { return recorder->omitted().startsNotSeen; }
