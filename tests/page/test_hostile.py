@@ -139,6 +139,12 @@ def test_what_could_not_be_read_is_on_the_page(twreport, browser, tmp_path):
     browser.open(page)
     assert "Not everything could be read" in browser.text()
     assert "memory-1.json" in browser.one("main .problems").text
+    assert not browser.all("#problem-note")
+    browser.go("Locks")
+    assert browser.one("#problem-note").text == (
+        "This report is not complete: not everything could be read.")
+    browser.one("#problem-note a").click()
+    browser.until(lambda: "memory-1.json" in browser.text())
 
 
 def test_damaged_page_says_so(page_of, browser, recorded, tmp_path):

@@ -642,7 +642,7 @@ def test_colours_follow_the_system_and_the_switch(browser, page, colours):
     browser.prefer(colours)
     browser.open(page, "flame")
     assert is_dark() == (colours == "dark")
-    pairs = [[text, ground] for text in ("--text", "--muted", "--accent", "--mark")
+    pairs = [[text, ground] for text in ("--text", "--muted", "--accent", "--mark", "--danger")
              for ground in ("--ground", "--surface", "--raised")]
     pairs += [["--text", f"--flame-{name}"] for name in ("root", "jdk", 1, 2, 3, 4)]
     pairs += [["--flame-match-text", "--flame-match"], ["--text", "--bar"]]

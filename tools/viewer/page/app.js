@@ -93,7 +93,9 @@ class Page {
     }
     const built = this.built.get(view.id);
     if (this.current !== built) {
-      this.content.replaceChildren(el('h2', {class: 'unseen'}, view.title), built.element);
+      this.content.replaceChildren(...[el('h2', {class: 'unseen'}, view.title),
+        view !== overviewView && !this.report.tables && problemNote(this.report),
+        built.element].filter(Boolean));
       this.current = built;
     }
     for (const link of document.querySelectorAll('#views a')) {

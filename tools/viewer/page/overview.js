@@ -39,6 +39,15 @@ const problemList = (problems) => problems.length > 0 &&
     el('h3', null, 'Not everything could be read'),
     el('ul', null, problems.map((problem) => el('li', null, problem))));
 
+// On the other views: that the overview names what is not in the report.
+const problemNote = ({problems = [], unfinished = []}) => problems.length + unfinished.length > 0 &&
+  el('section', {class: 'panel problems', id: 'problem-note', 'aria-label': 'Problems'},
+    'This report is not complete: ', el('a', {href: '#overview'}, [
+      problems.length > 0 && 'not everything could be read',
+      unfinished.length > 0 && plural(unfinished.length, 'session did not end',
+        'sessions did not end'),
+    ].filter(Boolean).join(', ')), '.');
+
 // Sessions without a report.
 const unfinishedList = (files) => files.length > 0 &&
   el('section', {class: 'panel problems', 'aria-label': 'Not finished'},
