@@ -139,8 +139,8 @@ void contentionSampler::scan(std::int64_t now) {
 // Of the threads of a lock that many meet, only some leave a reference to themselves: every n-th,
 // whatever the length of its block, so that those who can be looked at are like the others.
 void contentionSampler::thinOut(std::int64_t now) {
-  constexpr std::uint64_t kPerLock = 64;
-  constexpr std::uint64_t kInAll = 1024;
+  constexpr std::uint64_t kPerLock = 16;
+  constexpr std::uint64_t kInAll = 128;
   if (now < nextThinning_) {
     return;
   }

@@ -211,7 +211,7 @@ TEST_F(contention, kindsAreToldByTheClassOfTheBlocker) {
   EXPECT_EQ(kindOf(concurrent + "locks.ReentrantLock"), "lock");
   EXPECT_EQ(kindOf(concurrent + "CountDownLatch"), "park");
   EXPECT_EQ(kindOf(concurrent + "locks.StampedLock"), "lock");
-  EXPECT_EQ(kindOf(concurrent + "locks.AbstractQueuedSynchronizer"), "park");
+  EXPECT_EQ(kindOf(concurrent + "locks.Condition"), "park");
   EXPECT_EQ(kindOf("com.example.Stock"), "monitor");
   EXPECT_EQ(kindOf("com.example.Queue"), "wait");
 }
