@@ -1,0 +1,8 @@
+/** {@link ContentionTruth} with virtual threads. */
+public final class VirtualContentionTruth {
+  private VirtualContentionTruth() {}
+
+  public static void main(String[] args) throws Exception {
+    ContentionTruth.run(args, Thread.ofVirtual().factory());
+  }
+}
