@@ -261,6 +261,11 @@ public final class ContentionTruth {
     }), blocked);
   }
 
+  private static boolean isWaiting(Thread thread) {
+    Thread.State state = thread.getState();
+    return state == Thread.State.WAITING || state == Thread.State.TIMED_WAITING;
+  }
+
   /** Besides those that wait at a latch there are workers with nothing to do. */
   private static Kind poolThatBecomesIdle() {
     CountDownLatch latch = new CountDownLatch(1);
@@ -270,8 +275,7 @@ public final class ContentionTruth {
       for (int i = 0; i < 4; i++) {
         workers.add(pool.submit(Thread::currentThread).join());
       }
-      workers.forEach(each -> Await.that("an idle worker", () ->
-          each.getState() == Thread.State.WAITING || each.getState() == Thread.State.TIMED_WAITING));
+      workers.forEach(each -> Await.that("an idle worker", () -> isWaiting(each)));
       inside.run();
       latch.countDown();
       pool.shutdown();
