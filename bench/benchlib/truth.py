@@ -70,11 +70,13 @@ SUBJECTS = ()  # Always all.
 LEGEND = """
 Truth: in each round one thread holds all monitors until it has seen all others blocked ("short": no
 longer), or notifies them when it knows all to wait; so the program knows how often and how long
-they were. Count and time as shares of that. The library reports whole seconds for each monitor, cut
-off: its share of the time is between those two. It does not count waits.
+they were. Count and time as shares of that. The library's detail session reports whole seconds for
+each monitor, cut off: its share of the time is between those two. It does not count waits. The
+contention profile runs in rounds of its own.
 """
 
 _LIBRARY = "library, detail session"
+_PROFILE = "library, contention profile"
 
 
 @dataclasses.dataclass(frozen=True)
@@ -106,22 +108,43 @@ def _shares(rounds, name):
     return count, Range(low, high)
 
 
-def _count_error(rounds):
-    share, _ = _shares(rounds, _LIBRARY)
+def _count_error(rounds, tool=_LIBRARY):
+    share, _ = _shares(rounds, tool)
     return None if share is None else abs(share - 1)
 
 
-def _time_error(rounds):
+def _time_error(rounds, tool=_LIBRARY):
     """None where whole seconds are too coarse to tell."""
-    _, share = _shares(rounds, _LIBRARY)
+    _, share = _shares(rounds, tool)
     return share.distance(1) if share.high - share.low < 0.05 else None
 
 
+def _profile_count_error(rounds):
+    return _count_error(rounds, _PROFILE)
+
+
+def _profile_time_error(rounds):
+    return _time_error(rounds, _PROFILE)
+
+
 _NAMES = {workload.name for workload in WORKLOADS}
+_LONG = {workload.name for workload in WORKLOADS if not workload.is_short}
 _GOALS = (
     tables.Goal("library: the true count", _count_error, dict.fromkeys(_NAMES, 0.0), True),
     tables.Goal(
         "library: the true time within 0.02", _time_error, dict.fromkeys(_NAMES, 0.02), True
+    ),
+    tables.Goal(
+        "contention profile: the true count",
+        _profile_count_error,
+        dict.fromkeys(_NAMES, 0.0),
+        True,
+    ),
+    tables.Goal(
+        "contention profile: the true time within 0.02",
+        _profile_time_error,
+        dict.fromkeys(_LONG, 0.02),
+        True,
     ),
 )
 
@@ -150,8 +173,12 @@ def measure(jdk, workload, _, library, __):
         )
     truths = dict.fromkeys(tools, truth)
     usual = "flight recorder, as it comes"
-    tools[usual] = _recording(jdk, workload, folder / "usual.jfr")
-    return {"tools": tools, "truths": {**truths, usual: usual_truth}}
+    later = {
+        _PROFILE: _profile_report(workload, folder / "contention-report.json"),
+        usual: _recording(jdk, workload, folder / "usual.jfr"),
+    }
+    truths |= dict.fromkeys(later, usual_truth)
+    return {"tools": {**tools, **later}, "truths": truths}
 
 
 def _counted(count, seconds, cut=0):
@@ -186,6 +213,18 @@ def _library_report(workload, path):
         sum(lock[time] for lock in watched),
         len(watched),
     )
+
+
+def _profile_report(workload, path):
+    report = json.loads(path.read_text("utf-8"))
+    kind = "wait" if workload.waits else "monitor"
+    watched = [
+        lock
+        for lock in report["locks"] + report["otherLocks"]
+        if (lock["class"], lock["kind"]) == (_MONITOR, kind)
+    ]
+    nanos = sum(lock["blockedNanos"] for lock in watched)
+    return _counted(sum(lock["entries"] for lock in watched), nanos / 1e9)
 
 
 def _recording(jdk, workload, path):

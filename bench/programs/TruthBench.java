@@ -1,3 +1,6 @@
+import com.korvane.twutils.nativeagent.ContentionSession;
+import com.korvane.twutils.nativeagent.ContentionSettings;
+import com.korvane.twutils.nativeagent.NativeAgent;
 import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
 import java.io.IOException;
 import java.lang.management.ManagementFactory;
@@ -15,10 +18,11 @@ import javax.management.JMException;
  * others when it knows all to wait.
  *
  * <p>The JVM's own contention monitoring watches, and so do the flight recorder with the given
- * settings and the agent; then, in further rounds, the flight recorder with its usual settings. For
- * both it prints one line of JSON: the true number of contended enters (or waits) and the sum of
- * their times in seconds, and the contended enters that the contention monitoring has. The agent's
- * numbers are in its report, lock-report.json, the recorder's in recording.jfr and usual.jfr.
+ * settings and the agent's session; then, in further rounds, the agent's contention profile and the
+ * flight recorder with its usual settings. For both it prints one line of JSON: the true number of
+ * contended enters (or waits) and the sum of their times in seconds, and the contended enters that
+ * the contention monitoring has. The agent's numbers are in its reports, lock-report.json and
+ * contention-report.json, the recorder's in recording.jfr and usual.jfr.
  */
 public final class TruthBench {
   /** The monitor, whose class is how it is found in reports. */
@@ -164,7 +168,11 @@ public final class TruthBench {
     watch(rounds, recorder, "recording.jfr");
     stopSession();
     // Two recordings at once would share the lower of their thresholds: hence one after the other.
+    // The profile begins a block when the handlers of the session are done with it: hence, too.
+    ContentionSession profile =
+        NativeAgent.startContention(new ContentionSettings(Paths.get("contention-report.json")));
     watch(Math.max(1, rounds / 4), "default", "usual.jfr");
+    profile.stop();
     for (Contender each : contenders) {
       each.ended = true;
     }
