@@ -4,8 +4,10 @@ For each: it shows and ends as without profiling, and the results name its own m
 exceptions and classes.
 """
 
+import json
 import re
 import shutil
+import subprocess
 from pathlib import Path
 
 import pytest
@@ -43,6 +45,48 @@ def test_an_sql_database_under_load(launcher, folder):
     assert any(frame["method"].startswith("org.h2.") for frame in refused[0]["frames"])
     assert any(name.startswith("org.h2.engine.") for name in found.memory())
 
+
+EVENTS = ("jdk.JavaMonitorEnter", "jdk.ThreadPark")
+SLACK_SECONDS = 0.05
+
+
+def recorded_seconds(launcher, recording):
+    """The time that a flight recording has, by the class of the lock, of what org.h2 locks."""
+    jfr = Path(launcher.java).with_name("jfr")
+    command = [jfr, "print", "--json", "--stack-depth", "0", "--events", ",".join(EVENTS), recording]
+    events = json.loads(subprocess.run(command, check=True, capture_output=True).stdout)
+    seconds = {}
+    for event in events["recording"]["events"]:
+        values = event["values"]
+        name = (values.get("monitorClass") or values.get("parkedClass") or {}).get("name") or ""
+        minutes, rest = re.fullmatch(r"PT(?:(\d+)M)?([\d.E-]+)S", values["duration"]).groups()
+        key = name.replace("/", ".")
+        seconds[key] = seconds.get(key, 0) + 60 * int(minutes or 0) + float(rest)
+    return {name: time for name, time in seconds.items() if name.startswith("org.h2.")}
+
+
+def test_an_sql_database_is_blocked_as_long_as_the_flight_recorder_sees(launcher, folder):
+    assert DATABASE.is_file(), "needs the package libh2-java"
+    url = "jdbc:h2:mem:bank;DB_CLOSE_DELAY=-1;LOCK_TIMEOUT=60000"
+    settings = folder / "all.jfc"
+    each = "".join(f'<event name="{name}"><setting name="enabled">true</setting>'
+                   '<setting name="threshold">0 ns</setting></event>' for name in EVENTS)
+    settings.write_text(f'<configuration version="2.0">{each}</configuration>')
+    recording = folder / "recording.jfr"
+    found = launcher.run(
+        "run", "--contention", "--", "java",
+        f"-XX:StartFlightRecording:settings={settings},filename={recording}",
+        "-cp", f"{launcher.programs}:{DATABASE}", "SqlLoad", url, 8, 1000, folder=folder)
+    assert found.code == 0, found
+    recorded = recorded_seconds(launcher, recording)
+    (result,) = results(folder / OUTPUT)
+    profiled = dict.fromkeys(recorded, 0)
+    for lock in result.json("contention-1.json")["locks"]:
+        if lock["kind"] in ("monitor", "lock", "park") and lock["class"] in profiled:
+            profiled[lock["class"]] += lock["blockedNanos"] / 1e9
+    assert sum(recorded.values()) > 0.1
+    for name, seconds in recorded.items():
+        assert profiled[name] == pytest.approx(seconds, rel=0.05, abs=SLACK_SECONDS), name
 
 
 @pytest.fixture
