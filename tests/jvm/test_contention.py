@@ -32,9 +32,9 @@ KINDS = {  # how a report names them
 }
 WAITS = {
     "wait": ("wait", "ContentionTruth$Contended"),
-    "condition": ("park", LOCKS + "AbstractQueuedSynchronizer"),
+    "condition": ("park", LOCKS + "Condition"),
     "latch": ("park", JUC + "CountDownLatch"),
-    "queue": ("park", LOCKS + "AbstractQueuedSynchronizer"),
+    "queue": ("park", LOCKS + "Condition"),
     "future": ("park", JUC + "CompletableFuture"),
     "pool": ("park", JUC + "CountDownLatch"),
 }
