@@ -107,8 +107,9 @@ void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen
     return;
   }
   // One that runs may have called or returned, so that the number is that of another frame.
-  seen.holdingFrame =
-      frame == frameBefore && frame < instruments::stackTable::kMostDepth ? frame : -1;
+  const std::size_t depth = stack == 0 ? 0 : samples_.stacks.at(stack).frames.size();
+  const bool isShown = frame >= 0 && static_cast<std::size_t>(frame) < depth;
+  seen.holdingFrame = frame == frameBefore && isShown ? frame : -1;
   seen.note = ownerNote::known;
   seen.thread = nameOf(owner);
   seen.stack = stack;
