@@ -384,7 +384,7 @@ std::string contentionProfile::snapshot(JNIEnv* jni, const std::string& path) {
 std::string contentionProfile::reportText(JNIEnv* jni) {
   support::jsonWriter json;
   const std::int64_t now = session_.ended == 0 ? instruments::steadyNanos() : session_.ended;
-  writeContentionReport(json, jni, session_, recorder_, samples_, sampler_.blocked(), now);
+  writeContentionReport(json, jni, session_, recorder_, samples_, sampler_, now);
   return json.text() + '\n';
 }
 

@@ -53,7 +53,7 @@ class reportWriter {
       : json_(json), recorder_(recorder), samples_(samples) {}
 
   void writeHead(const contentionSession& session, std::int64_t now);
-  void writeLocks(JNIEnv* jni, const std::vector<contentionSampler::blockedNow>& blocked);
+  void writeLocks(JNIEnv* jni, const contentionSampler& sampler);
   void writeWindows();
   void writeStacks();
   void writeStuck();
@@ -80,7 +80,9 @@ class reportWriter {
   void writeOwner(const ownerSeen& owner);
   void writePairs(const pairList& pairs);
   void writePair(const pairEntry& pair);
-  void writeOthers(const std::map<std::uint32_t, pairList>& pairs);
+  void writeOthers(const std::map<std::uint32_t, pairList>& pairs,
+                   const contentionSampler::blockedOthers& blocked);
+  void writeBlocked(const contentionSampler::blockedNow& blocked);
   void writeWindow(const contentionWindow& window);
 
   jsonWriter& json_;
@@ -154,9 +156,8 @@ std::map<std::uint32_t, pairList> reportWriter::pairsByLock() const {
   return pairs;
 }
 
-void reportWriter::writeLocks(JNIEnv* jni,
-                              const std::vector<contentionSampler::blockedNow>& blocked) {
-  const std::vector<lockRow> all = rows(jni, blocked);
+void reportWriter::writeLocks(JNIEnv* jni, const contentionSampler& sampler) {
+  const std::vector<lockRow> all = rows(jni, sampler.blocked());
   std::map<std::uint32_t, pairList> pairs = pairsByLock();
   json_.key("locks").beginArray(kLines);
   for (const lockRow& each : all) {
@@ -168,18 +169,18 @@ void reportWriter::writeLocks(JNIEnv* jni,
     writeText(json_, "field", samples_.fieldOf(record.id));
     json_.member("kind", kKinds.at(static_cast<std::size_t>(record.kind)));
     writeTotals(each.totals);
-    json_.member("stillBlocked", std::uint64_t{each.blocked.threads});
-    json_.member("stillBlockedNanos", each.blocked.nanos);
+    writeBlocked(each.blocked);
     const auto own = pairs.extract(record.id);
     writePairs(own.empty() ? pairList() : own.mapped());
     json_.endObject();
   }
   json_.endArray();
-  writeOthers(pairs);
+  writeOthers(pairs, sampler.blockedAtOthers());
 }
 
 // Sums of the locks without record, with the pairs of those that had one.
-void reportWriter::writeOthers(const std::map<std::uint32_t, pairList>& pairs) {
+void reportWriter::writeOthers(const std::map<std::uint32_t, pairList>& pairs,
+                               const contentionSampler::blockedOthers& blocked) {
   std::map<std::pair<std::uint32_t, std::size_t>, pairList> byClass;
   for (const auto& [lock, list] : pairs) {
     for (const pairEntry* const each : list) {
@@ -194,18 +195,26 @@ void reportWriter::writeOthers(const std::map<std::uint32_t, pairList>& pairs) {
       const lockKind kind = lockTable::kindOf(static_cast<channel>(by), cls);
       const blockTotals totals = cls.sums.at(by).read();
       const auto own = byClass.find({i, by});
-      if (kind == lockKind::idle || (totals.entries == 0 && own == byClass.end())) {
+      const auto still = blocked.find(blockRecorder::othersOf(static_cast<channel>(by), i));
+      if (kind == lockKind::idle ||
+          (totals.entries == 0 && own == byClass.end() && still == blocked.end())) {
         continue;
       }
       json_.beginObject();
       writeText(json_, "class", publicClass(samples_.classNames[i], kind));
       json_.member("kind", kKinds.at(static_cast<std::size_t>(kind)));
       writeTotals(totals);
+      writeBlocked(still == blocked.end() ? contentionSampler::blockedNow{} : still->second);
       writePairs(own == byClass.end() ? pairList() : own->second);
       json_.endObject();
     }
   }
   json_.endArray();
+}
+
+void reportWriter::writeBlocked(const contentionSampler::blockedNow& blocked) {
+  json_.member("stillBlocked", std::uint64_t{blocked.threads});
+  json_.member("stillBlockedNanos", blocked.nanos);
 }
 
 void reportWriter::writeTotals(const blockTotals& totals) {
@@ -391,12 +400,11 @@ void reportWriter::writeOmissions() {
 
 void writeContentionReport(jsonWriter& json, JNIEnv* jni, const contentionSession& session,
                            const blockRecorder& recorder, const contentionSamples& samples,
-                           const std::vector<contentionSampler::blockedNow>& blocked,
-                           std::int64_t now) {
+                           const contentionSampler& sampler, std::int64_t now) {
   reportWriter writer(json, recorder, samples);
   json.beginObject();
   writer.writeHead(session, now);
-  writer.writeLocks(jni, blocked);
+  writer.writeLocks(jni, sampler);
   writer.writeWindows();
   writer.writeStacks();
   writer.writeStuck();

@@ -26,7 +26,6 @@ struct contentionSession {
 // Under the profile's lock, after the sampler has caught up with `now`.
 void writeContentionReport(support::jsonWriter& json, JNIEnv* jni, const contentionSession& session,
                            const blockRecorder& recorder, const contentionSamples& samples,
-                           const std::vector<contentionSampler::blockedNow>& blocked,
-                           std::int64_t now);
+                           const contentionSampler& sampler, std::int64_t now);
 
 }  // namespace agent

@@ -105,8 +105,7 @@ void contentionSampler::scan(std::int64_t now) {
     blocked_[place] = {};
   }
   waitedFor_.clear();
-  otherContended_ = 0;
-  otherWaits_ = 0;
+  others_.clear();
   const std::uint32_t end = recorder_.threads().end();
   const auto start = static_cast<std::uint32_t>(++tickNumber_ * kStride);
   for (std::uint32_t i = 0; i < end; ++i) {
@@ -116,16 +115,18 @@ void contentionSampler::scan(std::int64_t now) {
       continue;
     }
     const auto nanos = static_cast<std::uint64_t>(std::max<std::int64_t>(now - found.since, 0));
-    if (found.place >= blocked_.size()) {
-      (isContention(recorder_.kindOf(found.place)) ? otherContended_ : otherWaits_) += nanos;
-      continue;
-    }
-    blockedNow& lock = blocked_[found.place];
+    const bool isOther = found.place >= blocked_.size();
+    blockedNow& lock = isOther ? others_[found.place] : blocked_[found.place];
     if (lock.threads++ == 0) {
-      waitedFor_.push_back(found.place);
       lock.since = found.since;
     }
     lock.nanos += nanos;
+    if (isOther) {
+      continue;
+    }
+    if (lock.threads == 1) {
+      waitedFor_.push_back(found.place);
+    }
     std::vector<waitingThread>& waiting = waiting_[found.place];
     if (waiting.size() < kMostWaiting) {
       waiting.push_back({slot, found});
@@ -279,8 +280,9 @@ contentionSampler::allSums contentionSampler::sumUp(std::int64_t now) {
     }
   }
   scan(now);
-  all.contended.nanos += otherContended_;
-  all.waits.nanos += otherWaits_;
+  for (const auto& [place, blocked] : others_) {
+    (isContention(recorder_.kindOf(place)) ? all.contended : all.waits).nanos += blocked.nanos;
+  }
   for (std::uint32_t i = 0; i < locks.end(); ++i) {
     if (!locks.isLive(i)) {
       continue;

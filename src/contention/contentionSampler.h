@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <set>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -42,6 +43,9 @@ class contentionSampler {
     std::int64_t since = 0;  // of the one that is blocked longest
   };
   const std::vector<blockedNow>& blocked() const { return blocked_; }
+  // The same of the locks of a class without records, by blockRecorder::othersOf.
+  using blockedOthers = std::unordered_map<std::uint32_t, blockedNow>;
+  const blockedOthers& blockedAtOthers() const { return others_; }
 
  private:
   static constexpr std::size_t kLocksPerTick = 8;
@@ -98,8 +102,7 @@ class contentionSampler {
   std::vector<std::vector<waitingThread>> waiting_;  // by place, of the last scan
   std::vector<std::uint32_t> waitedFor_;             // places with waiting threads
   std::vector<blockedNow> blocked_;                  // by place
-  std::uint64_t otherContended_ = 0;                 // nanoseconds of blocked threads without place
-  std::uint64_t otherWaits_ = 0;
+  blockedOthers others_;
   std::vector<weight> weights_;               // by place
   std::vector<baseline> baselines_;           // by place
   std::vector<std::uint64_t> entriesBefore_;  // by place: as of the last thinning

@@ -15,8 +15,7 @@ import pytest
 
 from harness import DEFAULT_OPTIONS, Jvm
 
-SLACK_NANOS = 1_000_000  # each block, for being put off by a busy machine inside the stopwatch
-SHORT_BY = 0.02
+SLACK_NANOS = 1024  # of each block
 
 JUC = "java.util.concurrent."
 LOCKS = JUC + "locks."
@@ -64,30 +63,20 @@ def assert_counts(run, name, kind, cls):
     assert total(found, "entries") == entries, (name, report["omitted"])
     assert sum(sum(each["histogram"]) for each in found) == entries
     assert total(found, "stillBlocked") == 0
-    assert total(found, "blockedNanos") <= run.fact(f"{name}.nanos") + 1024 * entries, name
-
-
-def time_is_true(run, name, kind, cls):
-    """Within the stopwatch is also what a thread takes to get the lock of what it waits for."""
-    report = reported(run, name)
-    entered = {"wait": ("monitor", cls)}.get(name, ("lock", LOCKS + "ReentrantLock"))
-    found = rows(report, kind, cls) + (rows(report, *entered) if name in WAITS else [])
-    nanos = run.fact(f"{name}.nanos")
-    slack = SHORT_BY * nanos + run.fact(f"{name}.entries") * SLACK_NANOS
-    return total(found, "blockedNanos") >= nanos - slack
+    # A thread is blocked from when it was seen to be, and within what its own stopwatch shows. Both
+    # are near each other on a machine that lets the program run.
+    blocked = total(found, "blockedNanos")
+    assert blocked <= run.fact(f"{name}.nanos") + SLACK_NANOS * entries, name
+    assert blocked >= run.fact(f"{name}.leastNanos") - SLACK_NANOS * entries, name
 
 
 def measure(jvm, *arguments, kinds, program="ContentionTruth", vm=(), quiet=True):
-    """Runs the program; counts are exact each time, times when the machine lets the program run."""
-    for _ in range(3):
-        run = jvm.run(program, *arguments, *kinds, vm=vm, quiet=quiet)
-        measured = [name for name in kinds if name != "record"]
-        for name in measured:
+    """Runs the program, and compares counts and times with its own."""
+    run = jvm.run(program, *arguments, *kinds, vm=vm, quiet=quiet)
+    for name in kinds:
+        if name != "record":
             assert_counts(run, name, *ALL_KINDS[name])
-        wrong = [name for name in measured if not time_is_true(run, name, *ALL_KINDS[name])]
-        if not wrong:
-            return run
-    raise AssertionError(f"{wrong} were too short three times, in {run.folder}")
+    return run
 
 
 def still_blocked(run, name, kind, cls):
@@ -199,9 +188,10 @@ def stuck(jvm):
 
 def test_nobody_is_stuck_before_the_threshold(stuck):
     report = reported(stuck, "early")
-    if stuck.fact("earlyMillis") > 700:
-        pytest.skip("this machine took too long to look")
-    assert report["stuck"] == report["deadlocks"] == []
+    if not report["stuck"]:
+        assert report["deadlocks"] == []
+    for each in report["stuck"]:  # on a machine that is too busy to be early
+        assert report["writtenAt"] - each["sinceAt"] >= report["settings"]["stuckMillis"]
 
 
 def names_of(report):
@@ -209,7 +199,7 @@ def names_of(report):
 
 
 def test_deadlocks_are_named_after_the_threshold(stuck):
-    assert 0 <= stuck.fact("namedMillis") < 3500  # 1 s, looks once a second, and a slow machine
+    assert 0 <= stuck.fact("namedMillis") < 10_000  # 1 s, looks once a second, and a busy machine
     for name in ("named", "stuck"):
         report = reported(stuck, name)
         names = names_of(report)

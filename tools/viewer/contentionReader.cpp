@@ -146,6 +146,8 @@ const shape& otherLockShape() {
                   {"firstAt", time<&contentionLock::firstAt>},
                   {"lastAt", time<&contentionLock::lastAt>},
                   {"histogram", objects<&contentionLock::histogram, countElement>},
+                  {"stillBlocked", count<&contentionLock::stillBlocked>},
+                  {"stillBlockedNanos", count<&contentionLock::stillBlockedNanos>},
                   {"pairs", objects<&contentionLock::pairs, pairShape>}}};
   return result;
 }
@@ -153,12 +155,9 @@ const shape& otherLockShape() {
 const shape& lockShape() {
   static const shape result = [] {
     shape lock = otherLockShape();
-    lock.members.insert(lock.members.end(),
-                        {{"id", count<&contentionLock::id>},
-                         {"identity", at<&contentionLock::identity>},
-                         {"field", at<&contentionLock::field>},
-                         {"stillBlocked", count<&contentionLock::stillBlocked>},
-                         {"stillBlockedNanos", count<&contentionLock::stillBlockedNanos>}});
+    lock.members.insert(lock.members.end(), {{"id", count<&contentionLock::id>},
+                                             {"identity", at<&contentionLock::identity>},
+                                             {"field", at<&contentionLock::field>}});
     return lock;
   }();
   return result;

@@ -81,22 +81,28 @@ public final class ContentionTruth {
     }
   }
 
-  /** Has a report of a kind, and tells the sum of what the threads' own stopwatches show. */
+  /**
+   * Has a report of a kind, and tells the sum of what the threads' own stopwatches show, and what
+   * they were blocked at least: from when they were seen so until they were let go.
+   */
   static void measure(String name, Supplier<Kind> kind, ThreadFactory threads, int count,
       int rounds, int millis) throws Exception {
     AtomicLong nanos = new AtomicLong();
-    round(kind.get(), threads, count, 0, new AtomicLong(), null, name); // has all code linked
+    AtomicLong least = new AtomicLong();
+    // Has all code linked.
+    round(kind.get(), threads, count, 0, new AtomicLong(), new AtomicLong(), null, name);
     Profile profile = Profile.start(Profile.settings(name).locks(20_000));
     for (int i = 0; i < rounds; i++) {
-      round(kind.get(), threads, count, millis, nanos, i == rounds - 1 ? profile : null, name);
+      round(kind.get(), threads, count, millis, nanos, least, profile, name);
     }
     profile.stop();
     Facts.put(name + ".entries", count * rounds);
     Facts.put(name + ".nanos", nanos);
+    Facts.put(name + ".leastNanos", least);
   }
 
   private static void round(Kind kind, ThreadFactory threads, int count, int millis,
-      AtomicLong nanos, Profile profile, String name) throws Exception {
+      AtomicLong nanos, AtomicLong least, Profile profile, String name) throws Exception {
     List<Thread> blocked = new ArrayList<>();
     for (int i = 0; i < count; i++) {
       Thread thread = threads.newThread(() -> {
@@ -108,19 +114,40 @@ public final class ContentionTruth {
     }
     run(kind.holder, () -> {
       blocked.forEach(Thread::start);
-      blocked.forEach(ContentionTruth::awaitBlocked);
+      for (Thread each : blocked) {
+        awaitBlocked(each);
+        least.addAndGet(-System.nanoTime());
+      }
       Await.untilNanos(System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(millis));
       if (profile != null) {
-        // A thread is BLOCKED while the agent is still about to note it.
-        Await.that("all in the report", () -> profile.mostBlockedOfAClass() == count);
+        // A thread is BLOCKED while the agent is still about to note it, or on its way to wait.
+        String by = byKind(name);
+        Await.that("all in the report", () -> profile.mostBlockedOfAClass(by) == count);
         keep(profile, name + "-blocked");
       }
+      least.addAndGet(count * System.nanoTime());
     });
     // To join a virtual thread is to wait at a latch.
     blocked.forEach(each -> Await.state(each, Thread.State.TERMINATED));
   }
 
-  // No thread has anything else to wait for.
+  private static String byKind(String name) {
+    switch (name) {
+      case "monitor":
+      case "wait":
+        return name;
+      case "condition":
+      case "latch":
+      case "queue":
+      case "future":
+      case "pool":
+        return "park";
+      default:
+        return "lock";
+    }
+  }
+
+  // No thread has anything else to wait for, except for what it takes to get there.
   private static void awaitBlocked(Thread thread) {
     Await.that("a blocked thread", () -> {
       Thread.State state = thread.getState();

@@ -6,6 +6,7 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.Paths;
+import java.nio.file.StandardCopyOption;
 import java.time.Duration;
 import java.util.HashMap;
 import java.util.Map;
@@ -15,7 +16,8 @@ import java.util.regex.Pattern;
 /** A contention profile that writes a report of a given name into the working directory. */
 final class Profile {
   private static final Pattern LOCK =
-      Pattern.compile("\"class\": \"([^\"]*)\"[^{]*?\"stillBlocked\": (\\d+)");
+      Pattern.compile(
+          "\"class\": \"([^\"]*)\"[^{]*?\"kind\": \"([^\"]*)\"[^{]*?\"stillBlocked\": (\\d+)");
 
   private final ContentionSession session;
 
@@ -45,18 +47,21 @@ final class Profile {
     }
   }
 
-  /** How many threads are blocked by all locks of one class, which is that with most of them. */
-  int mostBlockedOfAClass() {
+  /** How many threads a kind of lock blocks, of the class that has most of them. */
+  int mostBlockedOfAClass(String kind) {
     Map<String, Integer> blocked = new HashMap<>();
     for (Matcher lock = LOCK.matcher(read()); lock.find();) {
-      blocked.merge(lock.group(1), Integer.parseInt(lock.group(2)), Integer::sum);
+      if (lock.group(2).equals(kind)) {
+        blocked.merge(lock.group(1), Integer.parseInt(lock.group(3)), Integer::sum);
+      }
     }
     return blocked.values().stream().reduce(0, Integer::max);
   }
 
   /** Writes a snapshot that stays when the next one is written. */
   void keep(String name) throws IOException {
-    Files.move(session.snapshot(), Paths.get(name + ".json"));
+    Files.move(
+        session.snapshot(), Paths.get(name + ".json"), StandardCopyOption.REPLACE_EXISTING);
   }
 
   Path stop() throws IOException {

@@ -221,7 +221,7 @@ inline nlohmann::json contentionTest::contentionReport(std::int64_t now) {
   support::jsonWriter json;
   vm.native([&](JNIEnv* jni) {
     sampler->catchUp(vm.jvmti(), jni, now);
-    writeContentionReport(json, jni, session, *recorder, *samples, sampler->blocked(), now);
+    writeContentionReport(json, jni, session, *recorder, *samples, *sampler, now);
   });
   return nlohmann::json::parse(json.text());
 }
