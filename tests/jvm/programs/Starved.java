@@ -66,16 +66,24 @@ public final class Starved {
   /** Takes all memory, and keeps it for a while, over and over. */
   private static void starve(long end) {
     while (System.nanoTime() < end) {
-      LinkedList<Object> all = new LinkedList<>();
-      long until = 0;
-      while (until == 0 || System.nanoTime() < until) {
-        try {
-          while (true) {
-            all.add(new long[until == 0 ? 100 : 1]);
-          }
-        } catch (OutOfMemoryError e) {
-          until = until == 0 ? System.nanoTime() + 300_000_000 : until;
+      try {
+        starveOnce();
+      } catch (OutOfMemoryError e) {
+        // There was none to begin with.
+      }
+    }
+  }
+
+  private static void starveOnce() {
+    LinkedList<Object> all = new LinkedList<>();
+    long until = 0;
+    while (until == 0 || System.nanoTime() < until) {
+      try {
+        while (true) {
+          all.add(new long[until == 0 ? 100 : 1]);
         }
+      } catch (OutOfMemoryError e) {
+        until = until == 0 ? System.nanoTime() + 300_000_000 : until;
       }
     }
   }
