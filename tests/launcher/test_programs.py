@@ -50,8 +50,18 @@ EVENTS = ("jdk.JavaMonitorEnter", "jdk.ThreadPark")
 SLACK_SECONDS = 0.05
 
 
+CONCURRENT = "java.util.concurrent."
+
+
+def public_class(name):
+    """The class that a program uses, of what is inside those of java.util.concurrent."""
+    if name.endswith("$ConditionObject"):
+        return CONCURRENT + "locks.Condition"
+    return name.split("$")[0] if name.startswith(CONCURRENT) else name
+
+
 def recorded_seconds(launcher, recording):
-    """The time that a flight recording has, by the class of the lock, of what org.h2 locks."""
+    """The time that a flight recording has, by the class of the lock."""
     jfr = Path(launcher.java).with_name("jfr")
     command = [jfr, "print", "--json", "--stack-depth", "0", "--events", ",".join(EVENTS), recording]
     events = json.loads(subprocess.run(command, check=True, capture_output=True).stdout)
@@ -60,14 +70,13 @@ def recorded_seconds(launcher, recording):
         values = event["values"]
         name = (values.get("monitorClass") or values.get("parkedClass") or {}).get("name") or ""
         minutes, rest = re.fullmatch(r"PT(?:(\d+)M)?([\d.E-]+)S", values["duration"]).groups()
-        key = name.replace("/", ".")
+        key = public_class(name.replace("/", "."))
         seconds[key] = seconds.get(key, 0) + 60 * int(minutes or 0) + float(rest)
-    return {name: time for name, time in seconds.items() if name.startswith("org.h2.")}
+    return seconds
 
 
-def test_an_sql_database_is_blocked_as_long_as_the_flight_recorder_sees(launcher, folder):
-    assert DATABASE.is_file(), "needs the package libh2-java"
-    url = "jdbc:h2:mem:bank;DB_CLOSE_DELAY=-1;LOCK_TIMEOUT=60000"
+def assert_seen_by_both(launcher, folder, prefixes, *command):
+    """The profile has the blocked time of the flight recorder; that of classes with such names."""
     settings = folder / "all.jfc"
     each = "".join(f'<event name="{name}"><setting name="enabled">true</setting>'
                    '<setting name="threshold">0 ns</setting></event>' for name in EVENTS)
@@ -75,18 +84,53 @@ def test_an_sql_database_is_blocked_as_long_as_the_flight_recorder_sees(launcher
     recording = folder / "recording.jfr"
     found = launcher.run(
         "run", "--contention", "--", "java",
-        f"-XX:StartFlightRecording:settings={settings},filename={recording}",
-        "-cp", f"{launcher.programs}:{DATABASE}", "SqlLoad", url, 8, 1000, folder=folder)
+        f"-XX:StartFlightRecording:settings={settings},filename={recording}", *command,
+        folder=folder)
     assert found.code == 0, found
-    recorded = recorded_seconds(launcher, recording)
+    recorded = {name: seconds for name, seconds in recorded_seconds(launcher, recording).items()
+                if name.startswith(prefixes)}
     (result,) = results(folder / OUTPUT)
     profiled = dict.fromkeys(recorded, 0)
     for lock in result.json("contention-1.json")["locks"]:
         if lock["kind"] in ("monitor", "lock", "park") and lock["class"] in profiled:
             profiled[lock["class"]] += lock["blockedNanos"] / 1e9
-    assert sum(recorded.values()) > 0.1
     for name, seconds in recorded.items():
         assert profiled[name] == pytest.approx(seconds, rel=0.05, abs=SLACK_SECONDS), name
+    return recorded
+
+
+DATABASES = {  # the jar, the JDBC URL, and how names of its classes begin
+    "h2": (DATABASE, "jdbc:h2:mem:bank;DB_CLOSE_DELAY=-1;LOCK_TIMEOUT=60000", "org.h2."),
+    "derby": (Path("/usr/share/java/derby.jar"),  # libderby-java
+              "jdbc:derby:memory:bank;create=true", "org.apache.derby."),
+}
+
+
+@pytest.mark.parametrize("jar, url, prefix", DATABASES.values(), ids=DATABASES)
+def test_a_database_is_blocked_as_long_as_the_flight_recorder_sees(launcher, folder, jar, url,
+                                                                  prefix):
+    assert jar.is_file(), "needs the packages libh2-java and libderby-java"
+    recorded = assert_seen_by_both(launcher, folder, prefix, "-cp", f"{launcher.programs}:{jar}",
+                                   "SqlLoad", url, 8, 400)
+    assert sum(recorded.values()) > 0.1
+
+
+TOMCAT = [Path("/usr/share/java") / f"tomcat10-{name}.jar"  # libtomcat10-embed-java, libtomcat10-java
+          for name in ("embed-core", "embed-el", "annotations-api")]
+
+
+def test_a_web_server_is_blocked_as_long_as_the_flight_recorder_sees(launcher, folder):
+    assert all(jar.is_file() for jar in TOMCAT), "needs libtomcat10-embed-java and libtomcat10-java"
+    jars = ":".join(map(str, TOMCAT))
+    classes = folder / "classes"
+    javac = Path(launcher.java).with_name("javac")
+    source = Path(__file__).parent / "tomcat" / "WebLoad.java"
+    subprocess.run([javac, "-nowarn", "-cp", jars, "-d", classes, source], check=True)
+    recorded = assert_seen_by_both(
+        launcher, folder, ("WebLoad", CONCURRENT + "locks.ReentrantLock"),
+        "-cp", f"{classes}:{jars}", "WebLoad", 16, 20)
+    assert recorded["WebLoad$Stock"] > 0.5
+    assert recorded[CONCURRENT + "locks.ReentrantLock"] > 0.5
 
 
 @pytest.fixture
