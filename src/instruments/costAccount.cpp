@@ -50,10 +50,11 @@ void costAccount::clear() {
 }
 
 bool costAccount::takeTick(std::int64_t now) {
-  // A second's budget may be saved up, and no more.
+  // A tenth of a second's budget may be saved up: no bursts after a quiet time.
   constexpr std::int64_t kPercent = 100;
+  constexpr std::int64_t kMostSaved = kNanosPerSecond / 10;
   const std::int64_t given = (now - paidUntil_) * percent_ / kPercent;
-  counted_ = std::max(counted_ - given, -kNanosPerSecond * percent_ / kPercent);
+  counted_ = std::max(counted_ - given, -kMostSaved * percent_ / kPercent);
   paidUntil_ = now;
   if (counted_ > 0) {
     ++total_.ticksLeftOut;

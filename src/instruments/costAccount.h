@@ -58,7 +58,7 @@ class costAccount {
   // What a safepoint takes from a program that keeps the processors busy, its threads' stop and
   // start included: measured as lost throughput of 64 threads. The call's own time does not show
   // that: most of it may be a wait for a processor.
-  static constexpr std::int64_t kPerSafepoint = 250'000;
+  static constexpr std::int64_t kPerSafepoint = 500'000;
 
   class entry {
    public:

@@ -301,8 +301,8 @@ TEST_F(contentionSampling, theBudgetLeavesLooksOut) {
   const int ticks = cost.at("ticks");
   EXPECT_EQ(ticks + cost.at("ticksLeftOut").get<int>(), kLooks);
   EXPECT_EQ(cost.at("processorNanos"), ticks * kMilli);
-  // A safepoint counts with a quarter of a millisecond beside.
-  EXPECT_NEAR(ticks, kLooks * 0.2 / 1.25, 2);
+  // A safepoint counts with half a millisecond beside.
+  EXPECT_NEAR(ticks, kLooks * 0.2 / 1.5, 2);
   // What is left out is no time lost: the next sample stands for it.
   EXPECT_NEAR(onlyPair().at("nanos").get<double>(), kLooks * kTick, 10.0 * kTick);
 }
