@@ -250,7 +250,6 @@ void lockTable::makeRoom(JNIEnv* jni, const instruments::handlerGate& gate,
 void lockTable::free(JNIEnv* jni, std::uint32_t place) {
   lockRecord& record = records_[place];
   lockClass& cls = classes_[record.cls];
-  ++cls.locks;
   cls.sums[static_cast<std::size_t>(record.by)].add(record.counts.read());
   record.counts.clear();
   if (record.object != nullptr) {

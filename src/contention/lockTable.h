@@ -50,7 +50,6 @@ struct lockClass {
   jint hash;
   lockKind parkKind;
   jweak cls;
-  std::atomic<std::uint32_t> locks;  // how many locks of it had no record or lost theirs
   std::array<blockCounts, kChannels> sums;
 };
 

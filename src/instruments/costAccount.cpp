@@ -3,7 +3,6 @@
 #include <time.h>
 
 #include <algorithm>
-#include <chrono>
 
 namespace instruments {
 

@@ -56,8 +56,8 @@ class costAccount {
 
  private:
   // What a safepoint takes from a program that keeps the processors busy, its threads' stop and
-  // start included: measured as lost throughput of 64 threads. The call's own time does not show
-  // that: most of it may be a wait for a processor.
+  // start included: less than what 8 and 64 threads on few monitors lost in bench/run. The call's
+  // own time does not show that: most of it may be a wait for a processor.
   static constexpr std::int64_t kPerSafepoint = 500'000;
 
   class entry {
