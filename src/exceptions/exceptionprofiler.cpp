@@ -133,37 +133,42 @@ bool exceptionProfiler::takeRate(const std::string& className, std::int32_t rate
 }
 
 void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
-                                                  jmethodID method, jlocation /*location*/,
-                                                  jobject exception, jmethodID /*catchMethod*/,
+                                                  jmethodID method, jlocation location,
+                                                  jobject exception, jmethodID catchMethod,
                                                   jlocation /*catchLocation*/) {
   if (handlerRuns) {
     return;
   }
   const handlerScope scope;
   try {
-    exceptionOccurred(jvmti, jni, thread, method, exception);
+    exceptionOccurred({.jvmti = jvmti,
+                       .jni = jni,
+                       .thread = thread,
+                       .method = method,
+                       .location = location,
+                       .exception = exception,
+                       .settings = {},
+                       .isCaught = catchMethod != nullptr});
   } catch (...) {
     logRefusal("Exception occured in exceptionprofiler : ExceptionCallback");
   }
 }
 
-void exceptionProfiler::exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
-                                          jmethodID method, jobject exception) {
+void exceptionProfiler::exceptionOccurred(throwEvent event) {
   const std::shared_ptr<exceptionProfiler> self = getExceptionProfiler();
   if (!self) {
     return logRefusal("Unable to get Exception profiler");
   }
-  std::shared_ptr<ExceptionCaptureSettings> settings = self->settings_.load();
-  if (!settings || !settings->enabled) {
+  event.settings = self->settings_.load();
+  if (!event.settings || !event.settings->enabled) {
     return logRefusal("Exception is not enabled");
   }
-  if (exception == nullptr) {
+  if (event.exception == nullptr) {
     return logRefusal("exception object is NULL");
   }
   if (self->state() == kExceptionStopped) {
     return logRefusal("Exception profiler stage is stopped");
   }
-  throwEvent event{jvmti, jni, thread, method, exception, std::move(settings)};
   exceptionCounts::ofProcess().add(exceptionCount::seen);
   self->exceptionThrown(event);
 }

@@ -78,8 +78,7 @@ class exceptionProfiler : public profiler {
       EXCLUDES(rateMutex_);
 
  private:
-  static void exceptionOccurred(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jmethodID method,
-                                jobject exception);
+  static void exceptionOccurred(throwEvent event);
   void exceptionThrown(throwEvent& event);
   // Whether the event passes the filters; when not, why not.
   std::optional<exceptionCount> refusal(throwEvent& event);

@@ -87,7 +87,8 @@ bool frameCapture::appendStack() {
   std::array<jvmtiFrameInfo, kMaxFrames> frames;
   jint count = 0;
   const jint depth = std::min(event_.settings->stackTraceDepth, kMaxFrames);
-  if (event_.failed(event_.jvmti->GetStackTrace(event_.thread, 0, depth, frames.data(), &count))) {
+  if (event_.failed(event_.jvmti->GetStackTrace(event_.thread, event_.firstFrame, depth,
+                                                frames.data(), &count))) {
     return false;
   }
   for (jint i = 0; i < count && !out_.isCut(); ++i) {
@@ -188,8 +189,8 @@ frameCapture::outcome frameCapture::appendThis(jmethodID method) {
     return outcome::omitted;
   }
   jobject self = nullptr;
-  const jvmtiError error =
-      readSlot([&] { return event_.jvmti->GetLocalObject(event_.thread, 0, 0, &self); });
+  const jvmtiError error = readSlot(
+      [&] { return event_.jvmti->GetLocalObject(event_.thread, event_.firstFrame, 0, &self); });
   if (hasNoValue(error)) {
     return outcome::omitted;
   }
@@ -294,8 +295,9 @@ frameCapture::outcome frameCapture::readAndWrite(
     const jvmtiLocalVariableEntry& variable, jint index,
     jvmtiError (jvmtiEnv::*read)(jthread, jint, jint, Value*), Write&& write) {
   Value value{};
-  const jvmtiError error =
-      readSlot([&] { return (event_.jvmti->*read)(event_.thread, index, variable.slot, &value); });
+  const jvmtiError error = readSlot([&] {
+    return (event_.jvmti->*read)(event_.thread, event_.firstFrame + index, variable.slot, &value);
+  });
   if (hasNoValue(error)) {
     return outcome::omitted;
   }

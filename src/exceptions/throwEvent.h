@@ -6,6 +6,7 @@
 #include <jvmti.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -66,9 +67,12 @@ struct throwEvent {
   jvmtiEnv* jvmti;
   JNIEnv* jni;
   jthread thread;
-  jmethodID method;
+  jmethodID method;  // the one that throws, and where in it
+  jlocation location;
   jobject exception;
   std::shared_ptr<ExceptionCaptureSettings> settings;
+  std::optional<bool> isCaught{};           // by Java code, as far as the VM knows
+  jint firstFrame = 0;                      // the thrower's, counted from the top of the stack
   knownClasses::entry info{};               // of the exception's class, once it is known
   raisedInHandler* raised = nullptr;        // once a record is built
   jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused
