@@ -18,6 +18,7 @@
 #include "agent/vmEnd.h"
 #include "contention/contentionProfile.h"
 #include "exceptions/exceptionprofiler.h"
+#include "support/attachGate.h"
 #include "support/jvmtiStatus.h"
 
 namespace agent {
@@ -85,6 +86,7 @@ jint load(JavaVM* vm, const char* options) {
   const std::shared_ptr<profilerRegistry> registry = getRegistry();
   registry->setEnvironment(jvmti);
   watchForVmEnd(vm, leaveBeforeVmEnds);
+  support::attachGate::ofProcess().install(vm, jvmti);
 
   const startUpSettings settings = readOptions(*registry, options == nullptr ? "" : options);
 
@@ -141,6 +143,7 @@ JNIEXPORT jint JNICALL Agent_OnLoad(JavaVM* vm, char* options, void* /*reserved*
   }
 }
 
-JNIEXPORT void JNICALL Agent_OnUnload(JavaVM* /*vm*/) {
+JNIEXPORT void JNICALL Agent_OnUnload(JavaVM* vm) {
+  support::attachGate::ofProcess().remove(vm);
   contained("Agent_OnUnload", "Exception occured in jagent : Agent_OnUnload", [] { unload(); });
 }

@@ -5,6 +5,7 @@
 
 #include "agent/boundary.h"
 #include "support/jvmtiRecords.h"
+#include "support/jvmtiStatus.h"
 
 namespace agent {
 
@@ -17,15 +18,6 @@ constexpr jint kFirstThatWaits = 26;
 
 std::atomic<bool> isEnding{false};
 std::atomic<void (*)()> callAtEnd{nullptr};
-
-// The number of the JDK, as in 26: the VM gives it as the major version of its JVMTI.
-jint featureVersion(jvmtiEnv* jvmti) {
-  jint version = 0;
-  if (jvmti->GetVersionNumber(&version) != JVMTI_ERROR_NONE) {
-    return 0;
-  }
-  return (version & JVMTI_VERSION_MASK_MAJOR) >> JVMTI_VERSION_SHIFT_MAJOR;
-}
 
 // The thread that ends the VM is within System.exit or Runtime.halt, where another thread that ends
 // has no frame left; or it is the one that has waited for all others after main returned.
@@ -63,7 +55,7 @@ void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
     return;
   }
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
-  if (featureVersion(jvmti) < kFirstThatWaits) {
+  if (support::featureVersion(jvmti) < kFirstThatWaits) {
     return;
   }
   jvmtiEventCallbacks callbacks{};

@@ -25,7 +25,7 @@ enum class ownerNote : std::uint8_t {
   isVirtual,   // the VM does not name virtual threads
   handedOver,  // promised to the next thread of a fair lock
   notKept,     // the lock does not keep it
-  changed,     // it let go while it was looked at
+  changed,     // it let go while it was looked at, or the VM did not answer
   none,        // nobody held it
 };
 

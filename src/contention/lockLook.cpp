@@ -91,9 +91,11 @@ lockSeen lockLook::at(std::uint32_t place, const std::vector<waitingThread>& wai
 // Its stack counts only when it holds the lock before and afterwards, too.
 void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen) {
   support::monitorUsage usage(jvmti_, jni_);
-  jthread const owner = ownerOf(record, lock, usage);
+  bool isAsked = true;
+  jthread const owner = ownerOf(record, lock, usage, isAsked);
   if (owner == nullptr) {
-    seen.note = noteWithout(record);
+    seen.note = isAsked ? noteWithout(record) : ownerNote::changed;
+    samples_.ownersChanged += isAsked ? 0 : 1;
     return;
   }
   std::int32_t frameBefore = -1;
@@ -119,9 +121,10 @@ void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen
   }
 }
 
-jthread lockLook::ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage) {
+jthread lockLook::ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage,
+                          bool& isAsked) {
   if (record.kind == lockKind::monitor) {
-    samples_.cost.safepoint([&] { usage.read(lock); });
+    isAsked = samples_.cost.safepoint([&] { return usage.read(lock); });
     return usage.owner();
   }
   if (record.kind != lockKind::lock || classes_.owner == nullptr ||

@@ -56,7 +56,8 @@ class lockLook {
  private:
   void readOwner(const lockRecord& record, jobject lock, ownerSeen& seen);
   // The owner as the VM or a field names it; null when none is.
-  jthread ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage);
+  jthread ownerOf(const lockRecord& record, jobject lock, support::monitorUsage& usage,
+                  bool& isAsked);
   ownerNote noteWithout(const lockRecord& record) const;
   bool holdsStill(const lockRecord& record, jobject lock, jthread owner,
                   std::int32_t& holdingFrame);

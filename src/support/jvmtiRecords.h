@@ -5,6 +5,7 @@
 
 #include <string_view>
 
+#include "support/attachGate.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 
@@ -61,17 +62,21 @@ class monitorUsage {
   monitorUsage(const monitorUsage&) = delete;
   monitorUsage& operator=(const monitorUsage&) = delete;
 
-  // Asks the VM, which takes a global safepoint.
-  void read(jobject monitor) {
+  // Asks the VM, which takes a global safepoint; false when it was not asked, or refused.
+  bool read(jobject monitor) {
     jvmtiMonitorUsage usage{};
-    if (jvmti_->GetObjectMonitorUsage(monitor, &usage) != JVMTI_ERROR_NONE) {
-      return;
+    {
+      const attachGate::look look;
+      if (!look || jvmti_->GetObjectMonitorUsage(monitor, &usage) != JVMTI_ERROR_NONE) {
+        return false;
+      }
     }
     waiters_.adopt(usage.waiters);
     notifyWaiters_.adopt(usage.notify_waiters);
     owner_ = usage.owner;
     waiterCount_ = usage.waiter_count;
     notifyWaiterCount_ = usage.notify_waiter_count;
+    return true;
   }
 
   // Null when no thread owns it, or none that the VM names.

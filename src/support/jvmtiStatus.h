@@ -1,4 +1,4 @@
-// Names of JVMTI errors.
+// What the VM says of itself: names of JVMTI errors, and its version.
 #pragma once
 
 #include <jvmti.h>
@@ -9,5 +9,9 @@ namespace support {
 
 // The VM's name of `error` ("JVMTI_ERROR_WRONG_PHASE"), or its number when the VM gives none.
 std::string errorName(jvmtiEnv* jvmti, jvmtiError error);
+
+// The number of the JDK, as in 26: the VM gives it as the major version of its JVMTI. 0 when it
+// does not.
+jint featureVersion(jvmtiEnv* jvmti);
 
 }  // namespace support

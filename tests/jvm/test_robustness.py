@@ -1,6 +1,8 @@
 """Control calls and collections while threads contend."""
 
+import json
 import re
+from pathlib import Path
 
 import pytest
 
@@ -75,3 +77,16 @@ def test_loaders_are_dropped_during_a_session(jvm, collector):
         assert report.locks[guest]["count"] == 2
         assert report.thread_counts(guest) == {"one": 1, "two": 1}
     assert report.owner_counts()["owner"] == 10
+
+
+# HotSpot 23 and later read the java.lang.Thread of each thread when they are asked for an owner, and
+# crash when one that is just attaching has none yet.
+@pytest.mark.parametrize("threads", [1, 3])
+def test_owners_are_asked_for_while_threads_attach(jvm, threads):
+    storm = Path(jvm.class_path.split(":")[0]).parent / "libattachStorm.so"
+    run = jvm.run("AttachStorm", storm, threads, 4000, quiet=False)
+    assert run.fact("attached") > 100
+    report = json.loads((run.folder / "storm.json").read_text("utf-8"))
+    pairs = [pair for lock in report["locks"] for pair in lock["pairs"]]
+    owners = {pair["ownerThread"] for pair in pairs} - {None}
+    assert owners and all(name.startswith("contender-") for name in owners)

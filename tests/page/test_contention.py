@@ -339,7 +339,7 @@ def test_flame_graph_of_owners_and_by_samples(browser, page):
     assert sorted(unknown) == [
         "(held by nobody: a fair lock, promised to the next thread)",
         "(the owner is not known: a lock of this kind does not keep it)",
-        "(the owner is not known: it let go meanwhile)"]
+        "(the owner is not known: it let go meanwhile, or the JVM did not say)"]
     browser.choose("Width", "Samples")
     assert browser.one(".flame-line").text.endswith(" samples")
     assert flame_rows(browser)["sun.nio.ch.SocketDispatcher.read0"]["Ends here"] == "26,500"

@@ -145,7 +145,7 @@ TEST(contentionTablesOf, tellWhyAnOwnerIsNotKnown) {
            {"virtual", "the owner is a virtual thread, which the VM does not name"},
            {"handedOver", "held by nobody: a fair lock, promised to the next thread"},
            {"notKept", "the owner is not known: a lock of this kind does not keep it"},
-           {"changed", "the owner is not known: it let go meanwhile"},
+           {"changed", "the owner is not known: it let go meanwhile, or the JVM did not say"},
            {"none", "held by nobody at that moment"},
            {"other", "the owner is not known: other"}}) {
     json document = recordedContention();

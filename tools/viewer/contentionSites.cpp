@@ -143,7 +143,7 @@ std::string ownerNoteText(const std::optional<std::string>& note) {
       {"virtual", "the owner is a virtual thread, which the VM does not name"},
       {"handedOver", "held by nobody: a fair lock, promised to the next thread"},
       {"notKept", "the owner is not known: a lock of this kind does not keep it"},
-      {"changed", "the owner is not known: it let go meanwhile"},
+      {"changed", "the owner is not known: it let go meanwhile, or the JVM did not say"},
       {"none", "held by nobody at that moment"}};
   const auto found = texts.find(*note);
   return found == texts.end() ? "the owner is not known: " + *note : found->second;
