@@ -2,16 +2,26 @@ package com.example.shop;
 
 /** Customers' payments that are refused, deep in the shop. */
 final class FailedPayments {
+  private static final int CUSTOMERS = 20;
+
   private FailedPayments() {}
 
-  /** Serves one customer, who cannot pay. */
+  /** Serves some customers who cannot pay, one after the other. */
   static void serve() {
-    RequestContext.CURRENT.set(new RequestContext(4711, "/checkout"));
-    Order order = new Order(5, new int[] {0, 2, 1}, 12_990);
+    String refusal = "";
+    for (int customer = 0; customer < CUSTOMERS; customer++) {
+      refusal = serve(customer);
+    }
+    System.out.printf("  %s: %d times %s%n", Thread.currentThread().getName(), CUSTOMERS, refusal);
+  }
+
+  private static String serve(int customer) {
+    RequestContext.CURRENT.set(new RequestContext(4711 + customer, "/checkout"));
+    Order order = new Order(customer, new int[] {0, 2, 1}, 12_990);
     try {
-      new Checkout("EUR").pay(order, new Card("A. Customer", "4000 **** **** 0002", 2031));
+      return new Checkout("EUR").pay(order, new Card("A. Customer", "4000 0000 0000 0002", 2031));
     } catch (PaymentRefused e) {
-      System.out.println("  " + Thread.currentThread().getName() + ": " + e.getMessage());
+      return e.getMessage();
     } finally {
       RequestContext.CURRENT.remove();
     }
