@@ -1,5 +1,6 @@
 #include "exceptions/exceptionRecord.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 
@@ -86,8 +87,42 @@ std::string withoutValues(std::string_view text) {
   return first;
 }
 
-builder::builder(std::size_t limit) : limit_(limit) {
+builder::builder(std::size_t limit, bool wantsPlaces) : limit_(limit), wantsPlaces_(wantsPlaces) {
   text_.reserve(kFirstRoom);
+}
+
+// Every byte of the text but one that continues a character begins a UTF-16 unit.
+std::vector<std::int32_t> builder::places() const {
+  std::vector<std::int32_t> all;
+  all.reserve(places_.size());
+  std::uint32_t units = 0;
+  auto done = text_.begin();
+  for (const std::uint32_t each : places_) {
+    const auto next = text_.begin() + static_cast<std::ptrdiff_t>(each & kOffsetMask);
+    units += static_cast<std::uint32_t>(
+        std::count_if(done, next, [](char byte) { return !isContinuation(byte); }));
+    done = next;
+    all.push_back(static_cast<std::int32_t>((each & ~kOffsetMask) | units));
+  }
+  return all;
+}
+
+void builder::notePlace(std::uint32_t flags) {
+  if (wantsPlaces_) {
+    places_.push_back(static_cast<std::uint32_t>(text_.size()) | flags);
+  }
+}
+
+void builder::separate(std::string_view separator, std::uint32_t flags) {
+  notePlace(flags);
+  text_ += separator;
+}
+
+// No text pays for these places: they are bounded here.
+void builder::noteUnavailable() {
+  if (places_.size() < limit_ / kSeparatorLength) {
+    notePlace(flagsOf(valueState::notAvailable, false));
+  }
 }
 
 bool builder::fits(std::size_t bytes) {
@@ -111,6 +146,7 @@ void builder::makeRoom(std::size_t bytes) {
 void builder::goBack(place to) {
   text_.resize(to.size);
   reserved_ = to.reserved;
+  places_.resize(to.places);
 }
 
 bool builder::openFrame(std::string_view header) {
@@ -119,60 +155,72 @@ bool builder::openFrame(std::string_view header) {
   if (!fits(header.size() + kClosing)) {
     return false;
   }
-  text_ += header;
+  text_ += header.substr(0, header.size() - kEndHeader.size());
+  separate(kEndHeader);
   reserved_ += kClosing;
   return true;
 }
 
 void builder::endSection(std::string_view mark) {
-  text_ += mark;
+  separate(mark);
   reserved_ -= mark.size();
 }
 
 void builder::appendHead(std::string_view name, typeCode code) {
   text_ += name;
-  text_ += kJoin;
+  separate(kJoin);
   text_ += std::to_string(static_cast<int>(code));
-  text_ += kJoin;
+  separate(kJoin);
 }
 
-void builder::appendEntry(std::string_view name, typeCode code, std::string_view value) {
+void builder::appendEntry(std::string_view name, typeCode code, std::string_view value,
+                          bool isStatic) {
+  appendValue(name, code, value, flagsOf(valueState::value, isStatic));
+}
+
+void builder::appendValue(std::string_view name, typeCode code, std::string_view value,
+                          std::uint32_t flags) {
   if (!fits(lengthOfHead(name, code) + value.size() + kEnd.size())) {
     return;
   }
   appendHead(name, code);
   text_ += value;
-  text_ += kEnd;
+  separate(kEnd, flags);
 }
 
-void builder::appendNumber(std::string_view name, typeCode code, std::int64_t value) {
+void builder::appendNumber(std::string_view name, typeCode code, std::int64_t value,
+                           bool isStatic) {
   std::array<char, 24> text;
   const auto end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
   appendEntry(name, code,
-              std::string_view(text.data(), static_cast<std::size_t>(end - text.data())));
+              std::string_view(text.data(), static_cast<std::size_t>(end - text.data())), isStatic);
 }
 
-void builder::appendFloat(std::string_view name, typeCode code, double value) {
+void builder::appendFloat(std::string_view name, typeCode code, double value, bool isStatic) {
   constexpr int kDigits = 6;
   std::array<char, 400> text;  // the largest double has 309 digits before the point
   const auto end = std::to_chars(text.data(), text.data() + text.size(), value,
                                  std::chars_format::fixed, kDigits)
                        .ptr;
   appendEntry(name, code,
-              std::string_view(text.data(), static_cast<std::size_t>(end - text.data())));
+              std::string_view(text.data(), static_cast<std::size_t>(end - text.data())), isStatic);
 }
 
-void builder::appendNullObject(std::string_view name) {
-  const std::size_t opened = openObject(name);
-  if (opened == kNotOpen) {
+void builder::appendNullObject(std::string_view name, valueState state) {
+  if (openObject(name) == kNotOpen) {
     return;
   }
   text_ += kNull;
-  closeObject(opened);
+  endObject(flagsOf(state, false));
 }
 
-void builder::appendNullField(std::string_view name) {
-  appendEntry(name, typeCode::object, kNull);
+void builder::appendNullField(std::string_view name, valueState state, bool isStatic) {
+  appendValue(name, typeCode::object, kNull, flagsOf(state, isStatic));
+}
+
+void builder::appendRedacted(std::string_view name, std::string_view reason, bool isStatic) {
+  const std::string value = "<redacted:" + std::string(reason) + ">";
+  appendValue(name, typeCode::string, value, flagsOf(valueState::redacted, isStatic));
 }
 
 std::size_t builder::openObject(std::string_view name) {
@@ -180,23 +228,34 @@ std::size_t builder::openObject(std::string_view name) {
   if (!fits(kOpenObject.size() + lengthOfHead(name, typeCode::object) + kClosing)) {
     return kNotOpen;
   }
-  text_ += kOpenObject;
+  separate(kOpenObject, kOpensObject);
   appendHead(name, typeCode::object);
   reserved_ += kClosing;
   return text_.size();
 }
 
-void builder::closeObject(std::size_t opened) {
+void builder::closeObject(std::size_t opened, bool isStatic) {
+  valueState state = valueState::value;
   if (isCut_ && text_.size() == opened) {
     text_ += kNull;  // none of it did fit
+    state = valueState::notRead;
   }
-  text_ += kEndObject;
+  endObject(flagsOf(state, isStatic));
+}
+
+void builder::endObject(std::uint32_t flags) {
+  separate(kEndObject, flags);
   reserved_ -= kNull.size() + kEndObject.size();
 }
 
 void builder::dropLastSeparator(std::size_t start) {
   if (text_.size() - start > kSeparatorLength) {
     text_.resize(text_.size() - kSeparatorLength);
+    const auto size = static_cast<std::uint32_t>(text_.size());
+    for (auto each = places_.rbegin(); each != places_.rend() && (*each & kOffsetMask) > size;
+         ++each) {
+      *each = (*each & ~kOffsetMask) | size;
+    }
   }
 }
 
@@ -209,8 +268,8 @@ bool builder::openText(std::string_view name, typeCode code, std::size_t units) 
   return true;
 }
 
-void builder::closeText() {
-  text_ += kEnd;
+void builder::closeText(bool isStatic) {
+  separate(kEnd, flagsOf(valueState::value, isStatic));
   reserved_ -= kEnd.size();
 }
 

@@ -9,6 +9,9 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
+
+#include "exceptions/recordPlaces.h"
 
 namespace agent::record {
 
@@ -52,13 +55,18 @@ std::string withoutValues(std::string_view text);
 // What is open can always be closed: room for that is kept from the moment of opening. Something
 // that does not fit is not appended and leaves the record cut; whoever walks over values then stops
 // and closes what it has opened, so that a cut record ends after its last complete entry.
+//
+// Beside the text it keeps the places of the separators, if they are wanted. These are no part of
+// the budget, which is the same with them and without: 4 bytes for a separator of 3 or more.
 class builder {
  public:
-  explicit builder(std::size_t limit);
+  explicit builder(std::size_t limit, bool wantsPlaces = false);
 
   const std::string& text() const { return text_; }
   std::string take() { return std::move(text_); }
   std::size_t limit() const { return limit_; }
+  // The places as Java takes them; empty when they are not wanted. Asked before the text is taken.
+  std::vector<std::int32_t> places() const;
 
   bool isCut() const { return isCut_; }
   // Ends the walk over values, for another reason than the room.
@@ -69,15 +77,22 @@ class builder {
   // Ends a section of the open frame, or with kEndFrame the frame.
   void endSection(std::string_view mark);
 
-  // name:code:value,
-  void appendEntry(std::string_view name, typeCode code, std::string_view value);
-  void appendNumber(std::string_view name, typeCode code, std::int64_t value);
+  // name:code:value, - where `isStatic` is for fields.
+  void appendEntry(std::string_view name, typeCode code, std::string_view value,
+                   bool isStatic = false);
+  void appendNumber(std::string_view name, typeCode code, std::int64_t value,
+                    bool isStatic = false);
   // The value as "%f" writes it in the C locale.
-  void appendFloat(std::string_view name, typeCode code, double value);
+  void appendFloat(std::string_view name, typeCode code, double value, bool isStatic = false);
   // The entry of a null reference: among arguments and locals, and among an object's fields.
-  // Deliberate: of two forms.
-  void appendNullObject(std::string_view name);
-  void appendNullField(std::string_view name);
+  // Deliberate: of two forms. What else is written so is told apart by its place only.
+  void appendNullObject(std::string_view name, valueState state = valueState::null);
+  void appendNullField(std::string_view name, valueState state = valueState::null,
+                       bool isStatic = false);
+  // The entry of a value that nobody may see, as a text: "<redacted:reason>".
+  void appendRedacted(std::string_view name, std::string_view reason, bool isStatic = false);
+  // Notes a variable without an entry: the VM has no value for it.
+  void noteUnavailable();
 
   // How a text came out. Without room for the beginning of it nothing was appended.
   enum class outcome { written, unreadable, noRoom };
@@ -86,13 +101,13 @@ class builder {
   // NUL after them, or false when it cannot.
   template <typename Read>
   outcome appendText(std::string_view name, typeCode code, std::size_t units, std::size_t most,
-                     Read&& read);
+                     Read&& read, bool isStatic = false);
 
   // An object entry, around the entries appended until it is closed. Opening gives what closing
   // needs, or kNotOpen when there is no room: nothing is to be closed then.
   static constexpr std::size_t kNotOpen = 0;
   std::size_t openObject(std::string_view name);
-  void closeObject(std::size_t opened);
+  void closeObject(std::size_t opened, bool isStatic = false);
 
   // Drops the separator at the end of the section that began when the text had `start` bytes; one
   // of three characters or fewer stays.
@@ -103,8 +118,9 @@ class builder {
   struct place {
     std::size_t size;
     std::size_t reserved;
+    std::size_t places;
   };
-  place here() const { return {text_.size(), reserved_}; }
+  place here() const { return {text_.size(), reserved_, places_.size()}; }
   void goBack(place to);
 
  private:
@@ -120,22 +136,30 @@ class builder {
   // Whether so many bytes may be appended; the record is cut when not.
   bool fits(std::size_t bytes);
   void makeRoom(std::size_t bytes);
+  // Appends a separator, and notes its place.
+  void separate(std::string_view separator, std::uint32_t flags = 0);
+  void notePlace(std::uint32_t flags);
   void appendHead(std::string_view name, typeCode code);
+  void appendValue(std::string_view name, typeCode code, std::string_view value,
+                   std::uint32_t flags);
+  void endObject(std::uint32_t flags);
   // The beginning of a text entry, if that and a first character fit; and its end.
   bool openText(std::string_view name, typeCode code, std::size_t units);
-  void closeText();
+  void closeText(bool isStatic);
   // Ends the text that began at `start` with the last character that lies within `bytes`.
   void shortenText(std::size_t start, std::size_t bytes);
 
   std::size_t limit_;
   std::size_t reserved_ = 0;  // for what closes the open frame and objects
   std::string text_;
+  const bool wantsPlaces_;
+  std::vector<std::uint32_t> places_;  // with offsets in bytes
   bool isCut_ = false;
 };
 
 template <typename Read>
 builder::outcome builder::appendText(std::string_view name, typeCode code, std::size_t units,
-                                     std::size_t most, Read&& read) {
+                                     std::size_t most, Read&& read, bool isStatic) {
   const place before = here();
   if (!openText(name, code, units)) {
     return outcome::noRoom;
@@ -164,7 +188,7 @@ builder::outcome builder::appendText(std::string_view name, typeCode code, std::
     shortenText(start, bytes);
     isCut_ = true;
   }
-  closeText();
+  closeText(isStatic);
   return outcome::written;
 }
 
