@@ -3,6 +3,8 @@
 // calls them on any thread.
 #include <com_korvane_twutils_nativeagent_AgentCounters.h>
 #include <com_korvane_twutils_nativeagent_AgentReports.h>
+#include <com_korvane_twutils_nativeagent_PlacedRecordParser.h>
+#include <com_korvane_twutils_nativeagent_RecordFacts.h>
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <jvmti.h>
 
@@ -22,6 +24,7 @@
 #include "exceptions/exceptionprofiler.h"
 #include "exceptions/messageOrigin.h"
 #include "exceptions/raisedInHandler.h"
+#include "exceptions/recordPlaces.h"
 #include "exceptions/undeliveredRecords.h"
 #include "memory/memoryprofiler.h"
 #include "support/jniRef.h"
@@ -45,6 +48,23 @@ bool setTexts(JNIEnv* jni, jobjectArray array, std::initializer_list<const char*
     }
   }
   return true;
+}
+
+// Sets the element after those texts. False as with them.
+bool setPlaces(JNIEnv* jni, jobjectArray array, const std::vector<jint>& places) {
+  constexpr jsize kIndex = 7;
+  support::localRef<jintArray> numbers;
+  if (!places.empty()) {
+    numbers = support::newNumbers(jni, places);
+  }
+  if (jni->ExceptionCheck() == JNI_FALSE) {
+    jni->SetObjectArrayElement(array, kIndex, numbers.get());
+  }
+  if (jni->ExceptionCheck() == JNI_FALSE) {
+    return true;
+  }
+  jni->ExceptionClear();
+  return false;
 }
 
 }  // namespace
@@ -141,7 +161,8 @@ JNIEXPORT void JNICALL TW_COUNTERS(sinkBegins)(JNIEnv* /*jni*/, jclass /*cls*/, 
   }
 }
 
-// Time, thread, class, record, whether it is cut, and whether the thread was a virtual one.
+// Time, thread, class, record, whether it is cut, whether the thread was a virtual one, the facts,
+// and as the last element the places, or null.
 JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cls*/,
                                                         jobjectArray parts) {
   constexpr const char* kFunction =
@@ -155,10 +176,12 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cl
       return 0;
     }
     const std::string time = std::to_string(record->time);
+    const std::string facts = std::to_string(record->facts);
     if (!setTexts(jni, parts,
                   {time.c_str(), record->thread.c_str(), record->exceptionClass.c_str(),
                    record->text.c_str(), record->isCut ? "cut" : "",
-                   record->isVirtual ? "virtual" : ""})) {
+                   record->isVirtual ? "virtual" : "", facts.c_str()}) ||
+        !setPlaces(jni, parts, record->places)) {
       undeliveredRecords::ofProcess().putBack(std::move(*record));
       return 0;
     }
@@ -167,6 +190,30 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cl
   });
   return taken == 1 ? JNI_TRUE : JNI_FALSE;
 }
+
+// --- What Java reads records with ---------------------------------------------------------
+
+#define TW_PLACE(name) com_korvane_twutils_nativeagent_PlacedRecordParser_##name
+#define TW_STATE(name) static_cast<record::valueState>(TW_PLACE(STATE_##name))
+#define TW_FACT(name) com_korvane_twutils_nativeagent_RecordFacts_##name
+
+static_assert(TW_PLACE(OFFSET_BITS) == record::kOffsetBits);
+static_assert(TW_PLACE(STATE_BITS) == record::kStateBits);
+static_assert(TW_PLACE(STATIC) == record::kIsStatic);
+static_assert(TW_PLACE(OPENS_OBJECT) == record::kOpensObject);
+static_assert(TW_STATE(NULL) == record::valueState::null);
+static_assert(TW_STATE(NOT_READ) == record::valueState::notRead);
+static_assert(TW_STATE(NOT_AVAILABLE) == record::valueState::notAvailable);
+static_assert(TW_STATE(REDACTED) == record::valueState::redacted);
+static_assert(TW_STATE(UNREADABLE) == record::valueState::unreadable);
+static_assert(TW_FACT(CAUGHT_KNOWN) == record::kIsCaughtKnown);
+static_assert(TW_FACT(CAUGHT) == record::kIsCaught);
+static_assert(TW_FACT(CUT) == record::kIsCut);
+static_assert(TW_FACT(VIRTUAL) == record::kIsVirtual);
+static_assert(TW_FACT(MADE) == record::kIsMade);
+static_assert(TW_FACT(OBJECT_DEPTH_SHIFT) == record::kObjectDepthShift);
+static_assert(TW_FACT(OBJECT_TYPE_SHIFT) == record::kObjectTypeShift);
+static_assert(TW_FACT(STACK_DEPTH_SHIFT) == record::kStackDepthShift);
 
 // --- Native methods of AgentReports ----------------------------------------------------------
 

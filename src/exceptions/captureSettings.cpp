@@ -41,6 +41,11 @@ void ExceptionCaptureSettings::findCallback(JNIEnv* jni) {
   if (onExceptionOccuredMethod == nullptr) {
     jni->ExceptionClear();
   }
+  onExceptionRecordMethod = jni->GetStaticMethodID(found.get(), "onExceptionRecord",
+                                                   "(Ljava/lang/String;Ljava/lang/Object;[II)V");
+  if (onExceptionRecordMethod == nullptr) {
+    jni->ExceptionClear();
+  }
   callbackClass = static_cast<jclass>(jni->NewGlobalRef(found.get()));
 }
 

@@ -31,6 +31,8 @@ struct ExceptionCaptureSettings : sessionSettings {
   jclass callbackClass = nullptr;
   jmethodID getObjectValueMethod = nullptr;
   jmethodID onExceptionOccuredMethod = nullptr;
+  // Called in its place where a class has it: it takes the places and the facts of a record, too.
+  jmethodID onExceptionRecordMethod = nullptr;
 
   // The lines of the log for settings that were taken.
   std::string describe() const;

@@ -107,21 +107,21 @@ std::vector<std::int32_t> builder::places() const {
   return all;
 }
 
-void builder::notePlace(std::uint32_t flags) {
+void builder::notePlace(std::size_t offset, std::uint32_t flags) {
   if (wantsPlaces_) {
-    places_.push_back(static_cast<std::uint32_t>(text_.size()) | flags);
+    places_.push_back(static_cast<std::uint32_t>(offset) | flags);
   }
 }
 
 void builder::separate(std::string_view separator, std::uint32_t flags) {
-  notePlace(flags);
+  notePlace(text_.size(), flags);
   text_ += separator;
 }
 
 // No text pays for these places: they are bounded here.
 void builder::noteUnavailable() {
   if (places_.size() < limit_ / kSeparatorLength) {
-    notePlace(flagsOf(valueState::notAvailable, false));
+    notePlace(text_.size(), flagsOf(valueState::notAvailable, false));
   }
 }
 
@@ -149,11 +149,14 @@ void builder::goBack(place to) {
   places_.resize(to.places);
 }
 
-bool builder::openFrame(std::string_view header) {
+bool builder::openFrame(std::string_view header, std::initializer_list<std::size_t> inner) {
   constexpr std::size_t kClosing =
       kEndClassVariables.size() + kEndArguments.size() + kEndLocals.size() + kEndFrame.size();
   if (!fits(header.size() + kClosing)) {
     return false;
+  }
+  for (const std::size_t each : inner) {
+    notePlace(text_.size() + each);
   }
   text_ += header.substr(0, header.size() - kEndHeader.size());
   separate(kEndHeader);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -72,8 +73,9 @@ class builder {
   // Ends the walk over values, for another reason than the room.
   void cut() { isCut_ = true; }
 
-  // A frame, which begins with its header; false when that does not fit.
-  bool openFrame(std::string_view header);
+  // A frame, which begins with its header; false when that does not fit. `inner` are the places
+  // within the header that are to be kept, counted from its start.
+  bool openFrame(std::string_view header, std::initializer_list<std::size_t> inner = {});
   // Ends a section of the open frame, or with kEndFrame the frame.
   void endSection(std::string_view mark);
 
@@ -138,7 +140,7 @@ class builder {
   void makeRoom(std::size_t bytes);
   // Appends a separator, and notes its place.
   void separate(std::string_view separator, std::uint32_t flags = 0);
-  void notePlace(std::uint32_t flags);
+  void notePlace(std::size_t offset, std::uint32_t flags = 0);
   void appendHead(std::string_view name, typeCode code);
   void appendValue(std::string_view name, typeCode code, std::string_view value,
                    std::uint32_t flags);

@@ -14,6 +14,7 @@
 #include "exceptions/exceptionRecord.h"
 #include "exceptions/frameCapture.h"
 #include "exceptions/raisedInHandler.h"
+#include "exceptions/recordPlaces.h"
 #include "exceptions/undeliveredRecords.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
@@ -285,7 +286,8 @@ void exceptionProfiler::recordAndDeliver(throwEvent& event) {
   // From here on Java is called, and after its end no more.
   raisedInHandler raised(event.jvmti, event.jni, event.thread);
   event.raised = &raised;
-  record::builder built(static_cast<std::size_t>(recordBytes));
+  record::builder built(static_cast<std::size_t>(recordBytes),
+                        event.settings->onExceptionRecordMethod != nullptr);
   const captureDepths depths{captureObjType, captureObjDepth, captureSTDepth};
   if (!frameCapture(event, built, depths, classes_, localTurns_).appendStack()) {
     return lose(event, exceptionCount::vm, nullptr);
@@ -312,28 +314,40 @@ bool exceptionProfiler::isRecordCut() {
 
 void exceptionProfiler::deliver(throwEvent& event, record::builder& built) {
   built.dropLastSeparator(0);
-  const bool isCut = built.isCut();
-  std::string text = built.take();
-  if (text.empty()) {
+  finishedRecord record{.isCut = built.isCut()};
+  if (built.size() == 0) {
     return lose(event, exceptionCount::vm,
-                isCut ? "its first frame is larger than recordBytes" : "it has no frame");
+                record.isCut ? "its first frame is larger than recordBytes" : "it has no frame");
   }
   const ExceptionCaptureSettings& settings = *event.settings;
+  if (settings.onExceptionRecordMethod != nullptr) {
+    record.places = built.places();
+    record.facts = factsOf(event, record.isCut);
+  }
+  record.text = built.take();
   if (settings.callbackClass == nullptr || settings.onExceptionOccuredMethod == nullptr) {
     logRefusal("exception id  not found");
     return lose(event, exceptionCount::callback, "there is no callback");
   }
-  if (handOver(event, text, isCut) == raisedInHandler::kind::noStack) {
-    keepForLater(event, std::move(text), isCut);
+  if (handOver(event, record) == raisedInHandler::kind::noStack) {
+    keepForLater(event, std::move(record));
   }
 }
 
+std::uint32_t exceptionProfiler::factsOf(const throwEvent& event, bool isCut) const {
+  return record::packed({.isCaught = event.isCaught,
+                         .isCut = isCut,
+                         .isVirtual = isVirtual(event),
+                         .isMade = !event.isCaught,  // where it is thrown the VM says it
+                         .objectDepth = captureObjDepth,
+                         .objectType = captureObjType,
+                         .stackDepth = captureSTDepth});
+}
+
 // Calls the callback, and counts what became of the record.
-raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const std::string& text,
-                                                  bool isCut) {
+raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const finishedRecord& record) {
   JNIEnv* const jni = event.jni;
-  const ExceptionCaptureSettings& settings = *event.settings;
-  const support::localRef<jstring> string(jni, jni->NewStringUTF(text.c_str()));
+  const support::localRef<jstring> string(jni, jni->NewStringUTF(record.text.c_str()));
   if (!string) {
     const raisedInHandler::kind raised = event.raised->clear();
     loseByRaised(event, raised, false);
@@ -341,11 +355,17 @@ raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const std::
   }
   // Deliberate: "38" is text.
   TW_LOG(kLogDebug, kSeverityDebug, kExceptionCallback, "Going to Dump 38 Record for -> %s\n\n\n",
-         text.c_str());
-  recordIsCut = isCut;
+         record.text.c_str());
+  support::localRef<jintArray> places;
+  if (!record.places.empty()) {
+    places = support::newNumbers(jni, record.places);
+    if (!places) {
+      event.raised->clear();  // the text goes without them
+    }
+  }
+  recordIsCut = record.isCut;
   raisedInHandler::beginCallback();
-  jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionOccuredMethod, string.get(),
-                            event.exception);
+  call(event, string.get(), places.get(), record.facts);
   recordIsCut = false;
   const raisedInHandler::kind raised = event.raised->clearAfterCallback();
   if (raised == raisedInHandler::kind::none) {
@@ -354,6 +374,18 @@ raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const std::
     loseByRaised(event, raised, true);
   }
   return raised;
+}
+
+void exceptionProfiler::call(const throwEvent& event, jstring text, jintArray places,
+                             std::uint32_t facts) {
+  const ExceptionCaptureSettings& settings = *event.settings;
+  if (places == nullptr) {
+    event.jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionOccuredMethod, text,
+                                    event.exception);
+  } else {
+    event.jni->CallStaticVoidMethod(settings.callbackClass, settings.onExceptionRecordMethod, text,
+                                    event.exception, places, static_cast<jint>(facts));
+  }
 }
 
 // Of a record that could not be handed over for what is no longer pending now.
@@ -389,7 +421,7 @@ bool exceptionProfiler::isVirtual(const throwEvent& event) {
 }
 
 // Without memory to keep it, the record stays lost.
-void exceptionProfiler::keepForLater(const throwEvent& event, std::string text, bool isCut) {
+void exceptionProfiler::keepForLater(const throwEvent& event, finishedRecord record) {
   using std::chrono::milliseconds;
   try {
     support::threadName thread(event.jvmti, event.jni);
@@ -397,7 +429,8 @@ void exceptionProfiler::keepForLater(const throwEvent& event, std::string text, 
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     undeliveredRecords::ofProcess().keep({std::chrono::duration_cast<milliseconds>(now).count(),
                                           std::string(thread.view()), event.info->value.name,
-                                          std::move(text), isCut, isVirtual(event)});
+                                          std::move(record.text), record.isCut, isVirtual(event),
+                                          std::move(record.places), record.facts});
   } catch (...) {
     return;
   }

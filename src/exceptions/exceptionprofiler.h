@@ -39,6 +39,14 @@ namespace record {
 class builder;
 }
 
+// A record as it is handed over.
+struct finishedRecord {
+  std::string text{};
+  std::vector<jint> places{};  // empty where they are not wanted
+  std::uint32_t facts = 0;     // the same
+  bool isCut = false;
+};
+
 class exceptionProfiler : public profiler {
  public:
   exceptionProfiler() : profiler(kExceptionStopped) {}
@@ -87,10 +95,12 @@ class exceptionProfiler : public profiler {
                                                const ExceptionCaptureSettings& settings);
   void recordAndDeliver(throwEvent& event);
   void deliver(throwEvent& event, record::builder& built);
-  raisedInHandler::kind handOver(throwEvent& event, const std::string& text, bool isCut);
+  std::uint32_t factsOf(const throwEvent& event, bool isCut) const;
+  raisedInHandler::kind handOver(throwEvent& event, const finishedRecord& record);
+  static void call(const throwEvent& event, jstring text, jintArray places, std::uint32_t facts);
   void loseByRaised(const throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
   static bool isVirtual(const throwEvent& event);
-  static void keepForLater(const throwEvent& event, std::string text, bool isCut);
+  static void keepForLater(const throwEvent& event, finishedRecord record);
   // Counts the exception as lost, and logs it once a minute for its class and the reason.
   void lose(const throwEvent& event, exceptionCount reason, const char* why) noexcept;
 

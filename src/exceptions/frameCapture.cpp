@@ -151,17 +151,19 @@ frameCapture::outcome frameCapture::appendHeader(const jvmtiFrameInfo& frame, jc
   std::string header;
   header.reserve(kUsualHeader);
   header += info.name;
+  const std::size_t dot = header.size();
   header += '.';
   header += method.view();
+  const std::size_t parenthesis = header.size();
   TW_LOG(kLogDebug, kSeverityError, kExceptionCallback, "FQM :- %s()", header.c_str());
-  appendPlace(frame, declaring, header);
+  const std::size_t colon = appendPlace(frame, declaring, header);
   header += record::kEndHeader;
-  return out_.openFrame(header) ? outcome::written : outcome::omitted;
+  return out_.openFrame(header, {dot, parenthesis, colon}) ? outcome::written : outcome::omitted;
 }
 
-// Source file and line, as in "(Shop.java:42)".
-void frameCapture::appendPlace(const jvmtiFrameInfo& frame, jclass declaring,
-                               std::string& header) const {
+// Source file and line, as in "(Shop.java:42)"; where the colon is.
+std::size_t frameCapture::appendPlace(const jvmtiFrameInfo& frame, jclass declaring,
+                                      std::string& header) const {
   jvmtiEnv* const jvmti = event_.jvmti;
   support::jvmtiText source(jvmti);
   source.fill([&](char** out) { return jvmti->GetSourceFileName(declaring, out); });
@@ -174,9 +176,11 @@ void frameCapture::appendPlace(const jvmtiFrameInfo& frame, jclass declaring,
   }
   header += '(';
   header += source ? source.view() : "NA";
+  const std::size_t colon = header.size();
   header += ':';
   header += std::to_string(table ? lineOf(frame.location, table.get(), lines) : -1);
   header += ')';
+  return colon;
 }
 
 // The fields of the top frame's `this`; nothing for static and native methods.
@@ -192,6 +196,7 @@ frameCapture::outcome frameCapture::appendThis(jmethodID method) {
   const jvmtiError error = readSlot(
       [&] { return event_.jvmti->GetLocalObject(event_.thread, event_.firstFrame, 0, &self); });
   if (hasNoValue(error)) {
+    out_.noteUnavailable();
     return outcome::omitted;
   }
   if (event_.failed(error)) {
@@ -299,6 +304,7 @@ frameCapture::outcome frameCapture::readAndWrite(
     return (event_.jvmti->*read)(event_.thread, event_.firstFrame + index, variable.slot, &value);
   });
   if (hasNoValue(error)) {
+    noteUnavailable(variable);
     return outcome::omitted;
   }
   if (event_.failed(error)) {
@@ -306,6 +312,13 @@ frameCapture::outcome frameCapture::readAndWrite(
   }
   std::forward<Write>(write)(value);
   return outcome::written;
+}
+
+// One whose range is empty has no value anywhere: it is out of scope, like others.
+void frameCapture::noteUnavailable(const jvmtiLocalVariableEntry& variable) {
+  if (variable.length > 0) {
+    out_.noteUnavailable();
+  }
 }
 
 frameCapture::outcome frameCapture::appendVariable(const jvmtiLocalVariableEntry& variable,
@@ -374,6 +387,7 @@ frameCapture::outcome frameCapture::appendObjectVariable(const jvmtiLocalVariabl
     return outcome::failed;
   }
   if (!info || info->value.signature != variable.signature) {
+    noteUnavailable(variable);
     return outcome::omitted;
   }
   if (code == typeCode::string) {

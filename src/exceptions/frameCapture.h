@@ -6,6 +6,7 @@
 
 #include <jvmti.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -48,7 +49,7 @@ class frameCapture {
 
   outcome appendFrame(const jvmtiFrameInfo& frame, jint index);
   outcome appendHeader(const jvmtiFrameInfo& frame, jclass declaring, const knownClass& info);
-  void appendPlace(const jvmtiFrameInfo& frame, jclass declaring, std::string& header) const;
+  std::size_t appendPlace(const jvmtiFrameInfo& frame, jclass declaring, std::string& header) const;
   outcome appendThis(jmethodID method);
   outcome appendArgumentsAndLocals(const jvmtiFrameInfo& frame, jint index, const knownClass& info);
   outcome readVariables(const jvmtiFrameInfo& frame, frameVariables& variables);
@@ -56,6 +57,7 @@ class frameCapture {
   outcome appendVariables(const jvmtiFrameInfo& frame, jint index, const frameVariables& variables,
                           bool arguments);
   outcome appendVariable(const jvmtiLocalVariableEntry& variable, jint index);
+  void noteUnavailable(const jvmtiLocalVariableEntry& variable);
   outcome appendReference(const jvmtiLocalVariableEntry& variable, jint index);
   outcome appendObjectVariable(const jvmtiLocalVariableEntry& variable, jobject value, jint index);
   // Makes one GetLocal call.

@@ -30,6 +30,7 @@ constexpr std::size_t kMostTables = 16;
 constexpr std::uint32_t kStepsBetweenReadings = 64;  // of the clock
 
 using record::typeCode;
+using record::valueState;
 using support::localRef;
 using textOutcome = record::builder::outcome;
 
@@ -221,12 +222,12 @@ bool objectCapture::appendField(jobject object, const fieldTable& table, field& 
                                 std::int32_t depth) {
   // What is not expanded is not read either.
   if (each.code == typeCode::object && depth >= maxDepth_) {
-    out_.appendNullField(each.name.view());
+    out_.appendNullField(each.name.view(), valueState::notRead, each.isStatic);
     return true;
   }
   if (!findId(table, each)) {
     logNoFieldId(each);
-    out_.appendNullField(each.name.view());
+    out_.appendNullField(each.name.view(), valueState::unreadable, each.isStatic);
     return true;
   }
   switch (each.code) {
@@ -265,9 +266,11 @@ void objectCapture::appendPrimitive(jobject object, jclass cls, const field& eac
     return each.isStatic ? (jni_->*getStatic)(cls, each.id) : (jni_->*getInstance)(object, each.id);
   };
   const auto number = [&](std::int64_t value) {
-    out_.appendNumber(each.name.view(), each.code, value);
+    out_.appendNumber(each.name.view(), each.code, value, each.isStatic);
   };
-  const auto fraction = [&](double value) { out_.appendFloat(each.name.view(), each.code, value); };
+  const auto fraction = [&](double value) {
+    out_.appendFloat(each.name.view(), each.code, value, each.isStatic);
+  };
   switch (each.code) {
     case typeCode::boolean:
       return number(get(&JNIEnv::GetStaticBooleanField, &JNIEnv::GetBooleanField));
@@ -303,12 +306,14 @@ bool objectCapture::appendReference(jobject object, jclass cls, const field& eac
   const std::string_view name = each.name.view();
   bool isWritten = false;
   if (value && each.code == typeCode::string) {
-    isWritten = appendText(name, each.code, static_cast<jstring>(value.get()), kAnyNumber);
+    isWritten =
+        appendText(name, each.code, static_cast<jstring>(value.get()), kAnyNumber, each.isStatic);
   } else if (value) {
-    isWritten = appendText(name, each.code, beginningOf(value.get()).get(), kShortCharacters);
+    isWritten = appendText(name, each.code, beginningOf(value.get()).get(), kShortCharacters,
+                           each.isStatic);
   }
   if (!isWritten) {
-    out_.appendNullField(name);
+    out_.appendNullField(name, value ? stateOfNoText() : valueState::null, each.isStatic);
   }
   return true;
 }
@@ -327,11 +332,11 @@ bool objectCapture::appendNested(const field& each, jobject value, std::int32_t 
   // Deliberate: of every class. "java.lang.Object" is not, but signatures never begin like that.
   const std::size_t opened = out_.openObject(each.name.view());
   if (opened == record::builder::kNotOpen) {
-    out_.appendNullField(each.name.view());
+    out_.appendNullField(each.name.view(), valueState::notRead, each.isStatic);
     return true;
   }
   appendValues(value, table, depth + 1);
-  out_.closeObject(opened);
+  out_.closeObject(opened, each.isStatic);
   return true;
 }
 
@@ -358,7 +363,7 @@ bool objectCapture::isInitialized(jclass cls) {
 // The text is read piece by piece, so that one of any length costs what fits. False when it cannot
 // be read or not even its beginning fits.
 bool objectCapture::appendText(std::string_view name, typeCode code, jstring string,
-                               std::size_t most) {
+                               std::size_t most, bool isStatic) {
   if (string == nullptr) {
     return false;
   }
@@ -368,14 +373,14 @@ bool objectCapture::appendText(std::string_view name, typeCode code, jstring str
     jni_->GetStringUTFRegion(string, static_cast<jsize>(start), static_cast<jsize>(count), out);
     return !clearException();
   };
-  return out_.appendText(name, code, units, most, read) == textOutcome::written;
+  return out_.appendText(name, code, units, most, read, isStatic) == textOutcome::written;
 }
 
 void objectCapture::appendShortText(std::string_view name, jstring string) {
   if (appendText(name, typeCode::string, string, kShortCharacters)) {
     return;
   }
-  out_.appendNullObject(name);
+  out_.appendNullObject(name, stateOfNoText());
 }
 
 void objectCapture::appendShortTextOfBuilder(std::string_view name, jobject builder) {
@@ -383,7 +388,7 @@ void objectCapture::appendShortTextOfBuilder(std::string_view name, jobject buil
   if (appendText(name, typeCode::stringBuilder, text.get(), kShortCharacters)) {
     return;
   }
-  out_.appendNullObject(name);
+  out_.appendNullObject(name, stateOfNoText());
 }
 
 localRef<jstring> objectCapture::beginningOf(jobject builder) {

@@ -67,7 +67,12 @@ class objectCapture {
   void appendPrimitive(jobject object, jclass cls, const field& each);
   bool appendReference(jobject object, jclass cls, const field& each, std::int32_t depth);
   bool appendNested(const field& each, jobject value, std::int32_t depth);
-  bool appendText(std::string_view name, record::typeCode code, jstring string, std::size_t most);
+  bool appendText(std::string_view name, record::typeCode code, jstring string, std::size_t most,
+                  bool isStatic = false);
+  // Why a text was not written.
+  record::valueState stateOfNoText() const {
+    return out_.isCut() ? record::valueState::notRead : record::valueState::unreadable;
+  }
   void appendThreadLocals(std::int32_t depth);
   // The thread's map, and the table of its entries; none, and the reason is in the log, when they
   // cannot be read.

@@ -23,9 +23,10 @@ enum class valueState : std::uint32_t {
 // state of the value that ends there, and whether that is a static field; and whether an object
 // entry begins there. It is never negative.
 //
-// There is a place for each separator, in their order. A separator that was dropped at the end of a
-// section or of the record has its place where it would stand. A variable that is not available has
-// a place of its own, where its entry would begin.
+// There is a place for each separator, in their order, and before the end of a frame's header one
+// each for the dot before the method, the parenthesis and the colon before the line. A separator
+// that was dropped at the end of a section or of the record has its place where it would stand. A
+// variable that is not available has a place of its own, where its entry would begin.
 inline constexpr unsigned kOffsetBits = 26;  // a record has at most 64 MiB
 inline constexpr unsigned kStateBits = 3;
 inline constexpr std::uint32_t kOffsetMask = (std::uint32_t{1} << kOffsetBits) - 1;

@@ -18,15 +18,17 @@ bool undeliveredRecords::keep(undeliveredRecord record) {
   if (!isAsked_ || records_.size() == kMost) {
     return false;
   }
-  if (bytes_ + record.text.capacity() > kMostBytes) {
+  if (bytes_ + record.bytes() > kMostBytes) {
     record.text = record::withoutValues(record.text);
+    record.places = {};
+    record.facts = 0;
     if (!record.isCut) {
       exceptionCounts::ofProcess().add(exceptionCount::cut);
     }
     record.isCut = true;
   }
   records_.push_back(std::move(record));
-  bytes_ += records_.back().text.capacity();
+  bytes_ += records_.back().bytes();
   return true;
 }
 
@@ -38,17 +40,17 @@ std::optional<undeliveredRecord> undeliveredRecords::take() {
   }
   undeliveredRecord oldest = std::move(records_.front());
   records_.pop_front();
-  bytes_ -= oldest.text.capacity();
+  bytes_ -= oldest.bytes();
   return oldest;
 }
 
 void undeliveredRecords::putBack(undeliveredRecord record) {
   const support::lockGuard guard(mutex_);
-  if (records_.size() == kMost || bytes_ + record.text.capacity() > kMostBytes) {
+  if (records_.size() == kMost || bytes_ + record.bytes() > kMostBytes) {
     return;
   }
   records_.push_front(std::move(record));
-  bytes_ += records_.front().text.capacity();
+  bytes_ += records_.front().bytes();
 }
 
 }  // namespace agent

@@ -2,11 +2,14 @@
 // thread of the companion takes them.
 #pragma once
 
+#include <jni.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "support/annotations.h"
 
@@ -18,12 +21,17 @@ struct undeliveredRecord {
   std::string exceptionClass;
   std::string text;  // as it would have been delivered
   bool isCut = false;
-  bool isVirtual = false;  // its thread
+  bool isVirtual = false;      // its thread
+  std::vector<jint> places{};  // see recordPlaces.h; none for a text that was shortened
+  std::uint32_t facts = 0;
+
+  std::size_t bytes() const { return text.capacity() + places.capacity() * sizeof(jint); }
 };
 
-// At most 64 records with 4 MiB of text; a text that does not fit is shortened to its first frame,
-// without values, and counts as cut. Nothing is kept before someone has asked for a record: whoever
-// takes none would have them kept for ever. Any thread; nothing waits except for a move of strings.
+// At most 64 records with 4 MiB of text and places; a text that does not fit is shortened to its
+// first frame, without values, and counts as cut. Nothing is kept before someone has asked for a
+// record: whoever takes none would have them kept for ever. Any thread; nothing waits except for a
+// move of strings.
 class undeliveredRecords {
  public:
   static constexpr std::size_t kMost = 64;

@@ -133,6 +133,16 @@ inline std::vector<jint> numbersOf(JNIEnv* jni, jintArray array, std::size_t cou
   return numbers;
 }
 
+// A Java array with these numbers; none when the VM refuses, and then its exception is pending.
+inline localRef<jintArray> newNumbers(JNIEnv* jni, const std::vector<jint>& numbers) {
+  const auto count = static_cast<jsize>(numbers.size());
+  localRef<jintArray> array(jni, jni->NewIntArray(count));
+  if (array) {
+    jni->SetIntArrayRegion(array.get(), 0, count, numbers.data());
+  }
+  return array;
+}
+
 // Writes numbers into a Java array; nothing when it does not have room for as many.
 inline void setNumbers(JNIEnv* jni, jintArray array, const std::vector<jint>& numbers) {
   jni->SetIntArrayRegion(array, 0, static_cast<jsize>(numbers.size()), numbers.data());

@@ -76,7 +76,7 @@ TEST_F(exceptionConfig, stepsAreMadeInTheirOrder) {
     }
   }
   EXPECT_THAT(steps, ElementsAre("GetStringUTFChars", "FindClass", "GetStaticMethodID",
-                                 "GetStaticMethodID", "SetEventCallbacks",
+                                 "GetStaticMethodID", "GetStaticMethodID", "SetEventCallbacks",
                                  "SetEventNotificationMode", "SetEventNotificationMode"));
 }
 

@@ -73,7 +73,7 @@ class exceptionCounted : public exceptionTest {
   // What takeUndelivered gives.
   std::vector<std::string> take() {
     fake::objectArray* const parts =
-        vm.makeArray("[Ljava.lang.String;", std::vector<fake::object*>(6, nullptr));
+        vm.makeArray("[Ljava.lang.Object;", std::vector<fake::object*>(8, nullptr));
     const bool taken = vm.native([&](JNIEnv* jni) {
       return Java_com_korvane_twutils_nativeagent_AgentCounters_takeUndelivered(
                  jni, nullptr, static_cast<jobjectArray>(vm.ref(parts))) == JNI_TRUE;
@@ -81,7 +81,9 @@ class exceptionCounted : public exceptionTest {
     std::vector<std::string> texts;
     for (fake::object* const each : parts->elements) {
       auto* const text = dynamic_cast<fake::javaString*>(each);
-      if (taken) {
+      if (auto* const places = dynamic_cast<fake::intArray*>(each)) {
+        texts.push_back(std::to_string(places->elements.size()) + " places");
+      } else if (taken) {
         texts.push_back(text == nullptr ? "(null)" : text->text);
       }
     }
@@ -237,29 +239,49 @@ TEST_F(exceptionCounted, aRecordWithoutStackWaitsForWhoeverAsked) {
   recordOf({frameOf("a.A.m", {}, {{"x", "I", jint{1}}})}, kOverflow);
   EXPECT_THAT(counts(), ElementsAre(1, 0, 0, 0, 0, 0, 1, 0, 0, 0));
   const std::vector<std::string> parts = take();
-  ASSERT_THAT(parts, SizeIs(6));
+  ASSERT_THAT(parts, SizeIs(8));
   EXPECT_GT(std::stoll(parts[0]), 1'600'000'000'000);
   EXPECT_EQ(parts[1], "worker-1");
   EXPECT_EQ(parts[2], kOverflow);
   EXPECT_EQ(parts[3], "a.A.m(A.java:42)%40%41%42%43x%3A4%3A1%2C%44");
   EXPECT_EQ(parts[4], "");
   EXPECT_EQ(parts[5], "") << "its thread is no virtual one";
+  EXPECT_EQ(parts[6], "0");
+  EXPECT_EQ(parts[7], "(null)") << "its callback takes no places";
   EXPECT_THAT(counts(), ElementsAre(1, 0, 0, 0, 1, 0, 0, 0, 0, 0)) << "it is delivered after all";
   EXPECT_THAT(take(), IsEmpty());
 }
 
+TEST_F(exceptionCounted, aRecordThatWaitsKeepsItsPlacesAndFacts) {
+  takesPlaces = true;
+  begin({.localVariables = true});
+  take();
+  callbackThrows(kOverflow);
+  recordOf({frameOf("a.A.m", {}, {{"x", "I", jint{1}}})}, kOverflow);
+  const delivered given = deliveries().back();
+  const std::vector<std::string> parts = take();
+  ASSERT_THAT(parts, SizeIs(8));
+  EXPECT_EQ(parts[3], given.record);
+  EXPECT_EQ(parts[6], std::to_string(given.facts));
+  EXPECT_EQ(parts[7], "11 places");
+  EXPECT_THAT(given.places, SizeIs(11));
+}
+
 TEST_F(exceptionCounted, aRecordThatCannotBeHandedOverStays) {
+  takesPlaces = true;
   begin();
   take();
   callbackThrows(kOverflow);
   recordOf({frameOf("a.A.m")}, kOverflow);
-  for (const char* function : {"NewStringUTF", "SetObjectArrayElement"}) {
-    vm.fail(function, {.from = 3, .times = 1, .throwing = true});
-    EXPECT_THAT(take(), IsEmpty()) << function;
+  const std::vector<std::pair<const char*, unsigned>> failures{
+      {"NewStringUTF", 3}, {"SetObjectArrayElement", 3}, {"NewIntArray", 1}};
+  for (const auto& [function, from] : failures) {
+    vm.fail(function, {.from = from, .times = 1, .throwing = true});
+    EXPECT_TRUE(take().empty()) << function;
     vm.succeed(function);
   }
   EXPECT_EQ(count(exceptionCount::noStack), 1U);
-  EXPECT_THAT(take(), SizeIs(6));
+  EXPECT_THAT(take(), SizeIs(8));
 }
 
 undeliveredRecord waiting(std::string text) {
@@ -277,6 +299,19 @@ TEST(undelivered, areSixtyFourAtMostAndTheOldestComesFirst) {
   EXPECT_EQ(records.take()->text, "0");
   EXPECT_TRUE(records.keep(waiting("one more")));
   EXPECT_EQ(records.take()->text, "1");
+}
+
+TEST(undelivered, placesCountAndGoWithTheValues) {
+  undeliveredRecords records;
+  records.take();
+  undeliveredRecord record = waiting("a.A.m(A.java:42)%40%41" + std::string(1 << 20, 'x'));
+  record.places = std::vector<jint>(1 << 20);
+  record.facts = 5;
+  EXPECT_TRUE(records.keep(record)) << "of 4 MiB and more";
+  const auto taken = records.take();
+  EXPECT_EQ(taken->text, "a.A.m(A.java:42)%40%41%42%43%44");
+  EXPECT_TRUE(taken->places.empty());
+  EXPECT_EQ(taken->facts, 0U);
 }
 
 TEST(undelivered, keepFourMebibytesOfTextAndThenSitesOnly) {

@@ -28,9 +28,17 @@ void exceptionTest::makeCallbackClass() {
     auto* const record =
         dynamic_cast<fake::javaString*>(std::get<fake::object*>(call.arguments[0]));
     auto* const exception = std::get<fake::object*>(call.arguments[1]);
+    delivered each{record == nullptr ? "(null)" : record->text, exception};
+    if (call.arguments.size() > 2) {
+      auto* const places =
+          dynamic_cast<fake::intArray*>(std::get<fake::object*>(call.arguments[2]));
+      each.hasPlaces = true;
+      each.places = places->elements;
+      each.facts = static_cast<std::uint32_t>(std::get<jint>(call.arguments[3]));
+    }
     {
       const std::lock_guard guard(mutex_);
-      deliveries_.push_back({record == nullptr ? "(null)" : record->text, exception});
+      deliveries_.push_back(std::move(each));
     }
     if (inCallback) {
       inCallback(call);
@@ -39,6 +47,10 @@ void exceptionTest::makeCallbackClass() {
   };
   vm.makeMethod(type, "onExceptionOccured", "(Ljava/lang/String;Ljava/lang/Object;)V",
                 {.isStatic = true, .body = keep});
+  if (takesPlaces) {
+    vm.makeMethod(type, "onExceptionRecord", "(Ljava/lang/String;Ljava/lang/Object;[II)V",
+                  {.isStatic = true, .body = keep});
+  }
 }
 
 void exceptionTest::begin(const captureSettings& settings, const char* options) {

@@ -1,6 +1,7 @@
 // What tests of exception capture share: settings, stacks with variables, what was delivered.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -28,10 +29,13 @@ struct captureSettings {
 
 using variable = fake::namedValue;
 
-// What onExceptionOccured was called with.
+// What onExceptionOccured was called with, or onExceptionRecord.
 struct delivered {
   std::string record;
   fake::object* exception = nullptr;
+  bool hasPlaces = false;  // by onExceptionRecord
+  std::vector<jint> places{};
+  std::uint32_t facts = 0;
 };
 
 // The sections of one frame of a record.
@@ -50,7 +54,7 @@ inline constexpr const char* kNothing = "(nothing was delivered)";
 
 class exceptionTest : public agentTest {
  protected:
-  // The class that is called back, with both its methods.
+  // The class that is called back, with its methods.
   void makeCallbackClass();
   // Makes that class, loads the agent and switches exception capture on.
   void begin(const captureSettings& settings = {}, const char* options = "");
@@ -82,8 +86,10 @@ class exceptionTest : public agentTest {
 
   std::vector<delivered> deliveries() const;
   fake::javaThread* thread();
-  // Run by onExceptionOccured after it has kept what it was given.
+  // Run by a callback after it has kept what it was given.
   std::function<void(fake::invocation&)> inCallback;
+  // Whether the callback class has onExceptionRecord, too.
+  bool takesPlaces = false;
 
   std::shared_ptr<agent::exceptionProfiler> exceptions() { return agent::getExceptionProfiler(); }
   std::vector<std::string> errors() const { return messages("Error"); }

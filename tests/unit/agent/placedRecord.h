@@ -28,7 +28,7 @@ struct placedValue {
 };
 
 struct placedFrame {
-  std::u16string header;
+  std::array<std::u16string, 4> header;  // class, method, source, line
   // Fields of `this`, arguments, locals, thread locals. A variable that is not available has
   // nothing but its state.
   std::array<std::vector<placedValue>, 4> sections;
@@ -65,7 +65,9 @@ class placedReader {
     std::vector<placedFrame> frames;
     while (next_ < places_.size() && !::testing::Test::HasFailure()) {
       placedFrame& frame = frames.emplace_back();
-      frame.header = upTo(u"%40%41");
+      frame.header = {upTo(u"."), upTo(u"("), upTo(u":"), upTo(u"%40%41")};
+      EXPECT_TRUE(frame.header[3].ends_with(u')'));
+      frame.header[3].pop_back();
       for (std::size_t i = 0; i < kEnds.size(); ++i) {
         readValues(frame.sections[i]);
         upTo(kEnds[i]);

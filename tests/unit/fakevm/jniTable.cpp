@@ -737,6 +737,15 @@ void JNICALL setObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize in
   });
 }
 
+jintArray JNICALL newIntArray(JNIEnv* jni, jsize length) {
+  constexpr functionId id = FAKE_JNI(NewIntArray);
+  return perform(jni, id, {.number = length}, jintArray{}, [&](machine& vm, threadEnv& env) {
+    auto* const made = vm.keep<intArray>(vm.knownClass("[I"), vm.nextHash(),
+                                         std::vector<jint>(static_cast<std::size_t>(length)));
+    return static_cast<jintArray>(machine::local(env, made, id));
+  });
+}
+
 // Copies numbers between a Java array and a buffer; an exception when the array has no such range.
 template <functionId id, typename Buffer, typename Copy>
 void intArrayRegion(JNIEnv* jni, jintArray reference, jsize start, jsize length, Buffer buffer,
@@ -853,6 +862,7 @@ JNINativeInterface_ makeTable() {
   table.GetArrayLength = getArrayLength;
   table.GetObjectArrayElement = getObjectArrayElement;
   table.SetObjectArrayElement = setObjectArrayElement;
+  table.NewIntArray = newIntArray;
   table.GetIntArrayRegion = getIntArrayRegion;
   table.SetIntArrayRegion = setIntArrayRegion;
   return table;

@@ -5,8 +5,8 @@ package com.korvane.twutils.nativeagent;
  * {@link UnsatisfiedLinkError}. Any thread may call.
  */
 public final class AgentCounters {
-  /** How many texts {@link #takeUndelivered} gives. */
-  public static final int UNDELIVERED_PARTS = 6;
+  /** How many parts {@link #takeUndelivered} gives. */
+  public static final int UNDELIVERED_PARTS = 8;
 
   private AgentCounters() {}
 
@@ -31,9 +31,9 @@ public final class AgentCounters {
    * agent keeps some of them, and none before the first call.
    *
    * @param parts filled with when it was thrown (milliseconds since the epoch), the name of its
-   *     thread, the class of the exception, the record, "cut" or an empty text, and "virtual" or an
-   *     empty text for the thread
+   *     thread, the class of the exception, the record, "cut" or an empty text, "virtual" or an
+   *     empty text for the thread, the facts in decimal, and the places as an int[] or null
    * @return whether there was one
    */
-  public static native boolean takeUndelivered(String[] parts);
+  public static native boolean takeUndelivered(Object[] parts);
 }

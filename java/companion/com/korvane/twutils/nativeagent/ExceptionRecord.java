@@ -11,6 +11,7 @@ import java.util.List;
  * separator. A text value is taken to end at the first place where the record can go on from.
  * Where that, or anything else, is not certain, {@link #doubts} names the place. A value that
  * imitates whole entries cannot be distinguished from them; {@link #text} keeps what was delivered.
+ * None of that holds for a record with the places of its separators.
  *
  * <p>Immutable.
  */
@@ -30,6 +31,22 @@ public final class ExceptionRecord {
   /** Decodes what the agent delivered. Takes any text, null as an empty one, in linear time. */
   public static ExceptionRecord parse(String text) {
     return new ExceptionRecordParser(text == null ? "" : text).parse();
+  }
+
+  /**
+   * Decodes what the agent delivered with the places of its separators, without a doubt.
+   *
+   * @param places null when there are none; those of another text count as none
+   */
+  public static ExceptionRecord parse(String text, int[] places) {
+    if (text != null && places != null) {
+      try {
+        return new PlacedRecordParser(text, places).parse();
+      } catch (IllegalArgumentException | IndexOutOfBoundsException e) {
+        // They are not from the agent.
+      }
+    }
+    return parse(text);
   }
 
   /** The record as it was delivered. */

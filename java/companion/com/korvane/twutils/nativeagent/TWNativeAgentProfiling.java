@@ -11,7 +11,7 @@ package com.korvane.twutils.nativeagent;
  * <p>Control calls are to be issued one at a time.
  */
 public final class TWNativeAgentProfiling {
-  private static volatile ExceptionSink exceptionSink;
+  private static volatile RecordSink recordSink;
 
   private TWNativeAgentProfiling() {}
 
@@ -153,9 +153,13 @@ public final class TWNativeAgentProfiling {
       int stackTraceDepth,
       String blackList);
 
-  /** Hands captured exceptions to {@code sink} from now on; null for nobody, as at the start. */
+  /**
+   * Hands captured exceptions to {@code sink} from now on; null for nobody, as at the start. A
+   * {@link RecordSink} is given what the agent knows besides the text, too.
+   */
   public static void setExceptionSink(ExceptionSink sink) {
-    exceptionSink = sink;
+    boolean takesRecords = sink == null || sink instanceof RecordSink;
+    recordSink = takesRecords ? (RecordSink) sink : new TextSink(sink);
   }
 
   /**
@@ -163,7 +167,7 @@ public final class TWNativeAgentProfiling {
    * what the sink throws.
    */
   public static void onExceptionOccured(String record, Object exception) {
-    ExceptionSink sink = exceptionSink;
+    RecordSink sink = recordSink;
     if (sink != null) {
       AgentCounters.sinkBegins(false);
       AgentCounters.sinkBegins(true);
@@ -171,8 +175,37 @@ public final class TWNativeAgentProfiling {
     }
   }
 
+  /** Called in place of {@link #onExceptionOccured} by an agent that knows this method. */
+  public static void onExceptionRecord(String record, Object exception, int[] places, int facts) {
+    RecordSink sink = recordSink;
+    if (sink != null) {
+      AgentCounters.sinkBegins(false);
+      AgentCounters.sinkBegins(true);
+      sink.onRecord(record, exception, places, facts);
+    }
+  }
+
   /** Called by the agent for the text of an object. */
   public static String getobjectValue(Object object) {
     return String.valueOf(object);
+  }
+
+  /** Of a sink that takes texts alone. */
+  private static final class TextSink implements RecordSink {
+    private final ExceptionSink sink;
+
+    TextSink(ExceptionSink sink) {
+      this.sink = sink;
+    }
+
+    @Override
+    public void onException(String record, Object exception) {
+      sink.onException(record, exception);
+    }
+
+    @Override
+    public void onRecord(String record, Object exception, int[] places, int facts) {
+      sink.onException(record, exception);
+    }
   }
 }

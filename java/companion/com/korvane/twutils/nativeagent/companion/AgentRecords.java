@@ -5,7 +5,7 @@ import com.korvane.twutils.nativeagent.ExceptionCounts;
 
 /** What the agent knows of its exception records; nothing in a JVM without the agent. */
 final class AgentRecords {
-  private static final String[] PARTS = new String[AgentCounters.UNDELIVERED_PARTS];
+  private static final Object[] PARTS = new Object[AgentCounters.UNDELIVERED_PARTS];
   private static final boolean IS_THERE = find();
 
   private AgentRecords() {}
@@ -35,12 +35,25 @@ final class AgentRecords {
 
   /** The record that was taken last; once. */
   static ExceptionEvent taken() {
-    boolean isCut = !PARTS[4].isEmpty();
-    boolean isVirtual = !PARTS[5].isEmpty();
-    String record = PARTS[3];
+    boolean isCut = !text(4).isEmpty();
+    boolean isVirtual = !text(5).isEmpty();
+    String record = text(3);
+    int[] places = (int[]) PARTS[7];
     PARTS[3] = null; // it may be long
+    PARTS[7] = null;
     return ExceptionEvent.ofKept(
-        Long.parseLong(PARTS[0]), PARTS[1], PARTS[2], record, isCut, isVirtual);
+        Long.parseLong(text(0)),
+        text(1),
+        text(2),
+        record,
+        isCut,
+        isVirtual,
+        places,
+        Integer.parseInt(text(6)));
+  }
+
+  private static String text(int part) {
+    return (String) PARTS[part];
   }
 
   /** Writes the member "agent": what became of all exceptions. */

@@ -1,5 +1,7 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.RecordFacts;
+
 /**
  * A captured exception on its way to the file. Made by the thread that throws, which may hold any
  * lock of the program: what would load a class or run code is left to the writer.
@@ -13,6 +15,8 @@ final class ExceptionEvent {
   final boolean isCut; // the record
   final Class<?> threadClass;
   final boolean isKeptOfVirtual; // the agent has reported that its thread was a virtual one
+  final int[] places; // of the record's separators; null without them
+  final RecordFacts facts; // nothing is known without places
 
   // Within the queue: the event before it, and how many and how long all up to this one are.
   ExceptionEvent before;
@@ -20,7 +24,7 @@ final class ExceptionEvent {
   long characters;
 
   ExceptionEvent(long millis, String thread, String record, Object exception) {
-    this(millis, thread, record, exception, null, false, Thread.class, false);
+    this(millis, thread, record, exception, null, false, Thread.class, false, null, 0);
   }
 
   ExceptionEvent(
@@ -31,7 +35,9 @@ final class ExceptionEvent {
       String className,
       boolean isCut,
       Class<?> threadClass,
-      boolean isKeptOfVirtual) {
+      boolean isKeptOfVirtual,
+      int[] places,
+      int facts) {
     this.millis = millis;
     this.thread = thread;
     this.record = record == null ? "" : record;
@@ -40,10 +46,12 @@ final class ExceptionEvent {
     this.isCut = isCut;
     this.threadClass = threadClass;
     this.isKeptOfVirtual = isKeptOfVirtual;
+    this.places = places;
+    this.facts = new RecordFacts(facts);
   }
 
   /** For an exception that this thread is throwing now. */
-  static ExceptionEvent of(String record, Object exception) {
+  static ExceptionEvent of(String record, Object exception, int[] places, int facts) {
     Thread thread = Thread.currentThread();
     return new ExceptionEvent(
         System.currentTimeMillis(),
@@ -53,7 +61,9 @@ final class ExceptionEvent {
         null,
         AgentRecords.isRecordCut(),
         thread.getClass(),
-        false);
+        false,
+        places,
+        facts);
   }
 
   /** For one of which the agent has kept the record; its thread goes on. */
@@ -63,13 +73,16 @@ final class ExceptionEvent {
       String className,
       String record,
       boolean isCut,
-      boolean isVirtual) {
+      boolean isVirtual,
+      int[] places,
+      int facts) {
     return new ExceptionEvent(
-        millis, thread, record, null, className, isCut, Thread.class, isVirtual);
+        millis, thread, record, null, className, isCut, Thread.class, isVirtual, places, facts);
   }
 
   /** How many characters it holds, about. */
   int length() {
-    return record.length() + 100;
+    int ofPlaces = places == null ? 0 : places.length * Integer.BYTES / Character.BYTES;
+    return record.length() + ofPlaces + 100;
   }
 }

@@ -3,6 +3,7 @@ package com.korvane.twutils.nativeagent.companion;
 import com.korvane.twutils.nativeagent.CapturedValue;
 import com.korvane.twutils.nativeagent.ExceptionMessage;
 import com.korvane.twutils.nativeagent.ExceptionRecord;
+import com.korvane.twutils.nativeagent.ValueState;
 import com.korvane.twutils.nativeagent.ValueType;
 import java.time.Instant;
 import java.time.ZoneOffset;
@@ -29,13 +30,13 @@ final class ExceptionLine {
   }
 
   static String of(ExceptionEvent event, String className, String message) {
-    ExceptionRecord decoded = ExceptionRecord.parse(event.record);
+    ExceptionRecord decoded = ExceptionRecord.parse(event.record, event.places);
     JsonText json = new JsonText().beginObject();
     json.key("time").value(TIME.format(Instant.ofEpochMilli(event.millis)));
     json.key("thread").value(event.thread);
     json.key("class").value(className);
     json.key("message").value(message);
-    json.key("caught").literal("null"); // the agent does not know
+    json.key("caught").literal(String.valueOf(event.facts.isCaught()));
     if (event.isCut) {
       json.key("cut").value(true);
     }
@@ -83,21 +84,53 @@ final class ExceptionLine {
       json.beginObject();
       json.key("name").value(value.name());
       json.key("type").value(value.type().toString());
-      if (value.type() == ValueType.OBJECT && !value.isNull()) {
+      if (value.isStatic()) {
+        json.key("static").value(true);
+      }
+      if (value.type() == ValueType.OBJECT && value.state() == ValueState.VALUE) {
         write(json.key("fields"), value.fields(), false);
       } else {
         json.key("value").value(textOf(value));
-        if (areNullsUncertain && value.isNull()) {
-          json.key("uncertain").value(true);
-        }
+        writeState(json, value, areNullsUncertain);
       }
       json.endObject();
     }
     json.endArray();
   }
 
+  private static void writeState(JsonText json, CapturedValue value, boolean areNullsUncertain) {
+    switch (value.state()) {
+      case NOT_READ:
+        json.key("notRead").value(true);
+        break;
+      case NOT_AVAILABLE:
+      case UNREADABLE:
+        json.key("notAvailable").value(true);
+        break;
+      case REDACTED:
+        json.key("redacted").value(reasonIn(value.text()));
+        break;
+      case NULL:
+      case NULL_OR_NOT_READ:
+        if (areNullsUncertain) {
+          json.key("uncertain").value(true);
+        }
+        break;
+      default:
+        break;
+    }
+  }
+
+  /** Of {@code <redacted:reason>}. */
+  private static String reasonIn(String text) {
+    return text.substring(text.indexOf(':') + 1, text.length() - 1);
+  }
+
   /** As Java would print it: a record has codes for booleans and characters. */
   private static String textOf(CapturedValue value) {
+    if (value.state() == ValueState.NOT_AVAILABLE) {
+      return null;
+    }
     switch (value.type()) {
       case BOOLEAN:
         return value.text().equals("0") ? "false" : "true";

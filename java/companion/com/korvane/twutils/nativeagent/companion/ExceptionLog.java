@@ -1,6 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
-import com.korvane.twutils.nativeagent.ExceptionSink;
+import com.korvane.twutils.nativeagent.RecordSink;
 import java.io.IOException;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
@@ -15,7 +15,7 @@ import java.util.concurrent.locks.LockSupport;
  * <p>The writer lives until the log is closed, whatever fails: a record that cannot be written, for
  * want of memory or of room on the disk, counts as dropped, and the next one is tried anew.
  */
-final class ExceptionLog implements ExceptionSink {
+final class ExceptionLog implements RecordSink {
   /** Records may be long: the queue never holds more characters than this. */
   private static final long MAX_QUEUED_CHARACTERS = 16L << 20;
 
@@ -71,18 +71,26 @@ final class ExceptionLog implements ExceptionSink {
     AgentThread.isAtWork();
     AgentThread.isFailureOfHelp(exception);
     ExceptionQueue.warmUp();
-    ExceptionEvent event =
-        ExceptionEvent.of("a.B.c(D.java:1)%40%41x%3A7%3Ay%2C%42%43%44", exception);
-    ExceptionLine.of(event).getBytes(StandardCharsets.UTF_8);
+    String record = "a.B.c(D.java:1)%40%41x%3A7%3Ay%2C%42%43%44";
+    int[] places = {3, 5, 12, 15, 22, 26, 30, 33, 36, 39, 42};
+    for (int[] each : new int[][] {null, places}) {
+      ExceptionEvent event = ExceptionEvent.of(record, exception, each, 0);
+      ExceptionLine.of(event).getBytes(StandardCharsets.UTF_8);
+    }
   }
 
   @Override
   public void onException(String record, Object exception) {
+    onRecord(record, exception, null, 0);
+  }
+
+  @Override
+  public void onRecord(String record, Object exception, int[] places, int facts) {
     if (AgentThread.isAtWork() || AgentThread.isFailureOfHelp(exception)) {
       own.incrementAndGet();
       return;
     }
-    if (queue.add(record, exception)) {
+    if (queue.add(record, exception, places, facts)) {
       wakeWriter();
     }
   }

@@ -9,7 +9,8 @@ import java.util.concurrent.atomic.AtomicReference;
  * the agent keeps the record of a thread that has no stack left. One thread takes them.
  */
 final class ExceptionQueue {
-  private static final ExceptionEvent CLOSED = ExceptionEvent.ofKept(0, "", "", "", false, false);
+  private static final ExceptionEvent CLOSED =
+      ExceptionEvent.ofKept(0, "", "", "", false, false, null, 0);
 
   private final int maxCount;
   private final long maxCharacters;
@@ -31,17 +32,20 @@ final class ExceptionQueue {
    */
   static void warmUp() {
     ExceptionQueue queue = new ExceptionQueue(1, 1000);
-    queue.add("", null);
+    queue.add("", null, null, 0);
     queue.add(null); // fails, as without memory
     queue.written(queue.take());
     queue.takeLast();
   }
 
-  /** Adds an exception that this thread is throwing now; returns whether that was possible. */
-  boolean add(String record, Object exception) {
+  /**
+   * Adds an exception that this thread is throwing now; returns whether that was possible. Without
+   * places the facts are not known.
+   */
+  boolean add(String record, Object exception, int[] places, int facts) {
     ExceptionEvent event = null;
     try {
-      event = ExceptionEvent.of(record, exception);
+      event = ExceptionEvent.of(record, exception, places, facts);
     } catch (StackOverflowError e) {
       throw e;
     } catch (Throwable e) {

@@ -66,7 +66,7 @@ public final class ExceptionLogTest {
     Checks.contains("kept", "\"raw\":\"garbage\"", doubtful);
     Checks.contains("no exception", "\"class\":\"\"", doubtful);
     Checks.contains("class", "\"class\":\"java.io.IOException\"",
-        ExceptionLine.of(ExceptionEvent.of(null, new IOException("x"))));
+        ExceptionLine.of(ExceptionEvent.of(null, new IOException("x"), null, 0)));
   }
 
   private static void texts() {
