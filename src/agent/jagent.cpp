@@ -19,6 +19,7 @@
 #include "contention/contentionProfile.h"
 #include "exceptions/exceptionprofiler.h"
 #include "support/attachGate.h"
+#include "exceptions/madeHook.h"
 #include "support/jvmtiStatus.h"
 
 namespace agent {
@@ -59,6 +60,7 @@ void leaveBeforeVmEnds() {
         JVMTI_EVENT_GARBAGE_COLLECTION_FINISH}) {
     jvmti->SetEventNotificationMode(JVMTI_DISABLE, event, nullptr);
   }
+  madeHook::switchOff();
   std::array<std::weak_ptr<profiler>, profilerKind::kMost> leaving;
   std::transform(profilerKind::all().begin(), profilerKind::all().end(), leaving.begin(),
                  [&](std::int32_t kind) { return registry->find(kind); });

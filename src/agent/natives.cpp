@@ -11,6 +11,7 @@
 #include "agent/nativeMethod.h"
 #include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
+#include "exceptions/captureMode.h"
 #include "exceptions/exceptionprofiler.h"
 #include "locks/mutexlockprofiler.h"
 #include "memory/memoryprofiler.h"
@@ -243,6 +244,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
       return 0;
     }
     exceptions->setProfilerEventMode(settings->enabled);
+    if (exceptionsAreCapturedWhereMade() && !exceptions->switchMade(jni, settings->enabled)) {
+      return 0;
+    }
     return exceptions->setProfileData(std::move(settings));
   });
   if (refused) {

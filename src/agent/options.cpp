@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "agent/twAprLib.h"
+#include "exceptions/captureMode.h"
 #include "exceptions/exceptionprofiler.h"
 #include "locks/mutexlockprofiler.h"
 #include "memory/memoryprofiler.h"
@@ -27,6 +28,7 @@ constexpr std::string_view kFeaturesKey = "features";
 constexpr std::string_view kOwnerLookupsKey = "ownerLookupsPerSecond";
 constexpr std::string_view kOneQueryKey = "scanInOneQuery";
 constexpr std::string_view kRecordBytesKey = "recordBytes";
+constexpr std::string_view kExceptionCaptureKey = "exceptionCapture";
 
 constexpr std::string_view kMutexFeature = "mutexprofiling";
 constexpr std::string_view kMemoryFeature = "memoryprofiling";
@@ -170,6 +172,21 @@ void readContentionItem(const std::string& item, startUpSettings& settings) {
               profile.windowMillis, settings);
 }
 
+// Read before all others, since a profiler asks for its capabilities when it is made.
+void readExceptionCapture(const std::string& item, startUpSettings& settings) {
+  const std::size_t sign = item.find('=');
+  if (support::lowerCase(item.substr(0, sign)) != support::lowerCase(kExceptionCaptureKey)) {
+    return;
+  }
+  const std::string mode =
+      sign == std::string::npos ? std::string() : support::lowerCase(item.substr(sign + 1));
+  if (mode == "made" || mode == "thrown") {
+    captureExceptionsWhereMade(mode == "made");
+  } else {
+    settings.ignored.push_back(item);
+  }
+}
+
 void readItem(profilerRegistry& registry, const std::string& item, startUpSettings& settings) {
   const auto is = [&](std::string_view key) { return support::startsWithIgnoringCase(item, key); };
   if (is(kLogLevelKey)) {
@@ -206,6 +223,10 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
 
 startUpSettings readOptions(profilerRegistry& registry, std::string_view options) {
   startUpSettings settings;
+  captureExceptionsWhereMade(false);
+  support::forEachPiece(options, ',', [&](std::string_view item) {
+    readExceptionCapture(std::string(item), settings);
+  });
   support::forEachPiece(options, ',', [&](std::string_view item) {
     readItem(registry, std::string(item), settings);
   });

@@ -24,7 +24,7 @@ struct startUpSettings {
   std::int32_t recordBytes = 0;  // unset
   bool contention = false;       // runs from the start of the VM
   contentionSettings contentionProfile;
-  // Items of the contention profile whose values count as not given, for the log.
+  // Items whose values count as not given, for the log.
   std::vector<std::string> ignored;
 };
 

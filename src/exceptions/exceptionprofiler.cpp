@@ -11,8 +11,11 @@
 #include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
 #include "agent/vmEnd.h"
+#include "exceptions/captureMode.h"
 #include "exceptions/exceptionRecord.h"
 #include "exceptions/frameCapture.h"
+#include "exceptions/madeExceptions.h"
+#include "exceptions/madeHook.h"
 #include "exceptions/raisedInHandler.h"
 #include "exceptions/recordPlaces.h"
 #include "exceptions/undeliveredRecords.h"
@@ -26,6 +29,8 @@ namespace agent {
 namespace {
 
 constexpr const char* kSetProfileData = "exceptionProfiler::setProfileData";
+
+constexpr const char* kSwitchMade = "exceptionProfiler::switchMade";
 
 constexpr std::int64_t kWindowSeconds = 60;
 
@@ -47,9 +52,23 @@ thread_local bool recordIsCut = false;
 // called there is more: the VM keeps 80 KiB free below each of its frames.
 constexpr std::size_t kStackNeeded = std::size_t{48} << 10U;
 
+// Where exceptions are made in great numbers, to find out who makes them would be most of their
+// cost: so often in a second it is done in any case. Beyond that, while a class is over its rate,
+// its exceptions count without a site; it is asked again after so long.
+constexpr std::int32_t kMakerLookups = 2000;
+constexpr std::chrono::milliseconds kOverRate{100};
+
+std::int64_t steadyNanos() {
+  return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 const profilerKind kThisKind = profilerKind::of<exceptionProfiler>(kExceptionProfiler);
 
 }  // namespace
+
+exceptionProfiler::exceptionProfiler() : profiler(kExceptionStopped) {
+  makerLookups_.set(kMakerLookups);
+}
 
 void exceptionProfiler::publish(const std::shared_ptr<profiler>& self) {
   setExceptionProfiler(std::dynamic_pointer_cast<exceptionProfiler>(self));
@@ -75,7 +94,9 @@ void exceptionProfiler::addCapabilities() {
   registry->capabilities.can_get_source_file_name = 1;
   registry->capabilities.can_get_line_numbers = 1;
   registry->capabilities.can_access_local_variables = 1;
-  registry->capabilities.can_generate_exception_events = 1;
+  if (!exceptionsAreCapturedWhereMade()) {
+    registry->capabilities.can_generate_exception_events = 1;
+  }
 }
 
 void exceptionProfiler::setProfilerEventMode(bool enable) {
@@ -85,6 +106,9 @@ void exceptionProfiler::setProfilerEventMode(bool enable) {
   }
   if (enable) {  // Deliberate: it stays so when the events are disabled.
     setState(kExceptionRunning);
+  }
+  if (exceptionsAreCapturedWhereMade()) {
+    return;
   }
   for (const jvmtiEvent event : {JVMTI_EVENT_VM_INIT, JVMTI_EVENT_EXCEPTION}) {
     jvmti->SetEventNotificationMode(enable ? JVMTI_ENABLE : JVMTI_DISABLE, event, nullptr);
@@ -110,6 +134,44 @@ std::int32_t exceptionProfiler::setProfileData(std::unique_ptr<sessionSettings> 
     }
     return 1;
   });
+}
+
+// --- Where they are made ---------------------------------------------------------------------
+
+namespace {
+
+// Never destroyed: it may be asked for while the process ends.
+struct madeState {
+  support::mutex mutex;
+  std::string problem GUARDED_BY(mutex);
+};
+
+madeState& made() {
+  static madeState& state = *new madeState;
+  return state;
+}
+
+}  // namespace
+
+std::string exceptionProfiler::madeProblem() {
+  const support::lockGuard guard(made().mutex);
+  return made().problem;
+}
+
+bool exceptionProfiler::switchMade(JNIEnv* jni, bool enable) {
+  if (!enable) {
+    madeHook::switchOff();
+    return true;
+  }
+  madeHook& hook = madeHook::ofProcess();
+  const std::string problem = hook.switchOn(jni, exceptionMade);
+  if (!problem.empty()) {
+    TW_LOG(kLogError, kSeverityError, kSwitchMade, "Exceptions where they are made: %s",
+           problem.c_str());
+  }
+  const support::lockGuard guard(made().mutex);
+  made().problem = problem;
+  return hook.isInstalled();
 }
 
 // --- The filter ------------------------------------------------------------------------------
@@ -155,6 +217,34 @@ void JNICALL exceptionProfiler::ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, 
   }
 }
 
+void exceptionProfiler::exceptionMade(JNIEnv* jni, jobject exception) noexcept {
+  if (handlerRuns || vmIsEnding()) {
+    return;
+  }
+  const handlerScope scope;
+  if (support::stackLeft() < kStackNeeded) {
+    exceptionCounts::ofProcess().add(exceptionCount::seen);
+    exceptionCounts::ofProcess().add(exceptionCount::noStack);
+    return;
+  }
+  try {
+    const std::shared_ptr<profilerRegistry> registry = findRegistry();
+    jvmtiEnv* const jvmti = registry ? registry->environment() : nullptr;
+    if (jvmti != nullptr) {
+      exceptionOccurred({.jvmti = jvmti,
+                         .jni = jni,
+                         .thread = nullptr,
+                         .method = nullptr,
+                         .location = 0,
+                         .exception = exception,
+                         .settings = {},
+                         .isMade = true});
+    }
+  } catch (...) {
+    logRefusal("Exception occured in exceptionprofiler : exceptionMade");
+  }
+}
+
 void exceptionProfiler::exceptionOccurred(throwEvent event) {
   const std::shared_ptr<exceptionProfiler> self = getExceptionProfiler();
   if (!self) {
@@ -184,6 +274,10 @@ void exceptionProfiler::exceptionThrown(throwEvent& event) {
       return lose(event, *refused, nullptr);
     }
     exceptionCounts::ofProcess().add(*refused);
+    if (event.isMade && event.method != nullptr && *refused == exceptionCount::overRate) {
+      event.info->value.overRateUntil.store(
+          steadyNanos() + std::chrono::nanoseconds(kOverRate).count(), std::memory_order_relaxed);
+    }
   } catch (const std::bad_alloc&) {
     lose(event, exceptionCount::noMemory, "there is no memory");
     throw;
@@ -204,12 +298,29 @@ std::optional<exceptionCount> exceptionProfiler::refusal(throwEvent& event) {
   if (event.failed(error) || !event.info) {
     return exceptionCount::vm;
   }
+  if (event.isMade) {
+    if (goesWithoutSite(event)) {
+      return exceptionCount::overRate;
+    }
+    if (!findMaker(event, exceptionClass.get())) {
+      return exceptionCount::vm;
+    }
+  }
   if (event.method != nullptr) {
     if (const std::optional<exceptionCount> refused = refusalOfThrower(event)) {
       return refused;
     }
   }
   return refusalOfClass(event.info->value.lowerCaseName, *event.settings);
+}
+
+bool exceptionProfiler::goesWithoutSite(const throwEvent& event) {
+  const std::int64_t until = event.info->value.overRateUntil.load(std::memory_order_relaxed);
+  if (until == 0) {
+    return false;
+  }
+  const std::int64_t now = steadyNanos();
+  return now < until && !makerLookups_.take(now);
 }
 
 std::optional<exceptionCount> exceptionProfiler::refusalOfThrower(throwEvent& event) {
@@ -282,6 +393,13 @@ void exceptionProfiler::lose(const throwEvent& event, exceptionCount reason,
 void exceptionProfiler::recordAndDeliver(throwEvent& event) {
   if (support::stackLeft() < kStackNeeded) {
     return lose(event, exceptionCount::noStack, "there is no stack to build it on");
+  }
+  support::localRef<jthread> maker;
+  if (event.thread == nullptr) {
+    if (event.failed(event.jvmti->GetCurrentThread(&event.thread))) {
+      return lose(event, exceptionCount::vm, nullptr);
+    }
+    maker = support::localRef<jthread>(event.jni, event.thread);
   }
   // From here on Java is called, and after its end no more.
   raisedInHandler raised(event.jvmti, event.jni, event.thread);

@@ -24,6 +24,7 @@
 #include "exceptions/raisedInHandler.h"
 #include "exceptions/throwEvent.h"
 #include "support/annotations.h"
+#include "support/rateLimit.h"
 #include "support/sharedSlot.h"
 #include "support/vmTurn.h"
 
@@ -49,7 +50,7 @@ struct finishedRecord {
 
 class exceptionProfiler : public profiler {
  public:
-  exceptionProfiler() : profiler(kExceptionStopped) {}
+  exceptionProfiler();
 
   void publish(const std::shared_ptr<profiler>& self) override;
   void withdraw() override;
@@ -63,6 +64,16 @@ class exceptionProfiler : public profiler {
   static void JNICALL ExceptionCallback(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
                                         jmethodID method, jlocation location, jobject exception,
                                         jmethodID catchMethod, jlocation catchLocation);
+
+  // The same for an exception that is being made; see madeCallback.
+  static void exceptionMade(JNIEnv* jni, jobject exception) noexcept;
+
+  // Where exceptions are captured where they are made: switches that on or off; in place of the
+  // event. False, with the reason in the log and in madeProblem(), when it cannot be done. One
+  // call at a time, on a Java thread.
+  bool switchMade(JNIEnv* jni, bool enable);
+  // Why the last call of switchMade failed, or what it could not do; empty for nothing. Any thread.
+  static std::string madeProblem();
 
   // See checkJvmti.
   static bool check(JNIEnv* jni, jvmtiEnv* jvmti, jvmtiError code) {
@@ -90,6 +101,7 @@ class exceptionProfiler : public profiler {
   void exceptionThrown(throwEvent& event);
   // Whether the event passes the filters; when not, why not.
   std::optional<exceptionCount> refusal(throwEvent& event);
+  bool goesWithoutSite(const throwEvent& event);
   std::optional<exceptionCount> refusalOfThrower(throwEvent& event);
   std::optional<exceptionCount> refusalOfClass(const std::string& className,
                                                const ExceptionCaptureSettings& settings);
@@ -109,6 +121,7 @@ class exceptionProfiler : public profiler {
   support::mutex rateMutex_;
   std::map<std::string, ExceptionRateEntry> rates_ GUARDED_BY(rateMutex_);
   knownClasses classes_;
+  support::rateLimit makerLookups_;
   support::vmTurns localTurns_;  // for GetLocal calls
   lossLines lossLines_;
 };

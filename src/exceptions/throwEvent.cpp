@@ -34,6 +34,17 @@ knownClass::knownClass(std::string_view classSignature) : signature(classSignatu
   framesWithoutValues = startsWithOneOf(name, kFramesWithoutValues);
 }
 
+const constructorTable* knownClass::constructors(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls) const {
+  const constructorTable* known = constructors_.load(std::memory_order_acquire);
+  if (known == nullptr) {
+    std::unique_ptr<const constructorTable> made = constructorTable::of(jvmti, jni, cls);
+    if (made && constructors_.compare_exchange_strong(known, made.get())) {
+      known = made.release();
+    }
+  }
+  return known;
+}
+
 knownClasses::entry knownClasses::read(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls, jint key,
                                        jvmtiError& error) {
   support::jvmtiText signature(jvmti);

@@ -5,6 +5,8 @@
 
 #include <jvmti.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +15,7 @@
 #include "agent/twAprLib.h"
 #include "exceptions/captureSettings.h"
 #include "exceptions/jvmtiCheck.h"
+#include "exceptions/madeExceptions.h"
 #include "exceptions/raisedInHandler.h"
 #include "support/classCache.h"
 #include "support/sourcePlace.h"
@@ -32,12 +35,25 @@ inline void logRefusal(const char* message,
 
 struct knownClass {
   explicit knownClass(std::string_view classSignature);
+  ~knownClass() { delete constructors_.load(); }
+  knownClass(const knownClass&) = delete;
+  knownClass& operator=(const knownClass&) = delete;
+
+  // Those of `cls`, the exception class that this is known of; null when the VM refuses. They are
+  // looked up when they are asked for first.
+  const constructorTable* constructors(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls) const;
 
   std::string signature;
   std::string name;  // dotted
   std::string lowerCaseName;
   bool ignoredAsThrower = false;     // what its methods throw is never recorded
   bool framesWithoutValues = false;  // frames of its methods have no arguments and locals
+  // Up to when its exceptions count as over the rate without a look at where they were made, in
+  // nanoseconds of the steady clock.
+  mutable std::atomic<std::int64_t> overRateUntil{0};
+
+ private:
+  mutable std::atomic<const constructorTable*> constructors_{nullptr};  // owned
 };
 
 // Any thread.
@@ -73,6 +89,7 @@ struct throwEvent {
   std::shared_ptr<ExceptionCaptureSettings> settings;
   std::optional<bool> isCaught{};           // by Java code, as far as the VM knows
   jint firstFrame = 0;                      // the thrower's, counted from the top of the stack
+  bool isMade = false;                      // captured while it is being made
   knownClasses::entry info{};               // of the exception's class, once it is known
   raisedInHandler* raised = nullptr;        // once a record is built
   jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused

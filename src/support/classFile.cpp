@@ -26,6 +26,7 @@ constexpr std::uint32_t kNop = 0x00;
 constexpr std::uint32_t kAload = 0x19;
 constexpr std::uint32_t kAload0 = 0x2A;  // followed by those for the variables 1 to 3
 constexpr std::uint32_t kShortForms = 4;
+constexpr std::uint32_t kInvokespecial = 0xB7;
 constexpr std::uint32_t kInvokestatic = 0xB8;
 constexpr std::size_t kAlignment = 4;  // of the operands of switches, from the start of the code
 
@@ -110,8 +111,10 @@ class constantPool {
  public:
   explicit constantPool(reader& in) : texts_(in.u2()), count_(texts_.size()) {
     require(count_ > 0);
+    constants_.resize(count_);
     const byteSpan begin = in.left();
     for (std::size_t index = 1; index < texts_.size(); ++index) {
+      constants_[index] = in.left();
       index += readConstant(in, index);
     }
     original_ = begin.first(begin.size() - in.left().size());
@@ -120,6 +123,16 @@ class constantPool {
   std::string_view text(std::uint32_t index) const {
     require(index < texts_.size() && texts_[index].data() != nullptr);
     return texts_[index];
+  }
+
+  // Whether the constant refers to that method.
+  bool isMethod(std::uint32_t index, std::string_view cls, std::string_view method,
+                std::string_view descriptor) const {
+    reader in = constant(index, kMethodref);
+    reader inClass = constant(in.u2(), kClass);
+    reader inName = constant(in.u2(), kNameAndType);
+    return text(inClass.u2()) == cls && text(inName.u2()) == method &&
+           text(inName.u2()) == descriptor;
   }
 
   std::uint32_t methodref(const callInsertion& call) {
@@ -136,6 +149,14 @@ class constantPool {
   }
 
  private:
+  // What follows the tag of a constant of the class file.
+  reader constant(std::uint32_t index, std::uint32_t tag) const {
+    require(index < constants_.size());
+    reader in(constants_[index]);
+    require(in.u1() == tag);
+    return in;
+  }
+
   // How many numbers the constant takes besides its own.
   std::size_t readConstant(reader& in, std::size_t index) {
     switch (in.u1()) {
@@ -202,6 +223,7 @@ class constantPool {
   }
 
   std::vector<std::string_view> texts_;  // by number; without data what is not a text
+  std::vector<byteSpan> constants_;      // by number; from the tag on, empty for none
   std::size_t count_;                    // the number after the last constant
   byteSpan original_;
   writer added_;
@@ -227,29 +249,45 @@ std::vector<std::uint8_t> instructionsOf(const callInsertion& call, std::uint32_
   return out.take();
 }
 
-// Moves the code of one method, and what refers to it, by so many bytes.
+// Where in the code the call goes.
+std::uint32_t placeIn(byteSpan code, callPlace place, const constantPool& constants) {
+  if (place == callPlace::start) {
+    return 0;
+  }
+  reader in(code);
+  require(in.u1() == kAload0 && in.u1() == kInvokespecial);
+  require(constants.isMethod(in.u2(), "java/lang/Object", "<init>", "()V"));
+  return static_cast<std::uint32_t>(code.size() - in.left().size());
+}
+
+// Moves the code of one method from some place on, and what refers to it, by so many bytes. Before
+// that place nothing jumps, and no variable begins but at the start.
 class codeShift {
  public:
-  codeShift(std::uint32_t by, std::uint32_t length) : by_(by), length_(length) {
-    require(length > 0 && length <= kMost - by);
+  codeShift(std::uint32_t from, std::uint32_t by, std::uint32_t length)
+      : from_(from), by_(by), length_(length) {
+    require(length > from && length <= kMost - by);
   }
 
   void exceptionTable(reader& in, writer& out) const {
     const std::uint32_t count = copyCount(in, out);
     for (std::uint32_t i = 0; i < count; ++i) {
-      out.u2(instruction(in.u2()));
-      out.u2(end(in.u2()));
+      const std::uint32_t start = in.u2();
+      const std::uint32_t last = in.u2();
+      require(start >= from_ || last <= from_);
+      out.u2(instruction(start));
+      out.u2(end(last));
       out.u2(instruction(in.u2()));
       out.u2(in.u2());  // the class
     }
   }
 
-  // What is inserted belongs to the line that the method began with.
+  // What is inserted belongs to the line of what it stands before.
   void lineNumbers(reader& in, writer& out) const {
     const std::uint32_t count = copyCount(in, out);
     for (std::uint32_t i = 0; i < count; ++i) {
       const std::uint32_t start = in.u2();
-      out.u2(start == 0 ? 0 : instruction(start));
+      out.u2(start == from_ ? start : instruction(start));
       out.u2(in.u2());
     }
   }
@@ -262,13 +300,15 @@ class codeShift {
       const std::uint32_t start = in.u2();
       const std::uint32_t length = in.u2();
       require(start + length <= length_);
-      out.u2(start == 0 ? 0 : start + by_);
-      out.u2(start == 0 ? length + by_ : length);
+      const std::uint32_t moved = start <= from_ ? start : start + by_;
+      out.u2(moved);
+      out.u2(end(start + length) - moved);
       out.append(in.take(6));  // name, type, variable
     }
   }
 
   // Only the first frame has a distance from the start of the code, the others from the one before.
+  // None is before what is inserted.
   void stackMap(reader& in, writer& out) const {
     const std::uint32_t count = copyCount(in, out);
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -285,27 +325,28 @@ class codeShift {
 
   std::uint32_t instruction(std::uint32_t at) const {
     require(at < length_);
-    return at + by_;
+    return at < from_ ? at : at + by_;
   }
+  // Of what goes up to there.
   std::uint32_t end(std::uint32_t at) const {
     require(at <= length_);
-    return at + by_;
+    return at <= from_ ? at : at + by_;
   }
 
   void frame(reader& in, writer& out, std::uint32_t by) const {
     const std::uint32_t type = in.u1();
     if (type <= kSameFrame) {
-      shortFrame(out, type + by, 0, kSameFrameExtended);
+      shortFrame(out, moved(type, by), 0, kSameFrameExtended);
       return;
     }
     if (type <= kOneStackItem) {
-      shortFrame(out, type - kSameFrame - 1 + by, kSameFrame + 1, kOneStackItemExtended);
+      shortFrame(out, moved(type - kSameFrame - 1, by), kSameFrame + 1, kOneStackItemExtended);
       types(in, out, 1);
       return;
     }
     require(type > kReserved);
     out.u1(type);
-    out.u2(in.u2() + by);
+    out.u2(moved(in.u2(), by));
     if (type == kOneStackItemExtended) {
       types(in, out, 1);
     } else if (type > kAppended) {
@@ -314,6 +355,11 @@ class codeShift {
     } else if (type > kSameFrameExtended) {
       types(in, out, type - kSameFrameExtended);
     }
+  }
+  // The distance of a frame; that of the first one, which is moved, is its place.
+  std::uint32_t moved(std::uint32_t distance, std::uint32_t by) const {
+    require(by == 0 || distance >= from_);
+    return distance + by;
   }
   // A frame whose type tells the distance while that is short.
   static void shortFrame(writer& out, std::uint32_t distance, std::uint32_t firstType,
@@ -338,6 +384,7 @@ class codeShift {
     }
   }
 
+  std::uint32_t from_;
   std::uint32_t by_;
   std::uint32_t length_;
 };
@@ -378,7 +425,7 @@ void shiftAttributes(const codeShift& shift, const constantPool& constants, read
   out.append(attributes.bytes());
 }
 
-// The body of a Code attribute with the call at its start.
+// The body of a Code attribute with the call in it.
 writer codeWith(const callInsertion& call, constantPool& constants, reader in) {
   const std::uint32_t maxStack = in.u2();
   const std::uint32_t maxLocals = in.u2();
@@ -388,14 +435,16 @@ writer codeWith(const callInsertion& call, constantPool& constants, reader in) {
   }
   const std::vector<std::uint8_t> inserted = instructionsOf(call, constants.methodref(call));
   require(code.size() <= kMost && inserted.size() <= kMost);
-  const codeShift shift(static_cast<std::uint32_t>(inserted.size()),
+  const std::uint32_t place = placeIn(code, call.place, constants);
+  const codeShift shift(place, static_cast<std::uint32_t>(inserted.size()),
                         static_cast<std::uint32_t>(code.size()));
   writer out;
   out.u2(std::max(maxStack, static_cast<std::uint32_t>(call.arguments.size())));
   out.u2(maxLocals);
   out.u4(static_cast<std::uint32_t>(inserted.size() + code.size()));
+  out.append(code.first(place));
   out.append(inserted);
-  out.append(code);
+  out.append(code.subspan(place));
   shift.exceptionTable(in, out);
   shiftAttributes(shift, constants, in, out);
   require(in.left().empty());

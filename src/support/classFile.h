@@ -1,5 +1,5 @@
-// Class files: calls of static methods are inserted at the start of methods. Plain functions over
-// bytes, for any thread.
+// Class files: calls of static methods are inserted into methods. Plain functions over bytes, for
+// any thread.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,15 @@
 
 namespace support {
 
-// A call at the start of a method, which is not a constructor.
+// Where a call goes.
+enum class callPlace {
+  start,  // of a method, which is not a constructor
+  // Of a constructor whose code begins with the call of Object's, behind that: `this` may be passed
+  // on from there, and has no field set yet.
+  afterObjectConstructor,
+};
+
+// A call in a method.
 struct callInsertion {
   std::string_view method;
   std::string_view descriptor;
@@ -20,6 +28,7 @@ struct callInsertion {
   std::string_view calledClass;  // "com/example/Hook"
   std::string_view calledMethod;
   std::string_view calledDescriptor;
+  callPlace place = callPlace::start;
 };
 
 struct changedClass {
@@ -28,15 +37,16 @@ struct changedClass {
 };
 
 // The class file with the calls in it. A method gets the first insertion that names it. The call
-// belongs to the first line of the method, and no handler of the method catches what it throws.
+// belongs to the line of what it stands before, and no handler of the method catches what it throws.
 //
 // Of the attributes of the changed code, those that the VM reads are kept: line numbers, local
 // variables and stack maps. All others are omitted, type annotations among them: they may hold
 // offsets into the code. Nothing else of the class changes except for constants that are added.
 //
 // None when the bytes are not a well-formed class file as far as they are read, when code would get
-// longer than 65535 bytes, when there is no room for the constants, or when the code has fewer
-// local variables than an insertion takes. The instructions are not read.
+// longer than 65535 bytes, when there is no room for the constants, when the code has fewer local
+// variables than an insertion takes, or when a constructor does not begin as its insertion wants.
+// Other instructions are not read.
 std::optional<changedClass> insertCalls(std::span<const std::uint8_t> classFile,
                                         std::span<const callInsertion> insertions);
 
