@@ -25,6 +25,7 @@
 #include "exceptions/messageOrigin.h"
 #include "exceptions/raisedInHandler.h"
 #include "exceptions/recordPlaces.h"
+#include "exceptions/siteCounts.h"
 #include "exceptions/undeliveredRecords.h"
 #include "memory/memoryprofiler.h"
 #include "support/jniRef.h"
@@ -186,6 +187,9 @@ JNIEXPORT jboolean JNICALL TW_COUNTERS(takeUndelivered)(JNIEnv* jni, jclass /*cl
       return 0;
     }
     exceptionCounts::ofProcess().deliverLate();
+    if (record->site != nullptr) {
+      record->site->recordLate();
+    }
     return 1;
   });
   return taken == 1 ? JNI_TRUE : JNI_FALSE;

@@ -18,8 +18,8 @@
 #include "agent/vmEnd.h"
 #include "contention/contentionProfile.h"
 #include "exceptions/exceptionprofiler.h"
-#include "support/attachGate.h"
 #include "exceptions/madeHook.h"
+#include "support/attachGate.h"
 #include "support/jvmtiStatus.h"
 
 namespace agent {

@@ -18,6 +18,7 @@
 #include "exceptions/madeHook.h"
 #include "exceptions/raisedInHandler.h"
 #include "exceptions/recordPlaces.h"
+#include "exceptions/siteCounts.h"
 #include "exceptions/undeliveredRecords.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
@@ -60,6 +61,32 @@ constexpr std::chrono::milliseconds kOverRate{100};
 
 std::int64_t steadyNanos() {
   return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+constexpr siteCount siteCountOf(exceptionCount which) {
+  switch (which) {
+    case exceptionCount::filtered:
+      return siteCount::filtered;
+    case exceptionCount::blackListed:
+      return siteCount::blackListed;
+    case exceptionCount::overRate:
+      return siteCount::overRate;
+    case exceptionCount::delivered:
+      return siteCount::recorded;
+    case exceptionCount::cut:
+      return siteCount::cut;
+    default:
+      return siteCount::failed;
+  }
+}
+
+// Counts what became of an exception; as thrown somewhere when its site is not known.
+void count(throwEvent& event, exceptionCount which) {
+  exceptionCounts::ofProcess().add(which);
+  if (event.site == nullptr) {
+    event.site = &siteCounts::ofProcess().thrownSomewhere(event);
+  }
+  event.site->add(siteCountOf(which));
 }
 
 const profilerKind kThisKind = profilerKind::of<exceptionProfiler>(kExceptionProfiler);
@@ -125,6 +152,9 @@ std::int32_t exceptionProfiler::setProfileData(std::unique_ptr<sessionSettings> 
     }
     settings.release();
     const std::shared_ptr<ExceptionCaptureSettings> taken(given);
+    if (taken->enabled) {
+      siteCounts::ofProcess().begin(coarseMillis());  // has its memory before anything is thrown
+    }
     {
       const support::lockGuard guard(settingsMutex_);
       settings_.store(taken);
@@ -273,7 +303,7 @@ void exceptionProfiler::exceptionThrown(throwEvent& event) {
     if (*refused == exceptionCount::vm) {
       return lose(event, *refused, nullptr);
     }
-    exceptionCounts::ofProcess().add(*refused);
+    count(event, *refused);
     if (event.isMade && event.method != nullptr && *refused == exceptionCount::overRate) {
       event.info->value.overRateUntil.store(
           steadyNanos() + std::chrono::nanoseconds(kOverRate).count(), std::memory_order_relaxed);
@@ -334,6 +364,9 @@ std::optional<exceptionCount> exceptionProfiler::refusalOfThrower(throwEvent& ev
   if (event.failed(error)) {
     return exceptionCount::vm;
   }
+  if (thrower) {
+    event.site = &siteCounts::ofProcess().thrown(event, thrower->value, declaring);
+  }
   if (!thrower || !thrower->value.ignoredAsThrower) {
     return std::nullopt;
   }
@@ -362,12 +395,11 @@ std::optional<exceptionCount> exceptionProfiler::refusalOfClass(
   return exceptionCount::blackListed;
 }
 
-void exceptionProfiler::lose(const throwEvent& event, exceptionCount reason,
-                             const char* why) noexcept {
+void exceptionProfiler::lose(throwEvent& event, exceptionCount reason, const char* why) noexcept {
   if (event.lastError == JVMTI_ERROR_OUT_OF_MEMORY) {
     reason = exceptionCount::noMemory;
   }
-  exceptionCounts::ofProcess().add(reason);
+  count(event, reason);
   // Nothing is recorded any more when the VM has ended.
   if (twAprLib::level() < kLogWarn || event.lastError == JVMTI_ERROR_WRONG_PHASE) {
     return;
@@ -411,7 +443,7 @@ void exceptionProfiler::recordAndDeliver(throwEvent& event) {
     return lose(event, exceptionCount::vm, nullptr);
   }
   if (built.isCut()) {
-    exceptionCounts::ofProcess().add(exceptionCount::cut);
+    count(event, exceptionCount::cut);
     TW_LOG(kLogError, kSeverityError, kExceptionCallback,
            "The record of a thrown %s is cut and ends after %zu bytes (recordBytes=%d)",
            event.info->value.name.c_str(), built.size(), static_cast<int>(recordBytes));
@@ -487,7 +519,7 @@ raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const finis
   recordIsCut = false;
   const raisedInHandler::kind raised = event.raised->clearAfterCallback();
   if (raised == raisedInHandler::kind::none) {
-    exceptionCounts::ofProcess().add(exceptionCount::delivered);
+    count(event, exceptionCount::delivered);
   } else {
     loseByRaised(event, raised, true);
   }
@@ -507,7 +539,7 @@ void exceptionProfiler::call(const throwEvent& event, jstring text, jintArray pl
 }
 
 // Of a record that could not be handed over for what is no longer pending now.
-void exceptionProfiler::loseByRaised(const throwEvent& event, raisedInHandler::kind raised,
+void exceptionProfiler::loseByRaised(throwEvent& event, raisedInHandler::kind raised,
                                      bool wasCalled) {
   using kind = raisedInHandler::kind;
   switch (raised) {
@@ -548,7 +580,7 @@ void exceptionProfiler::keepForLater(const throwEvent& event, finishedRecord rec
     undeliveredRecords::ofProcess().keep({std::chrono::duration_cast<milliseconds>(now).count(),
                                           std::string(thread.view()), event.info->value.name,
                                           std::move(record.text), record.isCut, isVirtual(event),
-                                          std::move(record.places), record.facts});
+                                          std::move(record.places), record.facts, event.site});
   } catch (...) {
     return;
   }

@@ -110,11 +110,11 @@ class exceptionProfiler : public profiler {
   std::uint32_t factsOf(const throwEvent& event, bool isCut) const;
   raisedInHandler::kind handOver(throwEvent& event, const finishedRecord& record);
   static void call(const throwEvent& event, jstring text, jintArray places, std::uint32_t facts);
-  void loseByRaised(const throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
+  void loseByRaised(throwEvent& event, raisedInHandler::kind raised, bool wasCalled);
   static bool isVirtual(const throwEvent& event);
   static void keepForLater(const throwEvent& event, finishedRecord record);
   // Counts the exception as lost, and logs it once a minute for its class and the reason.
-  void lose(const throwEvent& event, exceptionCount reason, const char* why) noexcept;
+  void lose(throwEvent& event, exceptionCount reason, const char* why) noexcept;
 
   support::mutex settingsMutex_;  // around publishing settings
   support::sharedSlot<ExceptionCaptureSettings> settings_;

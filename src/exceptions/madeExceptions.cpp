@@ -62,9 +62,8 @@ std::unique_ptr<const constructorTable> constructorTable::of(jvmtiEnv* jvmti, JN
 }
 
 std::optional<jint> constructorTable::depthOf(jmethodID method) const {
-  const auto found =
-      std::find_if(constructors_.begin(), constructors_.end(),
-                   [&](const constructor& each) { return each.method == method; });
+  const auto found = std::find_if(constructors_.begin(), constructors_.end(),
+                                  [&](const constructor& each) { return each.method == method; });
   return found == constructors_.end() ? std::nullopt : std::optional<jint>(found->classesAbove);
 }
 
@@ -80,8 +79,7 @@ bool findMaker(throwEvent& event, jclass cls) {
   jint last = 0;  // how far below Throwable the constructor above was
   for (;;) {
     jint count = 0;
-    if (event.failed(
-            event.jvmti->GetStackTrace(nullptr, first, wanted, frames.data(), &count))) {
+    if (event.failed(event.jvmti->GetStackTrace(nullptr, first, wanted, frames.data(), &count))) {
       return false;
     }
     for (jint i = 0; i < count; ++i) {

@@ -18,7 +18,12 @@ constexpr const char* kMade = "made";
 constexpr const char* kMadeDescriptor = "(Ljava/lang/Throwable;)V";
 
 constexpr hookedMethod constructor(const char* descriptor) {
-  return {"java/lang/Throwable", "<init>", descriptor, 1, kMade, kMadeDescriptor,
+  return {"java/lang/Throwable",
+          "<init>",
+          descriptor,
+          1,
+          kMade,
+          kMadeDescriptor,
           support::callPlace::afterObjectConstructor};
 }
 
@@ -93,9 +98,9 @@ void JNICALL madeHook::ClassFileLoadHook(jvmtiEnv* jvmti, JNIEnv* /*jni*/, jclas
                                          jobject /*protectionDomain*/, jint size,
                                          const unsigned char* bytes, jint* newSize,
                                          unsigned char** newBytes) {
-  contained("madeHook::ClassFileLoadHook", "Exception occured in madeHook : ClassFileLoadHook", [&] {
-    theHook().classFileLoaded(jvmti, loader, name, size, bytes, newSize, newBytes);
-  });
+  contained(
+      "madeHook::ClassFileLoadHook", "Exception occured in madeHook : ClassFileLoadHook",
+      [&] { theHook().classFileLoaded(jvmti, loader, name, size, bytes, newSize, newBytes); });
 }
 
 }  // namespace agent

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 
 #include "support/jvmtiPtr.h"
 #include "support/text.h"
@@ -25,9 +26,12 @@ bool startsWithOneOf(std::string_view name, const Prefixes& prefixes) {
   });
 }
 
+constinit std::atomic<std::uint64_t> lastClass{0};
+
 }  // namespace
 
-knownClass::knownClass(std::string_view classSignature) : signature(classSignature) {
+knownClass::knownClass(std::string_view classSignature)
+    : id(++lastClass), signature(classSignature) {
   support::appendDottedClass(name, signature);
   lowerCaseName = support::lowerCase(name);
   ignoredAsThrower = startsWithOneOf(name, kIgnoredThrowers);

@@ -43,6 +43,7 @@ struct knownClass {
   // looked up when they are asked for first.
   const constructorTable* constructors(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls) const;
 
+  std::uint64_t id;  // of this class alone, as long as the process lives
   std::string signature;
   std::string name;  // dotted
   std::string lowerCaseName;
@@ -78,6 +79,8 @@ class knownClasses {
   support::classCache<knownClass> classes_;
 };
 
+class siteRow;
+
 // What the handler works on.
 struct throwEvent {
   jvmtiEnv* jvmti;
@@ -91,6 +94,7 @@ struct throwEvent {
   jint firstFrame = 0;                      // the thrower's, counted from the top of the stack
   bool isMade = false;                      // captured while it is being made
   knownClasses::entry info{};               // of the exception's class, once it is known
+  siteRow* site = nullptr;                  // where it is counted, once it is
   raisedInHandler* raised = nullptr;        // once a record is built
   jvmtiError lastError = JVMTI_ERROR_NONE;  // what the VM refused
 

@@ -15,6 +15,8 @@
 
 namespace agent {
 
+class siteRow;
+
 struct undeliveredRecord {
   std::int64_t time = 0;  // milliseconds since the epoch
   std::string thread;     // its name
@@ -24,6 +26,7 @@ struct undeliveredRecord {
   bool isVirtual = false;      // its thread
   std::vector<jint> places{};  // see recordPlaces.h; none for a text that was shortened
   std::uint32_t facts = 0;
+  siteRow* site = nullptr;  // where it is counted
 
   std::size_t bytes() const { return text.capacity() + places.capacity() * sizeof(jint); }
 };

@@ -103,8 +103,8 @@ def test_what_a_run_leaves(start):
     assert said(run) == (SAY + "memory.track: no loaded class matches 'no.such.Class'"
                        " (nested classes are written com.example.Outer$Inner)\n")
     folder = run_folder(run)
-    assert names(folder) == ["exceptions.jsonl", "locks-1.json", "locks-1.stacks", "memory-1.json",
-                             "memory-1.sweeps", "run.json"]
+    assert names(folder) == ["exception-counts.json", "exceptions.jsonl", "locks-1.json",
+                             "locks-1.stacks", "memory-1.json", "memory-1.sweeps", "run.json"]
     assert stat.S_IMODE((run.folder / OUTPUT).stat().st_mode) == 0o700
     assert stat.S_IMODE(folder.stat().st_mode) == 0o700
     assert {stat.S_IMODE(file.stat().st_mode) for file in folder.iterdir()} == {0o600}
@@ -507,7 +507,8 @@ def test_a_security_manager(jvm, jar, start, granted):
     said = [line for line in run.err.splitlines() if line.startswith(SAY)]
     assert run.facts["other"] == "null", "the program has run"
     if granted:
-        assert names(run_folder(run))[:2] == ["exceptions.jsonl", "locks-1.json"]
+        assert names(run_folder(run))[:3] == ["exception-counts.json", "exceptions.jsonl",
+                                             "locks-1.json"]
     else:
         assert len(said) == 1 and "grant java.security.AllPermission" in said[0]
         assert not (run.folder / OUTPUT).exists()
@@ -571,7 +572,8 @@ def test_without_the_management_module(start):
     run = start("OtherAgent", given=f"output={OUTPUT},{LOCKS},exceptions=true",
                 vm=["--limit-modules=java.base,java.instrument"], quiet=False)
     assert [line for line in run.err.splitlines() if "summary phase" not in line] == []
-    assert names(run_folder(run))[:2] == ["exceptions.jsonl", "locks-1.json"]
+    assert names(run_folder(run))[:3] == ["exception-counts.json", "exceptions.jsonl",
+                                             "locks-1.json"]
 
 
 # --- The agent's home ---

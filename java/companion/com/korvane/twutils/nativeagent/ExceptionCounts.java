@@ -1,5 +1,9 @@
 package com.korvane.twutils.nativeagent;
 
+import java.io.File;
+import java.io.IOException;
+import java.nio.file.Path;
+
 /**
  * What became of the exceptions that were thrown while capture was on, since the JVM has started.
  * An exception that was seen is in exactly one of the counts besides {@link #cut}, once the agent
@@ -59,6 +63,30 @@ public final class ExceptionCounts {
    */
   public static ExceptionCounts read() {
     return new ExceptionCounts();
+  }
+
+  /**
+   * Writes the counts of each class and throwing site, in the form that {@code docs/reports.md}
+   * describes, in place of a file that is there. It gets its name when it is complete.
+   *
+   * @return the file
+   * @throws IllegalArgumentException when the file cannot be made
+   * @throws IOException when it was not written completely, or exceptions were never captured; the
+   *     one before is still there
+   * @throws UnsatisfiedLinkError without the agent, or with one that does not count by site
+   */
+  public static Path writeSites(Path file) throws IOException {
+    return NativeAgent.<Path, IOException>locked(
+        () -> {
+          ReportFile report = new ReportFile("exception counts", file);
+          try {
+            String problem = AgentExceptions.snapshot(report.partPath());
+            long bytes = new File(report.partPath()).length();
+            return report.publishJson(ReportOutcome.of(problem, bytes));
+          } finally {
+            report.close();
+          }
+        });
   }
 
   /** All that were lost. */

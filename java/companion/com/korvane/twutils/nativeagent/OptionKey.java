@@ -125,6 +125,10 @@ public enum OptionKey {
       "exceptions.queue", Kind.NUMBER, 1, 1000000, "1000",
       "1000",
       "a number from 1 to 1000000"),
+  EXCEPTIONS_INTERVAL(
+      "exceptions.interval", Kind.DURATION, 1000, 864000000000L, "1m",
+      "10s",
+      "a duration from 1s to 240000h, such as 500ms, 30s, 2m or 1h"),
   MEMORY(
       "memory", Kind.FLAG, 0, 1, "false",
       "true",

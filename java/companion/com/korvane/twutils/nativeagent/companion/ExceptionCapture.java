@@ -10,6 +10,7 @@ final class ExceptionCapture implements Activity {
   private final Controller controller;
   private final ExceptionSettings settings;
   private final ExceptionLog log;
+  private final ExceptionSites sites;
   private volatile boolean isOn;
 
   ExceptionCapture(Controller controller, OptionReader reader) {
@@ -21,6 +22,7 @@ final class ExceptionCapture implements Activity {
             reader.size(OptionKey.EXCEPTIONS_FILE_SIZE), files);
     int queue = reader.number(OptionKey.EXCEPTIONS_QUEUE);
     log = new ExceptionLog(file, queue);
+    sites = new ExceptionSites(controller, reader.duration(OptionKey.EXCEPTIONS_INTERVAL));
   }
 
   private static ExceptionSettings exceptionSettings(OptionReader reader) {
@@ -46,6 +48,7 @@ final class ExceptionCapture implements Activity {
       }
     }
     controller.captures(log);
+    sites.begin();
   }
 
   private void startWriter() {
@@ -62,6 +65,7 @@ final class ExceptionCapture implements Activity {
     NativeAgent.stopExceptions();
     isOn = false;
     log.close();
+    sites.end();
     return log.path();
   }
 

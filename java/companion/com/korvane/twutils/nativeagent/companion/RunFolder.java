@@ -106,6 +106,11 @@ final class RunFolder {
     return new RotatingFile(path, "exceptions.jsonl", maxSize, maxFiles);
   }
 
+  /** The counts of exceptions, beside that file. */
+  Path exceptionCounts() {
+    return path.resolve("exception-counts.json");
+  }
+
   /** How many reports this folder keeps. */
   int maxReports() {
     return maxReports;
