@@ -252,23 +252,23 @@ void exceptionProfiler::exceptionMade(JNIEnv* jni, jobject exception) noexcept {
     return;
   }
   const handlerScope scope;
+  throwEvent event{.jvmti = nullptr,
+                   .jni = jni,
+                   .thread = nullptr,
+                   .method = nullptr,
+                   .location = 0,
+                   .exception = exception,
+                   .settings = {},
+                   .isMade = true};
   if (support::stackLeft() < kStackNeeded) {
     exceptionCounts::ofProcess().add(exceptionCount::seen);
-    exceptionCounts::ofProcess().add(exceptionCount::noStack);
-    return;
+    return count(event, exceptionCount::noStack);
   }
   try {
     const std::shared_ptr<profilerRegistry> registry = findRegistry();
-    jvmtiEnv* const jvmti = registry ? registry->environment() : nullptr;
-    if (jvmti != nullptr) {
-      exceptionOccurred({.jvmti = jvmti,
-                         .jni = jni,
-                         .thread = nullptr,
-                         .method = nullptr,
-                         .location = 0,
-                         .exception = exception,
-                         .settings = {},
-                         .isMade = true});
+    event.jvmti = registry ? registry->environment() : nullptr;
+    if (event.jvmti != nullptr) {
+      exceptionOccurred(std::move(event));
     }
   } catch (...) {
     logRefusal("Exception occured in exceptionprofiler : exceptionMade");
