@@ -136,7 +136,7 @@ def test_what_a_run_leaves(start):
     refused = [r for r in records if r["class"] == "java.lang.IllegalStateException"]
     assert [r["message"] for r in refused] == [f"refused: order {i} é" for i in (1, 2, 3)]
     for i, record in enumerate(refused, 1):
-        assert record["thread"] == "main" and record["caught"] is None
+        assert record["thread"] == "main" and record["caught"] is True
         frame = record["frames"][0]
         assert frame["method"] == "Profiled.fail" and frame["file"] == "Profiled.java"
         assert frame["arguments"] == [

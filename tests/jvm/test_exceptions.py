@@ -561,6 +561,28 @@ def test_records_that_are_lost_are_counted_and_said(jvm, vm):
     assert "the callback threw java.lang.NoClassDefFoundError" in said[1]
 
 
+# --- The places of a record's separators ---
+
+
+@pytest.mark.parametrize("depth", [0, 1, 3])
+def test_values_that_hold_separators(jvm, depth):
+    options = f"captureObjType=7,captureObjDepth={depth},captureSTDepth=4,recordBytes=1048576"
+    run = jvm.run("NastyValues", str(depth), options=options)
+    assert run.facts["wrong"] == "[]"
+    assert run.fact("decoded") > 80 and run.fact("cut") == 0
+    assert run.facts["isCaught"] == "true" and run.facts["isUncaught"] == "false"
+    assert run.facts["limits"] == f"{depth} 7 4"
+    assert run.facts["isMade"] == run.facts["isVirtual"] == "false"
+
+
+@pytest.mark.parametrize("size", [4096, 5000, 8191, 20_000, 65_536])
+def test_values_that_hold_separators_in_records_that_are_cut(jvm, size):
+    options = f"captureObjType=7,captureObjDepth=3,captureSTDepth=4,recordBytes={size}"
+    run = jvm.run("NastyValues", "3", options=options)
+    assert run.facts["wrong"] == "[]"
+    assert run.fact("cut") >= 12
+
+
 # Nothing but the exception that is sent can end these threads.
 @pytest.mark.parametrize("way", ["stop", "send"])
 def test_a_thread_can_be_stopped_while_it_throws(jvm, way):

@@ -20,6 +20,7 @@ public final class ExceptionLogTest {
 
   public static void main(String[] args) throws Exception {
     lines();
+    states();
     texts();
     Checks.inFolder(ExceptionLogTest::fullQueue);
     Checks.inFolder(ExceptionLogTest::fullOfCharacters);
@@ -67,6 +68,29 @@ public final class ExceptionLogTest {
     Checks.contains("no exception", "\"class\":\"\"", doubtful);
     Checks.contains("class", "\"class\":\"java.io.IOException\"",
         ExceptionLine.of(ExceptionEvent.of(null, new IOException("x"), null, 0)));
+  }
+
+  /** Of a record with its places: of a field, two arguments and a variable without an entry. */
+  private static void states() {
+    String record =
+        "a.B.m(B.java:1)%40%41MAX%3A4%3A3%42p%3A7%3A<redacted:name>%2Co%3A10%3ANULL%2C%43%44";
+    int offsets = 26;
+    int[] places = {
+      3, 5, 12, 15, 24, 28, 32 | 1 << 29, 32,
+      36, 40, 58 | 4 << offsets, 62, 67, 74 | 2 << offsets, 77 | 3 << offsets, 77, 80, 83
+    };
+    String line = ExceptionLine.of(ExceptionEvent.of(record, null, places, 1 | 2));
+    Checks.contains("caught", "\"caught\":true,", line);
+    Checks.contains("static",
+        "[{\"name\":\"MAX\",\"type\":\"int\",\"static\":true,\"value\":\"3\"}]", line);
+    Checks.contains("states",
+        "[{\"name\":\"p\",\"type\":\"String\",\"value\":\"<redacted:name>\","
+            + "\"redacted\":\"name\"},"
+            + "{\"name\":\"o\",\"type\":\"object\",\"value\":null,\"notRead\":true},"
+            + "{\"name\":\"\",\"type\":\"unreadable\",\"value\":null,\"notAvailable\":true}]",
+        line);
+    Checks.contains("uncaught", "\"caught\":false,",
+        ExceptionLine.of(ExceptionEvent.of(record, null, places, 1)));
   }
 
   private static void texts() {
