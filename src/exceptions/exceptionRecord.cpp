@@ -12,6 +12,7 @@ namespace {
 constexpr std::size_t kSlack = 4096;
 // Of a record: at first, and up to which length it grows as it comes.
 constexpr std::size_t kFirstRoom = 4096;
+constexpr std::size_t kFirstPlaces = 512;
 constexpr std::size_t kShortText = std::size_t{32} << 10U;
 
 // How long a name and a code are in an entry.
@@ -89,6 +90,9 @@ std::string withoutValues(std::string_view text) {
 
 builder::builder(std::size_t limit, bool wantsPlaces) : limit_(limit), wantsPlaces_(wantsPlaces) {
   text_.reserve(kFirstRoom);
+  if (wantsPlaces_) {
+    places_.reserve(kFirstPlaces);
+  }
 }
 
 // Every byte of the text but one that continues a character begins a UTF-16 unit.
@@ -105,17 +109,6 @@ std::vector<std::int32_t> builder::places() const {
     all.push_back(static_cast<std::int32_t>((each & ~kOffsetMask) | units));
   }
   return all;
-}
-
-void builder::notePlace(std::size_t offset, std::uint32_t flags) {
-  if (wantsPlaces_) {
-    places_.push_back(static_cast<std::uint32_t>(offset) | flags);
-  }
-}
-
-void builder::separate(std::string_view separator, std::uint32_t flags) {
-  notePlace(text_.size(), flags);
-  text_ += separator;
 }
 
 // No text pays for these places: they are bounded here.

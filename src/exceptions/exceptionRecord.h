@@ -139,8 +139,15 @@ class builder {
   bool fits(std::size_t bytes);
   void makeRoom(std::size_t bytes);
   // Appends a separator, and notes its place.
-  void separate(std::string_view separator, std::uint32_t flags = 0);
-  void notePlace(std::size_t offset, std::uint32_t flags = 0);
+  void separate(std::string_view separator, std::uint32_t flags = 0) {
+    notePlace(text_.size(), flags);
+    text_ += separator;
+  }
+  void notePlace(std::size_t offset, std::uint32_t flags = 0) {
+    if (wantsPlaces_) {
+      places_.push_back(static_cast<std::uint32_t>(offset) | flags);
+    }
+  }
   void appendHead(std::string_view name, typeCode code);
   void appendValue(std::string_view name, typeCode code, std::string_view value,
                    std::uint32_t flags);
