@@ -20,6 +20,7 @@
 #include "agent/nativeMethod.h"
 #include "agent/profilerRegistry.h"
 #include "agent/reportOutcome.h"
+#include "exceptions/captureMode.h"
 #include "exceptions/exceptionCounts.h"
 #include "exceptions/exceptionprofiler.h"
 #include "exceptions/messageOrigin.h"
@@ -150,6 +151,19 @@ JNIEXPORT jlong JNICALL TW_COUNTERS(exceptions)(JNIEnv* /*jni*/, jclass /*cls*/,
     return 0;
   }
   return static_cast<jlong>(exceptionCounts::ofProcess().get(static_cast<exceptionCount>(which)));
+}
+
+JNIEXPORT jstring JNICALL TW_COUNTERS(exceptionMode)(JNIEnv* jni, jclass /*cls*/) {
+  return jni->NewStringUTF(exceptionMode());
+}
+
+JNIEXPORT jstring JNICALL TW_COUNTERS(exceptionProblem)(JNIEnv* jni, jclass /*cls*/) {
+  std::string problem;
+  native("Java_com_korvane_twutils_nativeagent_AgentCounters_exceptionProblem", [&] {
+    problem = exceptionProfiler::madeProblem();
+    return 1;
+  });
+  return problem.empty() ? nullptr : jni->NewStringUTF(problem.c_str());
 }
 
 JNIEXPORT jboolean JNICALL TW_COUNTERS(isRecordCut)(JNIEnv* /*jni*/, jclass /*cls*/) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <new>
@@ -45,6 +46,9 @@ class handlerScope {
   handlerScope(const handlerScope&) = delete;
   handlerScope& operator=(const handlerScope&) = delete;
 };
+
+// What exceptions that are being made are looked at with; set before any is handed over.
+std::atomic<jvmtiEnv*> madeEnvironment{nullptr};
 
 // Set while the callback has a record that was cut.
 thread_local bool recordIsCut = false;
@@ -90,6 +94,25 @@ void count(throwEvent& event, exceptionCount which) {
 }
 
 const profilerKind kThisKind = profilerKind::of<exceptionProfiler>(kExceptionProfiler);
+
+}  // namespace
+
+namespace {
+
+// Without the capability to read variables there are records without values.
+void omitUnreadable(ExceptionCaptureSettings& settings) {
+  jvmtiCapabilities given{};
+  jvmtiEnv* const jvmti = getRegistry()->environment();
+  if (jvmti == nullptr || jvmti->GetCapabilities(&given) != JVMTI_ERROR_NONE ||
+      given.can_access_local_variables != 0) {
+    return;
+  }
+  settings.captureClassVariables = false;
+  settings.captureMethodArguments = false;
+  settings.captureLocalVariables = false;
+  TW_LOG(kLogWarn, kSeverityWarn, kSetProfileData,
+         "The VM does not let variables be read: records have no values but thread locals");
+}
 
 }  // namespace
 
@@ -155,6 +178,9 @@ std::int32_t exceptionProfiler::setProfileData(std::unique_ptr<sessionSettings> 
     if (taken->enabled) {
       siteCounts::ofProcess().begin(coarseMillis());  // has its memory before anything is thrown
     }
+    if (taken->enabled && exceptionsAreCapturedWhereMade()) {
+      omitUnreadable(*taken);
+    }
     {
       const support::lockGuard guard(settingsMutex_);
       settings_.store(taken);
@@ -193,6 +219,11 @@ bool exceptionProfiler::switchMade(JNIEnv* jni, bool enable) {
     madeHook::switchOff();
     return true;
   }
+  jvmtiEnv* const jvmti = getRegistry()->environment();
+  if (jvmti == nullptr) {
+    return false;
+  }
+  madeEnvironment.store(jvmti, std::memory_order_release);
   madeHook& hook = madeHook::ofProcess();
   const std::string problem = hook.switchOn(jni, exceptionMade);
   if (!problem.empty()) {
@@ -265,11 +296,8 @@ void exceptionProfiler::exceptionMade(JNIEnv* jni, jobject exception) noexcept {
     return count(event, exceptionCount::noStack);
   }
   try {
-    const std::shared_ptr<profilerRegistry> registry = findRegistry();
-    event.jvmti = registry ? registry->environment() : nullptr;
-    if (event.jvmti != nullptr) {
-      exceptionOccurred(std::move(event));
-    }
+    event.jvmti = madeEnvironment.load(std::memory_order_acquire);
+    exceptionOccurred(std::move(event));
   } catch (...) {
     logRefusal("Exception occured in exceptionprofiler : exceptionMade");
   }

@@ -13,6 +13,12 @@ public final class AgentCounters {
   /** One of the counts of {@link ExceptionCounts}, in the order in which that names them. */
   static native long exceptions(int which);
 
+  /** "made" or "thrown": where the agent captures exceptions, as it was started. */
+  static native String exceptionMode();
+
+  /** What kept the agent from capturing exceptions where they are made; null for nothing. */
+  static native String exceptionProblem();
+
   /**
    * Asked within {@link ExceptionSink#onException}, on the same thread: whether the record ends
    * early because it was longer than the agent allows. False anywhere else.

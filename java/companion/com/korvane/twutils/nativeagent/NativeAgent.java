@@ -43,6 +43,32 @@ public final class NativeAgent {
   }
 
   /**
+   * Where exceptions are captured, which is settled when the JVM starts: "thrown" where they are
+   * thrown, "made" where they are made. Null without the agent, and with an earlier one.
+   */
+  public static String exceptionMode() {
+    try {
+      return AgentCounters.exceptionMode();
+    } catch (UnsatisfiedLinkError e) {
+      return null;
+    }
+  }
+
+  /**
+   * What {@link #startExceptions} could not do, though exceptions are captured; null for nothing.
+   */
+  public static String exceptionProblem() {
+    return AreExceptionsMade.VALUE ? AgentCounters.exceptionProblem() : null;
+  }
+
+  /** Asked once: it never changes. */
+  static final class AreExceptionsMade {
+    static final boolean VALUE = "made".equals(exceptionMode());
+
+    private AreExceptionsMade() {}
+  }
+
+  /**
    * The profilers that were chosen when the agent was started, as far as the JVM's arguments show.
    * The contention profile needs no choice. Asking has the JVM settle on its log manager.
    */
@@ -120,7 +146,7 @@ public final class NativeAgent {
           TWNativeAgentProfiling.setExceptionSink(sink);
           if (!capture(true, settings)) {
             TWNativeAgentProfiling.setExceptionSink(null);
-            throw missing(Feature.EXCEPTIONS);
+            throw notCaptured();
           }
           areExceptionsCaptured = true;
           return null;
@@ -246,6 +272,15 @@ public final class NativeAgent {
     return new IllegalStateException(
         "there is no " + feature + " profiler: the JVM was started without features="
             + feature.word());
+  }
+
+  private static IllegalStateException notCaptured() {
+    String problem = exceptionProblem();
+    return problem == null
+        ? missing(Feature.EXCEPTIONS)
+        : new IllegalStateException(
+            "exceptions cannot be captured where they are made: " + problem
+                + "; start the JVM with exceptionCapture=thrown");
   }
 
   private static void requireLoaded() {

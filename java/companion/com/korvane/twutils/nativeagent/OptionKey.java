@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent;
 
+import java.util.Arrays;
 import java.util.Locale;
 import java.util.regex.Matcher;
 import java.util.regex.Pattern;
@@ -85,6 +86,10 @@ public enum OptionKey {
       "exceptions", Kind.FLAG, 0, 1, "false",
       "true",
       "true or false"),
+  EXCEPTIONS_MODE(
+      "exceptions.mode", Kind.WORD, 0, 1, "",
+      "made",
+      "thrown or made"),
   EXCEPTIONS_FIELDS(
       "exceptions.fields", Kind.FLAG, 0, 1, "true",
       "true",
@@ -193,6 +198,8 @@ public enum OptionKey {
     SIZE,
     /** Any but the empty one. */
     TEXT,
+    /** One of those that are expected, in upper or lower case. */
+    WORD,
     /** Of classes or packages, separated by commas. */
     NAMES,
     /** Names that may end in "*". */
@@ -254,6 +261,8 @@ public enum OptionKey {
     switch (kind) {
       case TEXT:
         return !value.isEmpty() && value.indexOf('\0') < 0;
+      case WORD:
+        return Arrays.asList(expected.split(", | or ")).contains(value.toLowerCase(Locale.ROOT));
       case NAMES:
       case PATTERNS:
         return areNames(value);

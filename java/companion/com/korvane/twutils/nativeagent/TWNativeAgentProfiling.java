@@ -158,6 +158,9 @@ public final class TWNativeAgentProfiling {
    * {@link RecordSink} is given what the agent knows besides the text, too.
    */
   public static void setExceptionSink(ExceptionSink sink) {
+    if (NativeAgent.AreExceptionsMade.VALUE && sink != null) {
+      sink.takesUnfinished(); // what is loaded for it is not to be on a thread that throws
+    }
     boolean takesRecords = sink == null || sink instanceof RecordSink;
     recordSink = takesRecords ? (RecordSink) sink : new TextSink(sink);
   }
@@ -171,7 +174,7 @@ public final class TWNativeAgentProfiling {
     if (sink != null) {
       AgentCounters.sinkBegins(false);
       AgentCounters.sinkBegins(true);
-      sink.onException(record, exception);
+      sink.onException(record, handedOver(sink, exception));
     }
   }
 
@@ -181,8 +184,13 @@ public final class TWNativeAgentProfiling {
     if (sink != null) {
       AgentCounters.sinkBegins(false);
       AgentCounters.sinkBegins(true);
-      sink.onRecord(record, exception, places, facts);
+      sink.onRecord(record, handedOver(sink, exception), places, facts);
     }
+  }
+
+  /** Code of the program is to see no exception whose constructors still run. */
+  private static Object handedOver(ExceptionSink sink, Object exception) {
+    return NativeAgent.AreExceptionsMade.VALUE && !sink.takesUnfinished() ? null : exception;
   }
 
   /** Called by the agent for the text of an object. */
@@ -206,6 +214,11 @@ public final class TWNativeAgentProfiling {
     @Override
     public void onRecord(String record, Object exception, int[] places, int facts) {
       sink.onException(record, exception);
+    }
+
+    @Override
+    public boolean takesUnfinished() {
+      return sink.takesUnfinished();
     }
   }
 }

@@ -2,11 +2,15 @@ package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.AgentCounters;
 import com.korvane.twutils.nativeagent.ExceptionCounts;
+import com.korvane.twutils.nativeagent.NativeAgent;
 
 /** What the agent knows of its exception records; nothing in a JVM without the agent. */
 final class AgentRecords {
   private static final Object[] PARTS = new Object[AgentCounters.UNDELIVERED_PARTS];
   private static final boolean IS_THERE = find();
+
+  /** Whether exceptions are still being made when their records are handed over. */
+  static final boolean ARE_MADE = "made".equals(NativeAgent.exceptionMode());
 
   private AgentRecords() {}
 
@@ -54,6 +58,18 @@ final class AgentRecords {
 
   private static String text(int part) {
     return (String) PARTS[part];
+  }
+
+  /** Writes the member "mode", and what that mode does not see. */
+  static void writeMode(JsonText json) {
+    String mode = NativeAgent.exceptionMode();
+    if (mode != null) {
+      json.key("mode").value(mode);
+    }
+    if (ARE_MADE) {
+      json.key("unseen").value(
+          "exceptions that are thrown again, those made beforehand, implicit ones in hot code");
+    }
   }
 
   /** Writes the member "agent": what became of all exceptions. */

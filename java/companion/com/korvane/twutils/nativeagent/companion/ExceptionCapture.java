@@ -11,11 +11,13 @@ final class ExceptionCapture implements Activity {
   private final ExceptionSettings settings;
   private final ExceptionLog log;
   private final ExceptionSites sites;
+  private final String mode; // that was asked for, or empty
   private volatile boolean isOn;
 
   ExceptionCapture(Controller controller, OptionReader reader) {
     this.controller = controller;
     settings = exceptionSettings(reader);
+    mode = reader.word(OptionKey.EXCEPTIONS_MODE);
     int files = reader.number(OptionKey.EXCEPTIONS_FILES);
     RotatingFile file =
         controller.folder().exceptions(
@@ -38,6 +40,7 @@ final class ExceptionCapture implements Activity {
 
   @Override
   public void begin() {
+    requireMode();
     startWriter();
     try {
       NativeAgent.startExceptions(settings, log);
@@ -49,6 +52,19 @@ final class ExceptionCapture implements Activity {
     }
     controller.captures(log);
     sites.begin();
+    String problem = NativeAgent.exceptionProblem();
+    if (problem != null) {
+      Console.print("not all exceptions are captured: " + problem);
+    }
+  }
+
+  private void requireMode() {
+    String settled = NativeAgent.exceptionMode();
+    if (!mode.isEmpty() && settled != null && !mode.equals(settled)) {
+      throw new IllegalStateException(
+          OptionKey.EXCEPTIONS_MODE + " is '" + mode + "': expected '" + settled
+              + "', which the JVM was started with (exceptionCapture=" + settled + ")");
+    }
   }
 
   private void startWriter() {

@@ -1,12 +1,19 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.RecordFacts;
+import java.util.concurrent.TimeUnit;
 
 /**
  * A captured exception on its way to the file. Made by the thread that throws, which may hold any
  * lock of the program: what would load a class or run code is left to the writer.
  */
 final class ExceptionEvent {
+  /**
+   * How long constructors are given to end. Of an exception whose thread is held up in them for
+   * longer the message is missing.
+   */
+  private static final long NANOS_TO_FINISH = TimeUnit.MILLISECONDS.toNanos(100);
+
   final long millis;
   final String thread;
   final String record;
@@ -18,13 +25,16 @@ final class ExceptionEvent {
   final int[] places; // of the record's separators; null without them
   final RecordFacts facts; // nothing is known without places
 
+  private final boolean isUnfinished; // its constructors ran when this was made
+  private final long madeAt = System.nanoTime();
+
   // Within the queue: the event before it, and how many and how long all up to this one are.
   ExceptionEvent before;
   int count;
   long characters;
 
   ExceptionEvent(long millis, String thread, String record, Object exception) {
-    this(millis, thread, record, exception, null, false, Thread.class, false, null, 0);
+    this(millis, thread, record, exception, null, false, Thread.class, false, false, null, 0);
   }
 
   ExceptionEvent(
@@ -36,6 +46,7 @@ final class ExceptionEvent {
       boolean isCut,
       Class<?> threadClass,
       boolean isKeptOfVirtual,
+      boolean isUnfinished,
       int[] places,
       int facts) {
     this.millis = millis;
@@ -46,6 +57,7 @@ final class ExceptionEvent {
     this.isCut = isCut;
     this.threadClass = threadClass;
     this.isKeptOfVirtual = isKeptOfVirtual;
+    this.isUnfinished = isUnfinished;
     this.places = places;
     this.facts = new RecordFacts(facts);
   }
@@ -62,6 +74,7 @@ final class ExceptionEvent {
         AgentRecords.isRecordCut(),
         thread.getClass(),
         false,
+        AgentRecords.ARE_MADE,
         places,
         facts);
   }
@@ -77,7 +90,15 @@ final class ExceptionEvent {
       int[] places,
       int facts) {
     return new ExceptionEvent(
-        millis, thread, record, null, className, isCut, Thread.class, isVirtual, places, facts);
+        millis, thread, record, null, className, isCut, Thread.class, isVirtual, false, places,
+        facts);
+  }
+
+  /** For how long the exception is not to be asked for anything yet, in nanoseconds; 0 for not. */
+  long nanosUntilFinished() {
+    return isUnfinished
+        ? Math.max(0, NANOS_TO_FINISH - (System.nanoTime() - madeAt))
+        : 0;
   }
 
   /** How many characters it holds, about. */

@@ -95,6 +95,11 @@ final class ExceptionLog implements RecordSink {
     }
   }
 
+  @Override
+  public boolean takesUnfinished() {
+    return true;
+  }
+
   /** Any thread; never waits. */
   void add(ExceptionEvent event) {
     if (queue.add(event)) {
@@ -174,11 +179,21 @@ final class ExceptionLog implements RecordSink {
 
   private void writePending() {
     while (pending != null) {
+      awaitFinished(pending);
       write(pending);
       // Nothing here can fail.
       ExceptionEvent done = pending;
       pending = done.before;
       queue.written(done);
+    }
+  }
+
+  /** Those after it are younger: together they take no longer than the last one. */
+  private void awaitFinished(ExceptionEvent event) {
+    long nanos = event.nanosUntilFinished();
+    while (nanos > 0) {
+      LockSupport.parkNanos(this, nanos);
+      nanos = event.nanosUntilFinished();
     }
   }
 
@@ -225,6 +240,7 @@ final class ExceptionLog implements RecordSink {
     JsonText json = new JsonText().beginObject();
     json.key("recorded").value(recorded).key("dropped").value(dropped());
     json.key("own").value(own.get());
+    AgentRecords.writeMode(json);
     AgentRecords.writeCounts(json);
     json.endObject();
     try {

@@ -5,6 +5,7 @@ import java.time.Duration;
 import java.util.ArrayList;
 import java.util.Collections;
 import java.util.List;
+import java.util.Locale;
 import java.util.Map;
 
 /** Option values by their types; the default of one that is not given. */
@@ -21,6 +22,11 @@ final class OptionReader {
 
   String text(OptionKey key) {
     return values.getOrDefault(key.toString(), key.defaultValue());
+  }
+
+  /** In lower case; empty for one that is not given and has no default. */
+  String word(OptionKey key) {
+    return text(key).toLowerCase(Locale.ROOT);
   }
 
   boolean flag(OptionKey key) {
