@@ -63,11 +63,11 @@ void JNICALL blockerSet(JNIEnv* jni, jclass /*cls*/, jthread thread, jobject blo
 }
 
 classHook& theHook() {
-  static classHook& hook = *new classHook(
-      kHookClass, {kParkHookBytes, kParkHookSize},
-      {{kBegins, "()V", reinterpret_cast<void*>(&acquisitionBegins)},
-       {"blockerSet", kThreadAndBlocker, reinterpret_cast<void*>(&blockerSet)}},
-      kHooked);
+  static classHook& hook =
+      *new classHook(kHookClass, {kParkHookBytes, kParkHookSize},
+                     {{kBegins, "()V", reinterpret_cast<void*>(&acquisitionBegins)},
+                      {"blockerSet", kThreadAndBlocker, reinterpret_cast<void*>(&blockerSet)}},
+                     kHooked);
   return hook;
 }
 

@@ -37,7 +37,8 @@ struct changedClass {
 };
 
 // The class file with the calls in it. A method gets the first insertion that names it. The call
-// belongs to the line of what it stands before, and no handler of the method catches what it throws.
+// belongs to the line of what it stands before, and no handler of the method catches what it
+// throws.
 //
 // Of the attributes of the changed code, those that the VM reads are kept: line numbers, local
 // variables and stack maps. All others are omitted, type annotations among them: they may hold

@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "classFileBuilder.h"
@@ -199,6 +202,153 @@ TEST(classFile, callsOfOneClassShareTheirConstants) {
   // A name, a name with its type, a reference, and the call itself.
   const std::size_t more = (3 + other.calledMethod.size()) + 5 + 5 + kShift;
   EXPECT_EQ(two->bytes.size(), one.size() + more);
+}
+
+// --- Constructors.
+
+callInsertion constructorCall() {
+  callInsertion call = kInsertion;
+  call.arguments = {0};
+  call.place = support::callPlace::afterObjectConstructor;
+  return call;
+}
+
+// A class whose method begins with a call of `called`, and what the call makes of it.
+struct constructorCase {
+  explicit constructorCase(std::string_view calledClass = "java/lang/Object",
+                           std::string_view name = "<init>", std::string_view descriptor = "()V")
+      : builder(classWith({})) {
+    const std::size_t cls = builder.constant(7, {builder.utf8(calledClass)});
+    const std::size_t nameAndType =
+        builder.constant(12, {builder.utf8(name), builder.utf8(descriptor)});
+    called = builder.constant(10, {cls, nameAndType});
+  }
+
+  // The code after the call, which `more` follows.
+  bytes codeWith(const bytes& more) const {
+    return byteList().u1(0x2A).u1(0xB7).u2(called).append(more).made;
+  }
+
+  classFileBuilder builder;
+  std::size_t called = 0;
+};
+
+constexpr std::size_t kBehind = 4;      // where the call goes
+constexpr std::size_t kLongerCode = 4;  // aload_0, invokestatic
+
+std::optional<changedClass> changedConstructor(
+    const bytes& code, const std::vector<std::pair<std::string, bytes>>& attributes = {},
+    const std::vector<std::array<std::size_t, 4>>& handlers = {},
+    constructorCase made = constructorCase()) {
+  made.builder.method("<init>", "()V",
+                      {.instructions = code, .handlers = handlers, .attributes = attributes});
+  callInsertion call = constructorCall();
+  call.method = "<init>";
+  call.descriptor = "()V";
+  const bytes unchanged = made.builder.build();
+  return insertCalls(unchanged, {&call, 1});
+}
+
+void expectConstructorBecomes(const std::vector<std::pair<std::string, bytes>>& from,
+                              const std::vector<std::pair<std::string, bytes>>& to,
+                              const std::vector<std::array<std::size_t, 4>>& handlers = {},
+                              const std::vector<std::array<std::size_t, 4>>& handlersThen = {}) {
+  const bytes body(70, 0);
+  constructorCase made;
+  const auto result = changedConstructor(made.codeWith(body), from, handlers, made);
+  ASSERT_TRUE(result);
+  EXPECT_THAT(result->isInserted, ElementsAre(true));
+  // The same, put together by hand: with the constants behind those of the method.
+  classFileBuilder names = made.builder;
+  names.method("<init>", "()V", {.instructions = {0}, .attributes = from});
+  const std::size_t methodref = addCall(names, constructorCall());
+  constructorCase expected = made;
+  const bytes inserted = byteList().u1(0x2A).u1(0xB8).u2(methodref).made;
+  expected.builder.method(
+      "<init>", "()V",
+      {.instructions = expected.codeWith(byteList().append(inserted).append(body).made),
+       .handlers = handlersThen,
+       .attributes = to});
+  addCall(expected.builder, constructorCall());
+  EXPECT_EQ(result->bytes, expected.builder.build());
+}
+
+TEST(classFileConstructor, getsItsCallBehindThatOfObject) {
+  expectConstructorBecomes({}, {});
+}
+
+TEST(classFileConstructor, whatComesBeforeTheCallStaysInItsPlace) {
+  const auto lines = [](std::size_t by) {
+    return byteList().u2(3).u2(0).u2(7).u2(4).u2(8).u2(5 + by).u2(9).made;
+  };
+  const auto variables = [](std::size_t by) {
+    return byteList()
+        .u2(2)
+        .u2(0)
+        .u2(74 + by)
+        .u2(1)
+        .u2(2)
+        .u2(0)
+        .u2(9 + by)
+        .u2(65)
+        .u2(1)
+        .u2(2)
+        .u2(1)
+        .made;
+  };
+  const auto frames = [](std::size_t by) {
+    return byteList().u2(2).u1(9 + by).u1(64).u1(8).u2(20 + by).made;
+  };
+  expectConstructorBecomes({{"LineNumberTable", lines(0)},
+                            {"LocalVariableTable", variables(0)},
+                            {"StackMapTable", frames(0)}},
+                           {{"LineNumberTable", lines(kLongerCode)},
+                            {"LocalVariableTable", variables(kLongerCode)},
+                            {"StackMapTable", frames(kLongerCode)}});
+}
+
+TEST(classFileConstructor, handlersDoNotCoverTheCall) {
+  expectConstructorBecomes(
+      {}, {}, {{0, 4, 20, 7}, {4, 74, 20, 7}},
+      {{0, 4, 20 + kLongerCode, 7}, {4 + kLongerCode, 74 + kLongerCode, 20 + kLongerCode, 7}});
+}
+
+TEST(classFileConstructor, aJumpToWhatFollowsTheCallGoesThereStill) {
+  expectConstructorBecomes({{"StackMapTable", byteList().u2(1).u1(kBehind).made}},
+                           {{"StackMapTable", byteList().u2(1).u1(kBehind + kLongerCode).made}});
+}
+
+TEST(classFileConstructor, thatBeginsInAnotherWayIsRefused) {
+  const constructorCase made;
+  const bytes good = made.codeWith({0xB1});
+  ASSERT_TRUE(changedConstructor(good, {}, {}, made));
+  bytes otherVariable = good;
+  otherVariable[0] = 0x2B;
+  bytes otherCall = good;
+  otherCall[1] = 0xB6;
+  bytes notAMethod = good;
+  notAMethod[3] = static_cast<std::uint8_t>(made.called - 1);
+  bytes noConstant = good;
+  noConstant[2] = 0xFF;
+  bytes first{0x00};
+  first.insert(first.end(), good.begin(), good.end());
+  for (const bytes& each : {otherVariable, otherCall, notAMethod, noConstant, first, bytes{0xB1},
+                            bytes{0x2A}, bytes(good.begin(), good.end() - 1)}) {
+    EXPECT_FALSE(changedConstructor(each, {}, {}, made)) << testing::PrintToString(each);
+  }
+  for (const constructorCase& other :
+       {constructorCase("java/lang/Throwable"), constructorCase("java/lang/Object", "init"),
+        constructorCase("java/lang/Object", "<init>", "(I)V")}) {
+    EXPECT_FALSE(changedConstructor(other.codeWith({0xB1}), {}, {}, other));
+  }
+}
+
+TEST(classFileConstructor, thatHasAHandlerAroundTheCallIsRefused) {
+  const constructorCase made;
+  const bytes code = made.codeWith(bytes(20, 0));
+  EXPECT_TRUE(changedConstructor(code, {}, {{0, 4, 10, 0}}, made));
+  EXPECT_FALSE(changedConstructor(code, {}, {{0, 5, 10, 0}}, made));
+  EXPECT_FALSE(changedConstructor(code, {{"StackMapTable", {0, 1, 3}}}, {}, made));
 }
 
 // --- What is refused.
