@@ -17,8 +17,10 @@
 #include "agent/twAprLib.h"
 #include "agent/vmEnd.h"
 #include "contention/contentionProfile.h"
+#include "exceptions/captureMode.h"
 #include "exceptions/exceptionprofiler.h"
 #include "exceptions/madeHook.h"
+#include "instruments/ownEnvironment.h"
 #include "support/attachGate.h"
 #include "support/jvmtiStatus.h"
 
@@ -77,6 +79,17 @@ void leaveBeforeVmEnds() {
   std::this_thread::sleep_for(kPause);  // from the end of a handler to the VM's own code
 }
 
+// Where exceptions are captured where they are made, records without values will do.
+jvmtiError addThoseThatThereAre(jvmtiEnv* jvmti, const jvmtiCapabilities& wanted) {
+  jvmtiCapabilities potential{};
+  const jvmtiError error = jvmti->GetPotentialCapabilities(&potential);
+  if (error != JVMTI_ERROR_NONE) {
+    return error;
+  }
+  const jvmtiCapabilities asked = instruments::inBoth(wanted, potential);
+  return jvmti->AddCapabilities(&asked);
+}
+
 jint load(JavaVM* vm, const char* options) {
   twAprLib::print("Starting Java Native Agent \n");
   void* environment = nullptr;
@@ -99,6 +112,9 @@ jint load(JavaVM* vm, const char* options) {
   jvmtiError capabilities = JVMTI_ERROR_NONE;
   if (!registry->empty()) {
     capabilities = jvmti->AddCapabilities(&registry->capabilities);
+    if (capabilities != JVMTI_ERROR_NONE && exceptionsAreCapturedWhereMade()) {
+      capabilities = addThoseThatThereAre(jvmti, registry->capabilities);
+    }
   }
   // Deliberate: a backslash, on every system.
   cleanUpOldLogs(settings.home + "\\logs", twAprLib::timeStamp(std::time(nullptr)).data());

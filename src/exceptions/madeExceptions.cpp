@@ -43,7 +43,7 @@ bool appendConstructors(jvmtiEnv* jvmti, jclass cls, std::vector<jmethodID>& con
 
 std::unique_ptr<const constructorTable> constructorTable::of(jvmtiEnv* jvmti, JNIEnv* jni,
                                                              jclass cls) {
-  std::vector<std::vector<jmethodID>> classes;  // from the class upwards, Object being the last
+  std::vector<std::vector<jmethodID>> classes;  // from the class upwards, to Object
   support::localRef<jclass> above;
   for (jclass each = cls; each != nullptr; each = above.get()) {
     if (!appendConstructors(jvmti, each, classes.emplace_back())) {
@@ -52,8 +52,8 @@ std::unique_ptr<const constructorTable> constructorTable::of(jvmtiEnv* jvmti, JN
     above = support::localRef<jclass>(jni, jni->GetSuperclass(each));
   }
   auto table = std::make_unique<constructorTable>();
-  table->depth_ = static_cast<jint>(classes.size()) - 2;
-  for (std::size_t i = 0; i + 1 < classes.size(); ++i) {
+  table->depth_ = static_cast<jint>(classes.size()) - 1;
+  for (std::size_t i = 0; i < classes.size(); ++i) {
     for (jmethodID const method : classes[i]) {
       table->constructors_.push_back({method, table->depth_ - static_cast<jint>(i)});
     }
@@ -75,8 +75,8 @@ bool findMaker(throwEvent& event, jclass cls) {
   std::array<jvmtiFrameInfo, kFramesAtOnce> frames;
   jint first = kHookFrames;
   // One constructor of each class, most times, and then the frame that is looked for.
-  jint wanted = std::clamp(table->depth() + 1, 1, kFramesAtOnce);
-  jint last = 0;  // how far below Throwable the constructor above was
+  jint wanted = std::clamp(table->depth(), 1, kFramesAtOnce);
+  jint last = 0;  // how far below Object the constructor above was
   for (;;) {
     jint count = 0;
     if (event.failed(event.jvmti->GetStackTrace(nullptr, first, wanted, frames.data(), &count))) {

@@ -19,7 +19,7 @@ class constructorTable {
   // Asks the VM for them, which takes some microseconds; null when it refuses.
   static std::unique_ptr<const constructorTable> of(jvmtiEnv* jvmti, JNIEnv* jni, jclass cls);
 
-  // How far the method's class is below Throwable; none for any other method.
+  // How far the method's class is below Object; none for any other method.
   std::optional<jint> depthOf(jmethodID method) const;
   // The same for the class itself.
   jint depth() const { return depth_; }

@@ -14,19 +14,6 @@ namespace {
 
 using capabilityBytes = std::array<unsigned char, sizeof(jvmtiCapabilities)>;
 
-jvmtiCapabilities both(const jvmtiCapabilities& a, const jvmtiCapabilities& b) {
-  capabilityBytes left;
-  capabilityBytes right;
-  std::memcpy(left.data(), &a, sizeof(a));
-  std::memcpy(right.data(), &b, sizeof(b));
-  for (std::size_t i = 0; i < left.size(); ++i) {
-    left[i] &= right[i];
-  }
-  jvmtiCapabilities result;
-  std::memcpy(&result, left.data(), sizeof(result));
-  return result;
-}
-
 // The group of the VM's own threads.
 support::localRef<jthreadGroup> systemGroup(jvmtiEnv* jvmti, JNIEnv* jni) {
   jint count = 0;
@@ -39,6 +26,19 @@ support::localRef<jthreadGroup> systemGroup(jvmtiEnv* jvmti, JNIEnv* jni) {
 }
 
 }  // namespace
+
+jvmtiCapabilities inBoth(const jvmtiCapabilities& a, const jvmtiCapabilities& b) {
+  capabilityBytes left;
+  capabilityBytes right;
+  std::memcpy(left.data(), &a, sizeof(a));
+  std::memcpy(right.data(), &b, sizeof(b));
+  for (std::size_t i = 0; i < left.size(); ++i) {
+    left[i] &= right[i];
+  }
+  jvmtiCapabilities result;
+  std::memcpy(&result, left.data(), sizeof(result));
+  return result;
+}
 
 std::string ownEnvironment::open(JavaVM* vm, const jvmtiCapabilities& wanted,
                                  const jvmtiEventCallbacks& callbacks) {
@@ -55,7 +55,7 @@ std::string ownEnvironment::open(JavaVM* vm, const jvmtiCapabilities& wanted,
   if (error != JVMTI_ERROR_NONE) {
     return "the VM does not name its capabilities: " + support::errorName(jvmti_, error);
   }
-  const jvmtiCapabilities asked = both(wanted, potential);
+  const jvmtiCapabilities asked = inBoth(wanted, potential);
   error = jvmti_->AddCapabilities(&asked);
   if (error != JVMTI_ERROR_NONE) {
     return "the VM refuses the capabilities: " + support::errorName(jvmti_, error);

@@ -9,6 +9,9 @@
 
 namespace instruments {
 
+// The capabilities that both have.
+jvmtiCapabilities inBoth(const jvmtiCapabilities& a, const jvmtiCapabilities& b);
+
 class ownEnvironment {
  public:
   // Asks for an environment and for those of `wanted` that the VM can give in this phase. An

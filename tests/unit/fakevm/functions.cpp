@@ -38,6 +38,7 @@ constexpr std::array<functionTraits, kFunctions> makeTraits() {
         FAKE_JVMTI(GetMethodModifiers), FAKE_JVMTI(GetClassStatus), FAKE_JVMTI(GetClassSignature),
         FAKE_JVMTI(GetClassLoader), FAKE_JVMTI(GetSourceFileName), FAKE_JVMTI(GetLineNumberTable),
         FAKE_JVMTI(GetArgumentsSize), FAKE_JVMTI(GetMaxLocals), FAKE_JVMTI(GetClassFields),
+        FAKE_JVMTI(GetClassMethods), FAKE_JVMTI(GetCurrentThread),
         FAKE_JVMTI(GetFieldName), FAKE_JVMTI(GetFieldModifiers)}) {
     traits[id].phases = phaseBit::kStart | phaseBit::kLive;
   }

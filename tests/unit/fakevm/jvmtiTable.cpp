@@ -548,6 +548,17 @@ jvmtiError JNICALL getTopThreadGroups(jvmtiEnv* jvmti, jint* count, jthreadGroup
   });
 }
 
+jvmtiError JNICALL getCurrentThread(jvmtiEnv* jvmti, jthread* result) {
+  constexpr functionId id = FAKE_JVMTI(GetCurrentThread);
+  return perform(jvmti, id, {}, [&](machine&, threadEnv* env) {
+    if (result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    *result = machine::local(*env, env->current, id);
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 jvmtiError JNICALL getThreadState(jvmtiEnv* jvmti, jthread thread, jint* state) {
   constexpr functionId id = FAKE_JVMTI(GetThreadState);
   return perform(jvmti, id, {.target = thread}, [&](machine& vm, threadEnv* env) {
@@ -831,6 +842,25 @@ jvmtiError JNICALL getClassFields(jvmtiEnv* jvmti, jclass type, jint* count, jfi
     *count = static_cast<jint>(asked->fieldsDeclared.size());
     *result = allocate<jfieldID>(vm, env, id, asked->fieldsDeclared.size());
     std::transform(asked->fieldsDeclared.begin(), asked->fieldsDeclared.end(), *result,
+                   [](const auto& one) { return one->id; });
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+jvmtiError JNICALL getClassMethods(jvmtiEnv* jvmti, jclass type, jint* count, jmethodID** result) {
+  constexpr functionId id = FAKE_JVMTI(GetClassMethods);
+  return perform(jvmti, id, {.target = type}, [&](machine& vm, threadEnv* env) {
+    if (count == nullptr || result == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    const javaClass* asked = givenClass(vm, *env, id, type);
+    if (asked == nullptr) {
+      return JVMTI_ERROR_INVALID_CLASS;
+    }
+    std::lock_guard hold(vm.modelMutex);
+    *count = static_cast<jint>(asked->methods.size());
+    *result = allocate<jmethodID>(vm, env, id, asked->methods.size());
+    std::transform(asked->methods.begin(), asked->methods.end(), *result,
                    [](const auto& one) { return one->id; });
     return JVMTI_ERROR_NONE;
   });
@@ -1134,6 +1164,7 @@ jvmtiInterface_1 makeTable() {
   table.GetThreadInfo = getThreadInfo;
   table.GetAllThreads = getAllThreads;
   table.GetTopThreadGroups = getTopThreadGroups;
+  table.GetCurrentThread = getCurrentThread;
   table.GetThreadState = getThreadState;
   table.GetOwnedMonitorStackDepthInfo = getOwnedMonitorStackDepthInfo;
   table.RunAgentThread = runAgentThread;
@@ -1157,6 +1188,7 @@ jvmtiInterface_1 makeTable() {
   table.GetClassStatus = getClassStatus;
   table.GetSourceFileName = getSourceFileName;
   table.GetClassFields = getClassFields;
+  table.GetClassMethods = getClassMethods;
   table.GetFieldName = getFieldName;
   table.GetFieldModifiers = getFieldModifiers;
   table.RetransformClasses = retransformClasses;
