@@ -130,6 +130,30 @@ def write_exceptions(folder, records, dropped=0, agent=None):
     write_json(folder / "exceptions.jsonl", *records, {**end, **({"agent": agent} if agent else {})})
 
 
+def counted(name, method, file, line, thrown, caught=0, rethrown=0):
+    """What the agent counted of a class at a site."""
+    return {"class": name, "method": method, "file": file, "line": line, "thrown": thrown,
+            "caught": caught, "uncaught": thrown - caught, "recorded": 0, "rethrown": rethrown,
+            "filtered": 0, "blackListed": 0, "overRate": 0, "failed": 0, "cut": 0,
+            "first": "2026-11-21T14:35:00.000Z", "last": "2026-11-21T14:40:00.000Z"}
+
+
+def write_counts(folder, sites, mode="thrown", other=0):
+    names = ("thrown", "caught", "uncaught", "recorded", "rethrown", "filtered", "blackListed",
+             "overRate", "failed", "cut")
+
+    def total(name):
+        known = [site[name] for site in sites]
+        return None if None in known else sum(known) + (other if name == "thrown" else 0)
+
+    write_json(folder / "exception-counts.json", {
+        "kind": "exceptionCounts", "version": 1, "mode": mode, "begin": "2026-11-21T14:00:00.000Z",
+        "end": "2026-11-21T15:00:00.000Z", "maxSites": 1000,
+        "total": {name: total(name) for name in names}, "sites": sites, "classes": [],
+        "other": {**{name: 0 for name in names}, "thrown": other,
+                  **({"caught": None, "uncaught": None} if mode == "made" else {})}})
+
+
 def write_run(folder, **members):
     run = {"pid": 4711, "started": "2026-11-21T14:35:10", "java": "17.0.15",
            "vm": "OpenJDK 64-Bit Server VM", "command": "com.example.shop.Shop", "options": {}}

@@ -547,7 +547,7 @@ def test_exceptions_by_group_and_record(browser, page):
     browser.open(page, "exceptions")
     assert "2 records were dropped" in browser.text()
     groups = browser.table("Exceptions by class and site")
-    assert [(row["Exception"], row["Site"], row["Records"]) for row in groups.rows()] == [
+    assert [(row["Exception"], row["Thrown in"], row["Records"]) for row in groups.rows()] == [
         ("com.example.OutOfStock", "com.example.Shop.buy(Shop.java:42)", "30"),
         ("java.io.EOFException", "com.example.Shop.run", "1")]
     records = browser.table("Exception records")

@@ -85,7 +85,8 @@ TEST(checks, limitSurvivorsByTheCollectionsTheyOutlived) {
 
 TEST(checks, refuseExceptions) {
   const std::string lines = thrown("a.X") + thrown("a.X") + endLine(2);
-  EXPECT_THAT(brokenBy(lines), ElementsAre("a.X: thrown 2 times in (no frames), first at 1"));
+  EXPECT_THAT(brokenBy(lines),
+              ElementsAre("a.X: thrown at least 2 times in (no frames), first at 1"));
   EXPECT_THAT(brokenBy(lines, "b.*"), IsEmpty());
 }
 
@@ -163,7 +164,8 @@ TEST(checks, areBrokenWhereAllIsFiltered) {
       bytesOfText(endLine(0, 0, replaced(kComplete, "filtered\":0", "filtered\":12"))), "e", none);
   const verdict found = check(all, {.exceptions = {"*"}});
   EXPECT_THAT(found.broken, IsEmpty()) << "a JVM's start always has some";
-  EXPECT_THAT(found.notes, ElementsAre(StartsWith("12 exceptions were not covered: they were "
+  EXPECT_THAT(found.notes, ElementsAre(StartsWith("the agent's counts of exceptions are not there"),
+                                       StartsWith("12 exceptions were not covered: they were "
                                                   "thrown by classes of sun.*, ")));
 }
 

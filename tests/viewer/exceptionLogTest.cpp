@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "exceptionGroups.h"
 #include "exceptionTables.h"
 #include "testReport.h"
 
@@ -12,6 +13,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -130,7 +132,7 @@ TEST(exceptionLog, ordersRecordsOfSeveralFilesByTime) {
 
 TEST(exceptionLog, groupsByClassAndSite) {
   const auto [log, problems] = readLog(lineOf("a.X", "1") + kFull + lineOf("a.X", "3"));
-  const std::vector<exceptionGroup> groups = log.groups();
+  const std::vector<exceptionGroup> groups = groupsOf(log);
   ASSERT_THAT(groups, SizeIs(2));
   EXPECT_EQ(groups[0].className, "a.X");
   EXPECT_FALSE(groups[0].site);
@@ -176,25 +178,27 @@ TEST(exceptionLog, readsEscapesAndModifiedUtf8) {
 
 TEST(exceptionTables, listClassesAndSites) {
   const auto [log, problems] = readLog(lineOf("a.X", "2026-11-21T14:00:00.000Z") + kFull + kFull);
-  EXPECT_EQ(topExceptions(log, 5, {.width = 120}),
+  EXPECT_EQ(topExceptions(log, 5, {}, {.width = 120}),
             "Exceptions by class and site, 2026-11-21 (2)\n"
-            "Count  Caught  Exception               Thrown in                           First"
-            "     Last      Record\n"
-            "-----  ------  ----------------------  ----------------------------------  --------"
-            "  --------  ------\n"
-            "    2       2  com.example.OutOfStock  com.example.Shop.buy(Shop.java:42)  14:35:15"
-            "  14:35:15       2\n"
-            "    1       0  a.X                     (no frames)                         14:00:00"
-            "  14:00:00       1\n");
-  EXPECT_THAT(topExceptions(log, 1, {}), HasSubstr("(1 of 2)"));
+            "Records  Caught  Exception               Thrown in                           Message"
+            "  First     Last      Record\n"
+            "-------  ------  ----------------------  ----------------------------------  -------"
+            "  --------  --------  ------\n"
+            "      2       2  com.example.OutOfStock  com.example.Shop.buy(Shop.java:42)  no pens"
+            "  14:35:15  14:35:15       2\n"
+            "      1       0  a.X                     (no frames)                         -      "
+            "  14:00:00  14:00:00       1\n");
+  EXPECT_THAT(topExceptions(log, 5, {}, {.width = 119}), Not(HasSubstr("14:00:00")))
+      << "times give way to names and messages";
+  EXPECT_THAT(topExceptions(log, 1, {}, {}), HasSubstr("(1 of 2)"));
   const auto [days, none] =
       readLog(lineOf("a.X", "2026-11-21T14:00:00Z") + lineOf("a.Y", "2026-11-22T14:00:00Z"));
-  EXPECT_THAT(topExceptions(days, 5, {.width = 120}), HasSubstr("2026-11-22T14:00:00"));
+  EXPECT_THAT(topExceptions(days, 5, {}, {.width = 120}), HasSubstr("2026-11-22T14:00:00"));
 }
 
 TEST(exceptionTables, showARecordAsATree) {
   const auto [log, problems] = readLog(kFull);
-  EXPECT_EQ(recordTree(log, 1, {}),
+  EXPECT_EQ(recordTree(log, 1, {}, {}),
             "Record 1 of 1: com.example.OutOfStock\n"
             "  message: no pens\n"
             "  2026-11-21T14:35:15.123Z, thread \"main\", caught\n"
@@ -213,15 +217,23 @@ TEST(exceptionTables, showARecordAsATree) {
 
 TEST(exceptionTables, tellWhatIsNotAmongTheRecords) {
   EXPECT_EQ(
-      exceptionLine(readLog(kFull + R"({"recorded":1,"dropped":5,)" + kCounts).log),
+      exceptionLine(readLog(kFull + R"({"recorded":1,"dropped":5,)" + kCounts).log, {}),
       "Exceptions: 1 records, 1 written and 5 dropped by the program\n"
       "The agent saw 12,238 exceptions: 12,000 over the rate, 20 of excluded classes, 200 "
       "thrown in packages that are not recorded, 3 without a record (callback 1, stack 2), 15 "
       "handed over as records. Records that were cut: 2.\n"
+      "Only records are known of each class and site, for the agent's counts "
+      "(exception-counts.json) are\n  not there: at most a few of a class are recorded in a "
+      "minute, "
+      "and the number of exceptions may be\n  larger.\n"
       "Incomplete: 5 records were dropped.\n"
       "Incomplete: no record could be made of 3 exceptions (callback 1, stack 2).\n");
-  EXPECT_EQ(exceptionLine(readLog(kFull).log),
+  EXPECT_EQ(exceptionLine(readLog(kFull).log, {}),
             "Exceptions: 1 records\n"
+            "Only records are known of each class and site, for the agent's counts "
+            "(exception-counts.json) are\n  not there: at most a few of a class are recorded in a "
+            "minute, "
+            "and the number of exceptions may be\n  larger.\n"
             "Incomplete: there is no end line: the JVM was killed or is still running.\n");
 }
 
@@ -230,7 +242,8 @@ TEST(exceptionTables, accountForEachExceptionThatWasSeen) {
       exceptionLine(readLog(kFull + R"({"recorded":1,"dropped":0,"own":2,"agent":{"seen":9,)"
                                     R"("filtered":1,"blackListed":0,"overRate":0,"delivered":3,)"
                                     R"("cut":0,"failed":{}}})")
-                        .log),
+                        .log,
+                    {}),
       HasSubstr("1 written and 0 dropped by the program; 2 more were thrown by the agent's "
                 "own threads\nThe agent saw 9 exceptions: 1 thrown in packages that are not "
                 "recorded, 3 handed over as records, 5 under way when capture ended.\n"));
@@ -239,20 +252,21 @@ TEST(exceptionTables, accountForEachExceptionThatWasSeen) {
 TEST(exceptionTables, tellThatARecordWasCut) {
   const auto [log, problems] = readLog(replaced(kFull, "\"caught\"", "\"cut\":true,\"caught\""));
   EXPECT_THAT(problems, IsEmpty());
-  EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("  cut: the record was too long, values"));
-  EXPECT_THAT(recordTree(readLog(kFull).log, 1, {}), testing::Not(HasSubstr("cut:")));
+  EXPECT_THAT(recordTree(log, 1, {}, {}), HasSubstr("  cut: the record was too long, values"));
+  EXPECT_THAT(recordTree(readLog(kFull).log, 1, {}, {}), testing::Not(HasSubstr("cut:")));
 }
 
 TEST(exceptionTables, tellThatANullIsUncertain) {
   const auto [log, problems] =
       readLog(replaced(kFull, "\"value\":null", "\"value\":null,\"uncertain\":true"));
   EXPECT_THAT(problems, IsEmpty());
-  EXPECT_THAT(recordTree(log, 1, {}), HasSubstr("      card: object = null (uncertain)\n"));
+  EXPECT_THAT(recordTree(log, 1, {}, {}), HasSubstr("      card: object = null (uncertain)\n"));
 }
 
 TEST(exceptionTables, sendNoControlCharacters) {
   const auto [log, problems] = readLog(lineOf("a\\u001b[2J\\u009b", "\\u0007"));
-  const std::string all = exceptionLine(log) + topExceptions(log, 5, {}) + recordTree(log, 1, {});
+  const std::string all =
+      exceptionLine(log, {}) + topExceptions(log, 5, {}, {}) + recordTree(log, 1, {}, {});
   EXPECT_EQ(all.find('\x1b'), all.npos);
   EXPECT_EQ(all.find('\x07'), all.npos);
   EXPECT_EQ(all.find("\xC2\x9B"), all.npos);

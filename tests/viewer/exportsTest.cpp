@@ -128,7 +128,7 @@ TEST(csvTables, ofARecordedRun) {
   const profile all = readProfile({DATA_FOLDER "/shop-run"});
   EXPECT_THAT(csv(all, csvTable::exceptions),
               HasSubstr("\r\njava.lang.NullPointerException,"
-                        "com.example.shop.Main.refund(Main.java:7),2,,,2026-11-21T15:21:36"));
+                        "com.example.shop.Main.refund(Main.java:7),,,,,2,2026-11-21T15:21:36"));
   EXPECT_THAT(csv(all, csvTable::classes), HasSubstr(",com.example.shop.Session,3,11419,"));
 }
 

@@ -28,7 +28,7 @@ struct checkedLimits {
   std::vector<contentionLimit> contention = {};
   bool noDeadlock = false;
   std::vector<survivorLimit> survivors = {};
-  std::vector<std::string> exceptions = {};  // classes of which there must be no record
+  std::vector<std::string> exceptions = {};  // classes of which none may be thrown
 
   bool empty() const {
     return blocked.empty() && contention.empty() && !noDeadlock && survivors.empty() &&

@@ -60,12 +60,52 @@ sums entriesBySite(const profile& all) {
   return result;
 }
 
-sums exceptionsByOrigin(const profile& all) {
+// By the throwing site: which place outside the JDK it is shown at depends on the records.
+template <typename measure>
+sums exceptionsByOrigin(const profile& all, measure of) {
   sums result;
-  for (const exceptionGroup& group : groupsOf(all)) {
-    result[group.className + (group.site ? " in " + *group.site : "")] += group.records.size();
+  for (const exceptionGroup& group : groupsOf(all, thrownIn::throwingSite)) {
+    const std::string place = group.isBeyond || group.site ? " in " + placeOf(group) : "";
+    if (of(group) > 0) {
+      result[group.className + place] += of(group);
+    }
   }
   return result;
+}
+
+sums recordsByOrigin(const profile& all) {
+  return exceptionsByOrigin(
+      all, [](const exceptionGroup& group) -> std::uint64_t { return group.records.size(); });
+}
+
+sums thrownByOrigin(const profile& all) {
+  return exceptionsByOrigin(all, [](const exceptionGroup& group) -> std::uint64_t {
+    return group.counts ? group.counts->thrown : 0;
+  });
+}
+
+void addModeNote(const profile& side, const char* name, std::vector<std::string>& notes) {
+  if (countsOf(side)->isOfMade) {
+    notes.push_back(fmt::format("In {}, {}.", name, kOnlyMade));
+  }
+}
+
+std::vector<std::string> exceptionNotes(const profile& before, const profile& after) {
+  std::vector<std::string> notes;
+  const bool isBefore = countsOf(before) != nullptr;
+  const bool isAfter = countsOf(after) != nullptr;
+  if (!isBefore || !isAfter) {
+    notes.push_back(fmt::format(
+        "Only records are compared, for the agent's counts are not in {}: the number of exceptions "
+        "may be larger, and may differ in another way.",
+        isBefore  ? "AFTER"
+        : isAfter ? "BEFORE"
+                  : "either run"));
+    return notes;
+  }
+  addModeNote(before, "BEFORE", notes);
+  addModeNote(after, "AFTER", notes);
+  return notes;
 }
 
 sums bytesByClass(const profile& all) {
@@ -183,8 +223,12 @@ comparison compare(profile before, profile after, threshold limit) {
   const auto lockSessions = [](const profile& all) { return all.lockReports.size(); };
   add("locks", "blocked seconds", blockedByClass, lockSessions);
   add("sites", "contended entries", entriesBySite, lockSessions);
-  add("exceptions", "records", exceptionsByOrigin,
-      [](const profile& all) -> std::size_t { return all.exceptions ? 1 : 0; });
+  const bool areCounted = countsOf(result.before) != nullptr && countsOf(result.after) != nullptr;
+  add(
+      "exceptions", areCounted ? "thrown" : "records",
+      areCounted ? thrownByOrigin : recordsByOrigin,
+      [](const profile& all) -> std::size_t { return all.exceptions ? 1 : 0; },
+      exceptionNotes(result.before, result.after));
   add("classes", "surviving bytes", bytesByClass,
       [](const profile& all) { return all.memoryReports.size(); });
   return result;

@@ -42,7 +42,8 @@ struct comparison {
   threshold limit;
   // Contention reports by class and, from samples, by the method that came to the lock, both in
   // blocked milliseconds; lock reports by class in blocked seconds (identities differ from run to
-  // run), sites in entries, exceptions by class and site in records, classes in surviving bytes.
+  // run), sites in entries, exceptions by class and throwing site in those thrown where the agent
+  // has counted them in both runs, else in records, classes in surviving bytes.
   // Each is summed over the sessions of a run. A kind of report that neither run has is omitted.
   std::vector<comparedTable> tables;
 };

@@ -118,6 +118,22 @@ line parseLine(const std::string& text, const std::string& source) {
   return result;
 }
 
+recordOrigin originOf(const exceptionRecord& record) {
+  recordOrigin from;
+  from.className = record.className;
+  if (!record.frames.empty()) {
+    const exceptionFrame& top = record.frames.front();
+    const auto outside =
+        std::find_if(record.frames.begin(), record.frames.end(),
+                     [](const exceptionFrame& frame) { return !isOfJdk(frame.method); });
+    from.method = top.method;
+    from.line = top.line;
+    from.site = placeOf(top);
+    from.outside = placeOf(outside == record.frames.end() ? top : *outside);
+  }
+  return from;
+}
+
 bool isBlank(const std::string& text) {
   return text.find_first_not_of(" \t\r") == text.npos;
 }
@@ -132,7 +148,11 @@ const shape& shapeOf<capturedValue>() {
                   {"type", at<&capturedValue::type>},
                   {"value", at<&capturedValue::value>, false},
                   {"fields", fieldsOf, false},
-                  {"uncertain", truthAt<&capturedValue::isUncertain>, false}}};
+                  {"uncertain", truthAt<&capturedValue::isUncertain>, false},
+                  {"notRead", truthAt<&capturedValue::isNotRead>, false},
+                  {"notAvailable", truthAt<&capturedValue::isNotAvailable>, false},
+                  {"redacted", at<&capturedValue::redacted>, false},
+                  {"static", truthAt<&capturedValue::isStatic>, false}}};
   return result;
 }
 
@@ -201,41 +221,11 @@ std::string failureReasons(const agentCounts& counts) {
 }
 
 std::string placeOf(const exceptionFrame& frame) {
-  if (!frame.file) {
-    return frame.method;
-  }
-  return frame.line < 0 ? fmt::format("{}({})", frame.method, *frame.file)
-                        : fmt::format("{}({}:{})", frame.method, *frame.file, frame.line);
+  return textOf(sourcePlace{frame.method, frame.file, frame.line});
 }
 
 exceptionRecord exceptionLog::record(std::size_t index) const {
   return decoded(lines_.at(index));
-}
-
-std::vector<exceptionGroup> exceptionLog::groups() const {
-  std::map<origin, exceptionGroup> byOrigin;
-  for (std::size_t i = 0; i < lines_.size(); i++) {
-    const entry& one = lines_[i];
-    exceptionGroup& group = byOrigin[*one.from];
-    if (group.records.empty()) {
-      std::tie(group.className, group.site) = *one.from;
-      group.first = one.time;
-    }
-    group.last = one.time;
-    group.caught += one.caught == true ? 1 : 0;
-    group.uncaught += one.caught == false ? 1 : 0;
-    group.records.push_back(i);
-  }
-  std::vector<exceptionGroup> result;
-  result.reserve(byOrigin.size());
-  for (auto& [from, group] : byOrigin) {
-    result.push_back(std::move(group));
-  }
-  std::stable_sort(result.begin(), result.end(),
-                   [](const exceptionGroup& left, const exceptionGroup& right) {
-                     return left.records.size() > right.records.size();
-                   });
-  return result;
 }
 
 void exceptionLog::add(byteSource bytes, const std::string& source,
@@ -258,9 +248,7 @@ void exceptionLog::addLine(const std::string& text, const std::string& source) {
     return;
   }
   exceptionRecord& record = parsed.record;
-  const auto site =
-      record.frames.empty() ? std::optional<std::string>() : placeOf(record.frames.front());
-  const origin& from = *origins_.emplace(std::move(record.className), site).first;
+  const recordOrigin& from = *origins_.insert(originOf(record)).first;
   lines_.push_back({std::move(record.time), text, record.caught, &from});
   read_++;
 }
@@ -280,6 +268,34 @@ void exceptionLog::addEnd(captureEnd end) {
   }
 }
 
+void exceptionLog::add(exceptionCounts counts) {
+  countFiles_.push_back(std::move(counts));
+  counts_ = sumOf(countFiles_);
+}
+
+void exceptionLog::keepIf(const std::function<bool(const exceptionRecord&)>& wanted,
+                          const std::function<bool(const std::string&)>& wantedName) {
+  std::erase_if(lines_, [&](const entry& one) { return !wanted(decoded(one)); });
+  if (!counts_) {
+    return;
+  }
+  std::set<siteKey> sites;
+  std::set<std::string> classes;
+  for (const entry& one : lines_) {
+    sites.emplace(one.from->className, one.from->method.value_or(""), one.from->line);
+    classes.insert(one.from->className);
+  }
+  viewer::keepIf(
+      *counts_,
+      [&](const countedSite& one) {
+        return sites.contains(one.key()) || wantedName(one.className) ||
+               wantedName(textOf(one.place));
+      },
+      [&](const countedClass& one) {
+        return classes.contains(one.className) || wantedName(one.className);
+      });
+}
+
 std::uint64_t exceptionLog::recordsWithoutEnd() const {
   const std::uint64_t ended = counted_ ? counted_->recorded : 0;
   return read_ - std::min(read_, ended);
@@ -292,7 +308,9 @@ std::uint64_t exceptionLog::recordsGone() const {
 
 std::vector<std::string> lossesOf(const exceptionLog& log) {
   std::vector<std::string> losses;
-  if (log.ends() == 0) {
+  if (log.sources().empty()) {
+    losses.push_back("there is no file of records");
+  } else if (log.ends() == 0) {
     losses.push_back("there is no end line: the JVM was killed or is still running");
   } else if (log.recordsWithoutEnd() > 0) {
     losses.push_back(fmt::format(

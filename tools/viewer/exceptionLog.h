@@ -2,13 +2,16 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
+#include "exceptionCounts.h"
 #include "input.h"
 
 namespace viewer {
@@ -17,9 +20,13 @@ namespace viewer {
 struct capturedValue {
   std::string name;
   std::string type;
-  std::optional<std::string> value;                  // none: null, or an object with fields
+  std::optional<std::string> value;                  // none: null, or what is told below
   std::optional<std::vector<capturedValue>> fields;  // of an object that was read
-  bool isUncertain = false;  // null, or an object that compiled code has taken apart
+  std::optional<std::string> redacted;               // why the value is withheld, one word
+  bool isUncertain = false;     // null, or an object that compiled code has taken apart
+  bool isNotRead = false;       // beyond the depth that is read
+  bool isNotAvailable = false;  // the VM cannot give it
+  bool isStatic = false;        // a static field, or a constant
 };
 
 struct exceptionFrame {
@@ -47,15 +54,18 @@ struct exceptionRecord {
 // "a.b.C.method(C.java:42)"; without what is not known.
 std::string placeOf(const exceptionFrame& frame);
 
-// The records of one class thrown at one place.
-struct exceptionGroup {
+// What a record is grouped by.
+struct recordOrigin {
   std::string className;
-  std::optional<std::string> site;  // the place of the top frame; none without frames
-  std::uint64_t caught = 0;
-  std::uint64_t uncaught = 0;
-  std::string first;  // the times of the first and the last
-  std::string last;
-  std::vector<std::size_t> records;  // indexes into the log, in ascending order
+  std::optional<std::string> method;   // of the top frame; none without frames
+  std::int32_t line = -1;              // of it
+  std::optional<std::string> site;     // the place of the top frame
+  std::optional<std::string> outside;  // that of the first frame outside the JDK, else the same
+
+  bool operator<(const recordOrigin& other) const {
+    return std::tie(className, method, line, site, outside) <
+           std::tie(other.className, other.method, other.line, other.site, other.outside);
+  }
 };
 
 // What became of the exceptions that the agent saw while it captured, from the start of the JVM on.
@@ -96,8 +106,10 @@ class exceptionLog {
   std::size_t size() const { return lines_.size(); }
   exceptionRecord record(std::size_t index) const;
 
-  // The one with the most records first.
-  std::vector<exceptionGroup> groups() const;
+  // Of one record, without reading it anew.
+  const recordOrigin& origin(std::size_t index) const { return *lines_.at(index).from; }
+  const std::string& time(std::size_t index) const { return lines_.at(index).time; }
+  std::optional<bool> caught(std::size_t index) const { return lines_.at(index).caught; }
 
   const std::vector<std::string>& sources() const { return sources_; }
 
@@ -117,33 +129,37 @@ class exceptionLog {
   // Adds the records of one file. A line of another form is skipped and reported in `problems`.
   void add(byteSource bytes, const std::string& source, std::vector<std::string>& problems);
 
-  // Keeps only the records that `wanted` accepts.
-  template <typename predicate>
-  void keepIf(predicate wanted) {
-    std::erase_if(lines_, [&](const entry& one) { return !wanted(decoded(one)); });
-  }
+  // What the agent has counted, the sum over all runs; none when there is no file of counts.
+  const std::optional<exceptionCounts>& counts() const { return counts_; }
+
+  // Adds what one file of counts holds.
+  void add(exceptionCounts counts);
+
+  // Keeps only the records that `wanted` accepts, and the counts of their sites and of those with a
+  // name that `wantedName` accepts.
+  void keepIf(const std::function<bool(const exceptionRecord&)>& wanted,
+              const std::function<bool(const std::string&)>& wantedName);
 
  private:
-  // What was thrown, and where: the place of the top frame, none without frames.
-  using origin = std::pair<std::string, std::optional<std::string>>;
-
   struct entry {
     std::string time;
     std::string line;
     std::optional<bool> caught;
-    const origin* from;
+    const recordOrigin* from;
   };
 
   static exceptionRecord decoded(const entry& one);
   void addLine(const std::string& line, const std::string& source);
   void addEnd(captureEnd end);
 
-  std::set<origin> origins_;
+  std::set<recordOrigin> origins_;
   std::vector<entry> lines_;
   std::vector<std::string> sources_;
   std::uint64_t read_ = 0;  // records, kept or not
   std::size_t ends_ = 0;
   std::optional<captureEnd> counted_;
+  std::vector<exceptionCounts> countFiles_;
+  std::optional<exceptionCounts> counts_;
 };
 
 // What the records do not show of what was thrown while capture was on, a clause for each reason:

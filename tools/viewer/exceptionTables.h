@@ -4,20 +4,31 @@
 #include <cstddef>
 #include <string>
 
-#include "exceptionLog.h"
+#include "exceptionGroups.h"
 #include "terminalStyle.h"
 
 namespace viewer {
 
-// How many there are, and of those that were thrown how many got recorded, in one line.
-std::string exceptionLine(const exceptionLog& log);
+// What is shown of exceptions beyond what everybody needs.
+struct exceptionDetails {
+  thrownIn where = thrownIn::outsideJdk;
+  bool jdkFrames = false;  // in a record
+  bool statics = false;    // static fields and constants
+  bool raw = false;        // the text that the agent wrote
+};
 
-// At most `rows` pairs of class and throwing site, those with the most records first. Each names
-// the number of its first record, which recordTree() takes.
-std::string topExceptions(const exceptionLog& log, std::size_t rows, const terminalStyle& terminal);
+// How many were thrown and recorded, what became of the others, and what is not known of them.
+std::string exceptionLine(const exceptionLog& log, const terminalStyle& terminal);
+
+// At most `rows` pairs of class and place, those of which the most were thrown first. Each has the
+// message and the number of its first record; recordTree() takes the latter. Times are there where
+// the terminal is wide enough.
+std::string topExceptions(const exceptionLog& log, std::size_t rows,
+                          const exceptionDetails& details, const terminalStyle& terminal);
 
 // One record as an indented tree: frames, in them arguments, locals, fields and thread locals.
 // `number` counts from 1 to log.size() in the order of the log.
-std::string recordTree(const exceptionLog& log, std::size_t number, const terminalStyle& terminal);
+std::string recordTree(const exceptionLog& log, std::size_t number, const exceptionDetails& details,
+                       const terminalStyle& terminal);
 
 }  // namespace viewer

@@ -168,13 +168,25 @@ void csvBlockers(const profile& all, std::ostream& out) {
   }
 }
 
+std::string countCell(const std::optional<std::uint64_t>& count) {
+  return count ? std::to_string(*count) : "";
+}
+
 void csvExceptions(const profile& all, std::ostream& out) {
-  csvRow(out, "class", "site", "count", "caught", "uncaught", "first", "last");
-  for (const exceptionGroup& group : groupsOf(all)) {
+  csvRow(out, "class", "site", "thrown", "caught", "uncaught", "rethrown", "records", "first",
+         "last");
+  for (const exceptionGroup& group : groupsOf(all, thrownIn::throwingSite)) {
     const bool isKnown = group.caught + group.uncaught > 0;
-    csvRow(out, group.className, group.site.value_or(""), group.records.size(),
-           isKnown ? std::to_string(group.caught) : "",
-           isKnown ? std::to_string(group.uncaught) : "", group.first, group.last);
+    const auto ofRecords = [&](std::uint64_t count) {
+      return isKnown ? std::to_string(count) : "";
+    };
+    const throwCounts* counts = group.counts ? &*group.counts : nullptr;
+    csvRow(out, group.className, group.isBeyond ? placeOf(group) : group.site.value_or(""),
+           counts != nullptr ? std::to_string(counts->thrown) : "",
+           counts != nullptr ? countCell(counts->caught) : ofRecords(group.caught),
+           counts != nullptr ? countCell(counts->uncaught) : ofRecords(group.uncaught),
+           counts != nullptr ? std::to_string(counts->rethrown) : "", group.records.size(),
+           group.first, group.last);
   }
 }
 
@@ -224,6 +236,36 @@ void lockGauges(const profile& all, std::ostream& out) {
   }
   for (const gauge* one : {&entries, &blocked, &waited, &threadEntries, &threadBlocked, &owner,
                            &estimate, &blocking}) {
+    one->write(out);
+  }
+}
+
+void exceptionGauges(const profile& all, std::ostream& out) {
+  gauge records("exception_records", "Records of exceptions of a class thrown at a site.");
+  gauge thrown("exceptions_thrown",
+               "Exceptions of a class thrown at a site, all that were counted.");
+  gauge caught("exceptions_caught", "Of these, those that a handler took.");
+  gauge uncaught("exceptions_uncaught", "Of these, those that no handler took.");
+  gauge rethrown("exceptions_rethrown", "Of these, those that had been thrown before.");
+  for (const exceptionGroup& group : groupsOf(all, thrownIn::throwingSite)) {
+    const gauge::labels of = {{"class", group.className},
+                              {"site", group.isBeyond ? placeOf(group) : group.site.value_or("")}};
+    const auto addKnown = [&of](gauge& to, const std::optional<std::uint64_t>& count) {
+      if (count) {
+        to.add(of, *count);
+      }
+    };
+    if (!group.records.empty()) {
+      records.add(of, group.records.size());
+    }
+    if (group.counts) {
+      thrown.add(of, group.counts->thrown);
+      addKnown(caught, group.counts->caught);
+      addKnown(uncaught, group.counts->uncaught);
+      rethrown.add(of, group.counts->rethrown);
+    }
+  }
+  for (const gauge* one : {&records, &thrown, &caught, &uncaught, &rethrown}) {
     one->write(out);
   }
 }
@@ -287,12 +329,7 @@ void writeCsv(const profile& all, csvTable what, std::ostream& out) {
 void writePrometheus(const profile& all, std::ostream& out) {
   lockGauges(all, out);
   contentionGauges(all.contentionReports, out);
-  gauge exceptions("exceptions", "Recorded exceptions of a class thrown at a site.");
-  for (const exceptionGroup& group : groupsOf(all)) {
-    exceptions.add({{"class", group.className}, {"site", group.site.value_or("")}},
-                   group.records.size());
-  }
-  exceptions.write(out);
+  exceptionGauges(all, out);
   gauge missing("exceptions_without_record", "Exceptions without a record, by reason.");
   if (all.exceptions && all.exceptions->counted()) {
     addMissing(*all.exceptions->counted(), missing);

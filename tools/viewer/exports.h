@@ -21,7 +21,8 @@ void writeSpeedscope(const profile& all, std::ostream& out);
 enum class csvTable { locks, threads, stacks, blockers, exceptions, classes, contention, pairs };
 
 // RFC 4180, in UTF-8, with a heading. A text that begins like a formula has a "'" before it; what
-// is not known is empty.
+// is not known is empty. Exceptions are listed by their throwing site; caught and uncaught are of
+// the records where it is not known how many were thrown.
 void writeCsv(const profile& all, csvTable what, std::ostream& out);
 
 // Gauges of all that was read, in the text format that Prometheus scrapes.

@@ -252,6 +252,64 @@ std::optional<std::string> notReported(const profile& all, const std::string& pa
   return {};
 }
 
+// Why records may be missing of exceptions of these classes.
+std::vector<std::string> recordGaps(const profile& all, const std::string& pattern) {
+  const auto isFiltered = [&](std::string_view start) {
+    return allBeginWith(lowerCase(pattern), std::string(start));
+  };
+  std::vector<std::string> reasons;
+  if (!all.exceptions) {
+    const bool isOff = all.run && !isOn(all, "exceptions");
+    reasons.push_back(!all.run ? "no exception file to check"
+                      : isOff  ? "no exception file: the run was started without exceptions=true"
+                               : fmt::format("no exception file: {}", kEndless));
+  } else {
+    reasons = lossesOf(*all.exceptions);
+    if (all.exceptions->counted() && !all.exceptions->counted()->agent) {
+      reasons.push_back(
+          "the end line lacks what the agent could not record: an older version wrote it");
+    }
+    const std::string missing = missingNumbers(all, all.exceptions->sources(), "exceptions-");
+    if (!missing.empty() && all.exceptions->recordsGone() == 0) {
+      reasons.push_back(fmt::format(
+          "exception file {} is missing: the oldest files of a run are deleted", missing));
+    }
+    if (const std::optional<std::string> reason = excluded(all, pattern)) {
+      reasons.push_back(*reason);
+    }
+  }
+  if (const auto found = std::find_if(kNeverRecorded.begin(), kNeverRecorded.end(), isFiltered);
+      found != kNeverRecorded.end()) {
+    reasons.push_back(
+        fmt::format("exceptions thrown by classes of {}* are never recorded", *found));
+  }
+  return reasons;
+}
+
+// Why the counts of the agent do not have all exceptions of these classes.
+std::vector<std::string> countGaps(const exceptionCounts& counts, const std::string& pattern) {
+  std::vector<std::string> reasons;
+  if (counts.other.thrown > 0 && !matches(pattern, kOtherClasses)) {
+    reasons.push_back(
+        fmt::format("{} exceptions are of classes that the agent had no room to count one by one",
+                    counts.other.thrown));
+  }
+  // The VM makes some of them before anything can count them.
+  for (const char* ready : {"java.lang.OutOfMemoryError", "java.lang.StackOverflowError"}) {
+    if (counts.isOfMade && pattern == ready) {
+      reasons.push_back(fmt::format(
+          "exceptions were counted where they are made, and the VM keeps some of {} ready", ready));
+    }
+  }
+  return reasons;
+}
+
+// Whether the counts were taken after the last exception.
+bool areUpToTheEnd(const exceptionLog& log) {
+  return log.counted() && log.recordsWithoutEnd() == 0 &&
+         (!log.counted()->agent || log.counted()->agent->seen <= log.counts()->total.thrown);
+}
+
 }  // namespace
 
 std::string missingNumbers(const profile& all, const std::vector<std::string>& files,
@@ -302,34 +360,16 @@ std::vector<std::string> lockGaps(const profile& all) {
 }
 
 std::vector<std::string> exceptionGaps(const profile& all, const std::string& pattern) {
-  const auto isFiltered = [&](std::string_view start) {
-    return allBeginWith(lowerCase(pattern), std::string(start));
-  };
-  std::vector<std::string> reasons;
-  if (!all.exceptions) {
-    const bool isOff = all.run && !isOn(all, "exceptions");
-    reasons.push_back(!all.run ? "no exception file to check"
-                      : isOff  ? "no exception file: the run was started without exceptions=true"
-                               : fmt::format("no exception file: {}", kEndless));
-  } else {
-    reasons = lossesOf(*all.exceptions);
-    if (all.exceptions->counted() && !all.exceptions->counted()->agent) {
-      reasons.push_back(
-          "the end line lacks what the agent could not record: an older version wrote it");
-    }
-    const std::string missing = missingNumbers(all, all.exceptions->sources(), "exceptions-");
-    if (!missing.empty() && all.exceptions->recordsGone() == 0) {
-      reasons.push_back(fmt::format(
-          "exception file {} is missing: the oldest files of a run are deleted", missing));
-    }
-    if (const std::optional<std::string> reason = excluded(all, pattern)) {
-      reasons.push_back(*reason);
-    }
+  const exceptionCounts* counts = countsOf(all);
+  if (counts == nullptr) {
+    return recordGaps(all, pattern);
   }
-  if (const auto found = std::find_if(kNeverRecorded.begin(), kNeverRecorded.end(), isFiltered);
-      found != kNeverRecorded.end()) {
-    reasons.push_back(
-        fmt::format("exceptions thrown by classes of {}* are never recorded", *found));
+  std::vector<std::string> reasons = countGaps(*counts, pattern);
+  if (!areUpToTheEnd(*all.exceptions)) {
+    // Of what came later there are records alone.
+    for (const std::string& reason : recordGaps(all, pattern)) {
+      reasons.push_back(fmt::format("counts end at {}, and {}", counts->end, reason));
+    }
   }
   return reasons;
 }
@@ -359,14 +399,25 @@ std::optional<std::string> locksNotCovered(const profile& all) {
       *most);
 }
 
-std::optional<std::string> exceptionsNotCovered(const profile& all) {
-  if (!all.exceptions || !all.exceptions->counted() || !all.exceptions->counted()->agent ||
-      all.exceptions->counted()->agent->filtered == 0) {
-    return {};
+std::vector<std::string> exceptionsNotCovered(const profile& all) {
+  std::vector<std::string> notes;
+  const exceptionCounts* counts = countsOf(all);
+  if (counts != nullptr && counts->isOfMade) {
+    notes.push_back(std::string(kOnlyMade));
   }
-  return fmt::format(
-      "{} exceptions were not covered: they were thrown by classes of {}* or by java.lang.Class",
-      all.exceptions->counted()->agent->filtered, fmt::join(kNeverRecorded, "*, "));
+  if (counts != nullptr || !all.exceptions) {
+    return notes;
+  }
+  notes.push_back(
+      "the agent's counts of exceptions are not there: of each class only that it was thrown is "
+      "checked, by its records");
+  const std::optional<captureEnd>& counted = all.exceptions->counted();
+  if (counted && counted->agent && counted->agent->filtered > 0) {
+    notes.push_back(fmt::format(
+        "{} exceptions were not covered: they were thrown by classes of {}* or by java.lang.Class",
+        counted->agent->filtered, fmt::join(kNeverRecorded, "*, ")));
+  }
+  return notes;
 }
 
 }  // namespace viewer

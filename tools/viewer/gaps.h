@@ -28,6 +28,6 @@ std::string missingNumbers(const profile& all, const std::vector<std::string>& f
 
 // What a run never covers as it is set up, and so no reason for a limit to be broken.
 std::optional<std::string> locksNotCovered(const profile& all);
-std::optional<std::string> exceptionsNotCovered(const profile& all);
+std::vector<std::string> exceptionsNotCovered(const profile& all);
 
 }  // namespace viewer

@@ -3,6 +3,7 @@
 #include <unordered_map>
 
 #include "contentionForm.h"
+#include "exceptionForm.h"
 #include "jsonWriter.h"
 #include "sites.h"
 
@@ -161,83 +162,6 @@ class lockSessionWriter {
   numbering<frameId> frames_;
 };
 
-void writeValue(jsonWriter& json, const capturedValue& one) {
-  json.beginObject().member("name", one.name).member("type", one.type);
-  if (one.fields) {
-    writeArray(json, "fields", *one.fields,
-               [&](const capturedValue& field) { writeValue(json, field); });
-  } else {
-    json.member("value", one.value);
-  }
-  if (one.isUncertain) {
-    json.member("uncertain", true);
-  }
-  json.endObject();
-}
-
-void writeRecord(jsonWriter& json, const exceptionRecord& one) {
-  const auto writeSection = [&](std::string_view name, const std::vector<capturedValue>& values) {
-    writeArray(json, name, values, [&](const capturedValue& value) { writeValue(json, value); });
-  };
-  json.beginObject().member("time", one.time).member("thread", one.thread);
-  json.member("class", one.className).member("message", one.message).member("caught", one.caught);
-  writeArray(json, "frames", one.frames, [&](const exceptionFrame& frame) {
-    json.beginObject().member("method", frame.method).member("file", frame.file);
-    json.member("line", frame.line);
-    writeSection("fields", frame.fields);
-    writeSection("arguments", frame.arguments);
-    writeSection("locals", frame.locals);
-    writeSection("threadLocals", frame.threadLocals);
-    json.endObject();
-  });
-  writeValues(json, "ambiguous", one.ambiguous);
-  json.member("cut", one.isCut).member("raw", one.raw).endObject();
-}
-
-void writeCounts(jsonWriter& json, const agentCounts& counts) {
-  json.beginObject().member("seen", counts.seen).member("filtered", counts.filtered);
-  json.member("blackListed", counts.blackListed).member("overRate", counts.overRate);
-  json.member("delivered", counts.delivered).member("cut", counts.cut);
-  json.key("failed").beginObject();
-  for (const auto& [reason, count] : counts.failed) {
-    json.member(reason, count);
-  }
-  json.endObject().endObject();
-}
-
-void writeExceptions(jsonWriter& json, const std::optional<exceptionLog>& log) {
-  json.key("exceptions");
-  if (!log) {
-    json.null();
-    return;
-  }
-  json.beginObject();
-  writeValues(json, "sources", log->sources());
-  const std::optional<captureEnd>& counted = log->counted();
-  json.member("recorded", counted ? std::optional(counted->recorded) : std::nullopt);
-  json.member("dropped", counted ? std::optional(counted->dropped) : std::nullopt);
-  json.key("agent");
-  if (counted && counted->agent) {
-    writeCounts(json, *counted->agent);
-  } else {
-    json.null();
-  }
-  writeValues(json, "losses", lossesOf(*log));
-  writeArray(json, "groups", log->groups(), [&](const exceptionGroup& group) {
-    json.beginObject().member("class", group.className).member("site", group.site);
-    json.member("count", group.records.size()).member("caught", group.caught);
-    json.member("uncaught", group.uncaught);
-    json.member("first", group.first).member("last", group.last);
-    writeValues(json, "records", group.records);
-    json.endObject();
-  });
-  json.key("records").beginArray();
-  for (std::size_t i = 0; i < log->size(); i++) {
-    writeRecord(json, log->record(i));
-  }
-  json.endArray().endObject();
-}
-
 void writeMemory(jsonWriter& json, const memoryReport& report) {
   std::uint64_t objects = 0;
   std::uint64_t bytes = 0;
@@ -297,7 +221,7 @@ void writeJson(const comparison& both, std::ostream& out) {
   out << '\n';
 }
 
-void writeJson(const profile& all, std::ostream& out) {
+void writeJson(const profile& all, std::ostream& out, thrownIn where, recordForm form) {
   jsonWriter json(out);
   json.beginObject().member("version", kVersion);
   writeValues(json, "inputs", all.inputs);
@@ -307,7 +231,7 @@ void writeJson(const profile& all, std::ostream& out) {
   });
   writeArray(json, "contention", all.contentionReports,
              [&](const contentionReport& report) { writeContention(json, report); });
-  writeExceptions(json, all.exceptions);
+  writeExceptions(json, all.exceptions, where, form);
   writeArray(json, "memory", all.memoryReports,
              [&](const memoryReport& report) { writeMemory(json, report); });
   writeValues(json, "unfinished", all.unfinished);

@@ -5,11 +5,13 @@
 #include <ostream>
 
 #include "comparison.h"
+#include "exceptionForm.h"
 #include "profile.h"
 
 namespace viewer {
 
-void writeJson(const profile& all, std::ostream& out);
+void writeJson(const profile& all, std::ostream& out, thrownIn where = thrownIn::outsideJdk,
+               recordForm form = recordForm::whole);
 void writeJson(const comparison& both, std::ostream& out);
 
 }  // namespace viewer

@@ -32,6 +32,13 @@ class jsonWriter {
   }
   jsonWriter& null();
 
+  // A value that another writer wrote.
+  jsonWriter& raw(std::string_view json) {
+    separate();
+    out_ << json;
+    return *this;
+  }
+
   template <typename type>
   jsonWriter& value(const std::optional<type>& known) {
     return known ? value(*known) : null();

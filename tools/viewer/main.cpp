@@ -97,10 +97,10 @@ int show(const arguments& given) {
   const viewer::profile all = readInputs(given.inputs, given.grep);
   if (!given.page.empty()) {
     if (!isLost(all)) {
-      viewer::writePage(all, given.page);
+      viewer::writePage(all, given.page, given.tables.exceptions.where);
     }
   } else if (given.json) {
-    viewer::writeJson(all, std::cout);
+    viewer::writeJson(all, std::cout, given.tables.exceptions.where);
   } else {
     std::cout << viewer::profileTables(all, given.tables, given.style);
   }
@@ -223,6 +223,16 @@ void addShow(CLI::App& app, arguments& given) {
                      "What reports of locks are ranked by");
   addLimit(app, "--show", given.tables.record, "Print the exception record with this number");
   app.get_option("--show")->excludes("--json")->excludes("--output");
+  viewer::exceptionDetails& details = given.tables.exceptions;
+  app.add_flag_callback(
+      "--jdk-sites", [&details] { details.where = viewer::thrownIn::throwingSite; },
+      "Exceptions by the frame that throws, in place of the first one outside the JDK");
+  app.add_flag("--jdk-frames", details.jdkFrames, "With --show: frames of the JDK, too");
+  app.add_flag("--statics", details.statics, "With --show: static fields and constants, too");
+  app.add_flag("--raw", details.raw, "With --show: the record as the agent wrote it, too");
+  for (const char* detail : {"--jdk-frames", "--statics", "--raw"}) {
+    app.get_option(detail)->needs("--show");
+  }
   addLimit(app, "--threads", given.tables.limits.threads,
            "Threads to show for each lock, and blockers");
   addLimit(app, "--frames", given.tables.limits.frames, "Frames to show of each stack");

@@ -28,6 +28,7 @@ enum class kind {
   lockReport,
   stackFile,
   exceptionLog,
+  exceptionCounts,
   memoryReport,
   contentionReport,
   run,
@@ -36,6 +37,7 @@ enum class kind {
 
 // Its value names the kind of a report.
 constexpr std::string_view kReportMember = "report";
+constexpr std::string_view kKindMember = "kind";
 
 // The other members that identify documents.
 const std::map<std::string, kind, std::less<>>& identifyingMembers() {
@@ -63,8 +65,11 @@ std::string nameOf(const fs::path& file) {
 
 kind kindOfDocument(byteSource bytes, const std::string& source) {
   const foundMember member = firstMember(std::move(bytes), source, [](std::string_view name) {
-    return name == kReportMember || identifyingMembers().contains(name);
+    return name == kReportMember || name == kKindMember || identifyingMembers().contains(name);
   });
+  if (member.name == kKindMember) {
+    return member.text == kExceptionCounts ? kind::exceptionCounts : kind::unknown;
+  }
   if (member.name == kReportMember) {
     return member.text == kContention ? kind::contentionReport : kind::unknown;
   }
@@ -226,6 +231,14 @@ void readFile(profile& all, const fs::path& file, kind what) {
       }
       all.exceptions->add(bytesOfFile(file), name, all.problems);
       break;
+    case kind::exceptionCounts: {
+      exceptionCounts counts = readExceptionCounts(bytesOfFile(file), name);
+      if (!all.exceptions) {
+        all.exceptions.emplace();
+      }
+      all.exceptions->add(std::move(counts));
+      break;
+    }
     case kind::memoryReport:
       all.memoryReports.push_back(readMemoryReport(bytesOfFile(file), name));
       break;
@@ -241,7 +254,7 @@ void readFile(profile& all, const fs::path& file, kind what) {
     case kind::unknown:
       throw inputError(name +
                        ": expected a contention report, lock report, stack file, memory report, "
-                       "exception file or run.json, found none of them");
+                       "exception file, file of exception counts or run.json, found none of them");
   }
 }
 
@@ -296,7 +309,8 @@ bool isOwnName(const fs::path& file) {
   const std::string name = file.filename();
   const auto fits = [&name](const char* pattern) { return matches(pattern, name); };
   return fits("contention-*.json") || fits("locks-*.json") || fits("memory-*.json") ||
-         fits("*.stacks") || fits("exceptions*.jsonl") || fits("run.json");
+         fits("*.stacks") || fits("exceptions*.jsonl") || fits("exception-counts*.json") ||
+         fits("run.json");
 }
 
 // Whether a file in a folder is not a report, so that nothing is lost with it.
@@ -443,8 +457,12 @@ std::vector<profile> readRuns(const std::vector<fs::path>& inputs) {
   return runs;
 }
 
-std::vector<exceptionGroup> groupsOf(const profile& all) {
-  return all.exceptions ? all.exceptions->groups() : std::vector<exceptionGroup>();
+std::vector<exceptionGroup> groupsOf(const profile& all, thrownIn where) {
+  return all.exceptions ? groupsOf(*all.exceptions, where) : std::vector<exceptionGroup>();
+}
+
+const exceptionCounts* countsOf(const profile& all) {
+  return all.exceptions && all.exceptions->counts() ? &*all.exceptions->counts() : nullptr;
 }
 
 std::optional<std::string> optionOf(const profile& all, const std::string& option) {
@@ -480,12 +498,15 @@ void filter(profile& all, const std::string& text) {
     std::erase_if(report.classes, [&](const classEntry& one) { return !contains(one.name, text); });
   }
   if (all.exceptions) {
-    all.exceptions->keepIf([&](const exceptionRecord& one) { return contains(one, text); });
+    all.exceptions->keepIf([&](const exceptionRecord& one) { return contains(one, text); },
+                           [&](const std::string& name) { return contains(name, text); });
   }
 }
 
 bool holdsAny(const profile& all) {
+  const exceptionCounts* counts = countsOf(all);
   return (all.exceptions && all.exceptions->size() > 0) ||
+         (counts != nullptr && !(counts->sites.empty() && counts->classes.empty())) ||
          std::any_of(all.lockReports.begin(), all.lockReports.end(),
                      [](const lockReport& one) {
                        return !one.locks.empty() || !one.blockers.empty() ||

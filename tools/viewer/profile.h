@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "contentionReport.h"
-#include "exceptionLog.h"
+#include "exceptionGroups.h"
 #include "lockReport.h"
 #include "memoryReport.h"
 #include "stackTable.h"
@@ -64,8 +64,11 @@ profile readProfile(const std::vector<std::filesystem::path>& inputs);
 // named, and one for all other files together, if there are any or there is nothing else.
 std::vector<profile> readRuns(const std::vector<std::filesystem::path>& inputs);
 
-// The exceptions of a profile by class and site, those with the most records first.
-std::vector<exceptionGroup> groupsOf(const profile& all);
+// The exceptions of a profile by class and place, those of which the most were thrown first.
+std::vector<exceptionGroup> groupsOf(const profile& all, thrownIn where);
+
+// What the agent has counted of them; none where there is no file of counts.
+const exceptionCounts* countsOf(const profile& all);
 
 // Whether a run is known, and was started with this option set to "true".
 bool isOn(const profile& all, const std::string& option);
@@ -74,7 +77,8 @@ bool isOn(const profile& all, const std::string& option);
 std::optional<std::string> optionOf(const profile& all, const std::string& option);
 
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
-// field, threads and stacks, blockers, exception records by anything in them, classes by name.
+// field, threads and stacks, blockers, exception records by anything in them, counts of exceptions
+// by class, place, or with a record that is kept, classes by name.
 void filter(profile& all, const std::string& text);
 
 // Whether there is any lock, blocker, exception record or class.

@@ -25,14 +25,15 @@ std::string runLine(const runInfo& run, const terminalStyle& terminal) {
   return endCutLine(run.command ? "Run of " : "Run", run.command.value_or(""), facts, terminal);
 }
 
-std::string shownRecord(const profile& all, std::size_t number, const terminalStyle& terminal) {
+std::string shownRecord(const profile& all, std::size_t number, const exceptionDetails& details,
+                        const terminalStyle& terminal) {
   const std::size_t records = all.exceptions ? all.exceptions->size() : 0;
   if (number > records) {
     throw inputError(
         fmt::format("--show {}: expected the number of a record from 1 to {}, found {}", number,
                     records, number));
   }
-  return recordTree(*all.exceptions, number, terminal);
+  return recordTree(*all.exceptions, number, details, terminal);
 }
 
 // Sessions without a report.
@@ -49,7 +50,7 @@ std::string unfinishedLines(const profile& all) {
 std::string profileTables(const profile& all, const tableOptions& options,
                           const terminalStyle& terminal) {
   if (options.record != 0) {
-    return shownRecord(all, options.record, terminal);
+    return shownRecord(all, options.record, options.exceptions, terminal);
   }
   std::vector<std::string> parts;
   if (all.run) {
@@ -62,8 +63,9 @@ std::string profileTables(const profile& all, const tableOptions& options,
     parts.push_back(lockTables(report, all.stacks, options.by, options.limits, terminal));
   }
   if (all.exceptions) {
-    parts.push_back(exceptionLine(*all.exceptions) + '\n' +
-                    topExceptions(*all.exceptions, options.limits.rows, terminal));
+    parts.push_back(
+        exceptionLine(*all.exceptions, terminal) + '\n' +
+        topExceptions(*all.exceptions, options.limits.rows, options.exceptions, terminal));
   }
   for (const memoryReport& report : all.memoryReports) {
     parts.push_back(memoryTables(report, options.limits.rows, terminal));

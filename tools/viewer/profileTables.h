@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <string>
 
+#include "exceptionTables.h"
 #include "lockTables.h"
 #include "profile.h"
 #include "terminalStyle.h"
@@ -13,6 +14,7 @@ namespace viewer {
 struct tableOptions {
   ranking by = ranking::lock;
   tableLimits limits;
+  exceptionDetails exceptions = {};
   std::size_t record = 0;  // the exception record to show in place of all else; 0 for none
 };
 

@@ -40,19 +40,19 @@ void expectFileOrNothing(const fs::path& file) {
 }
 
 // Gives an errno, 0 when all is written.
-template <typename content>
-int writeTo(int descriptor, const content& shown) {
+template <typename action>
+int writeTo(int descriptor, const action& writeReport) {
   descriptorBuffer buffer(descriptor);
   std::ostream page(&buffer);
   page << kPageBeforeReport;
-  writeJson(shown, page);
+  writeReport(page);
   page << kPageAfterReport;
   page.flush();
   return buffer.problem();
 }
 
-template <typename content>
-void writeWholeFile(const content& shown, const fs::path& file) {
+template <typename action>
+void writeWholeFile(const action& writeReport, const fs::path& file) {
   expectFileOrNothing(file);
   constexpr std::string_view kEnd = ".part";
   std::string unfinished = file.string() + ".XXXXXX" + std::string(kEnd);
@@ -60,7 +60,7 @@ void writeWholeFile(const content& shown, const fs::path& file) {
   if (descriptor < 0) {
     fail(file, errno);
   }
-  int problem = writeTo(descriptor, shown);
+  int problem = writeTo(descriptor, writeReport);
   if (close(descriptor) != 0 && problem == 0) {
     problem = errno;
   }
@@ -75,12 +75,13 @@ void writeWholeFile(const content& shown, const fs::path& file) {
 
 }  // namespace
 
-void writePage(const profile& all, const fs::path& file) {
-  writeWholeFile(all, file);
+void writePage(const profile& all, const fs::path& file, thrownIn where) {
+  writeWholeFile([&](std::ostream& page) { writeJson(all, page, where, recordForm::shared); },
+                 file);
 }
 
 void writePage(const comparison& both, const fs::path& file) {
-  writeWholeFile(both, file);
+  writeWholeFile([&](std::ostream& page) { writeJson(both, page); }, file);
 }
 
 }  // namespace viewer

@@ -8,6 +8,9 @@ const kViews = [comparisonView, overviewView, contentionView, blockedFlameView, 
 class Page {
   constructor(report) {
     this.report = report;
+    if (report.exceptions) {
+      unfoldRecords(report.exceptions);
+    }
     this.sessions = report.locks ?? [];
     if (this.sessions.length > 1) {
       this.sessions = [mergedSession(this.sessions), ...this.sessions];

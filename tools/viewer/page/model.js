@@ -157,6 +157,36 @@ function searchText(record) {
   return texts.filter((text) => text !== null && text !== undefined).join('\n').toLowerCase();
 }
 
+// Puts frames and values, which a report for the page has once each, in place of their numbers.
+function unfoldRecords({records, frames, values}) {
+  const valuesAt = (numbers) => numbers.map((number) => values[number]);
+  for (const value of values) {
+    if (value.fields) {
+      value.fields = valuesAt(value.fields);
+    }
+  }
+  for (const frame of frames) {
+    for (const {member} of kValueKinds) {
+      frame[member] = valuesAt(frame[member] ?? []);
+    }
+  }
+  for (const record of records) {
+    record.frames = record.frames.map((number) => frames[number]);
+  }
+}
+
+// Whether a class, or the class of a method, is of the JDK.
+const isOfJdk = (name) => /^(java|javax|jdk|sun|com\.sun)\./.test(name);
+
+// How many of a group were thrown, as far as that is known.
+const knownCount = (group) => group.thrown ?? group.count;
+
+const placeOfGroup = ({site, otherSites}) => (site ?? '(no frames)') +
+  (otherSites > 0 ? ` and ${plural(otherSites, 'other place', 'other places')}` : '');
+
+// What was done with the exceptions that were counted.
+const countedWord = (counts) => (counts?.mode === 'made' ? 'made' : 'thrown');
+
 const kValueKinds = [
   {member: 'arguments', title: 'Arguments'},
   {member: 'locals', title: 'Locals'},

@@ -112,10 +112,14 @@ function exceptionTiles({exceptions}) {
   if (!exceptions) {
     return [];
   }
-  const classes = new Set(exceptions.groups.map((group) => group.class)).size;
+  const records = plural(exceptions.records.length, 'record', 'records');
+  if (exceptions.thrown !== null) {
+    return [['Exceptions', formatNumber(exceptions.thrown), `${countedWord(exceptions.counts)}; ${
+      records}${exceptions.losses.length > 0 ? '; incomplete' : ''}`]];
+  }
   const note = exceptions.losses.length > 0 ? 'recorded; incomplete'
     : exceptions.agent ? `recorded, of ${formatNumber(exceptions.agent.seen)} that were thrown`
-      : `of ${plural(classes, 'class', 'classes')}`;
+      : 'recorded; more may have been thrown';
   return [['Exceptions', formatNumber(exceptions.records.length), note]];
 }
 
@@ -170,9 +174,11 @@ const topOwners = (session) => ranking('Threads that held others up',
 
 const mostExceptions = (exceptions) => ranking('Exceptions',
   exceptions.groups.slice(0, kRanked).map((group, index) => ({
-    name: shortName(group.class), title: `${group.class} at ${group.site ?? 'unknown'}`,
-    amount: group.count,
-    text: plural(group.count, 'record', 'records'), href: `#exceptions/${index}`,
+    name: shortName(group.class), title: `${group.class} at ${placeOfGroup(group)}`,
+    amount: knownCount(group),
+    text: group.thrown === null ? plural(group.count, 'record', 'records')
+      : `${formatNumber(group.thrown)} ${countedWord(exceptions.counts)}`,
+    href: `#exceptions/${index}`,
   })), {href: '#exceptions', text: `All ${formatNumber(exceptions.records.length)} records`});
 
 const mostSurvivors = (memory) => ranking('Classes with the most surviving bytes',
