@@ -48,6 +48,7 @@ profile readAll(std::string_view text) {
     log.add(bytesOfText(text), "e", all.problems);
     all.exceptions = std::move(log);
   });
+  reading(all, [&] { all.exceptions->add(readExceptionCounts(bytesOfText(text), "n")); });
   return all;
 }
 
@@ -82,9 +83,15 @@ void writeAll(const profile& all) {
     expectPrintable("tables", profileTables(all, {.by = by, .limits = {}}, {.width = 60}));
   }
   for (std::size_t i = 0; all.exceptions && i < all.exceptions->size(); i++) {
-    expectPrintable("record", recordTree(*all.exceptions, i + 1, {}));
+    expectPrintable("record", recordTree(*all.exceptions, i + 1, {}, {}));
+    expectPrintable(
+        "complete record",
+        recordTree(*all.exceptions, i + 1, {.jdkFrames = true, .statics = true, .raw = true}, {}));
   }
   expectJson("JSON form", textOf([&](std::ostream& out) { writeJson(all, out); }));
+  expectJson("JSON of the page", textOf([&](std::ostream& out) {
+               writeJson(all, out, thrownIn::throwingSite, recordForm::shared);
+             }));
   expectJson("speedscope", textOf([&](std::ostream& out) { writeSpeedscope(all, out); }));
   expectPrintable("collapsed", textOf([&](std::ostream& out) { writeCollapsed(all, out); }));
   expectPrintable("prometheus", textOf([&](std::ostream& out) { writePrometheus(all, out); }));

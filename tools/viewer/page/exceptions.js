@@ -41,7 +41,7 @@ const exceptionView = {
         show: (row) => numberOrNone(count(row)), ...more});
     const uncaughtOfRecords = (row) =>
       (row.recordsCaught + row.recordsUncaught > 0 ? row.recordsUncaught : null);
-    const groupTable = dataTable({caption: 'Exceptions by class and site', rows: groups, sortBy: 3,
+    const groupTable = dataTable({caption: 'Exceptions by class and site', rows: groups, sortBy: 1,
       onSelect: (row) => {
         chooseGroup(row);
         if (row.records.length > 0) {
@@ -53,15 +53,15 @@ const exceptionView = {
       columns: [
         {title: 'Exception', wide: true, value: (row) => row.class,
           show: (row) => javaName(row.class)},
-        {title: 'Thrown in', wide: true, value: placeOfGroup,
-          show: (row) => javaName(placeOfGroup(row))},
-        {title: 'Message', wide: true, value: (row) => records[row.records[0]]?.message ?? ''},
         counts && countColumn(counts.mode === 'made' ? 'Made' : 'Thrown', (row) => row.thrown,
           {share: mostOf}),
         {title: 'Records', numeric: true, value: (row) => row.count, share: counts ? null : mostOf},
         counts ? countColumn('Uncaught', (row) => row.uncaught)
           : countColumn('Uncaught', uncaughtOfRecords),
         counts?.total.rethrown > 0 && countColumn('Again', (row) => row.rethrown),
+        {title: 'Thrown in', wide: true, value: placeOfGroup,
+          show: (row) => javaName(placeOfGroup(row))},
+        {title: 'Message', wide: true, value: (row) => records[row.records[0]]?.message ?? ''},
         {title: 'First', value: (row) => row.first ?? '', show: (row) => timeFormat(row.first)},
         {title: 'Last', value: (row) => row.last ?? '', show: (row) => timeFormat(row.last)},
       ].filter(Boolean)});
@@ -94,7 +94,7 @@ const exceptionView = {
     return {
       element: el('div', null, panel('By class and site',
         notes.filter(Boolean).map((note) => el('p', {class: 'note'}, note)), losses,
-        groupTable.element),
+        el('div', {class: 'groups'}, groupTable.element)),
         panel('Records', heading, el('div', {class: 'controls'},
           field('Search all texts and values', search), count, allGroups), recordTable.element), detail),
       open(argument) {
@@ -171,7 +171,7 @@ function recordDetail(record) {
     el('ol', {class: 'frames'}, frameItems(record.frames)),
     record.frames.some(hasNotRead) && el('p', {class: 'note'}, '… is not read (depth limit).'),
     el('p', {class: 'note'}, 'The record as the agent wrote it is not in this page: ',
-      el('code', null, 'twreport --show NUMBER --raw'), ' prints it.'));
+      el('code', null, `twreport --show ${record.index + 1} --raw`), ' prints it.'));
 }
 
 // The frames, those of the JDK folded where they stand beside each other; the first of the others is
