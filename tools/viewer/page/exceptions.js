@@ -17,6 +17,7 @@ const exceptionView = {
     const rows = records.map((record, index) => ({...record, index}));
     const timeFormat = timeFormatFor([...records.map((record) => record.time),
       ...groups.flatMap((one) => [one.first, one.last])]);
+    const secondsOf = (time) => timeFormat(time).replace(/\.\d+$/, '');
     let texts = null;  // of all records, made at the first search
     let group = null;
 
@@ -62,8 +63,8 @@ const exceptionView = {
         {title: 'Thrown in', wide: true, value: placeOfGroup,
           show: (row) => javaName(placeOfGroup(row))},
         {title: 'Message', wide: true, value: (row) => records[row.records[0]]?.message ?? ''},
-        {title: 'First', value: (row) => row.first ?? '', show: (row) => timeFormat(row.first)},
-        {title: 'Last', value: (row) => row.last ?? '', show: (row) => timeFormat(row.last)},
+        {title: 'First', value: (row) => row.first ?? '', show: (row) => secondsOf(row.first)},
+        {title: 'Last', value: (row) => row.last ?? '', show: (row) => secondsOf(row.last)},
       ].filter(Boolean)});
 
     const apply = () => {
