@@ -170,6 +170,24 @@ TEST(exceptionGroups, findTheSiteOfARecordWithoutALine) {
       << "it may be either";
 }
 
+TEST(exceptionGroups, findTheSiteThatHasNoLineInRecords) {
+  countsParts parts = kCounts();
+  parts.sites += "," + replaced(siteEntry("a.Y", "a.Shop.sell", 44, countMembers(6)), "44,",
+                                "44,\"lineInRecord\":-1,");
+  const std::string lines =
+      recordLine("a.Y", {"a.Shop.sell:-1"}) + recordLine("a.Y", {"a.Shop.sell:43"});
+  EXPECT_THAT(rowsOf(logOf(lines, {parts})),
+              AllOf(testing::Contains("a.Y in a.Shop.sell(F.java:44): 1 records of 6"),
+                    testing::Contains("a.Y in a.Shop.sell(F.java:43): 1 records of 5")));
+  parts.sites += "," + replaced(siteEntry("a.Y", "a.Shop.sell", 43, countMembers(7)), "43,",
+                                "43,\"lineInRecord\":-1,");
+  EXPECT_THAT(rowsOf(logOf(lines, {parts})),
+              AllOf(testing::Contains("a.Y in a.Shop.sell(F.java): 1 records of ?"),
+                    testing::Contains("a.Y in a.Shop.sell(F.java:44): 0 records of 6"),
+                    testing::Contains("a.Y in a.Shop.sell(F.java:43): 1 records of 12")))
+      << "two of the same name and class, of which nobody knows which threw";
+}
+
 TEST(exceptionGroups, haveWhatTheBoundHid) {
   countsParts parts = kCounts();
   parts.classes = R"({"class":"a.Late",)" + countMembers(7) +

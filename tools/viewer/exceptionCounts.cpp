@@ -7,6 +7,7 @@
 #include <limits>
 #include <map>
 #include <string_view>
+#include <utility>
 
 #include "jsonReader.h"
 
@@ -80,6 +81,10 @@ place placeAt(void* site) {
   return {&shapeOf<std::remove_reference_t<decltype(field)>>(), &field};
 }
 
+place lineInRecordAt(void* site) {
+  return {&shapeOf<std::int32_t>(), &static_cast<countedSite*>(site)->lineInRecord.emplace()};
+}
+
 place modeAt(void* counts) {
   static const shape result = {
       .expected = "\"thrown\" or \"made\"", .text = [](void* target, std::string& value) {
@@ -112,6 +117,7 @@ const shape& shapeOf<countedSite>() {
                                           {"method", placeAt<&sourcePlace::method>},
                                           {"file", placeAt<&sourcePlace::file>, false},
                                           {"line", placeAt<&sourcePlace::line>, false},
+                                          {"lineInRecord", lineInRecordAt, false},
                                           {"first", at<&countedSite::first>, false},
                                           {"last", at<&countedSite::last>, false}})};
   return result;
@@ -226,7 +232,7 @@ exceptionCounts sumOf(const std::vector<exceptionCounts>& files) {
     known = known == nullptr || known->end <= one.end ? &one : known;
   }
   exceptionCounts sum;
-  std::map<siteKey, countedSite> sites;
+  std::map<std::pair<siteKey, std::int32_t>, countedSite> sites;
   std::map<std::string, countedClass> classes;
   sum.runs = 0;
   for (const auto& [begin, one] : latest) {
@@ -242,7 +248,7 @@ exceptionCounts sumOf(const std::vector<exceptionCounts>& files) {
       addTo(sum.other, one->other);
     }
     for (const countedSite& site : one->sites) {
-      addEntry(sites, site.key(), site);
+      addEntry(sites, std::pair(site.keyInRecord(), site.place.line), site);
     }
     for (const countedClass& ofClass : one->classes) {
       addEntry(classes, ofClass.className, ofClass);

@@ -52,17 +52,20 @@ std::string textOf(const sourcePlace& place);
 // Whether the class belongs to the JDK, by the beginning of its name or of one of its methods.
 bool isOfJdk(const std::string& name);
 
-// What identifies a throwing site: the class that is thrown, the method and the line.
+// What identifies a throwing site in a record: the class that is thrown, the method and the line.
 using siteKey = std::tuple<std::string, std::string, std::int32_t>;
 
 struct countedSite {
   std::string className;
   sourcePlace place;
+  std::optional<std::int32_t> lineInRecord;  // where records have another line than `place`
   throwCounts counts;
   std::string first;  // the times of the first and the last, ISO 8601 in UTC
   std::string last;
 
-  siteKey key() const { return {className, place.method, place.line}; }
+  siteKey keyInRecord() const {
+    return {className, place.method, lineInRecord.value_or(place.line)};
+  }
 };
 
 // Exceptions of a class at sites that the agent had no room for.

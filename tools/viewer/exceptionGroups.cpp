@@ -20,10 +20,8 @@ class siteFinder {
  public:
   explicit siteFinder(const std::vector<countedSite>& sites) {
     for (const countedSite& site : sites) {
-      sites_.emplace(site.key(), &site);
-      const auto [found, isNew] =
-          inMethod_.emplace(std::pair(site.className, site.place.method), &site);
-      found->second = isNew ? &site : nullptr;
+      addOnly(sites_, site.keyInRecord(), site);
+      addOnly(inMethod_, std::pair(site.className, site.place.method), site);
     }
   }
 
@@ -32,18 +30,27 @@ class siteFinder {
     if (!from.method) {
       return nullptr;
     }
-    const auto exact = sites_.find({from.className, *from.method, from.line});
-    if (exact != sites_.end() || from.line >= 0) {
-      return exact == sites_.end() ? nullptr : exact->second;
+    const auto found = sites_.find({from.className, *from.method, from.line});
+    if (found != sites_.end() || from.line >= 0) {
+      return found == sites_.end() ? nullptr : found->second;
     }
     const auto only = inMethod_.find({from.className, *from.method});
     return only == inMethod_.end() ? nullptr : only->second;
   }
 
  private:
-  std::map<siteKey, const countedSite*> sites_;
-  // None where a method has several.
-  std::map<std::pair<std::string, std::string>, const countedSite*> inMethod_;
+  // None where there are several: overloaded methods have the same name.
+  template <typename key>
+  using onlySites = std::map<key, const countedSite*>;
+
+  template <typename key>
+  static void addOnly(onlySites<key>& to, const key& name, const countedSite& site) {
+    const auto [found, isNew] = to.emplace(name, &site);
+    found->second = isNew ? &site : nullptr;
+  }
+
+  onlySites<siteKey> sites_;
+  onlySites<std::pair<std::string, std::string>> inMethod_;
 };
 
 class grouping {

@@ -1,8 +1,8 @@
 // Exceptions by class and place: what was recorded of them, beside what the agent has counted.
 //
 // The agent counts by the class and the true throwing site (class, method, line), and a record has
-// that site as its top frame: by it they are joined. The line may be missing in a record (-1); then
-// the site is that of the class in the method, if the counts have one alone.
+// that site as its top frame: by it they are joined. The line may be missing in a record (-1); the
+// counts say of which sites, or else it is that of the class in the method, if there is one alone.
 //
 // A group may be shown at another place, the first one outside the JDK. All that is counted of a
 // throwing site belongs to one group, so that sums are exact. Where the records of a site lead to

@@ -288,7 +288,7 @@ void exceptionLog::keepIf(const std::function<bool(const exceptionRecord&)>& wan
   viewer::keepIf(
       *counts_,
       [&](const countedSite& one) {
-        return sites.contains(one.key()) || wantedName(one.className) ||
+        return sites.contains(one.keyInRecord()) || wantedName(one.className) ||
                wantedName(textOf(one.place));
       },
       [&](const countedClass& one) {
