@@ -105,6 +105,8 @@ jint load(JavaVM* vm, const char* options) {
 
   const startUpSettings settings = readOptions(*registry, options == nullptr ? "" : options);
 
+  redaction::configure(settings.redaction);  // lists with a problem are not among them
+
   const std::string noContention = settings.contention ? contentionProfile::ofProcess().startWithVm(
                                                              vm, settings.contentionProfile)
                                                        : std::string();

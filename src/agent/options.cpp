@@ -187,6 +187,39 @@ void readExceptionCapture(const std::string& item, startUpSettings& settings) {
   }
 }
 
+// "redactNames=a:b" and its siblings. A list with a malformed entry is ignored as a whole.
+void readRedactionItem(const std::string& item, startUpSettings& settings) {
+  const std::size_t sign = item.find('=');
+  const std::string key = support::lowerCase(item.substr(0, sign));
+  const std::string text = sign == std::string::npos ? std::string() : item.substr(sign + 1);
+  if (key == "redact") {
+    if (const std::optional<redactionMode> mode = redactionModeOf(text)) {
+      settings.redaction.mode = *mode;
+    } else {
+      settings.ignored.push_back(item);
+    }
+    return;
+  }
+  using list = std::vector<std::string> redactionSettings::*;
+  for (const auto& [name, which] :
+       {std::pair<std::string_view, list>{"redactnames", &redactionSettings::names},
+        {"redacttypes", &redactionSettings::types},
+        {"redactvalues", &redactionSettings::values},
+        {"shownames", &redactionSettings::shown}}) {
+    if (key != name) {
+      continue;
+    }
+    redactionSettings given;
+    support::forEachPiece(text, ':',
+                          [&](std::string_view entry) { (given.*which).emplace_back(entry); });
+    if ((given.*which).empty() || !problemOf(given).empty()) {
+      settings.ignored.push_back(item);
+    } else {
+      settings.redaction.*which = std::move(given.*which);
+    }
+  }
+}
+
 void readItem(profilerRegistry& registry, const std::string& item, startUpSettings& settings) {
   const auto is = [&](std::string_view key) { return support::startsWithIgnoringCase(item, key); };
   if (is(kLogLevelKey)) {
@@ -217,6 +250,7 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
     createFeatures(registry, item, settings);
   }
   readContentionItem(item, settings);
+  readRedactionItem(item, settings);
 }
 
 }  // namespace

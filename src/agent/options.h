@@ -8,6 +8,7 @@
 
 #include "agent/profilerRegistry.h"
 #include "contention/contentionSettings.h"
+#include "exceptions/redaction.h"
 
 namespace agent {
 
@@ -24,6 +25,7 @@ struct startUpSettings {
   std::int32_t recordBytes = 0;  // unset
   bool contention = false;       // runs from the start of the VM
   contentionSettings contentionProfile;
+  redactionSettings redaction;
   // Items whose values count as not given, for the log.
   std::vector<std::string> ignored;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 
 #include "support/text.h"
@@ -154,31 +155,48 @@ bool isShown(std::string_view name, std::size_t begin, std::size_t end, const wo
   return false;
 }
 
-// Whether a word stands in the name and is not shown.
-bool has(std::string_view name, const secretWord& word, const words& shown) {
-  if (word.where == place::alone) {
-    return name.size() <= kLongestName && plainWord(name) == word.text &&
-           !isShown(name, 0, name.size(), shown);
+// The letters that the words of a list begin with, a bit each.
+template <typename List>
+constexpr std::uint32_t firstLettersOf(const List& list) {
+  std::uint32_t letters = 0;
+  for (const secretWord& word : list) {
+    letters |= std::uint32_t{1} << static_cast<unsigned>(word.text.front() - 'a');
   }
-  for (std::size_t at = 0; at + word.text.size() <= name.size(); ++at) {
-    if (lower(name[at]) != word.text.front()) {
+  return letters;
+}
+
+// Whether one of the words stands at `at`, and is not shown.
+bool isAt(std::string_view name, std::size_t at, const secretWord& word, const words& shown) {
+  if (lower(name[at]) != word.text.front() || name.size() - at < word.text.size()) {
+    return false;
+  }
+  if (word.where == place::alone && at != 0) {
+    return false;
+  }
+  if (word.where <= place::whole && !isBorder(name, at)) {
+    return false;
+  }
+  const std::optional<std::size_t> end = endOf(name, at, word);
+  const bool isThere = end && (word.where != place::alone || *end == name.size());
+  return isThere && !isShown(name, at, *end, shown);
+}
+
+// Built-in words.
+template <typename List>
+bool hasOneOf(std::string_view name, const List& list, const words& shown = {}) {
+  const std::uint32_t letters = firstLettersOf(list);
+  for (std::size_t at = 0; at < name.size(); ++at) {
+    const char first = lower(name[at]);
+    if (first < 'a' || first > 'z' || (letters >> static_cast<unsigned>(first - 'a') & 1U) == 0) {
       continue;
     }
-    if (word.where == place::whole && !isBorder(name, at)) {
-      continue;
-    }
-    const std::optional<std::size_t> end = endOf(name, at, word);
-    if (end && !isShown(name, at, *end, shown)) {
-      return true;
+    for (const secretWord& word : list) {
+      if (isAt(name, at, word, shown)) {
+        return true;
+      }
     }
   }
   return false;
-}
-
-template <typename List>
-bool hasOneOf(std::string_view name, const List& list, const words& shown = {}) {
-  return std::any_of(list.begin(), list.end(),
-                     [&](const secretWord& word) { return has(name, word, shown); });
 }
 
 // What a signature is of: "com/example/Vault", "C"; the elements of an array.
@@ -220,7 +238,12 @@ bool isSecretName(std::string_view name, const words& own, const words& shown) {
 
 bool isOwnName(std::string_view name, const words& own, const words& shown) {
   return std::any_of(own.begin(), own.end(), [&](const std::string& word) {
-    return has(name, {word, place::whole}, shown);
+    for (std::size_t at = 0; at < name.size(); ++at) {
+      if (isAt(name, at, {word, place::whole}, shown)) {
+        return true;
+      }
+    }
+    return false;
   });
 }
 
@@ -242,7 +265,7 @@ bool isNameOfCount(std::string_view name) {
 }
 
 bool isSecretInSentence(std::string_view name) {
-  return hasOneOf(name, kInSentences);
+  return name.size() <= kLongestName && hasOneOf(name, kInSentences);
 }
 
 bool isSecretLine(std::string_view name) {
@@ -258,7 +281,8 @@ bool isLike(std::string_view text, std::string_view pattern) {
     if (inPattern < pattern.size() && pattern[inPattern] == '*') {
       star = inPattern++;
       afterStar = at;
-    } else if (inPattern < pattern.size() && isSameLetter(text[at], pattern[inPattern])) {
+    } else if (inPattern < pattern.size() &&
+               (pattern[inPattern] == '?' || isSameLetter(text[at], pattern[inPattern]))) {
       ++at;
       ++inPattern;
     } else if (star != std::string_view::npos) {

@@ -29,11 +29,12 @@ bool isSecretInSentence(std::string_view name);
 bool isSecretLine(std::string_view name);
 
 // Whether a class is one of secrets. `type` is a JVM signature ("Lcom/example/Vault;", "[C").
-// `own` are names as Class.getName gives them, "*" for any text; without a dot they are compared
+// `own` are names as Class.getName gives them, with "*" and "?"; without a dot they are compared
 // with what follows the last dot. Arrays count as their elements.
 bool isSecretType(std::string_view type, const words& own);
 
-// Whether the text is like the pattern, "*" for any text; in linear time for each "*".
+// Whether the text is like the pattern, "*" for any text and "?" for a character; in linear time
+// for each "*".
 bool isLike(std::string_view text, std::string_view pattern);
 
 }  // namespace agent::redacted

@@ -56,7 +56,7 @@ bool isWord(std::string_view entry) {
 
 bool isTypeName(std::string_view entry) {
   return redacted::isPattern(entry) && entry.find_first_not_of(".*$") != std::string_view::npos &&
-         entry.find_first_of(" ?#/;:") == std::string_view::npos;
+         entry.find_first_of(" /;:") == std::string_view::npos;
 }
 
 redacted::words plainWords(const std::vector<std::string>& entries) {

@@ -130,6 +130,26 @@ public enum OptionKey {
       "exceptions.queue", Kind.NUMBER, 1, 1000000, "1000",
       "1000",
       "a number from 1 to 1000000"),
+  EXCEPTIONS_REDACT(
+      "exceptions.redact", Kind.WORD, 0, 1, "standard",
+      "strict",
+      "off, names, standard or strict"),
+  EXCEPTIONS_REDACT_NAMES(
+      "exceptions.redactNames", Kind.WORDS, 0, 1, "",
+      "customerId,salary",
+      "words separated by commas, such as customerId,salary"),
+  EXCEPTIONS_REDACT_TYPES(
+      "exceptions.redactTypes", Kind.GLOBS, 0, 1, "",
+      "com.example.Vault,*Patient*",
+      "patterns separated by commas, such as com.example.Vault,*Patient*, each with more than '*' and '?'"),
+  EXCEPTIONS_REDACT_VALUES(
+      "exceptions.redactValues", Kind.GLOBS, 0, 1, "",
+      "CUST-####,k_*",
+      "patterns separated by commas, such as CUST-####,k_*, each with more than '*' and '?'"),
+  EXCEPTIONS_SHOW_NAMES(
+      "exceptions.showNames", Kind.WORDS, 0, 1, "",
+      "cardType",
+      "words separated by commas, such as cardType"),
   EXCEPTIONS_INTERVAL(
       "exceptions.interval", Kind.DURATION, 1000, 864000000000L, "1m",
       "10s",
@@ -203,7 +223,11 @@ public enum OptionKey {
     /** Of classes or packages, separated by commas. */
     NAMES,
     /** Names that may end in "*". */
-    PATTERNS
+    PATTERNS,
+    /** Names, one at least. */
+    WORDS,
+    /** Texts with "*", "?" and "#", one at least. */
+    GLOBS
   }
 
   private static final Pattern AMOUNT = Pattern.compile("([0-9]{1,12})([a-z]*)");
@@ -266,6 +290,10 @@ public enum OptionKey {
       case NAMES:
       case PATTERNS:
         return areNames(value);
+      case WORDS:
+        return areNames(value) && !value.replace(',', ' ').trim().isEmpty();
+      case GLOBS:
+        return areGlobs(value);
       default:
         Long amount = read(value);
         return amount != null && accepts(amount);
@@ -370,6 +398,14 @@ public enum OptionKey {
       }
     }
     return true;
+  }
+
+  private static boolean areGlobs(String value) {
+    boolean areGlobs = true;
+    for (String piece : value.split(",", -1)) {
+      areGlobs &= !piece.replaceAll("[*?\\s]", "").isEmpty();
+    }
+    return areGlobs;
   }
 
   private static String plain(String key) {

@@ -58,10 +58,14 @@ public final class Companion {
   }
 
   private static void start(Options options, Instrumentation instrumentation, Runnable cleanUp) {
+    boolean isLoaded = NativeAgent.isLoaded();
+    if (isLoaded) {
+      RedactionOptions.applyAtStart(options.values());
+    }
     for (String problem : options.problems()) {
       Console.print(problem);
     }
-    if (!NativeAgent.isLoaded()) {
+    if (!isLoaded) {
       Console.print("nothing is profiled: the JVM was started without"
           + " -agentpath:/path/to/libjavanativeagent.so");
       return;

@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.Redaction;
 import java.io.FileDescriptor;
 import java.io.FileOutputStream;
 import java.io.IOException;
@@ -21,7 +22,7 @@ final class Console {
 
   static void print(String message) {
     try {
-      out.write((NAME + message + '\n').getBytes(CHARSET));
+      out.write((NAME + Redaction.text(message) + '\n').getBytes(CHARSET));
     } catch (Throwable e) {
       printLess();
     }

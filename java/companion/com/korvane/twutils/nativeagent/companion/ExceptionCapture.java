@@ -4,10 +4,12 @@ import com.korvane.twutils.nativeagent.ExceptionSettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
 import com.korvane.twutils.nativeagent.OptionKey;
 import java.nio.file.Path;
+import java.util.Map;
 
 /** Captures exceptions into the files of a log. */
 final class ExceptionCapture implements Activity {
   private final Controller controller;
+  private final Map<String, String> options;
   private final ExceptionSettings settings;
   private final ExceptionLog log;
   private final ExceptionSites sites;
@@ -16,6 +18,7 @@ final class ExceptionCapture implements Activity {
 
   ExceptionCapture(Controller controller, OptionReader reader) {
     this.controller = controller;
+    options = reader.values();
     settings = exceptionSettings(reader);
     mode = reader.word(OptionKey.EXCEPTIONS_MODE);
     int files = reader.number(OptionKey.EXCEPTIONS_FILES);
@@ -41,6 +44,7 @@ final class ExceptionCapture implements Activity {
   @Override
   public void begin() {
     requireMode();
+    RedactionOptions.apply(options);
     startWriter();
     try {
       NativeAgent.startExceptions(settings, log);

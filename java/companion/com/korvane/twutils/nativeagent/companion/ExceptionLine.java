@@ -3,6 +3,7 @@ package com.korvane.twutils.nativeagent.companion;
 import com.korvane.twutils.nativeagent.CapturedValue;
 import com.korvane.twutils.nativeagent.ExceptionMessage;
 import com.korvane.twutils.nativeagent.ExceptionRecord;
+import com.korvane.twutils.nativeagent.Redaction;
 import com.korvane.twutils.nativeagent.ValueState;
 import com.korvane.twutils.nativeagent.ValueType;
 import java.time.Instant;
@@ -33,9 +34,9 @@ final class ExceptionLine {
     ExceptionRecord decoded = ExceptionRecord.parse(event.record, event.places);
     JsonText json = new JsonText().beginObject();
     json.key("time").value(TIME.format(Instant.ofEpochMilli(event.millis)));
-    json.key("thread").value(event.thread);
+    json.key("thread").value(Redaction.text(event.thread));
     json.key("class").value(className);
-    json.key("message").value(message);
+    json.key("message").value(Redaction.text(message));
     json.key("caught").literal(String.valueOf(event.facts.isCaught()));
     if (event.isCut) {
       json.key("cut").value(true);

@@ -20,6 +20,11 @@ final class OptionReader {
     this.values = values;
   }
 
+  /** What was given. */
+  Map<String, String> values() {
+    return values;
+  }
+
   String text(OptionKey key) {
     return values.getOrDefault(key.toString(), key.defaultValue());
   }

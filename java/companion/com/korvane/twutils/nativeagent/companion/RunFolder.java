@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.Redaction;
 import java.io.File;
 import java.io.FileOutputStream;
 import java.io.IOException;
@@ -194,10 +195,11 @@ final class RunFolder {
     json.key("java").value(System.getProperty("java.version"));
     json.key("vm").value(
         System.getProperty("java.vm.name") + ' ' + System.getProperty("java.vm.version"));
-    json.key("command").value(System.getProperty("sun.java.command", ""));
+    json.key("command").value(Redaction.text(System.getProperty("sun.java.command", "")));
+    json.key("redact").value(Redaction.mode());
     json.key("options").beginObject();
     for (Map.Entry<String, String> option : options.entrySet()) {
-      json.key(option.getKey()).value(option.getValue());
+      json.key(option.getKey()).value(Redaction.text(option.getValue()));
     }
     json.endObject();
     if (removedReports > 0) {
