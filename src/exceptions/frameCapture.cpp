@@ -80,8 +80,10 @@ frameCapture::frameCapture(throwEvent& event, record::builder& out, captureDepth
       depths_(depths),
       classes_(classes),
       localTurns_(localTurns),
+      redaction_(redaction::ofProcess()),
       references_(event.jni, objectCapture::kReferences),
-      objects_(event.jvmti, event.jni, event.thread, depths.objectDepth, out, *event.raised) {}
+      objects_(event.jvmti, event.jni, event.thread, depths.objectDepth, out, *event.raised,
+               redaction_.get()) {}
 
 bool frameCapture::appendStack() {
   std::array<jvmtiFrameInfo, kMaxFrames> frames;
@@ -324,6 +326,12 @@ void frameCapture::noteUnavailable(const jvmtiLocalVariableEntry& variable) {
 frameCapture::outcome frameCapture::appendVariable(const jvmtiLocalVariableEntry& variable,
                                                    jint index) {
   using record::typeCode;
+  if (redaction_) {
+    if (const auto why = redaction_->ofVariable(variable.name, variable.signature)) {
+      out_.appendRedacted(variable.name, redacted::nameOf(*why));
+      return outcome::written;
+    }
+  }
   const typeCode code = record::codeOf(variable.signature);
   switch (code) {
     case typeCode::boolean:
@@ -335,7 +343,7 @@ frameCapture::outcome frameCapture::appendVariable(const jvmtiLocalVariableEntry
                           [&](jint value) { out_.appendNumber(variable.name, code, value); });
     case typeCode::longInt:
       return readAndWrite(variable, index, &jvmtiEnv::GetLocalLong,
-                          [&](jlong value) { out_.appendNumber(variable.name, code, value); });
+                          [&](jlong value) { objects_.appendLong(variable.name, value); });
     case typeCode::singleFloat:
       return readAndWrite(variable, index, &jvmtiEnv::GetLocalFloat, [&](jfloat value) {
         out_.appendFloat(variable.name, code, static_cast<double>(value));
@@ -370,6 +378,9 @@ frameCapture::outcome frameCapture::appendObjectVariable(const jvmtiLocalVariabl
     return outcome::written;
   }
   if (code == typeCode::object) {
+    if (objects_.appendedRedacted(variable.name, value)) {
+      return outcome::written;
+    }
     const std::size_t opened = out_.openObject(variable.name);
     if (opened == record::builder::kNotOpen) {
       return outcome::omitted;

@@ -8,11 +8,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "exceptions/exceptionRecord.h"
 #include "exceptions/objectCapture.h"
+#include "exceptions/redaction.h"
 #include "exceptions/throwEvent.h"
 #include "support/jniRef.h"
 #include "support/vmTurn.h"
@@ -73,6 +75,7 @@ class frameCapture {
   const captureDepths depths_;
   knownClasses& classes_;
   support::vmTurns& localTurns_;
+  const std::shared_ptr<const redaction> redaction_;  // none when it is off
   const support::localFrame references_;
   objectCapture objects_;
 };

@@ -25,6 +25,9 @@ constexpr const char* kThreadLocalsFunction = "exceptionProfiler::getThreadLocal
 constexpr jint kStatic = 0x0008;               // ACC_STATIC
 constexpr std::size_t kShortCharacters = 256;  // of a text that is cut
 constexpr std::size_t kAnyNumber = ~std::size_t{0} - 1;
+// Characters of a text that are searched for secrets: of one that is cut, and of another.
+constexpr std::size_t kSearchedOfShort = 8192;
+constexpr std::size_t kSearched = redacted::kScannedBytes;
 
 constexpr std::size_t kMostTables = 16;
 constexpr std::uint32_t kStepsBetweenReadings = 64;  // of the clock
@@ -57,8 +60,9 @@ struct objectCapture::field {
   support::jvmtiText signature;
   typeCode code = typeCode::object;
   bool isStatic = false;
-  jfieldID id = nullptr;  // as JVMTI gave it, and then as the class did
-  bool isFound = false;   // by its name
+  jfieldID id = nullptr;                 // as JVMTI gave it, and then as the class did
+  bool isFound = false;                  // by its name
+  std::optional<redaction::reason> why;  // it is hidden
 };
 
 // The fields of a class, as far as they were looked at.
@@ -69,6 +73,8 @@ struct objectCapture::fieldTable {
   jint key = 0;
   jvmtiError error = JVMTI_ERROR_NONE;  // when the VM was asked for the signature
   bool isArray = false;
+  bool isString = false;
+  std::optional<redaction::reason> why;  // its objects are hidden
   bool isInitialized = false;
   bool isRead = false;
   jint count = 0;
@@ -92,13 +98,14 @@ class objectCapture::walk {
 };
 
 objectCapture::objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::int32_t maxDepth,
-                             record::builder& out, raisedInHandler& raised)
+                             record::builder& out, raisedInHandler& raised, const redaction* rules)
     : jvmti_(jvmti),
       jni_(jni),
       thread_(thread),
       maxDepth_(maxDepth),
       out_(out),
       raised_(raised),
+      rules_(rules),
       roomForTables_(out.limit() / 2),
       walkNanosLeft_(
           std::max(kWalkNanos, static_cast<std::int64_t>(out.limit()) * kWalkNanosForByte)) {}
@@ -143,6 +150,10 @@ objectCapture::fieldTable& objectCapture::tableOf(localRef<jclass> cls,
   own->error = signature.fill(
       [&](char** out) { return jvmti_->GetClassSignature(cls.get(), out, nullptr); });
   own->isArray = signature.view().starts_with('[');
+  if (rules_ != nullptr) {
+    own->isString = signature.view() == "Ljava/lang/String;";
+    own->why = rules_->ofClass(signature.view());
+  }
   own->cls = std::move(cls);
   if (checkJvmti(jni_, jvmti_, own->error)) {
     return *own;
@@ -189,6 +200,10 @@ objectCapture::field* objectCapture::fieldAt(fieldTable& table, jint index,
   }
   made->code = record::codeOf(made->signature.view());
   made->isStatic = (modifiers & kStatic) != 0;
+  if (rules_ != nullptr) {
+    made->why =
+        table.why ? table.why : rules_->ofVariable(made->name.view(), made->signature.view());
+  }
   return made;
 }
 
@@ -220,6 +235,10 @@ void objectCapture::GetObjectFieldsValue(jobject object, fieldTable& table, std:
 // Writes one field; false when the VM refuses, which ends the walk.
 bool objectCapture::appendField(jobject object, const fieldTable& table, field& each,
                                 std::int32_t depth) {
+  if (each.why) {
+    out_.appendRedacted(each.name.view(), redacted::nameOf(*each.why), each.isStatic);
+    return true;
+  }
   // What is not expanded is not read either.
   if (each.code == typeCode::object && depth >= maxDepth_) {
     out_.appendNullField(each.name.view(), valueState::notRead, each.isStatic);
@@ -283,7 +302,8 @@ void objectCapture::appendPrimitive(jobject object, jclass cls, const field& eac
     case typeCode::integer:
       return number(get(&JNIEnv::GetStaticIntField, &JNIEnv::GetIntField));
     case typeCode::longInt:
-      return number(get(&JNIEnv::GetStaticLongField, &JNIEnv::GetLongField));
+      return appendLong(each.name.view(), get(&JNIEnv::GetStaticLongField, &JNIEnv::GetLongField),
+                        each.isStatic);
     case typeCode::doubleFloat:
       return fraction(get(&JNIEnv::GetStaticDoubleField, &JNIEnv::GetDoubleField));
     case typeCode::singleFloat:
@@ -329,6 +349,13 @@ bool objectCapture::appendNested(const field& each, jobject value, std::int32_t 
   if (table.error != JVMTI_ERROR_NONE) {
     return false;
   }
+  if (table.why) {
+    out_.appendRedacted(each.name.view(), redacted::nameOf(*table.why), each.isStatic);
+    return true;
+  }
+  if (table.isString && appendedSecret(each, static_cast<jstring>(value))) {
+    return true;
+  }
   // Deliberate: of every class. "java.lang.Object" is not, but signatures never begin like that.
   const std::size_t opened = out_.openObject(each.name.view());
   if (opened == record::builder::kNotOpen) {
@@ -367,6 +394,9 @@ bool objectCapture::appendText(std::string_view name, typeCode code, jstring str
   if (string == nullptr) {
     return false;
   }
+  if (rules_ != nullptr && rules_->looksAtValues()) {
+    return appendSearched(name, code, string, most, isStatic);
+  }
   const auto units = static_cast<std::size_t>(jni_->GetStringLength(string));
   const auto read = [&](std::size_t start, std::size_t count, char* out) {
     *out = '\0';
@@ -374,6 +404,95 @@ bool objectCapture::appendText(std::string_view name, typeCode code, jstring str
     return !clearException();
   };
   return out_.appendText(name, code, units, most, read, isStatic) == textOutcome::written;
+}
+
+bool objectCapture::readBeginning(jstring string, std::size_t units) {
+  constexpr std::size_t kUnitsAtOnce = 4096;
+  constexpr std::size_t kBytesOfUnit = 3;  // at most
+  read_.clear();
+  for (std::size_t done = 0; done < units; done += kUnitsAtOnce) {
+    const std::size_t count = std::min(units - done, kUnitsAtOnce);
+    const std::size_t end = read_.size();
+    read_.resize(end + count * kBytesOfUnit + 1);
+    read_[end] = '\0';
+    jni_->GetStringUTFRegion(string, static_cast<jsize>(done), static_cast<jsize>(count),
+                             read_.data() + end);
+    if (clearException()) {
+      return false;
+    }
+    read_.resize(end + std::char_traits<char>::length(read_.data() + end));
+  }
+  return true;
+}
+
+// Secrets are sought in all that may be shown, and only then the text is cut: half a secret could
+// not be recognised.
+bool objectCapture::appendSearched(std::string_view name, typeCode code, jstring string,
+                                   std::size_t most, bool isStatic) {
+  const auto units = static_cast<std::size_t>(jni_->GetStringLength(string));
+  const std::size_t taken = std::min(units, most == kAnyNumber ? kSearched : kSearchedOfShort);
+  if (!readBeginning(string, taken)) {
+    return false;
+  }
+  const std::string_view shown = rules_->text(read_, taken == units, changed_);
+  if (const std::optional<std::string_view> why = redacted::onlyMarkIn(shown);
+      why && shown.data() != read_.data()) {
+    out_.appendRedacted(name, *why, isStatic);
+    return !out_.isCut();
+  }
+  std::size_t at = 0;
+  const auto copy = [&](std::size_t /*start*/, std::size_t count, char* out) {
+    const std::size_t end = redacted::endOfUnits(shown, at, count);
+    *std::copy(shown.begin() + static_cast<std::ptrdiff_t>(at),
+               shown.begin() + static_cast<std::ptrdiff_t>(end), out) = '\0';
+    at = end;
+    return true;
+  };
+  return out_.appendText(name, code, redacted::unitsIn(shown), most, copy, isStatic) ==
+         textOutcome::written;
+}
+
+bool objectCapture::appendedSecret(const field& each, jstring string) {
+  if (!rules_->looksAtValues()) {
+    return false;
+  }
+  const auto units = static_cast<std::size_t>(jni_->GetStringLength(string));
+  const std::size_t taken = std::min(units, kSearched);
+  if (!readBeginning(string, taken)) {
+    return false;
+  }
+  const std::string_view shown = rules_->text(read_, true, changed_);
+  if (shown.data() == read_.data()) {
+    return false;
+  }
+  const std::string_view why = redacted::onlyMarkIn(shown).value_or("password");
+  out_.appendRedacted(each.name.view(), why, each.isStatic);
+  return true;
+}
+
+void objectCapture::appendLong(std::string_view name, std::int64_t value, bool isStatic) {
+  if (rules_ != nullptr) {
+    if (const auto why = rules_->ofNumber(value)) {
+      return out_.appendRedacted(name, redacted::nameOf(*why), isStatic);
+    }
+  }
+  out_.appendNumber(name, typeCode::longInt, value, isStatic);
+}
+
+bool objectCapture::appendedRedacted(std::string_view name, jobject object) {
+  if (rules_ == nullptr) {
+    return false;
+  }
+  localRef<jclass> cls(jni_, jni_->GetObjectClass(object));
+  if (!cls) {
+    return false;
+  }
+  std::unique_ptr<fieldTable> own;
+  const fieldTable& table = tableOf(std::move(cls), own);
+  if (table.why) {
+    out_.appendRedacted(name, redacted::nameOf(*table.why));
+  }
+  return table.why.has_value();
 }
 
 void objectCapture::appendShortText(std::string_view name, jstring string) {
@@ -408,7 +527,9 @@ localRef<jstring> objectCapture::beginningOf(jobject builder) {
   if (clearException()) {
     return {};
   }
-  const jint taken = std::min(units, static_cast<jint>(kShortCharacters + 1));
+  const jint taken = std::min(units, static_cast<jint>(rules_ != nullptr && rules_->looksAtValues()
+                                                           ? kSearchedOfShort + 1
+                                                           : kShortCharacters + 1));
   // Another thread may shorten it meanwhile, which throws.
   localRef<jstring> text(
       jni_, static_cast<jstring>(jni_->CallObjectMethod(builder, substring, jint{0}, taken)));

@@ -12,11 +12,13 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "exceptions/exceptionRecord.h"
 #include "exceptions/raisedInHandler.h"
+#include "exceptions/redaction.h"
 #include "support/jniRef.h"
 
 namespace agent {
@@ -29,9 +31,10 @@ inline constexpr std::int32_t kCaptureThreadLocals = 4;  // thread-local objects
 class objectCapture {
  public:
   // Appends to `out`. `maxDepth` is captureObjDepth: objects at that depth and below are not
-  // expanded. Holds local references of the frame that it is made in.
+  // expanded. What `rules` hide is not read; null hides nothing. Holds local references of the
+  // frame that it is made in.
   objectCapture(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, std::int32_t maxDepth,
-                record::builder& out, raisedInHandler& raised);
+                record::builder& out, raisedInHandler& raised, const redaction* rules);
   ~objectCapture();
   objectCapture(const objectCapture&) = delete;
   objectCapture& operator=(const objectCapture&) = delete;
@@ -46,6 +49,12 @@ class objectCapture {
   // One entry for each declared field of the object's class; the length alone for an array.
   // `depth` is the current nesting level.
   void appendFieldsOf(jobject object, std::int32_t depth);
+
+  // A number of 64 bits.
+  void appendLong(std::string_view name, std::int64_t value, bool isStatic = false);
+
+  // Whether objects of this one's class are hidden; then it was appended so.
+  bool appendedRedacted(std::string_view name, jobject object);
 
   // A text variable, cut to its first 256 characters; in its null form when it cannot be read.
   void appendShortText(std::string_view name, jstring string);
@@ -69,6 +78,12 @@ class objectCapture {
   bool appendNested(const field& each, jobject value, std::int32_t depth);
   bool appendText(std::string_view name, record::typeCode code, jstring string, std::size_t most,
                   bool isStatic = false);
+  // The same for a text that is searched for secrets first.
+  bool appendSearched(std::string_view name, record::typeCode code, jstring string,
+                      std::size_t most, bool isStatic);
+  bool readBeginning(jstring string, std::size_t units);
+  // Whether a text behind a field of another type holds a secret; then it was appended so.
+  bool appendedSecret(const field& each, jstring string);
   // Why a text was not written.
   record::valueState stateOfNoText() const {
     return out_.isCut() ? record::valueState::notRead : record::valueState::unreadable;
@@ -101,6 +116,9 @@ class objectCapture {
   std::int32_t maxDepth_;
   record::builder& out_;
   raisedInHandler& raised_;
+  const redaction* rules_;
+  std::string read_;           // a text that is searched,
+  std::string changed_;        // and what is shown of it
   std::size_t roomForTables_;  // bytes that may still be used to keep what is known of classes
   std::vector<std::unique_ptr<fieldTable>> tables_;
   std::uint32_t steps_ = 0;

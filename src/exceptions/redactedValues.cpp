@@ -56,6 +56,10 @@ bool isOfToken(char c) {
   return isAlphanumeric(c) || isOneOf(c, "_-+/=.~");
 }
 
+bool beginsCharacter(char c) {
+  return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
+}
+
 struct hit {
   std::size_t begin = kNone;
   std::size_t end = kNone;
@@ -737,7 +741,7 @@ std::string_view hideIn(std::string_view text, bool isWhole, const valueRules& r
   std::size_t end = seen.size();
   if (!isWhole) {
     end -= std::min(end, kMargin);
-    while (end > 0 && (static_cast<unsigned char>(seen[end]) & 0xC0U) == 0x80U) {
+    while (end > 0 && !beginsCharacter(seen[end])) {
       --end;
     }
   }
@@ -759,6 +763,27 @@ std::string_view hideIn(std::string_view text, bool isWhole, const valueRules& r
     changed += markOf(reason::notScanned);
   }
   return changed;
+}
+
+std::optional<std::string_view> onlyMarkIn(std::string_view text) {
+  constexpr std::string_view kBegin = "<redacted:";
+  if (!text.starts_with(kBegin) || text.find('>') != text.size() - 1) {
+    return std::nullopt;
+  }
+  return text.substr(kBegin.size(), text.size() - kBegin.size() - 1);
+}
+
+std::size_t unitsIn(std::string_view text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), beginsCharacter));
+}
+
+std::size_t endOfUnits(std::string_view text, std::size_t at, std::size_t units) {
+  for (; at < text.size(); ++at) {
+    if (beginsCharacter(text[at]) && units-- == 0) {
+      break;
+    }
+  }
+  return at;
 }
 
 bool isPattern(std::string_view pattern) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +46,13 @@ inline constexpr std::size_t kScannedBytes = std::size_t{64} << 10U;
 // may begin in them.
 std::string_view hideIn(std::string_view text, bool isWhole, const valueRules& rules,
                         std::string& changed);
+
+// Why the complete text is hidden: the reason in the mark that is all of it.
+std::optional<std::string_view> onlyMarkIn(std::string_view text);
+
+// The UTF-16 units of a text in modified UTF-8, and where so many of them end from `at` on.
+std::size_t unitsIn(std::string_view text);
+std::size_t endOfUnits(std::string_view text, std::size_t at, std::size_t units);
 
 // Whether a pattern can be used: not empty, with something besides "*" and "?", and not longer
 // than 128 characters.
