@@ -336,7 +336,7 @@ TEST_F(redactionInRecords, namesAndTypesOfVariablesHideWithoutARead) {
             test::entry("password", 7, "<redacted:name>") +
                 test::entry("pin", 7, "<redacted:name>") +
                 test::entry("chars", 7, "<redacted:type>"));
-  EXPECT_THAT(vm.callsOf(fake::jvmti::GetLocalObject), IsEmpty());
+  EXPECT_EQ(vm.calls("GetLocalObject"), 0U);
 }
 
 TEST_F(redactionInRecords, textsAreSearchedBeforeTheyAreCut) {
@@ -379,7 +379,8 @@ TEST_F(redactionInRecords, listsAreJoinedByColonsAndMalformedOnesIgnored) {
   beginRedacted("logLevel=1,redact=NAMES,redactNames=salary:age,showNames=pin,redactValues=*");
   EXPECT_EQ(topOf({frameOf("a.B.m", {{"age", "I", jint{3}}, {"pin", "I", jint{4}}})}).arguments,
             test::entry("age", 7, "<redacted:name>") + test::entry("pin", 4, "4"));
-  EXPECT_THAT(log(), HasSubstr("Ignoring option 'redactValues=*'"));
+  EXPECT_THAT(log(), ::testing::Contains(::testing::Field(
+                         &test::logRecord::message, HasSubstr("Ignoring option 'redactValues=*'"))));
 }
 
 // --- Bounds ---
