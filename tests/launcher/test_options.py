@@ -29,8 +29,8 @@ def catalogue():
             profiler = line[1:line.index("]")]
         elif line and not line.startswith("#"):
             key, kind, _, default, sample, _ = (cell.strip() for cell in line.split("|"))
-            if kind == "choice":
-                CHOICES[key] = line.split("|")[2].strip().split(",")
+            if kind == "word":
+                CHOICES[key] = line.split("|")[2].split()
             rows.setdefault(profiler, []).append((key, kind, default, sample))
     return {name: rows[name] for name in ("locks", "contention", "exceptions", "memory")}
 
@@ -57,7 +57,7 @@ def test_each_sample_and_default_is_taken(launcher, folder):
     for profiler, rows in catalogue().items():
         samples = ",".join(f"{key}={sample}" for key, _, _, sample in rows)
         defaults = ",".join(f"{key}={default}" for key, kind, default, _ in rows
-                            if kind not in ("words", "globs"))
+                            if default or kind not in ("word", "words", "globs"))
         for options in (samples, defaults):
             run = launcher.run("run", f"--{profiler}={options}", "--", "true", folder=folder)
             assert (run.code, run.err) == (0, ""), run
@@ -81,7 +81,7 @@ def test_completion_of_keys_and_values():
             expected = {"flag": ["true", "false"], "repeat": ["forever"], "top": ["-1"]}
             for key, _, _, _ in of_kind:
                 shown = completions(f"twprofile start 12 --{profiler}={key}=")
-                assert shown == (CHOICES[key] if kind == "choice" else expected.get(kind, [])), key
+                assert shown == (CHOICES[key] if kind == "word" else expected.get(kind, [])), key
 
 
 def test_commas_and_backslashes_in_a_value(launcher, folder):

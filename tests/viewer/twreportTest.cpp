@@ -56,6 +56,21 @@ TEST(twreport, printsTheRecordedSession) {
   EXPECT_THAT(result.output, HasSubstr("\nBlockers ("));
 }
 
+TEST(twreport, canLeaveOutWhatTheProgramHadInItsVariables) {
+  const std::string page = testing::TempDir() + "without-values.html";
+  ASSERT_EQ(twreport(kRun + " --no-values -o " + page).exitCode, 0);
+  const outcome written = run("cat " + page);
+  const outcome json = twreport(kRun + " --no-values --json");
+  for (const std::string& text : {written.output, json.output}) {
+    EXPECT_THAT(text, HasSubstr("com.example.shop.FailedPayments$PaymentGateway.charge"));
+    for (const char* value : {"payments.example.com", "A. Customer", "4000 ****",
+                              "http-worker-9\",\"class", "com.example.shop.Main\""}) {
+      EXPECT_THAT(text, Not(HasSubstr(value))) << value;
+    }
+  }
+  EXPECT_THAT(twreport(kRun + " --json").output, HasSubstr("payments.example.com"));
+}
+
 TEST(twreport, worksWithoutAStackFile) {
   const outcome result = twreport(kReport);
   EXPECT_EQ(result.exitCode, 0);

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "jsonReader.h"
+#include "withoutValues.h"
 
 namespace viewer {
 
@@ -225,7 +226,11 @@ std::string placeOf(const exceptionFrame& frame) {
 }
 
 exceptionRecord exceptionLog::record(std::size_t index) const {
-  return decoded(lines_.at(index));
+  exceptionRecord found = decoded(lines_.at(index));
+  if (areValuesHidden_) {
+    removeValues(found);
+  }
+  return found;
 }
 
 void exceptionLog::add(byteSource bytes, const std::string& source,

@@ -106,6 +106,9 @@ class exceptionLog {
   std::size_t size() const { return lines_.size(); }
   exceptionRecord record(std::size_t index) const;
 
+  // From now on records are without values, messages, threads and the agent's text.
+  void hideValues() { areValuesHidden_ = true; }
+
   // Of one record, without reading it anew.
   const recordOrigin& origin(std::size_t index) const { return *lines_.at(index).from; }
   const std::string& time(std::size_t index) const { return lines_.at(index).time; }
@@ -155,6 +158,7 @@ class exceptionLog {
   std::set<recordOrigin> origins_;
   std::vector<entry> lines_;
   std::vector<std::string> sources_;
+  bool areValuesHidden_ = false;
   std::uint64_t read_ = 0;  // records, kept or not
   std::size_t ends_ = 0;
   std::optional<captureEnd> counted_;

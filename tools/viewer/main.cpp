@@ -28,6 +28,7 @@
 #include "profileTables.h"
 #include "reportPage.h"
 #include "utf8.h"
+#include "withoutValues.h"
 
 namespace {
 
@@ -67,6 +68,7 @@ int reportProblems(const viewer::profile& all) {
 struct arguments {
   std::vector<std::string> inputs;
   std::string grep;
+  bool noValues = false;
   bool json = false;
   std::string page;
   viewer::tableOptions tables;
@@ -77,8 +79,12 @@ struct arguments {
   viewer::checkedLimits limits;
 };
 
-viewer::profile readInputs(const std::vector<std::string>& inputs, const std::string& grep) {
+viewer::profile readInputs(const std::vector<std::string>& inputs, const std::string& grep,
+                           bool noValues = false) {
   viewer::profile all = viewer::readProfile({inputs.begin(), inputs.end()});
+  if (noValues) {
+    viewer::removeValues(all);
+  }
   if (!grep.empty()) {
     viewer::filter(all, grep);
     if (!viewer::holdsAny(all) && !all.empty()) {
@@ -94,7 +100,7 @@ bool isLost(const viewer::profile& all) {
 }
 
 int show(const arguments& given) {
-  const viewer::profile all = readInputs(given.inputs, given.grep);
+  const viewer::profile all = readInputs(given.inputs, given.grep, given.noValues);
   if (!given.page.empty()) {
     if (!isLost(all)) {
       viewer::writePage(all, given.page, given.tables.exceptions.where);
@@ -109,8 +115,8 @@ int show(const arguments& given) {
 
 int diff(const arguments& given) {
   const viewer::comparison both =
-      viewer::compare(readInputs({given.inputs[0]}, given.grep),
-                      readInputs({given.inputs[1]}, given.grep), given.limit);
+      viewer::compare(readInputs({given.inputs[0]}, given.grep, given.noValues),
+                      readInputs({given.inputs[1]}, given.grep, given.noValues), given.limit);
   if (!given.page.empty()) {
     if (!isLost(both.before) && !isLost(both.after)) {
       viewer::writePage(both, given.page);
@@ -207,6 +213,9 @@ void addTables(CLI::App& to, arguments& given) {
                                            : "";
       })
       ->excludes(json);
+  to.add_flag(
+      "--no-values", given.noValues,
+      "Without values, messages of exceptions, thread names of theirs and the command line");
 }
 
 void addShow(CLI::App& app, arguments& given) {

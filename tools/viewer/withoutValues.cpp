@@ -1,0 +1,38 @@
+#include "withoutValues.h"
+
+namespace viewer {
+
+namespace {
+
+// Flags and numbers are kept: they tell what was recorded.
+bool isText(const std::string& option) {
+  return option.find_first_not_of("0123456789smhk-") != std::string::npos && option != "true" &&
+         option != "false";
+}
+
+}  // namespace
+
+void removeValues(exceptionRecord& record) {
+  record.message.reset();
+  record.thread.clear();
+  record.raw.clear();
+  record.ambiguous.clear();
+  for (exceptionFrame& frame : record.frames) {
+    frame.fields.clear();
+    frame.arguments.clear();
+    frame.locals.clear();
+    frame.threadLocals.clear();
+  }
+}
+
+void removeValues(profile& all) {
+  if (all.run) {
+    all.run->command.reset();
+    std::erase_if(all.run->options, [](const auto& option) { return isText(option.second); });
+  }
+  if (all.exceptions) {
+    all.exceptions->hideValues();
+  }
+}
+
+}  // namespace viewer

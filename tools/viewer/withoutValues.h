@@ -1,0 +1,14 @@
+// Reports that may be given to others: without anything that the program had in its variables.
+#pragma once
+
+#include "profile.h"
+
+namespace viewer {
+
+// Drops the values of exception records with the variables' names, the messages, the records as the
+// agent wrote them, the names of their threads, the command line and the texts of options. Classes,
+// methods, places, counts and times stay.
+void removeValues(profile& all);
+void removeValues(exceptionRecord& record);
+
+}  // namespace viewer
