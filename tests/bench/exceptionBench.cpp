@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "exceptions/exceptionprofiler.h"
-#include "exceptions/redaction.h"
 #include "handlerBench.h"
 #include "vmCalls.h"
 
@@ -125,14 +124,6 @@ void exceptionRecorded(benchmark::State& state) {
   run(state, thrown(kFailure), worker().method, true);
 }
 
-// The same with its names, types and values searched for secrets.
-void exceptionRecordedRedacted(benchmark::State& state) {
-  worker().enable(kAnyRate);
-  agent::redaction::configure({.mode = agent::redactionMode::standard});
-  run(state, thrown(kFailure), worker().method, true);
-  agent::redaction::configure({});
-}
-
 }  // namespace
 
 EVENT_BENCHMARK(exceptionFiltered);
@@ -142,4 +133,3 @@ EVENT_BENCHMARK(exceptionBlackListedCalls);
 EVENT_BENCHMARK(exceptionRateSpent);
 EVENT_BENCHMARK(exceptionRateSpentCalls);
 BENCHMARK(exceptionRecorded)->Apply(setEvents<400>);
-BENCHMARK(exceptionRecordedRedacted)->Apply(setEvents<400>);
