@@ -96,19 +96,18 @@ builder::builder(std::size_t limit, bool wantsPlaces) : limit_(limit), wantsPlac
 }
 
 // Every byte of the text but one that continues a character begins a UTF-16 unit.
-std::vector<std::int32_t> builder::places() const {
-  std::vector<std::int32_t> all;
-  all.reserve(places_.size());
+std::vector<std::int32_t> builder::takePlaces() {
   std::uint32_t units = 0;
   auto done = text_.begin();
-  for (const std::uint32_t each : places_) {
-    const auto next = text_.begin() + static_cast<std::ptrdiff_t>(each & kOffsetMask);
+  for (std::int32_t& each : places_) {
+    const auto given = static_cast<std::uint32_t>(each);
+    const auto next = text_.begin() + static_cast<std::ptrdiff_t>(given & kOffsetMask);
     units += static_cast<std::uint32_t>(
         std::count_if(done, next, [](char byte) { return !isContinuation(byte); }));
     done = next;
-    all.push_back(static_cast<std::int32_t>((each & ~kOffsetMask) | units));
+    each = static_cast<std::int32_t>((given & ~kOffsetMask) | units);
   }
-  return all;
+  return std::move(places_);
 }
 
 // No text pays for these places: they are bounded here.
@@ -248,9 +247,12 @@ void builder::dropLastSeparator(std::size_t start) {
   if (text_.size() - start > kSeparatorLength) {
     text_.resize(text_.size() - kSeparatorLength);
     const auto size = static_cast<std::uint32_t>(text_.size());
-    for (auto each = places_.rbegin(); each != places_.rend() && (*each & kOffsetMask) > size;
-         ++each) {
-      *each = (*each & ~kOffsetMask) | size;
+    for (auto each = places_.rbegin(); each != places_.rend(); ++each) {
+      const auto given = static_cast<std::uint32_t>(*each);
+      if ((given & kOffsetMask) <= size) {
+        break;
+      }
+      *each = static_cast<std::int32_t>((given & ~kOffsetMask) | size);
     }
   }
 }

@@ -66,8 +66,8 @@ class builder {
   const std::string& text() const { return text_; }
   std::string take() { return std::move(text_); }
   std::size_t limit() const { return limit_; }
-  // The places as Java takes them; empty when they are not wanted. Asked before the text is taken.
-  std::vector<std::int32_t> places() const;
+  // The places as Java takes them; empty when they are not wanted. Taken before the text, and last.
+  std::vector<std::int32_t> takePlaces();
 
   bool isCut() const { return isCut_; }
   // Ends the walk over values, for another reason than the room.
@@ -145,7 +145,7 @@ class builder {
   }
   void notePlace(std::size_t offset, std::uint32_t flags = 0) {
     if (wantsPlaces_) {
-      places_.push_back(static_cast<std::uint32_t>(offset) | flags);
+      places_.push_back(static_cast<std::int32_t>(static_cast<std::uint32_t>(offset) | flags));
     }
   }
   void appendHead(std::string_view name, typeCode code);
@@ -162,7 +162,7 @@ class builder {
   std::size_t reserved_ = 0;  // for what closes the open frame and objects
   std::string text_;
   const bool wantsPlaces_;
-  std::vector<std::uint32_t> places_;  // with offsets in bytes
+  std::vector<std::int32_t> places_;  // with offsets in bytes
   bool isCut_ = false;
 };
 

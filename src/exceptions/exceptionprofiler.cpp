@@ -499,7 +499,7 @@ void exceptionProfiler::deliver(throwEvent& event, record::builder& built) {
   }
   const ExceptionCaptureSettings& settings = *event.settings;
   if (settings.onExceptionRecordMethod != nullptr) {
-    record.places = built.places();
+    record.places = built.takePlaces();
     record.facts = factsOf(event, record.isCut);
   }
   record.text = built.take();
@@ -516,7 +516,7 @@ std::uint32_t exceptionProfiler::factsOf(const throwEvent& event, bool isCut) co
   return record::packed({.isCaught = event.isCaught,
                          .isCut = isCut,
                          .isVirtual = isVirtual(event),
-                         .isMade = !event.isCaught,  // where it is thrown the VM says it
+                         .isMade = event.isMade,
                          .objectDepth = captureObjDepth,
                          .objectType = captureObjType,
                          .stackDepth = captureSTDepth});

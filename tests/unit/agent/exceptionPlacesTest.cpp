@@ -198,6 +198,12 @@ TEST_F(exceptionPlaces, theFactsTellWhetherItIsCaught) {
             agent::record::kIsCaughtKnown | agent::record::kIsCaught);
 }
 
+TEST_F(exceptionPlaces, theFactsTellWhetherTheThreadIsVirtual) {
+  begin();
+  thread()->type = vm.makeClass("java.lang.VirtualThread");
+  EXPECT_NE(factsOf({frameOf("a.A.m")}) & agent::record::kIsVirtual, 0U);
+}
+
 TEST_F(exceptionPlaces, theFactsTellTheLimits) {
   begin({}, "captureObjDepth=4,captureObjType=5,captureSTDepth=17");
   const std::uint32_t facts = factsOf({frameOf("a.A.m")});

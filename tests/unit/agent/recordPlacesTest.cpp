@@ -184,7 +184,7 @@ void readsBack(unsigned seed, std::size_t limit) {
     }
   }
   out.dropLastSeparator(0);
-  const std::vector<placedFrame> frames = readPlaced(out.text(), out.places());
+  const std::vector<placedFrame> frames = readPlaced(out.text(), out.takePlaces());
   ASSERT_FALSE(::testing::Test::HasFailure()) << seed << ", " << limit << ": " << out.text();
   EXPECT_TRUE(frames == expected) << seed << ", " << limit << ": " << out.text();
 }
@@ -204,11 +204,9 @@ TEST(recordPlaces, anyValuesAreReadBackFromARecordThatIsCutAnywhere) {
 TEST(recordPlaces, aTextThatCannotBeReadLeavesNone) {
   builder out(kNoLimit, true);
   openFrame(out);
-  const std::vector<std::int32_t> before = out.places();
   const auto read = [](std::size_t, std::size_t, char*) { return false; };
   out.appendText("s", typeCode::string, 10, 10, read);
-  EXPECT_EQ(out.places(), before);
-  EXPECT_EQ(before.size(), 4U);
+  EXPECT_EQ(out.takePlaces().size(), 4U) << "those of the header";
 }
 
 TEST(recordPlaces, areNotKeptWhereNobodyWantsThem) {
@@ -216,7 +214,7 @@ TEST(recordPlaces, areNotKeptWhereNobodyWantsThem) {
   openFrame(out);
   out.appendNumber("n", typeCode::integer, 1);
   out.noteUnavailable();
-  EXPECT_TRUE(out.places().empty());
+  EXPECT_TRUE(out.takePlaces().empty());
 }
 
 TEST(recordPlaces, theTextIsTheSameWithThem) {
@@ -239,7 +237,7 @@ TEST(recordPlaces, areBoundedByTheBudget) {
   while (!out.isCut()) {
     out.appendNullField("");
   }
-  EXPECT_LE(out.places().size(), 2 * kLimit / 3);
+  EXPECT_LE(out.takePlaces().size(), 2 * kLimit / 3);
 }
 
 TEST(recordPlaces, aRedactedValueIsATextEntry) {

@@ -211,7 +211,11 @@ TEST_F(lockBounds, sessionAfterSessionHoldsWhatOneDoes) {
 
 // --- Exceptions --------------------------------------------------------------------------------
 
-class exceptionBounds : public exceptionTest {};
+class exceptionBounds : public exceptionTest {
+ protected:
+  // That what is built for a record is less than so many times its budget.
+  void takesLessThan(std::size_t times);
+};
 
 TEST_F(exceptionBounds, aNewClassEachTimeKeepsItsName) {
   begin({.rate = 5});
@@ -228,6 +232,15 @@ TEST_F(exceptionBounds, aNewClassEachTimeKeepsItsName) {
 // What is built for a record, next to which its String may take twice as much in Java: a character
 // of one byte can be one of two there.
 TEST_F(exceptionBounds, aRecordTakesLessThanTwiceItsBudget) {
+  takesLessThan(2);
+}
+
+TEST_F(exceptionBounds, aRecordWithPlacesTakesLessThanThreeTimesItsBudget) {
+  takesPlaces = true;
+  takesLessThan(3);
+}
+
+void exceptionBounds::takesLessThan(std::size_t times) {
   fake::javaClass* const colour = vm.makeClass("com.example.Colour");
   for (int i = 0; i < 40; ++i) {
     vm.setStatic(vm.makeField(colour, "C" + std::to_string(i), "Lcom/example/Colour;", 0x0008),
@@ -245,7 +258,7 @@ TEST_F(exceptionBounds, aRecordTakesLessThanTwiceItsBudget) {
     mostBytes = before;
     const std::string record = recordOf({frameOf("a.A.m", {}, {{"v", "Lx/Y;", value}})});
     EXPECT_GT(record.size(), static_cast<std::size_t>(budget) * 9 / 10);
-    EXPECT_LT(mostBytes - before, static_cast<std::size_t>(budget) * 2);
+    EXPECT_LT(mostBytes - before, static_cast<std::size_t>(budget) * times);
     std::printf("measured: a record of %zu bytes, held at once: %zu bytes\n", record.size(),
                 mostBytes - before);
   }

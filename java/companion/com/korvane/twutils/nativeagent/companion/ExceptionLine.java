@@ -111,8 +111,10 @@ final class ExceptionLine {
       case REDACTED:
         json.key("redacted").value(reasonIn(value.text()));
         break;
-      case NULL:
       case NULL_OR_NOT_READ:
+        json.key("uncertain").value(true);
+        break;
+      case NULL:
         if (areNullsUncertain) {
           json.key("uncertain").value(true);
         }

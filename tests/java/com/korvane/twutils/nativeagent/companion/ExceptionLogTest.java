@@ -49,7 +49,7 @@ public final class ExceptionLogTest {
             + "\"arguments\":[{\"name\":\"qty\",\"type\":\"int\",\"value\":\"3\"},"
             + "{\"name\":\"cart\",\"type\":\"object\",\"fields\":"
             + "[{\"name\":\"size\",\"type\":\"int\",\"value\":\"2\"}]},"
-            + "{\"name\":\"no\",\"type\":\"object\",\"value\":null}],"
+            + "{\"name\":\"no\",\"type\":\"object\",\"value\":null,\"uncertain\":true}],"
             + "\"locals\":[{\"name\":\"name\",\"type\":\"String\",\"value\":\"pen\"}],"
             + "\"threadLocals\":[]},"
             + "{\"method\":\"a.B.c\",\"file\":null,\"line\":-1,\"fields\":[],\"arguments\":[],"
