@@ -9,8 +9,8 @@ import java.util.Arrays;
 import java.util.List;
 
 /**
- * Throws among values that hold what separates values in a record, and compares what is decoded with
- * them. Facts: how many records were decoded, how many of them were cut, and what was wrong.
+ * Throws among values that hold what separates values in a record, and compares what is decoded
+ * with them. Facts: how many records were decoded, how many of them were cut, and what was wrong.
  */
 public final class NastyValues {
   private static final int SHORT = 256; // characters of a variable
@@ -93,11 +93,13 @@ public final class NastyValues {
 
   private static List<String> texts() {
     List<String> texts = new ArrayList<>(Arrays.asList(
-        "", "pen", "NULL", "%", "!", "%2C", "%3A", "!%23", "!%23%2C", "NULL!%23%2C", "%40%41", "%42",
-        "%43", "%44", "%7C", "<redacted:name>", "\0", "a\0b%2C", "caf\u00e9%2C", "\u20ac%3A7%3A",
-        "\ud83d\ude00%7C", "\ud83d", "\ude00%2C", "%2C\ud83d", "x%2Cy%3A4%3A1%2C",
-        "%2C!%23%2C!%23o%3A10%3A", "%42%43%44%7Ca.B.n(B.java:2)%40%41%42%43%44"));
-    for (String each : new String[] {"x", "%2C", "\u00e9", "\u20ac", "\ud83d\ude00", "!%23%2C%43"}) {
+        "", "pen", "NULL", "%", "!", "%2C", "%3A", "!%23", "!%23%2C", "NULL!%23%2C", "%40%41",
+        "%42", "%43", "%44", "%7C", "<redacted:name>", "\0", "a\0b%2C", "caf\u00e9%2C",
+        "\u20ac%3A7%3A", "\ud83d\ude00%7C", "\ud83d", "\ude00%2C", "%2C\ud83d",
+        "x%2Cy%3A4%3A1%2C", "%2C!%23%2C!%23o%3A10%3A",
+        "%42%43%44%7Ca.B.n(B.java:2)%40%41%42%43%44"));
+    String[] pieces = {"x", "%2C", "\u00e9", "\u20ac", "\ud83d\ude00", "!%23%2C%43"};
+    for (String each : pieces) {
       for (int length : new int[] {255, 256, 257, 1000, 30_000}) {
         texts.add(repeated(each, length));
         texts.add(repeated("y" + each, length));
