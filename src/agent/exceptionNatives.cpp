@@ -1,10 +1,13 @@
 // Native methods of AgentExceptions: what is additional to the capture of exceptions.
 #include <com_korvane_twutils_nativeagent_AgentExceptions.h>
 
+#include <memory>
 #include <string>
 
 #include "agent/nativeMethod.h"
 #include "exceptions/captureMode.h"
+#include "exceptions/currentProfiler.h"
+#include "exceptions/exceptionprofiler.h"
 #include "exceptions/siteCounts.h"
 #include "exceptions/siteReport.h"
 #include "support/fileWriter.h"
@@ -43,4 +46,23 @@ JNIEXPORT jstring JNICALL TW_EXCEPTIONS(snapshot)(JNIEnv* jni, jclass /*cls*/, j
     return 1;
   });
   return problem.empty() ? nullptr : jni->NewStringUTF(problem.c_str());
+}
+
+JNIEXPORT void JNICALL TW_EXCEPTIONS(oneRecordEach)(JNIEnv* /*jni*/, jclass /*cls*/,
+                                                    jboolean isOn) {
+  native(TW_EXCEPTIONS_NAME(oneRecordEach), [&] {
+    if (const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler()) {
+      exceptions->recordEachOnce(isOn == JNI_TRUE);
+    }
+    return 1;
+  });
+}
+
+JNIEXPORT void JNICALL TW_EXCEPTIONS(spreadRate)(JNIEnv* /*jni*/, jclass /*cls*/, jboolean isOn) {
+  native(TW_EXCEPTIONS_NAME(spreadRate), [&] {
+    if (const std::shared_ptr<exceptionProfiler> exceptions = getExceptionProfiler()) {
+      exceptions->spreadRate(isOn == JNI_TRUE);
+    }
+    return 1;
+  });
 }

@@ -24,12 +24,13 @@ enum class exceptionCount : std::int32_t {
   callback,   // lost: the callback threw something, or there is none
   noMemory,   // lost: no memory
   vm,         // lost: the VM refused something that a record cannot do without
+  rethrown,   // has its record already
 };
-inline constexpr std::size_t kExceptionCounts = 10;
+inline constexpr std::size_t kExceptionCounts = 11;
 
 // Of the process, from its start on. Each exception that was seen is in exactly one of filtered,
-// blackListed, overRate, delivered and the four lost ones as soon as its handler is done. Any
-// thread.
+// blackListed, overRate, delivered, rethrown and the four lost ones as soon as its handler is done.
+// Any thread.
 class exceptionCounts {
  public:
   void add(exceptionCount which) { at(which).fetch_add(1, std::memory_order_relaxed); }

@@ -67,6 +67,10 @@ std::int64_t steadyNanos() {
   return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+std::int64_t steadySeconds() {
+  return steadyNanos() / 1'000'000'000;
+}
+
 constexpr siteCount siteCountOf(exceptionCount which) {
   switch (which) {
     case exceptionCount::filtered:
@@ -79,6 +83,8 @@ constexpr siteCount siteCountOf(exceptionCount which) {
       return siteCount::recorded;
     case exceptionCount::cut:
       return siteCount::cut;
+    case exceptionCount::rethrown:
+      return siteCount::rethrown;
     default:
       return siteCount::failed;
   }
@@ -369,7 +375,12 @@ std::optional<exceptionCount> exceptionProfiler::refusal(throwEvent& event) {
       return refused;
     }
   }
-  return refusalOfClass(event.info->value.lowerCaseName, *event.settings);
+  // Where it is made, no object is met again.
+  if (event.isCaught && recorded_.isOn() &&
+      recorded_.has(event.jvmti, event.jni, event.exception)) {
+    return exceptionCount::rethrown;
+  }
+  return refusalOfClass(event);
 }
 
 bool exceptionProfiler::goesWithoutSite(const throwEvent& event) {
@@ -403,14 +414,18 @@ std::optional<exceptionCount> exceptionProfiler::refusalOfThrower(throwEvent& ev
   return exceptionCount::filtered;
 }
 
-std::optional<exceptionCount> exceptionProfiler::refusalOfClass(
-    const std::string& className, const ExceptionCaptureSettings& settings) {
+std::optional<exceptionCount> exceptionProfiler::refusalOfClass(const throwEvent& event) {
+  const std::string& className = event.info->value.lowerCaseName;
+  const ExceptionCaptureSettings& settings = *event.settings;
   if (className.empty()) {
     logRefusal("exception class is empty");
     return exceptionCount::vm;
   }
   // Deliberate: before the black list, so that what that refuses uses up its class's rate too.
-  if (!takeRate(className, settings.captureRate, std::time(nullptr))) {
+  const bool isWithinRate =
+      spread_.isOn() ? spread_.take(className, settings.captureRate, event.site, steadySeconds())
+                     : takeRate(className, settings.captureRate, std::time(nullptr));
+  if (!isWithinRate) {
     logRefusal("exception ratecount exceed");
     return exceptionCount::overRate;
   }
@@ -548,6 +563,9 @@ raisedInHandler::kind exceptionProfiler::handOver(throwEvent& event, const finis
   const raisedInHandler::kind raised = event.raised->clearAfterCallback();
   if (raised == raisedInHandler::kind::none) {
     count(event, exceptionCount::delivered);
+    if (event.isCaught && recorded_.isOn()) {
+      recorded_.add(event.jvmti, event.jni, event.exception);
+    }
   } else {
     loseByRaised(event, raised, true);
   }

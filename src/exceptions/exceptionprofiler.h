@@ -22,6 +22,8 @@
 #include "exceptions/exceptionCounts.h"
 #include "exceptions/jvmtiCheck.h"
 #include "exceptions/raisedInHandler.h"
+#include "exceptions/rateSpread.h"
+#include "exceptions/recordedObjects.h"
 #include "exceptions/throwEvent.h"
 #include "support/annotations.h"
 #include "support/rateLimit.h"
@@ -91,6 +93,11 @@ class exceptionProfiler : public profiler {
   // Within the callback: whether the record that it was given was cut.
   static bool isRecordCut();
 
+  // Whether an object that is thrown again gets no further record, and whether the rate is spread
+  // over the minute; both off at first.
+  void recordEachOnce(bool isOn) { recorded_.enable(isOn); }
+  void spreadRate(bool isOn) { spread_.enable(isOn); }
+
   // Counts an exception of the class against the rate; whether it may be recorded. `now` is in
   // seconds since the epoch.
   bool takeRate(const std::string& className, std::int32_t rate, std::time_t now)
@@ -103,8 +110,7 @@ class exceptionProfiler : public profiler {
   std::optional<exceptionCount> refusal(throwEvent& event);
   bool goesWithoutSite(const throwEvent& event);
   std::optional<exceptionCount> refusalOfThrower(throwEvent& event);
-  std::optional<exceptionCount> refusalOfClass(const std::string& className,
-                                               const ExceptionCaptureSettings& settings);
+  std::optional<exceptionCount> refusalOfClass(const throwEvent& event);
   void recordAndDeliver(throwEvent& event);
   void deliver(throwEvent& event, record::builder& built);
   std::uint32_t factsOf(const throwEvent& event, bool isCut) const;
@@ -120,7 +126,9 @@ class exceptionProfiler : public profiler {
   support::sharedSlot<ExceptionCaptureSettings> settings_;
   support::mutex rateMutex_;
   std::map<std::string, ExceptionRateEntry> rates_ GUARDED_BY(rateMutex_);
+  rateSpread spread_;
   knownClasses classes_;
+  recordedObjects recorded_;
   support::rateLimit makerLookups_;
   support::vmTurns localTurns_;  // for GetLocal calls
   lossLines lossLines_;

@@ -57,8 +57,8 @@ class siteRow {
     at(siteCount::failed).fetch_sub(1, std::memory_order_release);
     add(siteCount::recorded);
   }
-  // True for the first call.
-  bool takeFirst() { return !isTaken_.exchange(true, std::memory_order_relaxed); }
+  // Whether one of the rate's records was for this site.
+  void take() { isTaken_.store(true, std::memory_order_relaxed); }
   bool isTaken() const { return isTaken_.load(std::memory_order_relaxed); }
 
   // What became of an exception is read before its throw: there are as many throws at least.

@@ -18,33 +18,34 @@
 
 namespace support {
 
-// A weak reference on a class. It is deleted by whoever lets go last: any thread of the VM.
-class weakClass {
+// A weak reference on an object, such as a class. It is deleted by whoever lets go last: any thread
+// of the VM.
+class weakObject {
  public:
-  // Without memory for a reference it matches no class.
-  weakClass(JNIEnv* jni, jclass cls) {
+  // Without memory for a reference it matches no object.
+  weakObject(JNIEnv* jni, jobject object) {
     if (jni->GetJavaVM(&vm_) != JNI_OK) {
       return;
     }
-    reference_ = jni->NewWeakGlobalRef(cls);
+    reference_ = jni->NewWeakGlobalRef(object);
     if (reference_ == nullptr) {
       jni->ExceptionClear();
     }
   }
-  ~weakClass() {
+  ~weakObject() {
     void* jni = nullptr;
     if (reference_ == nullptr || vm_->GetEnv(&jni, JNI_VERSION_1_8) != JNI_OK) {
       return;
     }
     static_cast<JNIEnv*>(jni)->DeleteWeakGlobalRef(reference_);
   }
-  weakClass(const weakClass&) = delete;
-  weakClass& operator=(const weakClass&) = delete;
+  weakObject(const weakObject&) = delete;
+  weakObject& operator=(const weakObject&) = delete;
 
   // False when there was no memory for a reference.
   bool held() const { return reference_ != nullptr; }
-  bool is(JNIEnv* jni, jclass cls) const {
-    return reference_ != nullptr && jni->IsSameObject(reference_, cls) != JNI_FALSE;
+  bool is(JNIEnv* jni, jobject object) const {
+    return reference_ != nullptr && jni->IsSameObject(reference_, object) != JNI_FALSE;
   }
   // The class is gone, or was never held.
   bool unloaded(JNIEnv* jni) const { return jni->IsSameObject(reference_, nullptr) != JNI_FALSE; }
@@ -62,7 +63,7 @@ class classCache {
     entry(JNIEnv* jni, jclass klass, Args&&... args)
         : cls(jni, klass), value(std::forward<Args>(args)...) {}
 
-    const weakClass cls;
+    const weakObject cls;
     const Value value;
   };
   using entryPtr = std::shared_ptr<const entry>;

@@ -128,11 +128,11 @@ def test_what_a_run_leaves(start):
     own = summary.pop("own")
     assert summary == {"recorded": len(records), "dropped": 0}
     assert set(counts) == {"seen", "filtered", "blackListed", "overRate", "delivered", "cut",
-                           "failed"}
+                           "rethrown", "failed"}
     assert counts["failed"] == {"stack": 0, "callback": 0, "memory": 0, "vm": 0}
     assert counts["delivered"] == len(records) + own > 0
     assert counts["seen"] == sum(counts[k] for k in ("filtered", "blackListed", "overRate",
-                                                     "delivered"))
+                                                     "delivered", "rethrown"))
     refused = [r for r in records if r["class"] == "java.lang.IllegalStateException"]
     assert [r["message"] for r in refused] == [f"refused: order {i} é" for i in (1, 2, 3)]
     for i, record in enumerate(refused, 1):

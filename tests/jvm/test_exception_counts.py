@@ -90,6 +90,10 @@ def test_records_are_counted_where_they_are_made(start):
     fifth = [row for row in report["sites"] if row["class"] == "ThrowingSites$Fifth"]
     assert sum(row["recorded"] for row in fifth) == 0
     assert sum(row["blackListed"] for row in fifth) >= 1
+    for name in ("Second", "Third", "Fourth"):
+        rows = [row for row in report["sites"] if row["class"] == f"ThrowingSites${name}"]
+        assert all(row["recorded"] > 0 for row in rows), "each site has one"
+        assert 5 <= sum(row["recorded"] for row in rows) <= 10, "the rate is spread"
 
 
 def test_counts_of_virtual_threads(start, jvm):
@@ -125,7 +129,10 @@ def test_classes_that_are_loaded_anew_are_the_same_sites(start):
 def test_counts_are_written_meanwhile(start):
     run = start("StillCounting", OUTPUT, given=",exceptions.interval=1s")
     assert run.facts["seen"] == "true"
-    counts_of(run)
+    (row,) = [row for row in counts_of(run)["sites"] if row["class"] == "StillCounting$Thrown"]
+    assert (row["thrown"], row["recorded"], row["rethrown"]) == (3, 1, 2), "one object, one record"
+    records, _ = lines(run_folder(run) / "exceptions.jsonl")
+    assert len([r for r in records if r["class"] == "StillCounting$Thrown"]) == 1
 
 
 def test_an_older_library(start, jvm, tmp_path):

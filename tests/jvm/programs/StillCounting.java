@@ -2,7 +2,7 @@ import java.io.File;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 
-/** Throws, and waits until a file of counts has that. Argument: the output folder. */
+/** Throws one object three times, and waits until a file of counts has that. Argument: the output folder. */
 public final class StillCounting {
   private static final long PATIENCE_NANOS = 30_000_000_000L;
 
@@ -15,10 +15,13 @@ public final class StillCounting {
   public static void main(String[] args) throws Exception {
     File folder = new File(args[0]).listFiles()[0];
     File counts = new File(folder, "exception-counts.json");
-    try {
-      throw new Thrown();
-    } catch (Thrown e) {
-      // Counted.
+    Thrown thrown = new Thrown();
+    for (int i = 0; i < 3; i++) {
+      try {
+        throw thrown;
+      } catch (Thrown e) {
+        // Counted.
+      }
     }
     long end = System.nanoTime() + PATIENCE_NANOS;
     boolean isSeen = false;

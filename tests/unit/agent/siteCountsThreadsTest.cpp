@@ -36,7 +36,6 @@ TEST_F(siteCountThreads, eachThrowIsCountedOnce) {
     frames.push_back(frameOf("a.A.m" + std::to_string(i)));
   }
   fake::object* const thrown = vm.makeObject(kFailure);
-  std::atomic<int> running = kThreads;
   onThreads([&](fake::javaThread* java) {
     for (int round = 0; round < kRounds; ++round) {
       for (const fake::frame& each : frames) {
@@ -44,7 +43,6 @@ TEST_F(siteCountThreads, eachThrowIsCountedOnce) {
         vm.exception(java, each.code, each.location, thrown);
       }
     }
-    --running;
   });
   const json read = report();
   ASSERT_EQ(read["sites"].size(), frames.size());
@@ -71,6 +69,28 @@ TEST_F(siteCountThreads, waysToASiteCrowdOutEachOtherAndNothingIsLost) {
   const json read = report();
   ASSERT_EQ(read["sites"].size(), 1U);
   EXPECT_EQ(read["sites"][0]["thrown"], kThreads * kPlaces);
+}
+
+TEST_F(siteCountThreads, objectsThatAreThrownAgainByManyHaveOneFateEach) {
+  begin();
+  exceptions()->recordEachOnce(true);
+  const fake::frame frame = frameOf("a.A.m");
+  onThreads([&](fake::javaThread* java) {
+    for (int round = 0; round < kRounds; ++round) {
+      fake::object* const thrown = vm.makeObject(kFailure);
+      java->setFrames({frame});
+      vm.exception(java, frame.code, frame.location, thrown);
+      vm.exception(java, frame.code, frame.location, thrown);
+      if (round % 40 == 39) {
+        exceptions()->recordEachOnce(false);
+        exceptions()->recordEachOnce(true);
+      }
+    }
+  });
+  const json total = report()["total"];
+  EXPECT_EQ(total["thrown"], 2 * kThreads * kRounds);
+  EXPECT_EQ(total["recorded"].get<int>() + total["rethrown"].get<int>(), 2 * kThreads * kRounds);
+  EXPECT_GT(total["rethrown"], kThreads * kRounds / 2);
 }
 
 TEST_F(siteCountThreads, areReadWhileOthersThrow) {

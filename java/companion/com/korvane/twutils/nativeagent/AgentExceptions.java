@@ -16,4 +16,17 @@ public final class AgentExceptions {
    * @return null when the file is complete, else why it is not
    */
   static native String snapshot(String path);
+
+  /**
+   * Whether an object that has its record gets no other when it is thrown again: it is counted as
+   * rethrown. The agent remembers the last 1024 objects or so; what is thrown again after that gets
+   * a new record. Off at first.
+   */
+  public static native void oneRecordEach(boolean isOn);
+
+  /**
+   * Whether the rate of a class is spread over the minute: half of it is there at once, and the
+   * rest comes back evenly, or is for sites that have had no record yet. Off at first.
+   */
+  public static native void spreadRate(boolean isOn);
 }

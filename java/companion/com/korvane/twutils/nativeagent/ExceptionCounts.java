@@ -42,6 +42,9 @@ public final class ExceptionCounts {
   /** Lost, for the JVM refused what a record cannot do without. */
   public final long failedVm;
 
+  /** Of an object that has its record already; 0 with an agent that does not count these. */
+  public final long rethrown;
+
   private ExceptionCounts() {
     int which = 0;
     seen = AgentCounters.exceptions(which++);
@@ -53,7 +56,8 @@ public final class ExceptionCounts {
     failedStack = AgentCounters.exceptions(which++);
     failedCallback = AgentCounters.exceptions(which++);
     failedMemory = AgentCounters.exceptions(which++);
-    failedVm = AgentCounters.exceptions(which);
+    failedVm = AgentCounters.exceptions(which++);
+    rethrown = AgentCounters.exceptions(which);
   }
 
   /**

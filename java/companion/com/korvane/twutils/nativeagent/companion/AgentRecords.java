@@ -84,6 +84,7 @@ final class AgentRecords {
     json.key("blackListed").value(counts.blackListed);
     json.key("overRate").value(counts.overRate);
     json.key("delivered").value(counts.delivered);
+    json.key("rethrown").value(counts.rethrown);
     json.key("cut").value(counts.cut);
     json.key("failed").beginObject();
     json.key("stack").value(counts.failedStack);

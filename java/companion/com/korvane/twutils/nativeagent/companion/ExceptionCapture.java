@@ -46,6 +46,7 @@ final class ExceptionCapture implements Activity {
     requireMode();
     RedactionOptions.apply(options);
     startWriter();
+    sites.prepare();
     try {
       NativeAgent.startExceptions(settings, log);
       isOn = true;

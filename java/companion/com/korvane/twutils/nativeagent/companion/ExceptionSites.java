@@ -1,13 +1,15 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.AgentExceptions;
 import com.korvane.twutils.nativeagent.ExceptionCounts;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.time.Duration;
 
 /**
- * Writes the file of what was thrown at which site, anew at an interval and at the end. What fails
- * is tried again the next time, and printed once. Used in turn.
+ * Has the agent choose its records from all that is thrown at each site, and writes the file of
+ * these, anew at an interval and at the end. What fails is tried again the next time, and printed
+ * once. Used in turn.
  */
 final class ExceptionSites {
   private final Controller controller;
@@ -24,6 +26,21 @@ final class ExceptionSites {
     file = controller.folder().exceptionCounts();
   }
 
+  /** Exceptions are about to be captured. */
+  void prepare() {
+    try {
+      choose(true);
+    } catch (UnsatisfiedLinkError e) {
+      isThere = false;
+      Console.print("exceptions are not counted by site: the agent is older than the companion");
+    }
+  }
+
+  private static void choose(boolean isOn) {
+    AgentExceptions.oneRecordEach(isOn);
+    AgentExceptions.spreadRate(isOn);
+  }
+
   /** Exceptions are captured from now on. */
   void begin() {
     next = controller.step(this::takeStep);
@@ -34,6 +51,9 @@ final class ExceptionSites {
   void end() {
     next.remove();
     write();
+    if (isThere) {
+      choose(false);
+    }
   }
 
   private void takeStep() {
@@ -48,9 +68,6 @@ final class ExceptionSites {
     try {
       ExceptionCounts.writeSites(file);
       hasFailed = false;
-    } catch (UnsatisfiedLinkError e) {
-      isThere = false;
-      Console.print("exceptions are not counted by site: the agent is older than the companion");
     } catch (IOException | IllegalArgumentException e) {
       if (!hasFailed) {
         hasFailed = true;
