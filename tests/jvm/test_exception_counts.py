@@ -96,6 +96,17 @@ def test_records_are_counted_where_they_are_made(start):
         assert 5 <= sum(row["recorded"] for row in rows) <= 10, "the rate is spread"
 
 
+@pytest.mark.parametrize("exclude", ["java.lang.ClassNotFoundException", "none"])
+def test_what_is_excluded_is_counted(start, exclude):
+    run = start("MissingClass", given=f",exceptions.exclude={exclude}")
+    rows = [row for row in counts_of(run)["sites"]
+            if row["class"] == "java.lang.ClassNotFoundException" and row["recorded"] +
+            row["blackListed"] > 0]
+    records, _ = lines(run_folder(run) / "exceptions.jsonl")
+    assert any("no.such.Type" == r["message"] for r in records) == (exclude == "none")
+    assert all((row["recorded"] > 0) == (exclude == "none") for row in rows) and rows
+
+
 def test_counts_of_virtual_threads(start, jvm):
     if jvm.version() < 21:
         pytest.skip("there are none")

@@ -210,6 +210,24 @@ def test_profilers_choose_the_features(launcher, folder):
     assert features("--memory=track=a.B", "--exceptions") == "memoryprofiling_exceptionprofiling"
 
 
+NOISE = "java.lang.ClassNotFoundException,java.security.PrivilegedActionException"
+
+
+@pytest.mark.parametrize("option, excluded", (
+    ("--exceptions", NOISE),
+    ("--exceptions=rate=5", NOISE),
+    ("--exceptions=exclude=none", "none"),
+    ("--exceptions=rate=5,exclude=a.B,c.D", "a.B,c.D"),
+    ("--locks", None),
+))
+def test_lookups_of_classes_have_no_records(launcher, folder, option, excluded):
+    launcher.run("run", option, "--", "true", folder=folder)
+    (settings,) = (folder / OUTPUT).glob("settings-*.properties")
+    given = [line for line in settings.read_text("ascii").splitlines() if "exclude" in line]
+    assert given == ([] if excluded is None else [f"exceptions.exclude={excluded}"])
+    assert NOISE in launcher.run("help", "run", folder=folder).out
+
+
 def test_the_contention_profile_is_the_choice_of_those_that_choose_none(launcher, folder):
     launcher.run("run", "--", "true", folder=folder)
     (settings,) = (folder / OUTPUT).glob("settings-*.properties")

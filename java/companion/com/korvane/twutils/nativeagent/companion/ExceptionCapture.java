@@ -4,6 +4,8 @@ import com.korvane.twutils.nativeagent.ExceptionSettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
 import com.korvane.twutils.nativeagent.OptionKey;
 import java.nio.file.Path;
+import java.util.Collections;
+import java.util.List;
 import java.util.Map;
 
 /** Captures exceptions into the files of a log. */
@@ -38,7 +40,12 @@ final class ExceptionCapture implements Activity {
         .threadLocals(reader.flag(OptionKey.EXCEPTIONS_THREAD_LOCALS))
         .rate(reader.number(OptionKey.EXCEPTIONS_RATE))
         .depth(reader.number(OptionKey.EXCEPTIONS_DEPTH))
-        .exclude(reader.list(OptionKey.EXCEPTIONS_EXCLUDE));
+        .exclude(excluded(reader.list(OptionKey.EXCEPTIONS_EXCLUDE)));
+  }
+
+  /** The word stands for no class, where there would be some without the option. */
+  private static List<String> excluded(List<String> given) {
+    return given.equals(Collections.singletonList("none")) ? Collections.emptyList() : given;
   }
 
   @Override
