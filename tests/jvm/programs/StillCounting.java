@@ -2,7 +2,10 @@ import java.io.File;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 
-/** Throws one object three times, and waits until a file of counts has that. Argument: the output folder. */
+/**
+ * Throws one object three times, and waits until a file of counts has that. Argument: the output
+ * folder.
+ */
 public final class StillCounting {
   private static final long PATIENCE_NANOS = 30_000_000_000L;
 
