@@ -1,5 +1,6 @@
 import com.korvane.twutils.nativeagent.CapturedValue;
 import com.korvane.twutils.nativeagent.ExceptionRecord;
+import com.korvane.twutils.nativeagent.ExceptionSink;
 import com.korvane.twutils.nativeagent.TWNativeAgentProfiling;
 import java.util.ArrayList;
 import java.util.List;
@@ -20,13 +21,26 @@ final class Captured {
     this.exception = (Throwable) exception;
   }
 
+  /** Keeps exceptions, and asks them for nothing before they are told of. */
+  private static final class Keeper implements ExceptionSink {
+    @Override
+    public void onException(String text, Object exception) {
+      ALL.add(new Captured(text, exception));
+    }
+
+    @Override
+    public boolean takesUnfinished() {
+      return true;
+    }
+  }
+
   /** Captures everything, without a limit, from now on. */
   static int everything() {
     return everything(30);
   }
 
   static int everything(int frames) {
-    TWNativeAgentProfiling.setExceptionSink((text, e) -> ALL.add(new Captured(text, e)));
+    TWNativeAgentProfiling.setExceptionSink(new Keeper());
     return enable(true, 0, frames, "[]");
   }
 

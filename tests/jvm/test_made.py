@@ -1,0 +1,187 @@
+"""Exceptions that are captured where they are made, in the constructors of Throwable."""
+
+import re
+
+import pytest
+
+from harness import HOME
+
+BASE = f"logLevel=1,twHome={HOME},captureObjType=7,captureObjDepth=2,captureSTDepth=20"
+MADE = BASE + ",exceptionCapture=made"
+
+# Of the corpus, situations whose number of records differs from that of the event: what the first
+# throw has made is thrown again, or the VM has made it beforehand.
+AGAIN = {"format", "sleep", "synchronizedBlock", "finallyBlock", "suppressed", "sameTwice"}
+BEFOREHAND = {"tooLarge", "stackOverflow"}
+# The event names a class loader as the thrower, which is filtered; the VM makes it for the program.
+OTHER_THROWER = {"missingClass"}
+# Situations in which one method makes the exception and another one throws it, on one JDK or another.
+HELPED = {"listGet", "parseInt", "pattern", "substring", "arrayCopy", "handleType", "handleThrower",
+          "handleMissing", "future", "missingClass", "optional", "iterator", "charAt", "bigDecimal",
+          "ownLoader", "proxy", "format", "sublist", "modified", "forName", "immutable", "await",
+          "interrupted", "unmodifiable", "objectInput", "notANumber"}
+# The method where the object that is thrown is made does not end there, or not at once.
+OTHER_VALUES = {"wrapped"}
+
+RUNS = {
+    "plain": (),
+    "checked": ("-Xcheck:jni",),
+    "verified": ("-Xverify:all",),  # of java.lang.Throwable, too
+}
+
+
+def plain(text):
+    """Without what differs from run to run."""
+    text = re.sub(r"(\$\$Lambda|LambdaForm\$\w+|GeneratedMethodAccessor)[^( ,]*", r"\1", text)
+    return re.sub(r"@[0-9a-f]+|0x[0-9a-f]+", "", text)
+
+
+def records(run):
+    """By situation and number: the facts of a record."""
+    found = {}
+    for key, value in run.facts.items():
+        name, _, rest = key.partition(".")
+        number, _, rest = rest.partition(".")
+        # Class loaders and reflection have times, and numbers that depend on what was before.
+        changing = re.match(r"thread|.*reflectionData|.*\.(t0|t1|slot)$", rest)
+        if number.isdigit() and not changing:
+            found.setdefault((name, number), {})[plain(rest)] = plain(value)
+    return found
+
+
+@pytest.fixture(scope="module")
+def thrown(jvm):
+    return jvm.run("ExceptionCorpus", options=BASE)
+
+
+@pytest.fixture(scope="module", params=RUNS.values(), ids=RUNS)
+def made(request, jvm):
+    if not jvm.supports(*request.param):
+        pytest.skip("this Java does not know the options")
+    verified = request.param == RUNS["verified"]
+    return jvm.run("ExceptionCorpus", options=MADE, vm=request.param, quiet=not verified)
+
+
+def test_the_corpus_gives_the_same_exceptions(thrown, made):
+    def told(run):
+        return {k: v for k, v in run.facts.items() if re.fullmatch(r"\w+", k)}
+
+    assert told(made).keys() == told(thrown).keys()
+    differing = {k for k, v in told(made).items() if v != told(thrown)[k]}
+    assert differing <= AGAIN | BEFOREHAND | OTHER_THROWER
+    assert {"sameTwice", "tooLarge", "finallyBlock"} <= differing
+    for situation in AGAIN & differing:
+        assert "0" not in told(made)[situation], "each was seen when it was made"
+
+
+def test_the_top_frame_is_where_the_exception_was_made(made):
+    checked = 0
+    for (name, _), record in records(made).items():
+        trace = record.get("trace", "")
+        if not trace or name == "hostileNames":
+            continue  # without a stack trace; with names that the trace writes in another way
+        place = re.sub(r":-?\d+\)$", ":-1)", trace)
+        top = record["0"]
+        # Frames that Java hides are in the record alone.
+        hidden = "Lambda" in top or "java.lang.invoke" in top
+        same = top in (trace, place) or top.replace("(NA:", "(null:") in (trace, place)
+        assert same or hidden, name
+        checked += 1
+    assert checked > 60
+
+
+def test_records_are_those_of_the_event(thrown, made):
+    events, same, other = records(thrown), 0, set()
+    for key, record in records(made).items():
+        event = events.get(key, {})
+        if record.get("0") == event.get("0"):
+            differing = {k for k in record.keys() | event.keys() if record.get(k) != event.get(k)}
+            assert not differing or key[0] in OTHER_VALUES | AGAIN, (key, sorted(differing)[:5])
+            same += 1
+        else:
+            other.add(key[0])
+    assert same > 50
+    assert other <= HELPED | AGAIN, other
+
+
+@pytest.fixture(scope="module", params=[*RUNS.values(), ("-Xint",), ("-Xcomp",)],
+                ids=[*RUNS, "interpreted", "compiled"])
+def ways(request, jvm):
+    if not jvm.supports(*request.param):
+        pytest.skip("this Java does not know the options")
+    quiet = request.param != RUNS["verified"]
+    return jvm.run("ExceptionMade", options=MADE, vm=request.param, quiet=quiet)
+
+
+def test_each_way_to_make_one(ways):
+    here = "ExceptionMade.lambda$"
+    made_here = {
+        "thrown": "IllegalStateException", "neverThrown": "Throwable",
+        "error": "StackOverflowError", "stackless": "Stackless", "layered": "Layered",
+        "byTheVm": "NullPointerException", "enabledAgain": "IllegalStateException",
+    }
+    for situation, name in made_here.items():
+        assert ways.facts[situation].startswith(f"{name} {here}"), situation
+        assert ways.fact(situation + ".count") == 1, situation
+    for situation in ("thrownAgain", "outOfMemory", "disabled"):
+        assert ways.fact(situation + ".count") == 0, situation
+    assert ways.facts["helper"] == "IllegalStateException ExceptionMade.helper"
+    assert ways.facts["inAConstructor"] == "Deepest ExceptionMade$Deepest.check"
+    assert ways.facts["missing"].startswith("ClassNotFoundException ")
+    failing = ways.facts["failingConstructor"].split(", ")
+    assert failing[0].startswith("Failing " + here)
+    assert failing[1:] == ["IllegalStateException ExceptionMade$Failing.<init>"]
+    assert ways.fact("subclass.count") == 2
+
+
+def test_a_stack_overflow_stays_one(ways):
+    assert ways.facts["overflow"] == "true"
+
+
+def test_each_one_is_counted_however_many_there_are(ways):
+    assert ways.fact("many.seen") == 20_000
+    assert ways.fact("many.count") == 5
+
+
+def test_no_sink_of_the_program_gets_one_that_is_being_made(ways):
+    assert ways.facts["sinkOfTheProgram"] == "null true"
+
+
+def test_a_flight_recording_of_exceptions_may_begin_later(jvm):
+    if jvm.version() < 17:
+        pytest.skip("this Java has other settings")
+    folder = jvm.new_folder("recorded")
+    settings = folder / "exceptions.jfc"
+    settings.write_text(
+        '<?xml version="1.0" encoding="UTF-8"?><configuration version="2.0">'
+        '<event name="jdk.JavaExceptionThrow"><setting name="enabled">true</setting></event>'
+        "</configuration>"
+    )
+    run = jvm.run("ExceptionMade", "record", options=MADE, folder=folder, quiet=False,
+                  vm=[f"-Drecording={settings}"])
+    # Threads of the recorder make some of their own.
+    for situation in ("recording", "enabledAgain"):
+        assert "IllegalStateException ExceptionMade.lambda$" in run.facts[situation]
+
+
+def shared_classes(jvm, options):
+    run = jvm.run("ExceptionMade", options=options,
+                  vm=["-Xshare:auto", "-Xlog:class+load:file=classes.txt"])
+    lines = (run.folder / "classes.txt").read_text().splitlines()
+    return sum("source: shared objects file" in line for line in lines)
+
+
+def test_class_data_sharing_stays_in_use(jvm):
+    if jvm.version() < 11:
+        pytest.skip("this Java has another log")
+    without = shared_classes(jvm, BASE)
+    assert without > 300
+    assert shared_classes(jvm, MADE) >= 0.98 * without
+
+
+@pytest.mark.parametrize("program", ["ExceptionThreads", "VirtualExceptions"])
+def test_threads_make_them_at_once(jvm, program):
+    if program == "VirtualExceptions" and jvm.version() < 21:
+        pytest.skip("this Java has no virtual threads")
+    run = jvm.run(program, options=MADE)
+    assert run.facts["delivered"] == run.facts["thrown"]
