@@ -13,15 +13,18 @@ NAME = "exceptions"
 class Workload:
     depth: int
     threads: int
+    has_stack: bool = False
 
     @property
     def name(self):
-        return f"{self.depth}-frames-{self.threads}-threads"
+        stack = "-with-stack" if self.has_stack else ""
+        return f"{self.depth}-frames-{self.threads}-threads{stack}"
 
     @property
     def title(self):
         threads = "1 thread" if self.threads == 1 else f"{self.threads} threads"
-        return f"{threads} throwing through {self.depth} compiled frames"
+        stack = ", new exceptions with their stack traces" if self.has_stack else ""
+        return f"{threads} throwing through {self.depth} compiled frames{stack}"
 
     least_jdk = 0
 
@@ -35,12 +38,18 @@ class Subject:
     agent: str = ""  # a reference agent, or "library"
     capture: str = "none"
     records: bool = False  # each exception
+    mode: str = "thrown"  # where the library captures
 
 
-WORKLOADS = tuple(Workload(depth, threads) for threads in (1, 8) for depth in (10, 40))
-_MAIN_WORKLOADS = tuple(each for each in WORKLOADS if each.depth == 10)
+_STACKLESS = tuple(Workload(depth, threads) for threads in (1, 8) for depth in (10, 40))
+# As most programs throw: the stack trace is a good part of what a throw costs.
+_WITH_STACK = tuple(Workload(depth, 1, has_stack=True) for depth in (10, 40))
+_MAIN_WORKLOADS = (*(each for each in _STACKLESS if each.depth == 10), *_WITH_STACK)
+
+WORKLOADS = _STACKLESS + _WITH_STACK
 
 NONE, EMPTY, FLOOR, LITERAL, LIBRARY = "none", "empty", "floor", "literal", "library"
+MADE_OFF, MADE_SPENT = "made-off", "made-spent"
 SUBJECTS = (
     Subject(NONE, "no agent"),
     Subject("recorder", "flight recorder"),
@@ -49,9 +58,12 @@ SUBJECTS = (
     Subject("spent", "library, rate spent", "library", "spent"),
     Subject("filtered", "library, thrower filtered", "library", "filtered"),
     Subject("blacklisted", "library, on the black list", "library", "blacklisted"),
+    Subject(MADE_OFF, "library, made: switched off", "library", "switchedOff", mode="made"),
+    Subject(MADE_SPENT, "library, made: rate spent", "library", "spent", mode="made"),
     Subject(FLOOR, "recorded: floor agent", "floorExceptionAgent", records=True),
     Subject(LITERAL, "recorded: literal agent", "literalExceptionAgent", records=True),
     Subject(LIBRARY, "recorded: library", "library", "all", records=True),
+    Subject("made", "recorded: library, made", "library", "all", records=True, mode="made"),
 )
 _LEFT_OUT = {
     "quick": ("recorder", "off", "spent", "blacklisted"),
@@ -93,22 +105,39 @@ def _not_recorded(rounds):
     return min(filter(None, ratios), key=lambda each: each.median, default=None)
 
 
+def _cost_beside_none(name):
+    """Of a throw, in processor time."""
+    return lambda rounds: tables.ratio(rounds, NONE, name, rate)
+
+
 _GOALS = (
+    tables.Goal(
+        "captured where they are made, rate spent: within 1.3 of no agent",
+        _cost_beside_none(MADE_SPENT),
+        {workload.name: 1.3 for workload in _WITH_STACK},
+        is_upper_limit=True,
+    ),
+    tables.Goal(
+        "captured where they are made, switched off: within 1.05 of no agent",
+        _cost_beside_none(MADE_OFF),
+        {workload.name: 1.05 for workload in _WITH_STACK},
+        is_upper_limit=True,
+    ),
     tables.Goal(
         "rate spent, filtered or on the black list: at least 0.95 of the empty handler's throws",
         _not_recorded,
-        {workload.name: 0.95 for workload in WORKLOADS},
+        {workload.name: 0.95 for workload in _STACKLESS},
     ),
     tables.Goal(
         "recorded: within 1.1 of the floor agent's processor time",
         _cost_beside_floor(LIBRARY),
-        {workload.name: 1.1 for workload in WORKLOADS},
+        {workload.name: 1.1 for workload in _STACKLESS},
         is_upper_limit=True,
     ),
     tables.Goal(
         "recorded by 8 threads: at least 1.3 times the literal agent's records",
         _beside_literal(LIBRARY),
-        {workload.name: 1.3 for workload in WORKLOADS if workload.threads == 8},
+        {workload.name: 1.3 for workload in _STACKLESS if workload.threads == 8},
     ),
 )
 
@@ -142,7 +171,8 @@ def java_arguments(workload, subject, library, plan, folder):
     options = []
     if subject.agent == "library":
         features = "features=exceptionprofiling"
-        options = [f"-agentpath:{library}=twHome={folder},logLevel=1,{features}"]
+        mode = f"exceptionCapture={subject.mode}"
+        options = [f"-agentpath:{library}=twHome={folder},logLevel=1,{features},{mode}"]
     elif subject.name == "recorder":
         options = build.recorder_options()
     elif subject.agent:
@@ -153,6 +183,7 @@ def java_arguments(workload, subject, library, plan, folder):
         *options,
         *("ThrowBench", f"--depth={workload.depth}", f"--threads={workload.threads}"),
         *(f"--capture={subject.capture}", f"--warmup={plan.warmup}"),
+        f"--stack={'yes' if workload.has_stack else 'no'}",
     ]
 
 

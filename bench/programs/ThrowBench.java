@@ -11,7 +11,8 @@ import java.util.function.Consumer;
  * measured as {@link Load} describes. {@link Settings} says with what options, all of the form
  * {@code --name=value}.
  *
- * <p>The exceptions have no stack traces, so that a throw costs the JVM as little as it can.
+ * <p>Without {@code --stack=yes} the exceptions have no stack traces, so that a throw costs the JVM
+ * as little as it can.
  */
 public final class ThrowBench extends Load {
   private static final int COMPILE_ROUNDS = 20_000;
@@ -42,15 +43,20 @@ public final class ThrowBench extends Load {
     /**
      * What the agent is told. "none": nothing. "spent": to record one exception in a minute.
      * "blacklisted": to record none of this class. "all": to record all. "filtered": the same,
-     * while the thrower is one that is never recorded.
+     * while the thrower is one that is never recorded. "switchedOff": to capture, and then not to.
      */
     final String capture;
+
+    /** Whether the exceptions have stack traces. */
+    final boolean hasStack;
 
     Settings(Options options) {
       threads = options.integer("threads", 1);
       depth = options.integer("depth", 10);
       warmup = options.decimal("warmup", 0.5);
-      capture = options.oneOf("capture", "none", "spent", "blacklisted", "all", "filtered");
+      capture = options.oneOf("capture", "none", "spent", "blacklisted", "all", "filtered",
+          "switchedOff");
+      hasStack = options.oneOf("stack", "no", "yes").equals("yes");
       options.rejectOthers();
     }
   }
@@ -58,8 +64,8 @@ public final class ThrowBench extends Load {
   private static final class Refused extends RuntimeException {
     private static final long serialVersionUID = 1;
 
-    Refused() {
-      super("payment refused", null, false, false);
+    Refused(boolean hasStack) {
+      super("payment refused", null, false, hasStack);
     }
   }
 
@@ -74,12 +80,14 @@ public final class ThrowBench extends Load {
     private final int depth;
     private final Item item = new Item();
     private final String customer;
+    private final boolean hasStack;
     private final Consumer<RuntimeException> thrower;
     private long sink;
 
-    ThrowWorker(int number, int depth, Consumer<RuntimeException> thrower) {
+    ThrowWorker(int number, Settings settings, Consumer<RuntimeException> thrower) {
       super("throw-worker-" + number);
-      this.depth = depth;
+      depth = settings.depth;
+      hasStack = settings.hasStack;
       this.thrower = thrower;
       customer = "customer " + number;
     }
@@ -97,7 +105,7 @@ public final class ThrowBench extends Load {
     private long buy(int left, String name, Item bought) {
       long total = bought.price * bought.quantity + left;
       if (left == 0) {
-        thrower.accept(new Refused());
+        thrower.accept(new Refused(hasStack));
       } else {
         total += buy(left - 1, name, bought);
       }
@@ -122,7 +130,7 @@ public final class ThrowBench extends Load {
         settings.capture.equals("filtered") ? IgnoredThrower::fail : ThrowBench::refuse;
     Worker[] made = new Worker[settings.threads];
     for (int i = 0; i < made.length; i++) {
-      made[i] = new ThrowWorker(i, settings.depth, thrower);
+      made[i] = new ThrowWorker(i, settings, thrower);
     }
     return made;
   }
@@ -131,7 +139,10 @@ public final class ThrowBench extends Load {
     compileOperation();
     TWNativeAgentProfiling.setExceptionSink((record, exception) -> records.increment());
     if (!settings.capture.equals("none")) {
-      startCapture();
+      capture(true);
+    }
+    if (settings.capture.equals("switchedOff")) {
+      capture(false);
     }
     start(false);
     warmUp(settings.warmup);
@@ -141,18 +152,18 @@ public final class ThrowBench extends Load {
 
   /** Without throwing, which would take long where each exception is recorded. */
   private void compileOperation() {
-    ThrowWorker harmless = new ThrowWorker(-1, settings.depth, failure -> {});
+    ThrowWorker harmless = new ThrowWorker(-1, settings, failure -> {});
     for (int i = 0; i < COMPILE_ROUNDS; i++) {
       harmless.operation();
     }
   }
 
-  private void startCapture() {
+  private void capture(boolean enable) {
     int rate = settings.capture.equals("spent") ? 1 : 0;
     String names = settings.capture.equals("blacklisted") ? Refused.class.getName() : "";
     int result =
         TWNativeAgentProfiling.enableCaptureVariableinException(
-            true, true, true, true, false, rate, settings.depth, "[" + names + "]");
+            enable, true, true, true, false, rate, settings.depth, "[" + names + "]");
     if (result != 1) {
       throw new IllegalStateException("enableCaptureVariableinException gave " + result);
     }

@@ -1,5 +1,6 @@
 """Exceptions that are captured where they are made, in the constructors of Throwable."""
 
+import json
 import re
 
 import pytest
@@ -43,7 +44,7 @@ def records(run):
         name, _, rest = key.partition(".")
         number, _, rest = rest.partition(".")
         # Class loaders and reflection have times, and numbers that depend on what was before.
-        changing = re.match(r"thread|.*reflectionData|.*\.(t0|t1|slot)$", rest)
+        changing = re.match(r"thread|.*reflectionData|.*\.(t0|t1|slot|tid)$", rest)
         if number.isdigit() and not changing:
             found.setdefault((name, number), {})[plain(rest)] = plain(value)
     return found
@@ -185,3 +186,62 @@ def test_threads_make_them_at_once(jvm, program):
         pytest.skip("this Java has no virtual threads")
     run = jvm.run(program, options=MADE)
     assert run.facts["delivered"] == run.facts["thrown"]
+
+
+# --- With the companion
+
+
+@pytest.fixture
+def start(jvm):
+    (jar,) = [p for p in jvm.class_path.split(":") if p.endswith("javanativeagent.jar")]
+
+    def run(program, *given, options=MADE, **others):
+        companion = ",".join(("output=results", "exceptions=true", "exceptions.rate=0", *given))
+        return jvm.run(program, options=options, vm=[f"-javaagent:{jar}={companion}"], **others)
+
+    return run
+
+
+def lines(run):
+    (file,) = run.folder.glob("results/run-*/exceptions.jsonl")
+    read = [json.loads(line) for line in file.read_text("utf-8").splitlines()]
+    return read[:-1], read[-1]
+
+
+def test_messages_are_read_once_the_constructors_have_ended(start):
+    run = start("Messages", "exceptions.mode=made")
+    records, end = lines(run)
+    messages = {r["class"]: r["message"] for r in records}
+    assert messages["java.lang.IllegalStateException"] == "given"
+    assert messages["Messages$Inherited"] == "given"
+    assert messages["java.nio.file.NoSuchFileException"] == "a file: why"
+    assert messages["Messages$Talking"] is None
+    assert run.facts["asked"] == "0"
+    assert end["mode"] == "made" and "thrown again" in end["unseen"]
+
+
+def test_no_class_is_loaded_for_one_that_is_being_made(start):
+    run = start("ForeignLoader")
+    assert run.facts["revealed"] == "false"
+    assert run.facts["thrower"] == run.facts["loading"] == "TERMINATED"
+    records, end = lines(run)
+    (thrown,) = [r for r in records if r["class"] == "ForeignLoader$Thrown"]
+    assert thrown["message"] == "told" and thrown["thread"] == "main"  # where it is made
+    assert end["dropped"] == 0
+
+
+@pytest.mark.parametrize("asked, settled", [("made", "thrown"), ("thrown", "made")])
+def test_another_mode_than_the_jvm_was_started_with_is_refused(start, asked, settled):
+    options = f"{BASE},exceptionCapture={settled}"
+    run = start("Messages", f"exceptions.mode={asked}", options=options, quiet=False)
+    assert (
+        f"exceptions.mode is '{asked}': expected '{settled}', which the JVM was started with"
+        in run.err
+    )
+    assert not list(run.folder.glob("results/run-*/exceptions.jsonl"))
+
+
+def test_an_unknown_mode_is_ignored_with_a_line(start):
+    run = start("Messages", "exceptions.mode=both", quiet=False)
+    assert "exceptions.mode=both': expected thrown or made" in run.err
+    assert lines(run)[1]["mode"] == "made"
