@@ -56,6 +56,7 @@ def test_names_that_no_option_is_like_are_answered_with_all(launcher, folder):
 def test_each_sample_and_default_is_taken(launcher, folder):
     for profiler, rows in catalogue().items():
         samples = ",".join(f"{key}={sample}" for key, _, _, sample in rows)
+        # Where a word has no default, it depends on something else.
         defaults = ",".join(f"{key}={default}" for key, kind, default, _ in rows
                             if default or kind not in ("word", "words", "globs"))
         for options in (samples, defaults):

@@ -117,7 +117,10 @@ def test_start_and_stop(launcher, folder):
         assert re.search(r"^memory: .*/memory-\d+\.json$", verb("stop"), re.M)
 
         assert "example.Idle$Ticket" in found.memory()
-        assert {e["class"] for e in found.exceptions()} == {"example.Idle$Jam"}
+        # The JDK makes some that it does not throw; what the companion has refused is its own.
+        captured = {e["class"] for e in found.exceptions()}
+        assert "example.Idle$Jam" in captured
+        assert not [name for name in captured if "MBean" in name or "InvocationTarget" in name]
 
 
 def contention_of(found, name):

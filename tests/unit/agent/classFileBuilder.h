@@ -126,4 +126,21 @@ class classFileBuilder {
   std::vector<std::pair<std::string, std::size_t>> names_;
 };
 
+inline const std::vector<std::string> kThrowableConstructors{
+    "(Ljava/lang/String;)V", "()V", "(Ljava/lang/String;Ljava/lang/Throwable;)V",
+    "(Ljava/lang/Throwable;)V", "(Ljava/lang/String;Ljava/lang/Throwable;ZZ)V"};
+
+// A class with these constructors, which call that of Object and return.
+inline bytes throwableWith(const std::vector<std::string>& constructors) {
+  classFileBuilder builder;
+  const std::size_t object = builder.constant(7, {builder.utf8("java/lang/Object")});
+  const std::size_t named = builder.constant(12, {builder.utf8("<init>"), builder.utf8("()V")});
+  const std::size_t init = builder.constant(10, {object, named});
+  for (const std::string& each : constructors) {
+    builder.method("<init>", each,
+                   {.instructions = byteList().u1(0x2A).u1(0xB7).u2(init).u1(0xB1).made});
+  }
+  return builder.build();
+}
+
 }  // namespace test

@@ -26,25 +26,13 @@ constexpr const char* kOptions = "exceptionCapture=made,logLevel=4,";
 constexpr const char* kHookName = "com.korvane.twutils.nativeagent.hook.MadeHook";
 constexpr const char* kFailureClass = "com.example.MadeFailure";
 
-const std::vector<std::string> kConstructors{
-    "(Ljava/lang/String;)V", "()V", "(Ljava/lang/String;Ljava/lang/Throwable;)V",
-    "(Ljava/lang/Throwable;)V", "(Ljava/lang/String;Ljava/lang/Throwable;ZZ)V"};
-
 class madeExceptions : public exceptionTest {
  protected:
-  // Loads Throwable with the constructors that it has since JDK 7, but for some.
-  void loadThrowable(std::size_t without = 0) {
+  // Loads Throwable with the constructors that it has since JDK 7, or with some of them.
+  void loadThrowable(const std::vector<std::string>& constructors = kThrowableConstructors) {
     throwable = vm.classNamed("java.lang.Throwable");
     failure = vm.makeClass(kFailureClass, throwable);
-    classFileBuilder builder;
-    const std::size_t object = builder.constant(7, {builder.utf8("java/lang/Object")});
-    const std::size_t named = builder.constant(12, {builder.utf8("<init>"), builder.utf8("()V")});
-    const std::size_t init = builder.constant(10, {object, named});
-    for (std::size_t i = without; i < kConstructors.size(); ++i) {
-      builder.method("<init>", kConstructors[i],
-                     {.instructions = byteList().u1(0x2A).u1(0xB7).u2(init).u1(0xB1).made});
-    }
-    throwable->originalBytes = builder.build();
+    throwable->originalBytes = throwableWith(constructors);
     throwable->bytes = throwable->originalBytes;
   }
   bool isHooked() const { return throwable->bytes.size() > throwable->originalBytes.size(); }
@@ -130,15 +118,7 @@ TEST_F(madeExceptions, areHookedOnceAndLeftAloneWhileCaptureIsOff) {
 }
 
 TEST_F(madeExceptions, aMissingConstructorIsNamedAndTheOthersAreSeen) {
-  loadThrowable();
-  const bytes all = throwable->originalBytes;
-  classFileBuilder builder;
-  const std::size_t object = builder.constant(7, {builder.utf8("java/lang/Object")});
-  const std::size_t init = builder.constant(
-      10, {object, builder.constant(12, {builder.utf8("<init>"), builder.utf8("()V")})});
-  builder.method("<init>", kConstructors[0],
-                 {.instructions = byteList().u1(0x2A).u1(0xB7).u2(init).u1(0xB1).made});
-  throwable->originalBytes = builder.build();
+  loadThrowable({kThrowableConstructors.front()});
   begin({}, kOptions);
   EXPECT_THAT(agent::exceptionProfiler::madeProblem(),
               StartsWith("not hooked: Throwable.<init>()V, "));

@@ -14,7 +14,9 @@
 #include <utility>
 #include <vector>
 
+#include "agent/classFileBuilder.h"
 #include "agent/exceptionTest.h"
+#include "exceptions/captureMode.h"
 #include "fakevm/agentCode.h"
 #include "fakevm/functions.h"
 #include "memory/memoryprofiler.h"
@@ -139,6 +141,11 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
                           {"b", "Ljava/lang/StringBuilder;", builder("c")},
                           {"o", "Lcom/example/Lock;", lock_}}),
                  frameOf("com.example.Main.main", {{"args", "[I", vm.makeArray("[I", {nullptr})}})};
+    throwable_ = vm.classNamed("java.lang.Throwable");
+    throwable_->originalBytes = throwableWith(kThrowableConstructors);
+    throwable_->bytes = throwable_->originalBytes;
+    hook_ = frameOf("com.example.Hook.made");
+    inThrowable_ = {.code = vm.makeMethod(throwable_, "<init>", "()V")};
     for (int i = 0; i < 3; ++i) {
       followed_.push_back(vm.makeObject("com.example.Session"));
     }
@@ -196,6 +203,26 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
     thread()->setFrames(throwing_);
     vm.exception(thread(), throwing_[0].code, 10, vm.makeObject(kFailure), nullptr, 0,
                  fake::delivery::always);
+  }
+
+  // Has exceptions captured where they are made from now on.
+  jint switchMade(bool on) {
+    agent::captureExceptionsWhereMade(true);
+    return switchCapture(on);
+  }
+  // Of a class that the agent does not know yet.
+  void makeOnce() {
+    fake::javaClass* const type = vm.makeClass("com.example.MadeFailure", throwable_);
+    const fake::frame maker{.code = vm.makeMethod(type, "<init>", "()V")};
+    std::vector<fake::frame> stack{hook_, inThrowable_, maker};
+    stack.insert(stack.end(), throwing_.begin(), throwing_.end());
+    vm.currentThread()->setFrames(stack);
+    fake::object* const made = vm.makeObject(type);
+    vm.native([&](JNIEnv* jni) {
+      const jobject reference = vm.ref(made);
+      const fake::agentCode scope(true);
+      agent::exceptionProfiler::exceptionMade(jni, reference);
+    });
   }
 
   void summary() {
@@ -294,6 +321,20 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
             switchCapture(false);
             return lastRecord();
           }}},
+        {"enableMade",
+         {nothing, [this] { switchMade(true); },
+          [this] {
+            switchMade(true);
+            makeOnce();
+            switchMade(false);
+            return lastRecord();
+          }}},
+        {"made",
+         {[this] { switchMade(true); }, [this] { makeOnce(); },
+          [this] {
+            switchMade(false);
+            return lastRecord();
+          }}},
         {"startMemory",
          {nothing, [this] { beginMemory(); },
           [this] {
@@ -379,6 +420,9 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
   fake::javaThread* worker_ = nullptr;
   fake::javaThread* owner_ = nullptr;
   std::vector<fake::frame> throwing_;
+  fake::javaClass* throwable_ = nullptr;
+  fake::frame hook_;
+  fake::frame inThrowable_;
   std::vector<fake::object*> followed_;
 };
 
@@ -458,6 +502,7 @@ TEST_P(faultInjection, eachAllocationFails) {
   const std::map<std::string, std::string> said = {
       {"enableCapture", "Exception occured in  exceptionprofiler : setProfileData"},
       {"exception", "Exception occured in exceptionprofiler : ExceptionCallback"},
+      {"made", "Exception occured in exceptionprofiler : exceptionMade"},
       {"startMemory", "Exception occured in  memoryprofiler : setProfileData"},
       {"stopMemory", "Exception occured in memoryprofiler : scanJavaHeap"}};
   if (const auto text = said.find(GetParam()); text != said.end()) {
@@ -472,9 +517,9 @@ INSTANTIATE_TEST_SUITE_P(agent, faultInjection,
                                            "contendInSummary", "waitInSummary", "stopSummary",
                                            "startDetail", "contendInDetail", "waitInDetail",
                                            "stopDetail", "stopProfiling", "enableCapture",
-                                           "exception", "startMemory", "setObjectTag",
-                                           "tagInstances", "collection", "forceCollection",
-                                           "stopMemory", "extendedText"),
+                                           "exception", "enableMade", "made", "startMemory",
+                                           "setObjectTag", "tagInstances", "collection",
+                                           "forceCollection", "stopMemory", "extendedText"),
                          [](const auto& tested) { return std::string(tested.param); });
 
 }  // namespace

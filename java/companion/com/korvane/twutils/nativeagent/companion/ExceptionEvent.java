@@ -25,7 +25,7 @@ final class ExceptionEvent {
   final int[] places; // of the record's separators; null without them
   final RecordFacts facts; // nothing is known without places
 
-  private final boolean isUnfinished; // its constructors ran when this was made
+  final boolean isUnfinished; // its constructors ran when this was made
   private final long madeAt = System.nanoTime();
 
   // Within the queue: the event before it, and how many and how long all up to this one are.

@@ -180,7 +180,11 @@ final class ExceptionLog implements RecordSink {
   private void writePending() {
     while (pending != null) {
       awaitFinished(pending);
-      write(pending);
+      if (pending.isUnfinished && AgentThread.isFailureOfHelp(pending.exception)) {
+        own.incrementAndGet(); // its cause was not known before
+      } else {
+        write(pending);
+      }
       // Nothing here can fail.
       ExceptionEvent done = pending;
       pending = done.before;
