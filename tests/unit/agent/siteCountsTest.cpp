@@ -312,7 +312,7 @@ TEST_F(siteCounted, aRefusedNameByClassUntilItIsGiven) {
 TEST_F(siteCounted, aRecordThatIsTakenLaterIsNotLost) {
   begin();
   fake::objectArray* const parts =
-      vm.makeArray("[Ljava.lang.String;", std::vector<fake::object*>(6, nullptr));
+      vm.makeArray("[Ljava.lang.String;", std::vector<fake::object*>(8, nullptr));
   const auto take = [&] {
     return vm.native([&](JNIEnv* jni) {
       return Java_com_korvane_twutils_nativeagent_AgentCounters_takeUndelivered(
