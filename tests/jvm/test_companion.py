@@ -126,7 +126,7 @@ def test_what_a_run_leaves(start):
     records, summary = lines(folder / "exceptions.jsonl")
     counts = summary.pop("agent")
     own = summary.pop("own")
-    assert summary == {"recorded": len(records), "dropped": 0}
+    assert summary == {"recorded": len(records), "dropped": 0, "mode": "thrown"}
     assert set(counts) == {"seen", "filtered", "blackListed", "overRate", "delivered", "cut",
                            "rethrown", "failed"}
     assert counts["failed"] == {"stack": 0, "callback": 0, "memory": 0, "vm": 0}
