@@ -379,8 +379,9 @@ TEST_F(redactionInRecords, listsAreJoinedByColonsAndMalformedOnesIgnored) {
   beginRedacted("logLevel=1,redact=NAMES,redactNames=salary:age,showNames=pin,redactValues=*");
   EXPECT_EQ(topOf({frameOf("a.B.m", {{"age", "I", jint{3}}, {"pin", "I", jint{4}}})}).arguments,
             test::entry("age", 7, "<redacted:name>") + test::entry("pin", 4, "4"));
-  EXPECT_THAT(log(), ::testing::Contains(::testing::Field(
-                         &test::logRecord::message, HasSubstr("Ignoring option 'redactValues=*'"))));
+  EXPECT_THAT(log(),
+              ::testing::Contains(::testing::Field(&test::logRecord::message,
+                                                   HasSubstr("Ignoring option 'redactValues=*'"))));
 }
 
 // --- Bounds ---
