@@ -14,8 +14,8 @@
 
 #include "agent/twAprLib.h"
 #include "exceptions/captureSettings.h"
+#include "exceptions/constructorTable.h"
 #include "exceptions/jvmtiCheck.h"
-#include "exceptions/madeExceptions.h"
 #include "exceptions/raisedInHandler.h"
 #include "support/classCache.h"
 #include "support/sourcePlace.h"

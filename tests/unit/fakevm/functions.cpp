@@ -31,15 +31,27 @@ constexpr std::array<functionTraits, kFunctions> makeTraits() {
         FAKE_JVMTI(SetEventCallbacks), FAKE_JVMTI(SetEventNotificationMode)}) {
     traits[id].phases = phaseBit::kOnLoad | phaseBit::kLive;
   }
-  for (const functionId id :
-       {FAKE_JVMTI(SetThreadLocalStorage), FAKE_JVMTI(GetThreadLocalStorage),
-        FAKE_JVMTI(GetObjectHashCode), FAKE_JVMTI(GetObjectSize), FAKE_JVMTI(GetTag),
-        FAKE_JVMTI(SetTag), FAKE_JVMTI(GetMethodName), FAKE_JVMTI(GetMethodDeclaringClass),
-        FAKE_JVMTI(GetMethodModifiers), FAKE_JVMTI(GetClassStatus), FAKE_JVMTI(GetClassSignature),
-        FAKE_JVMTI(GetClassLoader), FAKE_JVMTI(GetSourceFileName), FAKE_JVMTI(GetLineNumberTable),
-        FAKE_JVMTI(GetArgumentsSize), FAKE_JVMTI(GetMaxLocals), FAKE_JVMTI(GetClassFields),
-        FAKE_JVMTI(GetClassMethods), FAKE_JVMTI(GetCurrentThread),
-        FAKE_JVMTI(GetFieldName), FAKE_JVMTI(GetFieldModifiers)}) {
+  for (const functionId id : {FAKE_JVMTI(SetThreadLocalStorage),
+                              FAKE_JVMTI(GetThreadLocalStorage),
+                              FAKE_JVMTI(GetObjectHashCode),
+                              FAKE_JVMTI(GetObjectSize),
+                              FAKE_JVMTI(GetTag),
+                              FAKE_JVMTI(SetTag),
+                              FAKE_JVMTI(GetMethodName),
+                              FAKE_JVMTI(GetMethodDeclaringClass),
+                              FAKE_JVMTI(GetMethodModifiers),
+                              FAKE_JVMTI(GetClassStatus),
+                              FAKE_JVMTI(GetClassSignature),
+                              FAKE_JVMTI(GetClassLoader),
+                              FAKE_JVMTI(GetSourceFileName),
+                              FAKE_JVMTI(GetLineNumberTable),
+                              FAKE_JVMTI(GetArgumentsSize),
+                              FAKE_JVMTI(GetMaxLocals),
+                              FAKE_JVMTI(GetClassFields),
+                              FAKE_JVMTI(GetClassMethods),
+                              FAKE_JVMTI(GetCurrentThread),
+                              FAKE_JVMTI(GetFieldName),
+                              FAKE_JVMTI(GetFieldModifiers)}) {
     traits[id].phases = phaseBit::kStart | phaseBit::kLive;
   }
   for (const functionId id : {FAKE_JVMTI(Allocate), FAKE_JVMTI(Deallocate)}) {
