@@ -16,8 +16,8 @@ public interface ExceptionSink {
   /**
    * Whether the sink takes exceptions whose constructors still run, as they do where exceptions are
    * captured where they are made ({@link NativeAgent#exceptionMode}). Such an exception has no
-   * field set yet. It must not be asked for anything, nor reach code that asks it, until its constructors
-   * have surely ended: they run on after this call, on the same thread.
+   * field set yet. It must not be asked for anything, nor reach code that asks it, until its
+   * constructors have surely ended: they run on after this call, on the same thread.
    */
   default boolean takesUnfinished() {
     return false;
