@@ -210,12 +210,12 @@ void readRedactionItem(const std::string& item, startUpSettings& settings) {
       continue;
     }
     redactionSettings given;
-    support::forEachPiece(text, ':',
-                          [&](std::string_view entry) { (given.*which).emplace_back(entry); });
-    if ((given.*which).empty() || !problemOf(given).empty()) {
+    std::vector<std::string>& entries = given.*which;
+    support::forEachPiece(text, ':', [&](std::string_view entry) { entries.emplace_back(entry); });
+    if (entries.empty() || !problemOf(given).empty()) {
       settings.ignored.push_back(item);
     } else {
-      settings.redaction.*which = std::move(given.*which);
+      settings.redaction.*which = std::move(entries);
     }
   }
 }

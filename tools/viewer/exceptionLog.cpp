@@ -9,7 +9,6 @@
 #include <tuple>
 
 #include "jsonReader.h"
-#include "withoutValues.h"
 
 namespace viewer {
 
@@ -137,6 +136,19 @@ recordOrigin originOf(const exceptionRecord& record) {
 
 bool isBlank(const std::string& text) {
   return text.find_first_not_of(" \t\r") == text.npos;
+}
+
+void removeValues(exceptionRecord& record) {
+  record.message.reset();
+  record.thread.clear();
+  record.raw.clear();
+  record.ambiguous.clear();
+  for (exceptionFrame& frame : record.frames) {
+    frame.fields.clear();
+    frame.arguments.clear();
+    frame.locals.clear();
+    frame.threadLocals.clear();
+  }
 }
 
 }  // namespace

@@ -12,19 +12,6 @@ bool isText(const std::string& option) {
 
 }  // namespace
 
-void removeValues(exceptionRecord& record) {
-  record.message.reset();
-  record.thread.clear();
-  record.raw.clear();
-  record.ambiguous.clear();
-  for (exceptionFrame& frame : record.frames) {
-    frame.fields.clear();
-    frame.arguments.clear();
-    frame.locals.clear();
-    frame.threadLocals.clear();
-  }
-}
-
 void removeValues(profile& all) {
   if (all.run) {
     all.run->command.reset();

@@ -9,6 +9,5 @@ namespace viewer {
 // agent wrote them, the names of their threads, the command line and the texts of options. Classes,
 // methods, places, counts and times stay.
 void removeValues(profile& all);
-void removeValues(exceptionRecord& record);
 
 }  // namespace viewer

@@ -44,7 +44,8 @@ public final class PlantedValues {
     long number;
     StringBuilder built;
 
-    void check(String authToken, StringBuilder passphrase, char[] typed, String secret, int userPin) {
+    void check(
+        String authToken, StringBuilder passphrase, char[] typed, String secret, int userPin) {
       String dsn = "jdbc:x://h;user=sa;password=" + secret + ";encrypt=true";
       StringBuilder json = new StringBuilder("{\"token\": \"").append(secret).append("\"}");
       Object any = new DbCredentials(secret);

@@ -141,7 +141,8 @@ public enum OptionKey {
   EXCEPTIONS_REDACT_TYPES(
       "exceptions.redactTypes", Kind.GLOBS, 0, 1, "",
       "com.example.Vault,*Patient*",
-      "patterns separated by commas, such as com.example.Vault,*Patient*, each with more than '*' and '?'"),
+      "patterns separated by commas, such as com.example.Vault,*Patient*, each with more "
+          + "than '*' and '?'"),
   EXCEPTIONS_REDACT_VALUES(
       "exceptions.redactValues", Kind.GLOBS, 0, 1, "",
       "CUST-####,k_*",

@@ -2,6 +2,7 @@ package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.AgentExceptions;
 import com.korvane.twutils.nativeagent.ExceptionCounts;
+import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.time.Duration;
@@ -32,6 +33,9 @@ final class ExceptionSites {
       choose(true);
     } catch (UnsatisfiedLinkError e) {
       isThere = false;
+      if (!NativeAgent.isLoaded()) {
+        return; // which is reported elsewhere
+      }
       Console.print("exceptions are not counted by site: the agent is older than the companion");
     }
   }

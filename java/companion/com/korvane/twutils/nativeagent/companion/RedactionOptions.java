@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.NativeAgent;
 import com.korvane.twutils.nativeagent.OptionKey;
 import com.korvane.twutils.nativeagent.Redaction;
 import java.util.Arrays;
@@ -44,7 +45,7 @@ final class RedactionOptions {
       throw new IllegalArgumentException(
           "invalid option exceptions." + e.getMessage(), e);
     } catch (IllegalStateException e) {
-      if (!isTold) {
+      if (!isTold && NativeAgent.isLoaded()) {
         isTold = true;
         Console.print("", e);
       }
