@@ -470,7 +470,7 @@ void exceptionProfiler::recordAndDeliver(throwEvent& event) {
     return lose(event, exceptionCount::noStack, "there is no stack to build it on");
   }
   support::localRef<jthread> maker;
-  if (event.thread == nullptr) {
+  if (event.isMade) {  // which has no thread yet
     if (event.failed(event.jvmti->GetCurrentThread(&event.thread))) {
       return lose(event, exceptionCount::vm, nullptr);
     }
