@@ -786,10 +786,13 @@ def test_management_clients(start):
     assert facts["sessions"] == "1 1"
     assert facts["end"] == facts["state"]
     records, summary = lines(run_folder(run) / "exceptions.jsonl")
+    # Half of the rate at once.
     assert sum(r["class"] == "java.lang.ArithmeticException" for r in records) == 2
     assert summary["recorded"] == len(records)
     assert "did you mean" in facts["refusedMeanwhile"]
-    assert {r["class"] for r in records} == {"java.lang.ArithmeticException"}, "none of the bean's"
+    others = [r for r in records if r["class"] != "java.lang.ArithmeticException"]
+    assert all("Managed.invoke" in [frame["method"] for frame in r["frames"]] for r in others), \
+        "none of the bean's, but what its client throws"
 
 
 def test_a_listener_that_ends_the_jvm(start):
@@ -817,7 +820,8 @@ def test_threads_without_stack(start):
 
 
 def test_records_that_are_cut(start):
-    given = f"output={OUTPUT},exceptions=true"
+    # What is redacted ends before it is too long.
+    given = f"output={OUTPUT},exceptions=true,exceptions.redact=off"
     # The queue has room for five records of a MiB in a heap of that size.
     run = start("ExceptionBudget", "string", "others", given=given, vm=["-Xmx512m"])
     records, summary = lines(run_folder(run) / "exceptions.jsonl")

@@ -68,7 +68,7 @@ public final class Managed {
     Facts.put("followed", get("ObjectsFollowed"));
     Facts.put("paused", (Double) get("LastSweepMillis") > 0);
 
-    invoke("startExceptions", "startExceptions", "rate=2,locals=false");
+    invoke("startExceptions", "startExceptions", "rate=4,locals=false");
     for (int i = 0; i < 3; i++) {
       try {
         Throwers.divide(1, 0);
