@@ -105,7 +105,7 @@ def test_values_that_are_not_there_say_why(browser, page):
     shown = browser.one("ol.frames").text
     assert "next object = …" in shown
     assert "… is not read (depth limit)." in browser.text()
-    assert "card String = <redacted:name>" in shown
+    assert "card = <redacted:name>" in shown
     assert "i int = not available" in shown
     assert "null" not in shown
     assert "LIMIT" not in shown and "1 static field" in shown

@@ -445,7 +445,7 @@ TEST(exceptionRecords, showWhyAValueIsNotThere) {
             "  2 frames of the JDK (--jdk-frames shows them)\n"
             "  at a.B.c\n"
             "    arguments\n"
-            "      card: String = <redacted:name>\n"
+            "      card = <redacted:name>\n"
             "      o: object\n"
             "        2 static fields (--statics shows them)\n"
             "    locals\n"

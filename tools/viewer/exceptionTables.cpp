@@ -20,6 +20,11 @@ bool isText(const capturedValue& one) {
   return one.type == "String" || one.type == "StringBuilder";
 }
 
+// A record does not have the type of what is redacted.
+std::string typeOf(const capturedValue& one) {
+  return one.redacted ? "" : ": " + one.type;
+}
+
 std::string shownValue(const capturedValue& one) {
   if (one.redacted) {
     return fmt::format(" = <redacted:{}>", *one.redacted);
@@ -118,8 +123,8 @@ class tree {
   void addValue(const capturedValue& one, std::size_t indent) {
     hasNotRead_ = hasNotRead_ || one.isNotRead;
     add(endCutLine(std::string(indent, ' '),
-                   (one.isStatic ? "static " : "") + one.name + ": " + one.type + shownValue(one),
-                   "", terminal_));
+                   (one.isStatic ? "static " : "") + one.name + typeOf(one) + shownValue(one), "",
+                   terminal_));
     if (one.fields) {
       addValues(*one.fields, indent + kStep);
     }

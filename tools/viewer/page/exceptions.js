@@ -233,8 +233,9 @@ function missingValue(value) {
 
 // Objects open to show their fields; all other values are one line.
 function valueDetail(value) {
-  const title = [el('span', {class: 'name'}, named(value.name)), ' ',
-    el('span', {class: 'type'}, value.type)];
+  // A record does not have the type of what is redacted.
+  const title = [el('span', {class: 'name'}, named(value.name)),
+    ...(value.redacted ? [] : [' ', el('span', {class: 'type'}, value.type)])];
   if (value.fields && !value.redacted && !value.notRead) {
     return value.fields.length === 0 ? el('span', null, title, ' {}')
       : el('details', {open: true}, el('summary', null, title), valueList(value.fields));

@@ -60,10 +60,10 @@ final class FailedPayments {
       this.currency = currency;
     }
 
-    String pay(Order order, Card card) {
+    String pay(Order order, Card payment) {
       double amount = order.cents / 100.0;
       String reference = "order of customer " + order.customer;
-      String receipt = gateway.charge(card, amount, currency, reference);
+      String receipt = gateway.charge(payment, amount, currency, reference);
       return reference + ": " + receipt;
     }
   }
@@ -78,13 +78,13 @@ final class FailedPayments {
       this.host = host;
     }
 
-    String charge(Card card, double amount, String currency, String reference) {
+    String charge(Card payment, double amount, String currency, String reference) {
       attempts++;
       boolean withinLimit = amount <= LIMIT;
       if (!withinLimit) {
         throw new PaymentRefused(host + " refuses " + amount + " " + currency);
       }
-      return card.number + " paid for " + reference;
+      return payment.number + " paid for " + reference;
     }
   }
 
