@@ -335,7 +335,8 @@ void exceptionProfiler::exceptionThrown(throwEvent& event) {
       return recordAndDeliver(event);
     }
     if (*refused == exceptionCount::vm) {
-      return lose(event, *refused, nullptr);
+      const bool isWithoutMaker = event.isMade && event.lastError == JVMTI_ERROR_NONE;
+      return lose(event, *refused, isWithoutMaker ? "no frame made it" : nullptr);
     }
     count(event, *refused);
     if (event.isMade && event.method != nullptr && *refused == exceptionCount::overRate) {

@@ -215,6 +215,7 @@ TEST_F(madeExceptions, aConstructorFurtherUpMakesAnotherObject) {
 TEST_F(madeExceptions, withoutAFrameBelowTheConstructorsThereIsNoRecord) {
   beginMade();
   EXPECT_EQ(recordOfMaking({}), kNothing);
+  EXPECT_THAT(messages("warn"), ElementsAre(HasSubstr("is lost: no frame made it")));
   makeWith({hookFrame});
   EXPECT_THAT(deliveries(), IsEmpty());
 }
