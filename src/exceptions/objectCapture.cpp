@@ -434,6 +434,10 @@ bool objectCapture::appendSearched(std::string_view name, typeCode code, jstring
   if (!readBeginning(string, taken)) {
     return false;
   }
+  if (redacted::isWithPassword(name, read_)) {
+    out_.appendRedacted(name, redacted::nameOf(redaction::reason::password), isStatic);
+    return !out_.isCut();
+  }
   const std::string_view shown = rules_->text(read_, taken == units, changed_);
   if (const std::optional<std::string_view> why = redacted::onlyMarkIn(shown);
       why && shown.data() != read_.data()) {

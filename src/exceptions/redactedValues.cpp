@@ -76,7 +76,7 @@ constexpr std::array<std::string_view, 26> kTokens{
 constexpr std::size_t kLeastOfToken = 16;
 
 // What a byte may begin.
-enum class start : unsigned char { nothing, pair, colon, tag, dash, digit, letter, percent };
+enum class start : unsigned char { nothing, pair, colon, tag, dash, digit, letter, percent, slash };
 
 constexpr std::array<start, 256> startTable() {
   std::array<start, 256> table{};
@@ -85,6 +85,7 @@ constexpr std::array<start, 256> startTable() {
   table['>'] = start::tag;
   table['-'] = start::dash;
   table['%'] = start::percent;
+  table['/'] = start::slash;
   for (std::size_t c = '0'; c <= '9'; ++c) {
     table[c] = start::digit;
   }
@@ -140,6 +141,8 @@ class finder {
         return numberAt(at);
       case start::letter:
         return beginsWord(at) ? wordAt(at) : hit{};
+      case start::slash:  // what a URL has behind its scheme
+        return at == 0 && has(0, "//") ? inAuthority(2) : hit{};
       case start::nothing:
         break;
     }
@@ -279,7 +282,7 @@ class finder {
     return isSecretHere ? valueOf(named, at + 1, true) : hit{};
   }
 
-  // user:password@ of a URL; a user without a password that is as long as a token.
+  // user:password@ of a URL; a user that is as long as a token, with what comes after it.
   hit inAuthority(std::size_t begin) const {
     const std::string_view rest = text_.substr(begin, kLookAhead);
     const std::string_view all = rest.substr(0, rest.find_first_of(" \t\r\n\"'<>"));
@@ -295,8 +298,11 @@ class finder {
       return {};
     }
     constexpr std::size_t kLeastOfUser = 20;
+    if (std::min(colon, at) >= kLeastOfUser) {
+      return {begin, begin + at, reason::token};
+    }
     if (colon == kNone || colon > at) {
-      return at >= kLeastOfUser ? hit{begin, begin + at, reason::token} : hit{};
+      return {};
     }
     const std::string_view secret = all.substr(colon + 1, at - colon - 1);
     return isHarmless({}, secret) ? hit{} : hit{begin + colon + 1, begin + at, reason::password};
@@ -763,6 +769,21 @@ std::string_view hideIn(std::string_view text, bool isWhole, const valueRules& r
     changed += markOf(reason::notScanned);
   }
   return changed;
+}
+
+bool isWithPassword(std::string_view name, std::string_view text) {
+  constexpr std::string_view kUserInfo = "userinfo";
+  constexpr std::string_view kAuthority = "authority";
+  const auto isCalled = [&](std::string_view part) {
+    return name.size() >= part.size() &&
+           support::startsWithIgnoringCase(name.substr(name.size() - part.size()), part);
+  };
+  const std::size_t colon = text.find(':');
+  if (isCalled(kUserInfo)) {
+    return colon < text.size() - 1;
+  }
+  const std::size_t at = text.rfind('@');
+  return isCalled(kAuthority) && at != kNone && colon < at;
 }
 
 std::optional<std::string_view> onlyMarkIn(std::string_view text) {

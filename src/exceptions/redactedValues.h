@@ -47,6 +47,10 @@ inline constexpr std::size_t kScannedBytes = std::size_t{64} << 10U;
 std::string_view hideIn(std::string_view text, bool isWhole, const valueRules& rules,
                         std::string& changed);
 
+// Whether a part of a URL, a variable of this name, has a password in it: "user:password" where it
+// is called userInfo, "user:password@host" where it is called authority.
+bool isWithPassword(std::string_view name, std::string_view text);
+
 // Why the complete text is hidden: the reason in the mark that is all of it.
 std::optional<std::string_view> onlyMarkIn(std::string_view text);
 

@@ -12,7 +12,7 @@ from harness import HOME
 from test_companion import OUTPUT, jar, run_folder, start  # noqa: F401
 
 ROUNDS = 20
-WORDS = 15
+WORDS = 16
 DEEP = f"logLevel=4,twHome={HOME},captureObjDepth=5,captureObjType=7,captureSTDepth=20"
 CAPTURE = f"output={OUTPUT},exceptions=true,exceptions.rate=0,exceptions.threadLocals=true"
 

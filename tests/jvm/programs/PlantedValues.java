@@ -1,3 +1,4 @@
+import java.net.URI;
 import java.nio.file.Files;
 import java.nio.file.Paths;
 import java.util.ArrayList;
@@ -41,6 +42,7 @@ public final class PlantedValues {
     Holder holder;
     String url;
     String note;
+    URI address;
     long number;
     StringBuilder built;
 
@@ -79,6 +81,7 @@ public final class PlantedValues {
     login.hidden = new DbCredentials(secret.get("word6"));
     login.holder = new Holder(new DbCredentials(secret.get("word7")), secret.get("word8"));
     login.url = "https://u:" + secret.get("word9") + "@h/?access_token=" + secret.get("word10");
+    login.address = URI.create("ftp://u:" + secret.get("word16") + "@h:21/p");
     login.note = "paid with " + secret.get("card1") + " to " + secret.get("iban");
     login.number = Long.parseLong(secret.get("card2"));
     login.built = new StringBuilder("sent Bearer ").append(secret.get("jwt"));
