@@ -109,16 +109,25 @@ siteRow& siteCounts::thrown(const throwEvent& event, const knownClass& thrower,
 
 siteRow& siteCounts::thrownSomewhere(const throwEvent& event) noexcept {
   siteRow* row = &other_;
-  try {
-    if (event.info) {
-      const support::lockGuard guard(mutex_);
-      row = &ofClass(event.info->value.name);
-    }
-  } catch (...) {
-    // No memory, or no lock: it is among the rest.
+  if (event.info) {
+    const siteKey key{{event.info->value.id, 0, 0, 0}};  // no site has such a one
+    siteRow* const known = find(key);
+    row = known == nullptr ? &meetClass(event.info->value.name, key) : known;
   }
   row->thrown(event.isCaught, coarseMillis());
   return *row;
+}
+
+// A class that is not in the cache, as with sites.
+siteRow& siteCounts::meetClass(const std::string& name, const siteKey& key) noexcept {
+  try {
+    const support::lockGuard guard(mutex_);
+    siteRow& row = ofClass(name);
+    remember(key, row);
+    return row;
+  } catch (...) {
+    return other_;  // no memory, or no lock
+  }
 }
 
 std::size_t siteCounts::siteKey::place() const {

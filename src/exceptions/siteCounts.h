@@ -136,6 +136,7 @@ class siteCounts {
   siteRow* find(const siteKey& key) const;
   siteRow& meet(const throwEvent& event, const knownClass& thrower, jclass declaring,
                 const siteKey& key) noexcept EXCLUDES(mutex_);
+  siteRow& meetClass(const std::string& name, const siteKey& key) noexcept EXCLUDES(mutex_);
   siteRow* ofSite(const siteName& name) REQUIRES(mutex_);
   siteRow& ofClass(const std::string& name) REQUIRES(mutex_);
   void remember(const siteKey& key, siteRow& row) REQUIRES(mutex_);

@@ -12,6 +12,7 @@
 #include "exceptionTest.h"
 #include "exceptions/captureMode.h"
 #include "exceptions/madeHook.h"
+#include "exceptions/siteCounts.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 constexpr const char* kOptions = "exceptionCapture=made,logLevel=4,";
@@ -246,6 +248,15 @@ TEST_F(madeExceptions, theMakerIsLookedForNoMoreThanSoOften) {
     make({frameOf("com.example.Shop.buy")});
   }
   EXPECT_LT(vm.calls("GetStackTrace"), 5'000U);
+  const agent::siteCounts& counts = agent::siteCounts::ofProcess();
+  const agent::siteCounts::rows rows = counts.all();
+  ASSERT_THAT(rows.sites, SizeIs(1));
+  ASSERT_THAT(rows.classes, SizeIs(1)) << "the others count by class";
+  const auto madeIn = [](const agent::siteRow& row) {
+    return row.read()[static_cast<std::size_t>(agent::siteCount::unknown)];
+  };
+  EXPECT_GT(madeIn(*rows.sites[0].second), 0U);
+  EXPECT_EQ(madeIn(*rows.sites[0].second) + madeIn(*rows.classes[0].second), 10'000U);
 }
 
 TEST_F(madeExceptions, whatTheCallbackMakesIsNotRecorded) {
