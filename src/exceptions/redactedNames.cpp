@@ -302,7 +302,8 @@ bool isSecretType(std::string_view type, const words& own) {
   const std::string_view name = elementOf(type);
   const std::size_t slash = name.find_last_of("/.");
   const std::string_view simple = slash == std::string_view::npos ? name : name.substr(slash + 1);
-  if (isPrefixOf("javax.security.auth.", name) || hasOneOf(simple, kOfClasses)) {
+  if (isPrefixOf("javax.security.auth.", name) || hasOneOf(simple, kOfClasses) ||
+      simple.ends_with("Cookie")) {
     return true;
   }
   const bool isOfKeys = isPrefixOf("java.security.", name) || isPrefixOf("sun.security.", name);

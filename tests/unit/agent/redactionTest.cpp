@@ -111,14 +111,15 @@ TEST(redactionByType, knowsClassesOfSecrets) {
        {"[C", "[[C", "Lcom/example/Password;", "Lcom/example/UserPassword;",
         "Lcom/example/PasswordHolder$Inner;", "Lcom/example/ClientSecret;",
         "Ljavax/crypto/SecretKey;", "Lcom/example/AwsCredentials;", "[Lcom/example/Credential;",
-        "Ljavax/security/auth/Subject;", "Ljavax/security/auth/x500/X500Principal;",
-        "Ljava/security/PrivateKey;", "Ljava/security/interfaces/RSAPrivateKey;",
-        "Lsun/security/rsa/RSAPrivateCrtKeyImpl;"}) {
+        "Ljava/net/HttpCookie;", "Lcom/example/Cookie;", "Ljavax/security/auth/Subject;",
+        "Ljavax/security/auth/x500/X500Principal;", "Ljava/security/PrivateKey;",
+        "Ljava/security/interfaces/RSAPrivateKey;", "Lsun/security/rsa/RSAPrivateCrtKeyImpl;"}) {
     EXPECT_TRUE(hides("x", type)) << type;
   }
   for (const char* type :
        {"[B", "C", "I", kText, "Lcom/example/Secretary;", "Ljava/security/Policy;",
-        "Lcom/secret/Shop;", "Lcom/example/Keyboard;", "Ljava/util/Map;"}) {
+        "Lcom/secret/Shop;", "Ljava/net/CookieManager;", "Lcom/example/Keyboard;",
+        "Ljava/util/Map;"}) {
     EXPECT_FALSE(hides("x", type)) << type;
   }
 }
