@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/jsonWriter.h"
+#include "support/text.h"
 
 namespace agent {
 
@@ -153,7 +154,7 @@ void reportWriter::writeSite(const countedRow<siteName>& site) {
 std::string siteReport(const siteCounts& counts, std::string_view mode, std::int64_t now) {
   reportWriter writer(mode == "thrown");
   writer.write(counts, mode, now);
-  return writer.text();
+  return support::fileSystemPath(writer.text());  // names of classes come in modified UTF-8
 }
 
 }  // namespace agent

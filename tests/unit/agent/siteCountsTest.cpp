@@ -257,6 +257,12 @@ TEST_F(siteCounted, aClassThatIsLoadedAnewIsTheSameSite) {
   EXPECT_THAT(report()["sites"], SizeIs(1));
 }
 
+TEST_F(siteCounted, namesBeyondTheBasicPlaneAreUtf8) {
+  begin();
+  raise(at("a.A.m"), "a.\xed\xa0\xb5\xed\xb2\x9c");
+  EXPECT_EQ(site("a.A.m", "a.\xf0\x9d\x92\x9c")["thrown"], 1);
+}
+
 TEST_F(siteCounted, namesThatAreTooLongByClass) {
   begin({.rate = 1});
   raise(at("a.A." + std::string(3'000, 'm')));
