@@ -7,7 +7,7 @@ from .build import BenchError
 from .jvm import Jvm, measure_in_turns
 
 NAME = "exceptions"
-SETS = 3  # of JVMs: which of their frames are compiled when a record is made differs
+SETS = 2  # of JVMs: which of their frames are compiled when a record is made differs
 
 
 @dataclasses.dataclass(frozen=True)
@@ -45,7 +45,7 @@ class Subject:
 _STACKLESS = tuple(Workload(depth, threads) for threads in (1, 8) for depth in (10, 40))
 # As most programs throw: the stack trace is a good part of what a throw costs.
 _WITH_STACK = tuple(Workload(depth, 1, has_stack=True) for depth in (10, 40))
-_MAIN_WORKLOADS = (*(each for each in _STACKLESS if each.depth == 10), *_WITH_STACK)
+_MAIN_WORKLOADS = tuple(each for each in _STACKLESS + _WITH_STACK if each.depth == 10)
 
 WORKLOADS = _STACKLESS + _WITH_STACK
 
