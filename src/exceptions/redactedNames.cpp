@@ -66,6 +66,10 @@ constexpr std::array kInSentences{
     secretWord{"privatekey", place::atEnd},  secretWord{"accesskey", place::atEnd},
     secretWord{"accesstoken", place::atEnd}, secretWord{"authtoken", place::atEnd},
     secretWord{"cookie", place::atEnd},      secretWord{"authorization", place::atEnd},
+    secretWord{"cvv", place::whole},         secretWord{"cvc", place::whole},
+    secretWord{"ssn", place::whole},         secretWord{"otp", place::whole},
+    secretWord{"pincode", place::whole},     secretWord{"creditcard", place::atEnd},
+    secretWord{"cardnumber", place::atEnd},  secretWord{"cardno", place::atEnd},
 };
 
 constexpr std::array kOfLines{

@@ -198,6 +198,7 @@ class finder {
   }
 
   bool isSecret(std::string_view named) const {
+    named.remove_prefix(std::min(named.find_first_not_of('-'), named.size()));
     return !named.empty() && isSecretName(named, rules_.names, rules_.shown);
   }
 
@@ -279,7 +280,8 @@ class finder {
         named.isQuoted || rules_.isStrict
             ? isSecret(named.text)
             : isSecretInSentence(named.text) || isOwnName(named.text, rules_.names, rules_.shown);
-    return isSecretHere ? valueOf(named, at + 1, true) : hit{};
+    const std::size_t begin = charAt(at + 1) == '=' ? at + 2 : at + 1;
+    return isSecretHere ? valueOf(named, begin, true) : hit{};
   }
 
   // user:password@ of a URL; a user that is as long as a token, with what comes after it.
@@ -311,7 +313,13 @@ class finder {
   // user/password@ of a name of a database.
   hit inOracleName(std::size_t begin) const {
     const std::string_view rest = text_.substr(begin, kLookAhead);
-    const std::string_view all = rest.substr(0, rest.find_first_of(" \t\r\n\"'<>"));
+    constexpr std::string_view kEnds = " \t\r\n\"'<>";
+    std::size_t end = rest.find_first_of(kEnds);
+    if (end != kNone && end > 0 && rest[end] == '"' && rest[end - 1] == '/') {
+      const std::size_t close = rest.find('"', end + 1);  // user/"password"@
+      end = close == kNone ? end : rest.find_first_of(kEnds, close + 1);
+    }
+    const std::string_view all = rest.substr(0, end);
     const std::size_t slash = all.find('/');
     const std::size_t at = all.rfind('@');
     const bool isThere = slash != kNone && at != kNone && slash + 1 < at;
@@ -326,11 +334,14 @@ class finder {
       return {};
     }
     const std::size_t open = least + opened;
-    const std::size_t end = skip(open + 1, [](char c) { return isOfName(c) || c == ':'; });
-    const std::string_view tag = text_.substr(open + 1, end - open - 1);
-    const std::size_t close = std::min(text_.find('<', at + 1), text_.size());
+    const std::size_t tagEnd = skip(open + 1, [](char c) { return isOfName(c) || c == ':'; });
+    const std::string_view tag = text_.substr(open + 1, tagEnd - open - 1);
+    constexpr std::string_view kRaw = "<![CDATA[";
+    const bool isRaw = has(at + 1, kRaw);
+    const std::size_t end = isRaw && isSecret(tag) ? text_.find("]]>", at) : at + 1;
+    const std::size_t close = std::min(text_.find('<', end), text_.size());
     const std::string_view value = text_.substr(at + 1, close - at - 1);
-    const bool isContent = !endsAt(close) || !isWhole_;
+    const bool isContent = isRaw || !endsAt(close) || !isWhole_;
     if (!isContent || !isSecret(tag) || isHarmless(tag, value)) {
       return {};
     }
@@ -506,7 +517,7 @@ class finder {
       return std::min(endOfQuoted(begin + 1) + 1, text_.size());
     }
     if (first == '[' || first == '{') {
-      return endOfBrackets(begin);
+      return endOfPlain(endOfBrackets(begin));  // "{bcrypt}$2a$..."
     }
     std::size_t end = endOfPlain(begin);
     const std::size_t scheme = endOfScheme(begin);

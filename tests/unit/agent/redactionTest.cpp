@@ -225,6 +225,16 @@ TEST(redactionByValue, hidesWhatAPairWithASecretNameHas) {
       {"u=http%3A%2F%2Fh%3Ftoken%3Dhunter2%26a",
        "u=http%3A%2F%2Fh%3Ftoken%3D<redacted:password>%26a"},
       {"token=Bearer hunter", "token=<redacted:password>"},
+      {"password={bcrypt}$2a$10$abc, x=1", "password=<redacted:password>, x=1"},
+      {"{\"password\":\"{noop}hunter2\"}", "{\"password\":\"<redacted:password>\"}"},
+      {"{tokens=[a, b], card={n=1}, x=2}",
+       "{tokens=<redacted:password>, card=<redacted:password>, x=2}"},
+      {"<secret><![CDATA[hun<ter]]></secret>", "<secret><redacted:password></secret>"},
+      {"<secret><![CDATA[hunter", "<secret><redacted:password>"},
+      {"Main --pass hunter2 -x", "Main --pass <redacted:password> -x"},
+      {"Main --pass=hunter2", "Main --pass=<redacted:password>"},
+      {"password := hunter2", "password := <redacted:password>"},
+      {"cvv: 737, ssn: 123-45-6789", "cvv: <redacted:password>, ssn: <redacted:password>"},
   });
 }
 
@@ -232,7 +242,8 @@ TEST(redactionByValue, showsPairsThatHideNothing) {
   for (const char* text :
        {"password=", "password=null", "password=?", "password=***", "passwordExpired=true",
         "tokenCount=5", "token == null", "password != x", "unexpected token: }", "Password::new",
-        "password=<redacted:password>", "monkey=1", "a secret between us", "it is a card: no"}) {
+        "password=<redacted:password>", "monkey=1", "a secret between us", "it is a card: no",
+        "--bypass x", "<note><![CDATA[a]]></note>"}) {
     EXPECT_EQ(shown(text), text);
   }
 }
@@ -243,6 +254,9 @@ TEST(redactionByValue, hidesPasswordsInUrls) {
               {"ftp://bob:hun/ter@2@host", "ftp://bob:<redacted:password>@host"},
               {"jdbc:oracle:thin:scott/tiger@//h:1521/x",
                "jdbc:oracle:thin:scott/<redacted:password>@//h:1521/x"},
+              {"jdbc:oracle:thin:scott/\"ti@ger\"@h:1521:x",
+               "jdbc:oracle:thin:scott/<redacted:password>@h:1521:x"},
+              {"'jdbc:oracle:thin:a/b' user@host", "'jdbc:oracle:thin:a/b' user@host"},
               {"http://host:8080/a?mail=b@c.d", "http://host:8080/a?mail=b@c.d"},
               {"//bob:hunter2@host/p", "//bob:<redacted:password>@host/p"},
               {"https://bob@host/", "https://bob@host/"}});
