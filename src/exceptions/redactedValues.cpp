@@ -242,6 +242,13 @@ class finder {
     return value.find_first_not_of("0123456789") == kNone && isNameOfCount(named);
   }
 
+  // Whether it goes on with what is wrong with a value, as "password: must not be empty".
+  static bool saysMore(std::string_view word) {
+    constexpr std::array<std::string_view, 7> kWords{"must", "may",     "should",  "cannot",
+                                                     "is",   "missing", "required"};
+    return std::find(kWords.begin(), kWords.end(), word) != kWords.end();
+  }
+
   // Whether the value is what an earlier look has left of one.
   bool isMarkAt(std::size_t at) const {
     constexpr std::string_view kBegin = "<redacted:";
@@ -280,8 +287,12 @@ class finder {
         named.isQuoted || rules_.isStrict
             ? isSecret(named.text)
             : isSecretInSentence(named.text) || isOwnName(named.text, rules_.names, rules_.shown);
-    const std::size_t begin = charAt(at + 1) == '=' ? at + 2 : at + 1;
-    return isSecretHere ? valueOf(named, begin, true) : hit{};
+    if (!isSecretHere) {
+      return {};
+    }
+    const hit found = valueOf(named, charAt(at + 1) == '=' ? at + 2 : at + 1, true);
+    const bool isPlain = !named.isQuoted && !found.isNone() && !isQuote(text_[found.begin - 1]);
+    return isPlain && saysMore(text_.substr(found.begin, found.end - found.begin)) ? hit{} : found;
   }
 
   // user:password@ of a URL; a user that is as long as a token, with what comes after it.

@@ -243,7 +243,8 @@ TEST(redactionByValue, showsPairsThatHideNothing) {
        {"password=", "password=null", "password=?", "password=***", "passwordExpired=true",
         "tokenCount=5", "token == null", "password != x", "unexpected token: }", "Password::new",
         "password=<redacted:password>", "monkey=1", "a secret between us", "it is a card: no",
-        "--bypass x", "<note><![CDATA[a]]></note>"}) {
+        "password: must not be empty", "secret: is missing", "cvv: required", "--bypass x",
+        "<note><![CDATA[a]]></note>"}) {
     EXPECT_EQ(shown(text), text);
   }
 }
