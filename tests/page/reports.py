@@ -121,7 +121,7 @@ def record(name, frames, message=None, time="2026-11-21T14:35:15.123Z", thread="
 def counts(**members):
     """What the agent counted; with nothing lost unless named."""
     failed = {reason: members.pop(reason, 0) for reason in ("stack", "callback", "memory", "vm")}
-    names = ("seen", "filtered", "blackListed", "overRate", "delivered", "cut")
+    names = ("seen", "filtered", "blackListed", "overRate", "delivered", "cut", "rethrown")
     return {**{name: members.pop(name, 0) for name in names}, "failed": failed}
 
 

@@ -123,6 +123,7 @@ void writeAgent(jsonWriter& json, const agentCounts& counts) {
   json.beginObject().member("seen", counts.seen).member("filtered", counts.filtered);
   json.member("blackListed", counts.blackListed).member("overRate", counts.overRate);
   json.member("delivered", counts.delivered).member("cut", counts.cut);
+  json.member("rethrown", counts.rethrown);
   json.key("failed").beginObject();
   for (const auto& [reason, count] : counts.failed) {
     json.member(reason, count);

@@ -210,6 +210,7 @@ const shape& shapeOf<agentCounts>() {
                                            {"overRate", countAt<&agentCounts::overRate>},
                                            {"delivered", countAt<&agentCounts::delivered>},
                                            {"cut", countAt<&agentCounts::cut>},
+                                           {"rethrown", countAt<&agentCounts::rethrown>, false},
                                            {"failed", failuresAt}}};
   return result;
 }
@@ -221,7 +222,7 @@ std::uint64_t failuresOf(const agentCounts& counts) {
 
 std::uint64_t underWay(const agentCounts& counts) {
   const std::uint64_t known = counts.filtered + counts.blackListed + counts.overRate +
-                              counts.delivered + failuresOf(counts);
+                              counts.delivered + counts.rethrown + failuresOf(counts);
   return counts.seen - std::min(counts.seen, known);
 }
 

@@ -76,6 +76,7 @@ struct agentCounts {
   std::uint64_t overRate = 0;     // beyond the records of one class that a minute may have
   std::uint64_t delivered = 0;    // to the companion, as records
   std::uint64_t cut = 0;          // of these, those that were too long
+  std::uint64_t rethrown = 0;     // of objects that have had their record
   std::map<std::string, std::uint64_t> failed = {};  // without a record, by what went wrong
 };
 

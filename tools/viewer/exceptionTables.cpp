@@ -200,6 +200,7 @@ std::string agentLine(const agentCounts& counts) {
   add(counts.filtered, "thrown in packages that are not recorded");
   add(failed, fmt::format("without a record ({})", printable(failureReasons(counts))));
   add(counts.delivered, "handed over as records");
+  add(counts.rethrown, "thrown again, with a record of the first time only");
   add(underWay(counts), "under way when capture ended");
   const std::string cut =
       counts.cut == 0 ? "" : fmt::format(" Records that were cut: {}.", grouped(counts.cut));
@@ -257,10 +258,10 @@ std::vector<std::string> countNotes(const exceptionLog& log) {
 
 // A clause for what the program's end line has.
 std::string writtenText(const captureEnd& end) {
-  std::string text =
-      fmt::format(", {} written and {} dropped by the program", end.recorded, end.dropped);
+  std::string text = fmt::format(", {} written and {} dropped by the program",
+                                 grouped(end.recorded), grouped(end.dropped));
   if (end.own > 0) {
-    text += fmt::format("; {} more were thrown by the agent's own threads", grouped(end.own));
+    text += fmt::format("; {} more, of the agent's own threads, not written", grouped(end.own));
   }
   return text;
 }

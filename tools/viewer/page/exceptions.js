@@ -141,7 +141,8 @@ const noRecordDetail = (group) => panel(named(group.class),
 function agentText(counts) {
   const failures = Object.entries(counts.failed).filter(([, count]) => count > 0);
   const failed = sum(failures.map(([, count]) => count));
-  const known = counts.filtered + counts.blackListed + counts.overRate + counts.delivered + failed;
+  const known = counts.filtered + counts.blackListed + counts.overRate + counts.delivered +
+    counts.rethrown + failed;
   const parts = [
     [counts.overRate, 'over the rate'],
     [counts.blackListed, 'of excluded classes'],
@@ -149,6 +150,7 @@ function agentText(counts) {
     [failed, `without a record (${
       failures.map(([reason, count]) => `${reason} ${formatNumber(count)}`).join(', ')})`],
     [counts.delivered, 'handed over as records'],
+    [counts.rethrown, 'thrown again, with a record of the first time only'],
     [counts.seen - known, 'under way when capture ended'],
   ].filter(([count]) => count > 0).map(([count, what]) => `${formatNumber(count)} ${what}`);
   return `The agent saw ${plural(counts.seen, 'exception', 'exceptions')}${
