@@ -84,10 +84,10 @@ constexpr std::array kOfClasses{
     secretWord{"privatekey", place::atEnd},
 };
 
-constexpr std::array<std::string_view, 22> kCounts{
-    "count", "counts", "size",    "length", "len",     "index",   "limit",  "max",
-    "min",   "number", "total",   "ttl",    "timeout", "seconds", "millis", "minutes",
-    "days",  "hours",  "expires", "expiry", "age",     "attempts"};
+constexpr std::array<std::string_view, 25> kCounts{
+    "count",   "counts", "size", "length",   "len",     "index",  "limit",   "max",  "min",
+    "number",  "total",  "ttl",  "timeout",  "seconds", "millis", "minutes", "days", "hours",
+    "expires", "expiry", "age",  "attempts", "tokens",  "cards",  "cookies"};
 
 // One of a longer name is hidden without a look at it.
 constexpr std::size_t kLongestName = 512;

@@ -244,8 +244,9 @@ class finder {
 
   // Whether it goes on with what is wrong with a value, as "password: must not be empty".
   static bool saysMore(std::string_view word) {
-    constexpr std::array<std::string_view, 7> kWords{"must", "may",     "should",  "cannot",
-                                                     "is",   "missing", "required"};
+    constexpr std::array<std::string_view, 16> kWords{
+        "must", "may",  "should", "cannot",  "is",       "was",     "has",      "not",
+        "too",  "size", "length", "missing", "required", "invalid", "rejected", "expired"};
     return std::find(kWords.begin(), kWords.end(), word) != kWords.end();
   }
 

@@ -78,6 +78,10 @@ TEST(redactionByName, showsNumbersAndAnswersAboutSecrets) {
   EXPECT_FALSE(hides("tokenCount", "I"));
   EXPECT_FALSE(hides("maxTokenAge", "J"));
   EXPECT_FALSE(hides("isPasswordExpired", "Z"));
+  EXPECT_FALSE(hides("maxTokens", "I"));
+  EXPECT_FALSE(hides("cards", "J"));
+  EXPECT_TRUE(hides("tokens", "[I"));
+  EXPECT_TRUE(hides("pins", "I"));
   EXPECT_TRUE(hides("pin", "I"));
   EXPECT_TRUE(hides("cardNumber", "J"));
   EXPECT_TRUE(hides("tokenCount", kText));
@@ -234,17 +238,35 @@ TEST(redactionByValue, hidesWhatAPairWithASecretNameHas) {
       {"Main --pass hunter2 -x", "Main --pass <redacted:password> -x"},
       {"Main --pass=hunter2", "Main --pass=<redacted:password>"},
       {"password := hunter2", "password := <redacted:password>"},
+      {"tokens=a1, maxTokens: 7", "tokens=<redacted:password>, maxTokens: 7"},
       {"cvv: 737, ssn: 123-45-6789", "cvv: <redacted:password>, ssn: <redacted:password>"},
   });
 }
 
 TEST(redactionByValue, showsPairsThatHideNothing) {
-  for (const char* text :
-       {"password=", "password=null", "password=?", "password=***", "passwordExpired=true",
-        "tokenCount=5", "token == null", "password != x", "unexpected token: }", "Password::new",
-        "password=<redacted:password>", "monkey=1", "a secret between us", "it is a card: no",
-        "password: must not be empty", "secret: is missing", "cvv: required", "--bypass x",
-        "<note><![CDATA[a]]></note>"}) {
+  for (const char* text : {"password=",
+                           "password=null",
+                           "password=?",
+                           "password=***",
+                           "passwordExpired=true",
+                           "tokenCount=5",
+                           "token == null",
+                           "password != x",
+                           "unexpected token: }",
+                           "Password::new",
+                           "password=<redacted:password>",
+                           "monkey=1",
+                           "a secret between us",
+                           "it is a card: no",
+                           "password: must not be empty",
+                           "secret: is missing",
+                           "secret: not found",
+                           "password: size must be 8",
+                           "max_tokens=512",
+                           "{\"max_tokens\": 512}",
+                           "cvv: required",
+                           "--bypass x",
+                           "<note><![CDATA[a]]></note>"}) {
     EXPECT_EQ(shown(text), text);
   }
 }
