@@ -8,11 +8,12 @@ import json
 import re
 import shutil
 import subprocess
+from collections import Counter
 from pathlib import Path
 
 import pytest
 
-from harness import OUTPUT, SOURCE, results, without_agent
+from harness import LIMIT, OUTPUT, SOURCE, results, without_agent
 
 DATABASE = Path("/usr/share/java/h2.jar")  # libh2-java
 BUILD = SOURCE / "tests" / "launcher" / "antproject"
@@ -60,13 +61,28 @@ def public_class(name):
     return name.split("$")[0] if name.startswith(CONCURRENT) else name
 
 
+def settings_file(folder, names, **settings):
+    """A file by which the flight recorder records these events."""
+    each = "".join(f'<setting name="{name}">{value}</setting>'
+                   for name, value in {"enabled": "true", **settings}.items())
+    events = "".join(f'<event name="{name}">{each}</event>' for name in names)
+    file = folder / "all.jfc"
+    file.write_text(f'<configuration version="2.0">{events}</configuration>')
+    return file
+
+
+def recorded_events(launcher, recording, names):
+    """The events of a flight recording that have these names."""
+    jfr = Path(launcher.java).with_name("jfr")
+    command = [jfr, "print", "--json", "--stack-depth", "0", "--events", ",".join(names), recording]
+    done = subprocess.run(command, check=True, capture_output=True, timeout=LIMIT)
+    return json.loads(done.stdout)["recording"]["events"]
+
+
 def recorded_seconds(launcher, recording):
     """The time that a flight recording has, by the class of the lock."""
-    jfr = Path(launcher.java).with_name("jfr")
-    command = [jfr, "print", "--json", "--stack-depth", "0", "--events", ",".join(EVENTS), recording]
-    events = json.loads(subprocess.run(command, check=True, capture_output=True).stdout)
     seconds = {}
-    for event in events["recording"]["events"]:
+    for event in recorded_events(launcher, recording, EVENTS):
         values = event["values"]
         name = (values.get("monitorClass") or values.get("parkedClass") or {}).get("name") or ""
         minutes, rest = re.fullmatch(r"PT(?:(\d+)M)?([\d.E-]+)S", values["duration"]).groups()
@@ -77,10 +93,7 @@ def recorded_seconds(launcher, recording):
 
 def assert_seen_by_both(launcher, folder, prefixes, *command):
     """The profile has the blocked time of the flight recorder; that of classes with such names."""
-    settings = folder / "all.jfc"
-    each = "".join(f'<event name="{name}"><setting name="enabled">true</setting>'
-                   '<setting name="threshold">0 ns</setting></event>' for name in EVENTS)
-    settings.write_text(f'<configuration version="2.0">{each}</configuration>')
+    settings = settings_file(folder, EVENTS, threshold="0 ns")
     recording = folder / "recording.jfr"
     found = launcher.run(
         "run", "--contention", "--", "java",
@@ -113,6 +126,106 @@ def test_a_database_is_blocked_as_long_as_the_flight_recorder_sees(launcher, fol
     recorded = assert_seen_by_both(launcher, folder, prefix, "-cp", f"{launcher.programs}:{jar}",
                                    "SqlLoad", url, 8, 400)
     assert sum(recorded.values()) > 0.1
+
+
+MADE = ("jdk.JavaExceptionThrow", "jdk.JavaErrorThrow")
+CLIENTS, ROUNDS = 4, 200
+OFTEN = 200  # times that the load makes an exception, at least; each of its own comes 800 times
+# In mode `thrown`, objects that are thrown again are told from others where each has its record.
+EACH_RECORDED = "rate=0,fields=false,arguments=false,locals=false,depth=1,queue=100000"
+# The recorder counts objects that are made. These are not always thrown: one database makes one as
+# the cause of what it drops, to parse a statement anew for the message; the other one keeps the
+# arguments of some messages in them.
+NOT_ALWAYS_THROWN = {
+    "h2": {"org.h2.jdbc.JdbcSQLSyntaxErrorException"},
+    "derby": {"org.apache.derby.iapi.error.StandardException"},
+}
+# Made once for each parser, and thrown thousands of times.
+THROWN_READY_MADE = "org.apache.derby.impl.sql.compile.SQLParser$LookaheadSuccess"
+
+
+def recorded_exceptions(launcher, recording):
+    """How many exceptions a flight recording has of each class.
+
+    The recorder has its event in the constructors of Throwable, and for an Error two more: in that
+    of Error this one and its own.
+    """
+    counts = {name: Counter() for name in MADE}
+    for event in recorded_events(launcher, recording, MADE):
+        counts[event["type"]][event["values"]["thrownClass"]["name"].replace("/", ".")] += 1
+    exceptions, errors = counts.values()
+    return {**exceptions, **errors}
+
+
+def counted(report):
+    """The counts of a report of exceptions, by class."""
+    counts = {}
+    for row in report["sites"] + report["classes"]:
+        of_class = counts.setdefault(row["class"], Counter())
+        of_class.update({name: row[name] for name in ("thrown", "rethrown", "failed")})
+    return counts
+
+
+def often(counts):
+    return {name: count for name, count in counts.items() if count >= OFTEN}
+
+
+def near(count):
+    return pytest.approx(count, rel=0.01)
+
+
+@pytest.fixture(params=DATABASES)
+def refused(request, launcher, folder):
+    """Runs a database that refuses what it is asked; with a mode gives its name, what the program
+    has counted, what the agent has, and what the flight recorder has."""
+    jar, url, _ = DATABASES[request.param]
+    assert jar.is_file(), "needs the packages libh2-java and libderby-java"
+    settings = settings_file(folder, MADE, throttle="off")
+    recording = folder / "recording.jfr"
+
+    def run(mode):
+        found = launcher.run(
+            "run", f"--exceptions=mode={mode}", "--", "java",
+            f"-XX:StartFlightRecording:settings={settings},filename={recording}",
+            "-cp", f"{launcher.programs}:{jar}", "SqlErrors", url, CLIENTS, ROUNDS, folder=folder)
+        assert found.code == 0, found
+        told = {what: {} for what in ("made", "again", "caught")}
+        for what, name, count in re.findall(r"^(made|again|caught) (\S+) (\d+)$", found.out, re.M):
+            told[what][name] = int(count)
+        assert sum(told["caught"].values()) == CLIENTS * ROUNDS * 6
+        (result,) = results(folder / OUTPUT)
+        report = result.json("exception-counts.json")
+        return (request.param, told, counted(report), recorded_exceptions(launcher, recording))
+
+    return run
+
+
+def test_exceptions_made_are_counted_as_the_flight_recorder_and_constructors_do(refused):
+    _, told, counts, recorded = refused("made")
+    made = {name: count["thrown"] for name, count in counts.items()}
+    assert {name: made[name] for name in told["made"]} == told["made"]
+    assert often(made) == near(often(recorded))
+    assert sum(often(made).values()) == near(sum(often(recorded).values()))
+
+
+def test_exceptions_thrown_are_counted_as_the_flight_recorder_does(refused):
+    database, told, counts, recorded = refused(f"thrown,{EACH_RECORDED}")
+    assert not sum(count["failed"] for count in counts.values())
+    objects = {name: count["thrown"] - count["rethrown"] for name, count in counts.items()}
+    own = "SqlErrors$Refused"
+    assert counts[own]["thrown"] == told["made"][own] + told["again"][own]
+    assert {name: objects[name] for name in told["caught"]} == near(told["caught"])
+
+    apart = NOT_ALWAYS_THROWN[database]
+    for name in apart:
+        assert OFTEN < objects.pop(name) < recorded.pop(name)
+    assert recorded.pop("SqlErrors$NotThrown") == told["made"]["SqlErrors$NotThrown"]
+    assert "SqlErrors$NotThrown" not in objects
+    if database == "derby":
+        assert counts[THROWN_READY_MADE]["thrown"] > 100 * recorded[THROWN_READY_MADE]
+        objects.pop(THROWN_READY_MADE)  # some are forgotten between two throws, and count as new
+    assert often(objects) == near(often(recorded))
+    assert sum(often(objects).values()) == near(sum(often(recorded).values()))
 
 
 TOMCAT = [Path("/usr/share/java") / f"tomcat10-{name}.jar"  # libtomcat10-embed-java, libtomcat10-java
