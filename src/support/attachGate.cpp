@@ -76,6 +76,9 @@ bool attachGate::waitFor(side& other, side& own, bool isTurnOfLooks, Duration pa
   const auto mayEnter = [&]() REQUIRES(mutex_) {
     return other.inside == 0 && (other.waiting == 0 || looksAreNext_ == isTurnOfLooks);
   };
+  if (mayEnter()) {
+    return true;
+  }
   if (other.isStuck && other.inside > 0) {
     return false;
   }
@@ -112,7 +115,9 @@ void attachGate::enterAttach() {
 void attachGate::leave(side& own) {
   if (--own.inside == 0) {
     own.isStuck = false;
-    changed_.notifyAll();
+    if (looks_.waiting + attaches_.waiting > 0) {
+      changed_.notifyAll();
+    }
   }
 }
 
