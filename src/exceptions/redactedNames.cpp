@@ -84,6 +84,8 @@ constexpr std::array kOfClasses{
     secretWord{"privatekey", place::atEnd},
 };
 
+constexpr std::array kCards{secretWord{"card", place::atEnd}};
+
 constexpr std::array<std::string_view, 25> kCounts{
     "count",   "counts", "size", "length",   "len",     "index",  "limit",   "max",  "min",
     "number",  "total",  "ttl",  "timeout",  "seconds", "millis", "minutes", "days", "hours",
@@ -159,14 +161,40 @@ bool isShown(std::string_view name, std::size_t begin, std::size_t end, const wo
   return false;
 }
 
-// The letters that the words of a list begin with, a bit each.
-template <typename List>
-constexpr std::uint32_t firstLettersOf(const List& list) {
-  std::uint32_t letters = 0;
-  for (const secretWord& word : list) {
-    letters |= std::uint32_t{1} << static_cast<unsigned>(word.text.front() - 'a');
+// What a character is to the words of a list: the number of a letter of any case, or one of these.
+constexpr unsigned char kSeparator = 26;
+constexpr unsigned char kNoLetter = 27;  // a digit, or beyond ASCII
+constexpr std::size_t kKinds = 28;
+
+constexpr std::array<unsigned char, 256> kindTable() {
+  std::array<unsigned char, 256> table{};
+  for (std::size_t c = 0; c < table.size(); ++c) {
+    const bool isNumber = c >= '0' && c <= '9';
+    table[c] = isNumber || c >= 0x80 ? kNoLetter : kSeparator;
   }
-  return letters;
+  for (unsigned char i = 0; i < kSeparator; ++i) {
+    table[std::size_t{'a'} + i] = table[std::size_t{'A'} + i] = i;
+  }
+  return table;
+}
+constexpr std::array<unsigned char, 256> kKindOf = kindTable();
+
+std::uint32_t kindOf(char c) {
+  return kKindOf[static_cast<unsigned char>(c)];
+}
+
+// How the words of a list begin: a row for their first letter, and a bit in it for the second one,
+// which a separator may keep from the first.
+template <typename List>
+constexpr std::array<std::uint32_t, kKinds> beginningsOf(const List& list) {
+  std::array<std::uint32_t, kKinds> rows{};
+  for (const secretWord& word : list) {
+    const auto number = [&word](std::size_t at) {
+      return static_cast<unsigned>(word.text[at] - 'a');
+    };
+    rows[number(0)] |= std::uint32_t{1} << number(1) | std::uint32_t{1} << kSeparator;
+  }
+  return rows;
 }
 
 // Whether one of the words stands at `at`, and is not shown.
@@ -185,17 +213,17 @@ bool isAt(std::string_view name, std::size_t at, const secretWord& word, const w
   return isThere && !isShown(name, at, *end, shown);
 }
 
-// Built-in words.
-template <typename List>
-bool hasOneOf(std::string_view name, const List& list, const words& shown = {}) {
-  const std::uint32_t letters = firstLettersOf(list);
-  for (std::size_t at = 0; at < name.size(); ++at) {
-    const char first = lower(name[at]);
-    if (first < 'a' || first > 'z' || (letters >> static_cast<unsigned>(first - 'a') & 1U) == 0) {
+// Built-in words, of which each has two letters at least. Most letters of most names begin none.
+template <const auto& List>
+bool hasOneOf(std::string_view name, const words& shown = {}) {
+  static constexpr std::array kBeginnings = beginningsOf(List);
+  for (std::size_t at = 0; at + 1 < name.size(); ++at) {
+    if ((kBeginnings[kindOf(name[at])] >> kindOf(name[at + 1]) & 1U) == 0) {
       continue;
     }
-    for (const secretWord& word : list) {
-      if (isAt(name, at, word, shown)) {
+    const char first = lower(name[at]);
+    for (const secretWord& word : List) {
+      if (word.text.front() == first && isAt(name, at, word, shown)) {
         return true;
       }
     }
@@ -210,6 +238,14 @@ std::string_view elementOf(std::string_view type) {
     return type.substr(1, type.size() - 2);
   }
   return type;
+}
+
+std::string_view afterLastDot(std::string_view name) {
+  std::size_t begin = name.size();
+  while (begin > 0 && name[begin - 1] != '/' && name[begin - 1] != '.') {
+    --begin;
+  }
+  return name.substr(begin);
 }
 
 // With "/" and "." the same.
@@ -236,7 +272,7 @@ std::string plainWord(std::string_view text) {
 }
 
 bool isSecretName(std::string_view name, const words& own, const words& shown) {
-  return name.size() > kLongestName || hasOneOf(name, kSecretWords, shown) ||
+  return name.size() > kLongestName || hasOneOf<kSecretWords>(name, shown) ||
          isOwnName(name, own, shown);
 }
 
@@ -262,18 +298,18 @@ bool isNameOfCount(std::string_view name) {
   }
   const std::string last = plainWord(name.substr(begin, end - begin));
   // A card's "number" is the card.
-  if (last == "number" && hasOneOf(name, std::array{secretWord{"card", place::atEnd}})) {
+  if (last == "number" && hasOneOf<kCards>(name)) {
     return false;
   }
   return std::find(kCounts.begin(), kCounts.end(), last) != kCounts.end();
 }
 
 bool isSecretInSentence(std::string_view name) {
-  return name.size() <= kLongestName && hasOneOf(name, kInSentences);
+  return name.size() <= kLongestName && hasOneOf<kInSentences>(name);
 }
 
 bool isSecretLine(std::string_view name) {
-  return hasOneOf(name, kOfLines);
+  return hasOneOf<kOfLines>(name);
 }
 
 bool isLike(std::string_view text, std::string_view pattern) {
@@ -304,9 +340,8 @@ bool isSecretType(std::string_view type, const words& own) {
     return true;
   }
   const std::string_view name = elementOf(type);
-  const std::size_t slash = name.find_last_of("/.");
-  const std::string_view simple = slash == std::string_view::npos ? name : name.substr(slash + 1);
-  if (isPrefixOf("javax.security.auth.", name) || hasOneOf(simple, kOfClasses) ||
+  const std::string_view simple = afterLastDot(name);
+  if (isPrefixOf("javax.security.auth.", name) || hasOneOf<kOfClasses>(simple) ||
       simple.ends_with("Cookie")) {
     return true;
   }

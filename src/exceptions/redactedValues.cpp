@@ -75,6 +75,15 @@ constexpr std::array<std::string_view, 26> kTokens{
     "rk_live_", "xoxa-", "xoxb-", "xoxp-",  "xoxr-", "xoxs-", "ya29.",   "github_pat_"};
 constexpr std::size_t kLeastOfToken = 16;
 
+constexpr std::array<bool, 256> tokenStarts() {
+  std::array<bool, 256> table{};
+  for (const std::string_view token : kTokens) {
+    table[static_cast<unsigned char>(token.front())] = true;
+  }
+  return table;
+}
+constexpr std::array<bool, 256> kTokenStarts = tokenStarts();
+
 // What a byte may begin.
 enum class start : unsigned char { nothing, pair, colon, tag, dash, digit, letter, percent, slash };
 
@@ -484,6 +493,9 @@ class finder {
   }
 
   hit tokenAt(std::size_t at) const {
+    if (!kTokenStarts[static_cast<unsigned char>(text_[at])]) {
+      return {};
+    }
     for (const std::string_view prefix : kTokens) {
       if (text_[at] != prefix.front() || !has(at, prefix)) {
         continue;
