@@ -52,7 +52,8 @@ class redaction {
   std::optional<reason> ofClass(std::string_view signature) const;
   // Whether a number is to be hidden: that of a card.
   std::optional<reason> ofNumber(std::int64_t value) const {
-    constexpr std::int64_t kSmallest = 1'000'000'000'000;
+    // Of 13 digits, and no time in milliseconds since the epoch.
+    constexpr std::int64_t kSmallest = 2'000'000'000'000;
     return value >= kSmallest && looksAtValues() ? ofLargeNumber(value) : std::nullopt;
   }
 
