@@ -1,9 +1,14 @@
 // Exceptions, those that are recorded and those that are not.
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "agent/classFileBuilder.h"
+#include "exceptions/captureMode.h"
+#include "exceptions/exceptionCounts.h"
 #include "exceptions/exceptionprofiler.h"
+#include "exceptions/redaction.h"
 #include "handlerBench.h"
 #include "vmCalls.h"
 
@@ -16,6 +21,7 @@ constexpr jint kAnyRate = 0;
 constexpr const char* kFailure = "com.example.shop.Failure";
 constexpr const char* kOftenThrown = "com.example.shop.OftenThrown";
 constexpr const char* kBlackListed = "com.example.shop.Expected";
+constexpr const char* kHook = "com.korvane.twutils.nativeagent.hook.MadeHook";
 
 // A thread in which exceptions are thrown.
 struct thrower {
@@ -124,6 +130,72 @@ void exceptionRecorded(benchmark::State& state) {
   run(state, thrown(kFailure), worker().method, true);
 }
 
+// The same with its names, types and values searched for secrets.
+void exceptionRedacted(benchmark::State& state) {
+  worker().enable(kAnyRate);
+  agent::redaction::configure({.mode = agent::redactionMode::standard});
+  run(state, thrown(kFailure), worker().method, true);
+  agent::redaction::configure({});
+}
+
+// An exception that is made by the top frame of a stack, in constructors of two classes.
+struct maker {
+  maker() {
+    fake::virtualMachine& vm = loaded().vm;
+    fake::javaClass* const throwable = vm.classNamed("java.lang.Throwable");
+    throwable->originalBytes = test::throwableWith(test::kThrowableConstructors);
+    throwable->bytes = throwable->originalBytes;
+    fake::javaClass* const type = vm.makeClass("com.example.shop.OftenMade", throwable);
+    std::vector<fake::frame> frames{{vm.makeMethod("com.example.Hook", "made")},
+                                    {vm.makeMethod(throwable, "<init>", "()V")},
+                                    {vm.makeMethod(type, "<init>", "()V")},
+                                    {vm.makeMethod("com.example.shop.Checkout", "buy")}};
+    method = frames.back().code->id;
+    fake::javaThread* const current = vm.currentThread();
+    current->setFrames(std::move(frames));
+    exception = {vm.ref(current), vm.ref(vm.makeObject(type))};
+  }
+
+  jmethodID method = nullptr;
+  contender exception{};
+};
+
+maker& constructors() {
+  static maker& made = *new maker;
+  return made;
+}
+
+std::uint64_t overRate() {
+  return agent::exceptionCounts::ofProcess().get(agent::exceptionCount::overRate);
+}
+
+void exceptionMadeRateSpent(benchmark::State& state) {
+  const contender exception = constructors().exception;
+  fake::virtualMachine& vm = loaded().vm;
+  agent::captureExceptionsWhereMade(true);
+  worker().enable(1);
+  using native = void(JNICALL*)(JNIEnv*, jclass, jobject);
+  const auto made = reinterpret_cast<native>(vm.classNamed(kHook)->natives.at("made"));
+  made(vm.env(), nullptr, exception.object);
+  const std::uint64_t before = overRate();
+  runEvents(state, {&exception, 1}, [made](jvmtiEnv*, JNIEnv* jni, jthread, jobject object) {
+    made(jni, nullptr, object);
+  });
+  if (overRate() - before != static_cast<std::uint64_t>(state.iterations())) {
+    state.SkipWithError("not all were over the rate");
+  }
+  agent::captureExceptionsWhereMade(false);
+}
+void exceptionMadeRateSpentCalls(benchmark::State& state) {
+  runEvents(state, {&constructors().exception, 1},
+            [](jvmtiEnv* jvmti, JNIEnv* jni, jthread, jobject exception) {
+              std::array<jvmtiFrameInfo, 4> frames;
+              jint count = 0;
+              jvmti->GetStackTrace(nullptr, 2, 3, frames.data(), &count);
+              thrownCalls(jvmti, jni, constructors().method, exception);
+            });
+}
+
 }  // namespace
 
 EVENT_BENCHMARK(exceptionFiltered);
@@ -133,3 +205,7 @@ EVENT_BENCHMARK(exceptionBlackListedCalls);
 EVENT_BENCHMARK(exceptionRateSpent);
 EVENT_BENCHMARK(exceptionRateSpentCalls);
 BENCHMARK(exceptionRecorded)->Apply(setEvents<400>);
+BENCHMARK(exceptionRedacted)->Apply(setEvents<400>);
+// So many at once are looked up in the stack, whatever the time.
+BENCHMARK(exceptionMadeRateSpent)->Apply(setEvents<150>);
+BENCHMARK(exceptionMadeRateSpentCalls)->Apply(setEvents<150>);
