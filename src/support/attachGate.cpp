@@ -60,6 +60,7 @@ void attachGate::install(JavaVM* vm, jvmtiEnv* jvmti) {
   replacement = *vm->functions;
   replacement.AttachCurrentThread = attachCurrentThread;
   replacement.AttachCurrentThreadAsDaemon = attachCurrentThreadAsDaemon;
+  isNeeded_.store(true);
   std::atomic_ref(vm->functions).store(&replacement);
 }
 

@@ -8,6 +8,8 @@
 
 #include <jvmti.h>
 
+#include <atomic>
+
 #include "support/annotations.h"
 
 namespace support {
@@ -30,10 +32,12 @@ class attachGate {
   // Around GetObjectMonitorUsage and nothing else.
   class look {
    public:
-    look() : mayLook_(ofProcess().enterLook()) {}
+    look()
+        : gate_(ofProcess().isNeeded_.load() ? &ofProcess() : nullptr),
+          mayLook_(gate_ == nullptr || gate_->enterLook()) {}
     ~look() {
-      if (mayLook_) {
-        ofProcess().leaveLook();
+      if (gate_ != nullptr && mayLook_) {
+        gate_->leaveLook();
       }
     }
     look(const look&) = delete;
@@ -43,6 +47,7 @@ class attachGate {
     explicit operator bool() const { return mayLook_; }
 
    private:
+    attachGate* const gate_;  // none where the VM needs none
     const bool mayLook_;
   };
 
@@ -71,6 +76,7 @@ class attachGate {
   bool waitFor(side& other, side& own, bool isTurnOfLooks, Duration patience) REQUIRES(mutex_);
   void leave(side& own) REQUIRES(mutex_);
 
+  std::atomic<bool> isNeeded_{false};
   mutex mutex_;
   condition changed_;
   side looks_ GUARDED_BY(mutex_);

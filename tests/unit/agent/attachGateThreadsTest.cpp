@@ -40,6 +40,8 @@ TEST_F(attachGateThreads, aVmThatDoesNotNeedItKeepsItsFunctions) {
     vm.setFeatureVersion(version);
     install();
     EXPECT_EQ(vm.javaVm()->functions, before);
+    const attachGate::attaching other;
+    EXPECT_TRUE(attachGate::look()) << "the gate is not used";
   }
   for (const jint version : {23, 25, 28}) {
     vm.setFeatureVersion(version);
@@ -97,6 +99,7 @@ TEST_F(attachGateThreads, aThreadAttachesWhenTheLookIsOver) {
 }
 
 TEST_F(attachGateThreads, oneThatIsStuckWhileItAttachesHoldsNobodyUpForLong) {
+  install();
   const attachGate::attaching stuck;
   const auto begin = steady_clock::now();
   for (int i = 0; i < 100; ++i) {
@@ -116,6 +119,7 @@ TEST_F(attachGateThreads, aLookThatIsStuckHoldsNobodyUpForGood) {
 }
 
 TEST_F(attachGateThreads, neitherSideKeepsTheOtherOut) {
+  install();
   constexpr int kRounds = 300;
   std::atomic<int> looks{0};
   std::atomic<int> attaches{0};
