@@ -21,6 +21,7 @@
 #include "exceptions/recordPlaces.h"
 #include "exceptions/siteCounts.h"
 #include "exceptions/undeliveredRecords.h"
+#include "instruments/costAccount.h"
 #include "support/jniRef.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
@@ -63,12 +64,8 @@ constexpr std::size_t kStackNeeded = std::size_t{48} << 10U;
 constexpr std::int32_t kMakerLookups = 2000;
 constexpr std::chrono::milliseconds kOverRate{100};
 
-std::int64_t steadyNanos() {
-  return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 std::int64_t steadySeconds() {
-  return steadyNanos() / 1'000'000'000;
+  return instruments::steadyNanos() / 1'000'000'000;
 }
 
 constexpr siteCount siteCountOf(exceptionCount which) {
@@ -100,10 +97,6 @@ void count(throwEvent& event, exceptionCount which) {
 }
 
 const profilerKind kThisKind = profilerKind::of<exceptionProfiler>(kExceptionProfiler);
-
-}  // namespace
-
-namespace {
 
 // Without the capability to read variables there are records without values.
 void omitUnreadable(ExceptionCaptureSettings& settings) {
@@ -341,7 +334,8 @@ void exceptionProfiler::exceptionThrown(throwEvent& event) {
     count(event, *refused);
     if (event.isMade && event.method != nullptr && *refused == exceptionCount::overRate) {
       event.info->value.overRateUntil.store(
-          steadyNanos() + std::chrono::nanoseconds(kOverRate).count(), std::memory_order_relaxed);
+          instruments::steadyNanos() + std::chrono::nanoseconds(kOverRate).count(),
+          std::memory_order_relaxed);
     }
   } catch (const std::bad_alloc&) {
     lose(event, exceptionCount::noMemory, "there is no memory");
@@ -389,7 +383,7 @@ bool exceptionProfiler::goesWithoutSite(const throwEvent& event) {
   if (until == 0) {
     return false;
   }
-  const std::int64_t now = steadyNanos();
+  const std::int64_t now = instruments::steadyNanos();
   return now < until && !makerLookups_.take(now);
 }
 
