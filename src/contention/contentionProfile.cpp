@@ -1,19 +1,13 @@
 #include "contention/contentionProfile.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <thread>
 #include <vector>
 
 #include "agent/boundary.h"
 #include "agent/twAprLib.h"
 #include "contention/parkHook.h"
 #include "instruments/costAccount.h"
-#include "support/fileWriter.h"
 #include "support/jniRef.h"
-#include "support/regularFile.h"
-#include "support/text.h"
 #include "support/vmTurn.h"
 
 namespace agent {
@@ -23,7 +17,6 @@ namespace {
 constexpr const char* kThreadName = "Contention profile";
 constexpr const char* kStart = "contentionProfile::start";
 constexpr std::chrono::seconds kPatience{2};
-constexpr std::chrono::milliseconds kPause{1};
 
 const std::vector<jvmtiEvent>& events() {
   static const std::vector<jvmtiEvent> all = {
@@ -53,19 +46,6 @@ jclass classFor(JNIEnv* jni, const char* name) {
   return static_cast<jclass>(jni->NewGlobalRef(cls.get()));
 }
 
-// Waits for `condition`, a while.
-template <typename Condition>
-bool comes(Condition&& condition) {
-  const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
-  return true;
-}
-
 }  // namespace
 
 contentionProfile& contentionProfile::ofProcess() {
@@ -73,7 +53,9 @@ contentionProfile& contentionProfile::ofProcess() {
   return profile;
 }
 
-contentionProfile::contentionProfile() : sampler_(recorder_, samples_) {}
+contentionProfile::contentionProfile()
+    : sampler_(recorder_, samples_),
+      thread_(kThreadName, [this](JNIEnv* jni) { return takeStep(jni); }) {}
 
 // --- Handlers -----------------------------------------------------------------------------------
 
@@ -162,14 +144,7 @@ std::string contentionProfile::startWithVm(JavaVM* vm, const contentionSettings&
 
 bool contentionProfile::handlersHaveLeft() {
   instruments::handlerGate::departure departure;
-  return comes([&] { return departure.isOver(recorder_.gate()); });
-}
-
-bool contentionProfile::samplerHasEnded() {
-  return comes([&] {
-    const support::lockGuard guard(wakeMutex_);
-    return !hasThread_;
-  });
+  return instruments::comesSoon([&] { return departure.isOver(recorder_.gate()); });
 }
 
 void contentionProfile::findClasses(JNIEnv* jni) {
@@ -226,11 +201,7 @@ void contentionProfile::begin(JNIEnv* jni, const contentionSettings& settings) {
 // Of a start that came to nothing.
 void contentionProfile::takeBack(JNIEnv* jni) {
   recorder_.end();
-  {
-    const support::lockGuard guard(wakeMutex_);
-    isSampling_ = false;
-    wake_.notifyAll();
-  }
+  thread_.stop();
   const support::lockGuard guard(samplesMutex_);
   recorder_.threads().dropAll(jni);
   session_ = {};
@@ -245,17 +216,12 @@ std::string contentionProfile::start(JavaVM* vm, JNIEnv* jni, const contentionSe
   if (!problem.empty()) {
     return problem;
   }
-  if (!handlersHaveLeft() || !samplerHasEnded()) {
+  if (!handlersHaveLeft() || !thread_.hasEnded()) {
     return "the contention profile of before has not ended yet";
   }
   findClasses(jni);
   begin(jni, settings);
-  {
-    const support::lockGuard guard(wakeMutex_);
-    isSampling_ = true;
-    hasThread_ = environment_.run(jni, kThreadName, runSampler, this);
-    problem = hasThread_ ? "" : "the VM gives it no thread";
-  }
+  problem = thread_.start(environment_, jni) ? "" : "the VM gives it no thread";
   if (problem.empty() && !environment_.enable(events())) {
     problem = "the VM refuses the events of monitors";
   }
@@ -274,12 +240,8 @@ bool contentionProfile::stop(JNIEnv* jni) {
   if (!isRunning()) {
     return false;
   }
-  {
-    const support::lockGuard guard(endMutex_);
-    if (isEnding_) {
-      return true;
-    }
-    endPath_.clear();
+  if (!lastReport_.takeBack()) {
+    return true;
   }
   environment_.disable(events());
   {
@@ -288,11 +250,7 @@ bool contentionProfile::stop(JNIEnv* jni) {
     session_.ended = instruments::steadyNanos();
     sampler_.catchUp(environment_.jvmti(), jni, session_.ended);
   }
-  {
-    const support::lockGuard guard(wakeMutex_);
-    isSampling_ = false;
-    wake_.notifyAll();
-  }
+  thread_.stop();
   const std::string problem = parkHook::remove(environment_.jvmti(), jni);
   if (!problem.empty()) {
     TW_LOG(kLogWarn, kSeverityWarn, "contentionProfile::stop", "%s", problem.c_str());
@@ -308,9 +266,7 @@ bool contentionProfile::reportAtEnd(const std::string& path, bool isEnding) {
   if (!isRunning()) {
     return false;
   }
-  const support::lockGuard guard(endMutex_);
-  endPath_ = path;
-  isEnding_ = isEnding;
+  lastReport_.order(path, isEnding);
   return true;
 }
 
@@ -318,22 +274,14 @@ bool contentionProfile::reportAtEnd(const std::string& path, bool isEnding) {
 // not come by then was suspended by a debugger.
 void contentionProfile::endWithVm(JNIEnv* jni) {
   constexpr const char* kFunction = "contentionProfile::endWithVm";
-  std::string path;
-  {
-    const support::lockGuard guard(endMutex_);
-    path = endPath_;
-  }
+  const std::string path = lastReport_.path();
   if (path.empty() || !isRunning()) {
     return;
   }
   recorder_.end();
-  {
-    const support::lockGuard guard(wakeMutex_);
-    isSampling_ = false;
-    wake_.notifyAll();
-  }
+  thread_.stop();
   std::string text;
-  if (!samplerHasEnded() ||
+  if (!thread_.hasEnded() ||
       !samplesMutex_.tryLockUntil(support::patienceClock::now() + kPatience)) {
     TW_LOG(kLogError, kSeverityError, kFunction, "%s was not written at the end", path.c_str());
     return;
@@ -347,19 +295,7 @@ void contentionProfile::endWithVm(JNIEnv* jni) {
     throw;
   }
   samplesMutex_.unlock();
-  const std::string name = support::fileSystemPath(path);
-  const std::string part = name + ".end";
-  support::fileWriter file(part, support::fileWriter::mode::truncate,
-                           support::fileWriter::readers::owner);
-  file.write(text);
-  std::string reason = file.close();
-  if (reason.empty() && std::rename(part.c_str(), name.c_str()) != 0) {
-    reason = support::reasonOf(errno);
-  }
-  if (!reason.empty()) {
-    TW_LOG(kLogError, kSeverityError, kFunction, "%s was not written at the end: %s", path.c_str(),
-           reason.c_str());
-  }
+  instruments::lastReport::write(path, text, kFunction);
 }
 
 std::string contentionProfile::snapshot(JNIEnv* jni, const std::string& path) {
@@ -375,10 +311,7 @@ std::string contentionProfile::snapshot(JNIEnv* jni, const std::string& path) {
     }
     text = reportText(jni);
   }
-  support::fileWriter file(support::fileSystemPath(path), support::fileWriter::mode::truncate);
-  file.write(text);
-  const std::string reason = file.close();
-  return reason.empty() ? reason : path + ": " + reason;
+  return instruments::writeReport(path, text);
 }
 
 std::string contentionProfile::reportText(JNIEnv* jni) {
@@ -390,40 +323,13 @@ std::string contentionProfile::reportText(JNIEnv* jni) {
 
 // --- The profile's own thread -------------------------------------------------------------------
 
-void JNICALL contentionProfile::runSampler(jvmtiEnv* /*jvmti*/, JNIEnv* jni, void* profile) {
-  auto& self = *static_cast<contentionProfile*>(profile);
-  contained("contentionProfile::runSampler", "Exception occured in contentionProfile : runSampler",
-            [&] { self.sampleUntilStopped(jni); });
-  contained("contentionProfile::runSampler", "Exception occured in contentionProfile : runSampler",
-            [&] {
-              const support::lockGuard guard(self.wakeMutex_);
-              self.hasThread_ = false;
-            });
-}
-
-void contentionProfile::sampleUntilStopped(JNIEnv* jni) {
-  constexpr jint kReferences = 64;
-  std::int64_t next = 0;
-  while (true) {
-    {
-      const support::lockGuard guard(wakeMutex_);
-      const std::int64_t pause = next - instruments::steadyNanos();
-      const auto end = support::patienceClock::now() + std::chrono::nanoseconds(pause);
-      while (isSampling_ && pause > 0 && wake_.waitUntil(wakeMutex_, end)) {
-      }
-      if (!isSampling_) {
-        return;
-      }
-    }
-    const support::lockGuard guard(samplesMutex_);
-    if (session_.ended != 0) {
-      return;
-    }
-    const support::localFrame frame(jni, kReferences);
-    const std::int64_t now = instruments::steadyNanos();
-    sampler_.step(environment_.jvmti(), jni, now);
-    next = sampler_.nextStep(instruments::steadyNanos());
+std::optional<std::int64_t> contentionProfile::takeStep(JNIEnv* jni) {
+  const support::lockGuard guard(samplesMutex_);
+  if (session_.ended != 0) {
+    return std::nullopt;
   }
+  sampler_.step(environment_.jvmti(), jni, instruments::steadyNanos());
+  return sampler_.nextStep(instruments::steadyNanos());
 }
 
 }  // namespace agent

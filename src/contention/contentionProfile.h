@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "contention/blockRecorder.h"
@@ -19,7 +20,9 @@
 #include "contention/contentionSamples.h"
 #include "contention/contentionSettings.h"
 #include "contention/lockLook.h"
+#include "instruments/lastReport.h"
 #include "instruments/ownEnvironment.h"
+#include "instruments/ownThread.h"
 #include "support/annotations.h"
 
 namespace agent {
@@ -38,7 +41,7 @@ class contentionProfile {
   bool isRunning() const { return recorder_.isOn(); }
   std::string snapshot(JNIEnv* jni, const std::string& path) EXCLUDES(controlMutex_);
   bool stop(JNIEnv* jni) EXCLUDES(controlMutex_);
-  bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_, endMutex_);
+  bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_);
 
  private:
   contentionProfile();
@@ -55,18 +58,16 @@ class contentionProfile {
                                     jboolean timedOut);
   static void acquisitionBegins(JNIEnv* jni);
   static void blockerSet(JNIEnv* jni, jthread thread, jobject blocker);
-  static void JNICALL runSampler(jvmtiEnv* jvmti, JNIEnv* jni, void* profile);
 
   std::string open(JavaVM* vm);
   bool handlersHaveLeft();
-  bool samplerHasEnded();
   void findClasses(JNIEnv* jni) REQUIRES(controlMutex_);
   std::string hookParks(JNIEnv* jni) REQUIRES(controlMutex_);
   void begin(JNIEnv* jni, const contentionSettings& settings) REQUIRES(controlMutex_)
       EXCLUDES(samplesMutex_);
-  void takeBack(JNIEnv* jni) EXCLUDES(samplesMutex_, wakeMutex_);
-  void sampleUntilStopped(JNIEnv* jni);
-  void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_, endMutex_);
+  void takeBack(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  std::optional<std::int64_t> takeStep(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
   std::string reportText(JNIEnv* jni) REQUIRES(samplesMutex_);
 
   instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
@@ -83,14 +84,8 @@ class contentionProfile {
   contentionSamples samples_ GUARDED_BY(samplesMutex_);
   contentionSampler sampler_ GUARDED_BY(samplesMutex_);
 
-  support::mutex endMutex_;
-  std::string endPath_ GUARDED_BY(endMutex_);    // of the report that the end of the VM writes
-  bool isEnding_ GUARDED_BY(endMutex_) = false;  // and nobody stops it before
-
-  support::mutex wakeMutex_;
-  support::condition wake_;
-  bool isSampling_ GUARDED_BY(wakeMutex_) = false;  // its thread is to go on
-  bool hasThread_ GUARDED_BY(wakeMutex_) = false;
+  instruments::lastReport lastReport_;
+  instruments::ownThread thread_;
 };
 
 }  // namespace agent

@@ -2,26 +2,6 @@
 
 namespace agent {
 
-std::uint32_t nameTable::idOf(std::string_view name) {
-  const auto known = ids_.find(name);
-  if (known != ids_.end()) {
-    return known->second;
-  }
-  if (ids_.size() == kMost) {
-    ++dropped_;
-    return 0;
-  }
-  const auto id = static_cast<std::uint32_t>(ids_.size() + 1);
-  order_.push_back(&ids_.emplace(name, id).first->first);
-  return id;
-}
-
-void nameTable::clear() {
-  ids_.clear();
-  order_.clear();
-  dropped_ = 0;
-}
-
 std::size_t pairHash::operator()(const pairKey& key) const {
   constexpr std::uint64_t kPrime = 0x100000001b3U;
   std::uint64_t hash = 0;

@@ -14,6 +14,7 @@
 #include "contention/lockTable.h"
 #include "instruments/boundedMap.h"
 #include "instruments/costAccount.h"
+#include "instruments/nameTable.h"
 #include "instruments/stackTable.h"
 #include "instruments/windowRing.h"
 
@@ -27,23 +28,6 @@ enum class ownerNote : std::uint8_t {
   notKept,     // the lock does not keep it
   changed,     // it let go while it was looked at, or the VM did not answer
   none,        // nobody held it
-};
-
-// Texts by number, 0 being none; bounded.
-class nameTable {
- public:
-  static constexpr std::size_t kMost = 4096;
-
-  // 0 when there is no room.
-  std::uint32_t idOf(std::string_view name);
-  const std::string& at(std::uint32_t id) const { return *order_.at(id - 1); }
-  std::uint64_t dropped() const { return dropped_; }
-  void clear();
-
- private:
-  std::map<std::string, std::uint32_t, std::less<>> ids_;
-  std::vector<const std::string*> order_;
-  std::uint64_t dropped_ = 0;
 };
 
 // An owner at some moment; names and stacks by id, 0 for none.
@@ -121,7 +105,7 @@ struct contentionSamples {
   static constexpr std::size_t kMostStuckThreads = 16;
 
   instruments::stackTable stacks;
-  nameTable names;
+  instruments::nameTable names;
   instruments::boundedMap<pairKey, pairCounts, pairHash> pairs{kMostPairs};
   instruments::windowRing<contentionWindow> windows{kMostWindows};
   contentionWindow current;  // since the last one ended

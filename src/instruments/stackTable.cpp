@@ -43,7 +43,7 @@ std::uint32_t stackTable::idOf(jvmtiEnv* jvmti, JNIEnv* jni, std::span<const jvm
   if (kept != stacks_.end()) {
     return kept->second;
   }
-  if (stacks_.size() == kMostStacks) {
+  if (stacks_.size() == mostStacks_) {
     ++dropped_;
     return 0;
   }
@@ -94,7 +94,7 @@ stackTable::knownMethod& stackTable::methodOf(jvmtiEnv* jvmti, JNIEnv* jni, jmet
       return found->second;
     }
   }
-  if (methods_.size() >= kMostFrames) {
+  if (methods_.size() >= mostFrames_) {
     methods_.clear();
   }
   return methods_[method] = readMethod(jvmti, jni, method);
@@ -142,7 +142,7 @@ std::optional<std::uint32_t> stackTable::idOfText(std::string text) {
   if (found != frames_.end()) {
     return found->second;
   }
-  if (texts_.size() == kMostFrames) {
+  if (texts_.size() == mostFrames_) {
     return std::nullopt;
   }
   const auto id = static_cast<std::uint32_t>(texts_.size());

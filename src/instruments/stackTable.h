@@ -21,8 +21,11 @@ namespace instruments {
 class stackTable {
  public:
   static constexpr std::size_t kMostStacks = 4096;
-  static constexpr std::size_t kMostFrames = 16384;
-  static constexpr jint kMostDepth = 64;  // frames of a stack
+  static constexpr std::size_t kMostFrames = 16384;  // different ones
+  static constexpr jint kMostDepth = 64;             // frames of a stack
+
+  explicit stackTable(std::size_t mostStacks = kMostStacks, std::size_t mostFrames = kMostFrames)
+      : mostStacks_(mostStacks), mostFrames_(mostFrames) {}
 
   struct stack {
     std::vector<std::uint32_t> frames;  // the innermost first
@@ -59,6 +62,8 @@ class stackTable {
   std::optional<std::uint32_t> frameOf(jvmtiEnv* jvmti, JNIEnv* jni, const jvmtiFrameInfo& frame);
   std::optional<std::uint32_t> idOfText(std::string text);
 
+  std::size_t mostStacks_;
+  std::size_t mostFrames_;
   support::heldClasses classes_;
   std::unordered_map<jmethodID, knownMethod> methods_;
   std::map<std::string, std::uint32_t, std::less<>> frames_;
