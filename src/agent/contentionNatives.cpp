@@ -16,19 +16,6 @@ namespace {
 
 using limits = contentionSettings;
 
-// A text for Java; null for an empty one. Without memory for it, a Java exception is pending.
-jstring textFor(JNIEnv* jni, const std::string& text) {
-  return text.empty() ? nullptr : jni->NewStringUTF(text.c_str());
-}
-
-std::string outOfRange(const char* what, std::int64_t value, std::int64_t first,
-                       std::int64_t last) {
-  return value >= first && value <= last
-             ? std::string()
-             : std::string(what) + " " + std::to_string(value) + ": expected a number from " +
-                   std::to_string(first) + " to " + std::to_string(last);
-}
-
 std::string refusal(const contentionSettings& settings) {
   constexpr std::int64_t kForEver = std::numeric_limits<std::int64_t>::max() / 1'000'000;
   for (const std::string& each :

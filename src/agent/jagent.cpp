@@ -16,6 +16,7 @@
 #include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
 #include "agent/vmEnd.h"
+#include "allocations/allocationProfile.h"
 #include "contention/contentionProfile.h"
 #include "exceptions/captureMode.h"
 #include "exceptions/exceptionprofiler.h"
@@ -111,6 +112,11 @@ jint load(JavaVM* vm, const char* options) {
                                                              vm, settings.contentionProfile)
                                                        : std::string();
 
+  const std::string noAllocations =
+      settings.allocations
+          ? allocationProfile::ofProcess().startWithVm(vm, settings.allocationProfile)
+          : std::string();
+
   jvmtiError capabilities = JVMTI_ERROR_NONE;
   if (!registry->empty()) {
     capabilities = jvmti->AddCapabilities(&registry->capabilities);
@@ -139,6 +145,10 @@ jint load(JavaVM* vm, const char* options) {
   if (!noContention.empty()) {
     TW_LOG(kLogError, kSeverityError, kOnLoad, "The contention profile does not run: %s",
            noContention.c_str());
+  }
+  if (!noAllocations.empty()) {
+    TW_LOG(kLogError, kSeverityError, kOnLoad, "The allocation profile does not run: %s",
+           noAllocations.c_str());
   }
   for (const std::string& each : settings.ignored) {
     TW_LOG(kLogWarn, kSeverityWarn, kOnLoad, "Ignoring option '%s': its default holds",

@@ -5,6 +5,8 @@
 #include <com_korvane_twutils_nativeagent_TWNativeAgentProfiling.h>
 #include <jni.h>
 
+#include <cstdint>
+#include <string>
 #include <utility>
 
 #include "agent/boundary.h"
@@ -22,6 +24,20 @@ jint native(const char* function, Body&& body,
             support::sourcePlace where = support::sourcePlace::current()) {
   return contained(function, "Exception occured in jagent : native method", jint{0},
                    std::forward<Body>(body), where);
+}
+
+// A text for Java; null for an empty one. Without memory for it, a Java exception is pending.
+inline jstring textFor(JNIEnv* jni, const std::string& text) {
+  return text.empty() ? nullptr : jni->NewStringUTF(text.c_str());
+}
+
+// Why a number is refused, or an empty text.
+inline std::string outOfRange(const char* what, std::int64_t value, std::int64_t first,
+                              std::int64_t last) {
+  return value >= first && value <= last
+             ? std::string()
+             : std::string(what) + " " + std::to_string(value) + ": expected a number from " +
+                   std::to_string(first) + " to " + std::to_string(last);
 }
 
 }  // namespace agent

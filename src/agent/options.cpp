@@ -172,6 +172,16 @@ void readContentionItem(const std::string& item, startUpSettings& settings) {
               profile.windowMillis, settings);
 }
 
+void readAllocationItem(const std::string& item, startUpSettings& settings) {
+  using limits = allocationSettings;
+  allocationSettings& profile = settings.allocationProfile;
+  readSetting(item, "allocations", false, 0, 1, settings.allocations, settings);
+  readSetting(item, "allocationsInterval", false, limits::kShortestInterval,
+              limits::kLongestInterval, profile.intervalBytes, settings);
+  readSetting(item, "allocationsSamples", false, limits::kFewestSamples, limits::kMostSamples,
+              profile.liveSamples, settings);
+}
+
 // Read before all others, since a profiler asks for its capabilities when it is made.
 void readExceptionCapture(const std::string& item, startUpSettings& settings) {
   const std::size_t sign = item.find('=');
@@ -250,6 +260,7 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
     createFeatures(registry, item, settings);
   }
   readContentionItem(item, settings);
+  readAllocationItem(item, settings);
   readRedactionItem(item, settings);
 }
 

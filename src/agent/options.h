@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/profilerRegistry.h"
+#include "allocations/allocationSettings.h"
 #include "contention/contentionSettings.h"
 #include "exceptions/redaction.h"
 
@@ -25,6 +26,8 @@ struct startUpSettings {
   std::int32_t recordBytes = 0;  // unset
   bool contention = false;       // runs from the start of the VM
   contentionSettings contentionProfile;
+  bool allocations = false;  // as well
+  allocationSettings allocationProfile;
   redactionSettings redaction;
   // Items whose values count as not given, for the log.
   std::vector<std::string> ignored;

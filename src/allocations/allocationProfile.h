@@ -1,0 +1,96 @@
+// The allocation profile: samples of what the program allocates, and which of it survives its
+// garbage collections; all the time, at little cost.
+//
+// It has a JVMTI environment of its own. A handler puts samples into a queue (allocationRecorder);
+// a thread of its own names them, sees which are alive (survivingSamples) and counts collections
+// (collectionRounds). Objects are held by weak references of JNI, not by tags: the VM looks for n
+// tags in n times n steps, and keeps all that it finds alive for the current collection. Control
+// calls come from Java on any thread, and take turns. There is one in the process, and it is never
+// destroyed: handlers and its thread may run while the process ends.
+#pragma once
+
+#include <jvmti.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "allocations/allocationRecorder.h"
+#include "allocations/allocationReport.h"
+#include "allocations/allocationSettings.h"
+#include "allocations/collectionRounds.h"
+#include "allocations/survivingSamples.h"
+#include "instruments/costAccount.h"
+#include "instruments/lastReport.h"
+#include "instruments/ownEnvironment.h"
+#include "instruments/ownThread.h"
+#include "support/annotations.h"
+
+namespace agent {
+
+class allocationProfile {
+ public:
+  static allocationProfile& ofProcess();
+
+  // Has it start when the VM is ready. Why it will not, or an empty text.
+  std::string startWithVm(JavaVM* vm, const allocationSettings& settings);
+
+  // The next six: see AgentAllocations.java. Texts are empty when all went well.
+  std::string start(JavaVM* vm, JNIEnv* jni, const allocationSettings& settings)
+      EXCLUDES(controlMutex_);
+  bool isRunning() const { return recorder_.isOn(); }
+  std::string snapshot(JNIEnv* jni, const std::string& path, bool afterCollection)
+      EXCLUDES(controlMutex_);
+  bool stop(JNIEnv* jni, bool afterCollection) EXCLUDES(controlMutex_);
+  bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_);
+  void shutdownBegins(JNIEnv* jni, bool afterCollection) EXCLUDES(controlMutex_);
+
+ private:
+  allocationProfile();
+
+  static void JNICALL VMInit(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread);
+  static void JNICALL VMDeath(jvmtiEnv* jvmti, JNIEnv* jni);
+  static void JNICALL SampledObjectAlloc(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
+                                         jobject object, jclass cls, jlong size);
+  static void JNICALL GarbageCollectionFinish(jvmtiEnv* jvmti);
+
+  std::string open(JavaVM* vm);
+  bool handlersHaveLeft();
+  void begin(JNIEnv* jni, const allocationSettings& settings) REQUIRES(controlMutex_)
+      EXCLUDES(samplesMutex_);
+  void dropAll(JNIEnv* jni) REQUIRES(samplesMutex_);
+  std::optional<std::int64_t> takeStep(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  void drain(JNIEnv* jni) REQUIRES(samplesMutex_);
+  void makeRoom(JNIEnv* jni) REQUIRES(samplesMutex_);
+  void catchUp(JNIEnv* jni) REQUIRES(samplesMutex_);
+  bool collect(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  aliveState stateOf(bool afterCollection) REQUIRES(samplesMutex_);
+  void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  void finish(JNIEnv* jni) REQUIRES(samplesMutex_);
+  std::string reportText(bool afterCollection) REQUIRES(samplesMutex_);
+
+  instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
+  allocationRecorder recorder_;
+  allocationSettings settingsForVm_;
+
+  support::mutex controlMutex_;  // outside samplesMutex_: one control call at a time
+  jclass virtualThread_ GUARDED_BY(controlMutex_) = nullptr;
+
+  // No handler takes it.
+  support::timedMutex samplesMutex_;
+  allocationSession session_ GUARDED_BY(samplesMutex_);
+  survivingSamples samples_ GUARDED_BY(samplesMutex_);
+  collectionRounds rounds_;  // under samplesMutex_ but for the handler
+  bool hasDead_ GUARDED_BY(samplesMutex_) = false;
+  std::int64_t lastRemoval_ GUARDED_BY(samplesMutex_) = 0;
+  std::int64_t collectionNanos_ GUARDED_BY(samplesMutex_) = 0;  // of the last one asked for
+  // What was alive when the profile was stopped, or the VM began to shut down.
+  std::optional<aliveState> frozen_ GUARDED_BY(samplesMutex_);
+  std::optional<afterHooks> left_ GUARDED_BY(samplesMutex_);
+  instruments::costAccount cost_ GUARDED_BY(samplesMutex_);
+
+  instruments::lastReport lastReport_;
+  instruments::ownThread thread_;
+};
+
+}  // namespace agent
