@@ -15,6 +15,7 @@ import java.util.List;
  */
 public final class AllocationEdges {
   private static final int COUNT = 20_000;
+  private static final int PACE = 1000;
   private static final int LARGE_COUNT = 40;
   private static final int LARGE = 300_000;
   private static final int CLASSES_PER_LOADER = 1000;
@@ -41,6 +42,7 @@ public final class AllocationEdges {
 
   public static void main(String[] args) throws Exception {
     Allocations.start(Long.parseLong(args[2]));
+    reachInterval();
     boolean collects = true;
     switch (args[0]) {
       case "references":
@@ -69,6 +71,21 @@ public final class AllocationEdges {
     Facts.put("held", HELD.size());
   }
 
+  /** A thread that runs already meets its next sample after the VM's own interval. */
+  private static void reachInterval() throws InterruptedException {
+    for (int i = 0; i < 16 * PACE; i++) {
+      last = new byte[500];
+      pace(i);
+    }
+  }
+
+  /** Leaves the profile the time to take its samples over: it loses some of a long burst. */
+  private static void pace(int made) throws InterruptedException {
+    if (made % PACE == 0) {
+      Thread.sleep(1);
+    }
+  }
+
   /** As many of each kind, one held, one in a soft and one in a weak reference, one dropped. */
   private static void references() throws InterruptedException {
     for (int i = 0; i < COUNT; i++) {
@@ -76,6 +93,7 @@ public final class AllocationEdges {
       HELD.add(new SoftReference<>(new SoftlyHeld()));
       HELD.add(new WeakReference<>(new WeaklyHeld()));
       last = new Dropped();
+      pace(i);
     }
     last = null;
     // A soft reference is taken at the earliest by the second collection after it was made.
@@ -85,16 +103,18 @@ public final class AllocationEdges {
   }
 
   /** No collection of the old generation: garbage until there were so many of the young one. */
-  private static void young(int collections) {
+  private static void young(int collections) throws InterruptedException {
     for (int i = 0; i < COUNT; i++) {
       HELD.add(new Held());
       last = new Dropped();
+      pace(i);
     }
     last = null;
     long end = collections(true) + collections;
     while (collections(true) < end) {
       for (int i = 0; i < COUNT; i++) {
-        last = new byte[1000];
+        last = new byte[100];
+        pace(i);
       }
     }
     Facts.put("count", COUNT);
@@ -198,9 +218,12 @@ public final class AllocationEdges {
   }
 
   /** Fills the heap with so many bytes of small objects. */
-  private static void heap(long bytes) {
-    for (long made = 0; made < bytes; made += 150) {
+  private static void heap(long bytes) throws InterruptedException {
+    for (int made = 0; made < bytes / 150; made++) {
       HELD.add(new Held());
+      if (made % 5 == 0) {
+        pace(made / 5);
+      }
     }
     long before = System.nanoTime();
     System.gc();
