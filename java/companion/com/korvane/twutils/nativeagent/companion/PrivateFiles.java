@@ -1,8 +1,12 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import java.io.FileOutputStream;
 import java.io.IOException;
+import java.io.OutputStream;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.StandardCopyOption;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermission;
 import java.nio.file.attribute.PosixFilePermissions;
@@ -18,6 +22,20 @@ final class PrivateFiles {
   /** Makes an empty file; fails when there is one. */
   static Path createFile(Path file) throws IOException {
     return Files.createFile(file, FILE_MODE);
+  }
+
+  /**
+   * Writes the text as the file, in place of one that is there. What has the file's name is
+   * complete: until then it bears another one, with ".part" at its end.
+   */
+  static void replace(Path file, String text) throws IOException {
+    Path part = file.resolveSibling(file.getFileName() + ".part");
+    Files.deleteIfExists(part); // of a time that failed
+    createFile(part);
+    try (OutputStream out = new FileOutputStream(part.toFile())) {
+      out.write(text.getBytes(StandardCharsets.UTF_8));
+    }
+    Files.move(part, file, StandardCopyOption.ATOMIC_MOVE);
   }
 
   /** Makes a folder; fails when there is one. */

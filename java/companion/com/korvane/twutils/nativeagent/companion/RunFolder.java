@@ -2,16 +2,12 @@ package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.Redaction;
 import java.io.File;
-import java.io.FileOutputStream;
 import java.io.IOException;
-import java.io.OutputStream;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.DirectoryIteratorException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.FileAlreadyExistsException;
 import java.nio.file.Files;
 import java.nio.file.Path;
-import java.nio.file.StandardCopyOption;
 import java.time.Instant;
 import java.time.ZoneId;
 import java.time.format.DateTimeFormatter;
@@ -208,17 +204,7 @@ final class RunFolder {
       json.key("kept").value(maxReports).endObject();
     }
     json.endObject();
-    writeComplete(path.resolve("run.json"), json.toString() + '\n');
-  }
-
-  private static void writeComplete(Path file, String text) throws IOException {
-    Path part = file.resolveSibling(file.getFileName() + ".part");
-    Files.deleteIfExists(part); // of a time that failed
-    PrivateFiles.createFile(part);
-    try (OutputStream out = new FileOutputStream(part.toFile())) {
-      out.write(text.getBytes(StandardCharsets.UTF_8));
-    }
-    Files.move(part, file, StandardCopyOption.ATOMIC_MOVE);
+    PrivateFiles.replace(path.resolve("run.json"), json.toString() + '\n');
   }
 
   private static String processId() throws IOException {

@@ -1,0 +1,138 @@
+package com.korvane.twutils.nativeagent.companion;
+
+import java.io.IOException;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.time.Duration;
+import java.time.Instant;
+
+/**
+ * Finds out who holds what stays alive: has the VM's flight recorder take samples of objects from
+ * the start to the close, and writes the paths from those that are alive to their roots. For that
+ * the program stands still about as long as for a full collection.
+ *
+ * <p>Nothing here throws. Used in turn.
+ */
+final class RootPaths {
+  /** Writing takes a part in so many of the time. */
+  private static final long SHARE = 100;
+
+  /** The last ones are not looked for when that took longer the time before. */
+  private static final Duration LONGEST_AT_END = Duration.ofSeconds(10);
+
+  private static final long MOST_BYTES = 256 << 20; // of the recorder's file
+  private static final Duration CLOCK_DIFFERENCE = Duration.ofSeconds(1); // to the recorder's clock
+
+  private final Path file;
+  private final Path dump;
+
+  private FlightRecording recording; // null when there is none
+  private String problem = "the flight recorder was not started";
+  private boolean hasPaths; // the file
+  private boolean hasFailed; // to write it, since it was last written
+  private boolean isClosed;
+  private boolean wasWritten;
+  private long writtenNanos; // System.nanoTime() when it began last
+  private long tookNanos; // the last time
+
+  RootPaths(Path file) {
+    this.file = file;
+    dump = file.resolveSibling(file.getFileName() + ".jfr.part");
+  }
+
+  /** Samples are taken from now on. The first start of the recorder in a JVM takes a moment. */
+  void start() {
+    try {
+      FlightRecording made = new FlightRecording();
+      recording = made; // to be closed, even when it cannot be started
+      made.start();
+      problem = null;
+    } catch (Throwable e) {
+      problem = problemOf(e);
+    }
+  }
+
+  /** Writes the file, unless that would take more than 1 % of the time since the last time. */
+  void write() {
+    if (!wasWritten || System.nanoTime() - writtenNanos >= tookNanos * SHARE) {
+      last();
+    }
+  }
+
+  /** Writes the file in any case, except when the last time took too long for a JVM that ends. */
+  void last() {
+    if (isClosed || tookNanos > LONGEST_AT_END.toNanos()) {
+      return;
+    }
+    wasWritten = true;
+    writtenNanos = System.nanoTime();
+    RootPathGroups groups = new RootPathGroups();
+    String failure = problem;
+    if (failure == null) {
+      try {
+        groups = read();
+      } catch (Throwable e) {
+        failure = problemOf(e);
+      }
+    }
+    tookNanos = System.nanoTime() - writtenNanos;
+    if (failure == null || !hasPaths) { // or those of an earlier time stay
+      writeFile(groups, failure);
+    }
+  }
+
+  /** No more samples are taken; the file stays. */
+  void close() {
+    isClosed = true;
+    try {
+      if (recording != null) {
+        recording.close();
+      }
+    } catch (Throwable e) {
+      // The recorder has ended before, as it does with the JVM.
+    }
+    recording = null;
+  }
+
+  private RootPathGroups read() throws IOException, ReflectiveOperationException {
+    try {
+      Files.deleteIfExists(dump); // of a JVM that was killed
+      PrivateFiles.createFile(dump);
+      Instant since = Instant.now().minus(CLOCK_DIFFERENCE);
+      recording.dump(dump);
+      if (Files.size(dump) > MOST_BYTES) {
+        throw new IOException("its file has " + Files.size(dump) + " bytes");
+      }
+      return new OldObjectSamples().read(dump, since);
+    } finally {
+      Files.deleteIfExists(dump);
+    }
+  }
+
+  private static String problemOf(Throwable failure) {
+    Throwable cause = FlightRecording.causeOf(failure);
+    return cause instanceof ClassNotFoundException || cause instanceof NoClassDefFoundError
+        ? "this Java has no flight recorder, or the program runs without the module jdk.jfr"
+        : "no paths from the flight recorder: " + Console.messageOf(cause);
+  }
+
+  private void writeFile(RootPathGroups groups, String failure) {
+    try {
+      JsonText json = new JsonText().beginObject();
+      json.key("report").value("paths").key("version").value(1);
+      json.key("writtenAt").value(System.currentTimeMillis());
+      json.key("source").value(FlightRecording.EVENT);
+      json.key("problem").value(failure);
+      json.key("tookMillis").value(tookNanos / 1_000_000);
+      groups.write(json);
+      PrivateFiles.replace(file, json.endObject().toString() + '\n');
+      hasPaths = failure == null;
+      hasFailed = false;
+    } catch (Throwable e) {
+      if (!hasFailed) {
+        hasFailed = true;
+        Console.print("paths to roots cannot be written to " + file + ": ", e);
+      }
+    }
+  }
+}
