@@ -8,10 +8,7 @@ import java.util.Map;
 import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.LinkedBlockingQueue;
 
-/**
- * Has objects held in one of several ways, and writes who holds them. Usage: Holders WAY [mine]
- * (with a recording of the program's own).
- */
+/** Has objects held in one of several ways, and writes who holds them. Usage: Holders WAY */
 public final class Holders {
   static final int COUNT = 2000;
   static final int SIZE = 10_000;
@@ -75,8 +72,12 @@ public final class Holders {
   }
 
   public static void main(String[] args) throws Exception {
-    ReportAccess.openPaths("paths.json");
+    boolean hasPaths = !args[0].equals("no paths");
+    if (hasPaths) {
+      ReportAccess.openPaths("paths.json");
+    }
     switch (args[0]) {
+      case "no paths":
       case "map":
         for (int i = 0; i < COUNT; i++) {
           MAP.put("key" + i, new Held());
@@ -120,8 +121,10 @@ public final class Holders {
     }
     garbage = null;
     System.gc();
-    ReportAccess.writePaths();
-    ReportAccess.closePaths();
+    if (hasPaths) {
+      ReportAccess.writePaths();
+      ReportAccess.closePaths();
+    }
   }
 
   private static void load(int count) throws Exception {

@@ -19,6 +19,10 @@ public final class ReportAccess {
     growth.takePoint();
   }
 
+  public static void takePointNow() {
+    growth.last();
+  }
+
   public static void lastPoint() {
     growth.last();
     growth.close();

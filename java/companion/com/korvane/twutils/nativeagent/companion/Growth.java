@@ -102,11 +102,11 @@ final class Growth {
   }
 
   private String takeHistogram() throws Exception {
-    long begin = clock.getAsLong();
+    askedAt = clock.getAsLong();
     try {
       return source.take();
     } finally {
-      tookNanos = clock.getAsLong() - begin;
+      tookNanos = clock.getAsLong() - askedAt;
     }
   }
 

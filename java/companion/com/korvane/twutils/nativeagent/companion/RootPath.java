@@ -18,6 +18,7 @@ final class RootPath {
   private static final String OWN_PACKAGE = "com.korvane.twutils.nativeagent.";
   private static final String OWN_THREADS = "javanativeagent ";
   private static final String RECORDER_PACKAGE = "jdk.jfr.";
+  private static final String CLASS = "java.lang.Class";
   private static final String THREAD_LOCALS = "java.lang.ThreadLocal$ThreadLocalMap$Entry";
 
   /** They are never unloaded. */
@@ -93,9 +94,12 @@ final class RootPath {
     this.allocatedAt = allocatedAt;
     this.stack = stack;
     isOwn = isOfProfiler(className);
+    for (String frame : stack) {
+      isOwn |= frame.startsWith(OWN_PACKAGE);
+    }
   }
 
-  /** Held by the profiler, or by the flight recorder that it runs. */
+  /** Made or held by the profiler, or held by the flight recorder that it runs. */
   boolean isOwn() {
     return isOwn;
   }
@@ -117,7 +121,7 @@ final class RootPath {
     Step added = step.isStatic && subject != null ? step.of(subject) : step;
     if (!isKnown) {
       isOwn |= isOfProfiler(added.className);
-      noteThreadLocal(added, subject);
+      noteThreadLocal(step, subject);
     } else {
       noteLoader(added, address);
     }
@@ -132,7 +136,8 @@ final class RootPath {
   }
 
   private void noteThreadLocal(Step step, String subject) {
-    if (localClass != null && "threadLocals".equals(step.field)) {
+    boolean isThread = subject != null && !step.className.equals(CLASS);
+    if (localClass != null && (isThread || "threadLocals".equals(step.field))) {
       end("thread local", localClass, subject);
     } else if (THREAD_LOCALS.equals(step.className) && "value".equals(step.field)) {
       localClass = last();
