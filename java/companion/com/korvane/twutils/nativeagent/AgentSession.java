@@ -63,20 +63,31 @@ public abstract class AgentSession {
   }
 
   /**
-   * Stops the session and writes its report. Stopped once more, it does nothing.
+   * Stops the session and writes its report. Stopped once more, it does nothing. A session that
+   * reports which objects are alive collects the heap first.
    *
    * @return the report
    * @throws IOException when the report, or a file that belongs to it, was not written completely;
-   *     the session is over all the same, except for a {@link ContentionSession}
+   *     the session is over all the same, except for a {@link ContentionSession} and an {@link
+   *     AllocationSession}
    * @throws IllegalStateException when that would disturb a lock session in its detail phase; the
    *     session goes on
    * @throws OutOfMemoryError when what there is of the report waits for another call
    */
   public final Path stop() throws IOException {
+    return stopAfter(true);
+  }
+
+  /**
+   * The same.
+   *
+   * @param isCollected collect the heap first, where the session reports which objects are alive
+   */
+  final Path stopAfter(boolean isCollected) throws IOException {
     return NativeAgent.<Path, IOException>locked(
         () -> {
           if (!isOver) {
-            finish();
+            finish(isCollected);
           }
           if (written == null) {
             throw new IOException("the " + feature + " report " + path + " was not written");
@@ -85,8 +96,8 @@ public abstract class AgentSession {
         });
   }
 
-  private void finish() throws IOException {
-    end();
+  private void finish(boolean isCollected) throws IOException {
+    end(isCollected);
     try {
       if (complete == null) {
         complete = publishReport();
@@ -135,8 +146,12 @@ public abstract class AgentSession {
   /** Has the agent begin; false when it has no such profiler. */
   abstract boolean begin();
 
-  /** Records nothing more, once and for all; refused with an IllegalStateException. */
-  abstract void end();
+  /**
+   * Records nothing more, once and for all; refused with an IllegalStateException.
+   *
+   * @param afterCollection collect the heap first, where that matters
+   */
+  abstract void end(boolean afterCollection);
 
   /** Has the agent write the report; whether it reports that it has. */
   abstract boolean writeReport(String part);

@@ -94,7 +94,7 @@ public final class ContentionSession extends AgentSession {
   }
 
   @Override
-  void end() {
+  void end(boolean afterCollection) {
     AgentContention.stop();
     isStopped = true;
   }

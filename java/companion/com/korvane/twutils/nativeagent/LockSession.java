@@ -154,7 +154,7 @@ public final class LockSession extends AgentSession {
   }
 
   @Override
-  void end() {
+  void end(boolean afterCollection) {
     quiet();
     phase = Phase.STOPPED;
     NativeAgent.ended(this);

@@ -1,11 +1,13 @@
 package com.korvane.twutils.nativeagent;
 
+import java.io.IOException;
+import java.nio.file.Path;
 import java.util.function.Consumer;
 
 /**
  * A memory session that is under way: begun by {@link NativeAgent#startMemory}, over with {@link
- * #stop}. Tracked objects are reported by class and by the number of garbage collections
- * that they have outlived.
+ * #stop}. Tracked objects are reported by class and by the number of garbage collections that they
+ * have outlived. What no collection has taken yet is reported, whether it can be reached or not.
  *
  * <p>Any thread may call.
  */
@@ -105,10 +107,24 @@ public final class MemorySession extends AgentSession {
         () -> isStopped || copy.length == 0 ? 0 : TRACKED.add(copy, limit, full));
   }
 
+  /**
+   * Stops the session as {@link #stop} does.
+   *
+   * @param afterCollection collect the heap first, as {@code stop} does. Without it the report has
+   *     objects that cannot be reached any more but that no collection has taken yet, and does not
+   *     have those that were tracked since the last collection.
+   */
+  public Path stop(boolean afterCollection) throws IOException {
+    return stopAfter(afterCollection);
+  }
+
   @Override
-  void end() {
+  void end(boolean afterCollection) {
     if (!isStopped) {
       NativeAgent.requireNoDetail("stopping the memory session");
+      if (afterCollection) {
+        TWNativeAgentProfiling.forceGarbageCollection();
+      }
     }
     isStopped = true;
     NativeAgent.ended(this);

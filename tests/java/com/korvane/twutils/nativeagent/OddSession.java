@@ -39,7 +39,7 @@ public final class OddSession extends AgentSession {
   }
 
   @Override
-  void end() {
+  void end(boolean afterCollection) {
     if (refusal != null) {
       throw refusal;
     }
