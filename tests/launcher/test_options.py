@@ -32,7 +32,7 @@ def catalogue():
             if kind == "word":
                 CHOICES[key] = line.split("|")[2].split()
             rows.setdefault(profiler, []).append((key, kind, default, sample))
-    return {name: rows[name] for name in ("locks", "contention", "exceptions", "memory")}
+    return {name: rows[name] for name in ("locks", "contention", "allocations", "exceptions", "memory")}
 
 
 # OptionsTest has the companion take and refuse the same.

@@ -44,6 +44,11 @@ final class Check {
 
   /** What the option takes, too. */
   static int number(String setting, OptionKey option, int value) {
+    return (int) number(setting, option, (long) value);
+  }
+
+  /** The same for one that may be larger. */
+  static long number(String setting, OptionKey option, long value) {
     if (!option.accepts(value)) {
       throw refused(setting, value, option.expected());
     }

@@ -3,15 +3,17 @@ package com.korvane.twutils.nativeagent;
 import java.util.EnumSet;
 
 /**
- * A profiler of the agent. All except for the contention profile are chosen with {@code features=}
- * when the JVM is started.
+ * A profiler of the agent. All except for the contention and the allocation profile are chosen with
+ * {@code features=} when the JVM is started.
  */
 public enum Feature {
   LOCKS("mutexprofiling", "lock"),
   MEMORY("memoryprofiling", "memory"),
   EXCEPTIONS("exceptionprofiling", "exception"),
   /** It needs no choice: any JVM with the agent can start it. */
-  CONTENTION("contention", "contention");
+  CONTENTION("contention", "contention"),
+  /** The same. */
+  ALLOCATIONS("allocations", "allocation");
 
   private final String word;
   private final String label;
@@ -23,7 +25,12 @@ public enum Feature {
 
   /** Those that are chosen with {@code features=}. */
   static EnumSet<Feature> choices() {
-    return EnumSet.complementOf(EnumSet.of(CONTENTION));
+    return EnumSet.complementOf(EnumSet.of(CONTENTION, ALLOCATIONS));
+  }
+
+  /** Whether only a JVM that was started with it can start it. */
+  public boolean needsChoice() {
+    return choices().contains(this);
   }
 
   /** The word that stands for it in {@code features=}. */

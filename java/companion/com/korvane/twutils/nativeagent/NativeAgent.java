@@ -25,9 +25,11 @@ public final class NativeAgent {
   private static long lastLockSession;
   private static long lastMemorySession;
   private static long lastContentionSession;
+  private static long lastAllocationSession;
   private static LockSession lockSession;
   private static MemorySession memorySession;
   private static ContentionSession contentionSession;
+  private static AllocationSession allocationSession;
   private static boolean areExceptionsCaptured;
 
   private NativeAgent() {}
@@ -70,7 +72,7 @@ public final class NativeAgent {
 
   /**
    * The profilers that were chosen when the agent was started, as far as the JVM's arguments show.
-   * The contention profile needs no choice. Asking has the JVM settle on its log manager.
+   * The contention and the allocation profile need no choice. Asking has the JVM settle on its log manager.
    */
   public static Set<Feature> features() {
     return isLoaded() ? VmArguments.ofThisJvm().features() : EnumSet.noneOf(Feature.class);
@@ -126,6 +128,25 @@ public final class NativeAgent {
           requireLoaded();
           contentionSession = ContentionSession.start(++lastContentionSession, settings);
           return contentionSession;
+        });
+  }
+
+  /**
+   * Begins the allocation profile, which disturbs no other profiler. One that runs already because
+   * the JVM was started with {@code allocations=1} becomes the session, with the settings that it
+   * was given there.
+   *
+   * @throws IllegalArgumentException when its report cannot be written
+   * @throws IllegalStateException when the agent cannot start it, as where another agent samples
+   *     allocations, or an allocation session is running
+   */
+  public static AllocationSession startAllocations(AllocationSettings settings) {
+    return locked(
+        () -> {
+          requireNone(allocationSession, "an allocation session");
+          requireLoaded();
+          allocationSession = AllocationSession.start(++lastAllocationSession, settings);
+          return allocationSession;
         });
   }
 
@@ -206,6 +227,30 @@ public final class NativeAgent {
     return isMine;
   }
 
+  /**
+   * Has an action run when the JVM begins to end, before any shutdown hook of the program. It runs
+   * on the thread that ends the JVM, which holds the lock that every caller of {@link System#exit}
+   * waits for: it has to come to its end, whatever other threads do. It replaces an earlier one.
+   *
+   * @return null, or why it will not be run
+   */
+  public static String beforeShutdownHooks(Runnable action) {
+    try {
+      return AgentShutdown.beforeHooks(action);
+    } catch (UnsatisfiedLinkError e) {
+      return "the agent is older than the companion, or there is none";
+    }
+  }
+
+  /** Leaves what this thread allocates out of the allocation profile, from now on. */
+  public static void leaveOutAllocations() {
+    try {
+      AgentAllocations.leaveOut(true);
+    } catch (UnsatisfiedLinkError e) {
+      // An agent without the profile, or none.
+    }
+  }
+
   private static boolean lockWithin(long nanos) {
     long end = System.nanoTime() + nanos;
     boolean isInterrupted = false;
@@ -257,6 +302,13 @@ public final class NativeAgent {
   static void ended(ContentionSession session) {
     if (contentionSession == session) {
       contentionSession = null;
+    }
+  }
+
+  /** Within {@link #locked}. */
+  static void ended(AllocationSession session) {
+    if (allocationSession == session) {
+      allocationSession = null;
     }
   }
 

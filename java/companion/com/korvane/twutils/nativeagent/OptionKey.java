@@ -82,6 +82,34 @@ public enum OptionKey {
       "contention.interval", Kind.DURATION, 1000, 864000000000L, "1m",
       "10s",
       "a duration from 1s to 240000h, such as 500ms, 30s, 2m or 1h"),
+  ALLOCATIONS(
+      "allocations", Kind.FLAG, 0, 1, "false",
+      "true",
+      "true or false"),
+  ALLOCATIONS_INTERVAL(
+      "allocations.interval", Kind.SIZE, 1024, 1073741824, "512k",
+      "64k",
+      "a size from 1k to 1024m, such as 500k or 10m"),
+  ALLOCATIONS_SAMPLES(
+      "allocations.samples", Kind.NUMBER, 1000, 50000, "50000",
+      "20000",
+      "a number from 1000 to 50000"),
+  ALLOCATIONS_WRITE(
+      "allocations.write", Kind.DURATION, 1000, 864000000000L, "1m",
+      "10s",
+      "a duration from 1s to 240000h, such as 500ms, 30s, 2m or 1h"),
+  ALLOCATIONS_GROWTH(
+      "allocations.growth", Kind.DURATION, 0, 864000000000L, "5m",
+      "1m",
+      "a duration from 0 to 240000h, such as 500ms, 30s, 2m or 1h"),
+  ALLOCATIONS_PATHS(
+      "allocations.paths", Kind.FLAG, 0, 1, "false",
+      "true",
+      "true or false"),
+  ALLOCATIONS_COLLECT(
+      "allocations.collect", Kind.FLAG, 0, 1, "true",
+      "false",
+      "true or false"),
   EXCEPTIONS(
       "exceptions", Kind.FLAG, 0, 1, "false",
       "true",

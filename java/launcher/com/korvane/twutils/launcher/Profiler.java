@@ -16,6 +16,10 @@ enum Profiler {
       "contention", Feature.CONTENTION, NativeAgentMXBean::getContentionState,
       Profiler::contentionDetails, NativeAgentMXBean::startContention,
       NativeAgentMXBean::stopContention),
+  ALLOCATIONS(
+      "allocations", Feature.ALLOCATIONS, NativeAgentMXBean::getAllocationState,
+      Profiler::allocationDetails, NativeAgentMXBean::startAllocations,
+      NativeAgentMXBean::stopAllocations),
   EXCEPTIONS(
       "exceptions", Feature.EXCEPTIONS, NativeAgentMXBean::getExceptionState,
       Profiler::exceptionDetails, NativeAgentMXBean::startExceptions,
@@ -57,8 +61,7 @@ enum Profiler {
 
   /** Whether it can be started in the JVM. */
   boolean isLoaded(NativeAgentMXBean bean) {
-    return feature == Feature.CONTENTION
-        || Arrays.asList(bean.getFeatures()).contains(feature.word());
+    return !feature.needsChoice() || Arrays.asList(bean.getFeatures()).contains(feature.word());
   }
 
   boolean isOn(NativeAgentMXBean bean) {
@@ -103,6 +106,11 @@ enum Profiler {
   private static String contentionDetails(NativeAgentMXBean bean) {
     return counted(bean.getContentionSessions(), "session")
         + last("report", bean.getLastContentionReport());
+  }
+
+  private static String allocationDetails(NativeAgentMXBean bean) {
+    return counted(bean.getAllocationSessions(), "session")
+        + last("report", bean.getLastAllocationReport());
   }
 
   private static String exceptionDetails(NativeAgentMXBean bean) {

@@ -95,10 +95,10 @@ public final class Tools {
           profiler.isLoaded(bean)
               ? profiler.state(bean) + "; " + profiler.details(bean)
               : "the JVM was started without it";
-      System.out.printf("%-10s  %s%n", profiler, shown);
+      System.out.printf("%-11s  %s%n", profiler, shown);
     }
     String folder = bean.getOutputFolder();
-    System.out.printf("%-10s  %s%n", "results", folder == null ? "none yet" : folder);
+    System.out.printf("%-11s  %s%n", "results", folder == null ? "none yet" : folder);
   }
 
   private static void start(NativeAgentMXBean bean, List<String> words) {

@@ -34,7 +34,9 @@ public final class AgentSessionTest {
     } catch (OutOfMemoryError e) {
       same("not yet", null, session.report());
     }
-    same("stopped", path, session.stop());
+    same("after a collection", true, session.isCollected);
+    same("stopped", path, session.stopAfter(false));
+    same("without one", false, session.isCollected);
     same("stopped again", path, session.stop());
     same("report", path, session.report());
     same("asked for once", 1, session.asked);
@@ -86,6 +88,8 @@ public final class AgentSessionTest {
         () -> new OddSession(1, folder.resolve("r.json"), false).started());
     refused(IllegalStateException.class, "the agent is older than the companion",
         () -> ContentionSession.start(1, new ContentionSettings(folder.resolve("r.json"))));
+    refused(IllegalStateException.class, "the agent is older than the companion",
+        () -> AllocationSession.start(1, new AllocationSettings(folder.resolve("r.json"))));
     same("left", "", Checks.names(folder));
   }
 }

@@ -21,6 +21,9 @@ public final class OddSession extends AgentSession {
   /** How many reports were asked for. */
   public int asked;
 
+  /** Whether it was last asked to end after a collection. */
+  public boolean isCollected;
+
   private final boolean isThere;
 
   public OddSession(long id, Path report, boolean isThere) {
@@ -43,6 +46,7 @@ public final class OddSession extends AgentSession {
     if (refusal != null) {
       throw refusal;
     }
+    isCollected = afterCollection;
   }
 
   @Override

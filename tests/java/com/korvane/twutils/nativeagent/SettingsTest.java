@@ -25,6 +25,7 @@ public final class SettingsTest {
     exceptionSettings();
     memorySettings();
     contentionSettings();
+    allocationSettings();
     withoutTheAgent();
     vmArguments();
     Checks.inFolder(SettingsTest::reportFiles);
@@ -107,6 +108,20 @@ public final class SettingsTest {
         + settings.budget + " " + settings.stuck + " " + settings.window);
   }
 
+  private static void allocationSettings() {
+    AllocationSettings settings = new AllocationSettings(REPORT);
+    same("defaults", "524288 50000", settings.interval + " " + settings.samples);
+    refused(ARGUMENT, "report is null", () -> new AllocationSettings(null));
+    refused(ARGUMENT, "interval is 1023: expected a size from 1k to 1024m",
+        () -> settings.interval(1023));
+    refused(ARGUMENT, "interval is 1073741825", () -> settings.interval((1L << 30) + 1));
+    refused(ARGUMENT, "samples is 999: expected a number from 1000 to 50000",
+        () -> settings.samples(999));
+    refused(ARGUMENT, "samples is 50001", () -> settings.samples(50_001));
+    settings.interval(1 << 30).samples(1000);
+    same("taken", "1073741824 1000", settings.interval + " " + settings.samples);
+  }
+
   private static void withoutTheAgent() {
     same("loaded", false, NativeAgent.isLoaded());
     same("features", EnumSet.noneOf(Feature.class), NativeAgent.features());
@@ -115,6 +130,10 @@ public final class SettingsTest {
     refused(state, expected, () -> NativeAgent.startLocks(new LockSettings(REPORT)));
     refused(state, expected, () -> NativeAgent.startMemory(new MemorySettings(REPORT)));
     refused(state, expected, () -> NativeAgent.startContention(new ContentionSettings(REPORT)));
+    refused(state, expected, () -> NativeAgent.startAllocations(new AllocationSettings(REPORT)));
+    same("no moment before the hooks", "the agent is older than the companion, or there is none",
+        NativeAgent.beforeShutdownHooks(() -> {}));
+    NativeAgent.leaveOutAllocations();
     refused(state, expected,
         () -> NativeAgent.startExceptions(new ExceptionSettings(), (record, exception) -> {}));
     NativeAgent.stopExceptions();

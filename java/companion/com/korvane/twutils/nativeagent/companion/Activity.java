@@ -14,7 +14,15 @@ interface Activity {
   /** Once. When it throws an exception, it is over. */
   void begin();
 
-  /** The JVM begins to end; {@link #stop} is to follow. */
+  /**
+   * The JVM begins to end, and the program's shutdown hooks are about to begin, where that moment
+   * can be had; else they run. {@link #endBegins} is to follow.
+   *
+   * @throws IOException when a report is not complete
+   */
+  default void shutdownBegins() throws IOException {}
+
+  /** The program's shutdown hooks run; {@link #stop} is to follow. */
   default void endBegins() {}
 
   /**

@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.NativeAgent;
 import java.lang.ref.WeakReference;
 import java.lang.reflect.InvocationTargetException;
 import java.util.Arrays;
@@ -8,7 +9,10 @@ import java.util.concurrent.TimeUnit;
 import java.util.concurrent.atomic.AtomicReference;
 import java.util.concurrent.locks.LockSupport;
 
-/** A thread of the companion's own. It keeps no JVM alive, and its exceptions are not recorded. */
+/**
+ * A thread of the companion's own. It keeps no JVM alive, and neither its exceptions nor its
+ * allocations are recorded.
+ */
 final class AgentThread extends Thread {
   /** Other threads that do the companion's work now; mostly none. Neither locked nor hashed. */
   private static final AtomicReference<Helper[]> HELPERS = new AtomicReference<>(new Helper[0]);
@@ -138,6 +142,14 @@ final class AgentThread extends Thread {
       }
       run();
     }
+  }
+
+  @Override
+  public void run() {
+    if (currentThread() == this) {
+      NativeAgent.leaveOutAllocations();
+    }
+    super.run();
   }
 
   interface Work<T, E extends Exception> {

@@ -42,6 +42,8 @@ final class Controller {
   private volatile ExceptionLog exceptions; // of the last capture
   private volatile SweepTotals sweeps = SweepTotals.NONE;
   private volatile boolean hasEnded;
+  private boolean areHooksAwaited; // the program's, to begin
+  private boolean isShutdownReported; // by the allocation profile
   private volatile BiConsumer<Feature, Path> reportListener = (feature, report) -> {};
   private volatile long unannounced; // reports
 
@@ -57,6 +59,11 @@ final class Controller {
         new Instrument(
             OptionKey.EXCEPTIONS, "exception capture is",
             reader -> new ExceptionCapture(this, reader)));
+    instruments.put(
+        Feature.ALLOCATIONS,
+        new Instrument(
+            OptionKey.ALLOCATIONS, "the allocation profile is",
+            reader -> new AllocationPlan(this, reader)));
     instruments.put(
         Feature.MEMORY,
         new Instrument(
@@ -120,7 +127,9 @@ final class Controller {
   }
 
   private void endSessions() {
+    reportAllocations();
     endPart(instruments.get(Feature.CONTENTION)::endBegins);
+    endPart(instruments.get(Feature.ALLOCATIONS)::endBegins);
     endPart(instruments.get(Feature.LOCKS)::end);
     endPart(Controller::stopLocksOfProgram);
     instruments.values().forEach(each -> endPart(each::end));
@@ -131,6 +140,47 @@ final class Controller {
     }
     if (unannounced > 0) {
       Console.print(unannounced + " reports were written without a notification to the listeners");
+    }
+  }
+
+  /** In turn: has what is alive reported before the program's shutdown hooks, which may free it. */
+  void reportBeforeHooks() {
+    if (!areHooksAwaited) {
+      areHooksAwaited = true;
+      String problem = NativeAgent.beforeShutdownHooks(this::beforeHooks);
+      if (problem != null) {
+        Console.print("what is alive at the end of the JVM is reported while its shutdown hooks"
+            + " run, which may have freed some of it: " + problem);
+      }
+    }
+  }
+
+  /**
+   * On the thread that ends the JVM, which may hold any lock: the work is done by another, and
+   * those that it waits for may in turn wait for this thread.
+   */
+  private void beforeHooks() {
+    hasEnded = true;
+    if (!timetable.byClock(PATIENCE_TO_END, this::reportWhatIsAlive)) {
+      Console.print("the shutdown hooks of the program run before what is alive is reported: that"
+          + " takes more than " + PATIENCE_TO_END.getSeconds() + " s");
+    }
+  }
+
+  private void reportWhatIsAlive() {
+    reportAllocations();
+    Instrument memory = instruments.get(Feature.MEMORY);
+    if (memory.runningSession() > 0 && NativeAgent.isDetailRunning()) {
+      endPart(() -> NativeAgent.stopRecording(PATIENCE_TO_STOP)); // it would stand in the way
+    }
+    endPart(memory::shutdownBegins);
+  }
+
+  /** Once. */
+  private void reportAllocations() {
+    if (!isShutdownReported) {
+      isShutdownReported = true;
+      endPart(instruments.get(Feature.ALLOCATIONS)::shutdownBegins);
     }
   }
 

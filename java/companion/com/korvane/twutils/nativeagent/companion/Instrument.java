@@ -52,7 +52,14 @@ final class Instrument {
     return activity.stop();
   }
 
-  /** The JVM begins to end; {@link #end} is to follow. */
+  /** Just before the program's shutdown hooks, where that can be had. */
+  void shutdownBegins() throws IOException {
+    if (isOn()) {
+      activity.shutdownBegins();
+    }
+  }
+
+  /** The program's shutdown hooks run; {@link #end} is to follow. */
   void endBegins() {
     if (isOn()) {
       activity.endBegins();

@@ -5,6 +5,7 @@ import com.korvane.twutils.nativeagent.MemorySession;
 import com.korvane.twutils.nativeagent.MemorySettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
 import com.korvane.twutils.nativeagent.OptionKey;
+import java.io.IOException;
 import java.time.Duration;
 import java.util.ArrayList;
 import java.util.HashSet;
@@ -103,6 +104,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     sweeps = new SweepLog(controller.folder().sweeps(number));
     isSetUp = false;
     session = NativeAgent.startMemory(chosen);
+    controller.reportBeforeHooks();
   }
 
   private void setUp() {
@@ -177,8 +179,15 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   @Override
   void prepareStop(MemorySession stopping) {
     if (!tracked.isEmpty() && !stopping.isStopped() && !NativeAgent.isDetailRunning()) {
-      addInstances();
-      stopping.collect(); // what was tracked since the last collection is not reported
+      addInstances(); // a collection follows: what was tracked since the last is not reported
+    }
+  }
+
+  /** The objects that are alive now are reported, whatever the hooks of the program free. */
+  @Override
+  public void shutdownBegins() throws IOException {
+    if (session != null) {
+      stop();
     }
   }
 

@@ -77,7 +77,8 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
     Status now = controller.status();
     return "locks: " + now.of(Feature.LOCKS).state + ", exceptions: "
         + now.of(Feature.EXCEPTIONS).state + ", memory: " + now.of(Feature.MEMORY).state
-        + ", contention: " + now.of(Feature.CONTENTION).state;
+        + ", contention: " + now.of(Feature.CONTENTION).state
+        + ", allocations: " + now.of(Feature.ALLOCATIONS).state;
   }
 
   @Override
@@ -111,6 +112,11 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   }
 
   @Override
+  public String getAllocationState() {
+    return of(Feature.ALLOCATIONS).state;
+  }
+
+  @Override
   public int getLockSessions() {
     return of(Feature.LOCKS).sessions;
   }
@@ -123,6 +129,11 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   @Override
   public int getContentionSessions() {
     return of(Feature.CONTENTION).sessions;
+  }
+
+  @Override
+  public int getAllocationSessions() {
+    return of(Feature.ALLOCATIONS).sessions;
   }
 
   @Override
@@ -176,6 +187,11 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   }
 
   @Override
+  public String getLastAllocationReport() {
+    return text(of(Feature.ALLOCATIONS).report);
+  }
+
+  @Override
   public String getExceptionFile() {
     return text(controller.status().exceptionFile);
   }
@@ -218,6 +234,16 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   @Override
   public String stopContention() throws IOException {
     return stop(Feature.CONTENTION);
+  }
+
+  @Override
+  public void startAllocations(String options) {
+    start(Feature.ALLOCATIONS, options);
+  }
+
+  @Override
+  public String stopAllocations() throws IOException {
+    return stop(Feature.ALLOCATIONS);
   }
 
   private Status.Part of(Feature feature) {

@@ -12,13 +12,13 @@ import java.io.IOException;
 public interface NativeAgentMXBean {
   /**
    * All profilers in a line, as in "locks: detail, exceptions: on, memory: off, contention:
-   * running".
+   * running, allocations: running".
    */
   String getState();
 
   /**
-   * The feature words of the profilers that the JVM was started with; the contention profile, which
-   * any JVM with the agent can start, has none.
+   * The feature words of the profilers that the JVM was started with; the contention and the
+   * allocation profile, which any JVM with the agent can start, have none.
    */
   String[] getFeatures();
 
@@ -37,6 +37,9 @@ public interface NativeAgentMXBean {
   /** off, running, or stopped while the report could not be written. */
   String getContentionState();
 
+  /** The same. */
+  String getAllocationState();
+
   /** Lock sessions begun so far. */
   int getLockSessions();
 
@@ -45,6 +48,9 @@ public interface NativeAgentMXBean {
 
   /** Contention profiles begun so far. */
   int getContentionSessions();
+
+  /** Allocation profiles begun so far. */
+  int getAllocationSessions();
 
   /** Exceptions in the files since capture was started last. */
   long getExceptionsRecorded();
@@ -79,6 +85,9 @@ public interface NativeAgentMXBean {
   /** It is written anew while the profile runs. Null before it was written first. */
   String getLastContentionReport();
 
+  /** It is written anew while the profile runs. Null before it was written first. */
+  String getLastAllocationReport();
+
   /** The file that exceptions are written to; null before the first capture. */
   String getExceptionFile();
 
@@ -108,4 +117,13 @@ public interface NativeAgentMXBean {
 
   /** Ends the contention profile; gives its report. When that fails, it can be called again. */
   String stopContention() throws IOException;
+
+  /**
+   * Begins the allocation profile. One that the JVM was started with ({@code allocations=1}) goes
+   * on as it is.
+   */
+  void startAllocations(String options);
+
+  /** Ends the allocation profile; gives its report. When that fails, it can be called again. */
+  String stopAllocations() throws IOException;
 }

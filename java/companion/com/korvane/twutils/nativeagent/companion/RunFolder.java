@@ -27,7 +27,9 @@ final class RunFolder {
 
   /** What a session writes: its number is the same in all names. */
   private static final Pattern OF_SESSION =
-      Pattern.compile("(locks|memory|contention)-([0-9]{1,9})\\.(json|stacks|sweeps)(\\.part)?");
+      Pattern.compile(
+          "(locks|memory|contention|allocations)-([0-9]{1,9})"
+              + "\\.(json|stacks|sweeps|growth|paths)(\\.part)?");
 
   private final Path path;
   private final Instant started;
@@ -87,6 +89,20 @@ final class RunFolder {
 
   Path contentionReport(int session) {
     return path.resolve("contention-" + session + ".json");
+  }
+
+  Path allocationReport(int session) {
+    return path.resolve("allocations-" + session + ".json");
+  }
+
+  /** Which classes grow, of an allocation session. */
+  Path growth(int session) {
+    return path.resolve("allocations-" + session + ".growth");
+  }
+
+  /** What holds the objects of an allocation session. */
+  Path paths(int session) {
+    return path.resolve("allocations-" + session + ".paths");
   }
 
   Path memoryReport(int session) {

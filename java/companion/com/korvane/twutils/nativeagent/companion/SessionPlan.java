@@ -118,7 +118,7 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
     prepareStop(stopping);
     Path report;
     try {
-      report = stopping.stop();
+      report = stop(stopping);
     } catch (IOException e) {
       closeFailed();
       throw e;
@@ -137,6 +137,11 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
 
   /** Just before the session is stopped. */
   abstract void prepareStop(S stopping);
+
+  /** Stops the session, and gives its report. */
+  Path stop(S stopping) throws IOException {
+    return stopping.stop();
+  }
 
   /** The session has been stopped. */
   void closeSession() {

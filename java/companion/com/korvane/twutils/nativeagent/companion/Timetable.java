@@ -1,6 +1,7 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import java.time.Duration;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.locks.LockSupport;
 import java.util.concurrent.locks.ReentrantLock;
@@ -21,6 +22,7 @@ final class Timetable {
   private final AgentThread clock = AgentThread.repeating("control", this::round);
 
   private Step last; // in turn; each knows the one that was made before it
+  private volatile Runnable urgent; // what the clock is to do first
   private Error failure; // of a step, to be printed; the clock's own
   private boolean hasFailed;
 
@@ -120,6 +122,42 @@ final class Timetable {
     return isTurn;
   }
 
+  /**
+   * Has the clock do this next, and waits until it has, but no longer than that. Takes no lock, so
+   * that a thread may ask which holds any of them.
+   *
+   * @return whether it is done; if not, it will be
+   */
+  boolean byClock(Duration patience, Runnable action) {
+    CountDownLatch done = new CountDownLatch(1);
+    urgent =
+        () -> {
+          try {
+            action.run();
+          } finally {
+            done.countDown();
+          }
+        };
+    LockSupport.unpark(clock);
+    return isDone(done, System.nanoTime() + patience.toNanos());
+  }
+
+  private static boolean isDone(CountDownLatch latch, long end) {
+    boolean isInterrupted = false;
+    boolean isDone = latch.getCount() == 0;
+    while (!isDone && System.nanoTime() - end < 0) {
+      try {
+        isDone = latch.await(end - System.nanoTime(), TimeUnit.NANOSECONDS);
+      } catch (InterruptedException e) {
+        isInterrupted = true;
+      }
+    }
+    if (isInterrupted) {
+      Thread.currentThread().interrupt();
+    }
+    return isDone;
+  }
+
   private boolean round() {
     printFailure();
     long next;
@@ -135,6 +173,11 @@ final class Timetable {
 
   /** Returns when the next one is due, or the next check. */
   private long runSteps() {
+    Runnable first = urgent;
+    if (first != null) {
+      urgent = null;
+      first.run();
+    }
     long next = System.nanoTime() + LONGEST_PARK_NANOS;
     for (Step step = last; step != null; step = step.before) {
       if (step.isDue && step.at - System.nanoTime() <= 0) {

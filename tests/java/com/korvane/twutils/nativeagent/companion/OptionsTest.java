@@ -157,6 +157,7 @@ public final class OptionsTest {
       new LockPlan(null, reader);
       new MemoryPlan(null, reader);
       new ContentionPlan(null, reader);
+      new AllocationPlan(null, reader);
       return "";
     } catch (IllegalArgumentException e) {
       return e.getMessage();

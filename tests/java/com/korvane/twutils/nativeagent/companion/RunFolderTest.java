@@ -50,17 +50,18 @@ public final class RunFolderTest {
     make(run, 1, "locks-1.json.part", "locks-1.stacks.part", "exceptions.jsonl",
         "exceptions-1.jsonl", "locks-x.json", "notes.txt");
     make(run, 2, "memory-1.sweeps", "memory-1.json.part", "contention-1.json",
-        "contention-2.json");
+        "contention-2.json", "allocations-1.json", "allocations-1.growth.part",
+        "allocations-2.paths");
     make(run, 3, "locks-2.json", "locks-2.stacks");
     make(run, 4, "locks-3.json.part", "locks-3.stacks.part");
     folder.removeOldReports(
-        new HashSet<>(Arrays.asList("locks-3", "memory-1", "contention-2")));
+        new HashSet<>(Arrays.asList("locks-3", "memory-1", "contention-2", "allocations-2")));
     same("left",
-        "contention-2.json exceptions-1.jsonl exceptions.jsonl locks-2.json locks-2.stacks"
+        "allocations-2.paths contention-2.json exceptions-1.jsonl exceptions.jsonl locks-2.json locks-2.stacks"
             + " locks-3.json.part locks-3.stacks.part locks-x.json memory-1.json.part"
             + " memory-1.sweeps notes.txt run.json",
         Checks.names(run));
-    same("removed", 2, folder.removedReports());
+    same("removed", 3, folder.removedReports());
   }
 
   private static void make(Path run, int time, String... names) throws Exception {

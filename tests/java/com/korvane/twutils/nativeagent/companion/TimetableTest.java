@@ -19,6 +19,7 @@ public final class TimetableTest {
     removedSteps();
     failingSteps();
     patience();
+    urgentSteps();
     listeners();
     console();
     Checks.end();
@@ -175,6 +176,30 @@ public final class TimetableTest {
     isOver.countDown();
     same("free", true, timetable.inTurn(Duration.ofSeconds(20), () -> {}));
     other.join();
+  }
+
+  /** What is asked for without the turn, and by a thread that has it. */
+  private static void urgentSteps() throws Exception {
+    Timetable timetable = new Timetable();
+    CountDownLatch done = new CountDownLatch(1);
+    same("no clock yet", false, timetable.byClock(Duration.ofMillis(50), done::countDown));
+    timetable.start();
+    same("done later", true, done.await(20, TimeUnit.SECONDS));
+    Thread[] doer = new Thread[1];
+    Thread.currentThread().interrupt();
+    same("done", true, timetable.byClock(
+        Duration.ofSeconds(20), () -> doer[0] = Thread.currentThread()));
+    same("stays interrupted", true, Thread.interrupted());
+    same("by the clock", true, doer[0] instanceof AgentThread);
+    CountDownLatch last = new CountDownLatch(1);
+    timetable.inTurn(
+        () -> same("not within a turn", false,
+            timetable.byClock(Duration.ofMillis(50), last::countDown)));
+    same("done after it", true, last.await(20, TimeUnit.SECONDS));
+    same("done with its failure", true, timetable.byClock(Duration.ofSeconds(20), () -> {
+      throw new OutOfMemoryError("injected");
+    }));
+    same("the clock goes on", true, timetable.byClock(Duration.ofSeconds(20), () -> {}));
   }
 
   private static void await(CountDownLatch latch) {
