@@ -190,7 +190,8 @@ public enum OptionKey {
   MEMORY_TRACK(
       "memory.track", Kind.PATTERNS, 0, 1, "",
       "com.example.Session,com.example.cache.*",
-      "names separated by commas, such as com.example.Session,com.example.cache.*"),
+      "names separated by commas, which may end in '*' or '[]', such as "
+          + "com.example.Session,com.example.cache.*"),
   MEMORY_LIMIT(
       "memory.limit", Kind.NUMBER, 1, 2147483647, "200000",
       "200000",
@@ -251,7 +252,7 @@ public enum OptionKey {
     WORD,
     /** Of classes or packages, separated by commas. */
     NAMES,
-    /** Names that may end in "*". */
+    /** Names that may end in "*" or "[]", and "*". */
     PATTERNS,
     /** Names, one at least. */
     WORDS,
@@ -420,9 +421,10 @@ public enum OptionKey {
   private boolean areNames(String value) {
     for (String piece : value.split(",")) {
       String name = piece.trim();
-      boolean isBeginning = kind == Kind.PATTERNS && name.length() > 1 && name.endsWith("*");
-      String checked = isBeginning ? name.substring(0, name.length() - 1) : name;
-      if (!name.isEmpty() && !Check.isName(checked)) {
+      if (kind == Kind.PATTERNS) {
+        name = name.equals("*") ? "" : name.replaceFirst("(?<=.)[*]$|(?<=.)(\\[\\])+$", "");
+      }
+      if (!name.isEmpty() && !Check.isName(name)) {
         return false;
       }
     }

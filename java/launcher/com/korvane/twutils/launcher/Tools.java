@@ -4,6 +4,7 @@ import com.korvane.twutils.nativeagent.companion.NativeAgentMXBean;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.util.Arrays;
+import java.util.Comparator;
 import java.util.List;
 import java.util.stream.Collectors;
 import java.util.stream.Stream;
@@ -138,8 +139,13 @@ public final class Tools {
     return isComplete;
   }
 
+  /** As they were given; the allocation profile first, which memory sessions may start and stop. */
   private static List<Profiler> profilersIn(List<String> words) {
-    return words.stream().filter(word -> !word.contains("=")).map(Profiler::of).toList();
+    return words.stream()
+        .filter(word -> !word.contains("="))
+        .map(Profiler::of)
+        .sorted(Comparator.comparing(each -> each != Profiler.ALLOCATIONS))
+        .toList();
   }
 
   /** The profiler's settings in the form that the companion takes: KEY=VALUE,... */

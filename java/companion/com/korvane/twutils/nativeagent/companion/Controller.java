@@ -59,6 +59,7 @@ final class Controller {
         new Instrument(
             OptionKey.EXCEPTIONS, "exception capture is",
             reader -> new ExceptionCapture(this, reader)));
+    // Before the memory sessions, which may have use for it.
     instruments.put(
         Feature.ALLOCATIONS,
         new Instrument(
@@ -277,6 +278,30 @@ final class Controller {
   int nextSession(Feature feature) {
     removeOldReports();
     return instruments.get(feature).nextSession();
+  }
+
+  /**
+   * Starts a profiler for the sake of another one, as the options of the JVM's start have it.
+   *
+   * @return whether it was started; it may run already, and what prevents it is printed
+   */
+  boolean startBeside(Feature feature) {
+    Instrument instrument = instruments.get(feature);
+    return !hasEnded
+        && !instrument.isOn()
+        && begin(() -> instrument.begin(new OptionReader(options)));
+  }
+
+  /** Whether it runs, or is to. */
+  boolean isOn(Feature feature) {
+    return instruments.get(feature).isOn();
+  }
+
+  /** Stops one that was started so, if it runs still. */
+  void stopBeside(Feature feature) {
+    if (!hasEnded) {
+      endPart(instruments.get(feature)::end);
+    }
   }
 
   Class<?>[] loadedClasses() {

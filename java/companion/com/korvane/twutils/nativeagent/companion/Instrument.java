@@ -73,7 +73,7 @@ final class Instrument {
     }
   }
 
-  private boolean isOn() {
+  boolean isOn() {
     return activity != null && !activity.isOver();
   }
 

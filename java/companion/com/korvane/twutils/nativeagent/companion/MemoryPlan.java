@@ -35,6 +35,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
 
   private Timetable.Step nextSweep; // there from the begin on
   private boolean isSetUp; // the session is
+  private boolean isSampling; // the allocation profile was started for the sake of this
   private SweepLog sweeps;
   private Duration untilNextSweep;
 
@@ -108,10 +109,13 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   }
 
   private void setUp() {
+    sampleInstead(tracked.unreported());
     if (tracked.isEmpty()) {
-      printOnce("untracked",
-          "memory sessions track only what the program tags: name classes to track with"
-              + " memory.track");
+      if (tracked.unreported().isEmpty()) {
+        printOnce("untracked",
+            "memory sessions track only what the program tags: name classes to track with"
+                + " memory.track");
+      }
     } else {
       session.collect(); // nothing can be tracked before the first collection
       nextSweep.after(untilNextSweep);
@@ -134,13 +138,9 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   }
 
   private void addInstances() {
-    Class<?>[] classes = tracked.select(controller.loadedClasses());
-    for (Class<?> each : classes) {
-      if (each.getName().indexOf('.') < 0) {
-        printOnce("unpackaged",
-            "class " + each.getName() + " is in the unnamed package: memory reports omit it");
-      }
-    }
+    List<String> others = new ArrayList<>();
+    Class<?>[] classes = tracked.select(controller.loadedClasses(), others);
+    sampleInstead(others);
     List<String> full = new ArrayList<>();
     long before = System.nanoTime();
     int count = session.track(classes, limit, type -> reportFull(type, full));
@@ -148,6 +148,20 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     setInterval(nanos);
     sweeps.add(classes.length, count, nanos, untilNextSweep, full);
     controller.swept(count, nanos);
+  }
+
+  /** Memory reports cannot have these: the allocation profile, which has all classes, runs too. */
+  private void sampleInstead(List<String> unreported) {
+    if (!unreported.isEmpty() && printed.add("unreported")) {
+      isSampling = controller.startBeside(Feature.ALLOCATIONS);
+      boolean isOn = controller.isOn(Feature.ALLOCATIONS);
+      Console.print("memory.track: the memory report cannot have '" + unreported.get(0) + "', as it"
+          + " omits arrays of primitives and classes in the unnamed package, and tracks none"
+          + " without their names; "
+          + (isOn
+              ? "the allocation profile has them, by samples: allocations-N.json"
+              : "the allocation profile, which has them by samples, does not run"));
+    }
   }
 
   private void reportFull(Class<?> type, List<String> full) {
@@ -207,6 +221,10 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
 
   @Override
   void printAtEnd() {
+    if (isSampling) {
+      controller.stopBeside(Feature.ALLOCATIONS);
+    }
+    tracked.select(controller.loadedClasses(), new ArrayList<>());
     for (String pattern : tracked.unmatched()) {
       Console.print("memory.track: no loaded class matches '" + pattern
           + "' (nested classes are written com.example.Outer$Inner)");
