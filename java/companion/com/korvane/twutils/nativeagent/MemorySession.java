@@ -2,6 +2,8 @@ package com.korvane.twutils.nativeagent;
 
 import java.io.IOException;
 import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.function.Consumer;
 
 /**
@@ -103,8 +105,12 @@ public final class MemorySession extends AgentSession {
     }
     Check.atLeast("limit", 1, limit);
     Class<?>[] copy = classes.clone();
-    return NativeAgent.locked(
-        () -> isStopped || copy.length == 0 ? 0 : TRACKED.add(copy, limit, full));
+    List<Class<?>> reached = new ArrayList<>();
+    int added =
+        NativeAgent.locked(
+            () -> isStopped || copy.length == 0 ? 0 : TRACKED.add(copy, limit, reached::add));
+    reached.forEach(full); // it may end the JVM, which waits for control calls
+    return added;
   }
 
   /**
