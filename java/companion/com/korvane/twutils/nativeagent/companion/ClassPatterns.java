@@ -37,12 +37,14 @@ final class ClassPatterns {
         continue;
       }
       unmatched.add(pattern);
-      if (pattern.endsWith("*")) {
-        prefixes.add(pattern.substring(0, pattern.length() - 1));
-        continue;
+      boolean isPrefix = pattern.endsWith("*");
+      String name =
+          isPrefix ? pattern.substring(0, pattern.length() - 1) : classNameOf(pattern);
+      if (isPrefix) {
+        prefixes.add(name);
+      } else {
+        patternsByName.put(name, pattern);
       }
-      String name = classNameOf(pattern);
-      patternsByName.put(name, pattern);
       if (!isReported(name)) {
         unreported.add(pattern);
       }
@@ -78,7 +80,7 @@ final class ClassPatterns {
     return prefixes.isEmpty() && patternsByName.keySet().stream().noneMatch(ClassPatterns::isReported);
   }
 
-  /** The patterns that select nothing, whatever there is. */
+  /** The patterns that may mean classes that are never selected. */
   List<String> unreported() {
     return new ArrayList<>(unreported);
   }
@@ -96,21 +98,12 @@ final class ClassPatterns {
     return isMatch;
   }
 
-  /**
-   * Those of the classes whose names match and that memory reports can have.
-   *
-   * @param others gets the names, as in sources, of those that match but that they cannot have
-   */
-  Class<?>[] select(Class<?>[] classes, List<String> others) {
+  /** Those of the classes whose names match and that memory reports can have. */
+  Class<?>[] select(Class<?>[] classes) {
     List<Class<?>> selected = new ArrayList<>();
     for (Class<?> each : classes) {
-      if (!matches(each.getName())) {
-        continue;
-      }
-      if (isReported(each.getName())) {
+      if (matches(each.getName()) && isReported(each.getName())) {
         selected.add(each);
-      } else {
-        others.add(each.getTypeName());
       }
     }
     return selected.toArray(new Class<?>[0]);

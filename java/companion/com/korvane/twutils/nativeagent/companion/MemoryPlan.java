@@ -109,7 +109,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   }
 
   private void setUp() {
-    sampleInstead(tracked.unreported());
+    sampleInstead();
     if (tracked.isEmpty()) {
       if (tracked.unreported().isEmpty()) {
         printOnce("untracked",
@@ -138,9 +138,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   }
 
   private void addInstances() {
-    List<String> others = new ArrayList<>();
-    Class<?>[] classes = tracked.select(controller.loadedClasses(), others);
-    sampleInstead(others);
+    Class<?>[] classes = tracked.select(controller.loadedClasses());
     List<String> full = new ArrayList<>();
     long before = System.nanoTime();
     int count = session.track(classes, limit, type -> reportFull(type, full));
@@ -150,17 +148,15 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     controller.swept(count, nanos);
   }
 
-  /** Memory reports cannot have these: the allocation profile, which has all classes, runs too. */
-  private void sampleInstead(List<String> unreported) {
+  /** What memory reports cannot have, the allocation profile has. */
+  private void sampleInstead() {
+    List<String> unreported = tracked.unreported();
     if (!unreported.isEmpty() && printed.add("unreported")) {
       isSampling = controller.startBeside(Feature.ALLOCATIONS);
       boolean isOn = controller.isOn(Feature.ALLOCATIONS);
-      Console.print("memory.track: the memory report cannot have '" + unreported.get(0) + "', as it"
-          + " omits arrays of primitives and classes in the unnamed package, and tracks none"
-          + " without their names; "
-          + (isOn
-              ? "the allocation profile has them, by samples: allocations-N.json"
-              : "the allocation profile, which has them by samples, does not run"));
+      Console.print("memory.track: '" + unreported.get(0) + "': memory reports have no arrays of"
+          + " primitives, no classes without a package, and no '*'; the allocation profile has all"
+          + " classes, by samples" + (isOn ? ": allocations-N.json" : ", but does not run"));
     }
   }
 
@@ -224,7 +220,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     if (isSampling) {
       controller.stopBeside(Feature.ALLOCATIONS);
     }
-    tracked.select(controller.loadedClasses(), new ArrayList<>());
+    tracked.select(controller.loadedClasses());
     for (String pattern : tracked.unmatched()) {
       Console.print("memory.track: no loaded class matches '" + pattern
           + "' (nested classes are written com.example.Outer$Inner)");
