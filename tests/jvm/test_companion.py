@@ -177,7 +177,9 @@ def test_memory_sessions_repeat(start, repeat):
 def test_memory_sessions_that_track_nothing(start):
     """Each reason is printed once."""
     untagged = SAY + "memory sessions track only what the program tags: name classes to track with"
-    unpackaged = SAY + "class Profiled$Till is in the unnamed package: memory reports omit it"
+    unpackaged = (SAY + "memory.track: 'Profiled$Till': memory reports have no arrays of primitives,"
+                  " no classes without a package, and no '*'; the allocation profile has all classes,"
+                  " by samples: allocations-N.json")
     repeat = "memory=true,memory.duration=500ms,memory.repeat=2"
     for track, told in (("", f"{untagged} memory.track\n"),
                         (",memory.track=Profiled$Till", unpackaged + "\n")):
@@ -756,7 +758,7 @@ def test_management_clients(start):
     run = start("Managed", given=f"output={OUTPUT}", quiet=False)
     assert said(run) == ""
     facts = run.facts
-    assert facts["state"] == "locks: off, exceptions: off, memory: off, contention: off"
+    assert facts["state"] == "locks: off, exceptions: off, memory: off, contention: off, allocations: off"
     assert facts["features"] == "mutexprofiling memoryprofiling exceptionprofiling"
     assert facts["folder"] == "null"
     assert facts["notRunning"] == "lock sessions are not running"
@@ -766,7 +768,8 @@ def test_management_clients(start):
     assert facts["twice"] == "lock sessions are already running: stop first"
     assert facts["waiting"] == "done"
     assert "would end the detail phase" in facts["disturbing"]
-    assert facts["undisturbed"] == "locks: detail, exceptions: off, memory: waiting, contention: off"
+    assert facts["undisturbed"] == "locks: detail, exceptions: off, memory: waiting, contention: off," \
+        " allocations: off"
     assert facts["withdrawn"] == "done"
     assert facts["stopLocks"] == "done"
     assert facts["told"] == "tracewell.report.written true"

@@ -1,0 +1,125 @@
+import com.example.tracked.Tracked;
+import com.korvane.twutils.nativeagent.MemorySession;
+import com.korvane.twutils.nativeagent.MemorySettings;
+import com.korvane.twutils.nativeagent.NativeAgent;
+import java.io.File;
+import java.nio.file.DirectoryStream;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.nio.file.Paths;
+import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.List;
+import java.util.concurrent.CountDownLatch;
+
+/** Keeps objects, until a shutdown hook throws them away: a program that ends in good order. */
+public final class LastOrder {
+  private static final List<Object> KEPT = new ArrayList<>();
+
+  private LastOrder() {}
+
+  /**
+   * Arguments: how to end, or a file in the run folder to wait for before that and a slash; then the
+   * output folder.
+   */
+  public static void main(String[] args) throws Exception {
+    Path run;
+    try (DirectoryStream<Path> runs = Files.newDirectoryStream(Paths.get(args[1]), "run-*")) {
+      run = runs.iterator().next();
+    }
+    Runtime.getRuntime().addShutdownHook(new Thread(() -> close(run), "closing time"));
+    for (int i = 0; i < 30; i++) {
+      KEPT.add(keep());
+      KEPT.add(new Tracked());
+      for (int j = 0; j < 10; j++) {
+        use(new char[500_000]);
+      }
+    }
+    String way = args[0].substring(args[0].indexOf('/') + 1);
+    if (args[0].indexOf('/') > 0) {
+      String file = args[0].substring(0, args[0].indexOf('/'));
+      Await.that(file, () -> Files.exists(run.resolve(file)));
+    }
+    System.out.println("ending");
+    end(way, run);
+  }
+
+  private static byte[] keep() {
+    return new byte[1 << 20];
+  }
+
+  private static void use(Object object) {
+    if (KEPT.contains(object)) {
+      throw new IllegalStateException();
+    }
+  }
+
+  private static void close(Path run) {
+    for (String name : new String[] {"memory-1.json", "allocations-1.json"}) {
+      Facts.put(name, Files.exists(run.resolve(name)));
+    }
+    KEPT.clear();
+    System.gc();
+  }
+
+  private static void end(String way, Path run) throws Exception {
+    switch (way) {
+      case "exit":
+        System.exit(7);
+        break;
+      case "halt":
+        Runtime.getRuntime().halt(7);
+        break;
+      case "twice":
+        exitTogether();
+        break;
+      case "sink":
+        NativeAgent.startExceptions(
+            new com.korvane.twutils.nativeagent.ExceptionSettings(),
+            (record, exception) -> System.exit(7));
+        throw new IllegalStateException("the last one");
+      case "limit":
+        exitWithinACall(run);
+        break;
+      case "interrupted":
+        Thread.currentThread().interrupt();
+        System.exit(7);
+        break;
+      case "term":
+      case "kill":
+        String self = new File("/proc/self").getCanonicalFile().getName();
+        new ProcessBuilder("kill", "-" + way.toUpperCase(), self).start();
+        Thread.sleep(60_000);
+        throw new IllegalStateException("still here");
+      default:
+        break;
+    }
+  }
+
+  private static void exitTogether() throws Exception {
+    CountDownLatch start = new CountDownLatch(1);
+    Thread[] threads = new Thread[4];
+    for (int i = 0; i < threads.length; i++) {
+      threads[i] =
+          new Thread(
+              () -> {
+                Await.latch(start);
+                System.exit(7);
+              });
+      threads[i].start();
+    }
+    start.countDown();
+    for (Thread each : threads) {
+      each.join();
+    }
+  }
+
+  /** In a callback of the typed API. */
+  private static void exitWithinACall(Path run) throws Exception {
+    MemorySession session =
+        NativeAgent.startMemory(new MemorySettings(run.resolve("own.json")));
+    session.collect();
+    session.track(new Class<?>[] {Tracked.class}, 3, full -> System.exit(7));
+    throw new IllegalStateException(Arrays.asList("not full", KEPT.size()).toString());
+  }
+}
