@@ -15,15 +15,12 @@ final class AllocationLooks {
    */
   private static final Duration UNTIL_MAIN_HAS_BEGUN = Duration.ofSeconds(1);
 
-  /** Finding the paths may take one part of so many of the time: 1 %. */
-  private static final int PARTS_OF_TIME = 100;
-
   private final Growth growth; // null for none
   private final RootPaths paths; // the same
   private final Duration pause;
   private final Timetable.Step next;
   private boolean hasBegun;
-  private long nextPaths; // System.nanoTime() from which on they may be found again
+  private boolean hasLooked;
 
   /**
    * @param interval between two histograms; zero for none
@@ -46,40 +43,33 @@ final class AllocationLooks {
     next.after(pause); // in case that this look fails
     if (!hasBegun) {
       hasBegun = true;
-      nextPaths = System.nanoTime();
       if (paths != null) {
         paths.start();
       }
       return;
     }
+    hasLooked = true;
     if (growth != null) {
       growth.takePoint();
     }
-    if (paths != null && System.nanoTime() - nextPaths >= 0) {
-      findPaths();
+    if (paths != null) {
+      paths.write();
     }
     next.after(pause);
   }
 
-  private void findPaths() {
-    long before = System.nanoTime();
-    paths.write();
-    long after = System.nanoTime();
-    nextPaths = after + (after - before) * PARTS_OF_TIME;
-  }
-
   /**
-   * The last look; nothing in a session that ends before the first one.
+   * The last look. The only histogram of a session would not show what grows: none is taken then.
    *
-   * @param isCollected whether another collection, of the histogram, may be
+   * @param isCollected whether another histogram, which is a collection, may be
    */
   void last(boolean isCollected) {
     next.cancel();
-    if (hasBegun && isCollected && growth != null) {
+    if (hasLooked && isCollected && growth != null) {
       growth.last();
     }
     if (hasBegun && paths != null) {
-      paths.write();
+      paths.last();
     }
   }
 

@@ -29,7 +29,7 @@ final class RunFolder {
   private static final Pattern OF_SESSION =
       Pattern.compile(
           "(locks|memory|contention|allocations)-([0-9]{1,9})"
-              + "\\.(json|stacks|sweeps|growth|paths)(\\.part)?");
+              + "\\.(json|stacks|sweeps|growth|paths)(\\.jfr)?(\\.part)?");
 
   private final Path path;
   private final Instant started;
