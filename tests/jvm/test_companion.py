@@ -786,6 +786,11 @@ def test_management_clients(start):
     assert facts["contention"] == "running 1"
     assert facts["contentionTwice"] == "the contention profile is already running: stop first"
     assert facts["contentionTold"] == facts["lastContentionReport"] == "true"
+    assert facts["noAllocations"] == "the allocation profile is not running"
+    assert facts["startAllocations"] == facts["stopAllocations"] == "done"
+    assert facts["allocations"] == "running 1"
+    assert facts["allocationsTwice"] == "the allocation profile is already running: stop first"
+    assert facts["allocationsTold"] == facts["lastAllocationReport"] == "true"
     assert facts["sessions"] == "1 1"
     assert facts["end"] == facts["state"]
     records, summary = lines(run_folder(run) / "exceptions.jsonl")

@@ -128,3 +128,37 @@ def test_arrays_of_classes_are_in_memory_reports(start):
     assert re.search(r"^(javanativeagent: memory.track: no loaded class matches .*\n)?$", run.err)
     assert set(tracked(folder_of(run))) <= {"[Ljava.lang.String;", "[[Ljava.lang.Object;"}
     assert tracked(folder_of(run))["[Ljava.lang.String;"] > 0
+
+
+def test_what_is_alive_by_the_typed_api(jvm):
+    run = jvm.run("AllocationApi", ".", vm=["-Xcheck:jni", "-Xmx1g", "-XX:+UseSerialGC"])
+    facts = run.facts
+    assert "IllegalArgumentException" in facts["refused.nowhere"]
+    running = "IllegalStateException: an allocation session is already running: stop it first"
+    assert facts["refused.second"] == facts["refused.while unwritten"] == running
+    assert facts["snapshot"] == "a.json null"
+    assert facts["refused.snapshot"].startswith("FileSystemException: ")
+    assert facts["refused.stop"].startswith("FileSystemException: ") and facts["stopped"] == "true"
+    assert facts["refused.afterwards"] == "IllegalStateException: the allocation session is stopped"
+    assert facts["stop"] == facts["stopAgain"] == "a.json" and facts["bytes"] == "true"
+    assert facts["next"] == "b.json"
+
+    so_far, last, second = (json.loads((run.folder / f"{name}.json").read_text())
+                            for name in ("a-1", "a", "b"))
+    assert so_far["endedAt"] is None and so_far["afterCollection"] and last["endedAt"] is not None
+    for report in (so_far, last):
+        kept = site_of(report, "AllocationApi.keep")
+        assert (kept["allocated"]["samples"], kept["alive"]["samples"]) == (20, 20)
+        dropped = site_of(report, "AllocationApi.drop")
+        assert (dropped["allocated"]["samples"], dropped["alive"]["samples"]) == (20, 0)
+    assert second["settings"] == {"intervalBytes": 65_536, "liveSamples": 1000}
+    kept = site_of(second, "AllocationApi.keep")
+    assert (kept["allocated"]["samples"], kept["alive"]["samples"], kept["young"]["samples"]) == (1, 0, 1)
+    assert not second["afterCollection"] and not list(run.folder.glob("*.part"))
+
+    def tracked_in(name):
+        classes = json.loads((run.folder / name).read_text())["topNMemoryleakClass"]
+        return {name: row["totalCount"] for name, row in classes.items()}
+
+    assert tracked_in("with.json") == {"com.example.tracked.Tracked": 5}
+    assert tracked_in("without.json") == tracked_in("with.json"), "those of the session before"

@@ -91,6 +91,15 @@ public final class Managed {
     Object profile = invoke("stopContention", "stopContention");
     Facts.put("contentionTold", told.poll(60, TimeUnit.SECONDS).getUserData().equals(profile));
     Facts.put("lastContentionReport", profile.equals(get("LastContentionReport")));
+    invoke("noAllocations", "stopAllocations");
+    invoke("startAllocations", "startAllocations", "interval=64k,write=1s");
+    Await.that("allocation report", () -> get("LastAllocationReport") != null);
+    Facts.put("allocations", get("AllocationState") + " " + get("AllocationSessions"));
+    invoke("allocationsTwice", "startAllocations", "");
+    told.clear();
+    profile = invoke("stopAllocations", "stopAllocations");
+    Facts.put("allocationsTold", told.poll(60, TimeUnit.SECONDS).getUserData().equals(profile));
+    Facts.put("lastAllocationReport", profile.equals(get("LastAllocationReport")));
     Facts.put("sessions", get("LockSessions") + " " + get("MemorySessions"));
     Facts.put("end", get("State"));
   }
