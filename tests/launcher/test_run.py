@@ -207,6 +207,7 @@ def test_profilers_choose_the_features(launcher, folder):
 
     assert features() == features("--contention") == "contention"
     assert features("--locks") == features("--contention", "--locks") == "mutexprofiling"
+    assert features("--allocations") == "contention", "the word that chooses nothing"
     assert features("--memory=track=a.B", "--exceptions") == "memoryprofiling_exceptionprofiling"
 
 
@@ -228,10 +229,11 @@ def test_lookups_of_classes_have_no_records(launcher, folder, option, excluded):
     assert NOISE in launcher.run("help", "run", folder=folder).out
 
 
-def test_the_contention_profile_is_the_choice_of_those_that_choose_none(launcher, folder):
+def test_the_choice_of_those_that_choose_none(launcher, folder):
     launcher.run("run", "--", "true", folder=folder)
     (settings,) = (folder / OUTPUT).glob("settings-*.properties")
-    assert settings.read_text("ascii").splitlines() == [f"output={folder / OUTPUT}", "contention=true"]
+    assert settings.read_text("ascii").splitlines() == [
+        f"output={folder / OUTPUT}", "contention=true", "allocations=true"]
 
 
 @pytest.mark.parametrize(
@@ -255,6 +257,32 @@ def test_the_contention_profile_starts_with_the_jvm(launcher, folder, options, e
     assert shown.code == 0, shown
     words = shown.out.split()[0].split(",")
     assert ",".join(w for w in words if w.startswith("contention")) == (expected or ""), shown
+
+
+@pytest.mark.parametrize(
+    "options, expected",
+    (
+        ((), "allocations=1"),
+        (("--allocations=write=5s,growth=0,paths=true,collect=false",), "allocations=1"),
+        (("--locks", "--allocations=interval=064K,samples=02000"),
+         "allocations=1,allocationsInterval=65536,allocationsSamples=2000"),
+        (("--contention", "--memory"), ""),
+    ),
+)
+def test_the_allocation_profile_starts_with_the_jvm(launcher, folder, options, expected):
+    shown = launcher.run("run", *options, "--", "sh", "-c", "echo $JAVA_TOOL_OPTIONS", folder=folder)
+    assert shown.code == 0, shown
+    words = shown.out.split()[0].split(",")
+    assert ",".join(w for w in words if w.startswith("allocations")) == expected, shown
+
+
+def test_the_agent_takes_what_the_allocation_profile_was_given(launcher, folder):
+    options = "--allocations=interval=1m,samples=1000,growth=0"
+    launcher.run("run", options, "--", *echo(launcher, 0), folder=folder)
+    (found,) = results(folder / OUTPUT)
+    report = found.json("allocations-1.json")
+    assert report["settings"] == {"intervalBytes": 1 << 20, "liveSamples": 1000}
+    assert report["endedAt"] >= report["shutdownAt"] >= report["startedAt"]
 
 
 def test_the_agent_takes_what_the_contention_profile_was_given(launcher, folder):

@@ -1,5 +1,6 @@
 """The verbs of twprofile beside `run`."""
 
+import json
 import os
 import re
 import shutil
@@ -62,7 +63,7 @@ def test_status_counts_what_is_recorded(launcher, folder):
         wait_for(lambda: int(re.search(r"(\d+) recorded", status())[1]) > first, "new exceptions")
         assert re.search(r"^memory +the JVM was started without it$", status(), re.M)
         (found,) = results(folder / OUTPUT)
-        assert f"results     {found.folder}\n" in status()
+        assert f"results      {found.folder}\n" in status()
 
 
 def test_start_and_stop(launcher, folder):
@@ -191,6 +192,72 @@ def test_a_jvm_that_was_started_without_the_contention_profile(launcher, folder)
         process.kill()
         process.wait(60)
     assert contention_of(found, report.name)["endedAt"] is None, "the last one before the end"
+
+
+def allocations_of(found, name):
+    """An allocation report, which is complete whenever it is there."""
+    report = found.json(name)
+    assert report["report"] == "allocations" and report["writtenAt"] >= report["startedAt"]
+    return report
+
+
+def test_the_allocation_profile(launcher, folder):
+    options = ("--allocations=interval=16k,write=1s,growth=1s,paths=true", "--contention")
+    with idle(launcher, folder, *options) as process:
+        def verb(name, *words):
+            return done(launcher, name, process.pid, *words, folder=folder)
+
+        def status(profiler):
+            return re.search(rf"^{profiler} +(.*)$", verb("status"), re.M)[1]
+
+        (found,) = results(folder / OUTPUT)
+        report = found.folder / "allocations-1.json"
+        growth, paths = report.with_suffix(".growth"), report.with_suffix(".paths")
+        for file in (report, growth, paths):
+            wait_for(file.exists, file.name)
+        assert status("allocations") == f"running; 1 session, last report {report}"
+        assert allocations_of(found, report.name)["endedAt"] is None
+
+        assert verb("stop", "--allocations") == f"allocations: {report}\n"
+        last = allocations_of(found, report.name)
+        assert last["endedAt"] is not None and last["shutdownAt"] is None and last["afterCollection"]
+        assert last["settings"]["intervalBytes"] == 16384
+        assert json.loads(growth.read_text())["report"] == "growth"
+        assert json.loads(paths.read_text())["report"] == "paths"
+        assert status("allocations").startswith("off; 1 session")
+        assert status("contention").startswith("running; ")
+        again = launcher.run("stop", process.pid, "--allocations", folder=folder)
+        assert again.code == 1 and "the allocation profile is not running" in again.err, again
+
+        assert verb("start", "--allocations=interval=1m,growth=0,paths=false") == "allocations: running\n"
+        twice = launcher.run("start", process.pid, "--allocations", folder=folder)
+        assert twice.code == 1 and "the allocation profile is already running" in twice.err, twice
+        process.terminate()
+        assert process.wait(60) == 143
+    second = allocations_of(found, "allocations-2.json")
+    assert second["startedAt"] >= last["endedAt"] and second["endedAt"] >= second["shutdownAt"]
+    assert second["settings"]["intervalBytes"] == 1 << 20
+    left = {file.name for file in found.folder.iterdir() if file.name.startswith("allocations-2")}
+    assert left == {"allocations-2.json"}
+    assert not list(found.folder.glob("*.part"))
+
+
+def test_a_memory_session_that_needs_the_allocation_profile(launcher, folder):
+    with idle(launcher, folder, "--memory=delay=1h") as process:
+        def verb(name, *words):
+            return done(launcher, name, process.pid, *words, folder=folder)
+
+        verb("stop", "--memory")
+        verb("start", "--memory=delay=0,track=byte[]")
+        assert re.search("^allocations +running; 1 session", verb("status"), re.M)
+        stopped = verb("stop", "--memory")
+        assert re.fullmatch(r"memory: .*/memory-1\.json\n", stopped)
+        shown = verb("status")
+        assert re.search(r"^allocations +off; 1 session, last report .*/allocations-1\.json$", shown, re.M)
+        # The allocation profile is started first, whatever is named first.
+        verb("start", "--memory=delay=0,track=byte[]", "--allocations")
+        assert verb("stop", "--memory").startswith("memory: ")
+        assert re.search("^allocations +running; 2 sessions", verb("status"), re.M)
 
 
 def takes_the_name(report):
@@ -453,6 +520,8 @@ def test_completion_of_verbs_and_options():
     assert completions("twprofile run --l") == ["--locks"]
     assert completions("twprofile run --f") == ["--files"]
     assert completions("twprofile stop 12 --c") == ["--contention"]
+    assert completions("twprofile stop 12 --a") == ["--allocations"]
+    assert completions("twprofile run --allocations=paths=t") == ["true"]
     assert completions("twprofile run --contention=samples=9,w") == ["9,window="]
     assert completions("twprofile run --locks=summary=3s,de") == ["3s,delay=", "3s,detail="]
     assert completions("twprofile run --locks=repeat=") == ["forever"]
