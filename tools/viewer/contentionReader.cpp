@@ -4,91 +4,17 @@
 #include <algorithm>
 #include <array>
 #include <limits>
-#include <type_traits>
 #include <unordered_map>
 
 #include "contentionReport.h"
 #include "jsonReader.h"
+#include "reportShapes.h"
 
 namespace viewer {
 namespace {
 
 constexpr std::int64_t kVersion = 1;
-constexpr std::int64_t kLastTime = 253'402'300'799'999;  // of the year 9999
 constexpr std::array kKinds = {lockKind::monitor, lockKind::lock, lockKind::wait, lockKind::park};
-
-template <typename type>
-constexpr bool isOptional = !std::is_integral_v<type>;
-
-template <typename type>
-void assignCount(void* target, std::int64_t value) {
-  if (value < 0) {
-    throw misfit(fmt::format("expected a number of 0 or more, found {}", value));
-  }
-  *static_cast<type*>(target) = static_cast<std::uint64_t>(value);
-}
-
-template <typename type>
-void assignTime(void* target, std::int64_t value) {
-  if (value < 0 || value > kLastTime) {
-    throw misfit(fmt::format("expected milliseconds since 1970, found {}", value));
-  }
-  *static_cast<type*>(target) = static_cast<std::uint64_t>(value);
-}
-
-template <typename type, void (*assign)(void*, std::int64_t)>
-const shape& numberShape() {
-  static const shape result = {
-      .expected = isOptional<type> ? "a whole number or null" : "a whole number",
-      .nullable = isOptional<type>,
-      .number = assign,
-      .least = std::numeric_limits<std::int64_t>::min(),
-      .most = std::numeric_limits<std::int64_t>::max()};
-  return result;
-}
-
-// Members that are counts or durations, and those that are times of day.
-template <auto member>
-place count(void* owner) {
-  using info = memberType<decltype(member)>;
-  using type = typename info::typeOf;
-  return {&numberShape<type, assignCount<type>>(),
-          &(static_cast<typename info::ownerOf*>(owner)->*member)};
-}
-template <auto member>
-place time(void* owner) {
-  using info = memberType<decltype(member)>;
-  using type = typename info::typeOf;
-  return {&numberShape<type, assignTime<type>>(),
-          &(static_cast<typename info::ownerOf*>(owner)->*member)};
-}
-
-// A member that is an array of objects of this shape.
-template <auto member, const shape& (*elementShape)()>
-place objects(void* owner) {
-  using info = memberType<decltype(member)>;
-  using element = typename info::typeOf::value_type;
-  static const shape result = {.expected = "an array", .element = [](void* target) -> place {
-                                 auto& all = *static_cast<std::vector<element>*>(target);
-                                 return {&elementShape(), &all.emplace_back()};
-                               }};
-  return {&result, &(static_cast<typename info::ownerOf*>(owner)->*member)};
-}
-
-// A member that is one object of this shape.
-template <auto member, const shape& (*memberShapeOf)()>
-place object(void* owner) {
-  using info = memberType<decltype(member)>;
-  return {&memberShapeOf(), &(static_cast<typename info::ownerOf*>(owner)->*member)};
-}
-
-const shape& textElement() {
-  return shapeOf<std::string>();
-}
-
-const shape& countElement() {
-  return numberShape<std::uint64_t, assignCount<std::uint64_t>>();
-}
 
 void assignKind(void* target, std::string& value) {
   for (lockKind kind : kKinds) {
@@ -105,19 +31,12 @@ const shape& kindShape() {
   return result;
 }
 
-place isCut(void* stack) {
-  static const shape result = {
-      .expected = "true or false",
-      .boolean = [](void* target, bool value) { *static_cast<bool*>(target) = value; }};
-  return {&result, &static_cast<contentionStack*>(stack)->isCut};
-}
-
 const shape& stackShape() {
   static const shape result = {
       .expected = "an object",
       .members = {{"id", count<&contentionStack::id>},
                   {"frames", objects<&contentionStack::frames, textElement>},
-                  {"isCut", isCut}}};
+                  {"isCut", flag<&contentionStack::isCut>}}};
   return result;
 }
 
@@ -278,39 +197,12 @@ const shape& omissionsShape() {
   return result;
 }
 
-place kindOfReport(void*) {
-  static const shape result = {
-      .expected = "a string", .text = [](void*, std::string& value) {
-        if (value != kContention) {
-          throw misfit(fmt::format("expected \"{}\", found \"{}\"", kContention, value));
-        }
-      }};
-  return {&result, nullptr};
-}
-
-place version(void*) {
-  static const shape result = {
-      .expected = "a whole number",
-      .number =
-          [](void*, std::int64_t value) {
-            if (value != kVersion) {
-              throw misfit(fmt::format("expected version {}, found {}{}", kVersion, value,
-                                       value > kVersion ? ": a newer agent wrote this report, read "
-                                                          "it with the twreport that came with it"
-                                                        : ""));
-            }
-          },
-      .least = std::numeric_limits<std::int64_t>::min(),
-      .most = std::numeric_limits<std::int64_t>::max()};
-  return {&result, nullptr};
-}
-
 const shape& reportShape() {
   using report = contentionReport;
   static const shape result = {
       .expected = "an object",
-      .members = {{"report", kindOfReport},
-                  {"version", version},
+      .members = {{"report", kindOf<kContention>},
+                  {"version", versionOf<kVersion>},
                   {"startedAt", time<&report::startedAt>},
                   {"writtenAt", time<&report::writtenAt>},
                   {"endedAt", time<&report::endedAt>},

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "input.h"
@@ -14,7 +15,7 @@
 namespace viewer {
 
 // What a document is whose member "report" has this value.
-inline constexpr const char* kContention = "contention";
+inline constexpr std::string_view kContention = "contention";
 
 // What threads did at a lock. The first two are contention; threads that wait or park mostly have
 // nothing to do.

@@ -129,10 +129,10 @@ class modelFiller : public handler {
     const auto most = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     return number(static_cast<std::int64_t>(std::min(value, most)), value, value <= most);
   }
-  bool number_float(json::number_float_t, const json::string_t&) {
+  bool number_float(json::number_float_t value, const json::string_t&) {
     const place spot = next();
-    expect(false, spot, "number");
-    return true;
+    expect(spot.expected->real != nullptr, spot, "number");
+    return fill(spot, spot.expected->real, value);
   }
   bool string(json::string_t& value) {
     const place spot = next();

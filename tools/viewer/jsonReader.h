@@ -43,6 +43,7 @@ struct shape {
   bool nullable = false;  // null leaves the target as it is
   void (*text)(void* target, std::string& value) = nullptr;
   void (*number)(void* target, std::int64_t value) = nullptr;
+  void (*real)(void* target, double value) = nullptr;  // with a fraction or an exponent
   void (*boolean)(void* target, bool value) = nullptr;
   std::int64_t least = std::numeric_limits<std::int32_t>::min();  // of a number
   std::int64_t most = std::numeric_limits<std::int32_t>::max();
