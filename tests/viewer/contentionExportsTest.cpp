@@ -42,7 +42,7 @@ std::string written(action write) {
 }
 
 std::string collapsed(const profile& all) {
-  return written([&](std::ostream& out) { writeCollapsed(all, out); });
+  return written([&](std::ostream& out) { writeCollapsed(all, stacksIn(all), out); });
 }
 
 TEST(contentionCollapsed, hasBlockedNanosecondsOfWaiters) {

@@ -26,7 +26,7 @@ profile runOf(const std::string& report) {
 
 std::string collapsed(const profile& all) {
   std::ostringstream out;
-  writeCollapsed(all, out);
+  writeCollapsed(all, stacksIn(all), out);
   return out.str();
 }
 

@@ -162,6 +162,12 @@ verdict check(const profile& all, const checkedLimits& limits) {
   if (limits.noDeadlock) {
     checkDeadlocks(all, found);
   }
+  for (const allocationLimit& limit : limits.growth) {
+    checkGrowth(all, limit, found);
+  }
+  for (const allocationLimit& limit : limits.alive) {
+    checkAlive(all, limit, found);
+  }
   for (const survivorLimit& limit : limits.survivors) {
     checkSurvivors(all, limit, found);
   }

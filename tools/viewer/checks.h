@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "allocationChecks.h"
 #include "contentionChecks.h"
 #include "profile.h"
 #include "verdict.h"
@@ -27,12 +28,14 @@ struct checkedLimits {
   std::vector<blockedLimit> blocked = {};
   std::vector<contentionLimit> contention = {};
   bool noDeadlock = false;
+  std::vector<allocationLimit> growth = {};
+  std::vector<allocationLimit> alive = {};
   std::vector<survivorLimit> survivors = {};
   std::vector<std::string> exceptions = {};  // classes of which none may be thrown
 
   bool empty() const {
-    return blocked.empty() && contention.empty() && !noDeadlock && survivors.empty() &&
-           exceptions.empty();
+    return blocked.empty() && contention.empty() && !noDeadlock && growth.empty() &&
+           alive.empty() && survivors.empty() && exceptions.empty();
   }
 };
 

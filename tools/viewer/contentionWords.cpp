@@ -13,11 +13,6 @@ namespace {
 constexpr std::uint64_t kNanosOfAMilli = 1'000'000;
 constexpr std::size_t kLongestWord = 40;  // columns
 
-// "1 lock", "2 locks".
-std::string counted(std::uint64_t number, const char* one, const char* more) {
-  return fmt::format("{} {}", grouped(number), number == 1 ? one : more);
-}
-
 std::string deadlockLines(const contentionReport& report,
                           const std::vector<deadlockedThread>& circle,
                           const terminalStyle& terminal) {

@@ -26,12 +26,15 @@ std::string escaped(const std::string& text) {
 
 }  // namespace
 
-void collapsedLine(std::ostream& out, const std::string& lock, const std::string& thread,
+void collapsedLine(std::ostream& out, std::initializer_list<std::string> below,
                    const std::vector<std::string>& frames, std::uint64_t weight) {
-  out << collapsedName(lock) << ';' << collapsedName(thread);
-  for (const std::string& frame : frames) {
-    out << ';' << collapsedName(frame);
-  }
+  const char* separator = "";
+  const auto write = [&](const std::string& name) {
+    out << separator << collapsedName(name);
+    separator = ";";
+  };
+  std::for_each(below.begin(), below.end(), write);
+  std::for_each(frames.begin(), frames.end(), write);
   out << ' ' << weight << '\n';
 }
 

@@ -3,6 +3,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <ostream>
 #include <string>
@@ -14,8 +15,8 @@ namespace viewer {
 // Stands in a stack for one that the report does not have.
 constexpr const char* kNoStack = "(no stack recorded)";
 
-// One line of collapsed stacks: the frames go from the bottom up.
-void collapsedLine(std::ostream& out, const std::string& lock, const std::string& thread,
+// One line of collapsed stacks: `below` stands under the frames, which go from the bottom up.
+void collapsedLine(std::ostream& out, std::initializer_list<std::string> below,
                    const std::vector<std::string>& frames, std::uint64_t weight);
 
 // A spreadsheet would take a name that begins like a formula for one, also after blanks.

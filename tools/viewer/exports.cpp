@@ -6,6 +6,7 @@
 #include <map>
 #include <unordered_map>
 
+#include "allocationExports.h"
 #include "contentionExports.h"
 #include "exportParts.h"
 #include "jsonWriter.h"
@@ -68,13 +69,27 @@ class speedscopeWriter {
                      forEachStack(report, all.stacks,
                                   [&](const lockEntry& lock, const std::string& thread,
                                       const std::vector<std::string>& frames, std::uint64_t count) {
-                                    visit(lock.name, thread, frames, count);
+                                    visit({lock.name, thread}, frames, count);
                                   });
                    });
     }
     for (const contentionReport& report : all.contentionReports) {
-      writeProfile("Blocked time, " + report.source, "nanoseconds",
-                   [&](const auto& visit) { forEachBlockedStack(report, visit); });
+      writeProfile("Blocked time, " + report.source, "nanoseconds", [&](const auto& visit) {
+        forEachBlockedStack(report, [&](const auto& lock, const auto& thread, const auto& frames,
+                                        std::uint64_t nanos) {
+          visit({lock, thread}, frames, nanos);
+        });
+      });
+    }
+    for (const allocationSession& session : all.allocations) {
+      if (session.samples) {
+        writeProfile(
+            "Alive after collections, " + session.samples->source, "bytes", [&](const auto& visit) {
+              forEachAliveStack(*session.samples,
+                                [&](const std::string& name, const auto& frames,
+                                    std::uint64_t bytes) { visit({name}, frames, bytes); });
+            });
+      }
     }
     json_.endArray();
     json_.key("shared").beginObject().key("frames").beginArray();
@@ -85,16 +100,19 @@ class speedscopeWriter {
   }
 
  private:
-  // `forEach` gives each stack with its lock, thread and weight to what it is called with.
+  // `forEach` gives each stack with what stands below it and its weight to what it is called with.
   template <typename source>
   void writeProfile(const std::string& name, const char* unit, source forEach) {
     std::vector<std::uint64_t> weights;
     std::uint64_t all = 0;
     json_.beginObject().member("type", "sampled").member("unit", unit).member("name", name);
     json_.key("samples").beginArray();
-    forEach([&](const std::string& lock, const std::string& thread,
-                const std::vector<std::string>& frames, std::uint64_t weight) {
-      json_.beginArray().value(idOf(lock)).value(idOf(thread));
+    forEach([&](std::initializer_list<std::string> below, const std::vector<std::string>& frames,
+                std::uint64_t weight) {
+      json_.beginArray();
+      for (const std::string& one : below) {
+        json_.value(idOf(one));
+      }
       for (const std::string& frame : frames) {
         json_.value(idOf(frame));
       }
@@ -282,21 +300,48 @@ void addMissing(const captureEnd& counted, gauge& missing) {
 
 }  // namespace
 
-void writeCollapsed(const profile& all, std::ostream& out) {
-  if (!all.contentionReports.empty()) {
-    for (const contentionReport& report : all.contentionReports) {
-      forEachBlockedStack(
-          report, [&](const auto& lock, const auto& thread, const auto& frames,
-                      std::uint64_t nanos) { collapsedLine(out, lock, thread, frames, nanos); });
-    }
-    return;
-  }
-  for (const lockReport& report : all.lockReports) {
-    forEachStack(report, all.stacks,
-                 [&](const lockEntry& lock, const std::string& thread,
-                     const std::vector<std::string>& frames, std::uint64_t count) {
-                   collapsedLine(out, lock.name, thread, frames, count);
-                 });
+stackSource stacksIn(const profile& all) {
+  return !all.contentionReports.empty() ? stackSource::contention
+         : !all.lockReports.empty()     ? stackSource::locks
+         : !all.allocations.empty()     ? stackSource::allocations
+                                        : stackSource::contention;
+}
+
+bool hasOtherStacks(const profile& all, stackSource what) {
+  return (what != stackSource::contention && !all.contentionReports.empty()) ||
+         (what != stackSource::locks && !all.lockReports.empty()) ||
+         (what != stackSource::allocations && !all.allocations.empty());
+}
+
+void writeCollapsed(const profile& all, stackSource what, std::ostream& out) {
+  switch (what) {
+    case stackSource::contention:
+      for (const contentionReport& report : all.contentionReports) {
+        forEachBlockedStack(report, [&](const auto& lock, const auto& thread, const auto& frames,
+                                        std::uint64_t nanos) {
+          collapsedLine(out, {lock, thread}, frames, nanos);
+        });
+      }
+      break;
+    case stackSource::locks:
+      for (const lockReport& report : all.lockReports) {
+        forEachStack(report, all.stacks,
+                     [&](const lockEntry& lock, const std::string& thread,
+                         const std::vector<std::string>& frames, std::uint64_t count) {
+                       collapsedLine(out, {lock.name, thread}, frames, count);
+                     });
+      }
+      break;
+    case stackSource::allocations:
+      for (const allocationSession& session : all.allocations) {
+        if (session.samples) {
+          forEachAliveStack(*session.samples,
+                            [&](const auto& name, const auto& frames, std::uint64_t bytes) {
+                              collapsedLine(out, {name}, frames, bytes);
+                            });
+        }
+      }
+      break;
   }
 }
 
@@ -323,12 +368,15 @@ void writeCsv(const profile& all, csvTable what, std::ostream& out) {
       return csvContention(all.contentionReports, out);
     case csvTable::pairs:
       return csvPairs(all.contentionReports, out);
+    case csvTable::allocations:
+      return csvAllocations(all.allocations, out);
   }
 }
 
 void writePrometheus(const profile& all, std::ostream& out) {
   lockGauges(all, out);
   contentionGauges(all.contentionReports, out);
+  allocationGauges(all.allocations, out);
   exceptionGauges(all, out);
   gauge missing("exceptions_without_record", "Exceptions without a record, by reason.");
   if (all.exceptions && all.exceptions->counted()) {

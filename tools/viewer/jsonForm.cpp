@@ -2,6 +2,7 @@
 
 #include <unordered_map>
 
+#include "allocationForm.h"
 #include "contentionForm.h"
 #include "exceptionForm.h"
 #include "jsonWriter.h"
@@ -232,6 +233,8 @@ void writeJson(const profile& all, std::ostream& out, thrownIn where, recordForm
   writeArray(json, "contention", all.contentionReports,
              [&](const contentionReport& report) { writeContention(json, report); });
   writeExceptions(json, all.exceptions, where, form);
+  writeArray(json, "allocations", all.allocations,
+             [&](const allocationSession& session) { writeAllocations(json, session, form); });
   writeArray(json, "memory", all.memoryReports,
              [&](const memoryReport& report) { writeMemory(json, report); });
   writeValues(json, "unfinished", all.unfinished);

@@ -130,18 +130,47 @@ int diff(const arguments& given) {
 }
 
 viewer::csvTable defaultTable(const viewer::profile& all) {
-  const bool hasOnlyContention = all.lockReports.empty() && !all.contentionReports.empty();
-  return hasOnlyContention ? viewer::csvTable::contention : viewer::csvTable::locks;
+  switch (viewer::stacksIn(all)) {
+    case viewer::stackSource::allocations:
+      return viewer::csvTable::allocations;
+    case viewer::stackSource::contention:
+      return all.contentionReports.empty() || !all.lockReports.empty()
+                 ? viewer::csvTable::locks
+                 : viewer::csvTable::contention;
+    case viewer::stackSource::locks:
+      break;
+  }
+  return viewer::csvTable::locks;
+}
+
+// What collapsed stacks are of: the kind of report that the table is of.
+viewer::stackSource collapsedSource(const viewer::profile& all,
+                                    const std::optional<viewer::csvTable>& table) {
+  if (table == viewer::csvTable::allocations) {
+    return viewer::stackSource::allocations;
+  }
+  if (table == viewer::csvTable::contention) {
+    return viewer::stackSource::contention;
+  }
+  return table == viewer::csvTable::locks ? viewer::stackSource::locks : viewer::stacksIn(all);
+}
+
+void exportCollapsed(const viewer::profile& all, const std::optional<viewer::csvTable>& table) {
+  const viewer::stackSource what = collapsedSource(all, table);
+  if (!table && viewer::hasOtherStacks(all, what)) {
+    const char* name = what == viewer::stackSource::contention ? "contention" : "lock";
+    warn(std::string("only ") + name +
+         " reports are in this output: collapsed stacks have one unit; --table=contention, locks "
+         "or allocations chooses another");
+  }
+  viewer::writeCollapsed(all, what, std::cout);
 }
 
 int exportTo(const arguments& given) {
   const viewer::profile all = readInputs(given.inputs, given.grep);
   switch (given.exportFormat) {
     case format::collapsed:
-      if (!all.contentionReports.empty() && !all.lockReports.empty()) {
-        warn("only contention reports are in this output: collapsed stacks have one unit");
-      }
-      viewer::writeCollapsed(all, std::cout);
+      exportCollapsed(all, given.table);
       break;
     case format::speedscope:
       viewer::writeSpeedscope(all, std::cout);
@@ -215,7 +244,8 @@ void addTables(CLI::App& to, arguments& given) {
       ->excludes(json);
   to.add_flag(
       "--no-values", given.noValues,
-      "Without values, messages of exceptions, thread names of theirs and the command line");
+      "Without values, messages of exceptions, thread names of theirs and of allocations, and the "
+      "command line");
 }
 
 void addShow(CLI::App& app, arguments& given) {
@@ -275,16 +305,20 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
                      {"prometheus", format::prometheus}},
                     "The form to print")
       ->required();
-  addChoice<csvTable>(*to, "--table", given.table,
-                      {{"locks", csvTable::locks},
-                       {"threads", csvTable::threads},
-                       {"stacks", csvTable::stacks},
-                       {"blockers", csvTable::blockers},
-                       {"exceptions", csvTable::exceptions},
-                       {"classes", csvTable::classes},
-                       {"contention", csvTable::contention},
-                       {"pairs", csvTable::pairs}},
-                      "Table to print as csv; by default locks, of contention reports contention");
+  addChoice<csvTable>(
+      *to, "--table", given.table,
+      {{"locks", csvTable::locks},
+       {"threads", csvTable::threads},
+       {"stacks", csvTable::stacks},
+       {"blockers", csvTable::blockers},
+       {"exceptions", csvTable::exceptions},
+       {"classes", csvTable::classes},
+       {"contention", csvTable::contention},
+       {"pairs", csvTable::pairs},
+       {"allocations", csvTable::allocations}},
+      "Table to print as csv; by default locks, of contention reports contention, "
+      "of allocation reports allocations. Of collapsed stacks: contention, locks or "
+      "allocations");
   return to;
 }
 
@@ -317,6 +351,11 @@ CLI::App* addCheck(CLI::App& app, arguments& given) {
       "Time that threads may be blocked by any one lock of these classes, in contention reports");
   check->add_flag("--no-deadlock", given.limits.noDeadlock,
                   "No deadlock may be in a contention report");
+  addLimits("--max-growth", given.limits.growth, viewer::parseGrowthLimit, "NAMES=SIZE/min",
+            "Bytes a minute that any class or allocating method of these names may grow by; sizes "
+            "end in k, m or g");
+  addLimits("--max-alive", given.limits.alive, viewer::parseAliveLimit, "NAMES=SIZE",
+            "Bytes that may be alive of any class, or from any allocating method, of these names");
   addLimits("--max-survivors", given.limits.survivors, viewer::parseSurvivorLimit,
             "CLASSES=OBJECTS@COLLECTIONS",
             "Objects of each of these classes that may outlive this many collections");
@@ -344,7 +383,7 @@ void expectUsable(const CLI::App& app, const CLI::App& check, const arguments& g
   if (check.parsed() && given.limits.empty()) {
     fail(
         "expected a limit to check: --max-blocked-ms, --no-deadlock, --max-blocked-seconds, "
-        "--max-survivors or --no-exception");
+        "--max-growth, --max-alive, --max-survivors or --no-exception");
   }
 }
 
@@ -376,8 +415,10 @@ int running(action command) {
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");
   std::ios::sync_with_stdio(false);
-  CLI::App app("Prints what the profiling agent recorded: locks, exceptions, surviving objects.",
-               "twreport");
+  CLI::App app(
+      "Prints what the profiling agent recorded: locks, exceptions, allocations, surviving "
+      "objects.",
+      "twreport");
   arguments given;
   addShow(app, given);
   const std::vector<std::pair<CLI::App*, int (*)(const arguments&)>> commands = {

@@ -31,6 +31,9 @@ enum class kind {
   exceptionCounts,
   memoryReport,
   contentionReport,
+  allocationReport,
+  growthReport,
+  pathReport,
   run,
   sweeps
 };
@@ -63,6 +66,14 @@ std::string nameOf(const fs::path& file) {
   return toUtf8(file.string());
 }
 
+kind kindOfReport(std::string_view name) {
+  return name == kContention    ? kind::contentionReport
+         : name == kAllocations ? kind::allocationReport
+         : name == kGrowth      ? kind::growthReport
+         : name == kPaths       ? kind::pathReport
+                                : kind::unknown;
+}
+
 kind kindOfDocument(byteSource bytes, const std::string& source) {
   const foundMember member = firstMember(std::move(bytes), source, [](std::string_view name) {
     return name == kReportMember || name == kKindMember || identifyingMembers().contains(name);
@@ -71,7 +82,7 @@ kind kindOfDocument(byteSource bytes, const std::string& source) {
     return member.text == kExceptionCounts ? kind::exceptionCounts : kind::unknown;
   }
   if (member.name == kReportMember) {
-    return member.text == kContention ? kind::contentionReport : kind::unknown;
+    return kindOfReport(member.text);
   }
   return member.name.empty() ? kind::unknown : identifyingMembers().find(member.name)->second;
 }
@@ -211,6 +222,34 @@ void readSweeps(profile& all, const fs::path& file) {
             });
 }
 
+// The session that the files "allocations-1.json", ".growth" and ".paths" of a folder are of: found
+// by what their names have in common.
+allocationSession& sessionOf(profile& all, const fs::path& file) {
+  const std::string name = nameOf(fs::path(file).replace_extension());
+  const auto found = std::find_if(all.allocations.begin(), all.allocations.end(),
+                                  [&](const allocationSession& one) { return one.name == name; });
+  if (found != all.allocations.end()) {
+    return *found;
+  }
+  allocationSession& added = all.allocations.emplace_back();
+  added.name = name;
+  return added;
+}
+
+void readAllocations(profile& all, const fs::path& file, kind what) {
+  const std::string name = nameOf(file);
+  if (what == kind::allocationReport) {
+    auto report = readAllocationReport(bytesOfFile(file), name, all.problems);
+    sessionOf(all, file).samples = std::move(report);
+  } else if (what == kind::growthReport) {
+    auto report = readGrowthReport(bytesOfFile(file), name);
+    sessionOf(all, file).growth = std::move(report);
+  } else {
+    auto report = readPathReport(bytesOfFile(file), name);
+    sessionOf(all, file).paths = std::move(report);
+  }
+}
+
 void readFile(profile& all, const fs::path& file, kind what) {
   const std::string name = nameOf(file);
   if (what == kind::sweeps) {
@@ -245,6 +284,11 @@ void readFile(profile& all, const fs::path& file, kind what) {
     case kind::contentionReport:
       all.contentionReports.push_back(readContentionReport(bytesOfFile(file), name, all.problems));
       break;
+    case kind::allocationReport:
+    case kind::growthReport:
+    case kind::pathReport:
+      readAllocations(all, file, what);
+      break;
     case kind::run:
       readRun(all, file);
       break;
@@ -254,7 +298,8 @@ void readFile(profile& all, const fs::path& file, kind what) {
     case kind::unknown:
       throw inputError(name +
                        ": expected a contention report, lock report, stack file, memory report, "
-                       "exception file, file of exception counts or run.json, found none of them");
+                       "allocation report, exception file, file of exception counts or run.json, "
+                       "found none of them");
   }
 }
 
@@ -308,9 +353,10 @@ bool isLost(const fs::path& file) {
 bool isOwnName(const fs::path& file) {
   const std::string name = file.filename();
   const auto fits = [&name](const char* pattern) { return matches(pattern, name); };
-  return fits("contention-*.json") || fits("locks-*.json") || fits("memory-*.json") ||
-         fits("*.stacks") || fits("exceptions*.jsonl") || fits("exception-counts*.json") ||
-         fits("run.json");
+  return fits("allocations-*.json") || fits("allocations-*.growth") ||
+         fits("allocations-*.paths") || fits("contention-*.json") || fits("locks-*.json") ||
+         fits("memory-*.json") || fits("*.stacks") || fits("exceptions*.jsonl") ||
+         fits("exception-counts*.json") || fits("run.json");
 }
 
 // Whether a file in a folder is not a report, so that nothing is lost with it.
@@ -494,6 +540,9 @@ void filter(profile& all, const std::string& text) {
   for (contentionReport& report : all.contentionReports) {
     keepLocks(report, [&](const std::string& in) { return contains(in, text); });
   }
+  for (allocationSession& session : all.allocations) {
+    keepAllocations(session, [&](const std::string& in) { return contains(in, text); });
+  }
   for (memoryReport& report : all.memoryReports) {
     std::erase_if(report.classes, [&](const classEntry& one) { return !contains(one.name, text); });
   }
@@ -513,6 +562,7 @@ bool holdsAny(const profile& all) {
                               !one.stacksOfNoLock.empty();
                      }) ||
          std::any_of(all.contentionReports.begin(), all.contentionReports.end(), holdsLocks) ||
+         std::any_of(all.allocations.begin(), all.allocations.end(), holdsAllocations) ||
          std::any_of(all.memoryReports.begin(), all.memoryReports.end(),
                      [](const memoryReport& one) { return !one.classes.empty(); });
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "allocationReport.h"
 #include "contentionReport.h"
 #include "exceptionGroups.h"
 #include "lockReport.h"
@@ -43,13 +44,14 @@ struct profile {
   std::optional<exceptionLog> exceptions;
   std::vector<memoryReport> memoryReports;
   std::vector<contentionReport> contentionReports;
+  std::vector<allocationSession> allocations;  // in the order of their first files
   std::optional<sweepSum> sweeps;
   std::vector<std::string> unfinished;  // reports that were begun and have not got their name
   std::vector<std::string> problems;    // what could not be read, or not to its end
 
   bool empty() const {
     return !run && lockReports.empty() && !exceptions && memoryReports.empty() &&
-           contentionReports.empty();
+           contentionReports.empty() && allocations.empty();
   }
 };
 
@@ -78,7 +80,8 @@ std::optional<std::string> optionOf(const profile& all, const std::string& optio
 
 // Keeps what `text` occurs in, without regard to the case of ASCII letters: locks by their name,
 // field, threads and stacks, blockers, exception records by anything in them, counts of exceptions
-// by class, place, or with a record that is kept, classes by name.
+// by class, place, or with a record that is kept, classes by name, allocations by class, frames,
+// threads and the fields that hold them.
 void filter(profile& all, const std::string& text);
 
 // Whether there is any lock, blocker, exception record or class.

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "allocationTables.h"
 #include "contentionTables.h"
 #include "exceptionTables.h"
 #include "memoryTables.h"
@@ -66,6 +67,9 @@ std::string profileTables(const profile& all, const tableOptions& options,
     parts.push_back(
         exceptionLine(*all.exceptions, terminal) + '\n' +
         topExceptions(*all.exceptions, options.limits.rows, options.exceptions, terminal));
+  }
+  for (const allocationSession& session : all.allocations) {
+    parts.push_back(allocationTables(session, options.limits, terminal));
   }
   for (const memoryReport& report : all.memoryReports) {
     parts.push_back(memoryTables(report, options.limits.rows, terminal));

@@ -63,6 +63,10 @@ std::string grouped(std::uint64_t number) {
   return text;
 }
 
+std::string counted(std::uint64_t number, const char* one, const char* more) {
+  return fmt::format("{} {}", grouped(number), number == 1 ? one : more);
+}
+
 std::string sizeText(std::uint64_t bytes) {
   constexpr std::array<const char*, 7> kUnits = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   auto size = static_cast<double>(bytes);

@@ -46,6 +46,9 @@ std::string percentage(std::uint64_t part, std::uint64_t whole);
 // "12,238".
 std::string grouped(std::uint64_t number);
 
+// "1 lock", "2,000 locks".
+std::string counted(std::uint64_t number, const char* one, const char* more);
+
 // "64 B", "1.5 KiB", "20 MiB".
 std::string sizeText(std::uint64_t bytes);
 

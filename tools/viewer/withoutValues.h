@@ -6,8 +6,8 @@
 namespace viewer {
 
 // Drops the values of exception records with the variables' names, the messages, the records as the
-// agent wrote them, the names of their threads, the command line and the texts of options. Classes,
-// methods, places, counts and times stay.
+// agent wrote them, the names of their threads and of those of allocations, the command line and
+// the texts of options. Classes, methods, fields, places, counts and times stay.
 void removeValues(profile& all);
 
 }  // namespace viewer

@@ -42,6 +42,11 @@ profile readAll(std::string_view text) {
   reading(all, [&] {
     all.contentionReports.push_back(readContentionReport(bytesOfText(text), "c", all.problems));
   });
+  allocationSession& session = all.allocations.emplace_back();
+  reading(all,
+          [&] { session.samples = readAllocationReport(bytesOfText(text), "a", all.problems); });
+  reading(all, [&] { session.growth = readGrowthReport(bytesOfText(text), "g"); });
+  reading(all, [&] { session.paths = readPathReport(bytesOfText(text), "p"); });
   reading(all, [&] { readStackFile(bytesOfText(text), "s", all.stacks, all.problems); });
   reading(all, [&] {
     exceptionLog log;
@@ -93,11 +98,14 @@ void writeAll(const profile& all) {
                writeJson(all, out, thrownIn::throwingSite, recordForm::shared);
              }));
   expectJson("speedscope", textOf([&](std::ostream& out) { writeSpeedscope(all, out); }));
-  expectPrintable("collapsed", textOf([&](std::ostream& out) { writeCollapsed(all, out); }));
+  for (stackSource what : {stackSource::contention, stackSource::locks, stackSource::allocations}) {
+    expectPrintable("collapsed",
+                    textOf([&](std::ostream& out) { writeCollapsed(all, what, out); }));
+  }
   expectPrintable("prometheus", textOf([&](std::ostream& out) { writePrometheus(all, out); }));
-  for (csvTable what :
-       {csvTable::locks, csvTable::threads, csvTable::stacks, csvTable::blockers,
-        csvTable::exceptions, csvTable::classes, csvTable::contention, csvTable::pairs}) {
+  for (csvTable what : {csvTable::locks, csvTable::threads, csvTable::stacks, csvTable::blockers,
+                        csvTable::exceptions, csvTable::classes, csvTable::contention,
+                        csvTable::pairs, csvTable::allocations}) {
     expectPrintable("csv", textOf([&](std::ostream& out) { writeCsv(all, what, out); }));
   }
 }
@@ -114,6 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(all, {.blocked = {{"*", 0}},
               .contention = {{"*", 0}, {"a*", 9}},
               .noDeadlock = true,
+              .growth = {{"*", 0, "*=0/min"}},
+              .alive = {{"*", 9, "*=9"}},
               .survivors = {{"*", 0, 2}},
               .exceptions = {"*a*"}});
   const comparison both = compare(std::move(all), readAll(text), {});

@@ -1,0 +1,249 @@
+#include "allocationSites.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <map>
+#include <tuple>
+#include <unordered_map>
+
+#include "contentionReport.h"
+#include "contentionSites.h"
+#include "exceptionCounts.h"
+
+namespace viewer {
+namespace {
+
+constexpr std::string_view kArray = "[]";
+
+// By class; of histograms that are enough.
+using growthByClass = std::unordered_map<std::string, double>;
+
+growthByClass growthsOf(const allocationSession& session) {
+  growthByClass result;
+  if (!hasHistograms(session)) {
+    return result;
+  }
+  std::vector<std::uint64_t> at;
+  for (const growthPoint& one : session.growth->points) {
+    at.push_back(one.at);
+  }
+  for (const classGrowth& one : session.growth->classes) {
+    if (const std::optional<double> growth = growsBy(at, one.bytes)) {
+      result.emplace(one.className, *growth);
+    }
+  }
+  return result;
+}
+
+std::optional<double> growthOf(const growthByClass& growths, const std::string& className) {
+  const auto found = growths.find(className);
+  return found == growths.end() ? std::nullopt : std::optional(found->second);
+}
+
+void sortSites(allocationSum& sum) {
+  std::stable_sort(sum.sites.begin(), sum.sites.end(),
+                   [](const allocationSite* left, const allocationSite* right) {
+                     return left->alive.bytes > right->alive.bytes;
+                   });
+}
+
+auto rankOf(const allocationSum& sum) {
+  return std::tuple(sum.growsBy.value_or(0), sum.alive.bytes, sum.allocated.bytes);
+}
+
+template <typename element>
+void sortByGrowth(std::vector<element>& all) {
+  std::stable_sort(all.begin(), all.end(), [](const element& left, const element& right) {
+    return rankOf(left.sum) > rankOf(right.sum);
+  });
+}
+
+// By no more than all of its classes together, where all of them are known.
+std::optional<double> mostOf(const grownSite& group, const growthByClass& growths) {
+  double most = 0;
+  for (const classAtSite& one : group.classes) {
+    const std::optional<double> growth = growthOf(growths, one.className);
+    if (!growth) {
+      return {};
+    }
+    most += std::max(*growth, 0.0);
+  }
+  return most;
+}
+
+void finish(const allocationReport& report, grownSite& group, const growthByClass& growths) {
+  for (classAtSite& one : group.classes) {
+    one.sum.growsBy = growsBy(evidenceOf(report, one.sum, growthOf(growths, one.className)));
+    sortSites(one.sum);
+  }
+  sortByGrowth(group.classes);
+  group.most = mostOf(group, growths);
+  group.sum.growsBy = growsBy(evidenceOf(report, group.sum, group.most));
+  sortSites(group.sum);
+}
+
+void finish(const allocationReport& report, grownClass& group, const growthByClass& growths) {
+  for (siteOfClass& one : group.sites) {
+    one.sum.growsBy = growsBy(evidenceOf(report, one.sum, growthOf(growths, group.className)));
+    sortSites(one.sum);
+  }
+  sortByGrowth(group.sites);
+  group.sum.growsBy = growsBy(evidenceOf(report, group.sum, growthOf(growths, group.className)));
+  sortSites(group.sum);
+}
+
+// Histograms are exact: with few samples they are the better witness.
+void addHistogram(const allocationSession& session, const classGrowth& from,
+                  const growthByClass& growths, grownClass& group) {
+  for (auto known = from.bytes.rbegin(); known != from.bytes.rend() && !group.histogramBytes;
+       ++known) {
+    group.histogramBytes = *known;
+  }
+  group.histogramBytesPerMinute = growthOf(growths, group.className);
+  const bool areFew = group.sum.alive.samples < kFewSamples || !session.samples;
+  if (group.histogramBytesPerMinute && (areFew || !group.sum.growsBy)) {
+    constexpr double kMost = 9e18;
+    group.sum.growsBy =
+        static_cast<std::uint64_t>(std::clamp(*group.histogramBytesPerMinute, 0.0, kMost));
+    group.isByHistograms = true;
+  }
+}
+
+std::string linkText(const pathLink& link) {
+  std::string text = link.className;
+  if (link.field) {
+    text += '.' + *link.field;
+  } else if (link.index && text.ends_with(kArray)) {
+    text.replace(text.size() - kArray.size(), kArray.size(), fmt::format("[{}]", *link.index));
+  } else if (link.index) {
+    text += fmt::format("[{}]", *link.index);
+  }
+  return text + (link.skipped > 0 ? fmt::format(" <- ({} more)", link.skipped) : "");
+}
+
+bool isAllocatedAt(const rootPath& path, const std::string& site) {
+  const auto found = std::find_if(path.stack.begin(), path.stack.end(),
+                                  [](const std::string& frame) { return !isOfJdk(frame); });
+  return found != path.stack.end() && methodOf(*found) == methodOf(site);
+}
+
+}  // namespace
+
+void allocationSum::add(const allocationReport& report, const allocationSite& site) {
+  allocated += site.allocated;
+  alive += site.alive;
+  young += site.young;
+  born.resize(std::max(born.size(), std::min(site.born.size(), kParts)));
+  for (std::size_t i = 0; i < std::min(site.born.size(), kParts); i++) {
+    born[i] = plus(born[i], site.born[i]);
+  }
+  course.resize(report.points.size());
+  const std::size_t known = std::min(site.course.size(), course.size());
+  for (std::size_t i = 0; i < known && site.courseFrom < course.size() - i; i++) {
+    std::uint64_t& to = course[static_cast<std::size_t>(site.courseFrom) + i];
+    to = plus(to, site.course[i]);
+  }
+  sites.push_back(&site);
+}
+
+aliveEvidence evidenceOf(const allocationReport& report, const allocationSum& sum,
+                         std::optional<double> most) {
+  if (report.collections == 0) {
+    return {};
+  }
+  return {sum.born, sum.alive.samples, lengthOf(report), most};
+}
+
+std::vector<grownSite> grownSitesOf(const allocationSession& session) {
+  std::vector<grownSite> result;
+  if (!session.samples) {
+    return result;
+  }
+  const allocationReport& report = *session.samples;
+  std::map<std::optional<std::string>, std::map<std::string, allocationSum>> groups;
+  for (const allocationSite& site : report.sites) {
+    groups[siteOf(report, site)][site.className].add(report, site);
+  }
+  const growthByClass growths = growthsOf(session);
+  for (auto& [site, classes] : groups) {
+    grownSite& group = result.emplace_back();
+    group.site = site;
+    for (auto& [name, sum] : classes) {
+      for (const allocationSite* one : sum.sites) {
+        group.sum.add(report, *one);
+      }
+      group.classes.push_back({name, std::move(sum)});
+    }
+    finish(report, group, growths);
+  }
+  sortByGrowth(result);
+  return result;
+}
+
+std::vector<grownClass> grownClassesOf(const allocationSession& session) {
+  std::map<std::string, grownClass> groups;
+  const growthByClass growths = growthsOf(session);
+  if (session.samples) {
+    const allocationReport& report = *session.samples;
+    std::map<std::string, std::map<std::optional<std::string>, allocationSum>> bySite;
+    for (const allocationSite& site : report.sites) {
+      groups[site.className].sum.add(report, site);
+      bySite[site.className][siteOf(report, site)].add(report, site);
+    }
+    for (auto& [name, group] : groups) {
+      group.className = name;
+      for (auto& [site, sum] : bySite[name]) {
+        group.sites.push_back({site, std::move(sum)});
+      }
+      finish(report, group, growths);
+    }
+  }
+  if (session.growth) {
+    for (const classGrowth& one : session.growth->classes) {
+      grownClass& group = groups[one.className];
+      group.className = one.className;
+      addHistogram(session, one, growths, group);
+    }
+  }
+  std::vector<grownClass> result;
+  result.reserve(groups.size());
+  for (auto& [name, group] : groups) {
+    result.push_back(std::move(group));
+  }
+  sortByGrowth(result);
+  return result;
+}
+
+bool hasHistograms(const allocationSession& session) {
+  constexpr std::size_t kLeast = 3;
+  return session.growth && session.growth->points.size() >= kLeast;
+}
+
+std::vector<const rootPath*> pathsOf(const allocationSession& session, const std::string& className,
+                                     const std::optional<std::string>& site) {
+  std::vector<const rootPath*> ofClass;
+  std::vector<const rootPath*> ofSite;
+  if (session.paths) {
+    for (const rootPath& path : session.paths->paths) {
+      if (path.className == className) {
+        ofClass.push_back(&path);
+        if (site && isAllocatedAt(path, *site)) {
+          ofSite.push_back(&path);
+        }
+      }
+    }
+  }
+  return ofSite.empty() ? ofClass : ofSite;
+}
+
+std::string pathText(const rootPath& path) {
+  std::string text;
+  for (const pathLink& link : path.chain) {
+    text += linkText(link) + " <- ";
+  }
+  text += path.root.kind + ' ' + path.root.text;
+  return path.root.thread ? text + fmt::format(" (thread {})", *path.root.thread) : text;
+}
+
+}  // namespace viewer
