@@ -72,9 +72,20 @@ const shape& afterHooksShape() {
   return result;
 }
 
+// A name, or null, which leaves what stands for it.
+template <auto member>
+place name(void* owner) {
+  static const shape result = {
+      .expected = "a string or null", .nullable = true, .text = [](void* target, std::string& value) {
+        *static_cast<std::string*>(target) = std::move(value);
+      }};
+  using info = memberType<decltype(member)>;
+  return {&result, &(static_cast<typename info::ownerOf*>(owner)->*member)};
+}
+
 const shape& threadShape() {
   static const shape result = {.expected = "an object",
-                               .members = {{"name", at<&allocationThread::name>},
+                               .members = {{"name", name<&allocationThread::name>},
                                            {"samples", count<&allocationThread::samples>}}};
   return result;
 }
@@ -84,7 +95,7 @@ const shape& siteShape() {
   static const shape result = {
       .expected = "an object",
       .members = {{"id", count<&site::id>},
-                  {"class", at<&site::className>},
+                  {"class", name<&site::className>},
                   {"stack", count<&site::stack>},
                   {"allocated", allocatedAmount<&site::allocated>},
                   {"alive", aliveAmount<&site::alive>},
@@ -149,6 +160,7 @@ const shape& omissionsShape() {
                                .members = {{"lost", count<&omitted::lost>},
                                            {"lostBytes", count<&omitted::lostBytes>},
                                            {"failed", count<&omitted::failed>},
+                                           {"leftOut", count<&omitted::leftOut>, false},
                                            {"sites", count<&omitted::sites>},
                                            {"stacks", count<&omitted::stacks>},
                                            {"classes", count<&omitted::classes>},

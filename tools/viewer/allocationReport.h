@@ -34,15 +34,19 @@ struct allocationStack {
   bool isCut = false;
 };
 
+// What stands for a name that the report does not have: of a class that was unloaded or had no room.
+inline constexpr const char* kUnknownClass = "(class not known)";
+inline constexpr const char* kUnknownThread = "(thread not known)";
+
 struct allocationThread {
-  std::string name;
+  std::string name = kUnknownThread;
   std::uint64_t samples = 0;
 };
 
 // One class, allocated with one stack.
 struct allocationSite {
   std::uint64_t id = 0;
-  std::string className;
+  std::string className = kUnknownClass;
   std::optional<std::uint64_t> stack;  // index into the report's `stacks`
   sampledAmount allocated;
   sampledAmount alive;
@@ -90,6 +94,7 @@ struct omittedSamples {
   std::uint64_t lost = 0;
   std::uint64_t lostBytes = 0;
   std::uint64_t failed = 0;
+  std::uint64_t leftOut = 0;  // of the profiler's own threads
   std::uint64_t sites = 0;
   std::uint64_t stacks = 0;
   std::uint64_t classes = 0;

@@ -40,10 +40,15 @@ std::string courseLine(const allocationSession& session, const terminalStyle& te
                      sizeText(*std::max_element(values.begin(), values.end())));
 }
 
+// "HashMap$Node" of "java.util.HashMap$Node": the lines below the table have all of it.
+std::string shortName(const std::string& className) {
+  return className.substr(className.rfind('.') + 1);
+}
+
 std::string classesText(const grownSite& group) {
   std::string text;
   for (const classAtSite& one : first(group.classes, kClassesOfASite)) {
-    text += (text.empty() ? "" : ", ") + one.className;
+    text += (text.empty() ? "" : ", ") + shortName(one.className);
   }
   return group.classes.size() > kClassesOfASite
              ? text + fmt::format(" and {} more", group.classes.size() - kClassesOfASite)

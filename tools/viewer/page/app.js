@@ -11,6 +11,7 @@ class Page {
     if (report.exceptions) {
       unfoldRecords(report.exceptions);
     }
+    (report.allocations ?? []).forEach(unfoldStacks);
     this.sessions = report.locks ?? [];
     if (this.sessions.length > 1) {
       this.sessions = [mergedSession(this.sessions), ...this.sessions];
@@ -80,7 +81,11 @@ class Page {
         profile.totals.totalNanos >= blockedSeconds * kNanosOfSecond) {
       return contentionView;
     }
-    return blockedSeconds > 0 || session?.stacksOfNoLock.length > 0 ? lockView : this.views[0];
+    if (blockedSeconds > 0 || session?.stacksOfNoLock.length > 0) {
+      return lockView;
+    }
+    const hasOthers = profile || session || this.report.exceptions;
+    return this.report.allocations?.length > 0 && !hasOthers ? memoryView : this.views[0];
   }
 
   // Shows the view that the address names; the focus goes to it when the reader went there.

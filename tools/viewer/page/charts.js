@@ -40,7 +40,60 @@ function minuteChart(values, label) {
   return picture;
 }
 
-// The same in the height of a table row, without axes; up to `highest`.
+// A "round" number of bytes at or above the value.
+function roundUpBytes(bytes) {
+  const power = 2 ** Math.ceil(Math.log2(Math.max(bytes, 1)));
+  return [0.625, 0.75, 0.875, 1].map((part) => part * power).find((round) => round >= bytes);
+}
+
+const kLineColours = ['#0072b2', '#d55e00', '#009e73', '#cc79a7', '#b8860b'];
+const kLineDashes = ['', '7 3', '2 3', '10 3 2 3', '14 4'];
+
+// A line in the way that the chart draws the one with this number, for a legend.
+const lineSample = (number) => svg('svg', {viewBox: '0 0 28 10', width: 28, height: 10,
+  'aria-hidden': 'true'}, chartLine(number, 'M0 5H28'));
+
+const chartLine = (number, path) => svg('path', {class: 'line', d: path,
+  stroke: kLineColours[number % kLineColours.length],
+  'stroke-dasharray': kLineDashes[number % kLineDashes.length]});
+
+// Bytes over time as lines: series are {name, values}, a value for each of `times` in milliseconds
+// since 1970, null where not known. `momentOf` gives the text of a time.
+function byteChart(series, times, momentOf, label) {
+  const [width, height, left, right, bottom, top] = [860, 200, 70, 12, 28, 10];
+  const highest = roundUpBytes(maximum(series.flatMap((one) => one.values.map((value) => value ?? 0))));
+  const [from, to] = [times[0], Math.max(times.at(-1), times[0] + 1)];
+  const x = (time) => left + ((width - left - right) * (time - from)) / (to - from);
+  const y = (value) => top + (height - bottom - top) * (1 - value / highest);
+  const picture = svg('svg', {viewBox: `0 0 ${width} ${height}`, class: 'chart', role: 'img',
+    'aria-label': label});
+  for (const tick of [0, highest / 2, highest]) {
+    picture.append(
+      svg('line', {class: 'grid', x1: left, x2: width - right, y1: y(tick), y2: y(tick)}),
+      svg('text', {x: left - 8, y: y(tick) + 4, 'text-anchor': 'end'}, formatBytes(tick)));
+  }
+  series.forEach(({name, values}, number) => {
+    const known = values.map((value, index) => [times[index], value])
+      .filter(([time, value]) => time !== undefined && value !== null);
+    const path = known.map(([time, value], index) =>
+      `${index === 0 ? 'M' : 'L'}${x(time).toFixed(1)} ${y(value).toFixed(1)}`).join('');
+    const line = chartLine(number, path);
+    line.append(svg('title', null, name));
+    picture.append(line);
+  });
+  const kLabels = 5;
+  for (let i = 0, last = null; i <= kLabels; i++) {
+    const time = from + Math.round(((to - from) * i) / kLabels);
+    if (momentOf(time) !== last) {
+      last = momentOf(time);
+      picture.append(svg('text', {x: x(time), y: height - 8,
+        'text-anchor': i === 0 ? 'start' : i === kLabels ? 'end' : 'middle'}, last));
+    }
+  }
+  return picture;
+}
+
+// Entries by minute in the height of a table row, without axes; up to `highest`.
 function sparkline(values, highest) {
   const [width, height] = [110, 18];
   const step = width / Math.max(values.length, 1);

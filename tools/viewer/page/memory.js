@@ -1,12 +1,14 @@
-// Memory survivors: classes, stacked by the generation that their objects were tagged in.
+// Memory: what grows by allocation samples, and the survivors of tracked classes, stacked by the
+// generation that their objects were tagged in.
 
 const memoryView = {
   id: 'memory',
   title: 'Memory',
-  isIn: (report) => report.memory?.length > 0,
+  isIn: (report) => report.memory?.length > 0 || report.allocations?.length > 0,
 
-  build({memory}) {
-    return {element: el('div', null, memory.map(memorySession))};
+  build({memory, allocations}) {
+    return {element: el('div', null, (allocations ?? []).map(allocationSession),
+      memory.map(memorySession))};
   },
 };
 

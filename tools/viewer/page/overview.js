@@ -7,7 +7,8 @@ const overviewView = {
 
   build(report, session, profile) {
     const parts = [problemList(report.problems), unfinishedList(report.unfinished)];
-    const tiles = [...profileTiles(profile), ...lockTiles(session), ...exceptionTiles(report), ...memoryTiles(report)];
+    const tiles = [...profileTiles(profile), ...lockTiles(session), ...exceptionTiles(report),
+      ...allocationTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
       el('div', null, el('dt', null, title), el('dd', {class: 'value'}, number),
         el('dd', {class: 'note'}, note)))));
@@ -23,6 +24,9 @@ const overviewView = {
     }
     if (report.exceptions) {
       columns.append(mostExceptions(report.exceptions));
+    }
+    for (const one of report.allocations) {
+      columns.append(mostGrowing(one));
     }
     for (const memory of report.memory) {
       columns.append(mostSurvivors(memory));
@@ -123,6 +127,13 @@ function exceptionTiles({exceptions}) {
   return [['Exceptions', formatNumber(exceptions.records.length), note]];
 }
 
+// Of what was allocated while samples were drawn.
+const allocationTiles = ({allocations}) => allocations.filter((one) => one.alive)
+  .map((one) => ['Alive after collections', `≈ ${formatBytes(one.alive.bytes)}`,
+    one.collections === 0 ? 'no collection ran: not known'
+      : `${plural(one.alive.samples, 'sample', 'samples')}; of ${
+        formatBytes(one.allocated.bytes)} allocated`]);
+
 function memoryTiles({memory}) {
   return memory.map((one) => ['Survivors', formatBytes(one.totals.bytes),
     `${plural(one.totals.objects, 'object', 'objects')} of ${
@@ -180,6 +191,13 @@ const mostExceptions = (exceptions) => ranking('Exceptions',
       : `${formatNumber(group.thrown)} ${countedWord(exceptions.counts)}`,
     href: `#exceptions/${index}`,
   })), {href: '#exceptions', text: `All ${formatNumber(exceptions.records.length)} records`});
+
+const mostGrowing = (session) => ranking('What grows, by the place that allocated it',
+  session.growing.filter((one) => one.growsBy > 0).slice(0, kRanked).map((one) => ({
+    name: one.site === null ? kStackUnknown : shortMethod(one.site), title: one.site ?? kStackUnknown,
+    amount: one.growsBy, text: `${growthText(one)}, ${plural(one.alive.samples, 'sample', 'samples')}`,
+    href: '#memory',
+  })), {href: '#memory', text: 'All places and classes'});
 
 const mostSurvivors = (memory) => ranking('Classes with the most surviving bytes',
   memory.classes.slice(0, kRanked).map((one) => ({
