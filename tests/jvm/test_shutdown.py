@@ -108,6 +108,19 @@ def test_code_that_the_agent_calls_ends_the_jvm(start, way):
     assert site_of(report, "LastOrder.keep")["alive"]["samples"] == 30
 
 
+def test_a_control_call_that_never_ends(start):
+    began = time.monotonic()
+    run = start("stuck", 7, ALLOCATIONS, MEMORY)
+    assert time.monotonic() - began < 45, "10 s before the hooks, 2 s and 10 s in them"
+    assert run.err.splitlines() == [
+        SAY + "the shutdown hooks of the program run before what is alive is reported: that takes more"
+        " than 10 s",
+        SAY + "running sessions get no report: another start or stop took too long"]
+    assert run.facts["memory-1.json"] == run.facts["allocations-1.json"] == "false"
+    report = allocations(folder_of(run))
+    assert report["shutdownAt"] is None and report["endedAt"] is not None, "the VM has written it"
+
+
 @pytest.mark.parametrize("track, shown", [
     ("byte[]", "byte[]"), ("no.such.Class\\,LastO*", "LastO*"), ("*", "*"), ("Keeper", "Keeper")])
 def test_what_memory_reports_cannot_have(start, track, shown):

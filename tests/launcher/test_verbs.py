@@ -306,7 +306,7 @@ def test_a_jvm_whose_library_and_jar_were_replaced(launcher, folder):
         for name in (library, jar):
             (folder / name).unlink()
         assert re.search(rf"^{pid} ", done(launcher, "list", folder=folder), re.M)
-        assert "results     none yet\n" in done(launcher, "status", pid, folder=folder)
+        assert "results      none yet\n" in done(launcher, "status", pid, folder=folder)
 
 
 def test_a_profiler_that_the_jvm_was_started_without(launcher, folder):

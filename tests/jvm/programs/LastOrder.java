@@ -3,6 +3,7 @@ import com.korvane.twutils.nativeagent.MemorySession;
 import com.korvane.twutils.nativeagent.MemorySettings;
 import com.korvane.twutils.nativeagent.NativeAgent;
 import java.io.File;
+import java.lang.reflect.Field;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
 import java.nio.file.Path;
@@ -11,6 +12,8 @@ import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
 import java.util.concurrent.CountDownLatch;
+import java.util.concurrent.locks.LockSupport;
+import java.util.concurrent.locks.ReentrantLock;
 
 /** Keeps objects, until a shutdown hook throws them away: a program that ends in good order. */
 public final class LastOrder {
@@ -81,6 +84,10 @@ public final class LastOrder {
       case "limit":
         exitWithinACall(run);
         break;
+      case "stuck":
+        holdControl();
+        System.exit(7);
+        break;
       case "interrupted":
         Thread.currentThread().interrupt();
         System.exit(7);
@@ -112,6 +119,24 @@ public final class LastOrder {
     for (Thread each : threads) {
       each.join();
     }
+  }
+
+  /** As a control call that never comes to its end. */
+  private static void holdControl() throws Exception {
+    Field control = NativeAgent.class.getDeclaredField("CONTROL");
+    control.setAccessible(true);
+    ReentrantLock held = (ReentrantLock) control.get(null);
+    CountDownLatch isHeld = new CountDownLatch(1);
+    Thread holder =
+        new Thread(
+            () -> {
+              held.lock();
+              isHeld.countDown();
+              LockSupport.park();
+            });
+    holder.setDaemon(true);
+    holder.start();
+    Await.latch(isHeld);
   }
 
   /** In a callback of the typed API. */
