@@ -22,7 +22,7 @@ public final class LastOrder {
   private LastOrder() {}
 
   /**
-   * Arguments: how to end, or a file in the run folder to wait for before that and a slash; then the
+   * Arguments: how to end, perhaps after a file in the run folder to wait for and a slash; then the
    * output folder.
    */
   public static void main(String[] args) throws Exception {

@@ -4,7 +4,8 @@ package com.korvane.twutils.nativeagent;
  * The allocation profile: samples of the objects that the program allocates, which of them are
  * still alive, and where they came from. It is independent of the memory sessions. Without the
  * agent, and with one that is older than this class, the natives throw {@link
- * UnsatisfiedLinkError}. Any thread may call; calls come in turn, but for {@link #leaveOut}.
+ * UnsatisfiedLinkError}. Any thread may call; calls come in turn, except for {@link
+ * #leaveOut}.
  */
 final class AgentAllocations {
   private AgentAllocations() {}
@@ -56,6 +57,6 @@ final class AgentAllocations {
    */
   static native void shutdownBegins(boolean afterCollection);
 
-  /** Whether the allocations of the calling thread are left out from now on. */
+  /** Whether the allocations of the calling thread are omitted from now on. */
   static native void leaveOut(boolean isLeftOut);
 }

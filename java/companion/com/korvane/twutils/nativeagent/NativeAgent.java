@@ -72,7 +72,8 @@ public final class NativeAgent {
 
   /**
    * The profilers that were chosen when the agent was started, as far as the JVM's arguments show.
-   * The contention and the allocation profile need no choice. Asking has the JVM settle on its log manager.
+   * The contention and the allocation profile need no choice. Asking has the JVM settle on its log
+   * manager.
    */
   public static Set<Feature> features() {
     return isLoaded() ? VmArguments.ofThisJvm().features() : EnumSet.noneOf(Feature.class);
@@ -242,7 +243,7 @@ public final class NativeAgent {
     }
   }
 
-  /** Leaves what this thread allocates out of the allocation profile, from now on. */
+  /** Omits what this thread allocates from the allocation profile, from now on. */
   public static void leaveOutAllocations() {
     try {
       AgentAllocations.leaveOut(true);

@@ -188,7 +188,9 @@ final class Doctor {
     Path folder = Files.createTempDirectory("twprofile-doctor");
     try {
       // The home "." leaves no folders, and level 0 no log.
-      String agent = "-agentpath:" + library() + "=twHome=.,logLevel=0,contention=1,allocations=1,features=ALL";
+      String agent =
+          "-agentpath:" + library()
+              + "=twHome=.,logLevel=0,contention=1,allocations=1,features=ALL";
       Outcome run = execute(List.of(java, agent, "-version"), folder.toFile());
       if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
         ok("agent", "loads in " + java);

@@ -1,7 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.OptionKey;
-import java.nio.file.Path;
 import java.time.Duration;
 
 /**

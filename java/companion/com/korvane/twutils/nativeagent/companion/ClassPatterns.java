@@ -77,7 +77,8 @@ final class ClassPatterns {
 
   /** Whether nothing is selected, whatever there is. */
   boolean isEmpty() {
-    return prefixes.isEmpty() && patternsByName.keySet().stream().noneMatch(ClassPatterns::isReported);
+    return prefixes.isEmpty()
+        && patternsByName.keySet().stream().noneMatch(ClassPatterns::isReported);
   }
 
   /** The patterns that may mean classes that are never selected. */

@@ -57,9 +57,9 @@ public final class RunFolderTest {
     folder.removeOldReports(
         new HashSet<>(Arrays.asList("locks-3", "memory-1", "contention-2", "allocations-2")));
     same("left",
-        "allocations-2.paths contention-2.json exceptions-1.jsonl exceptions.jsonl locks-2.json locks-2.stacks"
-            + " locks-3.json.part locks-3.stacks.part locks-x.json memory-1.json.part"
-            + " memory-1.sweeps notes.txt run.json",
+        "allocations-2.paths contention-2.json exceptions-1.jsonl exceptions.jsonl"
+            + " locks-2.json locks-2.stacks locks-3.json.part locks-3.stacks.part locks-x.json"
+            + " memory-1.json.part memory-1.sweeps notes.txt run.json",
         Checks.names(run));
     same("removed", 3, folder.removedReports());
   }
