@@ -3,12 +3,13 @@ package com.korvane.twutils.nativeagent.companion;
 import java.lang.reflect.InvocationTargetException;
 import java.nio.file.Path;
 import java.time.Duration;
+import java.time.Instant;
 
 /**
  * A recording of the VM's flight recorder, with samples of old objects and nothing else. By
  * reflection: not every Java has it. Used in turn.
  */
-final class FlightRecording {
+final class FlightRecording implements RootPaths.Recorder {
   static final String EVENT = "jdk.OldObjectSample";
 
   /** How long the VM looks for what holds the samples, for which the program stands still. */
@@ -17,20 +18,18 @@ final class FlightRecording {
   /** Samples come with the dump; what the recorder has written before is of no use. */
   private static final Duration KEPT = Duration.ofSeconds(10);
 
-  private final Class<?> type;
-  private final Object recording;
+  private Class<?> type;
+  private Object recording; // null before the start
 
   /** @throws ClassNotFoundException where there is no flight recorder */
-  FlightRecording() throws ReflectiveOperationException {
+  @Override
+  public void start() throws ReflectiveOperationException {
     Class<?> recorder = Class.forName("jdk.jfr.FlightRecorder");
     if (!(Boolean) recorder.getMethod("isAvailable").invoke(null)) {
       throw new ClassNotFoundException("jdk.jfr.FlightRecorder is not available");
     }
     type = Class.forName("jdk.jfr.Recording");
     recording = type.getConstructor().newInstance();
-  }
-
-  void start() throws ReflectiveOperationException {
     call("setName", String.class, "javanativeagent");
     call("setMaxAge", Duration.class, KEPT);
     Object settings = call("enable", String.class, EVENT);
@@ -41,13 +40,21 @@ final class FlightRecording {
     type.getMethod("start").invoke(recording);
   }
 
-  /** Has the VM look for what holds the samples, and writes that to the file, which is there. */
-  void dump(Path file) throws ReflectiveOperationException {
+  @Override
+  public void dump(Path file) throws ReflectiveOperationException {
     call("dump", Path.class, file);
   }
 
-  void close() throws ReflectiveOperationException {
-    type.getMethod("close").invoke(recording);
+  @Override
+  public RootPathGroups read(Path file, Instant since) throws ReflectiveOperationException {
+    return new OldObjectSamples().read(file, since);
+  }
+
+  @Override
+  public void close() throws ReflectiveOperationException {
+    if (recording != null) {
+      type.getMethod("close").invoke(recording);
+    }
   }
 
   private <T> Object call(String method, Class<T> parameter, T argument)

@@ -5,6 +5,7 @@ import java.nio.file.Files;
 import java.nio.file.Path;
 import java.time.Duration;
 import java.time.Instant;
+import java.util.function.LongSupplier;
 
 /**
  * Finds out who holds what stays alive: has the VM's flight recorder take samples of objects from
@@ -20,32 +21,52 @@ final class RootPaths {
   /** The last ones are not looked for when that took longer the time before. */
   private static final Duration LONGEST_AT_END = Duration.ofSeconds(10);
 
-  private static final long MOST_BYTES = 256 << 20; // of the recorder's file
+  private static final long MOST_BYTES = 256L << 20; // of the recorder's file
   private static final Duration CLOCK_DIFFERENCE = Duration.ofSeconds(1); // to the recorder's clock
 
   private final Path file;
   private final Path dump;
 
-  private FlightRecording recording; // null when there is none
+  private final Recorder recorder;
+  private final LongSupplier clock; // as System.nanoTime
+
   private String problem = "the flight recorder was not started";
   private boolean hasPaths; // the file
   private boolean hasFailed; // to write it, since it was last written
   private boolean isClosed;
   private boolean wasWritten;
-  private long writtenNanos; // System.nanoTime() when it began last
+  private long writtenNanos; // by the clock, when it began last
   private long tookNanos; // the last time
 
+  /** Where samples come from. */
+  interface Recorder {
+    void start() throws Exception;
+
+    /** Finds what holds the samples, and writes that to the file, which is there. */
+    void dump(Path file) throws Exception;
+
+    /** @param since of samples that were written to the file earlier, none is read */
+    RootPathGroups read(Path file, Instant since) throws Exception;
+
+    /** Also after a start that has failed. */
+    void close() throws Exception;
+  }
+
   RootPaths(Path file) {
+    this(file, new FlightRecording(), System::nanoTime);
+  }
+
+  RootPaths(Path file, Recorder recorder, LongSupplier clock) {
     this.file = file;
+    this.recorder = recorder;
+    this.clock = clock;
     dump = file.resolveSibling(file.getFileName() + ".jfr.part");
   }
 
-  /** Samples are taken from now on. The first start of the recorder in a JVM takes a moment. */
+  /** Samples are taken from now on. The first start of the recorder in a JVM takes a second. */
   void start() {
     try {
-      FlightRecording made = new FlightRecording();
-      recording = made; // to be closed, even when it cannot be started
-      made.start();
+      recorder.start();
       problem = null;
     } catch (Throwable e) {
       problem = problemOf(e);
@@ -54,7 +75,7 @@ final class RootPaths {
 
   /** Writes the file, unless that would take more than 1 % of the time since the last time. */
   void write() {
-    if (!wasWritten || System.nanoTime() - writtenNanos >= tookNanos * SHARE) {
+    if (!wasWritten || clock.getAsLong() - writtenNanos >= tookNanos * SHARE) {
       last();
     }
   }
@@ -65,7 +86,7 @@ final class RootPaths {
       return;
     }
     wasWritten = true;
-    writtenNanos = System.nanoTime();
+    writtenNanos = clock.getAsLong();
     RootPathGroups groups = new RootPathGroups();
     String failure = problem;
     if (failure == null) {
@@ -75,7 +96,7 @@ final class RootPaths {
         failure = problemOf(e);
       }
     }
-    tookNanos = System.nanoTime() - writtenNanos;
+    tookNanos = clock.getAsLong() - writtenNanos;
     if (failure == null || !hasPaths) { // or those of an earlier time stay
       writeFile(groups, failure);
     }
@@ -85,25 +106,22 @@ final class RootPaths {
   void close() {
     isClosed = true;
     try {
-      if (recording != null) {
-        recording.close();
-      }
+      recorder.close();
     } catch (Throwable e) {
       // The recorder has ended before, as it does with the JVM.
     }
-    recording = null;
   }
 
-  private RootPathGroups read() throws IOException, ReflectiveOperationException {
+  private RootPathGroups read() throws Exception {
     try {
       Files.deleteIfExists(dump); // of a JVM that was killed
       PrivateFiles.createFile(dump);
       Instant since = Instant.now().minus(CLOCK_DIFFERENCE);
-      recording.dump(dump);
+      recorder.dump(dump);
       if (Files.size(dump) > MOST_BYTES) {
         throw new IOException("its file has " + Files.size(dump) + " bytes");
       }
-      return new OldObjectSamples().read(dump, since);
+      return recorder.read(dump, since);
     } finally {
       Files.deleteIfExists(dump);
     }
