@@ -115,8 +115,8 @@ final class Growth {
       return "no class histograms: this Java lacks the module java.management";
     }
     if (failure.getClass().getName().equals(NO_SUCH_BEAN)) {
-      return "no class histograms: this VM has no diagnostic commands, or this Java lacks the module"
-          + " jdk.management";
+      return "no class histograms: this VM has no diagnostic commands, or this Java lacks the"
+          + " module jdk.management";
     }
     return "no class histogram: " + failure;
   }

@@ -51,7 +51,7 @@ final class RootPath {
       return new Step(heldClass, field, isStatic, index, skipped);
     }
 
-    /** From node to node of a list, a tree, or a bucket: how many they are is a matter of chance. */
+    /** From node to node of a list, a tree, or a bucket: how many they are is chance. */
     private boolean goesOnFrom(Step before) {
       return index == null && !isStatic && !before.isStatic && before.index == null
           && className.equals(before.className);

@@ -74,7 +74,7 @@ public final class GrowthTest {
         "\n" + HEAD + "   1:         16634        1105712  [B (java.base@17.0.15)\n"
             + "   2:             3             72  a.B$$Lambda$7/0x0000000800c03000\r\n"
             + "   3:             1             50  a.B$$Lambda$7/0x0000000800c03400\n"
-            + "   4:             9             40  [Ljdk.internal.vm.FillerElement; (java.base@25)\n"
+            + "   4:             9             40  [Ljdk.internal.vm.FillerElement; (java.base)\n"
             + "   5:             9             40  jdk.internal.vm.FillerArray (java.base@25)\n"
             + "   6:             1             16  com.example.Last\n"
             + "Total         16639        1105850\n");
