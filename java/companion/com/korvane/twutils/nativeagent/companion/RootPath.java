@@ -184,11 +184,13 @@ final class RootPath {
    */
   void endAtRoot(String system, String type, String subject) {
     String found = kindOf(system, type);
+    String other = system + ", " + type + ": " + last();
     if (kind == null) {
-      end(found, found.equals("other") ? system + ", " + type + ": " + last() : last(), subject);
+      end(found, found.equals("other") ? other : last(), subject);
       length = steps.size();
     } else if (loader != null && loader.heldBy == null) {
-      loader.heldBy = found + (subject == null ? "" : " of " + subject);
+      loader.heldBy =
+          found.equals("other") ? other : found + (subject == null ? "" : " of " + subject);
       loader.length = steps.size();
     }
     if (loader == null) {

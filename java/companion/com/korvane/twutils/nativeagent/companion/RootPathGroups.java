@@ -76,6 +76,10 @@ final class RootPathGroups {
     }
   }
 
+  boolean isEmpty() {
+    return samples == 0;
+  }
+
   boolean hasRoots() {
     return withRoot > 0;
   }

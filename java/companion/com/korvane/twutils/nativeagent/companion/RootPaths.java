@@ -24,6 +24,10 @@ final class RootPaths {
   private static final long MOST_BYTES = 256L << 20; // of the recorder's file
   private static final Duration CLOCK_DIFFERENCE = Duration.ofSeconds(1); // to the recorder's clock
 
+  private static final String NO_SAMPLES =
+      "the flight recorder has no samples: little was allocated, or it takes none with this"
+          + " collector, as with Shenandoah on JDK 25";
+
   private final Path file;
   private final Path dump;
 
@@ -92,6 +96,7 @@ final class RootPaths {
     if (failure == null) {
       try {
         groups = read();
+        failure = groups.isEmpty() ? NO_SAMPLES : null;
       } catch (Throwable e) {
         failure = problemOf(e);
       }

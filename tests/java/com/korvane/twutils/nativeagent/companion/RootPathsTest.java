@@ -23,6 +23,7 @@ public final class RootPathsTest {
     Checks.inFolder(RootPathsTest::failuresAfterASuccess);
     Checks.inFolder(RootPathsTest::largeDumps);
     Checks.inFolder(RootPathsTest::leftovers);
+    Checks.inFolder(RootPathsTest::noSamples);
     Checks.end();
   }
 
@@ -33,6 +34,7 @@ public final class RootPathsTest {
     int dumps;
     long bytes;
     boolean isClosed;
+    boolean isEmpty;
     Exception failure;
     String mode;
 
@@ -61,6 +63,9 @@ public final class RootPathsTest {
     @Override
     public RootPathGroups read(Path file, Instant since) {
       RootPathGroups groups = new RootPathGroups();
+      if (isEmpty) {
+        return groups;
+      }
       RootPath path = new RootPath("a.Of" + dumps, 1L, 1, Collections.emptyList());
       path.endAtRoot("Threads", "Stack Variable", "main");
       groups.add(path);
@@ -151,6 +156,18 @@ public final class RootPathsTest {
     Checks.contains("not read", "its file has 268435457 bytes",
         Checks.text(folder.resolve(NAME)));
     same("deleted", NAME, Checks.names(folder));
+  }
+
+  private static void noSamples(Path folder) throws Exception {
+    Fake fake = new Fake();
+    fake.isEmpty = true;
+    RootPaths paths = started(folder, fake);
+    paths.write();
+    Checks.contains("told", "\"problem\":\"the flight recorder has no samples: ",
+        Checks.text(folder.resolve(NAME)));
+    fake.isEmpty = false;
+    paths.last();
+    Checks.contains("later", "\"problem\":null,", Checks.text(folder.resolve(NAME)));
   }
 
   private static void leftovers(Path folder) throws Exception {
