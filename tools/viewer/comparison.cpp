@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 
+#include "allocationSites.h"
 #include "contentionSites.h"
 #include "sites.h"
 #include "tableParts.h"
@@ -192,6 +193,85 @@ std::vector<std::string> contentionNotes(const profile& before, const profile& a
   return notes;
 }
 
+sums aliveByClass(const profile& all) {
+  sums result;
+  for (const allocationSession& session : all.allocations) {
+    for (const grownClass& one : grownClassesOf(session)) {
+      if (one.sum.alive.bytes > 0) {
+        result[one.className] = plus(result[one.className], one.sum.alive.bytes);
+      }
+    }
+  }
+  return result;
+}
+
+// Line numbers differ from version to version.
+sums aliveBySite(const profile& all) {
+  sums result;
+  for (const allocationSession& session : all.allocations) {
+    for (const grownSite& one : grownSitesOf(session)) {
+      if (one.sum.alive.bytes > 0) {
+        const std::string method = one.site ? methodOf(*one.site) : "(stack not known)";
+        result[method] = plus(result[method], one.sum.alive.bytes);
+      }
+    }
+  }
+  return result;
+}
+
+sums growthByClass(const profile& all) {
+  sums result;
+  for (const allocationSession& session : all.allocations) {
+    for (const grownClass& one : grownClassesOf(session)) {
+      if (one.sum.growsBy.value_or(0) > 0) {
+        result[one.className] = plus(result[one.className], *one.sum.growsBy);
+      }
+    }
+  }
+  return result;
+}
+
+std::size_t allocationSessions(const profile& all) {
+  return static_cast<std::size_t>(
+      std::count_if(all.allocations.begin(), all.allocations.end(),
+                    [](const allocationSession& one) { return one.samples.has_value(); }));
+}
+
+std::size_t growthSessions(const profile& all) {
+  return static_cast<std::size_t>(std::count_if(
+      all.allocations.begin(), all.allocations.end(), [](const allocationSession& one) {
+        return (one.samples && one.samples->collections > 0) || hasHistograms(one);
+      }));
+}
+
+void addAllocationNotes(const profile& side, const char* name, std::vector<std::string>& notes) {
+  for (const allocationSession& session : side.allocations) {
+    if (!session.samples) {
+      notes.push_back(fmt::format("{} has no allocation samples, but only histograms.", name));
+      continue;
+    }
+    const allocationReport& report = *session.samples;
+    notes.push_back(fmt::format(
+        "{}: {}, a sample for every {}, estimates. A difference of few samples may be chance.",
+        name, durationText(lengthOf(report)), sizeText(report.intervalBytes)));
+    if (report.collections == 0) {
+      notes.push_back(fmt::format("In {} no collection ran: nothing is known to be alive.", name));
+    } else if (!report.isAfterCollection) {
+      notes.push_back(
+          fmt::format("In {} no collection was made before the report: garbage may be "
+                      "among what counts as alive.",
+                      name));
+    }
+  }
+}
+
+std::vector<std::string> allocationNotes(const profile& before, const profile& after) {
+  std::vector<std::string> notes;
+  addAllocationNotes(before, "BEFORE", notes);
+  addAllocationNotes(after, "AFTER", notes);
+  return notes;
+}
+
 }  // namespace
 
 comparison compare(profile before, profile after, threshold limit) {
@@ -229,6 +309,10 @@ comparison compare(profile before, profile after, threshold limit) {
       areCounted ? thrownByOrigin : recordsByOrigin,
       [](const profile& all) -> std::size_t { return all.exceptions ? 1 : 0; },
       exceptionNotes(result.before, result.after));
+  const std::vector<std::string> estimates = allocationNotes(result.before, result.after);
+  add("growth", "bytes a minute", growthByClass, growthSessions, estimates);
+  add("allocations", "bytes alive", aliveByClass, allocationSessions, estimates);
+  add("allocation sites", "bytes alive", aliveBySite, allocationSessions, estimates);
   add("classes", "surviving bytes", bytesByClass,
       [](const profile& all) { return all.memoryReports.size(); });
   return result;

@@ -1,7 +1,6 @@
 // What grows by allocation samples: over time, by the place that allocated it, by class, and who
 // holds it.
 
-const kStackUnknown = '(stack not known)';
 const kFewSamples = 20;
 
 // Puts frames, which a report for the page has once each, in place of their numbers.
@@ -14,7 +13,6 @@ function unfoldStacks(session) {
 const growthText = ({growsBy}) => (growsBy === null ? 'not known'
   : growsBy === 0 ? '0' : `${formatBytes(growsBy)}/min`);
 const sampleText = (count) => plural(count, 'sample', 'samples');
-const siteName = (site) => site ?? kStackUnknown;
 
 // "1.5 MiB alive (3 samples: an estimate, between about 0.4 MiB and 4.2 MiB)".
 function aliveText({samples, bytes, low, high}) {
@@ -51,7 +49,7 @@ function allocationSummary(session) {
       ['Allocated', `≈ ${formatBytes(session.allocated.bytes)}`,
         sampleText(session.allocated.samples)],
       ['Grows most', most ? growthText(most) : session.collections === 0 ? 'not known' : 'nothing',
-        most ? shortMethod(siteName(most.site)) : ''],
+        most ? shortMethod(siteText(most.site)) : ''],
       ['Collections', formatNumber(session.collections), session.afterCollection
         ? 'the last one just before this was written' : 'rounds'],
     ].map(([name, value, note]) => el('div', null, el('dt', null, name),
@@ -71,7 +69,7 @@ const shortOf = (name) => (name.endsWith(')') && !name.startsWith('(') ? shortMe
 function growthCharts(session, momentOf) {
   const times = session.points.map((point) => point.at);
   const places = session.growing.slice(0, kLines).filter((one) => one.course.length > 1)
-    .map((one) => ({name: siteName(one.site), values: one.course}));
+    .map((one) => ({name: siteText(one.site), values: one.course}));
   const histogramTimes = session.histograms?.points.map((point) => point.at) ?? [];
   const grown = new Map(session.growth.map((one) => [one.class, one]));
   const classes = session.classes.filter((one) => grown.has(one.class)).slice(0, kLines)
@@ -113,11 +111,11 @@ function placePanel(session) {
     caption: 'Places that allocated what is alive', rows: session.growing,
     onSelect: (row) => {
       detail.replaceChildren(placeDetail(session, row));
-      announce(`What ${siteName(row.site)} allocated, below`);
+      announce(`What ${siteText(row.site)} allocated, below`);
     },
     columns: [
-      {title: 'Allocated in', wide: true, value: (row) => siteName(row.site),
-        show: (row) => javaName(siteName(row.site))},
+      {title: 'Allocated in', wide: true, value: (row) => siteText(row.site),
+        show: (row) => javaName(siteText(row.site))},
       {title: 'Classes', wide: true,
         value: (row) => row.classes.map((one) => shortName(one.class)).join(', ')},
       growthColumn(highest), aliveColumn, sampleColumn,
@@ -125,7 +123,7 @@ function placePanel(session) {
         show: (row) => formatBytes(row.allocated.bytes)},
       {title: 'Over time', picture: true, value: (row) => row.course.at(-1) ?? 0,
         show: (row) => sparkline(row.course, maximum(row.course))},
-    ]}, (row) => [siteName(row.site), ...row.classes.map((one) => one.class)].join('\n'));
+    ]}, (row) => [siteText(row.site), ...row.classes.map((one) => one.class)].join('\n'));
   const first = session.growing[0];
   detail.append(placeDetail(session, first));
   return panel('What grows, by the place that allocated it',
@@ -139,13 +137,13 @@ function placePanel(session) {
 function placeDetail(session, place) {
   const sites = session.sites.filter((one) => one.site === place.site);
   const threads = new Set(sites.flatMap((one) => one.threads.map((thread) => thread.name)));
-  return el('div', null, el('h4', null, `${siteName(place.site)}: grows by ${growthText(place)}`),
+  return el('div', null, el('h4', null, `${siteText(place.site)}: grows by ${growthText(place)}`),
     place.classes.slice(0, kShownClasses).map((one) => el('div', null,
       el('p', null, code(one.class), `: ${aliveText(one.alive)}, grows by ${growthText(one)}`),
       heldBy(session, one.paths))),
     moreText(place.classes.length - kShownClasses, 'more class', 'more classes'),
     threads.size > 0 && el('p', {class: 'note'}, `Allocated by ${someOf(threads, named)}`),
-    stackDetails(sites));
+    siteStacks(sites));
 }
 
 const kShownClasses = 8;
@@ -164,7 +162,7 @@ function heldBy(session, numbers) {
   moreText(paths.length - kShownPaths, 'more path', 'more paths')];
 }
 
-function stackDetails(sites) {
+function siteStacks(sites) {
   const kShownStacks = 5;
   return [sites.slice(0, kShownStacks).map((one) => el('details', null,
     el('summary', null, `${shortName(one.class)}: ${aliveText(one.alive)}, of ≈ ${
@@ -202,6 +200,6 @@ const classDetail = (session, row) => el('div', null,
   el('h4', null, `${row.class}: grows by ${growthText(row)}`),
   el('p', null, aliveText(row.alive)), heldBy(session, row.paths),
   el('ol', {class: 'ranking'}, row.sites.slice(0, kShownClasses).map((one) => el('li', null,
-    code(siteName(one.site)), el('span', {class: 'amount'},
+    code(siteText(one.site)), el('span', {class: 'amount'},
       `grows by ${growthText(one)}, ${aliveText(one.alive)}`)))),
   moreText(row.sites.length - kShownClasses, 'more place', 'more places'));

@@ -194,7 +194,7 @@ const mostExceptions = (exceptions) => ranking('Exceptions',
 
 const mostGrowing = (session) => ranking('What grows, by the place that allocated it',
   session.growing.filter((one) => one.growsBy > 0).slice(0, kRanked).map((one) => ({
-    name: one.site === null ? kStackUnknown : shortMethod(one.site), title: one.site ?? kStackUnknown,
+    name: one.site === null ? kStackNotKnown : shortMethod(one.site), title: one.site ?? kStackNotKnown,
     amount: one.growsBy, text: `${growthText(one)}, ${plural(one.alive.samples, 'sample', 'samples')}`,
     href: '#memory',
   })), {href: '#memory', text: 'All places and classes'});
