@@ -35,6 +35,14 @@ def hostile_folder(folder, names, top_frame=None):
                        message=name, thread=name, time=name, ambiguous=[name])
         for name in names])
     reports.write_memory(folder, {name: {1: (1, 16)} for name in names})
+    allocations = reports.AllocationSession()
+    for name in names:
+        allocations.site(name, [name, "a.B.c(B.java:1)"], 8,
+                         threads=[{"name": name, "samples": 8}])
+        allocations.path(name, [(name, name), (name, 3)], (name, name), [name])
+    allocations.histograms({name: [1, 2, 3] for name in names}, points=3, problem=names[0])
+    allocations.paths["problem"] = names[1]
+    allocations.write(folder)
     reports.write_run(folder, command=names[1], java=names[0], vm=names[3], started=names[4],
                       options={names[0]: names[3]})
     return folder

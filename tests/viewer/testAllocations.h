@@ -17,7 +17,7 @@ inline nlohmann::json amountOf(std::uint64_t samples) {
 
 // A site with so many samples alive from each eighth.
 inline nlohmann::json recordedSite(int id, const std::string& className,
-                             const std::vector<std::uint64_t>& born, nlohmann::json stack) {
+                                   const std::vector<std::uint64_t>& born, nlohmann::json stack) {
   std::uint64_t samples = 0;
   nlohmann::json bytes = nlohmann::json::array();
   nlohmann::json course = nlohmann::json::array();
@@ -131,35 +131,34 @@ inline nlohmann::json recordedGrowth(const std::string& className,
 }
 
 inline nlohmann::json recordedPaths() {
-  return {{"report", "paths"},
-          {"version", 1},
-          {"writtenAt", 1'795'349'280'000},
-          {"source", "jdk.OldObjectSample"},
-          {"problem", nullptr},
-          {"tookMillis", 40},
-          {"samples", 250},
-          {"withRoot", 200},
-          {"own", 0},
-          {"paths",
-           {{{"class", "com.example.Session"},
-             {"samples", 3},
-             {"bytes", 4096},
-             {"chain",
-              {{{"class", "java.util.HashMap$Node"},
-                {"field", "value"},
-                {"index", nullptr},
-                {"skipped", 0}},
-               {{"class", "java.util.HashMap$Node[]"},
-                {"field", nullptr},
-                {"index", 12},
-                {"skipped", 2}}}},
-             {"root",
-              {{"kind", "static field"},
-               {"text", "com.example.Shop.sessions"},
-               {"thread", "alice-7"}}},
-             {"stack", {"com.example.Shop.login(Shop.java:40)"}},
-             {"allocatedAt", 1'795'348'800'000}}}},
-          {"otherPaths", 0}};
+  return {
+      {"report", "paths"},
+      {"version", 1},
+      {"writtenAt", 1'795'349'280'000},
+      {"source", "jdk.OldObjectSample"},
+      {"problem", nullptr},
+      {"tookMillis", 40},
+      {"samples", 250},
+      {"withRoot", 200},
+      {"own", 0},
+      {"paths",
+       {{{"class", "com.example.Session"},
+         {"samples", 3},
+         {"bytes", 4096},
+         {"chain",
+          {{{"class", "java.util.HashMap$Node"},
+            {"field", "value"},
+            {"index", nullptr},
+            {"skipped", 0}},
+           {{"class", "java.util.HashMap$Node[]"},
+            {"field", nullptr},
+            {"index", 12},
+            {"skipped", 2}}}},
+         {"root",
+          {{"kind", "static field"}, {"text", "com.example.Shop.sessions"}, {"thread", "alice-7"}}},
+         {"stack", {"com.example.Shop.login(Shop.java:40)"}},
+         {"allocatedAt", 1'795'348'800'000}}}},
+      {"otherPaths", 0}};
 }
 
 inline allocationReport parsedAllocations(const nlohmann::json& document = recordedAllocations()) {

@@ -75,10 +75,11 @@ const shape& afterHooksShape() {
 // A name, or null, which leaves what stands for it.
 template <auto member>
 place name(void* owner) {
-  static const shape result = {
-      .expected = "a string or null", .nullable = true, .text = [](void* target, std::string& value) {
-        *static_cast<std::string*>(target) = std::move(value);
-      }};
+  static const shape result = {.expected = "a string or null",
+                               .nullable = true,
+                               .text = [](void* target, std::string& value) {
+                                 *static_cast<std::string*>(target) = std::move(value);
+                               }};
   using info = memberType<decltype(member)>;
   return {&result, &(static_cast<typename info::ownerOf*>(owner)->*member)};
 }

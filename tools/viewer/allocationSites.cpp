@@ -59,17 +59,25 @@ void sortByGrowth(std::vector<element>& all) {
   });
 }
 
-// By no more than all of its classes together, where all of them are known.
-std::optional<double> mostOf(const grownSite& group, const growthByClass& growths) {
-  double most = 0;
+// By no more than its classes together: those that histograms have by what they show, the others by
+// their samples. None where histograms have none of them.
+std::optional<double> mostOf(const allocationReport& report, const grownSite& group,
+                             const growthByClass& growths) {
+  double known = 0;
+  bool isAnyKnown = false;
+  allocationSum others;
   for (const classAtSite& one : group.classes) {
-    const std::optional<double> growth = growthOf(growths, one.className);
-    if (!growth) {
-      return {};
+    if (const std::optional<double> growth = growthOf(growths, one.className)) {
+      known += std::max(*growth, 0.0);
+      isAnyKnown = true;
+    } else {
+      for (const allocationSite* site : one.sum.sites) {
+        others.add(report, *site);
+      }
     }
-    most += std::max(*growth, 0.0);
   }
-  return most;
+  const std::uint64_t ofOthers = growsBy(evidenceOf(report, others, {})).value_or(0);
+  return isAnyKnown ? std::optional(known + static_cast<double>(ofOthers)) : std::nullopt;
 }
 
 void finish(const allocationReport& report, grownSite& group, const growthByClass& growths) {
@@ -78,7 +86,7 @@ void finish(const allocationReport& report, grownSite& group, const growthByClas
     sortSites(one.sum);
   }
   sortByGrowth(group.classes);
-  group.most = mostOf(group, growths);
+  group.most = mostOf(report, group, growths);
   group.sum.growsBy = growsBy(evidenceOf(report, group.sum, group.most));
   sortSites(group.sum);
 }

@@ -35,7 +35,7 @@ struct grownSite {
   std::optional<std::string> site;  // none for stacks that are not known
   allocationSum sum;
   std::vector<classAtSite> classes;  // what grows most first
-  std::optional<double> most;        // bytes per minute of all its classes; none when not known
+  std::optional<double> most;        // bytes per minute; none when histograms have no class of it
 };
 
 struct siteOfClass {

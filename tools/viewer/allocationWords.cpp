@@ -125,13 +125,12 @@ std::vector<std::string> allocationOmissions(const allocationSession& session) {
       fmt::format("{} could not be kept: no memory, or the VM refused.",
                   samplesText(omitted.failed)));
   add(result, report.others.sites > 0,
-      fmt::format("{} not listed: {} alive in {}, {} allocated.",
-                  counted(report.others.sites, "more site is", "more sites are"),
+      fmt::format("Not listed: {}, with {} alive in {} and {} allocated.",
+                  counted(report.others.sites, "more site", "more sites"),
                   sizeText(report.others.alive.bytes), samplesText(report.others.alive.samples),
                   sizeText(report.others.allocated.bytes)));
   add(result, omitted.sites > 0,
-      fmt::format("{} had no room for their site: they are in the sums only.",
-                  samplesText(omitted.sites)));
+      fmt::format("Of these, {} had no room for a site of their own.", samplesText(omitted.sites)));
   add(result, omitted.stacks > 0,
       fmt::format("{} no room: \"(stack not known)\".",
                   counted(omitted.stacks, "stack had", "stacks had")));
