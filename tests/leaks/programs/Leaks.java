@@ -39,8 +39,8 @@ public final class Leaks {
     programs.put("lambdas", new Lambdas());
     programs.put("executor-tasks", new Reminders());
     programs.put("hook-clears", new ClearedByHook());
-    programs.put("database", new AuditTable());
     programs.put("slow", new Slow());
+    programs.put("database", new AuditTable());
     programs.put("linked-list", new History());
     programs.put("weak-map", new WeakMap());
     programs.put("string-builder", new Protocol());
@@ -77,7 +77,7 @@ public final class Leaks {
     private static final Prices PRICES = new Prices();
 
     static final class Quote {
-      final double[] levels = new double[40];
+      final double[] levels = new double[80];
     }
 
     static final class Prices {
@@ -349,7 +349,7 @@ public final class Leaks {
 
     static final class Version {
       final Version before;
-      final byte[] text = new byte[300];
+      final byte[] text = new byte[600];
 
       Version(Version before) {
         this.before = before;
@@ -374,7 +374,7 @@ public final class Leaks {
         Collections.synchronizedMap(new WeakHashMap<>());
 
     static final class Document {
-      final byte[] text = new byte[400];
+      final byte[] text = new byte[600];
     }
 
     static final class Index {

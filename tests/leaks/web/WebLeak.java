@@ -22,7 +22,7 @@ public final class WebLeak implements Program {
   private URL url;
 
   static final class Basket {
-    final byte[] lines = new byte[2000];
+    final byte[] lines = new byte[4000];
   }
 
   private static final class Shop extends HttpServlet {
