@@ -387,7 +387,7 @@ def test_report_shows_the_newest_run(launcher, folder):
         def state():
             return done(launcher, "status", process.pid, folder=folder)
 
-        wait_for(lambda: "locks       detail" in state(), "detail phase")
+        wait_for(lambda: "locks        detail" in state(), "detail phase")
         process.terminate()
         process.wait(60)
     for words in ((), (OUTPUT,), (OUTPUT, "--top", "3")):
