@@ -69,7 +69,8 @@ public final class RootPathTest {
 
   private static String step(String className, String field, Object index, int skipped) {
     String quoted = field == null ? null : '"' + field + '"';
-    return "{\"class\":\"" + className + "\",\"field\":" + quoted + ",\"index\":" + index + ",\"skipped\":" + skipped + "}";
+    return "{\"class\":\"" + className + "\",\"field\":" + quoted
+        + ",\"index\":" + index + ",\"skipped\":" + skipped + "}";
   }
 
   private static String rootJson(String kind, String text, String thread) {
@@ -84,7 +85,9 @@ public final class RootPathTest {
     element(path, 3); // whatever holds the class
     String text = json(root(path));
     Checks.contains("path",
-        "{\"samples\":1,\"withRoot\":1,\"own\":0,\"paths\":[{\"class\":\"byte[]\",\"samples\":1,\"bytes\":100,\"chain\":[" + step("java.lang.Object[]", null, 7, 0) + ','
+        "{\"samples\":1,\"withRoot\":1,\"own\":0,\"paths\":[{\"class\":\"byte[]\","
+            + "\"samples\":1,\"bytes\":100,\"chain\":["
+            + step("java.lang.Object[]", null, 7, 0) + ','
         + step("java.util.ArrayList", "elementData", null, 0) + ','
         + step("a.Shop", "ITEMS", null, 0) + "],", text);
     Checks.contains("root", rootJson("static field", "a.Shop.ITEMS", null)
