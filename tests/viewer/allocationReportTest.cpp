@@ -153,9 +153,29 @@ TEST(allocationPaths, areThoseOfTheMethodThatAllocated) {
             1);
   EXPECT_TRUE(pathsOf(session, "byte[]", {}).empty());
   EXPECT_EQ(
-      pathText(session.paths->paths[0]),
+      pathText(session.paths->paths[0], "com.example.Session"),
       "java.util.HashMap$Node.value <- java.util.HashMap$Node[12] <- (2 more) <- static field "
       "com.example.Shop.sessions (thread alice-7)");
+}
+
+TEST(allocationPaths, leadThroughHoldersAsWell) {
+  allocationSession session = sessionOf();
+  addPaths(session);
+  const auto through = pathsOf(session, "java.util.HashMap$Node", {});
+  ASSERT_EQ(through.size(), 1);
+  EXPECT_EQ(pathText(*through[0], "java.util.HashMap$Node"),
+            "java.util.HashMap$Node[12] <- (2 more) <- static field com.example.Shop.sessions "
+            "(thread alice-7)");
+}
+
+TEST(allocationPaths, nameAStaticFieldOnce) {
+  json document = recordedPaths();
+  document["paths"][0]["chain"].push_back(
+      {{"class", "com.example.Shop"}, {"field", "sessions"}, {"index", nullptr}, {"skipped", 0}});
+  allocationSession session = sessionOf();
+  addPaths(session, document);
+  EXPECT_THAT(pathText(session.paths->paths[0], "com.example.Session"),
+              HasSubstr("[12] <- (2 more) <- static field com.example.Shop.sessions"));
 }
 
 TEST(allocationFilter, keepsSitesClassesAndPathsWithTheText) {

@@ -104,9 +104,13 @@ class allocationCheck {
         isGrowth ? growthRangeOf(evidence, sum.alive.bytes, sum.alive.objects,
                                  session_.samples->intervalBytes)
                  : rangeOf(sum.alive.bytes, sum.alive.samples, sum.alive.objects);
-    const std::string estimate = fmt::format(
-        "{} {} ({}, between about {} and {})", isGrowth ? "grows by" : "alive:", sizeOf(bytes),
-        counted(sum.alive.samples, "sample", "samples"), sizeOf(range.low), sizeOf(range.high));
+    const std::string between =
+        range.low < range.high
+            ? fmt::format(", between about {} and {}", sizeOf(range.low), sizeOf(range.high))
+            : "";
+    const std::string estimate =
+        fmt::format("{} {} ({}{})", isGrowth ? "grows by" : "alive:", sizeOf(bytes),
+                    counted(sum.alive.samples, "sample", "samples"), between);
     if (exceeds(bytes)) {
       breakBy(fmt::format("{}: {}", name, estimate));
     } else if (mustShow && exceeds(range.high)) {

@@ -285,7 +285,9 @@ class allocationWriter {
     json_.key("root").beginObject().member("kind", path.root.kind).member("text", path.root.text);
     json_.member("thread", path.root.thread).endObject();
     writeFrames(path.stack);
-    json_.member("allocated", path.allocatedAt).member("text", pathText(path)).endObject();
+    json_.member("allocated", path.allocatedAt)
+        .member("text", pathText(path, path.className))
+        .endObject();
   }
 
   void writePaths() {

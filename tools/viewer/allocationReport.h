@@ -34,7 +34,8 @@ struct allocationStack {
   bool isCut = false;
 };
 
-// What stands for a name that the report does not have: of a class that was unloaded or had no room.
+// What stands for a name that the report does not have: of a class that was unloaded or had no
+// room.
 inline constexpr const char* kUnknownClass = "(class not known)";
 inline constexpr const char* kUnknownThread = "(thread not known)";
 

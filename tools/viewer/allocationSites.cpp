@@ -130,6 +130,14 @@ std::string linkText(const pathLink& link) {
   return text + (link.skipped > 0 ? fmt::format(" <- ({} more)", link.skipped) : "");
 }
 
+// The first link of the chain that is of the class; the chain's size when there is none.
+std::size_t linkOf(const rootPath& path, const std::string& className) {
+  return static_cast<std::size_t>(
+      std::find_if(path.chain.begin(), path.chain.end(),
+                   [&](const pathLink& one) { return one.className == className; }) -
+      path.chain.begin());
+}
+
 bool isAllocatedAt(const rootPath& path, const std::string& site) {
   const auto found = std::find_if(path.stack.begin(), path.stack.end(),
                                   [](const std::string& frame) { return !isOfJdk(frame); });
@@ -230,8 +238,9 @@ bool hasHistograms(const allocationSession& session) {
 
 std::vector<const rootPath*> pathsOf(const allocationSession& session, const std::string& className,
                                      const std::optional<std::string>& site) {
-  std::vector<const rootPath*> ofClass;
   std::vector<const rootPath*> ofSite;
+  std::vector<const rootPath*> ofClass;
+  std::vector<const rootPath*> through;
   if (session.paths) {
     for (const rootPath& path : session.paths->paths) {
       if (path.className == className) {
@@ -239,16 +248,23 @@ std::vector<const rootPath*> pathsOf(const allocationSession& session, const std
         if (site && isAllocatedAt(path, *site)) {
           ofSite.push_back(&path);
         }
+      } else if (linkOf(path, className) < path.chain.size()) {
+        through.push_back(&path);
       }
     }
   }
-  return ofSite.empty() ? ofClass : ofSite;
+  return !ofSite.empty() ? ofSite : !ofClass.empty() ? ofClass : through;
 }
 
-std::string pathText(const rootPath& path) {
+std::string pathText(const rootPath& path, const std::string& className) {
   std::string text;
-  for (const pathLink& link : path.chain) {
-    text += linkText(link) + " <- ";
+  const std::size_t from = path.className == className ? 0 : linkOf(path, className) + 1;
+  for (std::size_t i = from; i < path.chain.size(); i++) {
+    const std::string link = linkText(path.chain[i]);
+    // The holder of a static field is named by the root as well.
+    if (i + 1 < path.chain.size() || link != path.root.text) {
+      text += link + " <- ";
+    }
   }
   text += path.root.kind + ' ' + path.root.text;
   return path.root.thread ? text + fmt::format(" (thread {})", *path.root.thread) : text;

@@ -63,11 +63,13 @@ std::vector<grownClass> grownClassesOf(const allocationSession& session);
 // Whether there are enough histograms to know what classes grow by.
 bool hasHistograms(const allocationSession& session);
 
-// Paths of objects of this class; where some of them were allocated at the site, only those.
+// Paths of objects of this class; where some of them were allocated at the site, only those; where
+// there are none, the paths of others that lead through one.
 std::vector<const rootPath*> pathsOf(const allocationSession& session, const std::string& className,
                                      const std::optional<std::string>& site);
 
+// Who holds the object of this class at the beginning of the path, or on it:
 // "java.util.HashMap$Node.value <- java.util.HashMap$Node[12] <- static field a.B.c".
-std::string pathText(const rootPath& path);
+std::string pathText(const rootPath& path, const std::string& className);
 
 }  // namespace viewer

@@ -80,7 +80,7 @@ std::string pathLines(const allocationSession& session, const std::string& class
   std::string result;
   const std::vector<const rootPath*> paths = pathsOf(session, className, site);
   for (const rootPath* path : first(paths, kPathsOfASite)) {
-    result += sentenceLines({fmt::format("held by {}", pathText(*path))}, terminal, 6);
+    result += sentenceLines({fmt::format("held by {}", pathText(*path, className))}, terminal, 6);
   }
   return result + moreLine(paths.size(), kPathsOfASite, 6);
 }

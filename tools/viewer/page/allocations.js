@@ -140,7 +140,7 @@ function placeDetail(session, place) {
   return el('div', null, el('h4', null, `${siteText(place.site)}: grows by ${growthText(place)}`),
     place.classes.slice(0, kShownClasses).map((one) => el('div', null,
       el('p', null, code(one.class), `: ${aliveText(one.alive)}, grows by ${growthText(one)}`),
-      heldBy(session, one.paths))),
+      heldBy(session, one))),
     moreText(place.classes.length - kShownClasses, 'more class', 'more classes'),
     threads.size > 0 && el('p', {class: 'note'}, `Allocated by ${someOf(threads, named)}`),
     siteStacks(sites));
@@ -152,13 +152,21 @@ const kShownPaths = 4;
 const moreText = (count, one, many) => count > 0 &&
   el('p', {class: 'note'}, `${plural(count, one, many)}.`);
 
-function heldBy(session, numbers) {
+// The part of a path from an object of the class on, which may be a holder on it.
+function heldText(path, name) {
+  const links = path.text.split(' <- ');
+  const at = path.class === name ? -1 : links.findIndex((link) => link.startsWith(`${name}.`) ||
+    link.startsWith(name.replace(/\[\]$/, '[')));
+  return links.slice(at + 1).join(' <- ');
+}
+
+function heldBy(session, {class: name, paths: numbers}) {
   if (numbers.length === 0) {
     return el('p', {class: 'note'}, 'Who holds these objects is not known: no path to a root.');
   }
   const paths = numbers.map((number) => session.paths[number]);
   return [el('ul', {class: 'chain held'}, paths.slice(0, kShownPaths).map((path) => el('li', null,
-    `held by ${path.text} (${plural(path.samples, 'object', 'objects')} seen)`))),
+    `held by ${heldText(path, name)} (${plural(path.samples, 'object', 'objects')} seen)`))),
   moreText(paths.length - kShownPaths, 'more path', 'more paths')];
 }
 
@@ -198,7 +206,7 @@ function classPanel(session) {
 
 const classDetail = (session, row) => el('div', null,
   el('h4', null, `${row.class}: grows by ${growthText(row)}`),
-  el('p', null, aliveText(row.alive)), heldBy(session, row.paths),
+  el('p', null, aliveText(row.alive)), heldBy(session, row),
   el('ol', {class: 'ranking'}, row.sites.slice(0, kShownClasses).map((one) => el('li', null,
     code(siteText(one.site)), el('span', {class: 'amount'},
       `grows by ${growthText(one)}, ${aliveText(one.alive)}`)))),
