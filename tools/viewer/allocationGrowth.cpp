@@ -26,14 +26,14 @@ double sumOf(std::span<const std::uint64_t> parts) {
   return sum;
 }
 
-// Of each half of the session the parts at its ends are left out, unless there are few samples.
-std::size_t partsLeftOut(const aliveEvidence& alive) {
+// Of each half of the session the part at its end does not count, unless there are few samples.
+std::size_t partsNotCounted(const aliveEvidence& alive) {
   return alive.samples < kFewSamples ? 0 : 1;
 }
 
 // The bytes that were allocated in that half of which fewer are alive.
 double fewerBytes(const aliveEvidence& alive) {
-  const std::size_t ends = partsLeftOut(alive);
+  const std::size_t ends = partsNotCounted(alive);
   const std::span<const std::uint64_t> born(alive.born);
   const std::size_t parts = kParts / 2 - ends;
   return std::min(sumOf(born.subspan(ends, parts)), sumOf(born.subspan(kParts / 2, parts)));
@@ -42,7 +42,7 @@ double fewerBytes(const aliveEvidence& alive) {
 // The length of what counts of a half.
 double minutesOf(const aliveEvidence& alive) {
   return static_cast<double>(alive.millis) / kMillisOfAMinute *
-         static_cast<double>(kParts / 2 - partsLeftOut(alive)) / static_cast<double>(kParts);
+         static_cast<double>(kParts / 2 - partsNotCounted(alive)) / static_cast<double>(kParts);
 }
 
 // The limits of the mean of a Poisson distribution that gave `count` (Byar's approximation).

@@ -5,7 +5,7 @@
 // fifth to seventh eighth of the session, whichever are fewer, by minute. A leak has as much from
 // both; what was made at the start has nothing from the latter, and a cache that replaces its
 // oldest entries nothing from the former. Of fewer than kFewSamples the first and the last eighth
-// count as well, for there is too little to do without them. Where histograms have the class, a
+// count as well, as all samples are needed. Where histograms have the class, a
 // site grows by no more than the class.
 #pragma once
 

@@ -60,7 +60,7 @@ void addCollections(const allocationReport& report, std::vector<std::string>& to
       "collections of the old generation: what is garbage there since the last of them counts as "
       "alive.");
   add(to, report.young.samples > 0,
-      fmt::format("{} in {} is left out: allocated since the last collection, so that none has "
+      fmt::format("{} in {} is not counted: allocated since the last collection, so that none has "
                   "looked at it.",
                   sizeText(report.young.bytes), samplesText(report.young.samples)));
 }
@@ -114,7 +114,7 @@ std::vector<std::string> allocationOmissions(const allocationSession& session) {
                   durationText(lengthOf(report))));
   add(result, omitted.thinned > 0,
       fmt::format("There were more than {} live samples, so that the interval was made rarer ({}): "
-                  "{} at first, {} at last. Fewer samples stand behind each figure.",
+                  "{} before, {} in the end. Fewer samples stand behind each figure.",
                   grouped(report.settings.liveSamples), counted(omitted.thinned, "time", "times"),
                   sizeText(report.settings.intervalBytes), sizeText(report.intervalBytes)));
   add(result, omitted.lost > 0,
