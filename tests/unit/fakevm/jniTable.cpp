@@ -737,6 +737,16 @@ void JNICALL setObjectArrayElement(JNIEnv* jni, jobjectArray reference, jsize in
   });
 }
 
+// Its elements are not modelled. Nothing but references leads to it.
+jbyteArray JNICALL newByteArray(JNIEnv* jni, jsize length) {
+  constexpr functionId id = FAKE_JNI(NewByteArray);
+  return perform(jni, id, {.number = length}, jbyteArray{}, [&](machine& vm, threadEnv& env) {
+    object* const made = vm.makeObject(vm.knownClass("[B"));
+    made->reachable = false;
+    return static_cast<jbyteArray>(machine::local(env, made, id));
+  });
+}
+
 jintArray JNICALL newIntArray(JNIEnv* jni, jsize length) {
   constexpr functionId id = FAKE_JNI(NewIntArray);
   return perform(jni, id, {.number = length}, jintArray{}, [&](machine& vm, threadEnv& env) {
@@ -862,6 +872,7 @@ JNINativeInterface_ makeTable() {
   table.GetArrayLength = getArrayLength;
   table.GetObjectArrayElement = getObjectArrayElement;
   table.SetObjectArrayElement = setObjectArrayElement;
+  table.NewByteArray = newByteArray;
   table.NewIntArray = newIntArray;
   table.GetIntArrayRegion = getIntArrayRegion;
   table.SetIntArrayRegion = setIntArrayRegion;

@@ -1137,10 +1137,24 @@ jvmtiError JNICALL followReferences(jvmtiEnv* jvmti, jint filter, jclass type, j
 
 jvmtiError JNICALL forceGarbageCollection(jvmtiEnv* jvmti) {
   return perform(jvmti, FAKE_JVMTI(ForceGarbageCollection), {}, [](machine& vm, threadEnv*) {
-    for (unsigned number = 0; number < vm.eventsPerCollection; ++number) {
-      vm.face.garbageCollectionStart();
-      vm.face.garbageCollectionFinish();
+    vm.collectGarbage();
+    return JVMTI_ERROR_NONE;
+  });
+}
+
+jvmtiError JNICALL setHeapSamplingInterval(jvmtiEnv* jvmti, jint interval) {
+  constexpr functionId id = FAKE_JVMTI(SetHeapSamplingInterval);
+  return perform(jvmti, id, {.number = interval}, [&](machine& vm, threadEnv*) {
+    {
+      std::lock_guard hold(vm.modelMutex);
+      if (machine::environmentOf(jvmti).added.can_generate_sampled_object_alloc_events == 0) {
+        return JVMTI_ERROR_MUST_POSSESS_CAPABILITY;
+      }
     }
+    if (interval < 0) {
+      return JVMTI_ERROR_ILLEGAL_ARGUMENT;
+    }
+    vm.samplingInterval = interval;
     return JVMTI_ERROR_NONE;
   });
 }
@@ -1202,6 +1216,7 @@ jvmtiInterface_1 makeTable() {
   table.IterateThroughHeap = iterateThroughHeap;
   table.FollowReferences = followReferences;
   table.ForceGarbageCollection = forceGarbageCollection;
+  table.SetHeapSamplingInterval = setHeapSamplingInterval;
   return table;
 }
 

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 #include <stdexcept>
 
 namespace fake {
@@ -628,6 +629,34 @@ void machine::collect(object* unreachable) {
       slot.target = nullptr;
     }
   });
+}
+
+void machine::collectGarbage() {
+  std::set<const object*> held;
+  const auto hold = [&](const auto& slot) { held.insert(slot.target.load()); };
+  for (const threadEnv* env : allEnvs()) {
+    env->locals.table().forEachLive(hold);
+  }
+  std::set<const object*> gone;
+  {
+    std::scoped_lock both(modelMutex, sharedMutex);
+    globals.forEachLive(hold);
+    for (const auto& one : heap) {
+      if (!one->reachable && !one->collected && !held.contains(one.get())) {
+        one->collected = true;
+        gone.insert(one.get());
+      }
+    }
+    weaks.forEachLive([&](auto& slot) {
+      if (gone.contains(slot.target.load())) {
+        slot.target = nullptr;
+      }
+    });
+  }
+  for (unsigned number = 0; number < eventsPerCollection; ++number) {
+    face.garbageCollectionStart();
+    face.garbageCollectionFinish();
+  }
 }
 
 void machine::unload(javaClass* unreachable) {

@@ -206,6 +206,7 @@ class machine {
   field* findField(javaClass* type, std::string_view name, std::string_view signature,
                    bool isStatic);
   void collect(object* unreachable);
+  void collectGarbage();
   void unload(javaClass* unreachable);
   static bool isInstance(const object& what, const javaClass& type);
   std::size_t globalsTo(const object* target) const;
@@ -287,6 +288,7 @@ class machine {
   std::atomic<jlong> now{1'000'000'000};
   std::atomic<jlong> timeStep{0};
   std::atomic<unsigned> eventsPerCollection{1};
+  std::atomic<jint> samplingInterval{512 * 1024};
   std::atomic<jint> featureVersion{26};
 
   // Frees VM memory of that thread; reports under `id` what is none.

@@ -153,6 +153,9 @@ void virtualMachine::setNotifyWaiters(object* monitor, std::vector<javaThread*> 
 void virtualMachine::collect(object* unreachable) {
   machine_->collect(unreachable);
 }
+void virtualMachine::collectGarbage() {
+  machine_->collectGarbage();
+}
 void virtualMachine::unload(javaClass* unreachable) {
   machine_->unload(unreachable);
 }
@@ -222,6 +225,10 @@ void virtualMachine::setFeatureVersion(jint version) {
   machine_->featureVersion = version;
 }
 
+jint virtualMachine::samplingInterval() const {
+  return machine_->samplingInterval;
+}
+
 void virtualMachine::setEventsPerCollection(unsigned count) {
   machine_->eventsPerCollection = count;
 }
@@ -248,9 +255,9 @@ bool virtualMachine::vmInit(javaThread* thread, delivery how) {
 }
 
 bool virtualMachine::vmDeath(delivery how) {
-  return machine_->deliver<jvmtiEventVMDeath>(
+  return machine_->deliverToAll<jvmtiEventVMDeath>(
       JVMTI_EVENT_VM_DEATH, "VMDeath", nullptr, how,
-      [&](auto callback, threadEnv& env) { callback(jvmti(), &env); });
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) { callback(in, &env); });
 }
 
 bool virtualMachine::threadEnd(javaThread* thread) {
@@ -293,20 +300,29 @@ bool virtualMachine::monitorWaited(javaThread* thread, object* monitor, bool tim
 }
 
 bool virtualMachine::garbageCollectionStart(delivery how) {
-  return machine_->deliver<jvmtiEventGarbageCollectionStart>(
+  return machine_->deliverToAll<jvmtiEventGarbageCollectionStart>(
       JVMTI_EVENT_GARBAGE_COLLECTION_START, "GarbageCollectionStart", nullptr, how,
-      [&](auto callback, threadEnv& env) {
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
         const restricted within(env, "GarbageCollectionStart");
-        callback(jvmti());
+        callback(in);
       });
 }
 
 bool virtualMachine::garbageCollectionFinish(delivery how) {
-  return machine_->deliver<jvmtiEventGarbageCollectionFinish>(
+  return machine_->deliverToAll<jvmtiEventGarbageCollectionFinish>(
       JVMTI_EVENT_GARBAGE_COLLECTION_FINISH, "GarbageCollectionFinish", nullptr, how,
-      [&](auto callback, threadEnv& env) {
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
         const restricted within(env, "GarbageCollectionFinish");
-        callback(jvmti());
+        callback(in);
+      });
+}
+
+bool virtualMachine::sampledAllocation(javaThread* thread, object* allocated, jlong size,
+                                       delivery how) {
+  return machine_->deliverToAll<jvmtiEventSampledObjectAlloc>(
+      JVMTI_EVENT_SAMPLED_OBJECT_ALLOC, "SampledObjectAlloc", thread, how,
+      [&](auto callback, jvmtiEnv* in, threadEnv& env) {
+        callback(in, &env, ref(thread), ref(allocated), ref(allocated->type), size);
       });
 }
 

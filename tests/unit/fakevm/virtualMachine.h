@@ -125,6 +125,9 @@ class virtualMachine {
   // Collects an object: weak references to it clear. Reports it when a local or global reference
   // holds the object. References from fields are not followed.
   void collect(object* unreachable);
+  // A collection of all objects whose `reachable` is false and which no local or global reference
+  // holds, with its events.
+  void collectGarbage();
   // Unloads a class: collects its instances and itself; its method and field IDs die.
   void unload(javaClass* unreachable);
 
@@ -154,7 +157,8 @@ class virtualMachine {
   std::vector<eventMode> eventModes() const;  // every successful SetEventNotificationMode, in order
   bool disposed() const;
   void setFeatureVersion(jint version);         // of the JDK; 26 at first
-  void setEventsPerCollection(unsigned count);  // of ForceGarbageCollection; 1 at first
+  void setEventsPerCollection(unsigned count);  // 1 at first
+  jint samplingInterval() const;                // as set last; 512 kB at first
 
   // --- Exceptions in the calling thread.
   void throwInJava(object* exception);  // null: some java.lang.RuntimeException
@@ -175,6 +179,8 @@ class virtualMachine {
                      delivery how = delivery::ifEnabled);
   bool garbageCollectionStart(delivery how = delivery::ifEnabled);
   bool garbageCollectionFinish(delivery how = delivery::ifEnabled);
+  bool sampledAllocation(javaThread* thread, object* allocated, jlong size,
+                         delivery how = delivery::ifEnabled);
   bool exception(javaThread* thread, method* code, jlocation location, object* thrown,
                  method* catchCode = nullptr, jlocation catchLocation = 0,
                  delivery how = delivery::ifEnabled);
