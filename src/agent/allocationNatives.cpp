@@ -28,19 +28,16 @@ std::string refusal(jlong intervalBytes, jint liveSamples) {
 
 JNIEXPORT jstring JNICALL TW_ALLOCATIONS(start)(JNIEnv* jni, jclass /*cls*/, jlong intervalBytes,
                                                 jint liveSamples) {
-  std::string problem = "an error in the agent, see its log";
-  native(TW_ALLOCATIONS_NAME(start), [&] {
-    problem = refusal(intervalBytes, liveSamples);
+  return nativeText(TW_ALLOCATIONS_NAME(start), jni, [&] {
+    std::string problem = refusal(intervalBytes, liveSamples);
     JavaVM* vm = nullptr;
     if (problem.empty() && jni->GetJavaVM(&vm) != JNI_OK) {
       problem = "the VM does not give itself";
     }
-    if (problem.empty()) {
-      problem = allocationProfile::ofProcess().start(vm, jni, {intervalBytes, liveSamples});
-    }
-    return 1;
+    return problem.empty()
+               ? allocationProfile::ofProcess().start(vm, jni, {intervalBytes, liveSamples})
+               : problem;
   });
-  return textFor(jni, problem);
 }
 
 JNIEXPORT jboolean JNICALL TW_ALLOCATIONS(isRunning)(JNIEnv* /*jni*/, jclass /*cls*/) {
@@ -49,15 +46,12 @@ JNIEXPORT jboolean JNICALL TW_ALLOCATIONS(isRunning)(JNIEnv* /*jni*/, jclass /*c
 
 JNIEXPORT jstring JNICALL TW_ALLOCATIONS(snapshot)(JNIEnv* jni, jclass /*cls*/, jstring path,
                                                    jboolean afterCollection) {
-  std::string problem = "an error in the agent, see its log";
-  native(TW_ALLOCATIONS_NAME(snapshot), [&] {
+  return nativeText(TW_ALLOCATIONS_NAME(snapshot), jni, [&] {
     const std::string name = support::textOf(jni, path);
-    problem = name.empty()
-                  ? "no path"
-                  : allocationProfile::ofProcess().snapshot(jni, name, afterCollection == JNI_TRUE);
-    return 1;
+    return name.empty()
+               ? "no path"
+               : allocationProfile::ofProcess().snapshot(jni, name, afterCollection == JNI_TRUE);
   });
-  return textFor(jni, problem);
 }
 
 JNIEXPORT jboolean JNICALL TW_ALLOCATIONS(reportAtEnd)(JNIEnv* jni, jclass /*cls*/, jstring path,

@@ -40,20 +40,15 @@ std::string refusal(const contentionSettings& settings) {
 JNIEXPORT jstring JNICALL TW_CONTENTION(start)(JNIEnv* jni, jclass /*cls*/, jint locks,
                                                jint samples, jint budget, jlong stuckMillis,
                                                jlong windowMillis) {
-  std::string problem = "an error in the agent, see its log";
-  native(TW_CONTENTION_NAME(start), [&] {
+  return nativeText(TW_CONTENTION_NAME(start), jni, [&] {
     const contentionSettings settings{locks, samples, budget, stuckMillis, windowMillis};
-    problem = refusal(settings);
+    std::string problem = refusal(settings);
     JavaVM* vm = nullptr;
     if (problem.empty() && jni->GetJavaVM(&vm) != JNI_OK) {
       problem = "the VM does not give itself";
     }
-    if (problem.empty()) {
-      problem = contentionProfile::ofProcess().start(vm, jni, settings);
-    }
-    return 1;
+    return problem.empty() ? contentionProfile::ofProcess().start(vm, jni, settings) : problem;
   });
-  return textFor(jni, problem);
 }
 
 JNIEXPORT jboolean JNICALL TW_CONTENTION(isRunning)(JNIEnv* /*jni*/, jclass /*cls*/) {
@@ -61,13 +56,10 @@ JNIEXPORT jboolean JNICALL TW_CONTENTION(isRunning)(JNIEnv* /*jni*/, jclass /*cl
 }
 
 JNIEXPORT jstring JNICALL TW_CONTENTION(snapshot)(JNIEnv* jni, jclass /*cls*/, jstring path) {
-  std::string problem = "an error in the agent, see its log";
-  native(TW_CONTENTION_NAME(snapshot), [&] {
+  return nativeText(TW_CONTENTION_NAME(snapshot), jni, [&] {
     const std::string name = support::textOf(jni, path);
-    problem = name.empty() ? "no path" : contentionProfile::ofProcess().snapshot(jni, name);
-    return 1;
+    return name.empty() ? "no path" : contentionProfile::ofProcess().snapshot(jni, name);
   });
-  return textFor(jni, problem);
 }
 
 JNIEXPORT jboolean JNICALL TW_CONTENTION(reportAtEnd)(JNIEnv* jni, jclass /*cls*/, jstring path,

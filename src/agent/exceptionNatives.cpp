@@ -39,13 +39,10 @@ std::string snapshot(const std::string& path) {
 #define TW_EXCEPTIONS_NAME(method) "Java_com_korvane_twutils_nativeagent_AgentExceptions_" #method
 
 JNIEXPORT jstring JNICALL TW_EXCEPTIONS(snapshot)(JNIEnv* jni, jclass /*cls*/, jstring path) {
-  std::string problem = "an error in the agent, see its log";
-  native(TW_EXCEPTIONS_NAME(snapshot), [&] {
+  return nativeText(TW_EXCEPTIONS_NAME(snapshot), jni, [&] {
     const std::string name = support::textOf(jni, path);
-    problem = name.empty() ? "no path" : snapshot(name);
-    return 1;
+    return name.empty() ? "no path" : snapshot(name);
   });
-  return problem.empty() ? nullptr : jni->NewStringUTF(problem.c_str());
 }
 
 JNIEXPORT void JNICALL TW_EXCEPTIONS(oneRecordEach)(JNIEnv* /*jni*/, jclass /*cls*/,

@@ -31,6 +31,22 @@ inline jstring textFor(JNIEnv* jni, const std::string& text) {
   return text.empty() ? nullptr : jni->NewStringUTF(text.c_str());
 }
 
+// A native method whose result is the text that `body` gives: null for Java when that is empty, and
+// a text that points to the log when the body throws.
+template <typename Body>
+jstring nativeText(const char* function, JNIEnv* jni, Body&& body,
+                   support::sourcePlace where = support::sourcePlace::current()) {
+  std::string text;
+  const jint isDone = native(
+      function,
+      [&] {
+        text = std::forward<Body>(body)();
+        return 1;
+      },
+      where);
+  return isDone == 1 ? textFor(jni, text) : jni->NewStringUTF("an error in the agent, see its log");
+}
+
 // Why a number is refused, or an empty text.
 inline std::string outOfRange(const char* what, std::int64_t value, std::int64_t first,
                               std::int64_t last) {

@@ -65,22 +65,18 @@ jstring redactedText(JNIEnv* jni, const redaction& rules, jstring original) {
 JNIEXPORT jstring JNICALL TW_REDACTION(configure)(JNIEnv* jni, jclass /*cls*/, jstring mode,
                                                   jstring names, jstring types, jstring values,
                                                   jstring shown) {
-  std::string problem = "an error in the agent, see its log";
-  native(TW_REDACTION_NAME(configure), [&] {
+  return nativeText(TW_REDACTION_NAME(configure), jni, [&] {
     const std::string word = support::textOf(jni, mode);
     const std::optional<redactionMode> wanted = redactionModeOf(word);
     if (!wanted) {
-      problem = "redact '" + word + "': expected off, names, standard or strict";
-      return 0;
+      return "redact '" + word + "': expected off, names, standard or strict";
     }
-    problem = redaction::configure({.mode = *wanted,
-                                    .names = listOf(jni, names),
-                                    .types = listOf(jni, types),
-                                    .values = listOf(jni, values),
-                                    .shown = listOf(jni, shown)});
-    return 1;
+    return redaction::configure({.mode = *wanted,
+                                 .names = listOf(jni, names),
+                                 .types = listOf(jni, types),
+                                 .values = listOf(jni, values),
+                                 .shown = listOf(jni, shown)});
   });
-  return problem.empty() ? nullptr : jni->NewStringUTF(problem.c_str());
 }
 
 JNIEXPORT jstring JNICALL TW_REDACTION(mode)(JNIEnv* jni, jclass /*cls*/) {

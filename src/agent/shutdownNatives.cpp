@@ -10,10 +10,6 @@ using namespace agent;
 
 JNIEXPORT jstring JNICALL Java_com_korvane_twutils_nativeagent_AgentShutdown_beforeHooks(
     JNIEnv* jni, jclass /*cls*/, jobject action) {
-  std::string problem = "an error in the agent, see its log";
-  native("Java_com_korvane_twutils_nativeagent_AgentShutdown_beforeHooks", [&] {
-    problem = shutdownHook::ofProcess().run(jni, action);
-    return 1;
-  });
-  return textFor(jni, problem);
+  return nativeText("Java_com_korvane_twutils_nativeagent_AgentShutdown_beforeHooks", jni,
+                    [&] { return shutdownHook::ofProcess().run(jni, action); });
 }
