@@ -238,7 +238,7 @@ bool allocationProfile::stop(JNIEnv* jni, bool afterCollection) {
   environment_.disable({JVMTI_EVENT_SAMPLED_OBJECT_ALLOC});
   recorder_.end();
   handlersHaveLeft();  // so that none leaves a reference any more
-  const bool isAfter = afterCollection && collect(jni);
+  const bool isAfter = afterCollection && !isFrozen() && collect(jni);
   environment_.disable(events());
   thread_.stop();
   const support::lockGuard guard(samplesMutex_);
@@ -252,6 +252,11 @@ bool allocationProfile::stop(JNIEnv* jni, bool afterCollection) {
   return true;
 }
 
+bool allocationProfile::isFrozen() {
+  const support::lockGuard guard(samplesMutex_);
+  return frozen_.has_value();
+}
+
 bool allocationProfile::reportAtEnd(const std::string& path, bool isEnding) {
   const support::lockGuard oneCall(controlMutex_);
   if (!isRunning()) {
@@ -263,14 +268,11 @@ bool allocationProfile::reportAtEnd(const std::string& path, bool isEnding) {
 
 void allocationProfile::shutdownBegins(JNIEnv* jni, bool afterCollection) {
   const support::lockGuard oneCall(controlMutex_);
-  if (!isRunning()) {
+  if (!isRunning() || isFrozen()) {
     return;
   }
   const bool isAfter = afterCollection && collect(jni);
   const support::lockGuard guard(samplesMutex_);
-  if (frozen_) {
-    return;
-  }
   catchUp(jni);
   samples_.markPoint(rounds_, instruments::steadyNanos());
   frozen_ = stateOf(isAfter);

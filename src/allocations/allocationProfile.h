@@ -64,6 +64,7 @@ class allocationProfile {
   void makeRoom(JNIEnv* jni) REQUIRES(samplesMutex_);
   void catchUp(JNIEnv* jni) REQUIRES(samplesMutex_);
   bool collect(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  bool isFrozen() EXCLUDES(samplesMutex_);
   aliveState stateOf(bool afterCollection) REQUIRES(samplesMutex_);
   void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
   void finish(JNIEnv* jni) REQUIRES(samplesMutex_);

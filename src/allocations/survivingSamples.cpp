@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
+#include <numeric>
 #include <span>
 
 #include "allocations/allocationRecorder.h"
@@ -26,14 +27,17 @@ void countIn(std::vector<std::uint64_t>& buckets, std::uint64_t value) {
 void survivingSamples::begin(std::size_t limit, std::int64_t now) {
   limit_ = limit;
   startedAt_ = now;
-  live_.reserve(limit + sampleQueue::kMost);  // so that no reference is lost for want of memory
+  // Two full queues beyond the limit, at most: no reference is lost for want of memory.
+  live_.reserve(limit + 2 * sampleQueue::kMost);
   stacks_.clear();
   indexes_.clear();
   sites_.assign(1, {});
   live_.clear();
   points_.clear();
+  points_.reserve(kMostPoints);
   step_ = kFirstStep;
   nextPoint_ = now + step_;
+  isLastEarly_ = false;
   droppedSites_ = 0;
   thinned_ = 0;
 }
@@ -107,29 +111,59 @@ void survivingSamples::thinOut(JNIEnv* jni) {
   ++thinned_;
 }
 
-void survivingSamples::markPoint(const collectionRounds& rounds, std::int64_t now) {
-  if (points_.size() == kMostPoints) {
-    const auto thin = [](auto& values, std::size_t first) {
-      std::size_t kept = 0;
-      for (std::size_t i = first % 2; i < values.size(); i += 2) {
-        values[kept++] = values[i];
-      }
-      values.resize(kept);
-    };
-    thin(points_, 0);
-    for (site& each : sites_) {
-      thin(each.course, each.courseFrom);
-      each.courseFrom = (each.courseFrom + 1) / 2;
+// Leaves every second point.
+void survivingSamples::thinPoints() {
+  const auto thin = [](auto& values, std::size_t first) {
+    std::size_t kept = 0;
+    for (std::size_t i = first % 2; i < values.size(); i += 2) {
+      values[kept++] = values[i];
     }
-    step_ *= 2;
+    values.resize(kept);
+  };
+  thin(points_, 0);
+  for (site& each : sites_) {
+    thin(each.course, each.courseFrom);
+    each.courseFrom = (each.courseFrom + 1) / 2;
   }
+  step_ *= 2;
+}
+
+void survivingSamples::dropLastPoint() {
+  points_.pop_back();
+  for (site& each : sites_) {
+    if (!each.course.empty()) {
+      each.course.pop_back();
+    }
+    each.courseFrom = std::min(each.courseFrom, points_.size());
+  }
+}
+
+// Bytes that are alive, by site.
+std::vector<double> survivingSamples::aliveBytes(const collectionRounds& rounds) const {
   std::vector<double> alive(sites_.size());
-  double all = 0;
   for (const liveSample& each : live_) {
     if (age(each, rounds) > 0) {
       alive[each.site] += each.bytes;
-      all += each.bytes;
     }
+  }
+  return alive;
+}
+
+void survivingSamples::markPoint(const collectionRounds& rounds, std::int64_t now) {
+  const std::vector<double> alive = aliveBytes(rounds);
+  for (std::size_t i = 0; i < sites_.size(); ++i) {
+    std::vector<double>& course = sites_[i].course;
+    const bool goesOn = alive[i] != 0 || !course.empty();
+    if (goesOn && course.size() == course.capacity()) {
+      course.reserve(std::min(2 * course.size() + 1, kMostPoints));
+    }
+  }
+  // Nothing is thrown from here on, or points and courses would not match.
+  if (isLastEarly_) {
+    dropLastPoint();
+  }
+  if (points_.size() == kMostPoints) {
+    thinPoints();
   }
   for (std::size_t i = 0; i < sites_.size(); ++i) {
     site& each = sites_[i];
@@ -139,8 +173,11 @@ void survivingSamples::markPoint(const collectionRounds& rounds, std::int64_t no
       each.course.push_back(alive[i]);
     }
   }
-  points_.push_back({now, rounds.ended(), all});
-  nextPoint_ = now + step_;
+  points_.push_back({now, rounds.ended(), std::accumulate(alive.begin(), alive.end(), 0.0)});
+  isLastEarly_ = now < nextPoint_;
+  if (!isLastEarly_) {
+    nextPoint_ = now + step_;
+  }
 }
 
 std::vector<siteState> survivingSamples::states(const collectionRounds& rounds,
@@ -174,7 +211,7 @@ std::vector<amounts> survivingSamples::aliveSince(std::int64_t time, std::uint32
     return alive;
   }
   for (const liveSample& each : live_) {
-    if (each.at < time) {
+    if (each.at < time && age(each, rounds) > 0) {
       alive[each.site].add(each.bytes, each.objects);
     }
   }

@@ -93,7 +93,8 @@ class survivingSamples {
   // Drops every second sample at random; each that stays stands for twice as much.
   void thinOut(JNIEnv* jni);
 
-  // The course of the sites, when it is time for the next point.
+  // The course of the sites goes on to `now`. A point that is not due yet stays until the next one
+  // only: however many are asked for, the points are spread over the whole session.
   void markPoint(const collectionRounds& rounds, std::int64_t now);
   std::int64_t nextPoint() const { return nextPoint_; }
 
@@ -125,6 +126,9 @@ class survivingSamples {
     return rounds.ended() > sample.round ? rounds.ended() - sample.round : 0;
   }
   std::uint32_t indexOf(const allocationSite& key);
+  std::vector<double> aliveBytes(const collectionRounds& rounds) const;
+  void thinPoints();
+  void dropLastPoint();
 
   std::size_t limit_ = 0;
   std::int64_t startedAt_ = 0;
@@ -135,6 +139,7 @@ class survivingSamples {
   std::vector<point> points_;
   std::int64_t step_ = kFirstStep;
   std::int64_t nextPoint_ = 0;
+  bool isLastEarly_ = false;
   std::uint64_t droppedSites_ = 0;
   std::uint64_t thinned_ = 0;
   std::minstd_rand random_;
