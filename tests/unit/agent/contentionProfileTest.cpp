@@ -1,9 +1,7 @@
 // The whole contention profile: its natives, options, sessions, and a VM that refuses.
 #include "contentionProfileTest.h"
 
-#include <set>
-
-#include "fakevm/functions.h"
+#include "eachCall.h"
 
 namespace {
 
@@ -254,49 +252,10 @@ TEST_F(contentionProfile, aVmThatRefusesAtItsStartIsLogged) {
 
 // --- Every call refused in turn.
 
-const std::set<std::string> kNeverFail{
-    "Deallocate",          "DeleteLocalRef",        "DeleteGlobalRef",
-    "DeleteWeakGlobalRef", "ReleaseStringUTFChars", "ExceptionCheck",
-    "ExceptionClear",      "ExceptionOccurred",     "Throw",
-    "PopLocalFrame"};
-
-bool mayThrow(const std::string& call) {
-  return *fake::functionNamed(call) >= fake::kFirstJniId && call != "IsSameObject" &&
-         call != "IsInstanceOf" && call != "NewLocalRef" && call != "GetObjectClass" &&
-         call != "GetObjectField" && call != "NewGlobalRef" && call != "GetJavaVM" &&
-         *fake::functionNamed(call) < fake::kFirstInvocationId;
-}
-
 class contentionRefused : public contentionProfile {
  protected:
-  // Has each call of `body` fail at each time, in each way. `after` sees what became of it.
   void eachCallOf(const std::function<void()>& body, const std::function<void()>& after) {
-    vm.resetCalls();
-    body();
-    std::map<std::string, std::uint64_t> calls;
-    for (const std::string& call : vm.callNames()) {
-      if (!kNeverFail.contains(call)) {
-        calls[call] = vm.calls(call);
-      }
-    }
-    after();
-    ASSERT_FALSE(calls.empty());
-    for (const auto& [call, count] : calls) {
-      for (unsigned at = 1; at <= count; ++at) {
-        for (const bool throwing : {false, true}) {
-          if (throwing && !mayThrow(call)) {
-            continue;
-          }
-          SCOPED_TRACE(call + " refused at time " + std::to_string(at));
-          vm.fail(
-              call,
-              {.error = JVMTI_ERROR_OUT_OF_MEMORY, .from = at, .times = 1, .throwing = throwing});
-          body();
-          vm.succeed(call);
-          after();
-        }
-      }
-    }
+    refuseEachCallOf(vm, body, after);
   }
   void end() {
     stop();
@@ -377,7 +336,7 @@ class contentionPartsRefused : public contentionTest {
     body();
     std::map<std::string, std::uint64_t> calls;
     for (const std::string& call : vm.callNames()) {
-      if (!kNeverFail.contains(call)) {
+      if (!neverFails(call)) {
         calls[call] = vm.calls(call);
       }
     }

@@ -9,6 +9,8 @@
 #include "instruments/boundedMap.h"
 #include "instruments/costAccount.h"
 #include "instruments/handlerGate.h"
+#include "instruments/lastReport.h"
+#include "instruments/nameTable.h"
 #include "instruments/ownEnvironment.h"
 #include "instruments/reservedArray.h"
 #include "instruments/stackTable.h"
@@ -378,6 +380,62 @@ TEST_F(ownEnvironmentTest, runsNoneWhenTheVmRefuses) {
   EXPECT_TRUE(run()) << "in the group of the caller";
   vm.runAgentThreads();
   EXPECT_EQ(runs, 1);
+}
+
+// --- Names.
+
+TEST(nameTableTest, namesAreStoredOnceUpToItsLimit) {
+  instruments::nameTable names{2};
+  EXPECT_EQ(names.idOf("a"), 1U);
+  EXPECT_EQ(names.idOf("b"), 2U);
+  EXPECT_EQ(names.idOf("a"), 1U);
+  EXPECT_EQ(names.idOf("c"), 0U);
+  EXPECT_EQ(names.idOf("b"), 2U);
+  EXPECT_EQ(names.dropped(), 1U);
+  EXPECT_EQ(names.at(2), "b");
+  EXPECT_EQ(names.size(), 2U);
+  names.clear();
+  EXPECT_EQ(names.idOf("c"), 1U);
+  EXPECT_EQ(names.dropped(), 0U);
+}
+
+// --- Reports.
+
+class lastReportTest : public agentTest {
+ protected:
+  lastReportTest() { load("logLevel=4"); }
+  std::string path() const { return folder() / "report.json"; }
+};
+
+TEST_F(lastReportTest, isTakenBackUnlessTheVmEnds) {
+  instruments::lastReport report;
+  EXPECT_EQ(report.path(), "");
+  EXPECT_TRUE(report.takeBack());
+  report.order("a", false);
+  EXPECT_EQ(report.path(), "a");
+  EXPECT_TRUE(report.takeBack());
+  EXPECT_EQ(report.path(), "");
+  report.order("b", true);
+  EXPECT_FALSE(report.takeBack());
+  EXPECT_EQ(report.path(), "b");
+}
+
+TEST_F(lastReportTest, replacesTheOneBeforeAtOnceOrNotAtAll) {
+  writeFile(path(), "before");
+  instruments::lastReport::write(path(), "after", "test");
+  EXPECT_EQ(readFile(path()), "after");
+  EXPECT_FALSE(std::filesystem::exists(path() + ".end"));
+  std::filesystem::create_directory(path() + ".end");
+  instruments::lastReport::write(path(), "has no place", "test");
+  EXPECT_EQ(readFile(path()), "after");
+  EXPECT_THAT(messages("Error"), ElementsAre(::testing::HasSubstr("was not written at the end")));
+}
+
+TEST_F(lastReportTest, aReportNamesWhatFailed) {
+  EXPECT_EQ(instruments::writeReport(path(), "text"), "");
+  EXPECT_EQ(readFile(path()), "text");
+  const std::string nowhere = folder() / "nowhere" / "report.json";
+  EXPECT_THAT(instruments::writeReport(nowhere, "text"), ::testing::HasSubstr(nowhere + ": "));
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // each call that it makes is refused with each error code, once and from then on; each allocation
 // that it makes fails, once and from then on. Nothing comes out, nothing is left behind (the fake
 // VM reports both), and the next session gives what it gives without a fault.
+#include <com_korvane_twutils_nativeagent_AgentAllocations.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -22,6 +24,7 @@
 #include "memory/memoryprofiler.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
+#define TW_ALLOCATIONS(method) Java_com_korvane_twutils_nativeagent_AgentAllocations_##method
 
 // --- Allocations of the agent's code ---------------------------------------------------------
 
@@ -257,6 +260,64 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
     return all.empty() ? kNothing : all.back().record;
   }
 
+  // --- The allocation profile.
+
+  // Without memory for the text Java has an exception instead.
+  void drop(JNIEnv* jni, jstring text) {
+    if (text != nullptr) {
+      jni->DeleteLocalRef(text);
+    }
+    jni->ExceptionClear();
+  }
+  void startAllocations() {
+    vm.native([&](JNIEnv* jni) {
+      const fake::agentCode scope(true);
+      drop(jni, TW_ALLOCATIONS(start)(jni, nullptr, 1024, 1000));
+    });
+  }
+  // One object that stays and one that does not. Classes of frames would be held for longer.
+  void sampleOnce() {
+    for (const bool isKept : {true, false}) {
+      fake::object* const made = vm.makeObject("com.example.Session");
+      made->reachable = isKept;
+      vm.sampledAllocation(allocator_, made, 1024, fake::delivery::always);
+    }
+  }
+  void snapshotAllocations() {
+    vm.native([&](JNIEnv* jni) {
+      const jstring path = text(reportPath());
+      const fake::agentCode scope(true);
+      drop(jni, TW_ALLOCATIONS(snapshot)(jni, nullptr, path, JNI_TRUE));
+    });
+  }
+  void beforeShutdown() {
+    vm.native([&](JNIEnv* jni) {
+      const fake::agentCode scope(true);
+      TW_ALLOCATIONS(shutdownBegins)(jni, nullptr, JNI_TRUE);
+    });
+  }
+  void stopAllocations() {
+    vm.native([&](JNIEnv* jni) {
+      const fake::agentCode scope(true);
+      TW_ALLOCATIONS(stop)(jni, nullptr, JNI_TRUE);
+    });
+  }
+  // The end of the session, and what its report says of its sites.
+  std::string endOfAllocations() {
+    stopAllocations();
+    vm.runAgentThreads();
+    snapshotAllocations();
+    if (!std::filesystem::exists(reportPath())) {
+      return "no report";
+    }
+    const auto report = nlohmann::json::parse(readFile(reportPath()));
+    std::filesystem::remove(reportPath());
+    std::string told;
+    for (const nlohmann::json& each : report.at("sites")) {
+      told += each.at("class").dump() + each.at("allocated").dump() + each.at("alive").dump();
+    }
+    return told;
+  }
   scenario scenarioNamed(const std::string& name) {
     const auto nothing = [] {};
     const auto contend = [this] { contendOnce(); };
@@ -383,6 +444,33 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
         {"stopMemory",
          {[this] { memorySession(); }, [this] { endMemory(); },
           [this] { return readFile(reportPath()); }}},
+        {"startAllocations",
+         {nothing, [this] { startAllocations(); },
+          [this] {
+            sampleOnce();
+            return endOfAllocations();
+          }}},
+        {"sampledAllocation",
+         {[this] { startAllocations(); }, [this] { sampleOnce(); },
+          [this] { return endOfAllocations(); }}},
+        {"snapshotAllocations",
+         {[this] {
+            startAllocations();
+            sampleOnce();
+          },
+          [this] { snapshotAllocations(); }, [this] { return endOfAllocations(); }}},
+        {"beforeShutdown",
+         {[this] {
+            startAllocations();
+            sampleOnce();
+          },
+          [this] { beforeShutdown(); }, [this] { return endOfAllocations(); }}},
+        {"stopAllocations",
+         {[this] {
+            startAllocations();
+            sampleOnce();
+          },
+          [this] { stopAllocations(); }, [this] { return endOfAllocations(); }}},
         {"extendedText",
          {nothing, [this] { call(TW_NATIVE(getExtendedMatricesFromNative), text("text")); },
           [] { return std::string("nothing is known by it"); }}},
@@ -419,6 +507,7 @@ class faultInjection : public exceptionTest, public ::testing::WithParamInterfac
   fake::object* shop_ = nullptr;
   fake::javaThread* worker_ = nullptr;
   fake::javaThread* owner_ = nullptr;
+  fake::javaThread* allocator_ = vm.makeThread("allocator");
   std::vector<fake::frame> throwing_;
   fake::javaClass* throwable_ = nullptr;
   fake::frame hook_;
@@ -512,14 +601,14 @@ TEST_P(faultInjection, eachAllocationFails) {
   std::printf("%u faults injected into the allocations of %s\n", tried_, GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(agent, faultInjection,
-                         ::testing::Values("load", "startProfiling", "startSummary",
-                                           "contendInSummary", "waitInSummary", "stopSummary",
-                                           "startDetail", "contendInDetail", "waitInDetail",
-                                           "stopDetail", "stopProfiling", "enableCapture",
-                                           "exception", "enableMade", "made", "startMemory",
-                                           "setObjectTag", "tagInstances", "collection",
-                                           "forceCollection", "stopMemory", "extendedText"),
-                         [](const auto& tested) { return std::string(tested.param); });
+INSTANTIATE_TEST_SUITE_P(
+    agent, faultInjection,
+    ::testing::Values("load", "startProfiling", "startSummary", "contendInSummary", "waitInSummary",
+                      "stopSummary", "startDetail", "contendInDetail", "waitInDetail", "stopDetail",
+                      "stopProfiling", "enableCapture", "exception", "enableMade", "made",
+                      "startMemory", "setObjectTag", "tagInstances", "collection",
+                      "forceCollection", "stopMemory", "startAllocations", "sampledAllocation",
+                      "snapshotAllocations", "beforeShutdown", "stopAllocations", "extendedText"),
+    [](const auto& tested) { return std::string(tested.param); });
 
 }  // namespace
