@@ -55,7 +55,7 @@ public final class Chaos {
   private static List<Storm> storms(String folder, List<String> names) {
     List<Storm> all = new ArrayList<>(Arrays.asList(new Contention(), new Throwing(),
         new Following(), new Loading(), new Churn(), new Collecting(), new Sessions(folder),
-        new Profiles(folder)));
+        new Profiles(folder), new Sampling(folder)));
     Storm virtual = VirtualThreads.storm();
     if (virtual != null) {
       all.add(virtual);
