@@ -17,7 +17,6 @@ import pytest
 from harness import DEFAULT_OPTIONS
 
 KB = 1024
-MB = 1024 * KB
 SESSION = "AllocationTruth$Session"
 COLLECTORS = ("-XX:+UseG1GC", "-XX:+UseSerialGC", "-XX:+UseParallelGC", "-XX:+UseShenandoahGC",
               "-XX:+UseZGC")
@@ -131,16 +130,6 @@ def test_what_a_stop_reports_is_what_was_alive_then(jvm):
     assert abs(sums_of(ended, SESSION)[0] - sums_of(running, SESSION)[0]) <= 1
 
 
-def test_what_only_weak_references_hold_is_not_alive(jvm):
-    run = jvm.run("AllocationTruth", 4 * KB, "references", vm=("-Xmx128m",), limit=200)
-    report = assert_whole(reported(run))
-    assert run.facts["full"] == "true"  # all soft references were cleared before the heap was full
-    assert sums_of(report, "AllocationTruth$OnlyWeak") == (0, 0, 0)
-    assert sums_of(report, "AllocationTruth$OnlySoft") == (0, 0, 0)
-    allocated = sums_of(report, "java.lang.ref.WeakReference")
-    assert_near(allocated[2], 20_000, allocated[0])
-
-
 def test_threads_that_are_left_out_are_not_sampled(jvm):
     run = jvm.run("AllocationTruth", 16 * KB, "leftOut", "garbage")
     report = assert_whole(reported(run))
@@ -157,8 +146,8 @@ def test_many_threads_are_sampled(jvm):
     allocated = sites_of(report, "byte[]")
     samples = sum(each["allocated"]["samples"] for each in allocated)
     size = sum(each["allocated"]["bytes"] for each in allocated)
-    # Four threads at full speed may fill the queue; what was lost is in the report. The first sample
-    # of each thread follows the interval that the VM began with, half a megabyte.
+    # Four threads at full speed may fill the queue; what was lost is in the report. The first
+    # sample of each thread follows the interval that the VM began with, half a megabyte.
     assert_near(size + report["omitted"]["lostBytes"] + 4 * 512 * KB, 80 * KB * 1016, samples)
 
 
@@ -200,57 +189,13 @@ def test_rounds_are_collections_and_not_pauses(jvm, collector):
     assert sum(each["allocated"]["samples"] for each in garbage) > 10_000
 
 
-def test_young_collections_alone_are_rounds(jvm):
-    run = jvm.run("AllocationTruth", 64 * KB, "sessions", "gigabyte",
-                  vm=("-XX:+UseSerialGC", "-Xmx1g", "-Xmn16m"))
-    report = assert_whole(reported(run, "before.json"))
-    assert report["collections"] > 50
-    assert oldest(report) >= 16
-    assert sums_of(report, SESSION)[0] > 0
-
-
-@pytest.mark.parametrize("collector", COLLECTORS)
-def test_objects_with_regions_of_their_own_are_found(jvm, collector):
-    if not jvm.supports(collector):
-        pytest.skip("this VM has no such collector")
-    run = jvm.run("AllocationTruth", 64 * KB, "large", "garbage", vm=(collector, "-Xmx256m"))
-    report = assert_whole(reported(run))
-    (site,) = [each for each in sites_of(report, "int[]")
-               if "fillLarge" in frames_of(report, each)[0]]
-    # Each is far larger than the interval; but the first sample of the thread follows that of before.
-    assert site["alive"]["samples"] in (39, 40)
-    assert abs(site["alive"]["bytes"] - site["alive"]["samples"] * MB) < 0.01 * 40 * MB
-
-
-# --- Bounds.
-
-
-def test_many_classes_fill_no_table_over_its_bound(jvm):
-    run = jvm.run("AllocationClasses", 100_000, vm=("-Xmx1500m",), limit=300)
-    report = reported(run, "classes.json")
-    assert len(report["sites"]) == 1000
-    assert report["omitted"]["sites"] > 0
-    assert report["omitted"]["classes"] > 0
-    assert report["allocated"]["samples"] > 20_000
-    assert run.fact("snapshotMillis") < 20_000
-
-
-def test_a_large_heap_takes_no_longer_than_its_samples(jvm):
-    run = jvm.run("AllocationHeap", 16 * KB, 600, vm=("-Xmx1g", "-Xms1g"), limit=300)
-    report = assert_whole(reported(run, "heap.json"))
-    assert report["alive"]["samples"] > 10_000
-    assert report["alive"]["samples"] <= 50_000
-    # Fifty thousand references, whatever the heap: without its collection.
-    assert run.fact("snapshotMillis") < 5000
-
-
 # --- Beside others.
 
 
 def test_with_the_vm_from_the_start_in_the_interpreter(jvm):
     options = DEFAULT_OPTIONS + ",allocations=1,allocationsInterval=4096"
-    run = jvm.run("AllocationTruth", 16 * KB, "arrays", options=options, vm=("-Xint", "-Xcheck:jni"),
-                  quiet=False)
+    run = jvm.run("AllocationTruth", 16 * KB, "arrays", options=options,
+                  vm=("-Xint", "-Xcheck:jni"), quiet=False)
     assert run.facts["problem"] == "the allocation profile runs already"
 
 

@@ -1,8 +1,6 @@
 import com.korvane.twutils.nativeagent.AllocationNatives;
 import java.lang.management.GarbageCollectorMXBean;
 import java.lang.management.ManagementFactory;
-import java.lang.ref.SoftReference;
-import java.lang.ref.WeakReference;
 import java.util.ArrayList;
 import java.util.HashMap;
 import java.util.List;
@@ -28,15 +26,6 @@ public final class AllocationTruth {
     long number;
   }
 
-  static final class OnlyWeak {
-    final long[] room = new long[4];
-  }
-
-  static final class OnlySoft {
-    final long[] room = new long[4];
-  }
-
-  private static final int MEGABYTE = 1 << 20;
   private static final List<Object> KEPT = new ArrayList<>();
   private static final Map<Integer, Session> SESSIONS = new HashMap<>();
   private static volatile Object sink;
@@ -69,14 +58,8 @@ public final class AllocationTruth {
       case "arrays":
         fillArrays();
         break;
-      case "large":
-        fillLarge();
-        break;
       case "lambdas":
         keepLambdas();
-        break;
-      case "references":
-        keepReferences();
         break;
       case "garbage":
         makeGarbage(200);
@@ -112,34 +95,11 @@ public final class AllocationTruth {
     }
   }
 
-  /** Of half a megabyte and more: such as have regions of their own. */
-  private static void fillLarge() {
-    for (int i = 0; i < 40; ++i) {
-      KEPT.add(new int[MEGABYTE / 4]);
-    }
-  }
-
   private static void keepLambdas() {
     for (int i = 0; i < 200_000; ++i) {
       int number = i;
       Supplier<Integer> made = () -> number;
       KEPT.add(made);
-    }
-  }
-
-  private static void keepReferences() {
-    for (int i = 0; i < 20_000; ++i) {
-      KEPT.add(new WeakReference<>(new OnlyWeak()));
-      KEPT.add(new SoftReference<>(new OnlySoft()));
-    }
-    Facts.put("soft", KEPT.size());
-    try {
-      List<long[]> all = new ArrayList<>();
-      while (true) {
-        all.add(new long[MEGABYTE]);
-      }
-    } catch (OutOfMemoryError expected) {
-      Facts.put("full", true);
     }
   }
 
