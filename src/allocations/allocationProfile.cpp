@@ -279,9 +279,9 @@ void allocationProfile::shutdownBegins(JNIEnv* jni, bool afterCollection) {
   session_.shutdown = frozen_->at;
 }
 
-// The last words, after all of the program's shutdown hooks. Nothing here waits for long, but for a
-// collection when the one before the hooks was short: what has not come by then was suspended by a
-// debugger.
+// The last words, after all of the program's shutdown hooks. Nothing here waits for long, except
+// for a collection when the one before the hooks was short: what has not come by then was suspended
+// by a debugger.
 void allocationProfile::endWithVm(JNIEnv* jni) {
   constexpr const char* kFunction = "allocationProfile::endWithVm";
   constexpr std::chrono::seconds kPatience{2};
@@ -366,9 +366,10 @@ std::optional<std::int64_t> allocationProfile::takeStep(JNIEnv* jni) {
 }
 
 void allocationProfile::drain(JNIEnv* jni) {
+  survivingSamples& samples = samples_;  // the analysis does not look into what is called
   recorder_.queue().take([&](const sampleQueue::entry& each) {
     try {
-      samples_.add(environment_.jvmti(), jni, each, rounds_);
+      samples.add(environment_.jvmti(), jni, each, rounds_);
     } catch (const std::bad_alloc&) {
       recorder_.countFailure();  // its reference has its owner
     }

@@ -81,7 +81,7 @@ class allocationProfile {
   support::timedMutex samplesMutex_;
   allocationSession session_ GUARDED_BY(samplesMutex_);
   survivingSamples samples_ GUARDED_BY(samplesMutex_);
-  collectionRounds rounds_;  // under samplesMutex_ but for the handler
+  collectionRounds rounds_;  // under samplesMutex_, except for the handler
   bool hasDead_ GUARDED_BY(samplesMutex_) = false;
   std::int64_t lastRemoval_ GUARDED_BY(samplesMutex_) = 0;
   std::int64_t collectionNanos_ GUARDED_BY(samplesMutex_) = 0;  // of the last one asked for

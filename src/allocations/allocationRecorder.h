@@ -32,7 +32,7 @@ class allocationRecorder {
     std::atomic<std::uint64_t> lost{0};  // the queue was full
     std::atomic<std::uint64_t> lostBytes{0};
     std::atomic<std::uint64_t> failed{0};   // the VM did not answer
-    std::atomic<std::uint64_t> leftOut{0};  // of threads that are left out
+    std::atomic<std::uint64_t> leftOut{0};  // of threads whose allocations do not count
   };
 
   // `wake` is called when the queue should be emptied soon; any thread.
@@ -46,7 +46,7 @@ class allocationRecorder {
   // For a handler of SampledObjectAlloc. Nothing is thrown, and no Java exception is left.
   void take(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject object, jclass cls, jlong size);
 
-  // Whether allocations of the calling thread are left out from now on.
+  // Whether allocations of the calling thread are skipped from now on.
   static void leaveOutThisThread(bool isLeftOut);
 
   void setInterval(std::int64_t bytes) { interval_.store(bytes); }

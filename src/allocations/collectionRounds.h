@@ -13,7 +13,7 @@
 
 namespace agent {
 
-// One thread at a time, but for collectionFinished().
+// One thread at a time, except for collectionFinished().
 class collectionRounds {
  public:
   // The first canary; those of before are let go.

@@ -114,7 +114,7 @@ std::vector<std::string> allocationOmissions(const allocationSession& session) {
                   durationText(lengthOf(report))));
   add(result, omitted.thinned > 0,
       fmt::format("There were more than {} live samples, so that the interval was made rarer ({}): "
-                  "{} before, {} in the end. Fewer samples stand behind each figure.",
+                  "{} before, {} in the end. Each figure is based on fewer samples.",
                   grouped(report.settings.liveSamples), counted(omitted.thinned, "time", "times"),
                   sizeText(report.settings.intervalBytes), sizeText(report.intervalBytes)));
   add(result, omitted.lost > 0,
