@@ -80,6 +80,10 @@ TEST(histogramGrowth, ofWhatHasStoppedIsNone) {
   EXPECT_NEAR(*growsBy({0, 60'000, 120'000, 180'000, 240'000}, {0, 900, 900, 900, 900}), 0, 1e-6);
 }
 
+TEST(histogramGrowth, isSeenWhereTheLastTwoAreCloseTogether) {
+  EXPECT_GT(*growsBy({0, 60'000, 60'300}, {100, 300, 300}), 150);
+}
+
 TEST(histogramGrowth, ofWhatShrinksIsBelowNone) {
   EXPECT_LT(*growsBy({0, 60'000, 120'000}, {300, 200, 100}), 0);
 }

@@ -101,8 +101,8 @@ TEST(allocationReader, takesMeasuredValuesWithAFraction) {
 TEST(allocationSites, rankLeaksBeforeCachesAndWhatWasMadeAtTheStart) {
   const std::vector<grownSite> sites = grownSitesOf(sessionOf());
   EXPECT_THAT(namesOf(sites), ElementsAre("com.example.Shop.login(Shop.java:31)", "(none)",
-                                          "com.example.Prices.load(Prices.java:9)",
-                                          "com.example.Pages.get(Pages.java:20)"));
+                                          "com.example.Pages.get(Pages.java:20)",
+                                          "com.example.Prices.load(Prices.java:9)"));
   EXPECT_EQ(sites[0].sum.alive.samples, 73) << "with what the JDK allocated for it";
   EXPECT_EQ(sites[0].sum.growsBy, 9 * kSampleBytes);
   EXPECT_EQ(sites[0].classes[0].className, "com.example.Session");
@@ -122,9 +122,25 @@ TEST(allocationSites, growByNoMoreThanTheirClass) {
   addGrowth(session, recordedGrowth("com.example.Session", {1000, 1000, 1000, 1000, 1000}));
   const std::vector<grownClass> classes = grownClassesOf(session);
   EXPECT_THAT(namesOf(classes), ElementsAre("java.util.HashMap$Node", "com.example.Listener",
-                                            "byte[]", "com.example.Session", "com.example.Page"));
-  EXPECT_EQ(classes[3].sum.growsBy, 0);
-  EXPECT_EQ(classes[3].histogramBytes, 1000);
+                                            "com.example.Session", "com.example.Page", "byte[]"));
+  EXPECT_EQ(classes[2].sum.growsBy, 0);
+  EXPECT_EQ(classes[2].histogramBytes, 1000);
+}
+
+TEST(allocationSites, ofOneClassDoNotMakeUpForEachOther) {
+  json document = recordedAllocations();
+  document["sites"] = {recordedSite(1, "byte[]", {60, 60, 0, 0, 0, 0, 0, 0}, 1),
+                       recordedSite(2, "byte[]", {0, 0, 0, 0, 0, 0, 30, 30}, 3)};
+  const std::vector<grownClass> classes = grownClassesOf(sessionOf(document));
+  EXPECT_EQ(classes[0].sum.growsBy, 0) << "data of the start, and a cache";
+}
+
+TEST(allocationSites, withFewSamplesCountTogether) {
+  json document = recordedAllocations();
+  document["sites"] = {recordedSite(1, "byte[]", {4, 4, 4, 4, 0, 0, 0, 0}, 1),
+                       recordedSite(2, "byte[]", {0, 0, 0, 0, 4, 4, 4, 4}, 3)};
+  const std::vector<grownClass> classes = grownClassesOf(sessionOf(document));
+  EXPECT_EQ(classes[0].sum.growsBy, 4 * kSampleBytes) << "a leak from many places";
 }
 
 TEST(allocationSites, ofClassesThatOnlyHistogramsHave) {

@@ -72,7 +72,8 @@ class allocationCheck {
     for (const grownSite& one : grownSitesOf(session_)) {
       if (one.site && matches(limit_.names, methodOf(*one.site))) {
         isThere = true;
-        checkSum("allocated in " + *one.site, one.sum, one.most, !hasHistograms(session_));
+        checkSum("allocated in " + *one.site, one.sum, evidence(one.sum, one.most),
+                 !hasHistograms(session_));
       }
     }
     return isThere;
@@ -87,18 +88,22 @@ class allocationCheck {
       }
       return;
     }
-    checkSum(one.className, one.sum, one.histogramBytesPerMinute,
+    checkSum(one.className, one.sum, evidence(one, one.histogramBytesPerMinute),
              !hasHistograms(session_) || one.histogramBytesPerMinute.has_value());
   }
 
+  template <typename Group>
+  aliveEvidence evidence(const Group& group, std::optional<double> most) const {
+    return session_.samples ? evidenceOf(*session_.samples, group, most) : aliveEvidence();
+  }
+
   // `mustShow` is whether nothing but the samples can show that the limit was kept.
-  void checkSum(const std::string& name, const allocationSum& sum, std::optional<double> most,
+  void checkSum(const std::string& name, const allocationSum& sum, const aliveEvidence& evidence,
                 bool mustShow) {
     const bool isGrowth = measure_ == allocationMeasure::growth;
     if (!session_.samples || (isGrowth && !sum.growsBy)) {
       return;  // the gaps tell why
     }
-    const aliveEvidence evidence = evidenceOf(*session_.samples, sum, most);
     const std::uint64_t bytes = isGrowth ? *sum.growsBy : sum.alive.bytes;
     const estimateRange range =
         isGrowth ? growthRangeOf(evidence, sum.alive.bytes, sum.alive.objects,

@@ -45,6 +45,18 @@ double minutesOf(const aliveEvidence& alive) {
          static_cast<double>(kParts / 2 - partsNotCounted(alive)) / static_cast<double>(kParts);
 }
 
+// Bytes per minute.
+double rateOf(const aliveEvidence& alive) {
+  if (alive.parts.empty()) {
+    return alive.born.size() == kParts ? fewerBytes(alive) / minutesOf(alive) : 0;
+  }
+  double sum = 0;
+  for (const aliveEvidence& part : alive.parts) {
+    sum += rateOf(part);
+  }
+  return sum;
+}
+
 // The limits of the mean of a Poisson distribution that gave `count` (Byar's approximation).
 double lowest(double count) {
   return count == 0
@@ -81,7 +93,7 @@ std::optional<std::uint64_t> growsBy(const aliveEvidence& alive) {
   if (alive.millis == 0 || alive.born.size() != kParts) {
     return {};
   }
-  const double rate = fewerBytes(alive) / minutesOf(alive);
+  const double rate = rateOf(alive);
   return rounded(alive.mostBytesPerMinute ? std::min(rate, *alive.mostBytesPerMinute) : rate);
 }
 
@@ -99,7 +111,12 @@ std::optional<double> growsBy(const std::vector<std::uint64_t>& at,
   }
   const std::span<const point> all(points);
   const std::optional<double> whole = slopeOf(all);
-  const std::optional<double> latter = slopeOf(all.subspan((points.size() - 1) / 2));
+  const double least = (all.back().first - all.front().first) / 4;
+  std::size_t first = (points.size() - 1) / 2;
+  while (first > 0 && all.back().first - all[first].first < least) {
+    first--;
+  }
+  const std::optional<double> latter = slopeOf(all.subspan(first));
   return whole && latter ? std::optional(std::min(*whole, *latter)) : std::nullopt;
 }
 
@@ -124,7 +141,7 @@ estimateRange growthRangeOf(const aliveEvidence& alive, std::uint64_t bytes, std
   const double ofSample = alive.samples == 0
                               ? static_cast<double>(interval)
                               : static_cast<double>(bytes) / static_cast<double>(alive.samples);
-  const double fewer = fewerBytes(alive);
+  const double fewer = rateOf(alive) * minutesOf(alive);
   const std::uint64_t samples = ofSample > 0 ? rounded(fewer / ofSample) : 0;
   const double share =
       alive.samples == 0 ? 1 : static_cast<double>(samples) / static_cast<double>(alive.samples);

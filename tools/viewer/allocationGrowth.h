@@ -5,8 +5,9 @@
 // fifth to seventh eighth of the session, whichever are fewer, by minute. A leak has as much from
 // both; what was made at the start has nothing from the latter, and a cache that replaces its
 // oldest entries nothing from the former. Of fewer than kFewSamples the first and the last eighth
-// count as well, as all samples are needed. Where histograms have the class, a
-// site grows by no more than the class.
+// count as well, as all samples are needed. Where histograms have the class, a site grows by no
+// more than the class. A class grows by what its sites grow by, those with few samples taken
+// together: what one site made at the start and another one at the end is no growth.
 #pragma once
 
 #include <cstddef>
@@ -25,6 +26,7 @@ struct aliveEvidence {
   std::uint64_t samples = 0;
   std::uint64_t millis = 0;                  // length of the session
   std::optional<double> mostBytesPerMinute;  // by which the class grows; none when not known
+  std::vector<aliveEvidence> parts{};        // when there are any, growth is theirs together
 };
 
 // Bytes per minute; none for a session without a length or without eighths.
@@ -32,7 +34,8 @@ std::optional<std::uint64_t> growsBy(const aliveEvidence& alive);
 
 // The growth of a class by histograms: by the line through all of them or through their latter
 // half, whichever is less, so that what has stopped growing does not count; none below 3 that know
-// the class. `bytes` are live bytes at the times `at` in milliseconds, none where not known.
+// the class. That half is a quarter of the whole time at least: the last two may be close together.
+// `bytes` are live bytes at the times `at` in milliseconds, none where not known.
 std::optional<double> growsBy(const std::vector<std::uint64_t>& at,
                               const std::vector<std::optional<std::uint64_t>>& bytes);
 

@@ -49,7 +49,11 @@ void sortSites(allocationSum& sum) {
 }
 
 auto rankOf(const allocationSum& sum) {
-  return std::tuple(sum.growsBy.value_or(0), sum.alive.bytes, sum.allocated.bytes);
+  std::uint64_t between = 0;
+  for (std::size_t i = 1; i + 1 < sum.born.size(); i++) {
+    between = plus(between, sum.born[i]);
+  }
+  return std::tuple(sum.growsBy.value_or(0), between, sum.alive.bytes, sum.allocated.bytes);
 }
 
 template <typename element>
@@ -97,7 +101,7 @@ void finish(const allocationReport& report, grownClass& group, const growthByCla
     sortSites(one.sum);
   }
   sortByGrowth(group.sites);
-  group.sum.growsBy = growsBy(evidenceOf(report, group.sum, growthOf(growths, group.className)));
+  group.sum.growsBy = growsBy(evidenceOf(report, group, growthOf(growths, group.className)));
   sortSites(group.sum);
 }
 
@@ -168,7 +172,24 @@ aliveEvidence evidenceOf(const allocationReport& report, const allocationSum& su
   if (report.collections == 0) {
     return {};
   }
-  return {sum.born, sum.alive.samples, lengthOf(report), most};
+  return {sum.born, sum.alive.samples, lengthOf(report), most, {}};
+}
+
+aliveEvidence evidenceOf(const allocationReport& report, const grownClass& group,
+                         std::optional<double> most) {
+  aliveEvidence evidence = evidenceOf(report, group.sum, most);
+  allocationSum others;
+  for (const siteOfClass& one : group.sites) {
+    if (one.sum.alive.samples >= kFewSamples) {
+      evidence.parts.push_back(evidenceOf(report, one.sum, {}));
+    } else {
+      for (const allocationSite* site : one.sum.sites) {
+        others.add(report, *site);
+      }
+    }
+  }
+  evidence.parts.push_back(evidenceOf(report, others, {}));
+  return evidence;
 }
 
 std::vector<grownSite> grownSitesOf(const allocationSession& session) {

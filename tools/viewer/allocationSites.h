@@ -55,8 +55,11 @@ struct grownClass {
 // What the growth of a sum is known by; `most` is that of its classes, where it is known.
 aliveEvidence evidenceOf(const allocationReport& report, const allocationSum& sum,
                          std::optional<double> most);
+aliveEvidence evidenceOf(const allocationReport& report, const grownClass& group,
+                         std::optional<double> most);
 
-// What grows most first, then what has most alive, then what was allocated most.
+// What grows most first, then what has most alive that was allocated neither in the first nor in
+// the last eighth of the session, then what has most alive, then what was allocated most.
 std::vector<grownSite> grownSitesOf(const allocationSession& session);
 std::vector<grownClass> grownClassesOf(const allocationSession& session);
 
