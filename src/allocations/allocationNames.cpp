@@ -21,16 +21,6 @@ constexpr std::array<primitive, 8> kPrimitives{{{'Z', "boolean"},
 
 }  // namespace
 
-std::string_view withoutAddress(std::string_view signature) {
-  for (const std::string_view before : {"/0x", ".0x", "+0x"}) {
-    const std::size_t found = signature.rfind(before);
-    if (found != std::string_view::npos) {
-      return signature.substr(0, found);
-    }
-  }
-  return signature;
-}
-
 std::string sourceNameOf(std::string_view signature) {
   const std::size_t dimensions = std::min(signature.find_first_not_of('['), signature.size());
   std::string_view element = signature.substr(dimensions);

@@ -366,10 +366,10 @@ std::optional<std::int64_t> allocationProfile::takeStep(JNIEnv* jni) {
 }
 
 void allocationProfile::drain(JNIEnv* jni) {
-  survivingSamples& samples = samples_;  // the analysis does not look into what is called
-  recorder_.queue().take([&](const sampleQueue::entry& each) {
+  // The analysis does not see that the queue calls this at once.
+  recorder_.queue().take([&](const sampleQueue::entry& each) NO_THREAD_SAFETY_ANALYSIS {
     try {
-      samples.add(environment_.jvmti(), jni, each, rounds_);
+      samples_.add(environment_.jvmti(), jni, each, rounds_);
     } catch (const std::bad_alloc&) {
       recorder_.countFailure();  // its reference has its owner
     }

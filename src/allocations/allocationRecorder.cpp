@@ -10,6 +10,7 @@
 #include "support/heldClasses.h"
 #include "support/jniRef.h"
 #include "support/jvmtiRecords.h"
+#include "support/text.h"
 
 namespace agent {
 
@@ -111,7 +112,7 @@ std::uint32_t allocationRecorder::classOf(jvmtiEnv* jvmti, jclass cls) {
   if (!signature) {
     return 0;
   }
-  const std::string_view stable = withoutAddress(signature.view());
+  const std::string_view stable = support::withoutAddress(signature.view());
   const support::lockGuard guard(namesMutex_);
   return classes_.idOf(stable);
 }

@@ -190,7 +190,7 @@ void reportWriter::writeSites() {
     add(rest, all[i]);
   }
   json_.key("otherSites").beginObject();
-  json_.member("sites", std::uint64_t{all.size() - count} + samples_.droppedSites());
+  json_.member("sites", std::uint64_t{all.size() - count});
   writeSums(rest);
   json_.endObject();
 }

@@ -115,7 +115,7 @@ stackTable::knownMethod stackTable::readMethod(jvmtiEnv* jvmti, JNIEnv* jni, jme
     return read;
   }
   read.cls = support::holdClass(jvmti, jni, classes_, cls.get());
-  read.name = support::classNameOf(signature.view());
+  read.name = support::withoutAddress(support::classNameOf(signature.view()));
   read.name += '.';
   read.name += name.view();
   read.name += '(';

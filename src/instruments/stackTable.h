@@ -38,7 +38,7 @@ class stackTable {
                      bool isCut);
   const stack& at(std::uint32_t id) const { return *order_.at(id - 1); }
   std::size_t size() const { return order_.size(); }
-  // "com.example.Shop.sell(Shop.java:31)".
+  // "com.example.Shop.sell(Shop.java:31)"; without the address of a hidden class.
   const std::string& frame(std::uint32_t id) const { return texts_.at(id); }
   std::uint64_t dropped() const { return dropped_; }
   void clear();

@@ -56,6 +56,16 @@ std::string classNameOf(std::string_view signature) {
   return name;
 }
 
+std::string_view withoutAddress(std::string_view signature) {
+  for (const std::string_view before : {"/0x", ".0x", "+0x"}) {
+    const std::size_t found = signature.rfind(before);
+    if (found != std::string_view::npos) {
+      return signature.substr(0, found);
+    }
+  }
+  return signature;
+}
+
 std::uint64_t fnv1a64(std::string_view text) {
   constexpr std::uint64_t kOffsetBasis = 0xcbf29ce484222325U;
   constexpr std::uint64_t kPrime = 0x100000001b3U;

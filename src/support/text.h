@@ -15,6 +15,10 @@ void appendDottedClass(std::string& out, std::string_view signature);
 // "a.Shop$$Lambda/0x1f".
 std::string classNameOf(std::string_view signature);
 
+// The name or signature of a class up to what differs between runs, the address of a hidden class:
+// for "La/Shop$$Lambda.0x0001;" it is "La/Shop$$Lambda". Without one it is whole.
+std::string_view withoutAddress(std::string_view name);
+
 // 64-bit FNV-1a hash.
 std::uint64_t fnv1a64(std::string_view text);
 

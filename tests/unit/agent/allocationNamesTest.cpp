@@ -1,12 +1,13 @@
 // How reports call classes.
 #include "allocations/allocationNames.h"
+#include "support/text.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
 using agent::sourceNameOf;
-using agent::withoutAddress;
+using support::withoutAddress;
 
 TEST(allocationNames, addressesOfHiddenClassesAreCut) {
   EXPECT_EQ(withoutAddress("La/Shop$$Lambda.0x00007f0001234;"), "La/Shop$$Lambda");
