@@ -366,14 +366,14 @@ std::optional<std::int64_t> allocationProfile::takeStep(JNIEnv* jni) {
 }
 
 void allocationProfile::drain(JNIEnv* jni) {
-  // The analysis does not see that the queue calls this at once.
-  recorder_.queue().take([&](const sampleQueue::entry& each) NO_THREAD_SAFETY_ANALYSIS {
+  const auto add = [&](const sampleQueue::entry& each) NO_THREAD_SAFETY_ANALYSIS {
     try {
       samples_.add(environment_.jvmti(), jni, each, rounds_);
     } catch (const std::bad_alloc&) {
       recorder_.countFailure();  // its reference has its owner
     }
-  });
+  };
+  recorder_.queue().take(add);
 }
 
 // Where the living have no room, samples become rarer.
