@@ -39,9 +39,9 @@ def test_leaks_come_before_caches_and_what_was_made_at_the_start(browser, open_s
     table = browser.table(PLACES)
     assert table.column("Allocated in") == [
         "com.example.shop.Shop.login(Shop.java:31)", "com.example.shop.Bus.add(Bus.java:5)",
-        "com.example.shop.Prices.load(Prices.java:9)", "com.example.shop.Pages.get(Pages.java:20)"]
+        "com.example.shop.Pages.get(Pages.java:20)", "com.example.shop.Prices.load(Prices.java:9)"]
     assert table.column("Grows by") == ["4.5 MiB/min", "128 KiB/min", "0", "0"]
-    assert table.column("Samples") == ["73", "3 (few)", "120", "60"]
+    assert table.column("Samples") == ["73", "3 (few)", "60", "120"]
     assert table.column("Classes")[0] == "Session, HashMap$Node"
 
 

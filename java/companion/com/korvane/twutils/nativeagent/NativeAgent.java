@@ -243,10 +243,10 @@ public final class NativeAgent {
     }
   }
 
-  /** Omits what this thread allocates from the allocation profile, from now on. */
-  public static void leaveOutAllocations() {
+  /** Whether allocations of the calling thread are no samples of the allocation profile. */
+  public static void leaveOutAllocations(boolean areLeftOut) {
     try {
-      AgentAllocations.leaveOut(true);
+      AgentAllocations.leaveOut(areLeftOut);
     } catch (UnsatisfiedLinkError e) {
       // An agent without the profile, or none.
     }

@@ -147,7 +147,7 @@ final class AgentThread extends Thread {
   @Override
   public void run() {
     if (currentThread() == this) {
-      NativeAgent.leaveOutAllocations();
+      NativeAgent.leaveOutAllocations(true);
     }
     super.run();
   }

@@ -47,6 +47,7 @@ public final class Companion {
       Console.print("the companion is already running: ignoring the options '" + text + "'");
       return;
     }
+    NativeAgent.leaveOutAllocations(true);
     try {
       start(Options.parse(text), instrumentation, cleanUp);
     } catch (SecurityException e) {
@@ -54,6 +55,8 @@ public final class Companion {
           + " java.security.AllPermission to javanativeagent.jar (" + e.getMessage() + ")");
     } catch (Throwable e) {
       Console.print("nothing is profiled: ", e);
+    } finally {
+      NativeAgent.leaveOutAllocations(false); // the program's own thread goes on
     }
   }
 
