@@ -12,7 +12,6 @@ namespace {
 using namespace test;
 using ::testing::HasSubstr;
 
-constexpr const char* kHookName = "com.korvane.twutils.nativeagent.hook.ShutdownHook";
 constexpr const char* kHooks = "java.lang.ApplicationShutdownHooks";
 
 class shutdownHookTest : public agentTest {
@@ -59,15 +58,20 @@ class shutdownHookTest : public agentTest {
       return taken;
     });
   }
-  // What the inserted call does.
+  // What the inserted call does, once the class is there that it calls.
   void begins() {
-    const auto& natives = vm.classNamed(kHookName)->natives;
-    const auto native = natives.find("begins");
-    if (native != natives.end()) {
-      vm.native([&](JNIEnv* jni) {
+    vm.native([&](JNIEnv* jni) {
+      jclass const hook = jni->FindClass("com/korvane/twutils/nativeagent/hook/ShutdownHook");
+      jni->ExceptionClear();
+      if (hook == nullptr) {
+        return;
+      }
+      const auto& natives = static_cast<fake::javaClass*>(vm.target(hook))->natives;
+      jni->DeleteLocalRef(hook);
+      if (const auto native = natives.find("begins"); native != natives.end()) {
         reinterpret_cast<void(JNICALL*)(JNIEnv*, jclass)>(native->second)(jni, nullptr);
-      });
-    }
+      }
+    });
   }
 
   int runs = 0;

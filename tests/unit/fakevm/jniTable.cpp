@@ -842,6 +842,7 @@ void addCalls(JNINativeInterface_& table) {
   }
   FAKE_CALLS(CallObjectMethod, false, jobject, jobject, jobject)
   FAKE_CALLS(CallIntMethod, false, jint, jobject, jint)
+  FAKE_CALLS(CallVoidMethod, false, bool, jobject, void)
   FAKE_CALLS(CallStaticObjectMethod, true, jobject, jclass, jobject)
   FAKE_CALLS(CallStaticVoidMethod, true, bool, jclass, void)
 #undef FAKE_CALLS
