@@ -64,18 +64,7 @@ bool madeHook::isInstalled() const {
 }
 
 std::string madeHook::install(JNIEnv* jni) {
-  JavaVM* vm = nullptr;
-  if (jni->GetJavaVM(&vm) != JNI_OK) {
-    return "the VM does not give itself";
-  }
-  jvmtiCapabilities wanted{};
-  wanted.can_retransform_classes = 1;
-  jvmtiEventCallbacks callbacks{};
-  callbacks.ClassFileLoadHook = ClassFileLoadHook;
-  std::string problem = environment_.open(vm, wanted, callbacks);
-  if (problem.empty() && environment_.capabilities().can_retransform_classes == 0) {
-    problem = "the VM does not let classes be retransformed";
-  }
+  const std::string problem = instruments::openForHooks(environment_, jni, ClassFileLoadHook);
   return problem.empty() ? theHook().install(environment_.jvmti(), jni) : problem;
 }
 

@@ -29,6 +29,23 @@ void appendMethod(std::string& text, const hookedMethod& method) {
 
 }  // namespace
 
+std::string openForHooks(ownEnvironment& environment, JNIEnv* jni,
+                         jvmtiEventClassFileLoadHook handler) {
+  JavaVM* vm = nullptr;
+  if (jni->GetJavaVM(&vm) != JNI_OK) {
+    return "the VM does not give itself";
+  }
+  jvmtiCapabilities wanted{};
+  wanted.can_retransform_classes = 1;
+  jvmtiEventCallbacks callbacks{};
+  callbacks.ClassFileLoadHook = handler;
+  std::string problem = environment.open(vm, wanted, callbacks);
+  if (problem.empty() && environment.capabilities().can_retransform_classes == 0) {
+    problem = "the VM does not let classes be retransformed";
+  }
+  return problem;
+}
+
 classHook::classHook(const char* className, std::span<const std::uint8_t> classFile,
                      std::vector<hookNative> natives, std::span<const hookedMethod> methods)
     : className_(className),

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "instruments/ownEnvironment.h"
 #include "support/classFile.h"
 #include "support/jniRef.h"
 
@@ -33,6 +34,11 @@ struct hookNative {
   const char* descriptor;
   void* function;
 };
+
+// Opens an environment for hooks: it has can_retransform_classes and this handler. Why it has not,
+// or an empty text.
+std::string openForHooks(ownEnvironment& environment, JNIEnv* jni,
+                         jvmtiEventClassFileLoadHook handler);
 
 // One object for each hook of the process; it is never destroyed. Control calls are for one thread
 // at a time, which the caller sees to, in the live phase, on a Java thread; an exception that was
