@@ -133,7 +133,7 @@ public final class SettingsTest {
     refused(state, expected, () -> NativeAgent.startAllocations(new AllocationSettings(REPORT)));
     same("no moment before the hooks", "the agent is older than the companion, or there is none",
         NativeAgent.beforeShutdownHooks(() -> {}));
-    NativeAgent.leaveOutAllocations();
+    NativeAgent.leaveOutAllocations(true);
     refused(state, expected,
         () -> NativeAgent.startExceptions(new ExceptionSettings(), (record, exception) -> {}));
     NativeAgent.stopExceptions();
