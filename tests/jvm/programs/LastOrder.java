@@ -32,11 +32,11 @@ public final class LastOrder {
     }
     Runtime.getRuntime().addShutdownHook(new Thread(() -> close(run), "closing time"));
     for (int i = 0; i < 30; i++) {
+      for (int j = 0; j < 10; j++) {
+        use(new char[500_000]); // before the first is kept: a thread's first sample may come late
+      }
       KEPT.add(keep());
       KEPT.add(new Tracked());
-      for (int j = 0; j < 10; j++) {
-        use(new char[500_000]);
-      }
     }
     String way = args[0].substring(args[0].indexOf('/') + 1);
     if (args[0].indexOf('/') > 0) {
