@@ -99,6 +99,17 @@ def test_without_the_diagnostic_commands_growth_has_a_problem(jvm, start):
 # --- Who holds it ---
 
 
+def test_the_program_stands_still_once_for_the_paths(jvm, start):
+    if jvm.version() < 17:
+        pytest.skip("the log has other names")
+    run = start("Holders", "map", vm=["-Xlog:safepoint:file=stops.log"])
+    check_paths(read(run, "paths.json"))
+    log = (run.folder / "stops.log").read_text()
+    *others, longest = sorted(int(nanos) for nanos in re.findall(
+        r'"JFROldObject".*At safepoint: +(\d+) ns', log))
+    assert all(each < longest / 4 for each in others), "not when the recording ends, too"
+
+
 @pytest.mark.parametrize("way, chain, root", [
     ("map", [*MAP, "Holders"], ("static field", "Holders.MAP", None)),
     ("thread local", [*LIST, *LOCALS, "java.lang.Thread"],

@@ -12,8 +12,11 @@ import java.time.Instant;
 final class FlightRecording implements RootPaths.Recorder {
   static final String EVENT = "jdk.OldObjectSample";
 
-  /** How long the VM looks for what holds the samples, for which the program stands still. */
-  private static final String CUTOFF = "10 s";
+  /**
+   * How long the VM looks for what holds the samples, for which the program stands still: beyond
+   * a few gigabytes it may not find all of them in any time that a service could wait for.
+   */
+  private static final String CUTOFF = "3 s";
 
   /** Samples come with the dump; what the recorder has written before is of no use. */
   private static final Duration KEPT = Duration.ofSeconds(10);
@@ -52,7 +55,12 @@ final class FlightRecording implements RootPaths.Recorder {
 
   @Override
   public void close() throws ReflectiveOperationException {
-    if (recording != null) {
+    if (recording == null) {
+      return;
+    }
+    try {
+      call("disable", String.class, EVENT); // or its end would have the VM look once more
+    } finally {
       type.getMethod("close").invoke(recording);
     }
   }
