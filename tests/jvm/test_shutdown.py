@@ -84,6 +84,13 @@ def test_a_profile_that_began_with_the_jvm(start):
     assert report["settings"] == {"intervalBytes": 65536, "liveSamples": 50_000}
 
 
+def test_a_session_that_is_too_short_for_paths(start):
+    folder = folder_of(start("exit", 7, ALLOCATIONS, "allocations.paths=true"))
+    paths = json.loads((folder / "allocations-1.paths").read_text())
+    assert paths["report"] == "paths" and (paths["problem"] or paths["paths"])
+    assert not list(folder.glob("*.part"))
+
+
 def test_no_collection_before_the_last_report(start):
     run = start("exit", 7, ALLOCATIONS, "allocations.collect=false")
     report = allocations(folder_of(run))

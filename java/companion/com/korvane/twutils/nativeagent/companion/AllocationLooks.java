@@ -58,7 +58,8 @@ final class AllocationLooks {
   }
 
   /**
-   * The last look. The only histogram of a session would not show what grows: none is taken then.
+   * The last look, after which there are no more. The only histogram of a session would not show
+   * what grows: none is taken then.
    *
    * @param isCollected whether another histogram, which is a collection, may be
    */
@@ -67,9 +68,10 @@ final class AllocationLooks {
     if (hasLooked && isCollected && growth != null) {
       growth.last();
     }
-    if (hasBegun && paths != null) {
+    if (paths != null) {
       paths.last();
     }
+    close(); // or the flight recorder would look once more when it ends with the JVM
   }
 
   /** There are no more looks. */

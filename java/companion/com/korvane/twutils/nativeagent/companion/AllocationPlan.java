@@ -8,12 +8,16 @@ import com.korvane.twutils.nativeagent.OptionKey;
 import java.io.IOException;
 import java.nio.file.Path;
 import java.time.Duration;
+import java.util.concurrent.TimeUnit;
 
 /**
  * Runs an allocation profile, and writes its report anew at an interval. Beside it, what grows and
  * what holds the objects.
  */
 final class AllocationPlan extends SessionPlan<AllocationSession> {
+  /** A JVM that ends is looked at no further when a collection took longer: each look is one. */
+  private static final long LONGEST_AT_END_NANOS = TimeUnit.SECONDS.toNanos(3);
+
   private final long interval;
   private final int samples;
   private final Duration write;
@@ -80,9 +84,15 @@ final class AllocationPlan extends SessionPlan<AllocationSession> {
   public void shutdownBegins() {
     if (session != null) {
       isEnding = true;
+      long before = System.nanoTime();
       session.shutdownBegins(isCollected);
+      boolean isLong = System.nanoTime() - before > LONGEST_AT_END_NANOS;
       writeSoFar();
-      takeLastLook();
+      if (isLong) {
+        skipLastLook();
+      } else {
+        takeLastLook();
+      }
     }
   }
 
@@ -99,6 +109,15 @@ final class AllocationPlan extends SessionPlan<AllocationSession> {
     if (!isLastLookTaken && looks != null) {
       isLastLookTaken = true;
       looks.last(isCollected);
+    }
+  }
+
+  private void skipLastLook() {
+    if (!isLastLookTaken && looks != null) {
+      isLastLookTaken = true;
+      looks.close();
+      Console.print("the last look at what grows and who holds it is omitted: the garbage"
+          + " collection at the end of the JVM has taken more than 3 s");
     }
   }
 

@@ -168,13 +168,14 @@ final class Controller {
     }
   }
 
+  /** The allocation profile comes last: it looks for what else there is to know. */
   private void reportWhatIsAlive() {
-    reportAllocations();
     Instrument memory = instruments.get(Feature.MEMORY);
     if (memory.runningSession() > 0 && NativeAgent.isDetailRunning()) {
       endPart(() -> NativeAgent.stopRecording(PATIENCE_TO_STOP)); // it would stand in the way
     }
     endPart(memory::shutdownBegins);
+    reportAllocations();
   }
 
   /** Once. */

@@ -23,7 +23,7 @@ final class Growth {
   private static final long TOLERANCE = 20; // a part in so many of the interval asked for
 
   /** The last histogram is not taken when the one before took longer. */
-  private static final Duration LONGEST_AT_END = Duration.ofSeconds(10);
+  private static final Duration LONGEST_AT_END = Duration.ofSeconds(3);
 
   /** By name: where there is no management, this class is not there either. */
   private static final String NO_SUCH_BEAN = "javax.management.InstanceNotFoundException";

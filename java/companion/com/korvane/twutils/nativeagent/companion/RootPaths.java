@@ -19,11 +19,13 @@ final class RootPaths {
   private static final long SHARE = 100;
 
   /** The last ones are not looked for when that took longer the time before. */
-  private static final Duration LONGEST_AT_END = Duration.ofSeconds(10);
+  private static final Duration LONGEST_AT_END = Duration.ofSeconds(5);
 
   private static final long MOST_BYTES = 256L << 20; // of the recorder's file
   private static final Duration CLOCK_DIFFERENCE = Duration.ofSeconds(1); // to the recorder's clock
 
+  private static final String NOT_YET =
+      "the session or the JVM ended before the flight recorder was asked";
   private static final String NO_SAMPLES =
       "the flight recorder has no samples: little was allocated, or it takes none with this"
           + " collector, as with Shenandoah on JDK 25";
@@ -67,7 +69,10 @@ final class RootPaths {
     dump = file.resolveSibling(file.getFileName() + ".jfr.part");
   }
 
-  /** Samples are taken from now on. The first start of the recorder in a JVM takes a second. */
+  /**
+   * Samples are taken from now on. The first start of the recorder in a JVM takes a second. The
+   * file is there from now on, without paths.
+   */
   void start() {
     try {
       recorder.start();
@@ -75,6 +80,7 @@ final class RootPaths {
     } catch (Throwable e) {
       problem = problemOf(e);
     }
+    writeFile(new RootPathGroups(), problem == null ? NOT_YET : problem);
   }
 
   /** Writes the file, unless that would take more than 1 % of the time since the last time. */

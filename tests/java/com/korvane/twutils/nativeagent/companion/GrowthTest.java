@@ -317,7 +317,7 @@ public final class GrowthTest {
     growth.takePoint();
     same("1 %", 3, fake.taken);
     Checks.contains("short again", "\"intervalMillis\":60000,", Checks.text(file));
-    fake.takesMillis = 20_000;
+    fake.takesMillis = 4000;
     growth.last();
     same("early at the end", 4, fake.taken);
     growth.last();
