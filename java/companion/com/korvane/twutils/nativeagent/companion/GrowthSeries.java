@@ -34,7 +34,7 @@ final class GrowthSeries {
   private final FirstSizes first = new FirstSizes();
   private final Deque<long[]> unused = new ArrayDeque<>(); // all memory is there from the start
   private Map<String, Course> courses = new HashMap<>();
-  private List<Course> grown = new ArrayList<>(); // the same, those that grew most first
+  private List<Course> grown = new ArrayList<>(); // of these, those that grew most first
   private int otherClasses;
 
   /** The sizes of a class at the points, and by how much it has grown. */
@@ -109,7 +109,7 @@ final class GrowthSeries {
     thinOut(at, count);
     thinOut(tookMillis, count);
     heap.thin(count);
-    for (Course course : grown) {
+    for (Course course : courses.values()) {
       course.thin(count);
     }
   }
@@ -120,7 +120,10 @@ final class GrowthSeries {
     }
   }
 
-  /** From now on those have a course that have grown most, and no others. */
+  /**
+   * From now on those have a course that have grown most, and where there is room, those that have
+   * had one: of a class that comes and goes, the points at which it is small count, too.
+   */
   private void follow(ClassHistogram histogram) {
     grown = mostGrownOf(histogram);
     otherClasses = histogram.sizes().size() + histogram.omitted - grown.size();
@@ -133,17 +136,22 @@ final class GrowthSeries {
         course.continueWith(earlier);
       }
     }
-    for (Course ended : before.values()) {
-      unused.add(ended.bytes);
-      unused.add(ended.objects);
+    for (Course earlier : before.values()) {
+      if (courses.size() < MOST_CLASSES) {
+        courses.put(earlier.name, earlier);
+      } else {
+        unused.add(earlier.bytes);
+        unused.add(earlier.objects);
+      }
     }
-    for (Course course : grown) {
+    for (Course course : courses.values()) {
       if (course.bytes == null) {
         begin(course);
       }
       ClassHistogram.Size now = histogram.sizes().get(course.name);
-      course.bytes[count] = now.bytes;
-      course.objects[count] = now.objects;
+      long unlisted = histogram.omitted == 0 ? 0 : UNKNOWN;
+      course.bytes[count] = now == null ? unlisted : now.bytes;
+      course.objects[count] = now == null ? unlisted : now.objects;
     }
   }
 

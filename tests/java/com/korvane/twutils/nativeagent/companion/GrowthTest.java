@@ -227,7 +227,7 @@ public final class GrowthTest {
     series.add(3, 1, histogram("a.Old", 30, "a.New", 7, "a.B", 11));
     String text = json(series, null);
     Checks.contains("new", "\"class\":\"a.New\",\"bytes\":[0,5,6,7],\"objects\":[0,2,2,2]", text);
-    Checks.contains("gone meanwhile", "\"class\":\"a.Old\",\"bytes\":[10,null,null,30]", text);
+    Checks.contains("gone meanwhile", "\"class\":\"a.Old\",\"bytes\":[10,20,10,30]", text);
     Checks.contains("late", "\"class\":\"a.B\",\"bytes\":[10,null,null,11]", text);
     for (int i = 4; i < 2000; i++) { // with memory for 200 courses
       series.add(i, 1, histogram("a.Old", 30, "a.Of" + i, 1000));
