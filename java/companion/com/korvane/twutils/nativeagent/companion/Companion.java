@@ -17,9 +17,10 @@ import java.util.concurrent.atomic.AtomicBoolean;
 public final class Companion {
   /**
    * Programs choose their log manager early in {@code main}, and whatever has to do with management
-   * makes the JVM settle on one: it has to wait.
+   * makes the JVM settle on one: it has to wait. A plain number, as the thread that loads this class
+   * is the program's: what that allocated would be in the allocation profile.
    */
-  private static final Duration UNTIL_MAIN_HAS_BEGUN = Duration.ofSeconds(1);
+  private static final int SECONDS_UNTIL_MAIN_HAS_BEGUN = 1;
 
   /** What has to be left for the JVM, which starts threads after this, and for the program. */
   private static final int SPARE_THREADS = 12;
@@ -79,7 +80,8 @@ public final class Companion {
     controller.startClock();
     Runtime.getRuntime().addShutdownHook(AgentThread.inAnyCase("end", () -> end(controller)));
     controller.begin();
-    controller.after(UNTIL_MAIN_HAS_BEGUN, () -> meetManagement(controller));
+    controller.after(
+        Duration.ofSeconds(SECONDS_UNTIL_MAIN_HAS_BEGUN), () -> meetManagement(controller));
   }
 
   private static void meetManagement(Controller controller) {

@@ -162,9 +162,14 @@ final class Controller {
    */
   private void beforeHooks() {
     hasEnded = true;
-    if (!timetable.byClock(PATIENCE_TO_END, this::reportWhatIsAlive)) {
-      Console.print("the shutdown hooks of the program run before what is alive is reported: that"
-          + " takes more than " + PATIENCE_TO_END.getSeconds() + " s");
+    NativeAgent.leaveOutAllocations(true);
+    try {
+      if (!timetable.byClock(PATIENCE_TO_END, this::reportWhatIsAlive)) {
+        Console.print("the shutdown hooks of the program run before what is alive is reported: that"
+            + " takes more than " + PATIENCE_TO_END.getSeconds() + " s");
+      }
+    } finally {
+      NativeAgent.leaveOutAllocations(false); // the thread of the program goes on
     }
   }
 
