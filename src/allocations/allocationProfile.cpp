@@ -20,6 +20,7 @@ constexpr const char* kStart = "allocationProfile::start";
 constexpr std::int64_t kStep = 100'000'000;       // nanoseconds
 constexpr std::int64_t kRemoval = 1'000'000'000;  // between two searches for dead samples
 constexpr std::int64_t kShortCollection = 500'000'000;
+constexpr std::chrono::seconds kPatience{2};
 
 const std::vector<jvmtiEvent>& events() {
   static const std::vector<jvmtiEvent> all = {JVMTI_EVENT_SAMPLED_OBJECT_ALLOC,
@@ -279,19 +280,63 @@ void allocationProfile::shutdownBegins(JNIEnv* jni, bool afterCollection) {
   session_.shutdown = frozen_->at;
 }
 
-// The last words, after all of the program's shutdown hooks. Nothing here waits for long, except
-// for a collection when the one before the hooks was short: what has not come by then was suspended
-// by a debugger.
+// Whether there is to be a collection after the shutdown hooks, which shows what they have left.
+bool allocationProfile::prepareLastCollection(JNIEnv* jni) {
+  if (!frozen_ || !frozen_->afterCollection || collectionNanos_ >= kShortCollection) {
+    return false;
+  }
+  drain(jni);
+  if (!rounds_.renew(jni)) {
+    return false;
+  }
+  samples_.renewed(rounds_);
+  return true;
+}
+
+bool allocationProfile::isLastCollectionDue(JNIEnv* jni) {
+  if (!samplesMutex_.tryLockUntil(support::patienceClock::now() + kPatience)) {
+    return false;
+  }
+  bool isDue = false;
+  try {
+    isDue = prepareLastCollection(jni);
+  } catch (...) {
+    samplesMutex_.unlock();
+    throw;
+  }
+  samplesMutex_.unlock();
+  return isDue;
+}
+
+// The profile's own thread collects, for a collector with threads of its own has ended them when
+// the VM ends, and never answers. What takes much longer than before the hooks is left alone.
+void allocationProfile::collectAtEnd() {
+  constexpr std::chrono::milliseconds kLeast{200};
+  const auto patience = kLeast + 3 * std::chrono::nanoseconds(collectionNanos_.load());
+  lastCollection_.store(lastCollection::asked);
+  thread_.wake();
+  instruments::comesSoon([&] { return lastCollection_.load() >= lastCollection::answered; },
+                         patience);
+  lastCollection asked = lastCollection::asked;
+  lastCollection_.compare_exchange_strong(asked, lastCollection::none);
+}
+
+// The last words, after all of the program's shutdown hooks. Nothing here waits for long: what has
+// not come by then was suspended by a debugger.
 void allocationProfile::endWithVm(JNIEnv* jni) {
   constexpr const char* kFunction = "allocationProfile::endWithVm";
-  constexpr std::chrono::seconds kPatience{2};
   const std::string path = lastReport_.path();
   if (path.empty() || !isRunning()) {
     return;
   }
+  if (isLastCollectionDue(jni)) {
+    collectAtEnd();
+  }
   recorder_.end();
   thread_.stop();
-  if (!thread_.hasEnded() ||
+  // While it waits for a collection it uses nothing of the profile, nor afterwards.
+  const bool isAway = lastCollection_.load() == lastCollection::begun;
+  if ((!isAway && !thread_.hasEnded()) ||
       !samplesMutex_.tryLockUntil(support::patienceClock::now() + kPatience)) {
     TW_LOG(kLogError, kSeverityError, kFunction, "%s was not written at the end", path.c_str());
     return;
@@ -310,18 +355,12 @@ void allocationProfile::endWithVm(JNIEnv* jni) {
 
 // What the hooks have left, and the end of the session.
 void allocationProfile::finish(JNIEnv* jni) {
-  if (frozen_ && frozen_->afterCollection && collectionNanos_ < kShortCollection) {
-    drain(jni);
-    if (rounds_.renew(jni)) {
-      samples_.renewed(rounds_);
-    }
-    environment_.jvmti()->ForceGarbageCollection();
-  }
   catchUp(jni);
   session_.ended = instruments::steadyNanos();
   if (!frozen_) {
     frozen_ = stateOf(false);
-  } else if (session_.shutdown != 0 && rounds_.ended() > frozen_->collections) {
+  } else if (session_.shutdown != 0 && lastCollection_.load() == lastCollection::done &&
+             rounds_.ended() > frozen_->collections) {
     left_ = afterHooks{rounds_.ended() - frozen_->collections,
                        samples_.aliveSince(session_.shutdown, frozen_->collections, rounds_)};
   }
@@ -344,6 +383,13 @@ std::string allocationProfile::reportText(bool afterCollection) {
 
 std::optional<std::int64_t> allocationProfile::takeStep(JNIEnv* jni) {
   allocationRecorder::leaveOutThisThread(true);
+  lastCollection asked = lastCollection::asked;
+  if (lastCollection_.compare_exchange_strong(asked, lastCollection::begun)) {
+    const jvmtiError error = environment_.jvmti()->ForceGarbageCollection();
+    lastCollection_.store(error == JVMTI_ERROR_NONE ? lastCollection::done
+                                                    : lastCollection::answered);
+    return std::nullopt;
+  }
   const support::lockGuard guard(samplesMutex_);
   if (session_.ended != 0 || !isRunning()) {
     return std::nullopt;

@@ -11,6 +11,7 @@
 
 #include <jvmti.h>
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -66,6 +67,9 @@ class allocationProfile {
   bool collect(JNIEnv* jni) EXCLUDES(samplesMutex_);
   bool isFrozen() EXCLUDES(samplesMutex_);
   aliveState stateOf(bool afterCollection) REQUIRES(samplesMutex_);
+  bool prepareLastCollection(JNIEnv* jni) REQUIRES(samplesMutex_);
+  bool isLastCollectionDue(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  void collectAtEnd();
   void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
   void finish(JNIEnv* jni) REQUIRES(samplesMutex_);
   std::string reportText(bool afterCollection) REQUIRES(samplesMutex_);
@@ -84,11 +88,15 @@ class allocationProfile {
   collectionRounds rounds_;  // under samplesMutex_, except for the handler
   bool hasDead_ GUARDED_BY(samplesMutex_) = false;
   std::int64_t lastRemoval_ GUARDED_BY(samplesMutex_) = 0;
-  std::int64_t collectionNanos_ GUARDED_BY(samplesMutex_) = 0;  // of the last one asked for
+  std::atomic<std::int64_t> collectionNanos_{0};  // of the last one asked for
   // What was alive when the profile was stopped, or the VM began to shut down.
   std::optional<aliveState> frozen_ GUARDED_BY(samplesMutex_);
   std::optional<afterHooks> left_ GUARDED_BY(samplesMutex_);
   instruments::costAccount cost_ GUARDED_BY(samplesMutex_);
+
+  // The collection after the shutdown hooks.
+  enum class lastCollection : std::uint8_t { none, asked, begun, answered, done };
+  std::atomic<lastCollection> lastCollection_{lastCollection::none};
 
   instruments::lastReport lastReport_;
   instruments::ownThread thread_;

@@ -18,10 +18,9 @@ namespace instruments {
 // Waits for `condition`, two seconds at most: what has not come by then was suspended by a
 // debugger, or has no processor. Returns whether it came.
 template <typename Condition>
-bool comesSoon(Condition&& condition) {
-  constexpr std::chrono::seconds kPatience{2};
+bool comesSoon(Condition&& condition, std::chrono::nanoseconds patience = std::chrono::seconds(2)) {
   constexpr std::chrono::milliseconds kPause{1};
-  const auto end = std::chrono::steady_clock::now() + kPatience;
+  const auto end = std::chrono::steady_clock::now() + patience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
       return false;

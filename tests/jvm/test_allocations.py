@@ -239,6 +239,20 @@ def test_what_hooks_erase_is_in_the_report(jvm, how, status):
     assert_kept_before_hooks(ending(jvm, how, "plain", exit_code=status))
 
 
+@pytest.mark.parametrize("collector", COLLECTORS)
+def test_every_collector_lets_the_vm_end(jvm, collector):
+    if not jvm.supports(collector):
+        pytest.skip("this VM has no such collector")
+    # Some have ended their threads by then: they never answer a request for a collection.
+    run = ending(jvm, "exit", "plain", vm=(collector,), exit_code=3)
+    report = assert_whole(reported(run, "end.json"))
+    samples, _, objects = sums_of(report, "AllocationEnding$Session")
+    assert_near(objects, 100_000, samples)
+    if report["afterHooks"] is not None:
+        (site,) = sites_of(report, "AllocationEnding$Session")
+        assert site["afterHooks"]["samples"] <= 1, "the hooks have cleared them"
+
+
 @pytest.mark.parametrize("action", ["throws", "error"])
 def test_an_action_that_fails_is_no_matter(jvm, action):
     assert_kept_before_hooks(ending(jvm, "exit", action, exit_code=3))

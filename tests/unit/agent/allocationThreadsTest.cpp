@@ -177,6 +177,33 @@ TEST_F(allocationThreads, whereNobodyAskedForCollectionsTheEndHasNone) {
   EXPECT_TRUE(written().at("afterHooks").is_null());
 }
 
+// One of the young objects takes nothing that is old.
+TEST_F(allocationThreads, aCollectionWhileTheHooksRanDoesNotShowWhatTheyHaveLeft) {
+  begin();
+  allocate(session, true);
+  EXPECT_TRUE(reportAtEnd(true));
+  shutdownBegins(false);
+  vm.collectGarbage();
+  vm.collectGarbage();
+  EXPECT_TRUE(vm.vmDeath());
+  EXPECT_TRUE(written().at("afterHooks").is_null());
+}
+
+// A collector whose threads have ended does not.
+TEST_F(allocationThreads, aLastCollectionThatIsNotAnsweredDoesNotKeepTheVm) {
+  begin();
+  allocate(session, true);
+  EXPECT_TRUE(reportAtEnd(true));
+  shutdownBegins(true);
+  std::latch isOver(1);
+  vm.on("ForceGarbageCollection", [&] { isOver.wait(); });
+  EXPECT_TRUE(vm.vmDeath());
+  const nlohmann::json report = written();
+  EXPECT_EQ(samplesOf(report.at("alive")), 1);
+  EXPECT_TRUE(report.at("afterHooks").is_null());
+  isOver.count_down();
+}
+
 TEST_F(allocationThreads, withoutAnOrderTheVmWritesNothing) {
   begin();
   EXPECT_TRUE(vm.vmDeath());
