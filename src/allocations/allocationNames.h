@@ -6,7 +6,8 @@
 
 namespace agent {
 
-// The name that a source has for a signature, with or without the address of a hidden class: "a.Shop", "byte[]", "java.lang.String[][]".
+// The name that a source has for a signature, with or without the address of a hidden class:
+// "a.Shop", "byte[]", "java.lang.String[][]".
 std::string sourceNameOf(std::string_view signature);
 
 }  // namespace agent
