@@ -7,7 +7,7 @@
 // oldest entries nothing from the former. Of fewer than kFewSamples the first and the last eighth
 // count as well, as all samples are needed. Where histograms have the class, a site grows by no
 // more than the class. A class grows by what its sites grow by, those with few samples taken
-// together: what one site made at the start and another one at the end is no growth.
+// together: what one site made at the start and another one at the end is not growth.
 #pragma once
 
 #include <cstddef>
