@@ -202,6 +202,7 @@ TEST_F(allocationThreads, aLastCollectionThatIsNotAnsweredDoesNotKeepTheVm) {
   EXPECT_EQ(samplesOf(report.at("alive")), 1);
   EXPECT_TRUE(report.at("afterHooks").is_null());
   isOver.count_down();
+  own.reset();
 }
 
 TEST_F(allocationThreads, withoutAnOrderTheVmWritesNothing) {
