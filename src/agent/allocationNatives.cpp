@@ -4,6 +4,7 @@
 #include <string>
 
 #include "agent/nativeMethod.h"
+#include "agent/shutdownHook.h"
 #include "allocations/allocationProfile.h"
 #include "support/jniRef.h"
 
@@ -76,7 +77,9 @@ JNIEXPORT jboolean JNICALL TW_ALLOCATIONS(stop)(JNIEnv* jni, jclass /*cls*/,
 JNIEXPORT void JNICALL TW_ALLOCATIONS(shutdownBegins)(JNIEnv* jni, jclass /*cls*/,
                                                       jboolean afterCollection) {
   native(TW_ALLOCATIONS_NAME(shutdownBegins), [&] {
-    allocationProfile::ofProcess().shutdownBegins(jni, afterCollection == JNI_TRUE);
+    allocationProfile::ofProcess().shutdownBegins(jni, afterCollection == JNI_TRUE, [] {
+      return shutdownHook::ofProcess().haveHooksBegun();
+    });
     return 1;
   });
 }

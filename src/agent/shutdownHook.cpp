@@ -57,6 +57,7 @@ void JNICALL shutdownHook::begins(JNIEnv* jni, jclass /*cls*/) {
       jni->DeleteGlobalRef(action);
     }
   });
+  ofProcess().haveHooksBegun_.store(true);
 }
 
 void JNICALL shutdownHook::ClassFileLoadHook(jvmtiEnv* jvmti, JNIEnv* /*jni*/, jclass /*redefined*/,

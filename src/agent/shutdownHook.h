@@ -6,6 +6,7 @@
 
 #include <jvmti.h>
 
+#include <atomic>
 #include <string>
 
 #include "instruments/ownEnvironment.h"
@@ -23,6 +24,9 @@ class shutdownHook {
   // that waits for a safepoint. Empty, or why it will not run. On a Java thread, in the live phase.
   std::string run(JNIEnv* jni, jobject action) EXCLUDES(mutex_);
 
+  // Whether the action is over, so that the program's hooks may run. Any thread.
+  bool haveHooksBegun() const { return haveHooksBegun_.load(); }
+
  private:
   shutdownHook() = default;
 
@@ -35,6 +39,7 @@ class shutdownHook {
   std::string install(JNIEnv* jni) REQUIRES(controlMutex_);
   jobject exchange(jobject action) EXCLUDES(mutex_);
 
+  std::atomic<bool> haveHooksBegun_{false};
   support::mutex controlMutex_;
   instruments::ownEnvironment environment_ GUARDED_BY(controlMutex_);
   support::mutex mutex_;

@@ -267,13 +267,18 @@ bool allocationProfile::reportAtEnd(const std::string& path, bool isEnding) {
   return true;
 }
 
-void allocationProfile::shutdownBegins(JNIEnv* jni, bool afterCollection) {
+void allocationProfile::shutdownBegins(JNIEnv* jni, bool afterCollection,
+                                       const std::function<bool()>& haveHooksBegun) {
   const support::lockGuard oneCall(controlMutex_);
   if (!isRunning() || isFrozen()) {
     return;
   }
   const bool isAfter = afterCollection && collect(jni);
   const support::lockGuard guard(samplesMutex_);
+  // The collection took longer than the action before the hooks waits: they may have freed things.
+  if (haveHooksBegun()) {
+    return;
+  }
   catchUp(jni);
   samples_.markPoint(rounds_, instruments::steadyNanos());
   frozen_ = stateOf(isAfter);

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -44,7 +45,9 @@ class allocationProfile {
       EXCLUDES(controlMutex_);
   bool stop(JNIEnv* jni, bool afterCollection) EXCLUDES(controlMutex_);
   bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_);
-  void shutdownBegins(JNIEnv* jni, bool afterCollection) EXCLUDES(controlMutex_);
+  // Keeps nothing when `haveHooksBegun` is true by the time that the collection is over.
+  void shutdownBegins(JNIEnv* jni, bool afterCollection,
+                      const std::function<bool()>& haveHooksBegun) EXCLUDES(controlMutex_);
 
  private:
   allocationProfile();

@@ -1,9 +1,13 @@
 // The action before the program's shutdown hooks, on a VM that refuses one call after the other.
 #include "agent/shutdownHook.h"
 
+#include <com_korvane_twutils_nativeagent_AgentAllocations.h>
 #include <com_korvane_twutils_nativeagent_AgentShutdown.h>
 
+#include <nlohmann/json.hpp>
+
 #include "agentTest.h"
+#include "allocations/allocationProfile.h"
 #include "classFileBuilder.h"
 #include "eachCall.h"
 
@@ -115,6 +119,24 @@ TEST_F(shutdownHookTest, anActionMaySetTheNextOne) {
   EXPECT_EQ(runs, 0);
   begins();
   EXPECT_EQ(runs, 1);
+}
+
+// The report has a moment before the hooks only when what is alive was seen by then.
+TEST_F(shutdownHookTest, whatIsAliveWhileHooksRunIsNotWhatWasBefore) {
+  loadHooks();
+  agent::allocationProfile& profile = agent::allocationProfile::ofProcess();
+  const std::string path = folder() / "allocations.json";
+  EXPECT_EQ(beforeHooks(makeAction()), "");
+  vm.native([&](JNIEnv* jni) {
+    EXPECT_EQ(profile.start(vm.javaVm(), jni, {1024, 1000}), "");
+    vm.on("ForceGarbageCollection", [&] { begins(); });
+    Java_com_korvane_twutils_nativeagent_AgentAllocations_shutdownBegins(jni, nullptr, JNI_TRUE);
+    EXPECT_EQ(profile.snapshot(jni, path, false), "");
+    profile.stop(jni, false);
+  });
+  vm.runAgentThreads();
+  EXPECT_EQ(runs, 1);
+  EXPECT_TRUE(nlohmann::json::parse(readFile(path)).at("shutdownAt").is_null());
 }
 
 TEST_F(shutdownHookTest, givesTheReasonWhenItWillNotRun) {
