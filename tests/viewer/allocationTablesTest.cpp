@@ -59,6 +59,32 @@ TEST(allocationTables, showWhatGrowsWithTheSamplesBehindIt) {
             HasSubstr("No path is known for objects of com.example.Listener")));
 }
 
+TEST(allocationTables, nameHoldersOfWhatWasAllocatedElsewhereAsSuch) {
+  json document = recordedAllocations();
+  document["points"][0]["collections"] = 0;
+  json paths = recordedPaths();
+  paths["paths"].push_back(paths["paths"][0]);
+  paths["paths"][0]["chain"][1]["index"] = paths["paths"][1]["chain"][1]["index"];
+  allocationSession session = sessionOf(document);
+  addPaths(session, paths);
+  const std::string text = tables(session);
+  EXPECT_THAT(text, AllOf(HasSubstr("      held by java.util.HashMap$Node.value"),
+                          Not(HasSubstr("... 1 more\n   allocated by")),
+                          HasSubstr("what was alive until then is not known.")));
+  for (json& path : paths["paths"]) {
+    path["stack"] = {"com.example.Other.load(Other.java:7)"};
+  }
+  addPaths(session, paths);
+  EXPECT_THAT(tables(session), AllOf(HasSubstr("objects of this class are held by java.util"),
+                                     Not(HasSubstr("      held by"))));
+  for (json& site : document["sites"]) {
+    site["alive"] = amountOf(0);
+  }
+  allocationSession dead = sessionOf(document);
+  addPaths(dead, paths);
+  EXPECT_THAT(tables(dead), Not(HasSubstr("held by")));
+}
+
 TEST(allocationTables, tellWhatIsNotKnown) {
   EXPECT_THAT(tablesWith([](json& all) { all["collections"] = 0; }),
               AllOf(HasSubstr("NO COLLECTION ran"), HasSubstr("grows by ?")));

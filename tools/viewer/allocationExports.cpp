@@ -53,7 +53,7 @@ void allocationGauges(const std::vector<allocationSession>& sessions, std::ostre
   for (const allocationSession& session : sessions) {
     for (const grownClass& one : grownClassesOf(session)) {
       const gauge::labels of = {{"report", session.source()}, {"class", one.className}};
-      if (session.samples) {
+      if (one.sum.allocated.samples > 0) {  // others are in histograms only
         alive.add(of, one.sum.alive.bytes);
         samples.add(of, one.sum.alive.samples);
         allocated.add(of, one.sum.allocated.bytes);

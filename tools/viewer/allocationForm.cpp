@@ -180,6 +180,9 @@ class allocationWriter {
       writeAllocated(one.sum.allocated);
       writeAmount("alive", one.sum.alive);
       writePathNumbers(one.className, place.site);
+      const auto paths = pathsOf(session_, one.className, place.site);
+      json_.member("pathsAreOfSite",
+                   !paths.empty() && isPathOf(*paths.front(), one.className, place.site));
       json_.endObject();
     });
     json_.endObject();

@@ -29,7 +29,8 @@ std::string noReport(const profile& all) {
   return all.run->removedReports > 0
              ? fmt::format("no allocation report: {} reports of the run were deleted",
                            all.run->removedReports)
-             : "no allocation report: the JVM was killed or is still running";
+             : "no allocation report: the profile could not be started (standard error had the "
+               "reason), or the JVM was killed or is still running";
 }
 
 class gapFinder {

@@ -266,7 +266,7 @@ std::vector<const rootPath*> pathsOf(const allocationSession& session, const std
     for (const rootPath& path : session.paths->paths) {
       if (path.className == className) {
         ofClass.push_back(&path);
-        if (site && isAllocatedAt(path, *site)) {
+        if (isPathOf(path, className, site)) {
           ofSite.push_back(&path);
         }
       } else if (linkOf(path, className) < path.chain.size()) {
@@ -275,6 +275,11 @@ std::vector<const rootPath*> pathsOf(const allocationSession& session, const std
     }
   }
   return !ofSite.empty() ? ofSite : !ofClass.empty() ? ofClass : through;
+}
+
+bool isPathOf(const rootPath& path, const std::string& className,
+              const std::optional<std::string>& site) {
+  return path.className == className && site && isAllocatedAt(path, *site);
 }
 
 std::string pathText(const rootPath& path, const std::string& className) {

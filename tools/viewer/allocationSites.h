@@ -75,4 +75,9 @@ std::vector<const rootPath*> pathsOf(const allocationSession& session, const std
 // "java.util.HashMap$Node.value <- java.util.HashMap$Node[12] <- static field a.B.c".
 std::string pathText(const rootPath& path, const std::string& className);
 
+// Whether the path is known to be of an object of the class that was allocated in the site's
+// method.
+bool isPathOf(const rootPath& path, const std::string& className,
+              const std::optional<std::string>& site);
+
 }  // namespace viewer

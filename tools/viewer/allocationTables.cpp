@@ -18,6 +18,16 @@ constexpr std::size_t kCourseColumns = 16;
 constexpr std::size_t kClassesOfASite = 3;
 constexpr std::size_t kPathsOfASite = 2;
 
+// Nothing is alive there because nobody has looked.
+std::string beforeCollections(const std::vector<allocationPoint>& points) {
+  const auto looked = std::find_if(points.begin(), points.end(),
+                                   [](const allocationPoint& one) { return one.collections > 0; });
+  return looked == points.begin() || looked == points.end()
+             ? ""
+             : fmt::format("No collection ran before {}: what was alive until then is not known.\n",
+                           timeText(looked->at));
+}
+
 std::string courseLine(const allocationSession& session, const terminalStyle& terminal) {
   constexpr std::size_t kColumns = 60;
   if (!session.samples || session.samples->points.size() < 2) {
@@ -37,7 +47,8 @@ std::string courseLine(const allocationSession& session, const terminalStyle& te
          terminal.sparkline(values, size) + '\n' + fmt::format("{}{:{}}{}\n", from, "", gap, to) +
          fmt::format("First: {}; last: {}; most: {}\n", sizeText(values.front()),
                      sizeText(values.back()),
-                     sizeText(*std::max_element(values.begin(), values.end())));
+                     sizeText(*std::max_element(values.begin(), values.end()))) +
+         beforeCollections(points);
 }
 
 // "HashMap$Node" of "java.util.HashMap$Node": the lines below the table have all of it.
@@ -77,12 +88,20 @@ std::string siteTable(const std::vector<grownSite>& sites, std::size_t rows,
 
 std::string pathLines(const allocationSession& session, const std::string& className,
                       const std::optional<std::string>& site, const terminalStyle& terminal) {
-  std::string result;
-  const std::vector<const rootPath*> paths = pathsOf(session, className, site);
-  for (const rootPath* path : first(paths, kPathsOfASite)) {
-    result += sentenceLines({fmt::format("held by {}", pathText(*path, className))}, terminal, 6);
+  std::vector<std::string> texts;  // paths by other places in arrays may read the same
+  for (const rootPath* path : pathsOf(session, className, site)) {
+    const std::string text = fmt::format(
+        "{} {}", isPathOf(*path, className, site) ? "held by" : "objects of this class are held by",
+        pathText(*path, className));
+    if (std::find(texts.begin(), texts.end(), text) == texts.end()) {
+      texts.push_back(text);
+    }
   }
-  return result + moreLine(paths.size(), kPathsOfASite, 6);
+  std::string result;
+  for (const std::string& text : first(texts, kPathsOfASite)) {
+    result += sentenceLines({text}, terminal, 6);
+  }
+  return result + moreLine(texts.size(), kPathsOfASite, 6);
 }
 
 std::string threadsText(const allocationSum& sum) {
@@ -119,7 +138,9 @@ std::string siteDetails(const allocationSession& session, const grownSite& group
     result += sentenceLines({fmt::format("{}: {}, grows by {}", one.className,
                                          aliveText(one.sum.alive), growthText(one.sum.growsBy))},
                             terminal, 3);
-    result += pathLines(session, one.className, group.site, terminal);
+    if (one.sum.alive.samples > 0) {
+      result += pathLines(session, one.className, group.site, terminal);
+    }
   }
   result += moreLine(group.classes.size(), kClassesOfASite, 3);
   if (const std::string threads = threadsText(group.sum); !threads.empty()) {

@@ -31,7 +31,7 @@ void addHooks(const allocationReport& report, std::vector<std::string>& to) {
     return;
   }
   const std::string when =
-      fmt::format("What is alive was looked at {} UTC, before the program's shutdown hooks ran",
+      fmt::format("What is alive is as of {} UTC, before the program's shutdown hooks ran",
                   momentText(report, *report.shutdownAt));
   if (!report.released) {
     to.push_back(when +
@@ -165,7 +165,7 @@ std::vector<std::string> growthNotes(const allocationSession& session) {
               std::clamp(growth.heap.bytesPerMinute.value_or(0), 0.0, 9e18))),
           sizeText(growth.maxHeap.value_or(0)), dayAndTimeText(growth.heap.fullAt.value_or(0))));
   add(result, growth.otherClasses > 0,
-      fmt::format("Histograms list the {} that grew most; {} not.",
+      fmt::format("Histograms list the {} that grew most; {} not listed.",
                   counted(growth.classes.size(), "class", "classes"),
                   counted(growth.otherClasses, "other is", "others are")));
   return result;
@@ -195,7 +195,8 @@ std::vector<std::string> pathNotes(const allocationSession& session,
       fmt::format("{} not listed.", counted(paths.otherPaths, "more path is", "more paths are")));
   std::string without;
   for (const grownClass& one : first(classes, shown)) {
-    if (pathsOf(session, one.className, {}).empty()) {
+    const bool isAlive = one.sum.alive.samples > 0 || one.sum.growsBy.value_or(0) > 0;
+    if (isAlive && pathsOf(session, one.className, {}).empty()) {
       without += (without.empty() ? "" : ", ") + one.className;
     }
   }
@@ -213,7 +214,7 @@ std::string aliveText(const sampledAmount& alive) {
     return text + ')';
   }
   const estimateRange range = rangeOf(alive.bytes, alive.samples, alive.objects);
-  return range.low == range.high ? text + ": each object was one)"
+  return range.low == range.high ? text + ": objects so large that each is one)"
                                  : text + ": an estimate, " + rangeText(range) + ')';
 }
 

@@ -19,7 +19,7 @@ function aliveText({samples, bytes, low, high}) {
   if (samples === 0) {
     return 'no sample is alive';
   }
-  const range = low === high ? ': each object was one'
+  const range = low === high ? ': objects so large that each is one'
     : `: an estimate, between about ${formatBytes(low)} and ${formatBytes(high)}`;
   return `≈ ${formatBytes(bytes)} alive (${sampleText(samples)}${
     samples < kFewSamples ? range : ''})`;
@@ -140,7 +140,7 @@ function placeDetail(session, place) {
   return el('div', null, el('h4', null, `${siteText(place.site)}: grows by ${growthText(place)}`),
     place.classes.slice(0, kShownClasses).map((one) => el('div', null,
       el('p', null, code(one.class), `: ${aliveText(one.alive)}, grows by ${growthText(one)}`),
-      heldBy(session, one))),
+      one.alive.samples > 0 && heldBy(session, one))),
     moreText(place.classes.length - kShownClasses, 'more class', 'more classes'),
     threads.size > 0 && el('p', {class: 'note'}, `Allocated by ${someOf(threads, named)}`),
     siteStacks(sites));
@@ -160,13 +160,14 @@ function heldText(path, name) {
   return links.slice(at + 1).join(' <- ');
 }
 
-function heldBy(session, {class: name, paths: numbers}) {
+function heldBy(session, {class: name, paths: numbers, pathsAreOfSite = true}) {
   if (numbers.length === 0) {
     return el('p', {class: 'note'}, 'Who holds these objects is not known: no path to a root.');
   }
   const paths = numbers.map((number) => session.paths[number]);
   return [el('ul', {class: 'chain held'}, paths.slice(0, kShownPaths).map((path) => el('li', null,
-    `held by ${heldText(path, name)} (${plural(path.samples, 'object', 'objects')} seen)`))),
+    `${pathsAreOfSite ? 'held by' : 'objects of this class are held by'} ${
+      heldText(path, name)} (${plural(path.samples, 'object', 'objects')} seen)`))),
   moreText(paths.length - kShownPaths, 'more path', 'more paths')];
 }
 

@@ -1,8 +1,8 @@
 package com.korvane.twutils.nativeagent;
 
 /**
- * The allocation profile: samples of the objects that the program allocates, which of them are
- * still alive, and where they came from. It is independent of the memory sessions. Without the
+ * The allocation profile: samples of the objects that the program allocates, which of them
+ * have survived collections, and where they came from. It is independent of the memory sessions. Without the
  * agent, and with one that is older than this class, the natives throw {@link
  * UnsatisfiedLinkError}. Any thread may call; calls come in turn, except for {@link
  * #leaveOut}.
