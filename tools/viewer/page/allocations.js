@@ -128,8 +128,8 @@ function placePanel(session) {
   detail.append(placeDetail(session, first));
   return panel('What grows, by the place that allocated it',
     el('p', {class: 'note'}, 'A place is the first frame outside the JDK. It grows by what is alive ' +
-      'from the poorer half of the session, by minute: a leak has as much from both halves, what was ' +
-      'made at the start and a cache that drops its oldest entries do not. Choose a row for its ' +
+      'from that half of the session which has left less, by minute: a leak has as much from both ' +
+      'halves, what was made at the start and a cache that drops its oldest entries do not. Choose a row for its ' +
       'classes, who holds them, and the stacks.'),
     table.element, detail);
 }
