@@ -63,6 +63,9 @@ def test_reports_are_there_before_the_hooks_run(start, way, exit_code):
     kept = site_of(report, "LastOrder.keep(LastOrder.java:")
     assert (kept["class"], kept["alive"]["samples"], kept["allocated"]["samples"]) == ("byte[]", 30, 30)
     assert kept["afterHooks"]["samples"] == 0, "the hook has thrown them away"
+    own = "com.korvane.twutils.nativeagent.companion."
+    assert not [frame for each in report["stacks"] for frame in each["frames"]
+                if frame.startswith(own)]
     assert stat.S_IMODE((folder / "allocations-1.json").stat().st_mode) == 0o600
     assert not list(folder.glob("*.part"))
 

@@ -17,8 +17,8 @@ import java.util.concurrent.atomic.AtomicBoolean;
 public final class Companion {
   /**
    * Programs choose their log manager early in {@code main}, and whatever has to do with management
-   * makes the JVM settle on one: it has to wait. A plain number, as the thread that loads this class
-   * is the program's: what that allocated would be in the allocation profile.
+   * makes the JVM settle on one: it has to wait. A plain number: a thread of the program loads this
+   * class, and what that allocated would be in the allocation profile.
    */
   private static final int SECONDS_UNTIL_MAIN_HAS_BEGUN = 1;
 
