@@ -1,11 +1,10 @@
 package com.korvane.twutils.nativeagent;
 
 /**
- * The allocation profile: samples of the objects that the program allocates, which of them
- * have survived collections, and where they came from. It is independent of the memory sessions. Without the
- * agent, and with one that is older than this class, the natives throw {@link
- * UnsatisfiedLinkError}. Any thread may call; calls come in turn, except for {@link
- * #leaveOut}.
+ * The allocation profile: samples of the objects that the program allocates, which of them have
+ * survived collections, and where they came from. It is independent of the memory sessions.
+ * Without the agent, and with one that is older than this class, the natives throw {@link
+ * UnsatisfiedLinkError}. Any thread may call; calls come in turn, except for {@link #leaveOut}.
  */
 final class AgentAllocations {
   private AgentAllocations() {}
