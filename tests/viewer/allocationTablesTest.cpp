@@ -85,9 +85,20 @@ TEST(allocationTables, nameHoldersOfWhatWasAllocatedElsewhereAsSuch) {
   EXPECT_THAT(tables(dead), Not(HasSubstr("held by")));
 }
 
+TEST(allocationTables, tellWhereTooFewSamplesShowNoGrowth) {
+  json document = recordedAllocations();
+  document["sites"] = {recordedSite(1, "byte[]", {1, 1, 0, 0, 0, 0, 0, 0}, 1),
+                       recordedSite(2, "com.example.Page", {30, 30, 0, 0, 0, 0, 0, 0}, 3)};
+  allocationSession session = sessionOf(document);
+  EXPECT_THAT(tables(session), AllOf(HasSubstr("Prices.java:9): too few samples to show growth"),
+                                     HasSubstr("Pages.java:20): does not grow")));
+  addGrowth(session, recordedGrowth("byte[]", {100, 100, 100}));
+  EXPECT_THAT(tables(session), HasSubstr("Prices.java:9): does not grow")) << "histograms show it";
+}
+
 TEST(allocationTables, tellWhatIsNotKnown) {
   EXPECT_THAT(tablesWith([](json& all) { all["collections"] = 0; }),
-              AllOf(HasSubstr("NO COLLECTION ran"), HasSubstr("grows by ?")));
+              AllOf(HasSubstr("NO COLLECTION ran"), HasSubstr(": growth not known")));
   EXPECT_THAT(
       tablesWith([](json& all) {
         all["afterCollection"] = false;

@@ -44,6 +44,10 @@ class allocationWriter {
   }
 
  private:
+  void writeGrowsBy(const allocationSum& sum) {
+    json_.member("growsBy", sum.growsBy).member("tooFew", sum.isTooFew);
+  }
+
   void writeAmount(std::string_view name, const sampledAmount& amount) {
     json_.key(name).beginObject().member("samples", amount.samples);
     json_.member("bytes", amount.bytes).member("objects", amount.objects);
@@ -141,7 +145,7 @@ class allocationWriter {
       json_.key("stack").null();
       json_.member("cut", false);
     }
-    json_.member("growsBy", of.sum.growsBy);
+    writeGrowsBy(of.sum);
     writeAllocated(site.allocated);
     writeAmount("alive", site.alive);
     writeAmount("young", site.young);
@@ -169,14 +173,16 @@ class allocationWriter {
   // Of the first places the page draws the course.
   void writePlace(const grownSite& place, std::size_t rank) {
     constexpr std::size_t kDrawn = 100;
-    json_.beginObject().member("site", place.site).member("growsBy", place.sum.growsBy);
+    json_.beginObject().member("site", place.site);
+    writeGrowsBy(place.sum);
     writeAllocated(place.sum.allocated);
     writeAmount("alive", place.sum.alive);
     writeAmount("young", place.sum.young);
     writeValues(json_, "born", place.sum.born);
     writeValues(json_, "course", rank < kDrawn ? place.sum.course : std::vector<std::uint64_t>());
     writeArray(json_, "classes", place.classes, [&](const classAtSite& one) {
-      json_.beginObject().member("class", one.className).member("growsBy", one.sum.growsBy);
+      json_.beginObject().member("class", one.className);
+      writeGrowsBy(one.sum);
       writeAllocated(one.sum.allocated);
       writeAmount("alive", one.sum.alive);
       writePathNumbers(one.className, place.site);
@@ -211,14 +217,16 @@ class allocationWriter {
 
   void writeClasses() {
     writeArray(json_, "classes", classes_, [&](const grownClass& one) {
-      json_.beginObject().member("class", one.className).member("growsBy", one.sum.growsBy);
+      json_.beginObject().member("class", one.className);
+      writeGrowsBy(one.sum);
       json_.member("from", one.isByHistograms ? "histograms" : "samples");
       writeAllocated(one.sum.allocated);
       writeAmount("alive", one.sum.alive);
       writeAmount("young", one.sum.young);
       json_.member("histogramBytes", one.histogramBytes);
       writeArray(json_, "sites", one.sites, [&](const siteOfClass& at) {
-        json_.beginObject().member("site", at.site).member("growsBy", at.sum.growsBy);
+        json_.beginObject().member("site", at.site);
+        writeGrowsBy(at.sum);
         writeAmount("alive", at.sum.alive);
         json_.endObject();
       });

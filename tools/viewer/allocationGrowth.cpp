@@ -12,10 +12,11 @@ namespace {
 constexpr double kMillisOfAMinute = 60'000;
 constexpr double kDeviations = 1.96;  // of 19 in 20 cases
 constexpr std::size_t kLeastHistograms = 3;
+constexpr std::size_t kHalf = kParts / 2;
 
 std::uint64_t rounded(double value) {
   constexpr double kMost = 9.2e18;
-  return value > 0 ? static_cast<std::uint64_t>(std::min(value, kMost) + 0.5) : 0;
+  return value > 0 ? static_cast<std::uint64_t>(std::llround(std::min(value, kMost))) : 0;
 }
 
 double sumOf(std::span<const std::uint64_t> parts) {
@@ -35,14 +36,14 @@ std::size_t partsNotCounted(const aliveEvidence& alive) {
 double fewerBytes(const aliveEvidence& alive) {
   const std::size_t ends = partsNotCounted(alive);
   const std::span<const std::uint64_t> born(alive.born);
-  const std::size_t parts = kParts / 2 - ends;
-  return std::min(sumOf(born.subspan(ends, parts)), sumOf(born.subspan(kParts / 2, parts)));
+  const std::size_t parts = kHalf - ends;
+  return std::min(sumOf(born.subspan(ends, parts)), sumOf(born.subspan(kHalf, parts)));
 }
 
 // The length of what counts of a half.
 double minutesOf(const aliveEvidence& alive) {
   return static_cast<double>(alive.millis) / kMillisOfAMinute *
-         static_cast<double>(kParts / 2 - partsNotCounted(alive)) / static_cast<double>(kParts);
+         static_cast<double>(kHalf - partsNotCounted(alive)) / static_cast<double>(kParts);
 }
 
 // Bytes per minute.

@@ -84,24 +84,31 @@ std::optional<double> mostOf(const allocationReport& report, const grownSite& gr
   return isAnyKnown ? std::optional(known + static_cast<double>(ofOthers)) : std::nullopt;
 }
 
+// Few samples that show no growth show nothing, unless histograms do.
+void setGrowth(allocationSum& sum, const aliveEvidence& evidence) {
+  sum.growsBy = growsBy(evidence);
+  sum.isTooFew = sum.growsBy == 0 && sum.alive.samples > 0 && sum.alive.samples < kFewSamples &&
+                 evidence.mostBytesPerMinute.value_or(1) > 0;
+}
+
 void finish(const allocationReport& report, grownSite& group, const growthByClass& growths) {
   for (classAtSite& one : group.classes) {
-    one.sum.growsBy = growsBy(evidenceOf(report, one.sum, growthOf(growths, one.className)));
+    setGrowth(one.sum, evidenceOf(report, one.sum, growthOf(growths, one.className)));
     sortSites(one.sum);
   }
   sortByGrowth(group.classes);
   group.most = mostOf(report, group, growths);
-  group.sum.growsBy = growsBy(evidenceOf(report, group.sum, group.most));
+  setGrowth(group.sum, evidenceOf(report, group.sum, group.most));
   sortSites(group.sum);
 }
 
 void finish(const allocationReport& report, grownClass& group, const growthByClass& growths) {
   for (siteOfClass& one : group.sites) {
-    one.sum.growsBy = growsBy(evidenceOf(report, one.sum, growthOf(growths, group.className)));
+    setGrowth(one.sum, evidenceOf(report, one.sum, growthOf(growths, group.className)));
     sortSites(one.sum);
   }
   sortByGrowth(group.sites);
-  group.sum.growsBy = growsBy(evidenceOf(report, group, growthOf(growths, group.className)));
+  setGrowth(group.sum, evidenceOf(report, group, growthOf(growths, group.className)));
   sortSites(group.sum);
 }
 
@@ -119,6 +126,7 @@ void addHistogram(const allocationSession& session, const classGrowth& from,
     group.sum.growsBy =
         static_cast<std::uint64_t>(std::clamp(*group.histogramBytesPerMinute, 0.0, kMost));
     group.isByHistograms = true;
+    group.sum.isTooFew = false;
   }
 }
 

@@ -20,6 +20,7 @@ struct allocationSum {
   std::vector<std::uint64_t> born;           // by the eighth of the session
   std::vector<std::uint64_t> course;         // at each of the report's points
   std::optional<std::uint64_t> growsBy;      // bytes per minute, see allocationGrowth.h
+  bool isTooFew = false;                     // samples, to know that it does not grow
   std::vector<const allocationSite*> sites;  // the most alive first
 
   void add(const allocationReport& report, const allocationSite& site);

@@ -78,7 +78,7 @@ std::string siteTable(const std::vector<grownSite>& sites, std::size_t rows,
   std::size_t rank = 1;
   for (const grownSite& one : first(sites, rows)) {
     table.addRow({std::to_string(rank++), shownSite(one.site), classesText(one),
-                  growthText(one.sum.growsBy), sizeText(one.sum.alive.bytes),
+                  growthText(one.sum), sizeText(one.sum.alive.bytes),
                   grouped(one.sum.alive.samples),
                   terminal.sparkline(one.sum.course, kCourseColumns)});
   }
@@ -131,13 +131,12 @@ std::string stackLines(const allocationReport& report, const allocationSum& sum,
 std::string siteDetails(const allocationSession& session, const grownSite& group, std::size_t rank,
                         const tableLimits& limits, const terminalStyle& terminal) {
   std::string result =
-      '\n' + terminal.strong(startCutLine(
-                 fmt::format("{}. ", rank), shownSite(group.site),
-                 fmt::format(": grows by {}", growthText(group.sum.growsBy)), terminal));
+      '\n' + terminal.strong(startCutLine(fmt::format("{}. ", rank), shownSite(group.site),
+                                          ": " + growthPhrase(group.sum), terminal));
   for (const classAtSite& one : first(group.classes, kClassesOfASite)) {
-    result += sentenceLines({fmt::format("{}: {}, grows by {}", one.className,
-                                         aliveText(one.sum.alive), growthText(one.sum.growsBy))},
-                            terminal, 3);
+    result += sentenceLines(
+        {fmt::format("{}: {}, {}", one.className, aliveText(one.sum.alive), growthPhrase(one.sum))},
+        terminal, 3);
     if (one.sum.alive.samples > 0) {
       result += pathLines(session, one.className, group.site, terminal);
     }
@@ -161,7 +160,7 @@ std::string classTable(const std::vector<grownClass>& classes, std::size_t rows,
                    {"Mostly in", align::left, shorten::start}});
   std::size_t rank = 1;
   for (const grownClass& one : first(classes, rows)) {
-    table.addRow({std::to_string(rank++), one.className, growthText(one.sum.growsBy),
+    table.addRow({std::to_string(rank++), one.className, growthText(one.sum),
                   one.isByHistograms ? "histograms" : "samples", sizeText(one.sum.alive.bytes),
                   grouped(one.sum.alive.samples),
                   one.histogramBytes ? sizeText(*one.histogramBytes) : "",

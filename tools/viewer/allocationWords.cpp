@@ -218,8 +218,21 @@ std::string aliveText(const sampledAmount& alive) {
                                  : text + ": an estimate, " + rangeText(range) + ')';
 }
 
-std::string growthText(const std::optional<std::uint64_t>& bytesPerMinute) {
-  return !bytesPerMinute ? "?" : *bytesPerMinute == 0 ? "0" : sizeText(*bytesPerMinute) + "/min";
+std::string growthText(const allocationSum& sum) {
+  if (!sum.growsBy) {
+    return "?";
+  }
+  return sum.isTooFew ? "too few" : *sum.growsBy == 0 ? "0" : sizeText(*sum.growsBy) + "/min";
+}
+
+std::string growthPhrase(const allocationSum& sum) {
+  if (!sum.growsBy) {
+    return "growth not known";
+  }
+  if (*sum.growsBy == 0) {
+    return sum.isTooFew ? "too few samples to show growth" : "does not grow";
+  }
+  return "grows by " + growthText(sum);
 }
 
 std::string shownSite(const std::optional<std::string>& site) {

@@ -29,7 +29,9 @@ std::vector<std::string> pathNotes(const allocationSession& session,
 std::string aliveText(const sampledAmount& alive);
 
 // "2.9 MiB/min", "0", "?" when not known.
-std::string growthText(const std::optional<std::uint64_t>& bytesPerMinute);
+std::string growthText(const allocationSum& sum);
+// "grows by 1.5 MiB/min", "does not grow".
+std::string growthPhrase(const allocationSum& sum);
 
 // As in siteOf(), also when it is not known.
 std::string shownSite(const std::optional<std::string>& site);

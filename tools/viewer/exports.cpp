@@ -61,7 +61,7 @@ class speedscopeWriter {
   void write(const profile& all) {
     json_.beginObject();
     json_.member("$schema", "https://www.speedscope.app/file-format-schema.json");
-    json_.member("exporter", "twreport").member("name", "Contended locks");
+    json_.member("exporter", "twreport").member("name", "Locks and allocations");
     json_.key("profiles").beginArray();
     for (const lockReport& report : all.lockReports) {
       writeProfile(fmt::format("Lock session {} \"{}\"", report.sessionId, report.sessionName),

@@ -10,8 +10,11 @@ function unfoldStacks(session) {
   }
 }
 
-const growthText = ({growsBy}) => (growsBy === null ? 'not known'
-  : growsBy === 0 ? '0' : `${formatBytes(growsBy)}/min`);
+const growthText = ({growsBy, tooFew}) => (growsBy === null ? 'not known'
+  : tooFew ? 'too few' : growsBy === 0 ? '0' : `${formatBytes(growsBy)}/min`);
+const growthPhrase = (row) => (row.growsBy === null ? 'growth not known'
+  : row.tooFew ? 'too few samples to show growth' : row.growsBy === 0 ? 'does not grow'
+  : `grows by ${growthText(row)}`);
 const sampleText = (count) => plural(count, 'sample', 'samples');
 
 // "1.5 MiB alive (3 samples: an estimate, between about 0.4 MiB and 4.2 MiB)".
@@ -137,9 +140,9 @@ function placePanel(session) {
 function placeDetail(session, place) {
   const sites = session.sites.filter((one) => one.site === place.site);
   const threads = new Set(sites.flatMap((one) => one.threads.map((thread) => thread.name)));
-  return el('div', null, el('h4', null, `${siteText(place.site)}: grows by ${growthText(place)}`),
+  return el('div', null, el('h4', null, `${siteText(place.site)}: ${growthPhrase(place)}`),
     place.classes.slice(0, kShownClasses).map((one) => el('div', null,
-      el('p', null, code(one.class), `: ${aliveText(one.alive)}, grows by ${growthText(one)}`),
+      el('p', null, code(one.class), `: ${aliveText(one.alive)}, ${growthPhrase(one)}`),
       one.alive.samples > 0 && heldBy(session, one))),
     moreText(place.classes.length - kShownClasses, 'more class', 'more classes'),
     threads.size > 0 && el('p', {class: 'note'}, `Allocated by ${someOf(threads, named)}`),
@@ -206,9 +209,9 @@ function classPanel(session) {
 }
 
 const classDetail = (session, row) => el('div', null,
-  el('h4', null, `${row.class}: grows by ${growthText(row)}`),
+  el('h4', null, `${row.class}: ${growthPhrase(row)}`),
   el('p', null, aliveText(row.alive)), heldBy(session, row),
   el('ol', {class: 'ranking'}, row.sites.slice(0, kShownClasses).map((one) => el('li', null,
     code(siteText(one.site)), el('span', {class: 'amount'},
-      `grows by ${growthText(one)}, ${aliveText(one.alive)}`)))),
+      `${growthPhrase(one)}, ${aliveText(one.alive)}`)))),
   moreText(row.sites.length - kShownClasses, 'more place', 'more places'));
