@@ -137,7 +137,8 @@ def test_threads_that_are_left_out_are_not_sampled(jvm):
     allocated = sites_of(report, "byte[]")
     samples = sum(each["allocated"]["samples"] for each in allocated)
     size = sum(each["allocated"]["bytes"] for each in allocated)
-    assert_near(size, 200 * KB * 1016, samples)
+    # A loaded machine may leave the queue full; what was lost is in the report.
+    assert_near(size + report["omitted"]["lostBytes"], 200 * KB * 1016, samples)
 
 
 def test_many_threads_are_sampled(jvm):

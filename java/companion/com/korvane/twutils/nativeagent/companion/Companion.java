@@ -32,9 +32,12 @@ public final class Companion {
 
   public static void premain(String options, Instrumentation instrumentation) {
     try {
+      NativeAgent.leaveOutAllocations(true);
       start(options, instrumentation, Companion::deleteStrayFolders);
     } catch (Throwable e) {
       // Not even this could be printed. The program runs on.
+    } finally {
+      NativeAgent.leaveOutAllocations(false); // the program's own thread goes on
     }
   }
 

@@ -298,6 +298,11 @@ final class Controller {
         && begin(() -> instrument.begin(new OptionReader(options)));
   }
 
+  /** Whether the JVM is about to end. */
+  boolean isEnding() {
+    return hasEnded;
+  }
+
   /** Whether it runs, or is to. */
   boolean isOn(Feature feature) {
     return instruments.get(feature).isOn();

@@ -30,6 +30,9 @@ final class LockPlan extends SessionPlan<LockSession> {
 
   @Override
   void takeStep() {
+    if (controller.isEnding()) {
+      return; // nothing is recorded any more, and the end stops the session
+    }
     if (session == null) {
       int number = controller.nextSession(Feature.LOCKS);
       session =
