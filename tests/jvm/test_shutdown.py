@@ -73,7 +73,9 @@ def test_the_report_is_written_anew_meanwhile(start, way, exit_code):
     report = allocations(folder_of(run))
     assert (report["shutdownAt"] is None) == (way != "exit")
     assert (report["endedAt"] is None) == (way == "kill")
-    assert site_of(report, "LastOrder.keep")["allocated"]["samples"] == 30
+    samples = site_of(report, "LastOrder.keep")["allocated"]["samples"]
+    # What was kept after the last report went with the killed JVM.
+    assert samples == 30 or way == "kill" and 0 < samples < 30
 
 
 def test_the_companion_is_not_sampled_on_threads_of_the_program(start):
