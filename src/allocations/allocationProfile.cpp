@@ -181,7 +181,7 @@ std::string allocationProfile::start(JavaVM* vm, JNIEnv* jni, const allocationSe
   return problem;
 }
 
-// The thread's own turn of a collection that is asked for: true when it was a round.
+// Has the VM collect; true when that was a round for all that there was.
 bool allocationProfile::collect(JNIEnv* jni) {
   std::uint32_t before = 0;
   {
