@@ -68,8 +68,7 @@ public abstract class AgentSession {
    *
    * @return the report
    * @throws IOException when the report, or a file that belongs to it, was not written completely;
-   *     the session is over all the same, except for a {@link ContentionSession} and an {@link
-   *     AllocationSession}
+   *     the session is over all the same, except for a {@link ProfileSession}
    * @throws IllegalStateException when that would disturb a lock session in its detail phase; the
    *     session goes on
    * @throws OutOfMemoryError when what there is of the report waits for another call

@@ -300,14 +300,10 @@ public final class NativeAgent {
   }
 
   /** Within {@link #locked}. */
-  static void ended(ContentionSession session) {
+  static void ended(ProfileSession session) {
     if (contentionSession == session) {
       contentionSession = null;
     }
-  }
-
-  /** Within {@link #locked}. */
-  static void ended(AllocationSession session) {
     if (allocationSession == session) {
       allocationSession = null;
     }

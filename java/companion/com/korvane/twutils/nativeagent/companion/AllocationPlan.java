@@ -10,17 +10,13 @@ import java.nio.file.Path;
 import java.time.Duration;
 import java.util.concurrent.TimeUnit;
 
-/**
- * Runs an allocation profile, and writes its report anew at an interval. Beside it, what grows and
- * what holds the objects.
- */
-final class AllocationPlan extends SessionPlan<AllocationSession> {
+/** Runs an allocation profile. Beside it, what grows and what holds the objects. */
+final class AllocationPlan extends ProfilePlan<AllocationSession> {
   /** A JVM that ends is looked at no further when a collection took longer: each look is one. */
   private static final long LONGEST_AT_END_NANOS = TimeUnit.SECONDS.toNanos(3);
 
   private final long interval;
   private final int samples;
-  private final Duration write;
   private final Duration growth;
   private final boolean arePathsFound;
   private final boolean isCollected; // before the last report
@@ -29,53 +25,30 @@ final class AllocationPlan extends SessionPlan<AllocationSession> {
   private AllocationLooks looks; // null before the session has its own
   private boolean isLastLookTaken;
   private boolean isEnding; // the JVM
-  private boolean hasFailed; // to write the report, since it was last written
 
   AllocationPlan(Controller controller, OptionReader options) {
-    super(controller, Feature.ALLOCATIONS);
-    delay = Duration.ZERO;
-    sessionsToCome = 1;
+    super(controller, Feature.ALLOCATIONS, options.duration(OptionKey.ALLOCATIONS_WRITE));
     interval = options.size(OptionKey.ALLOCATIONS_INTERVAL);
     samples = options.number(OptionKey.ALLOCATIONS_SAMPLES);
-    write = options.duration(OptionKey.ALLOCATIONS_WRITE);
     growth = options.duration(OptionKey.ALLOCATIONS_GROWTH);
     arePathsFound = options.flag(OptionKey.ALLOCATIONS_PATHS);
     isCollected = options.flag(OptionKey.ALLOCATIONS_COLLECT);
   }
 
   @Override
-  void takeStep() {
-    if (session == null) {
-      number = controller.nextSession(Feature.ALLOCATIONS);
-      session =
-          NativeAgent.startAllocations(
-              new AllocationSettings(controller.folder().allocationReport(number))
-                  .interval(interval)
-                  .samples(samples));
-    } else if (looks != null) {
-      writeSoFar();
-    }
+  AllocationSession startSession(int begun) {
+    number = begun;
+    return NativeAgent.startAllocations(
+        new AllocationSettings(controller.folder().allocationReport(begun))
+            .interval(interval)
+            .samples(samples));
+  }
+
+  @Override
+  void stepTaken() {
     if (looks == null) {
       looks = new AllocationLooks(controller, number, growth, arePathsFound);
       controller.reportBeforeHooks();
-    }
-    next.after(write);
-  }
-
-  /** What fails comes again after the interval, and is printed once. */
-  private void writeSoFar() {
-    if (session.isStopped()) {
-      return; // its report could not be written then
-    }
-    try {
-      session.snapshot();
-      hasFailed = false;
-      controller.updated(Feature.ALLOCATIONS, session);
-    } catch (IOException e) {
-      if (!hasFailed) {
-        hasFailed = true;
-        Console.print("", e);
-      }
     }
   }
 
@@ -93,14 +66,6 @@ final class AllocationPlan extends SessionPlan<AllocationSession> {
       } else {
         takeLastLook();
       }
-    }
-  }
-
-  /** The VM writes the last report, after the shutdown hooks of the program. */
-  @Override
-  public void endBegins() {
-    if (session != null) {
-      session.endWithVm();
     }
   }
 
@@ -122,11 +87,6 @@ final class AllocationPlan extends SessionPlan<AllocationSession> {
   }
 
   @Override
-  String stateOf(AllocationSession current) {
-    return current.isStopped() ? "stopped" : "running";
-  }
-
-  @Override
   void prepareStop(AllocationSession stopping) {
     takeLastLook();
   }
@@ -143,8 +103,4 @@ final class AllocationPlan extends SessionPlan<AllocationSession> {
       looks.close();
     }
   }
-
-  /** It can be stopped again. */
-  @Override
-  void closeFailed() {}
 }
