@@ -14,3 +14,11 @@ if(TW_SANITIZE)
                                                 -fno-sanitize-recover=all)
   target_link_options(projectFlags INTERFACE -fsanitize=${TW_SANITIZE})
 endif()
+
+# What tests themselves are built with: they are compiled several times in a run and executed once
+# each, so quick to compile is what counts. Sanitizers print the lines of the agent; for those of
+# the tests their functions will do.
+set(TW_TEST_FLAGS -O0)
+if(TW_SANITIZE)
+  list(APPEND TW_TEST_FLAGS -g0)
+endif()

@@ -68,3 +68,10 @@ quietly() {
   rm -f "$log"
   [ $result -eq 0 ] || fail "failed ($result): ${command:0:200}"
 }
+
+# Prints the mirror that apt takes this machine's packages from, with a slash at its end.
+mirror() {
+  # shellcheck disable=SC2016  # apt-get expands it
+  apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Origin: Debian' |
+    sed -n '/security/!{p;q}'
+}

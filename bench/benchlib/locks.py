@@ -80,11 +80,18 @@ _FURTHER_WORKLOADS = (
 )
 WORKLOADS = _MAIN_WORKLOADS + _FURTHER_WORKLOADS
 
-NONE, LOADED, EMPTY = "none", "loaded", "empty"
+NONE, LOADED, EMPTY, IDLE = "none", "loaded", "empty", "idle"
 COUNTS, CONTENTION = "contention-counts", "contention"
 SUBJECTS = (
     Subject(NONE, "no agent"),
     Subject(LOADED, "library, nothing switched on", "library"),
+    Subject(
+        IDLE,
+        "twprofile run --idle",
+        "library",
+        agent_options=",exceptionCapture=made,idle=1,quiet=1,companionLate=1,companion=idle.properties",
+        features="mutexprofiling_memoryprofiling_exceptionprofiling",
+    ),
     Subject(EMPTY, "empty handlers", "emptyAgent"),
     Subject("floor-summary", "summary: floor agent", "floorAgent", "summary"),
     Subject("literal-summary", "summary: literal agent", "literalAgent", "summary"),
@@ -150,6 +157,11 @@ _GOALS = (
     tables.Goal(
         "library loaded: at least 0.99 of the throughput without an agent",
         _share_of_none(LOADED),
+        dict.fromkeys(_ALL, 0.99),
+    ),
+    tables.Goal(
+        "idle, with the companion: at least 0.99 of the throughput without an agent",
+        _share_of_none(IDLE),
         dict.fromkeys(_ALL, 0.99),
     ),
     tables.Goal(
@@ -227,6 +239,9 @@ def measure(jdk, workload, compared, library, plan):
     def start(name):
         for old in ("lock-report.json", "lock-stacks.txt"):
             (folders[name] / old).unlink(missing_ok=True)
+        if name == IDLE:
+            folders[name].mkdir(parents=True, exist_ok=True)
+            (folders[name] / "idle.properties").write_text(f"output={folders[name]}\n")
         arguments = java_arguments(workload, by_name[name], library, plan, folders[name])
         return Jvm(jdk.program("java"), arguments, folders[name])
 

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "agent/idle.h"
 #include "agent/nativeMethod.h"
 #include "agent/shutdownHook.h"
 #include "allocations/allocationProfile.h"
@@ -29,6 +30,7 @@ std::string refusal(jlong intervalBytes, jint liveSamples) {
 
 JNIEXPORT jstring JNICALL TW_ALLOCATIONS(start)(JNIEnv* jni, jclass /*cls*/, jlong intervalBytes,
                                                 jint liveSamples) {
+  wakeIdle(jni);
   return nativeText(TW_ALLOCATIONS_NAME(start), jni, [&] {
     std::string problem = refusal(intervalBytes, liveSamples);
     JavaVM* vm = nullptr;

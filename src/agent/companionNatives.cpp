@@ -1,6 +1,7 @@
 // Native methods for the companion itself, beside those that start and stop the profilers:
 // instances of whole classes are tagged, and what the agent has counted and kept is read. Java
 // calls them on any thread.
+#include <com_korvane_twutils_nativeagent_AgentCompanion.h>
 #include <com_korvane_twutils_nativeagent_AgentCounters.h>
 #include <com_korvane_twutils_nativeagent_AgentReports.h>
 #include <com_korvane_twutils_nativeagent_PlacedRecordParser.h>
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/idle.h"
 #include "agent/nativeMethod.h"
 #include "agent/profilerRegistry.h"
 #include "agent/reportOutcome.h"
@@ -30,6 +32,7 @@
 #include "exceptions/undeliveredRecords.h"
 #include "memory/memoryprofiler.h"
 #include "support/jniRef.h"
+#include "support/jvmtiPtr.h"
 
 using namespace agent;
 
@@ -74,6 +77,7 @@ bool setPlaces(JNIEnv* jni, jobjectArray array, const std::vector<jint>& places)
 // --- Native methods of TWNativeAgentProfiling, in addition to those of natives.cpp --------------
 
 JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobjectArray classes) {
+  wakeIdle(jni);
   return native(TW_NATIVE_NAME(tagInstances), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     if (!memory || classes == nullptr) {
@@ -87,6 +91,7 @@ JNIEXPORT jint JNICALL TW_NATIVE(tagInstances)(JNIEnv* jni, jclass /*cls*/, jobj
 
 JNIEXPORT jint JNICALL TW_NATIVE(tagInstancesWithin)(JNIEnv* jni, jclass /*cls*/,
                                                      jobjectArray classes, jintArray room) {
+  wakeIdle(jni);
   return native(TW_NATIVE_NAME(tagInstancesWithin), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     if (!memory || classes == nullptr || room == nullptr) {
@@ -140,6 +145,43 @@ JNIEXPORT jclass JNICALL TW_NATIVE(messageOriginOf)(JNIEnv* jni, jclass /*cls*/,
     return 0;
   });
   return origin;
+}
+
+// --- Native methods of AgentCompanion --------------------------------------------------------
+
+#define TW_COMPANION(method) Java_com_korvane_twutils_nativeagent_AgentCompanion_##method
+
+JNIEXPORT jboolean JNICALL TW_COMPANION(isQuiet)(JNIEnv* /*jni*/, jclass /*cls*/) {
+  return twAprLib::isQuiet() ? JNI_TRUE : JNI_FALSE;
+}
+
+JNIEXPORT void JNICALL TW_COMPANION(wake)(JNIEnv* jni, jclass /*cls*/) {
+  wakeIdle(jni);
+}
+
+JNIEXPORT jobjectArray JNICALL TW_COMPANION(loadedClasses)(JNIEnv* jni, jclass /*cls*/) {
+  jobjectArray array = nullptr;
+  native("Java_com_korvane_twutils_nativeagent_AgentCompanion_loadedClasses", [&] {
+    jvmtiEnv* const jvmti = getRegistry()->environment();
+    jint count = 0;
+    support::jvmtiPtr<jclass> classes(jvmti);
+    if (jvmti != nullptr) {
+      classes.fill([&](jclass** out) { return jvmti->GetLoadedClasses(&count, out); });
+    }
+    if (!classes) {
+      return 0;
+    }
+    const support::localRef<jclass> type(jni, jni->FindClass("java/lang/Class"));
+    array = type ? jni->NewObjectArray(count, type.get(), nullptr) : nullptr;
+    for (jint i = 0; i < count; ++i) {
+      if (array != nullptr) {
+        jni->SetObjectArrayElement(array, i, classes[i]);
+      }
+      jni->DeleteLocalRef(classes[i]);
+    }
+    return 1;
+  });
+  return array;
 }
 
 // --- Native methods of AgentCounters ---------------------------------------------------------

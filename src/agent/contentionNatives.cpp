@@ -6,6 +6,7 @@
 #include <limits>
 #include <string>
 
+#include "agent/idle.h"
 #include "agent/nativeMethod.h"
 #include "contention/contentionProfile.h"
 #include "support/jniRef.h"
@@ -40,6 +41,7 @@ std::string refusal(const contentionSettings& settings) {
 JNIEXPORT jstring JNICALL TW_CONTENTION(start)(JNIEnv* jni, jclass /*cls*/, jint locks,
                                                jint samples, jint budget, jlong stuckMillis,
                                                jlong windowMillis) {
+  wakeIdle(jni);
   return nativeText(TW_CONTENTION_NAME(start), jni, [&] {
     const contentionSettings settings{locks, samples, budget, stuckMillis, windowMillis};
     std::string problem = refusal(settings);

@@ -2,8 +2,10 @@
 
 #include <apr_general.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
@@ -19,45 +21,71 @@
 
 namespace agent {
 
-bool twAprLib::createContext(twAprContext& context) {
+bool twAprLib::createContext(twAprContext& context, std::FILE* out) {
   if (apr_initialize() != APR_SUCCESS) {
     print(stderr, "Could not initialize \n");
     return false;
   }
   if (apr_pool_create_ex(&context.pool, nullptr, nullptr, nullptr) != APR_SUCCESS) {
-    print("could not create apr pool");
+    print(out, "could not create apr pool");
     return false;
   }
   context.hash = apr_hash_make(context.pool);
   if (context.hash == nullptr) {
-    print("could not create apr hash");
+    print(out, "could not create apr hash");
     return false;
   }
   if (apr_thread_cond_create(&context.condition, context.pool) != APR_SUCCESS) {
-    print("could not create condtion variable");
+    print(out, "could not create condtion variable");
     return false;
   }
   if (apr_thread_mutex_create(&context.mutex, APR_THREAD_MUTEX_NESTED, context.pool) !=
       APR_SUCCESS) {
-    print("could not create apr mutex");
+    print(out, "could not create apr mutex");
     return false;
   }
   return true;
 }
 
-bool twAprLib::tw_apr_log_initialize(const twAprContext& context, const std::string& home) {
+namespace {
+
+// Loggers stay: threads may be using them.
+struct knownLog {
+  std::string home;
+  std::unique_ptr<twLogger> logger;
+};
+
+std::vector<knownLog>& knownLogs() {
+  static auto& all = *new std::vector<knownLog>;
+  return all;
+}
+
+twLogger& newLog(const twAprContext& context, const std::string& home) {
   const std::string directory = home + "/logs";
-  twAprUtility::mkdir_ex(directory);
   const std::string baseName = std::string("tw_NativeAgent_") +
-                               timeStamp(std::time(nullptr)).data() + "_" +
+                               twAprLib::timeStamp(std::time(nullptr)).data() + "_" +
                                std::to_string(::getpid()) + ".log";
   auto logger = std::make_unique<twLogger>(context.pool, directory, baseName);
-  logger->setVersion(readVersion(home + "/etc/version"));
-  // A VM that loads the agent twice gets a second one. The first stays: threads may be using it.
-  static auto& all = *new std::vector<std::unique_ptr<twLogger>>;
-  all.push_back(std::move(logger));
-  use(*all.back());
+  logger->setVersion(twAprLib::readVersion(home + "/etc/version"));
+  knownLogs().push_back({home, std::move(logger)});
+  return *knownLogs().back().logger;
+}
+
+}  // namespace
+
+bool twAprLib::tw_apr_log_initialize(const twAprContext& context, const std::string& home) {
+  twAprUtility::mkdir_ex(home + "/logs");
+  use(newLog(context, home));  // a VM that loads the agent twice gets a second one
   return true;
+}
+
+void twAprLib::openLog(const twAprContext& context, const std::string& home) {
+  constexpr mode_t kFolderMode = 0755;
+  ::mkdir(home.c_str(), kFolderMode);
+  ::mkdir((home + "/logs").c_str(), kFolderMode);
+  const auto known = std::find_if(knownLogs().begin(), knownLogs().end(),
+                                  [&](const knownLog& each) { return each.home == home; });
+  use(known != knownLogs().end() ? *known->logger : newLog(context, home));
 }
 
 std::string twAprLib::readVersion(const std::string& path) {

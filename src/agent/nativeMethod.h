@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "agent/boundary.h"
+#include "agent/setUp.h"
 #include "support/sourcePlace.h"
 
 #define TW_NATIVE(method) Java_com_korvane_twutils_nativeagent_TWNativeAgentProfiling_##method
@@ -22,6 +23,7 @@ namespace agent {
 template <typename Body>
 jint native(const char* function, Body&& body,
             support::sourcePlace where = support::sourcePlace::current()) {
+  const instruments::handlerGate::pass inside(nativesGate());
   return contained(function, "Exception occured in jagent : native method", jint{0},
                    std::forward<Body>(body), where);
 }

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "agent/idle.h"
 #include "agent/nativeMethod.h"
 #include "agent/profilerRegistry.h"
 #include "agent/twAprLib.h"
@@ -63,6 +64,7 @@ JNIEXPORT jint JNICALL TW_NATIVE(startMutexLockProfilingSession)(
     jint topLockCount, jint maxLockCount, jint maxThreadPerLockCount, jint maxThreadCount,
     jint maxStackTraceCount, jint maxStackTraceCountPerThread, jstring stackFilePath) {
   constexpr const char* kFunction = TW_NATIVE_NAME(startMutexLockProfilingSession);
+  wakeIdle(jni);
   return native(kFunction, [&] {
     trace(kFunction, "Initializing Lock Profiling Session Id -> ", sessionId);
     constexpr std::int32_t kSecondsPerMinute = 60;
@@ -135,6 +137,7 @@ JNIEXPORT jint JNICALL TW_NATIVE(startMemoryLeaksProfileSession)(
     jstring sessionName, jint topNClassCount, jstring excludeClasses, jstring excludePackages,
     jstring includeClasses, jstring includePackages) {
   constexpr const char* kFunction = TW_NATIVE_NAME(startMemoryLeaksProfileSession);
+  wakeIdle(jni);
   return native(kFunction, [&] {
     trace(kFunction, "******Starting memory Profiling Session Id -> ", sessionId);
     auto settings = std::make_unique<MemorySessionConfig>();
@@ -174,7 +177,8 @@ JNIEXPORT jint JNICALL TW_NATIVE(stopMemoryLeaksProfileSession)(JNIEnv* jni, jcl
   });
 }
 
-JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* /*jni*/, jclass /*cls*/) {
+JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* jni, jclass /*cls*/) {
+  wakeIdle(jni);
   native(TW_NATIVE_NAME(forceGarbageCollection), [] {
     jvmtiEnv* const jvmti = getRegistry()->environment();
     if (jvmti != nullptr) {
@@ -185,6 +189,7 @@ JNIEXPORT void JNICALL TW_NATIVE(forceGarbageCollection)(JNIEnv* /*jni*/, jclass
 }
 
 JNIEXPORT void JNICALL TW_NATIVE(setObjectTag)(JNIEnv* jni, jclass /*cls*/, jobject object) {
+  wakeIdle(jni);
   native(TW_NATIVE_NAME(setObjectTag), [&] {
     const std::shared_ptr<memoryProfiler> memory = getMemoryProfiler();
     if (memory && object != nullptr) {
@@ -215,6 +220,9 @@ JNIEXPORT jint JNICALL TW_NATIVE(enableCaptureVariableinException)(
     jboolean localVariables, jboolean threadLocals, jint captureRate, jint stackTraceDepth,
     jstring blackList) {
   constexpr const char* kFunction = TW_NATIVE_NAME(enableCaptureVariableinException);
+  if (enable == JNI_TRUE) {
+    wakeIdle(jni);
+  }
   std::exception_ptr refused;  // thrown on: what the black list is refused with is not contained
   const jint result = native(kFunction, [&] {
     auto settings = std::make_unique<ExceptionCaptureSettings>();

@@ -29,6 +29,8 @@ constexpr std::string_view kOwnerLookupsKey = "ownerLookupsPerSecond";
 constexpr std::string_view kOneQueryKey = "scanInOneQuery";
 constexpr std::string_view kRecordBytesKey = "recordBytes";
 constexpr std::string_view kExceptionCaptureKey = "exceptionCapture";
+constexpr std::string_view kQuietKey = "quiet";
+constexpr std::string_view kCompanionKey = "companion=";
 
 constexpr std::string_view kMutexFeature = "mutexprofiling";
 constexpr std::string_view kMemoryFeature = "memoryprofiling";
@@ -182,6 +184,21 @@ void readAllocationItem(const std::string& item, startUpSettings& settings) {
               profile.liveSamples, settings);
 }
 
+void readQuiet(const std::string& item, startUpSettings& settings) {
+  readSetting(item, kQuietKey, false, 0, 1, settings.quiet, settings);
+}
+
+void readIdle(const std::string& item, startUpSettings& settings) {
+  readSetting(item, "idle", false, 0, 1, settings.idle, settings);
+}
+
+void readCompanionItem(const std::string& item, startUpSettings& settings) {
+  if (support::startsWithIgnoringCase(item, kCompanionKey)) {
+    settings.companion = item.substr(kCompanionKey.size());
+  }
+  readSetting(item, "companionLate", false, 0, 1, settings.companionLate, settings);
+}
+
 // Read before all others, since a profiler asks for its capabilities when it is made.
 void readExceptionCapture(const std::string& item, startUpSettings& settings) {
   const std::size_t sign = item.find('=');
@@ -262,16 +279,42 @@ void readItem(profilerRegistry& registry, const std::string& item, startUpSettin
   readContentionItem(item, settings);
   readAllocationItem(item, settings);
   readRedactionItem(item, settings);
+  readQuiet(item, settings);
+  readIdle(item, settings);
+  readCompanionItem(item, settings);
 }
 
 }  // namespace
 
+bool asksForQuiet(std::string_view options) {
+  startUpSettings settings;
+  support::forEachPiece(options, ',',
+                        [&](std::string_view item) { readQuiet(std::string(item), settings); });
+  return settings.quiet;
+}
+
+bool asksForIdle(std::string_view options) {
+  startUpSettings settings;
+  support::forEachPiece(options, ',',
+                        [&](std::string_view item) { readIdle(std::string(item), settings); });
+  return settings.idle;
+}
+
 startUpSettings readOptions(profilerRegistry& registry, std::string_view options) {
   startUpSettings settings;
+  readOptions(registry, options, true, settings);
+  return settings;
+}
+
+void readOptions(profilerRegistry& registry, std::string_view options, bool canSeeThrown,
+                 startUpSettings& settings) {
   captureExceptionsWhereMade(false);
   support::forEachPiece(options, ',', [&](std::string_view item) {
     readExceptionCapture(std::string(item), settings);
   });
+  if (!canSeeThrown) {
+    captureExceptionsWhereMade(true);
+  }
   support::forEachPiece(options, ',', [&](std::string_view item) {
     readItem(registry, std::string(item), settings);
   });
@@ -285,7 +328,6 @@ startUpSettings readOptions(profilerRegistry& registry, std::string_view options
     applyCaptureSettings(settings);
   }
   applyCostSettings(settings);
-  return settings;
 }
 
 }  // namespace agent

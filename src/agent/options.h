@@ -28,6 +28,10 @@ struct startUpSettings {
   contentionSettings contentionProfile;
   bool allocations = false;  // as well
   allocationSettings allocationProfile;
+  bool quiet = false;
+  bool idle = false;           // nothing is taken that costs without being used
+  std::string companion;       // the file with its options; it is not started when empty
+  bool companionLate = false;  // not before main
   redactionSettings redaction;
   // Items whose values count as not given, for the log.
   std::vector<std::string> ignored;
@@ -37,5 +41,16 @@ struct startUpSettings {
 // on the way get the capture settings that stand before them. Throws what the text conversions
 // throw for a number that is none, after naming the item on standard error.
 startUpSettings readOptions(profilerRegistry& registry, std::string_view options);
+
+// Whether nothing but errors is to be printed: the option `quiet`, read before all others.
+bool asksForQuiet(std::string_view options);
+
+// Whether nothing is to be taken of the VM yet: the option `idle`, likewise.
+bool asksForIdle(std::string_view options);
+
+// The same, for a VM that may not give the event of exceptions: they are then captured where they
+// are made, whatever the options ask for. When it throws, `settings` has what stands before.
+void readOptions(profilerRegistry& registry, std::string_view options, bool canSeeThrown,
+                 startUpSettings& settings);
 
 }  // namespace agent

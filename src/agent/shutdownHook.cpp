@@ -51,6 +51,10 @@ jobject shutdownHook::exchange(jobject action) {
 
 void JNICALL shutdownHook::begins(JNIEnv* jni, jclass /*cls*/) {
   contained("shutdownHook::begins", "Exception occured in shutdownHook : begins", [&] {
+    void (*const before)(JNIEnv*) = ofProcess().callBefore_.exchange(nullptr);
+    if (before != nullptr) {
+      before(jni);
+    }
     jobject const action = ofProcess().exchange(nullptr);
     if (action != nullptr) {
       runAction(jni, action);
@@ -78,6 +82,18 @@ std::string shutdownHook::install(JNIEnv* jni) {
   return !problem.empty() || hook.isInstalled() ? problem : hook.install(environment_.jvmti(), jni);
 }
 
+std::string shutdownHook::remove(JNIEnv* jni) {
+  callBefore_.store(nullptr);
+  jobject const action = exchange(nullptr);
+  if (action != nullptr) {
+    jni->DeleteGlobalRef(action);
+  }
+  const support::lockGuard oneCall(controlMutex_);
+  classHook& hook = theHook(reinterpret_cast<void*>(&begins));
+  std::string problem = hook.isInstalled() ? hook.remove(environment_.jvmti(), jni) : std::string();
+  return problem.empty() ? environment_.close() : problem;
+}
+
 std::string shutdownHook::run(JNIEnv* jni, jobject action) {
   if (action == nullptr) {
     return "no action";
@@ -99,6 +115,12 @@ std::string shutdownHook::run(JNIEnv* jni, jobject action) {
     jni->DeleteGlobalRef(before);
   }
   return "";
+}
+
+std::string shutdownHook::callBefore(JNIEnv* jni, void (*call)(JNIEnv*)) {
+  const support::lockGuard oneCall(controlMutex_);
+  callBefore_.store(call);
+  return install(jni);
 }
 
 }  // namespace agent

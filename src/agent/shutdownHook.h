@@ -24,6 +24,14 @@ class shutdownHook {
   // that waits for a safepoint. Empty, or why it will not run. On a Java thread, in the live phase.
   std::string run(JNIEnv* jni, jobject action) EXCLUDES(mutex_);
 
+  // Has `call` run then, too, before the action; it may have one set. It replaces an earlier one.
+  // The same otherwise.
+  std::string callBefore(JNIEnv* jni, void (*call)(JNIEnv*));
+
+  // Drops the action, makes the JDK's class as before, which waits for a safepoint, and gives the
+  // capability back. Empty, or why not: the call then stays, and does nothing.
+  std::string remove(JNIEnv* jni) EXCLUDES(mutex_, controlMutex_);
+
   // Whether the action is over, so that the program's hooks may run. Any thread.
   bool haveHooksBegun() const { return haveHooksBegun_.load(); }
 
@@ -40,6 +48,7 @@ class shutdownHook {
   jobject exchange(jobject action) EXCLUDES(mutex_);
 
   std::atomic<bool> haveHooksBegun_{false};
+  std::atomic<void (*)(JNIEnv*)> callBefore_{nullptr};
   support::mutex controlMutex_;
   instruments::ownEnvironment environment_ GUARDED_BY(controlMutex_);
   support::mutex mutex_;

@@ -65,12 +65,28 @@ twLogger::twLogger(apr_pool_t* pool, const std::string& directory, const std::st
 
 std::shared_ptr<std::FILE> twLogger::stream() {
   const aprLockGuard guard(lock_);
+  if (isClosed_) {
+    return nullptr;
+  }
   if (bytesWritten_.load(std::memory_order_relaxed) >= kMaxFileBytes) {
     switchFiles();
   } else if (!file_[current_]) {
     openCurrent();
   }
   return file_[current_];
+}
+
+void twLogger::open() {
+  const aprLockGuard guard(lock_);
+  isClosed_ = false;
+}
+
+void twLogger::close() {
+  const aprLockGuard guard(lock_);
+  isClosed_ = true;
+  for (std::shared_ptr<std::FILE>& each : file_) {
+    each.reset();
+  }
 }
 
 void twLogger::countBytes(std::size_t written) {
@@ -119,7 +135,14 @@ void twLogger::refuse(const std::string& path) {
 }
 
 void twAprLib::use(twLogger& logger) {
+  logger.open();
   processLogger.store(&logger, std::memory_order_release);
+}
+
+void twAprLib::closeLog() {
+  if (twLogger* const logger = processLogger.exchange(nullptr)) {
+    logger->close();
+  }
 }
 
 void twAprLib::write(const char* threadName, std::int64_t threadId, const char* module,
@@ -200,9 +223,10 @@ void twAprLib::print(std::FILE* stream, const char* format, ...) {
 void twAprLib::print(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stdout, format, arguments);
+  std::FILE* const stream = isQuiet() ? stderr : stdout;
+  std::vfprintf(stream, format, arguments);
   va_end(arguments);
-  std::fflush(stdout);
+  std::fflush(stream);
 }
 
 }  // namespace agent

@@ -52,8 +52,14 @@ class twLogger {
   twLogger(apr_pool_t* pool, const std::string& directory, const std::string& baseName);
 
   // The stream for the next record, opened or switched first where that is due; null when the file
-  // cannot be opened. The caller's reference keeps the stream open while it writes.
+  // cannot be opened, or the log is closed. The caller's reference keeps the stream open while it
+  // writes.
   std::shared_ptr<std::FILE> stream();
+
+  // Closes both files. Nothing is opened any more until open(), by whomever: a thread may be about
+  // to write.
+  void close();
+  void open();
 
   void countBytes(std::size_t written);
   void setVersion(std::string version) { version_ = std::move(version); }
@@ -66,6 +72,7 @@ class twLogger {
   apr_thread_mutex_t* lock_ = nullptr;  // guards opening and rotation
   std::uint32_t current_ = 0;
   std::array<std::string, 2> path_;
+  bool isClosed_ = false;
   bool writeHeader_ = true;
   bool isRefusalPrinted_ = false;
   std::atomic<std::uint32_t> bytesWritten_{0};
@@ -75,13 +82,19 @@ class twLogger {
 
 class twAprLib {
  public:
-  // Starts APR and makes its objects. False when that fails; the reason is then on standard output
-  // (standard error for apr_initialize itself).
-  static bool createContext(twAprContext& context);
+  // Starts APR and makes its objects. False when that fails; the reason is then on `out` (standard
+  // error for apr_initialize itself).
+  static bool createContext(twAprContext& context, std::FILE* out = stdout);
 
   // Sets the log up under `home`: makes the folder "<home>/logs", names the files, reads the
   // version file "<home>/etc/version". Always true; files are opened by the first record.
   static bool tw_apr_log_initialize(const twAprContext& context, const std::string& home);
+
+  // The same for a VM that runs already: makes the two last folders of "<home>/logs" and no other,
+  // and goes on with the log of before when `home` is the same. By one thread at a time.
+  static void openLog(const twAprContext& context, const std::string& home);
+  // Nothing is logged any more, and the files are closed.
+  static void closeLog();
 
   // Writes one record; does nothing before the log is set up. `threadName` null prints as "(null)";
   // `threadId` counts only where the system gives none. At most 4095 bytes go out. Never throws: a
@@ -105,7 +118,12 @@ class twAprLib {
   // Prints to a stream, or to standard output, at once.
   static void print(std::FILE* stream, const char* format, ...)
       __attribute__((format(printf, 2, 3)));
+  // On standard output; on standard error while the agent is quiet, for errors come this way too.
   static void print(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+  // Whether nothing but errors is printed, and nothing on standard output.
+  static void setQuiet(bool isQuiet) { isQuiet_.store(isQuiet); }
+  static bool isQuiet() { return isQuiet_.load(); }
 
  private:
   // Records go to this logger from now on; it is never destroyed.
@@ -113,6 +131,7 @@ class twAprLib {
 
   // 1 from process start, so that errors before the log is open pass the test.
   static inline std::atomic<std::int32_t> level_{kLogError};
+  static inline std::atomic<bool> isQuiet_{false};
 };
 
 }  // namespace agent

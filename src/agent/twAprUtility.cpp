@@ -2,6 +2,7 @@
 
 #include <apr_strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -20,6 +21,12 @@ constexpr std::size_t kLongestPath = 8000;
 constexpr int kLengthShown = 8192;
 constexpr std::size_t kMostPieces = 30;
 constexpr mode_t kFolderMode = 0755;  // others never write there, whatever the umask
+
+// By mkdir_ex in this process, relative to the working directory of its start.
+std::vector<std::string>& madeFolders() {
+  static auto& all = *new std::vector<std::string>;
+  return all;
+}
 
 std::vector<std::string> piecesOf(std::string path) {
   std::vector<std::string> pieces;
@@ -50,17 +57,31 @@ std::int32_t twAprUtility::mkdir_ex(const std::string& path) {
   std::string folder;
   for (std::size_t i = 0; i + 1 < named; ++i) {
     folder += pieces[i];  // Deliberate: without a separator.
-    if (::mkdir(folder.c_str(), kFolderMode) == 0 || errno == EEXIST) {
+    if (::mkdir(folder.c_str(), kFolderMode) == 0) {
+      madeFolders().push_back(folder);
+      continue;
+    }
+    if (errno == EEXIST) {
       continue;
     }
     const std::string reason = std::generic_category().message(errno);
     constexpr const char* kRefused = "Error in creating directory. Path: '%s'. Error = '%s'";
     TW_LOG(kLogError, kSeverityError, kFunction, kRefused, folder.c_str(), reason.c_str());
+    if (twAprLib::isQuiet() && ::access(path.c_str(), W_OK) == 0) {
+      return 0;  // nothing is lost: what was asked for is there
+    }
     twAprLib::print(stderr, kRefused, folder.c_str(), reason.c_str());
     twAprLib::print(stderr, "\n");
     return 0;
   }
   return 1;
+}
+
+void twAprUtility::removeMadeFolders() {
+  for (const std::string& each : madeFolders()) {
+    ::rmdir(each.c_str());  // one that is used by now stays
+  }
+  madeFolders().clear();
 }
 
 }  // namespace agent

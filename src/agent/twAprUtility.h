@@ -14,6 +14,9 @@ class twAprUtility {
   // when the path has 8001 characters or more or the system refuses; the reason then goes to the
   // log and to standard error.
   static std::int32_t mkdir_ex(const std::string& path);
+
+  // Removes those that it has made so far, as far as they are empty. Agent_OnLoad only.
+  static void removeMadeFolders();
 };
 
 }  // namespace agent

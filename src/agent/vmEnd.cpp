@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "agent/boundary.h"
+#include "support/attachGate.h"
 #include "support/jvmtiRecords.h"
 #include "support/jvmtiStatus.h"
 
@@ -17,11 +18,17 @@ constexpr std::string_view kDestroyer = "DestroyJavaVM";  // HotSpot's name for 
 constexpr jint kFirstThatWaits = 26;
 
 std::atomic<bool> isEnding{false};
+std::atomic<bool> isNeeded{true};  // as far as is known
 std::atomic<void (*)()> callAtEnd{nullptr};
+std::atomic<jvmtiEnv*> watching{nullptr};  // null for a VM that needs no watch
 
 // The thread that ends the VM is within System.exit or Runtime.halt, where another thread that ends
-// has no frame left; or it is the one that has waited for all others after main returned.
+// has no frame left; or it is the one that has waited for all others after main returned: HotSpot's
+// launcher has one with a name, and other programs one that was attached before.
 bool endsVm(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
+  if (support::attachGate::isDestroyer()) {
+    return true;
+  }
   jint frames = 0;
   if (jvmti->GetFrameCount(thread, &frames) != JVMTI_ERROR_NONE) {
     return false;
@@ -47,8 +54,9 @@ void JNICALL ThreadEnd(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
 
 }  // namespace
 
-void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
-  isEnding.store(false);
+namespace {
+
+void watch(JavaVM* vm, void (*atEnd)()) {
   callAtEnd.store(atEnd);
   void* environment = nullptr;
   if (vm->GetEnv(&environment, JVMTI_VERSION_1_2) != JNI_OK || environment == nullptr) {
@@ -56,12 +64,35 @@ void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
   }
   auto* const jvmti = static_cast<jvmtiEnv*>(environment);
   if (support::featureVersion(jvmti) < kFirstThatWaits) {
+    isNeeded.store(false);
     return;
   }
   jvmtiEventCallbacks callbacks{};
   callbacks.ThreadEnd = ThreadEnd;
   jvmti->SetEventCallbacks(&callbacks, static_cast<jint>(sizeof(callbacks)));
   jvmti->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_THREAD_END, nullptr);
+  watching.store(jvmti);
+}
+
+}  // namespace
+
+void watchForVmEnd(JavaVM* vm, void (*atEnd)()) {
+  isEnding.store(false);
+  watch(vm, atEnd);
+}
+
+void watchForVmEndAgain(JavaVM* vm, void (*atEnd)()) {
+  if (jvmtiEnv* const jvmti = watching.load()) {
+    jvmti->SetEventNotificationMode(JVMTI_ENABLE, JVMTI_EVENT_THREAD_END, nullptr);
+  } else if (isNeeded.load()) {  // each environment that is taken stays until the VM ends
+    watch(vm, atEnd);
+  }
+}
+
+void stopWatchingForVmEnd() {
+  if (jvmtiEnv* const jvmti = watching.load()) {
+    jvmti->SetEventNotificationMode(JVMTI_DISABLE, JVMTI_EVENT_THREAD_END, nullptr);
+  }
 }
 
 bool vmIsEnding() {

@@ -11,11 +11,16 @@
 
 namespace agent {
 
-// Begins to watch for the end of `vm`, with a JVMTI environment of its own. Called by Agent_OnLoad.
+// Begins to watch for the end of `vm`, with a JVMTI environment of its own. Called when the agent
+// is loaded.
 // `atEnd` is called once, on the thread that ends the VM, in the live phase; vmIsEnding() holds by
 // then. A VM before 26, which waits for nobody, is not watched; nor is one that gives no
 // environment or refuses the event.
 void watchForVmEnd(JavaVM* vm, void (*atEnd)());
+
+// Goes on with the environment of before, if there is one; stopWatchingForVmEnd() leaves it there.
+void watchForVmEndAgain(JavaVM* vm, void (*atEnd)());
+void stopWatchingForVmEnd();
 
 // Whether the VM is about to end: handlers make no call any more that waits for a safepoint. Any
 // thread; to be asked just before each such call.

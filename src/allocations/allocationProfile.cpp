@@ -112,9 +112,21 @@ std::string allocationProfile::startWithVm(JavaVM* vm, const allocationSettings&
   return problem;
 }
 
+bool allocationProfile::isWorthReporting() const {
+  constexpr std::uint64_t kFewest = 16;
+  return isRunning() && recorder_.counted().samples.load() >= kFewest;
+}
+
 bool allocationProfile::handlersHaveLeft() {
   instruments::handlerGate::departure departure;
   return instruments::comesSoon([&] { return departure.isOver(recorder_.gate()); });
+}
+
+void allocationProfile::leaveBeforeVmEnds() {
+  if (isRunning()) {
+    environment_.disable({JVMTI_EVENT_SAMPLED_OBJECT_ALLOC, JVMTI_EVENT_GARBAGE_COLLECTION_FINISH});
+    handlersHaveLeft();
+  }
 }
 
 // The tables of a new session, and its handlers on. What throws leaves none.
@@ -152,6 +164,9 @@ std::string allocationProfile::start(JavaVM* vm, JNIEnv* jni, const allocationSe
   const support::lockGuard oneCall(controlMutex_);
   if (isRunning()) {
     return "the allocation profile runs already";
+  }
+  if (hasLeft_) {
+    return "the agent is detached";
   }
   std::string problem = open(vm);
   if (!problem.empty()) {
@@ -233,9 +248,13 @@ bool allocationProfile::stop(JNIEnv* jni, bool afterCollection) {
   if (!isRunning()) {
     return false;
   }
-  if (!lastReport_.takeBack()) {
-    return true;
+  if (lastReport_.takeBack()) {
+    end(jni, afterCollection);
   }
+  return true;
+}
+
+void allocationProfile::end(JNIEnv* jni, bool afterCollection) {
   environment_.disable({JVMTI_EVENT_SAMPLED_OBJECT_ALLOC});
   recorder_.end();
   handlersHaveLeft();  // so that none leaves a reference any more
@@ -250,7 +269,37 @@ bool allocationProfile::stop(JNIEnv* jni, bool afterCollection) {
   }
   session_.ended = instruments::steadyNanos();
   dropAll(jni);
-  return true;
+}
+
+std::string allocationProfile::leave(JNIEnv* jni) {
+  const support::lockGuard oneCall(controlMutex_);
+  hasLeft_ = true;
+  if (isRunning()) {
+    if (!lastReport_.takeBack()) {
+      return "the VM is ending";
+    }
+    end(jni, false);
+  }
+  if (!handlersHaveLeft() || !thread_.hasEnded()) {
+    return "its handlers or its thread have not ended";
+  }
+  {
+    const support::lockGuard guard(samplesMutex_);
+    session_ = {};
+    frozen_.reset();
+    left_.reset();
+    samples_.release();
+  }
+  if (virtualThread_ != nullptr) {
+    jni->DeleteGlobalRef(virtualThread_);
+    virtualThread_ = nullptr;
+  }
+  return environment_.close();
+}
+
+void allocationProfile::comeBack() {
+  const support::lockGuard oneCall(controlMutex_);
+  hasLeft_ = false;
 }
 
 bool allocationProfile::isFrozen() {
@@ -330,8 +379,14 @@ void allocationProfile::collectAtEnd() {
 // not come by then was suspended by a debugger.
 void allocationProfile::endWithVm(JNIEnv* jni) {
   constexpr const char* kFunction = "allocationProfile::endWithVm";
+  if (!isRunning()) {
+    return;
+  }
   const std::string path = lastReport_.path();
-  if (path.empty() || !isRunning()) {
+  if (path.empty()) {
+    recorder_.end();
+    thread_.stop();
+    thread_.hasEnded();  // the VM would wait for a thread that is in native code
     return;
   }
   if (isLastCollectionDue(jni)) {

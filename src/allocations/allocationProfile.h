@@ -41,6 +41,14 @@ class allocationProfile {
   std::string start(JavaVM* vm, JNIEnv* jni, const allocationSettings& settings)
       EXCLUDES(controlMutex_);
   bool isRunning() const { return recorder_.isOn(); }
+
+  // The VM is about to wait for all handlers: none begins any more, and those that run have left
+  // when it returns, except for one that takes more than 2 seconds. The last report is still
+  // written. On the thread that ends the VM.
+  void leaveBeforeVmEnds();
+
+  // Whether it runs and has more samples than a VM that does next to nothing gives. Any thread.
+  bool isWorthReporting() const;
   std::string snapshot(JNIEnv* jni, const std::string& path, bool afterCollection)
       EXCLUDES(controlMutex_);
   bool stop(JNIEnv* jni, bool afterCollection) EXCLUDES(controlMutex_);
@@ -48,6 +56,11 @@ class allocationProfile {
   // Keeps nothing when `haveHooksBegun` is true by the time that the collection is over.
   void shutdownBegins(JNIEnv* jni, bool afterCollection,
                       const std::function<bool()>& haveHooksBegun) EXCLUDES(controlMutex_);
+
+  // Stops it, drops all that was gathered and gives its capabilities back; it does not start again
+  // before comeBack(). Empty, or what could not be done. On a Java thread, in the live phase.
+  std::string leave(JNIEnv* jni) EXCLUDES(controlMutex_);
+  void comeBack() EXCLUDES(controlMutex_);
 
  private:
   allocationProfile();
@@ -62,6 +75,7 @@ class allocationProfile {
   bool handlersHaveLeft();
   void begin(JNIEnv* jni, const allocationSettings& settings) REQUIRES(controlMutex_)
       EXCLUDES(samplesMutex_);
+  void end(JNIEnv* jni, bool afterCollection) REQUIRES(controlMutex_) EXCLUDES(samplesMutex_);
   void dropAll(JNIEnv* jni) REQUIRES(samplesMutex_);
   std::optional<std::int64_t> takeStep(JNIEnv* jni) EXCLUDES(samplesMutex_);
   void drain(JNIEnv* jni) REQUIRES(samplesMutex_);
@@ -82,6 +96,7 @@ class allocationProfile {
   allocationSettings settingsForVm_;
 
   support::mutex controlMutex_;  // outside samplesMutex_: one control call at a time
+  bool hasLeft_ GUARDED_BY(controlMutex_) = false;
   jclass virtualThread_ GUARDED_BY(controlMutex_) = nullptr;
 
   // No handler takes it.

@@ -1,4 +1,5 @@
 #include "allocations/allocationReport.h"
+#include "support/version.h"
 
 #include <algorithm>
 #include <cmath>
@@ -94,6 +95,7 @@ void reportWriter::writeTime(std::string_view name, std::int64_t steady) {
 
 void reportWriter::writeHead(std::int64_t now) {
   json_.member("report", "allocations").member("version", 1);
+  json_.member("agent", support::kAgentVersion);
   writeTime("startedAt", session_.started);
   writeTime("writtenAt", now);
   writeTime("endedAt", session_.ended);

@@ -49,6 +49,14 @@ void survivingSamples::drop(JNIEnv* jni) {
   live_.clear();
 }
 
+void survivingSamples::release() {
+  stacks_.clear();
+  indexes_ = {};
+  sites_ = std::vector<site>(1);
+  live_ = {};
+  points_ = {};
+}
+
 std::uint32_t survivingSamples::indexOf(const allocationSite& key) {
   const auto known = indexes_.find(key);
   if (known != indexes_.end()) {

@@ -80,6 +80,8 @@ class survivingSamples {
   void begin(std::size_t limit, std::int64_t now);
   // Deletes all references; the sums stay.
   void drop(JNIEnv* jni);
+  // Drops the sums as well, and their memory. References were dropped before.
+  void release();
 
   // Takes over the reference of a sample.
   void add(jvmtiEnv* jvmti, JNIEnv* jni, const sampleQueue::entry& taken,

@@ -3,10 +3,13 @@
 #include <algorithm>
 
 #include "instruments/costAccount.h"
+#include "support/waitReturn.h"
 
 namespace agent {
 
 namespace {
+
+thread_local support::notifiedWaiter lastWait;
 
 // What the word of a thread is about, in its lowest bits.
 enum class wordKind : std::uint8_t {
@@ -131,6 +134,10 @@ void blockRecorder::blockBegins(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage, j
   if (!isOn()) {
     return;
   }
+  if (by == channel::enter && lastWait.comesBack(jvmti, jni, storage)) {
+    setWord(jvmti, storage, packed(wordKind::idle, 0));
+    return;
+  }
   blockedThreads::block begun;
   begun.outer = wordOf(jvmti, storage);
   std::uint32_t cls = 0;
@@ -179,11 +186,22 @@ std::uint64_t blockRecorder::wordFor(const blockedThreads::block& begun, JNIEnv*
   return wordOf(wordKind::noSlot, begun.place, static_cast<std::uint64_t>(begun.since) >> kCoarse);
 }
 
-void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
+void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage, channel by) {
   const instruments::handlerGate::pass inside(gate_);
-  if (!isOn()) {
-    return;
+  // A virtual thread that comes back from a wait has not begun a block.
+  if (isOn() && !endBlock(jvmti, jni, storage) &&
+      (by != channel::enter || !support::isWithinWait(jvmti, jni, storage))) {
+    ++omitted_.startsNotSeen;
   }
+}
+
+void blockRecorder::waitEnds(jvmtiEnv* jvmti, JNIEnv* jni, bool timedOut) {
+  lastWait.waited(timedOut);
+  blockEnds(jvmti, jni, nullptr, channel::wait);
+}
+
+// False when its begin was not seen.
+bool blockRecorder::endBlock(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
   const std::uint64_t word = wordOf(jvmti, storage);
   const std::int64_t now = instruments::steadyNanos();
   blockedThreads::block ended;
@@ -193,24 +211,21 @@ void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
     case wordKind::noSlot:
       ended.place = placeIn(word);
       ended.since = startIn(word, now);
-      if (ended.since < started_) {
-        ++omitted_.startsNotSeen;
-      } else {
-        add(ended, now);
-      }
       setWord(jvmti, storage, 0);
-      return;
+      if (ended.since < started_) {
+        return false;
+      }
+      add(ended, now);
+      return true;
     case wordKind::idle:
       setWord(jvmti, storage, 0);
-      return;
+      return true;
     default:
-      ++omitted_.startsNotSeen;
-      return;
+      return false;
   }
   const blockedThreads::token taken = tokenIn(word);
   if (!threads_.read(taken, ended)) {
-    ++omitted_.startsNotSeen;  // the word is of an earlier block
-    return;
+    return false;  // the word is of an earlier block
   }
   add(ended, now);  // before the slot is free: a record without slots may be given up
   const wordKind outer = agent::kindOf(ended.outer);
@@ -223,6 +238,7 @@ void blockRecorder::blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage) {
     setWord(jvmti, storage, ended.outer);  // a block within another one
   }
   threads_.leave(jni, taken);
+  return true;
 }
 
 void blockRecorder::acquisitionBegins(jvmtiEnv* jvmti) {

@@ -26,7 +26,9 @@ class blockRecorder {
   // `storage` is the thread whose word is used, null for the calling one; `thread` the blocked one.
   void blockBegins(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage, jthread thread, channel by,
                    jobject object);
-  void blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage);
+  void blockEnds(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage, channel by);
+  // A wait of the calling thread for a notification.
+  void waitEnds(jvmtiEnv* jvmti, JNIEnv* jni, bool timedOut);
   // The parks that follow belong to one acquisition of a lock.
   void acquisitionBegins(jvmtiEnv* jvmti);
 
@@ -60,6 +62,7 @@ class blockRecorder {
   const omissions& omitted() const { return omitted_; }
 
  private:
+  bool endBlock(jvmtiEnv* jvmti, JNIEnv* jni, jthread storage);
   std::uint64_t wordFor(const blockedThreads::block& begun, JNIEnv* jni, jthread thread);
   void add(const blockedThreads::block& ended, std::int64_t end);
   blockCounts& countsOf(std::uint32_t place);

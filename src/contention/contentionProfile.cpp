@@ -83,7 +83,7 @@ void JNICALL contentionProfile::MonitorContendedEnter(jvmtiEnv* jvmti, JNIEnv* j
 
 void JNICALL contentionProfile::MonitorContendedEntered(jvmtiEnv* jvmti, JNIEnv* jni,
                                                         jthread /*thread*/, jobject /*object*/) {
-  ofProcess().recorder_.blockEnds(jvmti, jni, nullptr);
+  ofProcess().recorder_.blockEnds(jvmti, jni, nullptr, channel::enter);
 }
 
 void JNICALL contentionProfile::MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
@@ -92,8 +92,8 @@ void JNICALL contentionProfile::MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthrea
 }
 
 void JNICALL contentionProfile::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread /*thread*/,
-                                              jobject /*object*/, jboolean /*timedOut*/) {
-  ofProcess().recorder_.blockEnds(jvmti, jni, nullptr);
+                                              jobject /*object*/, jboolean timedOut) {
+  ofProcess().recorder_.waitEnds(jvmti, jni, timedOut == JNI_TRUE);
 }
 
 void contentionProfile::acquisitionBegins(JNIEnv* /*jni*/) {
@@ -108,7 +108,7 @@ void contentionProfile::blockerSet(JNIEnv* jni, jthread thread, jobject blocker)
   if (blocker != nullptr) {
     self.recorder_.blockBegins(jvmti, jni, thread, thread, channel::park, blocker);
   } else {
-    self.recorder_.blockEnds(jvmti, jni, thread);
+    self.recorder_.blockEnds(jvmti, jni, thread, channel::park);
   }
 }
 
@@ -142,9 +142,30 @@ std::string contentionProfile::startWithVm(JavaVM* vm, const contentionSettings&
   return problem;
 }
 
+bool contentionProfile::hasContention() const {
+  if (!isRunning()) {
+    return false;
+  }
+  const lockTable& locks = recorder_.locks();
+  bool isThere = recorder_.omitted().otherLocks.load() > 0;
+  for (std::uint32_t place = 0; place < locks.end() && !isThere; ++place) {
+    isThere = locks.isLive(place) && isContention(locks.at(place).kind);
+  }
+  return isThere;
+}
+
 bool contentionProfile::handlersHaveLeft() {
   instruments::handlerGate::departure departure;
   return instruments::comesSoon([&] { return departure.isOver(recorder_.gate()); });
+}
+
+void contentionProfile::leaveBeforeVmEnds() {
+  if (isRunning()) {
+    environment_.disable({JVMTI_EVENT_MONITOR_CONTENDED_ENTER,
+                          JVMTI_EVENT_MONITOR_CONTENDED_ENTERED, JVMTI_EVENT_MONITOR_WAIT,
+                          JVMTI_EVENT_MONITOR_WAITED});
+    handlersHaveLeft();
+  }
 }
 
 void contentionProfile::findClasses(JNIEnv* jni) {
@@ -212,6 +233,9 @@ std::string contentionProfile::start(JavaVM* vm, JNIEnv* jni, const contentionSe
   if (isRunning()) {
     return "the contention profile runs already";
   }
+  if (hasLeft_) {
+    return "the agent is detached";
+  }
   std::string problem = open(vm);
   if (!problem.empty()) {
     return problem;
@@ -243,6 +267,15 @@ bool contentionProfile::stop(JNIEnv* jni) {
   if (!lastReport_.takeBack()) {
     return true;
   }
+  const std::string problem = end(jni);
+  if (!problem.empty()) {
+    TW_LOG(kLogWarn, kSeverityWarn, "contentionProfile::stop", "%s", problem.c_str());
+  }
+  return true;
+}
+
+// Why the hook of parks stays, or an empty text.
+std::string contentionProfile::end(JNIEnv* jni) {
   environment_.disable(events());
   {
     const support::lockGuard guard(samplesMutex_);
@@ -251,14 +284,54 @@ bool contentionProfile::stop(JNIEnv* jni) {
     sampler_.catchUp(environment_.jvmti(), jni, session_.ended);
   }
   thread_.stop();
-  const std::string problem = parkHook::remove(environment_.jvmti(), jni);
-  if (!problem.empty()) {
-    TW_LOG(kLogWarn, kSeverityWarn, "contentionProfile::stop", "%s", problem.c_str());
-  }
+  std::string problem = parkHook::remove(environment_.jvmti(), jni);
   handlersHaveLeft();  // so that none leaves a reference to its thread any more
   const support::lockGuard guard(samplesMutex_);
   recorder_.threads().dropAll(jni);
-  return true;
+  return problem;
+}
+
+std::string contentionProfile::leave(JNIEnv* jni) {
+  const support::lockGuard oneCall(controlMutex_);
+  hasLeft_ = true;
+  std::string problem;
+  if (isRunning()) {
+    if (!lastReport_.takeBack()) {
+      return "the VM is ending";
+    }
+    const bool canHook = environment_.capabilities().can_retransform_classes != 0;
+    problem = end(jni);
+    if (!canHook) {
+      problem.clear();  // there was no hook
+    }
+  }
+  if (!problem.empty() || !handlersHaveLeft() || !thread_.hasEnded()) {
+    return problem.empty() ? "its handlers or its thread have not ended" : problem;
+  }
+  {
+    const support::lockGuard guard(samplesMutex_);
+    session_ = {};
+    samples_.clear();
+    recorder_.locks().begin(jni, contentionSettings::kFewestLocks);
+  }
+  dropClasses(jni);
+  return environment_.close();
+}
+
+void contentionProfile::comeBack() {
+  const support::lockGuard oneCall(controlMutex_);
+  hasLeft_ = false;
+}
+
+void contentionProfile::dropClasses(JNIEnv* jni) {
+  for (jclass const each : {parks_.synchronizer, parks_.latch, parks_.stampedLock, parks_.pool,
+                            owners_.virtualThread}) {
+    if (each != nullptr) {
+      jni->DeleteGlobalRef(each);
+    }
+  }
+  parks_ = {};
+  owners_ = {};
 }
 
 bool contentionProfile::reportAtEnd(const std::string& path, bool isEnding) {
@@ -274,12 +347,16 @@ bool contentionProfile::reportAtEnd(const std::string& path, bool isEnding) {
 // not come by then was suspended by a debugger.
 void contentionProfile::endWithVm(JNIEnv* jni) {
   constexpr const char* kFunction = "contentionProfile::endWithVm";
-  const std::string path = lastReport_.path();
-  if (path.empty() || !isRunning()) {
+  if (!isRunning()) {
     return;
   }
+  const std::string path = lastReport_.path();
   recorder_.end();
   thread_.stop();
+  if (path.empty()) {
+    thread_.hasEnded();  // the VM would wait for a thread that is in native code
+    return;
+  }
   std::string text;
   if (!thread_.hasEnded() ||
       !samplesMutex_.tryLockUntil(support::patienceClock::now() + kPatience)) {

@@ -39,9 +39,22 @@ class contentionProfile {
   std::string start(JavaVM* vm, JNIEnv* jni, const contentionSettings& settings)
       EXCLUDES(controlMutex_);
   bool isRunning() const { return recorder_.isOn(); }
+
+  // The VM is about to wait for all handlers: none begins any more, and those that run have left
+  // when it returns, except for one that takes more than 2 seconds. The last report is still
+  // written. On the thread that ends the VM.
+  void leaveBeforeVmEnds();
+
+  // Whether it runs and a thread was blocked by a lock since it began. Any thread.
+  bool hasContention() const;
   std::string snapshot(JNIEnv* jni, const std::string& path) EXCLUDES(controlMutex_);
   bool stop(JNIEnv* jni) EXCLUDES(controlMutex_);
   bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_);
+
+  // Stops it, drops all that was gathered and gives its capabilities back; it does not start again
+  // before comeBack(). Empty, or what could not be done. On a Java thread, in the live phase.
+  std::string leave(JNIEnv* jni) EXCLUDES(controlMutex_);
+  void comeBack() EXCLUDES(controlMutex_);
 
  private:
   contentionProfile();
@@ -66,6 +79,8 @@ class contentionProfile {
   void begin(JNIEnv* jni, const contentionSettings& settings) REQUIRES(controlMutex_)
       EXCLUDES(samplesMutex_);
   void takeBack(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  std::string end(JNIEnv* jni) REQUIRES(controlMutex_) EXCLUDES(samplesMutex_);
+  void dropClasses(JNIEnv* jni) REQUIRES(controlMutex_);
   std::optional<std::int64_t> takeStep(JNIEnv* jni) EXCLUDES(samplesMutex_);
   void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
   std::string reportText(JNIEnv* jni) REQUIRES(samplesMutex_);
@@ -75,6 +90,7 @@ class contentionProfile {
   contentionSettings settingsForVm_;
 
   support::mutex controlMutex_;  // outside samplesMutex_: one control call at a time
+  bool hasLeft_ GUARDED_BY(controlMutex_) = false;
   parkClasses parks_ GUARDED_BY(controlMutex_);
   ownerClasses owners_ GUARDED_BY(controlMutex_);
 

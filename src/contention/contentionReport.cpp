@@ -9,6 +9,7 @@
 
 #include "contention/lockNames.h"
 #include "instruments/costAccount.h"
+#include "support/version.h"
 
 namespace agent {
 
@@ -93,6 +94,7 @@ class reportWriter {
 
 void reportWriter::writeHead(const contentionSession& session, std::int64_t now) {
   json_.member("report", "contention").member("version", 1);
+  json_.member("agent", support::kAgentVersion);
   json_.member("startedAt", millis(session.started)).member("writtenAt", millis(now));
   if (session.ended == 0) {
     json_.nullMember("endedAt");

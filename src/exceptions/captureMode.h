@@ -13,7 +13,7 @@ namespace agent {
 
 inline std::atomic<bool> exceptionsAreMadeFlag{false};
 
-// Set by Agent_OnLoad only, before any profiler is made.
+// Set when the agent is loaded only, before any profiler is made.
 inline void captureExceptionsWhereMade(bool isMade) {
   exceptionsAreMadeFlag.store(isMade, std::memory_order_relaxed);
 }

@@ -82,6 +82,12 @@ void madeHook::switchOff() {
   theCallback.store(nullptr, std::memory_order_release);
 }
 
+std::string madeHook::remove(JNIEnv* jni) {
+  switchOff();
+  std::string problem = isInstalled() ? theHook().remove(environment_.jvmti(), jni) : std::string();
+  return problem.empty() ? environment_.close() : problem;
+}
+
 void JNICALL madeHook::ClassFileLoadHook(jvmtiEnv* jvmti, JNIEnv* /*jni*/, jclass /*redefined*/,
                                          jobject loader, const char* name,
                                          jobject /*protectionDomain*/, jint size,

@@ -31,6 +31,10 @@ class madeHook {
   // The natives return at once. Any thread, at any time.
   static void switchOff();
 
+  // Makes the constructors as before, which waits for a safepoint, and gives the capability back.
+  // Empty, or why not: the calls then stay, and do nothing.
+  std::string remove(JNIEnv* jni);
+
  private:
   madeHook() = default;
 

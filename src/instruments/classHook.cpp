@@ -84,7 +84,11 @@ std::string classHook::remove(jvmtiEnv* jvmti, JNIEnv* jni) {
   if (error != JVMTI_ERROR_NONE) {
     return answered(jvmti, "SetEventNotificationMode", error);
   }
-  return retransform(jvmti, findClasses(jni, exceptions));
+  std::string problem = retransform(jvmti, findClasses(jni, exceptions));
+  for (std::atomic<bool>& each : isHooked_) {
+    each = false;
+  }
+  return problem;
 }
 
 // Makes the class that the JDK's classes call, once in the process. Empty, or why it cannot be

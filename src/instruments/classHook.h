@@ -58,7 +58,7 @@ class classHook {
   std::string install(jvmtiEnv* jvmti, JNIEnv* jni);
 
   // Makes the classes as before, and disables the event. Empty when that was done; else why not:
-  // the calls then stay.
+  // the calls then stay. Not installed any more in either case.
   std::string remove(jvmtiEnv* jvmti, JNIEnv* jni);
 
   // Whether the first method has its call.

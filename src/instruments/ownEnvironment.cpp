@@ -83,6 +83,16 @@ void ownEnvironment::disable(const std::vector<jvmtiEvent>& events) {
   }
 }
 
+std::string ownEnvironment::close() {
+  const jvmtiError error =
+      jvmti_ == nullptr ? JVMTI_ERROR_NONE : jvmti_->RelinquishCapabilities(&capabilities_);
+  if (error != JVMTI_ERROR_NONE) {
+    return "the VM does not take capabilities back: " + support::errorName(jvmti_, error);
+  }
+  capabilities_ = {};
+  return {};
+}
+
 bool ownEnvironment::run(JNIEnv* jni, const char* name, jvmtiStartFunction body, void* argument) {
   support::pendingExceptionGuard exceptions(jni);
   const support::localRef<jclass> cls(jni, jni->FindClass("java/lang/Thread"));

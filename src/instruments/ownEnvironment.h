@@ -30,6 +30,10 @@ class ownEnvironment {
   bool enable(const std::vector<jvmtiEvent>& events);
   void disable(const std::vector<jvmtiEvent>& events);
 
+  // Gives back what open() got, the environment excepted; events are disabled by then. Empty, or
+  // why the VM keeps it.
+  std::string close();
+
   // Runs `body(argument)` on a Java thread of that name, a daemon in the system's group. False,
   // with no exception left, when the VM refuses. On a Java thread, in the live phase.
   bool run(JNIEnv* jni, const char* name, jvmtiStartFunction body, void* argument);

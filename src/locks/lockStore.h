@@ -32,27 +32,38 @@ namespace agent {
 // where the event that ends it finds it. Any thread; each for itself.
 class blockStarts {
  public:
+  struct begun {
+    std::optional<std::int64_t> start;  // none when it is not known
+    bool isBackFromWait = false;        // the thread's wait has ended since
+  };
+
   // The calling thread `thread` begins a block or wait at `time`.
   void leave(jvmtiEnv* jvmti, jthread thread, std::int64_t time) {
     note(time);
     open_ = time;
-    void* const stored = reinterpret_cast<void*>(static_cast<std::intptr_t>(time));
-    if (jvmti->SetThreadLocalStorage(thread, stored) != JVMTI_ERROR_NONE) {
-      noteLostEvents();  // an older start stays there
-    }
+    store(jvmti, thread, time);
   }
-  // The start of the block or wait that the calling thread ends; none when it is not known. What an
-  // earlier session has left is not known. What was left before events were lost may have ended
-  // since, unless this native thread is in it still.
-  std::optional<std::int64_t> take(jvmtiEnv* jvmti, jthread thread) const {
+  // The wait of the calling thread `thread` has ended at `time`: what it ends next is not that.
+  void leaveWait(jvmtiEnv* jvmti, jthread thread, std::int64_t time) {
+    note(time);
+    open_ = 0;
+    store(jvmti, thread, -time);
+  }
+  // What the calling thread has left last. What an earlier session has left is not known. What was
+  // left before events were lost may have ended since, unless this native thread is in it still.
+  begun take(jvmtiEnv* jvmti, jthread thread) const {
     const std::int64_t open = std::exchange(open_, 0);
     void* stored = nullptr;
     if (jvmti->GetThreadLocalStorage(thread, &stored) != JVMTI_ERROR_NONE || stored == nullptr) {
-      return std::nullopt;
+      return {};
     }
+    // Negative for the end of a wait.
     const auto start = static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(stored));
+    if (start < 0) {
+      return {std::nullopt, hasLeftSinceLoss(-start)};
+    }
     const bool known = hasLeftSinceLoss(start) || (start == open && hasLeft(start));
-    return known ? std::optional(start) : std::nullopt;
+    return {known ? std::optional(start) : std::nullopt, false};
   }
   // The calling thread's block or wait has ended, or another has begun whose start is not left.
   static void forget() { open_ = 0; }
@@ -76,6 +87,12 @@ class blockStarts {
 
  private:
   void lowerFirstStarts(std::int64_t time);
+  void store(jvmtiEnv* jvmti, jthread thread, std::int64_t word) {
+    void* const stored = reinterpret_cast<void*>(static_cast<std::intptr_t>(word));
+    if (jvmti->SetThreadLocalStorage(thread, stored) != JVMTI_ERROR_NONE) {
+      noteLostEvents();  // an older start stays there
+    }
+  }
 
   // The start of the block or wait that this native thread is in, 0 for none. A virtual thread may
   // end it on another one.

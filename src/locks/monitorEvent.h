@@ -88,8 +88,13 @@ struct monitorEvent {
     readTime();
     store.starts.leave(jvmti, thread, time);
   }
-  // The start of the block or wait that ends at the event's time; none when it is not known.
-  std::optional<std::int64_t> takeStart() {
+  // A wait of the event's thread has ended.
+  void leaveWait() {
+    readTime();
+    store.starts.leaveWait(jvmti, thread, time);
+  }
+  // What the thread has begun last.
+  blockStarts::begun takeStart() {
     readTime();
     return store.starts.take(jvmti, thread);
   }

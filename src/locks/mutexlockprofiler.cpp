@@ -11,6 +11,7 @@
 #include "locks/monitorEvent.h"
 #include "support/sourcePlace.h"
 #include "support/text.h"
+#include "support/waitReturn.h"
 
 namespace agent {
 
@@ -22,6 +23,8 @@ constexpr const char* kVMInit = "mutexLockProfiler::VMInit";
 constexpr jint kMaxFrames = 100;
 constexpr std::int64_t kNanosPerMinute = 60000000000;
 constexpr std::uint32_t kLastMinuteSlot = 300;
+
+thread_local support::notifiedWaiter lastWait;
 
 // An error of a handler; a null text is not written.
 void logError(const handlerTexts& texts, const char* message,
@@ -100,9 +103,12 @@ void JNICALL mutexLockProfiler::MonitorWait(jvmtiEnv* jvmti, JNIEnv* jni, jthrea
 }
 
 void JNICALL mutexLockProfiler::MonitorWaited(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread,
-                                              jobject object, jboolean /*timedOut*/) {
+                                              jobject object, jboolean timedOut) {
   handle(kWaitedTexts, jvmti, jni, thread, object,
-         [](mutexLockProfiler& self, monitorEvent& event) { self.waited(event); });
+         [&](mutexLockProfiler& self, monitorEvent& event) {
+           lastWait.waited(timedOut == JNI_TRUE);
+           self.waited(event);
+         });
 }
 
 // Which lock the event is about. False, and the reason is in the log, when the VM does not name it
@@ -122,6 +128,9 @@ inline bool mutexLockProfiler::identify(monitorEvent& event, identifiedLock& loc
 }
 
 void mutexLockProfiler::contendedEnter(monitorEvent& event) {
+  if (lastWait.comesBack(event.jvmti, event.jni, event.thread)) {
+    return;  // its end finds that it is back from a wait
+  }
   event.leaveStart();
   beginGraphs(event.time);
   identifiedLock lock;
@@ -154,7 +163,11 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
     }
   } guard{epoch_};
 
-  const std::optional<std::int64_t> start = event.takeStart();
+  const blockStarts::begun begun = event.takeStart();
+  if (begun.isBackFromWait) {
+    guard.missed = false;  // without an entry
+    return;
+  }
   identifiedLock lock;
   if (!identify(event, lock)) {
     return;
@@ -168,10 +181,10 @@ void mutexLockProfiler::contendedEntered(monitorEvent& event) {
   guard.missed = false;
 
   lock.bean->setName();
-  if (start) {
+  if (begun.start) {
     threadBean* const thread =
         event.detail() ? lock.bean->findThread(event.threadName().view()) : nullptr;
-    lock.bean->addBlock(thread, *start, event.time);
+    lock.bean->addBlock(thread, *begun.start, event.time);
   }
   if (top != nullptr) {
     closePeriod(event, *top);
@@ -194,13 +207,14 @@ void mutexLockProfiler::wait(monitorEvent& event) {
 
 void mutexLockProfiler::waited(monitorEvent& event) {
   if (!event.detail()) {  // waits are measured in detail sessions only
-    blockStarts::forget();
+    event.leaveWait();
     if (event.object != nullptr && event.thread == nullptr) {
       logError(event.texts, event.texts.threadIsNull);
     }
     return;
   }
-  const std::optional<std::int64_t> start = event.takeStart();
+  const std::optional<std::int64_t> start = event.takeStart().start;
+  event.leaveWait();
   identifiedLock lock;
   if (!identify(event, lock) || lock.bean == nullptr) {
     return;

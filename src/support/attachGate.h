@@ -11,6 +11,7 @@
 #include <atomic>
 
 #include "support/annotations.h"
+#include "support/vmTurn.h"
 
 namespace support {
 
@@ -24,10 +25,14 @@ class attachGate {
   static attachGate& ofProcess();
 
   // Has the threads that attach themselves to `vm` pass the gate, by a copy of its invocation
-  // interface, when the VM is one that needs it. In Agent_OnLoad.
-  void install(JavaVM* vm, jvmtiEnv* jvmti) EXCLUDES(mutex_);
+  // interface, when the VM is one that needs it. In a VM that is running, threads may be under way
+  // that have not passed it: nobody looks before they have had their time.
+  void install(JavaVM* vm, jvmtiEnv* jvmti, bool isRunning = false) EXCLUDES(mutex_);
   // Gives the VM its own interface back, if nobody else has replaced it meanwhile.
   void remove(JavaVM* vm) EXCLUDES(mutex_);
+
+  // Whether the calling thread is within DestroyJavaVM, as far as the functions are replaced.
+  static bool isDestroyer();
 
   // Around GetObjectMonitorUsage and nothing else.
   class look {
@@ -82,6 +87,7 @@ class attachGate {
   side looks_ GUARDED_BY(mutex_);
   side attaches_ GUARDED_BY(mutex_);
   bool looksAreNext_ GUARDED_BY(mutex_) = false;  // when both wait
+  patienceClock::time_point firstLook_ GUARDED_BY(mutex_){};
 };
 
 }  // namespace support

@@ -56,6 +56,29 @@ std::string classNameOf(std::string_view signature) {
   return name;
 }
 
+namespace {
+
+// Where the number begins that a lambda's class has in its name before JDK 15, which differs
+// between runs as an address does: "/158" of "a/Shop$$Lambda$14/158". Other classes may be called
+// so.
+std::size_t lambdaNumber(std::string_view name) {
+  constexpr std::string_view kDigits = "0123456789";
+  const std::size_t last = name.find_last_not_of(';');
+  if (last == std::string_view::npos || kDigits.find(name[last]) == std::string_view::npos) {
+    return std::string_view::npos;
+  }
+  const std::size_t before = name.find_last_not_of(kDigits, last);
+  if (before == std::string_view::npos || (name[before] != '/' && name[before] != '.')) {
+    return std::string_view::npos;
+  }
+  const std::string_view host = name.substr(0, before);
+  const bool isLambda =
+      host.substr(host.find_last_of("/.") + 1).find("Lambda") != std::string_view::npos;
+  return isLambda ? before : std::string_view::npos;
+}
+
+}  // namespace
+
 std::string_view withoutAddress(std::string_view signature) {
   for (const std::string_view before : {"/0x", ".0x", "+0x"}) {
     const std::size_t found = signature.rfind(before);
@@ -63,7 +86,7 @@ std::string_view withoutAddress(std::string_view signature) {
       return signature.substr(0, found);
     }
   }
-  return signature;
+  return signature.substr(0, lambdaNumber(signature));
 }
 
 std::uint64_t fnv1a64(std::string_view text) {

@@ -29,7 +29,7 @@ struct recorded {
 
   void block(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread, jobject lock) {
     recorder.blockBegins(jvmti, jni, thread, thread, ::agent::channel::enter, lock);
-    recorder.blockEnds(jvmti, jni, thread);
+    recorder.blockEnds(jvmti, jni, thread, ::agent::channel::enter);
   }
 
   loadedAgent& agent = loaded();

@@ -11,7 +11,12 @@ import resource
 import signal
 import subprocess
 from dataclasses import dataclass, field
+from functools import cache
 from pathlib import Path
+
+import pytest
+
+from features import CHECKED_JDK
 
 HOME = "{home}"  # in agent options: the agent home of the run
 DEFAULT_OPTIONS = f"logLevel=3,twHome={HOME}"
@@ -183,11 +188,31 @@ class Jvm:
         command = [self.java, *vm, "-version"]
         return subprocess.run(command, capture_output=True).returncode == 0
 
+    @cache
+    def _properties(self):
+        command = [self.java, "-XshowSettings:properties", "-version"]
+        return subprocess.run(command, capture_output=True, text=True).stderr
+
     def version(self):
         """The feature version, as in 17."""
-        command = [self.java, "-XshowSettings:properties", "-version"]
-        text = subprocess.run(command, capture_output=True, text=True).stderr
-        return int(re.search(r"java\.version = (?:1\.)?(\d+)", text)[1])
+        return int(re.search(r"java\.version = (?:1\.)?(\d+)", self._properties())[1])
+
+    def home(self):
+        """As the VM itself knows it."""
+        return re.search(r"java\.home = (.*)", self._properties())[1]
+
+    def has(self, feature):
+        """Whether this Java has the feature, as features.py tells."""
+        return feature.first <= self.version() <= feature.last
+
+    def need(self, feature):
+        """Skips the test where the feature is not there."""
+        if not self.has(feature):
+            pytest.skip(f"not there: {feature.name}")
+
+    def checks(self):
+        """Options to check how native code uses the VM, where that of the JDK itself passes."""
+        return ("-Xcheck:jni",) if self.has(CHECKED_JDK) else ()
 
     def new_folder(self, name="run"):
         """A folder of its own for a run: working directory and, below it, the agent home."""
@@ -197,21 +222,22 @@ class Jvm:
 
     def run(self, program, *arguments, options=DEFAULT_OPTIONS, vm=(), folder=None, exit_code=0,
             quiet=True, limit=120, environment=None,
-            file_limit=resource.RLIM_INFINITY):
+            file_limit=resource.RLIM_INFINITY, loads_agent=True):
         """Runs the program to its end.
 
         Fails when it ends otherwise than with `exit_code`, takes more than `limit` seconds, shows
         any sign of a crash or misused native interface, or (`quiet`) writes to standard error.
-        `options` None starts the agent without an option string. `environment` is added to the
-        one that every run gets. No file may get larger than `file_limit` bytes.
+        `options` None starts the agent without an option string; without `loads_agent` the program
+        may attach it. `environment` is added to the one that every run gets. No file may get larger
+        than `file_limit` bytes.
         """
         folder = folder or self.new_folder(program)
         home = folder / "home"
         agent = f"-agentpath:{self.agent}"
         if options is not None:
             agent += "=" + options.replace(HOME, str(home))
-        command = [self.java, "-Xmx256m", agent, *vm, "-cp", self.class_path, program,
-                   *map(str, arguments)]
+        command = [self.java, "-Xmx256m", *([agent] if loads_agent else []), *vm,
+                   "-cp", self.class_path, program, *map(str, arguments)]
         exit_status = self._execute(command, folder, limit, environment or {}, file_limit)
         out, err = ((folder / name).read_bytes().decode("latin-1") for name in ("out", "err"))
         told = f"{' '.join(command)}\nin {folder}\n--- out\n{out}\n--- err\n{err}"

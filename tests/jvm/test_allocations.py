@@ -14,6 +14,9 @@ from pathlib import Path
 
 import pytest
 
+from features import (COMPACT_HEADERS, GENERATIONAL_ZGC, LAST_LOOK_OF_THE_AGENT,
+                      SAMPLED_ALLOCATIONS, SAMPLES_AS_ASKED, SECURITY_MANAGER_BY_WORD,
+                      VIRTUAL_THREADS)
 from harness import DEFAULT_OPTIONS
 
 KB = 1024
@@ -24,8 +27,7 @@ COLLECTORS = ("-XX:+UseG1GC", "-XX:+UseSerialGC", "-XX:+UseParallelGC", "-XX:+Us
 
 @pytest.fixture(autouse=True)
 def _needs_samples(jvm):
-    if jvm.version() < 11:
-        pytest.skip("the VM does not sample allocations")
+    jvm.need(SAMPLED_ALLOCATIONS)
 
 
 def reported(run, name="running.json"):
@@ -87,8 +89,9 @@ def test_a_leak_is_found_by_class_and_site(jvm):
     report = assert_whole(reported(run))
     assert report["afterCollection"]
     samples, size, objects = sums_of(report, SESSION)
+    shorter = 8 if jvm.has(COMPACT_HEADERS) else 0
     assert_near(objects, 400_000, samples)
-    assert_near(size, 400_000 * 32, samples)
+    assert_near(size, 400_000 * (32 - shorter), samples)
     (first, *_) = sites_of(report, SESSION)
     assert re.match(r"AllocationTruth.openSessions\(AllocationTruth.java:\d+\)",
                     frames_of(report, first)[0])
@@ -96,13 +99,13 @@ def test_a_leak_is_found_by_class_and_site(jvm):
     # What went again is in what was allocated only: but for the one that a field still holds.
     assert sums_of(report, "AllocationTruth$Passing")[0] <= 1
     passing = sites_of(report, "AllocationTruth$Passing")[0]["allocated"]
-    assert_near(passing["bytes"], 400_000 * 24, passing["samples"])
+    assert_near(passing["bytes"], 400_000 * (24 - shorter), passing["samples"])
     top = [each["class"] for each in report["sites"][:4]]
     assert SESSION in top, top
 
 
 def test_arrays_have_the_names_of_the_source(jvm):
-    run = jvm.run("AllocationTruth", 16 * KB, "arrays", vm=("-Xmx512m",))
+    run = jvm.run("AllocationTruth", interval_for_thousands(jvm), "arrays", vm=("-Xmx512m",))
     report = assert_whole(reported(run))
     for cls, truth in (("byte[]", 2000 * (8 * KB + 16)), ("char[]", 2000 * (2 * KB + 16))):
         mine = [each for each in sites_of(report, cls)
@@ -130,10 +133,16 @@ def test_what_a_stop_reports_is_what_was_alive_then(jvm):
     assert abs(sums_of(ended, SESSION)[0] - sums_of(running, SESSION)[0]) <= 1
 
 
+def interval_for_thousands(jvm):
+    """Where the VM samples too much, one against which objects of a thousand bytes are small."""
+    return (16 if jvm.has(SAMPLES_AS_ASKED) else 128) * KB
+
+
 def test_threads_that_are_left_out_are_not_sampled(jvm):
-    run = jvm.run("AllocationTruth", 16 * KB, "leftOut", "garbage")
+    interval = interval_for_thousands(jvm)
+    run = jvm.run("AllocationTruth", interval, "leftOut", "garbage")
     report = assert_whole(reported(run))
-    assert report["omitted"]["leftOut"] > 1000
+    assert report["omitted"]["leftOut"] > 1000 * 16 * KB / interval
     allocated = sites_of(report, "byte[]")
     samples = sum(each["allocated"]["samples"] for each in allocated)
     size = sum(each["allocated"]["bytes"] for each in allocated)
@@ -142,7 +151,7 @@ def test_threads_that_are_left_out_are_not_sampled(jvm):
 
 
 def test_many_threads_are_sampled(jvm):
-    run = jvm.run("AllocationTruth", 16 * KB, "threads")
+    run = jvm.run("AllocationTruth", interval_for_thousands(jvm), "threads")
     report = assert_whole(reported(run))
     allocated = sites_of(report, "byte[]")
     samples = sum(each["allocated"]["samples"] for each in allocated)
@@ -153,8 +162,7 @@ def test_many_threads_are_sampled(jvm):
 
 
 def test_virtual_threads_share_a_name(jvm):
-    if jvm.version() < 21:
-        pytest.skip("no virtual threads")
+    jvm.need(VIRTUAL_THREADS)
     run = jvm.run("VirtualAllocations")
     report = assert_whole(reported(run, "virtual.json"))
     samples, _, objects = sums_of(report, "VirtualAllocations$Request")
@@ -175,7 +183,7 @@ def test_rounds_are_collections_and_not_pauses(jvm, collector):
                   vm=(collector, "-Xmx256m"), limit=200)
     report = assert_whole(reported(run, "before.json"))
     # ZGC with generations clears weak references in major collections only, which may be rare.
-    has_major = collector.endswith("ZGC") and jvm.version() >= 21
+    has_major = collector.endswith("ZGC") and jvm.has(GENERATIONAL_ZGC)
     least = 0 if has_major else 2
     assert least <= report["collections"] <= run.fact("collections.before")
     assert oldest(report) <= run.fact("collections.before")
@@ -222,7 +230,7 @@ def ending(jvm, how, action, vm=(), exit_code=0):
     return jvm.run("AllocationEnding", how, action, vm=vm, exit_code=exit_code, quiet=False)
 
 
-def assert_kept_before_hooks(run):
+def assert_kept_before_hooks(jvm, run):
     assert run.facts["hook"] == "null"
     assert run.facts["action"].endswith(" false"), "the hooks were first"
     assert run.facts["hookAfterAction"] == "true"
@@ -231,13 +239,16 @@ def assert_kept_before_hooks(run):
     samples, _, objects = sums_of(report, "AllocationEnding$Session")
     assert_near(objects, 100_000, samples)
     (site,) = sites_of(report, "AllocationEnding$Session")
-    assert site["afterHooks"]["samples"] <= 1, "the hooks have cleared them"
+    if jvm.has(LAST_LOOK_OF_THE_AGENT):
+        assert site["afterHooks"]["samples"] <= 1, "the hooks have cleared them"
+    else:
+        assert site["afterHooks"] is None
     return report
 
 
 @pytest.mark.parametrize("how, status", [("exit", 3), ("return", 0)])
 def test_what_hooks_erase_is_in_the_report(jvm, how, status):
-    assert_kept_before_hooks(ending(jvm, how, "plain", exit_code=status))
+    assert_kept_before_hooks(jvm, ending(jvm, how, "plain", exit_code=status))
 
 
 @pytest.mark.parametrize("collector", COLLECTORS)
@@ -256,13 +267,13 @@ def test_every_collector_lets_the_vm_end(jvm, collector):
 
 @pytest.mark.parametrize("action", ["throws", "error"])
 def test_an_action_that_fails_is_no_matter(jvm, action):
-    assert_kept_before_hooks(ending(jvm, "exit", action, exit_code=3))
+    assert_kept_before_hooks(jvm, ending(jvm, "exit", action, exit_code=3))
 
 
 def test_an_exit_from_another_thread_waits_for_the_action(jvm):
     run = ending(jvm, "exit", "exits", exit_code=3)
     assert run.facts["otherWaits"] == "true"
-    assert_kept_before_hooks(run)
+    assert_kept_before_hooks(jvm, run)
 
 
 def test_without_an_action_the_report_is_of_the_end(jvm):
@@ -273,13 +284,12 @@ def test_without_an_action_the_report_is_of_the_end(jvm):
 
 
 def test_the_action_runs_under_a_security_manager(jvm):
-    if not 12 <= jvm.version() < 24:
-        pytest.skip("the option is another one, or gone")
+    jvm.need(SECURITY_MANAGER_BY_WORD)
     folder = jvm.new_folder("policy")
     policy = folder / "all.policy"
     policy.write_text("grant { permission java.security.AllPermission; };\n")
     vm = ("-Djava.security.manager", f"-Djava.security.policy=={policy}")
-    assert_kept_before_hooks(ending(jvm, "exit", "plain", vm=vm, exit_code=3))
+    assert_kept_before_hooks(jvm, ending(jvm, "exit", "plain", vm=vm, exit_code=3))
 
 
 def test_a_signal_that_ends_the_program_runs_the_action(jvm):
@@ -302,4 +312,7 @@ def test_a_signal_that_ends_the_program_runs_the_action(jvm):
     report = assert_whole(json.loads((folder / "end.json").read_text("utf-8")))
     samples, _, objects = sums_of(report, "AllocationEnding$Session")
     assert_near(objects, 100_000, samples)
-    assert report["afterHooks"]["samples"] < report["alive"]["samples"]
+    if jvm.has(LAST_LOOK_OF_THE_AGENT):
+        assert report["afterHooks"]["samples"] < report["alive"]["samples"]
+    else:
+        assert report["afterHooks"] is None

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import pytest
 
+from features import MODULES, VIRTUAL_THREADS
 from harness import Jvm
 from test_companion import OUTPUT, SAY, lines, run_folder
 
@@ -98,7 +99,7 @@ def test_records_are_counted_where_they_are_made(start):
 
 @pytest.mark.parametrize("exclude", ["java.lang.ClassNotFoundException", "none"])
 def test_what_is_excluded_is_counted(start, exclude):
-    run = start("MissingClass", given=f",exceptions.exclude={exclude}")
+    run = start("MissingClass", given=f",exceptions.exclude={exclude},exceptions.rate=0")
     rows = [row for row in counts_of(run)["sites"]
             if row["class"] == "java.lang.ClassNotFoundException" and row["recorded"] +
             row["blackListed"] > 0]
@@ -107,9 +108,17 @@ def test_what_is_excluded_is_counted(start, exclude):
     assert all((row["recorded"] > 0) == (exclude == "none") for row in rows) and rows
 
 
+def test_lookups_of_the_loader_of_java_8_have_no_record(start, jvm):
+    run = start("MissingClass")
+    records, _ = lines(run_folder(run) / "exceptions.jsonl")
+    found = [r for r in records if r["class"] == "java.lang.ClassNotFoundException"]
+    assert bool(found) == jvm.has(MODULES)
+    assert [row for row in counts_of(run)["sites"]
+            if row["class"] == "java.lang.ClassNotFoundException"], "they are counted"
+
+
 def test_counts_of_virtual_threads(start, jvm):
-    if jvm.version() < 21:
-        pytest.skip("there are none")
+    jvm.need(VIRTUAL_THREADS)
     run = start("VirtualThrowingSites")
     caught = facts_of(run, "caught")
     assert len(caught) == 10

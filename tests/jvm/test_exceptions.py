@@ -5,6 +5,7 @@ from pathlib import Path
 
 import pytest
 
+from features import THREAD_STOP, VIRTUAL_THREADS
 from harness import HOME
 
 VALUES = f"logLevel=1,twHome={HOME},captureObjType=7,captureObjDepth=2,captureSTDepth=20"
@@ -458,8 +459,9 @@ def test_threads_that_throw_at_once(jvm, vm):
 @CHECKED
 def test_virtual_threads_that_throw_at_once(jvm, vm):
     folders = [Path(path) for path in jvm.class_path.split(":")]
-    if jvm.version() < 21 or not any((f / "VirtualExceptions.class").exists() for f in folders):
-        pytest.skip("no virtual threads, or nothing to compile them with")
+    jvm.need(VIRTUAL_THREADS)
+    if not any((f / "VirtualExceptions.class").exists() for f in folders):
+        pytest.skip("nothing to compile virtual threads with")
     check_threads(jvm.run("VirtualExceptions", options=VALUES, vm=vm))
 
 
@@ -586,8 +588,8 @@ def test_values_that_hold_separators_in_records_that_are_cut(jvm, size):
 # Nothing but the exception that is sent can end these threads.
 @pytest.mark.parametrize("way", ["stop", "send"])
 def test_a_thread_can_be_stopped_while_it_throws(jvm, way):
-    if way == "stop" and jvm.version() >= 20:
-        pytest.skip("this Java refuses Thread.stop")
+    if way == "stop":
+        jvm.need(THREAD_STOP)
     sender = Path(jvm.class_path.split(":")[0]).parent / "libstopThread.so"
     run = jvm.run("ExceptionStop", way, options=VALUES, vm=[f"-agentpath:{sender}"], quiet=False)
     if way == "stop":

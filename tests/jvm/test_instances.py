@@ -5,7 +5,8 @@ import pytest
 CHECKED = ("-Xcheck:jni",)
 
 
-@pytest.mark.parametrize("collector", [None, "Serial", "Parallel", "G1", "Z"])
+@pytest.mark.parametrize("collector", [None, "Serial", "Parallel", "G1", "Z"],
+                         ids=lambda name: name or "checked")
 def test_instances_of_exactly_these_classes(jvm, collector):
     vm = [f"-XX:+Use{collector}GC"] if collector else list(CHECKED)
     if not jvm.supports(*vm):
@@ -33,7 +34,7 @@ def test_instances_of_exactly_these_classes(jvm, collector):
 
 
 def test_tagging_while_others_walk(jvm):
-    run = jvm.run("InstanceRaces", "report.json", 30, vm=CHECKED)
+    run = jvm.run("InstanceRaces", "report.json", 30, vm=jvm.checks())
     assert run.fact("stop") == 1
     classes = run.report().root["topNMemoryleakClass"]
     found = [classes[f"com.example.tracked.{name}"]["totalCount"] for name in ("Tracked", "Tracked$Sub")]

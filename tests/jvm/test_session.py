@@ -5,6 +5,7 @@ import time
 
 import pytest
 
+from features import NOTIFIED_STAND_IN_QUEUE, UNNOTIFIED_ARE_COUNTED
 from harness import DEFAULT_OPTIONS, HOME, SECOND, stack_hash
 
 ENTRY_STACK = "at Entrant.enter(),at Entrant.run()"
@@ -26,6 +27,13 @@ def seen(times):
 def test_results(full):
     assert (full.facts["start"], full.facts["summary"], full.facts["detail"]) == ("1", "0", "0")
     assert (full.facts["stopDetail"], full.facts["stop"]) == ("0", "1")
+
+
+def test_a_session_of_the_program_wakes_an_idle_agent(jvm):
+    idle = jvm.run("FullSession", *FILES, options=f"{DEFAULT_OPTIONS},idle=1", vm=("-Xcheck:jni",))
+    assert (idle.facts["start"], idle.facts["stop"]) == ("1", "1")
+    assert idle.report().locks[idle.facts["inventory"]]["count"] == 13
+    assert "does not give an agent that was idle can_access_local_variables: " in idle.log_text()
 
 
 def test_report_head(full):
@@ -150,12 +158,13 @@ def test_owner_periods(jvm, vm):
 
 
 def test_waiters_that_only_the_vm_can_tell_of(jvm):
+    jvm.need(NOTIFIED_STAND_IN_QUEUE)
     run = jvm.run("UntoldWaiters", *FILES)
     owners = run.report().owners
     first, second = run.facts["first"], run.facts["second"]
     assert owners[first]["blockCount"] == 1  # the second was queued
-    # Since version 23 the VM counts those that were notified, before that those that were not.
-    told = jvm.version() < 23 or run.facts["waiterQueued"] == "true"
+    # Later VMs count those that were notified.
+    told = jvm.has(UNNOTIFIED_ARE_COUNTED) or run.facts["waiterQueued"] == "true"
     assert owners[second]["blockCount"] == int(told)
 
 
@@ -187,6 +196,12 @@ def test_owner_lookups_beyond_the_limit_are_reported(jvm):
     # An entry and its end take one lookup each at most.
     assert lookups["made"] + lookups["leftOut"] <= 2 * report.locks[lock]["count"]
     assert any(f"left out : {lookups['leftOut']} ," in text for text in run.messages("Trace"))
+
+
+def test_notified_waiters_are_no_entries(jvm):
+    run = jvm.run("NotifiedWaiters", *FILES)
+    bell = run.report().locks[run.facts["bell"]]
+    assert bell["threadbean"]["waiter"]["count"] == 1, "the one whose time was over"
 
 
 def test_summary_only(jvm):

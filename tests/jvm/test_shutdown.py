@@ -7,6 +7,8 @@ import time
 
 import pytest
 
+from features import SAMPLED_ALLOCATIONS
+
 OUTPUT = "results"
 SAY = "javanativeagent: "
 ALLOCATIONS = "allocations=true,allocations.interval=64k"
@@ -52,7 +54,12 @@ def site_of(report, method):
 
 
 @pytest.mark.parametrize("way, exit_code", ENDS)
-def test_reports_are_there_before_the_hooks_run(start, way, exit_code):
+def test_reports_are_there_before_the_hooks_run(jvm, start, way, exit_code):
+    if not jvm.has(SAMPLED_ALLOCATIONS):
+        run = start(way, exit_code, MEMORY)
+        assert run.err == "" and run.facts["memory-1.json"] == "true"
+        assert tracked(folder_of(run)) == {"com.example.tracked.Tracked": 30}
+        return
     run = start(way, exit_code, ALLOCATIONS, MEMORY)
     assert run.err == ""
     assert run.facts["memory-1.json"] == run.facts["allocations-1.json"] == "true"

@@ -3,7 +3,7 @@
 import re
 import signal
 
-from harness import OUTPUT, execute, results, wait_for
+from harness import OUTPUT, execute, let_threads_block, results, wait_for
 
 
 def check(launcher, folder, *limits):
@@ -31,8 +31,10 @@ def in_detail(launcher, folder):
 
 def test_a_lock_session(launcher, folder):
     def contended(run):
-        stacks = run.folder / "locks-1.stacks.part"
-        return in_detail(launcher, folder)(run) and stacks.exists()
+        if not in_detail(launcher, folder)(run):
+            return False
+        let_threads_block()
+        return True
 
     profiled(launcher, folder, "--locks=summary=1s,detail=1h,top=-1", until=contended)
     done = check(launcher, folder, "--max-blocked-seconds", "*=100000")

@@ -291,10 +291,5 @@ def test_a_build_that_forks_its_jvms(launcher, folder, build, target, code):
 
 
 def lines_of_build(text):
-    """An output of Ant without what the agent and the JVMs that it started have added."""
-    # Ant joins the two outputs of a JVM as they come, in the middle of a line, too: what follows the
-    # agent's greeting may be a line of the other one, and the rest of the greeting its end of line.
-    glued = r"^( +\[javac?\] )?Starting Java Native Agent (Picked up .*\n)(?: +\[javac?\] \n)?"
-    text = re.sub(glued, r"\1\2", text, flags=re.M)
-    return without_agent(re.sub(r"^ +\[java(c)?\] (?=Starting Java Native|Picked up|javanativeagent)",
-                                "", text, flags=re.M))
+    """An output of Ant without what the JVMs that it started have added."""
+    return without_agent(re.sub(r"^ +\[javac?\] (?=Picked up)", "", text, flags=re.M))

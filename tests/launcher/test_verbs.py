@@ -10,9 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from harness import OUTPUT, SOURCE, results, wait_for
+from harness import OUTPUT, SOURCE, let_threads_block, results, wait_for
 
-VERBS = ("run", "list", "status", "start", "stop", "report", "doctor")
+VERBS = ("run", "list", "status", "start", "stop", "attach", "detach", "report", "doctor")
 
 
 @contextmanager
@@ -91,7 +91,7 @@ def test_start_and_stop(launcher, folder):
 
         def names_the_turnstile():
             """One session; a loaded machine may end it before any thread came to a lock."""
-            started = verb("start", f"--locks=delay=0,summary=200ms,detail=1h,name={name}")
+            started = verb("start", f"--locks=summary=200ms,detail=1h,name={name}")
             assert started == "locks: summary\n"
             wait_for(lambda: "detail" in status("locks"), "detail phase")
             twice = launcher.run("start", process.pid, "--locks", folder=folder)
@@ -113,7 +113,7 @@ def test_start_and_stop(launcher, folder):
         assert some.code == 1 and "stop: locks: lock sessions are not running" in some.err, some
         assert some.out.startswith("exceptions: ") and "off" in status("exceptions"), some
 
-        assert "memory: running\n" == verb("start", "--memory=delay=0")
+        assert "memory: running\n" == verb("start", "--memory")
         wait_for(lambda: re.search(r" [1-9]\d* objects tracked", status("memory")), "sweep")
         assert re.search(r"^memory: .*/memory-\d+\.json$", verb("stop"), re.M)
 
@@ -144,7 +144,7 @@ def test_the_contention_profile_beside_a_lock_session(launcher, folder):
         def status(profiler):
             return re.search(rf"^{profiler} +(.*)$", verb("status"), re.M)[1]
 
-        (found,) = results(folder / OUTPUT)
+        (found,) = wait_for(lambda: results(folder / OUTPUT), "run folder")
         report = found.folder / "contention-1.json"
         wait_for(report.exists, "first report")
         seen = set()
@@ -210,7 +210,7 @@ def test_the_allocation_profile(launcher, folder):
         def status(profiler):
             return re.search(rf"^{profiler} +(.*)$", verb("status"), re.M)[1]
 
-        (found,) = results(folder / OUTPUT)
+        (found,) = wait_for(lambda: results(folder / OUTPUT), "run folder")
         report = found.folder / "allocations-1.json"
         growth, paths = report.with_suffix(".growth"), report.with_suffix(".paths")
         for file in (report, growth, paths):
@@ -248,14 +248,14 @@ def test_a_memory_session_that_needs_the_allocation_profile(launcher, folder):
             return done(launcher, name, process.pid, *words, folder=folder)
 
         verb("stop", "--memory")
-        verb("start", "--memory=delay=0,track=byte[]")
+        verb("start", "--memory=track=byte[]")
         assert re.search("^allocations +running; 1 session", verb("status"), re.M)
         stopped = verb("stop", "--memory")
         assert re.fullmatch(r"memory: .*/memory-1\.json\n", stopped)
         shown = verb("status")
         assert re.search(r"^allocations +off; 1 session, last report .*/allocations-1\.json$", shown, re.M)
         # The allocation profile is started first, whatever is named first.
-        verb("start", "--memory=delay=0,track=byte[]", "--allocations")
+        verb("start", "--memory=track=byte[]", "--allocations")
         assert verb("stop", "--memory").startswith("memory: ")
         assert re.search("^allocations +running; 2 sessions", verb("status"), re.M)
 
@@ -272,8 +272,9 @@ def takes_the_name(report):
 
 def test_a_contention_report_that_cannot_be_written(launcher, folder):
     with idle(launcher, folder, "--contention=interval=1s") as process:
-        (found,) = results(folder / OUTPUT)
+        (found,) = wait_for(lambda: results(folder / OUTPUT), "run folder")
         report = found.folder / "contention-1.json"
+        wait_for(report.exists, "first report")  # a name that is taken before is passed over
         wait_for(lambda: takes_the_name(report), "folder with the report's name")
         part = report.with_suffix(".json.part")
         tries = set()
@@ -327,8 +328,8 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
 
     with plain_jvm(launcher, folder) as pid:
         told = refusal(pid)
-        assert "was started without the agent; start it with: twprofile run -- " in told
-        assert told.endswith(" example.Idle\n")
+        assert f"was started without the agent; attach to it with: twprofile attach {pid}, or" in told
+        assert " start it with: twprofile run -- " in told and told.endswith(" example.Idle\n")
     assert "is not a JVM" in refusal(os.getpid())
     assert "null" not in refusal(1)
     assert "no such process: 999999999" in refusal(999999999)
@@ -388,6 +389,7 @@ def test_report_shows_the_newest_run(launcher, folder):
             return done(launcher, "status", process.pid, folder=folder)
 
         wait_for(lambda: "locks        detail" in state(), "detail phase")
+        let_threads_block()
         process.terminate()
         process.wait(60)
     for words in ((), (OUTPUT,), (OUTPUT, "--top", "3")):
@@ -431,7 +433,7 @@ def own_lib(launcher, folder):
 def test_doctor_finds_nothing_wrong(launcher, folder):
     run = launcher.run("doctor", folder=folder)
     assert run.code == 0 and {level for level, _, _ in findings(run)} == {"ok"}, run
-    assert {"JDK", "APR", "agent", "output"} <= {subject for _, subject, _ in findings(run)}
+    assert {"Java", "APR", "agent", "output"} <= {subject for _, subject, _ in findings(run)}
     assert os.listdir(folder) == []
 
 
@@ -441,6 +443,7 @@ def test_doctor_names_classes_without_variables(launcher, folder):
     (sources / "Bare.java").write_text("class Bare { int twice(int n) { int m = n; return m * 2; } }")
     (sources / "Constants.java").write_text("interface Constants { int ONE = 1; }")
     javac = str(Path(launcher.java).resolve().parent / "javac")
+    (folder / "bare").mkdir()  # javac of Java 8 makes none
     subprocess.run([javac, "-g:none", "-d", folder / "bare", *sources.iterdir()], check=True)
     shutil.make_archive(folder / "bare", "zip", folder / "bare")
     (folder / "bare.zip").rename(folder / "bare.jar")
@@ -470,7 +473,11 @@ def test_doctor_finds_a_library_that_does_not_load(launcher, folder):
     root, lib = own_lib(launcher, folder)
     (lib / "libjavanativeagent.so").unlink()
     run = launcher.run("doctor", folder=folder, root=root)
-    assert run.code == 1 and "libjavanativeagent.so does not exist; build it" in run.out, run
+    missing = "libjavanativeagent.so does not exist; "
+    assert run.code == 1 and f"{missing}it belongs to the release" in run.out, run
+    (root / "CMakeLists.txt").touch()
+    run = launcher.run("doctor", folder=folder, root=root)
+    assert run.code == 1 and f"{missing}build it" in run.out, run
     (lib / "libjavanativeagent.so").write_text("no library")
     run = launcher.run("doctor", folder=folder, root=root)
     assert run.code == 1 and any(f[:2] == ("FAULT", "agent") for f in findings(run)), run
@@ -541,3 +548,11 @@ def test_completion_of_process_ids(launcher, folder):
             env={**launcher.environment, "TWPROFILE": str(launcher.root / "bin" / "twprofile")},
         )
         assert str(process.pid) in shown.stdout.split()
+
+
+def test_a_lock_session_that_is_stopped_in_its_summary(launcher, folder):
+    with idle(launcher, folder, "--locks=summary=1h") as process:
+        wait_for(lambda: "summary" in done(launcher, "status", process.pid, folder=folder), "session")
+        told = done(launcher, "stop", process.pid, folder=folder)
+    assert "locks-1.json\nthe report has no locks yet: the session was in its summary phase" in told
+    assert f"twprofile start {process.pid} --locks=summary=5s\n" in told

@@ -55,7 +55,7 @@ TEST_F(inputs, areKnownByTheirContent) {
 }
 
 TEST_F(inputs, ofARunTellWhatIsNotFinished) {
-  write("run.json", R"({"pid":1,"java":"17","options":{}})");
+  write("run.json", R"({"java":"17","options":{}})");
   write("locks-1.json.part", "");
   write("locks-1.stacks.part", "");
   write("notes.json.part", "");

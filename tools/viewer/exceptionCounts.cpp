@@ -226,9 +226,10 @@ std::vector<entry> valuesOf(std::map<key, entry> sums) {
 }  // namespace
 
 exceptionCounts sumOf(const std::vector<exceptionCounts>& files) {
-  std::map<std::string, const exceptionCounts*> latest;  // by the begin of the run
+  using run = std::pair<std::size_t, std::string>;  // the JVM and the begin
+  std::map<run, const exceptionCounts*> latest;
   for (const exceptionCounts& one : files) {
-    const exceptionCounts*& known = latest[one.begin];
+    const exceptionCounts*& known = latest[run(one.jvm, one.begin)];
     known = known == nullptr || known->end <= one.end ? &one : known;
   }
   exceptionCounts sum;

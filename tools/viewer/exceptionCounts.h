@@ -82,6 +82,7 @@ struct exceptionCounts {
   bool isOfMade = false;  // counted where they are made, not where they are thrown
   std::uint64_t maxSites = 0;
   std::size_t runs = 1;  // that the counts are of
+  std::size_t jvm = 0;   // of several JVMs, whose runs may begin at the same time
   throwCounts total;     // of the sites, the classes and the others
   std::vector<countedSite> sites;
   std::vector<countedClass> classes;
@@ -92,7 +93,8 @@ struct exceptionCounts {
 // Reads one file of counts. Throws inputError.
 exceptionCounts readExceptionCounts(byteSource bytes, const std::string& source);
 
-// The sum over runs. Of files with the same begin, which are of one run, the latest counts.
+// The sum over runs. Of files of one JVM with the same begin, which are of one run, the latest
+// counts.
 exceptionCounts sumOf(const std::vector<exceptionCounts>& files);
 
 // Keeps what the predicates accept, and makes `total` the sum of that. The others, whose classes

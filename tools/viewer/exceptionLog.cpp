@@ -151,6 +151,25 @@ void removeValues(exceptionRecord& record) {
   }
 }
 
+// Of two JVMs.
+void addTo(captureEnd& sum, const captureEnd& more) {
+  sum.recorded += more.recorded;
+  sum.dropped += more.dropped;
+  sum.own += more.own;
+  if (!sum.agent || !more.agent) {
+    sum.agent.reset();
+    return;
+  }
+  for (auto member : {&agentCounts::seen, &agentCounts::filtered, &agentCounts::blackListed,
+                      &agentCounts::overRate, &agentCounts::delivered, &agentCounts::cut,
+                      &agentCounts::rethrown}) {
+    (*sum.agent).*member += (*more.agent).*member;
+  }
+  for (const auto& [reason, count] : more.agent->failed) {
+    sum.agent->failed[reason] += count;
+  }
+}
+
 }  // namespace
 
 template <>
@@ -289,6 +308,32 @@ void exceptionLog::addEnd(captureEnd end) {
 void exceptionLog::add(exceptionCounts counts) {
   countFiles_.push_back(std::move(counts));
   counts_ = sumOf(countFiles_);
+}
+
+void exceptionLog::addJvm(exceptionLog other) {
+  for (entry& one : other.lines_) {
+    one.from = &*origins_.insert(*one.from).first;
+    lines_.push_back(std::move(one));
+  }
+  std::stable_sort(lines_.begin(), lines_.end(),
+                   [](const entry& left, const entry& right) { return left.time < right.time; });
+  std::move(other.sources_.begin(), other.sources_.end(), std::back_inserter(sources_));
+  areValuesHidden_ = areValuesHidden_ || other.areValuesHidden_;
+  read_ += other.read_;
+  ends_ += other.ends_;
+  if (!counted_) {
+    counted_ = std::move(other.counted_);
+  } else if (other.counted_) {
+    addTo(*counted_, *other.counted_);
+  }
+  for (exceptionCounts& one : other.countFiles_) {
+    one.jvm = jvms_;
+    countFiles_.push_back(std::move(one));
+  }
+  jvms_++;
+  if (!countFiles_.empty()) {
+    counts_ = sumOf(countFiles_);
+  }
 }
 
 void exceptionLog::keepIf(const std::function<bool(const exceptionRecord&)>& wanted,

@@ -139,6 +139,9 @@ class exceptionLog {
   // Adds what one file of counts holds.
   void add(exceptionCounts counts);
 
+  // Adds what was read of another JVM: all counts are sums then.
+  void addJvm(exceptionLog other);
+
   // Keeps only the records that `wanted` accepts, and the counts of their sites and of those with a
   // name that `wantedName` accepts.
   void keepIf(const std::function<bool(const exceptionRecord&)>& wanted,
@@ -160,6 +163,7 @@ class exceptionLog {
   std::vector<entry> lines_;
   std::vector<std::string> sources_;
   bool areValuesHidden_ = false;
+  std::size_t jvms_ = 1;
   std::uint64_t read_ = 0;  // records, kept or not
   std::size_t ends_ = 0;
   std::optional<captureEnd> counted_;

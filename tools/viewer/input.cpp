@@ -89,6 +89,9 @@ bool lineReader::next(std::string& line) {
     }
     const std::size_t end = rest_.find('\n');
     line += rest_.substr(0, end);
+    if (line.size() > kLongest) {
+      throw tooLong(fmt::format("line {} is longer than 64 MB", number_ + 1));
+    }
     if (end != rest_.npos) {
       rest_.remove_prefix(end + 1);
       number_++;
@@ -103,7 +106,15 @@ void readLines(byteSource bytes, const std::string& source, const char* what,
                const std::function<void(const std::string& line, const std::string& place)>& read) {
   std::size_t bad = 0;
   lineReader lines(std::move(bytes));
-  for (std::string line; lines.next(line);) {
+  const auto next = [&](std::string& line) {
+    try {
+      return lines.next(line);
+    } catch (const lineReader::tooLong& e) {
+      problems.push_back(fmt::format("{}: {}", source, e.what()));
+      return false;
+    }
+  };
+  for (std::string line; next(line);) {
     try {
       read(line, fmt::format("{}:{}", source, lines.number()));
     } catch (const inputError& e) {

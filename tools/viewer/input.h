@@ -30,10 +30,17 @@ byteSource bytesOfFile(const std::filesystem::path& file);
 
 class lineReader {
  public:
+  class tooLong : public inputError {
+    using inputError::inputError;
+  };
+
   explicit lineReader(byteSource bytes) : bytes_(std::move(bytes)) {}
 
-  // The next line without its line feed into `line`; false at the end. A line is as long as it is.
+  // The next line without its line feed into `line`; false at the end. Throws tooLong for one that
+  // is longer than anything that is written here.
   bool next(std::string& line);
+
+  static constexpr std::size_t kLongest = 64UL * 1024 * 1024;  // bytes
 
   // Of the line that was read last, from 1.
   std::size_t number() const { return number_; }

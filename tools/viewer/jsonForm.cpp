@@ -238,6 +238,7 @@ void writeJson(const profile& all, std::ostream& out, thrownIn where, recordForm
   writeArray(json, "memory", all.memoryReports,
              [&](const memoryReport& report) { writeMemory(json, report); });
   writeValues(json, "unfinished", all.unfinished);
+  writeValues(json, "notes", all.notes);
   writeValues(json, "problems", all.problems);
   json.endObject();
   out << '\n';

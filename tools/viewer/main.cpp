@@ -24,6 +24,7 @@
 #include "descriptorBuffer.h"
 #include "exports.h"
 #include "jsonForm.h"
+#include "merging.h"
 #include "profile.h"
 #include "profileTables.h"
 #include "reportPage.h"
@@ -69,6 +70,7 @@ struct arguments {
   std::vector<std::string> inputs;
   std::string grep;
   bool noValues = false;
+  bool areAll = false;
   bool json = false;
   std::string page;
   viewer::tableOptions tables;
@@ -80,8 +82,9 @@ struct arguments {
 };
 
 viewer::profile readInputs(const std::vector<std::string>& inputs, const std::string& grep,
-                           bool noValues = false) {
-  viewer::profile all = viewer::readProfile({inputs.begin(), inputs.end()});
+                           bool noValues = false, bool areAll = false) {
+  viewer::profile all = areAll ? viewer::readCommands({inputs.begin(), inputs.end()})
+                               : viewer::readProfile({inputs.begin(), inputs.end()});
   if (noValues) {
     viewer::removeValues(all);
   }
@@ -100,7 +103,7 @@ bool isLost(const viewer::profile& all) {
 }
 
 int show(const arguments& given) {
-  const viewer::profile all = readInputs(given.inputs, given.grep, given.noValues);
+  const viewer::profile all = readInputs(given.inputs, given.grep, given.noValues, given.areAll);
   if (!given.page.empty()) {
     if (!isLost(all)) {
       viewer::writePage(all, given.page, given.tables.exceptions.where);
@@ -251,6 +254,8 @@ void addTables(CLI::App& to, arguments& given) {
 void addShow(CLI::App& app, arguments& given) {
   using viewer::ranking;
   addInputs(app, given);
+  app.add_flag("--all", given.areAll,
+               "All JVMs of the command that the newest run, or the one that is named, is of");
   addTables(app, given);
   addChoice<ranking>(app, "--by", given.tables.by,
                      {{"lock", ranking::lock},
@@ -419,6 +424,7 @@ int main(int argc, char** argv) {
       "Prints what the profiling agent recorded: locks, exceptions, allocations, surviving "
       "objects.",
       "twreport");
+  app.set_version_flag("--version", "twreport " TW_VERSION);
   arguments given;
   addShow(app, given);
   const std::vector<std::pair<CLI::App*, int (*)(const arguments&)>> commands = {

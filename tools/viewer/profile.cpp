@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "jsonReader.h"
+#include "runFolders.h"
 #include "utf8.h"
 
 namespace viewer {
@@ -335,11 +336,7 @@ constexpr const char* kPart = ".part";
 
 bool mayBeReport(const fs::directory_entry& entry) {
   const std::string name = entry.path().filename();
-  return entry.is_regular_file() && !name.starts_with('.');
-}
-
-bool isRunFolder(const fs::directory_entry& entry) {
-  return entry.is_directory() && entry.path().filename().string().starts_with("run-");
+  return entry.is_regular_file() && !name.starts_with('.') && !isLinkOfOthers(entry);
 }
 
 // An exception file and a stack file may be empty before the first line is written; a report that
@@ -396,9 +393,12 @@ void readFolder(profile& all, const fs::path& folder) {
   if (readFilesOf(all, folder)) {
     return;
   }
-  const std::vector<fs::path> runs = listed(folder, isRunFolder);
+  const std::vector<fs::path> runs = runFoldersIn(folder);
   const fs::path& searched = runs.empty() ? folder : runs.back();
   const bool found = !runs.empty() && readFilesOf(all, searched);
+  if (runs.size() > 1) {
+    all.notes = otherRuns(folder, searched);
+  }
   if (!found && all.problems.size() == problems) {
     failForNothing(searched);
   }
@@ -475,6 +475,24 @@ profile readProfile(const std::vector<fs::path>& inputs) {
   return all;
 }
 
+std::vector<profile> readJvms(const std::vector<fs::path>& inputs) {
+  std::vector<profile> jvms;
+  profile others;
+  for (const fs::path& input : inputs) {
+    noting(others, [&] {
+      if (!fs::is_directory(input)) {
+        throw inputError(nameOf(input) + ": expected a folder");
+      }
+      const std::vector<fs::path> runs = runFoldersIn(input);
+      const std::vector<fs::path> chosen = isRun(input)   ? runsOfCommand(input)
+                                           : runs.empty() ? std::vector<fs::path>{input}
+                                                          : runsOfCommand(runs.back());
+      std::transform(chosen.begin(), chosen.end(), std::back_inserter(jvms), runIn);
+    });
+  }
+  return others.problems.empty() ? std::move(jvms) : std::vector<profile>();
+}
+
 std::vector<profile> readRuns(const std::vector<fs::path>& inputs) {
   std::vector<profile> runs;
   profile others;
@@ -489,7 +507,7 @@ std::vector<profile> readRuns(const std::vector<fs::path>& inputs) {
       } else {
         const bool any = readFilesOf(others, input);
         areOthers = areOthers || any;
-        const std::vector<fs::path> folders = listed(input, isRunFolder);
+        const std::vector<fs::path> folders = runFoldersIn(input);
         std::transform(folders.begin(), folders.end(), std::back_inserter(runs), runIn);
         if (!any && folders.empty()) {
           failForNothing(input);

@@ -48,6 +48,7 @@ struct profile {
   std::optional<sweepSum> sweeps;
   std::vector<std::string> unfinished;  // reports that were begun and have not got their name
   std::vector<std::string> problems;    // what could not be read, or not to its end
+  std::vector<std::string> notes;       // what else there is, and how to see it; lines
 
   bool empty() const {
     return !run && lockReports.empty() && !exceptions && memoryReports.empty() &&
@@ -61,6 +62,11 @@ struct profile {
 // being written (*.part) only the names are kept, of the companion's *.sweeps only what they come
 // to. What cannot be read is reported in `problems`; nothing is thrown for it.
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
+
+// The same for each JVM of a command: a folder stands for those of the command that its newest run,
+// or the run that it is, belongs to. None when there are other files among the inputs, or a folder
+// cannot be read.
+std::vector<profile> readJvms(const std::vector<std::filesystem::path>& inputs);
 
 // The same for each JVM: one profile for each folder of a run, be it named or in a folder that is
 // named, and one for all other files together, if there are any or there is nothing else.

@@ -4,8 +4,10 @@
 
 #include "allocationTables.h"
 #include "contentionTables.h"
+#include "contentionWords.h"
 #include "exceptionTables.h"
 #include "memoryTables.h"
+#include "runFolders.h"
 #include "tableParts.h"
 #include "utf8.h"
 
@@ -23,7 +25,8 @@ std::string runLine(const runInfo& run, const terminalStyle& terminal) {
   facts += run.removedReports > 0
                ? fmt::format("; {} of its reports were deleted", run.removedReports)
                : "";
-  return endCutLine(run.command ? "Run of " : "Run", run.command.value_or(""), facts, terminal);
+  const std::string command = run.command.value_or("");
+  return endCutLine(command.empty() ? "Run" : "Run of ", command, facts, terminal);
 }
 
 std::string shownRecord(const profile& all, std::size_t number, const exceptionDetails& details,
@@ -39,11 +42,42 @@ std::string shownRecord(const profile& all, std::size_t number, const exceptionD
 
 // Sessions without a report.
 std::string unfinishedLines(const profile& all) {
+  const std::string reason = reasonForNoEnd(all.run ? all.run->pid : std::nullopt);
   std::string lines;
   for (const std::string& file : all.unfinished) {
-    lines += printable(file) + ": not finished: the JVM was killed or is still running.\n";
+    lines += printable(file) + ": not finished: " + reason + ".\n";
   }
   return lines;
+}
+
+// Commands are not broken, so that they can be copied.
+std::string noteLines(const std::vector<std::string>& notes, const terminalStyle& terminal) {
+  std::string lines;
+  for (const std::string& note : notes) {
+    for (std::size_t start = 0; start <= note.size();) {
+      const std::size_t end = std::min(note.find('\n', start), note.size());
+      const std::string line = printable(note.substr(start, end - start));
+      lines += line.starts_with("  ") ? line + '\n' : sentenceLines({line}, terminal);
+      start = end + 1;
+    }
+  }
+  return lines;
+}
+
+// A session without settings or tags that could give it anything to report.
+bool isUntracked(const profile& all, const memoryReport& report) {
+  return report.classes.empty() && all.run && isOn(all, "memory") &&
+         optionOf(all, "memory.track").value_or("").empty();
+}
+
+std::string memoryPart(const profile& all, const memoryReport& report, std::size_t rows,
+                       const terminalStyle& terminal) {
+  return isUntracked(all, report)
+             ? fmt::format(
+                   "Memory session {}: nothing was tracked. Name classes, as in "
+                   "--memory=track=com.example.Session.\n",
+                   report.sessionId)
+             : memoryTables(report, rows, terminal);
 }
 
 }  // namespace
@@ -72,10 +106,13 @@ std::string profileTables(const profile& all, const tableOptions& options,
     parts.push_back(allocationTables(session, options.limits, terminal));
   }
   for (const memoryReport& report : all.memoryReports) {
-    parts.push_back(memoryTables(report, options.limits.rows, terminal));
+    parts.push_back(memoryPart(all, report, options.limits.rows, terminal));
   }
   if (!all.unfinished.empty()) {
     parts.push_back(unfinishedLines(all));
+  }
+  if (!all.notes.empty()) {
+    parts.push_back(noteLines(all.notes, terminal));
   }
   return fmt::format("{}", fmt::join(parts, "\n"));
 }

@@ -61,6 +61,17 @@ void stackTable::add(std::uint64_t hash, const std::vector<std::string>& methods
   stacks_.insert_or_assign(hash, std::move(frames));
 }
 
+void stackTable::add(const stackTable& others) {
+  for (const auto& [hash, frames] : others.stacks_) {
+    std::vector<std::string> methods;
+    methods.reserve(frames.size());
+    for (const frameId frame : frames) {
+      methods.push_back(others.method(frame));
+    }
+    add(hash, methods);
+  }
+}
+
 const std::vector<frameId>* stackTable::find(std::uint64_t hash) const {
   const auto found = stacks_.find(hash);
   return found == stacks_.end() ? nullptr : &found->second;

@@ -20,6 +20,9 @@ class stackTable {
   // The frames of a stack from the top down. A hash that is known already gets these frames.
   void add(std::uint64_t hash, const std::vector<std::string>& methods);
 
+  // All stacks of another table.
+  void add(const stackTable& others);
+
   // Null when the hash is in no file that was read.
   const std::vector<frameId>* find(std::uint64_t hash) const;
 

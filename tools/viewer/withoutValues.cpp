@@ -1,5 +1,8 @@
 #include "withoutValues.h"
 
+#include <algorithm>
+#include <string_view>
+
 namespace viewer {
 
 namespace {
@@ -33,11 +36,26 @@ void removeThreads(allocationSession& session) {
   }
 }
 
+// Of a list of JVMs: "  run-1, process 7: COMMAND".
+void removeCommands(std::string& note) {
+  constexpr std::string_view kLine = "\n  run-";
+  for (std::size_t at = note.find(kLine); at != note.npos; at = note.find(kLine, at + 1)) {
+    const std::size_t end = std::min(note.find('\n', at + 1), note.size());
+    const std::size_t command = note.find(": ", at);
+    if (command < end) {
+      note.erase(command, end - command);
+    }
+  }
+}
+
 }  // namespace
 
 void removeValues(profile& all) {
   if (all.run) {
     all.run->command.reset();
+    for (std::string& note : all.notes) {
+      removeCommands(note);
+    }
     std::erase_if(all.run->options, [](const auto& option) { return isText(option.second); });
   }
   if (all.exceptions) {

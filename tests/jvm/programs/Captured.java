@@ -57,9 +57,20 @@ final class Captured {
   static List<Captured> take() {
     List<Captured> taken = new ArrayList<>();
     for (Captured each = ALL.poll(); each != null; each = ALL.poll()) {
-      taken.add(each);
+      if (!each.isOfLoader()) {
+        taken.add(each);
+      }
     }
     return taken;
+  }
+
+  /** The parent of Java 8's application class loader throws one for each class of that. */
+  private boolean isOfLoader() {
+    StackTraceElement[] trace = exception.getStackTrace();
+    return exception.getClass() == ClassNotFoundException.class
+        && trace.length > 2
+        && trace[0].getClassName().equals("java.net.URLClassLoader")
+        && trace[2].getClassName().equals("java.lang.ClassLoader");
   }
 
   /** Facts {@code key.n} of the frames, and {@code key.n.section.name} of their values. */

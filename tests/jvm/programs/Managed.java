@@ -93,15 +93,21 @@ public final class Managed {
     Facts.put("lastContentionReport", profile.equals(get("LastContentionReport")));
     invoke("noAllocations", "stopAllocations");
     invoke("startAllocations", "startAllocations", "interval=64k,write=1s");
+    if (get("AllocationState").equals("running")) {
+      allocations(told);
+    }
+    Facts.put("sessions", get("LockSessions") + " " + get("MemorySessions"));
+    Facts.put("end", get("State"));
+  }
+
+  private static void allocations(LinkedBlockingQueue<Notification> told) throws Exception {
     Await.that("allocation report", () -> get("LastAllocationReport") != null);
     Facts.put("allocations", get("AllocationState") + " " + get("AllocationSessions"));
     invoke("allocationsTwice", "startAllocations", "");
     told.clear();
-    profile = invoke("stopAllocations", "stopAllocations");
+    Object profile = invoke("stopAllocations", "stopAllocations");
     Facts.put("allocationsTold", told.poll(60, TimeUnit.SECONDS).getUserData().equals(profile));
     Facts.put("lastAllocationReport", profile.equals(get("LastAllocationReport")));
-    Facts.put("sessions", get("LockSessions") + " " + get("MemorySessions"));
-    Facts.put("end", get("State"));
   }
 
   private static boolean isRegistered() {

@@ -228,4 +228,9 @@ std::vector<fs::path> agentTest::logFiles() const {
   return files;
 }
 
+void putIntoWait(fake::virtualMachine& vm, fake::javaThread* thread) {
+  fake::method* const wait = vm.makeMethod("java.lang.Object", "wait0", "(J)V", {.isNative = true});
+  thread->setFrames({{.code = wait, .location = -1}});
+}
+
 }  // namespace test

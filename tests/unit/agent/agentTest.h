@@ -113,4 +113,7 @@ class fileLimit {
 std::string readFile(const std::filesystem::path& path);
 void writeFile(const std::filesystem::path& path, std::string_view text);
 
+// The thread is within Object.wait.
+void putIntoWait(fake::virtualMachine& vm, fake::javaThread* thread);
+
 }  // namespace test

@@ -16,8 +16,20 @@ TEST(allocationNames, addressesOfHiddenClassesAreCut) {
   EXPECT_EQ(withoutAddress("[[La/Shop$$Lambda.0x1;"), "[[La/Shop$$Lambda");
 }
 
+TEST(allocationNames, numbersOfLambdasOfOldVmsAreCut) {
+  EXPECT_EQ(withoutAddress("La/Shop$$Lambda$14/863831416;"), "La/Shop$$Lambda$14");
+  EXPECT_EQ(withoutAddress("[La/Shop$$Lambda$14/863831416;"), "[La/Shop$$Lambda$14");
+  EXPECT_EQ(withoutAddress("a.Shop$$Lambda$14.863831416"), "a.Shop$$Lambda$14");
+  EXPECT_EQ(withoutAddress("Shop$$Lambda$14/1"), "Shop$$Lambda$14") << "without a package";
+  EXPECT_EQ(withoutAddress("Ljava/lang/invoke/LambdaForm$MH/1586270964;"),
+            "Ljava/lang/invoke/LambdaForm$MH");
+}
+
 TEST(allocationNames, othersStayWhole) {
-  for (const char* const each : {"La/Shop;", "[B", "LShop;", "La/x0/Shop;", "La/0y;", "", "["}) {
+  for (const char* const each :
+       {"La/Shop;", "[B", "LShop;", "La/x0/Shop;", "La/0y;", "", "[", "La/Shop/158;", "L158;",
+        "La/Lambda/Shop/158;", "La/Shop$$Lambda$14;", "La/Shop$$Lambda$14/15x;",
+        "La/Shop$$Lambda$14/;"}) {
     EXPECT_EQ(withoutAddress(each), each);
   }
 }

@@ -54,6 +54,46 @@ TEST_F(attachGateThreads, aVmThatDoesNotNeedItKeepsItsFunctions) {
   }
 }
 
+// Its table has functions of ours in it, or calls them.
+TEST_F(attachGateThreads, isInFrontOfAnotherToolThatIsInFrontOfIt) {
+  static int destroyed = 0;
+  const auto* const before = vm.javaVm()->functions;
+  static JNIInvokeInterface_ own = *before;
+  own.DestroyJavaVM = [](JavaVM* /*javaVm*/) -> jint {
+    ++destroyed;
+    return JNI_OK;
+  };
+  vm.javaVm()->functions = &own;
+  install();
+  static const JNIInvokeInterface_* below = nullptr;
+  below = vm.javaVm()->functions;
+  JNIInvokeInterface_ others = *below;
+  others.AttachCurrentThread = [](JavaVM* javaVm, void** environment, void* arguments) {
+    return below->AttachCurrentThread(javaVm, environment, arguments);
+  };
+  vm.javaVm()->functions = &others;
+  attachGate::ofProcess().remove(vm.javaVm());
+  EXPECT_EQ(vm.javaVm()->functions, &others);
+  vm.resetCalls();
+  attachAnother();
+  EXPECT_EQ(vm.calls("AttachCurrentThread"), 1U);
+  install();
+  EXPECT_NE(vm.javaVm()->functions, &others);
+  attachAnother();
+  EXPECT_EQ(vm.calls("AttachCurrentThread"), 2U);
+  std::thread([&] {
+    void* environment = nullptr;
+    EXPECT_EQ(vm.javaVm()->AttachCurrentThreadAsDaemon(&environment, nullptr), JNI_OK);
+    vm.javaVm()->DetachCurrentThread();
+  }).join();
+  EXPECT_EQ(vm.calls("AttachCurrentThreadAsDaemon"), 1U);
+  EXPECT_EQ(vm.javaVm()->DestroyJavaVM(), JNI_OK);
+  EXPECT_EQ(destroyed, 1);
+  attachGate::ofProcess().remove(vm.javaVm());
+  EXPECT_EQ(vm.javaVm()->functions, &others);
+  vm.javaVm()->functions = before;
+}
+
 TEST_F(attachGateThreads, theVmIsNotAskedWhileAThreadAttaches) {
   install();
   fake::object* const monitor = vm.makeObject("a.Lock");

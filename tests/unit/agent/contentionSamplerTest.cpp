@@ -271,7 +271,9 @@ TEST_F(contentionSampling, aWaiterThatHasGoneOnIsNotShown) {
   bool isIn = false;
   vm.on("GetStackTrace", [&] {
     if (!std::exchange(isIn, true)) {
-      vm.native([&](JNIEnv* jni) { recorder->blockEnds(vm.jvmti(), jni, vm.ref(worker)); });
+      vm.native([&](JNIEnv* jni) {
+        recorder->blockEnds(vm.jvmti(), jni, vm.ref(worker), agent::channel::enter);
+      });
     }
   });
   look();
@@ -316,7 +318,8 @@ TEST_F(contentionSampling, pairsAndNamesWithoutRoomAreCounted) {
     enter(each, lock);
     look();
     pass(1);
-    as(each, [&](JNIEnv* jni) { recorder->blockEnds(vm.jvmti(), jni, nullptr); });
+    as(each,
+       [&](JNIEnv* jni) { recorder->blockEnds(vm.jvmti(), jni, nullptr, agent::channel::enter); });
   }
   EXPECT_EQ(report().at("omitted").at("names"), kThreads - 4096);
   EXPECT_EQ(report().at("omitted").at("pairs"), 0);

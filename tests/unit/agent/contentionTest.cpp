@@ -235,6 +235,51 @@ TEST_F(contention, aBlockEndsOnce) {
   EXPECT_EQ(startsNotSeen(), 1U);
 }
 
+// From 27 on the VM posts it, as if it were an entry of the program.
+TEST_F(contention, aNotifiedWaiterThatComesBackIsNotBlocked) {
+  vm.setFeatureVersion(27);
+  begin();
+  putIntoWait(vm, thread);
+  for (const bool timedOut : {false, true}) {
+    wait(thread, lock);
+    pass(100);
+    waited(thread, timedOut);
+    block(thread, lock, 20);
+    EXPECT_EQ(totalsOf(lock).entries, timedOut ? 1U : 0U) << "a time that is over is none of it";
+  }
+  EXPECT_EQ(totalsOf(lock, channel::wait).nanos, 200U);
+  EXPECT_EQ(startsNotSeen(), 0U);
+
+  wait(thread, lock);
+  waited(thread);
+  thread->setFrames({});
+  block(thread, lock, 20);
+  EXPECT_EQ(totalsOf(lock).entries, 2U) << "it had come back without a block";
+}
+
+TEST_F(contention, aWaiterThatWasInterruptedIsBlocked) {
+  vm.setFeatureVersion(27);
+  begin();
+  putIntoWait(vm, thread);
+  thread->isInterrupted = true;
+  wait(thread, lock);
+  waited(thread);
+  block(thread, lock, 20);
+  EXPECT_EQ(totalsOf(lock).nanos, 20U);
+}
+
+// From 24 on its way back ends with an event that none comes before.
+TEST_F(contention, aVirtualThreadThatComesBackHasNotBegunBefore) {
+  begin();
+  fake::javaThread* const waiter = makeVirtual("virtual");
+  putIntoWait(vm, waiter);
+  wait(waiter, lock);
+  waited(waiter);
+  entered(waiter);
+  EXPECT_EQ(totalsOf(lock).entries, 0U);
+  EXPECT_EQ(startsNotSeen(), 0U);
+}
+
 TEST_F(contention, aBlockWithinABlockLeavesTheOuterOneAsItIs) {
   begin();
   fake::object* const inner = vm.makeObject("com.example.Inner");

@@ -68,18 +68,20 @@ class contentionTest : public agentTest {
   void enter(fake::javaThread* thread, fake::object* lock) {
     begins(thread, agent::channel::enter, lock);
   }
-  void entered(fake::javaThread* thread) { ends(thread); }
+  void entered(fake::javaThread* thread) { ends(thread, agent::channel::enter); }
   void wait(fake::javaThread* thread, fake::object* lock) {
     begins(thread, agent::channel::wait, lock);
   }
-  void waited(fake::javaThread* thread) { ends(thread); }
+  void waited(fake::javaThread* thread, bool timedOut = false) {
+    as(thread, [&](JNIEnv* jni) { recorder->waitEnds(vm.jvmti(), jni, timedOut); });
+  }
   void acquire(fake::javaThread* thread) {
     as(thread, [&](JNIEnv*) { recorder->acquisitionBegins(vm.jvmti()); });
   }
   void park(fake::javaThread* thread, fake::object* blocker) {
     begins(thread, agent::channel::park, blocker);
   }
-  void unpark(fake::javaThread* thread) { ends(thread); }
+  void unpark(fake::javaThread* thread) { ends(thread, agent::channel::park); }
 
   // What the profile's thread does at this time.
   void step(std::int64_t now) {
@@ -122,8 +124,8 @@ class contentionTest : public agentTest {
                             vm.ref(lock));
     });
   }
-  void ends(fake::javaThread* thread) {
-    as(thread, [&](JNIEnv* jni) { recorder->blockEnds(vm.jvmti(), jni, nullptr); });
+  void ends(fake::javaThread* thread, agent::channel by) {
+    as(thread, [&](JNIEnv* jni) { recorder->blockEnds(vm.jvmti(), jni, nullptr, by); });
   }
 
   static inline thread_local std::function<void(JNIEnv*)> body_;

@@ -8,6 +8,7 @@
 #include <limits>
 #include <regex>
 
+#include "agent/setUp.h"
 #include "agent/twAprLib.h"
 #include "agent/twAprUtility.h"
 #include "logFixture.h"
@@ -141,6 +142,18 @@ TEST_F(agentLog, aFileThatCannotBeOpenedIsTriedAgain) {
 }
 
 // At Debug it has what is in the program's objects.
+// A thread may have got the logger just before.
+TEST_F(agentLog, aClosedOneIsNotOpenedByALateRecord) {
+  const agent::twAprContext* const context = agent::aprContext(stderr, false);
+  ASSERT_NE(context, nullptr);
+  agent::twLogger logger(context->pool, folder() / "logs", "late.log");
+  EXPECT_NE(logger.stream(), nullptr);
+  logger.close();
+  EXPECT_EQ(logger.stream(), nullptr);
+  logger.open();
+  EXPECT_NE(logger.stream(), nullptr);
+}
+
 TEST_F(agentLog, onlyItsOwnerReadsIt) {
   const mode_t old = ::umask(0);
   open();

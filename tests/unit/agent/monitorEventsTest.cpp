@@ -462,6 +462,23 @@ TEST_F(earlierStarts, aWaitFromBetweenTwoSessionsAddsNoTime) {
   EXPECT_EQ(threadOf(lock, "one")->lastWaitTime, 0);
 }
 
+// It has come back from a wait of the first session, and blocks while none runs.
+TEST_F(earlierStarts, aBlockFromBetweenTwoSessionsIsNoReturnFromAWait) {
+  load();
+  beginSummary();
+  wait(thread, lock, 100);
+  stopDetail();
+  stopProfiling();
+  vm.advance(20 * kSecond);
+  beginSummary();
+  vm.monitorWait(other, lock, 0);
+  ASSERT_NE(lockBeanOf(lock), nullptr);
+  EXPECT_FALSE(lockBeanOf(lock)->named);
+  vm.contendedEntered(thread, lock);
+  EXPECT_TRUE(lockBeanOf(lock)->named) << "it was contended";
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 0U);
+}
+
 TEST_F(earlierStarts, theNextBlockOfTheSameThreadCounts) {
   load();
   beginDetail({lock});
@@ -614,6 +631,78 @@ TEST_F(monitorEvents, enterAndEnteredMayRunOnTwoCarriersOfAVirtualThread) {
   EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 25U);
   EXPECT_EQ(threadOf(lock, "virtual")->totalBlockTime, 25U);
   EXPECT_EQ(threadOf(lock, "virtual")->count, 1U);
+}
+
+// --- Waiters that come back.
+
+// From 27 on the VM posts it, as if it were an entry of the program.
+TEST_F(monitorEvents, aNotifiedWaiterThatComesBackIsNoEntry) {
+  vm.setFeatureVersion(27);
+  load();
+  fake::object* const lock = makeLock();
+  fake::javaThread* const thread = makeThread();
+  beginDetail({lock});
+  putIntoWait(vm, thread);
+  wait(thread, lock, 10);
+  contend(thread, lock, 5);
+  EXPECT_EQ(countOf(lock), 0U);
+  EXPECT_EQ(threadOf(lock, "worker")->totalWaitTime, 10U);
+  EXPECT_EQ(threadOf(lock, "worker")->totalBlockTime, 0U);
+  EXPECT_EQ(threadOf(lock, "worker")->stackTraces().size(), 0U);
+
+  wait(thread, lock, 10);
+  thread->setFrames({});
+  contend(thread, lock, 5);
+  EXPECT_EQ(countOf(lock), 1U) << "it had come back without a block";
+  EXPECT_EQ(threadOf(lock, "worker")->totalBlockTime, 5U);
+}
+
+TEST_F(monitorEvents, aNotifiedWaiterThatComesBackIsNoEntryOfASummary) {
+  vm.setFeatureVersion(28);
+  load();
+  fake::object* const lock = makeLock();
+  fake::javaThread* const thread = makeThread();
+  beginSummary();
+  putIntoWait(vm, thread);
+  wait(thread, lock, 10);
+  contend(thread, lock, 5);
+  EXPECT_EQ(countOf(lock), 1U) << "the wait has made it";
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 0U);
+}
+
+TEST_F(monitorEvents, otherWaitersThatComeBackAreEntries) {
+  vm.setFeatureVersion(27);
+  load();
+  fake::object* const lock = makeLock();
+  fake::javaThread* const thread = makeThread();
+  beginDetail({lock});
+  putIntoWait(vm, thread);
+  vm.monitorWait(thread, lock, 10);
+  vm.monitorWaited(thread, lock, true);
+  contend(thread, lock, 5);
+  EXPECT_EQ(countOf(lock), 1U) << "its time was over";
+  thread->isInterrupted = true;
+  wait(thread, lock, 10);
+  contend(thread, lock, 5);
+  EXPECT_EQ(countOf(lock), 2U) << "it was interrupted";
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 10U);
+}
+
+// From 24 on its way back ends with an event that none comes before.
+TEST_F(monitorEvents, aVirtualThreadThatComesBackFromAWaitAddsNoBlock) {
+  load();
+  fake::object* const lock = makeLock();
+  fake::javaThread* const thread = vm.makeVirtualThread("virtual");
+  beginSummary();
+  wait(thread, lock, 1000);
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 0U);
+  startDetail();
+  wait(thread, lock, 1000);
+  vm.advance(5);
+  vm.contendedEntered(thread, lock);
+  EXPECT_EQ(lockBeanOf(lock)->totalBlockTime, 0U);
+  EXPECT_EQ(lockBeanOf(lock)->totalWaitTime, 1000U);
 }
 
 // --- Waits.

@@ -122,6 +122,31 @@ TEST_F(startUp, printsItsGreetingAndNothingElse) {
   EXPECT_EQ(GetCapturedStderr(), "");
 }
 
+TEST_F(startUp, printsNothingWhenItIsToBeQuiet) {
+  CaptureStdout();
+  CaptureStderr();
+  EXPECT_EQ(load("features=mutexprofiling,quiet=1"), 0);
+  EXPECT_EQ(GetCapturedStdout(), "");
+  EXPECT_EQ(GetCapturedStderr(), "");
+}
+
+TEST_F(startUp, isQuietByTheLastValueThatIsOne) {
+  CaptureStdout();
+  EXPECT_EQ(load("features=mutexprofiling,quiet=1,quiet=0,quiet=2"), 0);
+  EXPECT_EQ(GetCapturedStdout(), kGreeting);
+}
+
+// Errors that are prescribed for standard output go where they disturb no pipe.
+TEST_F(startUp, printsErrorsOnStandardErrorWhenItIsQuiet) {
+  fault = {"apr_pool_create_ex"};
+  CaptureStdout();
+  CaptureStderr();
+  EXPECT_EQ(load("features=mutexprofiling,quiet=1"), 1);
+  fault = {};
+  EXPECT_EQ(GetCapturedStdout(), "");
+  EXPECT_EQ(GetCapturedStderr(), "could not create apr pool");
+}
+
 // The status of GetEnv is not looked at, only what it gives.
 TEST_F(startUp, asksForTheToolEnvironmentAndOneToWatchTheEnd) {
   static jvmtiEnv* given;

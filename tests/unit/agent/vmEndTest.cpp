@@ -8,6 +8,9 @@
 #include <memory>
 #include <thread>
 
+#include "agent/attach.h"
+#include "agent/idle.h"
+#include "agent/setUp.h"
 #include "exceptionTest.h"
 
 namespace {
@@ -114,6 +117,63 @@ TEST_F(vmEnd, theThreadThatDestroysTheVmAfterMainIsTheEndToo) {
   load();
   vm.threadEnd(vm.makeThread("DestroyJavaVM"));
   EXPECT_TRUE(agent::vmIsEnding());
+  EXPECT_EQ(agent::getMutexProfiler(), nullptr);
+}
+
+TEST_F(vmEnd, anAttachedThreadThatDestroysTheVmIsTheEndToo) {
+  static std::function<void()> destroy;
+  static JNIInvokeInterface_ functions;
+  functions = *vm.javaVm()->functions;
+  functions.DestroyJavaVM = [](JavaVM* /*vm*/) -> jint {
+    destroy();
+    return JNI_OK;
+  };
+  vm.javaVm()->functions = &functions;
+  load();
+  fake::javaThread* const main = vm.makeThread("main");
+  destroy = [this, main] { vm.threadEnd(main); };
+  vm.threadEnd(main);
+  EXPECT_FALSE(agent::vmIsEnding()) << "it is detached";
+  vm.javaVm()->DestroyJavaVM();
+  EXPECT_TRUE(agent::vmIsEnding());
+  EXPECT_EQ(agent::getMutexProfiler(), nullptr);
+}
+
+// One that was set up before: nothing watches for the end before that.
+TEST_F(vmEnd, anAgentThatIsIdleAgainDoesNotWakeAnyMore) {
+  load();
+  exit();
+  agent::beIdle("features=mutexprofiling");
+  vm.resetCalls();
+  vm.native([](JNIEnv* jni) { agent::wakeIdle(jni); });
+  EXPECT_THAT(vm.callNames(), IsEmpty());
+  EXPECT_TRUE(agent::isIdle());
+  agent::forgetIdle();
+}
+
+TEST_F(vmEnd, nothingIsAttachedAnyMore) {
+  load();
+  exit();
+  std::string options = "logLevel=1";
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(
+      vm.native([&](JNIEnv*) { return Agent_OnAttach(vm.javaVm(), options.data(), nullptr); }), 1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "javanativeagent: not attached: the JVM is ending\n");
+  EXPECT_FALSE(agent::isSetUp());
+}
+
+// Another thread may be setting the agent up while the VM begins to end.
+TEST_F(vmEnd, aSetUpThatItMeetsComesToNothing) {
+  load("features=none");
+  vm.native([&](JNIEnv* jni) { EXPECT_EQ(agent::detach(jni), ""); });
+  std::string options = "twHome=" + folder().string() + ",logLevel=1";
+  vm.on("AddCapabilities", [&] { exit(); });
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(
+      vm.native([&](JNIEnv*) { return Agent_OnAttach(vm.javaVm(), options.data(), nullptr); }), 1);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::HasSubstr("the JVM is ending"));
+  EXPECT_FALSE(agent::isSetUp());
   EXPECT_EQ(agent::getMutexProfiler(), nullptr);
 }
 

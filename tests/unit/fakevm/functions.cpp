@@ -26,9 +26,9 @@ constexpr std::array<functionTraits, kFunctions> makeTraits() {
     traits[id].phases = phaseBit::kAny;
     traits[id].anyThread = true;
   }
-  for (const functionId id :
-       {FAKE_JVMTI(AddCapabilities), FAKE_JVMTI(GetPotentialCapabilities),
-        FAKE_JVMTI(SetEventCallbacks), FAKE_JVMTI(SetEventNotificationMode)}) {
+  for (const functionId id : {FAKE_JVMTI(AddCapabilities), FAKE_JVMTI(RelinquishCapabilities),
+                              FAKE_JVMTI(GetPotentialCapabilities), FAKE_JVMTI(SetEventCallbacks),
+                              FAKE_JVMTI(SetEventNotificationMode)}) {
     traits[id].phases = phaseBit::kOnLoad | phaseBit::kLive;
   }
   for (const functionId id : {FAKE_JVMTI(SetThreadLocalStorage),

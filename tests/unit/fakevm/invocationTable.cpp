@@ -27,6 +27,9 @@ jint JNICALL getEnv(JavaVM* javaVm, void** result, jint version) {
                  [&](machine& vm, threadEnv* env) -> jint {
                    if (isJvmtiVersion(version)) {
                      const bool isMain = version == virtualMachine::kMainInterfaceVersion;
+                     if (isMain) {
+                       vm.jvmti.disposed = false;  // a new one, which takes the place of that
+                     }
                      *result = static_cast<jvmtiEnv*>(isMain ? &vm.jvmti : &vm.addEnvironment());
                      return JNI_OK;
                    }

@@ -844,6 +844,7 @@ void addCalls(JNINativeInterface_& table) {
   FAKE_CALLS(CallIntMethod, false, jint, jobject, jint)
   FAKE_CALLS(CallVoidMethod, false, bool, jobject, void)
   FAKE_CALLS(CallStaticObjectMethod, true, jobject, jclass, jobject)
+  FAKE_CALLS(CallStaticIntMethod, true, jint, jclass, jint)
   FAKE_CALLS(CallStaticVoidMethod, true, bool, jclass, void)
 #undef FAKE_CALLS
   table.CallNonvirtualObjectMethodV = callNonvirtualObjectMethodV;

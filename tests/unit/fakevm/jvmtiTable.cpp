@@ -263,6 +263,25 @@ jvmtiError JNICALL addCapabilities(jvmtiEnv* jvmti, const jvmtiCapabilities* cap
   });
 }
 
+jvmtiError JNICALL relinquishCapabilities(jvmtiEnv* jvmti, const jvmtiCapabilities* capabilities) {
+  return perform(jvmti, FAKE_JVMTI(RelinquishCapabilities), {}, [&](machine& vm, threadEnv*) {
+    if (capabilities == nullptr) {
+      return JVMTI_ERROR_NULL_POINTER;
+    }
+    std::array<unsigned char, sizeof *capabilities> given{};
+    std::array<unsigned char, sizeof *capabilities> left{};
+    std::lock_guard hold(vm.modelMutex);
+    jvmtiCapabilities& added = machine::environmentOf(jvmti).added;
+    std::memcpy(given.data(), capabilities, given.size());
+    std::memcpy(left.data(), &added, left.size());
+    for (std::size_t at = 0; at < left.size(); ++at) {
+      left[at] = static_cast<unsigned char>(left[at] & ~given[at]);
+    }
+    std::memcpy(&added, left.data(), left.size());
+    return JVMTI_ERROR_NONE;
+  });
+}
+
 jvmtiError JNICALL getCapabilities(jvmtiEnv* jvmti, jvmtiCapabilities* capabilities) {
   return perform(jvmti, FAKE_JVMTI(GetCapabilities), {}, [&](machine& vm, threadEnv*) {
     if (capabilities == nullptr) {
@@ -320,6 +339,7 @@ jvmtiError JNICALL disposeEnvironment(jvmtiEnv* jvmti) {
     for (auto& enabled : environment.enabledEvents) {
       enabled = false;
     }
+    environment.added = {};
     environment.disposed = true;
     return JVMTI_ERROR_NONE;
   });
@@ -570,6 +590,7 @@ jvmtiError JNICALL getThreadState(jvmtiEnv* jvmti, jthread thread, jint* state) 
       return JVMTI_ERROR_INVALID_THREAD;
     }
     *state = asked->isAlive ? JVMTI_THREAD_STATE_ALIVE : JVMTI_THREAD_STATE_TERMINATED;
+    *state |= asked->isInterrupted ? JVMTI_THREAD_STATE_INTERRUPTED : 0;
     return JVMTI_ERROR_NONE;
   });
 }
@@ -1168,6 +1189,7 @@ jvmtiInterface_1 makeTable() {
   table.GetErrorName = getErrorName;
   table.GetPotentialCapabilities = getPotentialCapabilities;
   table.AddCapabilities = addCapabilities;
+  table.RelinquishCapabilities = relinquishCapabilities;
   table.GetCapabilities = getCapabilities;
   table.SetEventCallbacks = setEventCallbacks;
   table.SetEventNotificationMode = setEventNotificationMode;

@@ -190,6 +190,7 @@ struct javaThread : object {
   std::atomic<bool> isAlive{true};
   bool isVirtual = false;  // GetObjectMonitorUsage does not name a virtual thread as owner
   bool isDaemon = false;
+  bool isInterrupted = false;
   jint priority = 5;
   object* group = nullptr;
   object* loader = nullptr;

@@ -195,6 +195,29 @@ void virtualMachine::setPotentialCapabilities(const jvmtiCapabilities& capabilit
   machine_->potential = capabilities;
 }
 
+void virtualMachine::refuseLateCapabilities() {
+  std::lock_guard hold(machine_->modelMutex);
+  jvmtiCapabilities& late = machine_->potential;
+  late.can_generate_exception_events = 0;
+  late.can_access_local_variables = 0;
+  late.can_get_owned_monitor_info = 0;
+  late.can_get_owned_monitor_stack_depth_info = 0;
+  late.can_get_current_contended_monitor = 0;
+  late.can_generate_breakpoint_events = 0;
+  late.can_generate_single_step_events = 0;
+  late.can_generate_method_entry_events = 0;
+  late.can_generate_method_exit_events = 0;
+  late.can_generate_field_access_events = 0;
+  late.can_generate_field_modification_events = 0;
+  late.can_generate_frame_pop_events = 0;
+  late.can_pop_frame = 0;
+  late.can_force_early_return = 0;
+  late.can_get_source_debug_extension = 0;
+  late.can_maintain_original_method_order = 0;
+  late.can_generate_early_vmstart = 0;
+  late.can_generate_early_class_hook_events = 0;
+}
+
 jvmtiCapabilities virtualMachine::capabilities() const {
   std::lock_guard hold(machine_->modelMutex);
   return machine_->jvmti.added;

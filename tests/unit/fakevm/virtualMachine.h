@@ -151,8 +151,10 @@ class virtualMachine {
   // --- The VM's state.
   void setPhase(jvmtiPhase phase);
   void setPotentialCapabilities(const jvmtiCapabilities& capabilities);  // all, at first
-  jvmtiCapabilities capabilities() const;                                // added so far
-  jvmtiEventCallbacks callbacks() const;                                 // as installed last
+  // Gives no more capabilities than HotSpot in the live phase.
+  void refuseLateCapabilities();
+  jvmtiCapabilities capabilities() const;  // added so far
+  jvmtiEventCallbacks callbacks() const;   // as installed last
   bool isEnabled(jvmtiEvent event) const;
   std::vector<eventMode> eventModes() const;  // every successful SetEventNotificationMode, in order
   bool disposed() const;

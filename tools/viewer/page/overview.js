@@ -6,7 +6,8 @@ const overviewView = {
   isIn: (report) => !report.tables,
 
   build(report, session, profile) {
-    const parts = [problemList(report.problems), unfinishedList(report.unfinished)];
+    const parts = [noteList(report.notes ?? []), problemList(report.problems),
+      unfinishedList(report.unfinished)];
     const tiles = [...profileTiles(profile), ...lockTiles(session), ...exceptionTiles(report),
       ...allocationTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
@@ -42,6 +43,11 @@ const problemList = (problems) => problems.length > 0 &&
   el('section', {class: 'panel problems', 'aria-label': 'Problems'},
     el('h3', null, 'Not everything could be read'),
     el('ul', null, problems.map((problem) => el('li', null, problem))));
+
+// What else there is than what the page shows, and how to see it.
+const noteList = (notes) => notes.length > 0 &&
+  el('section', {class: 'panel', id: 'notes', 'aria-label': 'Other results'},
+    notes.map((note) => el('pre', null, note)));
 
 // On the other views: that the overview names what is not in the report.
 const problemNote = ({problems = [], unfinished = []}) => problems.length + unfinished.length > 0 &&

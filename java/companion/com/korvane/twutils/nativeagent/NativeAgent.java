@@ -44,6 +44,15 @@ public final class NativeAgent {
     }
   }
 
+  /** Whether the agent was attached to the JVM while it ran. */
+  public static boolean isAttached() {
+    try {
+      return AgentAttach.isAttached();
+    } catch (UnsatisfiedLinkError e) {
+      return false; // there is none, or an earlier one
+    }
+  }
+
   /**
    * Where exceptions are captured, which is settled when the JVM starts: "thrown" where they are
    * thrown, "made" where they are made. Null without the agent, and with an earlier one.
@@ -71,11 +80,14 @@ public final class NativeAgent {
   }
 
   /**
-   * The profilers that were chosen when the agent was started, as far as the JVM's arguments show.
-   * The contention and the allocation profile need no choice. Asking has the JVM settle on its log
-   * manager.
+   * The profilers that were chosen when the agent was started, as far as the JVM's arguments show;
+   * in a JVM that it was attached to, all. The contention and the allocation profile need no
+   * choice. Asking has the JVM settle on its log manager.
    */
   public static Set<Feature> features() {
+    if (isAttached()) {
+      return Feature.choices();
+    }
     return isLoaded() ? VmArguments.ofThisJvm().features() : EnumSet.noneOf(Feature.class);
   }
 

@@ -155,7 +155,8 @@ public final class TWNativeAgentProfiling {
 
   /**
    * Hands captured exceptions to {@code sink} from now on; null for nobody, as at the start. A
-   * {@link RecordSink} is given what the agent knows besides the text, too.
+   * {@link RecordSink} is given what the agent knows besides the text, too. No other sink is called
+   * on a thread of the agent's own.
    */
   public static void setExceptionSink(ExceptionSink sink) {
     if (NativeAgent.AreExceptionsMade.VALUE && sink != null) {
@@ -204,16 +205,24 @@ public final class TWNativeAgentProfiling {
 
     TextSink(ExceptionSink sink) {
       this.sink = sink;
+      isOwnThread(); // what is loaded for it is not to be on a thread that throws
     }
 
     @Override
     public void onException(String record, Object exception) {
-      sink.onException(record, exception);
+      // It may call System.exit, which would wait for the thread that ends the sessions.
+      if (!isOwnThread()) {
+        sink.onException(record, exception);
+      }
     }
 
     @Override
     public void onRecord(String record, Object exception, int[] places, int facts) {
-      sink.onException(record, exception);
+      onException(record, exception);
+    }
+
+    private static boolean isOwnThread() {
+      return Thread.currentThread() instanceof OwnThread;
     }
 
     @Override

@@ -28,6 +28,7 @@ public final class VmArguments {
   private static final String BY_NAME = "-agentlib:";
   private static final String HOME_KEY = "twhome=";
   private static final String FEATURES_KEY = "features";
+  private static final String IDLE = "idle=1";
 
   private final boolean isKnown;
   private final String options;
@@ -97,6 +98,16 @@ public final class VmArguments {
   /** The agent's option text, empty when it has none; null without an agent and when not known. */
   String options() {
     return options;
+  }
+
+  /** Whether the agent is among them. */
+  public boolean haveAgent() {
+    return options != null;
+  }
+
+  /** Whether the agent was to have nothing of the JVM before a profiler is started. */
+  public boolean areIdle() {
+    return Arrays.asList(items()).contains(IDLE);
   }
 
   /** The agent's home; null when it was not given. */

@@ -135,6 +135,13 @@ final class ClassVariables {
   }
 
   private void skip(long bytes) throws IOException {
-    in.skipNBytes(bytes);
+    for (long left = bytes; left > 0; ) {
+      long skipped = in.skip(left);
+      if (skipped <= 0) {
+        in.readByte(); // fails at the end
+        skipped = 1;
+      }
+      left -= skipped;
+    }
   }
 }

@@ -1,6 +1,7 @@
 package com.korvane.twutils.launcher;
 
 import java.io.BufferedInputStream;
+import java.io.ByteArrayOutputStream;
 import java.io.File;
 import java.io.IOException;
 import java.io.InputStream;
@@ -9,6 +10,7 @@ import java.nio.file.FileVisitResult;
 import java.nio.file.Files;
 import java.nio.file.NoSuchFileException;
 import java.nio.file.Path;
+import java.nio.file.Paths;
 import java.nio.file.SimpleFileVisitor;
 import java.nio.file.attribute.BasicFileAttributes;
 import java.util.ArrayList;
@@ -19,8 +21,11 @@ import java.util.concurrent.TimeUnit;
 import java.util.zip.ZipEntry;
 import java.util.zip.ZipFile;
 
-/** Checks what profiling needs, one line for each point, with what to change. */
-final class Doctor {
+/**
+ * Checks what profiling needs, one line for each point, with what to change. It runs on any Java
+ * from 8 on.
+ */
+public final class Doctor {
   private static final String AGENT_GREETING = "Starting Java Native Agent";
   private static final long LITTLE_SPACE = 64L << 20;
   private static final int CLASSES_NAMED = 3;
@@ -44,42 +49,60 @@ final class Doctor {
     this.command = command;
   }
 
+  /**
+   * The exit code is 1 when something keeps profiling from working. The shell script has checked
+   * the words of the user.
+   *
+   * @param args the folder that holds {@code lib}, the output folder, what is to be reported of
+   *     class archives, and the command
+   */
+  public static void main(String[] args) {
+    try {
+      List<String> command = Arrays.asList(args).subList(3, args.length);
+      Doctor doctor = new Doctor(Paths.get(args[0]), Paths.get(args[1]), args[2], command);
+      System.exit(doctor.examine() ? 0 : 1);
+    } catch (IOException | IllegalArgumentException e) {
+      System.err.println("twprofile: doctor: " + e.getMessage());
+      System.exit(1);
+    } catch (InterruptedException e) {
+      System.exit(1);
+    }
+  }
+
   /** Prints all findings; false when one of them keeps profiling from working. */
-  boolean examine() throws IOException, InterruptedException {
-    checkTools();
+  private boolean examine() throws IOException, InterruptedException {
+    ok("Java", System.getProperty("java.version") + " in " + System.getProperty("java.home"));
     boolean built = checkFiles();
     if (built) {
       checkLibraries();
     }
     checkOutput();
-    archives.lines().forEach(line -> hint("archive", line));
+    for (String line : archives.split("\n")) {
+      if (!line.isEmpty()) {
+        hint("archive", line);
+      }
+    }
     if (command.isEmpty()) {
-      checkLoading(built, ProcessHandle.current().info().command().orElse("java"));
+      checkLoading(built, ownJava());
     } else {
       checkCommand(built);
     }
     return healthy;
   }
 
-  private void checkTools() {
-    String home = System.getProperty("java.home");
-    ok("JDK", System.getProperty("java.version") + " in " + home);
-    if (ModuleLayer.boot().findModule("jdk.attach").isEmpty()) {
-      hint("JDK", "has no module jdk.attach: list, status, start and stop need a full JDK; set"
-          + " JAVA_HOME to one");
-    }
+  private static String ownJava() {
+    return Paths.get(System.getProperty("java.home"), "bin", "java").toString();
   }
 
   private boolean checkFiles() {
     boolean all = true;
-    for (String name : List.of("libjavanativeagent.so", "javanativeagent.jar")) {
+    for (String name : Arrays.asList("libjavanativeagent.so", "javanativeagent.jar")) {
       Path file = root.resolve("lib").resolve(name);
       if (Files.isReadable(file)) {
         ok("file", file.toString());
       } else {
         all = false;
-        fault("file", file + " does not exist; build it: cmake -S . -B build/run && cmake --build"
-            + " build/run");
+        fault("file", file + " does not exist; " + remedy());
       }
     }
     if (root.toString().contains("=")) {
@@ -89,14 +112,25 @@ final class Doctor {
     }
     Path viewer = root.resolve("lib/twreport");
     if (!Files.isExecutable(viewer)) {
-      hint("file", viewer + " does not exist, but report needs it; install libcli11-dev,"
-          + " libfmt-dev and nlohmann-json3-dev and build again");
+      hint("file", viewer + " does not exist, but report needs it; "
+          + (areSources()
+              ? "install libcli11-dev, libfmt-dev and nlohmann-json3-dev and build again"
+              : remedy()));
     }
     return all;
   }
 
+  private boolean areSources() {
+    return Files.exists(root.resolve("CMakeLists.txt"));
+  }
+
+  private String remedy() {
+    return areSources() ? "build it: cmake -S . -B build/run && cmake --build build/run"
+        : "it belongs to the release: unpack or install that again";
+  }
+
   private void checkLibraries() throws IOException, InterruptedException {
-    Outcome listing = execute(List.of("ldd", library()), new File("/"));
+    Outcome listing = execute(Arrays.asList("ldd", library()), new File("/"));
     List<String> missing = new ArrayList<>();
     String apr = null;
     for (String line : listing.text.split("\n")) {
@@ -128,7 +162,7 @@ final class Doctor {
       fault("output", "'" + place + "' cannot be written; choose another with -o DIR");
     } else {
       ok("output", path);
-      long space = Files.getFileStore(place).getUsableSpace();
+      long space = place.toFile().getUsableSpace();
       if (space < LITTLE_SPACE) {
         hint("output", "only " + (space >> 20) + " MiB are free there");
       }
@@ -152,9 +186,9 @@ final class Doctor {
 
   /** The part of the output folder's path that the agent gets, as the shell script makes it. */
   private String agentHome(String path) {
-    Path folder = Path.of(path);
+    Path folder = Paths.get(path);
     boolean inWorkingDirectory =
-        Path.of("").toAbsolutePath().equals(folder.getParent())
+        Paths.get("").toAbsolutePath().equals(folder.getParent())
             && (command.isEmpty() || JavaCommand.isJava(command));
     return inWorkingDirectory ? folder.getFileName().toString() : path;
   }
@@ -172,7 +206,7 @@ final class Doctor {
           + " remove it");
     }
     if (!JavaCommand.isJava(command)) {
-      checkLoading(built, ProcessHandle.current().info().command().orElse("java"));
+      checkLoading(built, ownJava());
       hint("classes", "not checked, because the command is not java; to check them, name the java"
           + " command that it starts");
       return;
@@ -191,12 +225,12 @@ final class Doctor {
       String agent =
           "-agentpath:" + library()
               + "=twHome=.,logLevel=0,contention=1,allocations=1,features=ALL";
-      Outcome run = execute(List.of(java, agent, "-version"), folder.toFile());
+      Outcome run = execute(Arrays.asList(java, agent, "-version"), folder.toFile());
       if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
         ok("agent", "loads in " + java);
       } else {
         fault("agent", "does not load in " + java + " (exit code " + run.exitCode + "):\n"
-            + run.text.strip().indent(2).stripTrailing());
+            + "  " + run.text.trim().replace("\n", "\n  "));
       }
     } finally {
       for (File left : folder.toFile().listFiles()) {
@@ -243,7 +277,7 @@ final class Doctor {
   private static void countFolder(Path folder, Count count) throws IOException {
     Files.walkFileTree(
         folder,
-        new SimpleFileVisitor<>() {
+        new SimpleFileVisitor<Path>() {
           @Override
           public FileVisitResult visitFile(Path file, BasicFileAttributes attributes)
               throws IOException {
@@ -305,11 +339,11 @@ final class Doctor {
   /** The file that a command's first word names, as a shell finds it; null for none. */
   private static String findProgram(String word) {
     if (word.contains("/")) {
-      return isProgram(Path.of(word)) ? word : null;
+      return isProgram(Paths.get(word)) ? word : null;
     }
     String path = System.getenv().getOrDefault("PATH", "");
     return Arrays.stream(path.split(File.pathSeparator))
-        .map(folder -> Path.of(folder.isEmpty() ? "." : folder, word))
+        .map(folder -> Paths.get(folder.isEmpty() ? "." : folder, word))
         .filter(Doctor::isProgram)
         .map(Path::toString)
         .findFirst()
@@ -343,11 +377,20 @@ final class Doctor {
       return new Outcome(-1, e.getMessage());
     }
     process.getOutputStream().close();
-    String text = new String(process.getInputStream().readAllBytes(), Charset.defaultCharset());
+    String text = textOf(process.getInputStream());
     if (!process.waitFor(60, TimeUnit.SECONDS)) {
       process.destroyForcibly();
     }
     return new Outcome(process.waitFor(), text);
+  }
+
+  private static String textOf(InputStream in) throws IOException {
+    ByteArrayOutputStream all = new ByteArrayOutputStream();
+    byte[] part = new byte[4096];
+    for (int length = in.read(part); length >= 0; length = in.read(part)) {
+      all.write(part, 0, length);
+    }
+    return new String(all.toByteArray(), Charset.defaultCharset());
   }
 
   private void ok(String subject, String text) {

@@ -5,7 +5,10 @@ import java.io.IOException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.Paths;
 import java.util.ArrayList;
+import java.util.Arrays;
+import java.util.HashSet;
 import java.util.LinkedHashSet;
 import java.util.List;
 import java.util.Set;
@@ -17,19 +20,20 @@ import java.util.jar.Manifest;
 final class JavaCommand {
   /** Options whose value is the next word, beside those read here. */
   private static final Set<String> WITH_VALUE =
-      Set.of(
-          "--add-modules",
-          "--limit-modules",
-          "--add-reads",
-          "--add-exports",
-          "--add-opens",
-          "--patch-module",
-          "--upgrade-module-path",
-          "--describe-module",
-          "-d",
-          "--source",
-          "--enable-native-access",
-          "--illegal-native-access");
+      new HashSet<>(
+          Arrays.asList(
+              "--add-modules",
+              "--limit-modules",
+              "--add-reads",
+              "--add-exports",
+              "--add-opens",
+              "--patch-module",
+              "--upgrade-module-path",
+              "--describe-module",
+              "-d",
+              "--source",
+              "--enable-native-access",
+          "--illegal-native-access"));
 
   private final List<String> places = new ArrayList<>();
   private JavaCommand() {}
@@ -52,7 +56,7 @@ final class JavaCommand {
     }
     Set<Path> found = new LinkedHashSet<>();
     for (String place : reader.places) {
-      addWithManifest(Path.of(place), found);
+      addWithManifest(Paths.get(place), found);
     }
     return found;
   }
@@ -63,7 +67,7 @@ final class JavaCommand {
       String word = words.get(i);
       String next = i + 1 < words.size() ? words.get(i + 1) : "";
       if (word.startsWith("@") && word.length() > 1) {
-        if (readWords(wordsOf(Path.of(word.substring(1))))) {
+        if (readWords(wordsOf(Paths.get(word.substring(1))))) {
           return true;
         }
       } else if (word.equals("-jar")) {
@@ -130,7 +134,7 @@ final class JavaCommand {
   private void addPath(String path) throws IOException {
     for (String place : path.split(File.pathSeparator)) {
       if (place.equals("*") || place.endsWith("/*")) {
-        addJarsOf(Path.of(place.equals("*") ? "." : place.substring(0, place.length() - 2)));
+        addJarsOf(Paths.get(place.equals("*") ? "." : place.substring(0, place.length() - 2)));
       } else {
         places.add(place.isEmpty() ? "." : place);
       }
@@ -139,7 +143,7 @@ final class JavaCommand {
 
   private void addModulePath(String path) throws IOException {
     for (String place : path.split(File.pathSeparator)) {
-      Path folder = Path.of(place);
+      Path folder = Paths.get(place);
       if (Files.isDirectory(folder) && !Files.exists(folder.resolve("module-info.class"))) {
         addJarsOf(folder);
         try (DirectoryStream<Path> entries = Files.newDirectoryStream(folder, Files::isDirectory)) {
@@ -179,7 +183,7 @@ final class JavaCommand {
       }
       Path base = place.toAbsolutePath();
       for (String entry : more.trim().split(" +")) {
-        addWithManifest(Path.of(base.toUri().resolve(entry)), found);
+        addWithManifest(Paths.get(base.toUri().resolve(entry)), found);
       }
     } catch (IOException | IllegalArgumentException e) {
       // Not a jar, or not a file: that is reported where the place is read.

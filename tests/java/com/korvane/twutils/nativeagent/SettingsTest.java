@@ -156,6 +156,10 @@ public final class SettingsTest {
         arguments("-agentpath:/a/libjavanativeagent.so=features=ALL_x").features());
     String contention = "-agentpath:/a/libjavanativeagent.so=contention=1,features=contention";
     same("none", EnumSet.noneOf(Feature.class), arguments(contention).features());
+    same("has the agent", true, arguments(contention).haveAgent());
+    same("has none", false, arguments("-Xmx1g").haveAgent());
+    same("not idle", false, arguments(contention).areIdle());
+    same("idle", true, arguments(contention + ",idle=1,quiet=1").areIdle());
     same("another agent", null, arguments("-agentpath:/a/other.so=twHome=/h").options());
     same("a path that the VM cuts", null, arguments(library).options());
     same("words", Arrays.asList("-a", "-b=c d", "e'f"),

@@ -1,6 +1,7 @@
 package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.NativeAgent;
+import com.korvane.twutils.nativeagent.OwnThread;
 import java.lang.ref.WeakReference;
 import java.lang.reflect.InvocationTargetException;
 import java.util.Arrays;
@@ -13,7 +14,7 @@ import java.util.concurrent.locks.LockSupport;
  * A thread of the companion's own. It keeps no JVM alive, and neither its exceptions nor its
  * allocations are recorded.
  */
-final class AgentThread extends Thread {
+final class AgentThread extends Thread implements OwnThread {
   /** Other threads that do the companion's work now; mostly none. Neither locked nor hashed. */
   private static final AtomicReference<Helper[]> HELPERS = new AtomicReference<>(new Helper[0]);
 
@@ -116,6 +117,11 @@ final class AgentThread extends Thread {
     }
   }
 
+  /** A moment, for a thread that waits for what has no lock. */
+  static void pause() {
+    LockSupport.parkNanos(REST_NANOS);
+  }
+
   private static void awaitEnd(Thread thread) {
     while (thread != null && thread.isAlive()) {
       LockSupport.parkNanos(POLL_NANOS);
@@ -192,12 +198,17 @@ final class AgentThread extends Thread {
     return Arrays.copyOf(after, count);
   }
 
-  /** Names classes of exceptions in which management hands on what failed. */
+  /** Names classes of exceptions in which management hands on what failed; each counts once. */
   static void addWrappers(Class<?>... classes) {
     Class<?>[] before = wrappers;
     Class<?>[] all = Arrays.copyOf(before, before.length + classes.length);
-    System.arraycopy(classes, 0, all, before.length, classes.length);
-    wrappers = all;
+    int count = before.length;
+    for (Class<?> each : classes) {
+      if (!Arrays.asList(before).contains(each)) {
+        all[count++] = each;
+      }
+    }
+    wrappers = Arrays.copyOf(all, count);
   }
 
   // --- Asked by threads that throw: no class is loaded, nothing allocated, no code of others run.

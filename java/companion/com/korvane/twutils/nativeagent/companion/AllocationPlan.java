@@ -81,7 +81,7 @@ final class AllocationPlan extends ProfilePlan<AllocationSession> {
     if (!isLastLookTaken && looks != null) {
       isLastLookTaken = true;
       looks.close();
-      Console.print("the last look at what grows and who holds it is omitted: the garbage"
+      Console.note("the last look at what grows and who holds it is omitted: the garbage"
           + " collection at the end of the JVM has taken more than 3 s");
     }
   }

@@ -1,8 +1,13 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import java.util.regex.Pattern;
+
 /** The names that the VM has for classes, as reports spell them. */
 final class ClassNames {
   private static final int LONGEST = 2048; // characters; of longer ones the beginning
+
+  /** Before JDK 15 a lambda's class has a number in place of an address. */
+  private static final Pattern LAMBDA_WITH_NUMBER = Pattern.compile("(Lambda[^.]*)\\.\\d+$");
 
   private ClassNames() {}
 
@@ -63,6 +68,6 @@ final class ClassNames {
       }
       at = name.indexOf("0x", at + 1);
     }
-    return name;
+    return LAMBDA_WITH_NUMBER.matcher(name).replaceFirst("$1");
   }
 }

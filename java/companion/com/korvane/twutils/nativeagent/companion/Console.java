@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.AgentCompanion;
 import com.korvane.twutils.nativeagent.Redaction;
 import java.io.FileDescriptor;
 import java.io.FileOutputStream;
@@ -7,8 +8,12 @@ import java.io.IOException;
 import java.io.OutputStream;
 import java.nio.charset.Charset;
 import java.nio.charset.StandardCharsets;
+import java.nio.file.Path;
 
-/** Prints on standard error what the user has to know; nothing when all goes well. Never fails. */
+/**
+ * Prints on standard error what the user has to know; nothing when all goes well. Never fails.
+ * Where the agent is quiet, standard error gets errors only, and the rest goes to a file.
+ */
 final class Console {
   private static final String NAME = "javanativeagent: ";
   private static final byte[] NO_MEMORY =
@@ -18,13 +23,45 @@ final class Console {
 
   private static final Charset CHARSET = charset("stderr.encoding", "native.encoding");
 
+  private static volatile Path notes; // null for none
+
   private Console() {}
 
+  /** An error. */
   static void print(String message) {
     try {
       out.write((NAME + Redaction.text(message) + '\n').getBytes(CHARSET));
     } catch (Throwable e) {
       printLess();
+    }
+  }
+
+  /** Not an error, but it limits what the results show. */
+  static void note(String message) {
+    if (!isQuiet()) {
+      print(message);
+      return;
+    }
+    Path file = notes;
+    if (file != null) {
+      try {
+        PrivateFiles.append(file, Redaction.text(message) + '\n');
+      } catch (Throwable e) {
+        print(message); // as there is no other place for it
+      }
+    }
+  }
+
+  /** Where the notes go while the agent is quiet. Before the first call they go nowhere. */
+  static void noteIn(Path file) {
+    notes = file;
+  }
+
+  private static boolean isQuiet() {
+    try {
+      return AgentCompanion.isQuiet();
+    } catch (UnsatisfiedLinkError e) {
+      return false;
     }
   }
 

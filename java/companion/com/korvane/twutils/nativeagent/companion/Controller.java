@@ -1,5 +1,6 @@
 package com.korvane.twutils.nativeagent.companion;
 
+import com.korvane.twutils.nativeagent.AgentCompanion;
 import com.korvane.twutils.nativeagent.AgentSession;
 import com.korvane.twutils.nativeagent.Feature;
 import com.korvane.twutils.nativeagent.LockSession;
@@ -49,7 +50,7 @@ final class Controller {
 
   /**
    * @param options by key, checked to exist
-   * @param instrumentation names the classes that are loaded
+   * @param instrumentation names the classes that are loaded; null for the agent to do so
    */
   Controller(Map<String, String> options, Instrumentation instrumentation) {
     this.options = options;
@@ -86,27 +87,38 @@ final class Controller {
     timetable.start();
   }
 
-  /** Starts the profilers that the options name; prints on standard error which could not be. */
-  void begin() {
+  /**
+   * Starts the profilers that the options name; prints on standard error which could not be.
+   *
+   * @param skipped those that are not started
+   * @return what is printed
+   */
+  List<String> begin(Set<Feature> skipped) {
+    List<String> problems = new ArrayList<>();
     OptionReader given = new OptionReader(options);
     List<Feature> wanted = new ArrayList<>();
     instruments.forEach(
         (feature, instrument) -> {
-          if (given.flag(instrument.key())) {
+          if (given.flag(instrument.key()) && !skipped.contains(feature)) {
             wanted.add(feature);
           }
         });
-    if (!wanted.isEmpty() && begin(() -> timetable.inTurn(this::folder))) {
-      wanted.forEach(feature -> begin(() -> start(feature, "")));
+    if (wanted.isEmpty()) {
+      JvmList.add(null);
     }
+    if (!wanted.isEmpty() && begin(() -> timetable.inTurn(this::folder), problems)) {
+      wanted.forEach(feature -> begin(() -> start(feature, given), problems));
+    }
+    return problems;
   }
 
-  private static boolean begin(Runnable start) {
+  private static boolean begin(Runnable start, List<String> problems) {
     try {
       start.run();
       return true;
     } catch (RuntimeException | Error e) {
       Console.print("", e);
+      problems.add(Console.messageOf(e));
       return false;
     }
   }
@@ -127,6 +139,16 @@ final class Controller {
         });
   }
 
+  /**
+   * Ends all while the JVM goes on: what runs is stopped, and nothing can be started any more.
+   *
+   * @param last is done in turn, after which nothing is
+   */
+  void leave(Runnable last) {
+    end();
+    timetable.end(last);
+  }
+
   private void endSessions() {
     reportAllocations();
     endPart(instruments.get(Feature.CONTENTION)::endBegins);
@@ -136,11 +158,11 @@ final class Controller {
     instruments.values().forEach(each -> endPart(each::end));
     RunFolder written = folder;
     if (written != null && written.removedReports() > 0) {
-      Console.print(written.removedReports() + " reports were deleted, the oldest ones, to keep "
+      Console.note(written.removedReports() + " reports were deleted, the oldest ones, to keep "
           + written.maxReports() + " (files=" + written.maxReports() + ")");
     }
     if (unannounced > 0) {
-      Console.print(unannounced + " reports were written without a notification to the listeners");
+      Console.note(unannounced + " reports were written without a notification to the listeners");
     }
   }
 
@@ -150,7 +172,7 @@ final class Controller {
       areHooksAwaited = true;
       String problem = NativeAgent.beforeShutdownHooks(this::beforeHooks);
       if (problem != null) {
-        Console.print("what is alive at the end of the JVM is reported while its shutdown hooks"
+        Console.note("what is alive at the end of the JVM is reported while its shutdown hooks"
             + " run, which may have freed some of it: " + problem);
       }
     }
@@ -161,11 +183,14 @@ final class Controller {
    * those that it waits for may in turn wait for this thread.
    */
   private void beforeHooks() {
+    if (timetable.isOver()) {
+      return; // there is nothing any more
+    }
     hasEnded = true;
     NativeAgent.leaveOutAllocations(true);
     try {
       if (!timetable.byClock(PATIENCE_TO_END, this::reportWhatIsAlive)) {
-        Console.print("the shutdown hooks of the program run before what is alive is reported: that"
+        Console.note("the shutdown hooks of the program run before what is alive is reported: that"
             + " takes more than " + PATIENCE_TO_END.getSeconds() + " s");
       }
     } finally {
@@ -222,7 +247,7 @@ final class Controller {
    * Starts a profiler.
    *
    * @param given options of it as in "summary=10s,detail=1m", in place of those that the JVM was
-   *     started with
+   *     started with; a delay of theirs was of the JVM's start and does not count
    * @throws IllegalArgumentException when an option is refused
    * @throws IllegalStateException when the profiler cannot be started now
    */
@@ -233,14 +258,27 @@ final class Controller {
       throw new IllegalArgumentException(own.problems().get(0));
     }
     Map<String, String> values = new LinkedHashMap<>(options);
+    values.remove(instrument.key() + ".delay");
     values.putAll(own.values());
-    OptionReader reader = new OptionReader(values);
+    wakeAgent();
+    start(feature, new OptionReader(values));
+  }
+
+  private static void wakeAgent() {
+    try {
+      AgentCompanion.wake();
+    } catch (UnsatisfiedLinkError e) {
+      // There is no agent, or an older one, which is never idle.
+    }
+  }
+
+  private void start(Feature feature, OptionReader reader) {
     timetable.inTurn(
         () -> {
           if (hasEnded) {
             throw new IllegalStateException("the JVM is about to end");
           }
-          instrument.begin(reader);
+          instruments.get(feature).begin(reader);
         });
   }
 
@@ -295,7 +333,7 @@ final class Controller {
     Instrument instrument = instruments.get(feature);
     return !hasEnded
         && !instrument.isOn()
-        && begin(() -> instrument.begin(new OptionReader(options)));
+        && begin(() -> instrument.begin(new OptionReader(options)), new ArrayList<>());
   }
 
   /** Whether the JVM is about to end. */
@@ -316,7 +354,14 @@ final class Controller {
   }
 
   Class<?>[] loadedClasses() {
-    return instrumentation.getAllLoadedClasses();
+    if (instrumentation != null) {
+      return instrumentation.getAllLoadedClasses();
+    }
+    Class<?>[] classes = AgentCompanion.loadedClasses();
+    if (classes == null) {
+      throw new IllegalStateException("the JVM does not name its classes");
+    }
+    return classes;
   }
 
   void swept(int added, long nanos) {
@@ -358,6 +403,8 @@ final class Controller {
       try {
         int files = reader.number(OptionKey.FILES);
         folder = RunFolder.create(Paths.get(output).toAbsolutePath(), options, files);
+        Console.noteIn(folder.notes());
+        JvmList.add(folder.path().getFileName().toString());
       } catch (IOException | InvalidPathException e) {
         throw new IllegalStateException(
             "nothing can be written to the output folder '" + output + "': " + e, e);

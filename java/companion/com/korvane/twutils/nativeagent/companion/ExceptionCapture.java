@@ -10,6 +10,9 @@ import java.util.Map;
 
 /** Captures exceptions into the files of a log. */
 final class ExceptionCapture implements Activity {
+  /** The application class loader of Java 8 throws it for each class that it loads itself. */
+  private static final String THROWN_BY_LOADER_OF_8 = "java.lang.ClassNotFoundException";
+
   private final Controller controller;
   private final Map<String, String> options;
   private final ExceptionSettings settings;
@@ -45,6 +48,9 @@ final class ExceptionCapture implements Activity {
 
   /** The word stands for no class, where there would be some without the option. */
   private static List<String> excluded(List<String> given) {
+    if (given.isEmpty() && System.getProperty("java.version").startsWith("1.8.")) {
+      return Collections.singletonList(THROWN_BY_LOADER_OF_8);
+    }
     return given.equals(Collections.singletonList("none")) ? Collections.emptyList() : given;
   }
 
@@ -66,7 +72,7 @@ final class ExceptionCapture implements Activity {
     sites.begin();
     String problem = NativeAgent.exceptionProblem();
     if (problem != null) {
-      Console.print("not all exceptions are captured: " + problem);
+      Console.note("not all exceptions are captured: " + problem);
     }
   }
 

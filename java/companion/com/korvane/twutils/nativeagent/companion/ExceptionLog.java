@@ -257,7 +257,7 @@ final class ExceptionLog implements RecordSink {
     if (dropped() > 0) {
       String advice =
           hasFailed ? "" : ": a longer exceptions.queue or a lower exceptions.rate helps";
-      Console.print(dropped() + " exception records were dropped, " + recorded + " are in "
+      Console.note(dropped() + " exception records were dropped, " + recorded + " are in "
           + path() + advice);
     }
   }

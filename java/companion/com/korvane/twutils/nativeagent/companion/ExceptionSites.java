@@ -36,7 +36,7 @@ final class ExceptionSites {
       if (!NativeAgent.isLoaded()) {
         return; // which is reported elsewhere
       }
-      Console.print("exceptions are not counted by site: the agent is older than the companion");
+      Console.note("exceptions are not counted by site: the agent is older than the companion");
     }
   }
 

@@ -13,6 +13,8 @@ final class Listeners {
   private final ArrayBlockingQueue<Runnable> waiting = new ArrayBlockingQueue<>(MAX_WAITING);
   private final AgentThread thread = AgentThread.repeating("notifications", this::round);
 
+  private volatile boolean isOver;
+
   /** There may be no thread to be had. */
   void start() {
     thread.start();
@@ -25,12 +27,18 @@ final class Listeners {
     }
   }
 
+  /** Nothing more is run, except for what runs already. */
+  void end() {
+    isOver = true;
+    thread.interrupt();
+  }
+
   private boolean round() {
     try {
       waiting.take().run();
     } catch (InterruptedException e) {
       // A listener has interrupted its own thread.
     }
-    return true;
+    return !isOver;
   }
 }

@@ -65,7 +65,7 @@ final class LockPlan extends SessionPlan<LockSession> {
   @Override
   void prepareStop(LockSession stopping) {
     if (stopping.phase() == LockSession.Phase.SUMMARY) {
-      Console.print(
+      Console.note(
           "lock session " + stopping.id() + " ends in its summary phase, so its report has no"
               + " locks: a shorter locks.summary helps");
     }

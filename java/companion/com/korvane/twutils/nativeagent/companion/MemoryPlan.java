@@ -154,7 +154,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     if (!unreported.isEmpty() && printed.add("unreported")) {
       isSampling = controller.startBeside(Feature.ALLOCATIONS);
       boolean isOn = controller.isOn(Feature.ALLOCATIONS);
-      Console.print("memory.track: '" + unreported.get(0) + "': memory reports have no arrays of"
+      Console.note("memory.track: '" + unreported.get(0) + "': memory reports have no arrays of"
           + " primitives, no classes without a package, and no '*'; the allocation profile has all"
           + " classes, by samples" + (isOn ? ": allocations-N.json" : ", but does not run"));
     }
@@ -164,7 +164,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     if (reportedFull.add(type.getName())) {
       full.add(type.getName());
       if (reportedFull.size() <= MOST_LINES) {
-        Console.print("memory.track: " + limit + " objects of " + type.getName() + " are tracked,"
+        Console.note("memory.track: " + limit + " objects of " + type.getName() + " are tracked,"
             + " and no more until some of them are gone (memory.limit)");
       } else {
         printOnce(
@@ -211,7 +211,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
   /** Prints a message once, however many sessions there are. */
   private void printOnce(String thing, String message) {
     if (printed.add(thing)) {
-      Console.print(message);
+      Console.note(message);
     }
   }
 
@@ -222,7 +222,7 @@ final class MemoryPlan extends SessionPlan<MemorySession> {
     }
     tracked.select(controller.loadedClasses());
     for (String pattern : tracked.unmatched()) {
-      Console.print("memory.track: no loaded class matches '" + pattern
+      Console.note("memory.track: no loaded class matches '" + pattern
           + "' (nested classes are written com.example.Outer$Inner)");
     }
   }

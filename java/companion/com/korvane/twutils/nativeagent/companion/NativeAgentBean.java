@@ -23,7 +23,7 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   private static final String NAME = "com.korvane.tracewell:type=NativeAgent";
   private static final String REPORT_WRITTEN = "tracewell.report.written";
 
-  private static NativeAgentBean bean; // register's own
+  private static NativeAgentBean bean; // in turn
 
   private final Controller controller;
   private final Listeners listeners = new Listeners();
@@ -61,6 +61,21 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
       }
     } catch (JMException e) {
       Console.print("the companion's MBean cannot be registered: " + e);
+    }
+  }
+
+  /** Nobody is to know it any more; nothing when nobody does. */
+  static void unregister() {
+    NativeAgentBean known = bean;
+    bean = null;
+    if (known == null) {
+      return;
+    }
+    known.listeners.end();
+    try {
+      ManagementFactory.getPlatformMBeanServer().unregisterMBean(new ObjectName(NAME));
+    } catch (JMException e) {
+      Console.print("the companion's MBean cannot be removed: " + e);
     }
   }
 

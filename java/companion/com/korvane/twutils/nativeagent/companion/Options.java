@@ -41,6 +41,13 @@ final class Options {
     return options;
   }
 
+  /** The same for those of a properties file. */
+  static Options ofFile(String file) {
+    Options options = new Options("ignoring");
+    options.readFile(file);
+    return options;
+  }
+
   /**
    * Options of one profiler that were asked for, without the {@code prefix} of their keys, as in
    * "locks.". A piece without "=" goes on with the value before it.
@@ -114,6 +121,7 @@ final class Options {
   }
 
   private void readFile(String file) {
+    JvmList.isBeside(file);
     Properties properties = new Properties();
     try (Reader in = new InputStreamReader(new FileInputStream(file), StandardCharsets.UTF_8)) {
       properties.load(in);

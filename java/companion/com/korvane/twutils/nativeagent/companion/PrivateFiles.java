@@ -7,6 +7,7 @@ import java.nio.charset.StandardCharsets;
 import java.nio.file.Files;
 import java.nio.file.Path;
 import java.nio.file.StandardCopyOption;
+import java.nio.file.StandardOpenOption;
 import java.nio.file.attribute.FileAttribute;
 import java.nio.file.attribute.PosixFilePermission;
 import java.nio.file.attribute.PosixFilePermissions;
@@ -36,6 +37,14 @@ final class PrivateFiles {
       out.write(text.getBytes(StandardCharsets.UTF_8));
     }
     Files.move(part, file, StandardCopyOption.ATOMIC_MOVE);
+  }
+
+  /** Adds the text to the file, which is made when there is none. */
+  static void append(Path file, String text) throws IOException {
+    if (!Files.exists(file)) {
+      createFile(file);
+    }
+    Files.write(file, text.getBytes(StandardCharsets.UTF_8), StandardOpenOption.APPEND);
   }
 
   /** Makes a folder; fails when there is one. */

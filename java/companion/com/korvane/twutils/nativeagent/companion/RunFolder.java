@@ -124,6 +124,11 @@ final class RunFolder {
     return path.resolve("exception-counts.json");
   }
 
+  /** What limits the results, a line each. */
+  Path notes() {
+    return path.resolve("notes.log");
+  }
+
   /** How many reports this folder keeps. */
   int maxReports() {
     return maxReports;
@@ -204,6 +209,7 @@ final class RunFolder {
     JsonText json = new JsonText().beginObject();
     json.key("pid").value(Long.parseLong(pid));
     json.key("started").value(started.toString());
+    json.key("agent").value(RunFolder.class.getPackage().getImplementationVersion());
     json.key("java").value(System.getProperty("java.version"));
     json.key("vm").value(
         System.getProperty("java.vm.name") + ' ' + System.getProperty("java.vm.version"));

@@ -53,13 +53,21 @@ abstract class SessionPlan<S extends AgentSession> implements Activity {
     try {
       takeStep();
     } catch (RuntimeException e) {
-      if (session == null) {
+      if (session == null && !isLackOfMemory(e)) {
         end();
         throw e;
       }
       next.after(AGAIN);
       Console.print("", e);
     }
+  }
+
+  /**
+   * Whether an error is behind it: without memory the JVM throws one object again and again, and a
+   * try with resources refuses to add it to itself.
+   */
+  private static boolean isLackOfMemory(RuntimeException e) {
+    return e.getCause() instanceof OutOfMemoryError;
   }
 
   @Override

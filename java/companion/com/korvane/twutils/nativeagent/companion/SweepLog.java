@@ -58,7 +58,7 @@ final class SweepLog {
         write(json.toString());
         if (size >= MAX_SIZE) {
           write(LAST_LINE);
-          Console.print("no more sweeps are written to " + path + ": it has " + size + " bytes");
+          Console.note("no more sweeps are written to " + path + ": it has " + size + " bytes");
         }
       }
     } catch (IOException e) {

@@ -23,6 +23,7 @@ final class Timetable {
 
   private Step last; // in turn; each knows the one that was made before it
   private volatile Runnable urgent; // what the clock is to do first
+  private volatile boolean isOver;
   private Error failure; // of a step, to be printed; the clock's own
   private boolean hasFailed;
 
@@ -83,6 +84,21 @@ final class Timetable {
   /** Steps are done from now on; there may be no thread to be had for it. */
   void start() {
     clock.start();
+  }
+
+  /** Nothing is done at its time any more, from that action on. */
+  void end(Runnable last) {
+    inTurn(
+        () -> {
+          isOver = true;
+          last.run();
+        });
+    LockSupport.unpark(clock);
+  }
+
+  /** Whether nothing is done at its time any more. */
+  boolean isOver() {
+    return isOver;
   }
 
   /** Runs the action on this thread, as soon as no other is under way. */
@@ -163,6 +179,9 @@ final class Timetable {
     long next;
     turn.lock();
     try {
+      if (isOver) {
+        return false;
+      }
       next = runSteps();
     } finally {
       turn.unlock();

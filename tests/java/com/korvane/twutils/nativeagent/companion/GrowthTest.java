@@ -41,6 +41,8 @@ public final class GrowthTest {
         {"[B", "byte[]"}, {"[[J", "long[][]"}, {"[Ljava.lang.String;", "java.lang.String[]"},
         {"[[La.B$C;", "a.B$C[][]"}, {"a.B$$Lambda$14/0x0000000800c03000", "a.B$$Lambda$14"},
         {"a.B$$Lambda/0x00007f", "a.B$$Lambda"}, {"a.B$$Lambda.0x00007f", "a.B$$Lambda"},
+        {"a.B$$Lambda$14/863831416", "a.B$$Lambda$14"}, {"a.B/863831416", "a.B.863831416"},
+        {"[La.B$$Lambda$1/8638;", "a.B$$Lambda$1[]"},
         {"a.Hidden+0x0001", "a.Hidden"}, {"[La.B$$Lambda$1/0x01;", "a.B$$Lambda$1[]"},
         {"Plain", "Plain"}, {"B", "B"}, {"a.x0x1", "a.x0x1"}, {"a.x0x1.0x2", "a.x0x1"},
         {"0x1", "0x1"}, {"a/b/C", "a.b.C"}, {"[", "[]"}, {"[L", "[]"}, {"", ""},

@@ -168,7 +168,7 @@ public final class InstrumentTest {
     ByteArrayOutputStream said = new ByteArrayOutputStream();
     Console.redirect(said);
     Controller controller = controller(folder);
-    controller.begin();
+    controller.begin(Collections.emptySet());
     String sentence = "javanativeagent: there is no agent: the JVM was started without"
         + " -agentpath:/path/to/libjavanativeagent.so\n";
     same("those that were asked for", sentence + sentence, said.toString("UTF-8"));

@@ -1,0 +1,7 @@
+#include "support/version.h"
+
+namespace support {
+
+const char* const kAgentVersion = "javanativeagent " TW_VERSION;
+
+}  // namespace support
