@@ -72,11 +72,15 @@ class watchedProcess {
   const std::uint64_t start_;
 };
 
+// What a terminal or a service manager sends to the group is meant for the command.
+void ignoreSignals() {
+  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGTTOU, SIGPIPE}) {
+    std::signal(signal, SIG_IGN);
+  }
+}
+
 // Keeps standard error and the watched process.
 void letGo(int kept) {
-  for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGTTOU, SIGPIPE}) {
-    std::signal(signal, SIG_IGN);  // what they are meant for is the command
-  }
   for (const int descriptor : watch::numbersIn("/proc/self/fd")) {
     if (descriptor != STDERR_FILENO && descriptor != kept) {
       close(descriptor);
@@ -183,6 +187,7 @@ int main(int argc, char** argv) {
   try {
     const watchedProcess command(static_cast<pid_t>(std::strtol(argv[1], nullptr, 10)));
     const watch::setup given = {argv[2], argv[3], argv[4], argv[5]};
+    ignoreSignals();  // before the launcher goes on: the command may be interrupted at once
     if (fork() != 0) {
       _exit(0);  // the launcher waits for this one only
     }
