@@ -74,15 +74,16 @@ def test_errors_are_printed_all_the_same(launcher, folder):
 
 
 def test_jvms_with_nothing_to_report_leave_no_folder(launcher, folder):
-    text = 'for i in 1 2 3 4 5; do "$@" </dev/null || true; done\n'
+    text = ('for i in 1 2; do for j in 1 2 3 4 5 6 7 8 9 10; do (sleep 1 | "$@" || true) & done; wait;'
+            ' done\n')
     profiled = launcher.run("run", "--", script(folder, text), *echo(launcher), folder=folder)
     assert profiled.code == 0 and results(folder / OUTPUT) == [], profiled
     (jvms,) = (folder / OUTPUT).glob("settings-*.jvms")
     lines = jvms.read_text().splitlines()
-    assert len(set(lines)) == 5 and all(re.fullmatch(r"\d+ -", line) for line in lines)
+    assert len(set(lines)) == 20 and all(re.fullmatch(r"\d+ -", line) for line in lines)
     assert jvms.stat().st_mode & 0o777 == 0o600
     shown = launcher.run("report", folder=folder)
-    assert "5 JVMs of the last command left no results: they ended" in shown.err, shown
+    assert "20 JVMs of the last command left no results: they ended" in shown.err, shown
 
 
 def loaded_by(launcher, folder, *words):
