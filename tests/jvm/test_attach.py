@@ -5,7 +5,8 @@ import subprocess
 
 import pytest
 
-from features import JCMD_LOADS_AGENTS, SAMPLED_ALLOCATIONS, USED_REFERENCES_ARE_COUNTED
+from features import (JCMD_LOADS_AGENTS, SAMPLED_ALLOCATIONS, USED_REFERENCES_ARE_COUNTED, VIRTUAL_THREADS,
+                      VIRTUAL_THREADS_LEAVE)
 
 SELF = ("-Djdk.attach.allowAttachSelf=true",)
 DYNAMIC = "-XX:+EnableDynamicAgentLoading"  # no warning of the JVM on standard error
@@ -16,11 +17,11 @@ def run(jvm):
     """Runs a program without the agent, which it then attaches to itself."""
     vm = SELF + ((DYNAMIC,) if jvm.supports(DYNAMIC) else ())
 
-    def started(program, *arguments, options="", **keywords):
+    def started(program, *arguments, options="", flags=(), **keywords):
         folder = jvm.new_folder(program)
         (folder / "home" / "logs").rmdir()
         options = f"twHome={folder}/home,logLevel=3{options}"
-        return jvm.run(program, jvm.agent, options, *arguments, options=None, vm=vm, folder=folder,
+        return jvm.run(program, jvm.agent, options, *arguments, options=None, vm=vm + flags, folder=folder,
                        loads_agent=False, **keywords)
 
     return started
@@ -35,10 +36,14 @@ def locks_of(run, kind, cls):
 
 @pytest.mark.parametrize("kind, threads", [("platform", 8), ("virtual", 8), ("virtual", 1000)])
 def test_contended_entries_are_counted_exactly(jvm, run, kind, threads):
-    if kind == "virtual" and jvm.version() < 24:
-        pytest.skip("this Java has no virtual threads, or they hold their carrier")
+    flags = ()
+    if kind == "virtual":
+        jvm.need(VIRTUAL_THREADS)
+        if not jvm.has(VIRTUAL_THREADS_LEAVE):  # each holds a carrier
+            threads = 8
+            flags = (f"-Djdk.virtualThreadScheduler.parallelism={2 * threads}",)
     rounds = 5
-    done = run("AttachedLocks", threads, rounds, kind, options=",contention=1")
+    done = run("AttachedLocks", threads, rounds, kind, options=",contention=1", flags=flags)
     assert done.facts["attached"] == "0" and done.facts["detached"] == "null"
     assert done.facts["isAttached"] == "true"
     # Two rounds were before the detail session. Threads that were blocked by the monitor when the
