@@ -30,7 +30,7 @@ def test_results(full):
 
 
 def test_a_session_of_the_program_wakes_an_idle_agent(jvm):
-    idle = jvm.run("FullSession", *FILES, options=f"{DEFAULT_OPTIONS},idle=1", vm=("-Xcheck:jni",))
+    idle = jvm.run("FullSession", *FILES, options=f"{DEFAULT_OPTIONS},idle=1", vm=jvm.checks())
     assert (idle.facts["start"], idle.facts["stop"]) == ("1", "1")
     assert idle.report().locks[idle.facts["inventory"]]["count"] == 13
     assert "does not give an agent that was idle can_access_local_variables: " in idle.log_text()
