@@ -131,7 +131,7 @@ void allocationProfile::leaveBeforeVmEnds() {
 
 // The tables of a new session, and its handlers on. What throws leaves none.
 void allocationProfile::begin(JNIEnv* jni, const allocationSettings& settings) {
-  if (virtualThread_ == nullptr) {
+  if (virtualThread_ == nullptr && support::mayHaveVirtualThreads(environment_.jvmti())) {
     support::pendingExceptionGuard exceptions(jni);
     const support::localRef<jclass> cls(jni, jni->FindClass("java/lang/BaseVirtualThread"));
     if (!exceptions.clear() && cls) {

@@ -8,6 +8,7 @@
 #include "contention/parkHook.h"
 #include "instruments/costAccount.h"
 #include "support/jniRef.h"
+#include "support/jvmtiStatus.h"
 #include "support/vmTurn.h"
 
 namespace agent {
@@ -179,7 +180,9 @@ void contentionProfile::findClasses(JNIEnv* jni) {
   find(parks_.stampedLock, "java/util/concurrent/locks/StampedLock");
   find(parks_.pool, "java/util/concurrent/ForkJoinPool");
   owners_.synchronizer = parks_.synchronizer;
-  find(owners_.virtualThread, "java/lang/BaseVirtualThread");
+  if (support::mayHaveVirtualThreads(environment_.jvmti())) {
+    find(owners_.virtualThread, "java/lang/BaseVirtualThread");
+  }
   if (owners_.synchronizer != nullptr && owners_.owner == nullptr) {
     owners_.owner =
         jni->GetFieldID(owners_.synchronizer, "exclusiveOwnerThread", "Ljava/lang/Thread;");
