@@ -59,6 +59,15 @@ ensurePackages() {
     "${missing[@]}"
 }
 
+# Has CMake take from ccache, where it is installed, what was compiled before from the same sources, in
+# whatever clone.
+useCompilerCache() {
+  command -v ccache >/dev/null || return 0
+  say "Compiling with ccache"
+  export CMAKE_CXX_COMPILER_LAUNCHER=ccache CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+  export CCACHE_SLOPPINESS=pch_defines,time_macros
+}
+
 # Runs a command with its output in a file, which is shown only when the command fails.
 quietly() {
   local log command="$*" result=0
