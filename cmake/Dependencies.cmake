@@ -14,6 +14,7 @@ else()
   pkg_check_modules(APR REQUIRED IMPORTED_TARGET apr-1)
 endif()
 find_package(nlohmann_json QUIET)
+find_package(ZLIB QUIET)
 
 # makePortable(<target>...): those that exist load with glibc 2.28, wherever it is newer or not.
 function(makePortable)

@@ -5,15 +5,21 @@
 #include <algorithm>
 #include <map>
 
-#include "allocationSites.h"
-#include "contentionSites.h"
-#include "sites.h"
+#include "runSums.h"
 #include "tableParts.h"
 
 namespace viewer {
 namespace {
 
-using sums = std::map<std::string, std::uint64_t>;
+using namedSums = std::map<std::string, std::uint64_t>;
+
+namedSums named(const sums& all) {
+  namedSums result;
+  for (const auto& [key, sum] : all) {
+    result[textOf(key)] = sum;
+  }
+  return result;
+}
 
 std::uint64_t difference(const comparedSum& one) {
   const std::uint64_t before = one.before.value_or(0);
@@ -21,7 +27,7 @@ std::uint64_t difference(const comparedSum& one) {
   return std::max(before, after) - std::min(before, after);
 }
 
-std::vector<comparedSum> joined(const sums& before, const sums& after) {
+std::vector<comparedSum> joined(const namedSums& before, const namedSums& after) {
   std::map<std::string, comparedSum> rows;
   for (const auto& [name, sum] : before) {
     rows[name].before = sum;
@@ -39,50 +45,6 @@ std::vector<comparedSum> joined(const sums& before, const sums& after) {
                      return difference(left) > difference(right);
                    });
   return result;
-}
-
-sums blockedByClass(const profile& all) {
-  sums result;
-  for (const lockReport& report : all.lockReports) {
-    for (const lockEntry& lock : report.locks) {
-      result[classOf(lock.name)] += lock.blockedSeconds;
-    }
-  }
-  return result;
-}
-
-sums entriesBySite(const profile& all) {
-  sums result;
-  for (const lockReport& report : all.lockReports) {
-    for (const siteSum& site : sitesOf(report, all.stacks)) {
-      result[site.method.value_or("(not in a stack file)")] += site.entries;
-    }
-  }
-  return result;
-}
-
-// By the throwing site: which place outside the JDK it is shown at depends on the records.
-template <typename measure>
-sums exceptionsByOrigin(const profile& all, measure of) {
-  sums result;
-  for (const exceptionGroup& group : groupsOf(all, thrownIn::throwingSite)) {
-    const std::string place = group.isBeyond || group.site ? " in " + placeOf(group) : "";
-    if (of(group) > 0) {
-      result[group.className + place] += of(group);
-    }
-  }
-  return result;
-}
-
-sums recordsByOrigin(const profile& all) {
-  return exceptionsByOrigin(
-      all, [](const exceptionGroup& group) -> std::uint64_t { return group.records.size(); });
-}
-
-sums thrownByOrigin(const profile& all) {
-  return exceptionsByOrigin(all, [](const exceptionGroup& group) -> std::uint64_t {
-    return group.counts ? group.counts->thrown : 0;
-  });
 }
 
 void addModeNote(const profile& side, const char* name, std::vector<std::string>& notes) {
@@ -109,59 +71,35 @@ std::vector<std::string> exceptionNotes(const profile& before, const profile& af
   return notes;
 }
 
-sums bytesByClass(const profile& all) {
-  sums result;
-  for (const memoryReport& report : all.memoryReports) {
-    for (const classEntry& one : report.classes) {
-      result[one.name] += one.bytes;
-    }
-  }
-  return result;
-}
-
 std::uint64_t inMillis(std::uint64_t nanos) {
   constexpr std::uint64_t kNanos = 1'000'000;
   return nanos / kNanos + (nanos % kNanos >= kNanos / 2 ? 1 : 0);
 }
 
-sums inMillis(sums nanos) {
-  for (auto& [name, sum] : nanos) {
+namedSums inMillis(const sums& nanos) {
+  namedSums result = named(nanos);
+  for (auto& [name, sum] : result) {
     sum = inMillis(sum);
   }
-  return nanos;
+  return result;
 }
 
-sums contentionByClass(const profile& all) {
+namedSums millisBySite(const profile& all) {
   sums result;
-  for (const contentionReport& report : all.contentionReports) {
-    for (const lockClassSum& one : lockClassesOf(
-             report, [](const contentionLock& lock) { return isContention(lock.kind); })) {
-      result[one.name] = plus(result[one.name], one.nanos);
-    }
+  for (const auto& [key, nanos] : contentionBySite(all)) {
+    std::uint64_t& sum = result[{key.site, ""}];
+    sum = plus(sum, nanos);
   }
-  return inMillis(std::move(result));
+  return inMillis(result);
 }
 
-// Line numbers differ from version to version.
-sums contentionBySite(const profile& all) {
-  sums result;
-  for (const contentionReport& report : all.contentionReports) {
-    for (const sampledSum& one : waiterSitesOf(report)) {
-      const std::string method = one.name.starts_with('(') ? one.name : methodOf(one.name);
-      result[method] = plus(result[method], one.blockedNanos);
-    }
-  }
-  return inMillis(std::move(result));
+namedSums millisByClass(const profile& all) {
+  return inMillis(contentionByClass(all));
 }
 
-std::size_t contentionSessions(const profile& all) {
-  return all.contentionReports.size();
-}
-
-std::size_t sampledSessions(const profile& all) {
-  return static_cast<std::size_t>(std::count_if(
-      all.contentionReports.begin(), all.contentionReports.end(),
-      [](const contentionReport& report) { return report.settings.samplesPerSecond > 0; }));
+template <sums (*of)(const profile&)>
+namedSums byName(const profile& all) {
+  return named(of(all));
 }
 
 std::uint64_t contentionLength(const profile& all) {
@@ -191,57 +129,6 @@ std::vector<std::string> contentionNotes(const profile& before, const profile& a
   addContentionNotes(before, "BEFORE", notes);
   addContentionNotes(after, "AFTER", notes);
   return notes;
-}
-
-sums aliveByClass(const profile& all) {
-  sums result;
-  for (const allocationSession& session : all.allocations) {
-    for (const grownClass& one : grownClassesOf(session)) {
-      if (one.sum.alive.bytes > 0) {
-        result[one.className] = plus(result[one.className], one.sum.alive.bytes);
-      }
-    }
-  }
-  return result;
-}
-
-// Line numbers differ from version to version.
-sums aliveBySite(const profile& all) {
-  sums result;
-  for (const allocationSession& session : all.allocations) {
-    for (const grownSite& one : grownSitesOf(session)) {
-      if (one.sum.alive.bytes > 0) {
-        const std::string method = one.site ? methodOf(*one.site) : "(stack not known)";
-        result[method] = plus(result[method], one.sum.alive.bytes);
-      }
-    }
-  }
-  return result;
-}
-
-sums growthByClass(const profile& all) {
-  sums result;
-  for (const allocationSession& session : all.allocations) {
-    for (const grownClass& one : grownClassesOf(session)) {
-      if (one.sum.growsBy.value_or(0) > 0) {
-        result[one.className] = plus(result[one.className], *one.sum.growsBy);
-      }
-    }
-  }
-  return result;
-}
-
-std::size_t allocationSessions(const profile& all) {
-  return static_cast<std::size_t>(
-      std::count_if(all.allocations.begin(), all.allocations.end(),
-                    [](const allocationSession& one) { return one.samples.has_value(); }));
-}
-
-std::size_t growthSessions(const profile& all) {
-  return static_cast<std::size_t>(std::count_if(
-      all.allocations.begin(), all.allocations.end(), [](const allocationSession& one) {
-        return (one.samples && one.samples->collections > 0) || hasHistograms(one);
-      }));
 }
 
 void addAllocationNotes(const profile& side, const char* name, std::vector<std::string>& notes) {
@@ -276,7 +163,7 @@ std::vector<std::string> allocationNotes(const profile& before, const profile& a
 
 comparison compare(profile before, profile after, threshold limit) {
   comparison result = {std::move(before), std::move(after), limit, {}};
-  const auto add = [&result](const char* name, const char* measure, sums (*of)(const profile&),
+  const auto add = [&result](const char* name, const char* measure, namedSums (*of)(const profile&),
                              std::size_t (*sessionsOf)(const profile&),
                              std::vector<std::string> notes = {}) {
     comparedTable table = {.name = name,
@@ -297,24 +184,22 @@ comparison compare(profile before, profile after, threshold limit) {
     result.tables.push_back(std::move(table));
   };
   const std::vector<std::string> notes = contentionNotes(result.before, result.after);
-  add("contention", "blocked milliseconds", contentionByClass, contentionSessions, notes);
-  add("contention sites", "blocked milliseconds from samples", contentionBySite, sampledSessions,
+  add("contention", "blocked milliseconds", millisByClass, contentionSessions, notes);
+  add("contention sites", "blocked milliseconds from samples", millisBySite, sampledSessions,
       notes);
-  const auto lockSessions = [](const profile& all) { return all.lockReports.size(); };
-  add("locks", "blocked seconds", blockedByClass, lockSessions);
-  add("sites", "contended entries", entriesBySite, lockSessions);
+  add("locks", "blocked seconds", byName<blockedByClass>, lockSessions);
+  add("sites", "contended entries", byName<entriesBySite>, lockSessions);
   const bool areCounted = countsOf(result.before) != nullptr && countsOf(result.after) != nullptr;
   add(
       "exceptions", areCounted ? "thrown" : "records",
-      areCounted ? thrownByOrigin : recordsByOrigin,
+      areCounted ? byName<thrownByOrigin> : byName<recordsByOrigin>,
       [](const profile& all) -> std::size_t { return all.exceptions ? 1 : 0; },
       exceptionNotes(result.before, result.after));
   const std::vector<std::string> estimates = allocationNotes(result.before, result.after);
-  add("growth", "bytes a minute", growthByClass, growthSessions, estimates);
-  add("allocations", "bytes alive", aliveByClass, allocationSessions, estimates);
-  add("allocation sites", "bytes alive", aliveBySite, allocationSessions, estimates);
-  add("classes", "surviving bytes", bytesByClass,
-      [](const profile& all) { return all.memoryReports.size(); });
+  add("growth", "bytes a minute", byName<growthByClass>, growthSessions, estimates);
+  add("allocations", "bytes alive", byName<aliveByClass>, allocationSessions, estimates);
+  add("allocation sites", "bytes alive", byName<aliveBySite>, allocationSessions, estimates);
+  add("classes", "surviving bytes", byName<bytesByClass>, memorySessions);
   return result;
 }
 

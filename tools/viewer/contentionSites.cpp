@@ -90,7 +90,7 @@ bool hasOwner(const contentionPair& pair) {
 }
 
 std::string siteName(const std::optional<std::string>& site) {
-  return site.value_or("(stack not known)");
+  return site.value_or(kUnknownStack);
 }
 
 std::string threadName(const std::optional<std::string>& thread) {

@@ -13,6 +13,9 @@
 
 namespace viewer {
 
+// The site of a stack that is not known.
+inline constexpr const char* kUnknownStack = "(stack not known)";
+
 // The innermost frame that is not the machinery of locks itself; none of a stack that is not known.
 std::optional<std::string> siteOf(const contentionReport& report,
                                   const std::optional<std::uint64_t>& stack);

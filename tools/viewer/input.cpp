@@ -19,10 +19,10 @@ namespace {
 constexpr std::size_t kBlock = 256 * 1024;
 constexpr std::size_t kProblemsOfAFile = 5;
 
-class inputFile {
+class openFile {
  public:
   // Opened without blocking, for a pipe that nobody writes to would hold the viewer up for ever.
-  explicit inputFile(const std::filesystem::path& file)
+  explicit openFile(const std::filesystem::path& file)
       : name_(toUtf8(file.string())),
         descriptor_(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
     struct stat status {};
@@ -34,9 +34,9 @@ class inputFile {
       throw inputError(fmt::format("{}: expected a file, found a pipe or device", name_));
     }
   }
-  ~inputFile() { close(descriptor_); }
-  inputFile(const inputFile&) = delete;
-  inputFile& operator=(const inputFile&) = delete;
+  ~openFile() { close(descriptor_); }
+  openFile(const openFile&) = delete;
+  openFile& operator=(const openFile&) = delete;
 
   std::string_view block() {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
@@ -77,7 +77,16 @@ byteSource bytesOfText(std::string_view text) {
 }
 
 byteSource bytesOfFile(const std::filesystem::path& file) {
-  return [opened = std::make_shared<inputFile>(file)] { return opened->block(); };
+  return [opened = std::make_shared<openFile>(file)] { return opened->block(); };
+}
+
+byteSource inputFile::bytes() const {
+  if (!text) {
+    return bytesOfFile(path);
+  }
+  return [rest = std::string_view(*text), kept = text]() mutable {
+    return std::exchange(rest, std::string_view());
+  };
 }
 
 bool lineReader::next(std::string& line) {

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -27,6 +28,14 @@ byteSource bytesOfText(std::string_view text);
 // Without the byte order mark that editors put before UTF-8. Throws inputError with the system's
 // reason, here and at each call.
 byteSource bytesOfFile(const std::filesystem::path& file);
+
+// A file to read: one in the file system, or one that was unpacked, with its text.
+struct inputFile {
+  std::filesystem::path path;  // as it is named in errors; of one in an archive "A.tar.gz/RUN/FILE"
+  std::shared_ptr<const std::string> text = nullptr;
+
+  byteSource bytes() const;
+};
 
 class lineReader {
  public:

@@ -23,11 +23,15 @@
 #include "comparisonTables.h"
 #include "descriptorBuffer.h"
 #include "exports.h"
+#include "fleet.h"
+#include "fleetForm.h"
+#include "fleetTables.h"
 #include "jsonForm.h"
 #include "merging.h"
 #include "profile.h"
 #include "profileTables.h"
 #include "reportPage.h"
+#include "rowExport.h"
 #include "utf8.h"
 #include "withoutValues.h"
 
@@ -37,7 +41,7 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
-enum class format { collapsed, speedscope, csv, prometheus };
+enum class format { collapsed, speedscope, csv, prometheus, jsonl };
 
 // The width of the terminal that the output goes to; `otherwise` when it goes elsewhere.
 std::size_t terminalWidth(std::size_t otherwise) {
@@ -79,6 +83,7 @@ struct arguments {
   format exportFormat = format::collapsed;
   std::optional<viewer::csvTable> table;
   viewer::checkedLimits limits;
+  viewer::fleetOptions fleet;
 };
 
 viewer::profile readInputs(const std::vector<std::string>& inputs, const std::string& grep,
@@ -169,7 +174,17 @@ void exportCollapsed(const viewer::profile& all, const std::optional<viewer::csv
   viewer::writeCollapsed(all, what, std::cout);
 }
 
+// Any number of runs.
+int exportRows(const arguments& given) {
+  const std::size_t problems = viewer::writeRows({given.inputs.begin(), given.inputs.end()},
+                                                 given.grep, std::cout, warn);
+  return problems == 0 ? kDone : kFailed;
+}
+
 int exportTo(const arguments& given) {
+  if (given.exportFormat == format::jsonl) {
+    return exportRows(given);
+  }
   const viewer::profile all = readInputs(given.inputs, given.grep);
   switch (given.exportFormat) {
     case format::collapsed:
@@ -184,6 +199,8 @@ int exportTo(const arguments& given) {
     case format::prometheus:
       viewer::writePrometheus(all, std::cout);
       break;
+    case format::jsonl:
+      break;  // above: one run after the other
   }
   return reportProblems(all);
 }
@@ -204,6 +221,25 @@ int check(const arguments& given) {
     result = std::max({result, reportProblems(run), found.broken.empty() ? kDone : kFailed});
   }
   return result;
+}
+
+int merge(const arguments& given) {
+  viewer::fleetOptions options = given.fleet;
+  options.grep = given.grep;
+  const viewer::fleet all =
+      viewer::readFleet({given.inputs.begin(), given.inputs.end()}, options);
+  if (given.json) {
+    viewer::writeJson(all, std::cout);
+  } else {
+    std::cout << viewer::fleetTables(all, given.tables.limits.rows, given.style);
+  }
+  for (const std::string& problem : all.problems) {
+    warn(problem);
+  }
+  if (all.moreProblems > 0) {
+    warn(std::to_string(all.moreProblems) + " more problems");
+  }
+  return all.problems.empty() ? kDone : kFailed;
 }
 
 void addLimit(CLI::App& to, const char* name, std::size_t& limit, const char* description) {
@@ -307,7 +343,8 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
                     {{"collapsed", format::collapsed},
                      {"speedscope", format::speedscope},
                      {"csv", format::csv},
-                     {"prometheus", format::prometheus}},
+                     {"prometheus", format::prometheus},
+                     {"jsonl", format::jsonl}},
                     "The form to print")
       ->required();
   addChoice<csvTable>(
@@ -325,6 +362,22 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
       "of allocation reports allocations. Of collapsed stacks: contention, locks or "
       "allocations");
   return to;
+}
+
+CLI::App* addMerge(CLI::App& app, arguments& given) {
+  CLI::App* merge = app.add_subcommand(
+      "merge", "Adds up any number of runs, and shows how they spread over hosts");
+  merge
+      ->add_option("INPUT", given.inputs,
+                   "Folders of runs, folders with such folders, .tar.gz, patterns such as "
+                   "'hosts/*/run-*'")
+      ->required();
+  merge->add_option("--grep", given.grep, "Only locks, exceptions and classes that contain this text");
+  addLimit(*merge, "--top", given.tables.limits.rows, "Rows to show of each table");
+  addLimit(*merge, "--width", given.style.width, "Columns to fit the tables into");
+  addLimit(*merge, "--names", given.fleet.names, "Names of each table that are told apart");
+  merge->add_flag("--json", given.json, "Print all as JSON");
+  return merge;
 }
 
 CLI::App* addCheck(CLI::App& app, arguments& given) {
@@ -430,6 +483,7 @@ int main(int argc, char** argv) {
   const std::vector<std::pair<CLI::App*, int (*)(const arguments&)>> commands = {
       {addDiff(app, given), diff},
       {addExport(app, given), exportTo},
+      {addMerge(app, given), merge},
       {addCheck(app, given), check}};
   app.require_subcommand(0, 1);
   try {

@@ -102,10 +102,10 @@ kind kindOfLine(const std::string& line) {
 }
 
 // By the first line that shows it, so that a damaged one before it costs no more than itself.
-kind kindOfLines(const fs::path& file) {
+kind kindOfLines(const inputFile& file) {
   constexpr std::size_t kSearched = 1024 * 1024;  // bytes
   std::size_t seen = 0;
-  lineReader lines([&seen, bytes = bytesOfFile(file)] {
+  lineReader lines([&seen, bytes = file.bytes()] {
     const std::string_view block = seen < kSearched ? bytes() : std::string_view();
     seen += block.size();
     return block;
@@ -119,8 +119,8 @@ kind kindOfLines(const fs::path& file) {
 }
 
 // Throws inputError when the file cannot be read, or ends or goes wrong before its kind is clear.
-kind kindOf(const fs::path& file) {
-  const byteSource bytes = bytesOfFile(file);
+kind kindOf(const inputFile& file) {
+  const byteSource bytes = file.bytes();
   const std::string_view start = bytes();
   if (start.empty()) {
     return kind::empty;
@@ -130,7 +130,7 @@ kind kindOf(const fs::path& file) {
   const std::size_t first = start.find_first_not_of(" \t\r\n");
   if (first != start.npos && start[first] == '{') {
     try {
-      what = kindOfDocument(bytesOfFile(file), nameOf(file));
+      what = kindOfDocument(file.bytes(), nameOf(file.path));
     } catch (const inputError& e) {
       problem = e;
     }
@@ -174,6 +174,8 @@ const shape& runShape() {
   static const shape result = {.expected = "an object",
                                .members = {{"pid", at<&runInfo::pid>, false},
                                            {"started", at<&runInfo::started>, false},
+                                           {"agent", at<&runInfo::agent>, false},
+                                           {"host", at<&runInfo::host>, false},
                                            {"java", at<&runInfo::java>, false},
                                            {"vm", at<&runInfo::vm>, false},
                                            {"command", at<&runInfo::command>, false},
@@ -182,15 +184,15 @@ const shape& runShape() {
   return result;
 }
 
-void readRun(profile& all, const fs::path& file) {
+void readAbout(profile& all, const inputFile& file) {
   if (all.run) {
     throw inputError(
         fmt::format("{}: expected the files of one run, found those of a second one; twreport diff "
-                    "compares two",
-                    nameOf(file)));
+                    "compares two, twreport merge adds up any number",
+                    nameOf(file.path)));
   }
   runInfo run;
-  readJson(bytesOfFile(file), nameOf(file), {&runShape(), &run});
+  readJson(file.bytes(), nameOf(file.path), {&runShape(), &run});
   all.run = std::move(run);
 }
 
@@ -209,10 +211,10 @@ const shape& sweepShape() {
 }
 
 // A line of another form costs only itself.
-void readSweeps(profile& all, const fs::path& file) {
+void readSweeps(profile& all, const inputFile& file) {
   sweepSum& sum = all.sweeps ? *all.sweeps : all.sweeps.emplace();
   std::vector<std::string> ignored;
-  readLines(bytesOfFile(file), nameOf(file), "sweeps", ignored,
+  readLines(file.bytes(), nameOf(file.path), "sweeps", ignored,
             [&](const std::string& text, const std::string& place) {
               sweepLine line;
               readJson(bytesOfText(text), place, {&sweepShape(), &line});
@@ -225,8 +227,8 @@ void readSweeps(profile& all, const fs::path& file) {
 
 // The session that the files "allocations-1.json", ".growth" and ".paths" of a folder are of: found
 // by what their names have in common.
-allocationSession& sessionOf(profile& all, const fs::path& file) {
-  const std::string name = nameOf(fs::path(file).replace_extension());
+allocationSession& sessionOf(profile& all, const inputFile& file) {
+  const std::string name = nameOf(fs::path(file.path).replace_extension());
   const auto found = std::find_if(all.allocations.begin(), all.allocations.end(),
                                   [&](const allocationSession& one) { return one.name == name; });
   if (found != all.allocations.end()) {
@@ -237,22 +239,22 @@ allocationSession& sessionOf(profile& all, const fs::path& file) {
   return added;
 }
 
-void readAllocations(profile& all, const fs::path& file, kind what) {
-  const std::string name = nameOf(file);
+void readAllocations(profile& all, const inputFile& file, kind what) {
+  const std::string name = nameOf(file.path);
   if (what == kind::allocationReport) {
-    auto report = readAllocationReport(bytesOfFile(file), name, all.problems);
+    auto report = readAllocationReport(file.bytes(), name, all.problems);
     sessionOf(all, file).samples = std::move(report);
   } else if (what == kind::growthReport) {
-    auto report = readGrowthReport(bytesOfFile(file), name);
+    auto report = readGrowthReport(file.bytes(), name);
     sessionOf(all, file).growth = std::move(report);
   } else {
-    auto report = readPathReport(bytesOfFile(file), name);
+    auto report = readPathReport(file.bytes(), name);
     sessionOf(all, file).paths = std::move(report);
   }
 }
 
-void readFile(profile& all, const fs::path& file, kind what) {
-  const std::string name = nameOf(file);
+void readFile(profile& all, const inputFile& file, kind what) {
+  const std::string name = nameOf(file.path);
   if (what == kind::sweeps) {
     readSweeps(all, file);
     return;  // of how the memory report came about, not of what is in it
@@ -260,19 +262,19 @@ void readFile(profile& all, const fs::path& file, kind what) {
   all.inputs.push_back(name);
   switch (what) {
     case kind::lockReport:
-      all.lockReports.push_back(readLockReport(bytesOfFile(file), name));
+      all.lockReports.push_back(readLockReport(file.bytes(), name));
       break;
     case kind::stackFile:
-      readStackFile(bytesOfFile(file), name, all.stacks, all.problems);
+      readStackFile(file.bytes(), name, all.stacks, all.problems);
       break;
     case kind::exceptionLog:
       if (!all.exceptions) {
         all.exceptions.emplace();
       }
-      all.exceptions->add(bytesOfFile(file), name, all.problems);
+      all.exceptions->add(file.bytes(), name, all.problems);
       break;
     case kind::exceptionCounts: {
-      exceptionCounts counts = readExceptionCounts(bytesOfFile(file), name);
+      exceptionCounts counts = readExceptionCounts(file.bytes(), name);
       if (!all.exceptions) {
         all.exceptions.emplace();
       }
@@ -280,10 +282,10 @@ void readFile(profile& all, const fs::path& file, kind what) {
       break;
     }
     case kind::memoryReport:
-      all.memoryReports.push_back(readMemoryReport(bytesOfFile(file), name));
+      all.memoryReports.push_back(readMemoryReport(file.bytes(), name));
       break;
     case kind::contentionReport:
-      all.contentionReports.push_back(readContentionReport(bytesOfFile(file), name, all.problems));
+      all.contentionReports.push_back(readContentionReport(file.bytes(), name, all.problems));
       break;
     case kind::allocationReport:
     case kind::growthReport:
@@ -291,7 +293,7 @@ void readFile(profile& all, const fs::path& file, kind what) {
       readAllocations(all, file, what);
       break;
     case kind::run:
-      readRun(all, file);
+      readAbout(all, file);
       break;
     case kind::empty:
       throw inputError(name + ": expected a report, found an empty file");
@@ -365,21 +367,7 @@ bool isOther(const fs::path& file, kind what) {
 bool readFilesOf(profile& all, const fs::path& folder) {
   bool any = false;
   for (const fs::path& file : listed(folder, mayBeReport)) {
-    if (file.extension() == kPart) {
-      const fs::path complete = fs::path(file).replace_extension();
-      if (isLost(complete) && isOwnName(complete)) {
-        all.unfinished.push_back(nameOf(file));
-      }
-      continue;
-    }
-    noting(all, [&] {
-      const kind what = kindOf(file);
-      if (isOther(file, what)) {
-        return;
-      }
-      any = any || what != kind::sweeps;
-      readFile(all, file, what);
-    });
+    any = addFile(all, {file}) || any;
   }
   return any;
 }
@@ -402,18 +390,6 @@ void readFolder(profile& all, const fs::path& folder) {
   if (!found && all.problems.size() == problems) {
     failForNothing(searched);
   }
-}
-
-// Whether it is the folder of one JVM.
-bool isRun(const fs::path& folder) {
-  return fs::exists(folder / "run.json") || isRunFolder(fs::directory_entry(folder));
-}
-
-profile runIn(const fs::path& folder) {
-  profile all;
-  all.name = nameOf(fs::canonical(folder).filename());
-  noting(all, [&] { readFilesOf(all, folder); });
-  return all;
 }
 
 bool contains(const std::string& in, const std::string& text) {
@@ -468,10 +444,36 @@ profile readProfile(const std::vector<fs::path>& inputs) {
       if (fs::is_directory(input)) {
         readFolder(all, input);
       } else {
-        readFile(all, input, kindOf(input));
+        readFile(all, {input}, kindOf({input}));
       }
     });
   }
+  return all;
+}
+
+bool addFile(profile& all, const inputFile& file) {
+  if (file.path.extension() == kPart) {
+    const fs::path complete = fs::path(file.path).replace_extension();
+    if (isLost(complete) && isOwnName(complete)) {
+      all.unfinished.push_back(nameOf(file.path));
+    }
+    return false;
+  }
+  bool isReport = false;
+  noting(all, [&] {
+    const kind what = kindOf(file);
+    if (!isOther(file.path, what)) {
+      isReport = what != kind::sweeps;
+      readFile(all, file, what);
+    }
+  });
+  return isReport;
+}
+
+profile readRun(const fs::path& folder) {
+  profile all;
+  all.name = nameOf(fs::canonical(folder).filename());
+  noting(all, [&] { readFilesOf(all, folder); });
   return all;
 }
 
@@ -487,7 +489,7 @@ std::vector<profile> readJvms(const std::vector<fs::path>& inputs) {
       const std::vector<fs::path> chosen = isRun(input)   ? runsOfCommand(input)
                                            : runs.empty() ? std::vector<fs::path>{input}
                                                           : runsOfCommand(runs.back());
-      std::transform(chosen.begin(), chosen.end(), std::back_inserter(jvms), runIn);
+      std::transform(chosen.begin(), chosen.end(), std::back_inserter(jvms), readRun);
     });
   }
   return others.problems.empty() ? std::move(jvms) : std::vector<profile>();
@@ -501,14 +503,14 @@ std::vector<profile> readRuns(const std::vector<fs::path>& inputs) {
     noting(others, [&] {
       if (!fs::is_directory(input)) {
         areOthers = true;
-        readFile(others, input, kindOf(input));
+        readFile(others, {input}, kindOf({input}));
       } else if (isRun(input)) {
-        runs.push_back(runIn(input));
+        runs.push_back(readRun(input));
       } else {
         const bool any = readFilesOf(others, input);
         areOthers = areOthers || any;
         const std::vector<fs::path> folders = runFoldersIn(input);
-        std::transform(folders.begin(), folders.end(), std::back_inserter(runs), runIn);
+        std::transform(folders.begin(), folders.end(), std::back_inserter(runs), readRun);
         if (!any && folders.empty()) {
           failForNothing(input);
         }

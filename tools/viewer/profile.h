@@ -21,6 +21,8 @@ namespace viewer {
 struct runInfo {
   std::optional<std::int64_t> pid;
   std::optional<std::string> started;
+  std::optional<std::string> agent;  // the version of the companion
+  std::optional<std::string> host;   // the name of the machine or container
   std::optional<std::string> java;
   std::optional<std::string> vm;
   std::optional<std::string> command;
@@ -62,6 +64,13 @@ struct profile {
 // being written (*.part) only the names are kept, of the companion's *.sweeps only what they come
 // to. What cannot be read is reported in `problems`; nothing is thrown for it.
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
+
+// Adds a file of a folder to what was read of it, as readProfile() does. False when it is not a
+// report, be it another file or one that is being written.
+bool addFile(profile& all, const inputFile& file);
+
+// The run in this folder. Throws std::filesystem::filesystem_error when there is none.
+profile readRun(const std::filesystem::path& folder);
 
 // The same for each JVM of a command: a folder stands for those of the command that its newest run,
 // or the run that it is, belongs to. None when there are other files among the inputs, or a folder

@@ -82,6 +82,10 @@ bool isRunFolder(const fs::directory_entry& entry) {
          entry.path().filename().string().starts_with("run-");
 }
 
+bool isRun(const fs::path& folder) {
+  return fs::exists(folder / "run.json") || isRunFolder(fs::directory_entry(folder));
+}
+
 std::vector<fs::path> runFoldersIn(const fs::path& output) {
   std::vector<fs::path> runs;
   std::error_code problem;

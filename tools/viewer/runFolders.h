@@ -14,8 +14,11 @@ namespace viewer {
 // than results: from a folder nothing is read by it.
 bool isLinkOfOthers(const std::filesystem::directory_entry& entry);
 
-// Of one JVM.
+// By its name the folder of one JVM.
 bool isRunFolder(const std::filesystem::directory_entry& entry);
+
+// The same, whatever its name, by the file that describes the run.
+bool isRun(const std::filesystem::path& folder);
 
 // In the order of their names, which is that of their starts.
 std::vector<std::filesystem::path> runFoldersIn(const std::filesystem::path& output);

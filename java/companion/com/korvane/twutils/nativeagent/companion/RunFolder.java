@@ -2,7 +2,10 @@ package com.korvane.twutils.nativeagent.companion;
 
 import com.korvane.twutils.nativeagent.Redaction;
 import java.io.File;
+import java.io.FileInputStream;
 import java.io.IOException;
+import java.io.InputStream;
+import java.nio.charset.StandardCharsets;
 import java.nio.file.DirectoryIteratorException;
 import java.nio.file.DirectoryStream;
 import java.nio.file.FileAlreadyExistsException;
@@ -209,6 +212,7 @@ final class RunFolder {
     JsonText json = new JsonText().beginObject();
     json.key("pid").value(Long.parseLong(pid));
     json.key("started").value(started.toString());
+    json.key("host").value(hostName());
     json.key("agent").value(RunFolder.class.getPackage().getImplementationVersion());
     json.key("java").value(System.getProperty("java.version"));
     json.key("vm").value(
@@ -227,6 +231,18 @@ final class RunFolder {
     }
     json.endObject();
     PrivateFiles.replace(path.resolve("run.json"), json.toString() + '\n');
+  }
+
+  /** The name of this machine or container; null where the system does not tell it. */
+  private static String hostName() {
+    byte[] name = new byte[256];
+    try (InputStream file = new FileInputStream("/proc/sys/kernel/hostname")) {
+      int length = Math.max(file.read(name), 0);
+      String host = new String(name, 0, length, StandardCharsets.UTF_8).trim();
+      return host.isEmpty() ? null : host;
+    } catch (IOException e) {
+      return null;
+    }
   }
 
   private static String processId() throws IOException {

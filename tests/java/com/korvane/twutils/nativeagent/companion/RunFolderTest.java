@@ -5,6 +5,7 @@ import static com.korvane.twutils.nativeagent.Checks.same;
 import com.korvane.twutils.nativeagent.Checks;
 import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.Paths;
 import java.nio.file.attribute.FileTime;
 import java.util.Arrays;
 import java.util.Collections;
@@ -30,6 +31,8 @@ public final class RunFolderTest {
     same("as many as may be", 0, folder.removedReports());
     String before = Checks.text(run.resolve("run.json"));
     same("nothing said", false, before.contains("removed"));
+    String host = Checks.text(Paths.get("/proc/sys/kernel/hostname")).trim();
+    Checks.contains("the host", ",\"host\":\"" + host + "\",", before);
     make(run, 4, "memory-1.json", "memory-1.sweeps");
     make(run, 5, "contention-2.json");
     make(run, 6, "locks-10.json", "locks-10.stacks");
