@@ -49,7 +49,7 @@ class rowWriter {
   template <typename action>
   void row(const char* kind, const std::string& source, action write) {
     jsonWriter json(out_);
-    json.beginObject().member("row", kind).member("run", name_).member("host", host_.name);
+    json.beginObject().member("record", kind).member("run", name_).member("host", host_.name);
     json.member("report", source);
     write(json);
     json.endObject();
@@ -151,7 +151,7 @@ class rowWriter {
         areCounted ? json.value(group.counts ? group.counts->thrown : 0) : json.null();
         json.member("caught", group.counts ? group.counts->caught : std::nullopt);
         json.member("uncaught", group.counts ? group.counts->uncaught : std::nullopt);
-        json.member("records", group.records.size());
+        json.member("recorded", group.records.size());
       });
     }
   }
