@@ -9,12 +9,17 @@ if(TW_PORTABLE)
   foreach(library nlohmann_json CLI11 fmt)
     set(${library}_DIR ${CMAKE_CURRENT_LIST_DIR}/portable)
   endforeach()
+  # The static one of the older Debian, beside its C library.
+  add_library(ZLIB::ZLIB STATIC IMPORTED)
+  set_target_properties(ZLIB::ZLIB PROPERTIES IMPORTED_LOCATION
+                                              ${TW_ROOT}/usr/lib/${TW_TARGET}/libz.a)
+  set(ZLIB_FOUND TRUE)
 else()
   find_package(PkgConfig REQUIRED)
   pkg_check_modules(APR REQUIRED IMPORTED_TARGET apr-1)
+  find_package(ZLIB QUIET)
 endif()
 find_package(nlohmann_json QUIET)
-find_package(ZLIB QUIET)
 
 # makePortable(<target>...): those that exist load with glibc 2.28, wherever it is newer or not.
 function(makePortable)

@@ -57,9 +57,8 @@ class packedFile {
     int problem = Z_OK;
     const char* text = gzerror(stream_, &problem);
     if (count < 0 || problem == Z_BUF_ERROR) {
-      fail(problem == Z_BUF_ERROR
-               ? "expected the end of the archive, which is cut off"
-               : fmt::format("expected a gzip file without damage: {}", text));
+      fail(problem == Z_BUF_ERROR ? "expected the end of the archive, which is cut off"
+                                  : fmt::format("expected a gzip file without damage: {}", text));
     }
     if (count > 0 && gzdirect(stream_) != 0) {
       fail("expected a gzip file, found other bytes");
@@ -109,7 +108,7 @@ std::optional<std::uint64_t> numberAt(const block& header, std::size_t at, std::
   std::uint64_t number = 0;
   const auto end = std::from_chars(digits.data(), digits.data() + digits.size(), number, 8);
   return end.ec == std::errc() && end.ptr == digits.data() + digits.size() ? std::optional(number)
-                                                                            : std::nullopt;
+                                                                           : std::nullopt;
 }
 
 bool hasItsSum(const block& header) {
@@ -165,7 +164,8 @@ class tarReader {
       return false;
     }
     if (!hasItsSum(header)) {
-      bytes_.fail("expected a tar archive in the gzip file: a header is damaged or of another form");
+      bytes_.fail(
+          "expected a tar archive in the gzip file: a header is damaged or of another form");
     }
     return true;
   }
@@ -197,8 +197,8 @@ class tarReader {
   void takeLongName(const entry& found) {
     const std::uint64_t most = limits_.nameBytes + (found.type == 'x' ? limits_.nameBytes : 0);
     if (found.size > most) {
-      bytes_.fail(fmt::format("expected names of at most {} bytes, found a longer one",
-                              limits_.nameBytes));
+      bytes_.fail(
+          fmt::format("expected names of at most {} bytes, found a longer one", limits_.nameBytes));
     }
     const std::string text = contentOf(found.size, "a long name");
     if (found.type == 'L') {
@@ -287,10 +287,11 @@ bool isArchive(const std::filesystem::path& file) {
   return name.ends_with(".tar.gz") || name.ends_with(".tgz");
 }
 
-void readArchive(const std::filesystem::path& archive,
-                 const std::function<bool(const std::filesystem::path& name)>& wanted,
-                 const std::function<void(const std::filesystem::path& name, std::string text)>& visit,
-                 const archiveLimits& limits) {
+void readArchive(
+    const std::filesystem::path& archive,
+    const std::function<bool(const std::filesystem::path& name)>& wanted,
+    const std::function<void(const std::filesystem::path& name, std::string text)>& visit,
+    const archiveLimits& limits) {
   tarReader(archive, limits).readAll(wanted, visit);
 }
 

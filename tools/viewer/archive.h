@@ -26,9 +26,10 @@ bool isArchive(const std::filesystem::path& file);
 // Calls `visit` with the name and the text of each regular file that `wanted` accepts, in the order
 // of the archive. Links, devices and folders are passed over. Throws inputError for an archive that
 // is damaged, ends early or is beyond the limits: what was visited before was in it.
-void readArchive(const std::filesystem::path& archive,
-                 const std::function<bool(const std::filesystem::path& name)>& wanted,
-                 const std::function<void(const std::filesystem::path& name, std::string text)>& visit,
-                 const archiveLimits& limits = {});
+void readArchive(
+    const std::filesystem::path& archive,
+    const std::function<bool(const std::filesystem::path& name)>& wanted,
+    const std::function<void(const std::filesystem::path& name, std::string text)>& visit,
+    const archiveLimits& limits = {});
 
 }  // namespace viewer

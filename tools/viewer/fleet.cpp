@@ -18,8 +18,8 @@
 namespace viewer {
 namespace {
 
-constexpr std::size_t kMostLines = 100;   // of problems, and of unfinished reports
-constexpr std::size_t kMostValues = 20;   // of a setting
+constexpr std::size_t kMostLines = 100;  // of problems, and of unfinished reports
+constexpr std::size_t kMostValues = 20;  // of a setting
 constexpr const char* kOtherValues = "(others)";
 
 // What is kept of a run.
@@ -214,9 +214,8 @@ class fleetMerger {
   void addToHost(const runResult& run) {
     if (run.millis > 0) {
       result_.longestMillis = std::max(result_.longestMillis, run.millis);
-      result_.shortestMillis = result_.shortestMillis == 0
-                                   ? run.millis
-                                   : std::min(result_.shortestMillis, run.millis);
+      result_.shortestMillis =
+          result_.shortestMillis == 0 ? run.millis : std::min(result_.shortestMillis, run.millis);
     }
     for (const auto& [name, value] : run.settings) {
       std::map<std::string, std::size_t>& values = settings_[name];
@@ -308,8 +307,8 @@ class fleetMerger {
   fleet result_;
 };
 
-// Does `work(number, turn)` for each number below `count`, by some threads; `turn()` returns when the
-// work of all numbers before is done. The first exception ends it, and is thrown.
+// Does `work(number, turn)` for each number below `count`, by some threads; `turn()` returns when
+// the work of all numbers before is done. The first exception ends it, and is thrown.
 template <typename action>
 void inTurns(std::size_t count, std::size_t threads, action work) {
   std::atomic<std::size_t> next = 0;
@@ -368,9 +367,8 @@ std::vector<hostsOfPlace> byHost(std::vector<runPlace> places, std::size_t threa
       runs[host]++;
     }
   }
-  std::stable_sort(result.begin(), result.end(), [](const auto& left, const auto& right) {
-    return left.hosts < right.hosts;
-  });
+  std::stable_sort(result.begin(), result.end(),
+                   [](const auto& left, const auto& right) { return left.hosts < right.hosts; });
   return result;
 }
 

@@ -53,13 +53,13 @@ struct fleetSetting {
 };
 
 struct fleet {
-  std::size_t runs = 0;         // that were found, and inputs that cannot be read
-  std::size_t complete = 0;     // of these, those that were read
-  std::size_t partly = 0;       // read, but for some of their files
+  std::size_t runs = 0;      // that were found, and inputs that cannot be read
+  std::size_t complete = 0;  // of these, those that were read
+  std::size_t partly = 0;    // read, but for some of their files
   std::size_t withoutReport = 0;
   std::size_t notRead = 0;
   std::size_t hosts = 0;
-  std::size_t unknownHosts = 0;  // of these, runs that do not tell theirs
+  std::size_t unknownHosts = 0;      // of these, runs that do not tell theirs
   std::uint64_t shortestMillis = 0;  // of the profiles of a run
   std::uint64_t longestMillis = 0;
   std::vector<fleetTable> tables;      // kinds that no run has are omitted

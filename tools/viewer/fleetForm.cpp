@@ -55,8 +55,7 @@ void writeJson(const fleet& all, std::ostream& out) {
     json.endObject().endObject();
   });
   json.member("names", all.names);
-  writeArray(json, "tables", all.tables,
-             [&](const fleetTable& table) { writeTable(json, table); });
+  writeArray(json, "tables", all.tables, [&](const fleetTable& table) { writeTable(json, table); });
   writeValues(json, "unfinished", all.unfinished);
   json.member("moreUnfinished", all.moreUnfinished);
   writeValues(json, "problems", all.problems);

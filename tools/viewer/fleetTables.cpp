@@ -17,9 +17,9 @@ namespace {
 // A value with its unit, which is that of the table.
 std::string valueText(const fleetTable& table, std::uint64_t value) {
   const std::string_view measure = table.kind->measure;
-  return measure == "blocked nanoseconds"   ? milliText(value)
-         : measure.starts_with("bytes")     ? sizeText(value)
-                                            : grouped(value);
+  return measure == "blocked nanoseconds" ? milliText(value)
+         : measure.starts_with("bytes")   ? sizeText(value)
+                                          : grouped(value);
 }
 
 std::string measureText(const fleetTable& table) {
@@ -28,9 +28,8 @@ std::string measureText(const fleetTable& table) {
 }
 
 std::string countsLine(const fleet& all) {
-  std::string text =
-      fmt::format("{} of {}: {} read", counted(all.runs, "run", "runs"),
-                  counted(all.hosts, "host", "hosts"), grouped(all.complete));
+  std::string text = fmt::format("{} of {}: {} read", counted(all.runs, "run", "runs"),
+                                 counted(all.hosts, "host", "hosts"), grouped(all.complete));
   const auto add = [&text](std::size_t count, const char* what) {
     text += count > 0 ? fmt::format(", {} {}", grouped(count), what) : "";
   };
@@ -43,11 +42,10 @@ std::string countsLine(const fleet& all) {
 std::vector<std::string> notesOn(const fleet& all) {
   std::vector<std::string> notes;
   if (all.unknownHosts > 0) {
-    notes.push_back(
-        fmt::format("Host not known: {} as a host of its own, by its folder or archive.",
-                    all.unknownHosts == 1
-                        ? "1 run counts"
-                        : fmt::format("each of {} runs counts", grouped(all.unknownHosts))));
+    notes.push_back(fmt::format(
+        "Host not known: {} as a host of its own, by its folder or archive.",
+        all.unknownHosts == 1 ? "1 run counts"
+                              : fmt::format("each of {} runs counts", grouped(all.unknownHosts))));
   }
   if (all.longestMillis > 0) {
     notes.push_back(fmt::format(
@@ -83,10 +81,9 @@ std::string omittedLines(const fleet& all) {
 
 std::string tableText(const fleetTable& table, std::size_t limit, std::size_t rows,
                       const terminalStyle& terminal) {
-  std::string result =
-      title(fmt::format("{}, {}{}", table.kind->what, measureText(table),
-                        table.kind->isEstimated ? ", estimated from samples" : ""),
-            table.rows.size(), std::min(rows, table.rows.size()), terminal);
+  std::string result = title(fmt::format("{}, {}{}", table.kind->what, measureText(table),
+                                         table.kind->isEstimated ? ", estimated from samples" : ""),
+                             table.rows.size(), std::min(rows, table.rows.size()), terminal);
   result += fmt::format("{} of {} have such reports.\n", counted(table.runs, "run", "runs"),
                         counted(table.hosts, "host", "hosts"));
   if (table.rows.empty()) {
@@ -142,9 +139,8 @@ std::string fleetTables(const fleet& all, std::size_t rows, const terminalStyle&
   bool isRounded = false;
   for (const fleetTable& table : all.tables) {
     result += '\n' + tableText(table, all.names, rows, terminal);
-    isRounded = isRounded ||
-                std::any_of(table.rows.begin(), table.rows.end(),
-                            [](const spreadSum& one) { return one.isMedianRounded; });
+    isRounded = isRounded || std::any_of(table.rows.begin(), table.rows.end(),
+                                         [](const spreadSum& one) { return one.isMedianRounded; });
   }
   if (!all.tables.empty()) {
     result += '\n' + sentenceLines({"Median and worst are over the hosts that have the name, each "

@@ -67,9 +67,9 @@ std::uint64_t hostSpread::median() const {
 
 void hostSpread::count(std::uint64_t value) {
   const std::uint32_t range = rangeOf(value);
-  const auto found = std::lower_bound(
-      ranges_.begin(), ranges_.end(), range,
-      [](const auto& one, std::uint32_t number) { return one.first < number; });
+  const auto found =
+      std::lower_bound(ranges_.begin(), ranges_.end(), range,
+                       [](const auto& one, std::uint32_t number) { return one.first < number; });
   if (found != ranges_.end() && found->first == range) {
     found->second++;
   } else {

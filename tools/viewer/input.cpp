@@ -51,12 +51,12 @@ class openFile {
   std::string_view nextBytes() {
     ssize_t size = 0;
     do {
-      size = read(descriptor_, buffer_.data(), buffer_.size());
+      size = read(descriptor_, buffer_.get(), kBlock);
     } while (size < 0 && errno == EINTR);
     if (size < 0) {
       fail();
     }
-    return {buffer_.data(), static_cast<std::size_t>(size)};
+    return {buffer_.get(), static_cast<std::size_t>(size)};
   }
 
   [[noreturn]] void fail() const {
@@ -67,7 +67,7 @@ class openFile {
   std::string name_;
   int descriptor_;
   bool isStart_ = true;
-  std::vector<char> buffer_ = std::vector<char>(kBlock);
+  std::unique_ptr<char[]> buffer_ = std::make_unique_for_overwrite<char[]>(kBlock);
 };
 
 }  // namespace

@@ -20,7 +20,8 @@ void writeRun(jsonWriter& json, const std::optional<runInfo>& run) {
     return;
   }
   json.beginObject();
-  json.member("pid", run->pid).member("started", run->started).member("java", run->java);
+  json.member("pid", run->pid).member("started", run->started).member("agent", run->agent);
+  json.member("host", run->host).member("java", run->java);
   json.member("vm", run->vm).member("command", run->command);
   json.key("options").beginObject();
   for (const auto& [name, value] : run->options) {

@@ -176,8 +176,8 @@ void exportCollapsed(const viewer::profile& all, const std::optional<viewer::csv
 
 // Any number of runs.
 int exportRows(const arguments& given) {
-  const std::size_t problems = viewer::writeRows({given.inputs.begin(), given.inputs.end()},
-                                                 given.grep, std::cout, warn);
+  const std::size_t problems =
+      viewer::writeRows({given.inputs.begin(), given.inputs.end()}, given.grep, std::cout, warn);
   return problems == 0 ? kDone : kFailed;
 }
 
@@ -226,8 +226,7 @@ int check(const arguments& given) {
 int merge(const arguments& given) {
   viewer::fleetOptions options = given.fleet;
   options.grep = given.grep;
-  const viewer::fleet all =
-      viewer::readFleet({given.inputs.begin(), given.inputs.end()}, options);
+  const viewer::fleet all = viewer::readFleet({given.inputs.begin(), given.inputs.end()}, options);
   if (given.json) {
     viewer::writeJson(all, std::cout);
   } else {
@@ -372,7 +371,8 @@ CLI::App* addMerge(CLI::App& app, arguments& given) {
                    "Folders of runs, folders with such folders, .tar.gz, patterns such as "
                    "'hosts/*/run-*'")
       ->required();
-  merge->add_option("--grep", given.grep, "Only locks, exceptions and classes that contain this text");
+  merge->add_option("--grep", given.grep,
+                    "Only locks, exceptions and classes that contain this text");
   addLimit(*merge, "--top", given.tables.limits.rows, "Rows to show of each table");
   addLimit(*merge, "--width", given.style.width, "Columns to fit the tables into");
   addLimit(*merge, "--names", given.fleet.names, "Names of each table that are told apart");

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "jsonReader.h"
 #include "runFolders.h"
@@ -130,7 +131,11 @@ kind kindOf(const inputFile& file) {
   const std::size_t first = start.find_first_not_of(" \t\r\n");
   if (first != start.npos && start[first] == '{') {
     try {
-      what = kindOfDocument(file.bytes(), nameOf(file.path));
+      what = kindOfDocument(
+          [first = start, &bytes]() mutable {
+            return first.empty() ? bytes() : std::exchange(first, std::string_view());
+          },
+          nameOf(file.path));
     } catch (const inputError& e) {
       problem = e;
     }

@@ -1,5 +1,5 @@
-// Runs as rows for databases: one JSON object a line. docs/queries.md has the columns. One thread at
-// a time; the caller checks the stream's state.
+// Runs as rows for databases: one JSON object a line. docs/queries.md has the columns. One thread
+// at a time; the caller checks the stream's state.
 #pragma once
 
 #include <filesystem>

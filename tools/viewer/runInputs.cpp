@@ -96,8 +96,9 @@ fs::path runOf(const fs::path& file) {
 bool mayBeOfRun(const fs::path& file) {
   const std::string name = file.filename();
   const fs::path ending = file.extension() == ".part" ? file.stem().extension() : file.extension();
-  return !name.starts_with('.') && (ending == ".json" || ending == ".jsonl" || ending == ".stacks" ||
-                                    ending == ".growth" || ending == ".paths" || ending == ".sweeps");
+  return !name.starts_with('.') &&
+         (ending == ".json" || ending == ".jsonl" || ending == ".stacks" || ending == ".growth" ||
+          ending == ".paths" || ending == ".sweeps");
 }
 
 std::string runName(const fs::path& archive, const fs::path& folder) {
@@ -239,9 +240,8 @@ void readRunsIn(const runPlace& place, const std::function<void(profile run)>& v
   archivedRuns runs(place.path, visit);
   std::vector<std::string> problems;
   try {
-    readArchive(
-        place.path, mayBeOfRun,
-        [&](const fs::path& file, std::string text) { runs.add(file, std::move(text)); });
+    readArchive(place.path, mayBeOfRun,
+                [&](const fs::path& file, std::string text) { runs.add(file, std::move(text)); });
   } catch (const inputError& e) {
     problems.push_back(e.what());
   }

@@ -24,14 +24,14 @@ struct runPlace {
 std::vector<runPlace> placesOf(const std::vector<std::filesystem::path>& inputs,
                                std::vector<std::string>& problems);
 
-// The name of the host of each run in a place, as hostOf() gives it, in the order of the runs. Of an
-// archive that is damaged those that come before.
+// The name of the host of each run in a place, as hostOf() gives it, in the order of the runs. Of
+// an archive that is damaged those that come before.
 std::vector<std::string> hostsIn(const runPlace& place);
 
-// Calls `visit` with each run of the place; a profile has the name of its folder, and what could not
-// be read of it in `problems`. Of an archive one folder is in memory at a time; a folder whose files
-// do not come one after the other is one run for each group of them, and has a problem. What goes
-// wrong with an archive is a problem of its last run.
+// Calls `visit` with each run of the place; a profile has the name of its folder, and what could
+// not be read of it in `problems`. Of an archive one folder is in memory at a time; a folder whose
+// files do not come one after the other is one run for each group of them, and has a problem. What
+// goes wrong with an archive is a problem of its last run.
 void readRunsIn(const runPlace& place, const std::function<void(profile run)>& visit);
 
 // The host of a run as it is counted: its name, or when the run does not tell that of the place and

@@ -29,15 +29,16 @@ using sums = std::map<sumKey, std::uint64_t>;
 // Summed over the sessions of a run. Nanoseconds are those of blocks that have ended and of those
 // that have not.
 sums contentionByClass(const profile& all);  // monitors and locks, nanoseconds
-sums contentionBySite(const profile& all);   // class and method that came there; what samples stand for
-sums blockedByClass(const profile& all);     // lock sessions, seconds
-sums entriesBySite(const profile& all);      // lock sessions; the method alone
-sums thrownByOrigin(const profile& all);     // class and throwing site, as the agent counted
-sums recordsByOrigin(const profile& all);    // the same, by records
-sums growthByClass(const profile& all);      // bytes a minute
-sums aliveByClass(const profile& all);       // bytes
-sums aliveBySite(const profile& all);        // bytes; the method alone
-sums bytesByClass(const profile& all);       // of memory sessions
+sums contentionBySite(
+    const profile& all);  // class and method that came there; what samples stand for
+sums blockedByClass(const profile& all);   // lock sessions, seconds
+sums entriesBySite(const profile& all);    // lock sessions; the method alone
+sums thrownByOrigin(const profile& all);   // class and throwing site, as the agent counted
+sums recordsByOrigin(const profile& all);  // the same, by records
+sums growthByClass(const profile& all);    // bytes a minute
+sums aliveByClass(const profile& all);     // bytes
+sums aliveBySite(const profile& all);      // bytes; the method alone
+sums bytesByClass(const profile& all);     // of memory sessions
 
 // How many sessions of a kind a run has.
 std::size_t contentionSessions(const profile& all);
