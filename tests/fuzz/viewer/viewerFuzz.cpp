@@ -15,6 +15,7 @@
 #include "exports.h"
 #include "jsonForm.h"
 #include "profileTables.h"
+#include "rowExport.h"
 #include "utf8.h"
 
 namespace {
@@ -107,6 +108,10 @@ void writeAll(const profile& all) {
                         csvTable::exceptions, csvTable::classes, csvTable::contention,
                         csvTable::pairs, csvTable::allocations}) {
     expectPrintable("csv", textOf([&](std::ostream& out) { writeCsv(all, what, out); }));
+  }
+  std::istringstream rows(textOf([&](std::ostream& out) { writeRows({"run-1"}, all, out); }));
+  for (std::string row; std::getline(rows, row);) {
+    expectJson("row", row);
   }
 }
 
