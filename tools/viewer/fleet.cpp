@@ -141,7 +141,7 @@ class fleetMerger {
     result_.names = options.names;
   }
 
-  // Of an input that is no place of runs.
+  // Of an input without runs.
   void addProblem(const std::string& problem) {
     result_.runs++;
     result_.notRead++;

@@ -55,7 +55,7 @@ struct fleetSetting {
 struct fleet {
   std::size_t runs = 0;      // that were found, and inputs that cannot be read
   std::size_t complete = 0;  // of these, those that were read
-  std::size_t partly = 0;    // read, but for some of their files
+  std::size_t partly = 0;    // read except for some of their files
   std::size_t withoutReport = 0;
   std::size_t notRead = 0;
   std::size_t hosts = 0;

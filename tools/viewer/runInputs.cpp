@@ -24,7 +24,7 @@ std::string nameOf(const fs::path& file) {
   return toUtf8(file.string());
 }
 
-// What the pattern stands for; none when it is no pattern, or nothing has such a name.
+// What the pattern stands for; none when nothing has such a name.
 std::vector<fs::path> matchesOf(const fs::path& pattern) {
   std::vector<fs::path> result;
   if (pattern.string().find_first_of("*?[") == std::string::npos) {
@@ -47,7 +47,7 @@ bool hasReports(const fs::path& folder) {
   });
 }
 
-// The runs and archives in a folder that is no run itself.
+// The runs and archives in a folder that is not a run itself.
 std::vector<runPlace> placesIn(const fs::path& folder) {
   std::vector<runPlace> result;
   for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
