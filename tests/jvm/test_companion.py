@@ -113,6 +113,7 @@ def test_what_a_run_leaves(start):
 
     about = json.loads((folder / "run.json").read_text())
     assert folder.name.endswith(f"-{about['pid']}")
+    assert about["host"] == Path("/proc/sys/kernel/hostname").read_text().strip()
     assert about["command"].startswith("Profiled detail exit")
     assert about["options"]["locks.name"] == "the till"
     assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?Z", about["started"])
