@@ -8,6 +8,7 @@
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -28,6 +29,7 @@ struct runResult {
   std::vector<sums> tables;           // one for each kind
   std::vector<std::size_t> sessions;  // 0: the run has no reports of the kind
   std::map<std::string, std::string> settings;
+  std::set<const char*> omissions;
   std::uint64_t millis = 0;
   std::vector<std::string> problems;
   std::vector<std::string> unfinished;
@@ -58,6 +60,38 @@ std::map<std::string, std::string> settingsOf(const profile& run) {
   return result;
 }
 
+// What the sums of a run do not have.
+std::set<const char*> omissionsOf(const profile& run) {
+  std::set<const char*> result;
+  const auto add = [&result](bool isSo, const char* what) {
+    if (isSo) {
+      result.insert(what);
+    }
+  };
+  add(run.run && run.run->removedReports > 0, "reports were deleted because there were too many");
+  for (const contentionReport& report : run.contentionReports) {
+    const contentionOmissions& omitted = report.omitted;
+    add(!report.endedAt, "the contention profile had not been stopped when its report was written");
+    add(omitted.startsNotSeen > 0, "blocks had begun before the contention profile");
+    add(omitted.pairs > 0 || omitted.blocksNotSampled > 0,
+        "samples of blocked threads had no room, and are of no site");
+    add(report.settings.samplesPerSecond == 0, "contention was not sampled, and has no sites");
+  }
+  for (const allocationSession& session : run.allocations) {
+    if (session.samples) {
+      const allocationReport& report = *session.samples;
+      add(!report.endedAt && !report.shutdownAt,
+          "the allocation profile had not been stopped when its report was written");
+      add(report.collections == 0, "no collection ran, so that no object is known to be alive");
+      add(report.omitted.lost > 0 || report.omitted.failed > 0, "samples of allocations were lost");
+      add(report.others.alive.bytes > 0, "sites of allocations are not listed, and have no row");
+    }
+  }
+  add(run.exceptions && countsOf(run) == nullptr && !lossesOf(*run.exceptions).empty(),
+      "records of exceptions were lost");
+  return result;
+}
+
 std::uint64_t millisOf(const profile& run) {
   std::uint64_t millis = 0;
   for (const contentionReport& report : run.contentionReports) {
@@ -85,6 +119,7 @@ runResult resultOf(const runPlace& place, profile run, const std::string& grep) 
     result.tables.push_back(result.sessions.back() > 0 ? kind.of(run) : sums());
   }
   result.settings = settingsOf(run);
+  result.omissions = omissionsOf(run);
   result.millis = millisOf(run);
   result.hasReports = hasAnyReport(run);
   result.problems = std::move(run.problems);
@@ -221,6 +256,9 @@ class fleetMerger {
       std::map<std::string, std::size_t>& values = settings_[name];
       const bool hasRoom = values.contains(value) || values.size() < kMostValues;
       values[hasRoom ? value : kOtherValues]++;
+    }
+    for (const char* what : run.omissions) {
+      result_.omissions[what]++;
     }
     hostSums& host = hosts_[run.host.name];
     host.isKnown = run.host.isKnown;

@@ -62,7 +62,9 @@ struct fleet {
   std::size_t unknownHosts = 0;      // of these, runs that do not tell theirs
   std::uint64_t shortestMillis = 0;  // of the profiles of a run
   std::uint64_t longestMillis = 0;
-  std::vector<fleetTable> tables;      // kinds that no run has are omitted
+  std::vector<fleetTable> tables;  // kinds that no run has are omitted
+  // What reports do not have, in words, and of how many runs: "samples of allocations were lost".
+  std::map<std::string, std::size_t> omissions;
   std::vector<fleetSetting> settings;  // all of them
   std::vector<std::string> problems;   // the first of them
   std::size_t moreProblems = 0;

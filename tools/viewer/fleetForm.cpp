@@ -46,6 +46,9 @@ void writeJson(const fleet& all, std::ostream& out) {
   json.member("withoutReport", all.withoutReport).member("notRead", all.notRead).endObject();
   json.member("hosts", all.hosts).member("hostsNotKnown", all.unknownHosts);
   json.member("shortestMillis", all.shortestMillis).member("longestMillis", all.longestMillis);
+  writeArray(json, "omitted", all.omissions, [&](const auto& one) {
+    json.beginObject().member("what", one.first).member("runs", one.second).endObject();
+  });
   writeArray(json, "settings", all.settings, [&](const fleetSetting& one) {
     json.beginObject().member("name", one.name);
     json.key("runs").beginObject();

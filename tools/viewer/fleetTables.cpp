@@ -64,6 +64,9 @@ std::vector<std::string> notesOn(const fleet& all) {
       notes.push_back(fmt::format("Runs differ in this: {}: {}.", one.name, values));
     }
   }
+  for (const auto& [what, runs] : all.omissions) {
+    notes.push_back(fmt::format("In {}: {}.", counted(runs, "run", "runs"), what));
+  }
   return notes;
 }
 

@@ -154,6 +154,19 @@ def test_runs_that_differ_in_their_settings_are_named(tmp_path):
     assert settings["allocations, bytes for a sample at the end"] == {"524288": 2}
 
 
+def test_what_reports_do_not_have_is_named(tmp_path):
+    shop(tmp_path / "run-1", "a", 5)
+    reports.AllocationSession(omitted={"lost": 4, "lostBytes": 9, "failed": 0, "sites": 0,
+                                       "stacks": 0, "classes": 0, "names": 0, "thinned": 0},
+                              endedAt=None).write(tmp_path / "run-1", 2)
+    shop(tmp_path / "run-2", "b", 5)
+    assert merged(tmp_path)["omitted"] == [
+        {"what": "samples of allocations were lost", "runs": 1},
+        {"what": "the allocation profile had not been stopped when its report was written",
+         "runs": 1}]
+    assert "In 1 run: samples of allocations were lost." in run("merge", tmp_path).stdout
+
+
 def test_what_cannot_be_read_is_named_and_counted(tmp_path):
     for number in range(4):
         shop(tmp_path / f"run-{number}", f"host-{number}", 5)
