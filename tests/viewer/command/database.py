@@ -28,8 +28,8 @@ def library():
         raise Missing("npm is not installed, which fetches DuckDB")
     file.parent.mkdir(parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory(dir=file.parent) as folder:
-        done = subprocess.run(["npm", "pack", "--silent", PACKAGE], cwd=folder, timeout=100,
-                              capture_output=True, encoding="utf-8")
+        done = subprocess.run(["npm", "pack", "--silent", "--cache", f"{folder}/cache", PACKAGE],
+                              cwd=folder, timeout=100, capture_output=True, encoding="utf-8")
         if done.returncode != 0:
             raise Missing(f"npm cannot fetch {PACKAGE}: {done.stderr.strip()}")
         (packed,) = pathlib.Path(folder).glob("*.tgz")
