@@ -141,7 +141,7 @@ void allocationProfile::begin(JNIEnv* jni, const allocationSettings& settings) {
   const support::lockGuard guard(samplesMutex_);
   dropAll(jni);
   const std::int64_t now = instruments::steadyNanos();
-  session_ = {};
+  endSession();
   frozen_.reset();
   left_.reset();
   cost_.clear();
@@ -285,7 +285,7 @@ std::string allocationProfile::leave(JNIEnv* jni) {
   }
   {
     const support::lockGuard guard(samplesMutex_);
-    session_ = {};
+    endSession();
     frozen_.reset();
     left_.reset();
     samples_.release();
@@ -437,6 +437,33 @@ std::string allocationProfile::reportText(bool afterCollection) {
   writeAllocationReport(json, session_, recorder_, samples_,
                         frozen_ ? *frozen_ : stateOf(afterCollection), left_, cost_.total(), now);
   return json.text() + '\n';
+}
+
+// --- Figures ------------------------------------------------------------------------------------
+
+// What it has counted goes on in the figures.
+void allocationProfile::endSession() {
+  if (session_.started != 0) {
+    allocationFigures ended;
+    ended.addSession(recorder_, samples_, rounds_, cost_.total());
+    earlier_.keep(ended);
+  }
+  session_ = {};
+}
+
+allocationFigures allocationProfile::figures(JNIEnv* jni) {
+  const support::lockGuard guard(samplesMutex_);
+  allocationFigures all = earlier_;
+  if (session_.started == 0) {
+    return all;
+  }
+  all.isRunning = isRunning() && session_.ended == 0;
+  if (all.isRunning) {
+    drain(jni);
+    all.intervalBytes = recorder_.interval();
+  }
+  all.addSession(recorder_, samples_, rounds_, cost_.total());
+  return all;
 }
 
 // --- The profile's own thread -------------------------------------------------------------------

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 
+#include "allocations/allocationFigures.h"
 #include "allocations/allocationRecorder.h"
 #include "allocations/allocationReport.h"
 #include "allocations/allocationSettings.h"
@@ -53,6 +54,8 @@ class allocationProfile {
       EXCLUDES(controlMutex_);
   bool stop(JNIEnv* jni, bool afterCollection) EXCLUDES(controlMutex_);
   bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_);
+  // What it has counted since the process started, whether it runs or not. Any Java thread.
+  allocationFigures figures(JNIEnv* jni) EXCLUDES(samplesMutex_);
   // Keeps nothing when `haveHooksBegun` is true by the time that the collection is over.
   void shutdownBegins(JNIEnv* jni, bool afterCollection,
                       const std::function<bool()>& haveHooksBegun) EXCLUDES(controlMutex_);
@@ -90,6 +93,7 @@ class allocationProfile {
   void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
   void finish(JNIEnv* jni) REQUIRES(samplesMutex_);
   std::string reportText(bool afterCollection) REQUIRES(samplesMutex_);
+  void endSession() REQUIRES(samplesMutex_);
 
   instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
   allocationRecorder recorder_;
@@ -111,6 +115,7 @@ class allocationProfile {
   std::optional<aliveState> frozen_ GUARDED_BY(samplesMutex_);
   std::optional<afterHooks> left_ GUARDED_BY(samplesMutex_);
   instruments::costAccount cost_ GUARDED_BY(samplesMutex_);
+  allocationFigures earlier_ GUARDED_BY(samplesMutex_);  // of sessions that are over
 
   // The collection after the shutdown hooks.
   enum class lastCollection : std::uint8_t { none, asked, begun, answered, done };

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <chrono>
-#include <numeric>
 #include <span>
 
 #include "allocations/allocationRecorder.h"
@@ -146,22 +145,23 @@ void survivingSamples::dropLastPoint() {
   }
 }
 
-// Bytes that are alive, by site.
-std::vector<double> survivingSamples::aliveBytes(const collectionRounds& rounds) const {
-  std::vector<double> alive(sites_.size());
+std::vector<amounts> survivingSamples::alive(const collectionRounds& rounds) const {
+  std::vector<amounts> alive(sites_.size());
   for (const liveSample& each : live_) {
     if (age(each, rounds) > 0) {
-      alive[each.site] += each.bytes;
+      alive[each.site].add(each.bytes, each.objects);
     }
   }
   return alive;
 }
 
 void survivingSamples::markPoint(const collectionRounds& rounds, std::int64_t now) {
-  const std::vector<double> alive = aliveBytes(rounds);
+  const std::vector<amounts> found = alive(rounds);
+  double total = 0;
   for (std::size_t i = 0; i < sites_.size(); ++i) {
     std::vector<double>& course = sites_[i].course;
-    const bool goesOn = alive[i] != 0 || !course.empty();
+    total += found[i].bytes;
+    const bool goesOn = found[i].bytes != 0 || !course.empty();
     if (goesOn && course.size() == course.capacity()) {
       course.reserve(std::min(2 * course.size() + 1, kMostPoints));
     }
@@ -175,13 +175,13 @@ void survivingSamples::markPoint(const collectionRounds& rounds, std::int64_t no
   }
   for (std::size_t i = 0; i < sites_.size(); ++i) {
     site& each = sites_[i];
-    if (each.course.empty() && alive[i] == 0) {
+    if (each.course.empty() && found[i].bytes == 0) {
       each.courseFrom = points_.size() + 1;
     } else {
-      each.course.push_back(alive[i]);
+      each.course.push_back(found[i].bytes);
     }
   }
-  points_.push_back({now, rounds.ended(), std::accumulate(alive.begin(), alive.end(), 0.0)});
+  points_.push_back({now, rounds.ended(), total});
   isLastEarly_ = now < nextPoint_;
   if (!isLastEarly_) {
     nextPoint_ = now + step_;

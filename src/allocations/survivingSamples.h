@@ -102,6 +102,8 @@ class survivingSamples {
 
   // The state of each site, by index, as of `now`. Sites without anything alive have an empty one.
   std::vector<siteState> states(const collectionRounds& rounds, std::int64_t now) const;
+  // What has outlived a round, of each site by index.
+  std::vector<amounts> alive(const collectionRounds& rounds) const;
   // What is alive of the samples that were taken before `time`, and have outlived `round`.
   std::vector<amounts> aliveSince(std::int64_t time, std::uint32_t round,
                                   const collectionRounds& rounds) const;
@@ -128,7 +130,6 @@ class survivingSamples {
     return rounds.ended() > sample.round ? rounds.ended() - sample.round : 0;
   }
   std::uint32_t indexOf(const allocationSite& key);
-  std::vector<double> aliveBytes(const collectionRounds& rounds) const;
   void thinPoints();
   void dropLastPoint();
 

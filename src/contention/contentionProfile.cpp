@@ -214,7 +214,7 @@ std::string contentionProfile::hookParks(JNIEnv* jni) {
 // The tables of a new session, and its handlers on. What throws leaves none.
 void contentionProfile::begin(JNIEnv* jni, const contentionSettings& settings) {
   const support::lockGuard guard(samplesMutex_);
-  session_ = {};
+  endSession(jni);
   const std::int64_t now = instruments::steadyNanos();
   const bool canCheck = environment_.capabilities().can_get_owned_monitor_stack_depth_info != 0;
   sampler_.begin(settings, owners_, canCheck, now);
@@ -313,7 +313,7 @@ std::string contentionProfile::leave(JNIEnv* jni) {
   }
   {
     const support::lockGuard guard(samplesMutex_);
-    session_ = {};
+    endSession(jni);
     samples_.clear();
     recorder_.locks().begin(jni, contentionSettings::kFewestLocks);
   }
@@ -399,6 +399,46 @@ std::string contentionProfile::reportText(JNIEnv* jni) {
   const std::int64_t now = session_.ended == 0 ? instruments::steadyNanos() : session_.ended;
   writeContentionReport(json, jni, session_, recorder_, samples_, sampler_, now);
   return json.text() + '\n';
+}
+
+// --- Figures ------------------------------------------------------------------------------------
+
+void contentionProfile::addSession(JNIEnv* jni, contentionFigures& all) {
+  if (session_.started == 0) {
+    return;
+  }
+  sessionFigures session(recorder_);
+  session.read();
+  if (session_.ended == 0) {
+    sampler_.catchUp(environment_.jvmti(), jni, instruments::steadyNanos());
+  }
+  session.addTo(all, samples_, sampler_);
+}
+
+// What it has counted goes on in the figures.
+void contentionProfile::endSession(JNIEnv* jni) {
+  contentionFigures ended;
+  addSession(jni, ended);
+  earlier_.keep(ended);
+  session_ = {};
+}
+
+contentionFigures contentionProfile::figures(JNIEnv* jni) {
+  const support::lockGuard guard(samplesMutex_);
+  contentionFigures all = earlier_;
+  addSession(jni, all);
+  all.isRunning = isRunning() && session_.started != 0 && session_.ended == 0;
+  if (!all.isRunning) {
+    all.blockedThreads.fill(0);
+    return all;
+  }
+  all.budgetPercent = session_.settings.budgetPercent;
+  for (const stuckLock& each : samples_.stuck) {
+    all.stuckThreads += each.waiterCount;
+  }
+  all.stuckLocksDropped = samples_.stuckDropped;
+  all.deadlocks = samples_.deadlocks.size();
+  return all;
 }
 
 // --- The profile's own thread -------------------------------------------------------------------

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "contention/blockRecorder.h"
+#include "contention/contentionFigures.h"
 #include "contention/contentionReport.h"
 #include "contention/contentionSampler.h"
 #include "contention/contentionSamples.h"
@@ -51,6 +52,9 @@ class contentionProfile {
   bool stop(JNIEnv* jni) EXCLUDES(controlMutex_);
   bool reportAtEnd(const std::string& path, bool isEnding) EXCLUDES(controlMutex_);
 
+  // What it has counted since the process started, whether it runs or not. Any Java thread.
+  contentionFigures figures(JNIEnv* jni) EXCLUDES(samplesMutex_);
+
   // Stops it, drops all that was gathered and gives its capabilities back; it does not start again
   // before comeBack(). Empty, or what could not be done. On a Java thread, in the live phase.
   std::string leave(JNIEnv* jni) EXCLUDES(controlMutex_);
@@ -84,6 +88,8 @@ class contentionProfile {
   std::optional<std::int64_t> takeStep(JNIEnv* jni) EXCLUDES(samplesMutex_);
   void endWithVm(JNIEnv* jni) EXCLUDES(samplesMutex_);
   std::string reportText(JNIEnv* jni) REQUIRES(samplesMutex_);
+  void addSession(JNIEnv* jni, contentionFigures& all) REQUIRES(samplesMutex_);
+  void endSession(JNIEnv* jni) REQUIRES(samplesMutex_);
 
   instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
   blockRecorder recorder_;
@@ -99,6 +105,7 @@ class contentionProfile {
   contentionSession session_ GUARDED_BY(samplesMutex_);
   contentionSamples samples_ GUARDED_BY(samplesMutex_);
   contentionSampler sampler_ GUARDED_BY(samplesMutex_);
+  contentionFigures earlier_ GUARDED_BY(samplesMutex_);  // of sessions that are over
 
   instruments::lastReport lastReport_;
   instruments::ownThread thread_;

@@ -4,6 +4,8 @@
 #include <array>
 #include <charconv>
 
+#include "exceptions/redactionCount.h"
+
 namespace agent::record {
 
 namespace {
@@ -215,6 +217,7 @@ void builder::appendNullField(std::string_view name, valueState state, bool isSt
 
 void builder::appendRedacted(std::string_view name, std::string_view reason, bool isStatic) {
   const std::string value = "<redacted:" + std::string(reason) + ">";
+  redacted::countHidden();
   appendValue(name, typeCode::string, value, flagsOf(valueState::redacted, isStatic));
 }
 

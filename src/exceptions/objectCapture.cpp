@@ -10,6 +10,7 @@
 #include "agent/twAprLib.h"
 #include "exceptions/currentProfiler.h"
 #include "exceptions/jvmtiCheck.h"
+#include "exceptions/redactionCount.h"
 #include "support/classCache.h"
 #include "support/jvmtiPtr.h"
 #include "support/jvmtiRecords.h"
@@ -443,6 +444,9 @@ bool objectCapture::appendSearched(std::string_view name, typeCode code, jstring
       why && shown.data() != read_.data()) {
     out_.appendRedacted(name, *why, isStatic);
     return !out_.isCut();
+  }
+  if (shown.data() != read_.data()) {
+    redacted::countHidden();  // a part of it
   }
   std::size_t at = 0;
   const auto copy = [&](std::size_t /*start*/, std::size_t count, char* out) {
