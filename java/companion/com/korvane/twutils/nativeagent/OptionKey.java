@@ -26,6 +26,22 @@ public enum OptionKey {
       "config", Kind.TEXT, 0, 1, "",
       "/etc/profiling.properties",
       "a text, such as /etc/profiling.properties"),
+  METRICS(
+      "metrics", Kind.TEXT, 0, 1, "",
+      "9464",
+      "a text, such as 9464"),
+  METRICS_TOKEN(
+      "metricsToken", Kind.TEXT, 0, 1, "",
+      "/etc/profiling.token",
+      "a text, such as /etc/profiling.token"),
+  METRICS_CLASSES(
+      "metricsClasses", Kind.NUMBER, 1, 200, "20",
+      "50",
+      "a number from 1 to 200"),
+  METRICS_INTERVAL(
+      "metricsInterval", Kind.DURATION, 1000, 3600000, "15s",
+      "30s",
+      "a duration from 1s to 1h, such as 500ms, 30s, 2m or 1h"),
   LOCKS(
       "locks", Kind.FLAG, 0, 1, "false",
       "true",

@@ -16,6 +16,7 @@ final class AllocationLooks {
 
   private final Growth growth; // null for none
   private final RootPaths paths; // the same
+  private final Controller controller;
   private final Duration pause;
   private final Timetable.Step next;
   private boolean hasBegun;
@@ -27,6 +28,7 @@ final class AllocationLooks {
    */
   AllocationLooks(
       Controller controller, int session, Duration interval, boolean arePathsFound) {
+    this.controller = controller;
     RunFolder folder = controller.folder();
     growth = interval.isZero() ? null : new Growth(folder.growth(session), interval);
     paths = arePathsFound ? new RootPaths(folder.paths(session)) : null;
@@ -50,6 +52,7 @@ final class AllocationLooks {
     hasLooked = true;
     if (growth != null) {
       growth.takePoint();
+      controller.grows(growth.rates());
     }
     if (paths != null) {
       paths.write();

@@ -154,6 +154,9 @@ public final class Commands {
     }
     Path folder = status.runFolder;
     print(inColumns("results", folder == null ? "none yet" : folder.toString()));
+    if (status.metrics != null) {
+      print(inColumns("metrics", status.metrics));
+    }
     if (VmArguments.ofThisProcess().areIdle()) {
       for (String missing : MISSING_WHEN_IDLE) {
         print("not in a JVM that was started with --idle: " + missing);

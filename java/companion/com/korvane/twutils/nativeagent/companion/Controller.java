@@ -41,6 +41,10 @@ final class Controller {
   // Changed in turn, read at any time.
   private volatile RunFolder folder;
   private volatile ExceptionLog exceptions; // of the last capture
+  private volatile long recordsWrittenBefore; // by the logs before it
+  private volatile long recordsDroppedBefore;
+  private volatile ClassRates growth; // null before there is a trend
+  private volatile Metrics metrics; // null for none
   private volatile SweepTotals sweeps = SweepTotals.NONE;
   private volatile boolean hasEnded;
   private boolean areHooksAwaited; // the program's, to begin
@@ -103,13 +107,23 @@ final class Controller {
             wanted.add(feature);
           }
         });
-    if (wanted.isEmpty()) {
+    boolean areMetricsWanted = !given.text(OptionKey.METRICS).isEmpty();
+    if (wanted.isEmpty() && !areMetricsWanted) {
       JvmList.add(null);
     }
     if (!wanted.isEmpty() && begin(() -> timetable.inTurn(this::folder), problems)) {
       wanted.forEach(feature -> begin(() -> start(feature, given), problems));
     }
+    if (areMetricsWanted) {
+      begin(() -> timetable.inTurn(() -> startMetrics(given)), problems);
+    }
     return problems;
+  }
+
+  private void startMetrics(OptionReader given) {
+    Metrics made = new Metrics(this, given);
+    metrics = made;
+    made.start();
   }
 
   private static boolean begin(Runnable start, List<String> problems) {
@@ -156,6 +170,9 @@ final class Controller {
     endPart(instruments.get(Feature.LOCKS)::end);
     endPart(Controller::stopLocksOfProgram);
     instruments.values().forEach(each -> endPart(each::end));
+    if (metrics != null) {
+      endPart(metrics::close);
+    }
     RunFolder written = folder;
     if (written != null && written.removedReports() > 0) {
       Console.note(written.removedReports() + " reports were deleted, the oldest ones, to keep "
@@ -369,7 +386,17 @@ final class Controller {
   }
 
   void captures(ExceptionLog log) {
+    ExceptionLog before = exceptions;
+    if (before != null) {
+      recordsWrittenBefore += before.recorded();
+      recordsDroppedBefore += before.dropped();
+    }
     exceptions = log;
+  }
+
+  /** @param rates as of the last class histogram */
+  void grows(ClassRates rates) {
+    growth = rates;
   }
 
   /** The report of a session that goes on was written anew. */
@@ -420,8 +447,35 @@ final class Controller {
     reportListener = listener;
   }
 
+  /** Tools find the metrics of this JVM there. */
+  void writeMetricsUrl(String url) throws IOException {
+    AtomicReference<Path> file = new AtomicReference<>();
+    timetable.inTurn(() -> file.set(folder().metricsUrl()));
+    PrivateFiles.replace(file.get(), url + '\n');
+  }
+
+  /** Records of exceptions that all logs have written so far. */
+  long recordsWritten() {
+    ExceptionLog last = exceptions;
+    return recordsWrittenBefore + (last == null ? 0 : last.recorded());
+  }
+
+  /** The same for those that they have not. */
+  long recordsDropped() {
+    ExceptionLog last = exceptions;
+    return recordsDroppedBefore + (last == null ? 0 : last.dropped());
+  }
+
+  /** Null before there is a trend. */
+  ClassRates growth() {
+    return growth;
+  }
+
   Status status() {
     RunFolder made = folder;
-    return new Status(instruments, made == null ? null : made.path(), exceptions, sweeps);
+    Metrics offered = metrics;
+    return new Status(
+        instruments, made == null ? null : made.path(), exceptions, sweeps,
+        offered == null ? null : offered.place());
   }
 }

@@ -74,6 +74,11 @@ final class Growth {
     return Math.max(askedNanos - askedNanos / TOLERANCE, tookNanos * SHARE);
   }
 
+  /** What grows by how much, as of the last point. */
+  ClassRates rates() {
+    return series.rates();
+  }
+
   /** The same, early as it may be; none when the last one took too long for a JVM that ends. */
   void last() {
     if (!isClosed && tookNanos <= LONGEST_AT_END.toNanos()) {

@@ -178,6 +178,24 @@ final class GrowthSeries {
     }
   }
 
+  /** What the classes that have grown most grow by; those without a trend are left out. */
+  ClassRates rates() {
+    List<String> names = new ArrayList<>();
+    List<Long> rates = new ArrayList<>();
+    for (Course course : grown) {
+      Long perMinute = Trend.of(at, course.bytes, count).perMinute();
+      if (perMinute != null) {
+        names.add(course.name);
+        rates.add(perMinute);
+      }
+    }
+    long[] perMinute = new long[rates.size()];
+    for (int i = 0; i < perMinute.length; i++) {
+      perMinute[i] = rates.get(i);
+    }
+    return new ClassRates(names.toArray(new String[0]), perMinute);
+  }
+
   /** Writes the members from "points" on. */
   void write(JsonText json, Long maxHeap) {
     json.key("points").beginArray();

@@ -127,6 +127,11 @@ final class RunFolder {
     return path.resolve("exception-counts.json");
   }
 
+  /** Where the metrics of this JVM are: a line with a URL. */
+  Path metricsUrl() {
+    return path.resolve("metrics.url");
+  }
+
   /** What limits the results, a line each. */
   Path notes() {
     return path.resolve("notes.log");
@@ -242,6 +247,15 @@ final class RunFolder {
       return host.isEmpty() ? null : host;
     } catch (IOException e) {
       return null;
+    }
+  }
+
+  /** Of this JVM; "unknown" when the system does not tell. */
+  static String pid() {
+    try {
+      return processId();
+    } catch (IOException e) {
+      return "unknown";
     }
   }
 

@@ -48,15 +48,19 @@ final class Status {
 
   final SweepTotals sweeps;
 
+  /** Where metrics are, a URL or a file; null for nowhere. */
+  final String metrics;
+
   private final Map<Feature, Part> parts = new EnumMap<>(Feature.class);
 
   /** @param exceptions of the last capture; null before the first */
   Status(
       Map<Feature, Instrument> instruments, Path runFolder, ExceptionLog exceptions,
-      SweepTotals sweeps) {
+      SweepTotals sweeps, String metrics) {
     instruments.forEach((feature, instrument) -> parts.put(feature, instrument.status()));
     this.runFolder = runFolder;
     this.sweeps = sweeps;
+    this.metrics = metrics;
     exceptionFile = exceptions == null ? null : exceptions.path();
     exceptionsRecorded = exceptions == null ? 0 : exceptions.recorded();
     exceptionsDropped = exceptions == null ? 0 : exceptions.dropped();
