@@ -1,6 +1,7 @@
 // The whole allocation profile: its natives, options, sessions, and a VM that refuses.
 #include "allocationProfileTest.h"
 
+#include "allocations/allocationProfile.h"
 #include "allocations/survivingSamples.h"
 #include "eachCall.h"
 #include "fakevm/frames.h"
@@ -30,6 +31,45 @@ TEST_F(allocationProfile, samplesFromItsStartToItsStop) {
   EXPECT_FALSE(isRunning());
   EXPECT_FALSE(isSampled());
   EXPECT_EQ(samplesOf(snapshot().at("allocated")), 1);
+}
+
+TEST_F(allocationProfile, itsFiguresGoOnFromSessionToSession) {
+  const auto figures = [&] {
+    return vm.native(
+        [](JNIEnv* jni) { return agent::allocationProfile::ofProcess().figures(jni); });
+  };
+  EXPECT_THAT(figures().rows, IsEmpty());
+  EXPECT_EQ(start(), "");
+  allocate(session, true);
+  allocate(session, false);
+  vm.collectGarbage();
+  snapshot();
+  const agent::allocationFigures first = figures();
+  EXPECT_TRUE(first.isRunning);
+  EXPECT_EQ(first.intervalBytes, kInterval);
+  EXPECT_EQ(first.collections, 1U);
+  EXPECT_EQ(first.rows.at("com.example.Session").allocated.samples, 2U);
+  EXPECT_EQ(first.rows.at("com.example.Session").alive.samples, 1U);
+  EXPECT_TRUE(stop());
+  EXPECT_FALSE(figures().isRunning);
+  EXPECT_EQ(figures().rows.at("com.example.Session").alive.samples, 0U);
+  EXPECT_EQ(start(), "");
+  allocate(session, true);
+  const agent::allocationFigures second = figures();
+  EXPECT_EQ(second.rows.at("com.example.Session").allocated.samples, 3U);
+  EXPECT_EQ(second.samples, 3U);
+  EXPECT_EQ(second.collections, 1U);
+}
+
+TEST(allocationFigures, ofSessionsThatAreOverAreBounded) {
+  agent::allocationFigures all;
+  for (std::size_t i = 0; i < agent::allocationFigures::kMostRows + 10; ++i) {
+    agent::allocationFigures session;
+    session.rows["a.C" + std::to_string(i)].allocated.add(8, 1);
+    all.keep(session);
+  }
+  EXPECT_EQ(all.rows.size(), agent::allocationFigures::kMostRows + 1);
+  EXPECT_EQ(all.rows.at("").allocated.samples, 10U);
 }
 
 TEST_F(allocationProfile, whatOutlivesACollectionThatBeganLaterIsAlive) {

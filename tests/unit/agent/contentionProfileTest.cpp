@@ -1,6 +1,8 @@
 // The whole contention profile: its natives, options, sessions, and a VM that refuses.
 #include "contentionProfileTest.h"
 
+#include <numeric>
+
 #include "eachCall.h"
 
 namespace {
@@ -52,6 +54,50 @@ TEST_F(contentionProfile, aSnapshotIsWrittenWhileItRunsAndAfterItsEnd) {
   EXPECT_EQ(ended.at("endedAt"), ended.at("writtenAt"));
   EXPECT_EQ(ended.at("locks").at(0).at("stillBlocked"), 1) << "as of the end";
   EXPECT_EQ(snapshot(), ended) << "nothing changes any more";
+}
+
+TEST_F(contentionProfile, itsFiguresGoOnFromSessionToSession) {
+  const auto figures = [&] {
+    return vm.native(
+        [](JNIEnv* jni) { return agent::contentionProfile::ofProcess().figures(jni); });
+  };
+  const std::pair stock(std::string("com.example.Stock"), agent::lockKind::monitor);
+  const auto monitors = static_cast<std::size_t>(agent::lockKind::monitor);
+  EXPECT_THAT(figures().rows, IsEmpty());
+  EXPECT_EQ(start(), "");
+  block(worker, lock);
+  agent::contentionFigures first = figures();
+  EXPECT_TRUE(first.isRunning);
+  EXPECT_EQ(first.rows.at(stock).entries, 1U);
+  EXPECT_TRUE(vm.contendedEnter(worker, lock));
+  const agent::contentionFigures blocked = figures();
+  EXPECT_EQ(blocked.blockedThreads.at(monitors), 1U);
+  EXPECT_EQ(blocked.rows.at(stock).entries, 1U) << "it goes on";
+  EXPECT_GT(blocked.rows.at(stock).nanos, first.rows.at(stock).nanos);
+  EXPECT_TRUE(stop());
+  const agent::contentionFigures stopped = figures();
+  EXPECT_FALSE(stopped.isRunning);
+  EXPECT_EQ(stopped.blockedThreads.at(monitors), 0U);
+  EXPECT_GE(stopped.rows.at(stock).nanos, blocked.rows.at(stock).nanos);
+  EXPECT_EQ(start(), "");
+  EXPECT_GE(figures().rows.at(stock).nanos, stopped.rows.at(stock).nanos);
+  block(worker, lock);
+  const agent::contentionFigures second = figures();
+  EXPECT_EQ(second.rows.at(stock).entries, 2U);
+  EXPECT_EQ(std::accumulate(second.ended.at(monitors).buckets.begin(),
+                            second.ended.at(monitors).buckets.end(), 0U),
+            2U);
+}
+
+TEST(contentionFigures, ofSessionsThatAreOverAreBounded) {
+  agent::contentionFigures all;
+  for (std::size_t i = 0; i < agent::contentionFigures::kMostRows + 10; ++i) {
+    agent::contentionFigures session;
+    session.rows[{"a.C" + std::to_string(i), agent::lockKind::wait}] = {1, 2};
+    all.keep(session);
+  }
+  EXPECT_EQ(all.rows.size(), agent::contentionFigures::kMostRows + 1);
+  EXPECT_EQ((all.rows.at({"", agent::lockKind::wait}).entries), 10U);
 }
 
 TEST_F(contentionProfile, runsOnce) {

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "exceptionTest.h"
+#include "exceptions/exceptionFigures.h"
 #include "exceptions/siteCounts.h"
 #include "exceptions/siteReport.h"
 
@@ -105,6 +106,20 @@ TEST_F(siteCounted, byClassMethodAndLine) {
   EXPECT_EQ(row["overRate"], 1);
   EXPECT_EQ(site("a.A.n")["overRate"], 1);
   EXPECT_EQ(site("a.A.m", "x.Other")["recorded"], 1);
+}
+
+TEST_F(siteCounted, figuresAreByClassAlone) {
+  begin({.rate = 1});
+  raise(at("a.A.m"));
+  raise(at("a.A.n"), kFailure, false);
+  raise(at("a.A.o"), "com.example.Other");
+  const agent::exceptionFigures figures = agent::figuresOf(agent::siteCounts::ofProcess());
+  const auto of = [&](const char* cls, agent::siteCount which) {
+    return figures.rows.at(cls).at(static_cast<std::size_t>(which));
+  };
+  EXPECT_EQ(of(kFailure, agent::siteCount::caught), 1U);
+  EXPECT_EQ(of(kFailure, agent::siteCount::uncaught), 1U);
+  EXPECT_EQ(of("com.example.Other", agent::siteCount::caught), 1U);
 }
 
 TEST_F(siteCounted, beforeEveryFilter) {
