@@ -326,8 +326,8 @@ def test_other_places_are_refused(launcher, folder, words, expected):
 
 
 @pytest.mark.parametrize("options, expected", (
-    ("metrics=0.0.0.0:0", "expected a loopback address, or metricsToken=FILE"),
-    ("metrics=0,metricsToken=open", "expected a file that others can neither read nor write"),
+    ("metrics=0.0.0.0:0", "expected a loopback address, or the option metricsToken"),
+    ("metrics=0,metricsToken=open", "expected one that others can neither read nor write"),
     ("metrics=0,metricsToken=short", "expected one line of 16 to 1,000 characters"),
     ("metrics=x", "expected a port from 0 to 65535"),
 ))

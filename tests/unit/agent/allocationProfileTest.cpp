@@ -42,8 +42,7 @@ TEST_F(allocationProfile, itsFiguresGoOnFromSessionToSession) {
   EXPECT_EQ(start(), "");
   allocate(session, true);
   allocate(session, false);
-  vm.collectGarbage();
-  snapshot();
+  snapshot(true);
   const agent::allocationFigures first = figures();
   EXPECT_TRUE(first.isRunning);
   EXPECT_EQ(first.intervalBytes, kInterval);
@@ -51,6 +50,7 @@ TEST_F(allocationProfile, itsFiguresGoOnFromSessionToSession) {
   EXPECT_EQ(first.rows.at("com.example.Session").allocated.samples, 2U);
   EXPECT_EQ(first.rows.at("com.example.Session").alive.samples, 1U);
   EXPECT_TRUE(stop());
+  vm.runAgentThreads();
   EXPECT_FALSE(figures().isRunning);
   EXPECT_EQ(figures().rows.at("com.example.Session").alive.samples, 0U);
   EXPECT_EQ(start(), "");

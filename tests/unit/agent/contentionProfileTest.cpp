@@ -75,6 +75,7 @@ TEST_F(contentionProfile, itsFiguresGoOnFromSessionToSession) {
   EXPECT_EQ(blocked.rows.at(stock).entries, 1U) << "it goes on";
   EXPECT_GT(blocked.rows.at(stock).nanos, first.rows.at(stock).nanos);
   EXPECT_TRUE(stop());
+  vm.runAgentThreads();
   const agent::contentionFigures stopped = figures();
   EXPECT_FALSE(stopped.isRunning);
   EXPECT_EQ(stopped.blockedThreads.at(monitors), 0U);

@@ -30,7 +30,7 @@ final class MetricsToken {
         || rights.contains(PosixFilePermission.OTHERS_WRITE)
         || rights.contains(PosixFilePermission.GROUP_WRITE)) {
       throw new IllegalArgumentException(
-          "invalid option 'metricsToken=" + file + "': expected a file that others can neither read"
+          "invalid token file '" + file + "' for metrics: expected one that others can neither read"
               + " nor write (chmod 600)");
     }
     if (!Files.isRegularFile(file) || Files.size(file) > LONGEST) {
@@ -50,7 +50,7 @@ final class MetricsToken {
 
   private static IllegalArgumentException noToken(Path file) {
     return new IllegalArgumentException(
-        "invalid option 'metricsToken=" + file + "': expected one line of 16 to 1,000 characters"
+        "invalid token file '" + file + "' for metrics: expected one line of 16 to 1,000 characters"
             + " of ASCII without blanks");
   }
 
