@@ -96,9 +96,9 @@ public final class Metered {
 
   /** A class whose name would end a line of metrics, and a label. */
   private static Object hostile() throws Exception {
-    byte[] code = read("Metered$Nobody_of_this_names.class");
+    byte[] code = read("Metered$NobodyWhoHasThisName.class");
     String text = new String(code, StandardCharsets.ISO_8859_1)
-        .replace("example/Metered$Nobody_of_this_names", "example/Metered$Nobody\"} 1\n\\of_{name");
+        .replace("example/Metered$NobodyWhoHasThisName", "example/Metered$Nobody\"} 1\n\\of_{name");
     byte[] changed = text.getBytes(StandardCharsets.ISO_8859_1);
     ClassLoader loader = new ClassLoader() {
       @Override
@@ -121,7 +121,7 @@ public final class Metered {
   }
 
   /** Is given its other name. */
-  public static class Nobody_of_this_names {
-    public Nobody_of_this_names() {}
+  public static class NobodyWhoHasThisName {
+    public NobodyWhoHasThisName() {}
   }
 }

@@ -178,7 +178,7 @@ final class GrowthSeries {
     }
   }
 
-  /** What the classes that have grown most grow by; those without a trend are left out. */
+  /** What the classes that have grown most grow by; classes without a trend are omitted. */
   ClassRates rates() {
     List<String> names = new ArrayList<>();
     List<Long> rates = new ArrayList<>();

@@ -250,7 +250,8 @@ final class MetricsPage {
     text.nanos(label("type", "handshake"), figures[AgentMetrics.CONTENTION_HANDSHAKE_NANOS]);
     text.counter("contention_omitted", "",
         "Blocks whose begin was not seen, which are not counted, and blocks that no look shows.");
-    text.sample(label("reason", "start_not_seen"), figures[AgentMetrics.CONTENTION_STARTS_NOT_SEEN]);
+    text.sample(
+        label("reason", "start_not_seen"), figures[AgentMetrics.CONTENTION_STARTS_NOT_SEEN]);
     text.sample(label("reason", "not_sampled"), figures[AgentMetrics.CONTENTION_NOT_SAMPLED]);
     text.gauge("contention_budget_percent", "",
         "Percent of one processor that the looks may take; 0 while the profile does not run.");
@@ -344,7 +345,8 @@ final class MetricsPage {
     text.counter("exceptions_records", "", "Records that were written, and those that were not.");
     text.sample(label("result", "written"), controller.recordsWritten());
     text.sample(label("result", "dropped"), controller.recordsDropped());
-    text.counter("redacted_values", "", "Values that were hidden in records, completely or in part.");
+    text.counter("redacted_values", "",
+        "Values that were hidden in records, completely or in part.");
     text.sample("", figures[AgentMetrics.EXCEPTIONS_HIDDEN_VALUES]);
   }
 }

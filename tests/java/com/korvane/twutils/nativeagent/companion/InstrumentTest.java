@@ -121,7 +121,7 @@ public final class InstrumentTest {
     Instrument instrument =
         new Instrument(OptionKey.LOCKS, "lock sessions are", reader -> activity);
     Map<Feature, Instrument> all = Collections.singletonMap(Feature.LOCKS, instrument);
-    Status none = new Status(all, null, null, SweepTotals.NONE);
+    Status none = new Status(all, null, null, SweepTotals.NONE, null);
     instrument.begin(null);
     instrument.nextSession();
     OddSession session = new OddSession(1, folder.resolve("r.json"), true).started();
@@ -129,7 +129,7 @@ public final class InstrumentTest {
     instrument.reported(session);
     ExceptionLog log = new ExceptionLog(new RotatingFile(folder, "e.jsonl", 1000, 1), 10);
     SweepTotals sweeps = SweepTotals.NONE.plus(3, 1_500_000).plus(4, 2_500_000);
-    Status later = new Status(all, folder, log, sweeps);
+    Status later = new Status(all, folder, log, sweeps, null);
     activity.stop();
 
     Status.Part before = none.of(Feature.LOCKS);

@@ -119,7 +119,8 @@ public final class MetricsTest {
 
   private static String target(String value) {
     MetricsTarget target = MetricsTarget.parse(value, "12");
-    return target.file == null ? target.host + ' ' + target.port : target.file + " " + target.name();
+    return target.file == null
+        ? target.host + ' ' + target.port : target.file + " " + target.name();
   }
 
   private static void targets() {
