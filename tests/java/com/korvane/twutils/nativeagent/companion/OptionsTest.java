@@ -72,7 +72,7 @@ public final class OptionsTest {
     for (String key : new String[] {"xyzzy", "locks.x", ""}) {
       String problem = Options.parse(key + "=1").problems().get(0);
       contains(
-          key, "unknown option '" + key + "'; expected output, files, config, locks, ", problem);
+          key, "unknown option '" + key + "'; expected output, files, config, metrics, ", problem);
     }
   }
 
