@@ -296,6 +296,19 @@ def test_a_port_in_use_is_one_line_and_the_program_goes_on(launcher, folder):
     assert "javanativeagent:" not in rest
 
 
+def test_stuck_threads_and_deadlocks_are_shown(launcher, folder):
+    words = ("--contention=stuck=100ms", "--metrics=0", "--", "java", "-cp", launcher.programs)
+    with launcher.started("run", *words, "example.Deadlocked", folder=folder):
+        url = next(iter(wait_for(lambda: urls(folder / OUTPUT), "URL of the metrics").values()))
+        wait_for(lambda: f"{PREFIX}contention_deadlocks 1\n" in get(url)[1], "deadlock")
+        text = get(url)[1]
+        assert f"{PREFIX}contention_stuck_threads 2\n" in text
+        assert f'{PREFIX}contention_blocked_threads{{kind="monitor"}} 2\n' in text
+        seconds = r'contention_blocked_seconds_total\{class="java.lang.Object",kind="monitor"\} (\S+)'
+        before = float(re.search(seconds, text)[1])
+        wait_for(lambda: float(re.search(seconds, get(url)[1])[1]) > before, "time of what goes on")
+
+
 def test_a_file_is_for_all_to_read_and_complete(launcher, folder):
     file = folder / "node" / "shop.prom"
     file.parent.mkdir()
