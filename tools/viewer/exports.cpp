@@ -10,49 +10,10 @@
 #include "contentionExports.h"
 #include "exportParts.h"
 #include "jsonWriter.h"
+#include "lockExports.h"
 
 namespace viewer {
 namespace {
-
-// What stands in a stack for what the report omits.
-constexpr const char* kOtherThreads = "(threads beyond the limit)";
-
-// The entries of `whole` that are not among `part`: more than there are in no case.
-std::uint64_t rest(std::uint64_t whole, std::uint64_t part) {
-  return whole - std::min(whole, part);
-}
-
-// Calls `visit(lock, thread, frames from the bottom up, count)` for each stack of each thread on
-// each lock, so that the counts of a lock add up to its entries.
-template <typename visitor>
-void forEachStack(const lockReport& report, const stackTable& stacks, visitor visit) {
-  const auto visitIfAny = [&](const lockEntry& lock, const std::string& thread,
-                              const std::vector<std::string>& frames, std::uint64_t count) {
-    if (count > 0) {
-      visit(lock, thread, frames, count);
-    }
-  };
-  for (const lockEntry& lock : report.locks) {
-    std::uint64_t ofThreads = 0;
-    for (const threadEntry& thread : lock.threads) {
-      std::uint64_t ofStacks = 0;
-      for (const stackUse& use : thread.stacks) {
-        std::vector<std::string> frames;
-        if (const std::vector<frameId>* known = stacks.find(use.hash)) {
-          std::for_each(known->rbegin(), known->rend(),
-                        [&](frameId frame) { frames.push_back(stacks.method(frame)); });
-        } else {
-          frames = {fmt::format("(stack {})", use.hash)};
-        }
-        visitIfAny(lock, thread.name, frames, use.count);
-        ofStacks += use.count;
-      }
-      visitIfAny(lock, thread.name, {kNoStack}, rest(thread.entries, ofStacks));
-      ofThreads += std::max<std::uint64_t>(thread.entries, ofStacks);
-    }
-    visitIfAny(lock, kOtherThreads, {kNoStack}, rest(lock.entries, ofThreads));
-  }
-}
 
 class speedscopeWriter {
  public:
@@ -66,11 +27,12 @@ class speedscopeWriter {
     for (const lockReport& report : all.lockReports) {
       writeProfile(fmt::format("Lock session {} \"{}\"", report.sessionId, report.sessionName),
                    "none", [&](const auto& visit) {
-                     forEachStack(report, all.stacks,
-                                  [&](const lockEntry& lock, const std::string& thread,
-                                      const std::vector<std::string>& frames, std::uint64_t count) {
-                                    visit({lock.name, thread}, frames, count);
-                                  });
+                     forEachEntryStack(
+                         report, all.stacks,
+                         [&](const lockEntry& lock, const std::string& thread,
+                             const std::vector<std::string>& frames, std::uint64_t count) {
+                           visit({lock.name, thread}, frames, count);
+                         });
                    });
     }
     for (const contentionReport& report : all.contentionReports) {
@@ -166,12 +128,12 @@ void csvThreads(const profile& all, std::ostream& out) {
 void csvStacks(const profile& all, std::ostream& out) {
   csvRow(out, "session", "lock", "thread", "entries", "stack");
   for (const lockReport& report : all.lockReports) {
-    forEachStack(report, all.stacks,
-                 [&](const lockEntry& lock, const std::string& thread,
-                     const std::vector<std::string>& frames, std::uint64_t count) {
-                   csvRow(out, report.sessionId, lock.name, thread, count,
-                          fmt::format("{}", fmt::join(frames, ";")));
-                 });
+    forEachEntryStack(report, all.stacks,
+                      [&](const lockEntry& lock, const std::string& thread,
+                          const std::vector<std::string>& frames, std::uint64_t count) {
+                        csvRow(out, report.sessionId, lock.name, thread, count,
+                               fmt::format("{}", fmt::join(frames, ";")));
+                      });
   }
 }
 
@@ -325,11 +287,11 @@ void writeCollapsed(const profile& all, stackSource what, std::ostream& out) {
       break;
     case stackSource::locks:
       for (const lockReport& report : all.lockReports) {
-        forEachStack(report, all.stacks,
-                     [&](const lockEntry& lock, const std::string& thread,
-                         const std::vector<std::string>& frames, std::uint64_t count) {
-                       collapsedLine(out, {lock.name, thread}, frames, count);
-                     });
+        forEachEntryStack(report, all.stacks,
+                          [&](const lockEntry& lock, const std::string& thread,
+                              const std::vector<std::string>& frames, std::uint64_t count) {
+                            collapsedLine(out, {lock.name, thread}, frames, count);
+                          });
       }
       break;
     case stackSource::allocations:

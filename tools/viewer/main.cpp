@@ -28,6 +28,7 @@
 #include "fleetTables.h"
 #include "jsonForm.h"
 #include "merging.h"
+#include "pprofExports.h"
 #include "profile.h"
 #include "profileTables.h"
 #include "reportPage.h"
@@ -41,7 +42,7 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
-enum class format { collapsed, speedscope, csv, prometheus, jsonl };
+enum class format { collapsed, speedscope, csv, prometheus, jsonl, pprof };
 
 // The width of the terminal that the output goes to; `otherwise` when it goes elsewhere.
 std::size_t terminalWidth(std::size_t otherwise) {
@@ -181,11 +182,40 @@ int exportRows(const arguments& given) {
   return problems == 0 ? kDone : kFailed;
 }
 
+// What a pprof profile is of: the kind of report that the table is of. expectUsable() refuses
+// tables of other kinds.
+viewer::pprofKind pprofKindOf(const viewer::profile& all,
+                              const std::optional<viewer::csvTable>& table) {
+  if (!table) {
+    return viewer::pprofKindIn(all);
+  }
+  return *table == viewer::csvTable::contention   ? viewer::pprofKind::contention
+         : *table == viewer::csvTable::locks      ? viewer::pprofKind::locks
+         : *table == viewer::csvTable::exceptions ? viewer::pprofKind::exceptions
+                                                  : viewer::pprofKind::allocations;
+}
+
+int exportPprof(const viewer::profile& all, const std::optional<viewer::csvTable>& table) {
+  if (isatty(STDOUT_FILENO) != 0) {
+    warn("a pprof profile is binary: expected a file or a pipe as the output, found a terminal");
+    return kFailed;
+  }
+  const viewer::pprofKind what = pprofKindOf(all, table);
+  if (!table && viewer::hasOtherKinds(all, what)) {
+    warn(
+        "only reports of one kind are in this output; --table=contention, locks, allocations or "
+        "exceptions chooses");
+  }
+  viewer::writePprof(all, what, std::cout);
+  return kDone;
+}
+
 int exportTo(const arguments& given) {
   if (given.exportFormat == format::jsonl) {
     return exportRows(given);
   }
   const viewer::profile all = readInputs(given.inputs, given.grep);
+  int result = kDone;
   switch (given.exportFormat) {
     case format::collapsed:
       exportCollapsed(all, given.table);
@@ -201,8 +231,11 @@ int exportTo(const arguments& given) {
       break;
     case format::jsonl:
       break;  // above: one run after the other
+    case format::pprof:
+      result = exportPprof(all, given.table);
+      break;
   }
-  return reportProblems(all);
+  return std::max(result, reportProblems(all));
 }
 
 int check(const arguments& given) {
@@ -343,7 +376,8 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
                      {"speedscope", format::speedscope},
                      {"csv", format::csv},
                      {"prometheus", format::prometheus},
-                     {"jsonl", format::jsonl}},
+                     {"jsonl", format::jsonl},
+                     {"pprof", format::pprof}},
                     "The form to print")
       ->required();
   addChoice<csvTable>(
@@ -359,7 +393,7 @@ CLI::App* addExport(CLI::App& app, arguments& given) {
        {"allocations", csvTable::allocations}},
       "Table to print as csv; by default locks, of contention reports contention, "
       "of allocation reports allocations. Of collapsed stacks: contention, locks or "
-      "allocations");
+      "allocations; of pprof: these or exceptions");
   return to;
 }
 
@@ -437,6 +471,13 @@ void expectUsable(const CLI::App& app, const CLI::App& check, const arguments& g
   }
   if (given.inputs.empty()) {
     throw CLI::RequiredError("INPUT");
+  }
+  using viewer::csvTable;
+  const bool hasProfile = !given.table || given.table == csvTable::contention ||
+                          given.table == csvTable::locks || given.table == csvTable::allocations ||
+                          given.table == csvTable::exceptions;
+  if (given.exportFormat == format::pprof && !hasProfile) {
+    fail("--table: expected contention, locks, allocations or exceptions with --format=pprof");
   }
   if (check.parsed() && given.limits.empty()) {
     fail(
