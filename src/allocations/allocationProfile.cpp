@@ -139,6 +139,7 @@ void allocationProfile::begin(JNIEnv* jni, const allocationSettings& settings) {
     }
   }
   const support::lockGuard guard(samplesMutex_);
+  keepWindow(jni);
   dropAll(jni);
   const std::int64_t now = instruments::steadyNanos();
   endSession();
@@ -285,6 +286,7 @@ std::string allocationProfile::leave(JNIEnv* jni) {
   }
   {
     const support::lockGuard guard(samplesMutex_);
+    keepWindow(jni);
     endSession();
     frozen_.reset();
     left_.reset();
@@ -464,6 +466,40 @@ allocationFigures allocationProfile::figures(JNIEnv* jni) {
   }
   all.addSession(recorder_, samples_, rounds_, cost_.total());
   return all;
+}
+
+// --- Windows ------------------------------------------------------------------------------------
+
+std::string allocationProfile::window(JNIEnv* jni) {
+  const support::lockGuard guard(samplesMutex_);
+  isPushed_ = true;
+  std::string kept = windows_.take();
+  return kept.empty() ? newWindow(jni) : kept;
+}
+
+std::uint64_t allocationProfile::lostWindows() {
+  const support::lockGuard guard(samplesMutex_);
+  return windows_.dropped();
+}
+
+// Of a session whose counts are about to go.
+void allocationProfile::keepWindow(JNIEnv* jni) {
+  if (isPushed_) {
+    windows_.put(newWindow(jni));
+  }
+}
+
+std::string allocationProfile::newWindow(JNIEnv* jni) {
+  if (session_.started == 0) {
+    return {};
+  }
+  const bool isRunning = session_.ended == 0;
+  if (isRunning) {
+    catchUp(jni);
+  }
+  const std::int64_t now = isRunning ? instruments::steadyNanos() : session_.ended;
+  return push_.take(session_, recorder_, samples_,
+                    frozen_ ? frozen_->sites : samples_.states(rounds_, now), now);
 }
 
 // --- The profile's own thread -------------------------------------------------------------------

@@ -18,6 +18,7 @@
 #include <string>
 
 #include "allocations/allocationFigures.h"
+#include "allocations/allocationPush.h"
 #include "allocations/allocationRecorder.h"
 #include "allocations/allocationReport.h"
 #include "allocations/allocationSettings.h"
@@ -27,6 +28,7 @@
 #include "instruments/lastReport.h"
 #include "instruments/ownEnvironment.h"
 #include "instruments/ownThread.h"
+#include "pprof/keptWindows.h"
 #include "support/annotations.h"
 
 namespace agent {
@@ -59,6 +61,12 @@ class allocationProfile {
   // Keeps nothing when `haveHooksBegun` is true by the time that the collection is over.
   void shutdownBegins(JNIEnv* jni, bool afterCollection,
                       const std::function<bool()>& haveHooksBegun) EXCLUDES(controlMutex_);
+
+  // What was counted since the last call, in the pprof form, as AgentPush.java has it; empty for
+  // nothing. On a Java thread.
+  std::string window(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  // Windows of sessions that had no room.
+  std::uint64_t lostWindows() EXCLUDES(samplesMutex_);
 
   // Stops it, drops all that was gathered and gives its capabilities back; it does not start again
   // before comeBack(). Empty, or what could not be done. On a Java thread, in the live phase.
@@ -95,6 +103,9 @@ class allocationProfile {
   std::string reportText(bool afterCollection) REQUIRES(samplesMutex_);
   void endSession() REQUIRES(samplesMutex_);
 
+  std::string newWindow(JNIEnv* jni) REQUIRES(samplesMutex_);
+  void keepWindow(JNIEnv* jni) REQUIRES(samplesMutex_);
+
   instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
   allocationRecorder recorder_;
   allocationSettings settingsForVm_;
@@ -116,6 +127,9 @@ class allocationProfile {
   std::optional<afterHooks> left_ GUARDED_BY(samplesMutex_);
   instruments::costAccount cost_ GUARDED_BY(samplesMutex_);
   allocationFigures earlier_ GUARDED_BY(samplesMutex_);  // of sessions that are over
+  bool isPushed_ GUARDED_BY(samplesMutex_) = false;
+  allocationPush push_ GUARDED_BY(samplesMutex_);
+  pprof::keptWindows windows_ GUARDED_BY(samplesMutex_);
 
   // The collection after the shutdown hooks.
   enum class lastCollection : std::uint8_t { none, asked, begun, answered, done };

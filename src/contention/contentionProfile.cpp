@@ -214,6 +214,7 @@ std::string contentionProfile::hookParks(JNIEnv* jni) {
 // The tables of a new session, and its handlers on. What throws leaves none.
 void contentionProfile::begin(JNIEnv* jni, const contentionSettings& settings) {
   const support::lockGuard guard(samplesMutex_);
+  keepWindow(jni);
   endSession(jni);
   const std::int64_t now = instruments::steadyNanos();
   const bool canCheck = environment_.capabilities().can_get_owned_monitor_stack_depth_info != 0;
@@ -313,6 +314,7 @@ std::string contentionProfile::leave(JNIEnv* jni) {
   }
   {
     const support::lockGuard guard(samplesMutex_);
+    keepWindow(jni);
     endSession(jni);
     samples_.clear();
     recorder_.locks().begin(jni, contentionSettings::kFewestLocks);
@@ -439,6 +441,40 @@ contentionFigures contentionProfile::figures(JNIEnv* jni) {
   all.stuckLocksDropped = samples_.stuckDropped;
   all.deadlocks = samples_.deadlocks.size();
   return all;
+}
+
+// --- Windows ------------------------------------------------------------------------------------
+
+std::string contentionProfile::window(JNIEnv* jni) {
+  const support::lockGuard guard(samplesMutex_);
+  isPushed_ = true;
+  std::string kept = windows_.take();
+  return kept.empty() ? newWindow(jni) : kept;
+}
+
+std::uint64_t contentionProfile::lostWindows() {
+  const support::lockGuard guard(samplesMutex_);
+  return windows_.dropped();
+}
+
+// Of a session whose counts are about to go.
+void contentionProfile::keepWindow(JNIEnv* jni) {
+  if (isPushed_) {
+    windows_.put(newWindow(jni));
+  }
+}
+
+std::string contentionProfile::newWindow(JNIEnv* jni) {
+  if (session_.started == 0) {
+    return {};
+  }
+  push_.read(recorder_);
+  const bool isRunning = session_.ended == 0;
+  if (isRunning) {
+    sampler_.catchUp(environment_.jvmti(), jni, instruments::steadyNanos());
+  }
+  return push_.take(session_, recorder_, samples_, sampler_,
+                    isRunning ? instruments::steadyNanos() : session_.ended);
 }
 
 // --- The profile's own thread -------------------------------------------------------------------

@@ -16,6 +16,7 @@
 
 #include "contention/blockRecorder.h"
 #include "contention/contentionFigures.h"
+#include "contention/contentionPush.h"
 #include "contention/contentionReport.h"
 #include "contention/contentionSampler.h"
 #include "contention/contentionSamples.h"
@@ -24,6 +25,7 @@
 #include "instruments/lastReport.h"
 #include "instruments/ownEnvironment.h"
 #include "instruments/ownThread.h"
+#include "pprof/keptWindows.h"
 #include "support/annotations.h"
 
 namespace agent {
@@ -54,6 +56,12 @@ class contentionProfile {
 
   // What it has counted since the process started, whether it runs or not. Any Java thread.
   contentionFigures figures(JNIEnv* jni) EXCLUDES(samplesMutex_);
+
+  // What was counted since the last call, in the pprof form, as AgentPush.java has it; empty for
+  // nothing. On a Java thread.
+  std::string window(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  // Windows of sessions that had no room.
+  std::uint64_t lostWindows() EXCLUDES(samplesMutex_);
 
   // Stops it, drops all that was gathered and gives its capabilities back; it does not start again
   // before comeBack(). Empty, or what could not be done. On a Java thread, in the live phase.
@@ -91,6 +99,9 @@ class contentionProfile {
   void addSession(JNIEnv* jni, contentionFigures& all) REQUIRES(samplesMutex_);
   void endSession(JNIEnv* jni) REQUIRES(samplesMutex_);
 
+  std::string newWindow(JNIEnv* jni) REQUIRES(samplesMutex_);
+  void keepWindow(JNIEnv* jni) REQUIRES(samplesMutex_);
+
   instruments::ownEnvironment environment_;  // opened by Agent_OnLoad, or under controlMutex_
   blockRecorder recorder_;
   contentionSettings settingsForVm_;
@@ -106,6 +117,9 @@ class contentionProfile {
   contentionSamples samples_ GUARDED_BY(samplesMutex_);
   contentionSampler sampler_ GUARDED_BY(samplesMutex_);
   contentionFigures earlier_ GUARDED_BY(samplesMutex_);  // of sessions that are over
+  bool isPushed_ GUARDED_BY(samplesMutex_) = false;
+  contentionPush push_ GUARDED_BY(samplesMutex_);
+  pprof::keptWindows windows_ GUARDED_BY(samplesMutex_);
 
   instruments::lastReport lastReport_;
   instruments::ownThread thread_;
