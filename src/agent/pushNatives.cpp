@@ -17,14 +17,14 @@ using namespace agent;
 
 namespace {
 
-std::string windowOf(JNIEnv* jni, jint kind) {
+std::string windowOf(JNIEnv* jni, jint kind, bool isKept) {
   switch (kind) {
     case TW_PUSH_KIND(CONTENTION):
-      return contentionProfile::ofProcess().window(jni);
+      return contentionProfile::ofProcess().window(jni, isKept);
     case TW_PUSH_KIND(ALLOCATIONS):
-      return allocationProfile::ofProcess().window(jni);
+      return allocationProfile::ofProcess().window(jni, isKept);
     case TW_PUSH_KIND(EXCEPTIONS):
-      return exceptionPush::ofProcess().take(coarseMillis());
+      return isKept ? std::string() : exceptionPush::ofProcess().take(coarseMillis());
     default:
       return {};
   }
@@ -33,10 +33,11 @@ std::string windowOf(JNIEnv* jni, jint kind) {
 }  // namespace
 
 // Without memory for the array, a Java exception is pending, and the window is lost.
-JNIEXPORT jbyteArray JNICALL TW_PUSH(window)(JNIEnv* jni, jclass /*cls*/, jint kind) {
+JNIEXPORT jbyteArray JNICALL TW_PUSH(window)(JNIEnv* jni, jclass /*cls*/, jint kind,
+                                               jboolean isKept) {
   jbyteArray result = nullptr;
   native(TW_PUSH_NAME(window), [&] {
-    const std::string window = windowOf(jni, kind);
+    const std::string window = windowOf(jni, kind, isKept == JNI_TRUE);
     const auto size = static_cast<jsize>(window.size());
     result = window.empty() ? nullptr : jni->NewByteArray(size);
     if (result != nullptr) {

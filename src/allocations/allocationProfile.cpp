@@ -470,11 +470,10 @@ allocationFigures allocationProfile::figures(JNIEnv* jni) {
 
 // --- Windows ------------------------------------------------------------------------------------
 
-std::string allocationProfile::window(JNIEnv* jni) {
+std::string allocationProfile::window(JNIEnv* jni, bool isKept) {
   const support::lockGuard guard(samplesMutex_);
   isPushed_ = true;
-  std::string kept = windows_.take();
-  return kept.empty() ? newWindow(jni) : kept;
+  return isKept ? windows_.take() : newWindow(jni);
 }
 
 std::uint64_t allocationProfile::lostWindows() {

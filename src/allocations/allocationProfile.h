@@ -62,9 +62,8 @@ class allocationProfile {
   void shutdownBegins(JNIEnv* jni, bool afterCollection,
                       const std::function<bool()>& haveHooksBegun) EXCLUDES(controlMutex_);
 
-  // What was counted since the last call, in the pprof form, as AgentPush.java has it; empty for
-  // nothing. On a Java thread.
-  std::string window(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  // A window in the pprof form, as AgentPush.java has it; empty for none. On a Java thread.
+  std::string window(JNIEnv* jni, bool isKept) EXCLUDES(samplesMutex_);
   // Windows of sessions that had no room.
   std::uint64_t lostWindows() EXCLUDES(samplesMutex_);
 

@@ -445,11 +445,10 @@ contentionFigures contentionProfile::figures(JNIEnv* jni) {
 
 // --- Windows ------------------------------------------------------------------------------------
 
-std::string contentionProfile::window(JNIEnv* jni) {
+std::string contentionProfile::window(JNIEnv* jni, bool isKept) {
   const support::lockGuard guard(samplesMutex_);
   isPushed_ = true;
-  std::string kept = windows_.take();
-  return kept.empty() ? newWindow(jni) : kept;
+  return isKept ? windows_.take() : newWindow(jni);
 }
 
 std::uint64_t contentionProfile::lostWindows() {

@@ -57,9 +57,8 @@ class contentionProfile {
   // What it has counted since the process started, whether it runs or not. Any Java thread.
   contentionFigures figures(JNIEnv* jni) EXCLUDES(samplesMutex_);
 
-  // What was counted since the last call, in the pprof form, as AgentPush.java has it; empty for
-  // nothing. On a Java thread.
-  std::string window(JNIEnv* jni) EXCLUDES(samplesMutex_);
+  // A window in the pprof form, as AgentPush.java has it; empty for none. On a Java thread.
+  std::string window(JNIEnv* jni, bool isKept) EXCLUDES(samplesMutex_);
   // Windows of sessions that had no room.
   std::uint64_t lostWindows() EXCLUDES(samplesMutex_);
 

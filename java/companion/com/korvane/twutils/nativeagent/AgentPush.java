@@ -13,13 +13,14 @@ public final class AgentPush {
   private AgentPush() {}
 
   /**
-   * The oldest window that was not given yet, 4 MiB at most. A session that was followed by another
-   * one has a window of its own; from the first call on, the last ones of 8 sessions are kept.
+   * A window, 4 MiB at most. A session that was followed by another one has a window of its own;
+   * from the first call on, the last ones of 8 sessions are kept.
    *
-   * @return null when nothing was counted since the last call
+   * @param isKept whether to give the oldest of those; else what was counted since the last call
+   * @return null when there is none
    * @throws OutOfMemoryError when there is no memory for it; it is lost then
    */
-  public static native byte[] window(int kind);
+  public static native byte[] window(int kind, boolean isKept);
 
   /** How many windows of sessions were not kept. */
   public static native long lost();

@@ -42,6 +42,30 @@ public enum OptionKey {
       "metricsInterval", Kind.DURATION, 1000, 3600000, "15s",
       "30s",
       "a duration from 1s to 1h, such as 500ms, 30s, 2m or 1h"),
+  PUSH(
+      "push", Kind.URL, 0, 1, "",
+      "https://profiles.example.com",
+      "a URL with http or https and without a user, such as https://profiles.example.com"),
+  PUSH_FORM(
+      "pushForm", Kind.WORD, 0, 1, "pyroscope",
+      "parca",
+      "pyroscope or parca"),
+  PUSH_INTERVAL(
+      "pushInterval", Kind.DURATION, 1000, 3600000, "10s",
+      "1m",
+      "a duration from 1s to 1h, such as 500ms, 30s, 2m or 1h"),
+  PUSH_LABELS(
+      "pushLabels", Kind.LABELS, 0, 1, "service=java",
+      "service=shop,env=prod",
+      "key=value pairs separated by commas, such as service=shop,env=prod"),
+  PUSH_TOKEN(
+      "pushToken", Kind.TEXT, 0, 1, "",
+      "/etc/profiling.token",
+      "a text, such as /etc/profiling.token"),
+  PUSH_DISK(
+      "pushDisk", Kind.SIZE, 0, 1073741824, "64m",
+      "16m",
+      "a size from 0 to 1024m, such as 500k or 10m"),
   LOCKS(
       "locks", Kind.FLAG, 0, 1, "false",
       "true",
@@ -273,7 +297,11 @@ public enum OptionKey {
     /** Names, one at least. */
     WORDS,
     /** Texts with "*", "?" and "#", one at least. */
-    GLOBS
+    GLOBS,
+    /** With http or https, and without a user and a query. */
+    URL,
+    /** Pairs key=value, separated by commas. */
+    LABELS
   }
 
   private static final Pattern AMOUNT = Pattern.compile("([0-9]{1,12})([a-z]*)");
@@ -340,6 +368,10 @@ public enum OptionKey {
         return areNames(value) && !value.replace(',', ' ').trim().isEmpty();
       case GLOBS:
         return areGlobs(value);
+      case URL:
+        return value.matches("https?://[]\\[a-zA-Z0-9._:-]+(/[]\\[a-zA-Z0-9._~%/-]*)?");
+      case LABELS:
+        return (',' + value).matches("(,[a-zA-Z_][a-zA-Z0-9_]*=[^],={}\"\\\\\\p{Cntrl}]+)+");
       default:
         Long amount = read(value);
         return amount != null && accepts(amount);

@@ -157,6 +157,9 @@ public final class Commands {
     if (status.metrics != null) {
       print(inColumns("metrics", status.metrics));
     }
+    if (controller.pushStatus() != null) {
+      print(inColumns("push", controller.pushStatus()));
+    }
     if (VmArguments.ofThisProcess().areIdle()) {
       for (String missing : MISSING_WHEN_IDLE) {
         print("not in a JVM that was started with --idle: " + missing);

@@ -46,6 +46,7 @@ final class Controller {
   private volatile ClassRates growth; // null before there is a trend
   private volatile Metrics metrics; // null for none
   private volatile SweepTotals sweeps = SweepTotals.NONE;
+  private volatile Push push; // null for none
   private volatile boolean hasEnded;
   private boolean areHooksAwaited; // the program's, to begin
   private boolean isShutdownReported; // by the allocation profile
@@ -108,7 +109,8 @@ final class Controller {
           }
         });
     boolean areMetricsWanted = !given.text(OptionKey.METRICS).isEmpty();
-    if (wanted.isEmpty() && !areMetricsWanted) {
+    boolean isPushWanted = !given.text(OptionKey.PUSH).isEmpty();
+    if (wanted.isEmpty() && !areMetricsWanted && !isPushWanted) {
       JvmList.add(null);
     }
     if (!wanted.isEmpty() && begin(() -> timetable.inTurn(this::folder), problems)) {
@@ -117,6 +119,9 @@ final class Controller {
     if (areMetricsWanted) {
       begin(() -> timetable.inTurn(() -> startMetrics(given)), problems);
     }
+    if (isPushWanted) {
+      begin(() -> timetable.inTurn(() -> startPush(given)), problems);
+    }
     return problems;
   }
 
@@ -124,6 +129,13 @@ final class Controller {
     Metrics made = new Metrics(this, given);
     metrics = made;
     made.start();
+  }
+
+  /** In turn. Nothing of it is loaded before. */
+  private void startPush(OptionReader given) {
+    Push made = new Push(given, folder().path(), this);
+    made.begin();
+    push = made;
   }
 
   private static boolean begin(Runnable start, List<String> problems) {
@@ -172,6 +184,9 @@ final class Controller {
     instruments.values().forEach(each -> endPart(each::end));
     if (metrics != null) {
       endPart(metrics::close);
+    }
+    if (push != null) {
+      endPart(push::end);
     }
     RunFolder written = folder;
     if (written != null && written.removedReports() > 0) {
@@ -469,6 +484,12 @@ final class Controller {
   /** Null before there is a trend. */
   ClassRates growth() {
     return growth;
+  }
+
+  /** What has become of the windows that are sent; null when none are. */
+  String pushStatus() {
+    Push current = push;
+    return current == null ? null : current.status();
   }
 
   Status status() {
