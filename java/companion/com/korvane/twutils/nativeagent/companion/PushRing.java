@@ -44,9 +44,6 @@ final class PushRing {
       made++;
       inMemory += window.size;
       spill(MOST_IN_MEMORY);
-      while (onDisk > mostOnDisk || windows.size() > MOST_WINDOWS) {
-        drop(windows.peekFirst());
-      }
       isFirstDrop = before == 0 && dropped > 0;
     } finally {
       lock.unlock();
@@ -129,8 +126,15 @@ final class PushRing {
     return folder;
   }
 
-  /** Writes the oldest that are in memory, until there are as few bytes as may be. */
+  /** Writes the oldest that are in memory, until there are as few bytes as may be; on disk, too. */
   private void spill(long most) {
+    writeOldest(most);
+    while (onDisk > mostOnDisk || windows.size() > MOST_WINDOWS) {
+      drop(windows.peekFirst());
+    }
+  }
+
+  private void writeOldest(long most) {
     int number = made - windows.size();
     for (PushWindow each : windows.toArray(new PushWindow[0])) {
       number++;
