@@ -34,7 +34,7 @@ std::string windowOf(JNIEnv* jni, jint kind, bool isKept) {
 
 // Without memory for the array, a Java exception is pending, and the window is lost.
 JNIEXPORT jbyteArray JNICALL TW_PUSH(window)(JNIEnv* jni, jclass /*cls*/, jint kind,
-                                               jboolean isKept) {
+                                             jboolean isKept) {
   jbyteArray result = nullptr;
   native(TW_PUSH_NAME(window), [&] {
     const std::string window = windowOf(jni, kind, isKept == JNI_TRUE);
