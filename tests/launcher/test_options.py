@@ -92,3 +92,29 @@ def test_commas_and_backslashes_in_a_value(launcher, folder):
     launcher.run("run", r"--locks=name=a\,top=b\\,c\d", "--", "true", folder=folder)
     (settings,) = (folder / OUTPUT).glob("settings-*.properties")
     assert r"locks.name=a,top=b\\,c\\d" in settings.read_text("ascii").splitlines()
+
+
+@pytest.mark.parametrize("given, told", [
+    ("--push=ftp://a", "expected a URL with http or https and without a user"),
+    ("--push=http://user:secret@a", "expected a URL with http or https and without a user"),
+    ("--push=http://a/?x=y", "expected a URL with http or https"),
+    ("--push=", "expected a URL"),
+    ("--pushLabels=service", "expected key=value pairs separated by commas"),
+    ("--pushLabels=a=b,c={d}", "expected key=value pairs separated by commas"),
+    ("--pushForm=zipkin", "expected pyroscope or parca"),
+    ("--pushInterval=1ms", "expected a duration from 1s to 1h"),
+    ("--pushDisk=2g", "expected a size from 0 to 1024m"),
+    ("--pushing=a", "unknown option '--pushing'"),
+])
+def test_where_to_send_is_checked(launcher, folder, given, told):
+    for verb in (("run", given, "--", "true"), ("attach", "1", given)):
+        run = launcher.run(*verb, folder=folder)
+        assert run.code == 2 and told in run.err, run
+
+
+def test_where_to_send_is_taken(launcher, folder):
+    run = launcher.run(
+        "run", "--push=https://[::1]:4040/a%20b", "--pushLabels=service=a b,env_1=c/d",
+        "--pushForm=Parca", "--pushInterval=1m", "--pushToken=token", "--pushDisk=0", "--", "true",
+        folder=folder)
+    assert run.code == 0 and run.err.startswith(NO_JVM), run
