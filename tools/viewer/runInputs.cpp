@@ -220,6 +220,7 @@ std::vector<std::string> hostsIn(const runPlace& place) {
     }
   }
   std::vector<std::string> hosts;
+  hosts.reserve(runs.size());
   for (const profile& run : runs) {
     hosts.push_back(hostOf(place, run).name);
   }
