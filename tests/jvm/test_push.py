@@ -240,7 +240,8 @@ def test_windows_without_room_and_refused_ones_are_counted(start, tmp_path):
     run = start("until", end, ROUNDS, given=f",push={refusing.url},pushInterval=1h", quiet=False)
     assert "0 waiting, 0 dropped, 1 refused (the server answers 400)" in run.err
     down = Receiver(["down"] * 100)
-    run = start("until", end, ROUNDS, given=f",push={down.url},pushDisk=0,pushInterval=1h", quiet=False)
+    run = start("until", end, ROUNDS, quiet=False,
+                given=f",push={down.url},pushDisk=0,pushInterval=1h")
     assert "0 windows sent, 0 waiting, 1 dropped, 0 refused (the server answers 503)" in run.err
 
 
