@@ -14,8 +14,8 @@ std::string errorName(jvmtiEnv* jvmti, jvmtiError error);
 // does not.
 jint featureVersion(jvmtiEnv* jvmti);
 
-// Whether java.lang.BaseVirtualThread may be there: to look for it in an older JDK throws exceptions
-// that the program's are counted with.
+// Whether java.lang.BaseVirtualThread may be there: to look for it in an older JDK throws
+// exceptions that the program's are counted with.
 inline bool mayHaveVirtualThreads(jvmtiEnv* jvmti) {
   constexpr jint kFirst = 19;
   return featureVersion(jvmti) >= kFirst;
