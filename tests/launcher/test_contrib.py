@@ -83,6 +83,13 @@ def test_the_snippet_is_a_profile_of_maven():
     assert found.text.startswith("-agentpath:${profiling.home}/lib/libjavanativeagent.so=")
 
 
+@pytest.mark.parametrize("what, name", (("config", "prometheus.yml"), ("rules", "alerts.yml")))
+def test_files_for_prometheus_are_understood(what, name):
+    words = ["promtool", "check", what, CONTRIB / "prometheus" / name]
+    done = subprocess.run(words, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done
+
+
 @pytest.mark.parametrize("name", ("github", "gitlab"))
 def test_commands_of_jobs_are_understood(launcher, folder, name):
     """Its words are given to the commands themselves, with a build that is a JVM."""
