@@ -349,7 +349,8 @@ def shared_classes(jvm, vm, options):
 def assert_all_from_the_start(run):
     """The profile has seen the round, too, that comes before the program's own session."""
     found = rows(reported(run, "unfair"), *KINDS["unfair"])
-    assert total(found, "entries") == 2 * run.fact("unfair.entries")
+    own = run.fact("unfair.entries")
+    assert own < total(found, "entries") <= 2 * own
 
 
 def test_class_data_sharing_stays_in_use(jvm):

@@ -8,7 +8,9 @@ import http.server
 import json
 import pathlib
 import socket
+import ssl
 import struct
+import subprocess
 import sys
 import threading
 import time
@@ -52,6 +54,11 @@ def sums_of(profiles):
     return sums
 
 
+def waiting_in(folder):
+    """A machine under load may not get all sent in the two seconds at the end."""
+    return [pprofs.Profile(file.read_bytes()) for file in (folder / "push").glob("*")]
+
+
 def contention_of(file):
     report = json.loads(file.read_text("utf-8"))
     locks = [lock for lock in report["locks"] + report["otherLocks"]
@@ -91,11 +98,12 @@ def test_windows_add_up_to_the_sessions(jvm):
 class Receiver:
     """A server that does what it is told with each request, and then takes all."""
 
-    def __init__(self, behaviours=(), elsewhere=None):
+    def __init__(self, behaviours=(), elsewhere=None, port=0, certificate=None):
         self.behaviours = list(behaviours)
         self.elsewhere = elsewhere
         self.taken = []
         self.requests = []
+        self.connections = 0  # with those that come to nothing
         self.changed = threading.Condition()
         receiver = self
 
@@ -108,9 +116,21 @@ class Receiver:
             def log_message(self, *_):
                 pass
 
-        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-        self.server.daemon_threads = True
-        self.url = f"http://127.0.0.1:{self.server.server_port}"
+        class Server(http.server.ThreadingHTTPServer):
+            daemon_threads = True
+
+            def get_request(self):
+                with receiver.changed:
+                    receiver.connections += 1
+                    receiver.changed.notify_all()
+                return super().get_request()
+
+        self.server = Server(("127.0.0.1", port), Handler)
+        if certificate:
+            context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            context.load_cert_chain(certificate)
+            self.server.socket = context.wrap_socket(self.server.socket, server_side=True)
+        self.url = f"http{'s' if certificate else ''}://127.0.0.1:{self.server.server_port}"
         threading.Thread(target=self.server.serve_forever, daemon=True).start()
 
     def serve(self, request):
@@ -130,6 +150,8 @@ class Receiver:
         request.send_response(status)
         if behaviour == "redirect":
             request.send_header("Location", self.elsewhere + request.path)
+        if behaviour == "down":
+            request.send_header("Connection", "close")
         request.send_header("Content-Length", "0")
         request.end_headers()
         with self.changed:
@@ -195,9 +217,7 @@ def test_a_server_gets_each_window_once(form, path, decoded, start, tmp_path):
     assert not elsewhere.requests, "redirects are not followed"
     folder = run_folder(run)
     profiles = [decoded(headers, body) for _, headers, body in receiver.taken]
-    # A machine under load may not get all sent in the two seconds at the end.
-    if (folder / "push").exists():
-        profiles += [pprofs.Profile(file.read_bytes()) for file in (folder / "push").iterdir()]
+    profiles += waiting_in(folder)
     profiles = list({one.raw.SerializeToString(): one for one in profiles}.values())
     sums = sums_of(profiles)
     entries, _ = contention_of(folder / "contention-1.json")
@@ -216,6 +236,71 @@ def test_a_server_gets_each_window_once(form, path, decoded, start, tmp_path):
             assert int(query["from"][0]) < int(query["until"][0])
     assert "s3cret" not in run.err
     assert "it is tried again" in run.err
+
+
+def test_nothing_is_lost_when_a_server_restarts(start, tmp_path):
+    first = Receiver(["down"] * 1000)
+    others = []
+    end = tmp_path / "end"
+
+    def restart():
+        first.wait_for(lambda: first.requests)
+        first.close()
+        others.append(Receiver(port=first.server.server_port))
+        others[0].wait_for(lambda: others[0].taken)
+        end.touch()
+
+    restarter = threading.Thread(target=restart)
+    restarter.start()
+    run = start("until", end, ROUNDS, quiet=False, given=f",push={first.url},pushInterval=1s")
+    restarter.join()
+    profiles = [pyroscope_profile(headers, body) for _, headers, body in others[0].taken]
+    profiles += waiting_in(run_folder(run))
+    entries, _ = contention_of(run_folder(run) / "contention-1.json")
+    assert not first.taken and sums_of(profiles)["contentions"] == entries == ROUNDS
+
+
+def certificate_for(folder, address):
+    """A file with a key and its certificate, and a store that trusts it."""
+    file, store = folder / f"{address}.pem", folder / f"{address}.p12"
+    subprocess.run(
+        ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=test",
+         "-addext", f"subjectAltName=IP:{address}", "-keyout", file, "-out", folder / "certificate"],
+        check=True, capture_output=True)
+    with file.open("a") as out:
+        out.write((folder / "certificate").read_text())
+    return file, store
+
+
+@pytest.mark.parametrize("address, isTrusted, fails", [
+    ("127.0.0.1", True, None), ("127.0.0.1", False, "PKIX"), ("127.0.0.2", True, "127.0.0.1")])
+def test_only_a_server_with_a_trusted_certificate_gets_windows(
+        address, isTrusted, fails, jvm, start, tmp_path):
+    keytool = pathlib.Path(jvm.java).resolve().parent / "keytool"
+    if not keytool.exists():
+        pytest.skip("this Java came without keytool")
+    certificate, store = certificate_for(tmp_path, address)
+    vm = []
+    if isTrusted:
+        subprocess.run(
+            [keytool, "-importcert", "-noprompt", "-alias", "test", "-storetype", "PKCS12", "-storepass",
+             "changeit", "-keystore", store, "-file", tmp_path / "certificate"],
+            check=True, capture_output=True)
+        vm = [f"-Djavax.net.ssl.trustStore={store}", "-Djavax.net.ssl.trustStorePassword=changeit"]
+    receiver = Receiver(certificate=certificate)
+    end = tmp_path / "end"
+    token = tmp_path / "token"
+    token.write_text("s3cret")
+    ender = threading.Thread(target=lambda: (
+        receiver.wait_for(lambda: receiver.connections > 1 if fails else receiver.taken), end.touch()))
+    ender.start()
+    run = start("until", end, ROUNDS, vm=vm, quiet=False,
+                given=f",push={receiver.url},pushInterval=1s,pushToken={token}")
+    ender.join()
+    if fails:
+        assert not receiver.requests and fails in run.err and "0 windows sent" in run.err
+    else:
+        assert receiver.taken[0][1]["Authorization"] == "Bearer s3cret"
 
 
 def test_what_a_server_never_takes_stays_on_disk(start, tmp_path):

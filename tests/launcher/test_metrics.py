@@ -140,7 +140,7 @@ def prometheus(folder, targets, token):
 def is_up(server, count):
     try:
         up = server.query("up")
-    except (OSError, AssertionError):
+    except (OSError, AssertionError, ValueError):  # it answers in words until it is ready
         return False
     return len([each for each in up if each["value"][1] == "1"]) == count
 
