@@ -27,7 +27,7 @@ endif()
 
 install(FILES completions/twprofile DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs contrib DESTINATION ${CMAKE_INSTALL_DOCDIR})
 set(manual ${CMAKE_CURRENT_BINARY_DIR}/twprofile.1)
 install(CODE "execute_process(COMMAND ${CMAKE_SOURCE_DIR}/scripts/make-manual ${manual}
                               COMMAND_ERROR_IS_FATAL ANY)")

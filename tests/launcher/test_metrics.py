@@ -18,7 +18,7 @@ import pytest
 from harness import OUTPUT, SOURCE, results, wait_for
 
 PREFIX = "javanativeagent_"
-WINDOW = 40  # seconds that rates are of
+WINDOW = 60  # seconds that rates are of
 INTERVAL = 2  # seconds between scrapes
 TOLERANCE = 0.02
 HOSTILE = 'example.Metered$Nobody"} 1\n\\of_{name'
