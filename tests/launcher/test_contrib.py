@@ -71,6 +71,13 @@ def test_the_containers_of_kubernetes_are_confined():
         assert {each["name"] for each in container["volumeMounts"]} <= mounts
 
 
+def test_images_have_the_version_of_this_release():
+    version = (SOURCE / "VERSION").read_text().split()[0]
+    files = [KUBERNETES, *(CONTRIB / "container").iterdir()]
+    named = re.findall(r"javanativeagent[-:](\d[0-9.]*\d)", "".join(each.read_text() for each in files))
+    assert len(named) > 3 and set(named) == {version}
+
+
 def test_the_drop_in_is_a_unit_file(folder):
     unit = folder / "tomcat10.service"
     unit.write_text("[Service]\nExecStart=/bin/true\n" + DROP_IN.read_text())
