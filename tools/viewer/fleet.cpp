@@ -26,6 +26,7 @@ constexpr const char* kOtherValues = "(others)";
 // What is kept of a run.
 struct runResult {
   hostName host;
+  std::string jvm;  // what tells it from others of the host; empty where the run does not
   std::vector<sums> tables;           // one for each kind
   std::vector<std::size_t> sessions;  // 0: the run has no reports of the kind
   std::map<std::string, std::string> settings;
@@ -114,6 +115,9 @@ runResult resultOf(const runPlace& place, profile run, const std::string& grep) 
   }
   runResult result;
   result.host = hostOf(place, run);
+  if (run.run && run.run->pid && run.run->started) {
+    result.jvm = std::to_string(*run.run->pid) + ' ' + *run.run->started;
+  }
   for (const sumKind& kind : sumKinds()) {
     result.sessions.push_back(kind.sessionsOf(run));
     result.tables.push_back(result.sessions.back() > 0 ? kind.of(run) : sums());
@@ -165,6 +169,7 @@ std::vector<sums::const_iterator> byWeight(const sums& all) {
 // What the runs of one host come to.
 struct hostSums {
   bool isKnown = true;
+  std::set<std::string> jvms;
   std::array<boundedSums, std::tuple_size_v<std::remove_cvref_t<decltype(sumKinds())>>> tables;
   std::array<std::size_t, std::tuple_size_v<std::remove_cvref_t<decltype(sumKinds())>>> runs{};
 };
@@ -262,6 +267,9 @@ class fleetMerger {
     }
     hostSums& host = hosts_[run.host.name];
     host.isKnown = run.host.isKnown;
+    if (!run.jvm.empty() && !host.jvms.insert(run.jvm).second) {
+      result_.omissions["another run has the same host, process and start: copies count twice"]++;
+    }
     for (std::size_t i = 0; i < run.tables.size(); i++) {
       host.runs[i] += run.sessions[i] > 0 ? 1 : 0;
       for (const auto& one : byWeight(run.tables[i])) {

@@ -167,6 +167,17 @@ def test_what_reports_do_not_have_is_named(tmp_path):
     assert "In 1 run: samples of allocations were lost." in run("merge", tmp_path).stdout
 
 
+def test_copies_of_a_run_are_named(tmp_path):
+    shop(tmp_path / "run-1", "a", 5)
+    shutil.copytree(tmp_path / "run-1", tmp_path / "run-2")
+    shop(tmp_path / "run-3", "b", 5)
+    what = "another run has the same host, process and start: copies count twice"
+    assert merged(tmp_path)["omitted"] == [{"what": what, "runs": 1}]
+    assert f"In 1 run: {what}." in run("merge", tmp_path).stdout
+    # Given twice, it is the same run.
+    assert merged(tmp_path / "run-1", tmp_path / "run-*")["runs"]["found"] == 3
+
+
 def test_what_cannot_be_read_is_named_and_counted(tmp_path):
     for number in range(4):
         shop(tmp_path / f"run-{number}", f"host-{number}", 5)
