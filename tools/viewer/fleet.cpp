@@ -26,8 +26,8 @@ constexpr const char* kOtherValues = "(others)";
 // What is kept of a run.
 struct runResult {
   hostName host;
-  std::string jvm;  // what tells it from others of the host; empty where the run does not
-  std::vector<sums> tables;           // one for each kind
+  std::string jvm;           // what tells it from others of the host; empty where the run does not
+  std::vector<sums> tables;  // one for each kind
   std::vector<std::size_t> sessions;  // 0: the run has no reports of the kind
   std::map<std::string, std::string> settings;
   std::set<const char*> omissions;
