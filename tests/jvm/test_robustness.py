@@ -56,11 +56,15 @@ def test_a_limit_of_the_file_size_harms_only_the_log(jvm):
     assert run.facts["ones"] == "40"
     for i in range(1, 21):
         assert run.report(f"{i}.json").locks
-    text = run.log_text()
-    assert len(text) == limit
-    _, *whole, _ = re.split(r"\n(?=[\d/]{8} [\d:]{8}\|)", text)  # the last one may be cut
-    assert len(whole) > 100
-    assert all(re.match(r"[^|]+\|\*{6}(\|[^|]+){7}\|.", record) for record in whole)
+    # On a slow machine there is so much to log that the agent begins its second file.
+    files = sorted((run.home / "logs").iterdir())
+    assert 1 <= len(files) <= 2
+    texts = [file.read_bytes().decode("latin-1") for file in files]
+    assert max(map(len, texts)) == limit
+    for text in texts:
+        _, *whole, _ = re.split(r"\n(?=[\d/]{8} [\d:]{8}\|)", text)  # the last one may be cut
+        assert len(text) < limit or len(whole) > 100
+        assert all(re.match(r"[^|]+\|\*{6}(\|[^|]+){7}\|.", record) for record in whole)
 
 
 @pytest.mark.parametrize("collector", [None, "Serial", "Parallel", "G1", "Z"])

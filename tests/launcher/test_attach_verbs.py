@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 from contextlib import contextmanager
@@ -181,6 +182,8 @@ def test_a_jvm_of_another_user(launcher, open_folder):
     shutil.chown(home, NOBODY, NOBODY)
     switch = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
     with jvm(launcher, home, before=switch) as process:
+        # A process of root that was killed may have had the same number.
+        Path(f"/tmp/.java_pid{process.pid}").unlink(missing_ok=True)
         told = done(launcher, "attach", process.pid, "--contention", folder=folder)
         place = Path(re.search(r"^results: (\S+)$", told, re.M)[1])
         assert place == folder / OUTPUT and place.stat().st_uid == NOBODY
@@ -193,6 +196,22 @@ def test_a_jvm_of_another_user(launcher, open_folder):
         maps = Path(f"/proc/{process.pid}/maps").read_text()
     for copies in set(re.findall(r"/tmp/twprofile-\w+(?=/libjavanativeagent)", maps)):
         shutil.rmtree(copies)
+
+
+@AS_ROOT
+def test_a_socket_that_a_process_of_root_left(launcher, open_folder):
+    """The JVM's user may not replace it."""
+    switch = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"]
+    with jvm(launcher, open_folder, before=switch) as process:
+        left = Path(f"/tmp/.java_pid{process.pid}")
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(left))
+            left.chmod(0o600)
+        try:
+            told = refused(launcher, "attach", process.pid, folder=open_folder)
+            assert f"'{left}' is not its socket, but was made by user 0; delete it\n" in told
+        finally:
+            left.unlink()
 
 
 @AS_ROOT

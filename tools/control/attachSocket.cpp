@@ -269,9 +269,13 @@ descriptor attachSocket::tryToConnect(int& error) const {
     error = errno;
     return {};
   }
-  if (!S_ISSOCK(there.st_mode) || (there.st_uid != target_.owner().user && there.st_uid != 0)) {
-    throw noConnection("'/tmp/" + name_ + "' is not its socket, but was made by user " +
-                       std::to_string(there.st_uid) + "; delete it");
+  const bool isOwn = there.st_uid == target_.owner().user;
+  const auto foreign = [&] {
+    return noConnection("'/tmp/" + name_ + "' is not its socket, but was made by user " +
+                        std::to_string(there.st_uid) + "; delete it");
+  };
+  if (!S_ISSOCK(there.st_mode) || (!isOwn && there.st_uid != 0)) {
+    throw foreign();
   }
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
@@ -281,6 +285,9 @@ descriptor attachSocket::tryToConnect(int& error) const {
   const auto* const any = static_cast<const sockaddr*>(static_cast<const void*>(&address));
   if (!socket || ::connect(socket.get(), any, sizeof(address)) != 0) {
     error = errno;
+    if (error == EACCES && !isOwn) {
+      throw foreign();  // left by a process of root's that had the same number
+    }
     return {};
   }
   error = 0;
