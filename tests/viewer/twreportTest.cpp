@@ -1,4 +1,4 @@
-// The command as a shell starts it: output, exit codes, and the sample in the README.
+// The command as a shell starts it: output, exit codes, and the samples in documents.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -408,12 +408,29 @@ TEST(twreport, sendsNoControlCharactersOfAContentionProfile) {
   }
 }
 
-TEST(twreport, printsTheSampleOfTheReadme) {
-  std::ostringstream readme;
-  readme << std::ifstream(README_FILE).rdbuf();
+std::string document(const std::string& name) {
+  std::ostringstream text;
+  text << std::ifstream(std::string(SOURCE_FOLDER) + "/" + name).rdbuf();
+  return text.str();
+}
+
+TEST(twreport, printsTheSampleOfItsDocument) {
   const outcome result = twreport(kSample + " --top 2 --width 100");
-  EXPECT_THAT(readme.str(), HasSubstr("```\n" + result.output + "```\n"))
-      << "scripts/record-sample brings the README up to date";
+  EXPECT_THAT(document("docs/twreport.md"), HasSubstr("```\n" + result.output + "```\n"))
+      << "scripts/record-sample brings it up to date";
+}
+
+TEST(twreport, beginsWithTheSampleOfTheReadme) {
+  const std::string readme = document("README.md");
+  const std::string begin = "<!-- sample: written by scripts/record-sample -->\n```\n";
+  const std::size_t start = readme.find(begin);
+  ASSERT_NE(start, std::string::npos);
+  const std::size_t from = start + begin.size();
+  const std::string sample = readme.substr(from, readme.find("```", from) - from);
+  EXPECT_GT(std::count(sample.begin(), sample.end(), '\n'), 8);
+  const outcome result =
+      twreport(std::string(DATA_FOLDER) + "/contention-run/contention-1.json --width 100");
+  EXPECT_THAT(result.output, HasSubstr(sample)) << "scripts/record-sample brings it up to date";
 }
 
 }  // namespace
