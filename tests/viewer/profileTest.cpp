@@ -362,7 +362,7 @@ TEST(profileTables, fitEveryLineToTheWidth) {
     }
   }
   EXPECT_THAT(profileTables(all, {.limits = {}, .record = 1}, terminal), HasSubstr("nnLate\n"));
-  EXPECT_THAT(profileTables(all, {}, terminal), HasSubstr("\n1. ...nnn"));
+  EXPECT_THAT(profileTables(all, {}, terminal), HasSubstr("\n1. nnn"));
   EXPECT_THAT(profileTables(all, {}, terminal), HasSubstr("n...\": 2 locks, 4 s blocked"));
 }
 

@@ -8,9 +8,9 @@ namespace viewer {
 namespace {
 
 textTable threeColumns() {
-  return textTable({{"Lock", align::left, shorten::start},
+  return textTable({{"Lock", align::left, shorten::name},
                     {"Entries", align::right},
-                    {"Thread", align::left, shorten::end}});
+                    {"Thread", align::left, shorten::name}});
 }
 
 TEST(textTable, alignsItsColumns) {
@@ -52,14 +52,14 @@ TEST(textTable, shortensTheWidestColumnFirst) {
   EXPECT_EQ(table.render({.width = 40}),
             "Lock              Entries  Thread\n"
             "----------------  -------  -------------\n"
-            "...e.Inventory@1        7  http-worker-1\n");
+            "...Inventory@1          7  http-worker-1\n");
 }
 
 TEST(textTable, fitsExactlyAndShortensOneColumnTooNarrow) {
-  textTable table({{"Lock", align::left, shorten::start}});
+  textTable table({{"Lock", align::left, shorten::name}});
   table.addRow({"com.example.Cart"});
   EXPECT_EQ(table.render({.width = 16}), "Lock\n----------------\ncom.example.Cart\n");
-  EXPECT_EQ(table.render({.width = 15}), "Lock\n---------------\n...example.Cart\n");
+  EXPECT_EQ(table.render({.width = 15}), "Lock\n---------------\ncom.exam...Cart\n");
 }
 
 TEST(textTable, neverShortensNumbersNorBelowReadability) {
@@ -68,7 +68,7 @@ TEST(textTable, neverShortensNumbersNorBelowReadability) {
   EXPECT_EQ(table.render({.width = 1}),
             "Lock             Entries  Thread\n"
             "------------  ----------  ------------\n"
-            "...ventory@1  4294967295  http-work...\n");
+            "Inventory@1   4294967295  http...r-100\n");
 }
 
 TEST(textTable, letsNoCellBreakALine) {

@@ -66,6 +66,26 @@ TEST(cutting, neverSplitsACharacterNorExceedsTheColumns) {
   EXPECT_EQ(cutStart("\u5e97\u5e97\u5e97\u5e97", 6), "...\u5e97");
 }
 
+TEST(cutting, keepsClassMethodAndLineOfAName) {
+  const std::string method = "com.example.shop.Inventory.reserve(Inventory.java:30)";
+  EXPECT_EQ(cutName(method, 53), method);
+  EXPECT_EQ(cutName(method, 52), "com.example.shop.Inventory.reserve:30");
+  EXPECT_EQ(cutName(method, 30), "com.exa...Inventory.reserve:30");
+  EXPECT_EQ(cutName(method, 25), "...Inventory.reserve:30");
+  EXPECT_EQ(cutName(method, 22), "Inventory.reserve:30");
+  EXPECT_EQ(cutName(method, 19), "Invento...eserve:30");
+  EXPECT_EQ(cutName("a.b.Helper.call(Other.java:3)", 28), "...Helper.call(Other.java:3)");
+  EXPECT_EQ(cutName("a.b.Cart$Item.add(Cart.java:7)", 20), "a.b.Cart$Item.add:7");
+}
+
+TEST(cutting, keepsWhatTellsLocksAndThreadsApart) {
+  EXPECT_EQ(cutName("com.example.shop.PriceCache@5c29bfd1", 22), "...PriceCache@5c29bfd1");
+  EXPECT_EQ(cutName("http-nio-8080-exec-12", 14), "http-...xec-12");
+  EXPECT_EQ(cutName("http-nio-8080-exec-13", 14), "http-...xec-13");
+  EXPECT_EQ(cutName("lower.case.names.only", 12), "lowe....only");
+  EXPECT_EQ(cutName("http-worker-1", 2), "..");
+}
+
 TEST(cutting, goesDownToNothing) {
   EXPECT_EQ(cutEnd("abcdefgh", 3), "...");
   EXPECT_EQ(cutEnd("abcdefgh", 2), "..");

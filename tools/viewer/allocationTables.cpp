@@ -69,7 +69,7 @@ std::string classesText(const grownSite& group) {
 std::string siteTable(const std::vector<grownSite>& sites, std::size_t rows,
                       const terminalStyle& terminal) {
   textTable table({{"#", align::right},
-                   {"Allocated in", align::left, shorten::start},
+                   {"Allocated in", align::left, shorten::name},
                    {"Classes", align::left, shorten::end},
                    {"Grows by", align::right},
                    {"Alive", align::right},
@@ -123,7 +123,7 @@ std::string stackLines(const allocationReport& report, const allocationSum& sum,
   const std::vector<std::string>& frames = report.stacks[*most.stack].frames;
   std::string result;
   for (const std::string& frame : first(frames, limits.frames)) {
-    result += startCutLine("      at ", frame, "", terminal);
+    result += nameLine("      at ", frame, "", terminal);
   }
   return result + moreLine(frames.size(), limits.frames, 6);
 }
@@ -131,8 +131,8 @@ std::string stackLines(const allocationReport& report, const allocationSum& sum,
 std::string siteDetails(const allocationSession& session, const grownSite& group, std::size_t rank,
                         const tableLimits& limits, const terminalStyle& terminal) {
   std::string result =
-      '\n' + terminal.strong(startCutLine(fmt::format("{}. ", rank), shownSite(group.site),
-                                          ": " + growthPhrase(group.sum), terminal));
+      '\n' + terminal.strong(nameLine(fmt::format("{}. ", rank), shownSite(group.site),
+                                      ": " + growthPhrase(group.sum), terminal));
   for (const classAtSite& one : first(group.classes, kClassesOfASite)) {
     result += sentenceLines(
         {fmt::format("{}: {}, {}", one.className, aliveText(one.sum.alive), growthPhrase(one.sum))},
@@ -143,7 +143,7 @@ std::string siteDetails(const allocationSession& session, const grownSite& group
   }
   result += moreLine(group.classes.size(), kClassesOfASite, 3);
   if (const std::string threads = threadsText(group.sum); !threads.empty()) {
-    result += endCutLine("   allocated by ", threads, "", terminal);
+    result += textLine("   allocated by ", threads, "", terminal);
   }
   return result + stackLines(*session.samples, group.sum, limits, terminal);
 }
@@ -151,13 +151,13 @@ std::string siteDetails(const allocationSession& session, const grownSite& group
 std::string classTable(const std::vector<grownClass>& classes, std::size_t rows,
                        const terminalStyle& terminal) {
   textTable table({{"#", align::right},
-                   {"Class", align::left, shorten::start},
+                   {"Class", align::left, shorten::name},
                    {"Grows by", align::right},
                    {"From"},
                    {"Alive", align::right},
                    {"Samples", align::right},
                    {"Histogram", align::right},
-                   {"Mostly in", align::left, shorten::start}});
+                   {"Mostly in", align::left, shorten::name}});
   std::size_t rank = 1;
   for (const grownClass& one : first(classes, rows)) {
     table.addRow({std::to_string(rank++), one.className, growthText(one.sum),

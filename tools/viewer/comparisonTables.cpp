@@ -67,7 +67,7 @@ std::string changesOf(const comparedTable& table, const threshold& limit, std::s
     return "";
   }
   textTable text({{"Change"},
-                  {"Name", align::left, shorten::start},
+                  {"Name", align::left, shorten::name},
                   {"Before", align::right},
                   {"After", align::right},
                   {"Difference", align::right},

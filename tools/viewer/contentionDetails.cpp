@@ -24,13 +24,13 @@ std::string chainLines(const contentionReport& report, const std::optional<std::
   std::size_t indent = 12;
   const auto chain = chainOf(report, lock, pair.ownerThreads, *pair.ownerWaitsFor);
   for (const chainLink& link : first(chain, kDeepest)) {
-    result += startCutLine(fmt::format("{:{}}and itself waits for ", "", indent),
-                           lockNameOf(report, link.lock), link.isAgain ? " again: a circle" : "",
-                           terminal);
+    result +=
+        nameLine(fmt::format("{:{}}and itself waits for ", "", indent),
+                 lockNameOf(report, link.lock), link.isAgain ? " again: a circle" : "", terminal);
     if (link.ownerThread && link.owner.site) {
-      result += startCutLine(
-          fmt::format("{:{}}{} held by ", "", indent, terminal.blocks ? "←" : "<-"),
-          *link.owner.site, fmt::format(" ({})", shownThread(link.ownerThread)), terminal);
+      result +=
+          nameLine(fmt::format("{:{}}{} held by ", "", indent, terminal.blocks ? "←" : "<-"),
+                   *link.owner.site, fmt::format(" ({})", shownThread(link.ownerThread)), terminal);
     }
     indent += kStep;
   }
@@ -41,15 +41,15 @@ std::string ownerLines(const contentionReport& report, const shownLock& one, con
                        const terminalStyle& terminal) {
   const std::string arrow = fmt::format("         {} ", terminal.blocks ? "←" : "<-");
   if (pair.ownerThreads.empty()) {
-    return endCutLine(arrow, ownerNoteText(pair.ownerNote), "", terminal);
+    return textLine(arrow, ownerNoteText(pair.ownerNote), "", terminal);
   }
   const auto id = one.isSum ? std::nullopt : std::optional(one.lock->id);
   const std::string owner = fmt::format(" ({})", someOf(pair.ownerThreads));
   std::string result =
-      startCutLine(arrow + (pair.owner.isHolding ? "held by " : "held by a thread in "),
-                   pair.owner.site.value_or("(stack not known)"), owner, terminal);
+      nameLine(arrow + (pair.owner.isHolding ? "held by " : "held by a thread in "),
+               pair.owner.site.value_or("(stack not known)"), owner, terminal);
   if (pair.owner.now) {
-    result += startCutLine("            seen most in ", *pair.owner.now, "", terminal);
+    result += nameLine("            seen most in ", *pair.owner.now, "", terminal);
   }
   return result + chainLines(report, id, pair, terminal);
 }
@@ -129,15 +129,15 @@ std::string contentionDetails(const contentionReport& report, const std::vector<
   std::string result;
   std::size_t rank = 1;
   for (const shownLock& one : first(locks, limits.rows)) {
-    result += '\n' + terminal.strong(
-                         startCutLine(fmt::format("{}. ", rank++), shownName(one), "", terminal));
+    result +=
+        '\n' + terminal.strong(nameLine(fmt::format("{}. ", rank++), shownName(one), "", terminal));
     result += lockFacts(report, *one.lock, terminal);
     const std::vector<sitePair> pairs = sitePairsOf(report, *one.lock);
     const std::uint64_t all = sampledNanosOf(*one.lock);
     for (const sitePair& pair : first(pairs, fewer(limits.rows))) {
-      result += startCutLine(fmt::format("   {:>5} ", percentage(pair.nanos, all)),
-                             pair.waiterSite.value_or("(stack not known)"),
-                             fmt::format(" ({})", someOf(pair.waiterThreads)), terminal);
+      result += nameLine(fmt::format("   {:>5} ", percentage(pair.nanos, all)),
+                         pair.waiterSite.value_or("(stack not known)"),
+                         fmt::format(" ({})", someOf(pair.waiterThreads)), terminal);
       result += ownerLines(report, one, pair, terminal);
     }
     result += moreLine(pairs.size(), fewer(limits.rows), 3);

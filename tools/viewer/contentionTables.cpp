@@ -46,13 +46,10 @@ std::string topLocks(const contentionReport& report, const std::vector<shownLock
   const auto shown = first(locks, rows);
   const bool hasBlocked =
       anyOf(shown, [](const shownLock& one) { return one.lock->stillBlocked > 0; });
-  std::vector<column> columns = {{"#", align::right},
-                                 {"Lock", align::left, shorten::start},
-                                 {"Kind"},
-                                 {"Entries", align::right},
-                                 {"Total ms", align::right},
-                                 {"Longest ms", align::right},
-                                 {"Share", align::right}};
+  std::vector<column> columns = {
+      {"#", align::right},       {"Lock", align::left, shorten::name}, {"Kind"},
+      {"Entries", align::right}, {"Total ms", align::right},           {"Longest ms", align::right},
+      {"Share", align::right}};
   if (hasBlocked) {
     columns.push_back({"Still", align::right});
   }
@@ -85,13 +82,13 @@ std::string waitTable(const contentionReport& report, std::size_t rows,
       locksFor(report, [&](const contentionLock& lock) { return isIdle(report, lock); });
   std::string result;
   if (!waits.empty()) {
-    textTable table({{"Waited for", align::left, shorten::start},
+    textTable table({{"Waited for", align::left, shorten::name},
                      {"Kind"},
                      {"Waits", align::right},
                      {"Total ms", align::right},
                      {"Longest ms", align::right},
                      {"Still", align::right},
-                     {"Mostly in", align::left, shorten::start}});
+                     {"Mostly in", align::left, shorten::name}});
     for (const shownLock& one : first(waits, rows)) {
       const std::vector<sitePair> pairs = sitePairsOf(report, *one.lock);
       table.addRow({tableName(one), nameOf(one.lock->kind), grouped(one.lock->entries),
@@ -192,7 +189,7 @@ std::string classTable(const char* name, const std::vector<lockClassSum>& classe
                        std::uint64_t all, const tableLimits& limits,
                        const terminalStyle& terminal) {
   textTable table({{"#", align::right},
-                   {"Class", align::left, shorten::start},
+                   {"Class", align::left, shorten::name},
                    {"Kind"},
                    {"Locks", align::right},
                    {"Entries", align::right},
@@ -237,7 +234,7 @@ std::string sampledTable(const char* name, const char* heading, const char* time
                          const std::vector<sampledSum>& sums, std::uint64_t sampledSum::*time,
                          const tableLimits& limits, const terminalStyle& terminal) {
   textTable table({{"#", align::right},
-                   {heading, align::left, shorten::start},
+                   {heading, align::left, shorten::name},
                    {timeHeading, align::right},
                    {"Share", align::right},
                    {"Samples", align::right},
@@ -260,7 +257,7 @@ std::string sampledTable(const char* name, const char* heading, const char* time
 std::string byThread(const contentionReport& report, const tableLimits& limits,
                      const terminalStyle& terminal) {
   textTable table({{"#", align::right},
-                   {"Thread", align::left, shorten::end},
+                   {"Thread", align::left, shorten::name},
                    {"Blocked ms", align::right},
                    {"Blocking ms", align::right},
                    {"Locks", align::right}});

@@ -20,8 +20,8 @@ std::string deadlockLines(const contentionReport& report,
       terminal.strong(fmt::format("Deadlock of {}: each waits for what another one of them holds\n",
                                   counted(circle.size(), "thread", "threads")));
   for (const deadlockedThread& one : circle) {
-    result += startCutLine(fmt::format("   {} waits for ", shownThread(one.thread)),
-                           lockNameOf(report, one.waitsFor), "", terminal);
+    result += nameLine(fmt::format("   {} waits for ", shownThread(one.thread)),
+                       lockNameOf(report, one.waitsFor), "", terminal);
   }
   return result;
 }
@@ -29,20 +29,19 @@ std::string deadlockLines(const contentionReport& report,
 std::string stuckOwnerLines(const contentionReport& report, const stuckLock& stuck,
                             const terminalStyle& terminal) {
   if (!stuck.owner.isKnown) {
-    return endCutLine("   ", ownerNoteText(stuck.ownerNote), "", terminal);
+    return textLine("   ", ownerNoteText(stuck.ownerNote), "", terminal);
   }
   const ownerPlace place = ownerPlaceOf(report, stuck.owner.stack, stuck.owner.holdingFrame);
   const std::string name = shownThread(stuck.owner.thread);
   std::string result;
   result += !place.site ? fmt::format("   held by {}, whose stack is not known\n", name)
-                        : startCutLine(fmt::format("   held by {}, {} ", name,
-                                                   place.isHolding ? "taken in" : "which is in"),
-                                       *place.site, "", terminal);
-  result += place.now ? startCutLine("      now in ", *place.now, "", terminal) : "";
-  result += stuck.owner.waitsFor
-                ? startCutLine("      and itself waits for ",
-                               lockNameOf(report, *stuck.owner.waitsFor), "", terminal)
-                : "";
+                        : nameLine(fmt::format("   held by {}, {} ", name,
+                                               place.isHolding ? "taken in" : "which is in"),
+                                   *place.site, "", terminal);
+  result += place.now ? nameLine("      now in ", *place.now, "", terminal) : "";
+  result += stuck.owner.waitsFor ? nameLine("      and itself waits for ",
+                                            lockNameOf(report, *stuck.owner.waitsFor), "", terminal)
+                                 : "";
   return result;
 }
 
@@ -52,16 +51,16 @@ std::string stuckLockLines(const contentionReport& report, const stuckLock& stuc
     return durationText(report.writtenAt - std::min(report.writtenAt, since));
   };
   std::string result = terminal.strong(
-      startCutLine("", lockNameOf(report, stuck.lock),
-                   fmt::format(": {}, the first for {} (since {} UTC)",
-                               counted(stuck.waiterCount, "thread", "threads"),
-                               lengthFrom(stuck.sinceAt), momentText(report, stuck.sinceAt)),
-                   terminal));
+      nameLine("", lockNameOf(report, stuck.lock),
+               fmt::format(": {}, the first for {} (since {} UTC)",
+                           counted(stuck.waiterCount, "thread", "threads"),
+                           lengthFrom(stuck.sinceAt), momentText(report, stuck.sinceAt)),
+               terminal));
   result += stuckOwnerLines(report, stuck, terminal);
   for (const stuckThread& one : first(stuck.waiters, limits.threads)) {
-    result += startCutLine(
-        fmt::format("   {} for {} in ", shownThread(one.thread), lengthFrom(one.sinceAt)),
-        siteOf(report, one.stack).value_or("(stack not known)"), "", terminal);
+    result +=
+        nameLine(fmt::format("   {} for {} in ", shownThread(one.thread), lengthFrom(one.sinceAt)),
+                 siteOf(report, one.stack).value_or("(stack not known)"), "", terminal);
   }
   return result + moreLine(stuck.waiterCount, std::min(stuck.waiters.size(), limits.threads), 3);
 }
@@ -246,7 +245,7 @@ std::string momentText(const contentionReport& report, std::uint64_t at) {
 
 std::string shownThread(const std::optional<std::string>& name) {
   constexpr std::size_t kLongest = 30;
-  return !name ? "(thread not known)" : cutEnd(printable(*name), kLongest);
+  return !name ? "(thread not known)" : cutName(printable(*name), kLongest);
 }
 
 }  // namespace viewer

@@ -56,8 +56,7 @@ class tree {
   void add(const std::string& line) { text_ += line; }
 
   void add(const exceptionFrame& frame) {
-    add(terminal_.strong(
-        startCutLine(std::string(kStep, ' ') + "at ", placeOf(frame), "", terminal_)));
+    add(terminal_.strong(nameLine(std::string(kStep, ' ') + "at ", placeOf(frame), "", terminal_)));
     addSection("arguments", frame.arguments);
     addSection("locals", frame.locals);
     addSection("fields of this", frame.fields);
@@ -122,9 +121,9 @@ class tree {
 
   void addValue(const capturedValue& one, std::size_t indent) {
     hasNotRead_ = hasNotRead_ || one.isNotRead;
-    add(endCutLine(std::string(indent, ' '),
-                   (one.isStatic ? "static " : "") + one.name + typeOf(one) + shownValue(one), "",
-                   terminal_));
+    add(textLine(std::string(indent, ' '),
+                 (one.isStatic ? "static " : "") + one.name + typeOf(one) + shownValue(one), "",
+                 terminal_));
     if (one.fields) {
       addValues(*one.fields, indent + kStep);
     }
@@ -276,8 +275,8 @@ textTable emptyTable(const exceptionLog& log, bool hasRethrown, const terminalSt
   if (hasRethrown) {
     columns.push_back({"Again", align::right});
   }
-  columns.push_back({"Exception", align::left, shorten::start});
-  columns.push_back({"Thrown in", align::left, shorten::start});
+  columns.push_back({"Exception", align::left, shorten::name});
+  columns.push_back({"Thrown in", align::left, shorten::name});
   columns.push_back({"Message", align::left, shorten::end});
   if (terminal.width >= kWidthOfTimes) {
     columns.push_back({"First", align::left, shorten::end});
@@ -363,20 +362,20 @@ std::string recordTree(const exceptionLog& log, std::size_t number, const except
                        const terminalStyle& terminal) {
   const exceptionRecord record = log.record(number - 1);
   tree shown(details, terminal);
-  shown.add(terminal.strong(startCutLine(fmt::format("Record {} of {}: ", number, log.size()),
-                                         record.className, "", terminal)));
+  shown.add(terminal.strong(nameLine(fmt::format("Record {} of {}: ", number, log.size()),
+                                     record.className, "", terminal)));
   const std::string indent(kStep, ' ');
   if (record.message) {
     shown.add(wholeText(indent + "message: ", *record.message));
   }
-  shown.add(endCutLine(indent, fmt::format("{}, thread \"{}", record.time, record.thread),
-                       '"' + caughtText(record.caught), terminal));
+  shown.add(textLine(indent, fmt::format("{}, thread \"{}", record.time, record.thread),
+                     '"' + caughtText(record.caught), terminal));
   shown.add(record.frames);
   if (record.isCut) {
     shown.add(indent + "cut: the record was too long, values or frames are missing\n");
   }
   for (const std::string& reason : record.ambiguous) {
-    shown.add(endCutLine(indent + "in doubt: ", reason, "", terminal));
+    shown.add(textLine(indent + "in doubt: ", reason, "", terminal));
   }
   if (details.raw) {
     shown.add(wholeText(indent + "as the agent wrote it: ", record.raw));

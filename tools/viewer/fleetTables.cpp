@@ -94,14 +94,14 @@ std::string tableText(const fleetTable& table, std::size_t limit, std::size_t ro
   }
   const bool hasSites = std::any_of(table.rows.begin(), table.rows.end(),
                                     [](const spreadSum& one) { return !one.key.site.empty(); });
-  std::vector<column> columns = {{"Name", align::left, shorten::start}};
+  std::vector<column> columns = {{"Name", align::left, shorten::name}};
   if (hasSites) {
-    columns.push_back({"Site", align::left, shorten::start});
+    columns.push_back({"Site", align::left, shorten::name});
   }
   for (const char* heading : {"Sum", "Median", "Worst"}) {
     columns.push_back({heading, align::right});
   }
-  columns.push_back({"Worst host", align::left, shorten::end});
+  columns.push_back({"Worst host", align::left, shorten::name});
   columns.push_back({"Hosts", align::right});
   textTable text(columns);
   const auto addRow = [&](const std::string& name, const spreadSum& one) {

@@ -5,6 +5,7 @@
 #include "allocationForm.h"
 #include "contentionForm.h"
 #include "exceptionForm.h"
+#include "findings.h"
 #include "jsonWriter.h"
 #include "sites.h"
 
@@ -238,6 +239,10 @@ void writeJson(const profile& all, std::ostream& out, thrownIn where, recordForm
              [&](const allocationSession& session) { writeAllocations(json, session, form); });
   writeArray(json, "memory", all.memoryReports,
              [&](const memoryReport& report) { writeMemory(json, report); });
+  writeArray(json, "findings", findingsOf(all, where), [&](const finding& one) {
+    json.beginObject().member("question", one.question).member("view", one.view);
+    json.member("text", one.text).member("isKnown", one.isKnown).endObject();
+  });
   writeValues(json, "unfinished", all.unfinished);
   writeValues(json, "notes", all.notes);
   writeValues(json, "problems", all.problems);

@@ -40,7 +40,7 @@ std::string framesOf(std::uint64_t hash, const stackTable& stacks, const tableLi
   const std::size_t room = terminal.width - std::min(terminal.width, indent.size() + 3);
   std::string result;
   for (frameId frame : first(*frames, limits.frames)) {
-    result += fmt::format("{}at {}\n", indent, cutStart(printable(stacks.method(frame)), room));
+    result += fmt::format("{}at {}\n", indent, cutName(printable(stacks.method(frame)), room));
   }
   return result + moreLine(frames->size(), limits.frames, indent.size());
 }
@@ -65,7 +65,7 @@ std::string mostFrequentStack(const lockEntry& lock, const stackTable& stacks,
 
 std::string threadTable(const lockEntry& lock, const tableLimits& limits,
                         const terminalStyle& terminal) {
-  textTable table({{"Thread", align::left, shorten::end},
+  textTable table({{"Thread", align::left, shorten::name},
                    {"Entries", align::right},
                    {"Blocked s", align::right},
                    {"Waited s", align::right},
@@ -105,11 +105,11 @@ std::string sampleNote(const lockReport& report) {
 
 std::string sessionLine(const lockReport& report, const terminalStyle& terminal) {
   const lockTotals totals = totalsOf(report);
-  return endCutLine(fmt::format("Lock session {} \"", report.sessionId), report.sessionName,
-                    fmt::format("\": {} locks, {} s blocked, {} s waited, {} distinct stacks",
-                                report.locks.size(), totals.blockedSeconds, totals.waitedSeconds,
-                                report.distinctStacks),
-                    terminal);
+  return textLine(fmt::format("Lock session {} \"", report.sessionId), report.sessionName,
+                  fmt::format("\": {} locks, {} s blocked, {} s waited, {} distinct stacks",
+                              report.locks.size(), totals.blockedSeconds, totals.waitedSeconds,
+                              report.distinctStacks),
+                  terminal);
 }
 
 std::string topLocks(const lockReport& report, const tableLimits& limits,
@@ -123,12 +123,12 @@ std::string topLocks(const lockReport& report, const tableLimits& limits,
       std::any_of(report.locks.begin(), report.locks.end(),
                   [](const lockEntry& lock) { return lock.entriesPerMinute.size() > 1; });
   std::vector<column> columns = {{"#", align::right},
-                                 {"Lock", align::left, shorten::start},
+                                 {"Lock", align::left, shorten::name},
                                  {"Entries", align::right},
                                  {"Blocked s", align::right},
                                  {"Waited s", align::right},
                                  {"Share", align::right},
-                                 {"Top thread", align::left, shorten::end}};
+                                 {"Top thread", align::left, shorten::name}};
   if (hasGraph) {
     columns.push_back({"By minute"});
   }
@@ -157,7 +157,7 @@ std::string lockDetails(const lockReport& report, const stackTable& stacks,
   std::size_t rank = 1;
   for (const lockEntry& lock : first(report.locks, limits.rows)) {
     result += rank == 1 ? "" : "\n";
-    result += terminal.strong(startCutLine(fmt::format("{}. ", rank), lock.name, "", terminal));
+    result += terminal.strong(nameLine(fmt::format("{}. ", rank), lock.name, "", terminal));
     result += threadTable(lock, limits, terminal);
     result += mostFrequentStack(lock, stacks, limits, terminal);
     rank++;
@@ -169,7 +169,7 @@ std::string topThreads(const lockReport& report, const tableLimits& limits,
                        const terminalStyle& terminal) {
   const bool isSample = ownersAreSampled(report);
   std::vector<column> columns = {
-      {"#", align::right},           {"Thread", align::left, shorten::end},
+      {"#", align::right},           {"Thread", align::left, shorten::name},
       {"Locks", align::right},       {"Entries", align::right},
       {"Blocked s", align::right},   {"Waited s", align::right},
       {"Found owning", align::right}};
@@ -201,12 +201,12 @@ std::string topThreads(const lockReport& report, const tableLimits& limits,
 std::string topSites(const lockReport& report, const stackTable& stacks, const tableLimits& limits,
                      const terminalStyle& terminal) {
   textTable table({{"#", align::right},
-                   {"Method", align::left, shorten::start},
+                   {"Method", align::left, shorten::name},
                    {"Entries", align::right},
                    {"Share", align::right},
                    {"Stacks", align::right},
                    {"Locks", align::right},
-                   {"First lock", align::left, shorten::start}});
+                   {"First lock", align::left, shorten::name}});
   const std::vector<siteSum> sites = sitesOf(report, stacks);
   std::uint64_t all = 0;
   for (const siteSum& site : sites) {
@@ -249,7 +249,7 @@ std::string topLockClasses(const lockReport& report, const tableLimits& limits,
     return weight(left) > weight(right);
   });
   textTable table({{"#", align::right},
-                   {"Class", align::left, shorten::start},
+                   {"Class", align::left, shorten::name},
                    {"Locks", align::right},
                    {"Entries", align::right},
                    {"Blocked s", align::right},
@@ -271,7 +271,7 @@ std::string blockers(const lockReport& report, std::size_t rows, const terminalS
     return "No blocking thread is in the report.\n" + sampleNote(report);
   }
   const bool isSample = ownersAreSampled(report);
-  std::vector<column> columns = {{"Owner thread", align::left, shorten::end},
+  std::vector<column> columns = {{"Owner thread", align::left, shorten::name},
                                  {"Found owning", align::right}};
   if (isSample) {
     columns.push_back({kEstimate, align::right});

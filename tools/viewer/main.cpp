@@ -23,6 +23,7 @@
 #include "comparisonTables.h"
 #include "descriptorBuffer.h"
 #include "exports.h"
+#include "findings.h"
 #include "fleet.h"
 #include "fleetForm.h"
 #include "fleetTables.h"
@@ -118,6 +119,15 @@ int show(const arguments& given) {
     viewer::writeJson(all, std::cout, given.tables.exceptions.where);
   } else {
     std::cout << viewer::profileTables(all, given.tables, given.style);
+  }
+  return reportProblems(all);
+}
+
+// A line for each question.
+int showFindings(const arguments& given) {
+  const viewer::profile all = readInputs(given.inputs, given.grep, given.noValues, given.areAll);
+  for (const viewer::finding& one : viewer::findingsOf(all)) {
+    std::cout << one.question << ": " << one.text << '\n';
   }
   return reportProblems(all);
 }
@@ -350,6 +360,14 @@ void addShow(CLI::App& app, arguments& given) {
   addLimit(app, "--frames", given.tables.limits.frames, "Frames to show of each stack");
 }
 
+CLI::App* addFindings(CLI::App& app, arguments& given) {
+  CLI::App* findings = app.add_subcommand(
+      "findings", "Prints what holds the program up, what fails and what leaks, a line each");
+  findings->add_option("INPUT", given.inputs, "Folders with reports, or report files")->required();
+  findings->add_flag("--no-values", given.noValues, "Without messages and thread names");
+  return findings;
+}
+
 CLI::App* addDiff(CLI::App& app, arguments& given) {
   CLI::App* diff = app.add_subcommand("diff", "Compares two runs: BEFORE AFTER");
   addInputs(*diff, given);
@@ -522,6 +540,7 @@ int main(int argc, char** argv) {
   arguments given;
   addShow(app, given);
   const std::vector<std::pair<CLI::App*, int (*)(const arguments&)>> commands = {
+      {addFindings(app, given), showFindings},
       {addDiff(app, given), diff},
       {addExport(app, given), exportTo},
       {addMerge(app, given), merge},

@@ -30,14 +30,14 @@ std::string memoryTables(const memoryReport& report, std::size_t rows,
   if (!generations.empty()) {
     sums += fmt::format(", generations {} to {}", generations.front(), generations.back());
   }
-  const std::string result = endCutLine(fmt::format("Memory session {} \"", report.sessionId),
-                                        report.sessionName, sums, terminal) +
+  const std::string result = textLine(fmt::format("Memory session {} \"", report.sessionId),
+                                      report.sessionName, sums, terminal) +
                              '\n';
   if (report.classes.empty()) {
     return result + "No tagged object has survived a collection.\n";
   }
   textTable table({{"#", align::right},
-                   {"Class", align::left, shorten::start},
+                   {"Class", align::left, shorten::name},
                    {"Objects", align::right},
                    {"Size", align::right},
                    {"Generations", align::right},

@@ -26,7 +26,7 @@ std::string runLine(const runInfo& run, const terminalStyle& terminal) {
                ? fmt::format("; {} of its reports were deleted", run.removedReports)
                : "";
   const std::string command = run.command.value_or("");
-  return endCutLine(command.empty() ? "Run" : "Run of ", command, facts, terminal);
+  return textLine(command.empty() ? "Run" : "Run of ", command, facts, terminal);
 }
 
 std::string shownRecord(const profile& all, std::size_t number, const exceptionDetails& details,

@@ -31,14 +31,14 @@ std::string utcText(std::uint64_t millis, const char* form) {
 
 }  // namespace
 
-std::string startCutLine(const std::string& before, const std::string& name,
-                         const std::string& after, const terminalStyle& terminal) {
-  return before + cutStart(printable(name), roomBeside(before + after, terminal)) + after + '\n';
+std::string nameLine(const std::string& before, const std::string& name, const std::string& after,
+                     const terminalStyle& terminal) {
+  return before + cutName(printable(name), roomBeside(before + after, terminal)) + after + '\n';
 }
 
-std::string endCutLine(const std::string& before, const std::string& name, const std::string& after,
-                       const terminalStyle& terminal) {
-  return before + cutEnd(printable(name), roomBeside(before + after, terminal)) + after + '\n';
+std::string textLine(const std::string& before, const std::string& text, const std::string& after,
+                     const terminalStyle& terminal) {
+  return before + cutEnd(printable(text), roomBeside(before + after, terminal)) + after + '\n';
 }
 
 std::string title(const std::string& name, std::size_t all, std::size_t shown,

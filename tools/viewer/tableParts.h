@@ -31,11 +31,12 @@ std::string title(const std::string& name, std::size_t all, std::size_t shown,
                   const terminalStyle& terminal);
 
 // A line of `before`, the name and `after`, in which the name is cut to what the terminal's width
-// leaves it: at its start, or at its end. It is made printable, the others are as they are.
-std::string startCutLine(const std::string& before, const std::string& name,
-                         const std::string& after, const terminalStyle& terminal);
-std::string endCutLine(const std::string& before, const std::string& name, const std::string& after,
-                       const terminalStyle& terminal);
+// leaves it: as cutName() does, or, for other texts, at its end. It is made printable, the others
+// are as they are.
+std::string nameLine(const std::string& before, const std::string& name, const std::string& after,
+                     const terminalStyle& terminal);
+std::string textLine(const std::string& before, const std::string& text, const std::string& after,
+                     const terminalStyle& terminal);
 
 // "... 16 more" as a line where not all are shown, else nothing.
 std::string moreLine(std::size_t all, std::size_t shown, std::size_t indent);

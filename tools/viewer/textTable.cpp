@@ -84,7 +84,7 @@ std::string textTable::line(const std::vector<std::string>& cells,
 
 std::string textTable::cell(const column& place, const std::string& text, std::size_t width) const {
   const std::string shown =
-      place.where == shorten::start ? cutStart(text, width) : cutEnd(text, width);
+      place.where == shorten::name ? cutName(text, width) : cutEnd(text, width);
   const std::string blanks(width - displayColumns(shown), ' ');
   return place.side == align::right ? blanks + shown : shown + blanks;
 }

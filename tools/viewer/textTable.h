@@ -11,8 +11,9 @@ namespace viewer {
 
 enum class align { left, right };
 
-// Where a cell loses text when the table is wider than the terminal.
-enum class shorten { never, start, end };
+// Where a cell loses text when the table is wider than the terminal: `name` is for what names a
+// class, a method, a lock or a thread.
+enum class shorten { never, name, end };
 
 struct column {
   std::string heading;

@@ -114,6 +114,40 @@ constexpr std::array<codeRange, 9> kBlanks = {{{0x20, 0x20},
                                                {0x3000, 0x3000}}};
 constexpr char32_t kByteOrderMark = 0xFEFF;
 
+// "a.b.Cart$Item.add(Cart.java:7)" as "a.b.Cart$Item.add:7", where the source tells nothing that
+// the class does not; any other text as it is.
+std::string withoutSource(std::string_view name) {
+  const std::size_t open = name.find('(');
+  const std::size_t colon = name.find(':', open == std::string_view::npos ? name.size() : open);
+  if (colon == std::string_view::npos || !name.ends_with(')')) {
+    return std::string(name);
+  }
+  const std::string_view source = name.substr(open + 1, colon - open - 1);
+  const std::string_view stem = source.substr(0, source.find('.'));
+  const std::string_view method = name.substr(0, open);
+  const std::size_t dot = method.rfind('.');
+  const std::string_view type = method.substr(0, dot == std::string_view::npos ? 0 : dot);
+  const std::size_t at = type.rfind('.');
+  const std::string_view simple = type.substr(at == std::string_view::npos ? 0 : at + 1);
+  if (stem.empty() || simple.substr(0, simple.find('$')) != stem) {
+    return std::string(name);
+  }
+  return std::string(method).append(name.substr(colon, name.size() - colon - 1));
+}
+
+// How many bytes of the name are packages: up to the first part that begins with a capital.
+std::size_t packagesIn(std::string_view name) {
+  const std::size_t end = std::min(name.find_first_of("(:@, "), name.size());
+  for (std::size_t start = 0; start < end;) {
+    if (name[start] >= 'A' && name[start] <= 'Z') {
+      return start;
+    }
+    const std::size_t dot = name.find('.', start);
+    start = dot == std::string_view::npos ? end : dot + 1;
+  }
+  return 0;
+}
+
 std::size_t columnsOf(char32_t code) {
   return within(kNoColumn, code) ? 0 : within(kTwoColumns, code) ? 2 : 1;
 }
@@ -219,6 +253,32 @@ std::string cutStart(std::string_view utf8, std::size_t columns) {
     utf8.remove_prefix(next.bytes);
   }
   return std::string(mark).append(utf8);
+}
+
+std::string cutMiddle(std::string_view utf8, std::size_t columns) {
+  if (displayColumns(utf8) <= columns) {
+    return std::string(utf8);
+  }
+  const std::size_t atStart = columns * 2 / 5;
+  const std::string_view start = utf8.substr(0, bytesWithin(utf8, atStart));
+  return std::string(start).append(
+      cutStart(utf8.substr(start.size()), columns - displayColumns(start)));
+}
+
+std::string cutName(std::string_view utf8, std::size_t columns) {
+  constexpr std::size_t kLeastOfStart = 3;  // columns of the packages that are worth their room
+  if (displayColumns(utf8) <= columns) {
+    return std::string(utf8);
+  }
+  const std::string name = withoutSource(utf8);
+  const std::string_view simple = std::string_view(name).substr(packagesIn(name));
+  const std::size_t taken = displayColumns(simple) + kEllipsis.size();
+  if (displayColumns(name) <= columns || simple.size() == name.size() || taken > columns) {
+    return cutMiddle(displayColumns(name) <= columns ? name : simple, columns);
+  }
+  const std::size_t room = columns - taken;
+  const std::size_t kept = room < kLeastOfStart ? 0 : bytesWithin(name, room);
+  return name.substr(0, kept).append(kEllipsis).append(simple);
 }
 
 }  // namespace viewer

@@ -31,4 +31,12 @@ std::size_t displayColumns(std::string_view utf8);
 std::string cutEnd(std::string_view utf8, std::size_t columns);
 std::string cutStart(std::string_view utf8, std::size_t columns);
 
+// The same with "..." in the middle: the end of a name tells threads apart.
+std::string cutMiddle(std::string_view utf8, std::size_t columns);
+
+// The name of a class, method, lock or thread in at most `columns`. What says least is cut first: a
+// source that is named like the class ("a.b.Cart.add(Cart.java:7)" becomes "a.b.Cart.add:7"), then
+// the end of the packages ("com...Cart.add:7"), then all packages, then the middle of what is left.
+std::string cutName(std::string_view utf8, std::size_t columns);
+
 }  // namespace viewer
