@@ -708,3 +708,61 @@ def test_recursion_counts_once_and_unknown_stacks_count(page_of, browser, tmp_pa
             for row in browser.table("Methods of the flame graph").rows()}
     assert rows == {"a.B.down": ("5", "5"), "a.B.start": ("0", "5"),
                     "(stack not in the stack file)": ("3", "3")}
+
+
+NARROW_TEXTS = """
+  const found = [];
+  const texts = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+  while (texts.nextNode()) {
+    const text = texts.currentNode.textContent.trim();
+    const place = texts.currentNode.parentElement;
+    if (text.length < 6 || place.closest('.upright, .unseen, script, style, select')) continue;
+    const range = document.createRange();
+    range.selectNodeContents(texts.currentNode);
+    const {width, height} = range.getBoundingClientRect();
+    if (width > 0 && width < 30 && height > 40) found.push(text);
+  }
+  return found;"""
+
+
+@pytest.mark.parametrize("width", [400, 800])
+def test_a_narrow_screen_scrolls_down_only(browser, page_of, width):
+    browser.resize(width, 800)
+    browser.open(page_of(DATA / "shop-run", DATA / "contention-run" / "contention-1.json"))
+    for view in [a.text for a in browser.all("#views a")]:
+        browser.go(view)
+        assert browser.run("return document.documentElement.scrollWidth") <= width, view
+        assert browser.run(NARROW_TEXTS) == [], view
+
+
+def test_a_narrow_table_shows_the_name_and_the_figure_and_all_on_demand(browser, page_of):
+    browser.resize(400, 800)
+    browser.open(page_of(DATA / "shop-run"), "locks")
+    shown = """return [...document.querySelector('table.data').tHead.rows[0].cells]
+        .filter(e => e.offsetWidth > 0).map(e => e.textContent)"""
+    few = browser.run(shown)
+    assert len(few) == 2 and few[0] == "Lock"
+    box = next(e for e in browser.all("label.narrow") if e.is_displayed())
+    box.click()
+    assert len(browser.run(shown)) > 4
+    browser.resize(1280, 900)
+    assert len(browser.run(shown)) > 4
+    assert not any(e.is_displayed() for e in browser.all("label.narrow"))
+
+
+def test_the_overview_begins_with_what_the_run_comes_to(browser, page_of):
+    browser.open(page_of(DATA / "shop-run"))
+    answers = browser.all(".findings > dl > dt")
+    assert [e.text for e in answers] == ["What holds it up", "What fails", "What leaks"]
+    texts = [e.text for e in browser.all(".findings > dl > dd")]
+    assert "com.example.shop.Inventory" in texts[0]
+    views = [e.get_attribute("href").split("#")[1] for e in browser.all(".findings > dl a")]
+    assert views == ["locks", "exceptions", "memory"]
+
+
+def test_what_is_not_known_is_folded_with_what_would_answer_it(browser, page_of):
+    browser.open(page_of(DATA / "shop-run" / "memory-1.json"))
+    fold = browser.one(".findings details")
+    assert "what holds it up, what fails" in fold.text and fold.get_attribute("open") is None
+    browser.one("summary", fold).click()
+    assert "Use --contention." in fold.text and "Use --exceptions." in fold.text

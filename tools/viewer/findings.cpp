@@ -171,7 +171,7 @@ answer grownIn(const allocationSession& session, std::size_t sessions) {
     for (const classAtSite& one : first(grows->classes, 2)) {
       classes += (classes.empty() ? "" : ", ") + printable(one.className);
     }
-    return {fmt::format("What {} allocates grows by {} ({}; {}); {}.{}",
+    return {fmt::format("Memory allocated in {} grows by {} ({}; {}); {}.{}",
                         printable(shownSite(grows->site)), growthText(grows->sum), classes,
                         counted(grows->sum.alive.samples, "sample", "samples"), alive,
                         ofSessions(sessions, "sessions"))};

@@ -99,7 +99,7 @@ function pairTable(session, pairs) {
     pair.locks.map((index) => shortName(session.locks[index].name)).join(', ');
   return filteredTable({caption: 'Pairs of owner and blocked thread', rows: pairs, sortBy: 2,
     columns: [
-      {title: 'Owner', wide: true, value: (row) => named(row.owner)},
+      {title: 'Owner', wide: true, value: (row) => named(row.owner), show: (row) => threadName(row.owner)},
       {title: 'Blocked', wide: true, value: (row) => named(row.blocked)},
       {title: '≈ Times', numeric: true, value: (row) => row.estimate,
         show: (row) => formatNumber(Math.round(row.estimate))},
@@ -109,7 +109,7 @@ function pairTable(session, pairs) {
 
 function threadsTable(session) {
   return filteredTable({caption: 'Threads', rows: session.threads, sortBy: 3, columns: [
-    {title: 'Thread', wide: true, value: (row) => named(row.name)},
+    {title: 'Thread', wide: true, value: (row) => named(row.name), show: (row) => threadName(row.name)},
     {title: 'Locks', numeric: true, value: (row) => row.locks},
     {title: 'Entries', numeric: true, value: (row) => row.entries},
     {title: 'Blocked s', numeric: true, value: (row) => row.blockedSeconds},

@@ -80,11 +80,22 @@ function field(label, control) {
   return el('span', {class: 'field'}, el('label', {for: control.id}, label), control);
 }
 
-// A qualified name, of which a narrow table shows the class and the method, and cuts the package.
+// A qualified name, of which a narrow table shows the class and the method, and cuts the package and
+// the source.
 function javaName(name) {
-  const [, packages, rest] = /^((?:[a-z_$][\w$]*\.)*)([^]*)$/.exec(visibleText(named(name)));
+  const [, packages, rest, source] =
+    /^((?:[a-z_$][\w$]*\.)*)([^]*?)(\([^(]*\))?$/.exec(visibleText(named(name)));
   return el('span', {class: 'java', title: name},
-    el('span', {class: 'packages'}, packages), el('span', {class: 'rest'}, rest));
+    el('span', {class: 'packages'}, packages), el('span', {class: 'rest'}, rest),
+    source && el('span', {class: 'source'}, source));
+}
+
+// A thread's name, of which a narrow table keeps the end: it tells the threads of a pool apart.
+function threadName(name) {
+  const kEnd = 6;
+  const text = visibleText(named(name));
+  return el('span', {class: 'thread', title: name}, el('span', null, text.slice(0, -kEnd)),
+    el('span', {class: 'end'}, text.slice(-kEnd)));
 }
 
 // Pairs of a title and a value.

@@ -122,7 +122,7 @@ function minuteFigure(session, lock) {
 function threadTable(lock) {
   const total = sum(lock.threads.map((thread) => thread.entries));
   return dataTable({caption: `Threads on ${lock.name}`, rows: lock.threads, sortBy: 3, columns: [
-    {title: 'Thread', wide: true, value: (row) => named(row.name)},
+    {title: 'Thread', wide: true, value: (row) => named(row.name), show: (row) => threadName(row.name)},
     {title: 'Entries', numeric: true, value: (row) => row.entries},
     {title: 'Share', numeric: true, value: (row) => row.entries,
       show: (row) => formatShare(row.entries, total),

@@ -8,6 +8,7 @@ const overviewView = {
   build(report, session, profile) {
     const parts = [noteList(report.notes ?? []), problemList(report.problems),
       unfinishedList(report.unfinished)];
+    parts.push(findingList(report.findings ?? []));
     const tiles = [...profileTiles(profile), ...lockTiles(session), ...exceptionTiles(report),
       ...allocationTiles(report), ...memoryTiles(report)];
     parts.push(el('dl', {class: 'tiles'}, tiles.map(([title, number, note]) =>
@@ -37,6 +38,21 @@ const overviewView = {
     return {element: el('div', null, parts)};
   },
 };
+
+// What the run comes to: a sentence for each question that it answers; the others, with what would
+// answer them, are folded.
+function findingList(findings) {
+  const known = findings.filter((one) => one.isKnown);
+  const unknown = findings.filter((one) => !one.isKnown);
+  const answer = (one) => [el('dt', null, one.question),
+    el('dd', null, one.text, one.isKnown && [' ', el('a', {href: `#${one.view}`}, 'More')])];
+  return findings.length > 0 && el('section', {class: 'panel findings', 'aria-label': 'In short'},
+    known.length > 0 && el('dl', null, known.flatMap(answer)),
+    unknown.length > 0 && el('details', null,
+      el('summary', null, `Not answered by this report: ${
+        unknown.map((one) => one.question.toLowerCase()).join(', ')}`),
+      el('dl', null, unknown.flatMap(answer))));
+}
 
 // The inputs that could not be read; nothing when all could.
 const problemList = (problems) => problems.length > 0 &&

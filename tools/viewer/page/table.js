@@ -17,22 +17,29 @@ function dataTable({caption, columns, rows, sortBy = -1, onSelect = null}) {
   let sorting = {column: sortBy, descending: sortBy >= 0 && Boolean(columns[sortBy].numeric)};
   const inDocument = new Map();  // row index to its element
 
+  // On a narrow screen a table shows names and the figure that it is sorted by; the rest on demand.
+  const main = sortBy >= 0 ? sortBy : columns.findIndex((column) => column.numeric);
+  const isMinor = (index) => index !== 0 && index !== main;
+
   const body = el('tbody');
   const above = el('tr', {class: 'space', 'aria-hidden': 'true'});
   const below = el('tr', {class: 'space', 'aria-hidden': 'true'});
   const headings = columns.map((column, index) => el('th', {
     scope: 'col',
-    class: cellClass(column),
+    class: cellClass(column, index),
   }, el('button', {type: 'button', click: () => sortOn(index)}, column.title)));
   const table = el('table', {class: 'data'},
     el('caption', {class: 'unseen'}, caption),
     el('thead', null, el('tr', {'aria-rowindex': '1'}, headings)), body);
+  const all = el('input', {type: 'checkbox', change: () =>
+    scroller.classList.toggle('all-columns', all.checked)});
   const scroller = el('div', {
     class: 'scroller', tabindex: '0', role: 'region', 'aria-label': caption, scroll: () => draw(),
   }, table);
 
-  function cellClass(column) {
-    return column.picture ? 'picture' : column.numeric ? 'number' : column.wide ? 'wide' : null;
+  function cellClass(column, index) {
+    const kind = column.picture ? 'picture' : column.numeric ? 'number' : column.wide ? 'wide' : null;
+    return [kind, isMinor(index) && 'minor'].filter(Boolean).join(' ') || null;
   }
 
   function compare(a, b) {
@@ -53,7 +60,7 @@ function dataTable({caption, columns, rows, sortBy = -1, onSelect = null}) {
   function cell(column, row, index) {
     const value = column.show ? column.show(row) : column.value(row);
     const content = typeof value === 'number' ? formatNumber(value) : value;
-    const attributes = {class: cellClass(column)};
+    const attributes = {class: cellClass(column, index)};
     if (typeof content === 'string') {
       attributes.title = content;
     }
@@ -149,7 +156,9 @@ function dataTable({caption, columns, rows, sortBy = -1, onSelect = null}) {
   }
 
   setRows(rows);
-  return {element: scroller, setRows, select};
+  const element = columns.some((column, index) => isMinor(index))
+    ? el('div', null, el('label', {class: 'narrow check'}, all, ' All columns'), scroller) : scroller;
+  return {element, setRows, select};
 }
 
 // A filter field above a table: `textOf(row)` is searched for what is typed, without regard to case.
