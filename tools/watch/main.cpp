@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <string>
@@ -19,6 +20,7 @@
 
 #include "advice.h"
 #include "processes.h"
+#include "stay.h"
 
 namespace {
 
@@ -178,8 +180,18 @@ void watchOver(const watchedProcess& command, const watch::setup& given) {
 }  // namespace
 
 // Arguments: the process, the settings file without ".properties", the library, the output folder,
-// the command's first word.
+// the command's first word. Or "stay", a number, so many words of what is to be called at the end,
+// and the command: see stay.h.
 int main(int argc, char** argv) {
+  if (argc > 4 && std::strcmp(argv[1], "stay") == 0) {
+    const long words = std::strtol(argv[2], nullptr, 10);
+    if (words < 1 || words > argc - 4) {
+      return 2;
+    }
+    std::vector<char*> conclusion(argv + 3, argv + 3 + words);
+    conclusion.push_back(nullptr);
+    watch::stayWith(argv + 3 + words, conclusion.data());
+  }
   constexpr int kArguments = 6;
   if (argc != kArguments) {
     return 2;
