@@ -341,7 +341,7 @@ def test_jvms_that_cannot_be_asked(launcher, folder, verb):
 @pytest.mark.parametrize(
     "words, told",
     (
-        ((), "Usage: twprofile VERB"),
+        ((), "The commands that most people need"),
         (("rnu",), "unknown verb 'rnu'; did you mean 'run'?"),
         (("xyzzy",), "unknown verb 'xyzzy'; expected run, list,"),
         (("run list",), "unknown verb 'run list'"),

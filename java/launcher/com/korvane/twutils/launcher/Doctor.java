@@ -77,6 +77,10 @@ public final class Doctor {
       checkLibraries();
     }
     checkOutput();
+    if (!isWritable(Paths.get("/tmp"))) {
+      hint("attach", "'/tmp' cannot be written, where JVMs listen for attach, status, start and stop;"
+          + " as root: chmod 1777 /tmp");
+    }
     for (String line : archives.split("\n")) {
       if (!line.isEmpty()) {
         hint("archive", line);
@@ -164,7 +168,8 @@ public final class Doctor {
       ok("output", path);
       long space = place.toFile().getUsableSpace();
       if (space < LITTLE_SPACE) {
-        hint("output", "only " + (space >> 20) + " MiB are free there");
+        hint("output", "only " + (space >> 20) + " MiB are free there; make room, or choose another"
+            + " folder with -o DIR");
       }
     }
     String home = agentHome(path);
@@ -197,13 +202,19 @@ public final class Doctor {
     String program = command.get(0);
     String found = findProgram(program);
     if (found == null) {
-      fault("command", "unknown command '" + program + "'");
+      fault("command", "unknown command '" + program + "'; name a program that is on the PATH, or its"
+          + " file");
       return;
     }
     ok("command", found);
-    if (command.stream().anyMatch(word -> word.equals("-XX:+DisableAttachMechanism"))) {
-      hint("command", "-XX:+DisableAttachMechanism keeps list, status, start and stop from working;"
-          + " remove it");
+    for (String word : command) {
+      if (word.equals("-XX:+DisableAttachMechanism")
+          || word.equals("-XX:-EnableDynamicAgentLoading")) {
+        hint("command", word + " keeps list, status, start and stop from working; remove it");
+      } else if (word.startsWith("-agentpath:") || word.startsWith("-agentlib:")) {
+        hint("command", word + ": only one agent of a JVM can draw samples of allocations; where"
+            + " the allocation profile does not start, leave the other agent out");
+      }
     }
     if (!JavaCommand.isJava(command)) {
       checkLoading(built, ownJava());
@@ -228,9 +239,14 @@ public final class Doctor {
       Outcome run = execute(Arrays.asList(java, agent, "-version"), folder.toFile());
       if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
         ok("agent", "loads in " + java);
+        if (run.text.contains("version \"1.8")) {
+          hint("JDK", "JDK 8 does not sample allocations, so there is no allocation profile; use JDK"
+              + " 11 or later, or --memory=track=CLASS");
+        }
       } else {
         fault("agent", "does not load in " + java + " (exit code " + run.exitCode + "):\n"
-            + "  " + run.text.trim().replace("\n", "\n  "));
+            + "  " + run.text.trim().replace("\n", "\n  ")
+            + "\n  Use a JVM with HotSpot, JDK 8 or later, for glibc and this machine's processor.");
       }
     } finally {
       for (File left : folder.toFile().listFiles()) {
@@ -250,10 +266,11 @@ public final class Doctor {
           countJar(place, count);
         }
       } catch (NoSuchFileException e) {
-        hint("classes", place + " does not exist");
+        hint("classes", place + " does not exist; correct the class path, or build it");
         continue;
       } catch (IOException e) {
-        hint("classes", place + " cannot be read: " + e.getMessage());
+        hint("classes", place + " cannot be read: " + e.getMessage() + "; grant the right to, or repair"
+            + " it");
         continue;
       }
       printCount(place, count);
