@@ -29,7 +29,7 @@ void setIdle(bool isIdle);
 // Any thread.
 bool isSetUp();
 
-// The objects of APR, made on first use, or `isAnew`; null when that fails, which `out` is told. By
+// The objects of APR, made on first use, or `isAnew`; null when that fails, which is printed to `out`. By
 // one thread at a time.
 const twAprContext* aprContext(std::FILE* out, bool isAnew);
 

@@ -13,7 +13,7 @@ using words = std::vector<std::string>;
 // A word for `words`: "API_Key" is "apikey". Empty when there is no letter or digit in it.
 std::string plainWord(std::string_view text);
 
-// Whether a name has a word that tells of a secret: a built-in one, or one of `own`. Words begin
+// Whether a name has a word that stands for a secret: a built-in one, or one of `own`. Words begin
 // and end at the borders of camel case, digits and everything that is not a letter; one word of a
 // list may span several of the name ("apiKey"). What a word of `shown` covers does not count.
 bool isSecretName(std::string_view name, const words& own, const words& shown);

@@ -464,7 +464,7 @@ def test_doctor_names_classes_without_variables(launcher, folder):
 
 def test_doctor_checks_the_command(launcher, folder):
     run = launcher.run("doctor", "--", "no-such-command", folder=folder)
-    assert run.code == 1 and ("FAULT", "command", "unknown command 'no-such-command'") in findings(run)
+    assert run.code == 1 and ("FAULT", "command", "unknown command 'no-such-command'; name a program that is on the PATH, or its file") in findings(run)
     run = launcher.run("doctor", "--", "sh", "start.sh", folder=folder)
     assert run.code == 0 and any(f[:2] == ("hint", "classes") for f in findings(run))
 

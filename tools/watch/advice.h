@@ -1,4 +1,4 @@
-// What the user is told of a command whose JVMs did not have the agent. Plain functions.
+// What is printed about a command whose JVMs did not have the agent. Plain functions.
 #pragma once
 
 #include <sys/types.h>

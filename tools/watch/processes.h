@@ -1,4 +1,4 @@
-// What /proc tells of the processes of this machine, as far as this user may see it. A process may
+// What /proc shows of the processes of this machine, as far as this user may see it. A process may
 // end at any time: what is not there any more is empty.
 #pragma once
 

@@ -78,8 +78,8 @@ public final class Doctor {
     }
     checkOutput();
     if (!isWritable(Paths.get("/tmp"))) {
-      hint("attach", "'/tmp' cannot be written, where JVMs listen for attach, status, start and stop;"
-          + " as root: chmod 1777 /tmp");
+      hint("attach", "'/tmp' cannot be written, where JVMs listen for attach, status, start and"
+          + " stop; as root: chmod 1777 /tmp");
     }
     for (String line : archives.split("\n")) {
       if (!line.isEmpty()) {
@@ -202,8 +202,8 @@ public final class Doctor {
     String program = command.get(0);
     String found = findProgram(program);
     if (found == null) {
-      fault("command", "unknown command '" + program + "'; name a program that is on the PATH, or its"
-          + " file");
+      fault("command", "unknown command '" + program + "'; name a program that is on the PATH, or"
+          + " its file");
       return;
     }
     ok("command", found);
@@ -240,13 +240,13 @@ public final class Doctor {
       if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
         ok("agent", "loads in " + java);
         if (run.text.contains("version \"1.8")) {
-          hint("JDK", "JDK 8 does not sample allocations, so there is no allocation profile; use JDK"
-              + " 11 or later, or --memory=track=CLASS");
+          hint("JDK", "JDK 8 does not sample allocations, so there is no allocation profile; use"
+              + " JDK 11 or later, or --memory=track=CLASS");
         }
       } else {
         fault("agent", "does not load in " + java + " (exit code " + run.exitCode + "):\n"
             + "  " + run.text.trim().replace("\n", "\n  ")
-            + "\n  Use a JVM with HotSpot, JDK 8 or later, for glibc and this machine's processor.");
+            + "\n  Use a JVM with HotSpot, JDK 8 or later, for glibc and this processor.");
       }
     } finally {
       for (File left : folder.toFile().listFiles()) {
@@ -269,8 +269,8 @@ public final class Doctor {
         hint("classes", place + " does not exist; correct the class path, or build it");
         continue;
       } catch (IOException e) {
-        hint("classes", place + " cannot be read: " + e.getMessage() + "; grant the right to, or repair"
-            + " it");
+        hint("classes", place + " cannot be read: " + e.getMessage() + "; grant the right to, or"
+            + " repair it");
         continue;
       }
       printCount(place, count);
