@@ -455,7 +455,7 @@ def test_doctor_names_classes_without_variables(launcher, folder):
     assert [level for level, _ in classes] == ["ok", "hint", "hint", "hint"], run
     assert classes[0][1].startswith(launcher.programs)
     assert classes[1][1].startswith("bare: frames of 1 of 2 classes show no locals (Bare); compile")
-    assert classes[2][1] == "missing.jar does not exist"
+    assert classes[2][1] == "missing.jar does not exist; correct the class path, or build it"
     assert classes[3][1].startswith("./bare.jar: frames of 1 of 2 classes")
 
     run = launcher.run("doctor", "--", "java", "-jar", "bare.jar", folder=folder)
@@ -464,9 +464,24 @@ def test_doctor_names_classes_without_variables(launcher, folder):
 
 def test_doctor_checks_the_command(launcher, folder):
     run = launcher.run("doctor", "--", "no-such-command", folder=folder)
-    assert run.code == 1 and ("FAULT", "command", "unknown command 'no-such-command'; name a program that is on the PATH, or its file") in findings(run)
+    told = "unknown command 'no-such-command'; name a program that is on the PATH, or its file"
+    assert run.code == 1 and ("FAULT", "command", told) in findings(run)
     run = launcher.run("doctor", "--", "sh", "start.sh", folder=folder)
     assert run.code == 0 and any(f[:2] == ("hint", "classes") for f in findings(run))
+
+
+@pytest.mark.parametrize(
+    "option, told",
+    (
+        ("-XX:+DisableAttachMechanism", "keeps list, status, start and stop from working; remove"),
+        ("-XX:-EnableDynamicAgentLoading", "keeps list, status, start and stop from working; remove"),
+        ("-agentlib:jdwp", "only one agent of a JVM can draw samples of allocations; where"),
+    ),
+)
+def test_doctor_names_a_remedy_for_options_that_limit(launcher, folder, option, told):
+    run = launcher.run("doctor", "--", "java", option, "-version", folder=folder)
+    (found,) = [text for level, subject, text in findings(run) if (level, subject) == ("hint", "command")]
+    assert found.startswith(option) and told in found
 
 
 def test_doctor_finds_a_library_that_does_not_load(launcher, folder):
