@@ -122,7 +122,7 @@ TEST(contentionTablesOf, showWhereThreadsWaitedAndWhereTheOwnerTookTheLock) {
 TEST(contentionTablesOf, showWhatOwnersWaitForThemselves) {
   json document = recordedContention();
   document["locks"] = json::array({lockIn(document, 1), lockIn(document, 2)});
-  document["locks"][0]["pairs"] = json::array({lockIn(document, 1)["pairs"][4]});
+  document["locks"][2]["pairs"] = json::array({lockIn(document, 1)["pairs"][4]});
   EXPECT_THAT(
       tables(document),
       HasSubstr(
@@ -150,7 +150,7 @@ TEST(contentionTablesOf, tellWhyAnOwnerIsNotKnown) {
            {"other", "the owner is not known: other"}}) {
     json document = recordedContention();
     document["locks"] = json::array({lockIn(document, 6)});
-    document["locks"][0]["pairs"][0]["ownerNote"] = note;
+    document["locks"][2]["pairs"][0]["ownerNote"] = note;
     EXPECT_THAT(tables(document), HasSubstr("         <- " + std::string(text) + '\n'));
   }
 }
@@ -224,6 +224,19 @@ TEST(contentionTablesOf, nameTheDayWhereItIsAnotherOne) {
   });
   EXPECT_THAT(text, HasSubstr("to 2026-11-23 12:05:00 UTC (24 h 5 min)\n"));
   EXPECT_THAT(text, HasSubstr("STUCK at 2026-11-23 12:05:00 UTC"));
+}
+
+TEST(contentionTablesOf, doNotRankLocksAtWhichOnlyTheAgentWaited) {
+  const std::string text = changed([](json& document) {
+    for (json& pair : document["locks"][2]["pairs"]) {
+      pair["waiterThread"] = "javanativeagent control";
+    }
+  });
+  EXPECT_THAT(text, Not(HasSubstr("\n1  com.example.shop.PriceCache@")));
+  EXPECT_THAT(text, HasSubstr("\n1  com.ex...Inventory@1f7a2c09"));
+  EXPECT_THAT(
+      text,
+      HasSubstr("\nNot listed: 531,000 ms at 1 lock at which only threads of the agent waited."));
 }
 
 TEST(contentionTablesOf, rankByClass) {

@@ -162,6 +162,14 @@ bool isIdle(const contentionReport& report, const contentionLock& lock) {
                      [&](const contentionPair& pair) { return isIdle(report, pair); });
 }
 
+bool isOwn(const contentionLock& lock) {
+  constexpr std::string_view kOwnThreads = "javanativeagent";  // their names begin so
+  return isContention(lock.kind) && !lock.pairs.empty() &&
+         std::all_of(lock.pairs.begin(), lock.pairs.end(), [](const contentionPair& pair) {
+           return pair.waiterThread && pair.waiterThread->starts_with(kOwnThreads);
+         });
+}
+
 std::vector<sitePair> sitePairsOf(const contentionReport& report, const contentionLock& lock) {
   using key = std::tuple<std::optional<std::string>, std::optional<std::string>, bool,
                          std::optional<std::string>, std::optional<std::uint64_t>>;

@@ -39,6 +39,9 @@ std::string ownerNoteText(const std::optional<std::string>& note);
 // those of the VM that wait for references, timers, and the agent's own.
 bool isIdle(const contentionReport& report, const contentionLock& lock);
 
+// Whether all that was seen waiting at a monitor or lock were threads of the agent.
+bool isOwn(const contentionLock& lock);
+
 // The pairs of a lock from one site to one site of owners.
 struct sitePair {
   std::optional<std::string> waiterSite;

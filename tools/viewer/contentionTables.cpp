@@ -163,19 +163,39 @@ std::string timeLine(const contentionReport& report, const terminalStyle& termin
                      momentText(report, most->startedAt), momentText(report, most->endedAt));
 }
 
+// What is in the sums and not in the ranking; nothing where all is.
+std::string ownLocksNote(const contentionReport& report, const terminalStyle& terminal) {
+  const std::vector<shownLock> own =
+      locksFor(report, [](const contentionLock& lock) { return isOwn(lock); });
+  if (own.empty()) {
+    return "";
+  }
+  std::uint64_t nanos = 0;
+  for (const shownLock& one : own) {
+    nanos = plus(nanos, totalOf(*one.lock));
+  }
+  return '\n' + sentenceLines({fmt::format("Not listed: {} ms at {} at which only threads of the "
+                                           "agent waited.",
+                                           milliText(nanos), counted(own.size(), "lock", "locks"))},
+                              terminal);
+}
+
 std::string byLock(const contentionReport& report, const tableLimits& limits,
                    const terminalStyle& terminal) {
-  const std::vector<shownLock> locks =
-      locksFor(report, [](const contentionLock& lock) { return isContention(lock.kind); });
+  const std::vector<shownLock> locks = locksFor(
+      report, [](const contentionLock& lock) { return isContention(lock.kind) && !isOwn(lock); });
+  const std::string ownNote = ownLocksNote(report, terminal);
   if (locks.empty()) {
-    return fmt::format("\nNo {} is in the report: no thread was blocked by one{}.\n",
+    return fmt::format("\nNo {}{} is in the report: no thread was blocked by one{}.\n{}",
+                       ownNote.empty() ? "" : "other ",
                        hasParks(report) ? "monitor or lock" : "monitor",
                        report.isFiltered                  ? " that was selected"
                        : report.omitted.startsNotSeen > 0 ? " since the profile began"
-                                                          : "");
+                                                          : "",
+                       ownNote);
   }
   return '\n' + topLocks(report, locks, limits.rows, terminal) + timeLine(report, terminal) +
-         contentionDetails(report, locks, limits, terminal);
+         contentionDetails(report, locks, limits, terminal) + ownNote;
 }
 
 std::string locksText(const lockClassSum& one) {

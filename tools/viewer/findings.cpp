@@ -16,8 +16,6 @@
 namespace viewer {
 namespace {
 
-constexpr std::string_view kOwnThreads = "javanativeagent";  // names of the agent's begin so
-
 struct answer {
   std::string text;
   bool isKnown = true;
@@ -25,14 +23,6 @@ struct answer {
 
 answer unknown(std::string reason) {
   return {std::move(reason), false};
-}
-
-// Whether only threads of the agent were seen to wait there.
-bool isOwn(const contentionLock& lock) {
-  return !lock.pairs.empty() &&
-         std::all_of(lock.pairs.begin(), lock.pairs.end(), [](const contentionPair& pair) {
-           return pair.waiterThread && pair.waiterThread->starts_with(kOwnThreads);
-         });
 }
 
 std::string ofSessions(std::size_t sessions, const char* kind) {
@@ -141,9 +131,9 @@ answer whatFails(const profile& all, thrownIn where) {
       fmt::format("{} in {}", printable(most.className), printable(placeOf(most)));
   if (counts == nullptr) {
     return {fmt::format(
-        "{}, most of {}. More may have been thrown: they were not counted.",
+        "{}, {} of them {}. More may have been thrown: they were not counted.",
         counted(all.exceptions->size(), "exception was recorded", "exceptions were recorded"),
-        what)};
+        grouped(most.records.size()), what)};
   }
   return {fmt::format("{} {}, {} of them {}.",
                       counted(counts->total.thrown, "exception was", "exceptions were"), done,
