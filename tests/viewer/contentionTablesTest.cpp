@@ -122,7 +122,7 @@ TEST(contentionTablesOf, showWhereThreadsWaitedAndWhereTheOwnerTookTheLock) {
 TEST(contentionTablesOf, showWhatOwnersWaitForThemselves) {
   json document = recordedContention();
   document["locks"] = json::array({lockIn(document, 1), lockIn(document, 2)});
-  document["locks"][2]["pairs"] = json::array({lockIn(document, 1)["pairs"][4]});
+  document["locks"][0]["pairs"] = json::array({lockIn(document, 1)["pairs"][4]});
   EXPECT_THAT(
       tables(document),
       HasSubstr(
@@ -150,7 +150,7 @@ TEST(contentionTablesOf, tellWhyAnOwnerIsNotKnown) {
            {"other", "the owner is not known: other"}}) {
     json document = recordedContention();
     document["locks"] = json::array({lockIn(document, 6)});
-    document["locks"][2]["pairs"][0]["ownerNote"] = note;
+    document["locks"][0]["pairs"][0]["ownerNote"] = note;
     EXPECT_THAT(tables(document), HasSubstr("         <- " + std::string(text) + '\n'));
   }
 }
