@@ -187,7 +187,10 @@ def test_holders_have_the_shares_of_their_time(owners, kind, does):
         assert right >= 9 * wrong and right >= 0.5 * sum(nanos.values())
     held = HOLD + "Long", HOLD + "Short"
     assert max(nanos, key=nanos.get) == held[0], nanos
-    seen = nanos.get(held[0], 0) / sum(nanos.values())
+    # On a busy machine more samples come when nobody holds it: these name no holder, and no wrong one.
+    known = sum(nanos.get(each, 0) for each in held)
+    assert known >= 0.5 * sum(nanos.values()), nanos
+    seen = nanos[held[0]] / known
     true = owners.fact(f"{kind}-{does}.long")
     true /= true + owners.fact(f"{kind}-{does}.short")
     assert seen == pytest.approx(true, abs=0.1), nanos
