@@ -29,8 +29,8 @@ void setIdle(bool isIdle);
 // Any thread.
 bool isSetUp();
 
-// The objects of APR, made on first use, or `isAnew`; null when that fails, which is printed to `out`. By
-// one thread at a time.
+// The objects of APR, made on first use, or `isAnew`; null when that fails, which is printed to
+// `out`. By one thread at a time.
 const twAprContext* aprContext(std::FILE* out, bool isAnew);
 
 // Logs what of the options is ignored, and why a profile that was asked for does not run.

@@ -74,7 +74,7 @@ final class MetricsServer {
     if (!isLocal && token == null) {
       throw new IllegalArgumentException(
           "invalid option 'metrics=" + host + ':' + port + "': expected a loopback address, or"
-              + " the option metricsToken with a file, whose token who asks has to know");
+              + " the option metricsToken with a file, whose token each request must carry");
     }
     ServerSocketChannel server = ServerSocketChannel.open();
     Selector selector = null;

@@ -8,7 +8,7 @@ import java.nio.file.attribute.PosixFilePermission;
 import java.security.MessageDigest;
 import java.util.Set;
 
-/** What who asks for metrics has to know. It is never printed. */
+/** What each request for metrics must carry. It is never printed. */
 final class MetricsToken {
   private static final int SHORTEST = 16;
   private static final int LONGEST = 1024;
