@@ -49,7 +49,7 @@ TEST(findings, beginWithThreadsThatDoNotGoOn) {
   nlohmann::json document = recordedContention();
   EXPECT_THAT(findingsOf(with(document))[0].text,
               HasSubstr("1 deadlock: refunds-1, refunds-2 wait for each other. Threads were "
-                        "blocked for 779,073 ms in 5 min 0 s, 68 % of it at "
+                        "blocked for 12 min 59 s in total during 5 min 0 s, 68 % of it at "
                         "com.example.shop.PriceCache@5c29bfd1, mostly held by "));
   document["deadlocks"] = nlohmann::json::array();
   EXPECT_THAT(findingsOf(with(document))[0].text, HasSubstr("Stuck at "));
@@ -61,7 +61,7 @@ TEST(findings, doNotBlameLocksAtWhichOnlyTheAgentWaited) {
     pair["waiterThread"] = "javanativeagent control";
   }
   EXPECT_THAT(findingsOf(with(document))[0].text,
-              AllOf(HasSubstr("com.example.shop.Inventory@1f7a2c09"),
+              AllOf(HasSubstr("% of it at com.example.shop.Shop.inventory "),
                     Not(HasSubstr("at com.example.shop.PriceCache@"))));
 }
 
@@ -74,6 +74,90 @@ TEST(findings, tellWhatWasNotLookedAt) {
   EXPECT_EQ(findingsOf(with(document))[0].text,
             "No thread was blocked at a lock in 5 min 0 s. Locks of java.util.concurrent were not "
             "looked at.");
+}
+
+TEST(findings, nameTheClassWhereManyLocksShareTheTime) {
+  nlohmann::json document = recordedContention();
+  for (nlohmann::json& lock : document["locks"]) {
+    lock["blockedNanos"] = 1'000'000;
+    lock["stillBlockedNanos"] = 0;
+    lock["kind"] = "monitor";
+    lock["class"] = "com.example.shop.Cart";
+  }
+  document["otherLocks"] = nlohmann::json::array();
+  EXPECT_THAT(findingsOf(with(document))[0].text,
+              HasSubstr("100 % of it at locks of com.example.shop.Cart."));
+}
+
+TEST(findings, nameTheHolderOfTheMostTimeOverAllItsPairs) {
+  nlohmann::json document = recordedContention();
+  const std::string before = findingsOf(with(document))[0].text;
+  EXPECT_THAT(before, HasSubstr(", mostly held by "));
+  nlohmann::json& pairs = document["locks"][2]["pairs"];
+  for (nlohmann::json& pair : pairs) {
+    pair["ownerStack"] = nullptr;
+  }
+  EXPECT_THAT(findingsOf(with(document))[0].text, Not(HasSubstr("held")));
+}
+
+TEST(findings, doNotTakeAMissingReportForAnOptionThatIsOff) {
+  profile all;
+  all.run.emplace();
+  EXPECT_EQ(findingsOf(all)[1].text, "Not known: exceptions were not recorded. Use --exceptions.");
+  all.run->options = {{"locks", "true"}, {"exceptions", "true"}, {"allocations", "true"}};
+  for (const finding& one : findingsOf(all)) {
+    EXPECT_FALSE(one.isKnown);
+    EXPECT_THAT(one.text, AllOf(HasSubstr("yet. No session ended, the JVM was killed, or it is"),
+                                Not(HasSubstr("not recorded")), Not(HasSubstr("Use --"))));
+  }
+  all.run->removedReports = 3;
+  EXPECT_THAT(findingsOf(all)[0].text, HasSubstr("and 3 older reports of the run were deleted."));
+}
+
+TEST(findings, tellThatNoClassWasTracked) {
+  profile all;
+  all.run.emplace().options = {{"memory", "true"}};
+  all.memoryReports.emplace_back();
+  EXPECT_THAT(findingsOf(all)[2].text, HasSubstr("the memory session tracked no class."));
+  all.run->options["memory.track"] = "com.example.Session";
+  EXPECT_THAT(findingsOf(all)[2].text, HasSubstr("No tracked object has survived a collection."));
+}
+
+TEST(findings, nameTheFieldOfALock) {
+  nlohmann::json document = recordedContention();
+  document["locks"][0]["blockedNanos"] = 900'000'000'000;
+  EXPECT_THAT(
+      findingsOf(with(document))[0].text,
+      HasSubstr("at com.example.shop.Shop.inventory (com.example.shop.Inventory@1f7a2c09)"));
+}
+
+TEST(findings, tellThatTheReportsAreFiltered) {
+  profile all = readProfile({kData / "shop-run"});
+  filter(all, "Inventory");
+  EXPECT_THAT(findingsOf(all)[0].text, HasSubstr(" Only what was selected counts."));
+  filter(all, "nothing has this text");
+  const std::vector<finding> none = findingsOf(all);
+  EXPECT_EQ(none[0].text, "The lock session has no lock that was selected.");
+  EXPECT_EQ(none[2].text, "The memory session has no class that was selected.");
+}
+
+TEST(findings, tellThatAReportIsFullOrStillGrows) {
+  profile all = readProfile({kData / "shop-run"});
+  all.run->options["locks.top"] = std::to_string(all.lockReports.front().locks.size());
+  EXPECT_THAT(findingsOf(all)[0].text,
+              AllOf(HasSubstr("Incomplete: "), HasSubstr("no room for more: locks.top limits")));
+  nlohmann::json document = recordedContention();
+  document["endedAt"] = nullptr;
+  EXPECT_THAT(findingsOf(with(document))[0].text,
+              HasSubstr("The profile still ran when this was written."));
+}
+
+TEST(findings, nameTheWorstOfSeveralLockSessions) {
+  profile all = readProfile({kData / "shop-run"});
+  all.lockReports.insert(all.lockReports.begin(), lockReport());
+  all.lockReports.front().locks.emplace_back().blockedSeconds = 1;
+  EXPECT_THAT(findingsOf(all)[0].text,
+              AllOf(HasSubstr("blocked for 41 s"), HasSubstr("(The worst of 2 sessions.)")));
 }
 
 TEST(findings, nameHowManySessionsThereWere) {

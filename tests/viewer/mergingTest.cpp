@@ -22,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -202,9 +203,9 @@ TEST_F(runsOfFolders, withoutClassesToTrackHaveALineInPlaceOfATable) {
   write("run-1/run.json", R"({"java":"17","options":{"memory":"true"}})");
   write("run-1/memory-1.json",
         R"({"sessionname": "memoryLeak", "sessionid": 1, "topNMemoryleakClass": {}})");
-  EXPECT_EQ(tablesOf(readProfile({folder_})),
-            "Run, Java 17\n\nMemory session 1: nothing was tracked. Name classes, as in "
-            "--memory=track=com.example.Session.\n");
+  EXPECT_THAT(tablesOf(readProfile({folder_})),
+              EndsWith("\n\nMemory session 1: nothing was tracked. Name classes, as in "
+                       "--memory=track=com.example.Session.\n"));
 }
 
 }  // namespace

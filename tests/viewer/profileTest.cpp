@@ -167,7 +167,10 @@ TEST_F(inputs, ofARunHaveTheRunsData) {
   EXPECT_EQ(all.run->pid, 12);
   EXPECT_EQ(all.run->options.at("locks"), "true");
   EXPECT_EQ(all.run->options.at("locks.top"), "-1");
-  EXPECT_EQ(profileTables(all, {}, {}), "Run of c, process 12, started s, Java 17\n");
+  EXPECT_THAT(profileTables(all, {}, {}),
+              StartsWith("Run of c, process 12, started s, Java 17\n\nWhat holds it up: "));
+  EXPECT_THAT(profileTables(all, {}, {.width = 30}),
+              StartsWith("Run of c\n  process 12, started s, Ja...\n"));
 }
 
 TEST_F(inputs, ofTwoRunsAreNotMixedSilently) {

@@ -11,7 +11,7 @@ namespace viewer {
 namespace {
 
 constexpr std::uint64_t kNanosOfAMilli = 1'000'000;
-constexpr std::size_t kLongestWord = 40;  // columns
+constexpr std::size_t kLongestWord = 40;  // columns, on a terminal of fewer
 
 std::string deadlockLines(const contentionReport& report,
                           const std::vector<deadlockedThread>& circle,
@@ -215,6 +215,9 @@ std::string costText(const contentionReport& report) {
 
 std::string sentenceLines(const std::vector<std::string>& sentences, const terminalStyle& terminal,
                           std::size_t indent) {
+  // A name stays as it is where it fits into a line of its own.
+  const std::size_t longest =
+      std::max(kLongestWord, terminal.width - std::min(terminal.width, indent + 2));
   std::string result;
   for (const std::string& sentence : sentences) {
     const std::string text = printable(sentence);
@@ -222,7 +225,7 @@ std::string sentenceLines(const std::vector<std::string>& sentences, const termi
     bool isEmpty = true;
     for (std::size_t start = 0; start < text.size();) {
       const std::size_t end = std::min(text.find(' ', start), text.size());
-      const std::string word = cutEnd(text.substr(start, end - start), kLongestWord);
+      const std::string word = cutName(text.substr(start, end - start), longest);
       if (!isEmpty && displayColumns(line) + 1 + displayColumns(word) > terminal.width) {
         result += line + '\n';
         line.assign(indent + 2, ' ');

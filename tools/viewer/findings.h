@@ -17,8 +17,8 @@ struct finding {
       false;  // otherwise `text` tells why not, and which option of `twprofile run` helps
 };
 
-// One for each question, in this order. A session that is longer than others of its kind answers
-// for all of them; the sentence then names how many there are.
+// One for each question, in this order. Of several sessions of a kind the longest answers, or the
+// worst where they do not tell their length; the text then has how many there are.
 std::vector<finding> findingsOf(const profile& all, thrownIn where = thrownIn::outsideJdk);
 
 }  // namespace viewer

@@ -549,6 +549,7 @@ bool isOn(const profile& all, const std::string& option) {
 }
 
 void filter(profile& all, const std::string& text) {
+  all.isFiltered = true;
   for (lockReport& report : all.lockReports) {
     std::erase_if(report.locks, [&](const lockEntry& lock) {
       return !contains(lock.name, text) &&

@@ -51,6 +51,7 @@ struct profile {
   std::vector<std::string> unfinished;  // reports that were begun and have not got their name
   std::vector<std::string> problems;    // what could not be read, or not to its end
   std::vector<std::string> notes;       // what else there is, and how to see it; lines
+  bool isFiltered = false;              // not all that was read is here
 
   bool empty() const {
     return !run && lockReports.empty() && !exceptions && memoryReports.empty() &&

@@ -6,6 +6,7 @@
 #include "contentionTables.h"
 #include "contentionWords.h"
 #include "exceptionTables.h"
+#include "findings.h"
 #include "memoryTables.h"
 #include "runFolders.h"
 #include "tableParts.h"
@@ -26,7 +27,19 @@ std::string runLine(const runInfo& run, const terminalStyle& terminal) {
                ? fmt::format("; {} of its reports were deleted", run.removedReports)
                : "";
   const std::string command = run.command.value_or("");
-  return textLine(command.empty() ? "Run" : "Run of ", command, facts, terminal);
+  const std::string before = command.empty() ? "Run" : "Run of ";
+  if (displayColumns(before + printable(command) + facts) > terminal.width && !command.empty()) {
+    return textLine(before, command, "", terminal) + textLine("  ", facts.substr(2), "", terminal);
+  }
+  return textLine(before, command, facts, terminal);
+}
+
+std::string findingLines(const profile& all, thrownIn where, const terminalStyle& terminal) {
+  std::string lines;
+  for (const finding& one : findingsOf(all, where)) {
+    lines += sentenceLines({fmt::format("{}: {}", one.question, one.text)}, terminal);
+  }
+  return lines;
 }
 
 std::string shownRecord(const profile& all, std::size_t number, const exceptionDetails& details,
@@ -90,6 +103,7 @@ std::string profileTables(const profile& all, const tableOptions& options,
   std::vector<std::string> parts;
   if (all.run) {
     parts.push_back(runLine(*all.run, terminal));
+    parts.push_back(findingLines(all, options.exceptions.where, terminal));
   }
   for (const contentionReport& report : all.contentionReports) {
     parts.push_back(contentionTables(report, options.by, options.limits, terminal));
