@@ -633,6 +633,93 @@ return arguments[0].map(([a, b]) => { const [x, y] = [colour(a), colour(b)].sort
 """
 
 
+# The texts in sight whose contrast with what is behind them is below that of WCAG AA. Bars behind
+# numbers are pictures, and among the pairs below.
+FAINT = """
+const probe = document.createElement('canvas').getContext('2d', {willReadFrequently: true});
+const known = new Map();
+const rgba = (colour) => {
+  if (!known.has(colour)) {
+    probe.clearRect(0, 0, 1, 1);
+    probe.fillStyle = colour;
+    probe.fillRect(0, 0, 1, 1);
+    known.set(colour, [...probe.getImageData(0, 0, 1, 1).data]);
+  }
+  const [r, g, b, a] = known.get(colour);
+  return {rgb: [r, g, b], alpha: a / 255};
+};
+const mix = (top, alpha, ground) => top.map((part, i) => part * alpha + ground[i] * (1 - alpha));
+const ground = (e) => {
+  if (!e) return rgba(getComputedStyle(document.body).backgroundColor).rgb;
+  const {rgb, alpha} = rgba(getComputedStyle(e).backgroundColor);
+  return alpha === 1 ? rgb : mix(rgb, alpha, ground(e.parentElement));
+};
+const channel = (c) => { c /= 255; return c <= 0.03928 ? c / 12.92 : ((c + 0.055) / 1.055) ** 2.4; };
+const light = ([r, g, b]) => 0.2126 * channel(r) + 0.7152 * channel(g) + 0.0722 * channel(b);
+const found = [];
+const texts = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+while (texts.nextNode()) {
+  const e = texts.currentNode.parentElement;
+  if (!texts.currentNode.textContent.trim() || e.closest('script, style, .unseen, .skip') ||
+      !e.checkVisibility({visibilityProperty: true})) continue;
+  const style = getComputedStyle(e);
+  const behind = ground(e);
+  const {rgb, alpha} = rgba(e.closest('svg') ? style.fill : style.color);
+  let opacity = alpha;
+  for (let at = e; at; at = at.parentElement) opacity *= Number(getComputedStyle(at).opacity);
+  const [x, y] = [light(mix(rgb, opacity, behind)), light(behind)].sort((p, q) => q - p);
+  if ((x + 0.05) / (y + 0.05) < 4.5) {
+    found.push(`${e.tagName}.${e.className}: ${texts.currentNode.textContent.slice(0, 40)}`);
+  }
+}
+return found;
+"""
+
+
+@pytest.mark.parametrize("colours", ["light", "dark"])
+def test_every_text_can_be_read_against_its_ground(browser, page_of, colours):
+    browser.prefer(colours)
+    browser.open(page_of(DATA / "shop-run", DATA / "contention-run" / "contention-1.json"))
+    for view in [a.text for a in browser.all("#views a")]:
+        browser.go(view)
+        for fold in browser.all("details:not([open])"):
+            browser.run("arguments[0].open = true", fold)
+        assert browser.run(FAINT) == [], view
+    browser.run("document.querySelector('.note, p').style.opacity = .5")
+    assert browser.run(FAINT), "the test sees a faint text"
+
+
+UNMARKED = """
+return [...document.querySelectorAll('a[href], button, input, select, summary, [tabindex="0"]')]
+  .filter(e => e.checkVisibility() && !e.disabled).filter(e => {
+    e.focus({focusVisible: true, preventScroll: true});
+    const style = getComputedStyle(e);
+    return document.activeElement !== e || style.outlineStyle === 'none' ||
+      parseFloat(style.outlineWidth) < 2;
+  }).map(e => e.outerHTML.slice(0, 80));
+"""
+
+
+def test_the_focus_can_be_seen_wherever_it_goes(browser, page_of):
+    browser.open(page_of(DATA / "shop-run", DATA / "contention-run" / "contention-1.json"))
+    for view in [a.text for a in browser.all("#views a")]:
+        browser.go(view)
+        assert browser.run(UNMARKED) == [], view
+
+
+def test_nothing_moves_for_those_who_ask_for_that(browser, page):
+    moving = """return [...document.querySelectorAll('*')].map(e => getComputedStyle(e))
+      .filter(e => e.transitionDuration !== '0s' || e.animationName !== 'none' ||
+        e.scrollBehavior !== 'auto').length"""
+    browser.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+        "features": [{"name": "prefers-reduced-motion", "value": "reduce"}]})
+    browser.open(page)
+    assert browser.run(moving) == 0
+    browser.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+        "features": [{"name": "prefers-reduced-motion", "value": "no-preference"}]})
+    assert browser.run(moving) > 0, "the test sees what moves"
+
+
 @pytest.mark.parametrize("colours", ["light", "dark"])
 def test_colours_follow_the_system_and_the_switch(browser, page, colours):
     def is_dark():
@@ -735,19 +822,64 @@ def test_a_narrow_screen_scrolls_down_only(browser, page_of, width):
         assert browser.run(NARROW_TEXTS) == [], view
 
 
+SHOWN = """return [...arguments[0].tHead.rows[0].cells]
+    .filter(e => e.offsetWidth > 0).map(e => e.textContent)"""
+
+
 def test_a_narrow_table_shows_the_name_and_the_figure_and_all_on_demand(browser, page_of):
+    def columns(caption):
+        return browser.run(SHOWN, browser.table(caption).element)
+
     browser.resize(400, 800)
     browser.open(page_of(DATA / "shop-run"), "locks")
-    shown = """return [...document.querySelector('table.data').tHead.rows[0].cells]
-        .filter(e => e.offsetWidth > 0).map(e => e.textContent)"""
-    few = browser.run(shown)
-    assert len(few) == 2 and few[0] == "Lock"
+    assert columns("Locks") == ["Lock", "Blocked s"]
     box = next(e for e in browser.all("label.narrow") if e.is_displayed())
     box.click()
-    assert len(browser.run(shown)) > 4
+    assert len(columns("Locks")) > 4
     browser.resize(1280, 900)
-    assert len(browser.run(shown)) > 4
+    assert len(columns("Locks")) > 4
     assert not any(e.is_displayed() for e in browser.all("label.narrow"))
+    browser.resize(400, 800)
+    browser.go("Exceptions")
+    assert columns("Exception records") == ["Time", "Exception"]
+    browser.go("Who blocks whom")
+    assert columns("Pairs of owner and blocked thread") == ["Owner", "Blocked", "≈ Times"]
+
+
+PARTS = """
+  const clipped = (e) => e.scrollWidth > e.clientWidth;
+  const isSeen = (e) => {
+    const [box, line] = [e.getBoundingClientRect(), e.closest('.java').getBoundingClientRect()];
+    return box.width > 0 && box.top < line.bottom - 2;
+  };
+  return [...arguments[0].querySelectorAll('.java')].map(e => {
+    const part = (name) => e.querySelector('.' + name);
+    return [e.title, isSeen(part('packages')) && part('packages').offsetWidth,
+      isSeen(part('start')) && !clipped(part('start')), isSeen(part('end')) && !clipped(part('end')),
+      e.getBoundingClientRect().width];
+  });"""
+
+
+@pytest.mark.parametrize("width", [400, 800, 1280])
+def test_a_long_name_keeps_its_class_and_method(browser, page_of, tmp_path, width):
+    package = "com.example.warehouse.fulfilment.persistence.transactional"
+    session = reports.LockSession()
+    names = {f"{package}.Stock@7": "Stock", f"{package}.OrderStore$Put@8": "OrderStore"}
+    for place, name in enumerate(names):
+        session.lock(name, blocked=9 - place)
+        session.enter(name, "worker", [f"{package}.OrderStore.put"], 1, blocked=9 - place)
+    page = page_of(session.write(tmp_path))
+    browser.resize(width, 900)
+    browser.open(page, "flame")
+    (title, packages, start, end, _), = browser.run(
+        PARTS, browser.table("Methods of the flame graph").element)
+    assert title == f"{package}.OrderStore.put"
+    assert start and end, "the class and the method are complete"
+    # A letter of the package on its own would read as one of the class.
+    assert not packages or packages > 25
+    browser.go("Locks")
+    for title, _, start, _, _ in browser.run(PARTS, browser.table("Locks").element):
+        assert start and title in names
 
 
 def test_the_overview_begins_with_what_the_run_comes_to(browser, page_of):

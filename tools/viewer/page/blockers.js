@@ -99,8 +99,10 @@ function pairTable(session, pairs) {
     pair.locks.map((index) => shortName(session.locks[index].name)).join(', ');
   return filteredTable({caption: 'Pairs of owner and blocked thread', rows: pairs, sortBy: 2,
     columns: [
-      {title: 'Owner', wide: true, value: (row) => named(row.owner), show: (row) => threadName(row.owner)},
-      {title: 'Blocked', wide: true, value: (row) => named(row.blocked)},
+      {title: 'Owner', wide: true, value: (row) => named(row.owner),
+        show: (row) => threadName(row.owner)},
+      {title: 'Blocked', wide: true, kept: true, value: (row) => named(row.blocked),
+        show: (row) => threadName(row.blocked)},
       {title: '≈ Times', numeric: true, value: (row) => row.estimate,
         show: (row) => formatNumber(Math.round(row.estimate))},
       {title: 'Locks in common', wide: true, value: lockNames},

@@ -41,7 +41,7 @@ function comparedPanel({name, measure, rows, notRecordedIn, sessionsBefore, sess
         show: (row) => numberOrNone(row.before)},
       {title: 'After', numeric: true, value: (row) => Number(row.after ?? -1),
         show: (row) => numberOrNone(row.after)},
-      {title: 'Difference', numeric: true, value: difference,
+      {title: 'Difference', numeric: true, kept: true, value: difference,
         show: (row) => formatSigned(difference(row))},
       {title: 'Better, worse', numeric: true, picture: true, value: difference,
         show: (row) => differenceBar(difference(row), widest)},

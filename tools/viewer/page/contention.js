@@ -108,7 +108,7 @@ function deadlock(profile, circle) {
     })));
 }
 
-const code = (text) => el('code', null, text);
+const code = (text) => el('code', null, breakable(text));
 
 function stuckLock(profile, one, moment) {
   const lengthOf = (since) => formatNanos(Math.max(0, profile.written - since) * kNanosOfMilli);

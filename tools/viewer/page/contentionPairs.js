@@ -39,7 +39,7 @@ function sitePairTable(pairs, whole) {
     columns: [
       {title: 'Waited in', wide: true, value: (row) => siteText(row.waiter),
         show: (row) => javaName(siteText(row.waiter))},
-      {title: 'Held by', wide: true, value: (row) => siteText(row.owner),
+      {title: 'Held by', wide: true, kept: true, value: (row) => siteText(row.owner),
         show: (row) => javaName(siteText(row.owner))},
       millisColumn('Blocked ms', (row) => row.nanos),
       {title: 'Share', numeric: true, value: (row) => row.nanos,

@@ -80,15 +80,24 @@ function field(label, control) {
   return el('span', {class: 'field'}, el('label', {for: control.id}, label), control);
 }
 
-// A qualified name, of which a narrow table shows the class and the method, and cuts the package and
-// the source.
+// A qualified name, of which a narrow table shows the class, the method and the line. It cuts the
+// package first, then the source, then the middle of what is left.
 function javaName(name) {
-  const [, packages, rest, source] =
-    /^((?:[a-z_$][\w$]*\.)*)([^]*?)(\([^(]*\))?$/.exec(visibleText(named(name)));
+  const [, packages, start, end, file, line, close] =
+    /^((?:[a-z_$][\w$]*\.)*)([^(]*?)((?:[.$][\w$<>]{1,24})?)(?:(\([^(:]*)((?::\d+)?)(\)))?$/.exec(
+      visibleText(named(name))) ?? ['', '', visibleText(named(name)), ''];
   return el('span', {class: 'java', title: name},
-    el('span', {class: 'packages'}, packages), el('span', {class: 'rest'}, rest),
-    source && el('span', {class: 'source'}, source));
+    el('span', {class: 'packages'}, packages),
+    el('span', {class: 'name'}, el('span', {class: 'start'}, start), el('span', {class: 'end'}, end),
+      file && el('span', {class: 'source'}, el('span', {class: 'file'}, file), line,
+        el('span', {class: 'file'}, close))));
 }
+
+// A text in which a long name has lines of its own where it does not fit, and breaks between its
+// parts only.
+const breakable = (text) => visibleText(text).split(/([^\s,;]{24,})/).map((word, index) =>
+  (index % 2 === 0 ? word : el('span', {class: 'word'}, word.split(/(?<=[.$@(])/)
+    .flatMap((part, place) => (place === 0 ? [part] : [el('wbr'), part])))));
 
 // A thread's name, of which a narrow table keeps the end: it tells the threads of a pool apart.
 function threadName(name) {

@@ -28,10 +28,11 @@ const exceptionView = {
       },
       columns: [
         {title: 'Time', value: (row) => row.time ?? '', show: (row) => timeFormat(row.time)},
-        {title: 'Exception', wide: true, value: (row) => row.class,
+        {title: 'Exception', wide: true, kept: true, value: (row) => row.class,
           show: (row) => javaName(row.class)},
         {title: 'Message', wide: true, value: (row) => row.message ?? ''},
-        {title: 'Thread', value: (row) => named(row.thread ?? '(not known)')},
+        {title: 'Thread', value: (row) => named(row.thread ?? '(not known)'),
+          show: (row) => threadName(row.thread ?? '(not known)')},
         {title: 'Caught', value: (row) => caughtText(row.caught)},
       ]});
     const {counts} = exceptions;

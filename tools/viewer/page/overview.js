@@ -45,7 +45,7 @@ function findingList(findings) {
   const known = findings.filter((one) => one.isKnown);
   const unknown = findings.filter((one) => !one.isKnown);
   const answer = (one) => [el('dt', null, one.question),
-    el('dd', null, one.text, one.isKnown && [' ', el('a', {href: `#${one.view}`}, 'More')])];
+    el('dd', null, breakable(one.text), one.isKnown && [' ', el('a', {href: `#${one.view}`}, 'More')])];
   return findings.length > 0 && el('section', {class: 'panel findings', 'aria-label': 'In short'},
     known.length > 0 && el('dl', null, known.flatMap(answer)),
     unknown.length > 0 && el('details', null,

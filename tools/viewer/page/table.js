@@ -7,7 +7,8 @@ const kSmallTable = 120;  // up to so many rows all are in the document, for the
 
 // dataTable({caption, columns, rows, sortBy, onSelect}) gives {element, setRows, select}.
 //   columns   {title, value(row) for sorting and showing, show(row) for a text or an element
-//             instead, numeric, wide, picture, share(row) from 0 to 1 for a bar behind the number}
+//             instead, numeric, wide, picture, kept on narrow screens, share(row) from 0 to 1 for
+//             a bar behind the number}
 //   sortBy    index of the column that the rows are sorted by at first, numbers descending; without
 //             it they stay in their order
 //   onSelect  called with the row that is chosen; its first cell is a button then
@@ -17,9 +18,9 @@ function dataTable({caption, columns, rows, sortBy = -1, onSelect = null}) {
   let sorting = {column: sortBy, descending: sortBy >= 0 && Boolean(columns[sortBy].numeric)};
   const inDocument = new Map();  // row index to its element
 
-  // On a narrow screen a table shows names and the figure that it is sorted by; the rest on demand.
+  // On a narrow screen a table shows the name and the figure that it is sorted by; the rest on demand.
   const main = sortBy >= 0 ? sortBy : columns.findIndex((column) => column.numeric);
-  const isMinor = (index) => index !== 0 && index !== main;
+  const isMinor = (index) => index !== 0 && index !== main && !columns[index].kept;
 
   const body = el('tbody');
   const above = el('tr', {class: 'space', 'aria-hidden': 'true'});
@@ -34,7 +35,7 @@ function dataTable({caption, columns, rows, sortBy = -1, onSelect = null}) {
   const all = el('input', {type: 'checkbox', change: () =>
     scroller.classList.toggle('all-columns', all.checked)});
   const scroller = el('div', {
-    class: 'scroller', tabindex: '0', role: 'region', 'aria-label': caption, scroll: () => draw(),
+    class: columns.some((column) => column.kept) ? 'scroller names' : 'scroller', tabindex: '0', role: 'region', 'aria-label': caption, scroll: () => draw(),
   }, table);
 
   function cellClass(column, index) {
