@@ -8,6 +8,21 @@ from selenium.webdriver.common.keys import Keys
 
 TIMEOUT = 20  # seconds
 
+# Texts that a narrow place breaks into a column of letters.
+NARROW_TEXTS = """
+  const found = [];
+  const texts = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+  while (texts.nextNode()) {
+    const text = texts.currentNode.textContent.trim();
+    const place = texts.currentNode.parentElement;
+    if (text.length < 6 || place.closest('.upright, .unseen, script, style, select')) continue;
+    const range = document.createRange();
+    range.selectNodeContents(texts.currentNode);
+    const {width, height} = range.getBoundingClientRect();
+    if (width > 0 && width < 30 && height > 40) found.push(text);
+  }
+  return found;"""
+
 
 def number(text):
     """ "1,234 s" as 1234."""
@@ -104,6 +119,13 @@ class Browser:
 
     def text(self):
         return self.run("return document.body.innerText")
+
+    def expect_to_fit(self, width, view):
+        """The view scrolls down only, also with all its folds open, and its texts have room."""
+        for fold in self.all("main details:not([open])"):
+            self.run("arguments[0].open = true", fold)
+        assert self.run("return document.documentElement.scrollWidth") <= width, view
+        assert self.run(NARROW_TEXTS) == [], view
 
     def expect_readable(self, view):
         """Everything in the view has what assistive technology needs."""

@@ -34,6 +34,13 @@ def test_page_opens_on_what_grows(browser, open_session):
     assert "Shop.login:31" in browser.text()
 
 
+def test_growth_fits_a_narrow_screen(browser, open_session):
+    browser.resize(400, 800)
+    open_session(reports.shop_allocations())
+    browser.table(CLASSES).choose("com.example.shop.Session")
+    browser.expect_to_fit(400, "Memory")
+
+
 def test_leaks_come_before_caches_and_what_was_made_at_the_start(browser, open_session):
     open_session(reports.shop_allocations())
     table = browser.table(PLACES)

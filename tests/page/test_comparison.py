@@ -42,6 +42,15 @@ def test_differences_are_those_of_the_reports(comparison):
     assert browser.tiles() == {"worse": "1", "came": "1", "better": "1", "went": "1", "same": "1"}
 
 
+def test_differences_fit_a_narrow_screen(comparison):
+    comparison(BEFORE, AFTER).resize(400, 800)
+    browser = comparison(BEFORE, AFTER)
+    browser.expect_to_fit(400, "Comparison")
+    assert browser.run("return [...document.querySelector('table.data').tHead.rows[0].cells]"
+                       ".filter(e => e.offsetWidth > 0).map(e => e.textContent)") == [
+        "Name", "Before", "Difference"]
+
+
 def test_threshold_decides_and_is_named(comparison):
     browser = comparison(BEFORE, AFTER, "--threshold", "0", "--least", "8")
     assert "differences of 0 % and more of the larger number, and of 8 and more" in browser.text()

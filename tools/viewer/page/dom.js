@@ -83,14 +83,20 @@ function field(label, control) {
 // A qualified name, of which a narrow table shows the class, the method and the line. It cuts the
 // package first, then the source, then the middle of what is left.
 function javaName(name) {
-  const [, packages, start, end, file, line, close] =
-    /^((?:[a-z_$][\w$]*\.)*)([^(]*?)((?:[.$][\w$<>]{1,24})?)(?:(\([^(:]*)((?::\d+)?)(\)))?$/.exec(
-      visibleText(named(name))) ?? ['', '', visibleText(named(name)), ''];
+  const text = visibleText(named(name));
+  const [packages] = /^(?:[a-z_$][\w$]*\.)*/.exec(text);
+  const source = /\((?:[^()\s]*:\d+|Native Method|Unknown Source)\)$/.exec(text)?.[0] ?? '';
+  const line = /:\d+(?=\)$)/.exec(source)?.[0] ?? '';
+  const rest = text.slice(packages.length, text.length - source.length);
+  const end = /[.$][\w$<>]{1,24}$/.exec(rest)?.[0] ?? '';
   return el('span', {class: 'java', title: name},
     el('span', {class: 'packages'}, packages),
-    el('span', {class: 'name'}, el('span', {class: 'start'}, start), el('span', {class: 'end'}, end),
-      file && el('span', {class: 'source'}, el('span', {class: 'file'}, file), line,
-        el('span', {class: 'file'}, close))));
+    el('span', {class: 'name'},
+      el('span', {class: 'start'}, rest.slice(0, rest.length - end.length)),
+      el('span', {class: 'end'}, end),
+      source && el('span', {class: 'source'},
+        el('span', {class: 'file'}, source.slice(0, source.length - line.length - 1)), line,
+        el('span', {class: 'file'}, ')'))));
 }
 
 // A text in which a long name has lines of its own where it does not fit, and breaks between its
