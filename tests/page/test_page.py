@@ -849,7 +849,8 @@ def test_a_long_name_keeps_its_class_and_method(browser, page_of, tmp_path, widt
     session = reports.LockSession()
     session.lock(f"{package}.Stock@7", blocked=9)
     methods = [f"{package}.{'Order' + 'i' * more}.put" for more in range(60)]
-    session.enter(f"{package}.Stock@7", "worker", [f"{m}(Order.java:31)" for m in methods], 1, blocked=9)
+    session.enter(f"{package}.Stock@7", "worker", [f"{m}(Order.java:31)" for m in methods], 1,
+                  blocked=9)
     browser.resize(width, 900)
     browser.open(page_of(session.write(tmp_path)), "flame")
     found = browser.run(PARTS, browser.table("Methods of the flame graph").element)
