@@ -124,7 +124,7 @@ def test_stuck_threads_beyond_those_listed_are_counted(browser, open_report, rep
     open_report(report)
     panel = browser.one(".stuck").text
     assert f"{40 - listed} more threads." in panel
-    assert "the owner is not known: a lock of this kind does not keep it" in panel
+    assert "the owner is not known: locks of this kind do not record it" in panel
 
 
 def test_locks_by_class_have_the_sums_of_the_report(browser, page, report):
@@ -293,7 +293,7 @@ def test_pairs_are_those_of_the_samples(browser, page, report):
     assert "≈" not in browser.text() and not browser.all(".matrix"), "no estimates"
     unknown = browser.one_of(browser.all("h3"), "Time without a known owner").find_element(
         "xpath", "..").text
-    assert "1,900 ms" in unknown and "a fair lock, promised to the next thread" in unknown
+    assert "1,900 ms" in unknown and "a fair lock that was promised to the next thread" in unknown
 
 
 def test_chain_goes_from_lock_to_lock(browser, page):
@@ -337,9 +337,9 @@ def test_flame_graph_of_owners_and_by_samples(browser, page):
     assert rows["sun.nio.ch.SocketDispatcher.read0"]["Ends here"] == "530,000 ms"
     unknown = [name for name in rows if "not known" in name or "held by nobody" in name]
     assert sorted(unknown) == [
-        "(held by nobody: a fair lock, promised to the next thread)",
-        "(the owner is not known: a lock of this kind does not keep it)",
-        "(the owner is not known: it let go meanwhile, or the JVM did not say)"]
+        "(held by nobody: a fair lock that was promised to the next thread)",
+        "(the owner is not known: it had released the lock, or the JVM did not report it)",
+        "(the owner is not known: locks of this kind do not record it)"]
     browser.choose("Width", "Samples")
     assert browser.one(".flame-line").text.endswith(" samples")
     assert flame_rows(browser)["sun.nio.ch.SocketDispatcher.read0"]["Ends here"] == "26,500"
@@ -366,7 +366,7 @@ def test_what_is_missing_is_told_in_words(browser, open_report, report):
     assert ("Locks and waits of java.util.concurrent are NOT in this report: the class file could not "
             "be changed.") in missing
     assert "7 blocks had begun before the profile" in missing
-    assert "3 samples (5.0 ms) had no room among the pairs." in missing
+    assert "3 samples (5.0 ms) did not fit among the pairs." in missing
     assert "Times and entries, which are those of monitors only, are exact" in text
     assert "2.6 s of processor time (0.9 % of one processor), 3,120 safepoints" in text
 

@@ -104,7 +104,7 @@ TEST(allocationTables, tellWhatIsNotKnown) {
         all["afterCollection"] = false;
         all["young"] = amountOf(4);
       }),
-      AllOf(HasSubstr("Old objects are looked at only by collections of the old generation"),
+      AllOf(HasSubstr("Only collections of the old generation look at old objects"),
             HasSubstr("2.0 MiB in 4 samples is not counted")));
   EXPECT_THAT(tablesWith([](json& all) { all["omitted"]["lost"] = 5; }),
               HasSubstr("5 samples (0 B) were lost"));
@@ -113,7 +113,7 @@ TEST(allocationTables, tellWhatIsNotKnown) {
         all["omitted"]["thinned"] = 1;
         all["intervalBytes"] = 2 * kSampleBytes;
       }),
-      HasSubstr("the interval was made rarer (1 time): 512 KiB before, 1.0 MiB in the end"));
+      HasSubstr("the interval was lengthened (1 time): 512 KiB before, 1.0 MiB in the end"));
   EXPECT_THAT(tablesWith([](json& all) {
                 all["omitted"]["stacks"] = 3;
                 all["otherSites"]["sites"] = 2;
@@ -149,7 +149,7 @@ TEST(allocationTables, tellWhyHistogramsAndPathsAreMissing) {
   session.paths->problem = "the flight recorder is not there";
   EXPECT_THAT(tables(session),
               AllOf(HasSubstr("Class histograms: the bean is missing."),
-                    HasSubstr("every 2 min 0 s in place of every 1 min 0 s"),
+                    HasSubstr("every 2 min 0 s instead of every 1 min 0 s"),
                     HasSubstr("2 histograms were taken: it takes 3"),
                     HasSubstr("Who holds objects: the flight recorder is not there.")));
 }

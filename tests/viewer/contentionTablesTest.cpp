@@ -143,9 +143,10 @@ TEST(contentionTablesOf, endAChainThatComesAround) {
 TEST(contentionTablesOf, tellWhyAnOwnerIsNotKnown) {
   for (const auto& [note, text] : std::map<std::string, const char*>{
            {"virtual", "the owner is a virtual thread, which the VM does not name"},
-           {"handedOver", "held by nobody: a fair lock, promised to the next thread"},
-           {"notKept", "the owner is not known: a lock of this kind does not keep it"},
-           {"changed", "the owner is not known: it let go meanwhile, or the JVM did not say"},
+           {"handedOver", "held by nobody: a fair lock that was promised to the next thread"},
+           {"notKept", "the owner is not known: locks of this kind do not record it"},
+           {"changed",
+            "the owner is not known: it had released the lock, or the JVM did not report it"},
            {"none", "held by nobody at that moment"},
            {"other", "the owner is not known: other"}}) {
     json document = recordedContention();
@@ -262,7 +263,7 @@ TEST(contentionTablesOf, rankBySiteOwnerAndThread) {
   EXPECT_THAT(
       ownerSitesOf(report),
       testing::Contains(testing::Field(
-          &sampledSum::name, "(the owner is not known: a lock of this kind does not keep it)")));
+          &sampledSum::name, "(the owner is not known: locks of this kind do not record it)")));
 }
 
 TEST(contentionTablesOf, tellThatTheProfileWasNotStopped) {
@@ -295,12 +296,12 @@ TEST(contentionTablesOf, tellEachOmission) {
   for (const auto& [member, text] : std::map<std::string, const char*>{
            {"startsNotSeen", "2 blocks had begun before the profile"},
            {"blocksNotSampled", "2 blocks were counted but never sampled"},
-           {"locksNotSampled", "2 times a lock with blocked threads was passed over"},
-           {"ownersChanged", "In 2 samples the owner let go meanwhile"},
-           {"otherLocks", "2 blocks were at locks for which there was no room among 4,096."},
-           {"classes", "2 blocks were at locks for whose class there was no room either."},
-           {"pairs", "2 samples (0 ms) had no room among the pairs."},
-           {"stacks", "2 stacks had no room"},
+           {"locksNotSampled", "2 times a lock with blocked threads was skipped"},
+           {"ownersChanged", "In 2 samples the owner had released the lock"},
+           {"otherLocks", "2 blocks were at locks that did not fit among 4,096."},
+           {"classes", "2 blocks were at locks whose class did not fit either."},
+           {"pairs", "2 samples (0 ms) did not fit among the pairs."},
+           {"stacks", "2 stacks did not fit"},
            {"windows", "The time line does not have the first 2 windows."},
            {"windowLocks", "Windows do not have 2 locks"},
            {"stuck", "2 more locks are stuck and not listed."}}) {
@@ -317,11 +318,12 @@ TEST(contentionTablesOf, tellEachOmission) {
 }
 
 TEST(contentionTablesOf, tellWhatTheProfileCost) {
-  EXPECT_EQ(costText(parsedContention()),
-            "The profile's own cost for samples: 2,610 ms of processor time (0.9 % of one "
-            "processor), 3,120 safepoints (the calls took 187 ms), 11,400 handshakes (402 ms). It "
-            "looked 14,211 times, and skipped 809 looks to stay within 1 %. Counting, on the "
-            "program's own threads, comes on top.");
+  EXPECT_EQ(
+      costText(parsedContention()),
+      "The profile's own cost for samples: 2,610 ms of processor time (0.9 % of one "
+      "processor), 3,120 safepoints (the calls took 187 ms), 11,400 handshakes (402 ms). It "
+      "ran 14,211 times and skipped 809 runs to stay within 1 %. Counting on the program's own "
+      "threads adds to that.");
 }
 
 TEST(contentionTablesOf, tellThatOnlyAPartIsShown) {

@@ -222,19 +222,18 @@ TEST(exceptionTables, tellWhatIsNotAmongTheRecords) {
       "The agent saw 12,238 exceptions: 12,000 over the rate, 20 of excluded classes, 200 "
       "thrown in packages that are not recorded, 3 without a record (callback 1, stack 2), 15 "
       "handed over as records. Records that were cut: 2.\n"
-      "Only records are known of each class and site, for the agent's counts "
-      "(exception-counts.json) are\n  not there: at most a few of a class are recorded in a "
-      "minute, "
-      "and the number of exceptions may be\n  larger.\n"
+      "Only records are known of each class and site: the agent's counts "
+      "(exception-counts.json) are\n  missing. At most a few of a class are recorded in a minute, "
+      "so there may have been more\n  exceptions.\n"
       "Incomplete: 5 records were dropped.\n"
       "Incomplete: no record could be made of 3 exceptions (callback 1, stack 2).\n");
-  EXPECT_EQ(exceptionLine(readLog(kFull).log, {}),
-            "Exceptions: 1 records\n"
-            "Only records are known of each class and site, for the agent's counts "
-            "(exception-counts.json) are\n  not there: at most a few of a class are recorded in a "
-            "minute, "
-            "and the number of exceptions may be\n  larger.\n"
-            "Incomplete: there is no end line: the JVM was killed or is still running.\n");
+  EXPECT_EQ(
+      exceptionLine(readLog(kFull).log, {}),
+      "Exceptions: 1 records\n"
+      "Only records are known of each class and site: the agent's counts "
+      "(exception-counts.json) are\n  missing. At most a few of a class are recorded in a minute, "
+      "so there may have been more\n  exceptions.\n"
+      "Incomplete: there is no end line: the JVM was killed or is still running.\n");
 }
 
 TEST(exceptionTables, accountForEachExceptionThatWasSeen) {

@@ -56,13 +56,13 @@ void addCollections(const allocationReport& report, std::vector<std::string>& to
     return;
   }
   add(to, !report.isAfterCollection,
-      "No collection was made just before this was written. Old objects are looked at only by "
-      "collections of the old generation: what is garbage there since the last of them counts as "
-      "alive.");
+      "No collection ran just before this was written. Only collections of the old generation look "
+      "at old objects: garbage there counts as alive until the next one.");
   add(to, report.young.samples > 0,
-      fmt::format("{} in {} is not counted: allocated since the last collection, so that none has "
-                  "looked at it.",
-                  sizeText(report.young.bytes), samplesText(report.young.samples)));
+      fmt::format(
+          "{} in {} is not counted: it was allocated since the last collection, so none has "
+          "looked at it.",
+          sizeText(report.young.bytes), samplesText(report.young.samples)));
 }
 
 std::string rangeText(const estimateRange& range) {
@@ -113,13 +113,13 @@ std::vector<std::string> allocationOmissions(const allocationSession& session) {
       fmt::format("The session took {}: growth by minute is scaled up from that.",
                   durationText(lengthOf(report))));
   add(result, omitted.thinned > 0,
-      fmt::format("There were more than {} live samples, so that the interval was made rarer ({}): "
-                  "{} before, {} in the end. Each figure is based on fewer samples.",
+      fmt::format("There were more than {} live samples, so the interval was lengthened ({}): {} "
+                  "before, {} in the end. Each figure is based on fewer samples.",
                   grouped(report.settings.liveSamples), counted(omitted.thinned, "time", "times"),
                   sizeText(report.settings.intervalBytes), sizeText(report.intervalBytes)));
   add(result, omitted.lost > 0,
-      fmt::format("{} ({}) were lost, as they came faster than they could be kept: figures are too "
-                  "low.",
+      fmt::format("{} ({}) were lost because they came faster than they could be kept: figures are "
+                  "too low.",
                   samplesText(omitted.lost), sizeText(omitted.lostBytes)));
   add(result, omitted.failed > 0,
       fmt::format("{} could not be kept: no memory, or the VM refused.",
@@ -152,7 +152,7 @@ std::vector<std::string> growthNotes(const allocationSession& session) {
     result.push_back("Class histograms: " + *growth.problem + '.');
   }
   add(result, growth.intervalMillis > growth.askedMillis,
-      fmt::format("Histograms were taken every {} in place of every {}: each took more than 1 % of "
+      fmt::format("Histograms were taken every {} instead of every {}: each took more than 1 % of "
                   "that.",
                   durationText(growth.intervalMillis), durationText(growth.askedMillis)));
   add(result, !hasHistograms(session),

@@ -141,9 +141,9 @@ std::string ownerNoteText(const std::optional<std::string>& note) {
   }
   static const std::map<std::string, const char*, std::less<>> texts = {
       {"virtual", "the owner is a virtual thread, which the VM does not name"},
-      {"handedOver", "held by nobody: a fair lock, promised to the next thread"},
-      {"notKept", "the owner is not known: a lock of this kind does not keep it"},
-      {"changed", "the owner is not known: it let go meanwhile, or the JVM did not say"},
+      {"handedOver", "held by nobody: a fair lock that was promised to the next thread"},
+      {"notKept", "the owner is not known: locks of this kind do not record it"},
+      {"changed", "the owner is not known: it had released the lock, or the JVM did not report it"},
       {"none", "held by nobody at that moment"}};
   const auto found = texts.find(*note);
   return found == texts.end() ? "the owner is not known: " + *note : found->second;

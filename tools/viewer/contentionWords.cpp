@@ -84,22 +84,23 @@ void addSampleOmissions(const contentionReport& report, std::vector<std::string>
   add(to, report.settings.samplesPerSecond == 0 ? 1 : 0,
       "No samples were taken, as samples were off: there are no sites, owners and pairs.");
   add(to, omitted.blocksNotSampled,
-      fmt::format("{} counted but never sampled, for want of room: not among sites, owners, "
-                  "deadlocks, and threads that are still blocked or stuck.",
-                  counted(omitted.blocksNotSampled, "block was", "blocks were")));
+      fmt::format(
+          "{} counted but never sampled, for lack of room. Sites, owners and deadlocks lack "
+          "them, and so do the threads that are still blocked or stuck.",
+          counted(omitted.blocksNotSampled, "block was", "blocks were")));
   add(to, omitted.locksNotSampled,
-      fmt::format("{} a lock with blocked threads was passed over, as there were too many at that "
-                  "moment: later samples of it stand for that time, too.",
+      fmt::format("{} a lock with blocked threads was skipped because there were too many at that "
+                  "moment. Later samples of it stand for that time too.",
                   counted(omitted.locksNotSampled, "time", "times")));
   add(to, omitted.ownersChanged,
-      fmt::format("In {} the owner let go meanwhile, so that it is not known.",
+      fmt::format("In {} the owner had released the lock, so it is not known.",
                   counted(omitted.ownersChanged, "sample", "samples")));
   add(to, omitted.pairs,
-      fmt::format("{} ({} ms) had no room among the pairs.",
+      fmt::format("{} ({} ms) did not fit among the pairs.",
                   counted(omitted.pairs, "sample", "samples"), milliText(omitted.pairNanos)));
   add(to, omitted.stacks,
-      fmt::format("{} no room: \"(stack not known)\".",
-                  counted(omitted.stacks, "stack had", "stacks had")));
+      fmt::format("{} not fit: \"(stack not known)\".",
+                  counted(omitted.stacks, "stack did", "stacks did")));
   add(to, omitted.stuck,
       fmt::format("{} stuck and not listed.",
                   counted(omitted.stuck, "more lock is", "more locks are")));
@@ -176,14 +177,14 @@ std::vector<std::string> omissionsOf(const contentionReport& report) {
       fmt::format("{} begun before the profile: their time is in no table.",
                   counted(omitted.startsNotSeen, "block had", "blocks had")));
   add(result, report.otherLocks.size(),
-      "\"(others)\" sums up the locks of a class that are not told apart: those that are no longer "
-      "alive, and those for which there was no room.");
+      "\"(others)\" is the sum of the locks of a class that are not listed one by one: those that "
+      "are no longer alive, and those that did not fit.");
   add(result, omitted.otherLocks,
-      fmt::format("{} at locks for which there was no room among {}.",
+      fmt::format("{} at locks that did not fit among {}.",
                   counted(omitted.otherLocks, "block was", "blocks were"),
                   grouped(report.settings.locks)));
   add(result, omitted.classes,
-      fmt::format("{} at locks for whose class there was no room either.",
+      fmt::format("{} at locks whose class did not fit either.",
                   counted(omitted.classes, "block was", "blocks were")));
   addSampleOmissions(report, result);
   add(result, omitted.windows,
@@ -204,13 +205,12 @@ std::string costText(const contentionReport& report) {
                                            static_cast<double>(length);
   return fmt::format(
       "The profile's own cost for samples: {} ms of processor time ({:.1f} % of one processor), {} "
-      "(the calls took {} ms), {} ({} ms). It looked {}, and skipped {} to stay within {} %. "
-      "Counting, "
-      "on the program's own threads, comes on top.",
+      "(the calls took {} ms), {} ({} ms). It ran {} and skipped {} to stay within {} %. "
+      "Counting on the program's own threads adds to that.",
       milliText(cost.processorNanos), percent, counted(cost.safepoints, "safepoint", "safepoints"),
       milliText(cost.safepointNanos), counted(cost.handshakes, "handshake", "handshakes"),
       milliText(cost.handshakeNanos), counted(cost.ticks, "time", "times"),
-      counted(cost.ticksLeftOut, "look", "looks"), report.settings.budgetPercent);
+      counted(cost.ticksLeftOut, "run", "runs"), report.settings.budgetPercent);
 }
 
 std::string sentenceLines(const std::vector<std::string>& sentences, const terminalStyle& terminal,

@@ -221,10 +221,9 @@ std::string thrownText(const exceptionCounts& counts) {
 }
 
 constexpr const char* kOnlyRecords =
-    "Only records are known of each class and site, for the agent's counts (exception-counts.json) "
-    "are not there: at most a few of a class are recorded in a minute, and the number of "
-    "exceptions "
-    "may be larger.";
+    "Only records are known of each class and site: the agent's counts (exception-counts.json) are "
+    "missing. At most a few of a class are recorded in a minute, so there may have been more "
+    "exceptions.";
 
 // What the counts do not have, or only in part.
 std::vector<std::string> countNotes(const exceptionLog& log) {

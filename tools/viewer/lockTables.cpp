@@ -303,7 +303,7 @@ std::string stacksOfNoLock(const lockReport& report, const stackTable& stacks,
                                   count == 1 ? "stack" : "stacks"));
   result +=
       sentenceLines({"They belong to locks that the summary session did not know, or to threads "
-                     "that had no room. How often and how long these were blocked is not known."},
+                     "that did not fit. How often and how long these were blocked is not known."},
                     terminal);
   std::size_t rank = 1;
   for (std::uint64_t hash : first(report.stacksOfNoLock, limits.rows)) {

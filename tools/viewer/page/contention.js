@@ -313,7 +313,7 @@ function costPanel(profile) {
       percent.toFixed(1)} % of one processor), ${plural(cost.safepoints, 'safepoint', 'safepoints')} ` +
       `(the calls took ${formatNanos(cost.safepointNanos)}), ${
         plural(cost.handshakes, 'handshake', 'handshakes')} (${formatNanos(cost.handshakeNanos)}). ` +
-      `The agent looked ${plural(cost.ticks, 'time', 'times')}, and skipped ${
-        plural(cost.ticksLeftOut, 'lookup', 'lookups')} to stay within ${settings.budgetPercent} % of one ` +
-      'processor. Counting, on the program’s own threads, comes on top.'));
+      `The sampler ran ${plural(cost.ticks, 'time', 'times')} and skipped ${
+        plural(cost.ticksLeftOut, 'run', 'runs')} to stay within ${settings.budgetPercent} % of one ` +
+      'processor. Counting on the program’s own threads adds to that.'));
 }

@@ -25,9 +25,9 @@ const contentionLength = (profile) => (profile.ended ?? profile.written) - profi
 function ownerNoteText(note) {
   const texts = {
     virtual: 'the owner is a virtual thread, which the VM does not name',
-    handedOver: 'held by nobody: a fair lock, promised to the next thread',
-    notKept: 'the owner is not known: a lock of this kind does not keep it',
-    changed: 'the owner is not known: it let go meanwhile, or the JVM did not say',
+    handedOver: 'held by nobody: a fair lock that was promised to the next thread',
+    notKept: 'the owner is not known: locks of this kind do not record it',
+    changed: 'the owner is not known: it had released the lock, or the JVM did not report it',
     none: 'held by nobody at that moment',
   };
   return Object.hasOwn(texts, note ?? '') ? texts[note]

@@ -114,9 +114,9 @@ const caughtText = (caught) => (caught === null ? 'not known' : caught ? 'caught
 function countNotes({counts, groups, records, thrown}) {
   const ofRecords = plural(records.length, 'record', 'records');
   if (!counts) {
-    return [`Only records are known of each class and site, for the agent's counts ` +
-      '(exception-counts.json) are not there: at most a few of a class are recorded in a minute, ' +
-      'and the number of exceptions may be larger.'];
+    return ['Only records are known of each class and site: the agent’s counts ' +
+      '(exception-counts.json) are missing. At most a few of a class are recorded in a minute, ' +
+      'so there may have been more exceptions.'];
   }
   const {total} = counts;
   const byClass = sum(counts.classes.map((one) => one.thrown));

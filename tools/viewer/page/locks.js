@@ -74,7 +74,7 @@ function stacksOfNoLock(session) {
   const section = panel(`Blocked, but at no lock of the report: ${
     plural(stacks.length, 'stack', 'stacks')}`,
   el('p', {class: 'note'}, 'They belong to locks that the summary session did not know, or to threads ' +
-    'that had no room. How often and how long these were blocked is not known.'),
+    'that did not fit. How often and how long these were blocked is not known.'),
   el('div', {class: 'stacks'}, stacks.slice(0, kShown).map((stack, place) => {
     const names = frameNames(session, stack);
     return el('details', {open: place === 0},

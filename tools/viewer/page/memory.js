@@ -43,9 +43,9 @@ function memorySession(session) {
   const left = session.classes.length - kShownClasses;
   return panel(`Survivors of session ${session.id}: ${formatBytes(session.totals.bytes)} in ${
     plural(session.totals.objects, 'object', 'objects')}`,
-  el('p', {class: 'note'}, 'Objects that were tagged and that no collection has taken yet, by the ' +
-    'number of collections that had finished when they were tagged. Old generations that never ' +
-    'shrink are the sign of a leak.'),
+  el('p', {class: 'note'}, 'Tagged objects that no collection has freed yet, by the number of ' +
+    'collections that had finished when they were tagged. Old generations that never shrink are ' +
+    'the sign of a leak.'),
   el('div', {class: 'controls'}, field('Show', measure), ageLegend(session.generations)),
   figure(left > 0 ? `The ${kShownClasses} classes with the most bytes; ${
     formatNumber(left)} more in the table` : 'Survivors by class and generation', picture,

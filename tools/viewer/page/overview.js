@@ -189,7 +189,7 @@ function mostBlocked(session) {
   })), {href: '#locks', text: `All ${formatNumber(locks.length)} locks`});
 }
 
-const mostContendedSites = (session) => ranking('Methods that came to a taken lock',
+const mostContendedSites = (session) => ranking('Methods that found a lock taken',
   session.sites.slice(0, kRanked).map((site) => ({
     name: site.method === null ? kUnknownStack : shortMethod(site.method),
     title: site.method ?? kUnknownStack, amount: site.entries,
