@@ -99,13 +99,12 @@ TEST(allocationTables, tellWhereTooFewSamplesShowNoGrowth) {
 TEST(allocationTables, tellWhatIsNotKnown) {
   EXPECT_THAT(tablesWith([](json& all) { all["collections"] = 0; }),
               AllOf(HasSubstr("NO COLLECTION ran"), HasSubstr(": growth not known")));
-  EXPECT_THAT(
-      tablesWith([](json& all) {
-        all["afterCollection"] = false;
-        all["young"] = amountOf(4);
-      }),
-      AllOf(HasSubstr("Only collections of the old generation look at old objects"),
-            HasSubstr("2.0 MiB in 4 samples is not counted")));
+  EXPECT_THAT(tablesWith([](json& all) {
+                all["afterCollection"] = false;
+                all["young"] = amountOf(4);
+              }),
+              AllOf(HasSubstr("Only collections of the old generation look at old objects"),
+                    HasSubstr("2.0 MiB in 4 samples is not counted")));
   EXPECT_THAT(tablesWith([](json& all) { all["omitted"]["lost"] = 5; }),
               HasSubstr("5 samples (0 B) were lost"));
   EXPECT_THAT(

@@ -159,22 +159,23 @@ TEST(lockTablesOf, listStacksOfLocksThatAreNotInTheReport) {
   const lockReport none = parsedReport(
       R"({"sessionname": "s", "sessionid": 1, "lockmap": {}, "stacktracemap": {"11": "", "33": ""},
           "blockingThreads": {}})");
-  EXPECT_EQ(lockTables(none, parsedStacks(), ranking::lock, {}, {}),
-            "Lock session 1 \"s\": 0 locks, 0 s blocked, 0 s waited, 2 distinct stacks\n"
-            "\n"
-            "No lock is in the report, but threads were blocked by some: see below.\n"
-            "\n"
-            "No blocking thread is in the report.\n"
-            "\n"
-            "Blocked, but at no lock of the report: 2 stacks\n"
-            "They belong to locks that the summary session did not know, or to threads that did not "
-            "fit. How\n"
-            "  often and how long these were blocked is not known.\n"
-            "  1.\n"
-            "     at a.Stock.take\n"
-            "     at a.Worker.run\n"
-            "  2.\n"
-            "     hash 33, not in a stack file that was given\n");
+  EXPECT_EQ(
+      lockTables(none, parsedStacks(), ranking::lock, {}, {}),
+      "Lock session 1 \"s\": 0 locks, 0 s blocked, 0 s waited, 2 distinct stacks\n"
+      "\n"
+      "No lock is in the report, but threads were blocked by some: see below.\n"
+      "\n"
+      "No blocking thread is in the report.\n"
+      "\n"
+      "Blocked, but at no lock of the report: 2 stacks\n"
+      "They belong to locks that the summary session did not know, or to threads that did not "
+      "fit. How\n"
+      "  often and how long these were blocked is not known.\n"
+      "  1.\n"
+      "     at a.Stock.take\n"
+      "     at a.Worker.run\n"
+      "  2.\n"
+      "     hash 33, not in a stack file that was given\n");
   EXPECT_THAT(lockTables(none, parsedStacks(), ranking::thread, {}, {}),
               HasSubstr("Blocked, but at no lock of the report: 2 stacks\n"));
 }

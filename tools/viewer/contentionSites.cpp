@@ -163,7 +163,7 @@ bool isIdle(const contentionReport& report, const contentionLock& lock) {
 }
 
 bool isOwn(const contentionLock& lock) {
-  constexpr std::string_view kOwnThreads = "javanativeagent";  // their names begin so
+  static constexpr std::string_view kOwnThreads = "javanativeagent";  // their names begin so
   return isContention(lock.kind) && !lock.pairs.empty() &&
          std::all_of(lock.pairs.begin(), lock.pairs.end(), [](const contentionPair& pair) {
            return pair.waiterThread && pair.waiterThread->starts_with(kOwnThreads);
