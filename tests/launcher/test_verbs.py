@@ -455,7 +455,7 @@ def test_doctor_names_classes_without_variables(launcher, folder):
     assert [level for level, _ in classes] == ["ok", "hint", "hint", "hint"], run
     assert classes[0][1].startswith(launcher.programs)
     assert classes[1][1].startswith("bare: frames of 1 of 2 classes show no locals (Bare); compile")
-    assert classes[2][1] == "missing.jar does not exist; correct the class path, or build it"
+    assert classes[2][1] == "missing.jar does not exist; correct the class path, or build it first"
     assert classes[3][1].startswith("./bare.jar: frames of 1 of 2 classes")
 
     run = launcher.run("doctor", "--", "java", "-jar", "bare.jar", folder=folder)
@@ -464,24 +464,68 @@ def test_doctor_names_classes_without_variables(launcher, folder):
 
 def test_doctor_checks_the_command(launcher, folder):
     run = launcher.run("doctor", "--", "no-such-command", folder=folder)
-    told = "unknown command 'no-such-command'; name a program that is on the PATH, or its file"
+    told = "unknown command 'no-such-command'; name a program on the PATH, or the path of one"
     assert run.code == 1 and ("FAULT", "command", told) in findings(run)
     run = launcher.run("doctor", "--", "sh", "start.sh", folder=folder)
     assert run.code == 0 and any(f[:2] == ("hint", "classes") for f in findings(run))
 
 
+ATTACH = "keeps list, status, start, stop and attach from working; remove it"
+AGENTS = "only one agent of a JVM can sample allocations; if there is no allocation profile, remove"
+OWN = "already has the agent"
+
+
 @pytest.mark.parametrize(
-    "option, told",
+    "words, variables, level, told",
     (
-        ("-XX:+DisableAttachMechanism", "keeps list, status, start and stop from working; remove"),
-        ("-XX:-EnableDynamicAgentLoading", "keeps list, status, start and stop from working; remove"),
-        ("-agentlib:jdwp", "only one agent of a JVM can draw samples of allocations; where"),
+        (["-XX:+DisableAttachMechanism"], {}, "hint", ATTACH),
+        (["-XX:-EnableDynamicAgentLoading"], {}, "hint", ATTACH),
+        (["-Xrs"], {}, "hint", ATTACH),
+        (["@flags"], {}, "hint", ATTACH),
+        ([], {"JAVA_TOOL_OPTIONS": "-Da=b -Xrs"}, "hint", ATTACH),
+        (["-agentlib:other=x"], {}, "hint", AGENTS),
+        ([], {"_JAVA_OPTIONS": "-agentpath:/opt/other.so"}, "hint", AGENTS),
+        (["-agentpath:/opt/libjavanativeagent.so=twHome=x"], {}, "FAULT", OWN),
+        ([], {"JAVA_TOOL_OPTIONS": "-agentpath:/opt/libjavanativeagent.so"}, "FAULT", OWN),
+        (["-agentlib:jdwp=server=y"], {}, None, None),
+        (["Main", "-XX:+DisableAttachMechanism", "-agentlib:other"], {}, None, None),
     ),
 )
-def test_doctor_names_a_remedy_for_options_that_limit(launcher, folder, option, told):
-    run = launcher.run("doctor", "--", "java", option, "-version", folder=folder)
-    (found,) = [text for level, subject, text in findings(run) if (level, subject) == ("hint", "command")]
-    assert found.startswith(option) and told in found
+def test_doctor_names_a_remedy_for_options_that_limit(launcher, folder, words, variables, level, told):
+    (folder / "flags").write_text("-Da=b\n-XX:+DisableAttachMechanism\n")
+    run = launcher.run("doctor", "--", "java", *words, "-version", folder=folder, **variables)
+    found = [f for f in findings(run) if f[1] in ("attach", "agents") or OWN in f[2]]
+    assert [f[0] for f in found] == ([level] if level else []), run
+    assert all(told in f[2] for f in found) and run.code == (level == "FAULT"), run
+
+
+def test_doctor_names_what_root_lacks_to_attach(launcher, folder):
+    if os.geteuid() != 0 or not shutil.which("setpriv"):
+        pytest.skip("needs root and setpriv")
+    words = ["setpriv", "--bounding-set=-sys_ptrace", "--inh-caps=-sys_ptrace"]
+    run = launcher.plain(*words, *launcher.command("doctor"), folder=folder)
+    assert run.code == 0 and "hint   attach     root lacks the capability SYS_PTRACE" in run.out, run
+    assert "start the container with --cap-add=SYS_PTRACE" in run.out
+
+
+def stands_for_java(folder, text):
+    java = folder / "java"
+    java.write_text("#!/bin/sh\n" + text)
+    java.chmod(0o755)
+    return java
+
+
+def test_doctor_names_what_jdk_8_lacks(launcher, folder):
+    text = """echo 'Starting Java Native Agent'; echo 'openjdk version "1.8.0_504"'\n"""
+    run = launcher.run("doctor", "--", stands_for_java(folder, text), "-version", folder=folder)
+    (told,) = [f[2] for f in findings(run) if f[:2] == ("hint", "JDK")]
+    assert "no allocation profile; use JDK 11 or later, or --memory=track=CLASS" in told and run.code == 0
+
+
+def test_doctor_names_what_an_unfit_jvm_needs(launcher, folder):
+    java = stands_for_java(folder, "echo 'wrong ELF class' >&2; exit 1\n")
+    run = launcher.run("doctor", "--", java, "-version", folder=folder)
+    assert run.code == 1 and "wrong ELF class\n  use a HotSpot JVM of JDK 8 or later" in run.out, run
 
 
 def test_doctor_finds_a_library_that_does_not_load(launcher, folder):
@@ -503,8 +547,8 @@ def test_doctor_checks_the_output_folder(launcher, folder):
     for words, told in (
         (("-o", "file"), "is not a folder"),
         (("-o", "/proc/inner"), "cannot be written"),
-        (("-o", "deep/a,b"), "has a comma"),
-        (("-o", "a,b", "--", "sh"), "has a comma"),
+        (("-o", "deep/a,b"), "contains a comma"),
+        (("-o", "a,b", "--", "sh"), "contains a comma"),
     ):
         run = launcher.run("doctor", *words, folder=folder)
         assert run.code == 1, run
@@ -514,6 +558,9 @@ def test_doctor_checks_the_output_folder(launcher, folder):
 def test_doctor_knows_the_locale(launcher, folder):
     run = launcher.run("doctor", "-o", "Größe", folder=folder, LC_ALL="C")
     assert run.code == 1 and "LC_ALL=C.UTF-8" in run.err, run
+    run = launcher.run("doctor", folder=folder, LC_ALL="C")
+    assert run.code == 0 and [f[:2] for f in findings(run) if f[0] != "ok"] == [("hint", "locale")], run
+    assert "set LC_ALL=C.UTF-8" in run.out
 
 
 # --- completion ------------------------------------------------------------------------------

@@ -271,9 +271,8 @@ std::string results::runner() const {
 
 std::string results::home() const {
   if (path_.find(',') != std::string::npos) {
-    throw failure("the output folder's path '" + path_ +
-                  "' has a comma, which the agent's options" +
-                  " cannot carry; choose another with -o DIR");
+    throw failure("the path '" + path_ + "' contains a comma, which separates the agent's options;" +
+                  " choose another with -o DIR");
   }
   return path_;
 }

@@ -29,23 +29,26 @@ public final class Doctor {
   private static final String AGENT_GREETING = "Starting Java Native Agent";
   private static final long LITTLE_SPACE = 64L << 20;
   private static final int CLASSES_NAMED = 3;
+  private static final long CAP_SYS_PTRACE = 1L << 19;
+  private static final String FAULT = "FAULT";
 
   private final Path root;
   private final Path output;
-  private final String archives;
+  private final String limits;
   private final List<String> command;
   private boolean healthy = true;
 
   /**
    * @param root the folder that holds {@code lib}
    * @param output where results are to go
-   * @param archives a line for each option that makes JVMs archive their classes; may be empty
+   * @param limits a line for each limit that the shell script has found, as "LEVEL SUBJECT TEXT";
+   *     may be empty
    * @param command the command to be profiled; may be empty
    */
-  Doctor(Path root, Path output, String archives, List<String> command) {
+  Doctor(Path root, Path output, String limits, List<String> command) {
     this.root = root;
     this.output = output;
-    this.archives = archives;
+    this.limits = limits;
     this.command = command;
   }
 
@@ -53,8 +56,8 @@ public final class Doctor {
    * The exit code is 1 when something keeps profiling from working. The shell script has checked
    * the words of the user.
    *
-   * @param args the folder that holds {@code lib}, the output folder, what is to be reported of
-   *     class archives, and the command
+   * @param args the folder that holds {@code lib}, the output folder, the limits that the shell
+   *     script has found, and the command
    */
   public static void main(String[] args) {
     try {
@@ -77,21 +80,46 @@ public final class Doctor {
       checkLibraries();
     }
     checkOutput();
-    if (!isWritable(Paths.get("/tmp"))) {
-      hint("attach", "'/tmp' cannot be written, where JVMs listen for attach, status, start and"
-          + " stop; as root: chmod 1777 /tmp");
-    }
-    for (String line : archives.split("\n")) {
-      if (!line.isEmpty()) {
-        hint("archive", line);
-      }
-    }
+    checkAttaching();
+    printLimits();
     if (command.isEmpty()) {
       checkLoading(built, ownJava());
     } else {
       checkCommand(built);
     }
     return healthy;
+  }
+
+  /** Where JVMs listen for commands, and what root needs to reach those of other users. */
+  private void checkAttaching() throws IOException {
+    if (!isWritable(Paths.get("/tmp"))) {
+      hint("attach", "'/tmp' cannot be written, so attach, status, start and stop do not work; as"
+          + " root: chmod 1777 /tmp");
+    }
+    long user = -1;
+    long capabilities = -1;
+    for (String line : Files.readAllLines(Paths.get("/proc/self/status"))) {
+      String[] words = line.split("\\s+");
+      if (words[0].equals("Uid:")) {
+        user = Long.parseLong(words[2]);
+      } else if (words[0].equals("CapEff:")) {
+        capabilities = Long.parseUnsignedLong(words[1], 16);
+      }
+    }
+    if (user == 0 && (capabilities & CAP_SYS_PTRACE) == 0) {
+      hint("attach", "root lacks the capability SYS_PTRACE here, so JVMs of other users cannot be"
+          + " reached; start the container with --cap-add=SYS_PTRACE");
+    }
+  }
+
+  private void printLimits() {
+    for (String limit : limits.split("\n")) {
+      String[] words = limit.split(" ", 3);
+      if (words.length == 3) {
+        healthy &= !words[0].equals(FAULT);
+        line(words[0], words[1], words[2]);
+      }
+    }
   }
 
   private static String ownJava() {
@@ -111,12 +139,12 @@ public final class Doctor {
     }
     if (root.toString().contains("=")) {
       all = false;
-      fault("file", "'" + root + "' has a '=' in its path, where the JVM begins the options of an"
-          + " agent; move it");
+      fault("file", "the path '" + root + "' contains '=', after which a JVM expects the agent's"
+          + " options; move the folder");
     }
     Path viewer = root.resolve("lib/twreport");
     if (!Files.isExecutable(viewer)) {
-      hint("file", viewer + " does not exist, but report needs it; "
+      hint("file", viewer + " does not exist, and report needs it; "
           + (areSources()
               ? "install libcli11-dev, libfmt-dev and nlohmann-json3-dev and build again"
               : remedy()));
@@ -148,7 +176,9 @@ public final class Doctor {
     if (!missing.isEmpty()) {
       boolean lacksApr = missing.stream().anyMatch(name -> name.startsWith("libapr-1."));
       fault("libraries", "missing: " + String.join(", ", missing)
-          + (lacksApr ? "; as root: apt-get install libapr1" : ""));
+          + (lacksApr
+              ? "; as root: apt-get install libapr1"
+              : "; install the packages that have them"));
     } else if (apr != null) {
       ok("APR", apr);
     }
@@ -168,14 +198,14 @@ public final class Doctor {
       ok("output", path);
       long space = place.toFile().getUsableSpace();
       if (space < LITTLE_SPACE) {
-        hint("output", "only " + (space >> 20) + " MiB are free there; make room, or choose another"
-            + " folder with -o DIR");
+        hint("output", "only " + (space >> 20) + " MiB are free there; delete old results, or choose"
+            + " another folder with -o DIR");
       }
     }
     String home = agentHome(path);
     if (home.contains(",")) {
-      fault("output", "'" + home + "' has a comma, which the agent's options cannot carry; choose"
-          + " another with -o DIR");
+      fault("output", "the path '" + home + "' contains a comma, which separates the agent's options;"
+          + " choose another with -o DIR");
     }
   }
 
@@ -202,24 +232,15 @@ public final class Doctor {
     String program = command.get(0);
     String found = findProgram(program);
     if (found == null) {
-      fault("command", "unknown command '" + program + "'; name a program that is on the PATH, or"
-          + " its file");
+      fault("command", "unknown command '" + program + "'; name a program on the PATH, or the"
+          + " path of one");
       return;
     }
     ok("command", found);
-    for (String word : command) {
-      if (word.equals("-XX:+DisableAttachMechanism")
-          || word.equals("-XX:-EnableDynamicAgentLoading")) {
-        hint("command", word + " keeps list, status, start and stop from working; remove it");
-      } else if (word.startsWith("-agentpath:") || word.startsWith("-agentlib:")) {
-        hint("command", word + ": only one agent of a JVM can draw samples of allocations; where"
-            + " the allocation profile does not start, leave the other agent out");
-      }
-    }
     if (!JavaCommand.isJava(command)) {
       checkLoading(built, ownJava());
-      hint("classes", "not checked, because the command is not java; to check them, name the java"
-          + " command that it starts");
+      hint("classes", "not checked, because the command is not java; name the java command that it"
+          + " starts");
       return;
     }
     checkLoading(built, found);
@@ -240,13 +261,13 @@ public final class Doctor {
       if (run.exitCode == 0 && run.text.contains(AGENT_GREETING)) {
         ok("agent", "loads in " + java);
         if (run.text.contains("version \"1.8")) {
-          hint("JDK", "JDK 8 does not sample allocations, so there is no allocation profile; use"
+          hint("JDK", "JDK 8 cannot sample allocations, so there is no allocation profile; use"
               + " JDK 11 or later, or --memory=track=CLASS");
         }
       } else {
         fault("agent", "does not load in " + java + " (exit code " + run.exitCode + "):\n"
             + "  " + run.text.trim().replace("\n", "\n  ")
-            + "\n  Use a JVM with HotSpot, JDK 8 or later, for glibc and this processor.");
+            + "\n  use a HotSpot JVM of JDK 8 or later, built for glibc and this processor");
       }
     } finally {
       for (File left : folder.toFile().listFiles()) {
@@ -266,11 +287,11 @@ public final class Doctor {
           countJar(place, count);
         }
       } catch (NoSuchFileException e) {
-        hint("classes", place + " does not exist; correct the class path, or build it");
+        hint("classes", place + " does not exist; correct the class path, or build it first");
         continue;
       } catch (IOException e) {
-        hint("classes", place + " cannot be read: " + e.getMessage() + "; grant the right to, or"
-            + " repair it");
+        hint("classes", place + " cannot be read: " + e.getMessage() + "; check its permissions"
+            + " and whether it is damaged");
         continue;
       }
       printCount(place, count);
@@ -421,7 +442,7 @@ public final class Doctor {
 
   private void fault(String subject, String text) {
     healthy = false;
-    line("FAULT", subject, text);
+    line(FAULT, subject, text);
   }
 
   private static void line(String level, String subject, String text) {
