@@ -508,6 +508,16 @@ def test_doctor_names_what_root_lacks_to_attach(launcher, folder):
     assert "start the container with --cap-add=SYS_PTRACE" in run.out
 
 
+def test_doctor_works_without_a_writable_tmp(launcher, folder):
+    script = 'mount --bind /tmp /tmp && mount -o remount,ro,bind /tmp && exec "$@"'
+    words = ["unshare", "--mount", "sh", "-c", script, "sh"]
+    if launcher.plain(*words, "true", folder=folder).code != 0:
+        pytest.skip("mounts cannot be changed here")
+    run = launcher.plain(*words, *launcher.command("doctor", "-o", "/dev/shm/out"), folder=folder)
+    assert run.code == 0 and "'/tmp' cannot be written, so attach, status" in run.out, run
+    assert any(f[:2] == ("ok", "agent") for f in findings(run)), run
+
+
 def stands_for_java(folder, text):
     java = folder / "java"
     java.write_text("#!/bin/sh\n" + text)

@@ -94,7 +94,7 @@ public final class Doctor {
   private void checkAttaching() throws IOException {
     if (!isWritable(Paths.get("/tmp"))) {
       hint("attach", "'/tmp' cannot be written, so attach, status, start and stop do not work; as"
-          + " root: chmod 1777 /tmp");
+          + " root: chmod 1777 /tmp, or run the container with --tmpfs /tmp");
     }
     long user = -1;
     long capabilities = -1;
@@ -251,7 +251,12 @@ public final class Doctor {
     if (!built) {
       return;
     }
-    Path folder = Files.createTempDirectory("twprofile-doctor");
+    Path folder = temporaryFolder();
+    if (folder == null) {
+      hint("agent", "not loaded for a check: no temporary folder can be written; as root: chmod"
+          + " 1777 /tmp");
+      return;
+    }
     try {
       // The home "." leaves no folders, and level 0 no log.
       String agent =
@@ -275,6 +280,18 @@ public final class Doctor {
       }
       Files.delete(folder);
     }
+  }
+
+  /** A new folder where one can be made; null where none can. */
+  private static Path temporaryFolder() {
+    for (String parent : Arrays.asList(System.getProperty("java.io.tmpdir"), "/var/tmp")) {
+      try {
+        return Files.createTempDirectory(Paths.get(parent), "twprofile-doctor");
+      } catch (IOException e) {
+        // The next one may do.
+      }
+    }
+    return null;
   }
 
   private void checkClasses() throws IOException {
