@@ -10,7 +10,7 @@ import time
 
 import pytest
 
-from harness import OUTPUT
+from harness import OUTPUT, wait_for
 
 
 class Terminal:
@@ -124,8 +124,39 @@ def test_without_a_desktop_the_page_is_named(launcher, folder):
     command = shop(launcher, "example.Deadlocked")
     run = launcher.run("run", "--exceptions", "--open", "--", *command,
                        folder=folder, DISPLAY=None, WAYLAND_DISPLAY=None)
-    assert "the page cannot be opened from here" in run.err, run
+    assert "cannot open the page: no desktop is running" in run.err, run
     assert re.search(r"file://\S+/report\.html$", run.err, re.M)
+
+
+@pytest.mark.parametrize("text, told", (
+    ("exec sleep 30\n", ""), ("exit 3\n", "twprofile: xdg-open cannot open the page")))
+def test_the_desktop_is_not_waited_for(launcher, folder, text, told):
+    tools = folder / "tools"
+    tools.mkdir()
+    (tools / "xdg-open").write_text("#!/bin/sh\n" + text)
+    (tools / "xdg-open").chmod(0o755)
+    launcher.run("run", "--exceptions", "--", *shop(launcher, "example.Deadlocked"), folder=folder)
+    begin = time.monotonic()
+    path = f"{tools}:{launcher.environment['PATH']}"
+    shown = launcher.run("report", "--open", folder=folder, PATH=path, DISPLAY=":0")
+    assert shown.code == 0 and time.monotonic() - begin < 25 and told in shown.err, shown
+    assert bool(told) == bool(shown.err), shown
+
+
+def test_a_job_in_the_background_keeps_its_process(launcher, folder):
+    words = launcher.command("run", "--exceptions", "--", *shop(launcher, "example.Deadlocked"))
+    job = Terminal(["bash", "-c", 'set -m; "$@" </dev/null & wait $!', "bash", *words],
+                   folder, launcher.environment)
+    assert job.end() == 0 and "What holds it up" not in job.text, job.text
+
+
+def test_the_command_does_not_outlive_its_parent(launcher, terminal):
+    program = terminal("run", "--contention", "--open", "--", *shop(launcher, "example.Idle"))
+    program.read(until="\n", limit=60)
+    number = int(re.search(r"pid (\d+)", program.read(until="\n"))[1])
+    assert number != program.pid
+    os.kill(program.pid, signal.SIGKILL)
+    wait_for(lambda: not os.path.exists(f"/proc/{number}"), "end of the command")
 
 
 def test_without_a_terminal_nothing_is_added(launcher, folder):

@@ -1,5 +1,6 @@
 #include "stay.h"
 
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -44,6 +45,14 @@ int waitPassingSignalsOn(pid_t process, const sigset_t& signals) {
   return status;
 }
 
+// Has this process end with its parent, also when that one cannot pass on how it ends.
+void endWith(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) {
+    raise(SIGKILL);
+  }
+}
+
 [[noreturn]] void become(char** command, const sigset_t& mask) {
   sigprocmask(SIG_SETMASK, &mask, nullptr);
   execvp(command[0], command);
@@ -85,12 +94,14 @@ void stayWith(char** command, char** conclusion) {
   const sigset_t signals = signalsToWaitFor();
   sigset_t before;
   sigprocmask(SIG_BLOCK, &signals, &before);
-  std::signal(SIGCHLD, SIG_DFL);
+  const auto atChildren = std::signal(SIGCHLD, SIG_DFL);
+  const pid_t self = getpid();
   const pid_t process = fork();
-  if (process < 0) {
-    become(command, before);  // without a result at the end, then
-  }
-  if (process == 0) {
+  if (process <= 0) {  // where there is no child, nothing is shown at the end
+    std::signal(SIGCHLD, atChildren);
+    if (process == 0) {
+      endWith(self);
+    }
     become(command, before);
   }
   const int status = waitPassingSignalsOn(process, signals);
