@@ -480,9 +480,8 @@ OWN = "already has the agent"
     (
         (["-XX:+DisableAttachMechanism"], {}, "hint", ATTACH),
         (["-XX:-EnableDynamicAgentLoading"], {}, "hint", ATTACH),
-        (["-Xrs"], {}, "hint", ATTACH),
         (["@flags"], {}, "hint", ATTACH),
-        ([], {"JAVA_TOOL_OPTIONS": "-Da=b -Xrs"}, "hint", ATTACH),
+        ([], {"JAVA_TOOL_OPTIONS": "-Da=b -XX:+DisableAttachMechanism"}, "hint", ATTACH),
         (["-agentlib:other=x"], {}, "hint", AGENTS),
         ([], {"_JAVA_OPTIONS": "-agentpath:/opt/other.so"}, "hint", AGENTS),
         (["-agentpath:/opt/libjavanativeagent.so=twHome=x"], {}, "FAULT", OWN),

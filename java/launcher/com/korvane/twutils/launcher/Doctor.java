@@ -158,7 +158,7 @@ public final class Doctor {
 
   private String remedy() {
     return areSources() ? "build it: cmake -S . -B build/run && cmake --build build/run"
-        : "it belongs to the release: unpack or install that again";
+        : "it belongs to the release: unpack or install the release again";
   }
 
   private void checkLibraries() throws IOException, InterruptedException {
