@@ -102,7 +102,7 @@ TEST_F(AttachSocket, TakesASocketThatNobodyServesForNone) {
     fs::rename(fake_.temporary() / ".java_pid7", fake_.temporary() / "kept");
   }
   fs::rename(fake_.temporary() / "kept", fake_.temporary() / ".java_pid7");
-  EXPECT_THAT(failureOf(), HasSubstr("it has not begun to listen after 0 s"));
+  EXPECT_THAT(failureOf(), HasSubstr("it is not listening after 0 s"));
   EXPECT_EQ(quits, 1);
   EXPECT_FALSE(isLeft(fake_.base / "cwd"));
   EXPECT_FALSE(isLeft(fake_.temporary()));
@@ -117,7 +117,7 @@ TEST_F(AttachSocket, PutsTheFileIntoTheTemporaryFolderWhereTheOtherCannotBeHad) 
     }
     wasThere = isLeft(fake_.temporary());
   });
-  EXPECT_THAT(failureOf(), HasSubstr("not begun to listen"));
+  EXPECT_THAT(failureOf(), HasSubstr("it is not listening"));
   vm.join();
   EXPECT_EQ(wasThere, true);
   EXPECT_FALSE(isLeft(fake_.temporary()));
@@ -132,16 +132,16 @@ TEST_F(AttachSocket, NeverSignalsAJvmThatDoesNotCatchIt) {
 
 TEST_F(AttachSocket, NeverSignalsAJvmThatWouldPrintItsThreads) {
   fake_.writeWords("cmdline", "java|-XX:+DisableAttachMechanism|Main|");
-  EXPECT_THAT(failureOf(), HasSubstr("-XX:+DisableAttachMechanism; start it without"));
+  EXPECT_THAT(failureOf(), HasSubstr("-XX:+DisableAttachMechanism; restart it without"));
   EXPECT_EQ(quits, 0);
   fake_.writeWords("environ", "A=b|JAVA_TOOL_OPTIONS=-XX:+DisableAttachMechanism|");
   fake_.writeWords("cmdline", "java|-XX:-DisableAttachMechanism|Main|");
-  EXPECT_THAT(failureOf(), HasSubstr("not begun to listen")) << "the last word counts";
+  EXPECT_THAT(failureOf(), HasSubstr("it is not listening")) << "the last word counts";
 }
 
 TEST_F(AttachSocket, KnowsSuchAJvmByAllThatItTakesOptionsFrom) {
   const std::string flag = "-XX:+DisableAttachMechanism";
-  const char* const told = "-XX:+DisableAttachMechanism; start it without";
+  const char* const told = "-XX:+DisableAttachMechanism; restart it without";
   for (const char* const variable : {"JAVA_TOOL_OPTIONS", "JDK_JAVA_OPTIONS", "_JAVA_OPTIONS"}) {
     fake_.writeWords("environ", std::string(variable) + "=-Xmx1g " + flag + "|");
     EXPECT_THAT(failureOf(), HasSubstr(told)) << variable;
@@ -161,7 +161,7 @@ TEST_F(AttachSocket, KnowsSuchAJvmByAllThatItTakesOptionsFrom) {
   EXPECT_EQ(quits, 0);
   ASSERT_EQ(::mkfifo((fake_.root / "fifo").c_str(), 0600), 0);
   fake_.writeWords("cmdline", "java|@/fifo|@none|@|Main|");
-  EXPECT_THAT(failureOf(), HasSubstr("not begun to listen after 0 s: it is very busy, or"));
+  EXPECT_THAT(failureOf(), HasSubstr("it is not listening after 0 s: it is very busy, or"));
 }
 
 TEST_F(AttachSocket, TakesNoArgumentOfTheProgramForAnOption) {
@@ -169,7 +169,7 @@ TEST_F(AttachSocket, TakesNoArgumentOfTheProgramForAnOption) {
   std::ofstream(fake_.root / "jobs") << flag;
   for (const std::string program : {"Main", "-jar|tool.jar", "-m|a/b.Main", "-cp|a.jar|Main"}) {
     fake_.writeWords("cmdline", "java|" + program + "|@/jobs|" + flag + "|");
-    EXPECT_THAT(failureOf(), HasSubstr("not begun to listen")) << program;
+    EXPECT_THAT(failureOf(), HasSubstr("it is not listening")) << program;
   }
 }
 
@@ -177,7 +177,7 @@ TEST_F(AttachSocket, NamesAStoppedJvmWithTheRemedy) {
   fake_.writeStatus("T (stopped)", "0000000000000004");
   const std::string number = std::to_string(fake_.number);
   EXPECT_EQ(failureOf(), "no connection to JVM " + number +
-                             ": it is stopped; let it go on with: kill -CONT " + number);
+                             ": it is stopped; resume it with: kill -CONT " + number);
   const fakeListener listener(fake_, nullptr);
   EXPECT_THAT(failureOf(), HasSubstr("it is stopped")) << "its socket takes connections";
   EXPECT_EQ(quits, 0);
@@ -269,7 +269,7 @@ TEST_F(AttachSocket, RefusesAnAnswerOfUnknownForm) {
   for (const char* const answer : {"", "no number\n", "0", "12 \n", "\n"}) {
     const fakeListener listener(fake_, answer);
     const std::string told = failureOf();
-    EXPECT_TRUE(told.find("answer of unknown form") != std::string::npos ||
+    EXPECT_TRUE(told.find("unexpected answer") != std::string::npos ||
                 told.find("without an answer") != std::string::npos)
         << answer << told;
   }

@@ -167,9 +167,9 @@ TEST_F(DefaultResults, LeaveNothingThatIsNotKept) {
 TEST_F(DefaultResults, GoToNoFolderThatOthersCanWriteTo) {
   fs::create_directories(usual_);
   fs::permissions(usual_, fs::perms(0730));
-  expectFresh("others than its owner can write there");
+  expectFresh("users other than its owner can write there");
   fs::permissions(usual_, fs::perms(0702));
-  expectFresh("others than its owner can write there");
+  expectFresh("users other than its owner can write there");
 }
 
 TEST_F(DefaultResults, GoToNoFolderOfAnotherUser) {

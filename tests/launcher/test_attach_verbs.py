@@ -163,7 +163,7 @@ def test_a_stopped_jvm(launcher, folder):
         process.send_signal(signal.SIGSTOP)
         wait_for(lambda: "T (stopped)" in Path(f"/proc/{process.pid}/status").read_text(), "stop")
         told = refused(launcher, "attach", process.pid, folder=folder)
-        assert f"it is stopped; let it go on with: kill -CONT {process.pid}" in told
+        assert f"it is stopped; resume it with: kill -CONT {process.pid}" in told
 
 
 @pytest.fixture
@@ -209,7 +209,7 @@ def test_a_socket_that_a_process_of_root_left(launcher, open_folder):
             left.chmod(0o600)
         try:
             told = refused(launcher, "attach", process.pid, folder=open_folder)
-            assert f"'{left}' is not its socket, but was made by user 0; delete it\n" in told
+            assert f"'{left}' is not its socket, but was created by user 0; delete it\n" in told
         finally:
             left.unlink()
 

@@ -57,7 +57,7 @@ def test_the_command_that_loses_the_environment_is_named_with_a_remedy(launcher,
     path = f"{tools}:{launcher.environment['PATH']}"
     done = launcher.run("run", "--", "sudo", launcher.java, "-version", folder=folder, PATH=path)
     assert done.code == 0 and NOTHING in done.err, done
-    assert "sudo does not pass the environment on" in done.err, done
+    assert "sudo does not pass on the environment" in done.err, done
     assert "      sudo twprofile run -o DIR -- COMMAND\n" in done.err, done
 
 
@@ -76,8 +76,8 @@ def test_jvms_without_the_agent_are_named_with_the_reason(launcher, folder):
     reasons = {line.split()[0]: told.splitlines()[at + 1].strip()
                for at, line in enumerate(told.splitlines()) if "example.Idle" in line}
     assert reasons == {
-        first: "what started it has not passed JAVA_TOOL_OPTIONS on",
-        second: "what started it has set JAVA_TOOL_OPTIONS anew",
+        first: "its environment lacks JAVA_TOOL_OPTIONS",
+        second: "its environment has another JAVA_TOOL_OPTIONS",
     }, told
 
 

@@ -220,7 +220,7 @@ attachSocket::vmReply attachSocket::ask(const std::vector<std::string>& request,
   for (std::size_t i = 0; i <= kArguments; ++i) {
     const std::string word = i < request.size() ? request[i] : std::string();
     if (word.size() > kLongestArgument) {
-      throw failure("a JVM takes no more than " + std::to_string(kLongestArgument) +
+      throw failure("a JVM accepts at most " + std::to_string(kLongestArgument) +
                     " characters in one piece, and '" + shown(word) + "' has " +
                     std::to_string(word.size()));
     }
@@ -237,7 +237,7 @@ attachSocket::vmReply attachSocket::ask(const std::vector<std::string>& request,
   vmReply reply;
   const auto [end, error] = std::from_chars(got.data(), got.data() + got.size(), reply.code);
   if (error != std::errc() || end == got.data() + got.size() || *end != '\n') {
-    throw noConnection("an answer of unknown form: '" + shown(got) + "'");
+    throw noConnection("unexpected answer '" + shown(got) + "'");
   }
   reply.text = std::string(end + 1, got.data() + got.size());
   return reply;
@@ -271,7 +271,7 @@ descriptor attachSocket::tryToConnect(int& error) const {
   }
   const bool isOwn = there.st_uid == target_.owner().user;
   const auto foreign = [&] {
-    return noConnection("'/tmp/" + name_ + "' is not its socket, but was made by user " +
+    return noConnection("'/tmp/" + name_ + "' is not its socket, but was created by user " +
                         std::to_string(there.st_uid) + "; delete it");
   };
   if (!S_ISSOCK(there.st_mode) || (!isOwn && there.st_uid != 0)) {
@@ -339,19 +339,19 @@ void attachSocket::requireListener() const {
   const trigger trigger(target_, temporary_.get());
   if (!trigger.isMade()) {
     throw noConnection("'/tmp/" + trigger.name() +
-                       "' cannot be made: " + reasonOf(trigger.error()));
+                       "' cannot be created: " + reasonOf(trigger.error()));
   }
   if (!target_.signal(SIGQUIT)) {
-    throw noConnection("it cannot be signalled: " + reasonOf(errno));
+    throw noConnection("cannot send it a signal: " + reasonOf(errno));
   }
   const auto end = steady_clock::now() + patience_.toListen;
   while (!tryToConnect(error) && error != EAGAIN) {
     requireUsable();
     if (steady_clock::now() >= end) {
       throw noConnection(
-          "it has not begun to listen after " + seconds(patience_.toListen) +
-          ": it is very busy, or it was started with -XX:+DisableAttachMechanism, and has"
-          " printed its threads on its standard output");
+          "it is not listening after " + seconds(patience_.toListen) +
+          ": it is very busy, or was started with -XX:+DisableAttachMechanism and has"
+          " printed its threads on standard output");
     }
     std::this_thread::sleep_for(kPause);
   }
@@ -365,7 +365,8 @@ void attachSocket::requireWillListen() const {
                   " is still starting, or was started with -Xrs");
   }
   if (isSet(optionsOf(target_, files_), "DisableAttachMechanism")) {
-    throw noConnection("it was started with -XX:+DisableAttachMechanism; start it without");
+    throw noConnection(
+        "it was started with -XX:+DisableAttachMechanism; restart it without that option");
   }
   if (::faccessat(temporary_.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
     throw noConnection(errno == EROFS
@@ -381,7 +382,7 @@ void attachSocket::requireUsable() const {
     throw noConnection("it has ended");
   }
   if (target_.isStopped()) {
-    throw noConnection("it is stopped; let it go on with: kill -CONT " +
+    throw noConnection("it is stopped; resume it with: kill -CONT " +
                        std::to_string(target_.number()));
   }
 }
@@ -417,7 +418,7 @@ std::string attachSocket::answer(int socket) const {
     }
   }
   if (text.empty()) {
-    throw noConnection(target_.isAlive() ? "it has closed the connection without an answer"
+    throw noConnection(target_.isAlive() ? "it closed the connection without an answer"
                                          : "it has ended");
   }
   return text;

@@ -77,7 +77,7 @@ class placedFiles {
       refusals += std::string(refusals.empty() ? "" : ", ") + parent + " (" +
                   (made ? "mounted noexec" : reasonOf(error)) + ')';
     }
-    throw failure("no folder of " + jvm(target_) + " takes a copy of the agent: " + refusals);
+    throw failure("cannot copy the agent to a folder of " + jvm(target_) + ": " + refusals);
   }
 
   const process& target_;
@@ -99,7 +99,7 @@ void loadAgent(const process& target, const attachSocket& socket, const std::str
   }
   if (*loaded.code != kLoaded && *loaded.code != kAlreadyLoaded) {
     throw failure("the agent cannot be set up in " + jvm(target) + " (return code " +
-                  std::to_string(*loaded.code) + "); see its standard error, and the log in '" +
+                  std::to_string(*loaded.code) + "); see its standard error and the log in '" +
                   results.path() + "/logs'");
   }
 }
@@ -108,16 +108,17 @@ void loadCompanion(const process& target, const attachSocket& socket, const std:
                    const std::string& options) {
   const attachSocket::loadResult loaded = socket.load("instrument", jar + '=' + options);
   if (!loaded.code) {
-    throw failure(jvm(target) + " cannot load the companion: its Java has no module" +
-                  " java.instrument, or refuses it (" +
+    throw failure(jvm(target) + " cannot load the companion: its Java lacks the module" +
+                  " java.instrument or refuses it (" +
                   loaded.text.substr(0, loaded.text.find('\n')) + ')');
   }
   if (*loaded.code == kBadJar) {
     throw failure(jvm(target) + " cannot read '" + jar + '\'');
   }
   if (*loaded.code == kNotOnClassPath) {
-    throw failure(jvm(target) + " cannot load the companion: its system class loader takes no jar" +
-                  " while it runs");
+    throw failure(jvm(target) +
+                  " cannot load the companion: its system class loader does not accept" +
+                  " jars at run time");
   }
   if (*loaded.code != 0) {
     throw failure("the companion cannot be started in " + jvm(target) + " (return code " +
@@ -142,7 +143,7 @@ void requireDetached(const process& target, const targetFiles& files, const atta
   if (asked.how == outcome::answered && asked.said.exitCode == 0) {
     throw failure(jvm(target) + " has the agent already; see: twprofile status " +
                   std::to_string(target.number()) +
-                  ", and for more profilers: twprofile help start");
+                  "; to start more profilers: twprofile help start");
   }
 }
 
@@ -157,7 +158,7 @@ void addPlace(answer& answer, const targetFiles& files, const results& results) 
 
 std::string obstacle(const process& target) {
   if (target.mapsNameLike("ld-musl-") || target.mapsNameLike("libc.musl-")) {
-    return "it runs with the C library musl, and the agent needs glibc";
+    return "it uses the C library musl, and the agent needs glibc";
   }
   Elf64_Ehdr theirs = {};
   Elf64_Ehdr ours = {};
@@ -168,7 +169,7 @@ std::string obstacle(const process& target) {
       ::pread(self.get(), &ours, sizeof(ours), 0) == static_cast<ssize_t>(sizeof(ours));
   const bool differ =
       theirs.e_machine != ours.e_machine || theirs.e_ident[EI_CLASS] != ours.e_ident[EI_CLASS];
-  return areRead && differ ? "it is a program for another processor than the agent" : "";
+  return areRead && differ ? "it was built for another processor than the agent" : "";
 }
 
 answer attach(const process& target, const attachWords& words) {
@@ -208,7 +209,7 @@ answer attach(const process& target, const attachWords& words) {
     asked = ask(target, files, socket, libraryThere, request);
   }
   if (asked.how != outcome::answered) {
-    throw failure("the companion is not found in " + jvm(target) + "; see its standard error");
+    throw failure("the companion is missing in " + jvm(target) + "; see its standard error");
   }
   addPlace(asked.said, files, results);
   return std::move(asked.said);

@@ -49,11 +49,11 @@ answer awaitAnswer(const process& target, const privateFolder& folder, const std
     }
     const std::string jvm = "JVM " + std::to_string(target.number());
     if (!isAlive) {
-      throw failure(jvm + " has ended meanwhile");
+      throw failure(jvm + " ended in the meantime");
     }
     if (std::chrono::steady_clock::now() >= end) {
-      throw failure(jvm + " takes more than " + std::to_string(kPatience.count()) + " s for " +
-                    verb + ", and goes on with it; see: twprofile status " +
+      throw failure(jvm + " needs more than " + std::to_string(kPatience.count()) + " s for " +
+                    verb + " and is still working on it; see: twprofile status " +
                     std::to_string(target.number()));
     }
     requireUninterrupted();
@@ -110,7 +110,7 @@ answer answerIn(const std::string& text) {
     }
   }
   if (!isComplete) {
-    throw failure("the companion gave an answer of unknown form");
+    throw failure("unexpected answer from the companion");
   }
   return answer;
 }
@@ -131,12 +131,12 @@ void nameFromOutside(answer& answer, const targetFiles& files) {
 failure notLoaded(const process& target, const std::string& library, const std::string& text) {
   const std::string jvm = "JVM " + std::to_string(target.number());
   if (text.find("Dynamic agent loading is not enabled") != std::string::npos) {
-    return failure(jvm + " was started with -XX:-EnableDynamicAgentLoading, and takes no agents" +
-                   " and no commands for them; start it without that option");
+    return failure(jvm + " was started with -XX:-EnableDynamicAgentLoading, and refuses" +
+                   " agents and commands for them; restart it without that option");
   }
   if (text.find("Agent_OnAttach") != std::string::npos) {
     return failure(jvm + " has an agent of an earlier version, '" + library +
-                   "', which takes no commands; start it anew");
+                   "', which takes no commands; restart it");
   }
   std::string reason = text.substr(0, text.find_last_not_of('\n') + 1);
   for (char& each : reason) {
@@ -184,7 +184,7 @@ result askWhenThere(const process& target, const targetFiles& files, const attac
       return asked;
     }
     if (std::chrono::steady_clock::now() >= end) {
-      throw failure("its companion does not answer; see the standard error of the JVM");
+      throw failure("the companion does not answer; see the standard error of the JVM");
     }
     requireUninterrupted();
     std::this_thread::sleep_for(kPause);

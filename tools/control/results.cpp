@@ -166,8 +166,8 @@ void results::settle() {
   }
   if (isGiven_) {
     if (!isAbsolute_) {
-      throw cannotUse(
-          path_, "it does not see it; name one as it sees it, such as " + std::string(kElsewhere));
+      throw cannotUse(path_, "the JVM does not see it; name a path as the JVM sees it, such as " +
+                                 std::string(kElsewhere));
     }
     if (const std::string obstacle = obstacleTo(path_); !obstacle.empty()) {
       throw cannotUse(path_, obstacle);
@@ -231,7 +231,7 @@ std::string results::obstacleOf(const descriptor& folder) const {
   if (now.st_uid != target_.owner().user) {
     return "it belongs to user " + std::to_string(now.st_uid);
   }
-  return (now.st_mode & kWritableByOthers) != 0 ? "others than its owner can write there" : "";
+  return (now.st_mode & kWritableByOthers) != 0 ? "users other than its owner can write there" : "";
 }
 
 // The same for one that the agent writes to or reads from in the folder; nothing when there is
@@ -266,12 +266,13 @@ void results::remark(const std::string& path, const std::string& reason) {
 }
 
 std::string results::runner() const {
-  return "user " + std::to_string(target_.owner().user) + ", as whom the JVM runs,";
+  return "user " + std::to_string(target_.owner().user) + ", who runs the JVM,";
 }
 
 std::string results::home() const {
   if (path_.find(',') != std::string::npos) {
-    throw failure("the path '" + path_ + "' contains a comma, which separates the agent's options;" +
+    throw failure("the path '" + path_ +
+                  "' contains a comma, which separates the agent's options;" +
                   " choose another with -o DIR");
   }
   return path_;
@@ -303,7 +304,7 @@ std::string results::writeSettings(const std::string& lines) {
 }
 
 failure results::cannotUse(const std::string& path, const std::string& reason) const {
-  return failure("JVM " + std::to_string(target_.number()) + " cannot have the output folder '" +
+  return failure("JVM " + std::to_string(target_.number()) + " cannot use the output folder '" +
                  path + "' (" + reason + "); choose another with -o DIR");
 }
 

@@ -22,14 +22,14 @@ struct wrapper {
   const char* cause;
   const char* remedy;
 };
-constexpr const char* kNotPassed = "does not pass the environment on";
+constexpr const char* kNotPassed = "does not pass on the environment";
 constexpr const char* kOtherUser =
-    "does not pass the environment on, or\n    starts it as a user who cannot write this output "
+    "does not pass on the environment, or\n    starts it as a user who cannot write to this output "
     "folder";
 constexpr const char* kContainer =
-    "starts it in a container, where\n    neither the environment nor the agent is; have twprofile "
-    "in the image";
-constexpr const char* kService = "has a service manager start it, in another environment";
+    "starts it in a container, which\n    has neither the environment nor the agent; add twprofile "
+    "to the image";
+constexpr const char* kService = "lets a service manager start it, in another environment";
 constexpr std::array kWrappers = {
     wrapper{"sudo", kOtherUser, "sudo twprofile run -o DIR -- COMMAND"},
     wrapper{"doas", kOtherUser, "doas twprofile run -o DIR -- COMMAND"},
@@ -56,18 +56,18 @@ std::string causes(const setup& given) {
       "  - The command starts no Java: use \"twprofile run\" for the one that does.\n";
   if (found != kWrappers.end()) {
     return none + "  - It starts Java, but " + name + ' ' + found->cause +
-           ". Put twprofile behind it:\n      " + found->remedy + '\n';
+           ". Put twprofile after it:\n      " + found->remedy + '\n';
   }
   return none +
          "  - Its JVM does not get JAVA_TOOL_OPTIONS from the environment: sudo, su -, env -i, "
          "ssh,\n"
          "    service managers, containers and scripts that set the variable do not pass it on. "
          "Put\n"
-         "    twprofile behind them, as in: sudo twprofile run -o DIR -- COMMAND\n"
+         "    twprofile after them: sudo twprofile run -o DIR -- COMMAND\n"
          "  - Its JVM runs as another user than " +
          userName(getuid()) +
-         ", who cannot write the output folder or read\n"
-         "    the agent. Run twprofile as that user, with -o for a folder of theirs.\n";
+         ", who cannot write to the output folder or\n"
+         "    read the agent. Run twprofile as that user, with -o and a folder of that user.\n";
 }
 
 std::string listOf(const std::vector<pid_t>& processes) {
@@ -109,22 +109,21 @@ lostJvm lostJvm::of(pid_t process, const setup& given) {
   const std::string otherUser =
       user == getuid() ? ""
                        : "it runs as " + userName(user) +
-                             "; run twprofile as that user, with -o for a folder of theirs: ";
+                             "; run twprofile as that user, with -o and a folder of that user: ";
   switch (searchEnvironment(process, given.settings)) {
     case environment::unreadable:
-      result.reason = otherUser + "what it has in its environment is not known";
+      result.reason = otherUser + "its environment cannot be read";
       break;
     case environment::hasText:
       result.reason = otherUser + kVariable +
-                      " is in its environment, but the JVM does not use it; "
+                      " is in its environment, but the JVM ignores it; "
                       "is its program set-user-ID?";
       break;
     case environment::lacksText:
-      result.reason =
-          otherUser +
-          (searchEnvironment(process, std::string(kVariable) + '=') == environment::hasText
-               ? std::string("what started it has set ") + kVariable + " anew"
-               : std::string("what started it has not passed ") + kVariable + " on");
+      result.reason = otherUser + (searchEnvironment(process, std::string(kVariable) + '=') ==
+                                           environment::hasText
+                                       ? std::string("its environment has another ") + kVariable
+                                       : std::string("its environment lacks ") + kVariable);
       break;
   }
   return result;
@@ -137,12 +136,14 @@ std::string advice(const setup& given, bool hasOthers, const std::vector<lostJvm
     text += hasOthers ? "not all JVMs of the command were profiled. These ran without the agent:\n"
                       : "nothing was profiled. These JVMs ran without the agent:\n";
     return text + linesOf(lost) +
-           "  Put twprofile behind what starts them, as in: sudo twprofile run -o DIR -- COMMAND\n";
+           "  Put twprofile after the command that starts them, as in: sudo twprofile run -o DIR "
+           "-- "
+           "COMMAND\n";
   }
   if (!left.empty()) {
     return text +
-           "no JVM has started so far. What the command has left behind may still start one,\n"
-           "  which is then profiled into '" +
+           "no JVM has started so far. These processes of the command are still running, and may\n"
+           "  start one, which is then profiled into '" +
            given.output + "':\n" + listOf(left);
   }
   return text + "no JVM has started with the agent: there are no results in '" + given.output +

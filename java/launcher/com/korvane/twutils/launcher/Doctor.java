@@ -198,14 +198,14 @@ public final class Doctor {
       ok("output", path);
       long space = place.toFile().getUsableSpace();
       if (space < LITTLE_SPACE) {
-        hint("output", "only " + (space >> 20) + " MiB are free there; delete old results, or choose"
-            + " another folder with -o DIR");
+        hint("output", "only " + (space >> 20) + " MiB are free there; delete old results, or"
+            + " choose another folder with -o DIR");
       }
     }
     String home = agentHome(path);
     if (home.contains(",")) {
-      fault("output", "the path '" + home + "' contains a comma, which separates the agent's options;"
-          + " choose another with -o DIR");
+      fault("output", "the path '" + home + "' contains a comma, which separates the agent's"
+          + " options; choose another with -o DIR");
     }
   }
 
