@@ -7,7 +7,7 @@ package com.korvane.twutils.nativeagent;
 public final class AgentCompanion {
   private AgentCompanion() {}
 
-  /** Whether nothing but errors is to be printed: the agent's option {@code quiet=1}. */
+  /** Whether only errors are printed: the agent's option {@code quiet=1}. */
   public static native boolean isQuiet();
 
   /**

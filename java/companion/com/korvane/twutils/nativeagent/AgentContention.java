@@ -11,8 +11,8 @@ final class AgentContention {
   /**
    * Starts it. All that was gathered before is dropped.
    *
-   * @param locks how many locks are told apart
-   * @param samples looks at the blocked threads in a second; 0 for none
+   * @param locks how many locks are listed separately
+   * @param samples how often the blocked threads are sampled in a second; 0 for none
    * @param budget percent of one processor that these may take
    * @param stuckMillis after how long a blocked thread counts as stuck
    * @param windowMillis the length of a window of the time line

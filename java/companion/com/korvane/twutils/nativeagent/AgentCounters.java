@@ -36,9 +36,9 @@ public final class AgentCounters {
    * Takes the oldest record that could not be handed over because its thread had no stack left. The
    * agent keeps some of them, and none before the first call.
    *
-   * @param parts filled with when it was thrown (milliseconds since the epoch), the name of its
-   *     thread, the class of the exception, the record, "cut" or an empty text, "virtual" or an
-   *     empty text for the thread, the facts in decimal, and the places as an int[] or null
+   * @param parts filled in this order: when it was thrown (milliseconds since the epoch). The name
+   *     of its thread. The class of the exception. The record. "cut" or an empty text. "virtual" or
+   *     an empty text for the thread. The facts in decimal. The places as an int[] or null
    * @return whether there was one
    */
   public static native boolean takeUndelivered(Object[] parts);

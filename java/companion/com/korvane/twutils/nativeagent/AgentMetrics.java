@@ -2,11 +2,11 @@ package com.korvane.twutils.nativeagent;
 
 /**
  * What the agent has counted since the JVM started, for metrics: over all sessions, so that no
- * count goes back. Each native but the last gives an array of three: a long[] of figures, by
- * the indices below; a String[] with the name of a class for each row, empty for all that are
- * counted together; and a long[] with the numbers of the rows, one after the other. Without the
- * agent, and with one that is older than this class, they throw {@link UnsatisfiedLinkError}. They
- * give null when there is no memory. Any thread may call.
+ * count goes back. Each native except for the last gives an array of three. The first is a
+ * long[] of figures, by the indices below. The second is a String[] with the name of a class for
+ * each row, empty for all that are counted together. The third is a long[] with the numbers of the
+ * rows, one after the other. Without the agent, and with one that is older than this class,
+ * they throw {@link UnsatisfiedLinkError}. They give null when there is no memory. Any thread may call.
  */
 public final class AgentMetrics {
   /** What the three arrays are. */

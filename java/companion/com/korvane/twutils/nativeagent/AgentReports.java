@@ -18,9 +18,9 @@ final class AgentReports {
   /**
    * What became of the last report of a kind.
    *
-   * @param parts filled with the path that the agent was given, why the file is not complete or an
-   *     empty text, its bytes, and how many owner lookups the session made and skipped or empty
-   *     texts where they are not limited
+   * @param parts filled in this order: the path that the agent was given. Why the file is not
+   *     complete, or an empty text. Its bytes. How many owner lookups the session made, and how
+   *     many it skipped; empty texts where lookups are not limited
    * @return whether a report was written, as far as that went
    */
   static native boolean last(int kind, String[] parts);

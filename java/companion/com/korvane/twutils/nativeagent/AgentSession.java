@@ -14,8 +14,8 @@ public abstract class AgentSession {
   private final Path path;
   private final ReportFile report;
 
-  // How far the end has come, within NativeAgent.locked: one that failed for want of memory is
-  // taken up where it is.
+  // How far the end has come, within NativeAgent.locked: one that failed for lack of memory is
+  // resumed where it stopped.
   private Boolean isReported;
   private boolean isOver;
   private Path complete; // the report; what belongs to it perhaps not yet

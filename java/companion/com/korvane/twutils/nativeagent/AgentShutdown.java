@@ -10,7 +10,7 @@ final class AgentShutdown {
 
   /**
    * Runs an action when the VM begins to shut down: once, before any shutdown hook starts, on the
-   * thread that shuts it down, which may be any thread of the program and holds the lock that every
+   * thread that shuts it down. That may be any thread of the program. It holds the lock that every
    * other caller of {@link System#exit} waits for. What the action throws is dropped. It does not
    * run when the VM is halted or killed.
    *

@@ -13,8 +13,8 @@ import java.util.HashSet;
 import java.util.Set;
 
 /**
- * A file that the agent writes, which bears its name only once it is complete. Until then it stands
- * beside it, with ".part" at the end of its name. Only its owner may read it.
+ * A file that the agent writes, which bears its name only once it is complete. Until then its
+ * name ends in ".part". Only its owner may read it.
  *
  * <p>No operation minds that its thread is interrupted. They are for one thread at a time, whatever
  * the file.

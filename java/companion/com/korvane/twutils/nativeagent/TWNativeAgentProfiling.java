@@ -8,7 +8,7 @@ package com.korvane.twutils.nativeagent;
  * every native throws {@link UnsatisfiedLinkError}. A native whose profiler was not chosen with
  * {@code features=} does nothing and returns 0.
  *
- * <p>Control calls are to be issued one at a time.
+ * <p>Callers issue control calls one at a time.
  */
 public final class TWNativeAgentProfiling {
   private static volatile RecordSink recordSink;

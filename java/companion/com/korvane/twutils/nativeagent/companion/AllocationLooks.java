@@ -4,8 +4,8 @@ import com.korvane.twutils.nativeagent.OptionKey;
 import java.time.Duration;
 
 /**
- * What is found out beside an allocation profile, now and then: which classes grow, and what holds
- * the objects. Each look stops the program for a garbage collection or two. Used in turn.
+ * What is measured beside an allocation profile, now and then: which classes grow, and what holds
+ * the objects. Each measurement stops the program for a garbage collection or two. Used in turn.
  */
 final class AllocationLooks {
   /**
@@ -77,7 +77,7 @@ final class AllocationLooks {
     close(); // or the flight recorder would look once more when it ends with the JVM
   }
 
-  /** There are no more looks. */
+  /** Nothing more is measured. */
   void close() {
     next.remove();
     if (growth != null) {

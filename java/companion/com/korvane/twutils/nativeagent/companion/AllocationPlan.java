@@ -12,7 +12,7 @@ import java.util.concurrent.TimeUnit;
 
 /** Runs an allocation profile. Beside it, what grows and what holds the objects. */
 final class AllocationPlan extends ProfilePlan<AllocationSession> {
-  /** A JVM that ends is looked at no further when a collection took longer: each look is one. */
+  /** When a collection took longer, nothing is measured at the end: each measurement is one. */
   private static final long LONGEST_AT_END_NANOS = TimeUnit.SECONDS.toNanos(3);
 
   private final long interval;

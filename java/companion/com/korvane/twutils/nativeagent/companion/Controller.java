@@ -87,7 +87,7 @@ final class Controller {
             reader -> new ContentionPlan(this, reader)));
   }
 
-  /** What is to be done at its time is done from now on; there may be no thread to be had. */
+  /** Scheduled steps run from now on. It may not be possible to start a thread. */
   void startClock() {
     timetable.start();
   }
@@ -252,7 +252,7 @@ final class Controller {
     void run() throws IOException;
   }
 
-  /** What fails for want of memory is tried again. */
+  /** What fails for lack of memory is tried again. */
   private static void endPart(Part part) {
     for (int i = 0; i < TRIES_TO_END; i++) {
       try {
@@ -414,7 +414,7 @@ final class Controller {
     growth = rates;
   }
 
-  /** The report of a session that goes on was written anew. */
+  /** The report of a session that goes on was rewritten. */
   void updated(Feature feature, AgentSession session) {
     instruments.get(feature).reported(session);
   }

@@ -12,8 +12,8 @@ import java.util.concurrent.locks.LockSupport;
  * Writes captured exceptions into a file, one JSON object a line, with a thread of its own. The
  * threads that throw never wait for it: what does not fit into the queue is dropped, and counted.
  *
- * <p>The writer lives until the log is closed, whatever fails: a record that cannot be written, for
- * want of memory or of room on the disk, counts as dropped, and the next one is tried anew.
+ * <p>The writer lives until the log is closed, whatever fails. A record that cannot be written, for
+ * lack of memory or of room on the disk, counts as dropped. The next one is tried again.
  */
 final class ExceptionLog implements RecordSink {
   /** Records may be long: the queue never holds more characters than this. */
@@ -230,7 +230,7 @@ final class ExceptionLog implements RecordSink {
     }
   }
 
-  /** @return false when it is to be tried once more */
+  /** @return false when it must be tried once more */
   private boolean end() {
     if (!isEndTried || System.nanoTime() - closedAt < MAX_NANOS_TO_CLOSE) {
       isEndTried = true;

@@ -8,8 +8,8 @@ import java.nio.file.Path;
 import java.time.Duration;
 
 /**
- * Has the agent choose its records from all that is thrown at each site, and writes the file of
- * these, anew at an interval and at the end. What fails is tried again the next time, and printed
+ * Has the agent choose its records from all that is thrown at each site, and rewrites the file of
+ * these at an interval and at the end. What fails is tried again the next time, and printed
  * once. Used in turn.
  */
 final class ExceptionSites {

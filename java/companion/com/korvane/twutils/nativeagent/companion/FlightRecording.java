@@ -13,8 +13,8 @@ final class FlightRecording implements RootPaths.Recorder {
   static final String EVENT = "jdk.OldObjectSample";
 
   /**
-   * How long the VM looks for what holds the samples, for which the program stands still: beyond
-   * a few gigabytes it may not find all of them in any time that a service could wait for.
+   * How long the VM looks for what holds the samples, while the program stands still. Beyond a few
+   * gigabytes it may not find all of them in any time that a service could wait for.
    */
   private static final String CUTOFF = "3 s";
 

@@ -9,7 +9,7 @@ import javax.management.ObjectName;
 
 /**
  * Finds out which classes grow: takes class histograms of the objects that are alive, at most one
- * in each interval, and writes what they have in common to a file, anew each time. Each histogram
+ * in each interval. Each time it rewrites a file with what they have in common. Each histogram
  * is a full collection, for which the program stands still, and takes 1 % of the time at most.
  *
  * <p>It uses management, which must not be used before {@code main} has begun: the caller sees to

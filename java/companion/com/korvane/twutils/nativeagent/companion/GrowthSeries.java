@@ -18,7 +18,7 @@ final class GrowthSeries {
   static final int MOST_POINTS = 120;
   static final int MOST_CLASSES = 200;
 
-  /** A heap that is less like a line is not said to be full at some time. */
+  /** No time to full is reported for a heap that fits a line less well. */
   private static final double LEAST_FIT = 0.8;
 
   private static final double FARTHEST_MILLIS = 3650 * 86_400_000.0; // ten years
@@ -121,8 +121,8 @@ final class GrowthSeries {
   }
 
   /**
-   * From now on those have a course that have grown most, and where there is room, those that have
-   * had one: of a class that comes and goes, the points at which it is small count, too.
+   * From now on the classes that have grown most have a course, and where there is room, those that
+   * have had one. Of a class that comes and goes, the points at which it is small count, too.
    */
   private void follow(ClassHistogram histogram) {
     grown = mostGrownOf(histogram);

@@ -16,9 +16,9 @@ import java.util.concurrent.TimeUnit;
 
 /**
  * Answers requests for metrics, on one thread of the companion's own that never waits for a client:
- * connections are few, and each has a time to its end. The JDK's own server is of no use here: its
- * limits are settings of the whole JVM, its threads would be in the profiles, and it has the JVM
- * choose its log manager, which is the program's choice.
+ * connections are few, and each has a time to its end. The JDK's own server is of no use here. Its
+ * limits are settings of the whole JVM, and its threads would be in the profiles. It also has the
+ * JVM choose its log manager, which is the program's choice.
  */
 final class MetricsServer {
   static final int MOST_CONNECTIONS = 16;

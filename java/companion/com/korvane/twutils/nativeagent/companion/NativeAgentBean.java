@@ -39,8 +39,8 @@ final class NativeAgentBean extends NotificationBroadcasterSupport implements Na
   }
 
   /**
-   * Makes the controller known to the platform's MBean server. When this fails with an error, it is
-   * to be called once more.
+   * Makes the controller known to the platform's MBean server. When this fails with an error, the
+   * caller calls it once more.
    */
   static void register(Controller controller) {
     boolean isFirst = bean == null;

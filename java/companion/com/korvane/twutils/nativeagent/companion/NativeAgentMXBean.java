@@ -82,10 +82,10 @@ public interface NativeAgentMXBean {
   /** Null before the first. */
   String getLastMemoryReport();
 
-  /** It is written anew while the profile runs. Null before it was written first. */
+  /** It is rewritten while the profile runs. Null before it is first written. */
   String getLastContentionReport();
 
-  /** It is written anew while the profile runs. Null before it was written first. */
+  /** It is rewritten while the profile runs. Null before it is first written. */
   String getLastAllocationReport();
 
   /** The file that exceptions are written to; null before the first capture. */

@@ -38,7 +38,7 @@ final class OptionReader {
     return amount(key) != 0;
   }
 
-  /** -1 for all, or for ever. */
+  /** -1 for all, or forever. */
   int number(OptionKey key) {
     return Math.toIntExact(amount(key));
   }

@@ -5,7 +5,7 @@ import com.korvane.twutils.nativeagent.ProfileSession;
 import java.io.IOException;
 import java.time.Duration;
 
-/** Runs a profile until it is stopped, and writes its report anew at an interval. */
+/** Runs a profile until it is stopped, and rewrites its report at an interval. */
 abstract class ProfilePlan<S extends ProfileSession> extends SessionPlan<S> {
   private final Feature feature;
   private final Duration interval;

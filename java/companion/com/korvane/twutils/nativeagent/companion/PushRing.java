@@ -112,7 +112,7 @@ final class PushRing {
     }
   }
 
-  /** Windows that were sent, wait, were dropped for want of room, and were refused. */
+  /** Windows that were sent, wait, were dropped for lack of room, and were refused. */
   long[] counts() {
     lock.lock();
     try {

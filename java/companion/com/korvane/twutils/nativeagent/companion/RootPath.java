@@ -59,7 +59,7 @@ final class RootPath {
   }
 
   final String className;
-  final Long bytes; // null when the VM does not tell
+  final Long bytes; // null when the VM does not report it
   final long allocatedAt; // milliseconds since 1970
   final List<String> stack; // of the allocation; the top first
 

@@ -12,13 +12,13 @@ import java.util.Set;
 /** Paths to roots, with those that are alike as one. Used by one thread. */
 final class RootPathGroups {
   static final int MOST_PATHS = 100;
-  private static final int MOST_SAMPLES = 2000; // the recorder has 256, unless it is told otherwise
+  private static final int MOST_SAMPLES = 2000; // the recorder has 256 by default
 
   private final List<RootPath> paths = new ArrayList<>();
   private int samples;
   private int withRoot;
   private int own;
-  private int omitted; // paths of their own, for want of room
+  private int omitted; // paths of their own, for lack of room
 
   private static final class Group {
     final RootPath first;

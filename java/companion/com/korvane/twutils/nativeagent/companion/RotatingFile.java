@@ -11,11 +11,11 @@ import java.util.regex.Matcher;
 import java.util.regex.Pattern;
 
 /**
- * A file of lines that begins anew when it is full: the full one goes on as NAME-1.EXTENSION, the
- * next as NAME-2 and so on, and the oldest are deleted when there are too many.
+ * A file of lines that starts over when it is full. The full one is renamed to
+ * NAME-1.EXTENSION, the next one to NAME-2 and so on, and the oldest are deleted when there are too many.
  *
  * <p>For one thread. A line is written completely or not at all, and after a failure of any kind
- * the next one is tried anew.
+ * the next one is tried again.
  */
 class RotatingFile {
   private final Path folder;
@@ -116,7 +116,7 @@ class RotatingFile {
   private void takeBack() throws IOException {
     isCut = false;
     RandomAccessFile cut = file;
-    file = null; // the next line opens the file anew when this fails, and it counts as full
+    file = null; // the next line reopens the file when this fails, and it counts as full
     if (cut == null) {
       return;
     }

@@ -11,10 +11,10 @@ import java.util.List;
 import java.util.Locale;
 
 /**
- * A file with a JSON object a line for each sweep: when it was, how many classes it covered,
- * how many objects were added, how long the program stood still, how long it is until the next one,
- * and of which classes no more objects are tracked for now. Made with its first line. Sweeps for
- * which it has no room are skipped, and its last line says so.
+ * A file with a JSON object a line for each sweep: when it was, how many classes it covered, and
+ * how many objects were added. Also how long the program stood still, how long it is until the next
+ * one, and of which classes no more objects are tracked for now. Made with its first line. Sweeps
+ * for which it has no room are skipped, and its last line reports it.
  */
 final class SweepLog {
   private static final int MAX_SIZE = 10 << 20; // bytes, except for the last line

@@ -10,7 +10,7 @@ import java.util.concurrent.locks.ReentrantLock;
  * Whose turn it is to control the agent: steps at their times, on one thread, and what is asked for
  * from outside. One comes after the other.
  *
- * <p>A step that fails with an error, for want of memory perhaps, comes again a second later, as
+ * <p>A step that fails with an error, perhaps for lack of memory, comes again a second later, as
  * often as it takes. So it has to go on from where it failed.
  */
 final class Timetable {
