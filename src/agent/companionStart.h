@@ -1,9 +1,9 @@
 // Starts the companion in this VM: the Java side in javanativeagent.jar, beside the library.
 //
 // The option -javaagent does the same, with the module java.instrument: the VM then sets up its
-// modules anew and not from its archive, which takes longer than all that the agent does. What runs
-// natively from the VM's start on needs the companion to be written only. So it comes when the VM
-// has lived for a while, or when its shutdown hooks are about to run and there is something to
+// modules again instead of from its archive, which takes longer than all that the agent does. What
+// runs natively from the VM's start on needs the companion to be written only. So it comes when the
+// VM has lived for a while, or when its shutdown hooks are about to run and there is something to
 // report. A VM that ends before leaves no report, and a line in the list of the VMs, which it
 // writes when it starts: it may be killed.
 //

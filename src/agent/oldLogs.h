@@ -18,8 +18,8 @@ struct logDate {
 std::optional<logDate> parseLogDate(std::string_view digits);
 
 // Whether a log file of `file`'s date is old on the day `today`: the dates differ by five days or
-// more, counted with the length of the month before `today`'s when days are borrowed, or by whole
-// months or years.
+// more, or by whole months or years. When days are borrowed, they are counted with the length of
+// the month before `today`'s.
 bool isOldLog(const logDate& file, const logDate& today);
 
 // Deletes the file "<directory>/<its last component>" when that component is the name of a log that

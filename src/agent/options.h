@@ -42,10 +42,10 @@ struct startUpSettings {
 // throw for a number that is none, after naming the item on standard error.
 startUpSettings readOptions(profilerRegistry& registry, std::string_view options);
 
-// Whether nothing but errors is to be printed: the option `quiet`, read before all others.
+// Whether only errors are printed: the option `quiet`, read before all others.
 bool asksForQuiet(std::string_view options);
 
-// Whether nothing is to be taken of the VM yet: the option `idle`, likewise.
+// Whether the agent takes nothing of the VM yet: the option `idle`, likewise.
 bool asksForIdle(std::string_view options);
 
 // The same, for a VM that may not give the event of exceptions: they are then captured where they

@@ -72,7 +72,7 @@ class profiler {
 
   std::int32_t state() const { return state_.load(std::memory_order_acquire); }
 
-  // Set while this profiler's handlers are to be installed.
+  // Set while this profiler wants its handlers installed.
   bool enabled() const { return enabled_.load(std::memory_order_acquire); }
   void setEnabled(bool enabled) { enabled_.store(enabled, std::memory_order_release); }
 

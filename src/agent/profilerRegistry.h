@@ -34,8 +34,8 @@ class profilerRegistry {
   // replaced, and goes with its last user. Unknown kinds are refused. Deliberate: always false.
   bool createProfiler(std::int32_t kind);
 
-  // Sets the enabled flag of the profiler of `kind`, if there is one, and installs the handlers of
-  // all enabled profilers anew, in ascending order of kind.
+  // Sets the enabled flag of the profiler of `kind`, if there is one, and reinstalls the handlers
+  // of all enabled profilers, in ascending order of kind.
   void switchProfiler(std::int32_t kind, bool enable);
 
   // Unregisters, releases and gives up the profiler of `kind`, if there is one.

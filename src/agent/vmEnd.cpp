@@ -23,7 +23,7 @@ std::atomic<void (*)()> callAtEnd{nullptr};
 std::atomic<jvmtiEnv*> watching{nullptr};  // null for a VM that needs no watch
 
 // The thread that ends the VM is within System.exit or Runtime.halt, where another thread that ends
-// has no frame left; or it is the one that has waited for all others after main returned: HotSpot's
+// has no frame left. Or it is the one that has waited for all others after main returned: HotSpot's
 // launcher has one with a name, and other programs one that was attached before.
 bool endsVm(jvmtiEnv* jvmti, JNIEnv* jni, jthread thread) {
   if (support::attachGate::isDestroyer()) {

@@ -336,7 +336,7 @@ void allocationProfile::shutdownBegins(JNIEnv* jni, bool afterCollection,
   session_.shutdown = frozen_->at;
 }
 
-// Whether there is to be a collection after the shutdown hooks, which shows what they have left.
+// Whether a collection follows the shutdown hooks, which shows what they have left.
 bool allocationProfile::prepareLastCollection(JNIEnv* jni) {
   if (!frozen_ || !frozen_->afterCollection || collectionNanos_ >= kShortCollection) {
     return false;

@@ -26,7 +26,7 @@ void countIn(std::vector<std::uint64_t>& buckets, std::uint64_t value) {
 void survivingSamples::begin(std::size_t limit, std::int64_t now) {
   limit_ = limit;
   startedAt_ = now;
-  // Two full queues beyond the limit, at most: no reference is lost for want of memory.
+  // Two full queues beyond the limit, at most: no reference is lost for lack of memory.
   live_.reserve(limit + 2 * sampleQueue::kMost);
   stacks_.clear();
   indexes_.clear();

@@ -192,7 +192,7 @@ void contentionProfile::findClasses(JNIEnv* jni) {
   }
 }
 
-// What is to be said of parks in the report.
+// What the report states about parks.
 std::string contentionProfile::hookParks(JNIEnv* jni) {
   static constexpr parkCallbacks kCallbacks{acquisitionBegins, blockerSet};
   if (environment_.capabilities().can_retransform_classes == 0) {

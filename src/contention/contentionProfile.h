@@ -110,7 +110,7 @@ class contentionProfile {
   parkClasses parks_ GUARDED_BY(controlMutex_);
   ownerClasses owners_ GUARDED_BY(controlMutex_);
 
-  // Held for a look at the blocked threads, calls into the VM included; no handler takes it.
+  // Held while the blocked threads are sampled, calls into the VM included; no handler takes it.
   support::timedMutex samplesMutex_;
   contentionSession session_ GUARDED_BY(samplesMutex_);
   contentionSamples samples_ GUARDED_BY(samplesMutex_);

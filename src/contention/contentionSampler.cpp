@@ -137,8 +137,8 @@ void contentionSampler::scan(std::int64_t now) {
   }
 }
 
-// Of the threads of a lock that many meet, only some leave a reference to themselves: every n-th,
-// whatever the length of its block, so that those who can be looked at are like the others.
+// Of the threads of a lock that many meet, only every n-th leaves a reference to itself. The length
+// of its block does not matter, so that the threads that can be sampled are like the others.
 void contentionSampler::thinOut(std::int64_t now) {
   constexpr std::uint64_t kPerLock = 16;
   constexpr std::uint64_t kInAll = 128;

@@ -50,9 +50,8 @@ class contentionSampler {
  private:
   static constexpr std::size_t kLocksPerTick = 8;
   static constexpr std::size_t kWaitersPerLock = 4;
-  static constexpr std::size_t kMostWaiting =
-      256;                                         // of a lock, among whom a look finds its waiters
-  static constexpr std::uint64_t kWaitShare = 20;  // one tick in so many looks at waits
+  static constexpr std::size_t kMostWaiting = 256;  // of a lock, for a sample to choose from
+  static constexpr std::uint64_t kWaitShare = 20;   // of ticks: one in so many samples waits
 
   // Sums of a lock, or of all, when the current window began.
   struct baseline {

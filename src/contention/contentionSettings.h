@@ -14,7 +14,7 @@ struct contentionSettings {
   static constexpr std::int64_t kShortestWindow = 1000;
   static constexpr std::int64_t kLongestWindow = 3'600'000;
 
-  std::int32_t locks = 4096;           // told apart
+  std::int32_t locks = 4096;           // listed separately
   std::int32_t samplesPerSecond = 50;  // 0 for none
   std::int32_t budgetPercent = 1;      // of one processor, for samples
   std::int64_t stuckMillis = 30'000;   // a longer block is stuck

@@ -100,7 +100,7 @@ void lockLook::readOwner(const lockRecord& record, jobject lock, ownerSeen& seen
   }
   std::int32_t frameBefore = -1;
   std::int32_t frame = -1;
-  // Without the frames nothing but the check afterwards is to be had for a safepoint.
+  // Without the frames, a safepoint would give nothing but the check afterwards.
   const bool held = !canCheck_ || holdsStill(record, lock, owner, frameBefore);
   const std::uint32_t stack = held ? stackOf(owner) : 0;
   if (!held || !holdsStill(record, lock, owner, frame)) {

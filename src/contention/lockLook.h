@@ -12,7 +12,7 @@
 
 namespace agent {
 
-// A blocked thread, as a look shows it.
+// A blocked thread, as a sample shows it.
 struct waiterSeen {
   std::uint32_t thread = 0;  // name and stack by id
   std::uint32_t stack = 0;

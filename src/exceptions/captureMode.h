@@ -1,9 +1,9 @@
 // Where exceptions are captured: where they are thrown, by the VM's event, or where they are made,
 // by a hook in the constructors of Throwable.
 //
-// "made" takes no capability that slows the program's throws, and sees other things: an exception
-// that is made and never thrown counts; one that is thrown again, one that the VM has made before,
-// and the implicit ones of code that HotSpot has optimised are not seen. The exception is half made
+// "made" takes no capability that slows the program's throws, and sees other things. An exception
+// that is made and never thrown counts. Not seen are one that is thrown again, one that the VM has
+// made before, and the implicit ones of code that HotSpot has optimised. The exception is half made
 // when it is handed over.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The constructors that make an exception, by which its maker is told from them.
+// The constructors that make an exception, which distinguish its maker from them.
 #pragma once
 
 #include <jvmti.h>

@@ -54,8 +54,8 @@ std::string withoutValues(std::string_view text);
 // A record as it grows: entries are appended in place, nested ones too, up to a budget of bytes.
 //
 // What is open can always be closed: room for that is kept from the moment of opening. Something
-// that does not fit is not appended and leaves the record cut; whoever walks over values then stops
-// and closes what it has opened, so that a cut record ends after its last complete entry.
+// that does not fit is not appended and leaves the record cut. The walk over values then stops and
+// closes what it has opened, so that a cut record ends after its last complete entry.
 //
 // Beside the text it keeps the places of the separators, if they are wanted. These are no part of
 // the budget, which is the same with them and without: 4 bytes for a separator of 3 or more.
@@ -74,7 +74,7 @@ class builder {
   void cut() { isCut_ = true; }
 
   // A frame, which begins with its header; false when that does not fit. `inner` are the places
-  // within the header that are to be kept, counted from its start.
+  // within the header that must be kept, counted from its start.
   bool openFrame(std::string_view header, std::initializer_list<std::size_t> inner = {});
   // Ends a section of the open frame, or with kEndFrame the frame.
   void endSection(std::string_view mark);
@@ -87,7 +87,7 @@ class builder {
   // The value as "%f" writes it in the C locale.
   void appendFloat(std::string_view name, typeCode code, double value, bool isStatic = false);
   // The entry of a null reference: among arguments and locals, and among an object's fields.
-  // Deliberate: of two forms. What else is written so is told apart by its place only.
+  // Deliberate: of two forms. Only its place distinguishes it from what else is written so.
   void appendNullObject(std::string_view name, valueState state = valueState::null);
   void appendNullField(std::string_view name, valueState state = valueState::null,
                        bool isStatic = false);
@@ -106,7 +106,7 @@ class builder {
                      Read&& read, bool isStatic = false);
 
   // An object entry, around the entries appended until it is closed. Opening gives what closing
-  // needs, or kNotOpen when there is no room: nothing is to be closed then.
+  // needs, or kNotOpen when there is no room: nothing must be closed then.
   static constexpr std::size_t kNotOpen = 0;
   std::size_t openObject(std::string_view name);
   void closeObject(std::size_t opened, bool isStatic = false);

@@ -1,5 +1,6 @@
-// The stack of a throw as the text of its record: a header for each frame, and the values of its
-// arguments and locals, of `this` and of the thread locals as far as they are wanted.
+// The stack of a throw as the text of its record: a header and values for each frame. The values
+// are those of its arguments and locals, of `this` and of the thread locals, as far as they are
+// wanted.
 //
 // Used on the throwing thread, within one handler, for one record.
 #pragma once
@@ -32,8 +33,8 @@ struct captureDepths {
 };
 
 // The line of a location: from its second entry on, the table's entry before the first one that
-// starts beyond the location. -1 for location -1, without a table, and in the table's last range;
-// a table of one entry gives its line.
+// starts beyond the location. A table of one entry gives its line. -1 for location -1, without a
+// table, and in the table's last range.
 jint lineOf(jlocation location, const jvmtiLineNumberEntry* table, jint count);
 
 class frameCapture {

@@ -24,7 +24,7 @@ thread_local bool hasSinkBegun = false;
 // Whether the callback of this process announces its sink; it has by the first record of a sink.
 std::atomic<bool> sinksAreNoted{false};
 
-// An environment with the capability to send exceptions, made when the first one is to be sent:
+// An environment with the capability to send exceptions, made before the first one is sent:
 // the one that profiles does not ask for it. Null when the VM gives none.
 class sender {
  public:
@@ -129,8 +129,8 @@ raisedInHandler::kind raisedInHandler::clear(thrower possible) {
   return found;
 }
 
-// That of Thread.stop is known by its class. Nothing else tells how an exception came to be
-// pending: one that a sink throws must not end a thread of the program, so it counts as sent only
+// That of Thread.stop is known by its class. Nothing else shows how an exception came to be
+// pending. One that a sink throws must not end a thread of the program. So it counts as sent only
 // where nothing of ours can have thrown it. What the VM runs out of may come up anywhere.
 raisedInHandler::kind raisedInHandler::kindOf(jthrowable raised, thrower possible) {
   const localRef<jclass> cls(jni_, jni_->GetObjectClass(raised));

@@ -1,9 +1,9 @@
 // The Java exceptions that an event handler finds pending after its own calls.
 //
 // What those calls have thrown themselves (a sink, memory that is used up) must not reach the
-// program, and is dropped. An asynchronous exception, which another thread has sent to this one by
-// Thread.stop or by StopThread of JVMTI, happens to be delivered in such a call as well: it belongs
-// to the program, and is sent again when the handler is done.
+// program, and is dropped. Another thread may send this one an asynchronous exception, by
+// Thread.stop or by StopThread of JVMTI. It may be delivered in one of those calls. It belongs to
+// the program, and is sent again when the handler is done.
 #pragma once
 
 #include <jvmti.h>

@@ -19,9 +19,9 @@ enum class valueState : std::uint32_t {
   unreadable = 5,  // reading it failed
 };
 
-// A place has the offset of a separator in the low bits, in UTF-16 units of the text; then the
-// state of the value that ends there, and whether that is a static field; and whether an object
-// entry begins there. It is never negative.
+// A place has the offset of a separator in the low bits, in UTF-16 units of the text. Above are the
+// state of the value that ends there, whether that is a static field, and whether an object entry
+// begins there. It is never negative.
 //
 // There is a place for each separator, in their order, and before the end of a frame's header one
 // each for the dot before the method, the parenthesis and the colon before the line. A separator

@@ -91,7 +91,7 @@ constexpr std::array<std::string_view, 25> kCounts{
     "number",  "total",  "ttl",  "timeout",  "seconds", "millis", "minutes", "days", "hours",
     "expires", "expiry", "age",  "attempts", "tokens",  "cards",  "cookies"};
 
-// One of a longer name is hidden without a look at it.
+// One of a longer name is hidden without being read.
 constexpr std::size_t kLongestName = 512;
 
 bool isLower(char c) {

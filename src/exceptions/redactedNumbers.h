@@ -7,9 +7,9 @@
 
 namespace agent::redacted {
 
-// The end of the card number that begins at `at`, where a run of digits begins: 13 to 19 digits
-// with a valid check digit, in one run or in groups with one kind of separator. `at` when there is
-// none.
+// The end of the card number that begins at `at`, where a run of digits begins. It has 13 to 19
+// digits with a valid check digit, in one run or in groups with one kind of separator. `at` when
+// there is none.
 std::size_t endOfCard(std::string_view text, std::size_t at);
 
 // The same for an IBAN of a country that has them, where a word begins. Blanks may be in it.

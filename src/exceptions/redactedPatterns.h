@@ -1,4 +1,4 @@
-// The users' own patterns for values that are to be hidden.
+// The users' own patterns for values to hide.
 #pragma once
 
 #include <cstddef>

@@ -50,7 +50,7 @@ class redaction {
   std::optional<reason> ofVariable(std::string_view name, std::string_view signature) const;
   // The same for an object of a class.
   std::optional<reason> ofClass(std::string_view signature) const;
-  // Whether a number is to be hidden: that of a card.
+  // Whether a number must be hidden: that of a card.
   std::optional<reason> ofNumber(std::int64_t value) const {
     // Of 13 digits, and no time in milliseconds since the epoch.
     constexpr std::int64_t kSmallest = 2'000'000'000'000;
@@ -60,7 +60,7 @@ class redaction {
   bool looksAtValues() const { return mode_ >= redactionMode::standard; }
   redactionMode mode() const { return mode_; }
 
-  // The text with what is to be hidden replaced; either `text` itself or in `changed`. See
+  // The text with all secrets replaced; either `text` itself or in `changed`. See
   // redacted::hideIn.
   std::string_view text(std::string_view text, bool isWhole, std::string& changed) const;
 

@@ -110,7 +110,7 @@ siteRow& siteCounts::thrown(const throwEvent& event, const knownClass& thrower,
 siteRow& siteCounts::thrownSomewhere(const throwEvent& event) noexcept {
   siteRow* row = &other_;
   if (event.info) {
-    const siteKey key{{event.info->value.id, 0, 0, 0}};  // no site has such a one
+    const siteKey key{{event.info->value.id, 0, 0, 0}};  // no site has this key
     siteRow* const known = find(key);
     row = known == nullptr ? &meetClass(event.info->value.name, key) : known;
   }

@@ -49,7 +49,7 @@ struct knownClass {
   std::string lowerCaseName;
   bool ignoredAsThrower = false;     // what its methods throw is never recorded
   bool framesWithoutValues = false;  // frames of its methods have no arguments and locals
-  // Up to when its exceptions count as over the rate without a look at where they were made, in
+  // Up to when its exceptions count as over the rate without a lookup of where they were made, in
   // nanoseconds of the steady clock.
   mutable std::atomic<std::int64_t> overRateUntil{0};
 

@@ -33,8 +33,8 @@ struct undeliveredRecord {
 
 // At most 64 records with 4 MiB of text and places; a text that does not fit is shortened to its
 // first frame, without values, and counts as cut. Nothing is kept before someone has asked for a
-// record: whoever takes none would have them kept for ever. Any thread; nothing waits except for a
-// move of strings.
+// record. Otherwise records that nobody takes would be kept forever. Any thread; nothing waits
+// except for a move of strings.
 class undeliveredRecords {
  public:
   static constexpr std::size_t kMost = 64;

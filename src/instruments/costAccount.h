@@ -43,7 +43,7 @@ class costAccount {
     return call();
   }
 
-  // Whether a tick at `now` is within the budget; one that is not is counted as left out.
+  // Whether a tick at `now` is within the budget; one that is not is counted as skipped.
   bool takeTick(std::int64_t now);
   // How many safepoints are within the budget now.
   std::size_t affordable() const {

@@ -2,7 +2,7 @@
 // each held others up.
 //
 // Events of many threads meet here. Each class has its mutex for itself; none is held across a call
-// into the VM. Nothing here writes to the log: operations answer what is to be logged.
+// into the VM. Nothing here writes to the log: operations return what must be logged.
 //
 // Times are nanoseconds of JVMTI GetTime.
 #pragma once
@@ -109,7 +109,7 @@ class monitorLookups {
 // The threads known to be between their contended-enter and contended-entered events on a monitor.
 //
 // A count holds for one epoch: whenever events may have been missed (a control call, a handler that
-// gave up early) the profiler's epoch moves on and the count starts anew. It may fall behind the
+// gave up early) the profiler's epoch moves on and the count starts again. It may fall behind the
 // truth, never run ahead of it: who is counted does wait.
 class waiterTally {
  public:

@@ -152,7 +152,7 @@ void mutexLockProfiler::contendedEnter(monitorEvent& event) {
 }
 
 void mutexLockProfiler::contendedEntered(monitorEvent& event) {
-  // A waiter whose end was not understood here must not count as waiting for ever.
+  // A waiter whose end was not understood here must not count as waiting forever.
   struct missedEvent {
     std::atomic<std::uint32_t>& epoch;
     bool missed = true;

@@ -2,9 +2,9 @@
 // seen.
 //
 // The text of a trace takes three calls into the VM for each frame. A trace is therefore remembered
-// by its methods, together with weak references on their classes: method IDs die with their class
-// (JDK-8268364), and may then come to mean other methods, so a trace counts as known only while all
-// of its classes are loaded. Classes of the VM's own loaders, which are never unloaded, need no
+// by its methods, together with weak references on their classes. Method IDs die with their class
+// (JDK-8268364), and may then mean other methods. So a trace counts as known only while all of its
+// classes are loaded. Classes of the VM's own loaders, which are never unloaded, need no
 // reference.
 #pragma once
 

@@ -13,7 +13,7 @@ namespace agent {
 struct instanceTally {
   std::int32_t room = std::numeric_limits<std::int32_t>::max();  // how many may get a tag
   std::int32_t tagged = 0;
-  bool isCut = false;  // an instance was skipped for want of room
+  bool isCut = false;  // an instance was skipped for lack of room
 };
 
 // Gives the untagged instances of exactly these classes the tag of `generation`: those that can be

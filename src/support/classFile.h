@@ -44,9 +44,12 @@ struct changedClass {
 // variables and stack maps. All others are omitted, type annotations among them: they may hold
 // offsets into the code. Nothing else of the class changes except for constants that are added.
 //
-// None when the bytes are not a well-formed class file as far as they are read, when code would get
-// longer than 65535 bytes, when there is no room for the constants, when the code has fewer local
-// variables than an insertion takes, or when a constructor does not begin as its insertion wants.
+// None when:
+// - the bytes are not a well-formed class file as far as they are read,
+// - code would get longer than 65535 bytes,
+// - there is no room for the constants,
+// - the code has fewer local variables than an insertion takes,
+// - a constructor does not begin as its insertion wants.
 // Other instructions are not read.
 std::optional<changedClass> insertCalls(std::span<const std::uint8_t> classFile,
                                         std::span<const callInsertion> insertions);

@@ -11,7 +11,7 @@ class fileWriter {
  public:
   enum class mode { truncate, append };
 
-  // Who may read a file that is created; nobody else may write it.
+  // The readers of a new file; only its owner may write it.
   enum class readers { all, owner };
 
   // Opens or creates the file, without ever waiting. What is not a regular file is an error,

@@ -42,8 +42,8 @@ class localRef {
 };
 
 // A local frame: every local reference made while it stands is freed with it. `capacity` is how
-// many references the caller expects; a VM that cannot provide them leaves the frame out, and the
-// references go to the frame around it: whoever sees pushed() false deletes them one by one.
+// many references the caller expects. A VM that cannot provide them makes no frame, and the
+// references go to the frame around it. A caller that sees pushed() false deletes them one by one.
 class localFrame {
  public:
   localFrame(JNIEnv* jni, jint capacity) : jni_(jni), pushed_(jni->PushLocalFrame(capacity) == 0) {

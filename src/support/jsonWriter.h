@@ -59,9 +59,9 @@ class jsonWriter {
   bool afterKey_ = false;
 };
 
-// Appends `text` as a JSON string writes it, without the quotes, up to its first NUL: quote,
-// backslash, line feed, carriage return and tab by a backslash, other bytes from 1 to 31 and 127
-// as \u00XX, everything else unchanged.
+// Appends `text` as a JSON string writes it, without the quotes, up to its first NUL. Quote,
+// backslash, line feed, carriage return and tab are escaped by a backslash, other bytes from 1 to
+// 31 and 127 as \u00XX. Everything else is unchanged.
 void appendEscaped(std::string& out, std::string_view text);
 
 }  // namespace support

@@ -1,10 +1,10 @@
 // A place that publishes one shared object to many readers.
 //
-// Event handlers take a reference on what they work on, so a control call or the unloading of the
+// Event handlers take a reference on what they work on. So a control call or the unloading of the
 // agent can take it away at any moment without waiting for them: the last one out destroys it. A
-// plain shared_ptr in one place would make every event of every thread write to one cache line;
-// here each reader uses the cell of the processor it runs on, and each cell counts its references
-// apart from the others, so that the lines of a cell stay in the cache of its processor.
+// plain shared_ptr in one place would make every event of every thread write to one cache line.
+// Here each reader uses the cell of the processor it runs on. Each cell counts its references apart
+// from the others, so that its lines stay in the cache of that processor.
 #pragma once
 
 #include <sched.h>
@@ -34,8 +34,8 @@ class sharedSlot {
   }
 
   // Publishes `value` (or nothing, for null) to all readers, or throws std::bad_alloc and leaves
-  // what is published; not atomic over readers of different threads. Calls from several threads are
-  // to be serialised by the caller.
+  // what is published; not atomic over readers of different threads. The caller serialises
+  // calls from several threads.
   void store(const std::shared_ptr<T>& value) {
     std::array<std::shared_ptr<T>, kCells> next;
     for (std::shared_ptr<T>& each : next) {

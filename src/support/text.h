@@ -15,10 +15,10 @@ void appendDottedClass(std::string& out, std::string_view signature);
 // "a.Shop$$Lambda/0x1f".
 std::string classNameOf(std::string_view signature);
 
-// The name or signature of a class up to what differs between runs, the address of a hidden class
-// or the number that a lambda's class has before JDK 15: for "La/Shop$$Lambda.0x0001;" it is
-// "La/Shop$$Lambda", for "La/Shop$$Lambda$14/158;" it is "La/Shop$$Lambda$14". Without one it is
-// whole.
+// The name or signature of a class up to what differs between runs: the address of a hidden class
+// or the number that a lambda's class has before JDK 15. For "La/Shop$$Lambda.0x0001;" it is
+// "La/Shop$$Lambda"; for "La/Shop$$Lambda$14/158;" it is "La/Shop$$Lambda$14". Without one it is
+// complete.
 std::string_view withoutAddress(std::string_view name);
 
 // 64-bit FNV-1a hash.

@@ -28,7 +28,7 @@ class attachSocket {
     std::string text;
   };
 
-  // What comes of a library that was to be loaded.
+  // The result of loading a library.
   struct loadResult {
     std::optional<int> code;  // of its entry; none when it was not called
     std::string text;

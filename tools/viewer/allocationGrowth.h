@@ -33,8 +33,9 @@ struct aliveEvidence {
 std::optional<std::uint64_t> growsBy(const aliveEvidence& alive);
 
 // The growth of a class by histograms: by the line through all of them or through their latter
-// half, whichever is less, so that what has stopped growing does not count; none below 3 that know
-// the class. That half is a quarter of the whole time at least: the last two may be close together.
+// half, whichever is less, so that what has stopped growing does not count. None when fewer than 3
+// know the class. That half is a quarter of the whole time at least: the last two may be close
+// together.
 // `bytes` are live bytes at the times `at` in milliseconds, none where not known.
 std::optional<double> growsBy(const std::vector<std::uint64_t>& at,
                               const std::vector<std::optional<std::uint64_t>>& bytes);

@@ -40,11 +40,14 @@ struct comparison {
   profile before;
   profile after;
   threshold limit;
-  // Contention reports by class and, from samples, by the method that came to the lock, both in
-  // blocked milliseconds; lock reports by class in blocked seconds (identities differ from run to
-  // run), sites in entries, exceptions by class and throwing site in those thrown where the agent
-  // has counted them in both runs, else in records, allocations by class in bytes a minute and in
-  // bytes alive, and by the method that allocated, classes in surviving bytes.
+  // - Contention reports by class and, from samples, by the method that came to the lock, both in
+  //   blocked milliseconds.
+  // - Lock reports by class in blocked seconds (identities differ from run to run), sites in
+  //   entries.
+  // - Exceptions by class and throwing site: in those thrown where the agent has counted them in
+  //   both runs, else in records.
+  // - Allocations by class in bytes a minute and in bytes alive, and by the method that allocated.
+  // - Classes in surviving bytes.
   // Each is summed over the sessions of a run. A kind of report that neither run has is omitted.
   std::vector<comparedTable> tables;
 };

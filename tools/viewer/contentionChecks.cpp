@@ -21,7 +21,7 @@ std::string fileName(const std::string& path) {
 // What is known of the locks of one class.
 struct classTimes {
   std::uint64_t largest = 0;  // of a single lock
-  std::uint64_t others = 0;   // of those that are not told apart
+  std::uint64_t others = 0;   // of those that are not listed separately
   bool isBroken = false;
 };
 
@@ -100,7 +100,7 @@ class contentionCheck {
     }
   }
 
-  // A lock may have had a part of its time while it was not told apart.
+  // A lock may have had a part of its time while it was not listed separately.
   void checkSums(std::uint64_t nameless) {
     for (const auto& [name, times] : classes_) {
       if (!times.isBroken && times.others > 0 && exceeds(plus(times.largest, times.others))) {

@@ -14,7 +14,7 @@
 
 namespace viewer {
 
-// A lock of the report, or a sum of those that are not told apart; the report keeps it.
+// A lock of the report, or a sum of those that are not listed separately; the report keeps it.
 struct shownLock {
   const contentionLock* lock;
   bool isSum;

@@ -48,8 +48,8 @@ struct contentionPair {
   std::uint64_t samples = 0;
 };
 
-// One lock, or the sum over those of a class and kind that are not told apart: without id,
-// identity, field, and threads that are still blocked.
+// One lock, or the sum over those of a class and kind that are not listed separately:
+// without id, identity, field, and threads that are still blocked.
 struct contentionLock {
   std::uint64_t id = 0;
   std::optional<std::string> className;

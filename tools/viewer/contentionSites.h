@@ -77,7 +77,7 @@ std::vector<chainLink> chainOf(const contentionReport& report,
 struct lockClassSum {
   std::string name;
   lockKind kind = lockKind::monitor;
-  std::size_t locks = 0;   // told apart
+  std::size_t locks = 0;   // listed separately
   bool hasOthers = false;  // and others that are not
   std::uint64_t entries = 0;
   std::uint64_t nanos = 0;  // of blocks that have ended, and of those that have not

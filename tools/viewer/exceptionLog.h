@@ -20,7 +20,7 @@ namespace viewer {
 struct capturedValue {
   std::string name;
   std::string type;
-  std::optional<std::string> value;                  // none: null, or what is told below
+  std::optional<std::string> value;                  // none: null, or see below
   std::optional<std::vector<capturedValue>> fields;  // of an object that was read
   std::optional<std::string> redacted;               // why the value is withheld, one word
   bool isUncertain = false;     // null, or an object that compiled code has taken apart
@@ -110,7 +110,7 @@ class exceptionLog {
   // From now on records are without values, messages, threads and the agent's text.
   void hideValues() { areValuesHidden_ = true; }
 
-  // Of one record, without reading it anew.
+  // Of one record, without reading it again.
   const recordOrigin& origin(std::size_t index) const { return *lines_.at(index).from; }
   const std::string& time(std::size_t index) const { return lines_.at(index).time; }
   std::optional<bool> caught(std::size_t index) const { return lines_.at(index).caught; }

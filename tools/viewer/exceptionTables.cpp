@@ -289,7 +289,7 @@ std::string messageOf(const exceptionLog& log, const exceptionGroup& group) {
   return group.records.empty() ? "-" : log.record(group.records.front()).message.value_or("-");
 }
 
-// Why a number may be of more than the place that stands beside it.
+// Why a number may be of more than the place next to it.
 std::vector<std::string> placeNotes(std::span<const exceptionGroup> groups) {
   const bool any = std::any_of(groups.begin(), groups.end(), [](const exceptionGroup& group) {
     return group.isIndirect && group.counts && group.counts->thrown > group.records.size();

@@ -21,7 +21,7 @@ constexpr std::size_t kProblemsOfAFile = 5;
 
 class openFile {
  public:
-  // Opened without blocking, for a pipe that nobody writes to would hold the viewer up for ever.
+  // Opened without blocking, because a pipe without a writer would block the viewer forever.
   explicit openFile(const std::filesystem::path& file)
       : name_(toUtf8(file.string())),
         descriptor_(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {

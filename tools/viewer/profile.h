@@ -67,7 +67,7 @@ struct profile {
 profile readProfile(const std::vector<std::filesystem::path>& inputs);
 
 // Adds a file of a folder to what was read of it, as readProfile() does. False when it is not a
-// report, be it another file or one that is being written.
+// report: another file, or one that is being written.
 bool addFile(profile& all, const inputFile& file);
 
 // The run in this folder. Throws std::filesystem::filesystem_error when there is none.
@@ -78,8 +78,8 @@ profile readRun(const std::filesystem::path& folder);
 // cannot be read.
 std::vector<profile> readJvms(const std::vector<std::filesystem::path>& inputs);
 
-// The same for each JVM: one profile for each folder of a run, be it named or in a folder that is
-// named, and one for all other files together, if there are any or there is nothing else.
+// The same for each JVM: one profile for each folder of a run, which is named or in a folder that
+// is named. All other files together make one more, if there are any or there is nothing else.
 std::vector<profile> readRuns(const std::vector<std::filesystem::path>& inputs);
 
 // The exceptions of a profile by class and place, those of which the most were thrown first.

@@ -17,7 +17,7 @@ std::string toUtf8(std::string_view modified);
 std::size_t appendUtf8(std::string_view modified, bool isLast, std::string& utf8);
 
 // UTF-8 text with U+FFFD in place of each control character, so that a name can neither break a
-// line nor steer the terminal, and of those that hide or turn around what stands beside them.
+// line nor steer the terminal, and of those that hide or reverse what is next to them.
 std::string printable(std::string_view utf8);
 
 // UTF-8 text from its first character on that is neither a blank nor one that printable() replaces.

@@ -102,7 +102,7 @@ class lostJvms {
  public:
   explicit lostJvms(const watch::setup& given) : given_(given) {}
 
-  // Whether there is one that is to be looked at again soon.
+  // Whether there is one that must be checked again soon.
   bool look(pid_t command) {
     std::vector<pid_t> now = watch::familyOf(command);
     std::erase_if(now, [&](pid_t process) {
@@ -180,7 +180,7 @@ void watchOver(const watchedProcess& command, const watch::setup& given) {
 }  // namespace
 
 // Arguments: the process, the settings file without ".properties", the library, the output folder,
-// the command's first word. Or "stay", a number, so many words of what is to be called at the end,
+// the command's first word. Or "stay", a number, so many words of what to call at the end,
 // and the command: see stay.h.
 int main(int argc, char** argv) {
   if (argc > 4 && std::strcmp(argv[1], "stay") == 0) {

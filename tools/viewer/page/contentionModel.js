@@ -11,7 +11,7 @@ const isWait = (lock) => !isContention(lock) && !lock.idle;
 const threadText = (name) => (name === null ? kThreadNotKnown : named(name));
 const siteText = (site) => site ?? kStackNotKnown;
 
-// Locks that are told apart, and sums of those that are not.
+// Locks that are listed separately, and sums of those that are not.
 const allLocks = (profile) => [...profile.locks, ...profile.otherLocks];
 
 // Sums have only blocks that have ended.
@@ -97,10 +97,15 @@ const nanosOfNoLock = (profile, selection) => Math.max(0,
   sum(profile.windows.filter((one) => isSelected(one, selection)).map((one) => one.blockedNanos)) -
   sum(lockRows(profile, isContention, false, selection).map((row) => row.nanos)));
 
-// The pairs of locks from one site of waiters to one site of owners: {waiter, owner (a site or null),
-// isKnown (whether there is an owner), isHolding (whether its site is where it took the lock), now
-// (where it was most, if elsewhere), note, waitsFor (id of a lock), locks, nanos, samples, waiterThreads, ownerThreads, top
-// (the pair of threads and stacks with the most time)}, the most time first. Of different classes of locks there are different pairs.
+// The pairs of locks from one site of waiters to one site of owners, the most time first. Of different
+// classes of locks there are different pairs.
+//   waiter, owner  sites; the owner may be null
+//   isKnown        whether there is an owner
+//   isHolding      whether its site is where it took the lock
+//   now            where it was most, if elsewhere
+//   waitsFor       id of a lock
+//   top            the pair of threads and stacks with the most time
+//   and note, locks, nanos, samples, waiterThreads, ownerThreads
 function sitePairs(locks) {
   const pairs = new Map();
   for (const lock of locks) {

@@ -5,7 +5,7 @@ const kLongestText = 4000;
 const kControlPictures = 0x2400;
 
 // The text with a visible sign for each character that a browser would hide, or that would change
-// the order of those around it; cut when it is so long that it would only fill the page.
+// the order of those around it. A text so long that it would only fill the page is cut.
 function visibleText(text) {
   const shown = String(text).slice(0, kLongestText).replace(
     // eslint-disable-next-line no-control-regex

@@ -178,7 +178,7 @@ function recordDetail(record) {
       el('code', null, `twreport --show ${record.index + 1} --raw`), ' prints it.'));
 }
 
-// The frames, those of the JDK folded where they stand beside each other; the first of the others is
+// The frames, those of the JDK folded where they are next to each other; the first of the others is
 // open.
 function frameItems(frames) {
   const items = [];

@@ -113,7 +113,7 @@ function select(all, names) {
     names.map((name, index) => el('option', {value: index}, named(name))));
 }
 
-// Gives {element, setTree, highlight, draw}; draw is to be called when the element has become
+// Gives {element, setTree, highlight, draw}; call draw when the element has become
 // visible and when colours have changed. `amountText` writes the amount of a node.
 function flameGraph(amountText) {
   const canvas = el('canvas', {class: 'flame'});

@@ -117,7 +117,7 @@ function pairsOfOwner(session, owner, entriesOfThread, lockEntries) {
   return [...pairs.values()];
 }
 
-// The locks that the thread has owned, with its own entries of each, as far as they are known: the
+// The locks that the thread has owned, with its own entries of each, as far as they are known. The
 // stacks of a blocker are those with which it came to locks that it had owned before.
 function ownedLocks(session, owner, entriesOfThread) {
   const stacks = new Set(owner.stacks.map(([stack]) => stack));

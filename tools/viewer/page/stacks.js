@@ -1,5 +1,5 @@
 // The stacks of a session as the tree that a flame graph shows. The stacks are sorted by their
-// frames, so each node of the tree is a range of them at a depth; nodes are made when they are asked
+// frames, so each node of the tree is a range of them at a depth. Nodes are made when they are asked
 // for, which keeps 100 thousand stacks as quick as ten.
 
 class StackTree {

@@ -6,7 +6,8 @@ package com.korvane.twutils.nativeagent;
  * long[] of figures, by the indices below. The second is a String[] with the name of a class for
  * each row, empty for all that are counted together. The third is a long[] with the numbers of the
  * rows, one after the other. Without the agent, and with one that is older than this class,
- * they throw {@link UnsatisfiedLinkError}. They give null when there is no memory. Any thread may call.
+ * they throw {@link UnsatisfiedLinkError}. They give null when there is no memory. Any thread may
+ * call.
  */
 public final class AgentMetrics {
   /** What the three arrays are. */

@@ -12,7 +12,8 @@ import java.util.regex.Pattern;
 
 /**
  * A file of lines that starts over when it is full. The full one is renamed to
- * NAME-1.EXTENSION, the next one to NAME-2 and so on, and the oldest are deleted when there are too many.
+ * NAME-1.EXTENSION, the next one to NAME-2 and so on. The oldest are deleted when there are too
+ * many.
  *
  * <p>For one thread. A line is written completely or not at all, and after a failure of any kind
  * the next one is tried again.
