@@ -36,11 +36,11 @@ public final class ContentionOwners {
     AtomicLong shortNanos = new AtomicLong();
     Profile profile = Profile.start(Profile.closeLook(name));
     for (int i = 0; i < TURNS; i++) {
-      List<Thread> waiters = waiters(lock, longNanos);
-      holdLong(lock, () -> hold(waiters, does, LONG_MILLIS));
+      List<Thread> waiters = waiters(lock);
+      holdLong(lock, () -> longNanos.addAndGet(hold(waiters, does, LONG_MILLIS)));
       join(waiters);
-      List<Thread> others = waiters(lock, shortNanos);
-      holdShort(lock, () -> hold(others, does, SHORT_MILLIS));
+      List<Thread> others = waiters(lock);
+      holdShort(lock, () -> shortNanos.addAndGet(hold(others, does, SHORT_MILLIS)));
       join(others);
     }
     profile.stop();
@@ -48,15 +48,10 @@ public final class ContentionOwners {
     Facts.put(name + ".short", shortNanos);
   }
 
-  /** Threads that take the lock, and add the time that this takes. */
-  private static List<Thread> waiters(Object lock, AtomicLong nanos) {
+  private static List<Thread> waiters(Object lock) {
     List<Thread> waiters = new ArrayList<>();
     for (int i = 0; i < WAITERS; i++) {
-      waiters.add(new Thread(() -> {
-        long asked = System.nanoTime();
-        pass(lock);
-        nanos.addAndGet(System.nanoTime() - asked);
-      }, "waiter-" + i));
+      waiters.add(new Thread(() -> pass(lock), "waiter-" + i));
     }
     return waiters;
   }
@@ -67,10 +62,19 @@ public final class ContentionOwners {
     }
   }
 
-  private static void hold(List<Thread> waiters, String does, int millis) {
+  /**
+   * Lets others wait for a lock that this thread holds. Returns the nanoseconds for which they did,
+   * added up: from when each was seen blocked until the lock is let go. The time that a busy machine
+   * takes to start and to wake threads is not the holder's.
+   */
+  private static long hold(List<Thread> waiters, String does, int millis) {
     waiters.forEach(Thread::start);
-    waiters.forEach(each -> Await.that("a blocked thread", () ->
-        each.getState() == Thread.State.BLOCKED || each.getState() == Thread.State.WAITING));
+    long blockedFrom = 0;
+    for (Thread each : waiters) {
+      Await.that("a blocked thread", () ->
+          each.getState() == Thread.State.BLOCKED || each.getState() == Thread.State.WAITING);
+      blockedFrom += System.nanoTime();
+    }
     long end = System.nanoTime() + TimeUnit.MILLISECONDS.toNanos(millis);
     if (does.equals("sleeps")) {
       Await.untilNanos(end);
@@ -79,6 +83,7 @@ public final class ContentionOwners {
     } else {
       waitForSecond(end);
     }
+    return waiters.size() * System.nanoTime() - blockedFrom;
   }
 
   private static void compute(long end) {
