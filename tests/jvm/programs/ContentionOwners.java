@@ -64,8 +64,8 @@ public final class ContentionOwners {
 
   /**
    * Lets others wait for a lock that this thread holds. Returns the nanoseconds for which they did,
-   * added up: from when each was seen blocked until the lock is let go. The time that a busy machine
-   * takes to start and to wake threads is not the holder's.
+   * added up: from when each was seen blocked until the lock is let go. The time that a busy
+   * machine takes to start and to wake threads is not the holder's.
    */
   private static long hold(List<Thread> waiters, String does, int millis) {
     waiters.forEach(Thread::start);
