@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "testContention.h"
+#include "testCounts.h"
 
 namespace viewer {
 namespace {
@@ -63,6 +64,25 @@ TEST(findings, doNotBlameLocksAtWhichOnlyTheAgentWaited) {
   EXPECT_THAT(findingsOf(with(document))[0].text,
               AllOf(HasSubstr("% of it at com.example.shop.Shop.inventory "),
                     Not(HasSubstr("at com.example.shop.PriceCache@"))));
+}
+
+TEST(findings, doNotBlameTheProgramForExceptionsOfTheAgent) {
+  const std::string own =
+      siteEntry("java.lang.InterruptedException",
+                "com.korvane.twutils.nativeagent.companion.Timetable.step", 71, countMembers(9));
+  countsParts parts;
+  parts.sites =
+      own + "," + siteEntry("com.acme.Refused", "com.acme.Door.open", 12, countMembers(2));
+  parts.total = countMembers(11);
+  profile all;
+  all.exceptions = logOf("", {parts});
+  EXPECT_THAT(findingsOf(all)[1].text,
+              HasSubstr("11 exceptions were thrown, 2 of them com.acme.Refused in com.acme.Door"));
+  parts.sites = own;
+  parts.total = countMembers(9);
+  all.exceptions = logOf("", {parts});
+  EXPECT_THAT(findingsOf(all)[1].text,
+              HasSubstr("9 exceptions were thrown, all of them in classes of the agent."));
 }
 
 TEST(findings, tellWhatWasNotLookedAt) {

@@ -202,6 +202,10 @@ std::string placeOf(const exceptionGroup& group) {
                                              group.otherSites == 1 ? "" : "s");
 }
 
+bool isOwn(const exceptionGroup& group) {
+  return !group.isBeyond && group.site && group.site->starts_with("com.korvane.twutils.");
+}
+
 std::vector<exceptionGroup> groupsOf(const exceptionLog& log, thrownIn where) {
   return grouping(log, where).groups();
 }

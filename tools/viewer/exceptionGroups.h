@@ -48,6 +48,9 @@ constexpr const char* kOtherClasses = "(further classes)";
 // The place of a group in words.
 std::string placeOf(const exceptionGroup& group);
 
+// Whether the place that is shown is in a class of the agent.
+bool isOwn(const exceptionGroup& group);
+
 // The group of which the most were thrown first.
 std::vector<exceptionGroup> groupsOf(const exceptionLog& log,
                                      thrownIn where = thrownIn::outsideJdk);

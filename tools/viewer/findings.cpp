@@ -207,18 +207,24 @@ answer whatFails(const profile& all, thrownIn where) {
                ? unknown("No exception was recorded, and how many were thrown is not known.")
                : answer{fmt::format("No exception was {}.{}", done, limits)};
   }
-  const exceptionGroup& most = groups.front();
-  const std::string what =
-      fmt::format("{} in {}", printable(most.className), printable(placeOf(most)));
+  // The agent's own exceptions are in the totals, but are no failure of the program.
+  const auto most = std::find_if_not(groups.begin(), groups.end(),
+                                     [](const exceptionGroup& group) { return isOwn(group); });
+  const std::string worst =
+      most == groups.end()
+          ? "all of them in classes of the agent"
+          : fmt::format("{} of them {} in {}",
+                        grouped(counts == nullptr ? most->records.size() : most->known()),
+                        printable(most->className), printable(placeOf(*most)));
   if (counts == nullptr) {
     return {fmt::format(
-        "{}, {} of them {}. More may have been thrown: they were not counted.",
+        "{}, {}. More may have been thrown: they were not counted.",
         counted(all.exceptions->size(), "exception was recorded", "exceptions were recorded"),
-        grouped(most.records.size()), what)};
+        worst)};
   }
-  return {fmt::format("{} {}, {} of them {}.{}",
+  return {fmt::format("{} {}, {}.{}",
                       counted(counts->total.thrown, "exception was", "exceptions were"), done,
-                      grouped(most.known()), what, limits)};
+                      worst, limits)};
 }
 
 std::string spanOf(const allocationReport& report) {
