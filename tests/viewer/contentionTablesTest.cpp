@@ -175,6 +175,9 @@ TEST(contentionSitesOf, takeAWaitForIdleOnlyWhenAllOfItIs) {
   lockIn(document, 8)["pairs"] = json::array();
   const contentionReport unknown = parsedContention(document);
   EXPECT_FALSE(isIdle(unknown, *findLock(unknown, 8))) << "no sample shows it";
+  lockIn(document, 8)["class"] = "com.korvane.twutils.nativeagent.companion.Timetable";
+  const contentionReport own = parsedContention(document);
+  EXPECT_TRUE(isIdle(own, *findLock(own, 8))) << "the agent waits for its own objects";
   lockIn(document, 7)["kind"] = "monitor";
   const contentionReport contended = parsedContention(document);
   EXPECT_FALSE(isIdle(contended, *findLock(contended, 7))) << "contention never is";

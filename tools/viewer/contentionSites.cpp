@@ -26,6 +26,8 @@ constexpr std::array<std::string_view, 14> kMachinery = {
     "jdk.internal.vm.",
     "sun.misc.Unsafe."};
 
+constexpr std::string_view kOwnPackage = "com.korvane.twutils.nativeagent.";
+
 // Frames of threads that wait for something to do.
 constexpr std::array<std::string_view, 7> kIdle = {
     "java.lang.ref.ReferenceQueue.",
@@ -34,7 +36,7 @@ constexpr std::array<std::string_view, 7> kIdle = {
     "java.util.TimerThread.mainLoop",
     "java.util.concurrent.ThreadPoolExecutor.getTask",
     "java.util.concurrent.ForkJoinPool.awaitWork",
-    "com.korvane.twutils.nativeagent."};
+    kOwnPackage};
 
 constexpr std::array<std::string_view, 2> kIdleClasses = {
     "java.lang.ref.ReferenceQueue$Lock", "java.lang.ref.NativeReferenceQueue$Lock"};
@@ -153,8 +155,9 @@ bool isIdle(const contentionReport& report, const contentionLock& lock) {
   if (isContention(lock.kind)) {
     return false;
   }
-  if (lock.className &&
-      std::find(kIdleClasses.begin(), kIdleClasses.end(), *lock.className) != kIdleClasses.end()) {
+  if (lock.className && (lock.className->starts_with(kOwnPackage) ||
+                         std::find(kIdleClasses.begin(), kIdleClasses.end(), *lock.className) !=
+                             kIdleClasses.end())) {
     return true;
   }
   return !lock.pairs.empty() &&
