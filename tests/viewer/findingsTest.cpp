@@ -81,8 +81,29 @@ TEST(findings, doNotBlameTheProgramForExceptionsOfTheAgent) {
   parts.sites = own;
   parts.total = countMembers(9);
   all.exceptions = logOf("", {parts});
-  EXPECT_THAT(findingsOf(all)[1].text,
-              HasSubstr("9 exceptions were thrown, all of them in classes of the agent."));
+  EXPECT_THAT(
+      findingsOf(all)[1].text,
+      HasSubstr("9 exceptions were thrown, none of them seen outside the agent's classes."));
+}
+
+TEST(findings, blameTheAgentForExceptionsOfTheJdkOnlyWhereRecordsShowItsCall) {
+  const std::string own = "com.korvane.twutils.nativeagent.companion.Growth.<init>:55";
+  const auto failures = [&](int thrown, const std::vector<std::string>& callers) {
+    countsParts parts;
+    parts.sites = siteEntry("a.Bad", "java.util.Parser.parse", 7, countMembers(thrown)) + "," +
+                  siteEntry("a.Refused", "a.Door.open", 12, countMembers(1));
+    parts.total = countMembers(thrown + 1);
+    std::string lines;
+    for (const std::string& caller : callers) {
+      lines += recordLine("a.Bad", {"java.util.Parser.parse:7", caller});
+    }
+    profile all;
+    all.exceptions = logOf(lines, {parts});
+    return findingsOf(all)[1].text;
+  };
+  EXPECT_THAT(failures(2, {own}), HasSubstr("3 exceptions were thrown, 1 of them a.Refused in "));
+  EXPECT_THAT(failures(3, {own}), HasSubstr("4 exceptions were thrown, 3 of them a.Bad in "));
+  EXPECT_THAT(failures(2, {own, "a.Shop.read:1"}), HasSubstr(", 2 of them a.Bad in "));
 }
 
 TEST(findings, tellWhatWasNotLookedAt) {

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <tuple>
 
+#include "ownNames.h"
+
 namespace viewer {
 namespace {
 
@@ -25,8 +27,6 @@ constexpr std::array<std::string_view, 14> kMachinery = {
     "jdk.internal.misc.VirtualThreads.",
     "jdk.internal.vm.",
     "sun.misc.Unsafe."};
-
-constexpr std::string_view kOwnPackage = "com.korvane.twutils.nativeagent.";
 
 // Frames of threads that wait for something to do.
 constexpr std::array<std::string_view, 7> kIdle = {
@@ -166,7 +166,6 @@ bool isIdle(const contentionReport& report, const contentionLock& lock) {
 }
 
 bool isOwn(const contentionLock& lock) {
-  static constexpr std::string_view kOwnThreads = "javanativeagent";  // their names begin so
   return isContention(lock.kind) && !lock.pairs.empty() &&
          std::all_of(lock.pairs.begin(), lock.pairs.end(), [](const contentionPair& pair) {
            return pair.waiterThread && pair.waiterThread->starts_with(kOwnThreads);

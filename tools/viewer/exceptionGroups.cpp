@@ -6,6 +6,8 @@
 #include <map>
 #include <utility>
 
+#include "ownNames.h"
+
 namespace viewer {
 namespace {
 
@@ -116,6 +118,10 @@ class grouping {
       found->second.className = className;
       found->second.site = most == nullptr ? std::nullopt : std::optional(*most);
       found->second.otherSites = places.size() - (places.empty() ? 0 : 1);
+      found->second.isOfAgent =
+          !places.empty() && std::all_of(places.begin(), places.end(), [](const auto& one) {
+            return one.first.starts_with(kOwnPackage);
+          });
     }
     found->second.isIndirect = found->second.isIndirect || shown.areIndirect;
     return found->second;
@@ -203,7 +209,7 @@ std::string placeOf(const exceptionGroup& group) {
 }
 
 bool isOwn(const exceptionGroup& group) {
-  return !group.isBeyond && group.site && group.site->starts_with("com.korvane.twutils.");
+  return group.isOfAgent && (!group.isIndirect || 2 * group.records.size() >= group.known());
 }
 
 std::vector<exceptionGroup> groupsOf(const exceptionLog& log, thrownIn where) {

@@ -30,6 +30,7 @@ struct exceptionGroup {
   std::size_t otherSites = 0;              // further such places that records of the group have
   std::optional<throwCounts> counts = {};  // by the agent; none where it has not counted
   std::vector<std::string> throwing = {};  // the throwing sites that are counted
+  bool isOfAgent = false;                  // each place that is known is in a class of the agent
   bool isIndirect = false;   // thrown below the place that is shown, perhaps elsewhere, too
   bool isBeyond = false;     // of sites that the agent had no room for, so that none is known
   std::uint64_t caught = 0;  // of the records
@@ -48,7 +49,8 @@ constexpr const char* kOtherClasses = "(further classes)";
 // The place of a group in words.
 std::string placeOf(const exceptionGroup& group);
 
-// Whether the place that is shown is in a class of the agent.
+// Whether exceptions of the agent's own are all that is known of the group. Not when they are
+// thrown in the JDK and fewer than half have a record: nobody knows who called it for the others.
 bool isOwn(const exceptionGroup& group);
 
 // The group of which the most were thrown first.

@@ -212,7 +212,7 @@ answer whatFails(const profile& all, thrownIn where) {
                                      [](const exceptionGroup& group) { return isOwn(group); });
   const std::string worst =
       most == groups.end()
-          ? "all of them in classes of the agent"
+          ? "none of them seen outside the agent's classes"
           : fmt::format("{} of them {} in {}",
                         grouped(counts == nullptr ? most->records.size() : most->known()),
                         printable(most->className), printable(placeOf(*most)));
